@@ -1,0 +1,58 @@
+# Test, benchmark and example programs.
+
+if(BUILD_TESTING)
+    find_package(GTest REQUIRED)
+    find_package(Python3 REQUIRED COMPONENTS Interpreter)
+    include(GoogleTest)
+endif()
+if(PAVO_BENCHMARKS)
+    find_package(benchmark REQUIRED)
+endif()
+
+# pavo_test(<program> SOURCES <source>... [LIBS <library>...] [ROOT])
+# A GoogleTest program, one a layer. CTest knows each of its tests as <program>.<suite>.<test>, read
+# from the program when ctest runs. ROOT is for programs that make namespaces and mounts: their main
+# function enters a sandbox first, in which they are root.
+function(pavo_test program)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "ROOT" "" "SOURCES;LIBS")
+    add_executable(${program} ${arg_SOURCES})
+    target_link_libraries(${program} PRIVATE ${arg_LIBS} pavo-test-support GTest::gmock)
+    if(arg_ROOT)
+        target_sources(${program} PRIVATE "${PROJECT_SOURCE_DIR}/tests/support/SandboxMain.cpp")
+    else()
+        target_link_libraries(${program} PRIVATE GTest::gtest_main)
+    endif()
+    pavo_compile(${program})
+    gtest_discover_tests(
+        ${program}
+        TEST_PREFIX "${program}."
+        DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT 120 LABELS "${program}"
+    )
+endfunction()
+
+# pavo_python_test(<name> <script> <argument>...)
+# A script from the source tree as one test.
+function(pavo_python_test name script)
+    add_test(NAME ${name} COMMAND Python3::Interpreter "${PROJECT_SOURCE_DIR}/${script}" ${ARGN})
+    set_tests_properties(${name} PROPERTIES LABELS tools ENVIRONMENT PYTHONDONTWRITEBYTECODE=1)
+endfunction()
+
+# pavo_benchmark(<program> SOURCES <source>... [LIBS <library>...])
+# A Google Benchmark program; `./dev bench` runs all that are registered here.
+function(pavo_benchmark program)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+    add_executable(${program} ${arg_SOURCES})
+    target_link_libraries(${program} PRIVATE ${arg_LIBS} benchmark::benchmark_main)
+    pavo_compile(${program})
+    set_property(GLOBAL APPEND PROPERTY PAVO_BENCHMARK_PROGRAMS "$<TARGET_FILE:${program}>")
+endfunction()
+
+# pavo_example(<program> SOURCES <source>... [LIBS <library>...])
+function(pavo_example program)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+    add_executable(${program} ${arg_SOURCES})
+    target_link_libraries(${program} PRIVATE ${arg_LIBS})
+    pavo_compile(${program})
+endfunction()
