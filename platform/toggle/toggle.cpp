@@ -1,0 +1,133 @@
+#include "toggle/toggle.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+using Json = nlohmann::json;
+
+// Keeps quiet about a file it has told of before.
+void tellOnce(const std::string& path, const char* fault) {
+    static std::mutex mutex;
+    // Never destroyed: toggles may be asked for while the process ends.
+    static auto* const told = new std::set<std::string>();
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (told->insert(path).second) {
+        fprintf(stderr, "toggle: %s: %s; the file counts as absent\n", path.c_str(), fault);
+    }
+}
+
+[[noreturn]] void throwErrno(int error, const char* call) {
+    throw std::system_error(error, std::generic_category(), call);
+}
+
+class OpenFile {
+  public:
+    explicit OpenFile(const std::string& path)
+        : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), error_(fd_ < 0 ? errno : 0) {}
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile() {
+        if (fd_ >= 0) {
+            close(fd_);  // A file opened for reading: nothing to lose.
+        }
+    }
+
+    bool isAbsent() const { return error_ == ENOENT || error_ == ENOTDIR; }
+    std::string content() const;
+
+  private:
+    int fd_;
+    int error_;  // Why it is not open.
+};
+
+std::string OpenFile::content() const {
+    if (fd_ < 0) {
+        throwErrno(error_, "open");
+    }
+    std::string content;
+    char part[4096];
+    for (;;) {
+        const ssize_t got = read(fd_, part, sizeof(part));
+        if (got > 0) {
+            content.append(part, static_cast<size_t>(got));
+        } else if (got == 0) {
+            return content;
+        } else if (errno != EINTR) {
+            throwErrno(errno, "read");
+        }
+    }
+}
+
+enum class Answer { fileAbsent, nameAbsent, off, on };
+
+Answer parse(const std::string& content, const char* name) {
+    const Json toggles = Json::parse(content);
+    if (!toggles.is_object()) {
+        throw std::invalid_argument("not a JSON object");
+    }
+    const auto it = toggles.find(name);
+    if (it == toggles.end()) {
+        return Answer::nameAbsent;
+    }
+    if (!it->is_boolean()) {
+        throw std::invalid_argument("\"" + std::string(name) + "\" is not a boolean");
+    }
+    return it->get<bool>() ? Answer::on : Answer::off;
+}
+
+Answer ask(const std::string& path, const char* name) {
+    const OpenFile file(path);
+    if (file.isAbsent()) {
+        return Answer::fileAbsent;
+    }
+    try {
+        return parse(file.content(), name);
+    } catch (const std::exception& fault) {
+        tellOnce(path, fault.what());
+        return Answer::fileAbsent;
+    }
+}
+
+std::vector<std::string> directories() {
+    // Not honoured in a program that runs with more rights than its user.
+    const char* const directory = secure_getenv("PAVO_TOGGLE_DIR");
+    if (directory != nullptr) {
+        return {directory};
+    }
+    return {".", "/etc"};
+}
+
+}  // namespace
+
+bool getToggleState(const char* name, const char* file, bool defaultState) try {
+    if (name == nullptr || file == nullptr) {
+        return defaultState;
+    }
+    for (const std::string& directory : directories()) {
+        const Answer answer = ask(directory + "/" + file, name);
+        if (answer == Answer::nameAbsent) {
+            return defaultState;
+        }
+        if (answer != Answer::fileAbsent) {
+            return answer == Answer::on;
+        }
+    }
+    return defaultState;
+} catch (const std::exception&) {  // Out of memory; callers in C know no exceptions.
+    return defaultState;
+}
