@@ -1,0 +1,374 @@
+#include "sandbox/Sandbox.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace PavoSandbox {
+namespace {
+
+constexpr char netnsDir[] = "/var/run/netns";
+constexpr char threadNetnsPath[] = "/proc/thread-self/ns/net";
+// Holds the process id of whoever entered, so that a child that inherits it does not believe it.
+constexpr char enteredVariable[] = "PAVO_SANDBOX";
+
+std::string reasonNotEntered = "nobody tried to enter it";
+
+std::runtime_error systemError(const std::string& what) {
+    return std::runtime_error(what + ": " + strerror(errno));
+}
+
+void check(bool good, const std::string& what) {
+    if (!good) {
+        throw systemError(what);
+    }
+}
+
+class OwnedFd {
+  public:
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    ~OwnedFd() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+
+    int fd() const { return fd_; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+  private:
+    int fd_;
+};
+
+int openOrThrow(const std::string& path, int flags) {
+    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0600);
+    check(fd >= 0, "open " + path);
+    return fd;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+    const OwnedFd file(openOrThrow(path, O_WRONLY));
+    check(write(file.fd(), text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+          "write " + text + " to " + path);
+}
+
+std::string netnsPath(const std::string& name) {
+    return std::string(netnsDir) + "/" + name;
+}
+
+// In the calling thread's namespace.
+void setLoopbackUp() {
+    const OwnedFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    check(socket.fd() >= 0, "socket for lo");
+    ifreq request = {};
+    strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
+    check(ioctl(socket.fd(), SIOCSIFFLAGS, &request) == 0, "SIOCSIFFLAGS of lo");
+}
+
+// Returns even when an exception passes.
+class WayBack {
+  public:
+    WayBack() : from_(openOrThrow(threadNetnsPath, O_RDONLY)) {}
+    explicit WayBack(int from) : from_(from) {}
+    ~WayBack() {
+        if (setns(from_.fd(), CLONE_NEWNET) != 0) {
+            perror("Sandbox: setns back");
+            abort();
+        }
+    }
+
+  private:
+    OwnedFd from_;
+};
+
+void unshareAll() {
+    constexpr int flags = CLONE_NEWNS | CLONE_NEWNET;
+    if (unshare(flags) == 0) {
+        return;
+    }
+    const std::string first = strerror(errno);
+    const uid_t user = geteuid();
+    const gid_t group = getegid();
+    if (unshare(CLONE_NEWUSER | flags) != 0) {
+        throw std::runtime_error("unshare of mount and network namespaces: " + first +
+                                 "; with a user namespace: " + strerror(errno) +
+                                 " (run as root, or allow user namespaces)");
+    }
+    writeFile("/proc/self/setgroups", "deny");
+    writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+    writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+}
+
+bool makeMountsPrivate() {
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+std::string workingDirectory() {
+    const std::unique_ptr<char, decltype(&free)> path(getcwd(nullptr, 0), &free);
+    check(path != nullptr, "getcwd");
+    return path.get();
+}
+
+// In a chroot "/" is no mount point, in general: it cannot be made private, and ip(8) wants that it
+// can. Entering a mount namespace, be it one's own, leads to its real root, where all mounts are
+// made private and the chroot's directory becomes a mount point; then back into the chroot.
+void leaveMakePrivateAndReturn() {
+    const std::string directory = workingDirectory();
+    const OwnedFd root(openOrThrow("/", O_PATH | O_DIRECTORY));
+    const OwnedFd ownMounts(openOrThrow("/proc/self/ns/mnt", O_RDONLY));
+    check(setns(ownMounts.fd(), CLONE_NEWNS) == 0, "setns to the own mount namespace");
+    check(makeMountsPrivate(), "mount the real / private");
+    check(fchdir(root.fd()) == 0, "chdir to the chroot");
+    const std::string path = workingDirectory();
+    check(mount(path.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+          "bind the chroot");
+    check(chroot(path.c_str()) == 0 && chdir(directory.c_str()) == 0, "return to the chroot");
+}
+
+void separateMounts() {
+    if (!makeMountsPrivate()) {
+        check(errno == EINVAL, "mount / private");
+        leaveMakePrivateAndReturn();
+    }
+}
+
+// Tools and the code under test say "/var/run"; the mount goes where that leads.
+void mountRunDir() {
+    const std::unique_ptr<char, decltype(&free)> path(realpath("/var/run", nullptr), &free);
+    check(path != nullptr, "find /var/run");
+    check(mount("tmpfs", path.get(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") == 0,
+          std::string("mount tmpfs on ") + path.get());
+    check(mkdir(netnsDir, 0755) == 0, std::string("mkdir ") + netnsDir);
+}
+
+[[noreturn]] void startAgain() {
+    std::ifstream file("/proc/self/cmdline", std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    file.close();  // Else it would be open in the program started, too.
+    std::vector<char*> arguments;
+    for (size_t at = 0; at < text.size(); at += strlen(&text[at]) + 1) {
+        arguments.push_back(&text[at]);
+    }
+    arguments.push_back(nullptr);
+    setenv(enteredVariable, std::to_string(getpid()).c_str(), /*overwrite=*/1);
+    execv("/proc/self/exe", arguments.data());
+    throw systemError("start again inside");
+}
+
+// The places of a program: PATH is left to execvp, and that of an ordinary user need not have the
+// others.
+std::vector<std::string> placesOf(const std::string& program) {
+    return {program, "/usr/sbin/" + program, "/sbin/" + program};
+}
+
+// Returns only when no place has the program.
+void replaceByCommand(const std::vector<std::string>& places, char* const* arguments) {
+    for (const std::string& place : places) {
+        execvp(place.c_str(), arguments);
+    }
+}
+
+struct CloseDir {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+std::string readAll(int fd) {
+    std::string text;
+    char part[4096];
+    for (ssize_t got = 1; got != 0;) {
+        got = read(fd, part, sizeof(part));
+        check(got >= 0 || errno == EINTR, "read from a command");
+        text.append(part, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+    return text;
+}
+
+std::string joined(const std::vector<std::string>& command) {
+    std::ostringstream out;
+    for (const std::string& word : command) {
+        out << word << ' ';
+    }
+    return out.str();
+}
+
+std::vector<std::string> ipCommand(const std::string& ns) {
+    return ns.empty() ? std::vector<std::string>{"ip"} : std::vector<std::string>{"ip", "-n", ns};
+}
+
+void ip(const std::string& ns, const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = ipCommand(ns);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    run(command);
+}
+
+uint64_t inodeOf(const std::string& path) {
+    struct stat status;
+    check(stat(path.c_str(), &status) == 0, "stat " + path);
+    return status.st_ino;
+}
+
+}  // namespace
+
+bool Sandbox::enter(std::string* why) {
+    if (isEntered()) {
+        return true;
+    }
+    try {
+        unshareAll();
+        separateMounts();
+        mountRunDir();
+        setLoopbackUp();
+        startAgain();
+    } catch (const std::exception& fault) {
+        reasonNotEntered = fault.what();
+        *why = reasonNotEntered;
+        return false;
+    }
+}
+
+bool Sandbox::isEntered() {
+    const char* const entered = getenv(enteredVariable);
+    return entered != nullptr && entered == std::to_string(getpid());
+}
+
+const std::string& Sandbox::whyNot() {
+    return reasonNotEntered;
+}
+
+void makeNetns(const std::string& name) {
+    const std::string path = netnsPath(name);
+    check(mkdir(netnsDir, 0755) == 0 || errno == EEXIST, std::string("mkdir ") + netnsDir);
+    const OwnedFd mountPoint(openOrThrow(path, O_RDONLY | O_CREAT | O_EXCL));
+    const WayBack wayBack;
+    check(unshare(CLONE_NEWNET) == 0, "unshare(CLONE_NEWNET)");
+    check(mount(threadNetnsPath, path.c_str(), "none", MS_BIND, nullptr) == 0, "mount " + path);
+    setLoopbackUp();
+}
+
+void removeNetns(const std::string& name) {
+    const std::string path = netnsPath(name);
+    check(umount2(path.c_str(), MNT_DETACH) == 0, "umount2 " + path);
+    check(unlink(path.c_str()) == 0, "unlink " + path);
+}
+
+ScopedNetns::ScopedNetns(const std::string& name) : wayBack_(-1) {
+    const OwnedFd target(openOrThrow(netnsPath(name), O_RDONLY));
+    OwnedFd wayBack(openOrThrow(threadNetnsPath, O_RDONLY));
+    check(setns(target.fd(), CLONE_NEWNET) == 0, "setns to " + name);
+    wayBack_ = wayBack.release();
+}
+
+ScopedNetns::~ScopedNetns() {
+    const WayBack returns(wayBack_);
+}
+
+uint64_t threadNetnsInode() {
+    return inodeOf(threadNetnsPath);
+}
+
+uint64_t netnsInode(const std::string& name) {
+    return inodeOf(netnsPath(name));
+}
+
+std::string run(const std::vector<std::string>& command) {
+    const std::vector<std::string> places = placesOf(command[0]);
+    std::vector<char*> arguments;  // Made before the fork: a child of many threads allocates not.
+    for (const std::string& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    int ends[2];
+    check(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+    const OwnedFd readEnd(ends[0]);
+    OwnedFd writeEnd(ends[1]);
+    const pid_t child = fork();
+    check(child >= 0, "fork");
+    if (child == 0) {
+        dup2(writeEnd.fd(), STDOUT_FILENO);
+        dup2(writeEnd.fd(), STDERR_FILENO);
+        replaceByCommand(places, arguments.data());
+        perror("exec");
+        _exit(127);
+    }
+    close(writeEnd.release());
+    const std::string output = readAll(readEnd.fd());
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0) {
+        check(errno == EINTR, "waitpid");
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw std::runtime_error(joined(command) + "failed: " + output);
+    }
+    return output;
+}
+
+void makeVethPair(const std::string& a, const std::string& nsA, const std::string& b,
+                  const std::string& nsB) {
+    if (nsB.empty() && !nsA.empty()) {  // The peer cannot be sent to a namespace without a name.
+        makeVethPair(b, nsB, a, nsA);
+        return;
+    }
+    std::vector<std::string> arguments = {"link", "add",  "name", a, "type",
+                                          "veth", "peer", "name", b};
+    if (!nsB.empty()) {
+        arguments.insert(arguments.end(), {"netns", nsB});
+    }
+    ip(nsA, arguments);
+}
+
+void addAddress(const std::string& ns, const std::string& device, const std::string& address) {
+    std::vector<std::string> arguments = {"addr", "add", address, "dev", device};
+    if (address.find(':') != std::string::npos) {
+        arguments.push_back("nodad");  // Duplicate detection would hold it back for a second.
+    }
+    ip(ns, arguments);
+}
+
+void setUp(const std::string& ns, const std::string& device) {
+    ip(ns, {"link", "set", "dev", device, "up"});
+}
+
+std::map<int, std::string> openDescriptors() {
+    const std::unique_ptr<DIR, CloseDir> directory(opendir("/proc/self/fd"));
+    check(directory != nullptr, "open /proc/self/fd");
+    std::map<int, std::string> found;
+    while (const dirent* const entry = readdir(directory.get())) {
+        const int fd = atoi(entry->d_name);
+        if (entry->d_name[0] == '.' || fd == dirfd(directory.get())) {
+            continue;
+        }
+        char target[PATH_MAX];
+        const ssize_t bytes =
+            readlinkat(dirfd(directory.get()), entry->d_name, target, sizeof(target));
+        check(bytes >= 0, std::string("readlink of descriptor ") + entry->d_name);
+        found[fd].assign(target, static_cast<size_t>(bytes));
+    }
+    return found;
+}
+
+}  // namespace PavoSandbox
