@@ -1,0 +1,96 @@
+/// @file
+/// Value types seen without knowing them: one table of functions a type, for tools that show, store
+/// and edit values by name.
+#pragma once
+
+#include <cstdint>
+#include <new>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "Mox/Strep.h"
+#include "Mox/String.h"
+#include "Mox/ValueType.h"
+
+namespace Mox {
+
+/// Constructs the default value in `memory`, which has the type's size and alignment.
+template <Value T>
+T* genericIfConstruct(void* memory) {
+    return new (memory) T();
+}
+template <Value T>
+String genericIfStrRep(const T& value) {
+    return valueToStrep(value);
+}
+/// @throws Mox::RangeException with the type's text; `*value` is then unchanged.
+template <Value T>
+void genericIfStrepToValue(const String& strep, T* value) {
+    strepToValue(strep, value);
+}
+template <Value T>
+uint32_t genericIfHash(const T& value) {
+    return value.hash();
+}
+
+/// The operations of one value type on memory that holds such a value.
+struct GenericIf {
+    struct Attribute {
+        std::string_view name;
+        String (*strep)(const void* value);
+    };
+
+    std::string_view typeName;
+    uint32_t size;
+    void (*construct)(void* memory);
+    void (*destroy)(void* value);
+    String (*strRep)(const void* value);
+    void (*strepToValue)(const String& strep, void* value);
+    uint32_t (*hash)(const void* value);
+    /// The fields that have a text, in declaration order.
+    std::vector<Attribute> attributes;
+};
+
+/// The table of `T`, made at the first call.
+template <Value T>
+const GenericIf& genericIf() {
+    static const GenericIf table = [] {
+        static constexpr auto about = T::description();
+        GenericIf made{
+            about.typeName,
+            sizeof(T),
+            [](void* memory) { genericIfConstruct<T>(memory); },
+            [](void* value) { static_cast<T*>(value)->~T(); },
+            [](const void* value) { return genericIfStrRep(*static_cast<const T*>(value)); },
+            [](const String& strep, void* value) {
+                genericIfStrepToValue(strep, static_cast<T*>(value));
+            },
+            [](const void* value) { return genericIfHash(*static_cast<const T*>(value)); },
+            {}};
+        const auto add = [&made]<std::size_t i>(std::integral_constant<std::size_t, i>) {
+            static constexpr auto field = std::get<i>(about.fields);
+            using Member = std::remove_cvref_t<decltype(std::declval<T&>().*field.member)>;
+            if constexpr (requires(TextWriter & out, Member & m) {
+                              Codec<Member>::print(out, m);
+                          }) {
+                made.attributes.push_back({field.name, [](const void* value) {
+                                               const T& whole = *static_cast<const T*>(value);
+                                               return printedString([&whole](TextWriter& out) {
+                                                   Codec<Member>::print(out, whole.*field.member);
+                                               });
+                                           }});
+            }
+        };
+        [&add]<std::size_t... i>(std::index_sequence<i...>) {
+            (add(std::integral_constant<std::size_t, i>()), ...);
+        }
+        (std::make_index_sequence<std::tuple_size_v<decltype(about.fields)>>());
+        return made;
+    }();
+    return table;
+}
+
+}  // namespace Mox

@@ -1,0 +1,136 @@
+/// @file
+/// Reference-counted objects: the base of all that is held by `Mox::Ptr`.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <type_traits>
+#include <utility>
+
+#include "Mox/Export.h"
+
+namespace Mox {
+
+class NotifieeList;
+struct FwkType;
+
+/// The intrusive count, and what the framework asks of every object. The virtual operations stand
+/// in a fixed order, since agents are compiled against it.
+///
+/// An object is born with one reference, which `Mox::make` hands to the `Ptr` it returns: a `Ptr`
+/// to itself that a constructor makes and drops deletes nothing. An object on the stack keeps that
+/// first reference for life.
+class MOX_EXPORT PtrInterface {
+  public:
+    PtrInterface(const PtrInterface&) = delete;
+    PtrInterface& operator=(const PtrInterface&) = delete;
+
+    /// The observers of this object, or null for an object that is not observed.
+    virtual NotifieeList* notifieeList();
+    /// Switches this object, as an observer, on or off.
+    virtual void hasNotificationActiveIs(bool active);
+    /// Called with true when the last reference has gone; deletes the object. A machine detaches
+    /// its inner reactors here, while its members still live.
+    virtual void zeroReferencesIs(bool zero);
+    /// The framework's record of the object's class.
+    virtual const FwkType* fwkType() const;
+
+  protected:
+    PtrInterface();
+    virtual ~PtrInterface();
+
+  public:
+    bool hasNotificationActive() const { return notificationActive_; }
+
+    /// Counted by `Ptr`; for callers that hand a reference through a C interface.
+    void referencesInc() const { ++references_; }
+    void referencesDec() const {
+        if (--references_ == 0) {
+            lastReferenceGone();
+        }
+    }
+    uint32_t references() const { return references_; }
+
+  private:
+    void lastReferenceGone() const;
+
+    mutable uint32_t references_ = 1;
+    bool notificationActive_ = false;
+};
+
+/// Objects of the framework that live at this moment, in the whole process: a test that ends with
+/// the number it began with has leaked none.
+MOX_EXPORT uint32_t liveObjects();
+
+/// Tells `Ptr` to take over the reference that an object is born with.
+struct AdoptReference {};
+
+/// A counted reference to a `PtrInterface`, or null.
+template <class T>
+class Ptr {
+  public:
+    constexpr Ptr() = default;
+    constexpr Ptr(std::nullptr_t) {}
+    Ptr(T* object) : object_(object) { retain(); }
+    Ptr(T* object, AdoptReference) : object_(object) {}
+    Ptr(const Ptr& other) : Ptr(other.object_) {}
+    Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    template <class U>
+    requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other) : Ptr(other.ptr()) {}
+    template <class U>
+    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+    noexcept : object_(other.release()) {}
+    ~Ptr() {
+        if (object_ != nullptr) {
+            object_->referencesDec();
+        }
+    }
+
+    // By value, so that the old object is dropped only after this one is whole again: its
+    // destructor may come back here.
+    Ptr& operator=(Ptr other) noexcept {
+        std::swap(object_, other.object_);
+        return *this;
+    }
+
+    T* ptr() const { return object_; }
+    T* operator->() const { return object_; }
+    T& operator*() const { return *object_; }
+    explicit operator bool() const { return object_ != nullptr; }
+
+    /// Gives the reference up without dropping it.
+    T* release() { return std::exchange(object_, nullptr); }
+
+    friend bool operator==(const Ptr& a, const Ptr& b) { return a.object_ == b.object_; }
+    friend bool operator==(const Ptr& a, const T* b) { return a.object_ == b; }
+    friend bool operator==(const Ptr& a, std::nullptr_t) { return a.object_ == nullptr; }
+    friend auto operator<=>(const Ptr& a, const Ptr& b) {
+        return std::compare_three_way()(a.object_, b.object_);
+    }
+
+  private:
+    void retain() {
+        if (object_ != nullptr) {
+            object_->referencesInc();
+        }
+    }
+
+    T* object_ = nullptr;
+};
+
+/// A new object with its notifications active: what every factory function returns.
+template <class T, class... Args>
+Ptr<T> make(Args&&... args) {
+    Ptr<T> object(new T(std::forward<Args>(args)...), AdoptReference());
+    object->hasNotificationActiveIs(true);
+    return object;
+}
+
+}  // namespace Mox
+
+template <class T>
+struct std::hash<Mox::Ptr<T>> {
+    std::size_t operator()(const Mox::Ptr<T>& p) const noexcept { return std::hash<T*>()(p.ptr()); }
+};

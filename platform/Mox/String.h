@@ -1,0 +1,95 @@
+/// @file
+/// The framework's string and byte-string values.
+#pragma once
+
+#include <compare>
+#include <concepts>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Mox {
+
+/// Text, as a value: contiguous, short texts are held inside, made from and viewed as a
+/// `std::string_view`. Its bytes are not interpreted; a NUL inside is kept.
+class String {
+  public:
+    /// Random access and contiguous, so that a parser is a loop over two pointers.
+    using IteratorConst = const char*;
+
+    String() = default;
+    String(const char* text) : text_(text) {}
+    String(std::string_view text) : text_(text) {}
+    String(std::string text) : text_(std::move(text)) {}
+    String(const char* data, uint32_t bytes) : text_(data, bytes) {}
+
+    /// The length in bytes.
+    uint32_t bytes() const { return static_cast<uint32_t>(text_.size()); }
+    bool empty() const { return text_.empty(); }
+
+    IteratorConst begin() const { return text_.data(); }
+    IteratorConst end() const { return text_.data() + text_.size(); }
+    const char* data() const { return text_.data(); }
+    /// The text with a NUL after it.
+    const char* c_str() const { return text_.c_str(); }
+    std::string_view view() const { return text_; }
+    operator std::string_view() const { return text_; }
+
+    String& operator+=(std::string_view more) {
+        text_ += more;
+        return *this;
+    }
+
+    friend bool operator==(const String& a, const String& b) { return a.text_ == b.text_; }
+    template <class T>
+    requires std::convertible_to<const T&, std::string_view>
+    friend bool operator==(const String& a, const T& b) { return a.view() == std::string_view(b); }
+    friend auto operator<=>(const String& a, const String& b) { return a.text_ <=> b.text_; }
+    friend String operator+(String a, std::string_view b) { return std::move(a += b); }
+    friend std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.text_; }
+
+  private:
+    std::string text_;
+};
+
+/// A byte string, as a value.
+class Bytes {
+  public:
+    Bytes() = default;
+    Bytes(std::initializer_list<uint8_t> bytes) : bytes_(bytes) {}
+    Bytes(const void* data, uint32_t bytes)
+        : bytes_(static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + bytes) {}
+
+    /// The length in bytes.
+    uint32_t bytes() const { return static_cast<uint32_t>(bytes_.size()); }
+    bool empty() const { return bytes_.empty(); }
+    const uint8_t* data() const { return bytes_.data(); }
+    const uint8_t* begin() const { return data(); }
+    const uint8_t* end() const { return data() + bytes_.size(); }
+    uint8_t operator[](uint32_t i) const { return bytes_[i]; }
+
+    void append(const void* data, uint32_t bytes) {
+        const auto* first = static_cast<const uint8_t*>(data);
+        bytes_.insert(bytes_.end(), first, first + bytes);
+    }
+
+    friend bool operator==(const Bytes&, const Bytes&) = default;
+    friend auto operator<=>(const Bytes&, const Bytes&) = default;
+
+  private:
+    std::vector<uint8_t> bytes_;
+};
+
+}  // namespace Mox
+
+template <>
+struct std::hash<Mox::String> {
+    std::size_t operator()(const Mox::String& s) const noexcept {
+        return std::hash<std::string_view>()(s.view());
+    }
+};

@@ -1,0 +1,258 @@
+/// @file
+/// What every value type has in common, built from a few hooks of the type.
+///
+/// A value type `T` derives from `Mox::ValueType<T>` and writes:
+/// - `static constexpr auto description()`: its name and fields (`Mox::record`), from which the
+///   record text, the log and the seeded hash follow;
+/// - `static constexpr const char* leftoverText`: the text of the range error for a text that goes
+///   on after the value, or that is not a record of this type;
+/// - for a text form of its own: `const char* parse(Mox::TextCursor&)`, which returns null or the
+///   text of the range error and never throws, and `void print(Mox::TextWriter&) const`. With
+///   `print` alone, `stringValue` prints that, while strep and parsing stay those of the record;
+/// - for a log form of its own: `void toLog(Mox::NboAttrLog::Out&) const` and
+///   `void fromLog(Mox::NboAttrLog::In&)`;
+/// - the constructors from text and from a log, which call `readText` and `readLog`.
+#pragma once
+
+#include <compare>
+#include <concepts>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string_view>
+#include <type_traits>
+
+#include "Mox/Exception.h"
+#include "Mox/Hash.h"
+#include "Mox/NboAttrLog.h"
+#include "Mox/Record.h"
+#include "Mox/Text.h"
+
+namespace Mox {
+
+template <class T>
+class ValueType;
+
+template <class T>
+concept Value = std::derived_from<T, ValueType<T>>;
+
+template <class T>
+concept HasParse = requires(T& value, TextCursor& in) {
+    { value.parse(in) } -> std::same_as<const char*>;
+};
+template <class T>
+concept HasPrint = requires(const T& value, TextWriter& out) {
+    value.print(out);
+};
+template <class T>
+concept HasLogForm = requires(const T& value, NboAttrLog::Out& out) {
+    value.toLog(out);
+};
+
+/// Reads the strep of `T`, which is its own text where it has one. Returns null or the text of the
+/// range error; `*value` may then be half-read.
+template <class T>
+const char* parseValue(TextCursor& in, T* value) {
+    if constexpr (HasParse<T>) {
+        return value->parse(in);
+    } else {
+        return parseRecord(in, value, T::description(), T::leftoverText);
+    }
+}
+
+template <class T>
+void printStrep(TextWriter& out, const T& value) {
+    if constexpr (HasParse<T>) {
+        value.print(out);
+    } else {
+        printRecord(out, value, T::description());
+    }
+}
+
+/// What `print(writer)` prints, as a string.
+template <class Print>
+String printedString(Print print) {
+    char buffer[256];
+    TextWriter out(buffer, sizeof(buffer));
+    print(out);
+    const uint32_t length = out.finish();
+    if (length < sizeof(buffer)) {
+        return String(buffer, length);
+    }
+    const auto large = std::make_unique<char[]>(length + 1);
+    TextWriter again(large.get(), length + 1);
+    print(again);
+    return String(large.get(), again.finish());
+}
+
+template <class T>
+class ValueType {
+  public:
+    using TextIt = String::IteratorConst;
+
+    /// The canonical text.
+    String stringValue() const {
+        return printedString([this](TextWriter& out) { printText(out); });
+    }
+
+    /// Reads the whole of `text`.
+    /// @throws Mox::RangeException with the type's text; the value is then unchanged.
+    void stringValueIs(const String& text) {
+        TextCursor in(text.view());
+        T fresh{};
+        if (const char* error = parseValue(in, &fresh)) {
+            throwRangeException(error);
+        }
+        if (!in.atEnd()) {
+            throwRangeException(T::leftoverText);
+        }
+        self() = std::move(fresh);
+    }
+
+    /// Writes the canonical text as snprintf(3) would: at most `size` bytes with the NUL, cut off
+    /// where it has no room, nothing for size 0. Returns the length of the whole text.
+    uint32_t printToBuffer(char* buffer, uint32_t size) const {
+        TextWriter out(buffer, size);
+        printText(out);
+        return out.finish();
+    }
+
+    /// The fields, mixed in declaration order.
+    constexpr uint32_t hash(uint32_t seed = 0) const {
+        Hash mixer(seed);
+        T::description().forEach(
+            [&]<class M>(const Field<T, M>& each) { Codec<M>::mix(mixer, self().*each.member); });
+        return mixer.result();
+    }
+
+    void printText(TextWriter& out) const {
+        if constexpr (HasPrint<T>) {
+            self().print(out);
+        } else {
+            printRecord(out, self(), T::description());
+        }
+    }
+
+    // For the defaulted comparisons of T alone, which compare this empty base too: constrained to
+    // exactly it, so that they never stand in for a comparison that T does not offer.
+    template <class Base>
+    requires std::same_as<Base, ValueType>
+    friend constexpr bool operator==(const Base&, const Base&) { return true; }
+    template <class Base>
+    requires std::same_as<Base, ValueType>
+    friend constexpr std::strong_ordering operator<=>(const Base&, const Base&) {
+        return std::strong_ordering::equal;
+    }
+
+  protected:
+    constexpr ValueType() = default;
+
+    /// Reads the text at `it` and moves `it` past it. For constructors.
+    /// @throws Mox::RangeException with the type's text; `it` is then unchanged.
+    void readText(TextIt& it, const TextIt& end) {
+        TextCursor in(it, end);
+        if (const char* error = parseValue(in, &self())) {
+            throwRangeException(error);
+        }
+        it = in.at();
+    }
+
+    /// Reads the fields as the log holds them. For constructors, which then check what the type
+    /// promises: a log comes from outside.
+    /// @throws Mox::RangeException when the log is short or a number does not fit its field.
+    void readLog(NboAttrLog::In* in) {
+        if constexpr (HasLogForm<T>) {
+            self().fromLog(*in);
+        } else {
+            T::description().forEach([&]<class M>(const Field<T, M>& each) {
+                Codec<M>::fromLog(*in, &(self().*each.member));
+            });
+        }
+    }
+
+  private:
+    constexpr T& self() { return static_cast<T&>(*this); }
+    constexpr const T& self() const { return static_cast<const T&>(*this); }
+};
+
+template <Value T>
+NboAttrLog::Out& operator<<(NboAttrLog::Out& out, const T& value) {
+    if constexpr (HasLogForm<T>) {
+        value.toLog(out);
+    } else {
+        T::description().forEach(
+            [&]<class M>(const Field<T, M>& each) { Codec<M>::toLog(out, value.*each.member); });
+    }
+    return out;
+}
+
+/// A field that is itself a value.
+template <Value T>
+struct Codec<T> {
+    static const char* parse(TextCursor& in, T* value, const char*) {
+        T fresh{};
+        const char* error = parseValue(in, &fresh);
+        if (error == nullptr) {
+            *value = std::move(fresh);
+        }
+        return error;
+    }
+    static void print(TextWriter& out, const T& value) { printStrep(out, value); }
+    static void toLog(NboAttrLog::Out& out, const T& value) { out << value; }
+    static void fromLog(NboAttrLog::In& in, T* value) { *value = T(&in, StreamBogon()); }
+    static constexpr void mix(Hash& hash, const T& value) { hash.mix(value.hash()); }
+};
+
+/// The framework text: the canonical text of a type that reads it back, else the record form.
+template <Value T>
+String valueToStrep(const T& value) {
+    return printedString([&value](TextWriter& out) { printStrep(out, value); });
+}
+
+/// Writes the strep.
+template <Value T>
+std::ostream& operator<<(std::ostream& out, const T& value) {
+    return out << valueToStrep(value);
+}
+
+/// Reads a value at `it`, moves `it` past it and stops at the first character that does not belong.
+/// @throws Mox::RangeException with the type's text; `it` and `*value` are then unchanged.
+template <Value T>
+void sequenceToValue(String::IteratorConst& it, const String::IteratorConst& end, T* value) {
+    TextCursor in(it, end);
+    T fresh{};
+    if (const char* error = parseValue(in, &fresh)) {
+        throwRangeException(error);
+    }
+    *value = std::move(fresh);
+    it = in.at();
+}
+
+/// The value that the whole of `text` stands for, or nothing. Never throws.
+template <Value T>
+std::optional<T> tryParse(std::string_view text) {
+    TextCursor in(text);
+    T value{};
+    if (parseValue(in, &value) != nullptr || !in.atEnd()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+/// The value that the whole of `text` stands for.
+/// @throws Mox::RangeException with the type's text.
+template <Value T>
+T fromText(const String& text) {
+    T value;
+    value.stringValueIs(text);
+    return value;
+}
+
+}  // namespace Mox
+
+template <Mox::Value T>
+struct std::hash<T> {
+    std::size_t operator()(const T& value) const noexcept { return value.hash(); }
+};
