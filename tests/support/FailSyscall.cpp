@@ -1,0 +1,200 @@
+// No header that declares an interposed function is included here (pthread_create excepted, which
+// comes with the C++ library): on i386 with 64-bit time those headers rename functions, and with
+// fortification they define some.
+#include "support/FailSyscall.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace PavoTest {
+namespace {
+
+// Constant-initialized and trivial, so that the first calls of a starting program may look at it.
+constinit thread_local FailSyscall* innermost = nullptr;
+
+}  // namespace
+
+FailSyscall::FailSyscall(unsigned n, int error, std::string_view filter)
+    : n_(n), error_(error), filter_(filter), outer_(innermost) {
+    innermost = this;
+}
+
+void FailSyscall::disarm() {
+    if (armed_) {
+        armed_ = false;
+        innermost = outer_;
+    }
+}
+
+bool FailSyscall::counts(const char* name, bool onlyWhenNamed) const {
+    if (filter_.empty() || filter_[0] == '!') {
+        return !onlyWhenNamed &&
+               filter_.compare(filter_.empty() ? 0 : 1, std::string::npos, name) != 0;
+    }
+    return filter_ == name;
+}
+
+bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed) {
+    FailSyscall* const scope = innermost;
+    if (scope == nullptr || !scope->counts(name, onlyWhenNamed) || ++scope->count_ != scope->n_) {
+        return false;
+    }
+    scope->name_ = name;
+    errno = scope->error_;
+    return true;
+}
+
+}  // namespace PavoTest
+
+namespace {
+
+// Six words carry the arguments of every function here, variadic ones included: on x86-64 they
+// are the six argument registers; on i386 they lie on the stack, where a function of fewer
+// arguments has its caller's frame behind them, which is passed on and not looked at.
+using Word = long;
+using Function = Word (*)(Word, Word, Word, Word, Word, Word);
+
+// What a failing call returns.
+enum class Failure { minusOne, nullPointer, errorNumber };
+
+// Under a sanitizer linked into the program the interposed function takes the place of the
+// sanitizer's own, which stays reachable under this prefix. (One in a shared library is simply the
+// next in line; both ways lead to it.)
+constexpr char sanitizerPrefix[] = "__interceptor_";
+
+Function nextFunction(const char* symbol) {
+    char sanitizerSymbol[64];
+    snprintf(sanitizerSymbol, sizeof(sanitizerSymbol), "%s%s", sanitizerPrefix, symbol);
+    void* found = dlsym(RTLD_DEFAULT, sanitizerSymbol);
+    if (found == nullptr) {
+        found = dlsym(RTLD_NEXT, symbol);
+    }
+    if (found == nullptr) {
+        fprintf(stderr, "FailSyscall: no %s behind the interposed one\n", symbol);
+        abort();
+    }
+    return reinterpret_cast<Function>(found);
+}
+
+Word failureResult(Failure failure) {
+    if (failure == Failure::minusOne) {
+        return -1;
+    }
+    return failure == Failure::nullPointer ? 0 : errno;
+}
+
+}  // namespace
+
+// Defines `symbol`, which counts as `name`. The asm label gives the function its symbol without a
+// word to the compiler, which has its own ideas about some of these names. Two threads that meet
+// here first look up the same address.
+#define PAVO_INTERPOSE(symbol, name, failure, onlyWhenNamed)                                   \
+    extern "C" __attribute__((visibility("default")))                                          \
+    Word interposed_##symbol(Word a, Word b, Word c, Word d, Word e, Word f) __asm__(#symbol); \
+    extern "C" Word interposed_##symbol(Word a, Word b, Word c, Word d, Word e, Word f) {      \
+        static Function next = nullptr;                                                        \
+        Function function = __atomic_load_n(&next, __ATOMIC_RELAXED);                          \
+        if (function == nullptr) {                                                             \
+            function = nextFunction(#symbol);                                                  \
+            __atomic_store_n(&next, function, __ATOMIC_RELAXED);                               \
+        }                                                                                      \
+        if (PavoTest::FailSyscall::failsNow(#name, onlyWhenNamed)) {                           \
+            return failureResult(failure);                                                     \
+        }                                                                                      \
+        return function(a, b, c, d, e, f);                                                     \
+    }
+
+#define PAVO_COUNTED(symbol, name) PAVO_INTERPOSE(symbol, name, Failure::minusOne, false)
+
+// The first name of each line is the plain one; the others are what headers make of it for 64-bit
+// files and times on i386, and with fortification.
+PAVO_COUNTED(socket, socket)
+PAVO_COUNTED(socketpair, socketpair)
+PAVO_COUNTED(bind, bind)
+PAVO_COUNTED(listen, listen)
+PAVO_COUNTED(connect, connect)
+PAVO_COUNTED(accept, accept)
+PAVO_COUNTED(accept4, accept4)
+PAVO_COUNTED(shutdown, shutdown)
+PAVO_COUNTED(getsockname, getsockname)
+PAVO_COUNTED(getpeername, getpeername)
+PAVO_COUNTED(setsockopt, setsockopt)
+PAVO_COUNTED(getsockopt, getsockopt)
+PAVO_COUNTED(send, send)
+PAVO_COUNTED(sendto, sendto)
+PAVO_COUNTED(sendmsg, sendmsg)
+PAVO_COUNTED(sendmmsg, sendmmsg)
+PAVO_COUNTED(recv, recv)
+PAVO_COUNTED(__recv_chk, recv)
+PAVO_COUNTED(recvfrom, recvfrom)
+PAVO_COUNTED(__recvfrom_chk, recvfrom)
+PAVO_COUNTED(recvmsg, recvmsg)
+PAVO_COUNTED(recvmmsg, recvmmsg)
+PAVO_COUNTED(fcntl, fcntl)
+PAVO_COUNTED(fcntl64, fcntl)
+PAVO_COUNTED(ioctl, ioctl)
+PAVO_COUNTED(dup, dup)
+PAVO_COUNTED(dup2, dup2)
+PAVO_COUNTED(dup3, dup3)
+PAVO_COUNTED(pipe, pipe)
+PAVO_COUNTED(pipe2, pipe2)
+PAVO_COUNTED(eventfd, eventfd)
+PAVO_COUNTED(timerfd_create, timerfd_create)
+PAVO_COUNTED(timerfd_settime, timerfd_settime)
+PAVO_COUNTED(epoll_create1, epoll_create1)
+PAVO_COUNTED(epoll_ctl, epoll_ctl)
+PAVO_COUNTED(epoll_wait, epoll_wait)
+PAVO_COUNTED(epoll_pwait, epoll_pwait)
+PAVO_COUNTED(epoll_pwait2, epoll_pwait2)
+PAVO_COUNTED(poll, poll)
+PAVO_COUNTED(open, open)
+PAVO_COUNTED(open64, open)
+PAVO_COUNTED(__open_2, open)
+PAVO_COUNTED(__open64_2, open)
+PAVO_COUNTED(openat, openat)
+PAVO_COUNTED(openat64, openat)
+PAVO_COUNTED(__openat_2, openat)
+PAVO_COUNTED(__openat64_2, openat)
+PAVO_COUNTED(stat, stat)
+PAVO_COUNTED(stat64, stat)
+PAVO_COUNTED(fstat, fstat)
+PAVO_COUNTED(fstat64, fstat)
+PAVO_COUNTED(lstat, lstat)
+PAVO_COUNTED(lstat64, lstat)
+PAVO_COUNTED(fstatat, fstatat)
+PAVO_COUNTED(fstatat64, fstatat)
+PAVO_COUNTED(statx, statx)
+PAVO_COUNTED(access, access)
+PAVO_COUNTED(mkdir, mkdir)
+PAVO_COUNTED(rmdir, rmdir)
+PAVO_COUNTED(unlink, unlink)
+PAVO_COUNTED(unlinkat, unlinkat)
+PAVO_COUNTED(mount, mount)
+PAVO_COUNTED(umount, umount)
+PAVO_COUNTED(umount2, umount2)
+PAVO_COUNTED(setns, setns)
+PAVO_COUNTED(unshare, unshare)
+PAVO_INTERPOSE(opendir, opendir, Failure::nullPointer, false)
+PAVO_INTERPOSE(pthread_create, pthread_create, Failure::errorNumber, false)
+PAVO_INTERPOSE(read, read, Failure::minusOne, true)
+PAVO_INTERPOSE(readv, readv, Failure::minusOne, true)
+PAVO_INTERPOSE(write, write, Failure::minusOne, true)
+PAVO_INTERPOSE(writev, writev, Failure::minusOne, true)
+#ifdef __i386__
+PAVO_COUNTED(__setsockopt64, setsockopt)
+PAVO_COUNTED(__getsockopt64, getsockopt)
+PAVO_COUNTED(__sendmsg64, sendmsg)
+PAVO_COUNTED(__sendmmsg64, sendmmsg)
+PAVO_COUNTED(__recvmsg64, recvmsg)
+PAVO_COUNTED(__recvmmsg64, recvmmsg)
+PAVO_COUNTED(__fcntl_time64, fcntl)
+PAVO_COUNTED(__ioctl_time64, ioctl)
+PAVO_COUNTED(__timerfd_settime64, timerfd_settime)
+PAVO_COUNTED(__epoll_pwait2_time64, epoll_pwait2)
+PAVO_COUNTED(__stat64_time64, stat)
+PAVO_COUNTED(__fstat64_time64, fstat)
+PAVO_COUNTED(__lstat64_time64, lstat)
+PAVO_COUNTED(__fstatat64_time64, fstatat)
+#endif

@@ -1,0 +1,27 @@
+/// @file
+/// Tests that run in the sandbox.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "sandbox/Sandbox.h"
+
+namespace PavoTest {
+
+using namespace PavoSandbox;
+
+/// Skips the test, with the reason, when the program is not in a sandbox. For `SetUp` or a test's
+/// first line.
+#define SANDBOX_OR_SKIP()                                                        \
+    if (!PavoSandbox::Sandbox::isEntered()) {                                    \
+        GTEST_SKIP() << "needs the sandbox: " << PavoSandbox::Sandbox::whyNot(); \
+    }                                                                            \
+    static_assert(true, "takes the semicolon")
+
+/// Tests that need the sandbox: `class NetnsTest : public PavoTest::SandboxTest {};`
+class SandboxTest : public testing::Test {
+  protected:
+    void SetUp() override { SANDBOX_OR_SKIP(); }
+};
+
+}  // namespace PavoTest
