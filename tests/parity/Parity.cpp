@@ -1,0 +1,7 @@
+#include "parity/Parity.h"
+
+int main() {
+    parityOfValues();
+    parityOfPackets();
+    return 0;
+}

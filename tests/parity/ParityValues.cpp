@@ -1,0 +1,128 @@
+#include <random>
+#include <string>
+
+#include "Pavo/EthAddr.h"
+#include "Pavo/Ip.h"
+#include "Pavo/Ip6Addr.h"
+#include "Pavo/IpAddr.h"
+#include "Pavo/IpGenAddr.h"
+#include "Pavo/NamespaceName.h"
+#include "parity/Parity.h"
+
+namespace Pavo {
+namespace {
+
+constexpr int samplesPerType = 1000;
+
+// The same numbers everywhere, so whoever draws several for one sample does it in braces, which are
+// read from left to right. Half of them come thinned out or near a neighbour, since long runs
+// of zeros and almost equal values are what formats and orders are about.
+class Numbers {
+  public:
+    uint64_t any() {
+        const uint64_t fresh = random_();
+        switch (random_() % 8) {
+            case 0:
+                return 0;
+            case 1:
+                return last_ + 1;
+            case 2:
+                return last_;
+            case 3:
+                return last_ = fresh & random_() & random_();
+            default:
+                return last_ = fresh;
+        }
+    }
+    uint16_t any16() { return static_cast<uint16_t>(any()); }
+    uint32_t any32() { return static_cast<uint32_t>(any()); }
+    uint32_t upTo(uint32_t most) { return any32() % (most + 1); }
+
+  private:
+    std::mt19937_64 random_{20240501};
+    uint64_t last_ = 0;
+};
+
+template <class Make>
+void parityOfMany(Make make) {
+    std::vector<decltype(make())> samples = {{}};
+    for (int i = 0; i < samplesPerType; ++i) {
+        samples.push_back(make());
+    }
+    parity::parityOf(samples);
+}
+
+void printEthernet(Numbers& n) {
+    const auto mac = [&n] { return EthAddr{n.any16(), n.any16(), n.any16()}; };
+    parityOfMany(mac);
+    parityOfMany([&] { return EthAddrWithMask{mac(), mac()}; });
+    parityOfMany([&] { return mac().eui64(); });
+}
+
+void printIp(Numbers& n) {
+    const auto ip = [&n] { return IpAddr(n.any32()); };
+    parityOfMany(ip);
+    parityOfMany([&] { return IpAddrWithMask{ip(), n.upTo(40)}; });
+    parityOfMany([&] { return IpAddrWithFullMask{ip(), n.any32()}; });
+    parityOfMany([&] {
+        const uint32_t len = n.upTo(32);
+        const uint64_t mask = ~uint64_t{0} << (32 - len);  // By up to 32 bits.
+        return Prefix(IpAddr(static_cast<uint32_t>(n.any() & mask)), len);
+    });
+    parityOfMany([&] { return IpAndPort{ip(), n.any16()}; });
+}
+
+void printIp6(Numbers& n) {
+    const auto ip6 = [&n] {
+        return Ip6Addr{n.any16(), n.any16(), n.any16(), n.any16(),
+                       n.any16(), n.any16(), n.any16(), n.any16()};
+    };
+    parityOfMany(ip6);
+    parityOfMany([&] { return ip6().ip6AddrMaskedByLength(n.upTo(128)); });
+    parityOfMany([&] { return Ip6Addr(0, uint64_t{0xffff} << 32 | n.any32()); });
+    parityOfMany([&] {
+        switch (n.upTo(2)) {
+            case 0:
+                return IpGenAddr();
+            case 1:
+                return IpGenAddr(IpAddr(n.any32()));
+            default:
+                return IpGenAddr(ip6());
+        }
+    });
+}
+
+void printFields(Numbers& n) {
+    parityOfMany([&n] { return IpVersion(n.upTo(IpVersion::max)); });
+    parityOfMany([&n] { return IpTtl(n.upTo(IpTtl::max)); });
+    parityOfMany([&n] { return IpDscp(n.upTo(IpDscp::max)); });
+    parityOfMany([&n] { return IpTrafficClass(n.upTo(IpTrafficClass::max)); });
+    parityOfMany([&n] { return IpFlowLabel(n.upTo(IpFlowLabel::max)); });
+    parityOfMany([&n] { return Port(n.upTo(Port::max)); });
+    parityOfMany([&n] { return Eui64U8Key(n.upTo(Eui64U8Key::max)); });
+    parityOfMany([&n] { return Ip6AddrU8Key(n.upTo(Ip6AddrU8Key::max)); });
+    parity::parityOf<IpProtocolNumber>("Pavo::IpProtocolNumber");
+    parity::parityOf<AddressFamily>("Pavo::AddressFamily");
+}
+
+void printNames(Numbers& n) {
+    parityOfMany([&n] {
+        std::string name(n.upTo(NamespaceName::maxBytes), 'x');
+        for (char& c : name) {
+            c = static_cast<char>('!' + n.upTo('~' - '!'));
+        }
+        return NamespaceName(Mox::String(name));
+    });
+}
+
+}  // namespace
+}  // namespace Pavo
+
+void parityOfValues() {
+    Pavo::Numbers numbers;
+    Pavo::printEthernet(numbers);
+    Pavo::printIp(numbers);
+    Pavo::printIp6(numbers);
+    Pavo::printFields(numbers);
+    Pavo::printNames(numbers);
+}
