@@ -1,0 +1,192 @@
+// The main job, shown: two agents in two network namespaces exchange ICMP echo over a wire of their
+// own. Ends with 0 when every request was answered, by the agent and by the kernel.
+
+#include <getopt.h>
+#include <net/if.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "Mox/EventLoop.h"
+#include "echo/EchoRequester.h"
+#include "echo/EchoResponder.h"
+#include "sandbox/Sandbox.h"
+
+namespace {
+
+constexpr char usage[] =
+    "usage: pavo-demo [--count N] [--interval MS] [--size BYTES]\n"
+    "\n"
+    "Makes two network namespaces, \"left\" and \"right\", joined by a wire. An agent in the left "
+    "one\n"
+    "sends ICMP echo requests; an agent in the right one answers them, and so does that "
+    "namespace's\n"
+    "kernel. Runs in namespaces of its own: as root, or as a user who may make user namespaces.\n"
+    "\n"
+    "  --count N      requests to send, 1 to 10000 (5)\n"
+    "  --interval MS  milliseconds from one to the next, 0 to 60000 (100)\n"
+    "  --size BYTES   payload of a request, 0 to 1472 (56)\n"
+    "  --help         this text\n";
+
+struct Options {
+    uint16_t count = 5;
+    double intervalSeconds = 0.1;
+    uint32_t payloadBytes = 56;
+};
+
+// A whole number from `least` to `most`; anything else ends the program with the usage.
+uint32_t numberIn(const char* name, const char* text, uint32_t least, uint32_t most) {
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text, &end, 10);
+    if (*text < '0' || *text > '9' || *end != '\0' || value < least || value > most) {
+        std::fprintf(stderr, "pavo-demo: --%s takes a number from %u to %u, not \"%s\"\n\n%s", name,
+                     least, most, text, usage);
+        std::exit(2);
+    }
+    return static_cast<uint32_t>(value);
+}
+
+Options readOptions(int argc, char** argv) {
+    static constexpr option known[] = {{"count", required_argument, nullptr, 'c'},
+                                       {"interval", required_argument, nullptr, 'i'},
+                                       {"size", required_argument, nullptr, 's'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {}};
+    Options options;
+    for (int each = 0; (each = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        switch (each) {
+            case 'c':
+                options.count = static_cast<uint16_t>(numberIn("count", optarg, 1, 10000));
+                break;
+            case 'i':
+                options.intervalSeconds = numberIn("interval", optarg, 0, 60000) / 1000.0;
+                break;
+            case 's':
+                options.payloadBytes = numberIn("size", optarg, 0, 1472);
+                break;
+            case 'h':
+                std::fputs(usage, stdout);
+                std::exit(0);
+            default:
+                std::fputs(usage, stderr);
+                std::exit(2);
+        }
+    }
+    if (optind != argc) {
+        std::fprintf(stderr, "pavo-demo: unexpected \"%s\"\n\n%s", argv[optind], usage);
+        std::exit(2);
+    }
+    return options;
+}
+
+const Pavo::IpAddr leftAddress(0xc0000201);   // 192.0.2.1, an address for documentation.
+const Pavo::IpAddr rightAddress(0xc0000202);  // 192.0.2.2
+
+void makeWire() {
+    PavoSandbox::makeNetns("left");
+    PavoSandbox::makeNetns("right");
+    PavoSandbox::makeVethPair("veth-left", "left", "veth-right", "right");
+    PavoSandbox::addAddress("left", "veth-left", "192.0.2.1/24");
+    PavoSandbox::addAddress("right", "veth-right", "192.0.2.2/24");
+    PavoSandbox::setUp("left", "veth-left");
+    PavoSandbox::setUp("right", "veth-right");
+}
+
+// The name of an interface of a namespace, which has names and indices of its own. Looked up once,
+// so that printing takes no time from the packets that follow.
+const std::string& interfaceName(const std::string& netNs, uint32_t index) {
+    static std::map<std::pair<std::string, uint32_t>, std::string> known;
+    const auto [it, isNew] = known.try_emplace({netNs, index}, "?");
+    if (isNew) {
+        const PavoSandbox::ScopedNetns inside(netNs);
+        char name[IF_NAMESIZE];
+        if (if_indextoname(index, name) != nullptr) {
+            it->second = name;
+        }
+    }
+    return it->second;
+}
+
+std::string text(const Pavo::IpAddr& address) {
+    return address.stringValue().c_str();
+}
+
+void printRow(const char* what, const char* netNs, const Echo::Packet& packet) {
+    std::printf("%4u  %-18s %-11s %-11s %-10s %4u  0x%02x %6u", packet.sequence, what,
+                text(packet.from).c_str(), text(packet.to).c_str(),
+                interfaceName(netNs, packet.ifIndex).c_str(), packet.ttl, packet.tos, packet.bytes);
+}
+
+void printCounters(const Pavo::IpSocketPam& pam) {
+    std::printf(
+        "%-14s readable %u, writable %u, received %llu, read errors %u, sent %llu, send errors %u, "
+        "drops %u\n",
+        pam.name().c_str(), pam.readableCount(), pam.writableCount(),
+        static_cast<unsigned long long>(pam.rxPktCount()), pam.rxErrors(),
+        static_cast<unsigned long long>(pam.txPktCount()), pam.txErrors(), pam.txDrops());
+}
+
+int exchange(const Options& options) {
+    Mox::EventLoop loop;
+    uint32_t byAgent = 0;
+    uint32_t byKernel = 0;
+    Mox::Timer giveUp(loop.clock(), [&loop] { loop.stop(); });
+    const Echo::EchoResponder responder(Pavo::NamespaceName("right"),
+                                        [](const Echo::Packet& request) {
+                                            printRow("request, at right", "right", request);
+                                            std::printf("\n");
+                                        });
+    const Echo::EchoRequester requester(
+        {Pavo::NamespaceName("left"), leftAddress, rightAddress, options.count,
+         options.intervalSeconds, options.payloadBytes},
+        loop.clock(), [&](const Echo::Packet& answer, double seconds) {
+            const bool agent = answer.ttl == Echo::EchoResponder::answerTtl;
+            ++(agent ? byAgent : byKernel);
+            printRow(agent ? "answer of agent" : "answer of kernel", "left", answer);
+            std::printf(" %9.3f ms\n", seconds * 1000);
+            if (byAgent == options.count && byKernel == options.count) {
+                loop.stop();
+            }
+        });
+    giveUp.expiryIs(loop.clock()->now() + options.count * options.intervalSeconds + 5);
+
+    std::printf("%4s  %-18s %-11s %-11s %-10s %4s  %4s %6s %12s\n", "seq", "packet", "from", "to",
+                "interface", "TTL", "TOS", "bytes", "round trip");
+    loop.run();
+
+    std::printf("\n");
+    printCounters(requester.pam());
+    printCounters(responder.pam());
+    std::printf("%u requests sent, %u answered by the agent, %u by the kernel\n", requester.sent(),
+                byAgent, byKernel);
+    const bool complete = byAgent == options.count && byKernel == options.count;
+    return complete ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = readOptions(argc, argv);
+    std::string why;
+    if (!PavoSandbox::Sandbox::enter(&why)) {
+        std::fprintf(stderr, "pavo-demo needs namespaces of its own and cannot have them: %s\n",
+                     why.c_str());
+        return 1;
+    }
+    try {
+        makeWire();
+        std::printf("left: veth-left %s   <-- wire -->   right: veth-right %s\n",
+                    text(leftAddress).c_str(), text(rightAddress).c_str());
+        std::printf("The agent at right answers with TTL %u, its kernel with the system's TTL.\n\n",
+                    Echo::EchoResponder::answerTtl);
+        return exchange(options);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "pavo-demo: %s\n", error.what());
+        return 1;
+    }
+}
