@@ -174,23 +174,23 @@ class MOX_EXPORT Notifiee : public PtrInterface {
     AttributeSet wanted_;
 };
 
+template <class Owner, class T>
+concept BaseOf = std::derived_from<T, Owner>;
+
 /// Calls a function when attributes of an entity change, for as long as it lives: a member of an
 /// agent. It may be destroyed from inside the call.
 template <class T>
 class Watch {
   public:
     Watch() = default;
-    template <class Owner>
-    requires std::derived_from<T, Owner> Watch(const Ptr<T>& notifier,
-                                               const Attribute<Owner>& attribute,
-                                               std::function<void()> handler)
+    template <BaseOf<T> Owner>
+    Watch(const Ptr<T>& notifier, const Attribute<Owner>& attribute, std::function<void()> handler)
         : Watch(notifier, AttributeSet(attribute),
                 [handler = std::move(handler)](const Change&) { handler(); }) {}
     /// For a collection: the function gets the changed member.
-    template <class Owner, class Key>
-    requires std::derived_from<T, Owner> Watch(
-        const Ptr<T>& notifier, const Attribute<Owner, Key>& attribute,
-        std::function<void(const std::type_identity_t<Key>&)> handler)
+    template <BaseOf<T> Owner, class Key>
+    Watch(const Ptr<T>& notifier, const Attribute<Owner, Key>& attribute,
+          std::function<void(const std::type_identity_t<Key>&)> handler)
         : Watch(notifier, AttributeSet(attribute),
                 [&attribute, handler = std::move(handler)](const Change& change) {
                     handler(change.key(attribute));

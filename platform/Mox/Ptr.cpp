@@ -4,23 +4,16 @@
 
 namespace Mox {
 
-namespace {
+constinit bool Detail::threadSafePointers = false;
+constinit std::atomic<uint32_t> Detail::liveObjects = 0;
 
-uint32_t liveObjectCount = 0;
+namespace {
 
 // Far above any real count: a reference that comes and goes while the object dies must not bring
 // the count to zero a second time.
 constexpr uint32_t dying = 1u << 30;
 
 }  // namespace
-
-PtrInterface::PtrInterface() {
-    ++liveObjectCount;
-}
-
-PtrInterface::~PtrInterface() {
-    --liveObjectCount;
-}
 
 NotifieeList* PtrInterface::notifieeList() {
     return nullptr;
@@ -46,10 +39,6 @@ void PtrInterface::lastReferenceGone() const {
     auto* self = const_cast<PtrInterface*>(this);
     self->notificationActive_ = false;  // An observer hears nothing of what its members do last.
     self->zeroReferencesIs(true);
-}
-
-uint32_t liveObjects() {
-    return liveObjectCount;
 }
 
 }  // namespace Mox

@@ -2,6 +2,7 @@
 /// Reference-counted objects: the base of all that is held by `Mox::Ptr`.
 #pragma once
 
+#include <atomic>
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -16,12 +17,33 @@ namespace Mox {
 class NotifieeList;
 struct FwkType;
 
+namespace Detail {
+
+// Here for the sake of inline counting: `PtrInterface` and `liveObjects` are the interface.
+MOX_EXPORT extern bool threadSafePointers;
+MOX_EXPORT extern std::atomic<uint32_t> liveObjects;
+
+/// Adds to a count and returns the sum. Without threads a locked instruction would cost more than
+/// all the rest of copying a pointer.
+inline uint32_t countChanged(std::atomic<uint32_t>& count, uint32_t delta) {
+    if (__builtin_expect(threadSafePointers, 0)) {
+        return count.fetch_add(delta, std::memory_order_acq_rel) + delta;
+    }
+    const uint32_t sum = count.load(std::memory_order_relaxed) + delta;
+    count.store(sum, std::memory_order_relaxed);
+    return sum;
+}
+
+}  // namespace Detail
+
 /// The intrusive count, and what the framework asks of every object. The virtual operations stand
 /// in a fixed order, since agents are compiled against it.
 ///
 /// An object is born with one reference, which `Mox::make` hands to the `Ptr` it returns: a `Ptr`
 /// to itself that a constructor makes and drops deletes nothing. An object on the stack keeps that
 /// first reference for life.
+///
+/// Counting is plain until the process says that it shares objects between threads.
 class MOX_EXPORT PtrInterface {
   public:
     PtrInterface(const PtrInterface&) = delete;
@@ -38,34 +60,44 @@ class MOX_EXPORT PtrInterface {
     virtual const FwkType* fwkType() const;
 
   protected:
-    PtrInterface();
-    virtual ~PtrInterface();
+    PtrInterface() { Detail::countChanged(Detail::liveObjects, 1); }
+    virtual ~PtrInterface() { Detail::countChanged(Detail::liveObjects, ~0u); }
 
   public:
+    /// Makes counting atomic in the whole process, or plain again. To be called before the first
+    /// object is shared, and while no other thread counts.
+    static void threadSafePointersIs(bool threadSafe) { Detail::threadSafePointers = threadSafe; }
+    static bool threadSafePointers() { return Detail::threadSafePointers; }
+
     bool hasNotificationActive() const { return notificationActive_; }
 
     /// Counted by `Ptr`; for callers that hand a reference through a C interface.
-    void referencesInc() const { ++references_; }
+    void referencesInc() const { Detail::countChanged(references_, 1); }
     void referencesDec() const {
-        if (--references_ == 0) {
+        if (Detail::countChanged(references_, ~0u) == 0) {
             lastReferenceGone();
         }
     }
-    uint32_t references() const { return references_; }
+    uint32_t references() const { return references_.load(std::memory_order_relaxed); }
 
   private:
     void lastReferenceGone() const;
 
-    mutable uint32_t references_ = 1;
+    mutable std::atomic<uint32_t> references_ = 1;
     bool notificationActive_ = false;
 };
 
 /// Objects of the framework that live at this moment, in the whole process: a test that ends with
 /// the number it began with has leaked none.
-MOX_EXPORT uint32_t liveObjects();
+inline uint32_t liveObjects() {
+    return Detail::liveObjects.load(std::memory_order_relaxed);
+}
 
 /// Tells `Ptr` to take over the reference that an object is born with.
 struct AdoptReference {};
+
+template <class U, class T>
+concept PointsTo = std::is_convertible_v<U*, T*>;
 
 /// A counted reference to a `PtrInterface`, or null.
 template <class T>
@@ -77,11 +109,10 @@ class Ptr {
     Ptr(T* object, AdoptReference) : object_(object) {}
     Ptr(const Ptr& other) : Ptr(other.object_) {}
     Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    template <class U>
-    requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other) : Ptr(other.ptr()) {}
-    template <class U>
-    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
-    noexcept : object_(other.release()) {}
+    template <PointsTo<T> U>
+    Ptr(const Ptr<U>& other) : Ptr(other.ptr()) {}
+    template <PointsTo<T> U>
+    Ptr(Ptr<U>&& other) noexcept : object_(other.release()) {}
     ~Ptr() {
         if (object_ != nullptr) {
             object_->referencesDec();

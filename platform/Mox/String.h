@@ -46,9 +46,10 @@ class String {
     }
 
     friend bool operator==(const String& a, const String& b) { return a.text_ == b.text_; }
-    template <class T>
-    requires std::convertible_to<const T&, std::string_view>
-    friend bool operator==(const String& a, const T& b) { return a.view() == std::string_view(b); }
+    template <std::convertible_to<std::string_view> T>
+    friend bool operator==(const String& a, const T& b) {
+        return a.view() == std::string_view(b);
+    }
     friend auto operator<=>(const String& a, const String& b) { return a.text_ <=> b.text_; }
     friend String operator+(String a, std::string_view b) { return std::move(a += b); }
     friend std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.text_; }

@@ -137,11 +137,11 @@ class ValueType {
 
     // For the defaulted comparisons of T alone, which compare this empty base too: constrained to
     // exactly it, so that they never stand in for a comparison that T does not offer.
-    template <class Base>
-    requires std::same_as<Base, ValueType>
-    friend constexpr bool operator==(const Base&, const Base&) { return true; }
-    template <class Base>
-    requires std::same_as<Base, ValueType>
+    template <std::same_as<ValueType> Base>
+    friend constexpr bool operator==(const Base&, const Base&) {
+        return true;
+    }
+    template <std::same_as<ValueType> Base>
     friend constexpr std::strong_ordering operator<=>(const Base&, const Base&) {
         return std::strong_ordering::equal;
     }
