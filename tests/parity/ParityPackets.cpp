@@ -65,10 +65,10 @@ void printFields(Numbers& numbers) {
 }
 
 void printHeaders(Numbers& numbers) {
-    EthHdr eth;
+    EthHdr eth;  // Braces evaluate from left to right.
     const auto word = [&numbers] { return static_cast<uint16_t>(numbers.next()); };
-    eth.dstIs(EthAddr(word(), word(), word()));
-    eth.srcIs(EthAddr(word(), word(), word()));
+    eth.dstIs(EthAddr{word(), word(), word()});
+    eth.srcIs(EthAddr{word(), word(), word()});
     eth.typeIs(word());
     printImage(eth);
 

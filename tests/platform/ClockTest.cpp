@@ -144,16 +144,6 @@ TEST(ManualClock, StandsAtEachExpiryAndNeverGoesBack) {
     EXPECT_DEATH(timer.expiryIs(std::nan("")), "assertion failed: !isnan\\( expiry \\)");
 }
 
-TEST(MonotonicClock, IsTheMachinesOwn) {
-    MonotonicClock clock;
-    timespec before{};
-    ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &before), 0);
-    const double now = clock.now();
-    EXPECT_GE(now, static_cast<double>(before.tv_sec));
-    EXPECT_LT(now, static_cast<double>(before.tv_sec) + 60);
-    EXPECT_GE(clock.now(), now);
-}
-
 // Arms, cancels and goes on at random, beside a model that keeps the armed in a sorted list.
 TEST(Clock, KeepsToASortedModel) {
     struct Armed {

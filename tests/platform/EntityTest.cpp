@@ -39,6 +39,14 @@ struct Scene {
     Ptr<Recorder>& b() { return observers[1]; }
     Ptr<Recorder>& c() { return observers[2]; }
     void addD() { observers.push_back(make<Recorder>(entity, 'D', &log)); }
+    void removeOthers() {
+        a()->notifierIs(nullptr);
+        c()->notifierIs(nullptr);
+    }
+    void dropEntity() {
+        entity->notifieeList()->delAll();
+        entity = nullptr;
+    }
     void setAgain() { entity->levelIs(entity->level() + 1); }
 
     std::string log;
@@ -60,26 +68,9 @@ TEST_F(EntityTest, ObserversMayDoAnythingWhileTheyAreNotified) {
         {"removes the next", [](Scene& s) { s.c()->notifierIs(nullptr); }, nullptr, "AB", "AB"},
         {"removes the one before", [](Scene& s) { s.a()->notifierIs(nullptr); }, nullptr, "ABC",
          "BC"},
-        {"removes all others",
-         [](Scene& s) {
-             s.a()->notifierIs(nullptr);
-             s.c()->notifierIs(nullptr);
-         },
-         nullptr, "AB", "B"},
+        {"removes all others", [](Scene& s) { s.removeOthers(); }, nullptr, "AB", "B"},
         {"removes all", [](Scene& s) { s.entity->notifieeList()->delAll(); }, nullptr, "AB", ""},
         {"adds one", [](Scene& s) { s.addD(); }, nullptr, "ABC", "ABCD"},
-        {"removes the last and adds one",
-         [](Scene& s) {
-             s.c()->notifierIs(nullptr);
-             s.addD();
-         },
-         nullptr, "AB", "ABD"},
-        {"adds one that leaves at once",
-         [](Scene& s) {
-             s.addD();
-             s.observers.pop_back();
-         },
-         nullptr, "ABC", "ABC"},
         {"comes again", [](Scene& s) { s.b()->notifierIs(s.entity); }, nullptr, "ABC", "ACB"},
         {"makes the next come again", [](Scene& s) { s.c()->notifierIs(s.entity); }, nullptr, "AB",
          "ABC"},
@@ -96,35 +87,17 @@ TEST_F(EntityTest, ObserversMayDoAnythingWhileTheyAreNotified) {
          [](Scene& s) { s.b() = nullptr; }, "ABABCC", "AC"},
         {"sets again, and then adds one", [](Scene& s) { s.setAgain(); },
          [](Scene& s) { s.addD(); }, "ABABCC", "ABCD"},
-        {"adds one, and sets again",
-         [](Scene& s) {
-             s.addD();
-             s.setAgain();
-         },
-         nullptr, "ABABCDC", "ABCD"},
+        {"adds one, and sets again", [](Scene& s) { s.addD(), s.setAgain(); }, nullptr, "ABABCDC",
+         "ABCD"},
         {"drops the entity, which the others hold", [](Scene& s) { s.entity = nullptr; }, nullptr,
          "ABC", nullptr},
+        {"drops the entity, whom nobody observes any more", [](Scene& s) { s.dropEntity(); },
+         nullptr, "AB", nullptr},
         {"drops the entity with all observers",
-         [](Scene& s) {
-             s.observers.clear();
-             s.entity = nullptr;
-         },
-         nullptr, "AB", nullptr},
-        {"drops the entity, whom nobody observes any more",
-         [](Scene& s) {
-             s.entity->notifieeList()->delAll();
-             s.entity = nullptr;
-         },
-         nullptr, "AB", nullptr},
+         [](Scene& s) { s.observers.clear(), s.dropEntity(); }, nullptr, "AB", nullptr},
         {"throws", [](Scene&) { throw std::runtime_error("B"); }, nullptr, "AB!", "ABC"},
         {"sets again, and then throws", [](Scene& s) { s.setAgain(); },
          [](Scene&) { throw std::runtime_error("B"); }, "ABAB!", "ABC"},
-        {"destroys all and throws",
-         [](Scene& s) {
-             s.observers.clear();
-             throw std::runtime_error("B");
-         },
-         nullptr, "AB!", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -226,6 +199,7 @@ TEST_F(EntityTest, AWatchMayBeDestroyedOrReplacedFromInsideItsCall) {
         watch = Watch<TestEntity>(entity, TestEntity::levelAttr, [&] {
             log += 'n';
             watch = Watch<TestEntity>();
+            entity->levelIs(9);  // Not heard any more, though the call still runs.
         });
         log += text;
     });

@@ -73,15 +73,15 @@ bool readOne(FileDescriptor& fd) {
     return got;
 }
 
-void readAll(const Fd& fd) {
+void readAll(const FileDescriptor& fd) {
     char bytes[4096];
-    while (read(fd->descriptor(), bytes, sizeof bytes) > 0) {
+    while (read(fd.descriptor(), bytes, sizeof bytes) > 0) {
     }
 }
 
-void fill(const Fd& fd) {
+void fill(const FileDescriptor& fd) {
     const char bytes[4096] = {};
-    while (write(fd->descriptor(), bytes, sizeof bytes) > 0) {
+    while (write(fd.descriptor(), bytes, sizeof bytes) > 0) {
     }
     EXPECT_EQ(errno, EAGAIN);
 }
@@ -152,7 +152,7 @@ TEST_F(EventLoopTest, ReportsWhatWaitsAsOftenAsTheOwnerTriesToRead) {
         EXPECT_EQ(turns(1000), 2u);
         EXPECT_TRUE(readOne(*ignored.end));
         EXPECT_EQ(turns(1000), 1u);
-        readAll(ignored.end);
+        readAll(*ignored.end);
         EXPECT_FALSE(readOne(*ignored.end));
         EXPECT_EQ(turns(1000), 0u);
         EXPECT_EQ(idle.end->readableCount(), 0u);
@@ -166,11 +166,11 @@ TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatMetNone) {
     const Fd& writer = ends.end;
     writer->notifyOnReadableIs(true);
     EXPECT_EQ(turns(1000), 0u);
-    fill(writer);
+    fill(*writer);
     writer->writeMetNoRoom();
     writer->writeMetNoRoom();
     EXPECT_EQ(turns(1000), 0u);
-    readAll(ends.peer);
+    readAll(*ends.peer);
     EXPECT_EQ(turns(1), 1u);
     EXPECT_FALSE(writer->notifyOnWritable());
     EXPECT_EQ(turns(1000), 0u);
@@ -179,13 +179,15 @@ TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatMetNone) {
 
     // Who fills it again inside the report waits for room again.
     const Watch<FileDescriptor> refill(writer, FileDescriptor::writableCountAttr, [&] {
-        fill(writer);
+        fill(*writer);
         writer->writeMetNoRoom();
     });
     writer->writeMetNoRoom();
+    writer->notifyOnReadableIs(false);
+    writer->readTried(true);  // Nobody wants to hear of it.
     EXPECT_EQ(turns(1000), 1u);
     EXPECT_TRUE(writer->notifyOnWritable());
-    readAll(ends.peer);
+    readAll(*ends.peer);
     EXPECT_EQ(turns(1000), 1u);
 }
 
@@ -223,10 +225,10 @@ TEST_F(EventLoopTest, WatchesByLevelAndByEdge) {
         ends.end->notifyOnWritableIs(false);
         ends.end->watchingIs(Watching::tracked);  // What waits is reported anew.
         EXPECT_EQ(turns(10), 1u);
-        readAll(ends.end);
+        readAll(*ends.end);
         ends.end->watchingIs(c.watching);
-        ends.end->readTried(false);
-        EXPECT_EQ(turns(10), 0u);
+        ends.end->readTried(true);  // Which only tracked watching listens to.
+        EXPECT_EQ(turns(10), c.watching == Watching::tracked ? 1u : 0u);
     }
 }
 
@@ -255,6 +257,7 @@ TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForWhateverInterestThereI
         Ends ends(c.type);
         if (c.isWriter) {
             std::swap(ends.end, ends.peer);
+            fill(*ends.end);  // Or there would be room as well.
         }
         ends.end->watchingIs(c.watching);
         ends.end->notifyOnReadableIs(true);
@@ -289,6 +292,32 @@ struct Scene {
     }
     FileDescriptor& fd(int i) { return *ends[static_cast<std::size_t>(i)].end; }
 
+    void destroy(int i) {
+        watches[static_cast<std::size_t>(i)] = {};
+        ends[static_cast<std::size_t>(i)].end = nullptr;
+    }
+    void takeAll(int i) {
+        while (readOne(fd(i))) {
+        }
+        fd(i).notifyOnReadableIs(watching ==
+                                 Watching::tracked);  // Others do not say what they met.
+    }
+    void waitForRoom(int i) {
+        fill(fd(i));
+        fd(i).writeMetNoRoom();
+        fd(i).notifyOnReadableIs(false);
+    }
+    void toggle(int i) {
+        fd(i).notifyOnReadableIs(false);
+        fd(i).notifyOnReadableIs(true);
+    }
+    void replace(int i) {
+        const int number = fd(i).descriptor();
+        fd(i).close();
+        add();
+        EXPECT_EQ(ends.back().end->descriptor(), number);
+    }
+
     Watching watching;
     std::string log;
     std::function<void(Scene&)> action;
@@ -307,46 +336,15 @@ TEST_F(EventLoopTest, HandlersMayCloseAddRemoveAndThrow) {
         {"closes itself", [](Scene& s) { s.fd(0).close(); }, "ABC", ""},
         {"closes the next", [](Scene& s) { s.fd(1).close(); }, "AC", ""},
         {"closes the last", [](Scene& s) { s.fd(2).close(); }, "AB", ""},
-        {"destroys the next",
-         [](Scene& s) {
-             s.watches[1] = {};
-             s.ends[1].end = nullptr;
-         },
-         "AC", ""},
-        {"destroys itself",
-         [](Scene& s) {
-             s.watches[0] = {};
-             s.ends[0].end = nullptr;
-         },
-         "ABC", ""},
+        {"destroys the next", [](Scene& s) { s.destroy(1); }, "AC", ""},
+        {"destroys itself", [](Scene& s) { s.destroy(0); }, "ABC", ""},
+        {"takes what the next would read", [](Scene& s) { s.takeAll(1); }, "AC", ""},
+        {"makes the next wait for room", [](Scene& s) { s.waitForRoom(1); }, "AC", ""},
         {"ends the interest of the next", [](Scene& s) { s.fd(1).notifyOnReadableIs(false); }, "AC",
          ""},
-        {"toggles the interest of the next",
-         [](Scene& s) {
-             s.fd(1).notifyOnReadableIs(false);
-             s.fd(1).notifyOnReadableIs(true);
-         },
-         "AC", "B"},
-        {"takes what the next would read",
-         [](Scene& s) {
-             while (readOne(s.fd(1))) {
-             }
-             s.fd(1).notifyOnReadableIs(false);
-         },
-         "AC", ""},
-        {"adds one that is ready",
-         [](Scene& s) {
-             s.add();
-             s.ends[3].send();
-         },
-         "ABC", "D"},
-        {"adds one that is not, under the number of a ready one",
-         [](Scene& s) {
-             const int number = s.fd(1).descriptor();
-             s.fd(1).close();
-             s.add();
-             EXPECT_EQ(s.fd(3).descriptor(), number);
-         },
+        {"sets the interest of the next anew", [](Scene& s) { s.toggle(1); }, "AC", "B"},
+        {"adds one that is ready", [](Scene& s) { s.add(), s.ends[3].send(); }, "ABC", "D"},
+        {"adds one that is not, under the number of a ready one", [](Scene& s) { s.replace(1); },
          "AC", ""},
         {"throws", [](Scene&) { throw std::runtime_error("A"); }, "A!", "BC"},
         {"closes the next and throws",
@@ -499,6 +497,7 @@ TEST_F(EventLoopTest, ClosesWhatItOwns) {
         EXPECT_TRUE(fd->nonBlocking());
         fd->notifyOnReadableIs(true);
         c.act(*fd);
+        EXPECT_EQ(fd->notifyOnReadable(), fd->descriptor() >= 0);
         EXPECT_EQ(openDescriptors(), open - (c.closed ? 1 : 0));
         fd = nullptr;
         EXPECT_EQ(watched(), 0);
