@@ -18,8 +18,9 @@ namespace PavoTest {
 ///
 /// Counted are the calls that open, set up, switch, mount, look up or transfer (the list is in the
 /// source); `close` is never made to fail. The calls that carry plain bytes, `read`, `readv`,
-/// `write` and `writev`, count only when the filter names them, since traces and test output use
-/// them. A function and its variants count under the plain name: `fcntl64` is "fcntl".
+/// `write` and `writev`, and `pipe` count only when the filter names them, since traces, test
+/// output and sanitizers use them. A function and its variants count under the plain name:
+/// `fcntl64` is "fcntl".
 ///
 /// A filter is empty, a name ("setns": count only these) or an exclamation mark and a name
 /// ("!setns": count all but these, for calls whose failure ends the process).
