@@ -83,6 +83,7 @@ class MOX_EXPORT NotifieeList {
     void notify(const Change& change);
 
   private:
+    friend class Entity;
     friend class Notifiee;
     struct Walk;
 
@@ -91,7 +92,8 @@ class MOX_EXPORT NotifieeList {
 
     Notifiee* first_ = nullptr;
     Notifiee* last_ = nullptr;
-    Walk* walks_ = nullptr;  // The tellings under way, innermost first.
+    Walk* walks_ = nullptr;   // The tellings under way, innermost first.
+    Entity* gone_ = nullptr;  // The owner, once its last reference has gone during one.
     uint64_t added_ = 0;
 };
 
@@ -103,6 +105,8 @@ class MOX_EXPORT Entity : public PtrInterface {
 
     NotifieeList* notifieeList() override { return &notifiees_; }
     const FwkType* fwkType() const override;
+    /// Puts the end off until no change of this entity is being told.
+    void zeroReferencesIs(bool zero) override;
     /// The name under which a directory holds the entity; empty when it has none.
     virtual String name() const;
     /// Told when the entity is put into a parent, with null when it is taken out.
@@ -138,9 +142,10 @@ class MOX_EXPORT Entity : public PtrInterface {
     }
 
   private:
+    friend class NotifieeList;
+
     void tell(const Change& change) {
         if (!notifiees_.empty()) {
-            const Ptr<Entity> hold(this);  // An observer may drop the last reference.
             notifiees_.notify(change);
         }
     }
@@ -150,13 +155,14 @@ class MOX_EXPORT Entity : public PtrInterface {
 
 /// An observer: a reactor on attributes of one entity, which it keeps alive. It hears nothing while
 /// its notifications are not active, and nothing once its last reference has gone. The entity holds
-/// it weakly; while it is called, it is held.
+/// it weakly; one that drops its own last reference while it is called ends when the call does.
 class MOX_EXPORT Notifiee : public PtrInterface {
   public:
     Entity* notifier() const { return notifier_.ptr(); }
     /// Leaves the entity observed so far and observes `notifier`, unless it is null.
     void notifierIs(Ptr<Entity> notifier);
 
+    void zeroReferencesIs(bool zero) override;
     virtual void handleChange(const Change& change) = 0;
 
   protected:
@@ -166,8 +172,10 @@ class MOX_EXPORT Notifiee : public PtrInterface {
 
   private:
     friend class NotifieeList;
+    struct Call;
 
     Ptr<Entity> notifier_;
+    Call* call_ = nullptr;  // The innermost one under way.
     Notifiee* previous_ = nullptr;
     Notifiee* next_ = nullptr;
     uint64_t addedAs_ = 0;

@@ -172,12 +172,12 @@ void FileDescriptor::readTried(bool moreMayWait) {
 }
 
 void FileDescriptor::report(const Report& due) {
-    const Ptr<FileDescriptor> hold(this);
     if (&due == &readReport_) {
         triedToRead_ = false;
-        readableCountInc(1);
+        readableCountIs(readableCount_ + 1);
         return;
     }
+    const Ptr<FileDescriptor> hold(this);  // The first of two changes may drop the last reference.
     if (watching_ == Watching::tracked) {
         notifyOnWritableIs(false);
     }
