@@ -209,6 +209,18 @@ char* groupsAt(char* at, const Ip6Addr& address, unsigned first, unsigned last) 
     return at;
 }
 
+const char* readAddressAndLength(Mox::TextCursor& in, Ip6Addr* address, uint32_t* len) {
+    if (const char* error = address->parse(in)) {
+        return error;
+    }
+    const LengthFault fault = readLengthSuffix(in, len);
+    if (fault == LengthFault::missing) {
+        return Ip6AddrWithMask::leftoverText;
+    }
+    const bool tooLong = fault == LengthFault::tooLarge || *len > 128;
+    return tooLong ? "Ip6AddrWithMask: prefix too long" : nullptr;
+}
+
 }  // namespace
 
 EthAddr Ip6Addr::mcastEtherAddress() const {
@@ -291,6 +303,51 @@ Ip6Addr ip6LinkLocalFromMac(const EthAddr& mac) {
     return Ip6Addr(0xfe80, 0, 0, 0, mac.word(0) ^ 0x0200,
                    static_cast<uint16_t>((mac.word(1) & 0xff00) | 0xff),
                    static_cast<uint16_t>(0xfe00 | (mac.word(1) & 0xff)), mac.word(2));
+}
+
+const char* Ip6AddrWithMask::parse(Mox::TextCursor& in) {
+    return readAddressAndLength(in, &address_, &len_);
+}
+
+const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
+    if (const char* error = address_.parse(in)) {
+        return error;
+    }
+    if (atMaskLength(in)) {
+        uint32_t len = 0;
+        if (readLengthSuffix(in, &len) != LengthFault::none || len > 128) {
+            return leftoverText;
+        }
+        mask_ = ip6AddrFromPrefixLen(len);
+        return nullptr;
+    }
+    const bool atMask =
+        in.take('/') && (in.peek() == ':' || Mox::TextCursor::hexValue(in.peek()) >= 0);
+    return atMask ? mask_.parse(in) : leftoverText;
+}
+
+void Ip6AddrWithFullMask::print(Mox::TextWriter& out) const {
+    if (hasPrefixRepr()) {
+        Ip6AddrWithMask(address_, prefixLen().value()).subnet().print(out);
+        return;
+    }
+    address_.print(out);
+    out.put('/');
+    mask_.print(out);
+}
+
+Ip6Addr Ip6Prefix::subnetHost(const Ip6Addr& host) const {
+    if (!host.ip6AddrMaskedByLength(len_).isZero()) {
+        Mox::throwRangeException("Host address is too long");
+    }
+    return Ip6Addr(address_.u64(0) | host.u64(0), address_.u64(1) | host.u64(1));
+}
+
+const char* Ip6Prefix::parse(Mox::TextCursor& in) {
+    if (const char* error = readAddressAndLength(in, &address_, &len_)) {
+        return error;
+    }
+    return validAsPrefix() ? nullptr : leftoverText;
 }
 
 }  // namespace Pavo

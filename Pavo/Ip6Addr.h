@@ -1,5 +1,5 @@
 /// @file
-/// IPv6 addresses.
+/// IPv6 addresses, addresses with masks, and prefixes.
 #pragma once
 
 #include <bit>
@@ -262,6 +262,11 @@ constexpr uint32_t ip6AddrToPrefixLen(const Ip6Addr& mask) {
     return mask == mask.ip6AddrMaskedByLength(ones) ? ones : 129;
 }
 
+/// A mask of `len` ones, at most 128, the other way round.
+constexpr Ip6Addr ip6AddrFromPrefixLen(uint32_t len) {
+    return Ip6Addr(~uint64_t{0}, ~uint64_t{0}).ip6AddrMaskedByLength(len);
+}
+
 inline constexpr Ip6Addr ip6AddrZero;
 inline constexpr Ip6Addr ip6AddrLoopback(0, 1);
 inline constexpr Ip6Addr ip6AddrAllNodes(0xff02, 0, 0, 0, 0, 0, 0, 1);
@@ -274,5 +279,190 @@ inline constexpr Ip6Addr ip6AddrMld(0xff02, 0, 0, 0, 0, 0, 0, 0x16);
 inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02, 0, 0, 0, 0, 0, 0, 0);
 inline constexpr Ip6Addr ip6AddrV4MappedLoopback(0, 0, 0, 0, 0, 0xffff, 0x7f00, 1);
 inline constexpr Ip6Addr ip6AddrV4MappedLoopbackBase(0, 0, 0, 0, 0, 0xffff, 0x7f00, 0);
+
+/// A prefix length in bits, 0 to 128, or 129 where a mask has none.
+class Ip6PrefixLen : public Ordinal<Ip6PrefixLen, uint8_t, 129> {
+  public:
+    using Ordinal::Ordinal;
+
+    static constexpr uint8_t min = 0;
+    /// The length of a host prefix.
+    static constexpr uint8_t max = 128;
+    /// The mask is not ones followed by zeros.
+    static constexpr uint8_t invalid = 129;
+
+    static constexpr const char* typeName = "Pavo::Ip6PrefixLen";
+    static constexpr const char* leftoverText = "Invalid Ip6PrefixLen";
+    static constexpr const char* rangeText =
+        "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed";
+};
+static_assert(sizeof(Ip6PrefixLen) == 1);
+
+/// An address with a length in bits: the common part of `Ip6AddrWithMask` and `Ip6Prefix`. Text is
+/// the address, "/" and the length.
+///
+/// Where one of two lengths is shorter and its network contains the other's address, the longer
+/// comes first, so that a network stands behind all that lies in it; otherwise the addresses
+/// decide. All of `T` that this needs is `typeName`.
+template <class T>
+class Ip6AddrAndLen : public Mox::ValueType<T> {
+  public:
+    constexpr const Ip6Addr& address() const { return address_; }
+    /// In bits.
+    constexpr uint32_t len() const { return len_; }
+
+    /// No bit of the address is set past the length.
+    /// @throws Mox::RangeException "len <= 128" for a longer one
+    constexpr bool validAsPrefix() const {
+        if (len_ > 128) {
+            Mox::throwRangeException("len <= 128");
+        }
+        return address_ == address_.ip6AddrMaskedByLength(len_);
+    }
+    /// `address` agrees with this one in the first `len` bits; in all of them from 128 on.
+    constexpr bool contains(const Ip6Addr& address) const {
+        return address.ip6AddrMaskedByLength(len_) == address_.ip6AddrMaskedByLength(len_);
+    }
+    /// Either contains the other's address.
+    constexpr bool overlaps(const T& other) const {
+        return contains(other.address()) || other.contains(address_);
+    }
+
+    friend constexpr bool operator==(const T& a, const T& b) {
+        return a.address() == b.address() && a.len() == b.len();
+    }
+    friend constexpr std::strong_ordering operator<=>(const T& a, const T& b) {
+        const bool nested = a.len() < b.len() ? a.contains(b.address()) : b.contains(a.address());
+        return a.len() != b.len() && nested ? b.len() <=> a.len() : a.address() <=> b.address();
+    }
+
+    static constexpr auto description() {
+        return Mox::record(T::typeName, Mox::field<T, Ip6Addr>("address", &Ip6AddrAndLen::address_),
+                           Mox::field<T, uint32_t>("len", &Ip6AddrAndLen::len_));
+    }
+    void print(Mox::TextWriter& out) const {
+        address_.print(out);
+        out.put('/');
+        out.decimal(len_);
+    }
+
+  protected:
+    constexpr Ip6AddrAndLen() = default;
+    constexpr Ip6AddrAndLen(const Ip6Addr& address, uint32_t len) : address_(address), len_(len) {}
+
+    Ip6Addr address_;
+    uint32_t len_ = 0;
+};
+
+/// An address that keeps its host bits, with a mask length. From parts any length is stored as
+/// given, text allows 0 to 128.
+class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
+  public:
+    constexpr Ip6AddrWithMask() = default;
+    constexpr Ip6AddrWithMask(const Ip6Addr& address, uint32_t len) : Ip6AddrAndLen(address, len) {}
+    /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithMask: prefix size
+    /// expected" without "/" and a digit; "Ip6AddrWithMask: prefix too long" above 128
+    Ip6AddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    Ip6AddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    /// The same without host bits.
+    constexpr Ip6AddrWithMask subnet() const {
+        return Ip6AddrWithMask(address_.ip6AddrMaskedByLength(len_), len_);
+    }
+
+    static constexpr const char* typeName = "Pavo::Ip6AddrWithMask";
+    static constexpr const char* leftoverText = "Ip6AddrWithMask: prefix size expected";
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+};
+static_assert(std::is_trivially_copyable_v<Ip6AddrWithMask> && sizeof(Ip6AddrWithMask) == 20);
+
+/// An address with any 128-bit mask, in the shape of an address; the mask need not be contiguous.
+/// Ordered by address, then by mask.
+///
+/// Text shows what the pair matches: 2001:db8::/32 for 2001:db8::1 under a contiguous mask, its
+/// host bits left out, and address "/" mask under any other. Both forms of the mask are read.
+class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
+  public:
+    constexpr Ip6AddrWithFullMask() = default;
+    constexpr Ip6AddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask)
+        : address_(address), mask_(mask) {}
+    /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithFullMask: mask expected"
+    /// without "/" and a digit or ":", and for a length above 128
+    Ip6AddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    Ip6AddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    constexpr const Ip6Addr& address() const { return address_; }
+    constexpr const Ip6Addr& mask() const { return mask_; }
+
+    /// The mask's length, `Ip6PrefixLen::invalid` when it is not ones followed by zeros.
+    constexpr Ip6PrefixLen prefixLen() const { return ip6AddrToPrefixLen(mask_); }
+    /// The mask is ones followed by zeros.
+    constexpr bool hasPrefixRepr() const { return prefixLen() != Ip6PrefixLen::invalid; }
+
+    friend constexpr bool operator==(const Ip6AddrWithFullMask&,
+                                     const Ip6AddrWithFullMask&) = default;
+    friend constexpr auto operator<=>(const Ip6AddrWithFullMask&,
+                                      const Ip6AddrWithFullMask&) = default;
+
+    static constexpr const char* leftoverText = "Ip6AddrWithFullMask: mask expected";
+    static constexpr auto description() {
+        return Mox::record("Pavo::Ip6AddrWithFullMask",
+                           Mox::field("address", &Ip6AddrWithFullMask::address_),
+                           Mox::field("mask", &Ip6AddrWithFullMask::mask_));
+    }
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    PAVO_EXPORT void print(Mox::TextWriter& out) const;
+
+  private:
+    Ip6Addr address_;
+    Ip6Addr mask_;
+};
+static_assert(std::is_trivially_copyable_v<Ip6AddrWithFullMask> &&
+              sizeof(Ip6AddrWithFullMask) == 32);
+
+/// A network: an address without host bits, and a length of at most 128.
+class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
+  public:
+    constexpr Ip6Prefix() = default;
+    /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
+    constexpr Ip6Prefix(const Ip6Addr& address, uint32_t len) : Ip6AddrAndLen(address, len) {
+        check();
+    }
+    /// @throws Mox::RangeException with a text of `Ip6AddrWithMask`, or "Invalid Prefix - non-zero
+    /// after prefixlen"
+    Ip6Prefix(TextIt& it, const TextIt& end) { readText(it, end); }
+    /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
+    Ip6Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+        readLog(in);
+        check();
+    }
+
+    /// ::/0.
+    constexpr bool isDefaultRoutePrefix() const { return len_ == 0 && address_.isZero(); }
+    /// Of the length 128.
+    constexpr bool isHostRoutePrefix() const { return len_ == 128; }
+    /// The default value, ::/0.
+    constexpr bool isNullPrefix() const { return *this == Ip6Prefix(); }
+
+    /// The prefix's address with the bits of `host`.
+    /// @throws Mox::RangeException "Host address is too long" when `host` has a bit within the
+    /// length
+    PAVO_EXPORT Ip6Addr subnetHost(const Ip6Addr& host) const;
+
+    static constexpr const char* typeName = "Pavo::Ip6Prefix";
+    static constexpr const char* leftoverText = "Invalid Prefix - non-zero after prefixlen";
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+
+  private:
+    constexpr void check() const {
+        if (!validAsPrefix()) {
+            Mox::throwRangeException("Ip6Prefix::validAsPrefix != true not allowed");
+        }
+    }
+};
+static_assert(std::is_trivially_copyable_v<Ip6Prefix> && sizeof(Ip6Prefix) == 20);
+
+/// What is set aside for link-local addresses (RFC 4291, 2.4).
+inline constexpr Ip6Prefix ip6LinkLocalPrefix(Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0), 10);
 
 }  // namespace Pavo

@@ -10,7 +10,16 @@ namespace {
 
 Mox::TraceFacility traceFacility("Pavo::IpGenAddr");
 
-// The family that the text at the cursor belongs to, told by the first ":" or "." in it.
+}  // namespace
+
+AddressFamily AddressFamilyInstance(uint32_t value) {
+    return enumValue<AddressFamily>(value);
+}
+
+AddressFamily AddressFamilyInstance(const Mox::String& name) {
+    return enumValue<AddressFamily>(name);
+}
+
 AddressFamily detectedFamily(const Mox::TextCursor& in) {
     for (const char c : in.rest()) {
         switch (c) {
@@ -25,25 +34,6 @@ AddressFamily detectedFamily(const Mox::TextCursor& in) {
         }
     }
     return ipunknown;
-}
-
-}  // namespace
-
-AddressFamily AddressFamilyInstance(uint32_t value) {
-    return enumValue<AddressFamily>(value);
-}
-
-AddressFamily AddressFamilyInstance(const Mox::String& name) {
-    return enumValue<AddressFamily>(name);
-}
-
-IpGenAddr::IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-    readLog(in);
-    const bool clean =
-        af_ == ipv6 || (af_ == ipv4 ? IpGenAddr(v4Addr()).address_ == address_ : address_.isZero());
-    if (!clean) {
-        Mox::throwRangeException(leftoverText);
-    }
 }
 
 Mox::Bytes IpGenAddr::bytes() const {

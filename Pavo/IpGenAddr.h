@@ -28,6 +28,15 @@ PAVO_EXPORT AddressFamily AddressFamilyInstance(uint32_t value);
 /// @throws Mox::RangeException "Invalid AddressFamily"
 PAVO_EXPORT AddressFamily AddressFamilyInstance(const Mox::String& name);
 
+/// The bits of an address of the family: 32, 128, or 0 for an unknown one.
+constexpr uint32_t addressBits(AddressFamily af) {
+    return af == ipv4 ? 32 : af == ipv6 ? 128 : 0;
+}
+
+/// The family that the text at the cursor belongs to, told by the first ":" or "." in it; unknown
+/// when a "/" comes before either, or neither comes.
+PAVO_EXPORT AddressFamily detectedFamily(const Mox::TextCursor& in);
+
 /// An IPv4 or an IPv6 address, or none yet (`ipunknown`). Sixteen bytes hold it: those of the IPv6
 /// address, or the four of the IPv4 address and zeros. Ordered by family, then by the sixteen bytes
 /// as a number.
@@ -42,13 +51,28 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     constexpr IpGenAddr(const Ip6Addr& address) { handleV6Addr(address); }
     /// The zero address of a family.
     constexpr explicit IpGenAddr(AddressFamily af) : af_(af) {}
+    /// From the sixteen bytes that hold the address.
+    /// @throws Mox::RangeException "Invalid IpGenAddr" for bytes that the family has no use for and
+    /// that are not zero
+    constexpr IpGenAddr(AddressFamily af, const Ip6Addr& address) : af_(af), address_(address) {
+        check();
+    }
     /// @throws Mox::RangeException "Invalid IpGenAddr", or a text of the family's type
     IpGenAddr(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
-    PAVO_EXPORT IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon);
+    IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+        readLog(in);
+        check();
+    }
 
     constexpr AddressFamily af() const { return af_; }
+    /// The sixteen bytes that hold the address.
+    constexpr const Ip6Addr& address() const { return address_; }
+    /// No byte is set that the family has no use for.
+    static constexpr bool isAddress(AddressFamily af, const Ip6Addr& address) {
+        return address == address.ip6AddrMaskedByLength(addressBits(af));
+    }
     /// The IPv4 address, or 0.0.0.0 when the family is another.
     constexpr IpAddr v4Addr() const { return af_ == ipv4 ? IpAddr(address_.u32(0)) : IpAddr(); }
     /// The IPv6 address, or :: when the family is another.
@@ -143,6 +167,11 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     }
 
   private:
+    constexpr void check() const {
+        if (!isAddress(af_, address_)) {
+            Mox::throwRangeException(leftoverText);
+        }
+    }
     template <class Predicate>
     constexpr bool is(Predicate predicate) const {
         switch (af_) {

@@ -1,6 +1,6 @@
 /// @file
-/// Pieces of address text that several types share: dotted quads, and the "/length" behind an
-/// address.
+/// Pieces of address text that several types share: dotted quads, and the "/length" or mask behind
+/// an address.
 #pragma once
 
 #include <array>
@@ -92,6 +92,18 @@ inline LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
     }
     in = ahead;
     return LengthFault::none;
+}
+
+/// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address: its
+/// first digits alone look like a length, but go on as an address does.
+inline bool atMaskLength(Mox::TextCursor in) {
+    if (!in.take('/') || !in.atDigit()) {
+        return false;
+    }
+    while (in.atDigit()) {
+        in.skip();
+    }
+    return in.peek() != '.' && in.peek() != ':' && Mox::TextCursor::hexValue(in.peek()) < 0;
 }
 
 }  // namespace Pavo

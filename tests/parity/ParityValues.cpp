@@ -6,6 +6,9 @@
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/IpAddr.h"
 #include "Pavo/IpGenAddr.h"
+#include "Pavo/IpGenAddrWithFullMask.h"
+#include "Pavo/IpGenAddrWithMask.h"
+#include "Pavo/IpGenPrefix.h"
 #include "Pavo/NamespaceName.h"
 #include "parity/Parity.h"
 
@@ -80,14 +83,46 @@ void printIp6(Numbers& n) {
     parityOfMany(ip6);
     parityOfMany([&] { return ip6().ip6AddrMaskedByLength(n.upTo(128)); });
     parityOfMany([&] { return Ip6Addr(0, uint64_t{0xffff} << 32 | n.any32()); });
+    const auto masked = [&] { return Ip6AddrWithMask{ip6(), n.upTo(128)}; };
+    parityOfMany(masked);
     parityOfMany([&] {
+        const Ip6AddrWithMask net = masked().subnet();
+        return Ip6Prefix(net.address(), net.len());
+    });
+    parityOfMany([&] { return Ip6AddrWithFullMask{ip6(), ip6()}; });
+    parityOfMany([&] { return Ip6AddrWithFullMask{ip6(), ip6AddrFromPrefixLen(n.upTo(128))}; });
+}
+
+void printIpGen(Numbers& n) {
+    const auto gen = [&n] {
         switch (n.upTo(2)) {
             case 0:
                 return IpGenAddr();
             case 1:
                 return IpGenAddr(IpAddr(n.any32()));
             default:
-                return IpGenAddr(ip6());
+                return IpGenAddr(Ip6Addr{n.any(), n.any()});
+        }
+    };
+    parityOfMany(gen);
+    parityOfMany([&] { return IpGenPrefixBase{gen(), n.upTo(130)}; });
+    parityOfMany([&] { return IpGenAddrWithMask{gen(), n.upTo(130)}; });
+    parityOfMany([&] {
+        const IpGenAddr address = gen();
+        const uint32_t len = n.upTo(addressBits(address.af()));
+        return IpGenPrefix({address.af(), address.address().ip6AddrMaskedByLength(len)}, len);
+    });
+    parityOfMany([&] {
+        switch (n.upTo(3)) {
+            case 0:
+                return IpGenAddrWithFullMask{IpAddr(n.any32()), IpAddr(n.any32())};
+            case 1:
+                return IpGenAddrWithFullMask{IpAddr(n.any32()), static_cast<uint8_t>(n.upTo(32))};
+            case 2:
+                return IpGenAddrWithFullMask{Ip6Addr{n.any(), n.any()}, Ip6Addr{n.any(), n.any()}};
+            default:
+                return IpGenAddrWithFullMask{Ip6Addr{n.any(), n.any()},
+                                             static_cast<uint8_t>(n.upTo(128))};
         }
     });
 }
@@ -101,6 +136,9 @@ void printFields(Numbers& n) {
     parityOfMany([&n] { return Port(n.upTo(Port::max)); });
     parityOfMany([&n] { return Eui64U8Key(n.upTo(Eui64U8Key::max)); });
     parityOfMany([&n] { return Ip6AddrU8Key(n.upTo(Ip6AddrU8Key::max)); });
+    parityOfMany([&n] { return Ip6PrefixLen(n.upTo(Ip6PrefixLen::invalid)); });
+    using GenPrefixLen = IpGenAddrWithFullMask::PrefixLen;
+    parityOfMany([&n] { return GenPrefixLen(n.upTo(GenPrefixLen::max)); });
     parity::parityOf<IpProtocolNumber>("Pavo::IpProtocolNumber");
     parity::parityOf<AddressFamily>("Pavo::AddressFamily");
 }
@@ -123,6 +161,7 @@ void parityOfValues() {
     Pavo::printEthernet(numbers);
     Pavo::printIp(numbers);
     Pavo::printIp6(numbers);
+    Pavo::printIpGen(numbers);
     Pavo::printFields(numbers);
     Pavo::printNames(numbers);
 }
