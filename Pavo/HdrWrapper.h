@@ -76,6 +76,14 @@ class HdrWrapper : public Mox::PtrInterface {
     void requireFront(uint32_t bytes, const char* text) const {
         Mox::require(uint64_t{offset_} + bytes <= pkt_->frontBytes(), text);
     }
+    /// The first iovec from the offset on; nothing where it has shrunk to less since.
+    Pkt::Iovec fromOffset() const {
+        const uint32_t frontBytes = pkt_->frontBytes();
+        if (frontBytes <= offset_) {
+            return {};
+        }
+        return {pkt_->frontData() + offset_, frontBytes - offset_};
+    }
 
     Mox::Ptr<Pkt> pkt_;
     uint32_t offset_;

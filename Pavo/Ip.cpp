@@ -10,4 +10,9 @@ IpProtocolNumber IpProtocolNumberInstance(const Mox::String& name) {
     return enumValue<IpProtocolNumber>(name);
 }
 
+IpProtocolNumber protocolNumFromByte(uint8_t byte) {
+    const auto* number = Mox::findEnumerator<IpProtocolNumber>(byte);
+    return number != nullptr ? number->value : IpProtocolNumber::reserved;
+}
+
 }  // namespace Pavo

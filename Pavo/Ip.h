@@ -172,6 +172,9 @@ enum class IpProtocolNumber : uint32_t {
 PAVO_EXPORT IpProtocolNumber IpProtocolNumberInstance(uint32_t value);
 /// @throws Mox::RangeException "Invalid IpProtocolNumber"
 PAVO_EXPORT IpProtocolNumber IpProtocolNumberInstance(const Mox::String& name);
+/// A protocol byte of a packet as the number that it is; 255, `reserved`, for one that is not
+/// assigned.
+PAVO_EXPORT IpProtocolNumber protocolNumFromByte(uint8_t byte);
 
 constexpr auto enumDescription(IpProtocolNumber) {
     return Mox::enumeration<IpProtocolNumber>(

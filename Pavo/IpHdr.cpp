@@ -4,8 +4,6 @@
 #include <ios>
 #include <ostream>
 
-#include "Mox/Enum.h"
-
 namespace Pavo {
 
 namespace {
@@ -24,11 +22,6 @@ struct Hex {
 };
 
 }  // namespace
-
-IpProtocolNumber protocolNumFromByte(uint8_t byte) {
-    const auto* number = Mox::findEnumerator<IpProtocolNumber>(byte);
-    return number != nullptr ? number->value : IpProtocolNumber::reserved;
-}
 
 std::ostream& operator<<(std::ostream& out, const IpHdr& header) {
     // The byte itself, which prints as its name or, where it has none, as its number.

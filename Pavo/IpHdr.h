@@ -1,5 +1,5 @@
 /// @file
-/// The IPv4 header (RFC 791, 3.1).
+/// The IPv4 header and its options (RFC 791, 3.1).
 #pragma once
 
 #include <cstdint>
@@ -100,9 +100,6 @@ class OrdinalU8 : public Ordinal<OrdinalU8, uint8_t, 255> {
 
 static_assert(isOverlay<IpTotalLen>(2) && isOverlay<IpId>(2));
 static_assert(isOverlay<IpFragmentOffsetAndFlags>(2) && isOverlay<IpVersionAndHeaderLen>(1));
-
-/// A protocol byte as the number that it is; 255, `reserved`, for one that is not assigned.
-PAVO_EXPORT IpProtocolNumber protocolNumFromByte(uint8_t byte);
 
 /// An IPv4 header without its options, laid over the bytes of a packet, or free-standing and all
 /// zero to build one from:
@@ -228,6 +225,64 @@ static_assert(isOverlay<IpHdr>(20));
 /// Reads `headerBytes()` bytes.
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out, const IpHdr& header);
 
+/// What begins every option behind an IPv4 header, except the two that are one byte long, the end
+/// of the list (type 0) and the one that does nothing (type 1):
+///
+///     | type (1) | length (1) |
+class IpHdrOptionCommon {
+  public:
+    static constexpr std::string_view recordName = "IpHdrOptionCommon";
+
+    /// The copied flag in the top bit, then two bits of class and five of number.
+    uint8_t type() const { return type_; }
+    void typeIs(uint8_t type) { type_ = type; }
+    /// The whole option, these two bytes included.
+    uint8_t length() const { return length_; }
+    void lengthIs(uint8_t bytes) { length_ = bytes; }
+
+    /// `badIpPayloadLen` unless 2 <= `length()` <= `bytes`.
+    PktErrors check(uint32_t bytes) const { return checkLength(sizeof(IpHdrOptionCommon), bytes); }
+
+  protected:
+    PktErrors checkLength(uint32_t least, uint32_t most) const {
+        return length_ >= least && length_ <= most ? PktErrors::noError
+                                                   : PktErrors::badIpPayloadLen;
+    }
+
+  private:
+    uint8_t type_ = 0;
+    uint8_t length_ = 0;
+};
+static_assert(isOverlay<IpHdrOptionCommon>(2));
+
+/// The router alert option (RFC 2113, 2.1), by default the one that asks every router to look at
+/// the packet:
+///
+///     | type (1): 148 | length (1): 4 | value (2) |
+class IpHdrRouterAlertOption : public IpHdrOptionCommon {
+  public:
+    static constexpr std::string_view recordName = "IpHdrRouterAlertOption";
+    /// Copied into fragments, class 0, number 20.
+    static constexpr uint8_t optionType = 0x94;
+
+    IpHdrRouterAlertOption() {
+        typeIs(optionType);
+        lengthIs(4);
+    }
+
+    uint16_t value() const { return value_.value(); }
+    void valueIs(uint16_t value) { value_.valueIs(value); }
+
+    /// `badIpPayloadLen` unless 4 <= `length()` <= `bytes`.
+    PktErrors check(uint32_t bytes) const {
+        return checkLength(sizeof(IpHdrRouterAlertOption), bytes);
+    }
+
+  private:
+    NetU16 value_;
+};
+static_assert(isOverlay<IpHdrRouterAlertOption>(4));
+
 class PAVO_EXPORT IpHdrWrapper : public HdrWrapper<IpHdrWrapper, IpHdr> {
   public:
     using HdrWrapper::HdrWrapper;
@@ -235,12 +290,53 @@ class PAVO_EXPORT IpHdrWrapper : public HdrWrapper<IpHdrWrapper, IpHdr> {
     static constexpr const char* typeName = "Pavo::IpHdrWrapper";
 };
 
+class PAVO_EXPORT IpHdrOptionCommonWrapper
+    : public HdrWrapper<IpHdrOptionCommonWrapper, IpHdrOptionCommon> {
+  public:
+    using HdrWrapper::HdrWrapper;
+
+    static constexpr const char* typeName = "Pavo::IpHdrOptionCommonWrapper";
+};
+
+class PAVO_EXPORT IpHdrRouterAlertOptionWrapper
+    : public HdrWrapper<IpHdrRouterAlertOptionWrapper, IpHdrRouterAlertOption> {
+  public:
+    using HdrWrapper::HdrWrapper;
+
+    static constexpr const char* typeName = "Pavo::IpHdrRouterAlertOptionWrapper";
+
+    /// The option as what it is; `header()` also passes for the common record that it extends.
+    IpHdrRouterAlertOption* raHeader() { return header_; }
+    const IpHdrRouterAlertOption* raHeader() const { return header_; }
+    /// Writes a default router alert over the bytes of the packet, and returns it.
+    IpHdrRouterAlertOption* raHeaderInstantiate() {
+        *header_ = IpHdrRouterAlertOption();
+        return header_;
+    }
+};
+
 inline Mox::Ptr<IpHdrWrapper> ipHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
     return Mox::make<IpHdrWrapper>(pkt, offset);
 }
 
+inline Mox::Ptr<IpHdrOptionCommonWrapper> ipHdrOptionCommonWrapperFactory(const Mox::Ptr<Pkt>& pkt,
+                                                                          uint32_t offset) {
+    return Mox::make<IpHdrOptionCommonWrapper>(pkt, offset);
+}
+inline Mox::Ptr<IpHdrRouterAlertOptionWrapper> ipHdrRouterAlertOptionWrapperFactory(
+    const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
+    return Mox::make<IpHdrRouterAlertOptionWrapper>(pkt, offset);
+}
+
 inline HdrView<IpHdr> tryIpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
     return tryHdr<IpHdr>(pkt, offset);
+}
+inline HdrView<IpHdrOptionCommon> tryIpHdrOptionCommon(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
+    return tryHdr<IpHdrOptionCommon>(pkt, offset);
+}
+inline HdrView<IpHdrRouterAlertOption> tryIpHdrRouterAlertOption(const Mox::Ptr<Pkt>& pkt,
+                                                                 uint32_t offset) {
+    return tryHdr<IpHdrRouterAlertOption>(pkt, offset);
 }
 
 }  // namespace Pavo
