@@ -232,8 +232,8 @@ class PAVO_EXPORT IpPam : public Pam {
     uint64_t rxPktCountInc(uint64_t delta);
 
     /// The socket and the machine that watches it; null while disabled.
-    Mox::Ptr<Mox::FileDescriptor> fileDesc() const { return fileDesc_; }
-    Mox::Ptr<PamFdSm> fdSm() const { return fdSm_; }
+    const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }
+    const Mox::Ptr<PamFdSm>& fdSm() const { return fdSm_; }
 
   protected:
     ~IpPam() override;

@@ -1,0 +1,450 @@
+#include "Pavo/PktSocket.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <linux/if_tun.h>
+#include <linux/seccomp.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
+#include "Pavo/RawSocket.h"
+#include "support/FailSyscall.h"
+#include "support/SandboxTest.h"
+
+namespace Pavo {
+namespace {
+
+constexpr RawSocket::Protocol experiment = 253;  // RFC 3692.
+constexpr IpSocket::Options noOptions = 0;
+const IpAddr loopback(0x7f000001);
+const IpAddr leftAddr(0x0a080001);
+const IpAddr rightAddr(0x0a080002);
+
+Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
+    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+    pkt->stringValueIs(bytes, /*atTail=*/true);
+    return pkt;
+}
+
+// A broadcast frame, which every interface takes.
+std::string frameOf(uint16_t etherType, const std::string& payload) {
+    std::string frame(6, '\xff');
+    frame += std::string("\x02\0\0\0\0\x01", 6);
+    frame += {static_cast<char>(etherType >> 8), static_cast<char>(etherType)};
+    return frame + payload;
+}
+
+// What was thrown, as "text (errno)" or "text"; "" for nothing.
+std::string errorOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const Mox::ErrnoException& error) {
+        return std::string(error.message().view()) + " (" + std::to_string(error.errnoValue()) +
+               ")";
+    } catch (const Mox::Exception& error) {
+        return error.what();
+    }
+    return "";
+}
+
+std::string thrown(const std::string& text, int error) {
+    return text + " (" + std::to_string(error) + ")";
+}
+
+// Waits for a packet and gives its bytes from `offset` on.
+std::string receive(PktSocket& socket, uint32_t offset, sockaddr_in* from = nullptr) {
+    pollfd waiting{socket.fileDescriptor()->descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&waiting, 1, /*milliseconds=*/10000), 1);
+    const auto pkt = socket.recvPkt(from);
+    return pkt ? std::string(pkt->stringValue().view().substr(offset)) : "nothing";
+}
+
+class PktSocketTest : public PavoTest::SandboxTest {
+  protected:
+    // Helper sockets stay open for the life of the process, but not beyond a test.
+    void TearDown() override {
+        if (!IsSkipped()) {
+            for (const auto& [fd, file] : PavoTest::openDescriptors()) {
+                if (before_.count(fd) == 0 && file.starts_with("socket:")) {
+                    close(fd);
+                }
+            }
+        }
+    }
+
+    Mox::Ptr<IpSocket> ipSocket(IpSocket::Options options = noOptions) {
+        return manager_->newIpSocket("ip", experiment, options);
+    }
+
+    const std::map<int, std::string> before_ = PavoTest::openDescriptors();
+    const Mox::Ptr<RawSocket::Manager> manager_ = RawSocketManagerFactory();
+};
+
+TEST_F(PktSocketTest, AFailedMakingLeavesOnlyTheHelperOpen) {
+    const struct {
+        std::function<Mox::Ptr<PktSocket>()> make;
+        std::vector<std::string> texts;  // What fails, in order.
+        std::size_t helperFrom;          // The failures from this one on leave it.
+    } cases[] = {
+        {[&] { return ipSocket(IpSocket::hdrIncl); },
+         {"socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)", "fcntl(F_SETFL)", "setsockopt(IP_HDRINCL)"},
+         99},
+        {[&] { return manager_->newEthSocket("eth", "lo", 3); },
+         {"socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)", "fcntl(F_SETFL)", "socket",
+          "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)", "bind"},
+         5},
+    };
+    for (const auto& c : cases) {
+        // The first one makes the packet manager, and sanitizers look its types up with system
+        // calls of their own.
+        c.make();
+        const uint32_t objects = Mox::liveObjects();
+        std::size_t descriptors = PavoTest::openDescriptors().size();
+        std::size_t at = 0;
+        Mox::Ptr<PktSocket> made;
+        PavoTest::failEachSyscall(
+            ENOBUFS, [&] { return errorOf([&] { made = c.make(); }); },
+            [&](const PavoTest::FailSyscall&, const std::string& error, int) {
+                ASSERT_LT(at, c.texts.size());
+                EXPECT_EQ(error, thrown(c.texts[at], ENOBUFS));
+                descriptors += at >= c.helperFrom;
+                EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors);
+                EXPECT_EQ(Mox::liveObjects(), objects);
+                ++at;
+            });
+        EXPECT_EQ(at, c.texts.size());
+        ASSERT_TRUE(made);
+        EXPECT_EQ(fcntl(made->fileDescriptor()->descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+        for (const auto& [fd, file] : PavoTest::openDescriptors()) {
+            if (before_.count(fd) == 0) {
+                EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << file;
+            }
+        }
+        made = nullptr;
+        EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors + (c.helperFrom < at));
+    }
+}
+
+#ifdef __x86_64__  // On i386 the C library passes socket(2)'s arguments in memory, unseen by a
+                   // filter.
+TEST_F(PktSocketTest, AsksForTheProtocolAsItStands) {
+    const struct {
+        const char* device;  // Null for an IP socket.
+        RawSocket::Protocol given;
+        int asked;
+    } cases[] = {
+        {nullptr, experiment, 253}, {nullptr, RawSocket::noProtocol, 255}, {"lo", 3, 3},
+        {"lo", 0x0800, 0x0800},     {"lo", RawSocket::noProtocol, 3},
+    };
+    // socket(2) fails with its third argument as the error. The filter lasts as long as its thread.
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_STMT(BPF_ALU | BPF_OR | BPF_K, SECCOMP_RET_ERRNO),
+        BPF_STMT(BPF_RET | BPF_A, 0),
+    };
+    const sock_fprog image{std::size(program), program};
+    std::thread([&] {
+        ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+        ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &image), 0);
+        for (const auto& c : cases) {
+            EXPECT_EQ(errorOf([&] {
+                          if (c.device == nullptr) {
+                              manager_->newIpSocket("ip", c.given, noOptions);
+                          } else {
+                              manager_->newEthSocket("eth", c.device, c.given);
+                          }
+                      }),
+                      thrown("socket", c.asked));
+        }
+    }).join();
+}
+#endif
+
+TEST_F(PktSocketTest, SendsAndReceivesOnLoopback) {
+    const auto socket = ipSocket();
+    const uint32_t objects = Mox::liveObjects();
+    EXPECT_EQ(socket->recvPkt(nullptr), nullptr);
+    EXPECT_EQ(Mox::liveObjects(), objects);
+
+    const auto pieces = pktOf("rear");
+    std::memcpy(pieces->newPrivateHeadData(6), "front ", 6);
+    EXPECT_EQ(socket->sendPkt(pieces, loopback), 10);
+    EXPECT_EQ(receive(*socket, 20), "front rear");
+
+    // Cut off at the end of the packet's buffer.
+    const std::string large = std::string(1516, 'a') + std::string(1000, 'b');
+    EXPECT_EQ(socket->sendPkt(pktOf(large), loopback), 2516);
+    EXPECT_EQ(receive(*socket, 20), large.substr(0, 1516));
+}
+
+TEST_F(PktSocketTest, ReadinessIsReportedWhilePacketsWait) {
+    Mox::EventLoop loop;
+    const auto socket = ipSocket();
+    std::vector<bool> reads;
+    const Mox::Watch<Mox::FileDescriptor> readable(
+        socket->fileDescriptor(), Mox::FileDescriptor::readableCountAttr,
+        [&] { reads.push_back(socket->recvPkt(nullptr) != nullptr); });
+    socket->fileDescriptor()->notifyOnReadableIs(true);
+    socket->sendPkt(pktOf("one"), loopback);
+    socket->sendPkt(pktOf("two"), loopback);
+    for (int i = 0; i < 5; ++i) {
+        loop.turn(0);
+    }
+    EXPECT_EQ(reads, (std::vector<bool>{true, true, false}));
+}
+
+// A socket whose system calls give what a test says.
+class ScriptedSocket : public TapPktSocket {
+  public:
+    explicit ScriptedSocket(int fd) : TapPktSocket("scripted", Mox::fileDescriptorFactory(fd)) {}
+
+    int32_t recvfrom(int, void*, uint32_t, int, sockaddr*, uint32_t*) override { return act(); }
+    int32_t sendmsg(Mox::Ptr<Pkt>, sockaddr_in) override { return act(); }
+
+    int32_t result = -1;
+    int error = 0;
+
+  private:
+    int32_t act() const {
+        errno = error;
+        return result;
+    }
+};
+
+TEST_F(PktSocketTest, SaysWhatFailed) {
+    const auto scripted =
+        Mox::make<ScriptedSocket>(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto raw = ipSocket();
+    const auto receiving = [&] { EXPECT_EQ(scripted->recvPkt(nullptr), nullptr); };
+    const auto sending = [&] { EXPECT_EQ(scripted->sendPkt(pktOf("x"), sockaddr_in{}), -1); };
+    const auto sendingRaw = [&] {  // The system call itself fails, as the script says.
+        PavoTest::FailSyscall fail(1, scripted->error, "sendmsg");
+        EXPECT_EQ(raw->sendPkt(pktOf("x"), loopback), -1);
+    };
+    const struct {
+        std::function<void()> call;
+        int result, error;
+        std::string thrown, written;
+    } cases[] = {
+        {receiving, -1, EAGAIN, "", ""},
+        {receiving, -1, EBADF, "recvfrom (9)", " error is  9 Bad file descriptor\n"},
+        {receiving, 0, 0, "read from tap socket returned 0", ""},
+        {sending, -1, EAGAIN, "", ""},
+        {sending, -1, EINTR, "sendmsg (4)", "error sending pkt:4 Interrupted system call\n"},
+        {sending, -1, ENOBUFS, "sendmsg (105)",
+         "error sending pkt:105 No buffer space available\n"},
+        {sendingRaw, -1, EAGAIN, "", ""},
+        {sendingRaw, -1, ENOBUFS, "sendmsg (105)", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << &c - cases);
+        scripted->result = c.result;
+        scripted->error = c.error;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(errorOf(c.call), c.thrown);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.written);
+    }
+    scripted->result = -1;
+    scripted->error = EINTR;
+    EXPECT_DEATH(scripted->recvPkt(nullptr), "\\(\\*__errno_location \\(\\)\\) != 4");
+    scripted->fileDescriptor()->nonBlockingIs(false);
+    EXPECT_DEATH(scripted->recvPkt(nullptr), "fileDescriptor_->nonBlocking\\(\\)");
+}
+
+TEST_F(PktSocketTest, BufferSizesAreThoseOfTheKernel) {
+    const auto socket = ipSocket();
+    const struct {
+        const char* option;
+        std::function<void()> set;
+        std::function<uint32_t()> get;
+        uint32_t kept;  // Twice what was set.
+    } cases[] = {
+        {"(SO_SNDBUF)", [&] { socket->setSendBufSize(10000); },
+         [&] { return socket->sendBufSize(); }, 20000},
+        {"(SO_RCVBUF)", [&] { socket->setRecvBufSize(9000); },
+         [&] { return socket->recvBufSize(); }, 18000},
+    };
+    for (const auto& c : cases) {
+        c.set();
+        EXPECT_EQ(c.get(), c.kept);
+        PavoTest::FailSyscall failSet(1, EPERM, "setsockopt");
+        EXPECT_EQ(errorOf(c.set), thrown(std::string("setsockopt") + c.option, EPERM));
+        PavoTest::FailSyscall failGet(1, EPERM, "getsockopt");
+        EXPECT_EQ(errorOf([&] { c.get(); }), thrown(std::string("getsockopt") + c.option, EPERM));
+    }
+}
+
+TEST_F(PktSocketTest, BindsToAnAddress) {
+    const auto socket = ipSocket();
+    const IpAddr own(0x7f000002);
+    socket->bind(own);
+    socket->sendPkt(pktOf("elsewhere"), loopback);
+    socket->sendPkt(pktOf("here"), own);
+    sockaddr_in from{};
+    EXPECT_EQ(receive(*socket, 20, &from), "here");
+    EXPECT_EQ(from.sin_addr.s_addr, htonl(own.value()));
+    EXPECT_EQ(socket->recvPkt(nullptr), nullptr);
+
+    EXPECT_EQ(errorOf([&] { socket->bind(leftAddr); }), thrown("bind", EADDRNOTAVAIL));
+}
+
+// "left" with l0 at 10.8.0.1 and "right" with r0 at 10.8.0.2, and a wire.
+class PktSocketWireTest : public PktSocketTest {
+  protected:
+    void SetUp() override {
+        PktSocketTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        PavoTest::makeNetns("left");
+        PavoTest::makeNetns("right");
+        PavoTest::makeVethPair("l0", "left", "r0", "right");
+        PavoTest::addAddress("left", "l0", "10.8.0.1/24");
+        PavoTest::addAddress("right", "r0", "10.8.0.2/24");
+        PavoTest::setUp("left", "l0");
+        PavoTest::setUp("right", "r0");
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            PavoTest::removeNetns("left");
+            PavoTest::removeNetns("right");
+        }
+        PktSocketTest::TearDown();
+    }
+
+    Mox::Ptr<IpSocket> ipSocketIn(const char* netNs) {
+        const PavoTest::ScopedNetns inside(netNs);
+        return ipSocket();
+    }
+    Mox::Ptr<EthSocket> ethSocketIn(const char* netNs, const char* device) {
+        const PavoTest::ScopedNetns inside(netNs);
+        return manager_->newEthSocket("eth", device, RawSocket::noProtocol);
+    }
+    static void setDown(const char* netNs, const char* device) {
+        PavoTest::run({"ip", "-n", netNs, "link", "set", "dev", device, "down"});
+    }
+};
+
+TEST_F(PktSocketWireTest, IpSocketsHearTheirDeviceOnly) {
+    const auto left = ipSocketIn("left");
+    const auto right = ipSocketIn("right");
+    const auto anyDevice = ipSocketIn("right");
+    static constexpr char failure[] = "setsockopt(SO_BINDTODEVICE)";
+    right->deviceIs("lo");
+    PavoTest::makeVethPair("fifteen-bytes-0", "right", "other", "right");
+    for (const char* const name : {"r1", "fifteen-bytes-00"}) {
+        EXPECT_EQ(errorOf([&] { right->deviceIs(name); }), thrown(failure, ENODEV));
+        EXPECT_EQ(right->device(), "lo");
+    }
+    sockaddr_in dest{};
+    dest.sin_family = AF_INET;
+    dest.sin_addr.s_addr = htonl(rightAddr.value());
+    EXPECT_EQ(left->sendPkt(pktOf("elsewhere"), dest), 9);
+    sockaddr_in from{};
+    EXPECT_EQ(receive(*anyDevice, 20, &from), "elsewhere");
+    EXPECT_EQ(from.sin_addr.s_addr, htonl(leftAddr.value()));
+    EXPECT_EQ(right->recvPkt(nullptr), nullptr);
+    right->deviceIs("r0");
+    left->sendPkt(pktOf("heard"), rightAddr);
+    EXPECT_EQ(receive(*right, 20), "heard");
+    right->deviceIs("");
+    char device[IFNAMSIZ] = "x";
+    socklen_t length = sizeof(device);
+    getsockopt(right->fileDescriptor()->descriptor(), SOL_SOCKET, SO_BINDTODEVICE, device, &length);
+    EXPECT_EQ(length, 0u);
+}
+
+TEST_F(PktSocketWireTest, EthSocketsHearIpv4OfTheirDevice) {
+    const auto left = ethSocketIn("left", "l0");
+    const auto right = ethSocketIn("right", "r0");
+    sockaddr_ll name{};
+    socklen_t length = sizeof(name);
+    getsockname(right->fileDescriptor()->descriptor(), reinterpret_cast<sockaddr*>(&name), &length);
+    EXPECT_EQ(name.sll_ifindex, right->ifIndex());
+    EXPECT_EQ(name.sll_protocol, htons(0x0800));
+
+    const std::string frame = frameOf(0x0800, "not really IPv4");
+    EXPECT_EQ(left->sendPkt(pktOf(frameOf(0x88b5, "local experiment")), sockaddr_in{}), 30);
+    EXPECT_EQ(left->sendPkt(pktOf(frame), loopback), 29);  // The frame says where to.
+    EXPECT_EQ(receive(*right, 0), frame);
+    EXPECT_EQ(right->recvPkt(nullptr), nullptr);
+}
+
+TEST_F(PktSocketWireTest, EthSocketsSayThatTheirDeviceIsDownOrGone) {
+    for (const char* const device : {"", "r1", "r0-and-no-device"}) {
+        EXPECT_EQ(errorOf([&] { ethSocketIn("right", device); }),
+                  thrown("ioctl(SIOCGIFINDEX)", ENODEV));
+    }
+    testing::internal::CaptureStderr();
+    setDown("left", "l0");
+    const auto left = ethSocketIn("left", "l0");
+    const auto right = ethSocketIn("right", "r0");
+    const auto readLeft = [&] { EXPECT_EQ(left->recvPkt(nullptr), nullptr); };
+    const auto sendLeft = [&] { left->sendPkt(pktOf(frameOf(0x0800, "")), loopback); };
+    for (const std::string& error : {thrown("recvfrom", ENETDOWN), std::string()}) {
+        EXPECT_EQ(errorOf(readLeft), error);
+    }
+    EXPECT_EQ(errorOf(sendLeft), thrown("sendmsg", ENETDOWN));
+    PavoTest::setUp("left", "l0");
+    EXPECT_EQ(errorOf(sendLeft), "");
+    EXPECT_EQ(receive(*right, 14), "");
+
+    PavoTest::run({"ip", "-n", "right", "link", "del", "r0"});
+    for (const std::string& error : {thrown("recvfrom", ENETDOWN), std::string()}) {
+        EXPECT_EQ(errorOf(readLeft), error);
+    }
+    EXPECT_EQ(errorOf(sendLeft), thrown("sendmsg", ENXIO));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              " error is  100 Network is down\n error is  100 Network is down\n");
+}
+
+TEST_F(PktSocketTest, TapSocketsAreTheOtherEndOfTheirInterface) {
+    const int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        GTEST_SKIP() << "needs /dev/net/tun: " << std::strerror(errno);
+    }
+    ifreq request{};
+    std::strcpy(request.ifr_name, "tap0");
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    ASSERT_EQ(ioctl(fd, TUNSETIFF, &request), 0) << std::strerror(errno);
+    const Mox::Ptr<TapPktSocket> tap =
+        Mox::make<TapPktSocket>("tap", Mox::fileDescriptorFactory(fd));
+    PavoTest::run({"ip", "link", "set", "dev", "tap0", "addrgenmode", "none"});
+    EXPECT_EQ(errorOf([&] { tap->sendPkt(pktOf(frameOf(0x0800, "")), sockaddr_in{}); }),
+              thrown("sendmsg", EIO));  // While the interface is down.
+    PavoTest::setUp("", "tap0");
+    const auto eth = manager_->newEthSocket("eth", "tap0", RawSocket::noProtocol);
+
+    EXPECT_EQ(tap->recvPkt(nullptr), nullptr);
+    const auto pieces = pktOf("payload");
+    std::memcpy(pieces->newPrivateHeadData(14), frameOf(0x0800, "").data(), 14);
+    EXPECT_EQ(tap->sendPkt(pieces, sockaddr_in{}), 21);
+    EXPECT_EQ(receive(*eth, 0), frameOf(0x0800, "payload"));
+    eth->sendPkt(pktOf(frameOf(0x88b5, "back")), loopback);
+    EXPECT_EQ(receive(*tap, 0), frameOf(0x88b5, "back"));
+}
+
+}  // namespace
+}  // namespace Pavo
