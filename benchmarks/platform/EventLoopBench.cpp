@@ -1,0 +1,89 @@
+// From 64 ready descriptors to their handlers, beside a bare epoll loop.
+
+#include <benchmark/benchmark.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "Mox/EventLoop.h"
+
+namespace {
+
+constexpr int descriptors = 64;
+
+// Ready for ever: nobody reads it.
+int readyDescriptor() {
+    return eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
+}
+
+class Reactor : public Mox::Notifiee {
+  public:
+    explicit Reactor(const Mox::Ptr<Mox::FileDescriptor>& fd)
+        : Notifiee(fd, Mox::FileDescriptor::readableCountAttr) {}
+    void handleChange(const Mox::Change&) override { benchmark::DoNotOptimize(++calls_); }
+
+  private:
+    uint32_t calls_ = 0;
+};
+
+class Handler {
+  public:
+    virtual ~Handler() = default;
+    virtual void handleReadable() { benchmark::DoNotOptimize(++calls_); }
+
+  private:
+    uint32_t calls_ = 0;
+};
+
+void readyPavo(benchmark::State& state) {
+    Mox::EventLoop loop;
+    std::vector<Mox::Ptr<Reactor>> reactors;
+    for (int i = 0; i < descriptors; ++i) {
+        const auto fd = Mox::fileDescriptorFactory(readyDescriptor());
+        fd->watchingIs(Mox::FileDescriptor::Watching::level);
+        reactors.push_back(Mox::make<Reactor>(fd));
+        fd->notifyOnReadableIs(true);
+    }
+    uint32_t reports = 0;
+    for (auto _ : state) {
+        reports += loop.turn(0);
+    }
+    if (reports != static_cast<uint32_t>(state.iterations()) * descriptors) {
+        state.SkipWithError("a turn missed a descriptor");
+    }
+    state.SetItemsProcessed(state.iterations() * descriptors);
+}
+
+void readyEpoll(benchmark::State& state) {
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    std::vector<std::unique_ptr<Handler>> handlers;
+    std::vector<int> fds;
+    for (int i = 0; i < descriptors; ++i) {
+        handlers.push_back(std::make_unique<Handler>());
+        fds.push_back(readyDescriptor());
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = handlers.back().get();
+        epoll_ctl(epoll, EPOLL_CTL_ADD, fds.back(), &event);
+    }
+    for (auto _ : state) {
+        epoll_event events[descriptors];
+        const int count = epoll_wait(epoll, events, descriptors, 0);
+        for (int i = 0; i < count; ++i) {
+            static_cast<Handler*>(events[i].data.ptr)->handleReadable();
+        }
+    }
+    for (const int fd : fds) {
+        close(fd);
+    }
+    close(epoll);
+    state.SetItemsProcessed(state.iterations() * descriptors);
+}
+
+BENCHMARK(readyPavo)->Name("Ready64/pavo");
+BENCHMARK(readyEpoll)->Name("Ready64/epoll");
+
+}  // namespace

@@ -1,0 +1,152 @@
+// Address text beside the C library's.
+
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/ether.h>
+
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Pavo/EthAddr.h"
+#include "Pavo/Ip6Addr.h"
+#include "Pavo/IpAddr.h"
+
+namespace {
+
+// Enough of them, and of every length, that no branch is learnt by heart.
+constexpr uint32_t count = 1024;
+
+std::vector<Pavo::IpAddr> ip4Addresses() {
+    std::mt19937 random(1);
+    std::vector<Pavo::IpAddr> all;
+    for (uint32_t i = 0; i < count; ++i) {
+        all.emplace_back(static_cast<uint32_t>(random() >> (i % 3 == 0 ? random() % 24 : 0)));
+    }
+    return all;
+}
+
+std::vector<Pavo::Ip6Addr> ip6Addresses() {
+    std::mt19937_64 random(2);
+    std::vector<Pavo::Ip6Addr> all;
+    for (uint32_t i = 0; i < count; ++i) {
+        // Global addresses with and without an interface identifier, and some link-local ones.
+        const uint64_t high =
+            i % 4 == 0 ? 0xfe80000000000000 : 0x20010db800000000 | (random() >> 40);
+        all.emplace_back(high, i % 3 == 0 ? random() % 0xffff : random());
+    }
+    return all;
+}
+
+std::vector<Pavo::EthAddr> ethAddresses() {
+    std::mt19937 random(3);
+    std::vector<Pavo::EthAddr> all(count);
+    for (auto& each : all) {
+        for (unsigned word = 0; word < 3; ++word) {
+            each.wordIs(word, static_cast<uint16_t>(random()));
+        }
+    }
+    return all;
+}
+
+template <class T>
+std::vector<Mox::String> textsOf(const std::vector<T>& values) {
+    std::vector<Mox::String> texts;
+    for (const T& each : values) {
+        texts.push_back(each.stringValue());
+    }
+    return texts;
+}
+
+// Calls `work(i)` for ever new i; counts an item a call.
+template <class Work>
+void run(benchmark::State& state, Work work) {
+    uint32_t i = 0;
+    for (auto _ : state) {
+        work(i);
+        i = (i + 1) % count;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+template <class T>
+void parsePavo(benchmark::State& state, const std::vector<T>& values) {
+    const auto texts = textsOf(values);
+    run(state, [&texts](uint32_t i) {
+        T value;
+        auto it = texts[i].begin();
+        sequenceToValue(it, texts[i].end(), &value);
+        benchmark::DoNotOptimize(value);
+    });
+}
+
+template <class T>
+void printPavo(benchmark::State& state, const std::vector<T>& values) {
+    run(state, [&values](uint32_t i) {
+        char buffer[64];
+        benchmark::DoNotOptimize(values[i].printToBuffer(buffer, sizeof(buffer)));
+        benchmark::ClobberMemory();
+    });
+}
+
+template <class T>
+void parseInet(benchmark::State& state, const std::vector<T>& values, int family) {
+    const auto texts = textsOf(values);
+    run(state, [&texts, family](uint32_t i) {
+        unsigned char address[16];
+        benchmark::DoNotOptimize(inet_pton(family, texts[i].c_str(), address));
+        benchmark::ClobberMemory();
+    });
+}
+
+template <class T>
+void printInet(benchmark::State& state, const std::vector<T>& values, int family) {
+    run(state, [&values, family](uint32_t i) {
+        char buffer[64];
+        benchmark::DoNotOptimize(inet_ntop(family, &values[i], buffer, sizeof(buffer)));
+        benchmark::ClobberMemory();
+    });
+}
+
+void parseEther(benchmark::State& state, const std::vector<Pavo::EthAddr>& values) {
+    const auto texts = textsOf(values);
+    run(state, [&texts](uint32_t i) {
+        ether_addr address;
+        benchmark::DoNotOptimize(ether_aton_r(texts[i].c_str(), &address));
+        benchmark::ClobberMemory();
+    });
+}
+
+void printSnprintf(benchmark::State& state, const std::vector<Pavo::EthAddr>& values) {
+    run(state, [&values](uint32_t i) {
+        const auto* b = reinterpret_cast<const unsigned char*>(&values[i]);
+        char buffer[64];
+        benchmark::DoNotOptimize(std::snprintf(buffer, sizeof(buffer),
+                                               "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2],
+                                               b[3], b[4], b[5]));
+        benchmark::ClobberMemory();
+    });
+}
+
+const bool registered = [] {
+    using benchmark::RegisterBenchmark;
+    const auto ip4 = ip4Addresses();
+    const auto ip6 = ip6Addresses();
+    const auto eth = ethAddresses();
+    RegisterBenchmark("IpAddrParse/pavo", parsePavo<Pavo::IpAddr>, ip4);
+    RegisterBenchmark("IpAddrParse/inet_pton", parseInet<Pavo::IpAddr>, ip4, AF_INET);
+    RegisterBenchmark("IpAddrPrint/pavo", printPavo<Pavo::IpAddr>, ip4);
+    RegisterBenchmark("IpAddrPrint/inet_ntop", printInet<Pavo::IpAddr>, ip4, AF_INET);
+    RegisterBenchmark("Ip6AddrParse/pavo", parsePavo<Pavo::Ip6Addr>, ip6);
+    RegisterBenchmark("Ip6AddrParse/inet_pton", parseInet<Pavo::Ip6Addr>, ip6, AF_INET6);
+    RegisterBenchmark("Ip6AddrPrint/pavo", printPavo<Pavo::Ip6Addr>, ip6);
+    RegisterBenchmark("Ip6AddrPrint/inet_ntop", printInet<Pavo::Ip6Addr>, ip6, AF_INET6);
+    RegisterBenchmark("EthAddrParse/pavo", parsePavo<Pavo::EthAddr>, eth);
+    RegisterBenchmark("EthAddrParse/ether_aton_r", parseEther, eth);
+    RegisterBenchmark("EthAddrPrint/pavo", printPavo<Pavo::EthAddr>, eth);
+    RegisterBenchmark("EthAddrPrint/snprintf", printSnprintf, eth);
+    return true;
+}();
+
+}  // namespace

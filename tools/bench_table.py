@@ -1,0 +1,130 @@
+#!/usr/bin/env python3
+"""Runs benchmark programs and puts each figure of Pavo's beside its peers'.
+
+usage: bench_table.py PROGRAMS-FILE [--write FILE] [BENCHMARK-ARGUMENT...]
+
+PROGRAMS-FILE names a program a line. A benchmark called LINE/pavo is compared with each LINE/PEER of
+the same program. All figures of a program come from one run, in which repetitions of all its
+benchmarks are interleaved at random; the figure is the median. The ratio says how many times faster
+Pavo is. With --write, the table is also written as a Markdown page with a description of the
+machine.
+"""
+
+import json
+import os
+import platform
+import re
+import subprocess
+import sys
+
+REPETITIONS = 9
+
+# The ratio that is wanted on x86-64, by line and peer: 1.2 is 1.2 times faster, 0.87 within 15 %.
+MARKS = {
+    ("IpAddrParse", "inet_pton"): 1.2,
+    ("IpAddrPrint", "inet_ntop"): 10,
+    ("Ip6AddrParse", "inet_pton"): 1.5,
+    ("Ip6AddrPrint", "inet_ntop"): 8,
+    ("EthAddrParse", "ether_aton_r"): 1.5,
+    ("EthAddrPrint", "snprintf"): 10,
+    ("IpChecksum20", "plain_loop"): 1.2,
+    ("IpChecksum1500", "plain_loop"): 4,
+    ("IpChecksum9000", "plain_loop"): 4,
+    ("Crc32_1500", "zlib"): 1,
+    ("PktLife64", "malloc"): 2,
+    ("PktLife1400", "malloc"): 2,
+    ("Notify1", "virtual_calls"): 0.5,
+    ("Notify8", "virtual_calls"): 0.5,
+    ("Notify1", "signals2"): 5,
+    ("Notify8", "signals2"): 5,
+    ("Ready64", "epoll"): 0.87,
+    ("RawIpSend", "sendmsg"): 0.909,
+    ("RawIpReceive", "recvmsg"): 0.909,
+    ("RawIpReceiveBulk", "packet_a_call"): 1.2,
+}
+
+
+def measure(program, arguments):
+    """Runs one program; returns {(line, who): nanoseconds}."""
+    command = [program, "--benchmark_format=json", f"--benchmark_repetitions={REPETITIONS}",
+               "--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.05",
+               "--benchmark_report_aggregates_only=true", *arguments]
+    output = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+    figures = {}
+    for each in json.loads(output)["benchmarks"]:
+        if each.get("error_occurred"):
+            raise SystemExit(f"{each['name']}: {each['error_message']}")
+        if each.get("aggregate_name") == "median":
+            line, who = each["run_name"].split("/")[:2]
+            figures[line, who] = each["real_time"]
+    return figures
+
+
+def rows_of(figures):
+    for (line, who), peer in figures.items():
+        if who == "pavo":
+            continue
+        own = figures[line, "pavo"]
+        mark = MARKS.get((line, who))
+        ratio = peer / own
+        verdict = "" if mark is None else ("yes" if ratio >= mark else "no")
+        yield [line, f"{own:.1f}", who, f"{peer:.1f}", f"{ratio:.2f}",
+               "" if mark is None else f"{mark:g}", verdict]
+
+
+HEADINGS = ["work", "Pavo, ns", "beside", "ns", "ratio", "wanted", "met"]
+
+
+def show(rows):
+    widths = [max(len(row[i]) for row in [HEADINGS, *rows]) for i in range(len(HEADINGS))]
+    for row in [HEADINGS, *rows]:
+        print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        model = re.search(r"model name\s*: (.*)", file.read())
+    compiler = subprocess.run(["c++", "--version"], check=True, stdout=subprocess.PIPE,
+                              text=True).stdout.splitlines()[0]
+    return (f"{model.group(1) if model else 'unknown processor'}, {os.cpu_count()} cores, "
+            f"Linux {platform.release()} {platform.machine()}, {compiler}, -O2")
+
+
+def page(rows):
+    lines = ["# Benchmarks", "",
+             "Written by `./dev bench --write docs/benchmarks.md`: medians of repetitions, Pavo and",
+             "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
+             "within 10 %. A line of socket work is a burst of 64 packets.", "", machine() + ".", "",
+             "| " + " | ".join(HEADINGS) + " |", "|" + " --- |" * len(HEADINGS)]
+    lines += ["| " + " | ".join(row) + " |" for row in rows]
+    return "\n".join(lines) + "\n"
+
+
+def main():
+    arguments = sys.argv[1:]
+    path = None
+    if "--write" in arguments:
+        at = arguments.index("--write")
+        path = arguments[at + 1]
+        del arguments[at:at + 2]
+    with open(arguments[0], encoding="utf-8") as file:
+        programs = file.read().split()
+    figures = {}
+    for program in programs:
+        print(f"bench: {os.path.basename(program)}", file=sys.stderr)
+        figures.update(measure(program, arguments[1:]))
+    rows = list(rows_of(figures))
+    show(rows)
+    if path:
+        # What people add below the table, under "## ", is kept.
+        notes = ""
+        if os.path.exists(path):
+            with open(path, encoding="utf-8") as file:
+                text = file.read()
+            notes = "\n" + text[text.index("## "):] if "## " in text else ""
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(page(rows) + notes)
+
+
+if __name__ == "__main__":
+    main()
