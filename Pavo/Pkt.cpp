@@ -75,12 +75,57 @@ struct FreeLists {
     bool closeAtExit = false;
 };
 
+}  // namespace
+
+// Whole packets, with their buffers, that wait to be used again: those of one thread.
+class UsedPkts {
+  public:
+    // Null when none is left.
+    Pkt* take() {
+        Pkt* pkt = first_;
+        if (pkt != nullptr) {
+            first_ = pkt->nextUsed_;
+            --count_;
+            pkt->takeBack();
+            pkt->sharedBuffer_->takeBack();
+        }
+        return pkt;
+    }
+
+    bool isFull() const { return count_ >= limit_; }
+    void give(Pkt* pkt) {
+        pkt->putAside();
+        pkt->sharedBuffer_->putAside();
+        pkt->nextUsed_ = first_;
+        first_ = pkt;
+        ++count_;
+    }
+
+    // Ends all, and takes nothing from now on.
+    void close() {
+        limit_ = 0;
+        while (const Pkt* pkt = take()) {
+            delete pkt;
+        }
+    }
+
+  private:
+    Pkt* first_ = nullptr;
+    uint32_t count_ = 0;
+    uint32_t limit_ = maxRecycled;
+};
+
+namespace {
+
+[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedPkts;
+
 // Without a destructor, which every access would have to ask for: `Closer` stands in.
 [[gnu::tls_model("initial-exec")]] thread_local constinit FreeLists freeLists;
 
 // Packets of static storage, and of other objects of the thread, end after this.
 struct Closer {
     ~Closer() {
+        usedPkts.close();
         freeLists.packets.close();
         freeLists.sharedBuffers.close();
         freeLists.buffers.close();
@@ -94,11 +139,15 @@ void* allocate(FreeList* list, std::size_t bytes) {
     return memory != nullptr ? memory : ::operator new(bytes);
 }
 
-void release(FreeList* list, void* memory) {
+void closeListsAtExit() {
     if (!freeLists.closeAtExit) {
         freeLists.closeAtExit = true;
         closer.made();
     }
+}
+
+void release(FreeList* list, void* memory) {
+    closeListsAtExit();
     if (!list->give(memory)) {
         ::operator delete(memory);
     }
@@ -132,6 +181,35 @@ void copyBytes(uint8_t* to, const void* from, uint32_t bytes) {
 }
 
 }  // namespace
+
+void Pkt::zeroReferencesIs(bool zero) {
+    if (!zero || usedPkts.isFull() || !canBeUsedAgain()) {
+        PtrInterface::zeroReferencesIs(zero);
+        return;
+    }
+    closeListsAtExit();
+    checkMagic();
+    clear();
+    usedPkts.give(this);
+}
+
+bool Pkt::canBeUsedAgain() const {
+    return sharedBuffer_ && sharedBuffer_->references() == 1 &&
+           sharedBuffer_->size() == Manager::defaultBufferSize;
+}
+
+// Back to what a new packet is.
+void Pkt::clear() {
+    privateData_ = privateArea_ + privateAreaBytes;
+    privateDataBytes_ = 0;
+    iovecs_[0] = {};
+    firstIoVec_ = 1;
+    sharedBuffer_->placeEmptyData(/*tailRoom=*/0);
+    updateSharedIovec();
+    separateVlanTci_ = 0;
+    separateVlanTpid_ = 0;
+    hasSeparateVlanTag_ = false;
+}
 
 Pkt::Pkt() {}
 
@@ -211,6 +289,9 @@ uint8_t* Pkt::newPrivateHeadData(uint32_t n) {
                  "ptrWithinRegion( privateData_, privateArea_, privateAreaBytes )");
     privateData_ -= n;
     privateDataBytes_ += n;
+    if (privateDataBytes_ == 0) {
+        return privateData_;  // An empty first iovec would hide the shared data from headers.
+    }
     firstIoVec_ = 0;
     updatePrivateIovec();
     return privateData_;
@@ -336,6 +417,10 @@ const Mox::FwkType* Pkt::Manager::fwkType() const {
 }
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
+    if (Pkt* used = usedPkts.take()) {
+        used->PtrInterface::hasNotificationActiveIs(true);
+        return {used, Mox::AdoptReference()};
+    }
     Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
     pkt->sharedBufferIs(newSharedBuffer());
     return pkt;

@@ -13,6 +13,8 @@
 
 namespace Pavo {
 
+class UsedPkts;
+
 /// The bytes of one frame or datagram, in at most two pieces: private bytes inside the object, then
 /// bytes of a buffer that other packets may share. Headers are prepended by moving the start of the
 /// data towards the start of its buffer, without copying what is there:
@@ -50,6 +52,10 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     Pkt();
     ~Pkt() override;
     // Memory is recycled as the manager recycles buffers.
+    /// Keeps a packet with a buffer of the default size, held by nobody else, for the manager to
+    /// hand out again; ends any other.
+    void zeroReferencesIs(bool zero) override;
+
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory, std::size_t bytes);
     const Mox::FwkType* fwkType() const override;
@@ -150,6 +156,8 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     void checkMagic() const;
 
   private:
+    friend class UsedPkts;
+
     void requireSharedBuffer() const {
         Mox::require(sharedBuffer_ != nullptr, "sharedBuffer_ != 0");
     }
@@ -157,6 +165,8 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     void growTail(uint32_t n);
     void growInto(uint32_t size, uint32_t tailRoom);
     void copyPrivateAndTag(const Pkt& other);
+    bool canBeUsedAgain() const;
+    void clear();
     template <class Visit>
     void forEachIovec(Visit visit) const;
 
@@ -174,6 +184,7 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     uint16_t separateVlanTci_ = 0;
     uint16_t separateVlanTpid_ = 0;
     bool hasSeparateVlanTag_ = false;
+    Pkt* nextUsed_ = nullptr;  // While put aside.
 };
 
 /// An allocation, and the range of data in it. Fresh, it is all head room. The operations move the
@@ -204,6 +215,7 @@ class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::PtrInterface {
 
   private:
     friend class Pkt;
+    friend class UsedPkts;
 
     explicit SharedBuffer(uint32_t size);
     static Mox::Ptr<SharedBuffer> create(uint32_t size);
@@ -264,9 +276,9 @@ inline void Pkt::delSharedTailData(uint32_t n) {
     updateSharedIovec();
 }
 
-/// Where packets come from. The memory of packets, and of buffers of the default size, is used
-/// again when they have gone, so that a steady flow of packets does not reach the allocator; each
-/// thread keeps its own.
+/// Where packets come from. Packets with a buffer of the default size are used again when they have
+/// gone, and so is the memory of other packets and buffers, so that a steady flow of packets does
+/// not reach the allocator; each thread keeps its own.
 class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
   public:
     /// The size of the buffer that a new packet gets.

@@ -63,6 +63,16 @@ class MOX_EXPORT PtrInterface {
     PtrInterface() { Detail::countChanged(Detail::liveObjects, 1); }
     virtual ~PtrInterface() { Detail::countChanged(Detail::liveObjects, ~0u); }
 
+    // For a class that keeps objects whose last reference has gone, to use them again.
+
+    /// Takes this object out of the number of those that live.
+    void putAside() const { Detail::countChanged(Detail::liveObjects, ~0u); }
+    /// Lets it live again, with the one reference that an object is born with.
+    void takeBack() const {
+        references_.store(1, std::memory_order_relaxed);
+        Detail::countChanged(Detail::liveObjects, 1);
+    }
+
   public:
     /// Makes counting atomic in the whole process, or plain again. To be called before the first
     /// object is shared, and while no other thread counts.
