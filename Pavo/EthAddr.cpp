@@ -26,34 +26,42 @@ const char* readHexGroup(const char* at, const char* end, uint32_t* value) {
     return at == first ? nullptr : at;
 }
 
+// The number that `count` bytes of two digits each stand for, at most four, with one character
+// between them; negative when a digit is none. `*differences` stays as it is only where each of the
+// characters between is `separator`.
+template <unsigned count>
+inline int64_t digitPairs(const char* at, char separator, int* differences) {
+    int64_t number = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        // What is no digit is -1, whose ones stay above whatever comes after.
+        const int64_t high = Mox::TextCursor::hexValue(at[3 * i]);
+        const int64_t low = Mox::TextCursor::hexValue(at[3 * i + 1]);
+        number = number << 8 | high << 4 | low;
+        *differences |= i + 1 < count ? at[3 * i + 2] ^ separator : 0;
+    }
+    return number;
+}
+
 // Reads `count` bytes of two digits each, with one of ":" and "-" between them: by far the most
 // frequent form, read without a branch a character. False for every other form.
 template <unsigned count>
 bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     constexpr unsigned length = 3 * count - 1;
+    constexpr unsigned half = count / 2;
     const char* const at = in.at();
     if (in.rest().size() < length || (at[2] != ':' && at[2] != '-')) {
         return false;
     }
-    const char separator = at[2];
-    uint64_t number = 0;
-    int wrong = 0;
-    int differences = 0;
-    for (unsigned i = 0; i < count; ++i) {
-        // Negative when either digit is none; the number is then rubbish, and dropped.
-        const int byte =
-            Mox::TextCursor::hexValue(at[3 * i]) * 16 | Mox::TextCursor::hexValue(at[3 * i + 1]);
-        wrong |= byte;
-        differences |= i + 1 < count ? at[3 * i + 2] ^ separator : 0;
-        number = number << 8 | static_cast<uint64_t>(byte);
-    }
+    int differences = at[3 * half - 1] ^ at[2];
+    const int64_t high = digitPairs<half>(at, at[2], &differences);
+    const int64_t low = digitPairs<half>(at + 3 * half, at[2], &differences);
     const bool goesOn = in.rest().size() > length && Mox::TextCursor::hexValue(at[length]) >= 0;
-    if (wrong < 0 || differences != 0 || goesOn) {
+    if ((high | low) < 0 || differences != 0 || goesOn) {
         return false;
     }
     // Whole words are stored, since the value is copied as such at once.
     uint8_t image[8];
-    storeNet(image, number << (64 - 8 * count));
+    storeNet(image, static_cast<uint64_t>(high << (8 * half) | low) << (64 - 8 * count));
     std::memcpy(bytes, image, count);
     in.atIs(at + length);
     return true;

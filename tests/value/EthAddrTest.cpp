@@ -66,6 +66,23 @@ TEST(EthAddr, ReadsOneSeparatorThroughout) {
     }
 }
 
+TEST(EthAddr, RefusesAWrongCharacterAnywhere) {
+    const std::string macText = "00:11:22:0a:0b:0c";
+    const std::string euiText = "00:11:22:ff:fe:0a:0b:0c";
+    for (const char wrong : {'g', '-', '/', '\x8a'}) {
+        for (std::size_t i = 0; i < euiText.size(); ++i) {
+            std::string text = euiText;
+            text[i] = wrong;
+            EXPECT_FALSE(Mox::tryParse<Eui64>(text)) << text;
+            if (i < macText.size()) {
+                text = macText;
+                text[i] = wrong;
+                EXPECT_FALSE(Mox::tryParse<EthAddr>(text)) << text;
+            }
+        }
+    }
+}
+
 TEST(EthAddr, StopsBehindTheSixthByte) {
     for (const char* text : {"00:11:22:0a:0b:0c:00", "0011.220a.0b0cx"}) {
         const Mox::String whole(text);
