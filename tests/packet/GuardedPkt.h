@@ -16,10 +16,11 @@
 
 namespace Pavo {
 
-/// A packet whose buffer has an inaccessible page inside, right behind the data.
+/// A packet whose buffer has an inaccessible page inside, right behind the data. The first
+/// `privateBytes` bytes of the frame lie in the private area.
 class GuardedPkt {
   public:
-    GuardedPkt(const uint8_t* frame, uint32_t bytes)
+    GuardedPkt(const uint8_t* frame, uint32_t bytes, uint32_t privateBytes = 0)
         : pageBytes_(static_cast<uint32_t>(getpagesize())), pkt_(Mox::make<Pkt>()) {
         const uint32_t size = 3 * pageBytes_;
         pkt_->sharedBufferIs(globalPktManager()->newSharedBuffer(size));
@@ -28,9 +29,13 @@ class GuardedPkt {
             static_cast<uint32_t>(reinterpret_cast<uintptr_t>(start) % pageBytes_);
         const uint32_t beforeGuard = 2 * pageBytes_ - intoPage;
         pkt_->delSharedTailData(size - beforeGuard);
-        pkt_->delSharedHeadData(beforeGuard - bytes);
-        if (bytes != 0) {
-            std::memcpy(pkt_->frontData(), frame, bytes);
+        const uint32_t sharedBytes = bytes - privateBytes;
+        pkt_->delSharedHeadData(beforeGuard - sharedBytes);
+        if (sharedBytes != 0) {
+            std::memcpy(pkt_->frontData(), frame + privateBytes, sharedBytes);
+        }
+        if (privateBytes != 0) {
+            std::memcpy(pkt_->newPrivateHeadData(privateBytes), frame, privateBytes);
         }
         guard_ = start + beforeGuard;
         EXPECT_EQ(mprotect(guard_, pageBytes_, PROT_NONE), 0);

@@ -1,7 +1,5 @@
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -11,9 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "Pavo/EthHdr.h"
+#include "Pavo/Icmp6Hdr.h"
 #include "Pavo/IcmpHdr.h"
+#include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
 #include "packet/GuardedPkt.h"
+#include "packet/HdrLaws.h"
 #include "support/Errors.h"
 
 namespace Pavo {
@@ -24,48 +25,25 @@ constexpr uint8_t echoRequest[28] = {0x45, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0
                                      0x14, 0xab, 0x0a, 0x00, 0x00, 0x01, 0x0a, 0x00, 0x00, 0x02,
                                      0x08, 0x00, 0xf6, 0xf5, 0x00, 0x01, 0x01, 0x09};
 
-Mox::Ptr<Pkt> pktOf(const void* bytes, uint32_t length) {
-    const auto pkt = globalPktManager()->newPkt();
-    pkt->bytesValueIs(Mox::Bytes(bytes, length), /*atTail=*/false);
-    return pkt;
-}
-
-template <class Record>
-Mox::Bytes imageOf(const Record& record) {
-    return Mox::Bytes(&record, sizeof(record));
-}
-
-// In a packet of 60 bytes that lie in one iovec behind nothing.
-template <class Wrapper, class Hdr>
-void expectBindsToTheLastByte(Mox::Ptr<Wrapper> (*factory)(const Mox::Ptr<Pkt>&, uint32_t)) {
-    const std::string name(Hdr::recordName);
-    SCOPED_TRACE(name);
-    constexpr uint32_t last = 60 - sizeof(Hdr);
-    const auto pkt = globalPktManager()->newPkt();
-    std::memset(pkt->newSharedTailData(60), 0, 60);
-    const auto wrapper = factory(pkt, last);
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), pkt->frontData() + last);
-    EXPECT_TRUE(wrapper->hasNotificationActive());
-    EXPECT_EQ(wrapper->fwkType()->name, "Pavo::" + name + "Wrapper");
-
-    const std::string text =
-        "\\( offset_ \\+ sizeof\\( " + name + " \\) \\) <= pkt_->frontBytes\\(\\)";
-    EXPECT_DEATH(factory(pkt, last + 1), text);
-    EXPECT_DEATH(factory(pkt, 0xffffffff), text);  // Offset and size make a small number.
-    EXPECT_DEATH(factory(Mox::make<Pkt>(), 0), text);
-
-    uint8_t* front = pkt->newSharedHeadData(4);
-    wrapper->handleHeader();  // The same offset, four bytes further to the front.
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), front + last);
-    pkt->delSharedTailData(5);
-    EXPECT_DEATH(wrapper->handleHeader(), text);
-}
-
 TEST(HdrWrapperDeath, BindsAtTheLastGoodOffsetAndDiesAtTheNext) {
     expectBindsToTheLastByte<EthHdrWrapper, EthHdr>(ethHdrWrapperFactory);
     expectBindsToTheLastByte<IpHdrWrapper, IpHdr>(ipHdrWrapperFactory);
     expectBindsToTheLastByte<IcmpHdrWrapper, IcmpHdr>(icmpHdrWrapperFactory);
     expectBindsToTheLastByte<IcmpEchoHdrWrapper, IcmpEchoHdr>(icmpEchoHdrWrapperFactory);
+    expectBindsToTheLastByte<Eth8021QHdrWrapper, Eth8021QHdr>(eth8021QHdrWrapperFactory);
+    expectBindsToTheLastByte<IpHdrOptionCommonWrapper, IpHdrOptionCommon>(
+        ipHdrOptionCommonWrapperFactory);
+    expectBindsToTheLastByte<IpHdrRouterAlertOptionWrapper, IpHdrRouterAlertOption>(
+        ipHdrRouterAlertOptionWrapperFactory);
+    expectBindsToTheLastByte<Ip6HdrWrapper, Ip6Hdr>(ip6HdrWrapperFactory);
+    expectBindsToTheLastByte<Ip6HdrOptionCommonWrapper, Ip6HdrOptionCommon>(
+        ip6HdrOptionCommonWrapperFactory);
+    expectBindsToTheLastByte<Ip6HdrPad1Wrapper, Ip6HdrPad1>(ip6HdrPad1WrapperFactory);
+    expectBindsToTheLastByte<Ip6HdrPadNWrapper, Ip6HdrPadN>(ip6HdrPadNWrapperFactory);
+    expectBindsToTheLastByte<Ip6HdrRouterAlertOptionWrapper, Ip6HdrRouterAlertOption>(
+        ip6HdrRouterAlertOptionWrapperFactory);
+    expectBindsToTheLastByte<Icmp6HdrWrapper, Icmp6Hdr>(icmp6HdrWrapperFactory);
+    expectBindsToTheLastByte<Icmp6EchoHdrWrapper, Icmp6EchoHdr>(icmp6EchoHdrWrapperFactory);
 }
 
 TEST(HdrWrapper, HoldsItsPacket) {
@@ -76,13 +54,7 @@ TEST(HdrWrapper, HoldsItsPacket) {
 }
 
 TEST(IpHdr, ChangesTheBitsOfOneFieldOnly) {
-    const struct {
-        const char* field;
-        std::function<void(IpHdr&)> allOnes;
-        std::function<void(IpHdr&)> allZeros;
-        uint32_t firstByte;
-        std::vector<uint8_t> mask;  // From the first byte on, the bits of the field.
-    } cases[] = {
+    const FieldBits<IpHdr> cases[] = {
         {"version", [](IpHdr& h) { h.versionIs(15); }, [](IpHdr& h) { h.versionIs(0); }, 0, {0xf0}},
         {"headerLen",
          [](IpHdr& h) { h.headerLenIs(15); },
@@ -150,20 +122,7 @@ TEST(IpHdr, ChangesTheBitsOfOneFieldOnly) {
          {0xff, 0xff, 0xff, 0xff}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.field);
-        uint8_t mask[sizeof(IpHdr)] = {};
-        std::copy(c.mask.begin(), c.mask.end(), mask + c.firstByte);
-        uint8_t inverse[sizeof(IpHdr)];
-        for (uint32_t i = 0; i < sizeof(IpHdr); ++i) {
-            inverse[i] = static_cast<uint8_t>(~mask[i]);
-        }
-        IpHdr zeros;
-        c.allOnes(zeros);
-        EXPECT_EQ(imageOf(zeros), imageOf(mask));
-        IpHdr ones;
-        std::memset(static_cast<void*>(&ones), 0xff, sizeof(ones));
-        c.allZeros(ones);
-        EXPECT_EQ(imageOf(ones), imageOf(inverse));
+        expectChangesItsBitsOnly(c);
     }
 }
 
@@ -293,6 +252,128 @@ TEST(EthHdr, LiesAsItIsSent) {
     eth.typeIs(EthType::ip6);
     EXPECT_EQ(imageOf(eth),
               (Mox::Bytes{1, 2, 3, 4, 5, 6, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x86, 0xdd}));
+}
+
+TEST(Eth8021QHdr, ChangesTheBitsOfOneFieldOnly) {
+    const FieldBits<Eth8021QHdr> cases[] = {
+        {"tci",
+         [](Eth8021QHdr& h) { h.tciIs(0xffff); },
+         [](Eth8021QHdr& h) { h.tciIs(0); },
+         0,
+         {0xff, 0xff}},
+        {"vlanId, of which the low 12 bits count",
+         [](Eth8021QHdr& h) { h.vlanIdIs(0xffff); },
+         [](Eth8021QHdr& h) { h.vlanIdIs(0xf000); },
+         0,
+         {0x0f, 0xff}},
+        {"priority, of which the low 3 bits count",
+         [](Eth8021QHdr& h) { h.priorityIs(0xff); },
+         [](Eth8021QHdr& h) { h.priorityIs(0xf8); },
+         0,
+         {0xe0}},
+        {"dropEligible",
+         [](Eth8021QHdr& h) { h.dropEligibleIs(true); },
+         [](Eth8021QHdr& h) { h.dropEligibleIs(false); },
+         0,
+         {0x10}},
+        {"type",
+         [](Eth8021QHdr& h) { h.typeIs(0xffff); },
+         [](Eth8021QHdr& h) { h.typeIs(0); },
+         2,
+         {0xff, 0xff}},
+    };
+    for (const auto& c : cases) {
+        expectChangesItsBitsOnly(c);
+    }
+    Eth8021QHdr tag;
+    tag.tciIs(0xb123);
+    EXPECT_EQ(tag.priority(), 5);
+    EXPECT_TRUE(tag.dropEligible());
+    EXPECT_EQ(tag.vlanId(), 0x123);
+}
+
+TEST(EthHdr, FindsTheIpHeaderByTypesAlone) {
+    const struct {
+        const char* what;
+        std::vector<uint16_t> types;  // Each but the last begins a tag.
+        uint32_t offset;
+        uint32_t fromTag;  // From the record behind the first type on.
+    } cases[] = {
+        {"IPv4", {0x0800}, 14, 0},
+        {"IPv6", {0x86dd}, 14, 0},
+        {"ARP", {0x0806}, 0, 0},
+        {"LLC frame", {0x05ff}, 0, 0},
+        {"LLC frame of length 0", {0}, 0, 0},
+        {"one tag", {0x8100, 0x0800}, 18, 4},
+        {"two tags", {0x8100, 0x8100, 0x86dd}, 22, 8},
+        {"five tags", {0x8100, 0x8100, 0x8100, 0x8100, 0x8100, 0x0800}, 34, 20},
+        {"service tag outside", {0x88a8, 0x0800}, 0, 4},
+        {"service tag inside", {0x8100, 0x88a8, 0x0800}, 0, 0},
+        {"LLC frame behind a tag", {0x8100, 0x0100}, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<uint8_t> frame(12, 0x81);
+        for (const uint16_t type : c.types) {
+            frame.resize(frame.size() + (frame.size() == 12 ? 0 : 2), 0x81);
+            frame.insert(frame.end(),
+                         {static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type)});
+        }
+        const auto whole = static_cast<uint32_t>(frame.size());
+        for (uint32_t bytes = 0; bytes <= whole; ++bytes) {  // Right up to a page not to be read.
+            const GuardedPkt guarded(frame.data(), bytes);
+            const auto& pkt = guarded.pkt();
+            const auto* eth = reinterpret_cast<const EthHdr*>(pkt->frontData());
+            const uint32_t expected = bytes < whole ? 0 : c.offset;
+            EXPECT_EQ(ipHdrOffset(eth, bytes), expected) << bytes;
+            if (bytes >= 14) {
+                EXPECT_EQ(ethHdrWrapperFactory(pkt, 0)->ipHdrOffset(), expected) << bytes;
+            }
+            if (bytes >= 18) {
+                EXPECT_EQ(eth8021QHdrWrapperFactory(pkt, 14)->ipHdrOffset(),
+                          bytes < whole ? 0 : c.fromTag)
+                    << bytes;
+            }
+        }
+    }
+    // From the wrapper's own offset, also once the packet has become shorter than that.
+    const auto pkt = pktOf(std::string(24, '\x08').c_str(), 24);
+    std::memcpy(pkt->frontData() + 22, "\x86\xdd", 2);
+    const auto wrapper = ethHdrWrapperFactory(pkt, 10);
+    EXPECT_EQ(wrapper->ipHdrOffset(), 14u);
+    pkt->delSharedTailData(1);
+    EXPECT_EQ(wrapper->ipHdrOffset(), 0u);
+    pkt->delSharedTailData(23);
+    EXPECT_EQ(wrapper->ipHdrOffset(), 0u);
+}
+
+TEST(IpHdrOption, LiesAsItIsSent) {
+    uint8_t bytes[4] = {0xff, 0xff, 0xff, 0xff};
+    const auto pkt = pktOf(bytes, sizeof(bytes));
+    const auto alert = ipHdrRouterAlertOptionWrapperFactory(pkt, 0);
+    EXPECT_EQ(alert->raHeader()->value(), 0xffff);
+    alert->raHeaderInstantiate()->valueIs(0x0102);
+    EXPECT_EQ(pkt->bytesValue(), (Mox::Bytes{148, 4, 1, 2}));
+    const IpHdrOptionCommon* common = alert->header();
+    EXPECT_EQ(common->type(), 148);
+    ipHdrOptionCommonWrapperFactory(pkt, 2)->header()->typeIs(1);
+    EXPECT_EQ(pkt->bytesValue(), (Mox::Bytes{148, 4, 1, 2}));
+}
+
+TEST(IpHdrOption, IsViewedWhenItsLengthFits) {
+    for (uint32_t bytes = 0; bytes <= 6; ++bytes) {
+        for (uint8_t length = 0; length <= 8; ++length) {
+            const uint8_t option[6] = {148, length, 0, 0, 0, 0};
+            const GuardedPkt guarded(option, bytes);
+            const auto expected = [&](uint32_t least) {
+                return bytes < least                        ? PktErrors::pktTooShort
+                       : length >= least && length <= bytes ? PktErrors::noError
+                                                            : PktErrors::badIpPayloadLen;
+            };
+            EXPECT_EQ(tryIpHdrOptionCommon(guarded.pkt(), 0).error(), expected(2));
+            EXPECT_EQ(tryIpHdrRouterAlertOption(guarded.pkt(), 0).error(), expected(4));
+        }
+    }
 }
 
 TEST(IcmpHdr, LiesAsItIsSentAndKnowsItsChecksum) {

@@ -5,6 +5,7 @@
 
 #include "Mox/Hash.h"
 
+#include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
 #include "Pavo/NetU.h"
 #include "support/ValueLaws.h"
@@ -46,6 +47,9 @@ TEST(NetU, LiesInMemoryLogAndHashAsItIsSent) {
     expectNetworkImage(IpId(256), {1, 0}, "Value('Pavo::IpId', ** {'v0': 1, 'v1': 0})");
     expectNetworkImage(IpFragmentOffsetAndFlags(0x4000), {0x40, 0},
                        "Value('Pavo::IpFragmentOffsetAndFlags', ** {'v0': 64, 'v1': 0})");
+    expectNetworkImage(IpVersionTrafficClassAndFlowLabel(0x60000001), {0x60, 0, 0, 1},
+                       "Value('Pavo::IpVersionTrafficClassAndFlowLabel', ** {'v0': 96, 'v1': 0, "
+                       "'v2': 0, 'v3': 1})");
 }
 
 TEST(NetU, KeepsTheValueLaws) {  // Each step up is one that another byte order would turn round.
@@ -58,6 +62,8 @@ TEST(NetU, KeepsTheValueLaws) {  // Each step up is one that another byte order 
     expectValueLaws<IpId>({IpId(), IpId(255), IpId(256)});
     expectValueLaws<IpFragmentOffsetAndFlags>(
         {IpFragmentOffsetAndFlags(), IpFragmentOffsetAndFlags(0x8000)});
+    expectValueLaws<IpVersionTrafficClassAndFlowLabel>(
+        {IpVersionTrafficClassAndFlowLabel(1), IpVersionTrafficClassAndFlowLabel(0x60000000)});
     expectValueLaws<IpVersionAndHeaderLen>({IpVersionAndHeaderLen(), IpVersionAndHeaderLen(0x45)});
     expectValueLaws<IpHdrLen>({IpHdrLen(), IpHdrLen(5), IpHdrLen(15)});
     expectValueLaws<IpFlags>({IpFlags(), IpFlags(2), IpFlags(7)});

@@ -178,84 +178,182 @@ TEST(Pkt, ThrowsForAnIovecThatIsNotInTheTable) {
     }
 }
 
-// Each operation beside a string for the private and one for the shared data.
-TEST(Pkt, ActsAsTwoStrings) {
-    std::mt19937 random(20000);
-    const auto below = [&random](uint32_t limit) {
-        return static_cast<uint32_t>(random() % limit);
-    };
-    const auto text = [&](uint32_t bytes) {
-        std::string made(bytes, ' ');
+// A packet beside one string for its private and one for its shared data. Of the packets on one
+// buffer one is the owner, which alone changes shared data; what the others hold must stay.
+struct Modelled {
+    Mox::Ptr<Pkt> pkt;
+    std::string priv, shared;
+    bool hasTag = false;
+    uint16_t tci = 0, tpid = 0;
+    bool isOwner = true;
+    // How far the owner's data reaches beyond that of all others, at each end. Below zero, in-place
+    // growth would write over data that another packet still shows.
+    int64_t ahead = 0, behind = 0;
+
+    bool isAlone() const { return pkt->sharedBuffer()->references() == 1; }
+    std::string contents() const { return priv + shared; }
+};
+
+class Model {
+  public:
+    explicit Model(uint32_t seed) : random_(seed), pkts_(6) {
+        for (auto& each : pkts_) {
+            each.pkt = manager_->newPkt();
+        }
+    }
+
+    void step() {
+        Modelled& m = pkts_[below(static_cast<uint32_t>(pkts_.size()))];
+        const Pkt::SharedBuffer* before = m.pkt->sharedBuffer().ptr();
+        change(m);
+        if (m.pkt->sharedBuffer().ptr() != before && m.isOwner) {
+            m.ahead = m.behind = 0;  // A buffer of its own.
+        }
+        std::string tagged = m.contents();
+        if (m.hasTag) {
+            tagged.insert(std::min<std::size_t>(12, tagged.size()), net(m.tpid) + net(m.tci));
+        }
+        ASSERT_EQ(m.pkt->stringValueMaybeWithVlan(), tagged);
+        ASSERT_EQ(m.pkt->totalBytes(), m.contents().size());
+        ASSERT_EQ(m.pkt->frontBytes(), m.pkt->firstIoVec() == 0 ? m.priv.size() : m.shared.size());
+        for (const Modelled& each : pkts_) {
+            ASSERT_EQ(contents(each.pkt), each.contents());
+        }
+    }
+
+  private:
+    static std::string net(uint16_t number) {
+        return {static_cast<char>(number >> 8), static_cast<char>(number)};
+    }
+    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    uint32_t upTo(const std::string& text) { return below(static_cast<uint32_t>(text.size()) + 1); }
+    std::string text() {
+        std::string made(below(below(7) == 0 ? 700 : 24), ' ');
         for (auto& c : made) {
-            c = static_cast<char>(random());
+            c = static_cast<char>(random_());
         }
         return made;
-    };
-    const auto manager = globalPktManager();
-    auto pkt = manager->newPkt();
-    std::string priv;
-    std::string shared;
-    for (int step = 0; step < 20000; ++step) {
-        const uint32_t n = below(step % 7 == 0 ? 700 : 24);
-        const auto more = text(n);
-        switch (below(10)) {
+    }
+
+    void change(Modelled& m) {
+        switch (below(5)) {
             case 0:
+                return grow(m);
             case 1:
-                std::memcpy(pkt->newSharedHeadData(n), more.data(), n);
-                shared.insert(0, more);
+                return shrink(m);
+            case 2:
+                return changePrivate(m);
+            case 3:
+                return changeTag(m);
+            case 4:
+                return replace(m);
+        }
+    }
+
+    void grow(Modelled& m) {
+        const std::string more = text();
+        const auto n = static_cast<uint32_t>(more.size());
+        const bool atTail = below(2) == 0;
+        int64_t& over = atTail ? m.behind : m.ahead;
+        if (!m.isOwner || (over < 0 && !m.isAlone())) {
+            return;
+        }
+        switch (below(3)) {
+            case 0:
+                m.pkt->stringValueIs(Mox::String(more), atTail);
+                break;
+            case 1:
+                m.pkt->bytesValueIs(Mox::Bytes(more.data(), n), atTail);
                 break;
             case 2:
-                std::memcpy(pkt->newSharedTailData(n), more.data(), n);
-                shared += more;
-                break;
-            case 3:
-                pkt->stringValueIs(more, /*atTail=*/true);
-                shared += more;
-                break;
-            case 4:
-                pkt->bytesValueIs(Mox::Bytes(more.data(), n), /*atTail=*/false);
-                shared.insert(0, more);
-                break;
-            case 5: {
-                const uint32_t gone = below(static_cast<uint32_t>(shared.size()) + 1);
-                pkt->delSharedHeadData(gone);
-                shared.erase(0, gone);
-                break;
-            }
-            case 6: {
-                const uint32_t gone = below(static_cast<uint32_t>(shared.size()) + 1);
-                pkt->delSharedTailData(gone);
-                shared.resize(shared.size() - gone);
-                break;
-            }
-            case 7:
-                if (priv.size() + n <= Pkt::privateAreaBytes) {
-                    std::memcpy(pkt->newPrivateHeadData(n), more.data(), n);
-                    priv.insert(0, more);
-                }
-                break;
-            case 8: {
-                const uint32_t gone = below(static_cast<uint32_t>(priv.size()) + 1);
-                pkt->delPrivateHeadData(gone);
-                priv.erase(0, gone);
-                break;
-            }
-            case 9:
-                if (below(4) == 0) {
-                    pkt = manager->newShallowCopy(pkt);  // The original goes.
-                } else if (below(20) == 0) {
-                    pkt = manager->newPkt();
-                    priv.clear();
-                    shared.clear();
-                }
+                std::memcpy(atTail ? m.pkt->newSharedTailData(n) : m.pkt->newSharedHeadData(n),
+                            more.data(), n);
                 break;
         }
-        ASSERT_EQ(contents(pkt), priv + shared) << step;
-        ASSERT_EQ(pkt->totalBytes(), priv.size() + shared.size()) << step;
-        ASSERT_EQ(pkt->frontBytes(), pkt->firstIoVec() == 0 ? priv.size() : shared.size()) << step;
-        ASSERT_EQ(pkt->sharedBuffer()->dataBytes(), shared.size()) << step;
+        m.shared.insert(atTail ? m.shared.size() : 0, more);
+        over += n;
     }
-    EXPECT_EQ(pkt->bytesValue(), Mox::Bytes((priv + shared).data(), pkt->totalBytes()));
+
+    void shrink(Modelled& m) {
+        if (!m.isOwner) {
+            return;
+        }
+        const uint32_t n = upTo(m.shared);
+        if (below(2) == 0) {
+            m.pkt->delSharedHeadData(n);
+            m.shared.erase(0, n);
+            m.ahead -= n;
+        } else {
+            m.pkt->delSharedTailData(n);
+            m.shared.resize(m.shared.size() - n);
+            m.behind -= n;
+        }
+    }
+
+    void changePrivate(Modelled& m) {
+        const uint32_t n = below(24);
+        if (below(2) == 0) {
+            const uint32_t gone = upTo(m.priv);
+            m.pkt->delPrivateHeadData(gone);
+            m.priv.erase(0, gone);
+        } else if (m.priv.size() + n <= Pkt::privateAreaBytes) {
+            const std::string more(n, static_cast<char>(random_()));
+            std::memcpy(m.pkt->newPrivateHeadData(n), more.data(), n);
+            m.priv.insert(0, more);
+        }
+    }
+
+    void changeTag(Modelled& m) {
+        const auto number = static_cast<uint16_t>(random_());
+        switch (below(3)) {
+            case 0:
+                m.pkt->newSeparateVlanTag(number, 0x88a8);
+                m.hasTag = true;
+                m.tci = number;
+                m.tpid = 0x88a8;
+                break;
+            case 1:
+                m.pkt->delSeparateVlanTag();
+                m.hasTag = false;
+                m.tci = 0;
+                break;
+            case 2:
+                m.pkt->tciVlanIdIs(number & 0x0fff);
+                m.tci = static_cast<uint16_t>((m.tci & 0xf000) | (number & 0x0fff));
+                break;
+        }
+    }
+
+    // The packet gives way to a new one, or to a copy of any.
+    void replace(Modelled& m) {
+        if (below(4) == 0) {
+            m = Modelled();
+            m.pkt = manager_->newPkt();
+            return;
+        }
+        Modelled& original = pkts_[below(static_cast<uint32_t>(pkts_.size()))];
+        if (original.isAlone()) {
+            original.ahead = original.behind = 0;
+        }
+        original.ahead = std::min<int64_t>(original.ahead, 0);
+        original.behind = std::min<int64_t>(original.behind, 0);
+        Modelled copy = original;
+        copy.pkt = manager_->newShallowCopy(original.pkt);
+        copy.isOwner = &m == &original && original.isOwner;  // It then takes the original's place.
+        m = std::move(copy);
+    }
+
+    Mox::Ptr<Pkt::Manager> manager_ = globalPktManager();
+    std::mt19937 random_;
+    std::vector<Modelled> pkts_;
+};
+
+TEST(Pkt, ActsAsStringsOfWhichNoneChangesAnother) {
+    Model model(20000);
+    for (int step = 0; step < 100000 && !HasFatalFailure(); ++step) {
+        SCOPED_TRACE(step);
+        model.step();
+    }
 }
 
 TEST(Pkt, ShowsTheSeparateTagBehindTheAddressesHoweverTheyAreSpread) {

@@ -3,11 +3,15 @@
 #include <cstring>
 
 #include "Pavo/Checksum.h"
+#include "Pavo/Crc32.h"
 #include "Pavo/EthHdr.h"
+#include "Pavo/Icmp6Hdr.h"
 #include "Pavo/IcmpHdr.h"
+#include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
 #include "Pavo/NetU.h"
 #include "Pavo/Pkt.h"
+#include "Pavo/VlanUtils.h"
 
 namespace {
 
@@ -52,6 +56,7 @@ void printFields(Numbers& numbers) {
     printField(NetU8(static_cast<uint8_t>(number)));
     printField(NetU16(low));
     printField(NetU32(number << 8 | (numbers.next() & 0xff)));
+    printField(IpVersionTrafficClassAndFlowLabel(number << 8 | low >> 8));
     printField(NetU64(uint64_t{number} << 40 | numbers.next()));
     printField(IpChecksum(low));
     printField(IpTotalLen(low));
@@ -96,6 +101,52 @@ void printHeaders(Numbers& numbers) {
     printImage(echo);
 }
 
+void printIp6Headers(Numbers& numbers) {
+    const auto word = [&numbers] { return static_cast<uint16_t>(numbers.next()); };
+    const auto half = [&numbers] {
+        const uint64_t high = numbers.next();
+        return high << 40 | numbers.next();
+    };
+    const auto address = [&half] {
+        const uint64_t high = half();
+        return Ip6Addr(high, half());
+    };
+    Eth8021QHdr tag;
+    tag.tciIs(word());
+    tag.typeIs(word());
+    printImage(tag);
+
+    Ip6Hdr ip6;
+    ip6.versionIs(6);
+    ip6.trafficClassIs(word() & 0xff);
+    ip6.flowLabelIs(numbers.next() & IpFlowLabel::max);
+    ip6.payloadLenIs(word());
+    ip6.nextHeaderIs(static_cast<uint8_t>(word()));
+    ip6.hopLimitIs(static_cast<uint8_t>(word()));
+    ip6.srcIs(address());
+    ip6.dstIs(address());
+    printImage(ip6);
+
+    Icmp6EchoHdr echo;
+    echo.typeIs(static_cast<Icmp6Type>(word() & 0xff));
+    echo.codeIs(static_cast<uint8_t>(word()));
+    echo.idIs(word());
+    echo.sequenceNumberIs(word());
+    echo.checksumIs(echo.computedChecksum(ip6.src(), ip6.dst(), sizeof(echo)));
+    printImage(echo);
+
+    IpHdrRouterAlertOption alert;
+    alert.valueIs(word());
+    printImage(alert);
+    Ip6HdrRouterAlertOption alert6;
+    alert6.nextHdrNumIs(static_cast<uint8_t>(word()));
+    alert6.valueIs(word());
+    printImage(alert6);
+    Ip6HdrPadN padding;
+    padding.optionLenIs(static_cast<uint8_t>(word()));
+    printImage(padding);
+}
+
 void printChecksums(Numbers& numbers) {
     static uint8_t area[4096];
     for (auto& byte : area) {
@@ -106,6 +157,8 @@ void printChecksums(Numbers& numbers) {
         std::printf("checksum %u: %08x %04x %04x\n", len, ipChecksumChunk(area, even, ~len),
                     ipChecksumCalc(area, static_cast<uint16_t>(len), len).value(),
                     ipChksum(area, len));
+        std::printf("crc %u: %08x %08x\n", len, Crc32::crc(area, len),
+                    Crc32::crcByTables(area, len));
     }
 }
 
@@ -121,6 +174,11 @@ void printPackets(Numbers& numbers) {
         std::printf("packet %u bytes at %u of %u\n", pkt->totalBytes(), buffer.headRoom(),
                     buffer.size());
     }
+    for (int i = 0; i < 20; ++i) {
+        addPktVlanTag(pkt, static_cast<uint16_t>(numbers.next() & 0xfff));
+        maybeOffloadAnyVlanTag(pkt);
+    }
+    std::printf("tag %u\n", vlanIdFromEthPkt(pkt));
     const Mox::Bytes bytes = pkt->bytesValue();
     printHex("packet", bytes.data(), bytes.bytes());
 }
@@ -133,6 +191,7 @@ void parityOfPackets() {
     for (int i = 0; i < 500; ++i) {
         printFields(numbers);
         printHeaders(numbers);
+        printIp6Headers(numbers);
     }
     printChecksums(numbers);
     printPackets(numbers);
