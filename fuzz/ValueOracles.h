@@ -1,0 +1,154 @@
+/// @file
+/// What must hold for every value, and for every text and log that is read as one. What does not
+/// hold is fatal.
+///
+/// Both libFuzzer and the replay program hand over inputs in heap memory of exactly their size, so
+/// AddressSanitizer sees a reader that looks past the end.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Mox/Assert.h"
+#include "Mox/Hash.h"
+#include "Mox/Strep.h"
+#include "Mox/ValueType.h"
+
+#include "fuzz/ValueTypes.h"
+
+namespace fuzz {
+
+inline std::string_view asText(const uint8_t* data, std::size_t size) {
+    return {reinterpret_cast<const char*>(data), size};
+}
+
+/// The text of the range error that `fn` throws, or "". Any other exception ends the process.
+template <class Fn>
+std::string rangeErrorOf(Fn fn) {
+    try {
+        fn();
+    } catch (const Mox::RangeException& error) {
+        Mox::require(*error.what() != '\0', "a range error has a text");
+        return error.what();
+    }
+    return "";
+}
+
+/// Printing into a buffer of any size is snprintf(3).
+template <Mox::Value T>
+void checkPrinting(const T& value) {
+    const Mox::String text = value.stringValue();
+    Mox::require(value.printToBuffer(nullptr, 0) == text.bytes(), "the length without a buffer");
+    for (uint32_t size = 1; size <= text.bytes() + 2; ++size) {
+        const std::unique_ptr<char[]> buffer(new char[size]);
+        Mox::require(value.printToBuffer(buffer.get(), size) == text.bytes(), "the whole length");
+        const std::string_view cut = text.view().substr(0, size - 1);
+        Mox::require(std::string_view(buffer.get(), cut.size()) == cut, "as much as has room");
+        Mox::require(buffer[cut.size()] == '\0', "a NUL at the end");
+    }
+}
+
+/// The strep is a text of the type, and gives the value again.
+template <Mox::Value T>
+void checkStrep(const T& value) {
+    const Mox::String strep = valueToStrep(value);
+    const auto read = Mox::tryParse<T>(strep.view());
+    if (readsBack(value)) {
+        Mox::require(read && *read == value, "value, strep, value");
+        Mox::require(read->hash() == value.hash(), "equal values, equal hashes");
+    }
+    if (read) {
+        Mox::require(valueToStrep(*read) == strep, "strep, value, strep");
+    }
+}
+
+/// The log gives the value again, and uses itself up.
+template <Mox::Value T>
+Mox::Bytes checkLog(const T& value) {
+    Mox::NboAttrLog::Out out;
+    out << value;
+    const std::unique_ptr<uint8_t[]> log(new uint8_t[out.bytes.bytes()]);
+    std::copy(out.bytes.begin(), out.bytes.end(), log.get());
+    Mox::NboAttrLog::In in(log.get(), out.bytes.bytes());
+    Mox::require(T(&in, Mox::StreamBogon()) == value, "value, log, value");
+    Mox::require(in.left() == 0, "nothing is left of the log");
+    return out.bytes;
+}
+
+template <Mox::Value T>
+void checkValue(const T& value) {
+    checkPrinting(value);
+    checkStrep(value);
+    checkLog(value);
+}
+
+/// Every way to read `text` says the same; a failure moves nothing.
+template <Mox::Value T>
+void checkText(std::string_view text) {
+    const char* const begin = text.data();
+    const char* const end = begin + text.size();
+
+    auto it = begin;
+    T read{};
+    const std::string error = rangeErrorOf([&] { sequenceToValue(it, end, &read); });
+    auto constructedIt = begin;
+    Mox::require(rangeErrorOf([&] { T(constructedIt, end); }) == error, "constructor, function");
+    Mox::require(constructedIt == it && it >= begin && it <= end, "the place reached");
+    Mox::require(error.empty() || (it == begin && read == T()), "a failure moves nothing");
+
+    const bool whole = error.empty() && it == end;
+    const auto quiet = Mox::tryParse<T>(text);
+    Mox::require(quiet.has_value() == whole && (!whole || *quiet == read), "throwing, quiet");
+    T target{};
+    const std::string wholeError = rangeErrorOf([&] { target.stringValueIs(Mox::String(text)); });
+    Mox::require(wholeError == (error.empty() && !whole ? T::leftoverText : error), "all of it");
+    Mox::require(target == (whole ? read : T()), "the value of all of it");
+
+    if (!error.empty()) {
+        return;
+    }
+    checkValue(read);
+    // What was taken is the value, without what stands behind it.
+    const auto alone = Mox::tryParse<T>(text.substr(0, static_cast<std::size_t>(it - begin)));
+    Mox::require(alone && *alone == read, "the same without the rest");
+}
+
+template <class... T>
+void checkTextAs(TypeList<T...> types, const uint8_t* data, std::size_t size) {
+    forEachType(
+        types, [text = asText(data, size)]<class U>(std::type_identity<U>) { checkText<U>(text); });
+}
+
+/// Splits an input into a first line, which names a type, and what stands behind it. A name that is
+/// none stands for some type as well, so every type is reached, with a seed of its own or without.
+/// Calls `visit(std::type_identity<T>(), rest)`.
+template <class... T, class Visit>
+void withNamedType(TypeList<T...> types, std::string_view input, Visit visit) {
+    const std::size_t newline = input.find('\n');
+    const std::string_view name = input.substr(0, newline);
+    const std::string_view rest =
+        newline == std::string_view::npos ? "" : input.substr(newline + 1);
+    constexpr std::array names = {std::string_view(T::description().typeName)...};
+    Mox::Hash mixer(0);
+    for (const char c : name) {
+        mixer.mix(static_cast<uint8_t>(c));
+    }
+    std::size_t chosen = mixer.result() % names.size();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        chosen = names[i] == name ? i : chosen;
+    }
+    std::size_t i = 0;
+    forEachType(types, [&](auto type) {
+        if (i++ == chosen) {
+            visit(type, rest);
+        }
+    });
+}
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);
