@@ -171,16 +171,6 @@ void bare(benchmark::State& state, Half half) {
     rounds(state, &ends, half);
 }
 
-void makeWire() {
-    PavoSandbox::makeNetns("left");
-    PavoSandbox::makeNetns("right");
-    PavoSandbox::makeVethPair("veth-left", "left", "veth-right", "right");
-    PavoSandbox::addAddress("left", "veth-left", "192.0.2.1/24");
-    PavoSandbox::addAddress("right", "veth-right", "192.0.2.2/24");
-    PavoSandbox::setUp("left", "veth-left");
-    PavoSandbox::setUp("right", "veth-right");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -189,7 +179,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "no namespaces to measure in: %s\n", why.c_str());
         return 1;
     }
-    makeWire();
+    PavoSandbox::makeWire();
     using benchmark::RegisterBenchmark;
     RegisterBenchmark("RawIpSend/pavo", pavo, false, Half::send)->UseManualTime();
     RegisterBenchmark("RawIpSend/sendmsg", bare, Half::send)->UseManualTime();

@@ -94,16 +94,6 @@ Options readOptions(int argc, char** argv) {
 const Pavo::IpAddr leftAddress(0xc0000201);   // 192.0.2.1, an address for documentation.
 const Pavo::IpAddr rightAddress(0xc0000202);  // 192.0.2.2
 
-void makeWire() {
-    PavoSandbox::makeNetns("left");
-    PavoSandbox::makeNetns("right");
-    PavoSandbox::makeVethPair("veth-left", "left", "veth-right", "right");
-    PavoSandbox::addAddress("left", "veth-left", "192.0.2.1/24");
-    PavoSandbox::addAddress("right", "veth-right", "192.0.2.2/24");
-    PavoSandbox::setUp("left", "veth-left");
-    PavoSandbox::setUp("right", "veth-right");
-}
-
 // The name of an interface of a namespace, which has names and indices of its own. Looked up once,
 // so that printing takes no time from the packets that follow.
 const std::string& interfaceName(const std::string& netNs, uint32_t index) {
@@ -194,7 +184,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     try {
-        makeWire();
+        PavoSandbox::makeWire();
         std::printf("left: veth-left %s   <-- wire -->   right: veth-right %s\n",
                     text(leftAddress).c_str(), text(rightAddress).c_str());
         std::printf("The agent at right answers with TTL %u, its kernel with the system's TTL.\n\n",

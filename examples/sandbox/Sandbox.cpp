@@ -353,6 +353,26 @@ void setUp(const std::string& ns, const std::string& device) {
     ip(ns, {"link", "set", "dev", device, "up"});
 }
 
+void makeWire() {
+    makeNetns("left");
+    makeNetns("right");
+    makeVethPair("veth-left", "left", "veth-right", "right");
+    addAddress("left", "veth-left", "192.0.2.1/24");
+    addAddress("right", "veth-right", "192.0.2.2/24");
+    setUp("left", "veth-left");
+    setUp("right", "veth-right");
+}
+
+void removeWire() {
+    try {
+        ip("left", {"link", "del", "veth-left"});  // Its peer goes with it.
+    } catch (const std::runtime_error&) {
+        // Somebody took it away before.
+    }
+    removeNetns("left");
+    removeNetns("right");
+}
+
 std::map<int, std::string> openDescriptors() {
     const std::unique_ptr<DIR, CloseDir> directory(opendir("/proc/self/fd"));
     check(directory != nullptr, "open /proc/self/fd");

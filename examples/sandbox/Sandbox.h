@@ -66,6 +66,10 @@ void makeVethPair(const std::string& a, const std::string& nsA, const std::strin
 /// Adds an address such as "10.0.0.1/24" or "fd00::1/64", usable as soon as the interface is up.
 void addAddress(const std::string& ns, const std::string& device, const std::string& address);
 void setUp(const std::string& ns, const std::string& device);
+/// Two namespaces, "left" and "right", joined by a wire from veth-left, at 192.0.2.1/24, to
+/// veth-right, at 192.0.2.2/24, both up; and the end of it all.
+void makeWire();
+void removeWire();
 /// @}
 
 /// The process's open descriptors and what they stand for ("socket:[4711]"). A state

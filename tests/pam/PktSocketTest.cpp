@@ -36,8 +36,8 @@ namespace {
 constexpr RawSocket::Protocol experiment = 253;  // RFC 3692.
 constexpr IpSocket::Options noOptions = 0;
 const IpAddr loopback(0x7f000001);
-const IpAddr leftAddr(0x0a080001);
-const IpAddr rightAddr(0x0a080002);
+const IpAddr leftAddr(0xc0000201);
+const IpAddr rightAddr(0xc0000202);
 
 Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
     const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
@@ -310,26 +310,18 @@ TEST_F(PktSocketTest, BindsToAnAddress) {
     EXPECT_EQ(errorOf([&] { socket->bind(leftAddr); }), thrown("bind", EADDRNOTAVAIL));
 }
 
-// "left" with l0 at 10.8.0.1 and "right" with r0 at 10.8.0.2, and a wire.
+// Two namespaces and a wire.
 class PktSocketWireTest : public PktSocketTest {
   protected:
     void SetUp() override {
         PktSocketTest::SetUp();
-        if (IsSkipped()) {
-            return;
+        if (!IsSkipped()) {
+            PavoTest::makeWire();
         }
-        PavoTest::makeNetns("left");
-        PavoTest::makeNetns("right");
-        PavoTest::makeVethPair("l0", "left", "r0", "right");
-        PavoTest::addAddress("left", "l0", "10.8.0.1/24");
-        PavoTest::addAddress("right", "r0", "10.8.0.2/24");
-        PavoTest::setUp("left", "l0");
-        PavoTest::setUp("right", "r0");
     }
     void TearDown() override {
         if (!IsSkipped()) {
-            PavoTest::removeNetns("left");
-            PavoTest::removeNetns("right");
+            PavoTest::removeWire();
         }
         PktSocketTest::TearDown();
     }
@@ -366,7 +358,7 @@ TEST_F(PktSocketWireTest, IpSocketsHearTheirDeviceOnly) {
     EXPECT_EQ(receive(*anyDevice, 20, &from), "elsewhere");
     EXPECT_EQ(from.sin_addr.s_addr, htonl(leftAddr.value()));
     EXPECT_EQ(right->recvPkt(nullptr), nullptr);
-    right->deviceIs("r0");
+    right->deviceIs("veth-right");
     left->sendPkt(pktOf("heard"), rightAddr);
     EXPECT_EQ(receive(*right, 20), "heard");
     right->deviceIs("");
@@ -377,8 +369,8 @@ TEST_F(PktSocketWireTest, IpSocketsHearTheirDeviceOnly) {
 }
 
 TEST_F(PktSocketWireTest, EthSocketsHearIpv4OfTheirDevice) {
-    const auto left = ethSocketIn("left", "l0");
-    const auto right = ethSocketIn("right", "r0");
+    const auto left = ethSocketIn("left", "veth-left");
+    const auto right = ethSocketIn("right", "veth-right");
     sockaddr_ll name{};
     socklen_t length = sizeof(name);
     getsockname(right->fileDescriptor()->descriptor(), reinterpret_cast<sockaddr*>(&name), &length);
@@ -393,25 +385,25 @@ TEST_F(PktSocketWireTest, EthSocketsHearIpv4OfTheirDevice) {
 }
 
 TEST_F(PktSocketWireTest, EthSocketsSayThatTheirDeviceIsDownOrGone) {
-    for (const char* const device : {"", "r1", "r0-and-no-device"}) {
+    for (const char* const device : {"", "veth-wrong", "veth-right-and-no-device"}) {
         EXPECT_EQ(errorOf([&] { ethSocketIn("right", device); }),
                   thrown("ioctl(SIOCGIFINDEX)", ENODEV));
     }
     testing::internal::CaptureStderr();
-    setDown("left", "l0");
-    const auto left = ethSocketIn("left", "l0");
-    const auto right = ethSocketIn("right", "r0");
+    setDown("left", "veth-left");
+    const auto left = ethSocketIn("left", "veth-left");
+    const auto right = ethSocketIn("right", "veth-right");
     const auto readLeft = [&] { EXPECT_EQ(left->recvPkt(nullptr), nullptr); };
     const auto sendLeft = [&] { left->sendPkt(pktOf(frameOf(0x0800, "")), loopback); };
     for (const std::string& error : {thrown("recvfrom", ENETDOWN), std::string()}) {
         EXPECT_EQ(errorOf(readLeft), error);
     }
     EXPECT_EQ(errorOf(sendLeft), thrown("sendmsg", ENETDOWN));
-    PavoTest::setUp("left", "l0");
+    PavoTest::setUp("left", "veth-left");
     EXPECT_EQ(errorOf(sendLeft), "");
     EXPECT_EQ(receive(*right, 14), "");
 
-    PavoTest::run({"ip", "-n", "right", "link", "del", "r0"});
+    PavoTest::run({"ip", "-n", "right", "link", "del", "veth-right"});
     for (const std::string& error : {thrown("recvfrom", ENETDOWN), std::string()}) {
         EXPECT_EQ(errorOf(readLeft), error);
     }
