@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);
@@ -29,7 +30,8 @@ void replay(const std::filesystem::path& path) {
 int main(int argc, char** argv) {
     std::vector<std::filesystem::path> inputs;
     for (int i = 1; i < argc; ++i) {
-        for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+        std::error_code missing;  // The same as empty.
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i], missing)) {
             inputs.push_back(entry.path());
         }
     }
