@@ -36,12 +36,15 @@ bool FailSyscall::counts(const char* name, bool onlyWhenNamed) const {
     return filter_ == name;
 }
 
-bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed) {
+bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long a, long b, long c) {
     FailSyscall* const scope = innermost;
     if (scope == nullptr || !scope->counts(name, onlyWhenNamed) || ++scope->count_ != scope->n_) {
         return false;
     }
     scope->name_ = name;
+    scope->arguments_[0] = a;
+    scope->arguments_[1] = b;
+    scope->arguments_[2] = c;
     errno = scope->error_;
     return true;
 }
@@ -100,7 +103,7 @@ Word failureResult(Failure failure) {
             function = nextFunction(#symbol);                                                  \
             __atomic_store_n(&next, function, __ATOMIC_RELAXED);                               \
         }                                                                                      \
-        if (PavoTest::FailSyscall::failsNow(#name, onlyWhenNamed)) {                           \
+        if (PavoTest::FailSyscall::failsNow(#name, onlyWhenNamed, a, b, c)) {                  \
             return failureResult(failure);                                                     \
         }                                                                                      \
         return function(a, b, c, d, e, f);                                                     \

@@ -43,11 +43,13 @@ class FailSyscall {
     bool happened() const { return name_ != nullptr; }
     /// The plain name of the call that was made to fail, "" while none was.
     const char* name() const { return happened() ? name_ : ""; }
+    /// The first arguments of that call, as the words in which they were passed; index 0 to 2.
+    long argument(unsigned index) const { return arguments_[index]; }
     /// Calls counted so far, the failed one among them.
     unsigned count() const { return count_; }
 
     /// For the interposed functions: whether this call is the one to fail; `errno` is then set.
-    static bool failsNow(const char* name, bool onlyWhenNamed);
+    static bool failsNow(const char* name, bool onlyWhenNamed, long a, long b, long c);
 
   private:
     bool counts(const char* name, bool onlyWhenNamed) const;
@@ -57,6 +59,7 @@ class FailSyscall {
     std::string filter_;
     unsigned count_ = 0;
     const char* name_ = nullptr;
+    long arguments_[3] = {};
     FailSyscall* outer_;
     bool armed_ = true;
 };
