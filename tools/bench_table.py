@@ -113,7 +113,9 @@ def main():
     for program in programs:
         print(f"bench: {os.path.basename(program)}", file=sys.stderr)
         figures.update(measure(program, arguments[1:]))
-    rows = list(rows_of(figures))
+    order = list(MARKS)
+    rows = sorted(rows_of(figures), key=lambda row: order.index((row[0], row[2]))
+                  if (row[0], row[2]) in order else len(order))
     show(rows)
     if path:
         # What people add below the table, under "## ", is kept.
