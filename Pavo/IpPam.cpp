@@ -42,7 +42,9 @@ constinit const Mox::FwkType IpPam::type{"Pavo::IpPam", &Pam::type, attributes};
 IpPam::IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
     : Pam(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}
 
-IpPam::~IpPam() = default;
+IpPam::~IpPam() {
+    fileDescDel();
+}
 
 const Mox::FwkType* IpPam::fwkType() const {
     return &type;
@@ -85,8 +87,9 @@ void IpPam::enableBulkReadIs(bool enable) {
     if (enable == enableBulkRead_) {
         return;
     }
+    bulkSlots_ = enable ? socketReadLimit_ : 0;
     if (enable) {
-        for (uint32_t slot = 0; slot < socketReadLimit_; ++slot) {
+        for (uint32_t slot = 0; slot < bulkSlots_; ++slot) {
             savedPacketIs(slot, globalPktManager()->newPkt());
         }
     } else {
@@ -145,7 +148,7 @@ uint64_t IpPam::rxPktCountInc(uint64_t delta) {
 
 void IpPam::fdSmIs() {
     const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc_;
-    if (!fd) {
+    if (!fd || fdSm_) {  // An observer of what came before may have reopened the endpoint.
         return;
     }
     const Mox::Ptr<PamFdSm> machine = PamFdSmIs(fd, this);
@@ -155,7 +158,9 @@ void IpPam::fdSmIs() {
 }
 
 void IpPam::fileDescDel() {
-    fdSm_ = nullptr;
+    if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
+        machine->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+    }
     if (const Mox::Ptr<Mox::FileDescriptor> fd = std::exchange(fileDesc_, nullptr)) {
         fd->close();
     }

@@ -246,6 +246,8 @@ class PAVO_EXPORT IpPam : public Pam {
     void fdSmIs();
     /// Drops the machine and closes the socket.
     void fileDescDel();
+    /// The slots of a bulk read: `socketReadLimit` as it was when bulk reading was enabled.
+    uint32_t bulkSlots() const { return bulkSlots_; }
 
   private:
     IpProtocolNumber protocol_;
@@ -253,6 +255,7 @@ class PAVO_EXPORT IpPam : public Pam {
     bool enabled_ = false;
     bool enableBulkRead_ = false;
     uint8_t socketReadLimit_ = 32;
+    uint8_t bulkSlots_ = 0;
     uint8_t rxTOS_ = 0;
     uint8_t rxTTL_ = 0;
     IpDscp txTOS_;

@@ -221,15 +221,16 @@ uint32_t readMessage(const msghdr& message, RxPacketInfo* info) {
 
 // A new packet with `bytes` of data to read into.
 Mox::Ptr<Pkt> newRoom(uint32_t bytes) {
-    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-    if (!pkt) {
+    try {
+        const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+        const uint32_t maxSize = pkt->maxSharedData();
+        Mox::require(maxSize >= bytes, "maxSize >= maxRxPktData()");
+        pkt->newSharedTailData(bytes);
+        return pkt;
+    } catch (const std::bad_alloc&) {
         MOX_TRACE(facility, 0, "no packet to receive into");
         return nullptr;
     }
-    const uint32_t maxSize = pkt->maxSharedData();
-    Mox::require(maxSize >= bytes, "maxSize >= maxRxPktData()");
-    pkt->newSharedTailData(bytes);
-    return pkt;
 }
 
 // The packet of an earlier read, made ready for the next one; null where somebody else may still
@@ -243,7 +244,11 @@ Mox::Ptr<Pkt> roomAgain(const Mox::Ptr<Pkt>& pkt, uint32_t bytes) {
         pkt->delPrivateHeadData(pkt->iovec(0).bytes);
     }
     pkt->delSeparateVlanTag();
-    pkt->delSharedHeadData(pkt->sharedBuffer()->dataBytes());
+    // To the front of the buffer, from where the data has room for all of it.
+    pkt->delSharedTailData(pkt->sharedBuffer()->dataBytes());
+    const uint32_t headRoom = pkt->sharedBuffer()->headRoom();
+    pkt->newSharedHeadData(headRoom);
+    pkt->delSharedTailData(headRoom);
     pkt->newSharedTailData(bytes);
     return pkt;
 }
@@ -337,15 +342,20 @@ void IpSocketPam::optionsIsImpl(uint32_t wanted) {
         ipRecvOrigDstAddr, ipRecvTOS,     ipRecvTTL,  ipRouterAlert,   ipAttachFilter,
         ipRcvBuf,          ipTransparent, ipPriority};
     uint32_t reached = options();
+    uint32_t changing = none;
     try {
         for (const uint32_t bit : order) {
             if (((wanted ^ reached) & bit) != 0) {
+                changing = bit;
                 optionChange(bit, (wanted & bit) != 0);
                 reached ^= bit;
             }
         }
     } catch (...) {
         optionsStore(reached);
+        if (changing == ipTransparent || changing == ipPriority) {
+            handleCleanup();  // Of these two a socket in doubt is not kept.
+        }
         throw;
     }
     optionsStore(wanted);
@@ -367,12 +377,7 @@ void IpSocketPam::optionChange(uint32_t bit, bool on) {
         setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, on ? rxBuf() : 0,
                   on ? "setsockopt(SO_RCVBUFFIRCE)" : "setsockopt(SO_RCVBUFFORCE)");
     } else {
-        try {
-            bit == ipTransparent ? setTransparent(fd, on) : setPriority(fd, on ? priority() : 0);
-        } catch (...) {
-            handleCleanup();  // Of these two a socket in doubt is not kept.
-            throw;
-        }
+        bit == ipTransparent ? setTransparent(fd, on) : setPriority(fd, on ? priority() : 0);
     }
 }
 
@@ -404,8 +409,11 @@ void IpSocketPam::ipPktOptionIs(IpPktOption option, bool wanted) {
     if (!(wanted ? ipPktOptions_.add(option) : ipPktOptions_.del(option))) {
         return;
     }
-    if (enabled()) {
+    try {
         setIpPktOptions();
+    } catch (...) {
+        wanted ? ipPktOptions_.del(option) : ipPktOptions_.add(option);
+        throw;
     }
     notify(ipPktOptionAttr, option);
 }
@@ -415,10 +423,13 @@ void IpSocketPam::ipPktOptionDelAll() {
 }
 
 void IpSocketPam::setIpPktOptions() {
-    setPktOptions(socket(), ipPktOptions_);
+    if (enabled()) {
+        setPktOptions(socket(), ipPktOptions_);
+    }
 }
 
 void IpSocketPam::doGetRxPkt() {
+    rxPktIs(nullptr);
     if (enableBulkRead()) {
         doGetRxPktBulk();
     } else {
@@ -431,7 +442,6 @@ int32_t IpSocketPam::doGetBulkRxPkt() {
 }
 
 void IpSocketPam::doGetRxPktSingle() {
-    rxPktIs(nullptr);
     if (!enabled()) {
         MOX_TRACE(facility, 1, "IpSocketPam not enabled. Aborting action");
         return;
@@ -477,7 +487,7 @@ IpSocketPam::~IpSocketPam() = default;
 
 // Puts a packet to read into in every slot. False when there is none to be had.
 bool IpSocketPam::prepareBulkRead() {
-    const uint32_t slots = savedPacket().members();
+    const uint32_t slots = bulkSlots();
     if (!bulkRead_ || bulkRead_->slots() != slots) {
         bulkRead_ = std::make_unique<BulkRead>(slots);
     }
@@ -496,13 +506,22 @@ bool IpSocketPam::prepareBulkRead() {
     return slots != 0;
 }
 
+// Nothing was read: no slot holds a packet of this round.
+int32_t IpSocketPam::nothingInBulk() {
+    savedPacketInfo_.clear();
+    for (uint32_t slot = 0; slot < savedPacketRx().members(); ++slot) {
+        savedPacketRxIs(slot, false);
+    }
+    return 0;
+}
+
 int32_t IpSocketPam::doGetRxPktBulk() {
     if (!enabled()) {
         MOX_TRACE(facility, 1, "IpSocketPam not enabled. Aborting action");
-        return 0;
+        return nothingInBulk();
     }
     if (!prepareBulkRead()) {
-        return 0;
+        return nothingInBulk();
     }
     // An observer of what follows may change the slots, and so what the next round works on.
     std::unique_ptr<BulkRead> round = std::move(bulkRead_);
@@ -567,13 +586,18 @@ void IpSocketPam::receiveFailed(int error) {
 
 // A queued error keeps the socket in EPOLLERR until it is read.
 void IpSocketPam::drainErrorQueue() {
+    const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc();
+    if (!fd) {
+        return;  // Closed by somebody who was told of the failed read.
+    }
     uint32_t drained = 0;
     char data[1];
     iovec room{data, sizeof(data)};
     msghdr message{};
     message.msg_iov = &room;
     message.msg_iovlen = 1;
-    while (drained < 1024 && recvmsg(socket(), &message, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0) {
+    while (drained < 1024 &&
+           recvmsg(fd->descriptor(), &message, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0) {
         ++drained;
     }
     if (drained != 0) {

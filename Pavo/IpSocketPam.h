@@ -84,6 +84,7 @@ class PAVO_EXPORT IpSocketPam : public IpPam {
     int socket() const;
     void open();
     bool prepareBulkRead();
+    int32_t nothingInBulk();
     void optionChange(uint32_t bit, bool on);
     void receiveFailed(int error);
     void drainErrorQueue();

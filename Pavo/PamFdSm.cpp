@@ -34,6 +34,7 @@ PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : pam_(pam) {
     if (!fd) {
         return;
     }
+    const Mox::Ptr<Pam> hold(pam);  // An observer of the first bump may drop the last reference.
     fileDesc_ = Mox::make<FileDescReactor>(fd, this);
     fd->notifyOnReadableIs(true);
     pam_->readableCountInc(1);
@@ -54,8 +55,12 @@ void PamFdSm::hasNotificationActiveIs(bool active) {
         return;
     }
     fileDesc_->hasNotificationActiveIs(active);
-    if (fileDesc_->fd()->descriptor() >= 0) {
-        fileDesc_->fd()->notifyOnReadableIs(active);
+    Mox::FileDescriptor* fd = fileDesc_->fd();
+    if (!active) {
+        readsAgain_ = fd->notifyOnReadable();
+        fd->notifyOnReadableIs(false);
+    } else if (std::exchange(readsAgain_, false) && fd->descriptor() >= 0) {
+        fd->notifyOnReadableIs(true);
     }
 }
 

@@ -39,6 +39,7 @@ class PAVO_EXPORT PamFdSm : public Mox::PtrInterface {
 
     Mox::Ptr<FileDescReactor> fileDesc_;
     Pam* pam_;
+    bool readsAgain_ = false;  // Interest in reading comes back with the activity.
 };
 
 /// A new machine for `pam` on `fd`.

@@ -14,7 +14,8 @@ namespace Pavo {
 struct DeferCloseStats {
     std::atomic<uint32_t> queued = 0;          ///< Handed to the closer thread.
     std::atomic<uint32_t> closedByThread = 0;  ///< Closed by it, or refused by the kernel.
-    std::atomic<uint32_t> closedAtOnce = 0;    ///< Closed by the caller, for want of a free slot.
+    std::atomic<uint32_t> closedAtOnce =
+        0;  ///< Closed by the caller, for want of a free slot or of the thread.
 };
 static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_lock_free);
 

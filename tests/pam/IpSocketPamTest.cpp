@@ -338,20 +338,41 @@ TEST_F(IpSocketPamTest, ReadsBatchesWithWhatIsKnownOfEachPacket) {
 
 TEST_F(IpSocketPamTest, ReadsABatchIntoSlotsThatObserversTakeAway) {
     const auto pam = openPam();
-    pam->socketReadLimitIs(4);
+    pam->socketReadLimitIs(3);
     pam->enableBulkReadIs(true);
     EXPECT_EQ(pam->rxPktBulk(), 0);
     const Mox::Watch<IpSocketPam> taken(pam, Pam::savedPacketRxAttr,
                                         [&pam](uint32_t) { pam->savedPacketDelAll(); });
+    for (int round = 0; round < 3; ++round) {
+        for (const char* text : {"a", "b", "c"}) {
+            pam->txPktIs(pktOf(text));
+        }
+        EXPECT_EQ(pam->rxPktBulk(), 3);
+        pam->savedPacketDelAll();
+    }
     const Mox::Watch<IpSocketPam> closed(pam, IpPam::rxPktCountAttr,
                                          [&pam] { pam->enabledIs(false); });
-    for (const char* text : {"a", "b", "c"}) {
-        pam->txPktIs(pktOf(text));
-    }
-    EXPECT_EQ(pam->rxPktBulk(), 3);
-    EXPECT_EQ(pam->rxPktCount(), 3u);
+    pam->txPktIs(pktOf("last"));
+    EXPECT_EQ(pam->rxPktBulk(), 1);
     EXPECT_FALSE(pam->enabled());
     EXPECT_EQ(pam->rxPktBulk(), 0);
+    EXPECT_FALSE(pam->savedPacketRx(0));
+}
+
+TEST_F(IpSocketPamTest, ReadsBatchesIntoTheSameBuffers) {
+    const auto pam = openPam();
+    pam->socketReadLimitIs(2);
+    pam->enableBulkReadIs(true);
+    const Pkt* first = nullptr;
+    for (int round = 0; round < 3; ++round) {
+        pam->txPktIs(pktOf("again"));
+        ASSERT_EQ(pam->rxPktBulk(), 1);
+        const Pkt* pkt = pam->savedPacket(0).ptr();
+        EXPECT_EQ(pkt->stringValue().view().substr(20), "again");
+        EXPECT_EQ(pkt->maxSharedData(), Pkt::Manager::defaultBufferSize);
+        first = round == 0 ? pkt : first;
+        EXPECT_EQ(pkt, first);
+    }
 }
 
 TEST_F(IpSocketPamTest, CountsEverySendThatFails) {
