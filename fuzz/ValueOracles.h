@@ -38,6 +38,25 @@ std::string rangeErrorOf(Fn fn) {
     return "";
 }
 
+/// The text without the leading zeros of the octets that dots join, which glibc does not read.
+inline std::string withoutLeadingZeros(std::string_view text) {
+    const std::size_t colon = text.rfind(':');
+    const std::size_t first = colon == std::string_view::npos ? 0 : colon + 1;
+    if (text.find('.', first) == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string plain(text.substr(0, first));
+    bool inOctet = false;
+    for (std::size_t i = first; i < text.size(); ++i) {
+        const bool lastOfOctet = i + 1 == text.size() || text[i + 1] == '.';
+        inOctet = text[i] != '.' && (inOctet || text[i] != '0' || lastOfOctet);
+        if (inOctet || text[i] == '.') {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
 /// Printing into a buffer of any size is snprintf(3).
 template <Mox::Value T>
 void checkPrinting(const T& value) {
