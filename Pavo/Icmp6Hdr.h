@@ -10,6 +10,7 @@
 
 #include "Pavo/Export.h"
 #include "Pavo/HdrWrapper.h"
+#include "Pavo/IcmpHdr.h"
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/NetU.h"
 #include "Pavo/ValueFunctions.h"
@@ -120,30 +121,15 @@ constexpr auto enumDescription(Icmp6Type) {
 /// What begins every ICMPv6 message:
 ///
 ///     | type (1) | code (1) | checksum (2) |
-class Icmp6Hdr {
+class Icmp6Hdr : public IcmpFields<Icmp6Type> {
   public:
     static constexpr std::string_view recordName = "Icmp6Hdr";
-
-    Icmp6Type type() const { return static_cast<Icmp6Type>(type_); }
-    void typeIs(Icmp6Type type) { type_ = static_cast<uint8_t>(type); }
-    uint8_t code() const { return code_; }
-    void codeIs(uint8_t code) { code_ = code; }
-    IpChecksum checksum() const { return checksum_; }
-    void checksumIs(IpChecksum checksum) { checksum_ = checksum; }
 
     /// The checksum over the message of `bytes` bytes that begins here, header and checksum field
     /// included, and over the pseudo header with the addresses of the IPv6 header (RFC 8200, 8.1):
     /// 0 when that is right. To fill the field in, it is zeroed first.
     PAVO_EXPORT IpChecksum computedChecksum(const Ip6Addr& src, const Ip6Addr& dst,
                                             uint16_t bytes) const;
-
-    /// Messages of any type are taken.
-    PktErrors check(uint32_t) const { return PktErrors::noError; }
-
-  private:
-    uint8_t type_ = 0;
-    uint8_t code_ = 0;
-    IpChecksum checksum_;
 };
 static_assert(isOverlay<Icmp6Hdr>(4));
 
@@ -152,33 +138,17 @@ static_assert(isOverlay<Icmp6Hdr>(4));
 ///
 ///     | type (1) | code (1)       | checksum (2)        |
 ///     | identifier (2)            | sequence number (2) |
-class Icmp6EchoHdr : public Icmp6Hdr {
+class Icmp6EchoHdr : public IcmpEchoFields<Icmp6Hdr> {
   public:
     static constexpr std::string_view recordName = "Icmp6EchoHdr";
-
-    uint16_t id() const { return id_.value(); }
-    void idIs(uint16_t id) { id_.valueIs(id); }
-    uint16_t sequenceNumber() const { return sequenceNumber_.value(); }
-    void sequenceNumberIs(uint16_t number) { sequenceNumber_.valueIs(number); }
-
-  private:
-    NetU16 id_;
-    NetU16 sequenceNumber_;
 };
 static_assert(isOverlay<Icmp6EchoHdr>(8));
 
-/// Adds what needs the packet to a wrapper of an ICMPv6 header, and the header's own fields.
+/// Adds what needs the packet to a wrapper of an ICMPv6 header.
 template <class Self, class Hdr>
-class Icmp6HdrWrapperBase : public HdrWrapper<Self, Hdr> {
+class Icmp6HdrWrapperBase : public IcmpFieldsWrapper<Self, Hdr> {
   public:
-    using HdrWrapper<Self, Hdr>::HdrWrapper;
-
-    Icmp6Type type() const { return this->header_->type(); }
-    void typeIs(Icmp6Type type) { this->header_->typeIs(type); }
-    uint8_t code() const { return this->header_->code(); }
-    void codeIs(uint8_t code) { this->header_->codeIs(code); }
-    IpChecksum checksum() const { return this->header_->checksum(); }
-    void checksumIs(IpChecksum checksum) { this->header_->checksumIs(checksum); }
+    using IcmpFieldsWrapper<Self, Hdr>::IcmpFieldsWrapper;
 
     /// As `Icmp6Hdr::computedChecksum`. Fatal when the message does not lie wholly in the first
     /// iovec: "( offset_ + bytes ) <= pkt_->frontBytes()".

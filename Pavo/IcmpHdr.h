@@ -96,23 +96,16 @@ constexpr auto enumDescription(IcmpType) {
 }
 // clang-format on
 
-/// What begins every ICMP message:
-///
-///     | type (1) | code (1) | checksum (2) |
-class IcmpHdr {
+/// The fields that begin every message of ICMP and ICMPv6, whose kinds `Type` names.
+template <class Type>
+class IcmpFields {
   public:
-    static constexpr std::string_view recordName = "IcmpHdr";
-
-    IcmpType type() const { return static_cast<IcmpType>(type_); }
-    void typeIs(IcmpType type) { type_ = static_cast<uint8_t>(type); }
+    Type type() const { return static_cast<Type>(type_); }
+    void typeIs(Type type) { type_ = static_cast<uint8_t>(type); }
     uint8_t code() const { return code_; }
     void codeIs(uint8_t code) { code_ = code; }
     IpChecksum checksum() const { return checksum_; }
     void checksumIs(IpChecksum checksum) { checksum_ = checksum; }
-
-    /// The checksum over the message of `bytes` bytes that begins here, header and checksum field
-    /// included: 0 when that is right. To fill the field in, it is zeroed first.
-    PAVO_EXPORT IpChecksum computedChecksum(uint16_t bytes) const;
 
     /// Messages of any type are taken.
     PktErrors check(uint32_t) const { return PktErrors::noError; }
@@ -122,16 +115,11 @@ class IcmpHdr {
     uint8_t code_ = 0;
     IpChecksum checksum_;
 };
-static_assert(isOverlay<IcmpHdr>(4));
 
-/// The header of an echo request or reply, in front of the data that is to come back:
-///
-///     | type (1) | code (1)       | checksum (2)        |
-///     | identifier (2)            | sequence number (2) |
-class IcmpEchoHdr : public IcmpHdr {
+/// What echo messages of both add to their header `Hdr`.
+template <class Hdr>
+class IcmpEchoFields : public Hdr {
   public:
-    static constexpr std::string_view recordName = "IcmpEchoHdr";
-
     uint16_t id() const { return id_.value(); }
     void idIs(uint16_t id) { id_.valueIs(id); }
     uint16_t sequenceNumber() const { return sequenceNumber_.value(); }
@@ -141,20 +129,49 @@ class IcmpEchoHdr : public IcmpHdr {
     NetU16 id_;
     NetU16 sequenceNumber_;
 };
-static_assert(isOverlay<IcmpEchoHdr>(8));
 
-/// Adds what needs the packet to a wrapper of an ICMP header, and the header's own fields.
+/// A wrapper with the fields of its header as its own.
 template <class Self, class Hdr>
-class IcmpHdrWrapperBase : public HdrWrapper<Self, Hdr> {
+class IcmpFieldsWrapper : public HdrWrapper<Self, Hdr> {
   public:
     using HdrWrapper<Self, Hdr>::HdrWrapper;
 
-    IcmpType type() const { return this->header_->type(); }
-    void typeIs(IcmpType type) { this->header_->typeIs(type); }
+    auto type() const { return this->header_->type(); }
+    void typeIs(decltype(Hdr().type()) type) { this->header_->typeIs(type); }
     uint8_t code() const { return this->header_->code(); }
     void codeIs(uint8_t code) { this->header_->codeIs(code); }
     IpChecksum checksum() const { return this->header_->checksum(); }
     void checksumIs(IpChecksum checksum) { this->header_->checksumIs(checksum); }
+};
+
+/// What begins every ICMP message:
+///
+///     | type (1) | code (1) | checksum (2) |
+class IcmpHdr : public IcmpFields<IcmpType> {
+  public:
+    static constexpr std::string_view recordName = "IcmpHdr";
+
+    /// The checksum over the message of `bytes` bytes that begins here, header and checksum field
+    /// included: 0 when that is right. To fill the field in, it is zeroed first.
+    PAVO_EXPORT IpChecksum computedChecksum(uint16_t bytes) const;
+};
+static_assert(isOverlay<IcmpHdr>(4));
+
+/// The header of an echo request or reply, in front of the data that is to come back:
+///
+///     | type (1) | code (1)       | checksum (2)        |
+///     | identifier (2)            | sequence number (2) |
+class IcmpEchoHdr : public IcmpEchoFields<IcmpHdr> {
+  public:
+    static constexpr std::string_view recordName = "IcmpEchoHdr";
+};
+static_assert(isOverlay<IcmpEchoHdr>(8));
+
+/// Adds what needs the packet to a wrapper of an ICMP header.
+template <class Self, class Hdr>
+class IcmpHdrWrapperBase : public IcmpFieldsWrapper<Self, Hdr> {
+  public:
+    using IcmpFieldsWrapper<Self, Hdr>::IcmpFieldsWrapper;
 
     /// As `IcmpHdr::computedChecksum`. Fatal when the message does not lie wholly in the first
     /// iovec: "( offset_ + bytes ) <= pkt_->frontBytes()".
