@@ -17,8 +17,10 @@
 #include "Pavo/IpGenPrefix.h"
 #include "Pavo/IpHdr.h"
 #include "Pavo/IpPam.h"
+#include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
 #include "Pavo/NetU.h"
+#include "Pavo/Netlink.h"
 #include "Pavo/PktErrors.h"
 
 namespace fuzz {
@@ -55,11 +57,13 @@ using FieldTypes =
              Pavo::OrdinalU8, Pavo::IpGenAddrWithFullMask::PrefixLen, Pavo::NetU8, Pavo::NetU16,
              Pavo::NetU32, Pavo::NetU64, Pavo::IpChecksum, Pavo::IpTotalLen, Pavo::IpId,
              Pavo::IpFragmentOffsetAndFlags, Pavo::IpVersionTrafficClassAndFlowLabel,
-             Pavo::NamespaceName, Pavo::IpFilter>;
+             Pavo::NamespaceName, Pavo::IpFilter, Pavo::NetlinkFamily, Pavo::NetlinkMsgType,
+             Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups>;
 using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes()));
 
-using EnumTypes = TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors,
-                           Pavo::IcmpType, Pavo::Icmp6Type, Pavo::Ip6HdrOptionType>;
+using EnumTypes =
+    TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors, Pavo::IcmpType,
+             Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -41,6 +41,13 @@ MARKS = {
     ("RawIpSend", "sendmsg"): 0.909,
     ("RawIpReceive", "recvmsg"): 0.909,
     ("RawIpReceiveBulk", "packet_a_call"): 1.2,
+    ("RawIp6Send", "sendmsg"): 0.909,
+    ("RawIp6Receive", "recvmsg"): 0.909,
+    ("RawIp6ReceiveBulk", "packet_a_call"): 1.2,
+    ("NetlinkAck", "bare"): 0.909,
+    ("NetlinkAck", "libmnl"): 0.909,
+    ("NetnsAddDelete", "bare"): 0.9,
+    ("NetnsAddDelete", "ip_netns"): 1,
 }
 
 

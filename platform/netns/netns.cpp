@@ -229,6 +229,8 @@ bool checkKind(int fd, int nstype, const char* name) {
 
 }  // namespace
 
+const char DEFAULT_NS[] = "default";
+
 int netnsSocketAt(int domain, int type, int protocol, const char* name) {
     Namespace target(name);
     Identity there;

@@ -17,12 +17,12 @@
 #define NETNS_EXPORT
 #endif
 
-/// The name of the namespace in which the process started.
-#define DEFAULT_NS "default"
-
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/// The name of the namespace in which the process started: "default".
+extern NETNS_EXPORT const char DEFAULT_NS[];
 
 /// A socket of the given domain, type and protocol that lives in the named namespace, or -1. The
 /// descriptor has close-on-exec set whether `type` asks for it or not.

@@ -9,7 +9,9 @@
 #include "Pavo/IpGenAddrWithFullMask.h"
 #include "Pavo/IpGenAddrWithMask.h"
 #include "Pavo/IpGenPrefix.h"
+#include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
+#include "Pavo/Netlink.h"
 #include "parity/Parity.h"
 
 namespace Pavo {
@@ -139,8 +141,14 @@ void printFields(Numbers& n) {
     parityOfMany([&n] { return Ip6PrefixLen(n.upTo(Ip6PrefixLen::invalid)); });
     using GenPrefixLen = IpGenAddrWithFullMask::PrefixLen;
     parityOfMany([&n] { return GenPrefixLen(n.upTo(GenPrefixLen::max)); });
+    parityOfMany([&n] { return NetlinkFamily(n.any16()); });
+    parityOfMany([&n] { return NetlinkMsgType(n.any16()); });
+    parityOfMany([&n] { return NetlinkMsgFlags(n.any16()); });
+    parityOfMany([&n] { return NetlinkPortId(n.any32()); });
+    parityOfMany([&n] { return NetlinkGroups(n.any32()); });
     parity::parityOf<IpProtocolNumber>("Pavo::IpProtocolNumber");
     parity::parityOf<AddressFamily>("Pavo::AddressFamily");
+    parity::parityOf<NamespaceState>("Pavo::NamespaceState");
 }
 
 void printNames(Numbers& n) {

@@ -121,28 +121,25 @@ TEST_F(NetnsTest, RefusesABadNameAtEveryDoor) {
 }
 
 TEST(NetnsRunPath, FitsExactlyOrLeavesTheBufferAlone) {
-    const std::string tooLong(256, 'x');
     const struct {
         const char* name;
         unsigned size;
         int error;  // 0 when good.
     } cases[] = {
-        {"blue", 20, 0},           {"blue", 19, ENAMETOOLONG},
-        {"blue", 0, ENAMETOOLONG}, {"a..b", 4096, 0},
-        {"default", 4096, 0},      {"", 4096, EINVAL},
-        {nullptr, 4096, EINVAL},   {tooLong.c_str(), 4096, ENAMETOOLONG},
+        {"blue", 20, 0},         {"blue", 19, ENAMETOOLONG}, {"blue", 0, ENAMETOOLONG},
+        {"a..b", 4096, 0},       {"default", 4096, 0},       {"", 4096, EINVAL},
+        {nullptr, 4096, EINVAL},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << (c.name ? c.name : "null") << " in " << c.size);
-        std::vector<char> buffer(c.size, '#');
+        SCOPED_TRACE(&c - cases);
+        const std::string untouched(c.size, '#');
+        std::string buffer = untouched;
         errno = 0;
         EXPECT_EQ(netnsRunPath(buffer.data(), c.size, c.name), c.error == 0 ? 0 : -1);
         EXPECT_EQ(errno, c.error);
-        if (c.error == 0) {
-            EXPECT_EQ(buffer.data(), std::string("/var/run/netns/") + c.name);
-        } else {
-            EXPECT_EQ(buffer, std::vector<char>(c.size, '#'));
-        }
+        EXPECT_STREQ(buffer.c_str(), c.error != 0
+                                         ? untouched.c_str()
+                                         : (std::string("/var/run/netns/") + c.name).c_str());
     }
 }
 
@@ -155,11 +152,9 @@ TEST_F(NetnsTest, OpensInTheNamedNamespaceAndStaysWhereItWas) {
         const char* name;
         uint64_t where;
     } cases[] = {
-        {"", "blue", blue},        {"", "default", start_},
-        {"", "", start_},          {"", nullptr, start_},
-        {"blue", "blue", blue},    {"blue", "default", start_},
-        {"blue", "", start_},      {"blue", nullptr, start_},
-        {"default", "blue", blue}, {"default", "default", start_},
+        {"", "blue", blue},    {"", "default", start_},   {"", "", start_},
+        {"", nullptr, start_}, {"blue", "blue", blue},    {"blue", "default", start_},
+        {"blue", "", start_},  {"blue", nullptr, start_},
     };
     const auto descriptors = openDescriptors();
     for (const auto& c : cases) {
@@ -189,37 +184,33 @@ TEST_F(NetnsTest, OpensInTheNamedNamespaceAndStaysWhereItWas) {
 }
 
 TEST_F(NetnsTest, LeavesNothingBehindWhicheverCallFails) {
-    for (const char* from : {"", "blue"}) {
-        for (const char* name : {"blue", "default"}) {
-            for (const auto& door : doors) {
-                SCOPED_TRACE(std::string(door.name) + " from " + from + " to " + name);
-                inThread([&] {
-                    if (*from != '\0') {
-                        ASSERT_EQ(setnsByName(from, CLONE_NEWNET), 0);
-                    }
-                    const uint64_t here = threadNetnsInode();
-                    const auto descriptors = openDescriptors();
-                    const auto check = [&](const FailSyscall& fail, int result, int errnoLeft) {
-                        EXPECT_EQ(result, -1);
-                        EXPECT_EQ(errnoLeft, EMFILE);
-                        const std::string story = netnsGetTracebuffer();
-                        EXPECT_EQ(story.find(fail.name()), 0u) << story;
-                        EXPECT_NE(story.find(strerror(EMFILE)), std::string::npos) << story;
-                        EXPECT_EQ(threadNetnsInode(), here);
-                        EXPECT_EQ(openDescriptors(), descriptors);
-                    };
-                    int result = -1;
-                    // The way back of the socket opener has its own test.
-                    EXPECT_GT(failEachSyscall(
-                                  EMFILE, [&] { return result = door.call(name); }, check,
-                                  door.call == udpSocketAt ? "!setns" : ""),
-                              0u);
-                    EXPECT_GE(result, 0);
-                    if (result > 0) {
-                        close(result);
-                    }
-                });
-            }
+    for (const char* name : {"blue", "default"}) {
+        for (const auto& door : doors) {
+            SCOPED_TRACE(std::string(door.name) + " to " + name);
+            inThread([&] {
+                // From another namespace than the named one.
+                ASSERT_EQ(setnsByName(name == std::string("blue") ? "default" : "blue", 0), 0);
+                const uint64_t here = threadNetnsInode();
+                const auto descriptors = openDescriptors();
+                const auto check = [&](const FailSyscall& fail, int result, int errnoLeft) {
+                    EXPECT_EQ(result, -1);
+                    EXPECT_EQ(errnoLeft, EMFILE);
+                    const std::string story = netnsGetTracebuffer();
+                    EXPECT_EQ(story.find(fail.name()), 0u) << story;
+                    EXPECT_NE(story.find(strerror(EMFILE)), std::string::npos) << story;
+                    EXPECT_EQ(threadNetnsInode(), here);
+                    EXPECT_EQ(openDescriptors(), descriptors);
+                };
+                int result = -1;
+                const auto operation = [&] { return result = door.call(name); };
+                // The way back of the socket opener has its own test.
+                const char* const filter = door.call == udpSocketAt ? "!setns" : "";
+                EXPECT_GT(failEachSyscall(EMFILE, operation, check, filter), 0u);
+                EXPECT_GE(result, 0);
+                if (result > 0) {
+                    close(result);
+                }
+            });
         }
     }
 }
@@ -273,14 +264,6 @@ TEST_F(NetnsToolsTest, FindsTheNamesThatTheSystemsToolsMake) {
     const int fd = udpSocketAt("green");
     EXPECT_EQ(netnsOfSocket(fd), netnsInode("green"));
     close(fd);
-    makeVethPair("left", "green", "right", "");
-    addAddress("green", "left", "10.0.0.1/24");
-    addAddress("", "right", "10.0.0.2/24");
-    setUp("green", "left");
-    setUp("", "right");
-    run({"ping", "-c", "1", "-W", "5", "10.0.0.1"});
-    EXPECT_THROW(run({"ip", "-n", "green", "link", "show", "dev", "right"}), std::runtime_error);
-    run({"ip", "link", "delete", "right"});  // At once; with the namespace it would go later.
     run({"ip", "netns", "delete", "green"});
     EXPECT_EQ(udpSocketAt("green"), -1);
 }

@@ -16,8 +16,8 @@ constinit thread_local FailSyscall* innermost = nullptr;
 
 }  // namespace
 
-FailSyscall::FailSyscall(unsigned n, int error, std::string_view filter)
-    : n_(n), error_(error), filter_(filter), outer_(innermost) {
+FailSyscall::FailSyscall(unsigned n, int error, std::string_view filter, bool andAllAfter)
+    : n_(n), error_(error), filter_(filter), andAllAfter_(andAllAfter), outer_(innermost) {
     innermost = this;
 }
 
@@ -38,13 +38,20 @@ bool FailSyscall::counts(const char* name, bool onlyWhenNamed) const {
 
 bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long a, long b, long c) {
     FailSyscall* const scope = innermost;
-    if (scope == nullptr || !scope->counts(name, onlyWhenNamed) || ++scope->count_ != scope->n_) {
+    if (scope == nullptr || !scope->counts(name, onlyWhenNamed)) {
+        return false;
+    }
+    ++scope->count_;
+    if (scope->count_ < scope->n_ || (scope->count_ > scope->n_ && !scope->andAllAfter_)) {
         return false;
     }
     scope->name_ = name;
     scope->arguments_[0] = a;
     scope->arguments_[1] = b;
     scope->arguments_[2] = c;
+    if (strcmp(name, "send") == 0 || strcmp(name, "sendto") == 0) {
+        scope->sent_.assign(reinterpret_cast<const char*>(b), static_cast<size_t>(c));
+    }
     errno = scope->error_;
     return true;
 }

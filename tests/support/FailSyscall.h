@@ -30,9 +30,9 @@ class FailSyscall {
   public:
     /// Counts, and fails nothing: `count()` tells how many calls a clean run makes.
     explicit FailSyscall(std::string_view filter = {}) : FailSyscall(0, 0, filter) {}
-    /// Fails the n-th counted call, from 1, with `error`; with a filter, the n-th that
-    /// passes.
-    FailSyscall(unsigned n, int error, std::string_view filter = {});
+    /// Fails the n-th counted call, from 1, with `error`, and on request all that follow; with a
+    /// filter, those that pass it.
+    FailSyscall(unsigned n, int error, std::string_view filter = {}, bool andAllAfter = false);
     FailSyscall(const FailSyscall&) = delete;
     FailSyscall& operator=(const FailSyscall&) = delete;
     ~FailSyscall() { disarm(); }
@@ -45,6 +45,8 @@ class FailSyscall {
     const char* name() const { return happened() ? name_ : ""; }
     /// The first arguments of that call, as the words in which they were passed; index 0 to 2.
     long argument(unsigned index) const { return arguments_[index]; }
+    /// What that call was to transfer, when it was a `send` or `sendto`.
+    const std::string& sent() const { return sent_; }
     /// Calls counted so far, the failed one among them.
     unsigned count() const { return count_; }
 
@@ -57,9 +59,11 @@ class FailSyscall {
     unsigned n_;
     int error_;
     std::string filter_;
+    bool andAllAfter_;
     unsigned count_ = 0;
     const char* name_ = nullptr;
     long arguments_[3] = {};
+    std::string sent_;
     FailSyscall* outer_;
     bool armed_ = true;
 };

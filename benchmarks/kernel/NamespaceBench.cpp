@@ -1,0 +1,65 @@
+// Making and removing a network namespace: with Pavo, with ip(8), and with the system calls that
+// it takes, without looking at what they give more than needed.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "Pavo/NetnsUtils.h"
+#include "sandbox/Sandbox.h"
+
+namespace {
+
+bool pavo() {
+    return Pavo::netNsAdd("bench") == 0 && Pavo::netNsDelete("bench") == 0;
+}
+
+bool ipNetns() {
+    PavoSandbox::run({"ip", "netns", "add", "bench"});
+    PavoSandbox::run({"ip", "netns", "delete", "bench"});
+    return true;
+}
+
+bool bringLoUp() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ifreq request = {};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
+    const bool isUp = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    close(fd);
+    return isUp;
+}
+
+bool bare() {
+    const char* const path = "/var/run/netns/bench";
+    const char* const own = "/proc/thread-self/ns/net";
+    const int here = open(own, O_RDONLY | O_CLOEXEC);
+    close(open(path, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0));
+    const bool made = unshare(CLONE_NEWNET) == 0 &&
+                      mount(own, path, "none", MS_BIND, nullptr) == 0 && bringLoUp() &&
+                      setns(here, CLONE_NEWNET) == 0;
+    close(here);
+    return made && umount2(path, MNT_DETACH) == 0 && unlink(path) == 0;
+}
+
+void rounds(benchmark::State& state, bool (*round)()) {
+    for (auto _ : state) {
+        if (!round()) {
+            state.SkipWithError("a namespace was not made or not removed");
+            return;
+        }
+    }
+}
+
+// In real time: most of the work of ip(8) is in processes of its own.
+BENCHMARK_CAPTURE(rounds, pavo, pavo)->Name("NetnsAddDelete/pavo")->UseRealTime();
+BENCHMARK_CAPTURE(rounds, bare, bare)->Name("NetnsAddDelete/bare")->UseRealTime();
+BENCHMARK_CAPTURE(rounds, ip_netns, ipNetns)->Name("NetnsAddDelete/ip_netns")->UseRealTime();
+
+}  // namespace
