@@ -22,6 +22,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Pavo/NetnsUtils.h"
+#include "Pavo/NsUtils.h"
+
 namespace PavoSandbox {
 namespace {
 
@@ -76,10 +79,6 @@ void writeFile(const std::string& path, const std::string& text) {
           "write " + text + " to " + path);
 }
 
-std::string netnsPath(const std::string& name) {
-    return std::string(netnsDir) + "/" + name;
-}
-
 // In the calling thread's namespace.
 void setLoopbackUp() {
     const OwnedFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -89,22 +88,6 @@ void setLoopbackUp() {
     request.ifr_flags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
     check(ioctl(socket.fd(), SIOCSIFFLAGS, &request) == 0, "SIOCSIFFLAGS of lo");
 }
-
-// Returns even when an exception passes.
-class WayBack {
-  public:
-    WayBack() : from_(openOrThrow(threadNetnsPath, O_RDONLY)) {}
-    explicit WayBack(int from) : from_(from) {}
-    ~WayBack() {
-        if (setns(from_.fd(), CLONE_NEWNET) != 0) {
-            perror("Sandbox: setns back");
-            abort();
-        }
-    }
-
-  private:
-    OwnedFd from_;
-};
 
 void unshareAll() {
     constexpr int flags = CLONE_NEWNS | CLONE_NEWNET;
@@ -226,10 +209,12 @@ void ip(const std::string& ns, const std::vector<std::string>& arguments) {
     run(command);
 }
 
-uint64_t inodeOf(const std::string& path) {
-    struct stat status;
-    check(stat(path.c_str(), &status) == 0, "stat " + path);
-    return status.st_ino;
+// From the sandbox's own namespace to a named one.
+void moveTo(const std::string& ns, const std::string& device) {
+    if (!ns.empty()) {
+        check(Pavo::moveIntfNetNs(device.c_str(), Pavo::DEFAULT_NS, ns.c_str()) == 0,
+              "move " + device + " to namespace " + ns);
+    }
 }
 
 }  // namespace
@@ -261,38 +246,37 @@ const std::string& Sandbox::whyNot() {
 }
 
 void makeNetns(const std::string& name) {
-    const std::string path = netnsPath(name);
-    check(mkdir(netnsDir, 0755) == 0 || errno == EEXIST, std::string("mkdir ") + netnsDir);
-    const OwnedFd mountPoint(openOrThrow(path, O_RDONLY | O_CREAT | O_EXCL));
-    const WayBack wayBack;
-    check(unshare(CLONE_NEWNET) == 0, "unshare(CLONE_NEWNET)");
-    check(mount(threadNetnsPath, path.c_str(), "none", MS_BIND, nullptr) == 0, "mount " + path);
-    setLoopbackUp();
+    check(Pavo::netNsAdd(name.c_str()) == 0, "make namespace " + name);
 }
 
 void removeNetns(const std::string& name) {
-    const std::string path = netnsPath(name);
-    check(umount2(path.c_str(), MNT_DETACH) == 0, "umount2 " + path);
-    check(unlink(path.c_str()) == 0, "unlink " + path);
+    check(Pavo::netNsDelete(name.c_str()) == 0, "remove namespace " + name);
 }
 
 ScopedNetns::ScopedNetns(const std::string& name) : wayBack_(-1) {
-    const OwnedFd target(openOrThrow(netnsPath(name), O_RDONLY));
     OwnedFd wayBack(openOrThrow(threadNetnsPath, O_RDONLY));
-    check(setns(target.fd(), CLONE_NEWNET) == 0, "setns to " + name);
+    check(Pavo::setNsByName(name.c_str()) == 0, "enter namespace " + name);
     wayBack_ = wayBack.release();
 }
 
 ScopedNetns::~ScopedNetns() {
-    const WayBack returns(wayBack_);
+    const OwnedFd wayBack(wayBack_);
+    if (setns(wayBack_, CLONE_NEWNET) != 0) {
+        perror("Sandbox: setns back");
+        abort();
+    }
 }
 
 uint64_t threadNetnsInode() {
-    return inodeOf(threadNetnsPath);
+    struct stat status;
+    check(stat(threadNetnsPath, &status) == 0, std::string("stat ") + threadNetnsPath);
+    return status.st_ino;
 }
 
 uint64_t netnsInode(const std::string& name) {
-    return inodeOf(netnsPath(name));
+    const int64_t inode = Pavo::netNsInode(name.c_str());
+    check(inode >= 0, "stat namespace " + name);
+    return static_cast<uint64_t>(inode);
 }
 
 std::string run(const std::vector<std::string>& command) {
@@ -329,16 +313,9 @@ std::string run(const std::vector<std::string>& command) {
 
 void makeVethPair(const std::string& a, const std::string& nsA, const std::string& b,
                   const std::string& nsB) {
-    if (nsB.empty() && !nsA.empty()) {  // The peer cannot be sent to a namespace without a name.
-        makeVethPair(b, nsB, a, nsA);
-        return;
-    }
-    std::vector<std::string> arguments = {"link", "add",  "name", a, "type",
-                                          "veth", "peer", "name", b};
-    if (!nsB.empty()) {
-        arguments.insert(arguments.end(), {"netns", nsB});
-    }
-    ip(nsA, arguments);
+    ip("", {"link", "add", "name", a, "type", "veth", "peer", "name", b});
+    moveTo(nsA, a);
+    moveTo(nsB, b);
 }
 
 void addAddress(const std::string& ns, const std::string& device, const std::string& address) {

@@ -36,8 +36,8 @@ void makeNetns(const std::string& name);
 /// longer be removed: let that tool go first.
 void removeNetns(const std::string& name);
 
-/// Moves the calling thread into a named namespace until the end of the scope, when it returns to
-/// the one it came from or ends the process.
+/// Moves the calling thread into a named namespace ("default": the sandbox's own) until the end of
+/// the scope, when it returns to the one it came from or ends the process.
 class ScopedNetns {
   public:
     explicit ScopedNetns(const std::string& name);
@@ -60,7 +60,8 @@ std::string run(const std::vector<std::string>& command);
 /// @name Interfaces, through ip(8)
 /// The empty namespace name is the sandbox's own.
 /// @{
-/// Two interfaces joined by a wire, both down, in namespaces that may differ.
+/// Two interfaces joined by a wire, both down, in namespaces that may differ. They are made in the
+/// sandbox's own, where the calling thread has to be and where neither name may be taken.
 void makeVethPair(const std::string& a, const std::string& nsA, const std::string& b,
                   const std::string& nsB);
 /// Adds an address such as "10.0.0.1/24" or "fd00::1/64", usable as soon as the interface is up.
