@@ -63,61 +63,35 @@ TEST(Checksum, GivesPublishedAndBoundaryValues) {
     EXPECT_EQ(ipChecksumChunk(cases[0].data.data(), 8, 0), 0x2ddf0u);  // RFC 1071, 3: not folded.
 }
 
-TEST(Checksum, IsTheSameWhereverAChainIsCut) {
-    uint8_t data[101];
-    std::mt19937 random(1071);
-    for (auto& byte : data) {
-        byte = static_cast<uint8_t>(random());
-    }
-    for (const uint16_t len : {uint16_t{100}, uint16_t{101}}) {
-        const IpChecksum whole = ipChecksumCalc(data, len, 0);
-        for (uint16_t cut = 0; cut <= len; cut += 2) {
-            const uint32_t sum = ipChecksumChunk(data, cut, 0);
-            ASSERT_EQ(ipChecksumCalc(data + cut, static_cast<uint16_t>(len - cut), sum), whole)
-                << cut << " of " << len;
-        }
-    }
-}
-
 // Random bytes and all-ones bytes, each area up to a page that must not be touched, at every
 // alignment; lengths around the block sizes and the largest.
 TEST(Checksum, AgreesWithAPlainLoopInEveryBitOfTheUnfoldedSum) {
     constexpr uint32_t most = 131072;
     const GuardedBuffer memory(most);
     auto* const first = reinterpret_cast<uint8_t*>(memory.data());
-    const uint8_t* const end = first + most;
     std::mt19937 random(2);
-    std::vector<uint32_t> lens = {65534, 65535};
-    for (uint32_t len = 0; len <= 300; ++len) {
-        lens.push_back(len);
-    }
-    for (int i = 0; i < 700; ++i) {
-        lens.push_back(static_cast<uint32_t>(random() % 4200));
-    }
     for (const bool ones : {false, true}) {
         for (uint32_t i = 0; i < most; ++i) {
             first[i] = ones ? 0xff : static_cast<uint8_t>(random());
         }
-        for (const uint32_t len : lens) {
-            const uint8_t* data = end - len;
-            const auto sum = static_cast<uint32_t>(random());
-            if (len % 2 == 0) {
-                ASSERT_EQ(ipChecksumChunk(data, static_cast<uint16_t>(len), sum),
-                          plainSum(data, len, sum))
-                    << len;
+        for (uint32_t i = 0; i < 1000; ++i) {
+            const auto len = static_cast<uint32_t>(i <= 300 ? i : random() % 4200);
+            for (const uint32_t bytes : {len, 65535 - len, most - len}) {
+                const uint8_t* data = first + most - bytes;
+                const auto sum = static_cast<uint32_t>(random());
+                const auto short16 = static_cast<uint16_t>(bytes);
+                if (bytes % 2 == 0 && bytes <= 65535) {
+                    ASSERT_EQ(ipChecksumChunk(data, short16, sum), plainSum(data, bytes, sum));
+                }
+                if (bytes <= 65535) {
+                    ASSERT_EQ(ipChecksumCalc(data, short16, sum).value(),
+                              folded(plainSum(data, bytes, sum)));
+                }
+                ASSERT_EQ(stored(ipChksum(data, bytes)).value(), folded(plainSum(data, bytes, 0)));
             }
-            ASSERT_EQ(ipChecksumCalc(data, static_cast<uint16_t>(len), sum).value(),
-                      folded(plainSum(data, len, sum)))
-                << len;
-            ASSERT_EQ(stored(ipChksum(data, len)).value(), folded(plainSum(data, len, 0))) << len;
         }
-        EXPECT_EQ(stored(ipChksum(first, most)).value(), folded(plainSum(first, most, 0)));
     }
-}
-
-TEST(ChecksumDeath, RefusesAnOddChunk) {
-    const uint8_t data[3] = {};
-    EXPECT_DEATH((void)ipChecksumChunk(data, 3, 0), "\\(len % 2\\) == 0");
+    EXPECT_DEATH((void)ipChecksumChunk(first, 3, 0), "\\(len % 2\\) == 0");
 }
 
 }  // namespace

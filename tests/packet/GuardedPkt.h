@@ -20,24 +20,20 @@ namespace Pavo {
 /// `privateBytes` bytes of the frame lie in the private area.
 class GuardedPkt {
   public:
-    GuardedPkt(const uint8_t* frame, uint32_t bytes, uint32_t privateBytes = 0)
-        : pageBytes_(static_cast<uint32_t>(getpagesize())), pkt_(Mox::make<Pkt>()) {
-        const uint32_t size = 3 * pageBytes_;
+    GuardedPkt(const uint8_t* frame, uint32_t bytes, uint32_t privateBytes = 0) {
+        const uint32_t sharedBytes = bytes - privateBytes;
+        const uint32_t size = sharedBytes + 2 * pageBytes_;
         pkt_->sharedBufferIs(globalPktManager()->newSharedBuffer(size));
         uint8_t* start = pkt_->newSharedHeadData(size);
-        const auto intoPage =
-            static_cast<uint32_t>(reinterpret_cast<uintptr_t>(start) % pageBytes_);
-        const uint32_t beforeGuard = 2 * pageBytes_ - intoPage;
-        pkt_->delSharedTailData(size - beforeGuard);
-        const uint32_t sharedBytes = bytes - privateBytes;
-        pkt_->delSharedHeadData(beforeGuard - sharedBytes);
-        if (sharedBytes != 0) {
-            std::memcpy(pkt_->frontData(), frame + privateBytes, sharedBytes);
-        }
-        if (privateBytes != 0) {
+        const auto end = reinterpret_cast<uintptr_t>(start + sharedBytes);
+        const auto skipped = static_cast<uint32_t>(-end % pageBytes_);  // Then a page begins.
+        guard_ = start + skipped + sharedBytes;
+        pkt_->delSharedHeadData(skipped);
+        pkt_->delSharedTailData(size - skipped - sharedBytes);
+        if (bytes != 0) {
+            std::memcpy(guard_ - sharedBytes, frame + privateBytes, sharedBytes);
             std::memcpy(pkt_->newPrivateHeadData(privateBytes), frame, privateBytes);
         }
-        guard_ = start + beforeGuard;
         EXPECT_EQ(mprotect(guard_, pageBytes_, PROT_NONE), 0);
     }
     ~GuardedPkt() { EXPECT_EQ(mprotect(guard_, pageBytes_, PROT_READ | PROT_WRITE), 0); }
@@ -47,8 +43,8 @@ class GuardedPkt {
     const Mox::Ptr<Pkt>& pkt() const { return pkt_; }
 
   private:
-    uint32_t pageBytes_;
-    Mox::Ptr<Pkt> pkt_;
+    const uint32_t pageBytes_ = static_cast<uint32_t>(getpagesize());
+    const Mox::Ptr<Pkt> pkt_ = Mox::make<Pkt>();
     uint8_t* guard_ = nullptr;
 };
 

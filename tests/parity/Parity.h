@@ -20,15 +20,10 @@ void parityOfPackets();
 
 namespace parity {
 
-inline void printHex(const char* label, const void* data, uint32_t length) {
-    std::printf(" %s=", label);
+inline void printHex(const void* data, uint32_t length) {
     for (uint32_t i = 0; i < length; ++i) {
         std::printf("%02x", static_cast<const uint8_t*>(data)[i]);
     }
-}
-
-inline void printHash(const char* label, uint32_t hash) {
-    std::printf(" %s=%08x", label, hash);
 }
 
 /// '<', '=', '>', '~' for values side by side, '?' for a type without an order.
@@ -59,10 +54,11 @@ void parityOf(const std::vector<T>& samples) {
         log << sample;
         std::printf("%.*s text=%s strep=%s", static_cast<int>(typeName.size()), typeName.data(),
                     sample.stringValue().c_str(), valueToStrep(sample).c_str());
-        printHex("log", log.bytes.data(), log.bytes.bytes());
-        printHash("hash", sample.hash());
+        std::printf(" log=");
+        printHex(log.bytes.data(), log.bytes.bytes());
+        std::printf(" hash=%08x", sample.hash());
         if constexpr (requires { sample.hash(7u); }) {
-            printHash("seeded", sample.hash(0x9e3779b9u));
+            std::printf(" seeded=%08x", sample.hash(0x9e3779b9u));
         }
         std::printf(" order=%c\n", relation(*before, sample));
         before = &sample;

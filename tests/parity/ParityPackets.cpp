@@ -12,28 +12,37 @@
 #include "Pavo/NetU.h"
 #include "Pavo/Pkt.h"
 #include "Pavo/VlanUtils.h"
+#include "parity/Parity.h"
 
 namespace {
 
 using namespace Pavo;
 
-// The same numbers on every machine.
+// The same numbers on every machine. Whoever draws several for one value does it in braces, which
+// are read from left to right.
 class Numbers {
   public:
     uint32_t next() {
         state_ = state_ * 1664525u + 1013904223u;
         return state_ >> 8;
     }
+    uint16_t word() { return static_cast<uint16_t>(next()); }
+    uint8_t byte() { return static_cast<uint8_t>(next()); }
+    EthAddr mac() { return EthAddr{word(), word(), word()}; }
+    Ip6Addr ip6() { return Ip6Addr{half(), half()}; }
 
   private:
+    uint64_t half() {
+        const uint64_t high = next();
+        return high << 40 | next();
+    }
+
     uint32_t state_ = 1;
 };
 
 void printHex(const char* what, const void* data, uint32_t bytes) {
     std::printf("%s ", what);
-    for (uint32_t i = 0; i < bytes; ++i) {
-        std::printf("%02x", static_cast<const uint8_t*>(data)[i]);
-    }
+    parity::printHex(data, bytes);
     std::printf("\n");
 }
 
@@ -70,87 +79,77 @@ void printFields(Numbers& numbers) {
 }
 
 void printHeaders(Numbers& numbers) {
-    EthHdr eth;  // Braces evaluate from left to right.
-    const auto word = [&numbers] { return static_cast<uint16_t>(numbers.next()); };
-    eth.dstIs(EthAddr{word(), word(), word()});
-    eth.srcIs(EthAddr{word(), word(), word()});
-    eth.typeIs(word());
+    EthHdr eth;
+    eth.dstIs(numbers.mac());
+    eth.srcIs(numbers.mac());
+    eth.typeIs(numbers.word());
     printImage(eth);
 
     IpHdr ip;
     ip.versionIs(4);
     ip.headerBytesIs(20);
-    ip.tosIs(static_cast<uint8_t>(word()));
-    ip.totalLenIs(word());
-    ip.idIs(word());
-    ip.flagsIs(word() & 7);
-    ip.fragmentOffsetIs(word() & 0x1fff);
-    ip.ttlIs(word() & 0xff);
-    ip.protocolIs(static_cast<uint8_t>(word()));
+    ip.tosIs(numbers.byte());
+    ip.totalLenIs(numbers.word());
+    ip.idIs(numbers.word());
+    ip.flagsIs(numbers.word() & 7);
+    ip.fragmentOffsetIs(numbers.word() & 0x1fff);
+    ip.ttlIs(numbers.word() & 0xff);
+    ip.protocolIs(numbers.byte());
     ip.srcIs(IpAddr(numbers.next()));
     ip.dstIs(IpAddr(numbers.next()));
     ip.checksumIs(ip.computedChecksum());
     printImage(ip);
 
     IcmpEchoHdr echo;
-    echo.typeIs(static_cast<IcmpType>(word() & 0xff));
-    echo.codeIs(static_cast<uint8_t>(word()));
-    echo.idIs(word());
-    echo.sequenceNumberIs(word());
+    echo.typeIs(static_cast<IcmpType>(numbers.word() & 0xff));
+    echo.codeIs(numbers.byte());
+    echo.idIs(numbers.word());
+    echo.sequenceNumberIs(numbers.word());
     echo.checksumIs(echo.computedChecksum(sizeof(echo)));
     printImage(echo);
 }
 
 void printIp6Headers(Numbers& numbers) {
-    const auto word = [&numbers] { return static_cast<uint16_t>(numbers.next()); };
-    const auto half = [&numbers] {
-        const uint64_t high = numbers.next();
-        return high << 40 | numbers.next();
-    };
-    const auto address = [&half] {
-        const uint64_t high = half();
-        return Ip6Addr(high, half());
-    };
     Eth8021QHdr tag;
-    tag.tciIs(word());
-    tag.typeIs(word());
+    tag.tciIs(numbers.word());
+    tag.typeIs(numbers.word());
     printImage(tag);
 
     Ip6Hdr ip6;
     ip6.versionIs(6);
-    ip6.trafficClassIs(word() & 0xff);
+    ip6.trafficClassIs(numbers.word() & 0xff);
     ip6.flowLabelIs(numbers.next() & IpFlowLabel::max);
-    ip6.payloadLenIs(word());
-    ip6.nextHeaderIs(static_cast<uint8_t>(word()));
-    ip6.hopLimitIs(static_cast<uint8_t>(word()));
-    ip6.srcIs(address());
-    ip6.dstIs(address());
+    ip6.payloadLenIs(numbers.word());
+    ip6.nextHeaderIs(numbers.byte());
+    ip6.hopLimitIs(numbers.byte());
+    ip6.srcIs(numbers.ip6());
+    ip6.dstIs(numbers.ip6());
     printImage(ip6);
 
     Icmp6EchoHdr echo;
-    echo.typeIs(static_cast<Icmp6Type>(word() & 0xff));
-    echo.codeIs(static_cast<uint8_t>(word()));
-    echo.idIs(word());
-    echo.sequenceNumberIs(word());
+    echo.typeIs(static_cast<Icmp6Type>(numbers.word() & 0xff));
+    echo.codeIs(numbers.byte());
+    echo.idIs(numbers.word());
+    echo.sequenceNumberIs(numbers.word());
     echo.checksumIs(echo.computedChecksum(ip6.src(), ip6.dst(), sizeof(echo)));
     printImage(echo);
 
     IpHdrRouterAlertOption alert;
-    alert.valueIs(word());
+    alert.valueIs(numbers.word());
     printImage(alert);
     Ip6HdrRouterAlertOption alert6;
-    alert6.nextHdrNumIs(static_cast<uint8_t>(word()));
-    alert6.valueIs(word());
+    alert6.nextHdrNumIs(numbers.byte());
+    alert6.valueIs(numbers.word());
     printImage(alert6);
     Ip6HdrPadN padding;
-    padding.optionLenIs(static_cast<uint8_t>(word()));
+    padding.optionLenIs(numbers.byte());
     printImage(padding);
 }
 
 void printChecksums(Numbers& numbers) {
     static uint8_t area[4096];
     for (auto& byte : area) {
-        byte = static_cast<uint8_t>(numbers.next());
+        byte = numbers.byte();
     }
     for (uint32_t len = 0; len < sizeof(area); len = len * 5 / 4 + 1) {
         const auto even = static_cast<uint16_t>(len & ~1u);

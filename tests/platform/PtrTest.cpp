@@ -3,41 +3,72 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Mox {
 namespace {
 
-class Shared : public PtrInterface {};
-
-// What two threads do to one object, and to objects of their own.
-void copyAndDrop(const Ptr<Shared>& shared) {
-    for (int i = 0; i < 20000; ++i) {
-        const Ptr<Shared> copy = shared;
-        const Ptr<PtrInterface> another = copy;
-        if (i % 100 == 0) {
-            (void)make<Shared>();
-        }
+// Makes references to itself at both ends of its life.
+struct SelfHolder : PtrInterface {
+    explicit SelfHolder(int* deaths) : deaths_(deaths) { const Ptr<SelfHolder> self(this); }
+    ~SelfHolder() override {
+        ++*deaths_;
+        const Ptr<SelfHolder> self(this);
     }
+    int* deaths_;
+};
+
+TEST(Ptr, ReferencesToItselfDeleteNothingAtBirthAndNothingTwiceAtDeath) {
+    const uint32_t before = liveObjects();
+    int deaths = 0;
+    {
+        Ptr<SelfHolder> made = make<SelfHolder>(&deaths);
+        SelfHolder onStack(&deaths);
+        const Ptr<SelfHolder> borrowed(&onStack);
+        const Ptr<PtrInterface> converted = std::move(made);
+        EXPECT_EQ(made, nullptr);
+        EXPECT_EQ(converted->references(), 1u);
+        EXPECT_EQ(deaths, 0);
+    }
+    EXPECT_EQ(deaths, 2);
+    EXPECT_EQ(liveObjects(), before);
 }
 
-TEST(Ptr, CountsRightWhenThreadsShareAnObject) {
+TEST(Ptr, IsWholeAgainBeforeTheOldObjectGoes) {
+    struct LooksBack : PtrInterface {
+        LooksBack(const Ptr<LooksBack>* place, bool* wasNull) : place_(place), wasNull_(wasNull) {}
+        ~LooksBack() override { *wasNull_ = *place_ == nullptr; }
+        const Ptr<LooksBack>* place_;
+        bool* wasNull_;
+    };
+    bool wasNull = false;
+    Ptr<LooksBack> place = make<LooksBack>(&place, &wasNull);
+    const Ptr<LooksBack>& same = place;
+    place = same;
+    EXPECT_FALSE(wasNull);
+    place = nullptr;
+    EXPECT_TRUE(wasNull);
+}
+
+TEST(Ptr, CountsRightWhenThreadsShareAnObjectAndDropItLast) {
+    class Shared : public PtrInterface {};
     PtrInterface::threadSafePointersIs(true);
     const uint32_t before = liveObjects();
     Ptr<Shared> shared = make<Shared>();
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&shared] { copyAndDrop(shared); });
+        threads.emplace_back([held = shared] {
+            for (int j = 0; j < 20000; ++j) {
+                const Ptr<PtrInterface> copy = held;
+                (void)make<Shared>();
+            }
+        });
     }
+    shared = nullptr;
     for (std::thread& each : threads) {
         each.join();
     }
-    EXPECT_EQ(shared->references(), 1u);
-    EXPECT_EQ(liveObjects(), before + 1);
-
-    // The last reference may go on any of them.
-    std::thread dropper([gone = std::move(shared)] {});
-    dropper.join();
     EXPECT_EQ(liveObjects(), before);
     PtrInterface::threadSafePointersIs(false);
 }

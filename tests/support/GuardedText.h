@@ -3,43 +3,37 @@
 #pragma once
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
+
+#include "Mox/Assert.h"
 
 /// `size` bytes in front of an unmapped page.
 class GuardedBuffer {
   public:
-    explicit GuardedBuffer(std::size_t size) : size_(size) {
-        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-        const std::size_t usable = (size + page - 1) / page * page;
-        mapped_ = usable + page;
-        void* const memory =
-            mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED) {
-            std::abort();
-        }
+    explicit GuardedBuffer(std::size_t size)
+        : size_(size), usable_((size + pageBytes - 1) / pageBytes * pageBytes) {
+        void* const memory = mmap(nullptr, usable_ + pageBytes, PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        Mox::require(memory != MAP_FAILED, "memory to guard");
         base_ = static_cast<char*>(memory);
-        data_ = base_ + usable - size;
-        if (mprotect(base_ + usable, page, PROT_NONE) != 0) {
-            std::abort();
-        }
+        Mox::require(mprotect(base_ + usable_, pageBytes, PROT_NONE) == 0, "a page to guard it");
     }
-    ~GuardedBuffer() { munmap(base_, mapped_); }
+    ~GuardedBuffer() { munmap(base_, usable_ + pageBytes); }
     GuardedBuffer(const GuardedBuffer&) = delete;
     GuardedBuffer& operator=(const GuardedBuffer&) = delete;
 
-    char* data() const { return data_; }
+    char* data() const { return base_ + usable_ - size_; }
     std::size_t size() const { return size_; }
 
   private:
+    static constexpr std::size_t pageBytes = 4096;
+
     std::size_t size_;
-    std::size_t mapped_;
+    std::size_t usable_;
     char* base_;
-    char* data_;
 };
 
 /// A text in front of an unmapped page, without a NUL.

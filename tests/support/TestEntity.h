@@ -5,16 +5,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
 
 namespace PavoTest {
 
-/// Has a plain attribute, a second one, and a collection. Its own handler runs before observers.
+/// Has a plain attribute, a second one, and a collection.
 class TestEntity : public Mox::Entity {
   public:
     static constexpr Mox::Attribute<TestEntity> levelAttr{0, "level"};
@@ -26,12 +26,7 @@ class TestEntity : public Mox::Entity {
     const Mox::FwkType* fwkType() const override { return &type; }
 
     int level() const { return level_; }
-    void levelIs(int level) {
-        if (changed(level_, level)) {
-            handleLevel();
-            notify(levelAttr);
-        }
-    }
+    void levelIs(int level) { attributeIs(level_, level, levelAttr); }
     void otherIs(int other) { attributeIs(other_, other, otherAttr); }
     void memberIs(uint32_t member) {
         if (members_.add(member)) {
@@ -41,8 +36,6 @@ class TestEntity : public Mox::Entity {
     void memberDelAll() {
         members_.delAll([this](uint32_t member) { notify(memberAttr, member); });
     }
-
-    virtual void handleLevel() {}
 
   private:
     int level_ = 0;
@@ -55,54 +48,44 @@ inline constexpr const Mox::AttributeBase* testEntityAttributes[] = {
 inline constinit const Mox::FwkType TestEntity::type{"PavoTest::TestEntity", &Mox::Entity::type,
                                                      testEntityAttributes};
 
-/// Adds its name to a log at each change of `level`, then does what `action` says; the action gets
-/// the number of the call, from 1.
+/// Adds its name to a log at each change of `level`, then does what `action` says.
 class Recorder : public Mox::Notifiee {
   public:
     Recorder(Mox::Ptr<TestEntity> entity, char name, std::string* log)
         : Notifiee(std::move(entity), TestEntity::levelAttr), name_(name), log_(log) {}
     ~Recorder() override = default;
 
-    std::function<void(int call)> action;
+    std::function<void()> action;
 
     void handleChange(const Mox::Change&) override {
         *log_ += name_;
-        if (action) {
-            const auto held = action;
-            held(++calls_);
+        if (const auto held = action) {
+            held();
         }
     }
 
   private:
     char name_;
     std::string* log_;
-    int calls_ = 0;
 };
 
 /// What is wrong with the attributes of a class and its bases, "" when nothing is: the numbers of
 /// the whole chain are 0, 1, 2 and so on, each once, below 64, and every name is there once.
 inline std::string attributeFault(const Mox::FwkType& type) {
-    std::vector<const Mox::AttributeBase*> byNumber;
+    std::set<uint32_t> numbers;
+    std::set<std::string> names;
     for (const Mox::FwkType* each = &type; each != nullptr; each = each->base) {
-        byNumber.insert(byNumber.end(), each->attributes.begin(), each->attributes.end());
-    }
-    std::vector<const Mox::AttributeBase*> found(byNumber.size(), nullptr);
-    for (const Mox::AttributeBase* each : byNumber) {
-        const std::string number = std::to_string(each->number);
-        if (each->number >= found.size() || each->number >= 64) {
-            return number + " leaves a gap";
-        }
-        if (found[each->number] != nullptr) {
-            return number + " stands twice";
-        }
-        found[each->number] = each;
-        for (const Mox::AttributeBase* other : byNumber) {
-            if (other != each && std::string(other->name) == each->name) {
-                return std::string(each->name) + " stands twice";
+        for (const Mox::AttributeBase* attribute : each->attributes) {
+            if (!numbers.insert(attribute->number).second) {
+                return std::to_string(attribute->number) + " stands twice";
+            }
+            if (!names.insert(attribute->name).second) {
+                return std::string(attribute->name) + " stands twice";
             }
         }
     }
-    return "";
+    const bool good = numbers.empty() || *numbers.rbegin() == numbers.size() - 1;
+    return good && numbers.size() <= 64 ? "" : std::to_string(*numbers.rbegin()) + " leaves a gap";
 }
 
 }  // namespace PavoTest

@@ -1,4 +1,5 @@
-// What holds for any address with a mask, and for any prefix, over many generated ones.
+// What holds for any address, with or without a mask, over many generated ones.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -15,88 +16,69 @@ namespace Pavo {
 namespace {
 
 // Draws values of a type. Crowded ones differ in a few bits and lengths only, so that many of them
-// are equal, nested or neighbours, which is where orders go wrong.
+// are equal, nested or neighbours, which is where orders go wrong; and some have no family, of
+// which text tells nothing.
 class Draw {
   public:
     explicit Draw(bool crowded) : crowded_(crowded) {}
 
     uint32_t upTo(uint32_t most) { return static_cast<uint32_t>(random_() % (most + 1)); }
-    uint32_t length(uint32_t most) {
+
+    void next(IpAddr* value) { *value = address(ipv4).v4Addr(); }
+    void next(Ip6Addr* value) { *value = address(ipv6).v6Addr(); }
+    void next(IpGenPrefixBase* value) { *value = {address(family()), length(ipv6)}; }
+    void next(IpGenPrefix* value) { *value = prefix(family()); }
+    void next(Prefix* value) { *value = prefix(ipv4); }
+    void next(Ip6Prefix* value) { *value = prefix(ipv6); }
+    void next(IpGenAddrWithMask* value) { *value = withMask(family()); }
+    void next(IpAddrWithMask* value) { *value = withMask(ipv4).v4AddrWithMask(); }
+    void next(Ip6AddrWithMask* value) { *value = withMask(ipv6).v6AddrWithMask(); }
+    void next(IpGenAddrWithFullMask* value) { *value = fullMask(upTo(1) == 0 ? ipv4 : ipv6); }
+    void next(IpAddrWithFullMask* value) { *value = fullMask(ipv4).v4AddrWithFullMask(); }
+    void next(Ip6AddrWithFullMask* value) { *value = fullMask(ipv6).v6AddrWithFullMask(); }
+
+  private:
+    AddressFamily family() { return AddressFamilyInstance(crowded_ ? upTo(2) : 1 + upTo(1)); }
+    uint32_t length(AddressFamily af) {
+        const uint32_t most = addressBits(af);
+        if (most == 0) {
+            return 0;
+        }
         const uint32_t few[] = {0, 1, most - 1, most};
         return crowded_ ? few[upTo(3)] : upTo(most);
     }
-    Ip6Addr ip6() {
-        if (!crowded_) {
-            Ip6Addr address(random_(), random_());
-            for (unsigned i = 0; i < 8; ++i) {
-                if (upTo(1) == 0) {
-                    address.u16Del(i);
-                }
-            }
-            return address;
+    IpGenAddr address(AddressFamily af) {
+        if (af == ipv4) {
+            return IpAddr(crowded_ ? upTo(1) << 31 | upTo(3) : static_cast<uint32_t>(random_()));
         }
-        return Ip6Addr(uint64_t{upTo(1)} << 63, upTo(3));
+        if (af == ipunknown || crowded_) {
+            return {af, af == ipunknown ? Ip6Addr() : Ip6Addr(uint64_t{upTo(1)} << 63, upTo(3))};
+        }
+        Ip6Addr address(random_(), random_());
+        for (unsigned i = 0; i < 8; ++i) {  // Zero groups and short ones are what texts are about.
+            address.u16Is(i, static_cast<uint16_t>(address.u16(i) >> (upTo(1) * upTo(16))));
+        }
+        return upTo(15) == 0 ? Ip6Addr(0, uint64_t{0xffff} << 32 | address.u32(3)) : address;
     }
-    IpAddr ip() { return IpAddr(crowded_ ? upTo(1) << 31 | upTo(3) : upTo(0xfffffffe)); }
-    IpGenAddr any() {
-        switch (upTo(crowded_ ? 2 : 1)) {
-            case 0:
-                return ip();
-            case 1:
-                return ip6();
-            default:
-                return IpGenAddr();
+    IpGenPrefix prefix(AddressFamily af) {
+        const uint32_t len = length(af);
+        return {{af, address(af).address().ip6AddrMaskedByLength(len)}, len};
+    }
+    IpGenAddrWithMask withMask(AddressFamily af) { return {address(af), length(af)}; }
+    // Text shows no host bits under a mask with a length, so there are none.
+    IpGenAddrWithFullMask fullMask(AddressFamily af) {
+        const IpGenPrefix net = prefix(af);
+        const auto len = static_cast<uint8_t>(net.len());
+        if (upTo(1) == 0) {
+            return af == ipv4 ? IpGenAddrWithFullMask(net.v4Addr(), len)
+                              : IpGenAddrWithFullMask(net.v6Addr(), len);
         }
+        Ip6Addr mask = address(ipv6).v6Addr();
+        mask.u32Is(3, (mask.u32(3) | 1) & ~2u);  // A last bit without the one before.
+        return af == ipv4 ? IpGenAddrWithFullMask(address(af).v4Addr(), IpAddr(mask.u32(3)))
+                          : IpGenAddrWithFullMask(address(af).v6Addr(), mask);
     }
 
-    void next(IpAddrWithMask* value) { *value = {ip(), length(32)}; }
-    void next(Prefix* value) {
-        const uint32_t len = length(32);
-        *value = {IpAddr(static_cast<uint32_t>(ip().value() & ~uint64_t{0} << (32 - len))), len};
-    }
-    void next(IpAddrWithFullMask* value) { *value = {ip(), ip().value()}; }
-    void next(Ip6AddrWithMask* value) { *value = {ip6(), length(128)}; }
-    void next(Ip6Prefix* value) {
-        const uint32_t len = length(128);
-        *value = {ip6().ip6AddrMaskedByLength(len), len};
-    }
-    void next(Ip6AddrWithFullMask* value) {
-        const Ip6Addr mask = upTo(1) == 0 ? ip6() : ip6AddrFromPrefixLen(length(128));
-        const Ip6Addr address = ip6();
-        const auto len = ip6AddrToPrefixLen(mask);
-        *value = {len == 129 ? address : address.ip6AddrMaskedByLength(len), mask};
-    }
-    void next(IpGenPrefixBase* value) { *value = {any(), length(128)}; }
-    void next(IpGenPrefix* value) {
-        const IpGenAddr address = any();
-        const uint32_t most = addressBits(address.af());
-        const uint32_t len = most == 0 ? 0 : length(most);
-        *value = {{address.af(), address.address().ip6AddrMaskedByLength(len)}, len};
-    }
-    void next(IpGenAddrWithMask* value) {
-        const IpGenAddr address = any();
-        *value = {address, address.af() == ipunknown ? 0 : length(addressBits(address.af()))};
-    }
-    void next(IpGenAddrWithFullMask* value) {
-        if (upTo(1) == 0) {
-            Ip6AddrWithFullMask masked;
-            next(&masked);
-            *value = {masked.address(), masked.mask()};
-            return;
-        }
-        IpAddrWithFullMask masked;
-        next(&masked);
-        if (upTo(1) == 0) {
-            Prefix prefix;
-            next(&prefix);
-            *value = {prefix.address(), static_cast<uint8_t>(prefix.len())};
-            return;
-        }
-        // The last bit without the one before makes it a mask without a length.
-        *value = {masked.address(), IpAddr((masked.mask() | 1) & ~2u)};
-    }
-
-  private:
     std::mt19937_64 random_{20240501};
     bool crowded_;
 };
@@ -128,6 +110,66 @@ TYPED_TEST(AddressProperties, OrderIsStrictAndTransitive) {
         draw.next(&each);
     }
     expectStrictWeakOrder(samples);
+}
+
+// The text without the leading zeros of its octets, which are leading zeros here, and which glibc
+// does not read.
+std::string withoutLeadingZeros(const std::string& text) {
+    std::size_t at = text.rfind(':') + 1;  // Wraps to 0 where there is none.
+    std::string plain = text.substr(0, at);
+    for (bool inOctet = false; at < text.size(); ++at) {
+        const bool last = at + 1 == text.size() || text[at + 1] == '.';
+        inOctet = text[at] != '.' && (inOctet || text[at] != '0' || last);
+        plain += inOctet || text[at] == '.' ? text.substr(at, 1) : "";
+    }
+    return text.find('.') == text.npos ? text : plain;
+}
+
+// An address as text, and as often as not with a fault or two.
+std::string mutated(std::string text, Draw& draw) {
+    if (draw.upTo(3) == 0) {
+        text.replace(text.rfind(':') + 1, text.npos, "1.20.255." + std::to_string(draw.upTo(300)));
+    }
+    for (auto faults = draw.upTo(3); faults > 1; --faults) {
+        const char wrong = "0123456789abcdefABCDEF:::..g -"[draw.upTo(29)];
+        text.insert(draw.upTo(static_cast<uint32_t>(text.size())), draw.upTo(1) + 1, wrong);
+        text.erase(draw.upTo(static_cast<uint32_t>(text.size()) - 1), draw.upTo(1));
+    }
+    return text;
+}
+
+template <class T>
+void expectWhatGlibcSays(int af) {
+    Draw draw(/*crowded=*/false);
+    int good = 0;
+    for (int i = 0; i < 100000; ++i) {
+        T address;
+        draw.next(&address);
+        char printed[INET6_ADDRSTRLEN];
+        ASSERT_NE(inet_ntop(af, &address, printed, sizeof(printed)), nullptr);
+        const std::string ours(address.stringValue().view());
+        // glibc prints v4-compatible addresses, from ::1:0 on, with a dotted quad.
+        const bool v4Compatible = ours.rfind("::", 0) == 0 && std::string(printed, 7) != "::ffff:";
+        ASSERT_TRUE(ours == printed || (v4Compatible && std::strchr(printed, '.'))) << printed;
+
+        const std::string text = mutated(ours, draw);
+        const std::string plain = withoutLeadingZeros(text);
+        const auto value = Mox::tryParse<T>(text);
+        T read;
+        const bool isGood = inet_pton(af, plain.c_str(), &read) == 1;
+        // In IPv6 an octet has three digits at most, leading zeros among them.
+        const bool mayDiffer = af == AF_INET6 && plain != text;
+        ASSERT_TRUE(value.has_value() == isGood || (mayDiffer && !value)) << text;
+        ASSERT_TRUE(!value || *value == read) << text;
+        good += isGood ? 1 : 0;
+    }
+    EXPECT_GT(good, 30000);
+    EXPECT_LT(good, 95000);
+}
+
+TEST(AddressProperties, TextIsWhatTheCLibraryReadsAndPrints) {
+    expectWhatGlibcSays<IpAddr>(AF_INET);
+    expectWhatGlibcSays<Ip6Addr>(AF_INET6);
 }
 
 }  // namespace

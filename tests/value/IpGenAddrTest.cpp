@@ -4,6 +4,8 @@
 
 #include "Mox/Trace.h"
 #include "Pavo/EthAddr.h"
+#include "Pavo/IpGenAddrWithMask.h"
+#include "Pavo/IpGenPrefix.h"
 #include "support/ValueLaws.h"
 
 namespace Pavo {
@@ -14,36 +16,21 @@ IpGenAddr gen(const char* text) {
 }
 
 TEST(IpGenAddr, KeepsTheValueLaws) {
-    expectValueLaws<IpGenAddr>({IpGenAddr(ipv4), gen("10.0.0.1"), gen("255.255.255.255"), gen("::"),
-                                gen("::1"), gen("::ffff:10.0.0.1"), gen("fe80::1")});
-    expectValueLaws<IpGenAddr>({IpGenAddr()},
-                               {.readsBack = "an unknown address prints the text of IPv6's ::"});
+    expectValueLawsOf<IpGenAddr>(
+        {"0.0.0.0", "10.0.0.1", "255.255.255.255", "::", "::1", "::ffff:10.0.0.1", "fe80::1"});
+    expectValueLaws<IpGenAddr>({IpGenAddr()}, "an unknown address prints the text of IPv6's ::");
     EXPECT_LT(IpGenAddr(), IpGenAddr(ipv4));
     EXPECT_EQ(IpGenAddr().stringValue(), "::");
 }
 
 TEST(IpGenAddr, TellsTheFamilyByTheFirstColonOrDot) {
-    const struct {
-        const char* text;
-        const char* error;
-        IpGenAddr value;
-    } cases[] = {
-        {"10.0.0.1", "", IpAddr(0x0a000001)},   {"::ffff:10.0.0.1", "", ip6AddrV4MappedLoopback},
-        {"10/8", "Invalid IpGenAddr", {}},      {"/10.0.0.1", "Invalid IpGenAddr", {}},
-        {"10", "Invalid IpGenAddr", {}},        {"", "Invalid IpGenAddr", {}},
-        {"10.0.0.1x", "Invalid IpGenAddr", {}}, {"::1/64", "Invalid IpGenAddr", {}},
-        {"10.0.0/8", "Invalid IpAddr", {}},     {"10.0.0.256", "Invalid IpAddr", {}},
-        {"1.2:3", "Invalid IpAddr", {}},        {"a:b", "Ip6Addr: incomplete ipv6 address", {}},
-        {"1:2.3", "Ip6Addr: expected '.'", {}},
-    };
-    for (const auto& c : cases) {
-        IpGenAddr value(ipv6);
-        EXPECT_EQ(textErrorOf(c.text, &value), c.error) << c.text;
-        const bool good = *c.error == '\0';
-        EXPECT_EQ(value.af(), good ? c.value.af() : ipv6) << c.text;
-    }
     EXPECT_EQ(gen("10.0.0.1").v4Addr(), IpAddr(0x0a000001));
     EXPECT_EQ(gen("::ffff:10.0.0.1").v6Addr(), Ip6Addr(0, 0xffff0a000001));
+    expectRefuses(IpGenAddr(ipv6),
+                  {{"Invalid IpGenAddr", {"10/8", "/10.0.0.1", "10", "", "10.0.0.1x", "::1/64"}},
+                   {"Invalid IpAddr", {"10.0.0/8", "10.0.0.256", "1.2:3"}},
+                   {"Ip6Addr: incomplete ipv6 address", {"a:b"}},
+                   {"Ip6Addr: expected '.'", {"1:2.3"}}});
 }
 
 TEST(IpGenAddr, HoldsOneFamilyAtATime) {
@@ -59,128 +46,156 @@ TEST(IpGenAddr, HoldsOneFamilyAtATime) {
     EXPECT_EQ(IpGenAddr().size(), 16u);
 }
 
-TEST(IpGenAddr, RefusesALogWithBytesOutsideTheFamily) {
-    const struct {
-        uint32_t af;
-        Ip6Addr address;
-        const char* error;
-    } cases[] = {
-        {0, Ip6Addr(), ""},
-        {0, ip6AddrLoopback, "Invalid IpGenAddr"},
-        {1, Ip6Addr(uint64_t{0x0a000001} << 32, 0), ""},
-        {1, Ip6Addr(uint64_t{0x0a000001} << 32 | 1, 0), "Invalid IpGenAddr"},
-        {1, ip6AddrLoopback, "Invalid IpGenAddr"},
-        {2, ip6AddrLoopback, ""},
-        {3, Ip6Addr(), "Invalid AddressFamily"},
-    };
-    for (const auto& c : cases) {
-        Mox::NboAttrLog::Out log;
-        log.u32(c.af);
-        log << c.address;
-        Mox::NboAttrLog::In in(log.bytes);
-        EXPECT_EQ(rangeErrorOf([&] { IpGenAddr(&in, Mox::StreamBogon()); }), c.error) << c.af;
-    }
-}
-
 TEST(IpGenAddr, MapsBetweenTheFamilies) {
     EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("::ffff:10.0.0.1")), gen("10.0.0.1"));
     EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(gen("10.0.0.1")), gen("::ffff:10.0.0.1"));
-    for (const char* text : {"2001:db8::1", "10.0.0.1"}) {
-        EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen(text)), IpGenAddr());
-    }
+    EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("2001:db8::1")), IpGenAddr());
+    EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("10.0.0.1")), IpGenAddr());
     EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(gen("::1")), IpGenAddr());
     EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(IpGenAddr()), IpGenAddr());
 }
 
-TEST(IpGenAddr, AsksTheFamilyForItsKind) {
-    using Predicate = bool (IpGenAddr::*)() const;
+// One question, as each type asks it; null where it does not.
+struct Kind {
+    const char* name;
+    bool (IpAddr::*ofV4)() const;
+    bool (Ip6Addr::*ofV6)() const;
+    bool (IpGenAddr::*ofAny)() const;
+};
+constexpr Kind kinds[] = {
+    {"any", &IpAddr::isAny, nullptr, &IpGenAddr::isAny},
+    {"zero", &IpAddr::isZero, &Ip6Addr::isZero, nullptr},
+    {"unspecified", nullptr, &Ip6Addr::isUnspecified, &IpGenAddr::isUnspecified},
+    {"thisNetwork", &IpAddr::isThisNetwork, nullptr, &IpGenAddr::isThisNetwork},
+    {"loopback", &IpAddr::isLoopback, &Ip6Addr::isLoopback, &IpGenAddr::isLoopback},
+    {"loopbackBase", &IpAddr::isLoopbackBase, &Ip6Addr::isLoopbackBase, &IpGenAddr::isLoopbackBase},
+    {"unicast", &IpAddr::isUnicast, &Ip6Addr::isUnicast, &IpGenAddr::isUnicast},
+    {"globalUnicast", nullptr, &Ip6Addr::isGlobalUnicast, nullptr},
+    {"broadcast", &IpAddr::isBroadcast, nullptr, &IpGenAddr::isBroadcast},
+    {"private", &IpAddr::isPrivate, nullptr, nullptr},
+    {"linkLocal", &IpAddr::isLinkLocal, &Ip6Addr::isLinkLocal, &IpGenAddr::isLinkLocal},
+    {"linkLocalUnicast", &IpAddr::isLinkLocalUnicast, &Ip6Addr::isLinkLocalUnicast,
+     &IpGenAddr::isLinkLocalUnicast},
+    {"linkLocalUnicast2", nullptr, &Ip6Addr::isLinkLocalUnicast2, nullptr},
+    {"v4LinkLocal", &IpAddr::isLinkLocal, nullptr, &IpGenAddr::isV4LinkLocal},
+    {"v6LinkLocal", nullptr, &Ip6Addr::isLinkLocal, &IpGenAddr::isV6LinkLocal},
+    {"multicast", &IpAddr::isMulticast, &Ip6Addr::isMulticast, &IpGenAddr::isMulticast},
+    {"reservedMulticast", &IpAddr::isReservedMulticast, nullptr, nullptr},
+    {"routableMulticast", nullptr, &Ip6Addr::isRoutableMulticast, &IpGenAddr::isRoutableMulticast},
+    {"linkLocalMulticast", nullptr, nullptr, &IpGenAddr::isLinkLocalMulticast},
+    {"pimRouters", &IpAddr::isPimRouters, &Ip6Addr::isPimRouters, &IpGenAddr::isPimRouters},
+    {"v4Mapped", nullptr, &Ip6Addr::isV4MappedV6, nullptr},
+};
+
+// The names of all questions that are answered yes. The generic address says what its family says,
+// and no where that does not ask.
+std::string kindsOf(const IpGenAddr& address) {
+    std::string names;
+    for (const Kind& kind : kinds) {
+        const bool yes =
+            (address.af() == ipv4 && kind.ofV4 != nullptr && (address.v4Addr().*kind.ofV4)()) ||
+            (address.af() == ipv6 && kind.ofV6 != nullptr && (address.v6Addr().*kind.ofV6)());
+        const bool generic = kind.ofAny != nullptr && (address.*kind.ofAny)();
+        const bool isOwn = kind.ofV4 == nullptr && kind.ofV6 == nullptr;
+        EXPECT_TRUE(isOwn || kind.ofAny == nullptr || generic == yes) << kind.name;
+        names += yes || generic ? std::string(" ") + kind.name : "";
+    }
+    return names + (address.isReserved(false) ? " reserved" : "");
+}
+
+TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
+    const std::string linkLocal4 = " unicast linkLocal linkLocalUnicast v4LinkLocal";
+    const std::string linkLocal6 =
+        " unicast linkLocal linkLocalUnicast linkLocalUnicast2 v6LinkLocal";
+    const std::string local4 = " multicast reservedMulticast linkLocalMulticast";
+    const std::string local6 = " linkLocal v6LinkLocal multicast linkLocalMulticast";
     const struct {
-        const char* name;
-        Predicate predicate;
-        std::vector<const char*> yes;
-        std::vector<const char*> no;
+        std::string kinds;
+        std::vector<const char*> texts;
     } cases[] = {
-        {"isAny", &IpGenAddr::isAny, {"0.0.0.0"}, {"::", "1.0.0.0"}},
-        {"isUnspecified", &IpGenAddr::isUnspecified, {"::"}, {"0.0.0.0", "::1"}},
-        {"isUnicast", &IpGenAddr::isUnicast, {"10.0.0.1", "::1"}, {"224.0.0.1", "ff02::1"}},
-        {"isMulticast", &IpGenAddr::isMulticast, {"224.0.0.1", "ff02::1"}, {"10.0.0.1", "::1"}},
-        {"isLinkLocalUnicast",
-         &IpGenAddr::isLinkLocalUnicast,
-         {"169.254.0.1", "fe80::1"},
-         {"10.0.0.1", "ff02::1"}},
-        {"isLoopback", &IpGenAddr::isLoopback, {"127.0.0.1", "::1"}, {"10.0.0.1", "::2"}},
-        {"isLoopbackBase", &IpGenAddr::isLoopbackBase, {"127.0.0.0"}, {"::1", "127.0.0.1"}},
-        {"isLinkLocal", &IpGenAddr::isLinkLocal, {"169.254.0.1", "fe80::1", "ff02::1"}, {"::1"}},
-        {"isThisNetwork", &IpGenAddr::isThisNetwork, {"0.1.2.3"}, {"::", "1.0.0.0"}},
-        {"isBroadcast", &IpGenAddr::isBroadcast, {"255.255.255.255"}, {"ffff::", "10.0.0.255"}},
-        {"isV4LinkLocal", &IpGenAddr::isV4LinkLocal, {"169.254.0.1"}, {"fe80::1", "10.0.0.1"}},
-        {"isV6LinkLocal", &IpGenAddr::isV6LinkLocal, {"fe80::1"}, {"169.254.0.1", "::1"}},
-        {"isPimRouters", &IpGenAddr::isPimRouters, {"224.0.0.13", "ff02::d"}, {"::d"}},
-        {"isLinkLocalMulticast",
-         &IpGenAddr::isLinkLocalMulticast,
-         {"224.0.0.1", "ff02::1"},
-         {"224.0.1.1", "169.254.0.1", "fe80::1", "ff05::1"}},
-        {"isRoutableMulticast",
-         &IpGenAddr::isRoutableMulticast,
-         {"ff05::1"},
-         {"ff02::1", "239.1.1.1"}},
+        {" any zero thisNetwork unicast", {"0.0.0.0"}},
+        {" thisNetwork unicast", {"0.255.0.0"}},
+        {" unicast", {"1.0.0.0", "9.255.255.255", "128.0.0.0", "172.15.255.255", "172.32.0.0"}},
+        {" unicast", {"169.253.255.255", "169.255.0.0", "192.167.255.255"}},
+        {" loopback loopbackBase unicast private", {"127.0.0.0"}},
+        {" loopback unicast private", {"127.0.0.1"}},
+        {linkLocal4, {"169.254.0.0", "169.254.255.255"}},
+        // All bits of 10.0.0.0, 172.16.0.0 or 192.168.0.0 are there.
+        {" unicast private", {"10.0.0.0", "11.0.0.0", "172.16.0.0", "192.168.0.0"}},
+        {" unicast private", {"223.255.255.255"}},
+        {local4, {"224.0.0.0"}},
+        {local4 + " pimRouters", {"224.0.0.13"}},
+        {" multicast", {"224.0.1.0"}},
+        {" private multicast", {"239.255.255.255"}},
+        {" unicast reserved", {"240.0.0.1"}},
+        {" unicast private reserved", {"255.255.255.254"}},
+        {" broadcast private", {"255.255.255.255"}},
+        {" zero unspecified unicast", {"::"}},
+        {" loopback unicast", {"::1"}},
+        {" unicast globalUnicast", {"::2", "1::1", "fec0::", "fe7f:ffff::", "::fffe:0:0"}},
+        {" unicast globalUnicast", {"::1:ffff:0:0", "f000::1"}},
+        {linkLocal6, {"fe80::1"}},
+        {" unicast linkLocalUnicast2", {"fe80:0:0:1::1", "febf:ffff::"}},
+        {" multicast", {"ff01::1", "ff03::1"}},
+        {local6, {"ff02::1", "ff32::1", "ff02::1:d"}},
+        {local6 + " pimRouters", {"ff02::d"}},
+        {" multicast routableMulticast", {"ff04::1", "ff0e::1", "ff05::d"}},
+        {" unicast globalUnicast v4Mapped", {"::ffff:0.0.0.0"}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        for (const char* text : c.yes) {
-            EXPECT_TRUE((gen(text).*c.predicate)()) << text;
+        for (const char* text : c.texts) {
+            EXPECT_EQ(kindsOf(gen(text)), c.kinds) << text;
         }
-        for (const char* text : c.no) {
-            EXPECT_FALSE((gen(text).*c.predicate)()) << text;
-        }
-        EXPECT_FALSE((IpGenAddr().*c.predicate)());
     }
-    EXPECT_TRUE(gen("240.0.0.1").isReserved(false));
-    EXPECT_FALSE(gen("f000::1").isReserved(false));
+    EXPECT_EQ(kindsOf(IpGenAddr()), "");
 }
 
 TEST(IpGenAddr, AsksTheFamilyForMacAndCommonBits) {
     EXPECT_EQ(gen("239.129.1.2").mcastEtherAddress(), EthAddr(0x0100, 0x5e01, 0x0102));
     EXPECT_EQ(gen("ff02::1:2").mcastEtherAddress(), EthAddr(0x3333, 0x0001, 0x0002));
     EXPECT_EQ(IpGenAddr().mcastEtherAddress(), EthAddr());
-    EXPECT_EQ(gen("10.0.0.0").longestCommonPrefix(gen("10.128.0.0")), 8u);
-    EXPECT_EQ(gen("10.0.0.0").longestCommonPrefix(gen("10.0.0.0")), 32u);
-    EXPECT_EQ(gen("::").longestCommonPrefix(gen("::1")), 127u);
-    EXPECT_EQ(gen("0.0.0.0").longestCommonPrefix(gen("::")), 0u);
+    const struct {
+        const char* a;
+        const char* b;
+        uint32_t bits;
+    } cases[] = {{"0.0.0.0", "128.0.0.0", 0},  {"10.0.0.0", "10.128.0.0", 8},
+                 {"10.0.0.0", "10.0.0.1", 31}, {"10.0.0.0", "10.0.0.0", 32},
+                 {"::", "::1", 127},           {"::", "::", 128},
+                 {"0.0.0.0", "::", 0}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(gen(c.a).longestCommonPrefix(gen(c.b)), c.bits) << c.a << " " << c.b;
+    }
     EXPECT_EQ(IpGenAddr().longestCommonPrefix(IpGenAddr()), 0u);
 }
 
-TEST(IpGenAddr, HashesFamilyThenAddress) {
-    EXPECT_EQ(gen("::1").hash(3), Mox::Hash(3).mix(2).mix(ip6AddrLoopback.hash()).result());
-    EXPECT_EQ(gen("1.0.0.0").hash(3),
-              Mox::Hash(3).mix(1).mix(Ip6Addr(uint64_t{1} << 56, 0).hash()).result());
-}
-
-TEST(IpGenAddr, TracesTheFamilyItDetects) {
+TEST(IpGenAddr, TracesWhatItDetects) {
     static std::string traced;
     const auto before =
         Mox::traceSinkIs([](const char* facility, int level, std::string_view text) {
-            traced +=
-                std::string(facility) + "/" + std::to_string(level) + ":" + std::string(text) + ";";
+            traced += facility + std::string("/") + std::to_string(level);
+            traced += ":" + std::string(text) + ";";
         });
-    Mox::traceSettingsIs("Pavo::IpGenAddr/9");
-    (void)gen("10.0.0.1");
-    (void)gen("::1");
-    Mox::traceSettingsIs("Pavo::IpGenAddr/0-8");
-    (void)gen("::1");
-    Mox::traceSettingsIs("Pavo::IpGenAddr/");
+    for (const std::string levels : {"9", "0-8", ""}) {
+        Mox::traceSettingsIs("Pavo::IpGenAddr/" + levels + ",Pavo::IpGenPrefix/" + levels +
+                             ",Pavo::IpGenAddrWithMask/" + levels);
+        (void)gen("10.0.0.1");
+        (void)gen("::1");
+        (void)Mox::fromText<IpGenPrefix>("10.0.0.0/8");
+        (void)Mox::fromText<IpGenAddrWithMask>("::1/64");
+    }
     Mox::traceSinkIs(before);
-    EXPECT_EQ(traced, "Pavo::IpGenAddr/9: af ipv4;Pavo::IpGenAddr/9: af ipv6;");
+    EXPECT_EQ(traced,
+              "Pavo::IpGenAddr/9: af ipv4;Pavo::IpGenAddr/9: af ipv6;"
+              "Pavo::IpGenPrefix/9: Detected prefix ;"
+              "Pavo::IpGenAddrWithMask/9: Detected address ;");
 }
 
 TEST(AddressFamily, ConvertsNamesAndNumbersOfMembersAlone) {
     EXPECT_EQ(AddressFamilyInstance(2), ipv6);
     EXPECT_EQ(AddressFamilyInstance("ipv4"), ipv4);
     EXPECT_EQ(stringValue(ipunknown), "ipunknown");
-    for (const uint32_t number : {3u, 256u, 0xffffffffu}) {
-        EXPECT_EQ(rangeErrorOf([&] { AddressFamilyInstance(number); }), "Invalid AddressFamily");
-    }
-    for (const char* name : {"", "ip", "ipv", "ipv44", "IPV4", "ipv4 ", "1"}) {
+    EXPECT_EQ(rangeErrorOf([] { AddressFamilyInstance(3); }), "Invalid AddressFamily");
+    for (const char* name : {"", "ipv", "ipv44", "IPV4", "1"}) {
         EXPECT_EQ(rangeErrorOf([&] { AddressFamilyInstance(name); }), "Invalid AddressFamily");
     }
 }
