@@ -18,7 +18,7 @@
 namespace Pavo {
 
 /// Socket options of an IP endpoint, as bits; each drives the Linux option named beside it (ip(7),
-/// socket(7)).
+/// socket(7)), or that of IPv6 which `Ip6SocketPam` names.
 enum IpSocketOptions : uint32_t {
     none = 0,
     ipFreeBind = 0x0001,         ///< IP_FREEBIND
@@ -50,7 +50,7 @@ enum IpTrafficControl : uint32_t {
 
 /// IP options that sent packets carry.
 enum IpPktOption : uint32_t {
-    ipPktRouterAlert = 0,  ///< RFC 2113
+    ipPktRouterAlert = 0,  ///< RFC 2113, RFC 2711
 };
 
 /// One classic BPF instruction, laid out as the kernel's `sock_filter`, in host order.
@@ -86,7 +86,7 @@ class IpFilter : public Mox::ValueType<IpFilter> {
 static_assert(std::is_trivially_copyable_v<IpFilter> && sizeof(IpFilter) == 8);
 
 /// A packet endpoint on a raw IP socket: one per IP protocol and network namespace. It holds what
-/// the endpoints of both families have in common; `IpSocketPam` does the work for IPv4.
+/// the endpoints of both families have in common; `RawIpPam` does the work.
 ///
 /// The `tx` attributes describe the next packet sent, the `rx` attributes the last one received; an
 /// `rx` attribute that a packet does not carry keeps its value.
@@ -182,7 +182,7 @@ class PAVO_EXPORT IpPam : public Pam {
     /// The TOS byte of sent packets.
     IpDscp txTOS() const { return txTOS_; }
     void txTOSIs(IpDscp tos);
-    /// The TTL of sent packets; 0 leaves it to the kernel.
+    /// The TTL of sent packets, of IPv4 of those to one host; 0 leaves it to the kernel.
     IpTtl txTTL() const { return txTTL_; }
     void txTTLIs(IpTtl ttl);
     /// Flags for sendmsg(2).

@@ -12,8 +12,10 @@
 #include <string>
 
 #include "Mox/EventLoop.h"
+#include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
 #include "Pavo/SocketAt.h"
+#include "echo/Wire6.h"
 #include "sandbox/Sandbox.h"
 
 namespace {
@@ -21,22 +23,60 @@ namespace {
 constexpr int protocol = 253;
 constexpr int burst = 64;
 constexpr uint32_t payloadBytes = 64;
-const Pavo::IpAddr leftAddress(0xc0000201);
-const Pavo::IpAddr rightAddress(0xc0000202);
+
+// What differs from one family to the other.
+struct FourEnds {
+    using Name = sockaddr_in;
+    using PktInfo = in_pktinfo;
+    static constexpr int domain = AF_INET;
+    static constexpr int level = IPPROTO_IP;
+    static constexpr int pktInfo = IP_PKTINFO;
+    static constexpr int rxOptions[] = {IP_PKTINFO, IP_RECVTTL, IP_RECVTOS, IP_RECVORIGDSTADDR};
+    static constexpr Pavo::IpAddr left{0xc0000201};
+    static constexpr Pavo::IpAddr right{0xc0000202};
+
+    static Mox::Ptr<Pavo::RawIpPam> pam(const char* netNs) {
+        return Pavo::ipSocketPamFactory(netNs, Pavo::IpProtocolNumber::experiment1,
+                                        Pavo::NamespaceName(netNs));
+    }
+    static void fill(Name* name, PktInfo* info) {
+        name->sin_family = AF_INET;
+        name->sin_addr.s_addr = htonl(right.value());
+        info->ipi_spec_dst.s_addr = htonl(left.value());
+    }
+};
+
+struct SixEnds {
+    using Name = sockaddr_in6;
+    using PktInfo = in6_pktinfo;
+    static constexpr int domain = AF_INET6;
+    static constexpr int level = IPPROTO_IPV6;
+    static constexpr int pktInfo = IPV6_PKTINFO;
+    static constexpr int rxOptions[] = {IPV6_RECVPKTINFO, IPV6_RECVHOPLIMIT, IPV6_RECVTCLASS,
+                                        IPV6_RECVORIGDSTADDR};
+    static constexpr Pavo::Ip6Addr left{0x20010db800000000, 1};
+    static constexpr Pavo::Ip6Addr right{0x20010db800000000, 2};
+
+    static Mox::Ptr<Pavo::RawIpPam> pam(const char* netNs) {
+        return Pavo::ip6SocketPamFactory(netNs, Pavo::IpProtocolNumber::experiment1,
+                                         Pavo::NamespaceName(netNs));
+    }
+    static void fill(Name* name, PktInfo* info) {
+        name->sin6_family = AF_INET6;
+        right.copyToBuffer(name->sin6_addr.s6_addr);
+        left.copyToBuffer(info->ipi6_addr.s6_addr);
+    }
+};
 
 // What is timed of a round.
 enum class Half { send, receive };
 
+template <class Family>
 class PavoEnds {
   public:
-    explicit PavoEnds(bool bulk)
-        : left_(Pavo::ipSocketPamFactory("left", Pavo::IpProtocolNumber::experiment1,
-                                         Pavo::NamespaceName("left"))),
-          right_(Pavo::ipSocketPamFactory("right", Pavo::IpProtocolNumber::experiment1,
-                                          Pavo::NamespaceName("right"))),
-          bulk_(bulk) {
-        left_->txDstIpAddrIs(rightAddress);
-        left_->txSrcIpAddrIs(leftAddress);  // Sent in a control message.
+    explicit PavoEnds(bool bulk) : bulk_(bulk) {
+        left_->txDstIpAddrIs(Family::right);
+        left_->txSrcIpAddrIs(Family::left);  // Sent in a control message.
         left_->enabledIs(true);
         right_->optionsIs(Pavo::ipPktInfo | Pavo::ipRecvTTL | Pavo::ipRecvTOS |
                           Pavo::ipRecvOrigDstAddr);
@@ -63,20 +103,21 @@ class PavoEnds {
     }
 
   private:
-    Mox::Ptr<Pavo::IpSocketPam> left_;
-    Mox::Ptr<Pavo::IpSocketPam> right_;
+    Mox::Ptr<Pavo::RawIpPam> left_ = Family::pam("left");
+    Mox::Ptr<Pavo::RawIpPam> right_ = Family::pam("right");
     Mox::Ptr<Pavo::Pkt> pkt_ = Pavo::globalPktManager()->newPkt();
     bool bulk_;
 };
 
+template <class Family>
 class BareEnds {
   public:
     BareEnds()
-        : left_(Pavo::socketAt(AF_INET, SOCK_RAW | SOCK_NONBLOCK, protocol, "left")),
-          right_(Pavo::socketAt(AF_INET, SOCK_RAW | SOCK_NONBLOCK, protocol, "right")) {
-        for (const int option : {IP_PKTINFO, IP_RECVTTL, IP_RECVTOS, IP_RECVORIGDSTADDR}) {
+        : left_(Pavo::socketAt(Family::domain, SOCK_RAW | SOCK_NONBLOCK, protocol, "left")),
+          right_(Pavo::socketAt(Family::domain, SOCK_RAW | SOCK_NONBLOCK, protocol, "right")) {
+        for (const int option : Family::rxOptions) {
             const int on = 1;
-            setsockopt(right_, IPPROTO_IP, option, &on, sizeof(on));
+            setsockopt(right_, Family::level, option, &on, sizeof(on));
         }
     }
     ~BareEnds() {
@@ -86,11 +127,11 @@ class BareEnds {
 
     void send() {
         for (int i = 0; i < burst; ++i) {
-            sockaddr_in name{};
-            name.sin_family = AF_INET;
-            name.sin_addr.s_addr = htonl(rightAddress.value());
+            typename Family::Name name{};
+            typename Family::PktInfo info{};
+            Family::fill(&name, &info);
             iovec data{data_, payloadBytes};
-            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(info))] = {};
             msghdr message{};
             message.msg_name = &name;
             message.msg_namelen = sizeof(name);
@@ -99,11 +140,9 @@ class BareEnds {
             message.msg_control = control;
             message.msg_controllen = sizeof(control);
             cmsghdr* first = CMSG_FIRSTHDR(&message);
-            first->cmsg_level = IPPROTO_IP;
-            first->cmsg_type = IP_PKTINFO;
-            first->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-            in_pktinfo info{};
-            info.ipi_spec_dst.s_addr = htonl(leftAddress.value());
+            first->cmsg_level = Family::level;
+            first->cmsg_type = Family::pktInfo;
+            first->cmsg_len = CMSG_LEN(sizeof(info));
             std::memcpy(CMSG_DATA(first), &info, sizeof(info));
             benchmark::DoNotOptimize(sendmsg(left_, &message, 0));
         }
@@ -118,9 +157,9 @@ class BareEnds {
 
   private:
     bool receiveOne() {
-        sockaddr_in name{};
+        typename Family::Name name{};
         iovec data{data_, sizeof(data_)};
-        alignas(cmsghdr) char control[128];
+        alignas(cmsghdr) char control[160];
         msghdr message{};
         message.msg_name = &name;
         message.msg_namelen = sizeof(name);
@@ -161,14 +200,30 @@ void rounds(benchmark::State& state, Ends ends, Half half) {
     state.SetItemsProcessed(state.iterations() * burst);
 }
 
+template <class Family>
 void pavo(benchmark::State& state, bool bulk, Half half) {
     const Mox::EventLoop loop;
-    PavoEnds ends(bulk);
+    PavoEnds<Family> ends(bulk);
     rounds(state, &ends, half);
 }
+template <class Family>
 void bare(benchmark::State& state, Half half) {
-    BareEnds ends;
+    BareEnds<Family> ends;
     rounds(state, &ends, half);
+}
+
+// The lines of a family, named "RawIpSend" and so on.
+template <class Family>
+void registerLines(const std::string& name) {
+    const auto line = [&name](const char* rest, auto... function) {
+        benchmark::RegisterBenchmark((name + rest).c_str(), function...)->UseManualTime();
+    };
+    line("Send/pavo", pavo<Family>, false, Half::send);
+    line("Send/sendmsg", bare<Family>, Half::send);
+    line("Receive/pavo", pavo<Family>, false, Half::receive);
+    line("Receive/recvmsg", bare<Family>, Half::receive);
+    line("ReceiveBulk/pavo", pavo<Family>, true, Half::receive);
+    line("ReceiveBulk/packet_a_call", pavo<Family>, false, Half::receive);
 }
 
 }  // namespace
@@ -180,14 +235,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     PavoSandbox::makeWire();
-    using benchmark::RegisterBenchmark;
-    RegisterBenchmark("RawIpSend/pavo", pavo, false, Half::send)->UseManualTime();
-    RegisterBenchmark("RawIpSend/sendmsg", bare, Half::send)->UseManualTime();
-    RegisterBenchmark("RawIpReceive/pavo", pavo, false, Half::receive)->UseManualTime();
-    RegisterBenchmark("RawIpReceive/recvmsg", bare, Half::receive)->UseManualTime();
-    RegisterBenchmark("RawIpReceiveBulk/pavo", pavo, true, Half::receive)->UseManualTime();
-    RegisterBenchmark("RawIpReceiveBulk/packet_a_call", pavo, false, Half::receive)
-        ->UseManualTime();
+    Echo::addWire6();
+    registerLines<FourEnds>("RawIp");
+    registerLines<SixEnds>("RawIp6");
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

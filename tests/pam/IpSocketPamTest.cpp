@@ -1,241 +1,193 @@
+// The raw endpoints of both families: each test runs for IPv4 and for IPv6.
 #include "Pavo/IpSocketPam.h"
 
-#include <gtest/gtest.h>
 #include <linux/filter.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "Mox/EventLoop.h"
-#include "Mox/Exception.h"
-#include "Pavo/IpHdr.h"
-#include "support/FailSyscall.h"
-#include "support/SandboxTest.h"
+#include "Pavo/Ip6HdrInclSocketPam.h"
+#include "pam/PamFixture.h"
 
 namespace Pavo {
 namespace {
 
-const IpAddr loopback(0x7f000001);
-constexpr uint32_t allOptions = ipFreeBind | ipHdrIncl | ipMulticastLoop | ipPktInfo | ipRecvErr |
-                                ipRecvOrigDstAddr | ipRecvTOS | ipRecvTTL | ipRouterAlert |
-                                ipTransparent | ipAttachFilter | ipRcvBuf | ipPriority;
 const IpFilter acceptAll(BPF_RET | BPF_K, 0, 0, 0xffff);
 const IpFilter dropAll(BPF_RET | BPF_K, 0, 0, 0);
 
-Mox::Ptr<Pkt> pktOf(const char* text) {
-    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-    pkt->stringValueIs(text, /*atTail=*/true);
-    return pkt;
-}
+#define NAMED(option) option, #option
 
-// A packet with its own IP header, for an endpoint with `ipHdrIncl`.
-Mox::Ptr<Pkt> pktWithHeader(const char* text, uint8_t ttl, IpAddr source, IpAddr destination) {
-    const auto pkt = pktOf(text);
-    const auto header = ipHdrWrapperFactory(pkt, pkt->newSharedHeadData(20) - pkt->frontData());
-    *header->header() = IpHdr();
-    header->header()->versionIs(4);
-    header->header()->headerBytesIs(20);
-    header->header()->ttlIs(ttl);
-    header->header()->protocolNumIs(IpProtocolNumber::experiment1);
-    header->header()->srcIs(source);
-    header->header()->dstIs(destination);
-    return pkt;
-}
+// What enabling sets, in its order, for each family: number and name, none where there is nothing.
+// Where an option has a bit, what it reads while on and off; `notRead` where it cannot be read.
+constexpr int notRead = -2;
+constexpr struct Setting {
+    uint32_t bit;
+    int four;
+    const char* fourName;
+    int six;
+    const char* sixName;
+    int on = 1;
+    int off = 0;
+} settings[] = {
+    {ipHdrIncl, NAMED(IP_HDRINCL), NAMED(IPV6_HDRINCL)},
+    {ipPktInfo, NAMED(IP_PKTINFO), NAMED(IPV6_RECVPKTINFO)},
+    {ipFreeBind, NAMED(IP_FREEBIND), NAMED(IPV6_FREEBIND)},
+    {ipMulticastLoop, NAMED(IP_MULTICAST_LOOP), NAMED(IPV6_MULTICAST_LOOP)},
+    {ipRecvErr, NAMED(IP_RECVERR), NAMED(IPV6_RECVERR)},
+    {ipRecvOrigDstAddr, IP_RECVORIGDSTADDR, "IP_RECVORIGDSTADD", NAMED(IPV6_RECVORIGDSTADDR)},
+    {ipRecvTOS, NAMED(IP_RECVTOS), NAMED(IPV6_RECVTCLASS)},
+    {ipRecvTTL, NAMED(IP_RECVTTL), NAMED(IPV6_RECVHOPLIMIT)},
+    // A change that is none would fail (EADDRINUSE, ENOBUFS).
+    {ipRouterAlert, NAMED(IP_ROUTER_ALERT), NAMED(IPV6_ROUTER_ALERT), notRead},
+    {ipv6Checksum, 0, nullptr, NAMED(IPV6_CHECKSUM), 2, -1},
+    {none, NAMED(SO_ATTACH_FILTER), NAMED(SO_ATTACH_FILTER)},
+    {ipRcvBuf, SO_RCVBUF, "SO_RCVBUFFORCE", SO_RCVBUF, "SO_RCVBUFFORCE", 400000, 2304},
+    {none, NAMED(IP_TOS), NAMED(IPV6_TCLASS)},
+    {none, NAMED(IP_TTL), NAMED(IPV6_UNICAST_HOPS)},
+    {none, 0, nullptr, NAMED(IPV6_MULTICAST_HOPS)},
+    {ipTransparent, NAMED(IP_TRANSPARENT), NAMED(IPV6_TRANSPARENT)},
+    {ipPriority, NAMED(SO_PRIORITY), NAMED(SO_PRIORITY), tcPrioControl},
+    {none, NAMED(IP_OPTIONS), NAMED(IPV6_HOPOPTS)},
+};
 
-// What was thrown, as "text (errno)"; "" for nothing.
-std::string errorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Mox::ErrnoException& error) {
-        return std::string(error.message().view()) + " (" + std::to_string(error.errnoValue()) +
-               ")";
-    }
-    return "";
-}
-
-std::string thrown(const std::string& text, int error) {
-    return text + " (" + std::to_string(error) + ")";
-}
-
-// Endpoints for an experimental protocol on the sandbox's own loopback interface.
-class IpSocketPamTest : public PavoTest::SandboxTest {
+class RawIpPamTest : public PamFixture, public testing::WithParamInterface<AddressFamily> {
   protected:
-    static constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
-
-    Mox::Ptr<IpSocketPam> newPam(IpProtocolNumber number = protocol) {
-        return ipSocketPamFactory("test", number, NamespaceName());
+    static bool isV6() { return GetParam() == ipv6; }
+    template <class T>
+    static T pick(T four, T six) {
+        return isV6() ? six : four;
     }
+    static IpGenAddr loopback() { return addr(pick("127.0.0.1", "::1")); }
+    // Of the header that a packet is received with.
+    static uint32_t headerBytes() { return pick(20, 0); }
+    static int level() { return pick<int>(IPPROTO_IP, IPPROTO_IPV6); }
 
-    // An enabled endpoint that sends to itself.
-    Mox::Ptr<IpSocketPam> openPam(uint32_t options = none, IpProtocolNumber number = protocol) {
-        const auto pam = newPam(number);
+    static Mox::Ptr<RawIpPam> newPam(IpProtocolNumber number = protocol, const char* netNs = "") {
+        if (isV6()) {
+            return ip6SocketPamFactory("test", number, NamespaceName(netNs));
+        }
+        return ipSocketPamFactory("test", number, NamespaceName(netNs));
+    }
+    // One that takes every option there is.
+    static Mox::Ptr<RawIpPam> newPamForOptions(uint32_t options) {
+        const auto pam = newPam(pick(protocol, IpProtocolNumber::reserved));
+        pam->rxFilterIs(0, acceptAll);
+        pam->rxBufIs(200000);
+        pam->priorityIs(tcPrioControl);
+        if (isV6()) {
+            static_cast<Ip6SocketPam&>(*pam).checksumOffsetIs(2);
+        }
         pam->optionsIs(options);
-        pam->txDstIpAddrIs(loopback);
+        return pam;
+    }
+    static Mox::Ptr<RawIpPam> openIn(const char* netNs, uint32_t options) {
+        const auto pam = newPam(protocol, netNs);
+        pam->optionsIs(options);
         pam->enabledIs(true);
         return pam;
     }
-
-    // Turns until a packet has come; loopback delivers within the send, so one turn is enough.
-    Mox::Ptr<Pkt> receive(const Mox::Ptr<IpSocketPam>& pam) {
-        for (int i = 0; i < 10; ++i) {
-            if (const auto pkt = pam->rxPkt()) {
-                return pkt;
-            }
-            loop_.turn(0.2);
+    // An enabled endpoint that sends to itself.
+    static Mox::Ptr<RawIpPam> openPam(uint32_t options = none) {
+        const auto pam = openIn("", options);
+        pam->txDstIpAddrIs(loopback());
+        return pam;
+    }
+    // One whose packets begin with their own header; of IPv6 with a socket more inside.
+    static Mox::Ptr<RawIpPam> newHeaderPam() {
+        if (isV6()) {
+            return ip6HdrInclSocketPamFactory("test", protocol, NamespaceName());
         }
-        ADD_FAILURE() << "no packet";
-        return pktOf("none");
+        const auto pam = newPam();
+        pam->optionsIs(ipHdrIncl);
+        return pam;
     }
-
-    static std::string payload(const Mox::Ptr<Pkt>& pkt) {
-        return std::string(pkt->stringValue().view().substr(20));
+    static void sendAll(const Mox::Ptr<RawIpPam>& pam, const Texts& texts) {
+        for (const std::string& text : texts) {
+            pam->txPktIs(pktOf(text));
+        }
     }
-
-    static int readBack(const Mox::Ptr<IpSocketPam>& pam, int level, int option) {
-        int value = 0;
-        socklen_t length = sizeof(value);
-        EXPECT_EQ(getsockopt(pam->fileDesc()->descriptor(), level, option, &value, &length), 0);
-        return value;
+    void expectNoEvents() {
+        for (int i = 0; i < 100; ++i) {
+            ASSERT_EQ(loop_.turn(0), 0u);
+        }
     }
-
-    Mox::EventLoop loop_;
 };
 
-TEST_F(IpSocketPamTest, AppliesEachOptionWhenEnabledAndWhenChanged) {
-    const struct {
-        uint32_t bit;
-        int level, option;
-        int on, off;
-        const char* enablingFails;
-        const char* turningOnFails;
-        const char* turningOffFails;
-    } cases[] = {
-        {ipHdrIncl, IPPROTO_IP, IP_HDRINCL, 1, 0, "setsockopt(IP_HDRINCL)", nullptr, nullptr},
-        {ipPktInfo, IPPROTO_IP, IP_PKTINFO, 1, 0, "setsockopt(IP_PKTINFO)", nullptr, nullptr},
-        {ipFreeBind, IPPROTO_IP, IP_FREEBIND, 1, 0, "setsockopt(IP_FREEBIND)", nullptr, nullptr},
-        {ipMulticastLoop, IPPROTO_IP, IP_MULTICAST_LOOP, 1, 0, "setsockopt(IP_MULTICAST_LOOP)",
-         nullptr, nullptr},
-        {ipRecvErr, IPPROTO_IP, IP_RECVERR, 1, 0, "setsockopt(IP_RECVERR)", nullptr, nullptr},
-        {ipRecvOrigDstAddr, IPPROTO_IP, IP_RECVORIGDSTADDR, 1, 0, "setsockopt(IP_RECVORIGDSTADD)",
-         nullptr, nullptr},
-        {ipRecvTOS, IPPROTO_IP, IP_RECVTOS, 1, 0, "setsockopt(IP_RECVTOS)", nullptr, nullptr},
-        {ipRecvTTL, IPPROTO_IP, IP_RECVTTL, 1, 0, "setsockopt(IP_RECVTTL)", nullptr, nullptr},
-        // Cannot be read back; a change that is none would fail (EADDRINUSE, ENOBUFS).
-        {ipRouterAlert, IPPROTO_IP, 0, 0, 0, "setsockopt(IP_ROUTER_ALERT)", nullptr, nullptr},
-        {ipTransparent, IPPROTO_IP, IP_TRANSPARENT, 1, 0, "setsockopt(IP_TRANSPARENT)", nullptr,
-         nullptr},
-        {ipRcvBuf, SOL_SOCKET, SO_RCVBUF, 400000, 2304, "setsockopt(SO_RCVBUFFORCE)",
-         "setsockopt(SO_RCVBUFFIRCE)", "setsockopt(SO_RCVBUFFORCE)"},
-        {ipPriority, SOL_SOCKET, SO_PRIORITY, tcPrioControl, 0, "setsockopt(SO_PRIORITY)", nullptr,
-         nullptr},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.enablingFails);
-        const auto pam = newPam();
-        pam->rxBufIs(200000);
-        pam->priorityIs(tcPrioControl);
-        pam->optionsIs(c.bit);
-        {
-            PavoTest::FailSyscall fail(1, EACCES, "setsockopt");
-            EXPECT_EQ(errorOf([&] { pam->enabledIs(true); }), thrown(c.enablingFails, EACCES));
+INSTANTIATE_TEST_SUITE_P(Family, RawIpPamTest, testing::Values(ipv4, ipv6),
+                         [](const auto& info) { return info.param == ipv4 ? "ipv4" : "ipv6"; });
+
+TEST_P(RawIpPamTest, AppliesEachOptionWhenEnabledAndWhenChanged) {
+    for (const Setting& s : settings) {
+        const std::string name = pick(s.fourName, s.sixName) ? pick(s.fourName, s.sixName) : "";
+        if (s.bit == none || name.empty()) {
+            continue;
         }
+        SCOPED_TRACE(name);
+        const auto pam = newPamForOptions(s.bit);
+        const auto expectFailure = [&](const std::string& option, auto change) {
+            PavoTest::FailSyscall fail(1, EACCES, "setsockopt");
+            EXPECT_EQ(errorOf(change), thrown("setsockopt(" + option + ")", EACCES));
+        };
+        const auto expectValue = [&](int value) {
+            const int where = name.starts_with("SO_") ? SOL_SOCKET : level();
+            if (s.on != notRead) {
+                EXPECT_EQ(optionOf(*pam, where, pick(s.four, s.six)), value);
+            }
+        };
+        expectFailure(name, [&] { pam->enabledIs(true); });
         EXPECT_FALSE(pam->enabled());
         pam->enabledIs(true);
-        if (c.option != 0) {
-            EXPECT_EQ(readBack(pam, c.level, c.option), c.on);
-        }
-
+        expectValue(s.on);
         // Of these two, a socket on which the change failed is not kept.
-        const bool closes = c.bit == ipTransparent || c.bit == ipPriority;
+        const bool closes = s.bit == ipTransparent || s.bit == ipPriority;
         for (const bool on : {false, true}) {
-            const char* text = on ? c.turningOnFails : c.turningOffFails;
             const uint32_t before = pam->options();
-            {
-                PavoTest::FailSyscall fail(1, EACCES, "setsockopt");
-                EXPECT_EQ(errorOf([&] { pam->optionsIs(on ? c.bit : none); }),
-                          thrown(text != nullptr ? text : c.enablingFails, EACCES));
-            }
+            expectFailure(on && s.bit == ipRcvBuf ? "SO_RCVBUFFIRCE" : name,
+                          [&] { pam->optionsIs(on ? s.bit : none); });
             EXPECT_EQ(pam->options(), before);
             EXPECT_EQ(pam->enabled(), !closes);
             pam->enabledIs(true);
-            pam->optionsIs(on ? c.bit : none);
-            if (c.option != 0) {
-                EXPECT_EQ(readBack(pam, c.level, c.option), on ? c.on : c.off);
-            }
+            pam->optionsIs(on ? s.bit : none);
+            expectValue(on ? s.on : s.off);
         }
     }
 }
 
-TEST_F(IpSocketPamTest, AFailedEnablingLeavesNothingAndTheNextOneWorks) {
+TEST_P(RawIpPamTest, AFailedEnablingLeavesNothingAndTheNextOneWorks) {
     const auto before = PavoTest::openDescriptors();
-    const auto pam = newPam();
-    pam->rxFilterIs(0, acceptAll);
-    pam->rxBufIs(100000);
+    uint32_t all = ipAttachFilter;
+    Texts texts;
+    for (const Setting& s : settings) {
+        all |= s.bit;
+        if (const char* name = pick(s.fourName, s.sixName)) {
+            texts.emplace_back(name);
+        }
+    }
+    // Then what makes the descriptor one that the loop can watch.
+    texts.insert(texts.end(), {"fcntl(F_SETFL)", "fcntl(F_SETFL)", "epoll_ctl"});
+    const auto pam = newPamForOptions(all);
     pam->txTOSIs(0x10);
     pam->txTTLIs(9);
     pam->ipPktOptionIs(ipPktRouterAlert, true);
-    pam->optionsIs(allOptions);
-    std::vector<std::string> texts;
-    const unsigned failures = PavoTest::failEachSyscall(
-        ENOBUFS, [&] { return errorOf([&] { pam->enabledIs(true); }); },
-        [&](const PavoTest::FailSyscall& fail, const std::string& error, int) {
-            EXPECT_NE(error.find(" (" + std::to_string(ENOBUFS) + ")"), std::string::npos)
-                << fail.name();
-            EXPECT_FALSE(pam->enabled());
-            EXPECT_EQ(pam->fileDesc(), nullptr);
-            EXPECT_EQ(pam->fdSm(), nullptr);
-            EXPECT_EQ(pam->readableCount(), 0u);
-            EXPECT_EQ(PavoTest::openDescriptors(), before);
-            texts.push_back(error.substr(0, error.find(" (")));
-        });
-    EXPECT_EQ(failures, texts.size());
-    EXPECT_TRUE(pam->enabled());
-    // The options in their order; then what makes the descriptor one that the loop can watch.
-    const std::vector<std::string> options = {"setsockopt(IP_HDRINCL)",
-                                              "setsockopt(IP_PKTINFO)",
-                                              "setsockopt(IP_FREEBIND)",
-                                              "setsockopt(IP_MULTICAST_LOOP)",
-                                              "setsockopt(IP_RECVERR)",
-                                              "setsockopt(IP_RECVORIGDSTADD)",
-                                              "setsockopt(IP_RECVTOS)",
-                                              "setsockopt(IP_RECVTTL)",
-                                              "setsockopt(IP_ROUTER_ALERT)",
-                                              "setsockopt(SO_ATTACH_FILTER)",
-                                              "setsockopt(SO_RCVBUFFORCE)",
-                                              "setsockopt(IP_TOS)",
-                                              "setsockopt(IP_TTL)",
-                                              "setsockopt(IP_TRANSPARENT)",
-                                              "setsockopt(SO_PRIORITY)",
-                                              "setsockopt(IP_OPTIONS)",
-                                              "fcntl(F_SETFL)",
-                                              "fcntl(F_SETFL)",
-                                              "epoll_ctl"};
-    const auto first = std::find(texts.begin(), texts.end(), options.front());
-    EXPECT_EQ(std::vector<std::string>(first, texts.end()), options);
+    EXPECT_EQ(failedEnablings(pam, texts.front()), texts);
     pam->enabledIs(false);
     EXPECT_EQ(PavoTest::openDescriptors(), before);
 }
 
-TEST_F(IpSocketPamTest, SaysWhichNamespaceOrFilterIsMissing) {
-    const auto lost = ipSocketPamFactory("lost", protocol, NamespaceName("nowhere"));
+TEST_P(RawIpPamTest, SaysWhatIsMissing) {
+    const auto lost = newPam(protocol, "nowhere");
     EXPECT_EQ(errorOf([&] { lost->enabledIs(true); }), thrown("socketAt", ENOENT));
 
-    const char* const noFilter = "SO_ATTACH_FILTER option must be supplied with a valid filter";
     const auto pam = openPam();
-    EXPECT_EQ(errorOf([&] { pam->optionsIs(ipAttachFilter); }), thrown(noFilter, EINVAL));
-    EXPECT_EQ(pam->options(), none);
+    EXPECT_EQ(errorOf([&] { pam->optionsIs(ipPktInfo | ipAttachFilter); }),
+              thrown("SO_ATTACH_FILTER option must be supplied with a valid filter", EINVAL));
+    EXPECT_EQ(pam->options(), ipPktInfo);  // The one that came before is on.
     pam->rxFilterIs(0, dropAll);
     pam->optionsIs(ipAttachFilter);
     pam->txPktIs(pktOf("dropped"));
-    EXPECT_EQ(pam->rxPkt(), nullptr);
     {
         PavoTest::FailSyscall fail(1, ENOMEM, "setsockopt");
         EXPECT_EQ(errorOf([&] { pam->optionsIs(none); }),
@@ -246,68 +198,138 @@ TEST_F(IpSocketPamTest, SaysWhichNamespaceOrFilterIsMissing) {
     EXPECT_EQ(payload(receive(pam)), "passed");
 }
 
-TEST_F(IpSocketPamTest, TellsEverythingAboutAReceivedPacket) {
-    const auto pam = openPam(ipPktInfo | ipRecvTTL | ipRecvTOS | ipRecvOrigDstAddr);
-    const IpAddr other(0x7f000002);
-    pam->txSrcIpAddrIs(other);
-    pam->txTOSIs(0xb9);  // The two congestion bits too.
-    pam->txTTLIs(77);
-    pam->txPktIs(pktOf("hello"));
-    const auto pkt = receive(pam);
-    EXPECT_EQ(payload(pkt), "hello");
-    EXPECT_EQ(pkt->totalBytes(), 25u);
-    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(other));
-    EXPECT_EQ(pam->rxDstIpAddr(), IpGenAddr(loopback));
-    EXPECT_EQ(pam->rxOrigDstIpAddr(), IpGenAddr(loopback));
-    EXPECT_EQ(pam->rxIfIndex(), if_nametoindex("lo"));
-    EXPECT_EQ(pam->rxTOS(), 0xb9);
-    EXPECT_EQ(pam->rxTTL(), 77);
-    EXPECT_EQ(pam->rxPktCount(), 1u);
-    EXPECT_EQ(pam->txPktCount(), 1u);
+TEST_P(RawIpPamTest, TellsEverythingAboutPacketsOverAWire) {
+    const Wire wire;
+    const auto left = openIn("left", none);
+    const auto right = openIn("right", ipPktInfo | ipRecvTTL | ipRecvTOS | ipRecvOrigDstAddr);
+    struct Case {
+        const char *source, *destination;
+        uint8_t ttl;  // As received.
+    };
+    static const std::vector<Case> four = {
+        {"192.0.2.1", "192.0.2.2", 77},
+        {"192.0.2.1", "224.0.0.251", 1},  // Of IPv4 packets to groups the kernel knows better.
+    };
+    static const std::vector<Case> six = {
+        {"2001:db8::1", "2001:db8::2", 77},
+        {"fe80::1", "fe80::2", 77},
+        {"fe80::1", "ff02::fb", 77},
+    };
+    right->doJoinMcastGroup(wire.index("right"), addr(pick("224.0.0.251", "ff02::fb")));
+    left->txIfNameIs("veth-left");  // A name of that namespace, not of this one.
+    left->txTOSIs(0xb9);            // The two congestion bits too.
+    left->txTTLIs(77);
+    for (const Case& c : pick(four, six)) {
+        left->txSrcIpAddrIs(addr(c.source));
+        left->txDstIpAddrIs(addr(c.destination));
+        const std::string known = textOf({addr(c.source), addr(c.destination), addr(c.destination),
+                                          wire.index("right"), 0xb9, c.ttl});
+        sendAll(left, {"first", "second"});
+        const auto pkt = receive(right);
+        EXPECT_EQ(payload(pkt), "first");
+        EXPECT_EQ(pkt->totalBytes(), headerBytes() + 5);
+        EXPECT_EQ(textOf(rxInfo(*right)), known);
+        right->enableBulkReadIs(true);
+        ASSERT_EQ(right->rxPktBulk(), 1);
+        EXPECT_EQ(payload(right->savedPacket(0)), "second");
+        EXPECT_EQ(textOf(right->savedPacketInfo(0)), known);
+        EXPECT_EQ(textOf(rxInfo(*right)), known);
+        right->enableBulkReadIs(false);
+    }
+    EXPECT_EQ(right->rxPktCount(), left->txPktCount());
 
-    // What the next packet does not carry stays as it was.
-    pam->optionsIs(none);
-    pam->txTTLIs(0);
-    pam->txSrcIpAddrIs(IpGenAddr());
-    pam->txPktIs(pktOf("again"));
-    EXPECT_EQ(payload(receive(pam)), "again");
-    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(loopback));
-    EXPECT_EQ(pam->rxTTL(), 77);
-    EXPECT_EQ(readBack(pam, IPPROTO_IP, IP_TTL), 64);
+    // What the next packet does not carry stays as it was; a link-local sender tells the interface.
+    const uint8_t before = right->rxTTL();
+    right->optionsIs(none);
+    right->rxIfIndexIs(4711);
+    left->txTTLIs(0);
+    EXPECT_EQ(optionOf(*left, level(), pick(IP_TTL, IPV6_UNICAST_HOPS)), 64);
+    left->txPktIs(pktOf("again"));
+    EXPECT_EQ(payload(receive(right)), "again");
+    EXPECT_EQ(right->rxTTL(), before);
+    EXPECT_EQ(right->rxIfIndex(), pick(4711u, wire.index("right")));
 }
 
-TEST_F(IpSocketPamTest, LeavesOutAControlMessageThatWasCutShort) {
+TEST_P(RawIpPamTest, HearsAGroupWhileItIsAMember) {
+    const Wire wire;
+    const auto left = openIn("left", none);
+    const auto right = openIn("right", none);
+    const uint32_t index = wire.index("right");
+    const IpGenAddr group = addr(pick("224.0.1.99", "ff0e::99"));
+    left->txIfIndexIs(wire.index("left"));
+    // The marker comes to the host's own address, behind what went to the group.
+    const auto expectHeard = [&](bool heard) {
+        left->txDstIpAddrIs(group);
+        left->txPktIs(pktOf("group"));
+        left->txDstIpAddrIs(addr(pick("192.0.2.2", "2001:db8::2")));
+        left->txPktIs(pktOf("marker"));
+        EXPECT_EQ(payload(receive(right)), heard ? "group" : "marker");
+        EXPECT_EQ(heard ? payload(receive(right)) : "marker", "marker");
+    };
+    const auto expectError = [&](uint32_t ifIndex, const IpGenAddr& each, bool join, int error) {
+        const char* const joining = pick("IP_ADD_MEMBERSHIP", "IPV6_JOIN_GROUP");
+        const char* const leaving = pick("IP_DROP_MEMBERSHIP", "IPV6_LEAVE_GROUP");
+        EXPECT_EQ(errorOf([&] {
+                      join ? right->doJoinMcastGroup(ifIndex, each)
+                           : right->doLeaveMcastGroup(ifIndex, each);
+                  }),
+                  thrown(std::string("setsockopt(") + (join ? joining : leaving) + ")", error));
+    };
+    expectHeard(false);
+    right->doJoinMcastGroup(index, group);
+    expectHeard(true);
+    expectError(index, group, true, EADDRINUSE);
+    right->doLeaveMcastGroup(index, group);
+    expectHeard(false);
+    expectError(index, group, false, EADDRNOTAVAIL);
+    expectError(4711, group, true, ENODEV);
+    expectError(index, addr(pick("ff02::1", "224.0.0.1")), true, EAFNOSUPPORT);
+    right->doJoinMcastGroup(index, group);
+    right->enabledIs(false);
+    EXPECT_DEATH(right->doJoinMcastGroup(index, group), "enabled\\(\\)");
+    right->enabledIs(true);  // Memberships end with the socket.
+    expectHeard(false);
+}
+
+TEST_P(RawIpPamTest, LeavesOutAControlMessageThatWasCutShort) {
     const auto pam = openPam(ipPktInfo | ipRecvTTL | ipRecvTOS | ipRecvOrigDstAddr);
-    const int on = 1;  // A message that nobody planned for takes the room of the last one.
-    ASSERT_EQ(setsockopt(pam->fileDesc()->descriptor(), SOL_SOCKET, SO_TIMESTAMP, &on, sizeof(on)),
-              0);
+    optionIs(*pam, SO_TIMESTAMP,
+             1);  // A message that nobody planned for takes the last one's room.
     pam->txTTLIs(33);
     pam->txPktIs(pktOf("hello"));
     EXPECT_EQ(payload(receive(pam)), "hello");
-    EXPECT_EQ(pam->rxTTL(), 33);
-    EXPECT_EQ(pam->rxDstIpAddr(), IpGenAddr(loopback));
-    EXPECT_EQ(pam->rxOrigDstIpAddr(), IpGenAddr());
+    EXPECT_EQ(textOf(rxInfo(*pam)), textOf({loopback(), loopback(), IpGenAddr(), 1, 0, 33}));
 }
 
-TEST_F(IpSocketPamTest, ReadsWhatIsThereAndCountsWhatIsNot) {
+Texts traced;
+
+TEST_P(RawIpPamTest, ReadsWhatIsThereAndCountsWhatIsNot) {
     const auto pam = openPam();
     EXPECT_EQ(pam->rxPkt(), nullptr);
     EXPECT_EQ(pam->rxErrors(), 1u);
     EXPECT_EQ(pam->rxPktCount(), 0u);
 
-    pam->maxRxPktDataIs(24);  // A longer packet is cut off there.
-    pam->txPktIs(pktOf("longer than that"));
-    pam->txPktIs(pktOf(""));
+    pam->maxRxPktDataIs(headerBytes() + 4);  // A longer packet is cut off there.
+    sendAll(pam, {"longer than that", ""});
     EXPECT_EQ(payload(receive(pam)), "long");
-    EXPECT_EQ(receive(pam)->totalBytes(), 20u);
+    EXPECT_EQ(receive(pam)->totalBytes(), headerBytes());
     pam->maxRxPktDataIs(1537);
     EXPECT_DEATH(pam->rxPkt(), "maxSize >= maxRxPktData\\(\\)");
     pam->enabledIs(false);
-    EXPECT_EQ(pam->rxPkt(), nullptr);
     EXPECT_DEATH(pam->txPktIs(pktOf("x")), "enabled\\(\\)");
+
+    Mox::traceSettingsIs("Pavo::*/1");
+    Mox::traceSinkIs([](const char* from, int, std::string_view message) {
+        traced = {from, std::string(message)};
+    });
+    EXPECT_EQ(pam->rxPkt(), nullptr);
+    Mox::traceSinkIs(nullptr);
+    Mox::traceSettingsIs("Pavo::*/");
+    const std::string name = pick("IpSocketPam", "Ip6SocketPam");
+    EXPECT_EQ(traced, (Texts{"Pavo::" + name, name + " not enabled. Aborting action"}));
 }
 
-TEST_F(IpSocketPamTest, ReadsBatchesWithWhatIsKnownOfEachPacket) {
+TEST_P(RawIpPamTest, ReadsBatchesWithWhatIsKnownOfEachPacket) {
     const auto pam = openPam(ipRecvTTL);
     pam->socketReadLimitIs(3);
     pam->enableBulkReadIs(true);
@@ -318,16 +340,19 @@ TEST_F(IpSocketPamTest, ReadsBatchesWithWhatIsKnownOfEachPacket) {
         pam->txPktIs(pktOf(texts[i]));
     }
     EXPECT_EQ(pam->rxPktBulk(), 3);
-    Mox::Ptr<Pkt> kept = pam->savedPacket(0);
+    const Mox::Ptr<Pkt> kept = pam->savedPacket(0);
+    const Pkt* const second = pam->savedPacket(1).ptr();
     for (uint32_t i = 0; i < 3; ++i) {
         EXPECT_TRUE(pam->savedPacketRx(i));
         EXPECT_EQ(payload(pam->savedPacket(i)), texts[i]);
         EXPECT_EQ(pam->savedPacketInfo(i).ttl, 10 + i);
-        EXPECT_EQ(pam->savedPacketInfo(i).srcIpAddr, IpGenAddr(loopback));
+        EXPECT_EQ(pam->savedPacketInfo(i).srcIpAddr, loopback());
     }
     EXPECT_EQ(pam->rxPktBulk(), 1);
     EXPECT_EQ(payload(pam->savedPacket(0)), "four");
     EXPECT_EQ(payload(kept), "one");
+    EXPECT_EQ(pam->savedPacket(1).ptr(), second);  // Nobody held it: read into again.
+    EXPECT_EQ(second->maxSharedData(), Pkt::Manager::defaultBufferSize);
     EXPECT_FALSE(pam->savedPacketRx(1));
     EXPECT_EQ(pam->rxPktBulk(), 0);
     EXPECT_EQ(pam->rxErrors(), 1u);
@@ -336,22 +361,19 @@ TEST_F(IpSocketPamTest, ReadsBatchesWithWhatIsKnownOfEachPacket) {
     EXPECT_EQ(pam->savedPacket().members(), 0u);
 }
 
-TEST_F(IpSocketPamTest, ReadsABatchIntoSlotsThatObserversTakeAway) {
+TEST_P(RawIpPamTest, ReadsABatchIntoSlotsThatObserversTakeAway) {
     const auto pam = openPam();
     pam->socketReadLimitIs(3);
     pam->enableBulkReadIs(true);
-    EXPECT_EQ(pam->rxPktBulk(), 0);
-    const Mox::Watch<IpSocketPam> taken(pam, Pam::savedPacketRxAttr,
-                                        [&pam](uint32_t) { pam->savedPacketDelAll(); });
+    const Mox::Watch<RawIpPam> taken(pam, Pam::savedPacketRxAttr,
+                                     [&pam](uint32_t) { pam->savedPacketDelAll(); });
     for (int round = 0; round < 3; ++round) {
-        for (const char* text : {"a", "b", "c"}) {
-            pam->txPktIs(pktOf(text));
-        }
+        sendAll(pam, {"a", "b", "c"});
         EXPECT_EQ(pam->rxPktBulk(), 3);
         pam->savedPacketDelAll();
     }
-    const Mox::Watch<IpSocketPam> closed(pam, IpPam::rxPktCountAttr,
-                                         [&pam] { pam->enabledIs(false); });
+    const Mox::Watch<RawIpPam> closed(pam, IpPam::rxPktCountAttr,
+                                      [&pam] { pam->enabledIs(false); });
     pam->txPktIs(pktOf("last"));
     EXPECT_EQ(pam->rxPktBulk(), 1);
     EXPECT_FALSE(pam->enabled());
@@ -359,53 +381,40 @@ TEST_F(IpSocketPamTest, ReadsABatchIntoSlotsThatObserversTakeAway) {
     EXPECT_FALSE(pam->savedPacketRx(0));
 }
 
-TEST_F(IpSocketPamTest, ReadsBatchesIntoTheSameBuffers) {
+TEST_P(RawIpPamTest, CountsEverySendThatFails) {
     const auto pam = openPam();
-    pam->socketReadLimitIs(2);
-    pam->enableBulkReadIs(true);
-    const Pkt* first = nullptr;
-    for (int round = 0; round < 3; ++round) {
-        pam->txPktIs(pktOf("again"));
-        ASSERT_EQ(pam->rxPktBulk(), 1);
-        const Pkt* pkt = pam->savedPacket(0).ptr();
-        EXPECT_EQ(pkt->stringValue().view().substr(20), "again");
-        EXPECT_EQ(pkt->maxSharedData(), Pkt::Manager::defaultBufferSize);
-        first = round == 0 ? pkt : first;
-        EXPECT_EQ(pkt, first);
-    }
-}
-
-TEST_F(IpSocketPamTest, CountsEverySendThatFails) {
-    const auto pam = openPam();
+    const IpGenAddr other = addr(pick("::1", "127.0.0.1"));
     const struct {
-        const char* what;
-        std::function<void()> prepare;
+        IpGenAddr destination, source;
+        uint32_t ifIndex;
+        const char* ifName;
         int error;
     } cases[] = {
-        {"no route", [&] { pam->txDstIpAddrIs(IpAddr(0xc6336401)); }, ENETUNREACH},
-        {"broadcast", [&] { pam->txDstIpAddrIs(IpAddr(0x7fffffff)); }, EACCES},
-        {"unknown interface", [&] { pam->txIfIndexIs(4711); }, ENODEV},
-        {"unknown name", [&] { pam->txIfNameIs("nowhere0"); }, ENODEV},
-        {"impossible name", [&] { pam->txIfNameIs("a-name-that-is-too-long"); }, ENODEV},
-        {"foreign source", [&] { pam->txSrcIpAddrIs(IpAddr(0x08080808)); }, ENETUNREACH},
+        {addr(pick("198.51.100.1", "2001:db8:1::1")), {}, 0, "", ENETUNREACH},
+        // Broadcast; no interface.
+        {addr(pick("127.255.255.255", "fe80::1")), {}, 0, "", pick(EACCES, ENETUNREACH)},
+        {other, {}, 0, "", EAFNOSUPPORT},
+        {loopback(), other, 0, "", EAFNOSUPPORT},
+        {loopback(), addr(pick("8.8.8.8", "2001:db8::8")), 0, "", pick(ENETUNREACH, EINVAL)},
+        {loopback(), {}, 4711, "lo", ENODEV},
+        {loopback(), {}, 0, "nowhere0", ENODEV},
+        {loopback(), {}, 0, "a-name-that-is-too-long", ENODEV},
     };
     uint32_t errors = 0;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        pam->txDstIpAddrIs(loopback);
-        pam->txIfIndexIs(0);
-        pam->txIfNameIs("");
-        pam->txSrcIpAddrIs(IpGenAddr());
-        c.prepare();
+        SCOPED_TRACE(errors);
+        pam->txDstIpAddrIs(c.destination);
+        pam->txSrcIpAddrIs(c.source);
+        pam->txIfIndexIs(c.ifIndex);
+        pam->txIfNameIs(c.ifName);
         pam->txPktIs(pktOf("x"));
         EXPECT_EQ(pam->txErrno(), c.error);
         EXPECT_EQ(pam->txErrors(), ++errors);
         EXPECT_EQ(pam->txPktCount(), 0u);
     }
-    pam->txSrcIpAddrIs(IpGenAddr());
     pam->txIfNameIs("lo");
     const auto huge = globalPktManager()->newPkt();
-    huge->newSharedTailData(65530);
+    huge->newSharedTailData(65536);
     pam->txPktIs(huge);
     EXPECT_EQ(pam->txErrno(), EMSGSIZE);
     pam->txPktIs(pktOf("x"));
@@ -413,7 +422,7 @@ TEST_F(IpSocketPamTest, CountsEverySendThatFails) {
     EXPECT_EQ(pam->txPktCount(), 1u);
 }
 
-TEST_F(IpSocketPamTest, SendsPacketsOfTwoPiecesAndWithTheirOwnHeader) {
+TEST_P(RawIpPamTest, SendsPacketsOfTwoPiecesAndWithTheirOwnHeader) {
     const auto pam = openPam();
     const auto pieces = pktOf("rear");
     std::copy_n("front ", 6, pieces->newPrivateHeadData(6));
@@ -421,107 +430,120 @@ TEST_F(IpSocketPamTest, SendsPacketsOfTwoPiecesAndWithTheirOwnHeader) {
     EXPECT_EQ(payload(receive(pam)), "front rear");
 
     pam->optionsIs(ipHdrIncl | ipRecvTTL);
-    const auto whole = pktWithHeader("mine", 5, loopback, loopback);
-    pam->txPktIs(whole);
+    pam->txPktIs(pktWithHeader("mine", 5, loopback(), loopback()));
     EXPECT_EQ(payload(receive(pam)), "mine");
     EXPECT_EQ(pam->rxTTL(), 5);
 }
 
-TEST_F(IpSocketPamTest, KeepsItsPriorityWhenTheKernelOverwritesItWithTheTos) {
+TEST_P(RawIpPamTest, KeepsItsPriorityAndItsValuesWhenTheyCannotBeSet) {
     const auto pam = newPam();
-    pam->priorityIs(tcPrioInteractive);
+    pam->priorityIs(tcPrioControl);
     pam->optionsIs(ipPriority);
     pam->txTOSIs(0x08);
     pam->enabledIs(true);
-    EXPECT_EQ(readBack(pam, SOL_SOCKET, SO_PRIORITY), tcPrioInteractive);
-    pam->txTOSIs(0x10);
-    EXPECT_EQ(readBack(pam, SOL_SOCKET, SO_PRIORITY), tcPrioInteractive);
-    EXPECT_EQ(readBack(pam, IPPROTO_IP, IP_TOS), 0x10);
-    {
+    EXPECT_EQ(optionOf(*pam, SOL_SOCKET, SO_PRIORITY), tcPrioControl);
+    pam->txTOSIs(0x10);  // With which the kernel of IPv4 overwrites it.
+    EXPECT_EQ(optionOf(*pam, SOL_SOCKET, SO_PRIORITY), tcPrioControl);
+    const auto expectError = [](const char* option, auto change) {
         PavoTest::FailSyscall fail(1, EPERM, "setsockopt");
-        EXPECT_EQ(errorOf([&] { pam->txTOSIs(0x20); }), thrown("setsockopt(IP_TOS)", EPERM));
-        EXPECT_EQ(pam->txTOS(), IpDscp(0x10));
-    }
-    pam->ipPktOptionIs(ipPktRouterAlert, true);
-    pam->txDstIpAddrIs(loopback);
-    pam->txPktIs(pktOf("x"));
-    EXPECT_EQ(receive(pam)->totalBytes(), 25u);  // Four more in the header.
+        EXPECT_EQ(errorOf(change), thrown("setsockopt(" + std::string(option) + ")", EPERM));
+    };
+    expectError(pick("IP_TOS", "IPV6_TCLASS"), [&] { pam->txTOSIs(0x20); });
+    expectError(pick("IP_TTL", "IPV6_UNICAST_HOPS"), [&] { pam->txTTLIs(9); });
+    expectError(pick("IP_OPTIONS", "IPV6_HOPOPTS"),
+                [&] { pam->ipPktOptionIs(ipPktRouterAlert, true); });
+    EXPECT_EQ(pam->txTOS(), IpDscp(0x10));
+    EXPECT_EQ(pam->txTTL(), IpTtl(0));
+    EXPECT_FALSE(pam->ipPktOption(ipPktRouterAlert));
 }
 
-TEST_F(IpSocketPamTest, CostsNoEventsWhileItIsIdleOrNobodyReads) {
-    for (const bool unread : {false, true}) {
-        SCOPED_TRACE(unread);
-        const auto pam = openPam();
-        (void)pam->rxPkt();
-        if (unread) {
-            pam->txPktIs(pktOf("unread"));
-            EXPECT_EQ(loop_.turn(0), 1u);
-        }
-        const uint32_t readable = pam->readableCount();
-        const uint32_t errors = pam->rxErrors();
-        for (int i = 0; i < 1000; ++i) {
-            ASSERT_EQ(loop_.turn(0), 0u);
-        }
-        EXPECT_EQ(pam->readableCount(), readable);
-        EXPECT_EQ(pam->writableCount(), 1u);
-        EXPECT_EQ(pam->rxErrors(), errors);
+TEST_P(RawIpPamTest, OnlyARouterThatAsksHearsPacketsWithTheAlert) {
+    const Wire wire;
+    {
+        const PavoTest::ScopedNetns inside("right");
+        PavoTest::run(
+            {"sysctl", "-qw", pick("net.ipv4.ip_forward=1", "net.ipv6.conf.all.forwarding=1")});
     }
+    const char* const beyond = pick("198.51.100.0/24", "2001:db8:9::/64");
+    const char* const router = pick("192.0.2.2", "2001:db8::2");
+    PavoTest::run({"ip", "-n", "left", "route", "add", beyond, "via", router});
+    PavoTest::run({"ip", "-n", "right", "route", "add", beyond, "dev", "veth-right"});
+    const auto left = openIn("left", none);
+    left->txDstIpAddrIs(addr(pick("198.51.100.9", "2001:db8:9::9")));
+    // The kernel of IPv6 wants another protocol than that of the packets.
+    const auto right = newPam(pick(protocol, IpProtocolNumber::reserved), "right");
+    right->optionsIs(ipRouterAlert);
+    right->enabledIs(true);
+    left->txPktIs(pktOf("plain"));
+    left->ipPktOptionIs(ipPktRouterAlert, true);
+    left->txPktIs(pktOf("alert"));
+    EXPECT_TRUE(receive(right)->stringValue().view().ends_with("alert"));
+    right->optionsIs(none);
+    left->txPktIs(pktOf("not heard"));
+    left->ipPktOptionDelAll();
+    EXPECT_EQ(right->rxPkt(), nullptr);
+    EXPECT_EQ(errorOf([&] { left->optionsIs(ipRouterAlert); }),
+              isV6() ? thrown("setsockopt(IPV6_ROUTER_ALERT)", ENOPROTOOPT) : "");
 }
 
-TEST_F(IpSocketPamTest, IsCalledAgainWhileMoreWaits) {
+TEST_P(RawIpPamTest, IsCalledWhileMoreWaitsAndElseCostsNoEvents) {
     const auto pam = openPam();
-    std::vector<std::string> seen;
-    const Mox::Watch<IpSocketPam> readable(pam, Pam::readableCountAttr, [&] {
-        if (const auto pkt = pam->rxPkt()) {
-            seen.push_back(payload(pkt));
-        }
+    (void)pam->rxPkt();
+    expectNoEvents();
+    pam->txPktIs(pktOf("unread"));
+    EXPECT_EQ(loop_.turn(0), 1u);
+    expectNoEvents();  // Nobody reads.
+    EXPECT_EQ(pam->readableCount(), 2u);
+    EXPECT_EQ(pam->writableCount(), 1u);
+
+    Texts seen = {payload(receive(pam))};
+    const Mox::Watch<RawIpPam> readable(pam, Pam::readableCountAttr, [&] {
+        const auto pkt = pam->rxPkt();
+        seen.push_back(pkt ? payload(pkt) : "nothing");
     });
-    for (const char* text : {"a", "b", "c"}) {
-        pam->txPktIs(pktOf(text));
-    }
-    for (unsigned turn = 1; turn <= 3; ++turn) {
+    sendAll(pam, {"a", "b", "c"});
+    for (unsigned turn = 1; turn <= 4; ++turn) {
         EXPECT_EQ(loop_.turn(0), 1u);
-        EXPECT_EQ(seen.size(), turn);  // One packet a turn, and a turn for each.
+        EXPECT_EQ(seen.size(), 1 + turn);  // One packet a turn, and a turn for each.
     }
-    EXPECT_EQ(loop_.turn(0), 1u);  // The read that meets nothing.
-    EXPECT_EQ(loop_.turn(0), 0u);
-    EXPECT_EQ(seen, (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(seen, (Texts{"unread", "a", "b", "c", "nothing"}));
+    expectNoEvents();
 }
 
-TEST_F(IpSocketPamTest, TellsOnceWhenThereIsRoomAgain) {
+TEST_P(RawIpPamTest, TellsOnceWhenThereIsRoomAgain) {
     // Packets for a neighbour that does not answer wait in the sender's buffer.
     PavoTest::makeVethPair("a0", "", "b0", "");
-    PavoTest::addAddress("", "a0", "10.9.0.1/24");
+    PavoTest::addAddress("", "a0", pick("10.9.0.1/24", "fd09::1/64"));
     PavoTest::setUp("", "a0");
     PavoTest::setUp("", "b0");
-    const IpAddr neighbour(0x0a090002);
-    const auto pam = openPam(ipHdrIncl);
+    const IpGenAddr own = addr(pick("10.9.0.1", "fd09::1"));
+    const IpGenAddr neighbour = addr(pick("10.9.0.2", "fd09::2"));
+    const auto pam = newHeaderPam();
+    pam->enabledIs(true);
     pam->txDstIpAddrIs(neighbour);
-    const int small = 0;
-    ASSERT_EQ(setsockopt(pam->fileDesc()->descriptor(), SOL_SOCKET, SO_SNDBUFFORCE, &small,
-                         sizeof(small)),
-              0);
+    const RawIpPam* sender = pam.ptr();
+    if (isV6()) {
+        sender = static_cast<const Ip6HdrInclSocketPam*>(sender)->txPam().ptr();
+    }
+    optionIs(*sender, SO_SNDBUFFORCE, 0);
     for (int i = 0; i < 100 && pam->txErrno() == 0; ++i) {
-        pam->txPktIs(pktWithHeader("waits", 9, IpAddr(0x0a090001), neighbour));
+        pam->txPktIs(pktWithHeader("waits", 9, own, neighbour));
     }
     ASSERT_EQ(pam->txErrno(), EAGAIN);
     EXPECT_EQ(loop_.turn(0), 0u);
     EXPECT_EQ(pam->writableCount(), 1u);
 
-    PavoTest::run(
-        {"ip", "neigh", "replace", "10.9.0.2", "lladdr", "02:00:00:00:00:02", "dev", "a0"});
+    PavoTest::run({"ip", "neigh", "replace", neighbour.stringValue().c_str(), "lladdr",
+                   "02:00:00:00:00:02", "dev", "a0"});
     loop_.turn(2);
     EXPECT_EQ(pam->writableCount(), 2u);
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(loop_.turn(0), 0u);
-    }
-    EXPECT_EQ(pam->writableCount(), 2u);
-    pam->txPktIs(pktWithHeader("goes", 9, IpAddr(0x0a090001), neighbour));
+    expectNoEvents();
+    pam->txPktIs(pktWithHeader("goes", 9, own, neighbour));
     EXPECT_EQ(pam->txErrno(), 0);
     PavoTest::run({"ip", "link", "del", "a0"});
 }
 
-TEST_F(IpSocketPamTest, MayBeDisabledOrDroppedFromInsideANotification) {
+TEST_P(RawIpPamTest, MayBeDisabledOrDroppedFromInsideANotification) {
     const auto before = PavoTest::openDescriptors();
     (void)globalPktManager();  // Lives on, and must not be taken for a leak.
     const uint32_t objects = Mox::liveObjects();
@@ -529,35 +551,26 @@ TEST_F(IpSocketPamTest, MayBeDisabledOrDroppedFromInsideANotification) {
     for (const Act act : {Act::disable, Act::reopen, Act::drop, Act::fail}) {
         for (const bool atBirth : {true, false}) {
             SCOPED_TRACE(testing::Message() << static_cast<int>(act) << " " << atBirth);
-            Mox::Ptr<IpSocketPam> pam = newPam();
-            pam->txDstIpAddrIs(loopback);
+            Mox::Ptr<RawIpPam> pam = newHeaderPam();
+            pam->txDstIpAddrIs(loopback());
             bool armed = atBirth;
-            Mox::Watch<IpSocketPam> watch(pam, Pam::readableCountAttr, [&] {
+            Mox::Watch<RawIpPam> watch(pam, Pam::readableCountAttr, [&] {
                 if (!std::exchange(armed, false)) {
                     return;
                 }
-                switch (act) {
-                    case Act::disable:
-                        pam->enabledIs(false);
-                        break;
-                    case Act::reopen:
-                        pam->enabledIs(false);
-                        pam->enabledIs(true);
-                        break;
-                    case Act::drop:
-                        pam->enabledIs(false);
-                        pam = nullptr;
-                        break;
-                    case Act::fail:
-                        throw std::runtime_error("agent");
+                if (act == Act::fail) {
+                    throw std::runtime_error("agent");
                 }
+                pam->enabledIs(false);
+                pam->enabledIs(act == Act::reopen);
+                pam = act == Act::drop ? nullptr : pam;
             });
             bool failed = false;
             try {
                 pam->enabledIs(true);
                 if (!atBirth) {
                     armed = true;
-                    pam->txPktIs(pktOf("x"));
+                    pam->txPktIs(pktWithHeader("x", 9, loopback(), loopback()));
                     loop_.turn(1);
                 }
             } catch (const std::runtime_error&) {
@@ -577,61 +590,20 @@ TEST_F(IpSocketPamTest, MayBeDisabledOrDroppedFromInsideANotification) {
     EXPECT_EQ(Mox::liveObjects(), objects);
 }
 
-// Two namespaces and a wire.
-class TwoNamespacesTest : public IpSocketPamTest {
-  protected:
-    void SetUp() override {
-        IpSocketPamTest::SetUp();
-        if (!IsSkipped()) {
-            PavoTest::makeWire();
-        }
-    }
-    void TearDown() override {
-        if (!IsSkipped()) {
-            PavoTest::removeWire();
-        }
-    }
-
-    Mox::Ptr<IpSocketPam> openIn(const char* netNs, uint32_t options) {
-        const auto pam = ipSocketPamFactory(netNs, protocol, NamespaceName(netNs));
-        pam->optionsIs(options);
-        pam->txDstIpAddrIs(IpAddr(0xc0000202));
-        pam->enabledIs(true);
-        return pam;
-    }
-};
-
-TEST_F(TwoNamespacesTest, EachEndpointLivesInItsOwn) {
-    const auto left = openIn("left", none);
-    const auto right = openIn("right", ipPktInfo);
-    left->txIfNameIs("veth-left");  // A name of that namespace, not of this one.
-    left->txPktIs(pktOf("across"));
-    EXPECT_EQ(left->txErrno(), 0);
-    EXPECT_EQ(payload(receive(right)), "across");
-    EXPECT_EQ(right->rxSrcIpAddr(), IpGenAddr(IpAddr(0xc0000201)));
-    const PavoTest::ScopedNetns inside("right");
-    EXPECT_EQ(right->rxIfIndex(), if_nametoindex("veth-right"));
-}
-
-TEST_F(TwoNamespacesTest, TheErrorQueueIsDrainedAndCounted) {
+TEST_P(RawIpPamTest, TheErrorQueueIsDrainedAndCounted) {
+    const Wire wire;
     const auto left = openIn("left", ipRecvErr);
-    const Mox::Watch<IpSocketPam> readable(left, Pam::readableCountAttr,
-                                           [&left] { (void)left->rxPkt(); });
-    for (int i = 0; i < 3; ++i) {
-        left->txPktIs(pktOf("nobody speaks this"));  // Answered "protocol unreachable".
-    }
+    left->txDstIpAddrIs(addr(pick("192.0.2.2", "2001:db8::2")));
+    const Mox::Watch<RawIpPam> readable(left, Pam::readableCountAttr,
+                                        [&left] { (void)left->rxPkt(); });
+    sendAll(left, Texts(3, "nobody speaks this"));  // Answered "protocol unreachable".
     loop_.turn(2);
     for (int i = 0; i < 10; ++i) {
         loop_.turn(0);
     }
-    // Three errors, and at least one read that met them.
-    EXPECT_GE(left->rxErrors(), 4u);
+    EXPECT_GE(left->rxErrors(), 4u);  // Three errors, and at least one read that met them.
     EXPECT_EQ(left->rxPktCount(), 0u);
-    const uint32_t errors = left->rxErrors();
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(loop_.turn(0), 0u);
-    }
-    EXPECT_EQ(left->rxErrors(), errors);
+    expectNoEvents();
 }
 
 }  // namespace

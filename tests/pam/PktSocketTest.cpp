@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <linux/if_tun.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -12,16 +11,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <map>
-#include <string>
-#include <vector>
 
-#include "Mox/EventLoop.h"
-#include "Mox/Exception.h"
 #include "Pavo/RawSocket.h"
-#include "support/FailSyscall.h"
-#include "support/SandboxTest.h"
+#include "pam/PamFixture.h"
 
 namespace Pavo {
 namespace {
@@ -32,35 +25,12 @@ const IpAddr loopback(0x7f000001);
 const IpAddr leftAddr(0xc0000201);
 const IpAddr rightAddr(0xc0000202);
 
-Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
-    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-    pkt->stringValueIs(bytes, /*atTail=*/true);
-    return pkt;
-}
-
 // A broadcast frame, which every interface takes.
 std::string frameOf(uint16_t etherType, const std::string& payload) {
     std::string frame(6, '\xff');
     frame += std::string("\x02\0\0\0\0\x01", 6);
     frame += {static_cast<char>(etherType >> 8), static_cast<char>(etherType)};
     return frame + payload;
-}
-
-// What was thrown, as "text (errno)" or "text"; "" for nothing.
-std::string errorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Mox::ErrnoException& error) {
-        return std::string(error.message().view()) + " (" + std::to_string(error.errnoValue()) +
-               ")";
-    } catch (const Mox::Exception& error) {
-        return error.what();
-    }
-    return "";
-}
-
-std::string thrown(const std::string& text, int error) {
-    return text + " (" + std::to_string(error) + ")";
 }
 
 // Waits for a packet and gives its bytes from `offset` on.
@@ -92,52 +62,11 @@ class PktSocketTest : public PavoTest::SandboxTest {
     const Mox::Ptr<RawSocket::Manager> manager_ = RawSocketManagerFactory();
 };
 
-TEST_F(PktSocketTest, AFailedMakingLeavesOnlyTheHelperOpen) {
-    const struct {
-        std::function<Mox::Ptr<PktSocket>()> make;
-        std::vector<std::string> texts;  // What fails, in order.
-        std::size_t helperFrom;          // The failures from this one on leave it.
-    } cases[] = {
-        {[&] { return ipSocket(IpSocket::hdrIncl); },
-         {"socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)", "fcntl(F_SETFL)", "setsockopt(IP_HDRINCL)"},
-         99},
-        {[&] { return manager_->newEthSocket("eth", "lo", 3); },
-         {"socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)", "fcntl(F_SETFL)", "socket",
-          "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)", "bind"},
-         5},
-    };
-    for (const auto& c : cases) {
-        // The first one makes the packet manager, and sanitizers look its types up with system
-        // calls of their own.
-        c.make();
-        const uint32_t objects = Mox::liveObjects();
-        std::size_t descriptors = PavoTest::openDescriptors().size();
-        std::size_t at = 0;
-        Mox::Ptr<PktSocket> made;
-        PavoTest::failEachSyscall(
-            ENOBUFS, [&] { return errorOf([&] { made = c.make(); }); },
-            [&](const PavoTest::FailSyscall&, const std::string& error, int) {
-                ASSERT_LT(at, c.texts.size());
-                EXPECT_EQ(error, thrown(c.texts[at], ENOBUFS));
-                descriptors += at >= c.helperFrom;
-                EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors);
-                EXPECT_EQ(Mox::liveObjects(), objects);
-                ++at;
-            });
-        EXPECT_EQ(at, c.texts.size());
-        ASSERT_TRUE(made);
-        EXPECT_EQ(fcntl(made->fileDescriptor()->descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-        for (const auto& [fd, file] : PavoTest::openDescriptors()) {
-            if (before_.count(fd) == 0) {
-                EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << file;
-            }
-        }
-        made = nullptr;
-        EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors + (c.helperFrom < at));
-    }
-}
-
-TEST_F(PktSocketTest, AsksForTheProtocolAsItStands) {
+TEST_F(PktSocketTest, AsksForTheProtocolAsItStandsAndAFailureLeavesOnlyTheHelperOpen) {
+    const Texts ip = {"socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)", "fcntl(F_SETFL)",
+                      "setsockopt(IP_HDRINCL)"};
+    const Texts eth = {"socket", "fcntl(F_GETFL)",      "fcntl(F_SETFL)",       "fcntl(F_SETFL)",
+                       "socket", "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)", "bind"};
     const struct {
         const char* device;  // Null for an IP socket.
         RawSocket::Protocol given;
@@ -147,16 +76,42 @@ TEST_F(PktSocketTest, AsksForTheProtocolAsItStands) {
         {"lo", 0x0800, 0x0800},     {"lo", RawSocket::noProtocol, 3},
     };
     for (const auto& c : cases) {
-        PavoTest::FailSyscall fail(1, EMFILE, "socket");
-        EXPECT_EQ(errorOf([&] {
-                      if (c.device == nullptr) {
-                          manager_->newIpSocket("ip", c.given, noOptions);
-                      } else {
-                          manager_->newEthSocket("eth", c.device, c.given);
-                      }
-                  }),
-                  thrown("socket", EMFILE));
-        EXPECT_EQ(fail.argument(2), c.asked);
+        const Texts& texts = c.device == nullptr ? ip : eth;
+        Mox::Ptr<PktSocket> made;
+        const auto make = [&] {
+            made = nullptr;
+            if (c.device == nullptr) {
+                made = manager_->newIpSocket("ip", c.given, IpSocket::hdrIncl);
+            } else {
+                made = manager_->newEthSocket("eth", c.device, c.given);
+            }
+        };
+        // The first one makes the packet manager, and sanitizers look its types up with system
+        // calls of their own.
+        make();
+        made = nullptr;
+        const uint32_t objects = Mox::liveObjects();
+        std::size_t descriptors = PavoTest::openDescriptors().size();
+        std::size_t at = 0;
+        PavoTest::failEachSyscall(
+            ENOBUFS, [&] { return errorOf(make); },
+            [&](const PavoTest::FailSyscall& fail, const std::string& error, int) {
+                ASSERT_LT(at, texts.size());
+                EXPECT_EQ(error, thrown(texts[at], ENOBUFS));
+                EXPECT_EQ(at == 0 ? fail.argument(2) : c.asked, c.asked);
+                descriptors += at >= 5;  // From here on with the helper.
+                EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors);
+                EXPECT_EQ(Mox::liveObjects(), objects);
+                ++at;
+            });
+        EXPECT_EQ(at, texts.size());
+        ASSERT_TRUE(made);
+        EXPECT_EQ(fcntl(made->fileDescriptor()->descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+        for (const auto& [fd, file] : PavoTest::openDescriptors()) {
+            EXPECT_TRUE(before_.count(fd) != 0 || (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0) << file;
+        }
+        made = nullptr;
+        EXPECT_EQ(PavoTest::openDescriptors().size(), descriptors + (c.device != nullptr));
     }
 }
 
@@ -253,25 +208,18 @@ TEST_F(PktSocketTest, SaysWhatFailed) {
 
 TEST_F(PktSocketTest, BufferSizesAreThoseOfTheKernel) {
     const auto socket = ipSocket();
-    const struct {
-        const char* option;
-        std::function<void()> set;
-        std::function<uint32_t()> get;
-        uint32_t kept;  // Twice what was set.
-    } cases[] = {
-        {"(SO_SNDBUF)", [&] { socket->setSendBufSize(10000); },
-         [&] { return socket->sendBufSize(); }, 20000},
-        {"(SO_RCVBUF)", [&] { socket->setRecvBufSize(9000); },
-         [&] { return socket->recvBufSize(); }, 18000},
+    socket->setSendBufSize(10000);
+    socket->setRecvBufSize(9000);
+    EXPECT_EQ(socket->sendBufSize(), 20000u);  // Twice what was set.
+    EXPECT_EQ(socket->recvBufSize(), 18000u);
+    const auto expectError = [](const std::string& call, const char* option, auto function) {
+        PavoTest::FailSyscall fail(1, EPERM, call);
+        EXPECT_EQ(errorOf(function), thrown(call + option, EPERM));
     };
-    for (const auto& c : cases) {
-        c.set();
-        EXPECT_EQ(c.get(), c.kept);
-        PavoTest::FailSyscall failSet(1, EPERM, "setsockopt");
-        EXPECT_EQ(errorOf(c.set), thrown(std::string("setsockopt") + c.option, EPERM));
-        PavoTest::FailSyscall failGet(1, EPERM, "getsockopt");
-        EXPECT_EQ(errorOf([&] { c.get(); }), thrown(std::string("getsockopt") + c.option, EPERM));
-    }
+    expectError("setsockopt", "(SO_SNDBUF)", [&] { socket->setSendBufSize(1); });
+    expectError("setsockopt", "(SO_RCVBUF)", [&] { socket->setRecvBufSize(1); });
+    expectError("getsockopt", "(SO_SNDBUF)", [&] { socket->sendBufSize(); });
+    expectError("getsockopt", "(SO_RCVBUF)", [&] { socket->recvBufSize(); });
 }
 
 TEST_F(PktSocketTest, BindsToAnAddress) {
@@ -291,19 +239,6 @@ TEST_F(PktSocketTest, BindsToAnAddress) {
 // Two namespaces and a wire.
 class PktSocketWireTest : public PktSocketTest {
   protected:
-    void SetUp() override {
-        PktSocketTest::SetUp();
-        if (!IsSkipped()) {
-            PavoTest::makeWire();
-        }
-    }
-    void TearDown() override {
-        if (!IsSkipped()) {
-            PavoTest::removeWire();
-        }
-        PktSocketTest::TearDown();
-    }
-
     Mox::Ptr<IpSocket> ipSocketIn(const char* netNs) {
         const PavoTest::ScopedNetns inside(netNs);
         return ipSocket();
@@ -312,12 +247,10 @@ class PktSocketWireTest : public PktSocketTest {
         const PavoTest::ScopedNetns inside(netNs);
         return manager_->newEthSocket("eth", device, RawSocket::noProtocol);
     }
-    static void setDown(const char* netNs, const char* device) {
-        PavoTest::run({"ip", "-n", netNs, "link", "set", "dev", device, "down"});
-    }
 };
 
 TEST_F(PktSocketWireTest, IpSocketsHearTheirDeviceOnly) {
+    const Wire wire;
     const auto left = ipSocketIn("left");
     const auto right = ipSocketIn("right");
     const auto anyDevice = ipSocketIn("right");
@@ -347,6 +280,7 @@ TEST_F(PktSocketWireTest, IpSocketsHearTheirDeviceOnly) {
 }
 
 TEST_F(PktSocketWireTest, EthSocketsHearIpv4OfTheirDevice) {
+    const Wire wire;
     const auto left = ethSocketIn("left", "veth-left");
     const auto right = ethSocketIn("right", "veth-right");
     sockaddr_ll name{};
@@ -363,12 +297,13 @@ TEST_F(PktSocketWireTest, EthSocketsHearIpv4OfTheirDevice) {
 }
 
 TEST_F(PktSocketWireTest, EthSocketsSayThatTheirDeviceIsDownOrGone) {
+    const Wire wire;
     for (const char* const device : {"", "veth-wrong", "veth-right-and-no-device"}) {
         EXPECT_EQ(errorOf([&] { ethSocketIn("right", device); }),
                   thrown("ioctl(SIOCGIFINDEX)", ENODEV));
     }
     testing::internal::CaptureStderr();
-    setDown("left", "veth-left");
+    PavoTest::run({"ip", "-n", "left", "link", "set", "dev", "veth-left", "down"});
     const auto left = ethSocketIn("left", "veth-left");
     const auto right = ethSocketIn("right", "veth-right");
     const auto readLeft = [&] { EXPECT_EQ(left->recvPkt(nullptr), nullptr); };

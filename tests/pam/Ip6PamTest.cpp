@@ -1,0 +1,209 @@
+// What the IPv6 endpoints have and those of IPv4 have not.
+#include "Pavo/Ip6Pam.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "Pavo/Ip6HdrInclSocketPam.h"
+#include "pam/PamFixture.h"
+
+namespace Pavo {
+namespace {
+
+const IpGenAddr loopback(ip6AddrLoopback);
+const Ip6Addr rightLinkLocal(0xfe80000000000000, 2);
+
+using Ip6PamTest = PamFixture;
+
+TEST_F(Ip6PamTest, TheKernelFillsInChecksumsAndLooksAtThem) {
+    const auto pam = ip6SocketPamFactory("sums", protocol, NamespaceName());
+    const auto bare = ip6SocketPamFactory("bare", protocol, NamespaceName());
+    for (const auto& each : {pam, bare}) {
+        each->txDstIpAddrIs(loopback);
+        each->enabledIs(true);
+    }
+    for (const int offset : {-1, 3, 2}) {
+        pam->checksumOffsetIs(offset);
+        EXPECT_EQ(errorOf([&] { pam->optionsIs(ipv6Checksum); }),
+                  offset == 2 ? ""
+                              : thrown("IPV6_CHECKSUM option must be supplied with a valid offset",
+                                       EINVAL));
+    }
+    bare->txPktIs(pktOf("ab??wrong"));
+    pam->txPktIs(pktOf("ab??right"));
+    const std::string text = payload(receive(pam));
+    EXPECT_EQ(text.substr(4), "right");
+    EXPECT_NE(text.substr(2, 2), "??");
+    EXPECT_EQ(payload(receive(bare)), "ab??wrong");  // Nobody looked.
+    pam->optionsIs(none);
+    bare->txPktIs(pktOf("ab??wrong"));
+    EXPECT_EQ(payload(receive(pam)), "ab??wrong");
+}
+
+TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
+    const auto before = PavoTest::openDescriptors();
+    const auto pam = ip6HdrInclSocketPamFactory("test", protocol, NamespaceName());
+    pam->optionsIs(ipRecvTTL | ipPriority);
+    pam->priorityIs(tcPrioControl);
+    const std::vector<std::string> texts = failedEnablings(pam, "IPV6_HDRINCL");
+    // The inner one, whole; the namespace is looked up for each socket; then the outer one.
+    EXPECT_EQ(texts.front(), "IPV6_HDRINCL");
+    EXPECT_EQ(std::count(texts.begin(), texts.end(), "SO_PRIORITY"), 2);
+    EXPECT_EQ(std::count(texts.begin(), texts.end(), "epoll_ctl"), 2);
+
+    const IpGenAddr stranger = addr("2001:db8::7");  // Of nobody here: sent as it is.
+    const auto pkt = pktWithHeader("mine!", 33, stranger, loopback);
+    pam->txDstIpAddrIs(loopback);
+    pam->txPktIs(pkt);
+    EXPECT_EQ(payload(receive(pam)), "mine!");
+    EXPECT_EQ(pam->rxTTL(), 33);
+    EXPECT_EQ(pam->rxSrcIpAddr(), stranger);
+    EXPECT_EQ(pam->txPktCount(), 1u);
+
+    for (const uint32_t index : {4711, 0}) {
+        pam->txIfIndexIs(index);
+        pam->txIfNameIs(index != 0 ? "lo" : "nowhere0");
+        pam->txPktIs(pkt);
+        EXPECT_EQ(pam->txErrno(), ENODEV);
+    }
+    EXPECT_EQ(pam->txErrors(), 2u);
+    EXPECT_EQ(pam->txPktCount(), 1u);
+    {  // One that is disabled while it is told of the error's end.
+        const Mox::Watch<Ip6HdrInclSocketPam> watch(pam, Pam::txErrnoAttr,
+                                                    [&pam] { pam->enabledIs(false); });
+        pam->txPktIs(pkt);
+        EXPECT_EQ(pam->txErrors(), 3u);
+    }
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
+
+    pam->enabledIs(true);
+    pam->optionsIs(none);
+    pam->priorityIs(tcPrioBulk);
+    {  // What changed on the outer socket before a failure changes on the inner one.
+        PavoTest::FailSyscall fail(2, EPERM, "setsockopt");
+        EXPECT_EQ(errorOf([&] { pam->optionsIs(ipFreeBind | ipRecvTTL | ipPriority); }),
+                  thrown("setsockopt(IPV6_RECVHOPLIMIT)", EPERM));
+    }
+    EXPECT_EQ(optionOf(*pam->txPam(), IPPROTO_IPV6, IPV6_FREEBIND), 1);
+    pam->optionsIs(ipPriority);
+    EXPECT_EQ(optionOf(*pam->txPam(), SOL_SOCKET, SO_PRIORITY), tcPrioBulk);
+    {  // The inner socket, which comes second, refuses.
+        PavoTest::FailSyscall fail(2, EPERM, "setsockopt");
+        EXPECT_EQ(errorOf([&] { pam->optionsIs(ipFreeBind | ipPriority); }),
+                  thrown("setsockopt(IPV6_FREEBIND)", EPERM));
+    }
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
+}
+
+TEST_F(Ip6PamTest, AnIcmp6EndpointReportsFromTheStartAndCountsWhatIsMissing) {
+    const Wire wire;
+    const auto pam = ip6PamFactory("ping", Ip6Pam::Mode::icmp6, NamespaceName("left"));
+    pam->enabledIs(true);
+    pam->txIfIndexIs(wire.index("left"));
+    pam->txDstIpAddrIs(rightLinkLocal);
+    pam->txTOSIs(0x20);
+    const auto pingIsAnswered = [&] {
+        pam->txPktIs(pktOf(std::string("\x80\0\0\0\0\1\0\2", 8)));
+        for (int i = 0; i < 10; ++i) {  // The kernels talk to each other too.
+            if (receive(pam)->frontData()[0] == 129) {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_TRUE(pingIsAnswered());
+    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(rightLinkLocal));
+    EXPECT_TRUE(pam->rxDstIpAddr().isLinkLocal());
+    EXPECT_EQ(pam->rxIfIndex(), pam->txIfIndex());
+    EXPECT_EQ(pam->rxTTL(), 64);
+    EXPECT_EQ(pam->numRecvMsgErrors(), 0u);
+    EXPECT_EQ(pam->numCmsgDataErrors(), 0u);
+    {
+        PavoTest::FailSyscall fail(1, ENOBUFS, "recvmsg");
+        EXPECT_EQ(pam->rxPkt(), nullptr);
+    }
+    EXPECT_EQ(pam->numRecvMsgErrors(), 1u);
+    pam->optionsIs(pam->options() | ipRecvOrigDstAddr);
+    optionIs(*pam, SO_TIMESTAMP, 1);  // Takes the last one's room.
+    EXPECT_TRUE(pingIsAnswered());
+    EXPECT_GE(pam->numCmsgDataErrors(), 1u);
+}
+
+TEST(Ip6PamInATest, NeedsNoSocket) {
+    const auto pam = ip6PamFactory("test", Ip6Pam::Mode::test, NamespaceName());
+    std::vector<std::string> seen;
+    const Mox::Watch<Ip6Pam> readable(pam, Pam::readableCountAttr, [&] {
+        const auto pkt = pam->rxPkt();
+        seen.push_back(pkt ? pkt->stringValue().c_str() : "none");
+    });
+    const Ip6Addr router(0xfe80000000000000, 9);
+    pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("early"), router, ip6AddrVrrp, 3, 255, 0xc0});
+    pam->enabledIs(true);
+    pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("late"), router, ip6AddrAllNodes, 4, 1, 0});
+    EXPECT_EQ(seen, (std::vector<std::string>{"early", "late"}));
+    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(router));
+    EXPECT_EQ(pam->rxDstIpAddr(), IpGenAddr(ip6AddrAllNodes));
+    EXPECT_EQ(pam->rxIfIndex(), 4u);
+    EXPECT_EQ(pam->rxTTL(), 1);
+    EXPECT_EQ(pam->rxPkts(), 2u);
+
+    pam->doJoinMcastGroup(4, IpGenAddr(ip6AddrVrrp));  // Nothing to join with.
+    pam->txTTLIs(255);
+    pam->txIfIndexIs(4);
+    pam->txDstIpAddrIs(ip6AddrVrrp);
+    const auto pkt = pktOf("sent");
+    pam->txPktIs(pkt);
+    *pkt->newSharedTailData(1) = '!';  // The record is a copy.
+    const Ip6PktInfo sent = pam->testBuffPop(Ip6Pam::TestBuff::tx);
+    EXPECT_EQ(sent.pkt->stringValue(), "sent");
+    EXPECT_EQ(sent.dst, ip6AddrVrrp);
+    EXPECT_EQ(sent.ifIndex, 4u);
+    EXPECT_EQ(sent.hopLimit, 255);
+    EXPECT_EQ(pam->testBuffPop(Ip6Pam::TestBuff::tx).pkt, nullptr);
+    pam->txDstIpAddrIs(IpAddr(0x7f000001));
+    pam->txPktIs(pkt);
+    EXPECT_EQ(pam->txErrno(), EAFNOSUPPORT);
+    EXPECT_EQ(pam->txPkts(), 1u);
+}
+
+TEST_F(Ip6PamTest, AVrrpEndpointIsAMemberOnItsInterface) {
+    const Wire wire;
+    const Ip6Addr other(0xff02000000000000, 0x112);
+    const auto left = ip6PamVrrpFactory("left", wire.index("left"), NamespaceName("left"));
+    const auto right = ip6PamVrrpFactory("right", wire.index("right"), NamespaceName("right"));
+    left->enabledIs(true);
+    const auto texts = failedEnablings(right, "IPV6_JOIN_GROUP");
+    EXPECT_EQ(texts, (std::vector<std::string>{"IPV6_JOIN_GROUP", "epoll_ctl"}));
+    // What the right one hears of a packet to each group.
+    const auto expectHeard = [&](const Ip6Addr& member) {
+        for (const Ip6Addr& group : {ip6AddrVrrp, other, rightLinkLocal}) {
+            left->txDstIpAddrIs(group);
+            left->txPktIs(pktOf("advertisement"));
+        }
+        for (const Ip6Addr& heard : {member, rightLinkLocal}) {
+            receive(right);
+            EXPECT_EQ(right->rxDstIpAddr(), IpGenAddr(heard));
+            EXPECT_EQ(right->rxTTL(), 255);
+            EXPECT_EQ(right->rxIfIndex(), right->ifIndex());
+        }
+    };
+    expectHeard(ip6AddrVrrp);
+    EXPECT_EQ(errorOf([&] { right->mcastGroupIs(rightLinkLocal); }),
+              thrown("setsockopt(IPV6_JOIN_GROUP)", EINVAL));
+    {
+        PavoTest::FailSyscall fail(2, ENOBUFS, "setsockopt");
+        EXPECT_EQ(errorOf([&] { right->mcastGroupIs(other); }),
+                  thrown("setsockopt(IPV6_LEAVE_GROUP)", ENOBUFS));
+    }
+    EXPECT_EQ(right->mcastGroup(), ip6AddrVrrp);
+    expectHeard(ip6AddrVrrp);
+    right->mcastGroupIs(other);
+    EXPECT_EQ(right->txDstIpAddr(), IpGenAddr(other));
+    expectHeard(other);
+}
+
+}  // namespace
+}  // namespace Pavo

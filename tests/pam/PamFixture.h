@@ -1,0 +1,160 @@
+/// @file
+/// What the tests of endpoints share.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
+#include "Pavo/RawIpPam.h"
+#include "echo/Wire6.h"
+#include "support/FailSyscall.h"
+#include "support/SandboxTest.h"
+
+namespace Pavo {
+
+using Texts = std::vector<std::string>;
+
+inline Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
+    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
+    pkt->stringValueIs(bytes, /*atTail=*/true);
+    return pkt;
+}
+
+inline IpGenAddr addr(const char* text) {
+    IpGenAddr value;
+    value.stringValueIs(text);
+    return value;
+}
+
+// A packet that begins with its own header, of the family of its addresses.
+inline Mox::Ptr<Pkt> pktWithHeader(const std::string& text, char ttl, const IpGenAddr& source,
+                                   const IpGenAddr& destination) {
+    const bool six = source.af() == ipv6;
+    std::string header(six ? 40 : 20, '\0');
+    header[0] = six ? 0x60 : 0x45;
+    header[5] = six ? static_cast<char>(text.size()) : 0;  // The kernel of IPv4 fills in its own.
+    header[six ? 6 : 9] = static_cast<char>(IpProtocolNumber::experiment1);
+    header[six ? 7 : 8] = ttl;
+    auto* const bytes = reinterpret_cast<unsigned char*>(header.data());
+    source.copyToBuffer(bytes + (six ? 8 : 12));
+    destination.copyToBuffer(bytes + (six ? 24 : 16));
+    return pktOf(header + text);
+}
+
+inline std::string thrown(const std::string& text, int error) {
+    return text + " (" + std::to_string(error) + ")";
+}
+
+// What was thrown, as "text (errno)" or "text"; "" for nothing.
+inline std::string errorOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const Mox::ErrnoException& error) {
+        return thrown(error.message().c_str(), error.errnoValue());
+    } catch (const Mox::Exception& error) {
+        return error.what();
+    }
+    return "";
+}
+
+inline int optionOf(const RawIpPam& pam, int level, int option) {
+    int value = 0;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(pam.fileDesc()->descriptor(), level, option, &value, &length), 0);
+    return value;
+}
+
+inline void optionIs(const RawIpPam& pam, int option, int value) {
+    ASSERT_EQ(setsockopt(pam.fileDesc()->descriptor(), SOL_SOCKET, option, &value, sizeof(value)),
+              0);
+}
+
+// All that is known of a received packet, on one line.
+inline std::string textOf(const RxPacketInfo& info) {
+    std::ostringstream out;
+    out << info.srcIpAddr << " > " << info.dstIpAddr << " (" << info.origDstIpAddr << ") on "
+        << info.ifIndex << " TOS " << int{info.tos} << " TTL " << int{info.ttl};
+    return out.str();
+}
+inline RxPacketInfo rxInfo(const RawIpPam& pam) {
+    return {pam.rxSrcIpAddr(), pam.rxDstIpAddr(), pam.rxOrigDstIpAddr(),
+            pam.rxIfIndex(),   pam.rxTOS(),       pam.rxTTL()};
+}
+
+// Two namespaces and a wire, with addresses of both families.
+struct Wire {
+    Wire() {
+        PavoTest::makeWire();
+        Echo::addWire6();
+    }
+    ~Wire() { PavoTest::removeWire(); }
+
+    // The index of an end.
+    uint32_t index(const std::string& netNs) const {
+        const PavoTest::ScopedNetns inside(netNs);
+        return if_nametoindex(("veth-" + netNs).c_str());
+    }
+};
+
+// Endpoints for an experimental protocol.
+class PamFixture : public PavoTest::SandboxTest {
+  protected:
+    static constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
+
+    // Turns until a packet has come; one from the same host is there within the send.
+    Mox::Ptr<Pkt> receive(const Mox::Ptr<RawIpPam>& pam) {
+        for (int i = 0; i < 10; ++i) {
+            if (const auto pkt = pam->rxPkt()) {
+                return pkt;
+            }
+            loop_.turn(0.2);
+        }
+        ADD_FAILURE() << "no packet";
+        return pktOf(std::string(40, '?'));
+    }
+
+    // What follows the header that an IPv4 packet is received with.
+    static std::string payload(const Mox::Ptr<Pkt>& pkt) {
+        const bool hasHeader = pkt->frontBytes() >= 20 && pkt->frontData()[0] == 0x45;
+        return std::string(pkt->stringValue().view().substr(hasHeader ? 20 : 0));
+    }
+
+    // Enables with each system call failing in turn, and checks that nothing is left each time;
+    // gives what was said, options by their bare names, from `first` on. The endpoint is then
+    // enabled.
+    static Texts failedEnablings(const Mox::Ptr<RawIpPam>& pam, const std::string& first) {
+        const auto before = PavoTest::openDescriptors();
+        Texts texts;
+        PavoTest::failEachSyscall(
+            ENOBUFS, [&] { return errorOf([&] { pam->enabledIs(true); }); },
+            [&](const PavoTest::FailSyscall& fail, const std::string& error, int) {
+                EXPECT_FALSE(pam->enabled() || pam->fileDesc() || pam->fdSm());
+                EXPECT_EQ(pam->readableCount(), 0u);
+                EXPECT_EQ(PavoTest::openDescriptors(), before);
+                std::string text = error.substr(0, error.find(" ("));
+                EXPECT_EQ(error, thrown(text, ENOBUFS)) << fail.name();
+                if (text.starts_with("setsockopt(")) {
+                    text = text.substr(11, text.size() - 12);
+                }
+                if (!texts.empty() || text == first) {
+                    texts.push_back(text);
+                }
+            },
+            "!setns");  // Without a way back from a namespace the process ends.
+        EXPECT_TRUE(pam->enabled());
+        return texts;
+    }
+
+    Mox::EventLoop loop_;
+};
+
+}  // namespace Pavo
