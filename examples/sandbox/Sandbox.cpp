@@ -333,6 +333,10 @@ void setUp(const std::string& ns, const std::string& device) {
 void makeWire() {
     makeNetns("left");
     makeNetns("right");
+    connectWire();
+}
+
+void connectWire() {
     makeVethPair("veth-left", "left", "veth-right", "right");
     addAddress("left", "veth-left", "192.0.2.1/24");
     addAddress("right", "veth-right", "192.0.2.2/24");
@@ -340,9 +344,13 @@ void makeWire() {
     setUp("right", "veth-right");
 }
 
+void cutWire() {
+    ip("left", {"link", "del", "veth-left"});  // Its peer goes with it.
+}
+
 void removeWire() {
     try {
-        ip("left", {"link", "del", "veth-left"});  // Its peer goes with it.
+        cutWire();
     } catch (const std::runtime_error&) {
         // Somebody took it away before.
     }

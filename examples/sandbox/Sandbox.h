@@ -71,6 +71,9 @@ void setUp(const std::string& ns, const std::string& device);
 /// veth-right, at 192.0.2.2/24, both up; and the end of it all.
 void makeWire();
 void removeWire();
+/// Takes the wire away, with its ends and their addresses, and brings it back.
+void cutWire();
+void connectWire();
 /// @}
 
 /// The process's open descriptors and what they stand for ("socket:[4711]"). A state
