@@ -15,7 +15,6 @@
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
 #include "Pavo/SocketAt.h"
-#include "echo/Wire6.h"
 #include "sandbox/Sandbox.h"
 
 namespace {
@@ -235,7 +234,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     PavoSandbox::makeWire();
-    Echo::addWire6();
+    PavoSandbox::addWire6();
     registerLines<FourEnds>("RawIp");
     registerLines<SixEnds>("RawIp6");
     benchmark::Initialize(&argc, argv);

@@ -28,7 +28,8 @@ constexpr char usage[] =
     "one\n"
     "sends ICMP echo requests; an agent in the right one answers them, and so does that "
     "namespace's\n"
-    "kernel. Then bursts of packets are read one a call and in batches, and both rates are shown.\n"
+    "kernel; over IPv4, then over IPv6 to one address and to a group. Then bursts of packets are "
+    "read one a call and in batches, and both rates are shown.\n"
     "Runs in namespaces of its own: as root, or as a user who may make user namespaces.\n"
     "\n"
     "  --count N      requests to send, 1 to 10000 (5)\n"
@@ -91,8 +92,23 @@ Options readOptions(int argc, char** argv) {
     return options;
 }
 
-const Pavo::IpAddr leftAddress(0xc0000201);   // 192.0.2.1, an address for documentation.
-const Pavo::IpAddr rightAddress(0xc0000202);  // 192.0.2.2
+const Pavo::IpAddr rightAddress(0xc0000202);  // 192.0.2.2, an address for documentation.
+
+// An exchange: who asks whom, and how wide addresses are printed.
+struct Round {
+    const char* title;
+    Pavo::IpGenAddr from;
+    Pavo::IpGenAddr to;
+    const char* ifName;
+    int width;
+};
+const Round rounds[] = {
+    {"IPv4, with headers of the agent's making", Pavo::IpAddr(0xc0000201), rightAddress, "", 11},
+    {"IPv6, to a link-local address", Pavo::Ip6Addr(0xfe80000000000000, 1),
+     Pavo::Ip6Addr(0xfe80000000000000, 2), "veth-left", 26},
+    {"IPv6, to the group of all nodes", Pavo::Ip6Addr(0xfe80000000000000, 1), Pavo::ip6AddrAllNodes,
+     "veth-left", 26},
+};
 
 // The name of an interface of a namespace, which has names and indices of its own. Looked up once,
 // so that printing takes no time from the packets that follow.
@@ -109,17 +125,17 @@ const std::string& interfaceName(const std::string& netNs, uint32_t index) {
     return it->second;
 }
 
-std::string text(const Pavo::IpAddr& address) {
+std::string text(const Pavo::IpGenAddr& address) {
     return address.stringValue().c_str();
 }
 
-void printRow(const char* what, const char* netNs, const Echo::Packet& packet) {
-    std::printf("%4u  %-18s %-11s %-11s %-10s %4u  0x%02x %6u", packet.sequence, what,
-                text(packet.from).c_str(), text(packet.to).c_str(),
+void printRow(const Round& round, const char* what, const char* netNs, const Echo::Packet& packet) {
+    std::printf("%4u  %-18s %-*s %-*s %-10s %4u  0x%02x %6u", packet.sequence, what, round.width,
+                text(packet.from).c_str(), round.width, text(packet.to).c_str(),
                 interfaceName(netNs, packet.ifIndex).c_str(), packet.ttl, packet.tos, packet.bytes);
 }
 
-void printCounters(const Pavo::IpSocketPam& pam) {
+void printCounters(const Pavo::RawIpPam& pam) {
     std::printf(
         "%-14s readable %u, writable %u, received %llu, read errors %u, sent %llu, send errors %u, "
         "drops %u\n",
@@ -128,23 +144,24 @@ void printCounters(const Pavo::IpSocketPam& pam) {
         static_cast<unsigned long long>(pam.txPktCount()), pam.txErrors(), pam.txDrops());
 }
 
-int exchange(const Options& options) {
+// True when every request was answered twice.
+bool exchange(const Options& options, const Round& round) {
     Mox::EventLoop loop;
     uint32_t byAgent = 0;
     uint32_t byKernel = 0;
     Mox::Timer giveUp(loop.clock(), [&loop] { loop.stop(); });
-    const Echo::EchoResponder responder(Pavo::NamespaceName("right"),
-                                        [](const Echo::Packet& request) {
-                                            printRow("request, at right", "right", request);
+    const Echo::EchoResponder responder(round.to.af(), Pavo::NamespaceName("right"),
+                                        [&round](const Echo::Packet& request) {
+                                            printRow(round, "request, at right", "right", request);
                                             std::printf("\n");
                                         });
     const Echo::EchoRequester requester(
-        {Pavo::NamespaceName("left"), leftAddress, rightAddress, options.count,
+        {Pavo::NamespaceName("left"), round.from, round.to, round.ifName, options.count,
          options.intervalSeconds, options.payloadBytes},
         loop.clock(), [&](const Echo::Packet& answer, double seconds) {
             const bool agent = answer.ttl == Echo::EchoResponder::answerTtl;
             ++(agent ? byAgent : byKernel);
-            printRow(agent ? "answer of agent" : "answer of kernel", "left", answer);
+            printRow(round, agent ? "answer of agent" : "answer of kernel", "left", answer);
             std::printf(" %9.3f ms\n", seconds * 1000);
             if (byAgent == options.count && byKernel == options.count) {
                 loop.stop();
@@ -152,17 +169,17 @@ int exchange(const Options& options) {
         });
     giveUp.expiryIs(loop.clock()->now() + options.count * options.intervalSeconds + 5);
 
-    std::printf("%4s  %-18s %-11s %-11s %-10s %4s  %4s %6s %12s\n", "seq", "packet", "from", "to",
-                "interface", "TTL", "TOS", "bytes", "round trip");
+    std::printf("%s:\n%4s  %-18s %-*s %-*s %-10s %4s  %4s %6s %12s\n", round.title, "seq", "packet",
+                round.width, "from", round.width, "to", "interface", "TTL", "TOS", "bytes",
+                "round trip");
     loop.run();
 
     std::printf("\n");
     printCounters(requester.pam());
     printCounters(responder.pam());
-    std::printf("%u requests sent, %u answered by the agent, %u by the kernel\n", requester.sent(),
-                byAgent, byKernel);
-    const bool complete = byAgent == options.count && byKernel == options.count;
-    return complete ? 0 : 1;
+    std::printf("%u requests sent, %u answered by the agent, %u by the kernel\n\n",
+                requester.sent(), byAgent, byKernel);
+    return byAgent == options.count && byKernel == options.count;
 }
 
 void showReceiveRates() {
@@ -185,17 +202,20 @@ int main(int argc, char** argv) {
     }
     try {
         PavoSandbox::makeWire();
-        std::printf("left: veth-left %s   <-- wire -->   right: veth-right %s\n",
-                    text(leftAddress).c_str(), text(rightAddress).c_str());
+        PavoSandbox::addWire6();
+        std::printf("left: veth-left   <-- wire -->   right: veth-right\n");
         std::printf("The agent at right answers with TTL %u, its kernel with the system's TTL.\n\n",
                     Echo::EchoResponder::answerTtl);
         Demo::Capture capture("left", "veth-left");
-        const int result = exchange(options);
+        bool complete = true;
+        for (const Round& round : rounds) {
+            complete = exchange(options, round) && complete;
+        }
         const unsigned captured = capture.write(options.capturePath);
         std::printf("%u frames of the left end of the wire are in %s\n\n", captured,
                     options.capturePath.c_str());
         showReceiveRates();
-        return result;
+        return complete ? 0 : 1;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "pavo-demo: %s\n", error.what());
         return 1;

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "Pavo/IcmpHdr.h"
 #include "Pavo/IpHdr.h"
 
 namespace Echo {
@@ -12,12 +11,19 @@ EchoRequester::EchoRequester(const Config& config, Mox::Clock* clock,
     : config_(config),
       clock_(clock),
       answered_(std::move(answered)),
-      pam_(Pavo::ipSocketPamFactory("echoRequester", Pavo::IpProtocolNumber::icmp, config.netNs)),
+      pam_(newPam("echoRequester", config_.to.af(), config_.netNs)),
       readable_(pam_, Pavo::Pam::readableCountAttr, [this] { readOne(); }),
       next_(clock, [this] { sendOne(); }) {
-    pam_->optionsIs(Pavo::ipHdrIncl | Pavo::ipPktInfo | Pavo::ipRecvTTL | Pavo::ipRecvTOS);
+    const bool writesHeaders = config_.to.af() == Pavo::ipv4;
+    const uint32_t options = pam_->options() | (writesHeaders ? Pavo::ipHdrIncl : Pavo::none);
+    pam_->optionsIs(options | Pavo::ipMulticastLoop);
+    pam_->txSrcIpAddrIs(config_.from);
     pam_->txDstIpAddrIs(config_.to);
+    pam_->txIfNameIs(config_.ifName);
+    pam_->txTTLIs(requestTtl);
+    pam_->txTOSIs(requestTos);
     pam_->enabledIs(true);
+    pam_->optionsIs(options);  // Its own kernel shall not answer what goes to a group.
     next_.expiryIs(clock_->now());
 }
 
@@ -29,14 +35,14 @@ Mox::Ptr<Pavo::Pkt> EchoRequester::newRequest(uint16_t sequence) const {
         payload[i] = static_cast<uint8_t>(i);
     }
 
-    pkt->newSharedHeadData(sizeof(Pavo::IcmpEchoHdr));
-    const auto icmp = Pavo::icmpEchoHdrWrapperFactory(pkt, 0);
-    *icmp->header() = Pavo::IcmpEchoHdr();
-    icmp->header()->typeIs(Pavo::IcmpType::echoRequest);
-    icmp->header()->idIs(echoId);
-    icmp->header()->sequenceNumberIs(sequence);
-    icmp->checksumIs(icmp->computedChecksum(static_cast<uint16_t>(pkt->totalBytes())));
+    addHeader(pkt, config_.to.af(), echoId, sequence);
+    if (config_.to.af() == Pavo::ipv4) {
+        addIpHeader(pkt);
+    }
+    return pkt;
+}
 
+void EchoRequester::addIpHeader(const Mox::Ptr<Pavo::Pkt>& pkt) const {
     pkt->newSharedHeadData(sizeof(Pavo::IpHdr));
     const auto wrapper = Pavo::ipHdrWrapperFactory(pkt, 0);
     Pavo::IpHdr* ip = wrapper->header();
@@ -47,10 +53,9 @@ Mox::Ptr<Pavo::Pkt> EchoRequester::newRequest(uint16_t sequence) const {
     ip->totalLenIs(static_cast<uint16_t>(pkt->totalBytes()));
     ip->ttlIs(requestTtl);
     ip->protocolNumIs(Pavo::IpProtocolNumber::icmp);
-    ip->srcIs(config_.from);
-    ip->dstIs(config_.to);
+    ip->srcIs(config_.from.v4Addr());
+    ip->dstIs(config_.to.v4Addr());
     ip->checksumIs(ip->computedChecksum());
-    return pkt;
 }
 
 void EchoRequester::sendOne() {
@@ -64,22 +69,12 @@ void EchoRequester::sendOne() {
 
 void EchoRequester::readOne() {
     const Mox::Ptr<Pavo::Pkt> pkt = pam_->rxPkt();
-    if (!pkt) {
-        return;
+    const auto answer = pkt ? readPacket(pkt, *pam_) : std::nullopt;
+    const bool isAnswer = answer && !answer->isRequest && answer->id == echoId &&
+                          answer->sequence >= 1 && answer->sequence <= sent();
+    if (isAnswer) {
+        answered_(*answer, clock_->now() - sentAt_[answer->sequence - 1]);
     }
-    const auto ip = Pavo::tryIpHdr(pkt, 0);
-    const auto icmp = ip ? Pavo::tryIcmpEchoHdr(pkt, ip->headerBytes()) : nullptr;
-    const bool isAnswer = icmp && icmp->type() == Pavo::IcmpType::echoReply &&
-                          icmp->id() == echoId && icmp->sequenceNumber() >= 1 &&
-                          icmp->sequenceNumber() <= sent() &&
-                          icmp->computedChecksum(ip->payloadLen()) == Pavo::IpChecksum();
-    if (!isAnswer) {
-        return;
-    }
-    const Packet answer{ip->src(),        ip->dst(),     pam_->rxIfIndex(),
-                        pam_->rxTTL(),    pam_->rxTOS(), icmp->sequenceNumber(),
-                        pkt->totalBytes()};
-    answered_(answer, clock_->now() - sentAt_[answer.sequence - 1]);
 }
 
 }  // namespace Echo

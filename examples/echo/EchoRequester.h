@@ -8,13 +8,13 @@
 
 #include "Mox/Clock.h"
 #include "Mox/Entity.h"
-#include "Pavo/IpSocketPam.h"
-#include "echo/EchoResponder.h"
+#include "echo/Echo.h"
 
 namespace Echo {
 
-/// Sends ICMP echo requests to one address, at intervals, each with an IP header of its own making,
-/// and tells of every answer.
+/// Sends ICMP echo requests to one address, at intervals, and tells of every answer. Requests of
+/// IPv4 have an IP header of its own making; that of IPv6 is the kernel's, with the same TTL and
+/// TOS.
 class EchoRequester {
   public:
     static constexpr uint8_t requestTtl = 61;
@@ -22,8 +22,11 @@ class EchoRequester {
 
     struct Config {
         Pavo::NamespaceName netNs;
-        Pavo::IpAddr from;
-        Pavo::IpAddr to;
+        /// Both of one family.
+        Pavo::IpGenAddr from;
+        Pavo::IpGenAddr to;
+        /// The interface to send on, where the address does not tell; else empty.
+        Mox::String ifName;
         uint16_t count;
         double intervalSeconds;
         uint32_t payloadBytes;
@@ -36,12 +39,13 @@ class EchoRequester {
                   std::function<void(const Packet&, double seconds)> answered);
 
     uint16_t sent() const { return static_cast<uint16_t>(sentAt_.size()); }
-    const Pavo::IpSocketPam& pam() const { return *pam_; }
+    const Pavo::RawIpPam& pam() const { return *pam_; }
 
   private:
     void sendOne();
     void readOne();
     Mox::Ptr<Pavo::Pkt> newRequest(uint16_t sequence) const;
+    void addIpHeader(const Mox::Ptr<Pavo::Pkt>& pkt) const;
 
     static constexpr uint16_t echoId = 0x5061;
 
@@ -49,8 +53,8 @@ class EchoRequester {
     Mox::Clock* clock_;
     std::function<void(const Packet&, double)> answered_;
     std::vector<double> sentAt_;
-    Mox::Ptr<Pavo::IpSocketPam> pam_;
-    Mox::Watch<Pavo::IpSocketPam> readable_;
+    Mox::Ptr<Pavo::RawIpPam> pam_;
+    Mox::Watch<Pavo::RawIpPam> readable_;
     Mox::Timer next_;
 };
 

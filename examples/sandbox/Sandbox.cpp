@@ -217,6 +217,19 @@ void moveTo(const std::string& ns, const std::string& device) {
     }
 }
 
+// The kernel takes an address at once, and packets to it only when a task of its own has made the
+// route.
+void awaitLocalRoute(const std::string& ns, const std::string& address) {
+    const std::string route = "local " + address + " ";
+    for (int tries = 0; tries < 1000; ++tries) {
+        const std::string routes = run({"ip", "-n", ns, "-6", "route", "show", "table", "local"});
+        if (routes.find(route) != std::string::npos) {
+            return;
+        }
+    }
+    throw std::runtime_error("no route " + route);
+}
+
 }  // namespace
 
 bool Sandbox::enter(std::string* why) {
@@ -346,6 +359,16 @@ void connectWire() {
 
 void cutWire() {
     ip("left", {"link", "del", "veth-left"});  // Its peer goes with it.
+}
+
+void addWire6() {
+    for (const std::string end : {"left", "right"}) {
+        const std::string host = end == "left" ? "1" : "2";
+        for (const std::string prefix : {"2001:db8::", "fe80::"}) {
+            addAddress(end, "veth-" + end, prefix + host + "/64");
+            awaitLocalRoute(end, prefix + host);
+        }
+    }
 }
 
 void removeWire() {

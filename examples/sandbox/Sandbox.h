@@ -71,6 +71,9 @@ void setUp(const std::string& ns, const std::string& device);
 /// veth-right, at 192.0.2.2/24, both up; and the end of it all.
 void makeWire();
 void removeWire();
+/// Gives the left end 2001:db8::1 and fe80::1, the right end 2001:db8::2 and fe80::2, and returns
+/// when packets to them are delivered.
+void addWire6();
 /// Takes the wire away, with its ends and their addresses, and brings it back.
 void cutWire();
 void connectWire();

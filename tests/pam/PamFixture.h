@@ -15,7 +15,6 @@
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/RawIpPam.h"
-#include "echo/Wire6.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
@@ -94,7 +93,7 @@ inline RxPacketInfo rxInfo(const RawIpPam& pam) {
 struct Wire {
     Wire() {
         PavoTest::makeWire();
-        Echo::addWire6();
+        PavoSandbox::addWire6();
     }
     ~Wire() { PavoTest::removeWire(); }
 
