@@ -33,61 +33,66 @@ void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
         return;
     }
     txPamIs();
+    const Mox::Ptr<Ip6SocketPam> inner = txPam_;
     try {
+        txPamOptionsAre();
+        inner->enabledIs(true);
+        // From here on: the bumps at birth are those of this endpoint's own socket.
+        roomAgain_ = Mox::Watch<Ip6SocketPam>(inner, Pam::writableCountAttr,
+                                              [this] { writableCountInc(1); });
         Ip6SocketPam::enabledIsImpl(true);
     } catch (...) {
-        txPamDel();
+        txPamDisable();
         throw;
     }
 }
 
+// The inner endpoint goes last: an observer of the end of this one may still send, or reopen it.
 void Ip6HdrInclSocketPam::handleCleanup() {
-    txPamDel();
     Ip6SocketPam::handleCleanup();
+    txPamDisable();
+}
+
+// Unless this endpoint has been enabled anew meanwhile.
+void Ip6HdrInclSocketPam::txPamDisable() {
+    if (txPam_ && !enabled()) {
+        roomAgain_ = {};
+        const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+        inner->enabledIs(false);
+    }
 }
 
 void Ip6HdrInclSocketPam::optionsIsImpl(uint32_t wanted) {
     try {
         Ip6SocketPam::optionsIsImpl(wanted);
     } catch (...) {
-        txPamOptionsAre();  // Some may have changed before the one that failed.
+        changeTxPamOptions();  // Some may have changed before the one that failed.
         throw;
     }
-    txPamOptionsAre();
+    changeTxPamOptions();
 }
 
-void Ip6HdrInclSocketPam::txPamOptionsAre() {
-    if (!txPam_) {
+void Ip6HdrInclSocketPam::changeTxPamOptions() {
+    if (!enabled()) {
         return;
     }
     try {
-        txPam_->priorityIs(priority());
-        txPam_->optionsIs((options() & txOptions) | ipHdrIncl);
+        txPamOptionsAre();
     } catch (...) {
         handleCleanup();
         throw;
     }
 }
 
-void Ip6HdrInclSocketPam::txPamIs() {
-    if (txPam_) {
-        return;
-    }
-    const Mox::Ptr<Ip6SocketPam> inner =
-        ip6SocketPamFactory(name(), IpProtocolNumber::reserved, netNs());
+void Ip6HdrInclSocketPam::txPamOptionsAre() {
+    const Mox::Ptr<Ip6SocketPam> inner = txPam_;
     inner->priorityIs(priority());
     inner->optionsIs((options() & txOptions) | ipHdrIncl);
-    inner->enabledIs(true);
-    txPam_ = inner;
-    // From here on: the bumps at birth are those of this endpoint's own socket.
-    roomAgain_ =
-        Mox::Watch<Ip6SocketPam>(inner, Pam::writableCountAttr, [this] { writableCountInc(1); });
 }
 
-void Ip6HdrInclSocketPam::txPamDel() {
-    roomAgain_ = {};
-    if (const Mox::Ptr<Ip6SocketPam> inner = std::exchange(txPam_, nullptr)) {
-        inner->enabledIs(false);
+void Ip6HdrInclSocketPam::txPamIs() {
+    if (!txPam_) {
+        txPam_ = ip6SocketPamFactory(name(), IpProtocolNumber::reserved, netNs());
     }
 }
 
@@ -102,7 +107,7 @@ void Ip6HdrInclSocketPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     inner->txIfIndexIs(txIfIndex());
     inner->txIfNameIs(txIfName());
     inner->txFlagsIs(txFlags());
-    int32_t error = EBADF;  // Closed by somebody who was told of the above.
+    int32_t error = EBADF;  // Closed by somebody who watches it.
     if (inner->enabled()) {
         inner->txPktIs(std::move(pkt));
         error = inner->txErrno();

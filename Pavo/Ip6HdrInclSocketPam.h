@@ -34,18 +34,18 @@ class PAVO_EXPORT Ip6HdrInclSocketPam : public Ip6SocketPam {
     void enabledIsImpl(bool enabled) override;
     void handleCleanup() override;
 
-    /// The inner endpoint; null while disabled.
+    /// The inner endpoint, enabled while this one is; null before it is first made.
     const Mox::Ptr<Ip6SocketPam>& txPam() const { return txPam_; }
-    /// Makes the inner endpoint and enables it, unless there is one.
-    /// @throws Mox::ErrnoException naming the call that failed; there is then none.
+    /// Makes the inner endpoint, unless there is one; the first enabling does it as well.
     void txPamIs();
 
   protected:
     ~Ip6HdrInclSocketPam() override;
 
   private:
-    void txPamDel();
+    void txPamDisable();
     void txPamOptionsAre();
+    void changeTxPamOptions();
 
     Mox::Ptr<Ip6SocketPam> txPam_;
     Mox::Watch<Ip6SocketPam> roomAgain_;

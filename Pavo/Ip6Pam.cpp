@@ -1,5 +1,6 @@
 #include "Pavo/Ip6Pam.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -57,10 +58,18 @@ void Ip6Pam::enabledIsImpl(bool enable) {
         return;
     }
     start();
-    // As the machine of a socket does at its birth.
-    readableCountInc(1);
-    if (enabled()) {
-        writableCountInc(1);
+    try {
+        // As the machine of a socket does at its birth, and a report for each packet that waits.
+        for (uint32_t reports = std::max(testBuff(TestBuff::rx).members(), 1u);
+             reports > 0 && enabled(); --reports) {
+            readableCountInc(1);
+        }
+        if (enabled()) {
+            writableCountInc(1);
+        }
+    } catch (...) {
+        handleCleanup();
+        throw;
     }
 }
 
@@ -85,6 +94,7 @@ void Ip6Pam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
 }
 
 void Ip6Pam::testBuffPush(TestBuff buff, Ip6PktInfo info) {
+    Mox::require(info.pkt != nullptr, "info.pkt");
     testBuffs_[static_cast<uint32_t>(buff)].push(std::move(info));
     if (buff == TestBuff::rx && enabled()) {
         readableCountInc(1);

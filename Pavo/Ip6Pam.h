@@ -66,9 +66,11 @@ class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
     }
     uint32_t numCmsgDataErrorsInc(uint32_t delta);
 
-    /// The records in a queue, in the order in which they came. A sent packet is there as a copy.
+    /// The records in a queue, in the order in which they came. A sent packet is there as a copy,
+    /// with `txIfIndex` as its interface; `txIfName` is not looked up.
     const Mox::Queue<Ip6PktInfo>& testBuff(TestBuff buff) const { return buffOf(buff); }
-    /// Adds a record; one to be received bumps `readableCount` of an enabled endpoint.
+    /// Adds a record; one to be received bumps `readableCount` of an enabled endpoint. Assertion
+    /// "info.pkt" for one without a packet.
     void testBuffPush(TestBuff buff, Ip6PktInfo info);
     /// Takes the oldest record; one without a packet where there is none.
     Ip6PktInfo testBuffPop(TestBuff buff);

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Pavo/RawIpFamily.h"
 
 namespace Pavo {
 

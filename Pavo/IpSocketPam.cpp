@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "Pavo/RawIpFamily.h"
+
 namespace Pavo {
 
 namespace {

@@ -111,8 +111,9 @@ PAVO_EXPORT void getCacheInfo(const rtattr* attribute);
 
 /// Attaches a prio queueing discipline (tc-prio(8)) of three bands, with the usual priority map, to
 /// an interface of the default namespace, as its root 1:0. Gives what `sendNetlinkMsg` does:
-/// -EEXIST when there is a root discipline already. Assertions: "ifIndex > 0" when the interface is
-/// unknown, "ret == 0" when no socket opens.
+/// -EEXIST when there is a root discipline already. The name is looked up in the namespace of the
+/// calling thread, which so has to be the default one. Assertions: "ifIndex > 0" when the interface
+/// is unknown, "ret == 0" when no socket opens.
 PAVO_EXPORT int addPrioQdisc(const char* ifname);
 /// Puts a link into a group, of which 0 is the default. Gives what `sendNetlinkMsg` does.
 PAVO_EXPORT int setDeviceGroup(netlinkHandle* h, unsigned ifIndex, unsigned group);

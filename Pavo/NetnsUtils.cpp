@@ -33,6 +33,11 @@ constexpr char netNsRunDir[] = "/var/run/netns";
 // What PROC_SELF_NS_NET_FILE stands for, off the main thread too.
 constexpr char threadNetNsFile[] = "/proc/thread-self/ns/net";
 
+// For traces: null means the default namespace too.
+const char* nameOf(const char* netNs) {
+    return netNs == nullptr ? DEFAULT_NS : netNs;
+}
+
 // Traces the pieces and the text of `errno`; gives false, for a caller to return.
 template <class... Pieces>
 bool failed(const Pieces&... pieces) {
@@ -158,7 +163,7 @@ MountPoint::~MountPoint() {
     }
 }
 
-// Leaves the thread where it is.
+// Leaves the thread where it was.
 bool bindNewNetNs(const CurrentNetNs& here, const RunPath& path) {
     if (unshare(CLONE_NEWNET) != 0) {
         return failed("Cannot unshare ", path.text(), ": ");
@@ -399,7 +404,8 @@ int moveIntfNetNs(const char* intf, const char* fromNs, const char* toNs) {
     if (moveIntf(intf, fromNs, toNs)) {
         return 0;
     }
-    MOX_TRACE(facility, 0, "Interface ", intf, " not moved from ", fromNs, " to ", toNs);
+    MOX_TRACE(facility, 0, "Interface ", intf, " not moved from ", nameOf(fromNs), " to ",
+              nameOf(toNs));
     return -1;
 }
 

@@ -51,7 +51,7 @@ PAVO_EXPORT int netNsAddEvenIfPresent(const char* name);
 /// socket and thread have left.
 PAVO_EXPORT int netNsDelete(const char* name);
 /// Binds the process's namespace, that of its main thread, to the name `DEFAULT_NS`, instead of
-/// whatever has the name. Does nothing when that is the same one.
+/// whatever has the name. Does nothing when that is the same one, and fails where it cannot look.
 PAVO_EXPORT int mountDefaultNetNs();
 
 /// Moves an interface, which arrives down and without its addresses. Both names are as for

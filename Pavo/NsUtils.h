@@ -14,7 +14,8 @@ PAVO_EXPORT extern const char* const DEFAULT_NS;
 PAVO_EXPORT extern const Mox::String defaultNsStr;
 
 /// The current network namespace. To the kernel it is that of the main thread, whatever thread
-/// asks; functions here that say this path mean the calling thread's.
+/// asks; functions here that say this path mean the calling thread's, save
+/// `mountDefaultNetNs`.
 inline constexpr char PROC_SELF_NS_NET_FILE[] = "/proc/self/ns/net";
 
 /// Moves the calling thread into the named network namespace, for good (empty, null or

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -18,6 +19,7 @@
 #include "Mox/Exception.h"
 #include "Mox/Trace.h"
 #include "Pavo/McastGroup.h"
+#include "Pavo/RawIpFamily.h"
 #include "Pavo/SocketAt.h"
 
 namespace Pavo {
@@ -111,6 +113,12 @@ void shrinkTo(Pkt& pkt, std::size_t received) {
     pkt.delSharedTailData(room - std::min<std::size_t>(received, room));
 }
 
+void switchIs(const RawIpPam& pam, const RawIpFamily& family, const RawIpFamily::Switch& option,
+              int fd, bool on) {
+    const int value = option.value != nullptr ? option.value(pam, on) : int{on};
+    socketOptionIs(fd, family.level, option.option, value, option.failure);
+}
+
 }  // namespace
 
 void socketOptionIs(int fd, int level, int option, const void* value, uint32_t bytes,
@@ -148,7 +156,7 @@ void RawIpPam::open() {
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
     for (const RawIpFamily::Switch& each : family_.switches) {
         if ((options() & each.bit) != 0) {
-            switchIs(each, fd, true);
+            switchIs(*this, family_, each, fd, true);
         }
     }
     if ((options() & ipAttachFilter) != 0) {
@@ -165,7 +173,7 @@ void RawIpPam::open() {
         family_.ttlIs(fd, txTTL().value());
     }
     if ((options() & ipTransparent) != 0) {
-        switchIs(family_.transparent, fd, true);
+        switchIs(*this, family_, family_.transparent, fd, true);
     }
     if ((options() & ipPriority) != 0) {
         socketPriorityIs(fd, priority());
@@ -228,7 +236,7 @@ void RawIpPam::optionChange(uint32_t bit, bool on) {
     const int fd = socket();
     for (const RawIpFamily::Switch& each : family_.switches) {
         if (each.bit == bit) {
-            switchIs(each, fd, on);
+            switchIs(*this, family_, each, fd, on);
             return;
         }
     }
@@ -240,15 +248,10 @@ void RawIpPam::optionChange(uint32_t bit, bool on) {
         socketOptionIs(fd, SOL_SOCKET, SO_RCVBUFFORCE, on ? rxBuf() : 0,
                        on ? "setsockopt(SO_RCVBUFFIRCE)" : "setsockopt(SO_RCVBUFFORCE)");
     } else if (bit == ipTransparent) {
-        switchIs(family_.transparent, fd, on);
+        switchIs(*this, family_, family_.transparent, fd, on);
     } else {
         socketPriorityIs(fd, on ? priority() : 0);
     }
-}
-
-void RawIpPam::switchIs(const RawIpFamily::Switch& option, int fd, bool on) const {
-    const int value = option.value != nullptr ? option.value(*this, on) : int{on};
-    socketOptionIs(fd, family_.level, option.option, value, option.failure);
 }
 
 void RawIpPam::attachFilter(int fd) const {
@@ -585,6 +588,10 @@ void RawIpPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
 bool RawIpPam::sendOn(int fd, const Pkt& pkt) const {
     if (isForeign(txDstIpAddr()) || isForeign(txSrcIpAddr())) {
         errno = EAFNOSUPPORT;
+        return false;
+    }
+    if (txIfIndex() > INT_MAX) {  // The kernel's indices are ints.
+        errno = ENODEV;
         return false;
     }
     const bool byName = txIfIndex() == 0 && !txIfName().empty();

@@ -2,24 +2,21 @@
 /// What the raw IP endpoints of both families have in common.
 #pragma once
 
-#include <sys/socket.h>
-
 #include <cstdint>
-#include <cstring>
 #include <memory>
-#include <span>
 #include <utility>
 #include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Ptr.h"
-#include "Mox/Trace.h"
 #include "Pavo/Export.h"
 #include "Pavo/IpPam.h"
 
+struct msghdr;
+
 namespace Pavo {
 
-class RawIpPam;
+struct RawIpFamily;
 
 /// What a received packet's control messages said of it; what they did not say is zero.
 struct RxPacketInfo {
@@ -29,58 +26,6 @@ struct RxPacketInfo {
     uint32_t ifIndex = 0;
     uint8_t tos = 0;
     uint8_t ttl = 0;
-};
-
-/// What makes a raw endpoint one of IPv4 or IPv6: names and numbers of the socket options, and the
-/// few things that are done in another way. One constant of static storage a family.
-struct RawIpFamily {
-    /// An option that one of `IpSocketOptions` stands for, at the family's level.
-    struct Switch {
-        uint32_t bit;
-        int option;
-        const char* failure;
-        /// The value that switches it; null for the plain 1 and 0. May throw.
-        int (*value)(const RawIpPam& pam, bool on) = nullptr;
-    };
-
-    /// Room for the control messages of a received packet, whatever the family and word size.
-    static constexpr uint32_t maxRxControlBytes = 144;
-    /// The same for the one control message of a sent packet.
-    static constexpr uint32_t maxTxControlBytes = 48;
-
-    /// Of the endpoint's class, for traces.
-    const char* className;
-    const Mox::TraceFacility* trace;
-    AddressFamily addressFamily;
-    /// AF_ and IPPROTO_ numbers.
-    int domain;
-    int level;
-    /// Names the failures of joining and of leaving a multicast group.
-    const char* joinFailure;
-    const char* leaveFailure;
-    /// In the order of enabling and of every later change.
-    std::span<const Switch> switches;
-    Switch transparent;
-
-    // Set on an open socket; each throws a `Mox::ErrnoException` that names the option.
-    void (*tosIs)(int fd, uint8_t tos);
-    /// -1 stands for the kernel's own.
-    void (*ttlIs)(int fd, int ttl);
-    void (*pktOptionsIs)(int fd, const Mox::Set<IpPktOption>& options);
-
-    /// Bytes of a socket address, of all control messages that the options can ask for, and of the
-    /// one control message that names interface and source of a packet.
-    uint32_t nameBytes;
-    uint32_t rxControlBytes;
-    uint32_t txControlBytes;
-    /// Writes `nameBytes` for a destination of this family, or of none.
-    void (*nameIs)(sockaddr* name, const IpGenAddr& address);
-    void (*pktInfoIs)(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source);
-    /// Fills in what the sender's address says.
-    void (*takeName)(const sockaddr* name, RxPacketInfo* info);
-    /// Fills in what the control messages say; returns the bits of the options that asked for them.
-    /// One that nobody asked for, or that was cut, is left out.
-    uint32_t (*takeControls)(const msghdr& message, RxPacketInfo* info);
 };
 
 /// A raw endpoint of either family on a SOCK_RAW socket (raw(7)); `IpSocketPam` and `Ip6SocketPam`
@@ -187,7 +132,6 @@ class PAVO_EXPORT RawIpPam : public IpPam {
     void attachFilter(int fd) const;
     void transparentIs(int fd, bool on) const;
     void socketPriorityIs(int fd, uint32_t priority) const;
-    void switchIs(const RawIpFamily::Switch& option, int fd, bool on) const;
     void optionChange(uint32_t bit, bool on);
     uint32_t readMessage(const msghdr& message, RxPacketInfo* info);
     void receiveFailed(int error);
@@ -201,47 +145,5 @@ class PAVO_EXPORT RawIpPam : public IpPam {
     std::vector<RxPacketInfo> savedPacketInfo_;
     std::unique_ptr<BulkRead> bulkRead_;
 };
-
-// For the families.
-
-/// setsockopt(2).
-/// @throws Mox::ErrnoException with the text `failure`.
-void socketOptionIs(int fd, int level, int option, const void* value, uint32_t bytes,
-                    const char* failure);
-template <class Value>
-void socketOptionIs(int fd, int level, int option, const Value& value, const char* failure) {
-    socketOptionIs(fd, level, option, &value, sizeof(value), failure);
-}
-
-/// A family's `takeControls`: `takeOne` fills in what one message says, and returns its bit or 0.
-template <uint32_t (*takeOne)(const cmsghdr* message, RxPacketInfo* info)>
-uint32_t takeEachControl(const msghdr& message, RxPacketInfo* info) {
-    uint32_t carried = none;
-    for (const cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
-         each = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(each))) {
-        carried |= takeOne(each, info);
-    }
-    return carried;
-}
-
-/// Copies the value of a control message, if it is all there: the kernel cuts the last one where
-/// the buffer ends.
-template <class Value>
-bool readControl(const cmsghdr* message, Value* value) {
-    if (message->cmsg_len < CMSG_LEN(sizeof(Value))) {
-        return false;
-    }
-    std::memcpy(value, CMSG_DATA(message), sizeof(Value));
-    return true;
-}
-
-/// Makes a control message of the whole buffer that it begins.
-template <class Value>
-void writeControl(cmsghdr* message, int level, int type, const Value& value) {
-    message->cmsg_level = level;
-    message->cmsg_type = type;
-    message->cmsg_len = CMSG_LEN(sizeof(Value));
-    std::memcpy(CMSG_DATA(message), &value, sizeof(Value));
-}
 
 }  // namespace Pavo

@@ -31,7 +31,7 @@ class Sandbox {
 
 /// Makes an empty namespace with `lo` up, reachable under "/var/run/netns/<name>".
 void makeNetns(const std::string& name);
-/// Takes the name away; the namespace goes when its last socket and thread have left. The first
+/// Takes the name away, if it is there; the namespace goes when its last socket and thread have left. The first
 /// `ip netns add` binds the run directory onto itself, and a name that was there before it can no
 /// longer be removed: let that tool go first.
 void removeNetns(const std::string& name);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 
 #include "Pavo/Ip6HdrInclSocketPam.h"
 #include "pam/PamFixture.h"
@@ -62,19 +63,19 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
     EXPECT_EQ(pam->rxSrcIpAddr(), stranger);
     EXPECT_EQ(pam->txPktCount(), 1u);
 
-    for (const uint32_t index : {4711, 0}) {
+    for (const uint32_t index : {4711u, 0x80000000u, 0u}) {
         pam->txIfIndexIs(index);
         pam->txIfNameIs(index != 0 ? "lo" : "nowhere0");
         pam->txPktIs(pkt);
         EXPECT_EQ(pam->txErrno(), ENODEV);
     }
-    EXPECT_EQ(pam->txErrors(), 2u);
+    EXPECT_EQ(pam->txErrors(), 3u);
     EXPECT_EQ(pam->txPktCount(), 1u);
     {  // One that is disabled while it is told of the error's end.
         const Mox::Watch<Ip6HdrInclSocketPam> watch(pam, Pam::txErrnoAttr,
                                                     [&pam] { pam->enabledIs(false); });
         pam->txPktIs(pkt);
-        EXPECT_EQ(pam->txErrors(), 3u);
+        EXPECT_EQ(pam->txErrors(), 4u);
     }
     EXPECT_EQ(PavoTest::openDescriptors(), before);
 
@@ -95,6 +96,17 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
                   thrown("setsockopt(IPV6_FREEBIND)", EPERM));
     }
     EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
+
+    pam->optionsIs(none);
+    pam->enabledIs(true);
+    pam->priorityIs(tcPrioControl);
+    {  // Whoever watches the inner endpoint may disable the outer one.
+        const Mox::Watch<Ip6SocketPam> watch(pam->txPam(), IpPam::priorityAttr,
+                                             [&pam] { pam->enabledIs(false); });
+        pam->optionsIs(ipPriority);
+    }
+    EXPECT_FALSE(pam->enabled() || pam->txPam()->enabled());
     EXPECT_EQ(PavoTest::openDescriptors(), before);
 }
 
@@ -135,20 +147,27 @@ TEST_F(Ip6PamTest, AnIcmp6EndpointReportsFromTheStartAndCountsWhatIsMissing) {
 TEST(Ip6PamInATest, NeedsNoSocket) {
     const auto pam = ip6PamFactory("test", Ip6Pam::Mode::test, NamespaceName());
     std::vector<std::string> seen;
+    bool throws = true;
     const Mox::Watch<Ip6Pam> readable(pam, Pam::readableCountAttr, [&] {
+        if (std::exchange(throws, false)) {
+            throw std::runtime_error("from an observer");
+        }
         const auto pkt = pam->rxPkt();
         seen.push_back(pkt ? pkt->stringValue().c_str() : "none");
     });
     const Ip6Addr router(0xfe80000000000000, 9);
     pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("early"), router, ip6AddrVrrp, 3, 255, 0xc0});
+    pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("waits"), router, ip6AddrVrrp, 3, 255, 0});
+    EXPECT_THROW(pam->enabledIs(true), std::runtime_error);
+    EXPECT_FALSE(pam->enabled());
     pam->enabledIs(true);
     pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("late"), router, ip6AddrAllNodes, 4, 1, 0});
-    EXPECT_EQ(seen, (std::vector<std::string>{"early", "late"}));
+    EXPECT_EQ(seen, (std::vector<std::string>{"early", "waits", "late"}));
     EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(router));
     EXPECT_EQ(pam->rxDstIpAddr(), IpGenAddr(ip6AddrAllNodes));
     EXPECT_EQ(pam->rxIfIndex(), 4u);
     EXPECT_EQ(pam->rxTTL(), 1);
-    EXPECT_EQ(pam->rxPkts(), 2u);
+    EXPECT_EQ(pam->rxPkts(), 3u);
 
     pam->doJoinMcastGroup(4, IpGenAddr(ip6AddrVrrp));  // Nothing to join with.
     pam->txTTLIs(255);

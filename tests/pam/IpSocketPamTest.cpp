@@ -1,4 +1,5 @@
 // The raw endpoints of both families: each test runs for IPv4 and for IPv6.
+#include "Mox/Trace.h"
 #include "Pavo/IpSocketPam.h"
 
 #include <linux/filter.h>
