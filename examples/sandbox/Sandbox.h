@@ -31,9 +31,9 @@ class Sandbox {
 
 /// Makes an empty namespace with `lo` up, reachable under "/var/run/netns/<name>".
 void makeNetns(const std::string& name);
-/// Takes the name away, if it is there; the namespace goes when its last socket and thread have left. The first
-/// `ip netns add` binds the run directory onto itself, and a name that was there before it can no
-/// longer be removed: let that tool go first.
+/// Takes the name away, if it is there; the namespace goes when its last socket and thread have
+/// left. The first `ip netns add` binds the run directory onto itself, and a name that was there
+/// before it can no longer be removed: let that tool go first.
 void removeNetns(const std::string& name);
 
 /// Moves the calling thread into a named namespace ("default": the sandbox's own) until the end of
