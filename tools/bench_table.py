@@ -38,6 +38,7 @@ MARKS = {
     ("Notify1", "signals2"): 5,
     ("Notify8", "signals2"): 5,
     ("Ready64", "epoll"): 0.87,
+    ("Timers100000", "libevent"): 2,
     ("RawIpSend", "sendmsg"): 0.909,
     ("RawIpReceive", "recvmsg"): 0.909,
     ("RawIpReceiveBulk", "packet_a_call"): 1.2,

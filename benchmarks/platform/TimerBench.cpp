@@ -1,0 +1,92 @@
+// A hundred thousand timers are armed, armed anew and fired, by a wheel on the event loop's clock
+// and by libevent's heap. All are due within ten milliseconds, which arming alone takes: neither
+// waits.
+
+#include <benchmark/benchmark.h>
+#include <event2/event.h>
+#include <event2/event_struct.h>
+
+#include <cstdint>
+#include <deque>
+#include <random>
+#include <vector>
+
+#include "Keel/TimerWheel.h"
+#include "Mox/EventLoop.h"
+
+namespace {
+
+constexpr uint32_t timers = 100000;
+
+// The delays of the first and the second arming, in seconds.
+std::vector<double> delays() {
+    std::mt19937 random(1);
+    std::uniform_real_distribution<double> within(0, 0.01);
+    std::vector<double> all(2 * timers);
+    for (double& each : all) {
+        each = within(random);
+    }
+    return all;
+}
+
+class WheelTimer : public Keel::TimerWheel::Notifiee {
+  public:
+    WheelTimer(Keel::TimerWheel* wheel, uint32_t* fired) : Notifiee(wheel), fired_(fired) {}
+    void handleExpiry() override { ++*fired_; }
+
+  private:
+    uint32_t* fired_;
+};
+
+void BM_Timers(benchmark::State& state) {
+    const std::vector<double> after = delays();
+    uint32_t fired = 0;
+    Mox::EventLoop loop;
+    Keel::TimerWheel wheel(loop.clock());
+    std::deque<WheelTimer> all;
+    for (uint32_t i = 0; i < timers; ++i) {
+        all.emplace_back(&wheel, &fired);
+    }
+    for (auto _ : state) {
+        fired = 0;
+        const double start = loop.clock()->now();
+        for (uint32_t i = 0; i < 2 * timers; ++i) {
+            all[i % timers].expiryIs(start + after[i]);
+        }
+        while (fired < timers) {
+            loop.turn(0);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * timers);
+}
+BENCHMARK(BM_Timers)->Name("Timers100000/pavo")->Unit(benchmark::kNanosecond)->UseRealTime();
+
+void BM_LibeventTimers(benchmark::State& state) {
+    const std::vector<double> after = delays();
+    uint32_t fired = 0;
+    event_base* base = event_base_new();
+    std::vector<event> all(timers);
+    for (event& each : all) {
+        evtimer_assign(
+            &each, base,
+            [](evutil_socket_t, short, void* count) { ++*static_cast<uint32_t*>(count); }, &fired);
+    }
+    for (auto _ : state) {
+        fired = 0;
+        for (uint32_t i = 0; i < 2 * timers; ++i) {
+            const timeval delay{0, static_cast<suseconds_t>(after[i] * 1e6)};
+            evtimer_add(&all[i % timers], &delay);
+        }
+        while (fired < timers) {
+            event_base_loop(base, EVLOOP_NONBLOCK);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * timers);
+    event_base_free(base);
+}
+BENCHMARK(BM_LibeventTimers)
+    ->Name("Timers100000/libevent")
+    ->Unit(benchmark::kNanosecond)
+    ->UseRealTime();
+
+}  // namespace
