@@ -3,39 +3,18 @@
 #include <utility>
 
 #include "Pavo/Pam.h"
+#include "Pavo/ReadinessReactor.h"
 
 namespace Pavo {
 
 constinit const Mox::FwkType PamFdSm::type{"Pavo::PamFdSm", nullptr, {}};
-
-class PamFdSm::FileDescReactor : public Mox::Notifiee {
-  public:
-    FileDescReactor(const Mox::Ptr<Mox::FileDescriptor>& fd, PamFdSm* machine)
-        : Notifiee(
-              fd, {Mox::FileDescriptor::readableCountAttr, Mox::FileDescriptor::writableCountAttr}),
-          machine_(machine) {}
-
-    Mox::FileDescriptor* fd() const { return static_cast<Mox::FileDescriptor*>(notifier()); }
-
-    void handleChange(const Mox::Change& change) override {
-        const Mox::Ptr<PamFdSm> hold(machine_);  // The agent may drop the PAM, and so the machine.
-        if (change.is(Mox::FileDescriptor::readableCountAttr)) {
-            hold->handleReadable();
-        } else {
-            hold->handleWritable();
-        }
-    }
-
-  private:
-    PamFdSm* machine_;
-};
 
 PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : pam_(pam) {
     if (!fd) {
         return;
     }
     const Mox::Ptr<Pam> hold(pam);  // An observer of the first bump may drop the last reference.
-    fileDesc_ = Mox::make<FileDescReactor>(fd, this);
+    fileDesc_ = Mox::make<ReadinessReactor<Mox::FileDescriptor, PamFdSm>>(fd, this);
     fd->notifyOnReadableIs(true);
     pam_->readableCountInc(1);
     if (fd->descriptor() >= 0) {
@@ -55,7 +34,7 @@ void PamFdSm::hasNotificationActiveIs(bool active) {
         return;
     }
     fileDesc_->hasNotificationActiveIs(active);
-    Mox::FileDescriptor* fd = fileDesc_->fd();
+    auto* fd = static_cast<Mox::FileDescriptor*>(fileDesc_->notifier());
     if (!active) {
         readsAgain_ = fd->notifyOnReadable();
         fd->notifyOnReadableIs(false);

@@ -35,9 +35,7 @@ class PAVO_EXPORT PamFdSm : public Mox::PtrInterface {
     ~PamFdSm() override;
 
   private:
-    class FileDescReactor;
-
-    Mox::Ptr<FileDescReactor> fileDesc_;
+    Mox::Ptr<Mox::Notifiee> fileDesc_;
     Pam* pam_;
     bool readsAgain_ = false;  // Interest in reading comes back with the activity.
 };
