@@ -8,12 +8,12 @@
 namespace {
 
 // Bit by bit, with the polynomial in reverse order.
-uint32_t plainCrc(std::string_view bytes) {
+uint32_t plainCrc(std::string_view bytes, uint32_t polynomial) {
     uint32_t crc = ~0u;
     for (const char c : bytes) {
         crc ^= static_cast<uint8_t>(c);
         for (int bit = 0; bit < 8; ++bit) {
-            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xedb88320 : 0);
+            crc = crc >> 1 ^ ((crc & 1) != 0 ? polynomial : 0);
         }
     }
     return ~crc;
@@ -41,8 +41,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const uint16_t image = ipChksum(at, length);
     Mox::require(std::memcmp(&image, &stored, sizeof(image)) == 0, "checksum as it is stored");
 
-    const uint32_t crc = plainCrc(bytes);
+    const uint32_t crc = plainCrc(bytes, 0xedb88320);
     Mox::require(Crc32::crc(at, length) == crc, "CRC");
     Mox::require(Crc32::crcByTables(at, length) == crc, "CRC by tables");
+
+    const uint32_t crc32c = plainCrc(bytes, 0x82f63b78);
+    Mox::require(Crc32c::crc(at, length) == crc32c, "CRC-32C");
+    const uint32_t first = start % (length + 1u);  // Takes some by tables, then the others.
+    const uint32_t before = Crc32c::crcByTables(at, first);
+    Mox::require(Crc32c::crc(at + first, length - first, before) == crc32c, "a chain of CRC-32C");
     return 0;
 }

@@ -4,7 +4,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     fuzz::withNamedType(
-        fuzz::FieldTypes(), fuzz::asText(data, size),
+        fuzz::joined(fuzz::FieldTypes(), fuzz::TransportTypes()), fuzz::asText(data, size),
         []<class T>(std::type_identity<T>, std::string_view text) { fuzz::checkText<T>(text); });
     return 0;
 }

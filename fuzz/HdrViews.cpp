@@ -9,6 +9,9 @@
 #include "Pavo/IcmpHdr.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
+#include "Pavo/SctpHdr.h"
+#include "Pavo/TcpHdr.h"
+#include "Pavo/UdpHdr.h"
 
 #include "fuzz/Frames.h"
 
@@ -107,6 +110,68 @@ uint32_t extentOf(const Ip6HdrPadN& header) {
     return static_cast<uint32_t>(sizeof(header)) + header.optionLen();
 }
 
+uint32_t extentOf(const TcpHdr& header) {
+    TcpHdr rebuilt;
+    rebuilt.srcPortIs(header.srcPort());
+    rebuilt.dstPortIs(header.dstPort());
+    rebuilt.sequenceNumberIs(header.sequenceNumber());
+    rebuilt.acknowledgementNumberIs(header.acknowledgementNumber());
+    rebuilt.dataOffsetIs(header.dataOffset());
+    rebuilt.reservedIs(header.reserved());
+    rebuilt.nsIs(header.ns());
+    rebuilt.cwrIs(header.cwr());
+    rebuilt.eceIs(header.ece());
+    rebuilt.urgIs(header.urg());
+    rebuilt.ackIs(header.ack());
+    rebuilt.pshIs(header.psh());
+    rebuilt.rstIs(header.rst());
+    rebuilt.synIs(header.syn());
+    rebuilt.finIs(header.fin());
+    rebuilt.windowIs(header.window());
+    rebuilt.checksumIs(header.checksum());
+    rebuilt.urgentPointerIs(header.urgentPointer());
+    requireSame(rebuilt, header);
+    (void)header.computedChecksum({{}, {}, header.headerBytes()});
+    Mox::require(header.headerBytes() >= sizeof(header), "a whole header");
+    return header.headerBytes();
+}
+
+// What was found is the plain sum of pseudo header and datagram, and never 0.
+template <class Pseudo>
+void requireUdpChecksum(const UdpHdr& header, const Pseudo& pseudo, uint16_t found) {
+    const auto bytesOf = [](const auto& object, uint32_t bytes) {
+        return std::string_view(reinterpret_cast<const char*>(&object), bytes);
+    };
+    const uint32_t before = fuzz::plainSum(bytesOf(pseudo, sizeof(pseudo)), 0);
+    const uint16_t sum = fuzz::folded(fuzz::plainSum(bytesOf(header, header.udpLen()), before));
+    Mox::require(found == (sum == 0 ? 0xffff : sum), "the checksum of the datagram");
+}
+
+uint32_t extentOf(const UdpHdr& header) {
+    UdpHdr rebuilt;
+    rebuilt.srcPortIs(header.srcPort());
+    rebuilt.dstPortIs(header.dstPort());
+    rebuilt.udpLenIs(header.udpLen());
+    rebuilt.checksumIs(header.checksum());
+    requireSame(rebuilt, header);
+    const UdpPseudoHdr pseudo(IpAddr(1), IpAddr(2), header.udpLen());
+    requireUdpChecksum(header, pseudo, header.computedChecksumU16(pseudo));
+    const UdpPseudoHdrIpv6 pseudo6(Ip6Addr(1, 2), Ip6Addr(3, 4), header.udpLen());
+    requireUdpChecksum(header, pseudo6, header.computedChecksumIpv6U16(pseudo6));
+    Mox::require(header.udpLen() >= sizeof(header), "a whole header");
+    return header.udpLen();
+}
+
+uint32_t extentOf(const SctpHdr& header) {
+    SctpHdr rebuilt;
+    rebuilt.srcPortIs(header.srcPort());
+    rebuilt.dstPortIs(header.dstPort());
+    rebuilt.verificationTagIs(header.verificationTag());
+    rebuilt.checksumIs(header.checksum());
+    requireSame(rebuilt, header);
+    return sizeof(header);
+}
+
 template <class Hdr, class Wrapper>
 void check(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
     const HdrView<Hdr> view = tryHdr<Hdr>(pkt, offset);
@@ -150,5 +215,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     check<Icmp6EchoHdr, Icmp6EchoHdrWrapper>(pkt, offset);
     check<IcmpHdr, IcmpHdrWrapper>(pkt, offset);
     check<IcmpEchoHdr, IcmpEchoHdrWrapper>(pkt, offset);
+    check<TcpHdr, TcpHdrWrapper>(pkt, offset);
+    check<TcpHdr, TcpHdrWrapperIpv6>(pkt, offset);
+    check<UdpHdr, UdpHdrWrapper>(pkt, offset);
+    check<UdpHdr, UdpHdrWrapperIpv6>(pkt, offset);
+    check<SctpHdr, SctpHdrWrapper>(pkt, offset);
     return 0;
 }

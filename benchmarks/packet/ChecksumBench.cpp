@@ -1,8 +1,9 @@
-// Checksums beside a plain loop and zlib.
+// Checksums beside plain loops and zlib.
 
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
+#include <array>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -37,6 +38,20 @@ uint16_t plainChecksum(const uint8_t* data, uint16_t length) {
     return static_cast<uint16_t>(~sum);
 }
 
+// The table of a CRC-32C and the loop over it that stand in every text on CRCs.
+uint32_t tableLoop(const uint8_t* data, std::size_t length) {
+    static const auto table = [] {
+        std::array<uint32_t, 256> entries;
+        Pavo::initReflectedTable(entries.data(), Pavo::Crc32c::polynomial);
+        return entries;
+    }();
+    uint32_t crc = 0xffffffff;
+    for (std::size_t i = 0; i < length; ++i) {
+        crc = table[(crc ^ data[i]) & 0xff] ^ crc >> 8;
+    }
+    return ~crc;
+}
+
 template <class Work>
 void run(benchmark::State& state, Work work) {
     auto bytes = bytesOf(state.range(0));
@@ -66,6 +81,14 @@ void crcPavo(benchmark::State& state) {
 void crcZlib(benchmark::State& state) {
     run(state, [](const uint8_t* data, std::size_t length) { return crc32(0, data, length); });
 }
+void crc32cPavo(benchmark::State& state) {
+    run(state, [](const uint8_t* data, std::size_t length) {
+        return Pavo::Crc32c::crc(data, static_cast<uint32_t>(length));
+    });
+}
+void crc32cTable(benchmark::State& state) {
+    run(state, tableLoop);
+}
 
 const bool registered = [] {
     for (const int length : {20, 1500, 9000}) {
@@ -75,6 +98,8 @@ const bool registered = [] {
     }
     benchmark::RegisterBenchmark("Crc32_1500/pavo", crcPavo)->Arg(1500);
     benchmark::RegisterBenchmark("Crc32_1500/zlib", crcZlib)->Arg(1500);
+    benchmark::RegisterBenchmark("Crc32c1500/pavo", crc32cPavo)->Arg(1500);
+    benchmark::RegisterBenchmark("Crc32c1500/table_loop", crc32cTable)->Arg(1500);
     return true;
 }();
 

@@ -1,7 +1,10 @@
 #include <zlib.h>
 
 #include <cstdint>
+#include <numeric>
 #include <random>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +19,26 @@ TEST(Crc32, GivesTheCheckValue) {
     EXPECT_EQ(Crc32::crc(nullptr, 0), 0u);
 }
 
-TEST(Crc32, AgreesWithTheTableAndTheSumsOfZlibInFrontOfAPageThatMustNotBeTouched) {
+TEST(Crc32c, GivesThePublishedValues) {  // The check value, and RFC 3720, B.4.
+    std::string up(32, '\0');
+    std::iota(up.begin(), up.end(), 0);
+    const struct {
+        std::string bytes;
+        uint32_t crc;
+    } cases[] = {
+        {"", 0},
+        {"123456789", 0xe3069283},
+        {std::string(32, '\0'), 0x8a9136aa},
+        {std::string(32, '\xff'), 0x62a8ab43},
+        {up, 0x46dd794e},
+        {{up.rbegin(), up.rend()}, 0x113fdb5c},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Crc32c::crc(c.bytes.data(), static_cast<uint32_t>(c.bytes.size())), c.crc);
+    }
+}
+
+TEST(Crc32, FillsTheTableOfTheReflectedPolynomial) {
     uint32_t table[257];
     table[256] = 7;
     Crc32::initCrc32Table(table);
@@ -24,7 +46,20 @@ TEST(Crc32, AgreesWithTheTableAndTheSumsOfZlibInFrontOfAPageThatMustNotBeTouched
         ASSERT_EQ(table[i], get_crc_table()[i]) << i;
     }
     EXPECT_EQ(table[256], 7u);
+}
 
+// Bit by bit, as the polynomial is defined.
+uint32_t plainCrc32c(const uint8_t* data, uint32_t len) {
+    uint32_t crc = 0xffffffff;
+    for (uint32_t bit = 0; bit < len * 8; ++bit) {
+        const uint32_t feedback = (crc ^ data[bit / 8] >> bit % 8) & 1;
+        crc = crc >> 1 ^ feedback * 0x82f63b78;
+    }
+    return ~crc;
+}
+
+// Up to a page that must not be touched, at every alignment; lengths around the block sizes.
+TEST(Crc32, AgreesWithZlibAndAPlainLoop) {
     constexpr uint32_t most = 9000;
     const GuardedBuffer memory(most);
     auto* const first = reinterpret_cast<uint8_t*>(memory.data());
@@ -32,12 +67,23 @@ TEST(Crc32, AgreesWithTheTableAndTheSumsOfZlibInFrontOfAPageThatMustNotBeTouched
     for (uint32_t i = 0; i < most; ++i) {
         first[i] = static_cast<uint8_t>(random());
     }
-    for (uint32_t i = 0; i < 1300; ++i) {
-        const auto len = static_cast<uint32_t>(i <= 300 ? i : random() % (most + 1));
+    std::vector<uint32_t> lens(301);
+    std::iota(lens.begin(), lens.end(), 0);
+    for (int i = 0; i < 300; ++i) {
+        lens.push_back(static_cast<uint32_t>(random() % (most + 1)));
+    }
+    for (const uint32_t len : lens) {
         const uint8_t* data = first + most - len;
         const auto expected = static_cast<uint32_t>(crc32(0, data, len));
         ASSERT_EQ(Crc32::crc(data, len), expected) << len;
         ASSERT_EQ(Crc32::crcByTables(data, len), expected) << len;
+
+        const uint32_t expectedC = plainCrc32c(data, len);
+        const uint32_t half = len / 2;
+        const uint32_t before = Crc32c::crc(data, half);
+        ASSERT_EQ(Crc32c::crc(data, len), expectedC) << len;
+        ASSERT_EQ(Crc32c::crc(data + half, len - half, before), expectedC) << len;
+        ASSERT_EQ(Crc32c::crcByTables(data + half, len - half, before), expectedC) << len;
     }
 }
 

@@ -11,6 +11,9 @@
 #include "Pavo/IpHdr.h"
 #include "Pavo/NetU.h"
 #include "Pavo/Pkt.h"
+#include "Pavo/SctpHdr.h"
+#include "Pavo/TcpHdr.h"
+#include "Pavo/UdpHdr.h"
 #include "Pavo/VlanUtils.h"
 #include "parity/Parity.h"
 
@@ -146,6 +149,49 @@ void printIp6Headers(Numbers& numbers) {
     printImage(padding);
 }
 
+void printTransportHeaders(Numbers& numbers) {
+    const auto word = [&numbers] { return static_cast<uint16_t>(numbers.next()); };
+    TcpHdr tcp;
+    tcp.srcPortIs(word());
+    tcp.dstPortIs(word());
+    tcp.sequenceNumberIs(numbers.next() << 8);
+    tcp.acknowledgementNumberIs(numbers.next() << 8);
+    tcp.dataOffsetIs(word() & 15);
+    tcp.reservedIs(word() & 7);
+    tcp.nsIs((word() & 1) != 0);
+    tcp.synIs((word() & 1) != 0);
+    tcp.windowIs(word());
+    tcp.urgentPointerIs(word());
+    const TcpPseudoHdr pseudo{IpAddr(numbers.next()), IpAddr(numbers.next()), sizeof(tcp)};
+    tcp.checksumIs(tcp.computedChecksum(pseudo));
+    printImage(tcp);
+    printField(pseudo);
+
+    const Ip6Addr source{uint64_t{numbers.next()} << 40, numbers.next()};
+    const TcpPseudoHdrIpv6 pseudo6(source, Ip6Addr(0, numbers.next()), sizeof(tcp));
+    printField(pseudo6);
+    std::printf("over IPv6 %04x %04x\n", tcp.computedChecksumIpv6U16(pseudo6),
+                tcp.computedChecksumRfc8200U16(pseudo6));
+
+    UdpHdr udp;
+    udp.srcPortIs(word());
+    udp.dstPortIs(word());
+    udp.udpLenIs(sizeof(udp));
+    udp.checksumIs(udp.computedChecksum({pseudo.src(), pseudo.dst(), sizeof(udp)}));
+    printImage(udp);
+    const UdpPseudoHdrIpv6 udpPseudo6(source, source, sizeof(udp));
+    printField(udpPseudo6);
+    std::printf("over IPv6 %04x\n", udp.computedChecksumIpv6U16(udpPseudo6));
+
+    SctpHdr sctp;
+    sctp.srcPortIs(word());
+    sctp.dstPortIs(word());
+    sctp.verificationTagIs(numbers.next() << 8);
+    sctp.checksumIs(sctp.computedChecksum(sizeof(sctp)));
+    printImage(sctp);
+    printField(sctp.checksum());
+}
+
 void printChecksums(Numbers& numbers) {
     static uint8_t area[4096];
     for (auto& byte : area) {
@@ -158,6 +204,8 @@ void printChecksums(Numbers& numbers) {
                     ipChksum(area, len));
         std::printf("crc %u: %08x %08x\n", len, Crc32::crc(area, len),
                     Crc32::crcByTables(area, len));
+        std::printf("crc32c %u: %08x %08x\n", len, Crc32c::crc(area, len, ~len),
+                    Crc32c::crcByTables(area, len, ~len));
     }
 }
 
@@ -191,6 +239,7 @@ void parityOfPackets() {
         printFields(numbers);
         printHeaders(numbers);
         printIp6Headers(numbers);
+        printTransportHeaders(numbers);
     }
     printChecksums(numbers);
     printPackets(numbers);
