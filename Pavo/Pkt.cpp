@@ -23,6 +23,7 @@ constexpr uint32_t maxRecycled = __has_feature(address_sanitizer) ? 0 : 256;
 #else
 constexpr uint32_t maxRecycled = 256;
 #endif
+constexpr uint32_t maxRecycledLarge = maxRecycled / 4;
 
 // Pieces of memory of one size that wait to be used again; bounded, so that a thread that only ends
 // packets does not hoard.
@@ -77,9 +78,14 @@ struct FreeLists {
 
 }  // namespace
 
-// Whole packets, with their buffers, that wait to be used again: those of one thread.
+// Whole packets, with their buffers of one size, that wait to be used again: those of one thread.
 class UsedPkts {
   public:
+    explicit constexpr UsedPkts(uint32_t limit) : limit_(limit) {}
+
+    // The list for packets on buffers of a size, or null.
+    static UsedPkts* of(uint32_t bufferSize);
+
     // Null when none is left.
     Pkt* take() {
         Pkt* pkt = first_;
@@ -112,12 +118,13 @@ class UsedPkts {
   private:
     Pkt* first_ = nullptr;
     uint32_t count_ = 0;
-    uint32_t limit_ = maxRecycled;
+    uint32_t limit_;
 };
 
 namespace {
 
-[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedPkts;
+[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedPkts(maxRecycled);
+[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedLargePkts(maxRecycledLarge);
 
 // Without a destructor, which every access would have to ask for: `Closer` stands in.
 [[gnu::tls_model("initial-exec")]] thread_local constinit FreeLists freeLists;
@@ -126,6 +133,7 @@ namespace {
 struct Closer {
     ~Closer() {
         usedPkts.close();
+        usedLargePkts.close();
         freeLists.packets.close();
         freeLists.sharedBuffers.close();
         freeLists.buffers.close();
@@ -182,20 +190,23 @@ void copyBytes(uint8_t* to, const void* from, uint32_t bytes) {
 
 }  // namespace
 
+UsedPkts* UsedPkts::of(uint32_t bufferSize) {
+    return bufferSize == Pkt::Manager::defaultBufferSize ? &usedPkts
+           : bufferSize == Pkt::largeBufferSize          ? &usedLargePkts
+                                                         : nullptr;
+}
+
 void Pkt::zeroReferencesIs(bool zero) {
-    if (!zero || usedPkts.isFull() || !canBeUsedAgain()) {
+    const bool sole = sharedBuffer_ && sharedBuffer_->references() == 1;
+    UsedPkts* list = sole ? UsedPkts::of(sharedBuffer_->size()) : nullptr;
+    if (!zero || list == nullptr || list->isFull()) {
         PtrInterface::zeroReferencesIs(zero);
         return;
     }
     closeListsAtExit();
     checkMagic();
     clear();
-    usedPkts.give(this);
-}
-
-bool Pkt::canBeUsedAgain() const {
-    return sharedBuffer_ && sharedBuffer_->references() == 1 &&
-           sharedBuffer_->size() == Manager::defaultBufferSize;
+    list->give(this);
 }
 
 // Back to what a new packet is.
@@ -417,12 +428,17 @@ const Mox::FwkType* Pkt::Manager::fwkType() const {
 }
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
-    if (Pkt* used = usedPkts.take()) {
+    return newPkt(defaultBufferSize_);
+}
+
+Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
+    UsedPkts* list = UsedPkts::of(bufferSize);
+    if (Pkt* used = list != nullptr ? list->take() : nullptr) {
         used->PtrInterface::hasNotificationActiveIs(true);
         return {used, Mox::AdoptReference()};
     }
     Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
-    pkt->sharedBufferIs(newSharedBuffer());
+    pkt->sharedBufferIs(newSharedBuffer(bufferSize));
     return pkt;
 }
 
@@ -449,9 +465,8 @@ const Mox::Ptr<Pkt::Manager>& globalPktManager() {
 }
 
 Mox::Ptr<Pkt> pktFactory() {
-    constexpr uint32_t bufferSize = 10000;
     Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
-    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(bufferSize));
+    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(Pkt::largeBufferSize));
     return pkt;
 }
 

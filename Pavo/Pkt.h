@@ -47,13 +47,15 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     /// Entry 0 of the iovec table is the private data, entry 1 the shared.
     static constexpr uint8_t maxIovecs_ = 2;
     static constexpr uint32_t privateAreaBytes = 64;
+    /// A size of buffers for whole messages, used again as those of the default size are.
+    static constexpr uint32_t largeBufferSize = 10000;
 
     /// A packet without data and without a buffer.
     Pkt();
     ~Pkt() override;
     // Memory is recycled as the manager recycles buffers.
-    /// Keeps a packet with a buffer of the default size, held by nobody else, for the manager to
-    /// hand out again; ends any other.
+    /// Keeps a packet with a buffer of the default or the large size, held by nobody else, for the
+    /// manager to hand out again; ends any other.
     void zeroReferencesIs(bool zero) override;
 
     static void* operator new(std::size_t bytes);
@@ -165,7 +167,6 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
     void growTail(uint32_t n);
     void growInto(uint32_t size, uint32_t tailRoom);
     void copyPrivateAndTag(const Pkt& other);
-    bool canBeUsedAgain() const;
     void clear();
     template <class Visit>
     void forEachIovec(Visit visit) const;
@@ -276,9 +277,9 @@ inline void Pkt::delSharedTailData(uint32_t n) {
     updateSharedIovec();
 }
 
-/// Where packets come from. Packets with a buffer of the default size are used again when they have
-/// gone, and so is the memory of other packets and buffers, so that a steady flow of packets does
-/// not reach the allocator; each thread keeps its own.
+/// Where packets come from. Packets with a buffer of the default size or of `largeBufferSize` are
+/// used again when they have gone, and so is the memory of other packets and buffers, so that a
+/// steady flow of packets does not reach the allocator; each thread keeps its own.
 class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
   public:
     /// The size of the buffer that a new packet gets.
@@ -291,6 +292,8 @@ class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
 
     /// A packet without data, on a fresh buffer of the default size.
     Mox::Ptr<Pkt> newPkt();
+    /// The same on a buffer of another size.
+    Mox::Ptr<Pkt> newPkt(uint32_t bufferSize);
     Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize_); }
     Mox::Ptr<SharedBuffer> newSharedBuffer(uint32_t size);
     /// A packet with the same bytes, which shares the buffer of `pkt`; private bytes and separate
@@ -305,7 +308,7 @@ class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
 /// The manager of the process, "Pkt::Manager", made at the first call and held to the end.
 PAVO_EXPORT const Mox::Ptr<Pkt::Manager>& globalPktManager();
 
-/// A packet without data, on a buffer of its own of 10000 bytes.
+/// A packet without data, on a buffer of its own of `largeBufferSize` bytes.
 PAVO_EXPORT Mox::Ptr<Pkt> pktFactory();
 
 }  // namespace Pavo

@@ -87,7 +87,7 @@ Mox::Ptr<TcpFileDescriptor> TcpFileDescriptor::socketAccept(int serverFd, Addres
 Mox::String TcpFileDescriptor::stringValue() const {
     std::ostringstream out;
     out << "Value('Pavo::TcpFileDescriptor', ** {'descriptor': " << descriptor_
-        << ", 'edgeTriggered': " << (edgeTriggered_ ? "True" : "False") << "})";
+        << ", 'edgeTriggered': " << (edgeTriggered_ ? "true" : "false") << "})";
     return printed(out);
 }
 
@@ -257,19 +257,31 @@ void TcpFileDescriptorEventRegistrationMoxcSm::handleEnabled() {
     handleNotifyOnWritable();
 }
 
+// Interest that is only level-triggered and goes while the registration stays is left to the next
+// report: whoever switches it off and on again before that, as for every packet, costs the loop no
+// system call.
 void TcpFileDescriptorEventRegistrationMoxcSm::handleNotifyOnReadable() {
-    fd_->notifyOnReadableIs(registration_->enabled() && registration_->notifyOnReadable());
+    const bool wanted = registration_->notifyOnReadable();
+    const bool level = fd_->watching() == Mox::FileDescriptor::Watching::level;
+    if (registration_->enabled() && !wanted && level) {
+        return;
+    }
+    fd_->notifyOnReadableIs(registration_->enabled() && wanted);
 }
 
 void TcpFileDescriptorEventRegistrationMoxcSm::handleNotifyOnWritable() {
     fd_->notifyOnWritableIs(registration_->enabled() && registration_->notifyOnWritable());
 }
 
-// The loop reports only what there is interest in.
 void TcpFileDescriptorEventRegistrationMoxcSm::handleReadable() {
+    if (!registration_->notifyOnReadable()) {
+        fd_->notifyOnReadableIs(false);
+        return;
+    }
     registration_->handleReadable();
 }
 
+// The loop reports only what there is interest in.
 void TcpFileDescriptorEventRegistrationMoxcSm::handleWritable() {
     registration_->handleWritable();
 }

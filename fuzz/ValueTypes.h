@@ -22,6 +22,12 @@
 #include "Pavo/NetU.h"
 #include "Pavo/Netlink.h"
 #include "Pavo/PktErrors.h"
+#include "Pavo/SctpHdr.h"
+#include "Pavo/TcpConfig.h"
+#include "Pavo/TcpHdr.h"
+#include "Pavo/TcpPduPam.h"
+#include "Pavo/TcpStatus.h"
+#include "Pavo/UdpHdr.h"
 
 namespace fuzz {
 
@@ -59,11 +65,20 @@ using FieldTypes =
              Pavo::IpFragmentOffsetAndFlags, Pavo::IpVersionTrafficClassAndFlowLabel,
              Pavo::NamespaceName, Pavo::IpFilter, Pavo::NetlinkFamily, Pavo::NetlinkMsgType,
              Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups>;
-using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes()));
+using TransportTypes =
+    TypeList<Pavo::TcpPort, Pavo::TcpSequenceNumber, Pavo::TcpAcknowledgementNumber,
+             Pavo::TcpDataOffsetAndFlags, Pavo::TcpWindow, Pavo::TcpUrgentPointer, Pavo::TcpLen,
+             Pavo::TcpLenIp6, Pavo::TcpDataOffset, Pavo::TcpReserved, Pavo::TcpPseudoHdr,
+             Pavo::TcpPseudoHdrIpv6, Pavo::UdpPort, Pavo::UdpLen, Pavo::UdpLenIp6,
+             Pavo::UdpPseudoHdr, Pavo::UdpPseudoHdrIpv6, Pavo::SctpPort, Pavo::SctpChecksum,
+             Pavo::TcpSocketOptions, Pavo::TcpKeepaliveOptions>;
+using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes(),
+                                   TransportTypes()));
 
 using EnumTypes =
     TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors, Pavo::IcmpType,
-             Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState>;
+             Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState,
+             Pavo::TcpClientStatus::ConnectionStatus, Pavo::TcpPduPamEnableMode>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

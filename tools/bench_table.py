@@ -49,6 +49,14 @@ MARKS = {
     ("NetlinkAck", "libmnl"): 0.909,
     ("NetnsAddDelete", "bare"): 0.9,
     ("NetnsAddDelete", "ip_netns"): 1,
+    ("PduRead0", "epoll"): 0.9,
+    ("PduRead100", "epoll"): 0.9,
+    ("PduRead1400", "epoll"): 0.9,
+    ("PduRead9000", "epoll"): 0.9,
+    ("PduRead0", "asio"): 1.3,
+    ("PduRead100", "asio"): 1.3,
+    ("PduRead1400", "asio"): 1.3,
+    ("PduRead9000", "asio"): 1.3,
 }
 
 

@@ -12,6 +12,9 @@
 #include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
 #include "Pavo/Netlink.h"
+#include "Pavo/TcpConfig.h"
+#include "Pavo/TcpPduPam.h"
+#include "Pavo/TcpStatus.h"
 #include "parity/Parity.h"
 
 namespace Pavo {
@@ -146,9 +149,13 @@ void printFields(Numbers& n) {
     parityOfMany([&n] { return NetlinkMsgFlags(n.any16()); });
     parityOfMany([&n] { return NetlinkPortId(n.any32()); });
     parityOfMany([&n] { return NetlinkGroups(n.any32()); });
+    parityOfMany([&n] { return TcpSocketOptions(static_cast<uint8_t>(n.any16() & 0x7f)); });
+    parityOfMany([&n] { return TcpKeepaliveOptions(n.any32(), n.any32(), n.any32()); });
     parity::parityOf<IpProtocolNumber>("Pavo::IpProtocolNumber");
     parity::parityOf<AddressFamily>("Pavo::AddressFamily");
     parity::parityOf<NamespaceState>("Pavo::NamespaceState");
+    parity::parityOf<TcpClientStatus::ConnectionStatus>("Pavo::ConnectionStatus");
+    parity::parityOf<TcpPduPamEnableMode>("Pavo::TcpPduPamEnableMode");
 }
 
 void printNames(Numbers& n) {

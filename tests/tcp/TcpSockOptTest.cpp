@@ -1,0 +1,359 @@
+// What the machines do to sockets, as the kernel tells it.
+#include "Pavo/TcpSockOpt.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/FailSyscall.h"
+#include "support/ValueLaws.h"
+#include "tcp/TcpMachines.h"
+
+namespace Pavo {
+namespace {
+
+using PavoTest::addressOf;
+using PavoTest::TestClient;
+using PavoTest::TestServer;
+
+int optionOf(const Mox::Ptr<TcpFileDescriptor>& fd, int level, int optname) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd->descriptor(), level, optname, &value, &length), 0);
+    return value;
+}
+
+class TcpSockOptTest : public PavoTest::TcpTest {};
+
+void configure(TcpConfigBase& config) {
+    config.txTtlIs(33);
+    config.txDsIs(46);
+    config.rxMinTtlIs(17);
+    config.sockMaxSegSizeIs(700);
+    config.dstIntfIfIndexIs(1);
+}
+
+TEST_F(TcpSockOptTest, EachOptionReachesItsSocketAndLeavesItAgain) {
+    const int lo = static_cast<int>(htonl(1));
+    const struct {
+        AddressFamily af;
+        TcpSocketOption option;
+        int level, optname;
+        int set;      // On a listener, and on what it accepts.
+        int cleared;  // On a listener, after the option was on.
+        int onClient, clearedOnClient;
+    } cases[] = {
+        {ipv4, optionTxTtl, IPPROTO_IP, IP_TTL, 33, 64, 33, 64},
+        {ipv6, optionTxTtl, IPPROTO_IPV6, IPV6_UNICAST_HOPS, 33, 64, 33, 64},
+        {ipv4, optionTxDs, IPPROTO_IP, IP_TOS, 44, 0, 44, 0},  // Without the bits of ECN.
+        {ipv6, optionTxDs, IPPROTO_IPV6, IPV6_TCLASS, 44, 0, 44, 0},
+        {ipv4, optionRxMinTtl, IPPROTO_IP, IP_MINTTL, 17, 0, 17, 0},
+        {ipv6, optionRxMinTtl, IPPROTO_IPV6, IPV6_MINHOPCOUNT, 17, 0, 17, 0},
+        // Once a client has sent its SYN, the size is settled; 12 bytes of it go to time stamps.
+        {ipv4, optionSockMaxSegSize, IPPROTO_TCP, TCP_MAXSEG, 700, 536, 688, 688},
+        {ipv6, optionSockMaxSegSize, IPPROTO_TCP, TCP_MAXSEG, 700, 536, 688, 688},
+        {ipv4, optionPathMtuDiscovery, IPPROTO_IP, IP_MTU_DISCOVER, 2, 0, 2, 0},
+        {ipv6, optionPathMtuDiscovery, IPPROTO_IPV6, IPV6_MTU_DISCOVER, 2, 0, 2, 0},
+        {ipv4, optionDontRoute, SOL_SOCKET, SO_DONTROUTE, 1, 0, 1, 0},
+        {ipv6, optionDontRoute, IPPROTO_IPV6, IPV6_UNICAST_IF, lo, 0, lo, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(tcpOptionsToStrep(c.option) + " " + stringValue(c.af));
+        const char* address = c.af == ipv4 ? "127.0.0.1" : "::1";
+        const TestServer server(&byHand_, &wheel_, address, 4001);
+        const TestClient client(&byHand_, &wheel_, address, 4001);
+        for (TcpConfigBase* config : {static_cast<TcpConfigBase*>(server.config.ptr()),
+                                      static_cast<TcpConfigBase*>(client.config.ptr())}) {
+            configure(*config);
+            config->optionsIs(c.option);
+        }
+        ASSERT_TRUE(server.sm->startListener());
+        meet(client, server);
+        const auto listening = server.sm->fd()->fileDescriptor();
+        const auto accepted = server.status->getConnSocket().fileDescriptor();
+        const auto connected = client.status->connSocket().fileDescriptor();
+        ASSERT_TRUE(accepted && connected);
+        const bool isSize = c.option == optionSockMaxSegSize;
+        EXPECT_EQ(optionOf(listening, c.level, c.optname), c.set);
+        EXPECT_EQ(optionOf(accepted, c.level, c.optname), isSize ? 688 : c.set);
+        EXPECT_EQ(optionOf(connected, c.level, c.optname), c.onClient);
+        EXPECT_EQ(server.sm->lastOptionsApplied(), TcpSocketOptions(c.option));
+
+        server.config->optionsIs({});
+        client.config->optionsIs({});
+        EXPECT_EQ(optionOf(listening, c.level, c.optname), c.cleared);
+        EXPECT_EQ(optionOf(accepted, c.level, c.optname), isSize ? 688 : c.set);
+        EXPECT_EQ(optionOf(connected, c.level, c.optname), c.clearedOnClient);
+        EXPECT_EQ(server.sm->lastOptionsApplied(), TcpSocketOptions());
+        EXPECT_EQ(client.sm->lastOptionsApplied(), TcpSocketOptions());
+    }
+}
+
+TEST_F(TcpSockOptTest, AValueThatChangesReachesTheLiveSocketWhileItsOptionIsOn) {
+    const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+    ASSERT_TRUE(server.sm->startListener());
+    client.config->optionsIs(optionTxTtl | optionPathMtuDiscovery);
+    client.config->txTtlIs(9);
+    meet(client, server);
+    const auto fd = client.status->connSocket().fileDescriptor();
+    client.config->txTtlIs(10);
+    client.config->rxMinTtlIs(5);  // Its option is off.
+    client.config->pathMtuDiscoveryIs(false);
+    EXPECT_EQ(optionOf(fd, IPPROTO_IP, IP_TTL), 10);
+    EXPECT_EQ(optionOf(fd, IPPROTO_IP, IP_MINTTL), 0);
+    EXPECT_EQ(optionOf(fd, IPPROTO_IP, IP_MTU_DISCOVER), 0);
+
+    // A call for each change, and for nothing else: the option that goes is one of the two.
+    PavoTest::FailSyscall calls("setsockopt");
+    client.config->optionsIs(optionPathMtuDiscovery);
+    EXPECT_EQ(calls.count(), 2u);
+    client.config->optionsIs(optionPathMtuDiscovery);
+    EXPECT_EQ(calls.count(), 2u);
+    calls.disarm();
+    EXPECT_EQ(optionOf(fd, IPPROTO_IP, IP_TTL), 64);
+
+    // What is accepted is never reset, also where the listener's options are ahead of it.
+    server.config->txTtlIs(9);
+    server.config->optionsIs(optionTxTtl);
+    server.sm->hasNotificationActiveIs(false);
+    server.config->optionsIs({});
+    EXPECT_EQ(server.sm->applySocketOptions(fd->descriptor(), TcpSmBase::sdAccepted), 0);
+    EXPECT_EQ(server.sm->lastOptionsApplied(), TcpSocketOptions(optionTxTtl));
+
+    // What fails on a live socket ends the connection.
+    client.config->txTtlIs(0);
+    client.config->optionsIs(optionTxTtl);
+    EXPECT_EQ(client.summary(), "failed Setsockopt (Invalid argument) 1/1/1");
+    EXPECT_EQ(client.status->retryTimerNext(), 1.0);
+}
+
+TEST_F(TcpSockOptTest, AListenerOfIp6TakesIp4AsItIsTold) {
+    for (const bool v6Only : {true, false}) {
+        const TestServer server(&byHand_, &wheel_, "::", 4001);
+        const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+        server.sm->v6OnlyIs(v6Only);
+        ASSERT_TRUE(server.sm->startListener());
+        client.sm->startConnection();
+        tell(client);
+        if (v6Only) {
+            EXPECT_EQ(client.summary(), "failed Connect (Connection refused) 1/1/0");
+            continue;
+        }
+        tell(server);
+        const TcpConnSocket accepted = server.status->getConnSocket();
+        EXPECT_EQ(IpGenAddr::getMappedV4Addr(accepted.dstIpAddr()), addressOf("127.0.0.1"));
+        EXPECT_EQ(accepted.dstPort(), client.status->connSocket().srcPort());
+    }
+}
+
+TEST_F(TcpSockOptTest, WrongUseStopsTheProcess) {
+    EXPECT_DEATH(setSockOptTxTtl(ipunknown, 0, true, 1), "Unexpected af");
+    sockaddr_in6 room{};
+    EXPECT_DEATH(constructSockAddr(reinterpret_cast<sockaddr*>(&room), IpGenAddr()), "Unknown af");
+    const IpGenAddrWithMask peer(addressOf("192.0.2.1"));
+    EXPECT_DEATH(setSockMd5AuthOption(0, peer, std::string(80, 'k')), "key.bytes\\(\\) < 80");
+    const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
+    server.config->optionsIs(optionMd5Auth);
+    server.config->md5AuthIs(peer, "");
+    EXPECT_DEATH(server.sm->startListener(), "!key.empty\\(\\)");
+}
+
+TEST(TcpSocketOptions, KeepTheValueLaws) {
+    expectValueLaws<TcpSocketOptions>({TcpSocketOptions(), optionTxTtl, optionTxTtl | optionTxDs,
+                                       optionDontRoute, TcpSocketOptions(TcpSocketOptions::all)});
+    EXPECT_EQ(rangeErrorOf([] { TcpSocketOptions(uint8_t{0x80}); }), "Invalid TcpSocketOptions");
+    EXPECT_EQ(tcpOptionsToStrep(optionTxTtl | optionMd5Auth), "TxTtl|Md5Auth");
+    EXPECT_EQ(valueToStrep(TcpSocketOptions(optionMd5Auth)),
+              "Value('Pavo::TcpSocketOptions', ** {'optionTxTtl': false, 'optionTxDs': false, "
+              "'optionRxMinTtl': false, 'optionMd5Auth': true, 'optionSockMaxSegSize': false, "
+              "'optionPathMtuDiscovery': false, 'optionDontRoute': false})");
+}
+
+// A counter of TCP extensions in the calling thread's namespace.
+long md5Counter(const std::string& name) {
+    std::ifstream netstat("/proc/thread-self/net/netstat");
+    for (std::string names, values; getline(netstat, names) && getline(netstat, values);) {
+        std::istringstream nameWords(names), valueWords(values);
+        for (std::string word, value; nameWords >> word && valueWords >> value;) {
+            if (word == name) {
+                return std::stol(value);
+            }
+        }
+    }
+    return -1;
+}
+
+class WireTest : public TcpSockOptTest {
+  protected:
+    void SetUp() override {
+        TcpSockOptTest::SetUp();
+        if (!IsSkipped()) {
+            PavoTest::makeWire();
+            PavoTest::addWire6();
+        }
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            PavoTest::removeWire();
+        }
+    }
+};
+
+TEST_F(WireTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
+    uint32_t link = 0;
+    {
+        const PavoTest::ScopedNetns left("left");
+        link = if_nametoindex("veth-left");
+    }
+    ASSERT_NE(link, 0u);
+    const TestServer server(byLoop_.ptr(), &wheel_, "::", 4001);
+    server.config->networkNamespaceIs(NamespaceName("right"));
+    ASSERT_TRUE(server.sm->startListener());
+    const struct {
+        const char* server;
+        const char* client;
+        uint32_t ifIndex;
+        const char* reason;  // "" where the connection is made.
+        uint32_t scope;
+    } cases[] = {
+        {"fe80::2", "::", link, "", link},
+        {"fe80::2", "fe80::1", link, "", link},
+        {"fe80::2", "::", 0, "Connect (Invalid argument)", 0},
+        {"fe80::2", "fe80::1", 0, "Bind (Invalid argument)", 0},
+        {"2001:db8::2", "2001:db8::1", 9999, "", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.server << " " << c.client << " " << c.ifIndex);
+        const TestClient client(byLoop_.ptr(), &wheel_, c.server, 4001);
+        client.config->networkNamespaceIs(NamespaceName("left"));
+        client.config->clientIpAddrIs(addressOf(c.client));
+        client.config->ifIndexIs(c.ifIndex);
+        client.sm->startConnection();
+        EXPECT_EQ(client.status->reason(), c.reason);
+        if (*c.reason == '\0') {
+            EXPECT_TRUE(turnUntil([&] { return bool(client.status->connSocket()); }));
+            EXPECT_EQ(client.status->connSocket().ifIndex(), c.scope);
+        }
+    }
+}
+
+TEST_F(WireTest, AKeyLetsTheRightPeerInAndKeepsAWrongOneOut) {
+    const Mox::String good("secret"), bad("Secret");
+    using Keys = std::vector<std::pair<const char*, Mox::String>>;
+    const char* const in = "";
+    const struct {
+        const char* server;
+        Keys serverKeys, clientKeys;
+        const char* dropped;   // The server's counter that goes up; "" where the peer gets in.
+        bool cleared = false;  // The listener's option has been turned off again.
+    } cases[] = {
+        {"192.0.2.2", {{"192.0.2.1/32", good}}, {{"192.0.2.2/32", good}}, in},
+        {"192.0.2.2", {{"192.0.2.77/24", good}}, {{"192.0.2.2/32", good}}, in},
+        {"192.0.2.2", {{"0.0.0.0/0", good}}, {{"192.0.2.0/30", good}}, in},
+        {"192.0.2.2",
+         {{"192.0.2.0/24", bad}, {"192.0.2.0/28", good}, {"2001:db8::/64", bad}},
+         {{"192.0.2.2/32", good}, {"2001:db8::2/128", bad}},
+         in},
+        {"2001:db8::2", {{"2001:db8::1/128", good}}, {{"2001:db8::2/128", good}}, in},
+        {"2001:db8::2",
+         {{"2001:db8::/64", good}, {"192.0.2.1/32", bad}},
+         {{"2001:db8::2/128", good}},
+         in},
+        {"192.0.2.2", {{"192.0.2.2/32", good}}, {}, in},  // A key for somebody else.
+        {"192.0.2.2", {{"192.0.2.77/24", good}, {"192.0.2.1/32", good}}, {}, in, true},
+        {"192.0.2.2", {{"192.0.2.1/32", good}}, {{"192.0.2.2/32", bad}}, "TCPMD5Failure"},
+        {"192.0.2.2", {{"192.0.2.0/24", good}}, {{"192.0.2.2/32", bad}}, "TCPMD5Failure"},
+        {"192.0.2.2", {{"192.0.2.0/24", good}}, {}, "TCPMD5NotFound"},
+        {"192.0.2.2", {}, {{"192.0.2.2/32", good}}, "TCPMD5Unexpected"},
+        {"2001:db8::2", {{"2001:db8::/64", good}}, {{"2001:db8::2/128", bad}}, "TCPMD5Failure"},
+    };
+    const PavoTest::ScopedNetns right("right");  // For the counters.
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << (&c - cases) << " " << c.dropped);
+        const TestServer server(byLoop_.ptr(), &wheel_, c.server, 4001);
+        const TestClient client(byLoop_.ptr(), &wheel_, c.server, 4001);
+        server.config->networkNamespaceIs(NamespaceName("right"));
+        client.config->networkNamespaceIs(NamespaceName("left"));
+        for (const auto& [peer, key] : c.serverKeys) {
+            server.config->md5AuthIs(Mox::fromText<IpGenAddrWithMask>(peer), key);
+        }
+        for (const auto& [peer, key] : c.clientKeys) {
+            client.config->md5AuthIs(Mox::fromText<IpGenAddrWithMask>(peer), key);
+        }
+        server.config->optionsIs(optionMd5Auth);
+        client.config->optionsIs(optionMd5Auth);
+        ASSERT_TRUE(server.sm->startListener());
+        server.config->optionsIs(c.cleared ? TcpSocketOptions() : optionMd5Auth);
+        const long before = md5Counter(c.dropped);
+        client.sm->startConnection();
+        if (c.dropped == in) {
+            EXPECT_TRUE(turnUntil([&] {
+                return client.status->connSocket() && server.status->connSocketMembers() == 1;
+            })) << client.summary();
+        } else {
+            EXPECT_TRUE(turnUntil([&] { return md5Counter(c.dropped) > before; }));
+            EXPECT_EQ(client.summary(), "connecting  1/0/0");
+            EXPECT_EQ(server.summary(), "+Listening 1/0/0");
+        }
+    }
+}
+
+TEST_F(TcpSockOptTest, KeysThatTheKernelRefusesAreErrorsAndAbsentOnesAreRemoved) {
+    const struct {
+        AddressFamily af;
+        IpGenAddrWithMask peer;
+        const char* key;
+        int error;
+    } cases[] = {
+        {ipv4, {addressOf("10.0.0.9"), 24}, "", 0},
+        {ipv4, {addressOf("10.0.0.9"), 32}, "", 0},
+        {ipv4, {addressOf("10.0.0.9"), 33}, "key", EINVAL},
+        {ipv4, {addressOf("10.0.0.9"), 256}, "key", EINVAL},
+        {ipv4, {addressOf("2001:db8::1"), 128}, "key", EINVAL},
+        {ipv6, {addressOf("::ffff:10.0.0.9"), 120}, "key", 0},  // Of 24 bits, for the kernel.
+        {ipv6, {addressOf("::ffff:10.0.0.9"), 128}, "key", 0},
+    };
+    for (const auto& c : cases) {
+        const auto fd = TcpFileDescriptor::socket(c.af, NamespaceName(), false);
+        errno = 0;
+        EXPECT_EQ(setSockMd5AuthOption(fd->descriptor(), c.peer, c.key), c.error == 0 ? 0 : -1);
+        EXPECT_TRUE(errno == c.error || c.error == 0) << c.peer << " " << errno;
+    }
+}
+
+TEST_F(TcpSockOptTest, AChangedKeyRestartsTheListenerAndLeavesAClientAlone) {
+    const IpGenAddrWithMask peer(addressOf("127.0.0.1"));
+    const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+    ASSERT_TRUE(server.sm->startListener());
+    meet(client, server);
+    server.config->md5AuthIs(peer, "secret");
+    server.config->md5AuthIs(peer, "other");
+    EXPECT_EQ(server.summary(), "-Listening 1/1/0");  // What waited is dropped.
+    clock_.advance(0);
+    EXPECT_EQ(server.summary(), "+Listening 2/1/0");
+
+    client.config->md5AuthIs(peer, "secret");
+    client.config->md5AuthDelAll();
+    EXPECT_EQ(client.summary(), "connected  1/0/1");
+
+    // No number of changes is held back, for none of them is a failure.
+    for (const char* key : {"a", "b", "c"}) {
+        server.config->md5AuthIs(peer, key);
+        clock_.advance(0);
+        EXPECT_TRUE(server.status->listening()) << key;
+    }
+}
+
+}  // namespace
+}  // namespace Pavo
