@@ -182,7 +182,7 @@ void TimerWheel::Wheel::turn() {
 
 void TimerWheel::Wheel::turnEnds() {
     turning = false;
-    drain(&forNextTurn, [this](Notifiee* timer) { timer->due_.expiryIs(timer->expiry_); });
+    drain(&forNextTurn, [](Notifiee* timer) { timer->due_.expiryIs(timer->expiry_); });
     const Slot* slot = firstUsedSlot();
     wakeUp.expiryIs(std::min(near.nextExpiry(), slot == nullptr ? idle : slot->earliest));
 }

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -259,6 +260,22 @@ TEST_P(TcpPduPamTest, ServesManyPdusOfOneSegmentWithoutNewBytesAndWithinBounds) 
     EXPECT_EQ(pam->readableCount(), 100u);
 }
 
+TEST_P(TcpPduPamTest, AnObserverThatThrowsLosesNoPdu) {
+    const Stream stream(GetParam());
+    const auto pam = open(stream);
+    Strings pdus;
+    const Mox::Watch<SimpleTcpPduPam> reader(pam, Pam::readableCountAttr, [&] {
+        pdus.emplace_back(pam->rxPkt()->stringValue().view());
+        if (pdus.size() == 1) {
+            throw std::runtime_error("from an observer");
+        }
+    });
+    stream.write(pduOf(20) + pduOf(21) + pduOf(22));
+    EXPECT_THROW(loop_.turn(0), std::runtime_error);
+    turns();
+    EXPECT_EQ(pdus, (Strings{pduOf(20), pduOf(21), pduOf(22)}));
+}
+
 TEST_P(TcpPduPamTest, APduThatNobodyTakesWaitsAndLosesNothing) {
     const Stream stream(GetParam());
     const auto pam = open(stream);
@@ -336,6 +353,24 @@ TEST_P(TcpPduPamTest, WaitsForRoomWithOnePacketAndSendsEveryByteInOrder) {
     EXPECT_EQ(pam->txErrors(), 0u);
     pam->enableModeIs(tcpEnableModeReadOnly);
     EXPECT_DEATH(pam->txPktIs(pktOf("x")), "\"?writable\\(\\)");
+}
+
+TEST_P(TcpPduPamTest, DropsAPacketInFrontOfWhichAnObserverSendsOneThatMustWait) {
+    const Stream stream(GetParam());
+    const auto pam = open(stream);
+    pam->txPktIs(pktOf(std::string(65536, '?')));  // Too long: an error to take back.
+    const std::string first = pduOf(60000);
+    const Mox::Watch<SimpleTcpPduPam> watch(pam, Pam::txErrnoAttr,
+                                            [&] { pam->txPktIs(pktOf(first)); });
+    pam->txPktIs(pktOf(pduOf(50000)));
+    EXPECT_EQ(pam->txDrops(), 1u);
+    std::string arrived;
+    turnUntil([&] {
+        arrived += stream.read();
+        return arrived.size() >= first.size();
+    });
+    EXPECT_EQ(arrived, first);
+    EXPECT_TRUE(pam->writable());
 }
 
 TEST_P(TcpPduPamTest, SaysHowTheStreamEnded) {

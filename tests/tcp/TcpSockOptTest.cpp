@@ -129,6 +129,11 @@ TEST_F(TcpSockOptTest, AValueThatChangesReachesTheLiveSocketWhileItsOptionIsOn) 
     server.config->optionsIs({});
     EXPECT_EQ(server.sm->applySocketOptions(fd->descriptor(), TcpSmBase::sdAccepted), 0);
     EXPECT_EQ(server.sm->lastOptionsApplied(), TcpSocketOptions(optionTxTtl));
+    // Switched off, it hears nothing of its next socket either.
+    ASSERT_TRUE(server.sm->restartListener());
+    EXPECT_FALSE(server.sm->fd()->enabled());
+    server.sm->hasNotificationActiveIs(true);
+    EXPECT_TRUE(server.sm->fd()->enabled());
 
     // What fails on a live socket ends the connection.
     client.config->txTtlIs(0);
