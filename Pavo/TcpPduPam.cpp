@@ -595,7 +595,13 @@ void TcpPduPam::outOfWriteSpace() {
 void TcpPduPam::handleSocketWritable() {
     const Mox::Ptr<TcpPduPam> hold(this);
     if (isWriting() && txPktHolderShadow_) {
-        sendIov(&txIov_, txIovLenHolderShadow());
+        try {
+            sendIov(&txIov_, txIovLenHolderShadow());
+        } catch (...) {  // Thrown by an observer: asks for the room again that was not used.
+            fd()->notifyOnWritableIs(false);
+            fd()->notifyOnWritableIs(isWriting() && txPktHolderShadow_);
+            throw;
+        }
     }
     TcpPduPamBase::handleSocketWritable();
 }

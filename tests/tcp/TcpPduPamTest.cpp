@@ -355,6 +355,26 @@ TEST_P(TcpPduPamTest, WaitsForRoomWithOnePacketAndSendsEveryByteInOrder) {
     EXPECT_DEATH(pam->txPktIs(pktOf("x")), "\"?writable\\(\\)");
 }
 
+TEST_P(TcpPduPamTest, AnObserverThatThrowsLosesNoByteThatWaits) {
+    const Stream stream(GetParam());
+    const auto pam = open(stream);
+    const std::string sent = fill(pam);
+    pam->txErrnoIs(EAGAIN);  // What the next write takes back, and tells.
+    bool throws = true;
+    const Mox::Watch<SimpleTcpPduPam> watch(pam, Pam::txErrnoAttr, [&throws] {
+        if (std::exchange(throws, false)) {
+            throw std::runtime_error("from an observer");
+        }
+    });
+    std::string arrived = stream.read();
+    EXPECT_THROW(loop_.turn(1.0), std::runtime_error);
+    turnUntil([&] {
+        arrived += stream.read();
+        return arrived.size() >= sent.size();
+    });
+    EXPECT_EQ(arrived, sent);
+}
+
 TEST_P(TcpPduPamTest, DropsAPacketInFrontOfWhichAnObserverSendsOneThatMustWait) {
     const Stream stream(GetParam());
     const auto pam = open(stream);
