@@ -108,6 +108,19 @@ class PavoEnds {
     bool bulk_;
 };
 
+// One message over the buffers given.
+template <class Name, std::size_t controlBytes>
+msghdr messageOf(Name* name, iovec* data, char (&control)[controlBytes]) {
+    msghdr message{};
+    message.msg_name = name;
+    message.msg_namelen = sizeof(*name);
+    message.msg_iov = data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = controlBytes;
+    return message;
+}
+
 template <class Family>
 class BareEnds {
   public:
@@ -131,13 +144,7 @@ class BareEnds {
             Family::fill(&name, &info);
             iovec data{data_, payloadBytes};
             alignas(cmsghdr) char control[CMSG_SPACE(sizeof(info))] = {};
-            msghdr message{};
-            message.msg_name = &name;
-            message.msg_namelen = sizeof(name);
-            message.msg_iov = &data;
-            message.msg_iovlen = 1;
-            message.msg_control = control;
-            message.msg_controllen = sizeof(control);
+            const msghdr message = messageOf(&name, &data, control);
             cmsghdr* first = CMSG_FIRSTHDR(&message);
             first->cmsg_level = Family::level;
             first->cmsg_type = Family::pktInfo;
@@ -159,13 +166,7 @@ class BareEnds {
         typename Family::Name name{};
         iovec data{data_, sizeof(data_)};
         alignas(cmsghdr) char control[160];
-        msghdr message{};
-        message.msg_name = &name;
-        message.msg_namelen = sizeof(name);
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
+        msghdr message = messageOf(&name, &data, control);
         if (recvmsg(right_, &message, 0) < 0) {
             return false;
         }

@@ -19,17 +19,14 @@
 #include <string_view>
 #include <vector>
 
-#include "Keel/TimerWheel.h"
-#include "Mox/EventLoop.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
 #include "Pavo/SocketAt.h"
-#include "Pavo/TcpClientServer.h"
 #include "Pavo/TcpHdr.h"
 #include "Pavo/TcpPduPam.h"
 #include "Pavo/UdpHdr.h"
 #include "demo/Capture.h"
-#include "support/SandboxTest.h"
+#include "tcp/TcpMachines.h"
 
 namespace Pavo {
 namespace {
@@ -249,13 +246,11 @@ size_t breakOne(const std::string& path, const std::string& verdicts, uint8_t pr
     return number;
 }
 
-class TcpInteropTest : public PavoTest::SandboxTest {
+class TcpInteropTest : public PavoTest::WireTest {
   protected:
     void SetUp() override {
-        SandboxTest::SetUp();
+        WireTest::SetUp();
         if (!IsSkipped()) {
-            PavoTest::makeWire();
-            PavoTest::addWire6();
             switchOffloadOff("left", "veth-left");
             switchOffloadOff("right", "veth-right");
             // Somebody to send datagrams to, so that no error comes back.
@@ -268,49 +263,28 @@ class TcpInteropTest : public PavoTest::SandboxTest {
         }
     }
 
-    void TearDown() override {
-        if (!IsSkipped()) {
-            PavoTest::removeWire();
-        }
-    }
-
-    // Turns until `done`, for at most twenty seconds.
-    template <class Done>
-    bool reaches(Done done) {
-        bool late = false;
-        Mox::Timer giveUp(loop_.clock(), [&late] { late = true; });
-        giveUp.expiryIs(loop_.clock()->now() + 20);
-        while (!done() && !late) {
-            loop_.turn();
-        }
-        return !late;
-    }
-
     void connectToPython(bool v6) {
         SCOPED_TRACE(v6);
         const PythonProgram server("right", script(echoServer, v6));
-        const auto config = tcpClientConfigFactory(
-            v6 ? IpGenAddr(Ip6Addr(0x20010db800000000, 2)) : IpGenAddr(IpAddr(0xc0000202)),
-            Port(1790));
-        config->networkNamespaceIs(NamespaceName("left"));
-        const auto status = tcpClientStatusFactory();
-        const auto client = tcpClientSmFactory(factory_.ptr(), &wheel_, 1, config, status);
-        client->startConnection();
-        ASSERT_TRUE(reaches([&] { return bool(status->connSocket()); })) << status->reason();
-        const Exchange exchange(status->connSocket().fileDescriptor(), {20, 21, 600, 5000});
-        EXPECT_TRUE(reaches([&] { return exchange.isComplete(); }));
+        const PavoTest::TestClient client(byLoop_.ptr(), &wheel_, v6 ? "2001:db8::2" : "192.0.2.2",
+                                          1790);
+        client.config->networkNamespaceIs(NamespaceName("left"));
+        client.sm->startConnection();
+        ASSERT_TRUE(turnUntil([&] { return bool(client.status->connSocket()); }))
+            << client.summary();
+        const Exchange exchange(client.status->connSocket().fileDescriptor(), {20, 21, 600, 5000});
+        EXPECT_TRUE(turnUntil([&] { return exchange.isComplete(); }));
         EXPECT_EQ(exchange.taken(), exchange.sent());
     }
 
     void servePython() {
-        const auto config = tcpServerConfigFactory(IpAddr(0xc0000201), Port(1792));
-        config->networkNamespaceIs(NamespaceName("left"));
-        const auto status = tcpServerStatusFactory();
-        const auto server = tcpServerSmFactory(factory_.ptr(), &wheel_, config, status);
-        ASSERT_TRUE(server->startListener());
+        const PavoTest::TestServer server(byLoop_.ptr(), &wheel_, "192.0.2.1", 1792);
+        server.config->networkNamespaceIs(NamespaceName("left"));
+        ASSERT_TRUE(server.sm->startListener());
         const PythonProgram client("right", script(echoClient, false));
-        ASSERT_TRUE(reaches([&] { return status->connSocketMembers() == 1; }));
-        const auto pam = simpleTcpPduPamFactory(status->getConnSocket().fileDescriptor(), factory_);
+        ASSERT_TRUE(turnUntil([&] { return server.status->connSocketMembers() == 1; }));
+        const auto pam =
+            simpleTcpPduPamFactory(server.status->getConnSocket().fileDescriptor(), byLoop_.ptr());
         uint32_t messages = 0;
         const Mox::Watch<SimpleTcpPduPam> readable(pam, Pam::readableCountAttr, [&] {
             if (const Mox::Ptr<Pkt> pkt = pam->rxPkt()) {
@@ -319,14 +293,10 @@ class TcpInteropTest : public PavoTest::SandboxTest {
             }
         });
         pam->enableModeIs(tcpEnableModeReadWrite);
-        EXPECT_TRUE(reaches([&] { return messages == 3; }));
+        EXPECT_TRUE(turnUntil([&] { return messages == 3; }));
     }
 
-    Mox::EventLoop loop_;
     Mox::Ptr<Mox::FileDescriptor> datagrams_;
-    Keel::TimerWheel wheel_{loop_.clock()};
-    Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> factory_ =
-        tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
 };
 
 TEST_F(TcpInteropTest, TalksWithPythonAndAgreesWithTsharkAboutEveryChecksum) {
@@ -334,7 +304,8 @@ TEST_F(TcpInteropTest, TalksWithPythonAndAgreesWithTsharkAboutEveryChecksum) {
     connectToPython(/*v6=*/false);
     connectToPython(/*v6=*/true);
     servePython();
-    const std::string path = std::filesystem::temp_directory_path() / "pavo-interop.pcap";
+    const std::string path = std::filesystem::temp_directory_path() /
+                             ("pavo-interop-" + std::to_string(getpid()) + ".pcap");
     ASSERT_GT(capture.write(path), 30u);
 
     std::string verdicts = ourVerdicts(path);

@@ -110,4 +110,21 @@ class TcpTest : public SandboxTest {
     static void injectInto(const TestServer& server) { server.sm->fd()->handleReadable(); }
 };
 
+/// With the wire of the sandbox, both families on it.
+class WireTest : public TcpTest {
+  protected:
+    void SetUp() override {
+        TcpTest::SetUp();
+        if (!IsSkipped()) {
+            makeWire();
+            addWire6();
+        }
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            removeWire();
+        }
+    }
+};
+
 }  // namespace PavoTest

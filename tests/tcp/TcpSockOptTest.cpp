@@ -198,21 +198,7 @@ long md5Counter(const std::string& name) {
     return -1;
 }
 
-class WireTest : public TcpSockOptTest {
-  protected:
-    void SetUp() override {
-        TcpSockOptTest::SetUp();
-        if (!IsSkipped()) {
-            PavoTest::makeWire();
-            PavoTest::addWire6();
-        }
-    }
-    void TearDown() override {
-        if (!IsSkipped()) {
-            PavoTest::removeWire();
-        }
-    }
-};
+using PavoTest::WireTest;
 
 TEST_F(WireTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
     uint32_t link = 0;
