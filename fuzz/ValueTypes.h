@@ -4,9 +4,13 @@
 
 #include <type_traits>
 
+#include "Pavo/AutonomousSystem.h"
 #include "Pavo/EthAddr.h"
 #include "Pavo/Icmp6Hdr.h"
 #include "Pavo/IcmpHdr.h"
+#include "Pavo/IntfId.h"
+#include "Pavo/IntfIdDesc.h"
+#include "Pavo/IntfIdTrie.h"
 #include "Pavo/Ip.h"
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/Ip6Hdr.h"
@@ -22,6 +26,7 @@
 #include "Pavo/NetU.h"
 #include "Pavo/Netlink.h"
 #include "Pavo/PktErrors.h"
+#include "Pavo/RouteDistinguisher.h"
 #include "Pavo/SctpHdr.h"
 #include "Pavo/TcpConfig.h"
 #include "Pavo/TcpHdr.h"
@@ -72,13 +77,16 @@ using TransportTypes =
              Pavo::TcpPseudoHdrIpv6, Pavo::UdpPort, Pavo::UdpLen, Pavo::UdpLenIp6,
              Pavo::UdpPseudoHdr, Pavo::UdpPseudoHdrIpv6, Pavo::SctpPort, Pavo::SctpChecksum,
              Pavo::TcpSocketOptions, Pavo::TcpKeepaliveOptions>;
+using RdTypes = TypeList<Pavo::AutonomousSystem, Pavo::RouteDistinguisher>;
+using IntfTypes = TypeList<Pavo::IntfId, Pavo::GenericIntfId, Pavo::IntfIdPart, Pavo::IntfIdPartKey,
+                           Pavo::SubIntfIdKey, Pavo::ShortPrefix>;
 using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes(),
-                                   TransportTypes()));
+                                   TransportTypes(), RdTypes(), IntfTypes()));
 
-using EnumTypes =
-    TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors, Pavo::IcmpType,
-             Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState,
-             Pavo::TcpClientStatus::ConnectionStatus, Pavo::TcpPduPamEnableMode>;
+using EnumTypes = TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors,
+                           Pavo::IcmpType, Pavo::Icmp6Type, Pavo::Ip6HdrOptionType,
+                           Pavo::NamespaceState, Pavo::TcpClientStatus::ConnectionStatus,
+                           Pavo::TcpPduPamEnableMode, Pavo::RouteDistinguisher::Type0LocalType>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>
@@ -107,6 +115,10 @@ inline bool readsBack(const Pavo::IpGenPrefix& value) {
 }
 inline bool readsBack(const Pavo::IpGenAddrWithMask& value) {
     return value.af() == Pavo::ipv4 || (value.af() == Pavo::ipv6 && value.len() <= 128);
+}
+/// What no descriptor covers has no name.
+inline bool readsBack(const Pavo::IntfId& value) {
+    return value.printToBuffer(nullptr, 0) != 0;
 }
 /// As for `Ip6AddrWithFullMask`.
 inline bool readsBack(const Pavo::IpGenAddrWithFullMask& value) {

@@ -1,7 +1,10 @@
 #include <random>
 #include <string>
 
+#include "Pavo/AutonomousSystem.h"
 #include "Pavo/EthAddr.h"
+#include "Pavo/IntfId.h"
+#include "Pavo/IntfIdDesc.h"
 #include "Pavo/Ip.h"
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/IpAddr.h"
@@ -12,6 +15,7 @@
 #include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
 #include "Pavo/Netlink.h"
+#include "Pavo/RouteDistinguisher.h"
 #include "Pavo/TcpConfig.h"
 #include "Pavo/TcpPduPam.h"
 #include "Pavo/TcpStatus.h"
@@ -158,6 +162,39 @@ void printFields(Numbers& n) {
     parity::parityOf<TcpPduPamEnableMode>("Pavo::TcpPduPamEnableMode");
 }
 
+void printDistinguishers(Numbers& n) {
+    parityOfMany([&n] { return AutonomousSystem(n.any32()); });
+    parityOfMany([&n] {
+        const uint64_t bytes = n.any() & ~uint64_t{0xfcff};  // Types 0 to 3.
+        RouteDistinguisher rd;
+        rd.rdNboIs(bytes);
+        return rd;
+    });
+    parityOfMany([&n] {
+        return RouteDistinguisher{n.any(), n.upTo(1) == 1,
+                                  Mox::enumValue<RouteDistinguisher::Type0LocalType>(n.upTo(2))};
+    });
+    parity::parityOf<RouteDistinguisher::Type0LocalType>("Pavo::Type0LocalType");
+}
+
+// In every second id, the bits are those of an interface that has a name.
+void printInterfaces(Numbers& n) {
+    globalIntfIdMgr()->intfIdDescDelAll();
+    const auto desc = intfIdDescFactory(1, "Ethernet", "Et");
+    desc->partIs({0, 0}, {30, 0, true, '\0'});
+    desc->partIs({0, 1}, {25, 0, false, '.'});
+    desc->initializedIs(true);
+    globalIntfIdMgr()->intfIdDescIs(desc);
+    parityOfMany([&n] {
+        const uint64_t any = n.any();
+        const uint64_t type = GenericIntfId::typeBits;
+        return IntfId(n.upTo(1) == 0 ? any : (any & ~type) | uint64_t{1} << 25);
+    });
+    parityOfMany([&n] { return GenericIntfId(IntfId(n.any())); });
+    parityOfMany([&n] { return IntfIdPart{1 + n.upTo(31), n.upTo(31), false, "/.:"[n.upTo(2)]}; });
+    parityOfMany([&n] { return IntfIdPartKey{n.upTo(3), n.upTo(7)}; });
+}
+
 void printNames(Numbers& n) {
     parityOfMany([&n] {
         std::string name(n.upTo(NamespaceName::maxBytes), 'x');
@@ -179,4 +216,6 @@ void parityOfValues() {
     Pavo::printIpGen(numbers);
     Pavo::printFields(numbers);
     Pavo::printNames(numbers);
+    Pavo::printDistinguishers(numbers);
+    Pavo::printInterfaces(numbers);
 }

@@ -1,0 +1,447 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Pavo/IntfId.h"
+#include "Pavo/IntfIdDesc.h"
+#include "Pavo/OneAtATimeHash.h"
+#include "support/ValueLaws.h"
+
+namespace Pavo {
+namespace {
+
+constexpr IntfIdPart first(10, 20, true, '\0');
+constexpr IntfIdPart second(10, 10, true, '/');
+constexpr IntfIdPart third(10, 0, true, '/');
+constexpr IntfIdPart fourth(5, 5, false, '/');
+constexpr IntfIdPart sub(25, 0, false, '.');
+
+using Parts = std::vector<std::vector<IntfIdPart>>;  // By sub-type and place.
+
+Mox::Ptr<IntfIdDesc> described(uint32_t typeId, const char* name, const char* shortName,
+                               const Parts& subTypes) {
+    const auto desc = intfIdDescFactory(typeId, name, ShortPrefix(shortName));
+    for (uint32_t subType = 0; subType < subTypes.size(); ++subType) {
+        for (uint32_t k = 0; k < subTypes[subType].size(); ++k) {
+            desc->partIs({subType, k}, subTypes[subType][k]);
+        }
+    }
+    return desc;
+}
+
+std::string addErrorOf(IntfIdMgr& manager, const Mox::Ptr<IntfIdDesc>& desc) {
+    return rangeErrorOf([&] {
+        manager.intfIdDescIs(desc);
+        desc->initializedIs(true);
+    });
+}
+
+// What common interfaces are called, and how wide their numbers are; the last one is a
+// sub-interface when `hasSub`.
+const struct {
+    uint32_t typeId, subType;
+    const char *prefix, *shortPrefix;
+    std::vector<uint32_t> widths;
+    bool hasSub;
+} commonNames[] = {
+    {1, 0, "Ethernet", "Et", {20, 25}, true},
+    {1, 1, "Ethernet", "Et", {15, 15, 25}, true},
+    {1, 2, "Ethernet", "Et", {10, 10, 10, 25}, true},
+    {2, 0, "Port-Channel", "Po", {20, 25}, true},
+    {3, 0, "Vlan", "Vl", {12}, false},
+    {4, 0, "Loopback", "Lo", {20}, false},
+    {5, 0, "Management", "Ma", {20}, false},
+    {5, 1, "Management", "Ma", {15, 15}, false},
+    {6, 0, "Tunnel", "Tu", {20}, false},
+    {7, 0, "Vxlan", "Vx", {20}, false},
+};
+
+// Calls `visit(id, numbers as text, numbers shown)` for random ids of each common name; small
+// numbers, zeros among them, are as frequent as large ones.
+template <class Visit>
+void forRandomIds(uint32_t perName, Visit visit) {
+    std::mt19937 random(11);
+    for (const auto& about : commonNames) {
+        for (uint32_t i = 0; i < perName; ++i) {
+            GenericIntfId id;
+            id.typeIdIs(about.typeId);
+            id.subTypeIs(about.subType);
+            std::string numbers;
+            uint32_t shown = 0;
+            for (uint32_t k = 0; k < about.widths.size(); ++k) {
+                const uint32_t number = (random() & ((1u << about.widths[k]) - 1)) >>
+                                        (random() % (about.widths[k] + 1));
+                id.partIs(k, number);
+                const bool isSub = about.hasSub && k + 1 == about.widths.size();
+                if (!isSub || number != 0) {
+                    numbers.append(isSub ? "." : k == 0 ? "" : "/").append(std::to_string(number));
+                    ++shown;
+                }
+            }
+            visit(about, id, numbers, shown);
+        }
+    }
+}
+
+TEST(IntfId, KeepsTheValueLaws) {
+    expectValueLaws<GenericIntfId>(  // Sub-types go before other bits in high places.
+        {{}, IntfId(7), IntfId(1ull << 33), IntfId(1u << 25), IntfId(1ull << 62 | 1u << 25)});
+    expectValueLaws<IntfIdPart>({{}, first, second, sub, {32, 31, false, ':'}});
+    expectValueLaws<IntfIdPartKey>({{}, {0, 7}, {1, 0}, {3, 7}});
+    expectValueLaws<SubIntfIdKey>({0, 3});
+    expectValueLaws<ShortPrefix>({{}, "Et", "Po"});
+    expectValueLawsOf<IntfId>({"Vlan0", "Vxlan0", "Ethernet1.7", "Vlan1", "Vlan2048",
+                               "Port-Channel1048575.33554431", "Ethernet1/2"});
+    expectValueLaws<IntfId>({IntfId(), IntfId(1), IntfId(~0ull)}, "no descriptor");
+    EXPECT_FALSE(IntfId());
+    EXPECT_EQ(logErrorOf<IntfIdPart>(33u, 0u, 0u, 0u),
+              "IntfIdPart::widthBits < 1 or > 32 not allowed");
+    EXPECT_EQ(logErrorOf<IntfIdPartKey>(3u, 8u), "IntfIdPartKey::part < 0 or > 7 not allowed");
+    // By another program, over ef cd ab 89 67 45 23 01.
+    EXPECT_EQ(IntfId(0x0123456789abcdef).hash(), 0xb5eb1e68);
+    EXPECT_EQ(oneAtATimeHash(uint8_t{'a'}), 0xca2e9442);
+}
+
+TEST(IntfId, HasANameThatGivesItAgain) {
+    forRandomIds(2000, [](const auto& about, const GenericIntfId& id, const std::string& numbers,
+                          uint32_t shown) {
+        const Mox::String name = about.prefix + numbers;
+        const Mox::String shortName = about.shortPrefix + numbers;
+        ASSERT_EQ(id.intfId().stringValue(), name);
+        ASSERT_EQ(id.intfId().shortName(), shortName);
+        ASSERT_EQ(Mox::fromText<IntfId>(name), id.intfId()) << name;
+        ASSERT_EQ(IntfId::fromShortName(shortName), id.intfId()) << name;
+        ASSERT_EQ(stringToVeyIntf(name), name);
+        ASSERT_EQ(stringToVeyIntf(shortName), name);
+        ASSERT_EQ(shortIntfToVeyIntf(shortName), name);
+        ASSERT_EQ(id.parts(), shown) << name;
+        // A bit that no part holds is of no name.
+        const IntfId strayed(id.intfId().value() | uint64_t{about.hasSub ? 0u : 1u} << 20);
+        ASSERT_EQ(strayed.stringValue(), about.hasSub ? name : "");
+    });
+}
+
+TEST(IntfId, ReadsUpToTheFirstCharacterThatDoesNotBelong) {
+    const struct {
+        const char *text, *name, *left;
+    } cases[] = {
+        {"Ethernet3/1,x", "Ethernet3/1", ",x"},
+        {"Ethernet3/", "Ethernet3", "/"},
+        {"Ethernet3/x", "Ethernet3", "/x"},
+        {"Ethernet1.0", "Ethernet1", ".0"},
+        {"Ethernet1.0/2", "Ethernet1", ".0/2"},
+        {"Ethernet1/2/3/4", "Ethernet1/2/3", "/4"},
+        {"Ethernet1/2/3.4.5", "Ethernet1/2/3.4", ".5"},
+        {"Ethernet0000000000000000000001/0002.3", "Ethernet1/2.3", ""},
+        {"Ethernet01048575", "Ethernet1048575", ""},
+        // One number has 20 bits, each of two 15.
+        {"Ethernet32768.1/1", "Ethernet32768.1", "/1"},
+        {"Vlan1/2", "Vlan1", "/2"},
+        {"Management1/2/3", "Management1/2", "/3"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        const GuardedText text{std::string_view(c.text)};
+        auto it = text.begin();
+        IntfId id;
+        EXPECT_EQ(rangeErrorOf([&] { sequenceToValue(it, text.end(), &id); }), "");
+        EXPECT_EQ(id.stringValue(), c.name);
+        EXPECT_EQ(std::string_view(it, static_cast<std::size_t>(text.end() - it)), c.left);
+    }
+}
+
+TEST(IntfId, RefusesWhatIsNoName) {
+    const std::string digits = "Ethernet" + std::string(10000, '9');
+    const std::string zeros = "Vlan" + std::string(10000, '0') + "4096";
+    const std::string letters(10000, 'E');
+    expectRefuses<IntfId>(Mox::fromText<IntfId>("Vlan7"), {{"Error deserializing IntfId",
+                                                            {"",
+                                                             "Ethernet",
+                                                             "ethernet1",
+                                                             "Et1",
+                                                             "Ethernet/1",
+                                                             "Ethernet 1",
+                                                             "Ethernet-1",
+                                                             "Eth1",
+                                                             "Ethernet1/",
+                                                             "Ethernet1.",
+                                                             "Ethernet1.0",
+                                                             "Ethernet1/2/3/4",
+                                                             "Ethernet1//2",
+                                                             "Ethernet1048576",
+                                                             "Ethernet1/32768",
+                                                             "Ethernet32768/1",
+                                                             "Ethernet1/2/1024",
+                                                             "Ethernet1.33554432",
+                                                             "Vlan4096",
+                                                             "Vlan4294967297",
+                                                             "Vlan18446744073709551617",
+                                                             "Vlan1.1",
+                                                             "Vlan-1",
+                                                             "Vlan+1",
+                                                             "Cpu",
+                                                             "Test7",
+                                                             digits.c_str(),
+                                                             zeros.c_str(),
+                                                             letters.c_str()}}});
+    // What is too large is not left over either.
+    const std::string_view text = "Ethernet1/99999,";
+    auto it = text.begin();
+    EXPECT_THROW(IntfId(it, text.end()), Mox::RangeException);
+    EXPECT_EQ(rangeErrorOf([] { IntfId::fromShortName("Ethernet1"); }),
+              "Error deserializing IntfId");
+    auto vlan = GenericIntfId(Mox::fromText<IntfId>("Vlan7"));
+    EXPECT_EQ(rangeErrorOf([&] { vlan.partIs(0, 4096); }),
+              "GenericIntfId::part: value out of range");
+    EXPECT_EQ(rangeErrorOf([&] { vlan.partIs(1, 0); }), "GenericIntfId::part: index out of range");
+    EXPECT_EQ(vlan.part(0), 7u);
+}
+
+TEST(IntfIdDesc, WinsByTheLongestPrefixThatIsRead) {
+    const auto manager = intfIdMgrFactory("test");
+    EXPECT_EQ(addErrorOf(*manager, described(1, "Eth", "E", {{first, second}})), "");
+    EXPECT_EQ(addErrorOf(*manager, described(2, "Ether", "", {{}})), "");
+    EXPECT_EQ(addErrorOf(*manager, described(3, "Ethernet", "Ether", {{first, sub}})), "");
+    const auto tail = described(4, "Vlan", "V", {{first}, {first, second}, {}, {}});
+    tail->prefixIs(2, "Vlan-");
+    tail->shortPrefixSubTypeIs(1, "W");
+    EXPECT_EQ(addErrorOf(*manager, tail), "");
+    const struct {
+        const char* text;
+        bool isShort;
+        uint32_t typeId, length;
+        const char* otherName;
+    } cases[] = {
+        {"Eth1/2", false, 1, 6, "E1/2"},
+        {"Eth1", false, 0, 0, ""},
+        {"Ether", false, 2, 5, "Ether"},
+        {"Ether1", false, 2, 5, "Ether"},
+        {"Ethernet1.5", false, 3, 11, "Ether1.5"},
+        {"Ethernet/1", false, 2, 5, "Ether"},
+        {"Etherne1", false, 2, 5, "Ether"},
+        {"Ether1.5", true, 3, 8, "Ethernet1.5"},
+        {"Ether.5", true, 2, 5, "Ether"},
+        {"Vlan1/2", false, 4, 7, "W1/2"},
+        {"Vlan1", false, 4, 5, "V1"},
+        {"Vlan-1", false, 4, 5, "V"},
+        {"W1/2", true, 4, 4, "Vlan1/2"},
+        {"V", true, 4, 1, "Vlan-"},
+    };
+    for (const auto& c : cases) {
+        const auto read = manager->trie().stringToIntfId(
+            c.text, static_cast<uint32_t>(std::strlen(c.text)), c.isShort);
+        EXPECT_EQ(GenericIntfId(read.id).typeId(), c.typeId) << c.text;
+        EXPECT_EQ(read.length, c.length) << c.text;
+        EXPECT_EQ(manager->intfIdToString(read.id, !c.isShort), c.otherName) << c.text;
+    }
+    EXPECT_THROW(manager->stringToIntfId("V1"), Mox::RangeException);
+    manager->shortNameTrieIs(true);
+    EXPECT_EQ(manager->intfIdToString(manager->stringToIntfId("V1")), "Vlan1");
+}
+
+TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotGiveIdsAgain) {
+    const auto prefixed = [](const char* prefix) { return described(9, prefix, "", {{first}}); };
+    const auto gap = described(9, "Gap", "", {{first}});
+    gap->partIs({0, 2}, third);
+    const struct {
+        const char* error;
+        Mox::Ptr<IntfIdDesc> desc;
+    } cases[] = {
+        {"Invalid interface prefix", prefixed("")},
+        {"Invalid interface prefix", prefixed("Eth1-")},
+        {"Invalid interface prefix", prefixed("Eth/")},
+        {"Invalid interface prefix", prefixed("Eth ")},
+        {"Invalid interface prefix", prefixed(std::string(65, 'x').c_str())},
+        {"", prefixed(std::string(64, 'x').c_str())},
+        {"Invalid interface prefix", described(9, "Good", "3d", {{first}})},
+        {"Invalid interface parts", gap},
+        {"Invalid interface parts", described(9, "Overlap", "", {{first, {1, 29, true, '/'}}})},
+        {"Invalid interface parts", described(9, "Type", "", {{{1, 25, false, '\0'}}})},
+        {"Invalid interface parts", described(9, "SubType", "", {{{1, 30, true, '\0'}}})},
+        {"Invalid interface parts", described(9, "Separated", "", {{second}})},
+        {"Invalid interface parts", described(9, "Joined", "", {{first, {1, 0, true, '\0'}}})},
+        {"Two interfaces would have one name", described(9, "Taken", "", {{first}})},
+        {"", described(9, "Taken", "U", {{}, {first, second, third}})},
+        {"Two interfaces would have one name", described(9, "Other", "T", {{first}})},
+        {"Two interfaces would have one name", described(9, "Twice", "", {{first}, {first, sub}})},
+        {"Two interfaces would have one name",
+         described(9, "Dots", "", {{first, sub, {1, 0, true, '.'}}})},
+    };
+    for (const auto& c : cases) {
+        const auto manager = intfIdMgrFactory("test");
+        ASSERT_EQ(addErrorOf(*manager, described(8, "Taken", "T", {{first}, {first, second}})), "");
+        EXPECT_EQ(addErrorOf(*manager, c.desc), c.error) << c.desc->name();
+        EXPECT_EQ(c.desc->initialized(), *c.error == '\0');
+        EXPECT_TRUE(manager->stringToIntfId("Taken1/2"));
+    }
+}
+
+TEST(IntfIdMgr, KnowsTheNamesOfDescriptorsWhileTheyAreInIt) {
+    const auto manager = intfIdMgrFactory("test");
+    const auto desc = described(5, "Lane", "La", {{first, second, third, fourth}});
+    EXPECT_EQ(addErrorOf(*manager, desc), "");
+    const IntfId id = manager->stringToIntfId("Lane1/2/3/4");
+    EXPECT_EQ(id.value(), 1ull << 52 | 2ull << 42 | 3ull << 32 | 5u << 25 | 4u << 5);
+    EXPECT_EQ(rangeErrorOf([&] { desc->partDelAll(); }), "IntfIdDesc is initialized");
+    const auto other = described(5, "Other", "", {{first, second, third, fourth}});
+    EXPECT_EQ(addErrorOf(*manager, other), "IntfIdDesc::typeId is taken");
+    EXPECT_EQ(addErrorOf(*intfIdMgrFactory("second"), desc), "IntfIdDesc is in a manager already");
+    desc->initializedIs(false);
+    EXPECT_EQ(manager->intfIdToString(id), "");
+    desc->initializedIs(true);
+    EXPECT_EQ(manager->intfIdToString(id), "Lane1/2/3/4");
+    manager->testModeIs(true);
+    EXPECT_EQ(addErrorOf(*manager, other), "");
+    EXPECT_EQ(manager->intfIdToString(id), "Other1/2/3/4");
+    EXPECT_EQ(desc->manager(), nullptr);
+
+    std::vector<uint32_t> told;
+    const Mox::Watch<IntfIdMgr> watch(manager, IntfIdMgr::intfIdDescAttr,
+                                      [&](uint32_t typeId) { told.push_back(typeId); });
+    manager->intfIdDescDel(5);
+    manager->intfIdDescDel(5);
+    EXPECT_EQ(manager->intfIdToString(id), "");
+    manager->intfIdDescIs(desc);  // Initialized already.
+    EXPECT_EQ(manager->intfIdToString(id), "Lane1/2/3/4");
+    manager->intfIdDescDelAll();
+    EXPECT_EQ(manager->intfIdToString(id), "");
+    EXPECT_EQ(told, (std::vector<uint32_t>{5, 5, 5}));
+}
+
+TEST(IntfIdDescPluginLoader, RunsEachPluginOnce) {
+    auto& loader = IntfIdDescPluginLoader::DefaultPluginLoader();
+    static int runs = 0;
+    const auto throws = [](IntfIdMgr&) {
+        ++runs;
+        throw Mox::Exception("plug-in");
+    };
+    EXPECT_TRUE(globalIntfIdMgr()->initialized());
+    loader.pluginIs("test", throws);
+    loader.pluginIs("test", throws);
+    EXPECT_EQ(runs, 0);
+    EXPECT_THROW((void)globalIntfIdMgr(), Mox::Exception);
+    EXPECT_EQ(globalIntfIdMgr()->intfIdDesc().members(), 7u);
+    EXPECT_EQ(runs, 1);
+    loader.load("libpavo-common-interfaces.so");  // Linked, so its plug-in has run.
+    EXPECT_EQ(globalIntfIdMgr()->intfIdDesc().members(), 7u);
+    try {
+        loader.load("/nowhere/plugin.so");
+        ADD_FAILURE() << "loaded";
+    } catch (const Mox::Exception& error) {
+        EXPECT_NE(error.message().view().find("/nowhere/plugin.so"), std::string_view::npos);
+    }
+}
+
+TEST(IntfNames, ConvertToThoseOfTheKernelAndBack) {
+    const char* const toVeyError = "Cannot convert kernel interface name";
+    const char* const toKernelError = "Cannot convert interface name to kernel interface name";
+    const struct {
+        bool toVey;
+        const char *from, *to;  // `to` is an error where nothing comes out.
+    } cases[] = {
+        {true, "et3_1", "Ethernet3/1"},
+        {true, "ET3_1", "Ethernet3/1"},
+        {true, "eth0", "Etherneth0"},
+        {true, "etX_Y", "EthernetX/Y"},
+        {true, "vlan100", "Vlan100"},
+        {true, "vxlan1", "Vxlan1"},
+        {true, "lo0", "Loopback0"},
+        {true, "loopback0", "Loopbackopback0"},
+        {true, "internal1_2", "Internal1/2"},
+        {true, "fabric", "Fabric"},
+        {true, "ma1", "Management1"},
+        {true, "po5.10", "Port-Channel5.10"},
+        {true, "tap-7", "Test7"},
+        {true, "TAPx-7-8", "Test7-8"},
+        {true, "tap7", toVeyError},
+        {true, "tu3", "Tunnel3"},
+        {true, "x1", toVeyError},
+        {true, "e", toVeyError},
+        {true, "", toVeyError},
+        {false, "Ethernet1/2/3", "et1_2_3"},
+        {false, "Vlan100", "vlan100"},
+        {false, "VXLAN1", "vxlan1"},
+        {false, "Loopback0", "lo0"},
+        {false, "Internal1/2", "internal1_2"},
+        {false, "FabricA", "fabrica"},
+        {false, "Management1/1", "ma1_1"},
+        {false, "Port-Channel5", "po5"},
+        {false, "Test7", "tap-7"},
+        {false, "Tunnel3", "tu3"},
+        {false, "Et1", toKernelError},
+        {false, "", toKernelError},
+    };
+    for (const auto& c : cases) {
+        Mox::String to;
+        const std::string error = rangeErrorOf(
+            [&] { to = c.toVey ? kernelIntfToVeyIntf(c.from) : veyIntfToKernelIntf(c.from); });
+        EXPECT_EQ(error.empty() ? to.view() : error, c.to) << c.from;
+    }
+    EXPECT_EQ(kernelIntfToShortVeyIntf("po5.10"), "Po5.10");
+    for (const char* unknown : {"eth0", "fabric1"}) {
+        EXPECT_EQ(rangeErrorOf([&] { kernelIntfToShortVeyIntf(unknown); }),
+                  "Error deserializing IntfId");
+    }
+}
+
+// A name split at its separators: by type, then as a sequence of numbers, where those left out in
+// front of a sub-interface are 0.
+std::pair<std::string, std::vector<uint64_t>> orderOf(const std::string& name) {
+    const auto digits = name.find_first_of("0123456789");
+    std::pair<std::string, std::vector<uint64_t>> key(name.substr(0, digits), {});
+    for (std::size_t at = digits; at < name.size(); at = name.find_first_of("./", at)) {
+        const bool isSeparator = name[at] == '.' || name[at] == '/';
+        if (name[at] == '.') {
+            key.second.resize(3);
+        }
+        at += isSeparator ? 1 : 0;
+        key.second.push_back(std::stoull(name.substr(at)));
+    }
+    return key;
+}
+
+TEST(IntfNames, AreInNaturalOrder) {
+    std::vector<IntfId> ids;
+    std::vector<decltype(orderOf(""))> keys;
+    forRandomIds(1000, [&](const auto& about, IntfId id, const std::string& numbers, uint32_t) {
+        ids.push_back(id);
+        keys.push_back(orderOf(about.prefix + numbers));
+    });
+    std::mt19937 random(12);
+    for (int i = 0; i < 100000; ++i) {
+        const auto a = random() % ids.size();
+        const auto b = i % 2 == 0 ? random() % ids.size() : a - a % 1000 + random() % 1000;
+        const int sign = (keys[a] > keys[b]) - (keys[a] < keys[b]);
+        const int result = compareIntfName(ids[a], ids[b]);
+        ASSERT_EQ((result > 0) - (result < 0), sign) << ids[a] << " " << ids[b];
+    }
+    std::sort(keys.begin(), keys.end());
+    std::sort(ids.begin(), ids.end(), [](IntfId a, IntfId b) { return compareIntfName(a, b) < 0; });
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        ASSERT_EQ(orderOf(ids[i].stringValue().c_str()), keys[i]) << ids[i];
+    }
+}
+
+// The pattern begins anywhere, so of the first two names it takes ":2/4" and ":2/3".
+TEST(IntfNamesDeathTest, AreComparedByThePatternAlone) {
+    const auto laned = described(
+        100, "Lane", "", {{first, {10, 10, true, ':'}, third}, {first, second, third, fourth}});
+    ASSERT_EQ(addErrorOf(*globalIntfIdMgr(), laned), "");
+    const auto id = [](const char* name) { return Mox::fromText<IntfId>(name); };
+    EXPECT_GT(compareIntfName(id("Lane1:2/4"), id("Lane9:2/3")), 0);
+    EXPECT_EQ(compareIntfName(id("Lane1:2/4"), id("Lane9:2/4")), 0);
+    EXPECT_LT(compareIntfName(id("Lane1:2/4"), id("Ethernet1")), 0);  // ':' is before 'E'.
+    EXPECT_DEATH(compareIntfName(id("Lane1/2/3/4"), id("Vlan1")), "aret > 1");
+    EXPECT_DEATH(compareIntfName(id("Vlan1"), id("Lane1/2/3/4")), "bret > 1");
+    EXPECT_DEATH(compareIntfName(IntfId(), id("Vlan1")), "aret > 1");
+    EXPECT_DEATH(compareIntfName(id("Vlan1"), IntfId(1)), "bret > 1");
+    globalIntfIdMgr()->intfIdDescDel(100);
+}
+
+}  // namespace
+}  // namespace Pavo
