@@ -21,6 +21,8 @@
 #include "Pavo/IpGenPrefix.h"
 #include "Pavo/IpHdr.h"
 #include "Pavo/IpPam.h"
+#include "Pavo/Mpls.h"
+#include "Pavo/MplsLabelStack.h"
 #include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
 #include "Pavo/NetU.h"
@@ -80,13 +82,20 @@ using TransportTypes =
 using RdTypes = TypeList<Pavo::AutonomousSystem, Pavo::RouteDistinguisher>;
 using IntfTypes = TypeList<Pavo::IntfId, Pavo::GenericIntfId, Pavo::IntfIdPart, Pavo::IntfIdPartKey,
                            Pavo::SubIntfIdKey, Pavo::ShortPrefix>;
+// Without MplsLabelStack, whose text is not read.
+using LabelTypes =
+    TypeList<Pavo::MplsLabel, Pavo::MplsStackEntryIndex, Pavo::BoundedMplsLabelStack,
+             Pavo::BoundedMplsLabelStackResult, Pavo::DynamicMplsLabelStack, Pavo::MplsLabelEntry,
+             Pavo::MplsLabelOperation, Pavo::UnboundedMplsLabelOperation, Pavo::MplsLabelAndAction,
+             Pavo::SmushResult, Pavo::SmushResult::SmushError>;
 using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes(),
-                                   TransportTypes(), RdTypes(), IntfTypes()));
+                                   TransportTypes(), RdTypes(), IntfTypes(), LabelTypes()));
 
 using EnumTypes = TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors,
                            Pavo::IcmpType, Pavo::Icmp6Type, Pavo::Ip6HdrOptionType,
                            Pavo::NamespaceState, Pavo::TcpClientStatus::ConnectionStatus,
-                           Pavo::TcpPduPamEnableMode, Pavo::RouteDistinguisher::Type0LocalType>;
+                           Pavo::TcpPduPamEnableMode, Pavo::RouteDistinguisher::Type0LocalType,
+                           Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -9,6 +9,7 @@
 #include "Pavo/IcmpHdr.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
+#include "Pavo/MplsHdr.h"
 #include "Pavo/NetU.h"
 #include "Pavo/Pkt.h"
 #include "Pavo/SctpHdr.h"
@@ -60,6 +61,16 @@ void printField(T value) {
     log << value;
     std::printf("%s hash %u ", valueToStrep(value).c_str(), value.hash(3));
     printHex("log", log.bytes.data(), log.bytes.bytes());
+}
+
+void printLabelEntries(Numbers& numbers) {
+    MplsHdr mpls{};
+    mpls.labelIs(numbers.next() & MplsLabel::maxValue);
+    mpls.cosIs(numbers.byte() & 7);
+    mpls.bosIs((numbers.byte() & 1) != 0);
+    mpls.ttlIs(numbers.byte());
+    printImage(mpls);
+    printField(mpls.entry());
 }
 
 void printFields(Numbers& numbers) {
@@ -240,6 +251,7 @@ void parityOfPackets() {
         printHeaders(numbers);
         printIp6Headers(numbers);
         printTransportHeaders(numbers);
+        printLabelEntries(numbers);
     }
     printChecksums(numbers);
     printPackets(numbers);

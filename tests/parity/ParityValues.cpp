@@ -12,6 +12,7 @@
 #include "Pavo/IpGenAddrWithFullMask.h"
 #include "Pavo/IpGenAddrWithMask.h"
 #include "Pavo/IpGenPrefix.h"
+#include "Pavo/Mpls.h"
 #include "Pavo/Namespace.h"
 #include "Pavo/NamespaceName.h"
 #include "Pavo/Netlink.h"
@@ -195,6 +196,45 @@ void printInterfaces(Numbers& n) {
     parityOfMany([&n] { return IntfIdPartKey{n.upTo(3), n.upTo(7)}; });
 }
 
+// Stacks that many changes lead to, among them all kinds of labels and pairs.
+template <class Stack>
+Stack stackOf(Numbers& n) {
+    Stack stack;
+    for (uint32_t changes = n.upTo(12); changes != 0; --changes) {
+        const MplsLabel label =
+            n.upTo(3) == 0 ? n.upTo(8) : n.upTo(MplsLabel::luWithdrawLabelValue);
+        const uint32_t kind = n.upTo(4);
+        if (kind == 0) {
+            stack.prepend(label);
+        } else if (kind == 1) {
+            stack.entropyLabelAndIndicatorIs(n.upTo(8));
+        } else {
+            stack.append(label);
+        }
+    }
+    return stack;
+}
+
+void printLabels(Numbers& n) {
+    const auto action = [&n] { return MplsLabelAction(n.upTo(4)); };
+    const auto flags = [&n] { return static_cast<uint8_t>(n.upTo(3)); };
+    parityOfMany([&n] { return MplsLabel(n.upTo(MplsLabel::luWithdrawLabelValue)); });
+    parityOfMany([&n] { return MplsStackEntryIndex(n.upTo(7)); });
+    parityOfMany([&n] { return stackOf<BoundedMplsLabelStack>(n); });
+    parityOfMany([&n] { return stackOf<DynamicMplsLabelStack>(n); });
+    parityOfMany([&] {
+        return MplsLabelOperation{action(), stackOf<BoundedMplsLabelStack>(n), flags()};
+    });
+    parityOfMany([&] {
+        return UnboundedMplsLabelOperation{action(), stackOf<DynamicMplsLabelStack>(n), flags()};
+    });
+    parityOfMany([&n] { return MplsLabelAndAction(n.any32()); });
+    parityOfMany([&n] {
+        return SmushResult{SmushResult::SmushError(n.upTo(7)),
+                           BoundedMplsLabelStackError(n.upTo(7))};
+    });
+}
+
 void printNames(Numbers& n) {
     parityOfMany([&n] {
         std::string name(n.upTo(NamespaceName::maxBytes), 'x');
@@ -218,4 +258,5 @@ void parityOfValues() {
     Pavo::printNames(numbers);
     Pavo::printDistinguishers(numbers);
     Pavo::printInterfaces(numbers);
+    Pavo::printLabels(numbers);
 }

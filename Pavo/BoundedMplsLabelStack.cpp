@@ -1,0 +1,51 @@
+#include "Pavo/BoundedMplsLabelStack.h"
+
+#include "Pavo/DynamicMplsLabelStack.h"
+
+namespace Pavo {
+
+BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(uint32_t value) {
+    return Mox::enumValue<BoundedMplsLabelStackError>(value);
+}
+
+BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(const Mox::String& name) {
+    return Mox::enumValue<BoundedMplsLabelStackError>(name);
+}
+
+BoundedMplsLabelStack::BoundedMplsLabelStack(const DynamicMplsLabelStack& stack) {
+    // What `stack` holds keeps its place, whatever the rules of appending say. Of a pair, the
+    // indicator stands for both: where it fits, so does its label.
+    bool fits = true;
+    for (uint32_t position = 0; fits && position < stack.calculatedStackSize(); ++position) {
+        const MplsLabel label = stack.calculatedLabel(position);
+        if (label.value() == MplsLabel::entropyLabelIndicatorValue) {
+            fits = appendPair();
+        } else if (!label.isEntropyMarker()) {
+            fits = stackSize() < maxLabels && calculatedStackSize() < mapBits;
+            if (fits) {
+                pushBottom(label);
+            }
+        }
+    }
+}
+
+BoundedMplsLabelStack::BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+    readLog(in);
+    if (const char* error = check()) {
+        Mox::throwRangeException(error);
+    }
+}
+
+const char* BoundedMplsLabelStack::check() const {
+    if (const char* error = checkEntries()) {
+        return error;
+    }
+    for (uint32_t i = stackSize(); i < maxLabels; ++i) {
+        if (labelAt(i) != MplsLabel()) {
+            return MplsLabel::rangeText;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace Pavo
