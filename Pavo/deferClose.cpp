@@ -1,13 +1,11 @@
 #include "Pavo/deferClose.h"
 
 #include <pthread.h>
-#include <sched.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include "Mox/Trace.h"
-#include "netns/netns.h"
+#include "Pavo/ServiceThread.h"
 
 namespace Pavo {
 
@@ -27,10 +25,7 @@ constinit DeferCloseStats stats;
 constinit sem_t waiting = {};
 constinit bool closerStarted = false;
 
-void* closer(void*) {
-    // The thread was born in its creator's namespace, which it would keep alive for ever. Where
-    // this fails for want of privilege, nobody could have switched.
-    (void)setnsByName(DEFAULT_NS, CLONE_NEWNET);
+void closer(void*) {
     for (;;) {
         if (sem_wait(&waiting) != 0) {
             continue;  // EINTR: a debugger, or a stop and a continue.
@@ -41,32 +36,17 @@ void* closer(void*) {
     }
 }
 
-// All signals but those that the thread's own faults would raise.
-sigset_t closerSignalMask() {
-    sigset_t blocked;
-    sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
-        sigdelset(&blocked, fault);
-    }
-    return blocked;
-}
-
 // Returns whether the thread runs.
 bool startCloser() {
     const Mox::ErrnoKeeper errnoKeeper;
     (void)sem_init(&waiting, /*pshared=*/0, /*value=*/0);
-    // The thread inherits the mask: set there, it would leave a moment in which a signal gets in.
-    const sigset_t blocked = closerSignalMask();
-    sigset_t before;
-    pthread_sigmask(SIG_SETMASK, &blocked, &before);
-    pthread_t thread;  // Never joined.
-    const int error = pthread_create(&thread, nullptr, closer, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_t thread;
+    const int error = startServiceThread(&thread, "deferClose", closer, nullptr);
     if (error != 0) {
         MOX_TRACE(facility, 0, "no closer thread, error ", error);
         return false;
     }
-    (void)pthread_setname_np(thread, "deferClose");
+    (void)pthread_detach(thread);
     return true;
 }
 
