@@ -56,6 +56,7 @@ MARKS = {
     ("RawIp6Send", "sendmsg"): 0.909,
     ("RawIp6Receive", "recvmsg"): 0.909,
     ("RawIp6ReceiveBulk", "packet_a_call"): 1.2,
+    ("BpfMatch", "pcap_offline_filter"): 0.909,
     ("NetlinkAck", "bare"): 0.909,
     ("NetlinkAck", "libmnl"): 0.909,
     ("NetnsAddDelete", "bare"): 0.9,
