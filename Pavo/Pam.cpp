@@ -22,6 +22,8 @@ const Mox::FwkType* Pam::fwkType() const {
     return &type;
 }
 
+PktTap::~PktTap() = default;
+
 Pam::~Pam() {
     notifieeList()->delAll();
 }
@@ -82,12 +84,19 @@ uint32_t Pam::writableCountInc(uint32_t delta) {
 Mox::Ptr<Pkt> Pam::rxPkt() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
     self->doGetRxPkt();
+    if (tap_ && rxPkt_) {
+        tap_->handleRxPkt(*this, *rxPkt_, PktTap::noSlot);
+    }
     return std::exchange(self->rxPkt_, nullptr);
 }
 
 int32_t Pam::rxPktBulk() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
-    return self->doGetBulkRxPkt();
+    const int32_t packets = self->doGetBulkRxPkt();
+    for (int32_t slot = 0; tap_ && slot < packets; ++slot) {
+        tap_->handleRxPkt(*this, *savedPacket_.at(static_cast<uint32_t>(slot)), slot);
+    }
+    return packets;
 }
 
 uint32_t Pam::txDropsInc(uint32_t delta) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
@@ -13,6 +14,26 @@
 #include "Pavo/Pkt.h"
 
 namespace Pavo {
+
+class Pam;
+
+/// Sees the packets that pass an endpoint; `Pam::tapIs` attaches one. It changes neither packet nor
+/// endpoint, and does not call back.
+class PAVO_EXPORT PktTap : public Mox::PtrInterface {
+  public:
+    /// A packet that was not read into a slot of a batch.
+    static constexpr int32_t noSlot = -1;
+
+    /// A packet handed over for sending, just before it is sent: whether it was is told by the
+    /// endpoint's counts.
+    virtual void handleTxPkt(const Pam& pam, const Pkt& pkt) = 0;
+    /// A packet read, before the agent has it; `slot` is its place in `savedPacket`, or `noSlot`.
+    virtual void handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) = 0;
+
+  protected:
+    PktTap() = default;
+    ~PktTap() override;
+};
 
 /// The base of packet endpoints. An agent watches `readableCount` and `writableCount`, which go up
 /// when the endpoint may be read or written, and then asks for a packet with `rxPkt` or hands one
@@ -69,9 +90,18 @@ class PAVO_EXPORT Pam : public Mox::Entity {
     int32_t rxPktBulk() const;
 
     /// Sends a packet; what becomes of it is counted.
-    void txPktIs(Mox::Ptr<Pkt> pkt) { txPktIsImpl(std::move(pkt)); }
+    void txPktIs(Mox::Ptr<Pkt> pkt) {
+        if (tap_ && pkt) {
+            tap_->handleTxPkt(*this, *pkt);
+        }
+        txPktIsImpl(std::move(pkt));
+    }
     /// The last packet handed to the base's `txPktIsImpl`.
     Mox::Ptr<Pkt> txPkt() const { return txPkt_; }
+
+    /// What sees the packets that pass in both directions; null, and at no cost, by default.
+    const Mox::Ptr<PktTap>& tap() const { return tap_; }
+    void tapIs(Mox::Ptr<PktTap> tap) { tap_ = std::move(tap); }
 
     /// Packets that were not sent, for example for want of room.
     uint32_t txDrops() const { return txDrops_; }
@@ -112,6 +142,7 @@ class PAVO_EXPORT Pam : public Mox::Entity {
   private:
     // Released from the last to the first when the endpoint dies.
     Mox::String name_;
+    Mox::Ptr<PktTap> tap_;
     Mox::Ptr<Pkt> txPkt_;
     Mox::Ptr<Pkt> rxPkt_;
     Mox::Array<Mox::Ptr<Pkt>> savedPacket_;

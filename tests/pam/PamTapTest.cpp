@@ -1,0 +1,242 @@
+// What tshark reads of captured endpoints, with its checksum checks switched on.
+
+#include "Pavo/PamTap.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Pavo/Ip6SocketPam.h"
+#include "Pavo/IpSocketPam.h"
+#include "Pavo/PamConnector.h"
+#include "pam/PamFixture.h"
+
+namespace Pavo {
+namespace {
+
+using testing::AnyOf;
+using testing::ElementsAre;
+
+// A folder for one file, and what tshark says of it.
+class CaptureTest : public PamFixture {
+  protected:
+    void SetUp() override {
+        PamFixture::SetUp();
+        char folder[] = "/tmp/pavo-capture-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        folder_ = folder;
+        path_ = folder_ + "/agent.pcapng";
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    // The fields of each packet, joined by blanks, absent ones as "-".
+    Texts tshark(const Texts& fields) const {
+        std::vector<std::string> command = {"tshark", "-r", path_,        "-T",
+                                            "fields", "-E", "separator= "};
+        for (const char* layer : {"ip", "tcp", "udp"}) {
+            command.insert(command.end(), {"-o", std::string(layer) + ".check_checksum:TRUE"});
+        }
+        for (const std::string& field : fields) {
+            command.insert(command.end(), {"-e", field});
+        }
+        std::istringstream lines(PavoSandbox::run(command));
+        Texts packets;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find("root") == std::string::npos) {  // A word about running as root.
+                packets.push_back(line);
+            }
+        }
+        return packets;
+    }
+
+    std::string folder_;
+    std::string path_;
+};
+
+std::string bytesOf(std::string_view hex) {
+    std::string bytes;
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16));
+    }
+    return bytes;
+}
+
+// 192.0.2.1 > 192.0.2.2: a TCP SYN to port 179, and a UDP datagram "hello" to port 4789 - 1.
+const std::string macs = bytesOf("020000000002020000000001");
+const std::string tcp =
+    bytesOf("080045000028000100004006f6cbc0000201c00002029c4000b30000000100000000500220006eea0000");
+const std::string udp =
+    bytesOf("080045000021000100004011f6c7c0000201c00002029c4112b5000d890768656c6c6f");
+
+void hundredPkts(const Mox::Ptr<CaptureFile>& file, uint32_t interface) {
+    const std::string frame = macs + udp;
+    const CaptureFile::Piece whole{reinterpret_cast<const uint8_t*>(frame.data()),
+                                   static_cast<uint32_t>(frame.size())};
+    for (int i = 0; i < 100; ++i) {
+        file->pktIs(interface, CaptureDirection::inbound, &whole, 1);
+    }
+    file->flush();
+}
+
+TEST_F(CaptureTest, ASessionOverAConnectorIsWholeWithItsTagsInPlace) {
+    Mox::ManualClock clock;
+    const auto connector = pamConnectorFactory(&clock);
+    connector->separateVlanTagHdrIs(true);
+    const auto agent = connector->pam("pam0");
+    const auto peer = connector->pam("pam1");
+    const auto file = captureFileFactory(path_);
+    agent->tapIs(pamTapFactory(file, "agent's end"));
+    peer->tapIs(pamTapFactory(file, "peer's end"));
+
+    agent->txPktIs(pktOf(macs + tcp));
+    const auto tagged = pktOf(macs + udp);
+    tagged->newSeparateVlanTag(0x6064, 0x8100);  // Sent beside the data, in two pieces.
+    std::memcpy(tagged->newPrivateHeadData(5), "\0\0\0\0\0", 5);
+    tagged->delPrivateHeadData(5);
+    agent->txPktIs(tagged);
+    peer->txPktIs(pktOf(macs + bytesOf("88a80007") + tcp));  // The connector moves it out.
+    clock.advance(1);
+    while (agent->rxPkt() || peer->rxPkt()) {
+    }
+    agent->tapIs(nullptr);
+    agent->txPktIs(pktOf("unseen"));
+    file->flush();
+
+    EXPECT_THAT(
+        tshark({"frame.interface_name", "frame.packet_flags_direction", "vlan.id", "ieee8021ad.id",
+                "vlan.priority", "ip.checksum.status", "tcp.checksum.status", "udp.checksum.status",
+                "frame.len"}),
+        ElementsAre("agent's end 0x00000002    1 1  54", "agent's end 0x00000002 100  3 1  1 51",
+                    "peer's end 0x00000002  7  1 1  58", "agent's end 0x00000001  7  1 1  58",
+                    "peer's end 0x00000001    1 1  54", "peer's end 0x00000001 100  3 1  1 51"));
+    EXPECT_EQ(file->stats().packets, 6u);
+    // Nanoseconds since 1970, in the order of the packets.
+    std::string last = "1700000000.000000000";
+    for (const std::string& time : tshark({"frame.time_epoch"})) {
+        EXPECT_EQ(time.size(), last.size());
+        EXPECT_LE(last, time);
+        last = time;
+    }
+}
+
+Mox::Ptr<RawIpPam> rawPam(bool isFour) {
+    if (isFour) {
+        return ipSocketPamFactory("four", IpProtocolNumber::icmp, NamespaceName());
+    }
+    return ip6SocketPamFactory("six", IpProtocolNumber::ipv6Icmp, NamespaceName());
+}
+
+int countReads(const Mox::Ptr<RawIpPam>& pam) {
+    int reads = 0;
+    while (pam->rxPkt()) {
+        ++reads;
+    }
+    return reads;
+}
+
+TEST_F(CaptureTest, RawIpEndpointsGetTheHeadersThatTheKernelKeeps) {
+    const auto file = captureFileFactory(path_);
+    for (const bool bulk : {false, true}) {
+        for (const bool isFour : {true, false}) {
+            const Mox::Ptr<RawIpPam> pam = rawPam(isFour);
+            const IpGenAddr self = addr(isFour ? "127.0.0.1" : "::1");
+            pam->tapIs(pamTapFactory(file, pam->name(), CaptureLinkType::rawIp));
+            pam->enableBulkReadIs(bulk);
+            pam->optionsIs(ipPktInfo | ipRecvTTL | ipRecvTOS);
+            pam->enabledIs(true);
+            pam->txTOSIs(0x28);
+            pam->txSrcIpAddrIs(self);
+            pam->txDstIpAddrIs(self);
+            // An echo request. The kernel has given it back, and answered it, within the send.
+            pam->txPktIs(pktOf(bytesOf(isFour ? "0800e5ca12340001" : "80006d8612340001")));
+            const int reads = bulk ? pam->rxPktBulk() : countReads(pam);
+            EXPECT_EQ(reads, 2);
+        }
+    }
+    file->flush();
+    Texts expected;
+    for (int reading = 0; reading < 2; ++reading) {  // One at a time, and in bulk.
+        for (const char* echo : {"0x00000002 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
+                                 "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
+                                 "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 0  1 ",
+                                 "0x00000002 six   ::1 ::1  64  0x00000028   128  1",
+                                 "0x00000001 six   ::1 ::1  64  0x00000028   128  1",
+                                 "0x00000001 six   ::1 ::1  64  0x00000028   129  1"}) {
+            expected.push_back(echo);
+        }
+    }
+    EXPECT_EQ(tshark({"frame.packet_flags_direction", "frame.interface_name", "ip.src", "ip.dst",
+                      "ipv6.src", "ipv6.dst", "ip.ttl", "ipv6.hlim", "ip.dsfield", "ipv6.tclass",
+                      "ip.checksum.status", "icmp.type", "icmpv6.type", "icmp.checksum.status",
+                      "icmpv6.checksum.status"}),
+              expected);
+}
+
+TEST_F(CaptureTest, WhatFindsNoRoomIsCountedAndTheRestStaysWhole) {
+    struct {
+        CaptureFile::Limits limits;
+        const char* why;
+    } const rows[] = {
+        {{1000, 1 << 20}, "the file is full"},
+        {{1 << 20, 500}, "the queue is full"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        const auto file = captureFileFactory(path_, row.limits);
+        const uint32_t interface = file->newInterface("lo", CaptureLinkType::ethernet);
+        hundredPkts(file, interface);
+        const CaptureFile::Stats stats = file->stats();
+        EXPECT_GE(stats.packets, 5u);
+        EXPECT_GE(stats.drops, 1u);
+        EXPECT_EQ(stats.packets + stats.drops, 100u);
+        EXPECT_LE(std::filesystem::file_size(path_), row.limits.fileBytes);
+        EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(stats.packets, "1"));
+    }
+}
+
+TEST_F(CaptureTest, AFullDiskLosesWhatItHasNoRoomForAndNoMore) {
+    ASSERT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=64k"), 0);
+    const std::string filler = folder_ + "/filler";
+    std::ofstream(filler) << std::string(32 << 10, ' ') << std::flush;
+    const auto file = captureFileFactory(path_);
+    const uint32_t interface = file->newInterface("lo", CaptureLinkType::ethernet);
+    for (int i = 0; i < 100 && file->stats().writeErrors < 2; ++i) {
+        hundredPkts(file, interface);
+    }
+    EXPECT_EQ(file->stats().writeErrors, 2u);
+    EXPECT_EQ(file->stats().writeErrno, ENOSPC);
+    EXPECT_EQ(file->stats().lost, 200u);
+    std::filesystem::remove(filler);
+    hundredPkts(file, interface);
+    const CaptureFile::Stats stats = file->stats();
+    EXPECT_EQ(stats.lost, 200u);
+    EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(stats.packets - stats.lost, "1"));
+    umount2(folder_.c_str(), MNT_DETACH);
+}
+
+TEST_F(CaptureTest, AFileThatCannotBeMadeIsAnError) {
+    const auto before = PavoTest::openDescriptors();
+    const std::string absent = folder_ + "/absent/file";
+    EXPECT_EQ(errorOf([&] { captureFileFactory(absent); }), thrown("open(" + absent + ")", ENOENT));
+    EXPECT_EQ(errorOf([] { captureFileFactory("/dev/full"); }), thrown("write(/dev/full)", ENOSPC));
+    PavoTest::failEachSyscall(
+        EIO, [&] { return errorOf([&] { captureFileFactory(path_)->newInterface("lo", {}); }); },
+        [&](const PavoTest::FailSyscall&, const std::string& error, int) {
+            EXPECT_THAT(error,
+                        AnyOf(thrown("open(" + path_ + ")", EIO),
+                              thrown("write(" + path_ + ")", EIO), thrown("pthread_create", EIO)));
+        });
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace Pavo
