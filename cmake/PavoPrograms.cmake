@@ -58,3 +58,17 @@ function(pavo_example program)
     target_link_libraries(${program} PRIVATE ${arg_LIBS})
     pavo_compile(${program})
 endfunction()
+
+# pavo_snippet(<source> <markdown> <name>)
+# Makes <source> in the build tree of the C++ blocks of that name in a Markdown file.
+function(pavo_snippet source markdown name)
+    find_package(Python3 REQUIRED COMPONENTS Interpreter)
+    add_custom_command(
+        OUTPUT "${source}"
+        COMMAND Python3::Interpreter "${PROJECT_SOURCE_DIR}/tools/readme_snippet.py"
+                "${PROJECT_SOURCE_DIR}/${markdown}" ${name} "${source}"
+        DEPENDS "${PROJECT_SOURCE_DIR}/${markdown}"
+                "${PROJECT_SOURCE_DIR}/tools/readme_snippet.py"
+        VERBATIM
+    )
+endfunction()

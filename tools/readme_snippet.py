@@ -1,23 +1,23 @@
 #!/usr/bin/env python3
-"""Writes the C++ block of a Markdown file that follows a marker, so that it can be compiled.
+"""Writes C++ blocks of a Markdown file that follow markers, so that they can be compiled.
 
 usage: readme_snippet.py MARKDOWN NAME OUTPUT
 
-The block is the first ```cpp one after the line "<!-- snippet: NAME -->". Lines keep their numbers
-of the Markdown file in the compiler's messages.
+The blocks are each first ```cpp one after a line "<!-- snippet: NAME -->", in their order. Lines
+keep their numbers of the Markdown file in the compiler's messages.
 """
 
 import pathlib
 import sys
 
 
-def snippet(lines, name):
-    """Returns (number of the block's first line, its lines)."""
+def snippets(lines, name):
+    """Yields (number of the block's first line, its lines)."""
     marker = f"<!-- snippet: {name} -->"
-    if marker not in lines:
-        sys.exit(f"no line '{marker}'")
-    begin = lines.index("```cpp", lines.index(marker)) + 1
-    return begin + 1, lines[begin : lines.index("```", begin)]
+    for at, line in enumerate(lines):
+        if line == marker:
+            begin = lines.index("```cpp", at) + 1
+            yield begin + 1, lines[begin : lines.index("```", begin)]
 
 
 def main(arguments):
@@ -25,10 +25,13 @@ def main(arguments):
         sys.exit(__doc__)
     markdown, name, output = arguments
     text = pathlib.Path(markdown).read_text(encoding="utf-8")
-    first, lines = snippet(text.splitlines(), name)
-    pathlib.Path(output).write_text(
-        f'#line {first} "{markdown}"\n' + "\n".join(lines) + "\n", encoding="utf-8"
+    source = "".join(
+        f'#line {first} "{markdown}"\n' + "\n".join(lines) + "\n"
+        for first, lines in snippets(text.splitlines(), name)
     )
+    if not source:
+        sys.exit(f"{markdown}: no snippet {name}")
+    pathlib.Path(output).write_text(source, encoding="utf-8")
 
 
 if __name__ == "__main__":
