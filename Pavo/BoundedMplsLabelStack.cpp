@@ -29,13 +29,6 @@ BoundedMplsLabelStack::BoundedMplsLabelStack(const DynamicMplsLabelStack& stack)
     }
 }
 
-BoundedMplsLabelStack::BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-    readLog(in);
-    if (const char* error = check()) {
-        Mox::throwRangeException(error);
-    }
-}
-
 const char* BoundedMplsLabelStack::check() const {
     if (const char* error = checkEntries()) {
         return error;

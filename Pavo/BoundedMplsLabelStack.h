@@ -356,7 +356,7 @@ class BoundedMplsLabelStack : public MplsLabelStackBase<BoundedMplsLabelStack, B
     /// The longest part of the calculated stack from the top on that fits.
     PAVO_EXPORT explicit BoundedMplsLabelStack(const DynamicMplsLabelStack& stack);
     BoundedMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
-    PAVO_EXPORT BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon);
+    BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As `extend`; explicit nulls go where they stand in `other`, though labels are above them.
     Result extendAllowingNonBosExplicitNulls(const BoundedMplsLabelStack& other) {

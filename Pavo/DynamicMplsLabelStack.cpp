@@ -14,13 +14,6 @@ DynamicMplsLabelStack::DynamicMplsLabelStack(const BoundedMplsLabelStack& stack)
     entropyLabelIndicatorBitMap_ = stack.entropyLabelIndicatorBitMap();
 }
 
-DynamicMplsLabelStack::DynamicMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-    readLog(in);
-    if (const char* error = check()) {
-        Mox::throwRangeException(error);
-    }
-}
-
 void DynamicMplsLabelStack::serialize(uint8_t* to) const {
     storeNet(to, stackSize());
     storeNet(to + 4, entropyLabelBitMap_);
@@ -66,7 +59,7 @@ const char* DynamicMplsLabelStack::check() const {
     return checkEntries();
 }
 
-void DynamicMplsLabelStack::printFields(Mox::TextWriter& out) const {
+void DynamicMplsLabelStack::printStrep(Mox::TextWriter& out) const {
     out.text("DynamicMplsLabelStack(stackSize:");
     out.decimal(stackSize());
     out.text(", labels:");
@@ -78,7 +71,7 @@ void DynamicMplsLabelStack::printFields(Mox::TextWriter& out) const {
     out.put(')');
 }
 
-const char* DynamicMplsLabelStack::parseFields(Mox::TextCursor& in) {
+const char* DynamicMplsLabelStack::parseStrep(Mox::TextCursor& in) {
     using namespace std::string_view_literals;
     constexpr uint32_t most = MplsLabel::luWithdrawLabelValue;
     uint32_t size = 0;

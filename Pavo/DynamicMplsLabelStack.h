@@ -53,7 +53,7 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
     DynamicMplsLabelStack() = default;
     PAVO_EXPORT explicit DynamicMplsLabelStack(const BoundedMplsLabelStack& stack);
     DynamicMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
-    PAVO_EXPORT DynamicMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon);
+    DynamicMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The stack in bytes, for shared memory: 32-bit words in network order, at any address. They
     /// are the number of ordinary labels, the bit map of entropy labels, that of indicators, and
@@ -86,26 +86,12 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
                                        &Self::entropyLabelIndicatorBitMap_));
     }
 
-    /// The framework text.
-    PAVO_EXPORT void printFields(Mox::TextWriter& out) const;
-    /// Reads what `printFields` prints. Returns null or the text of the range error.
-    PAVO_EXPORT const char* parseFields(Mox::TextCursor& in);
+    PAVO_EXPORT void printStrep(Mox::TextWriter& out) const;
+    PAVO_EXPORT const char* parseStrep(Mox::TextCursor& in);
 
   private:
     static constexpr uint32_t labelBytes = 4;
     static constexpr uint32_t headBytes = 12;
 };
-
-// The framework reads and prints records through these two: the text is not the generic one.
-template <class... Fields>
-void printRecord(Mox::TextWriter& out, const DynamicMplsLabelStack& stack,
-                 const Mox::RecordDescription<Fields...>&) {
-    stack.printFields(out);
-}
-template <class... Fields>
-const char* parseRecord(Mox::TextCursor& in, DynamicMplsLabelStack* stack,
-                        const Mox::RecordDescription<Fields...>&, const char*) {
-    return stack->parseFields(in);
-}
 
 }  // namespace Pavo

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <compare>
-#include <concepts>
 #include <cstdint>
 #include <type_traits>
 #include <vector>
@@ -15,21 +14,6 @@
 #include "Pavo/ValueFunctions.h"
 
 namespace Pavo {
-
-/// A record whose fields have rules between them: `check()` returns null, or the text of the range
-/// error. Its text is read through the overload of `parseRecord` below.
-template <class T>
-concept CheckedRecord = requires(const T& value) {
-    { value.check() } -> std::same_as<const char*>;
-};
-
-/// Reads a record as the framework does and then checks it.
-template <CheckedRecord T, class... Fields>
-const char* parseRecord(Mox::TextCursor& in, T* value,
-                        const Mox::RecordDescription<Fields...>& about, const char* invalid) {
-    const char* error = Mox::parseRecord(in, value, about, invalid);
-    return error != nullptr ? error : value->check();
-}
 
 /// Reads all digits of a number from 0 to `most`. Returns null, `rangeText` for a greater number,
 /// and `invalid` where there is no digit; the last two change nothing.

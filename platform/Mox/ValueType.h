@@ -9,6 +9,13 @@
 /// - for a text form of its own: `const char* parse(Mox::TextCursor&)`, which returns null or the
 ///   text of the range error and never throws, and `void print(Mox::TextWriter&) const`. With
 ///   `print` alone, `stringValue` prints that, while strep and parsing stay those of the record;
+/// - for fields with rules between them: `const char* check() const`, which returns null or the
+/// text
+///   of the range error for what no value of the type holds. Records and logs are checked when they
+///   have been read;
+/// - for a strep that is neither its text nor the record: `const char*
+/// parseStrep(Mox::TextCursor&)`
+///   and `void printStrep(Mox::TextWriter&) const`, as `parse` and `print`;
 /// - for a log form of its own: `void toLog(Mox::NboAttrLog::Out&) const` and
 ///   `void fromLog(Mox::NboAttrLog::In&)`;
 /// - the constructors from text and from a log, which call `readText` and `readLog`.
@@ -47,6 +54,14 @@ concept HasPrint = requires(const T& value, TextWriter& out) {
     value.print(out);
 };
 template <class T>
+concept HasCheck = requires(const T& value) {
+    { value.check() } -> std::same_as<const char*>;
+};
+template <class T>
+concept HasStrepForm = requires(const T& value, TextWriter& out) {
+    value.printStrep(out);
+};
+template <class T>
 concept HasLogForm = requires(const T& value, NboAttrLog::Out& out) {
     value.toLog(out);
 };
@@ -57,8 +72,14 @@ template <class T>
 const char* parseValue(TextCursor& in, T* value) {
     if constexpr (HasParse<T>) {
         return value->parse(in);
+    } else if constexpr (HasStrepForm<T>) {
+        return value->parseStrep(in);
     } else {
-        return parseRecord(in, value, T::description(), T::leftoverText);
+        const char* error = parseRecord(in, value, T::description(), T::leftoverText);
+        if constexpr (HasCheck<T>) {
+            error = error != nullptr ? error : value->check();
+        }
+        return error;
     }
 }
 
@@ -66,6 +87,8 @@ template <class T>
 void printStrep(TextWriter& out, const T& value) {
     if constexpr (HasParse<T>) {
         value.print(out);
+    } else if constexpr (HasStrepForm<T>) {
+        value.printStrep(out);
     } else {
         printRecord(out, value, T::description());
     }
@@ -159,9 +182,10 @@ class ValueType {
         it = in.at();
     }
 
-    /// Reads the fields as the log holds them. For constructors, which then check what the type
-    /// promises: a log comes from outside.
-    /// @throws Mox::RangeException when the log is short or a number does not fit its field.
+    /// Reads the fields as the log holds them, and has them checked. For constructors, which then
+    /// check what else the type promises: a log comes from outside.
+    /// @throws Mox::RangeException when the log is short or a number does not fit its field; the
+    /// text of `check`.
     void readLog(NboAttrLog::In* in) {
         if constexpr (HasLogForm<T>) {
             self().fromLog(*in);
@@ -169,6 +193,11 @@ class ValueType {
             T::description().forEach([&]<class M>(const Field<T, M>& each) {
                 Codec<M>::fromLog(*in, &(self().*each.member));
             });
+        }
+        if constexpr (HasCheck<T>) {
+            if (const char* error = self().check()) {
+                throwRangeException(error);
+            }
         }
     }
 
