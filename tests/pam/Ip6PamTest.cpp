@@ -25,13 +25,13 @@ TEST_F(Ip6PamTest, TheKernelFillsInChecksumsAndLooksAtThem) {
         each->txDstIpAddrIs(loopback);
         each->enabledIs(true);
     }
-    for (const int offset : {-1, 3, 2}) {
+    for (const int offset : {-1, 3}) {
         pam->checksumOffsetIs(offset);
         EXPECT_EQ(errorOf([&] { pam->optionsIs(ipv6Checksum); }),
-                  offset == 2 ? ""
-                              : thrown("IPV6_CHECKSUM option must be supplied with a valid offset",
-                                       EINVAL));
+                  thrown("IPV6_CHECKSUM option must be supplied with a valid offset", EINVAL));
     }
+    pam->checksumOffsetIs(2);
+    pam->optionsIs(ipv6Checksum);
     bare->txPktIs(pktOf("ab??wrong"));
     pam->txPktIs(pktOf("ab??right"));
     const std::string text = payload(receive(pam));
@@ -48,7 +48,7 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
     const auto pam = ip6HdrInclSocketPamFactory("test", protocol, NamespaceName());
     pam->optionsIs(ipRecvTTL | ipPriority);
     pam->priorityIs(tcPrioControl);
-    const std::vector<std::string> texts = failedEnablings(pam, "IPV6_HDRINCL");
+    const Texts texts = failedEnablings(pam, "IPV6_HDRINCL");
     // The inner one, whole; the namespace is looked up for each socket; then the outer one.
     EXPECT_EQ(texts.front(), "IPV6_HDRINCL");
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "SO_PRIORITY"), 2);
@@ -69,8 +69,6 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
         pam->txPktIs(pkt);
         EXPECT_EQ(pam->txErrno(), ENODEV);
     }
-    EXPECT_EQ(pam->txErrors(), 3u);
-    EXPECT_EQ(pam->txPktCount(), 1u);
     {  // One that is disabled while it is told of the error's end.
         const Mox::Watch<Ip6HdrInclSocketPam> watch(pam, Pam::txErrnoAttr,
                                                     [&pam] { pam->enabledIs(false); });
@@ -82,19 +80,16 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
     pam->enabledIs(true);
     pam->optionsIs(none);
     pam->priorityIs(tcPrioBulk);
-    {  // What changed on the outer socket before a failure changes on the inner one.
-        PavoTest::FailSyscall fail(2, EPERM, "setsockopt");
-        EXPECT_EQ(errorOf([&] { pam->optionsIs(ipFreeBind | ipRecvTTL | ipPriority); }),
-                  thrown("setsockopt(IPV6_RECVHOPLIMIT)", EPERM));
-    }
+    // What changed on the outer socket before a failure changes on the inner one.
+    EXPECT_EQ(
+        errorOfFailing(2, EPERM, [&] { pam->optionsIs(ipFreeBind | ipRecvTTL | ipPriority); }),
+        thrown("setsockopt(IPV6_RECVHOPLIMIT)", EPERM));
     EXPECT_EQ(optionOf(*pam->txPam(), IPPROTO_IPV6, IPV6_FREEBIND), 1);
     pam->optionsIs(ipPriority);
     EXPECT_EQ(optionOf(*pam->txPam(), SOL_SOCKET, SO_PRIORITY), tcPrioBulk);
-    {  // The inner socket, which comes second, refuses.
-        PavoTest::FailSyscall fail(2, EPERM, "setsockopt");
-        EXPECT_EQ(errorOf([&] { pam->optionsIs(ipFreeBind | ipPriority); }),
-                  thrown("setsockopt(IPV6_FREEBIND)", EPERM));
-    }
+    // The inner socket, which comes second, refuses.
+    EXPECT_EQ(errorOfFailing(2, EPERM, [&] { pam->optionsIs(ipFreeBind | ipPriority); }),
+              thrown("setsockopt(IPV6_FREEBIND)", EPERM));
     EXPECT_FALSE(pam->enabled());
     EXPECT_EQ(PavoTest::openDescriptors(), before);
 
@@ -111,28 +106,18 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
 }
 
 TEST_F(Ip6PamTest, AnIcmp6EndpointReportsFromTheStartAndCountsWhatIsMissing) {
-    const Wire wire;
-    const auto pam = ip6PamFactory("ping", Ip6Pam::Mode::icmp6, NamespaceName("left"));
+    const auto pam = ip6PamFactory("ping", Ip6Pam::Mode::icmp6, NamespaceName());
     pam->enabledIs(true);
-    pam->txIfIndexIs(wire.index("left"));
-    pam->txDstIpAddrIs(rightLinkLocal);
+    pam->txDstIpAddrIs(loopback);
     pam->txTOSIs(0x20);
-    const auto pingIsAnswered = [&] {
+    const auto ping = [&] {
         pam->txPktIs(pktOf(std::string("\x80\0\0\0\0\1\0\2", 8)));
-        for (int i = 0; i < 10; ++i) {  // The kernels talk to each other too.
-            if (receive(pam)->frontData()[0] == 129) {
-                return true;
-            }
-        }
-        return false;
+        EXPECT_EQ(receive(pam)->frontData()[0], 128);
+        return receive(pam)->frontData()[0];
     };
-    EXPECT_TRUE(pingIsAnswered());
-    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(rightLinkLocal));
-    EXPECT_TRUE(pam->rxDstIpAddr().isLinkLocal());
-    EXPECT_EQ(pam->rxIfIndex(), pam->txIfIndex());
-    EXPECT_EQ(pam->rxTTL(), 64);
-    EXPECT_EQ(pam->numRecvMsgErrors(), 0u);
-    EXPECT_EQ(pam->numCmsgDataErrors(), 0u);
+    EXPECT_EQ(ping(), 129);  // The answer of the kernel.
+    EXPECT_EQ(textOf(rxInfo(*pam)), textOf({loopback, loopback, IpGenAddr(), 1, 0x20, 64}));
+    EXPECT_EQ(pam->numRecvMsgErrors() + pam->numCmsgDataErrors(), 0u);
     {
         PavoTest::FailSyscall fail(1, ENOBUFS, "recvmsg");
         EXPECT_EQ(pam->rxPkt(), nullptr);
@@ -140,13 +125,13 @@ TEST_F(Ip6PamTest, AnIcmp6EndpointReportsFromTheStartAndCountsWhatIsMissing) {
     EXPECT_EQ(pam->numRecvMsgErrors(), 1u);
     pam->optionsIs(pam->options() | ipRecvOrigDstAddr);
     optionIs(*pam, SO_TIMESTAMP, 1);  // Takes the last one's room.
-    EXPECT_TRUE(pingIsAnswered());
-    EXPECT_GE(pam->numCmsgDataErrors(), 1u);
+    EXPECT_EQ(ping(), 129);
+    EXPECT_EQ(pam->numCmsgDataErrors(), 2u);
 }
 
 TEST(Ip6PamInATest, NeedsNoSocket) {
     const auto pam = ip6PamFactory("test", Ip6Pam::Mode::test, NamespaceName());
-    std::vector<std::string> seen;
+    Texts seen;
     bool throws = true;
     const Mox::Watch<Ip6Pam> readable(pam, Pam::readableCountAttr, [&] {
         if (std::exchange(throws, false)) {
@@ -162,11 +147,8 @@ TEST(Ip6PamInATest, NeedsNoSocket) {
     EXPECT_FALSE(pam->enabled());
     pam->enabledIs(true);
     pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("late"), router, ip6AddrAllNodes, 4, 1, 0});
-    EXPECT_EQ(seen, (std::vector<std::string>{"early", "waits", "late"}));
-    EXPECT_EQ(pam->rxSrcIpAddr(), IpGenAddr(router));
-    EXPECT_EQ(pam->rxDstIpAddr(), IpGenAddr(ip6AddrAllNodes));
-    EXPECT_EQ(pam->rxIfIndex(), 4u);
-    EXPECT_EQ(pam->rxTTL(), 1);
+    EXPECT_EQ(seen, (Texts{"early", "waits", "late"}));
+    EXPECT_EQ(textOf(rxInfo(*pam)), textOf({router, ip6AddrAllNodes, IpGenAddr(), 4, 0, 1}));
     EXPECT_EQ(pam->rxPkts(), 3u);
 
     pam->doJoinMcastGroup(4, IpGenAddr(ip6AddrVrrp));  // Nothing to join with.
@@ -185,7 +167,6 @@ TEST(Ip6PamInATest, NeedsNoSocket) {
     pam->txDstIpAddrIs(IpAddr(0x7f000001));
     pam->txPktIs(pkt);
     EXPECT_EQ(pam->txErrno(), EAFNOSUPPORT);
-    EXPECT_EQ(pam->txPkts(), 1u);
 }
 
 TEST_F(Ip6PamTest, AVrrpEndpointIsAMemberOnItsInterface) {
@@ -195,7 +176,7 @@ TEST_F(Ip6PamTest, AVrrpEndpointIsAMemberOnItsInterface) {
     const auto right = ip6PamVrrpFactory("right", wire.index("right"), NamespaceName("right"));
     left->enabledIs(true);
     const auto texts = failedEnablings(right, "IPV6_JOIN_GROUP");
-    EXPECT_EQ(texts, (std::vector<std::string>{"IPV6_JOIN_GROUP", "epoll_ctl"}));
+    EXPECT_EQ(texts, (Texts{"IPV6_JOIN_GROUP", "epoll_ctl"}));
     // What the right one hears of a packet to each group.
     const auto expectHeard = [&](const Ip6Addr& member) {
         for (const Ip6Addr& group : {ip6AddrVrrp, other, rightLinkLocal}) {
@@ -212,11 +193,8 @@ TEST_F(Ip6PamTest, AVrrpEndpointIsAMemberOnItsInterface) {
     expectHeard(ip6AddrVrrp);
     EXPECT_EQ(errorOf([&] { right->mcastGroupIs(rightLinkLocal); }),
               thrown("setsockopt(IPV6_JOIN_GROUP)", EINVAL));
-    {
-        PavoTest::FailSyscall fail(2, ENOBUFS, "setsockopt");
-        EXPECT_EQ(errorOf([&] { right->mcastGroupIs(other); }),
-                  thrown("setsockopt(IPV6_LEAVE_GROUP)", ENOBUFS));
-    }
+    EXPECT_EQ(errorOfFailing(2, ENOBUFS, [&] { right->mcastGroupIs(other); }),
+              thrown("setsockopt(IPV6_LEAVE_GROUP)", ENOBUFS));
     EXPECT_EQ(right->mcastGroup(), ip6AddrVrrp);
     expectHeard(ip6AddrVrrp);
     right->mcastGroupIs(other);

@@ -65,6 +65,12 @@ inline std::string errorOf(const std::function<void()>& call) {
     return "";
 }
 
+// The same where the n-th setting of an option fails.
+inline std::string errorOfFailing(unsigned n, int error, const std::function<void()>& call) {
+    const PavoTest::FailSyscall fail(n, error, "setsockopt");
+    return errorOf(call);
+}
+
 inline int optionOf(const RawIpPam& pam, int level, int option) {
     int value = 0;
     socklen_t length = sizeof(value);

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,14 +11,17 @@
 #include "Pavo/Ip6Pam.h"
 #include "Pavo/IpPam.h"
 #include "Pavo/PamFdSm.h"
+#include "support/TestEntity.h"
 
 namespace Pavo {
 namespace {
 
+using Log = std::vector<std::string>;
+
 // An endpoint that writes down what it is asked.
 class FakePam : public Pam {
   public:
-    explicit FakePam(std::vector<std::string>* log) : Pam("fake"), log_(log) {}
+    explicit FakePam(Log* log) : Pam("fake"), log_(log) {}
     ~FakePam() override { log_->push_back("gone"); }
 
     void handleReadableCount() override { log_->push_back("readable"); }
@@ -29,7 +31,7 @@ class FakePam : public Pam {
     Mox::Ptr<Pkt> next;
 
   private:
-    std::vector<std::string>* log_;
+    Log* log_;
 };
 
 class PamTest : public testing::Test {
@@ -39,15 +41,14 @@ class PamTest : public testing::Test {
         descriptor_ = Mox::fileDescriptorFactory(ends_[0]);
     }
     void TearDown() override { close(ends_[1]); }
+    void send() const { EXPECT_EQ(write(ends_[1], "x", 1), 1); }
 
     Mox::EventLoop loop_;
     int ends_[2] = {-1, -1};
     Mox::Ptr<Mox::FileDescriptor> descriptor_;
-    std::vector<std::string> log_;
+    Log log_;
     Mox::Ptr<FakePam> pam_ = Mox::make<FakePam>(&log_);
 };
-
-using Log = std::vector<std::string>;
 
 TEST_F(PamTest, AnEndpointReadsItsPacketBeforeAnybodyHearsOfTheCount) {
     const Mox::Watch<FakePam> readable(pam_, Pam::readableCountAttr,
@@ -60,26 +61,21 @@ TEST_F(PamTest, AnEndpointReadsItsPacketBeforeAnybodyHearsOfTheCount) {
 
 TEST_F(PamTest, TheMachineBumpsBothCountsAtBirthAndOnEachReport) {
     const Mox::Ptr<PamFdSm> machine = PamFdSmIs(descriptor_, pam_.ptr());
+    const Mox::Ptr<PamFdSm> idle = PamFdSmIs(nullptr, pam_.ptr());
     EXPECT_EQ(log_, (Log{"readable", "writable"}));
     EXPECT_EQ(loop_.turn(0), 0u);
-
-    ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
+    send();
     EXPECT_EQ(loop_.turn(0), 1u);
-    EXPECT_EQ(pam_->readableCount(), 2u);
-
     descriptor_->writeMetNoRoom();
     EXPECT_EQ(loop_.turn(0), 1u);
-    EXPECT_EQ(pam_->writableCount(), 2u);
+    EXPECT_EQ(log_, (Log{"readable", "writable", "readable", "writable"}));
 
     machine->hasNotificationActiveIs(false);
     descriptor_->readTried(true);
-    ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
+    send();
     EXPECT_EQ(loop_.turn(0), 0u);
     machine->hasNotificationActiveIs(true);
     EXPECT_EQ(loop_.turn(0), 1u);
-    EXPECT_EQ(pam_->readableCount(), 3u);
-
-    const Mox::Ptr<PamFdSm> idle = PamFdSmIs(nullptr, pam_.ptr());
     EXPECT_EQ(pam_->readableCount(), 3u);
 }
 
@@ -92,7 +88,7 @@ TEST_F(PamTest, AnAgentMayDropTheEndpointWhileItIsTold) {
             machine = nullptr;
             log_.push_back("dropped");
         });
-        ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
+        send();
         pam = nullptr;
         EXPECT_EQ(loop_.turn(0), 1u);
         EXPECT_EQ(log_, (Log{"readable", "writable", "readable", "dropped"}));
@@ -119,11 +115,9 @@ TEST_F(PamTest, SlotsTellOfRealChangesOnly) {
                                       [&told](uint32_t slot) { told = 10 * told + slot + 1; });
     pam_->savedPacketRxIs(3, false);
     EXPECT_EQ(pam_->savedPacketRx().members(), 0u);
-    EXPECT_EQ(pam_->savedPacketRx().version(), 0u);
     pam_->savedPacketRxIs(1, true);
     pam_->savedPacketRxIs(1, true);
     pam_->savedPacketRxIs(0, false);
-    EXPECT_EQ(pam_->savedPacketRx().version(), 1u);
     EXPECT_EQ(told, 2u);
     pam_->savedPacketRxDelAll();
     EXPECT_EQ(told, 212u);
@@ -136,16 +130,7 @@ TEST_F(PamTest, OperationsThatAClassDoesNotOfferStopTheProcess) {
 }
 
 TEST_F(PamTest, AttributeNumbersAreDenseAlongAChainOfClasses) {
-    const Mox::Ptr<Pam> longest = ip6PamVrrpFactory("vrrp", 1, NamespaceName());
-    std::vector<int> numbers(64);
-    std::size_t count = 0;
-    for (const Mox::FwkType* type = longest->fwkType(); type != nullptr; type = type->base) {
-        count += type->attributes.size();
-        for (const Mox::AttributeBase* attribute : type->attributes) {
-            EXPECT_EQ(++numbers.at(attribute->number), 1) << attribute->name;
-        }
-    }
-    EXPECT_EQ(std::count(numbers.begin(), numbers.begin() + count, 1), count);
+    EXPECT_EQ(PavoTest::attributeFault(Ip6PamVrrp::type), "");
 }
 
 }  // namespace

@@ -16,11 +16,10 @@ namespace PavoTest {
 /// kernel. The functions are defined in the test program, so the calls of shared libraries come
 /// here too; other threads and the C library's own inner calls do not.
 ///
-/// Counted are the calls that open, set up, switch, mount, look up or transfer (the list is in the
-/// source); `close` is never made to fail. The calls that carry plain bytes, `read`, `readv`,
-/// `write` and `writev`, and `pipe` count only when the filter names them, since traces, test
-/// output and sanitizers use them. A function and its variants count under the plain name:
-/// `fcntl64` is "fcntl".
+/// Counted are the calls of the libraries that open, set up, switch, mount, look up or transfer
+/// (the list is in the source); `close` is never made to fail. The calls that carry plain bytes,
+/// `read`, `write` and `writev`, count only when the filter names them, since traces and test
+/// output use them. A function and its variants count under the plain name: `fcntl64` is "fcntl".
 ///
 /// A filter is empty, a name ("setns": count only these) or an exclamation mark and a name
 /// ("!setns": count all but these, for calls whose failure ends the process).
@@ -45,7 +44,7 @@ class FailSyscall {
     const char* name() const { return happened() ? name_ : ""; }
     /// The first arguments of that call, as the words in which they were passed; index 0 to 2.
     long argument(unsigned index) const { return arguments_[index]; }
-    /// What that call was to transfer, when it was a `send` or `sendto`.
+    /// What that call was to transfer, when it was a `send`.
     const std::string& sent() const { return sent_; }
     /// Calls counted so far, the failed one among them.
     unsigned count() const { return count_; }
