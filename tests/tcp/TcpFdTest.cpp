@@ -58,37 +58,34 @@ class RegistrationTest : public testing::Test {
     int ends_[2] = {-1, -1};
 };
 
-TEST_F(RegistrationTest, HearsWhatItIsEnabledForAndInterestedIn) {
-    for (const bool edgeTriggered : {false, true}) {
-        SCOPED_TRACE(edgeTriggered);
-        const auto fd = tcpFileDescriptorFactory(dup(ends_[0]), edgeTriggered);
-        const auto registration =
-            tcpFileDescriptorEventRegistrationFactoryMoxcFactory()->createEventRegistration(fd);
-        ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
-        const struct {
-            bool enabled, readable, writable;
-            uint32_t reads, writes;  // Events in two turns, level-triggered.
-        } cases[] = {
-            {false, true, true, 0, 0}, {true, true, false, 2, 0},  {true, false, true, 0, 2},
-            {true, true, true, 2, 2},  {true, false, false, 0, 0}, {false, false, false, 0, 0},
-        };
-        for (const auto& c : cases) {
-            registration->enabledIs(false);
-            registration->notifyOnReadableIs(c.readable);
-            registration->notifyOnWritableIs(c.writable);
-            registration->enabledIs(c.enabled);
-            const uint32_t reads = registration->readableCount();
-            const uint32_t writes = registration->writableCount();
-            loop_.turn(0);
-            loop_.turn(0);
-            const uint32_t share = edgeTriggered ? 2 : 1;  // What is there comes once.
-            EXPECT_EQ(registration->readableCount() - reads, c.reads / share);
-            EXPECT_EQ(registration->writableCount() - writes, c.writes / share);
-        }
-        char byte;
-        ASSERT_EQ(recv(ends_[0], &byte, 1, 0), 1);
+class ReadinessTest : public RegistrationTest, public testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(Watching, ReadinessTest, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Edge" : "Level"; });
+
+TEST_P(ReadinessTest, IsHeardOfWhereItIsEnabledAndOfInterest) {
+    const auto registration = registered(GetParam());
+    ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
+    const struct {
+        bool enabled, readable, writable;
+        uint32_t reads, writes;  // Events in two turns, level-triggered.
+    } cases[] = {
+        {false, true, true, 0, 0}, {true, true, false, 2, 0},  {true, false, true, 0, 2},
+        {true, true, true, 2, 2},  {true, false, false, 0, 0},
+    };
+    for (const auto& c : cases) {
+        registration->enabledIs(false);
+        registration->notifyOnReadableIs(c.readable);
+        registration->notifyOnWritableIs(c.writable);
+        registration->enabledIs(c.enabled);
+        const uint32_t reads = registration->readableCount();
+        const uint32_t writes = registration->writableCount();
+        loop_.turn(0);
+        loop_.turn(0);
+        const uint32_t share = GetParam() ? 2 : 1;  // What is there comes once.
+        EXPECT_EQ(registration->readableCount() - reads, c.reads / share);
+        EXPECT_EQ(registration->writableCount() - writes, c.writes / share);
     }
-    close(ends_[0]);
 }
 
 TEST_F(RegistrationTest, LeavesTheDescriptorOpenAndMayBeDroppedByWhomItTells) {
