@@ -4,14 +4,6 @@
 
 namespace Pavo {
 
-BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(uint32_t value) {
-    return Mox::enumValue<BoundedMplsLabelStackError>(value);
-}
-
-BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(const Mox::String& name) {
-    return Mox::enumValue<BoundedMplsLabelStackError>(name);
-}
-
 BoundedMplsLabelStack::BoundedMplsLabelStack(const DynamicMplsLabelStack& stack) {
     // What `stack` holds keeps its place, whatever the rules of appending say. Of a pair, the
     // indicator stands for both: where it fits, so does its label.

@@ -272,8 +272,17 @@ void IntfIdDescPluginLoader::load(const Mox::String& path) {
 }
 
 void IntfIdDescPluginLoader::runPlugins(IntfIdMgr& manager) {
-    while (run_ < plugins_.size()) {
-        plugins_[run_++].plugin(manager);
+    ++running_;  // Plug-ins come here too.
+    try {
+        while (run_ < plugins_.size()) {
+            plugins_[run_++].plugin(manager);
+        }
+    } catch (...) {
+        --running_;
+        throw;
+    }
+    if (--running_ == 0) {
+        manager.initializedIs(true);
     }
 }
 
@@ -288,7 +297,6 @@ const Mox::Ptr<IntfIdMgr>& globalIntfIdMgr() {
             pluginsWait = true;  // The others have yet to run.
             throw;
         }
-        manager->initializedIs(true);
     }
     return manager;
 }

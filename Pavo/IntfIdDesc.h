@@ -255,7 +255,8 @@ class PAVO_EXPORT IntfIdDescPluginLoader {
   public:
     using Plugin = void (*)(IntfIdMgr& manager);
 
-    /// Registers a plug-in as long as its library is loaded: an object of static storage.
+    /// Registers a plug-in for good, as an object of static storage: the library that holds it has
+    /// to stay loaded, as `load` sees to.
     struct Registrar {
         Registrar(const char* name, Plugin plugin) { DefaultPluginLoader().pluginIs(name, plugin); }
     };
@@ -271,7 +272,7 @@ class PAVO_EXPORT IntfIdDescPluginLoader {
     /// Loads a shared object, as dlopen(3) finds it, for good, and runs what it registers.
     /// @throws Mox::Exception with the text of dlerror(3); what a plug-in throws
     void load(const Mox::String& path);
-    /// Runs what has not run yet.
+    /// Runs what has not run yet. The manager is then initialized, unless a plug-in called this.
     void runPlugins(IntfIdMgr& manager);
 
   private:
@@ -283,7 +284,8 @@ class PAVO_EXPORT IntfIdDescPluginLoader {
     IntfIdDescPluginLoader() = default;
 
     std::vector<Entry> plugins_;
-    uint32_t run_ = 0;  // So many of them were started.
+    uint32_t run_ = 0;      // So many of them were started.
+    uint32_t running_ = 0;  // So many calls of `runPlugins` are under way.
 };
 
 /// The manager of the process; the plug-ins that wait are run first, so the first use is on the

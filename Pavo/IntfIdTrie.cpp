@@ -165,6 +165,7 @@ void IntfIdTrie::addPrefix(Form& form, bool isShort, std::string_view name) {
     form.prefixAt[isShort] = static_cast<uint32_t>(texts_.size());
     form.prefixBytes[isShort] = static_cast<uint8_t>(name.size());
     texts_ += name;
+    texts_.append(ahead, '\0');  // What is copied behind a short prefix.
 }
 
 void IntfIdTrie::build() {
@@ -173,7 +174,6 @@ void IntfIdTrie::build() {
     for (const char c : texts_) {
         frequencies[static_cast<unsigned char>(c)] += c == '\0' ? 0 : 1;
     }
-    texts_.append(ahead, '\0');  // What is copied behind a short prefix.
     buildIntfTrie(frequencies);
 }
 
@@ -520,8 +520,15 @@ bool IntfIdTrie::readLongest(const Node& node, uint16_t wanted, const Words& wor
 IntfIdTrie::Reading IntfIdTrie::stringToIntfId(const char* text, uint32_t length,
                                                bool isShort) const {
     const Words words(text, length);
-    const auto wanted = static_cast<uint16_t>((isShort || shortNameTrie_ ? shortNames : 0) |
-                                              (isShort ? 0 : longNames));
+    Reading best = read(words, isShort ? shortNames : longNames);
+    if (shortNameTrie_ && !isShort) {
+        const Reading other = read(words, shortNames);
+        best = other.length > best.length ? other : best;
+    }
+    return best;
+}
+
+IntfIdTrie::Reading IntfIdTrie::read(const Words& words, uint16_t wanted) const {
     Reading best;
     for (uint16_t at = lastNode(words); at != 0; at = nodes_[at].shorter) {
         if (readLongest(nodes_[at], wanted, words, &best)) {

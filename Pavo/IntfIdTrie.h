@@ -156,7 +156,8 @@ class PAVO_EXPORT IntfIdTrie {
     /// digits, so names are alike only if prefix and separators are.
     void build();
 
-    /// Whether names with short prefixes are read where long names are asked for; at first false.
+    /// Whether names with short prefixes are read where long names are asked for, unless the long
+    /// one is as long; at first false.
     bool shortNameTrie() const { return shortNameTrie_; }
     void shortNameTrieIs(bool on) { shortNameTrie_ = on; }
 
@@ -267,6 +268,7 @@ class PAVO_EXPORT IntfIdTrie {
     uint32_t startAt(const StartOfText& text) const;
     uint16_t lastNode(const Words& words) const;
     static bool readAlike(const Form& form, const Numbers& numbers, IntfId* id);
+    Reading read(const Words& words, uint16_t wanted) const;
     bool readLongest(const Node& node, uint16_t wanted, const Words& words, Reading* best) const;
 
     std::string texts_;

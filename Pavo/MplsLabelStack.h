@@ -15,10 +15,9 @@
 
 namespace Pavo {
 
-/// A label stack entry as its four bytes in network order (RFC 3032, 2.1; RFC 5462):
+/// A label stack entry as its four bytes in network order (RFC 3032, 2.1; RFC 5462), in bits:
 ///
-///     | label (20 bits) | traffic class (3 bits) | bottom of stack (1 bit) | time to live (8 bits)
-///     |
+///     | label (20) | traffic class (3) | bottom of stack (1) | time to live (8) |
 ///
 /// Ordered as the number that they are.
 class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {

@@ -242,6 +242,9 @@ TEST(IntfIdDesc, WinsByTheLongestPrefixThatIsRead) {
     EXPECT_THROW(manager->stringToIntfId("V1"), Mox::RangeException);
     manager->shortNameTrieIs(true);
     EXPECT_EQ(manager->intfIdToString(manager->stringToIntfId("V1")), "Vlan1");
+    EXPECT_EQ(manager->intfIdToString(manager->stringToIntfId("E1/2")), "Eth1/2");
+    EXPECT_EQ(addErrorOf(*manager, described(5, "E", "Q", {{first, second}})), "");
+    EXPECT_EQ(manager->intfIdToString(manager->stringToIntfId("E1/2")), "E1/2");
 }
 
 TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotGiveIdsAgain) {
