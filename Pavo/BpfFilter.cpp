@@ -26,24 +26,28 @@ constexpr int etherSnapBytes = 65535;
 constexpr int ipSnapBytes = 262144;  // More than any packet has.
 
 // Compiles into `*program`, which the caller releases; returns what is wrong, empty on success.
+Mox::String compileWith(pcap_t* handle, const Mox::String& expression, bpf_program* program) {
+    if (expression.view().find('\0') != std::string_view::npos) {
+        return "a zero byte in the expression";  // Behind which libpcap would not look.
+    }
+    constexpr int optimize = 1;
+    const int result =
+        pcap_compile(handle, program, expression.c_str(), optimize, PCAP_NETMASK_UNKNOWN);
+    return result == -1 ? Mox::String(pcap_geterr(handle)) : Mox::String();
+}
+
 Mox::String compilePcapFilter(const Mox::String& name, int linkType, int snapBytes,
                               const Mox::String& expression, bpf_program* program) {
-    if (expression.view().find('\0') != std::string_view::npos) {
-        return "a zero byte in the expression";
-    }
     const std::unique_ptr<pcap_t, void (*)(pcap_t*)> handle(pcap_open_dead(linkType, snapBytes),
                                                             pcap_close);
     if (!handle) {
         return "out of memory";
     }
     MOX_TRACE(trace, compileLevel, name, " compiling ", expression);
-    constexpr int optimize = 1;
-    if (pcap_compile(handle.get(), program, expression.c_str(), optimize, PCAP_NETMASK_UNKNOWN) !=
-        -1) {
-        return {};
+    Mox::String error = compileWith(handle.get(), expression, program);
+    if (!error.empty()) {
+        MOX_TRACE(trace, failureLevel, name, " compilation failed with error: ", error);
     }
-    const Mox::String error = pcap_geterr(handle.get());
-    MOX_TRACE(trace, failureLevel, name, " compilation failed with error: ", error);
     return error;
 }
 

@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <string_view>
@@ -83,7 +84,7 @@ Blocks sectionHeader() {
 Blocks interfaceDescription(const Mox::String& name, CaptureLinkType linkType) {
     Blocks body;
     addOptionHead(&body, static_cast<uint32_t>(linkType), 0);
-    addWords(&body, 0u);  // No packet is cut off.
+    addWords(&body, CaptureFile::maxPktBytes);
     addOption(&body, interfaceNameOption, name.view().substr(0, maxNameBytes));
     addOption(&body, timeResolutionOption, nanoseconds);
     addWords(&body, endOfOptions);
@@ -109,21 +110,17 @@ const Mox::FwkType* CaptureFile::fwkType() const {
 }
 
 CaptureFile::CaptureFile(const Mox::String& path, Limits limits) : path_(path), limits_(limits) {
-    // Two queues, of which one is filled while the other is written, without growing later.
     queue_.reserve(limits.queueBytes);
-    fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0600);
-    if (fd_ < 0) {
+    blocks_.reserve(limits.queueBytes);
+    fd_.number = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd_.number < 0) {
         throwErrno(errno, "open", path);
     }
-    int error = append(sectionHeader());
-    if (error != 0) {
-        (void)close(fd_);
+    if (const int error = append(sectionHeader())) {
         throwErrno(error, "write", path);
     }
     takenBytes_ = fileBytes_;
-    error = startServiceThread(&thread_, "captureFile", runWriter, this);
-    if (error != 0) {
-        (void)close(fd_);
+    if (const int error = startServiceThread(&thread_, "captureFile", runWriter, this)) {
         throw Mox::ErrnoException(error, "pthread_create");
     }
 }
@@ -135,7 +132,12 @@ CaptureFile::~CaptureFile() {
     }
     queued_.notify_one();
     (void)pthread_join(thread_, nullptr);
-    (void)close(fd_);
+}
+
+CaptureFile::Descriptor::~Descriptor() {
+    if (number >= 0) {
+        (void)close(number);
+    }
 }
 
 uint32_t CaptureFile::newInterface(const Mox::String& name, CaptureLinkType linkType) {
@@ -153,10 +155,11 @@ uint32_t CaptureFile::newInterface(const Mox::String& name, CaptureLinkType link
 
 void CaptureFile::pktIs(uint32_t interface, CaptureDirection direction, const Piece* pieces,
                         uint32_t pieceCount) {
-    uint32_t bytes = 0;
+    uint32_t pktBytes = 0;
     for (uint32_t i = 0; i < pieceCount; ++i) {
-        bytes += pieces[i].bytes;
+        pktBytes += pieces[i].bytes;
     }
+    const uint32_t bytes = std::min(pktBytes, maxPktBytes);
     const uint32_t length = packetOverhead + bytes + padding(bytes);
     const uint64_t time = nanosecondsNow();
 
@@ -168,9 +171,11 @@ void CaptureFile::pktIs(uint32_t interface, CaptureDirection direction, const Pi
     const bool wasEmpty = queue_.empty();
     const bool wasHalfFull = isHalfFull();
     addWords(&queue_, packetBlock, length, interface, static_cast<uint32_t>(time >> 32),
-             static_cast<uint32_t>(time), bytes, bytes);
-    for (uint32_t i = 0; i < pieceCount; ++i) {
-        queue_.append(reinterpret_cast<const char*>(pieces[i].data), pieces[i].bytes);
+             static_cast<uint32_t>(time), bytes, pktBytes);
+    for (uint32_t left = bytes; left != 0; ++pieces) {
+        const uint32_t kept = std::min(left, pieces->bytes);
+        queue_.append(reinterpret_cast<const char*>(pieces->data), kept);
+        left -= kept;
     }
     addPadding(&queue_, bytes);
     addOptionHead(&queue_, packetFlagsOption, sizeof(direction));
@@ -207,8 +212,6 @@ void CaptureFile::runWriter(void* self) {
 }
 
 void CaptureFile::writer() {
-    Blocks blocks;
-    blocks.reserve(limits_.queueBytes);
     std::unique_lock lock(queueMutex_);
     for (;;) {
         queued_.wait(lock, [this] { return !queue_.empty() || isEnding_; });
@@ -217,7 +220,7 @@ void CaptureFile::writer() {
         }
         queued_.wait_for(lock, gatheringTime,
                          [this] { return isHalfFull() || isFlushing_ || isEnding_; });
-        blocks.swap(queue_);
+        blocks_.swap(queue_);
         const uint64_t packets = std::exchange(queuedPackets_, 0);
         isWriting_ = true;
         lock.unlock();
@@ -225,7 +228,7 @@ void CaptureFile::writer() {
         int error;
         {
             const std::lock_guard fileLock(fileMutex_);
-            error = append(blocks);
+            error = append(blocks_);
         }
 
         lock.lock();
@@ -233,9 +236,9 @@ void CaptureFile::writer() {
             ++stats_.writeErrors;
             stats_.writeErrno = error;
             stats_.lost += packets;
-            takenBytes_ -= blocks.size();
+            takenBytes_ -= blocks_.size();
         }
-        blocks.clear();
+        blocks_.clear();
         isWriting_ = false;
         idle_.notify_all();
     }
@@ -243,19 +246,19 @@ void CaptureFile::writer() {
 
 // All of the blocks or none. Returns 0 or an `errno`.
 int CaptureFile::append(const Blocks& blocks) {
-    if (isTorn_ && ftruncate(fd_, static_cast<off_t>(fileBytes_)) != 0) {
+    if (isTorn_ && ftruncate(fd_.number, static_cast<off_t>(fileBytes_)) != 0) {
         return errno;
     }
     isTorn_ = false;
     std::size_t written = 0;
     while (written < blocks.size()) {
-        const ssize_t result = pwrite(fd_, blocks.data() + written, blocks.size() - written,
+        const ssize_t result = pwrite(fd_.number, blocks.data() + written, blocks.size() - written,
                                       static_cast<off_t>(fileBytes_ + written));
         if (result > 0) {
             written += static_cast<std::size_t>(result);
         } else if (result == 0 || errno != EINTR) {
             const int error = result == 0 ? EIO : errno;
-            isTorn_ = written != 0 && ftruncate(fd_, static_cast<off_t>(fileBytes_)) != 0;
+            isTorn_ = written != 0 && ftruncate(fd_.number, static_cast<off_t>(fileBytes_)) != 0;
             return error;
         }
     }

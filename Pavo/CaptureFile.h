@@ -37,7 +37,8 @@ enum class CaptureDirection : uint32_t {
 /// whole block, and what comes later is tried again. Packets wait 20 ms at most for others to be
 /// written with.
 ///
-/// To be used from one thread only, the one that runs the event loop.
+/// To be used from one thread only, the one that runs the event loop; a child of fork(2) has no
+/// such thread and is not to touch the file.
 class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
   public:
     /// How large things may grow, in bytes.
@@ -60,17 +61,23 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
 
     static const Mox::FwkType type;
 
+    /// The most of a packet that the file has; tshark refuses files with more.
+    static constexpr uint32_t maxPktBytes = 262144;
+
     /// Creates a regular file that its owner alone may read, or empties it.
     /// @throws Mox::ErrnoException "open(<path>)", "write(<path>)" or "pthread_create".
+    /// @throws std::bad_alloc, std::length_error for queues that do not fit into memory.
     CaptureFile(const Mox::String& path, Limits limits);
 
     const Mox::FwkType* fwkType() const override;
 
-    /// Adds an interface and returns its number. Waits for the file.
+    /// Adds an interface and returns its number. Waits for the file; is counted towards its size,
+    /// and never refused.
     /// @throws Mox::ErrnoException "write(<path>)"; the file is then as it was.
     uint32_t newInterface(const Mox::String& name, CaptureLinkType linkType);
 
-    /// Takes a packet, in pieces that follow one another, with the time of the call. Never waits.
+    /// Takes a packet, in pieces that follow one another, with the time of the call; of a longer
+    /// one the first `maxPktBytes`, and its length. Never waits.
     void pktIs(uint32_t interface, CaptureDirection direction, const Piece* pieces,
                uint32_t pieceCount);
 
@@ -86,6 +93,11 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
   private:
     using Blocks = std::string;  // Of bytes.
 
+    struct Descriptor {
+        ~Descriptor();
+        int number = -1;
+    };
+
     static void runWriter(void* self);
     void writer();
     int append(const Blocks& blocks);
@@ -94,7 +106,7 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
 
     const Mox::String path_;
     const Limits limits_;
-    int fd_ = -1;
+    Descriptor fd_;
     pthread_t thread_{};
     uint32_t interfaces_ = 0;
 
@@ -107,7 +119,9 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
     mutable std::mutex queueMutex_;
     std::condition_variable queued_;
     std::condition_variable idle_;
+    // One is filled while the other is written; neither grows.
     Blocks queue_;
+    Blocks blocks_;  // The writer's alone.
     uint64_t queuedPackets_ = 0;
     uint64_t takenBytes_ = 0;  // What the file will hold when all is written.
     Stats stats_;

@@ -92,11 +92,7 @@ Mox::Ptr<Pkt> Pam::rxPkt() const {
 
 int32_t Pam::rxPktBulk() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
-    const int32_t packets = self->doGetBulkRxPkt();
-    for (int32_t slot = 0; tap_ && slot < packets; ++slot) {
-        tap_->handleRxPkt(*this, *savedPacket_.at(static_cast<uint32_t>(slot)), slot);
-    }
-    return packets;
+    return self->doGetBulkRxPkt();
 }
 
 uint32_t Pam::txDropsInc(uint32_t delta) {

@@ -70,7 +70,8 @@ class PAVO_EXPORT Pam : public Mox::Entity {
     virtual void txPktIsImpl(Mox::Ptr<Pkt> pkt);
     /// Reads one packet into the `rxPkt` slot, or leaves that null.
     virtual void doGetRxPkt() = 0;
-    /// Reads a batch into `savedPacket` and returns its size. The base fails with the assertion
+    /// Reads a batch into `savedPacket` and returns its size; an endpoint that has one hands each
+    /// packet to `tapSlot`. The base fails with the assertion
     /// "0 && \"Need to implement doGetBulkRxPkt in a derived class\"".
     virtual int32_t doGetBulkRxPkt();
 
@@ -138,6 +139,13 @@ class PAVO_EXPORT Pam : public Mox::Entity {
 
     /// Where `doGetRxPkt` leaves what it read.
     void rxPktIs(Mox::Ptr<Pkt> pkt) { rxPkt_ = std::move(pkt); }
+    /// Shows the tap a packet of a batch. For the time when all is known of the packet, and nobody
+    /// has been told of it.
+    void tapSlot(uint32_t slot, const Pkt& pkt) const {
+        if (tap_) {
+            tap_->handleRxPkt(*this, pkt, static_cast<int32_t>(slot));
+        }
+    }
 
   private:
     // Released from the last to the first when the endpoint dies.

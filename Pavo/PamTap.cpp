@@ -15,19 +15,34 @@ namespace Pavo {
 
 namespace {
 
-// The TTL and hop limit of packets whose endpoint leaves it to the kernel
-// (net.ipv4.ip_default_ttl).
+// TTL and hop limit where the kernel chooses (ip(7), ipv6(7)).
 constexpr uint8_t kernelTtl = 64;
+constexpr uint8_t kernelGroupTtl = 1;
 constexpr uint32_t macAddrBytes = 12;
 
+}  // namespace
+
 // What a file gets of one packet: the packet's own pieces, and what is put between or in front.
-class Pieces {
+class PamTap::Pieces {
   public:
     void addPkt(const Pkt& pkt) {
-        if (pkt.hasSeparateVlanTag()) {
-            addTaggedPkt(pkt);
-        } else {
-            forEachIovec(pkt, [this](const Pkt::Iovec& each) { add(each.data, each.bytes); });
+        forEachIovec(pkt, [this](const Pkt::Iovec& each) { add(each.data, each.bytes); });
+    }
+    // With the tag behind the first 12 bytes, the two addresses, or behind all of a shorter packet.
+    void addTaggedPkt(const Pkt& pkt) {
+        const NetU16 tag[] = {NetU16(pkt.separateVlanTpid()), NetU16(pkt.separateVlanTci())};
+        uint32_t untilTag = macAddrBytes;
+        forEachIovec(pkt, [&](const Pkt::Iovec& each) {
+            const uint32_t before = std::min(untilTag, each.bytes);
+            add(each.data, before);
+            if (untilTag != 0 && before == untilTag) {
+                addExtra(tag);
+            }
+            untilTag -= before;
+            add(each.data + before, each.bytes - before);
+        });
+        if (untilTag != 0) {
+            addExtra(tag);
         }
     }
     // The header of a packet of `payloadBytes`, of the family of its addresses.
@@ -64,24 +79,6 @@ class Pieces {
         add(extra_, sizeof(record));
     }
 
-    // With the tag behind the first 12 bytes, the two addresses, or behind all of a shorter packet.
-    void addTaggedPkt(const Pkt& pkt) {
-        const NetU16 tag[] = {NetU16(pkt.separateVlanTpid()), NetU16(pkt.separateVlanTci())};
-        uint32_t untilTag = macAddrBytes;
-        forEachIovec(pkt, [&](const Pkt::Iovec& each) {
-            const uint32_t before = std::min(untilTag, each.bytes);
-            add(each.data, before);
-            if (untilTag != 0 && before == untilTag) {
-                addExtra(tag);
-            }
-            untilTag -= before;
-            add(each.data + before, each.bytes - before);
-        });
-        if (untilTag != 0) {
-            addExtra(tag);
-        }
-    }
-
     static IpHdr ipHdr(const RxPacketInfo& info, IpProtocolNumber protocol, uint32_t payloadBytes) {
         IpHdr header;
         header.versionIs(4);
@@ -114,13 +111,24 @@ class Pieces {
     uint8_t extra_[sizeof(Ip6Hdr)];
 };
 
+namespace {
+
+// An endpoint of IPv4 sets the TTL of what goes to one host only.
+uint8_t sentTtl(const RawIpPam& pam) {
+    const uint8_t asked = pam.txTTL().value();
+    if (pam.txDstIpAddr().isMulticast() && (asked == 0 || pam.txDstIpAddr().af() == ipv4)) {
+        return kernelGroupTtl;
+    }
+    return asked == 0 ? kernelTtl : asked;
+}
+
 // What is sent is described by the endpoint's attributes.
 RxPacketInfo sentInfo(const RawIpPam& pam) {
     RxPacketInfo info;
     info.srcIpAddr = pam.txSrcIpAddr();
     info.dstIpAddr = pam.txDstIpAddr();
     info.tos = pam.txTOS().value();
-    info.ttl = pam.txTTL().value() == 0 ? kernelTtl : pam.txTTL().value();
+    info.ttl = sentTtl(pam);
     return info;
 }
 
@@ -141,8 +149,9 @@ const RawIpPam* ipPamOf(const Pam& pam, CaptureLinkType linkType) {
     return linkType == CaptureLinkType::rawIp ? dynamic_cast<const RawIpPam*>(&pam) : nullptr;
 }
 
+// The kernel takes every packet of the reserved protocol (IPPROTO_RAW) to have its header.
 bool sendsWithHeader(const RawIpPam& pam) {
-    return (pam.options() & ipHdrIncl) != 0 ||
+    return (pam.options() & ipHdrIncl) != 0 || pam.protocol() == IpProtocolNumber::reserved ||
            dynamic_cast<const Ip6HdrInclSocketPam*>(&pam) != nullptr;
 }
 
@@ -167,14 +176,23 @@ const Mox::FwkType* PamTap::fwkType() const {
     return &type;
 }
 
+// Behind what is there of it already. A tag belongs into a packet that has Ethernet addresses.
+void PamTap::write(Pieces* pieces, const Pkt& pkt, CaptureDirection direction) {
+    if (linkType_ == CaptureLinkType::ethernet && pkt.hasSeparateVlanTag()) {
+        pieces->addTaggedPkt(pkt);
+    } else {
+        pieces->addPkt(pkt);
+    }
+    pieces->writeTo(file_.ptr(), interface_, direction);
+}
+
 void PamTap::handleTxPkt(const Pam& pam, const Pkt& pkt) {
     Pieces pieces;
     const auto* const ip = ipPamOf(pam, linkType_);
     if (ip != nullptr && !sendsWithHeader(*ip)) {
         pieces.addIpHdr(sentInfo(*ip), ip->protocol(), pkt.totalBytes());
     }
-    pieces.addPkt(pkt);
-    pieces.writeTo(file_.ptr(), interface_, CaptureDirection::outbound);
+    write(&pieces, pkt, CaptureDirection::outbound);
 }
 
 void PamTap::handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) {
@@ -185,8 +203,7 @@ void PamTap::handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) {
             pieces.addIpHdr(info, ip->protocol(), pkt.totalBytes());
         }
     }
-    pieces.addPkt(pkt);
-    pieces.writeTo(file_.ptr(), interface_, CaptureDirection::inbound);
+    write(&pieces, pkt, CaptureDirection::inbound);
 }
 
 Mox::Ptr<PamTap> pamTapFactory(Mox::Ptr<CaptureFile> file, const Mox::String& name,

@@ -13,7 +13,8 @@
 namespace Pavo {
 
 /// Writes what passes the endpoints it is set on (`Pam::tapIs`) to a capture file, as packets of
-/// one interface. The separate VLAN tag of a packet is put back where it stood.
+/// one interface. The separate VLAN tag of an Ethernet packet is put back where it stood. Times are
+/// those of the system, also where the agent's clock is another.
 ///
 /// A tap of `CaptureLinkType::rawIp` gives the packets of a raw IP endpoint the header that the
 /// kernel has taken off or will put on, from what the endpoint knows: what its attributes leave
@@ -36,6 +37,10 @@ class PAVO_EXPORT PamTap final : public PktTap {
     ~PamTap() override;
 
   private:
+    class Pieces;
+
+    void write(Pieces* pieces, const Pkt& pkt, CaptureDirection direction);
+
     Mox::Ptr<CaptureFile> file_;
     uint32_t interface_;
     CaptureLinkType linkType_;

@@ -465,6 +465,9 @@ int32_t RawIpPam::doGetRxPktBulk() {
         shrinkTo(*round->pkts[slot], round->messages[slot].msg_len);
     }
     savedPacketInfo_.assign(round->infos.begin(), round->infos.begin() + count);
+    for (uint32_t slot = 0; slot < count; ++slot) {
+        tapSlot(slot, *round->pkts[slot]);
+    }
     for (uint32_t slot = 0; slot < round->slots(); ++slot) {
         savedPacketIs(slot, std::move(round->pkts[slot]));
         savedPacketRxIs(slot, slot < count);
@@ -488,6 +491,7 @@ RxPacketInfo RawIpPam::savedPacketInfo(uint32_t slot) const {
 void RawIpPam::slotIs(uint32_t slot, const Mox::Ptr<Pkt>& pkt, const RxPacketInfo& info) {
     savedPacketInfo_.resize(slot);
     savedPacketInfo_.push_back(info);
+    tapSlot(slot, *pkt);
     savedPacketIs(slot, pkt);
     savedPacketRxIs(slot, true);
 }

@@ -157,9 +157,16 @@ TEST_F(CaptureTest, RawIpEndpointsGetTheHeadersThatTheKernelKeeps) {
             pam->txSrcIpAddrIs(self);
             pam->txDstIpAddrIs(self);
             // An echo request. The kernel has given it back, and answered it, within the send.
-            pam->txPktIs(pktOf(bytesOf(isFour ? "0800e5ca12340001" : "80006d8612340001")));
-            const int reads = bulk ? pam->rxPktBulk() : countReads(pam);
-            EXPECT_EQ(reads, 2);
+            const auto pkt = pktOf(bytesOf(isFour ? "0800e5ca12340001" : "80006d8612340001"));
+            pkt->newSeparateVlanTag(0x6064, 0x8100);  // Means nothing without Ethernet.
+            *pkt->newPrivateHeadData(1) = 8;
+            pkt->delPrivateHeadData(1);
+            pam->txPktIs(pkt);
+            if (bulk && isFour) {
+                EXPECT_EQ(pam->rxPktBulk(), 2);
+            } else {
+                EXPECT_EQ(countReads(pam), bulk ? 0 : 2);  // In bulk, packets go to the slots.
+            }
         }
     }
     file->flush();
@@ -184,23 +191,32 @@ TEST_F(CaptureTest, RawIpEndpointsGetTheHeadersThatTheKernelKeeps) {
 TEST_F(CaptureTest, WhatFindsNoRoomIsCountedAndTheRestStaysWhole) {
     struct {
         CaptureFile::Limits limits;
-        const char* why;
+        uint32_t pkts;
     } const rows[] = {
-        {{1000, 1 << 20}, "the file is full"},
-        {{1 << 20, 500}, "the queue is full"},
+        {{1000, 1 << 20}, 10},  // Blocks of 92 bytes, behind 68 with which the file begins.
+        {{1 << 20, 91}, 0},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.why);
+        SCOPED_TRACE(row.pkts);
         const auto file = captureFileFactory(path_, row.limits);
-        const uint32_t interface = file->newInterface("lo", CaptureLinkType::ethernet);
-        hundredPkts(file, interface);
-        const CaptureFile::Stats stats = file->stats();
-        EXPECT_GE(stats.packets, 5u);
-        EXPECT_GE(stats.drops, 1u);
-        EXPECT_EQ(stats.packets + stats.drops, 100u);
-        EXPECT_LE(std::filesystem::file_size(path_), row.limits.fileBytes);
-        EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(stats.packets, "1"));
+        hundredPkts(file, file->newInterface("lo", CaptureLinkType::ethernet));
+        EXPECT_EQ(file->stats().packets, row.pkts);
+        EXPECT_EQ(file->stats().drops, 100 - row.pkts);
+        EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(row.pkts, "1"));
     }
+}
+
+TEST_F(CaptureTest, KeepsTheBeginningOfAHugePacket) {
+    const auto file = captureFileFactory(path_);
+    const std::string huge(CaptureFile::maxPktBytes - 1, 'x');
+    const CaptureFile::Piece piece{reinterpret_cast<const uint8_t*>(huge.data()),
+                                   static_cast<uint32_t>(huge.size())};
+    const CaptureFile::Piece pieces[] = {piece, piece};
+    const uint32_t interface = file->newInterface("lo", CaptureLinkType::user0);
+    file->pktIs(interface, CaptureDirection::outbound, pieces, 2);
+    file->pktIs(interface, CaptureDirection::outbound, pieces, 1);
+    file->flush();
+    EXPECT_EQ(tshark({"frame.len", "frame.cap_len"}), (Texts{"524286 262144", "262143 262143"}));
 }
 
 TEST_F(CaptureTest, AFullDiskLosesWhatItHasNoRoomForAndNoMore) {
@@ -212,14 +228,14 @@ TEST_F(CaptureTest, AFullDiskLosesWhatItHasNoRoomForAndNoMore) {
     for (int i = 0; i < 100 && file->stats().writeErrors < 2; ++i) {
         hundredPkts(file, interface);
     }
-    EXPECT_EQ(file->stats().writeErrors, 2u);
-    EXPECT_EQ(file->stats().writeErrno, ENOSPC);
-    EXPECT_EQ(file->stats().lost, 200u);
+    const CaptureFile::Stats full = file->stats();
+    EXPECT_GE(full.writeErrors, 2u);
+    EXPECT_EQ(full.writeErrno, ENOSPC);
+    EXPECT_GE(full.lost, 2u);
     std::filesystem::remove(filler);
     hundredPkts(file, interface);
-    const CaptureFile::Stats stats = file->stats();
-    EXPECT_EQ(stats.lost, 200u);
-    EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(stats.packets - stats.lost, "1"));
+    EXPECT_EQ(file->stats().lost, full.lost);
+    EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(file->stats().packets - full.lost, "1"));
     umount2(folder_.c_str(), MNT_DETACH);
 }
 

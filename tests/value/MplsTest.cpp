@@ -26,6 +26,10 @@ uint32_t allocations = 0;
     void* const memory = std::malloc(bytes);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+    ++allocations;
+    return std::malloc(bytes);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
