@@ -335,13 +335,14 @@ inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(Mpl
     if (stackSize() == Labels::maxLabels) {
         return Error::stackFull;
     }
-    if (hasEntropyLabel()) {
-        // With the last 8 positions free, fewer than 7 labels leave room.
-        const bool isFull =
-            Labels::isBounded && isUsedAtLast(8) && calculatedStackSize() >= mapBits;
-        if (isFull || isUsedAtLast(1)) {
-            return Error::entropyLabelBitMapFull;
-        }
+    if (!hasEntropyLabel()) {
+        this->pushTop(label);
+        return Error::success;
+    }
+    // With the last 8 positions free, fewer than 7 labels leave room.
+    const bool isFull = Labels::isBounded && isUsedAtLast(8) && calculatedStackSize() >= mapBits;
+    if (isFull || isUsedAtLast(1)) {
+        return Error::entropyLabelBitMapFull;
     }
     this->pushTop(label);  // First, since it may find no memory.
     moveDownByOne();
