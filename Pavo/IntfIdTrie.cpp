@@ -517,23 +517,25 @@ bool IntfIdTrie::readLongest(const Node& node, uint16_t wanted, const Words& wor
     return best->length != 0;
 }
 
-IntfIdTrie::Reading IntfIdTrie::stringToIntfId(const char* text, uint32_t length,
-                                               bool isShort) const {
-    const Words words(text, length);
-    Reading best = read(words, isShort ? shortNames : longNames);
-    if (shortNameTrie_ && !isShort) {
-        const Reading other = read(words, shortNames);
-        best = other.length > best.length ? other : best;
-    }
-    return best;
-}
-
-IntfIdTrie::Reading IntfIdTrie::read(const Words& words, uint16_t wanted) const {
+// In line: a call more is felt by those who read many names.
+[[gnu::always_inline]] inline IntfIdTrie::Reading IntfIdTrie::read(const Words& words,
+                                                                   uint16_t wanted) const {
     Reading best;
     for (uint16_t at = lastNode(words); at != 0; at = nodes_[at].shorter) {
         if (readLongest(nodes_[at], wanted, words, &best)) {
             break;
         }
+    }
+    return best;
+}
+
+IntfIdTrie::Reading IntfIdTrie::stringToIntfId(const char* text, uint32_t length,
+                                               bool isShort) const {
+    const Words words(text, length);
+    Reading best = read(words, isShort ? shortNames : longNames);
+    if (shortNameTrie_ && !isShort) [[unlikely]] {
+        const Reading other = read(words, shortNames);
+        best = other.length > best.length ? other : best;
     }
     return best;
 }
