@@ -33,7 +33,7 @@ class MplsHdr {
                 "MplsHdrWrapper::label < MplsHdrWrapper::min or > MplsHdrWrapper::null not "
                 "allowed");
         }
-        fieldIs(labelShift, MplsLabel::maxValue, label);
+        fieldIs(MplsLabelEntry::labelShift, MplsLabel::maxValue, label);
     }
     void labelIs(MplsLabel label) { labelIs(label.value()); }
     /// The traffic class, 0 to 7.
@@ -43,11 +43,11 @@ class MplsHdr {
         if (cos > MplsLabelEntry::maxCos) {
             Mox::throwRangeException("MplsHdrWrapper::cos > 7 not allowed");
         }
-        fieldIs(cosShift, MplsLabelEntry::maxCos, cos);
+        fieldIs(MplsLabelEntry::cosShift, MplsLabelEntry::maxCos, cos);
     }
     /// Whether this is the bottom of the stack.
     bool bos() const { return entry_.bos(); }
-    void bosIs(bool bos) { fieldIs(bosShift, 1, bos ? 1 : 0); }
+    void bosIs(bool bos) { fieldIs(MplsLabelEntry::bosShift, 1, bos ? 1 : 0); }
     /// The time to live, in hops.
     uint8_t ttl() const { return entry_.ttl(); }
     void ttlIs(uint8_t ttl) { fieldIs(0, 0xff, ttl); }
@@ -56,10 +56,6 @@ class MplsHdr {
     PktErrors check(uint32_t) const { return PktErrors::noError; }
 
   private:
-    static constexpr uint32_t labelShift = 12;
-    static constexpr uint32_t cosShift = 9;
-    static constexpr uint32_t bosShift = 8;
-
     void fieldIs(uint32_t shift, uint32_t mask, uint32_t field) {
         entry_ = MplsLabelEntry((entry_.value() & ~(mask << shift)) | field << shift);
     }

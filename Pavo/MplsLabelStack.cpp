@@ -7,7 +7,8 @@
 namespace Pavo {
 
 MplsLabelEntry::MplsLabelEntry(MplsLabel label, uint32_t cos, bool bos, uint8_t ttl)
-    : MplsLabelEntry(label.value() << 12 | cos << 9 | (bos ? 1u : 0u) << 8 | ttl) {
+    : MplsLabelEntry(label.value() << labelShift | cos << cosShift | (bos ? 1u : 0u) << bosShift |
+                     ttl) {
     if (label.value() > MplsLabel::maxValue) {
         Mox::throwRangeException("MplsLabelEntry::label > 1048575 not allowed");
     }

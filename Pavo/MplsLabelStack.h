@@ -23,6 +23,10 @@ namespace Pavo {
 class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
   public:
     static constexpr uint8_t maxCos = 7;
+    // The lowest bits of the fields.
+    static constexpr uint32_t labelShift = 12;
+    static constexpr uint32_t cosShift = 9;
+    static constexpr uint32_t bosShift = 8;
 
     constexpr MplsLabelEntry() = default;
     /// From all 32 bits in host order, the label in the highest ones.
@@ -46,7 +50,7 @@ class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
     constexpr uint8_t v2() const { return v2_; }
     constexpr uint8_t v3() const { return v3_; }
 
-    constexpr MplsLabel label() const { return value() >> 12; }
+    constexpr MplsLabel label() const { return value() >> labelShift; }
     /// The traffic class, 0 to 7.
     constexpr uint8_t cos() const { return v2_ >> 1 & maxCos; }
     /// Whether this is the bottom of the stack.

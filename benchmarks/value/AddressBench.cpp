@@ -12,6 +12,7 @@
 #include "Pavo/EthAddr.h"
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/IpAddr.h"
+#include "RunOver.h"
 
 namespace {
 
@@ -59,21 +60,10 @@ std::vector<Mox::String> textsOf(const std::vector<T>& values) {
     return texts;
 }
 
-// Calls `work(i)` for ever new i; counts an item a call.
-template <class Work>
-void run(benchmark::State& state, Work work) {
-    uint32_t i = 0;
-    for (auto _ : state) {
-        work(i);
-        i = (i + 1) % count;
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
 template <class T>
 void parsePavo(benchmark::State& state, const std::vector<T>& values) {
     const auto texts = textsOf(values);
-    run(state, [&texts](uint32_t i) {
+    runOver(count, state, [&texts](uint32_t i) {
         T value;
         auto it = texts[i].begin();
         sequenceToValue(it, texts[i].end(), &value);
@@ -83,7 +73,7 @@ void parsePavo(benchmark::State& state, const std::vector<T>& values) {
 
 template <class T>
 void printPavo(benchmark::State& state, const std::vector<T>& values) {
-    run(state, [&values](uint32_t i) {
+    runOver(count, state, [&values](uint32_t i) {
         char buffer[64];
         benchmark::DoNotOptimize(values[i].printToBuffer(buffer, sizeof(buffer)));
         benchmark::ClobberMemory();
@@ -93,7 +83,7 @@ void printPavo(benchmark::State& state, const std::vector<T>& values) {
 template <class T>
 void parseInet(benchmark::State& state, const std::vector<T>& values, int family) {
     const auto texts = textsOf(values);
-    run(state, [&texts, family](uint32_t i) {
+    runOver(count, state, [&texts, family](uint32_t i) {
         unsigned char address[16];
         benchmark::DoNotOptimize(inet_pton(family, texts[i].c_str(), address));
         benchmark::ClobberMemory();
@@ -102,7 +92,7 @@ void parseInet(benchmark::State& state, const std::vector<T>& values, int family
 
 template <class T>
 void printInet(benchmark::State& state, const std::vector<T>& values, int family) {
-    run(state, [&values, family](uint32_t i) {
+    runOver(count, state, [&values, family](uint32_t i) {
         char buffer[64];
         benchmark::DoNotOptimize(inet_ntop(family, &values[i], buffer, sizeof(buffer)));
         benchmark::ClobberMemory();
@@ -111,7 +101,7 @@ void printInet(benchmark::State& state, const std::vector<T>& values, int family
 
 void parseEther(benchmark::State& state, const std::vector<Pavo::EthAddr>& values) {
     const auto texts = textsOf(values);
-    run(state, [&texts](uint32_t i) {
+    runOver(count, state, [&texts](uint32_t i) {
         ether_addr address;
         benchmark::DoNotOptimize(ether_aton_r(texts[i].c_str(), &address));
         benchmark::ClobberMemory();
@@ -119,7 +109,7 @@ void parseEther(benchmark::State& state, const std::vector<Pavo::EthAddr>& value
 }
 
 void printSnprintf(benchmark::State& state, const std::vector<Pavo::EthAddr>& values) {
-    run(state, [&values](uint32_t i) {
+    runOver(count, state, [&values](uint32_t i) {
         const auto* b = reinterpret_cast<const unsigned char*>(&values[i]);
         char buffer[64];
         benchmark::DoNotOptimize(std::snprintf(buffer, sizeof(buffer),

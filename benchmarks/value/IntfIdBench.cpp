@@ -13,6 +13,7 @@
 #include "Mox/Assert.h"
 
 #include "Pavo/IntfId.h"
+#include "RunOver.h"
 
 namespace {
 
@@ -64,20 +65,9 @@ const Interfaces& all() {
     return made;
 }
 
-// Calls `work(i)` for ever new i; counts an item a call.
-template <class Work>
-void run(benchmark::State& state, Work work) {
-    uint32_t i = 0;
-    for (auto _ : state) {
-        work(i);
-        i = i + 1 == count ? 0 : i + 1;
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
 void parsePavo(benchmark::State& state) {
     const std::vector<Mox::String> names(all().names.begin(), all().names.end());
-    run(state, [&names](uint32_t i) {
+    runOver(count, state, [&names](uint32_t i) {
         Pavo::IntfId id;
         auto it = names[i].begin();
         sequenceToValue(it, names[i].end(), &id);
@@ -90,11 +80,12 @@ void parseTable(benchmark::State& state) {
     for (uint32_t i = 0; i < count; ++i) {
         ids[all().names[i]] = all().ids[i].value();
     }
-    run(state, [&ids](uint32_t i) { benchmark::DoNotOptimize(ids.find(all().names[i])->second); });
+    runOver(count, state,
+            [&ids](uint32_t i) { benchmark::DoNotOptimize(ids.find(all().names[i])->second); });
 }
 
 void printPavo(benchmark::State& state) {
-    run(state, [](uint32_t i) {
+    runOver(count, state, [](uint32_t i) {
         const Mox::String name = all().ids[i].stringValue();
         benchmark::DoNotOptimize(name.data());
     });
@@ -106,7 +97,7 @@ void printTable(benchmark::State& state) {
     for (uint32_t i = 0; i < count; ++i) {
         names[all().ids[i].value()] = all().names[i];
     }
-    run(state, [&names](uint32_t i) {
+    runOver(count, state, [&names](uint32_t i) {
         const std::string name = names.find(all().ids[i].value())->second;
         benchmark::DoNotOptimize(name.data());
     });
@@ -118,7 +109,7 @@ uint32_t after(uint32_t i) {
 }
 
 void comparePavo(benchmark::State& state) {
-    run(state, [](uint32_t i) {
+    runOver(count, state, [](uint32_t i) {
         benchmark::DoNotOptimize(Pavo::compareIntfName(all().ids[i], all().ids[after(i)]));
     });
 }
@@ -138,7 +129,7 @@ void matchBare(benchmark::State& state) {
         return pcre2_jit_match(code, reinterpret_cast<PCRE2_SPTR>(name.data()), name.size(), 0, 0,
                                groups, nullptr);
     };
-    run(state, [&](uint32_t i) {
+    runOver(count, state, [&](uint32_t i) {
         benchmark::DoNotOptimize(match(all().names[i]));
         benchmark::DoNotOptimize(match(all().names[after(i)]));
     });

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Pavo/BoundedMplsLabelStack.h"
+#include "RunOver.h"
 
 namespace {
 
@@ -172,35 +173,14 @@ std::vector<Stack> stacksOf(const std::vector<Entries>& all) {
     return stacks;
 }
 
-// Calls `work(i)` for ever new i; counts an item a call.
-template <class Work>
-void run(benchmark::State& state, Work work) {
-    uint32_t i = 0;
-    for (auto _ : state) {
-        work(i);
-        i = (i + 1) % count;
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
-template <class Stack>
-void append(benchmark::State& state, bool withPairs) {
+// Fills an empty stack by `fill`.
+template <class Stack, void (*fill)(Stack&, const Entries&)>
+void fillEmpty(benchmark::State& state, bool withPairs) {
     const auto all = samples(withPairs, 7);
     Stack stack;
-    run(state, [&](uint32_t i) {
+    runOver(count, state, [&](uint32_t i) {
         clear(stack);
-        appendAll(stack, all[i]);
-        benchmark::DoNotOptimize(stack);
-    });
-}
-
-template <class Stack>
-void prepend(benchmark::State& state, bool withPairs) {
-    const auto all = samples(withPairs, 7);
-    Stack stack;
-    run(state, [&](uint32_t i) {
-        clear(stack);
-        prependAll(stack, all[i]);
+        fill(stack, all[i]);
         benchmark::DoNotOptimize(stack);
     });
 }
@@ -209,7 +189,7 @@ template <class Stack>
 void extend(benchmark::State& state, bool withPairs) {
     const auto all = stacksOf<Stack>(samples(withPairs, 4));
     Stack stack;
-    run(state, [&](uint32_t i) {
+    runOver(count, state, [&](uint32_t i) {
         stack = all[i];
         benchmark::DoNotOptimize(stack.extend(all[(i + 1) % count]));
         benchmark::DoNotOptimize(stack);
@@ -219,7 +199,7 @@ void extend(benchmark::State& state, bool withPairs) {
 template <class Stack>
 void calculatedLabel(benchmark::State& state, bool withPairs) {
     const auto all = stacksOf<Stack>(samples(withPairs, 7));
-    run(state, [&](uint32_t i) {
+    runOver(count, state, [&](uint32_t i) {
         const Stack& stack = all[i];
         uint32_t sum = 0;
         for (uint32_t at = 0, size = stack.calculatedStackSize(); at < size; ++at) {
@@ -236,8 +216,8 @@ void registerAll(const std::string& who) {
         const auto add = [&](const std::string& line, void (*work)(benchmark::State&, bool)) {
             benchmark::RegisterBenchmark(("Labels" + line + kind + who).c_str(), work, withPairs);
         };
-        add("Append", append<Stack>);
-        add("Prepend", prepend<Stack>);
+        add("Append", fillEmpty<Stack, appendAll<Stack>>);
+        add("Prepend", fillEmpty<Stack, prependAll<Stack>>);
         add("Extend", extend<Stack>);
         add("Read", calculatedLabel<Stack>);
     }
