@@ -3,69 +3,79 @@
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
-# Headers are installed below a folder of their own: "toggle" and "netns" are common names.
-set(PAVO_INSTALL_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}/pavo")
 set(PAVO_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/Pavo")
 set(CMAKE_INSTALL_RPATH "$ORIGIN")
 
-# pavo_library(<name> INCLUDE_ROOT <folder> [HEADER_ONLY])
-# A shared library, known as Pavo::<name> here and to those who find the installed package. Its
-# headers are included with their path below <folder>. Only what a header marks for export is
-# visible outside.
+# pavo_library(<name> INCLUDE_ROOT <folder> INSTALL_INCLUDES <folder>)
+# A shared library, known as Pavo::<name> here and to those who find the package. Its headers are
+# included with their path below INCLUDE_ROOT, and installed with that path below INSTALL_INCLUDES.
+# Only what a header marks for export is visible outside.
 function(pavo_library name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "HEADER_ONLY" "INCLUDE_ROOT" "")
-    if(arg_HEADER_ONLY)
-        set(scope INTERFACE)
-        add_library(${name} INTERFACE)
-    else()
-        set(scope PUBLIC)
-        add_library(${name} SHARED)
-        set_target_properties(
-            ${name}
-            PROPERTIES VERSION ${PROJECT_VERSION}
-                       SOVERSION ${PROJECT_VERSION_MAJOR}
-                       CXX_VISIBILITY_PRESET hidden
-                       VISIBILITY_INLINES_HIDDEN ON
-        )
-        if(NOT PAVO_SANITIZE)  # The sanitizers' own functions come with the program.
-            target_link_options(${name} PRIVATE LINKER:--no-undefined)
-        # Nobody replaces a function of ours by one of the same name: calls inside go straight.
-        target_compile_options(${name} PRIVATE -fno-semantic-interposition)
-        endif()
-        pavo_compile(${name})
-    endif()
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE_ROOT;INSTALL_INCLUDES" "")
+    add_library(${name} SHARED)
     add_library(Pavo::${name} ALIAS ${name})
-    pavo_abi(${name} ${scope})
-    target_sources(${name} ${scope} FILE_SET HEADERS BASE_DIRS "${arg_INCLUDE_ROOT}")
+    set_target_properties(
+        ${name}
+        PROPERTIES VERSION ${PROJECT_VERSION}
+                   SOVERSION ${PROJECT_VERSION_MAJOR}
+                   CXX_VISIBILITY_PRESET hidden
+                   VISIBILITY_INLINES_HIDDEN ON
+                   PAVO_INCLUDE_ROOT "${arg_INCLUDE_ROOT}"
+    )
+    # No program replaces a function of a library by one of the same name: calls inside go straight.
+    target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    if(NOT PAVO_SANITIZE)  # The sanitizers' own functions come with the program.
+        target_link_options(${name} PRIVATE LINKER:--no-undefined)
+    endif()
+    pavo_compile(${name})
+    pavo_abi(${name} PUBLIC)
+    target_sources(
+        ${name}
+        PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_INCLUDE_ROOT}"
+        PUBLIC FILE_SET forwards TYPE HEADERS BASE_DIRS "${PROJECT_BINARY_DIR}/include"
+    )
     install(
         TARGETS ${name}
         EXPORT PavoTargets
-        FILE_SET HEADERS DESTINATION "${PAVO_INSTALL_INCLUDEDIR}"
+        FILE_SET HEADERS DESTINATION "${arg_INSTALL_INCLUDES}"
+        FILE_SET forwards DESTINATION "${arg_INSTALL_INCLUDES}"
     )
 endfunction()
 
-# pavo_units(<library> <layer> <unit>...)
-# Adds units of the current folder to <library>. The layer heads the list, and tools/check_layers.py
-# reads it from there; each header is also compiled alone.
-function(pavo_units library layer)
-    get_target_property(type ${library} TYPE)
-    set(scope PUBLIC)
-    if(type STREQUAL "INTERFACE_LIBRARY")
-        set(scope INTERFACE)
-    endif()
-    foreach(unit IN LISTS ARGN)
+# pavo_units(<library> PUBLIC <unit>... [PRIVATE <unit>...])
+# Adds units of the current folder to <library>. Private ones are not installed. Each header is also
+# compiled alone.
+function(pavo_units library)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "PUBLIC;PRIVATE")
+    foreach(unit IN LISTS arg_PUBLIC arg_PRIVATE)
         set(stem "${CMAKE_CURRENT_SOURCE_DIR}/${unit}")
         if(NOT EXISTS "${stem}.h" AND NOT EXISTS "${stem}.cpp")
-            message(FATAL_ERROR "${library}, ${layer}: unit ${unit} has neither header nor source")
+            message(FATAL_ERROR "${library}: unit ${unit} has neither header nor source")
         endif()
         if(EXISTS "${stem}.h")
-            target_sources(${library} ${scope} FILE_SET HEADERS FILES "${stem}.h")
             pavo_check_header(${library} "${stem}.h")
+            if(unit IN_LIST arg_PUBLIC)
+                target_sources(${library} PUBLIC FILE_SET HEADERS FILES "${stem}.h")
+                pavo_forward_header(${library} ${unit})
+            endif()
         endif()
         if(EXISTS "${stem}.cpp")
             target_sources(${library} PRIVATE "${stem}.cpp")
         endif()
     endforeach()
+endfunction()
+
+# Agents include <library/unit.h>, whatever folder of the library the unit is in: one line in the
+# build tree, installed with the unit, leads there.
+function(pavo_forward_header library unit)
+    get_target_property(root ${library} PAVO_INCLUDE_ROOT)
+    cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY "${root}" OUTPUT_VARIABLE folder)
+    if(folder STREQUAL library)
+        return()
+    endif()
+    set(forward "${PROJECT_BINARY_DIR}/include/${library}/${unit}.h")
+    file(CONFIGURE OUTPUT "${forward}" CONTENT "#include \"${folder}/${unit}.h\"\n" @ONLY)
+    target_sources(${library} PUBLIC FILE_SET forwards FILES "${forward}")
 endfunction()
 
 # A header that compiles in a source of its own includes all that it uses.
@@ -90,7 +100,8 @@ function(pavo_check_header library header)
 endfunction()
 
 # pavo_install_package()
-# Lets other projects say find_package(Pavo) and link Pavo::Pavo.
+# Lets other projects say find_package(Pavo) and link Pavo::Pavo: with the installed package, and
+# with the build tree as Pavo_DIR.
 function(pavo_install_package)
     set(config "${PROJECT_BINARY_DIR}/PavoConfig.cmake")
     configure_package_config_file(
@@ -104,4 +115,5 @@ function(pavo_install_package)
             DESTINATION "${PAVO_INSTALL_CMAKEDIR}"
     )
     install(EXPORT PavoTargets NAMESPACE Pavo:: DESTINATION "${PAVO_INSTALL_CMAKEDIR}")
+    export(EXPORT PavoTargets NAMESPACE Pavo:: FILE "${PROJECT_BINARY_DIR}/PavoTargets.cmake")
 endfunction()

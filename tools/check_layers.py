@@ -3,53 +3,48 @@
 
 usage: check_layers.py [ROOT]
 
-Reads the lists of Pavo/CMakeLists.txt (`pavo_units(Pavo <layer> <unit>...)`), those of the libraries
-below platform/, and the tables of Pavo/README.md (a heading for each layer, a row for each unit).
-Exits with 1 and one line for each fault: an include that points up or sideways, an include cycle, a
-file in no list, a listed unit without file, a unit without row, a row without unit, an include that
-the check could not follow, and an include of Pavo/ from platform/.
+tools/layers says which layer may include which. The units of a layer are those that its
+CMakeLists.txt lists (`pavo_units(<library> PUBLIC <unit>... PRIVATE <unit>...)`), and its README.md
+has a table with a row for each. Exits with 1 and one line for each fault: an include that points up
+or sideways, an include of a private unit from a public header, an include by another path than
+"Pavo/<layer>/<unit>.h", an include cycle, a file in no list, a listed unit without file, a unit
+without row, a row without unit, and an include of Pavo/ from platform/.
 """
 
 import pathlib
 import re
 import sys
 
-# The layers that a unit of each layer may include, beside platform/. `base` holds what every unit
-# needs and what needs none of them.
-MAY_INCLUDE = {
-    "base": {"base"},
-    "value": {"base", "value"},
-    "packet": {"base", "value", "packet"},
-    "socket": {"base", "socket"},
-    "pam": {"base", "value", "packet", "socket", "pam"},
-    "kernel": {"base", "value", "packet", "socket", "kernel"},
-    "tcp": {"base", "value", "packet", "socket", "pam", "kernel", "tcp"},
-}
-
 NOT_UNITS = {"CMakeLists.txt", "README.md"}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*["<]([^">]+)[">]', re.MULTILINE)
-UNIT_LIST = re.compile(r"\bpavo_units\s*\(\s*(\S+)\s+(\S+)([^)]*)\)")
-HEADING = re.compile(r"^#+\s+(\S+)")
+UNIT_LIST = re.compile(r"\bpavo_units\s*\(\s*\S+\s+([^)]*)\)")
 ROW = re.compile(r"^\|\s*`([^`]+)`\s*\|\s*\S")
 
 
+def read_layers(path):
+    """{layer: the layers that it may include}, in the order of the table."""
+    may_include, below = {}, set()
+    for line in path.read_text(encoding="utf-8").splitlines():
+        layers = line.split("#")[0].split()
+        for layer in layers:
+            may_include[layer] = below | {layer}
+        below = below | set(layers)
+    return may_include
+
+
 def read_lists(folder):
-    """Yields (layer, unit) in the order of the folder's CMakeLists.txt."""
+    """[(unit, is private)] in the order of the folder's CMakeLists.txt."""
     text = (folder / "CMakeLists.txt").read_text(encoding="utf-8")
-    for _, layer, units in UNIT_LIST.findall(re.sub(r"#.*", "", text)):
-        for unit in units.split():
-            yield layer, unit
-
-
-def read_rows(readme):
-    """Yields (heading, unit, line number) of each table row that begins with a unit."""
-    heading = ""
-    for number, line in enumerate(readme.read_text(encoding="utf-8").splitlines(), start=1):
-        if match := HEADING.match(line):
-            heading = match[1]
-        elif match := ROW.match(line):
-            yield heading, match[1], number
+    units = []
+    for listed in UNIT_LIST.findall(re.sub(r"#.*", "", text)):
+        private = False
+        for word in listed.split():
+            if word in ("PUBLIC", "PRIVATE"):
+                private = word == "PRIVATE"
+            else:
+                units.append((word, private))
+    return units
 
 
 def includes_of(path):
@@ -71,6 +66,22 @@ def check_files(folder, units):
         unit = str(path.relative_to(folder).with_suffix(""))
         if path.suffix not in (".h", ".cpp") or unit not in seen:
             yield f"{path}: in no list of {folder}/CMakeLists.txt"
+
+
+def check_rows(folder, units):
+    """Each unit has one row in the table of the folder."""
+    readme = folder / "README.md"
+    rows = set()
+    for number, line in enumerate(readme.read_text(encoding="utf-8").splitlines(), start=1):
+        if match := ROW.match(line):
+            if match[1] not in units:
+                yield f"{readme}:{number}: {match[1]} is no listed unit"
+            elif match[1] in rows:
+                yield f"{readme}:{number}: {match[1]} has a row already"
+            rows.add(match[1])
+    for unit in units:
+        if unit not in rows:
+            yield f"{readme}: no row for {unit}"
 
 
 def find_cycle(graph):
@@ -95,7 +106,7 @@ def find_cycle(graph):
 
 
 def check_cycles(folder, include_root):
-    """No header includes itself, on whatever way."""
+    """No header includes itself, directly or through others."""
     names = {str(path.relative_to(include_root)): path for path in folder.rglob("*.h")}
     graph = {
         name: [included for included in includes_of(path) if included in names]
@@ -105,43 +116,22 @@ def check_cycles(folder, include_root):
         yield f"{folder}: include cycle: {' -> '.join(cycle)}"
 
 
-def check_layers(folder, layer_of):
-    """No include of a unit points up or to a sibling layer."""
-    siblings = {path.name for path in folder.glob("*.h")}
-    for unit, layer in layer_of.items():
-        for suffix in (".h", ".cpp"):
-            path = folder / f"{unit}{suffix}"
-            if not path.exists():
-                continue
-            for included in includes_of(path):
-                if included in siblings:
-                    yield f'{path}: "{included}" is to be included as "Pavo/{included}"'
-                if not included.startswith("Pavo/"):
-                    continue
-                target = included[len("Pavo/"):].removesuffix(".h")
-                if target not in layer_of:
-                    yield f"{path}: includes {included}, which is no listed unit"
-                elif layer_of[target] not in MAY_INCLUDE[layer]:
-                    yield (
-                        f"{path}: layer {layer} may not include {included} "
-                        f"of layer {layer_of[target]}"
-                    )
-
-
-def check_readme(readme, layer_of):
-    """Each unit has one row, under the heading of its layer."""
-    rows = {}
-    for heading, unit, number in read_rows(readme):
+def check_includes(path, layer, may_include, layer_of, private):
+    """The includes of one file of a layer."""
+    for included in includes_of(path):
+        unit = pathlib.PurePath(included).stem
+        if (path.parent / included).exists() and "/" not in included:
+            yield f'{path}: "{included}" is to be included as "Pavo/{layer}/{included}"'
+        if not included.startswith("Pavo/"):
+            continue
         if unit not in layer_of:
-            yield f"{readme}:{number}: {unit} is no listed unit"
-        elif unit in rows:
-            yield f"{readme}:{number}: {unit} has a row already"
-        elif heading != layer_of[unit]:
-            yield f"{readme}:{number}: {unit} is of layer {layer_of[unit]}, not {heading}"
-        rows[unit] = heading
-    for unit in layer_of:
-        if unit not in rows:
-            yield f"{readme}: no row for {unit}"
+            yield f"{path}: includes {included}, which is no listed unit"
+        elif included != f"Pavo/{layer_of[unit]}/{unit}.h":
+            yield f'{path}: "{included}" is to be included as "Pavo/{layer_of[unit]}/{unit}.h"'
+        elif layer_of[unit] not in may_include:
+            yield f"{path}: layer {layer} may not include {included}"
+        elif unit in private and path.suffix == ".h" and path.stem not in private:
+            yield f"{path}: public, and includes the private {included}"
 
 
 def check_platform(platform):
@@ -156,19 +146,31 @@ def faults(root):
     """All faults of the tree below root, as lines."""
     pavo = root / "Pavo"
     platform = root / "platform"
-    layer_of = {}
-    for layer, unit in read_lists(pavo):
-        if layer not in MAY_INCLUDE:
-            yield f"{pavo}/CMakeLists.txt: {layer} is no layer"
-        else:
+    may_include = read_layers(root / "tools" / "layers")
+    layer_of, private = {}, set()
+    for folder in sorted(path for path in pavo.iterdir() if path.is_dir()):
+        if folder.name not in may_include:
+            yield f"{folder}: no layer of tools/layers"
+    for layer in may_include:
+        for unit, is_private in read_lists(pavo / layer):
+            if unit in layer_of:
+                yield f"{pavo / layer}/CMakeLists.txt: {unit} is a unit of {layer_of[unit]} too"
             layer_of[unit] = layer
-    yield from check_layers(pavo, layer_of)
-    yield from check_readme(pavo / "README.md", layer_of)
+            private |= {unit} if is_private else set()
+    for layer in may_include:
+        for path in sorted((pavo / layer).glob("*.*")):
+            if path.suffix in (".h", ".cpp"):
+                yield from check_includes(path, layer, may_include[layer], layer_of, private)
+    yield from check_cycles(pavo, root)
     yield from check_platform(platform)
     libraries = sorted(path.parent for path in platform.glob("*/CMakeLists.txt"))
-    for folder, include_root in [(pavo, root)] + [(library, platform) for library in libraries]:
-        yield from check_files(folder, [unit for _, unit in read_lists(folder)])
-        yield from check_cycles(folder, include_root)
+    for library in libraries:
+        yield from check_cycles(library, platform)
+    for folder in [pavo / layer for layer in may_include] + libraries:
+        units = [unit for unit, _ in read_lists(folder)]
+        yield from check_files(folder, units)
+        if folder not in libraries:
+            yield from check_rows(folder, units)
 
 
 def main(arguments):
@@ -178,8 +180,9 @@ def main(arguments):
         print(fault)
     if found:
         sys.exit(f"layers: {len(found)} faults")
-    units = sum(1 for _ in read_lists(root / "Pavo"))
-    print(f"layers: {units} units keep to their layers")
+    layers = read_layers(root / "tools" / "layers")
+    units = sum(len(read_lists(root / "Pavo" / layer)) for layer in layers)
+    print(f"layers: {units} units keep to their {len(layers)} layers")
 
 
 if __name__ == "__main__":

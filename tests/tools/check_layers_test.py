@@ -9,47 +9,30 @@ sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools"))
 import check_layers  # noqa: E402
 
 SOUND = {
-    "Pavo/CMakeLists.txt": """
-        pavo_units(Pavo base Export)
+    "tools/layers": "# from the bottom up\nvalue\npacket\npam kernel  # siblings\n",
+    "Pavo/value/CMakeLists.txt": """
         pavo_units(
-            Pavo value
+            Pavo PUBLIC
             Name  # Not commentedOut(
             Addr
         )
-        pavo_units(Pavo packet Pkt)
-        pavo_units(Pavo socket SockAt)
-        pavo_units(Pavo pam Pam)
-        pavo_units(Pavo kernel Netlink)
-        pavo_units(Pavo tcp Client)
     """,
-    "Pavo/README.md": """
-## base
-| `Export` | visibility |
-## value
-| unit | purpose |
-| `Name` | a name |
-| `Addr` | an address |
-## packet
-| `Pkt` | a packet |
-## socket
-| `SockAt` | sockets |
-## pam
-| `Pam` | an endpoint |
-## kernel
-| `Netlink` | messages |
-## tcp
-| `Client` | connects |
-""",
-    "Pavo/Export.h": "",
-    "Pavo/Name.h": '#include "Pavo/Export.h"\n#include "Mox/Ptr.h"\n',
-    "Pavo/Addr.h": '#include "Pavo/Name.h"\n',
-    "Pavo/Addr.cpp": '#include "Pavo/Addr.h"\n',
-    "Pavo/Pkt.h": '#include "Pavo/Addr.h"\n',
-    "Pavo/SockAt.h": '#include "Pavo/Export.h"\n',
-    "Pavo/Pam.h": '#include "Pavo/Pkt.h"\n#include "Pavo/SockAt.h"\n',
-    "Pavo/Netlink.h": '#include "Pavo/SockAt.h"\n',
-    "Pavo/Client.h": '#include "Pavo/Pam.h"\n#include "Pavo/Netlink.h"\n',
-    "platform/Mox/CMakeLists.txt": "pavo_units(Mox platform Ptr Text)",
+    "Pavo/value/README.md": "| unit | purpose |\n| `Name` | a name |\n| `Addr` | an address |\n",
+    "Pavo/value/Name.h": '#include "Mox/Ptr.h"\n',
+    "Pavo/value/Addr.h": '#include "Pavo/value/Name.h"\n',
+    "Pavo/value/Addr.cpp": '#include "Pavo/value/Addr.h"\n',
+    "Pavo/packet/CMakeLists.txt": "pavo_units(Pavo PUBLIC Pkt PRIVATE List)",
+    "Pavo/packet/README.md": "| `Pkt` | a packet |\n| `List` | a list |\n",
+    "Pavo/packet/Pkt.h": '#include "Pavo/value/Addr.h"\n',
+    "Pavo/packet/Pkt.cpp": '#include "Pavo/packet/List.h"\n',
+    "Pavo/packet/List.h": "",
+    "Pavo/pam/CMakeLists.txt": "pavo_units(Pavo PUBLIC Pam)",
+    "Pavo/pam/README.md": "| `Pam` | an endpoint |\n",
+    "Pavo/pam/Pam.h": '#include "Pavo/packet/Pkt.h"\n',
+    "Pavo/kernel/CMakeLists.txt": "pavo_units(Pavo PUBLIC Netlink)",
+    "Pavo/kernel/README.md": "| `Netlink` | messages |\n",
+    "Pavo/kernel/Netlink.h": '#include "Pavo/value/Name.h"\n',
+    "platform/Mox/CMakeLists.txt": "pavo_units(Mox PUBLIC Ptr Text)",
     "platform/Mox/Ptr.h": '#include "Mox/Text.h"\n',
     "platform/Mox/Text.h": "",
 }
@@ -72,75 +55,58 @@ class CheckLayersTest(unittest.TestCase):
         cases = [
             ({}, []),
             (
-                {"Pavo/Name.h": '#include "Pavo/Pkt.h"\n', "Pavo/Addr.h": ""},
-                ["Pavo/Name.h: layer value may not include Pavo/Pkt.h of layer packet"],
+                {"Pavo/value/Addr.cpp": "  #  include <Pavo/pam/Pam.h>\n"},
+                ["Pavo/value/Addr.cpp: layer value may not include Pavo/pam/Pam.h"],
             ),
             (
-                {"Pavo/Addr.cpp": "  #  include <Pavo/Pam.h>\n"},
-                ["Pavo/Addr.cpp: layer value may not include Pavo/Pam.h of layer pam"],
+                {"Pavo/pam/Pam.h": '#include "Pavo/kernel/Netlink.h"\n'},
+                ["Pavo/pam/Pam.h: layer pam may not include Pavo/kernel/Netlink.h"],
             ),
             (
-                {"Pavo/SockAt.h": '#include "Pavo/Name.h"\n'},
-                ["Pavo/SockAt.h: layer socket may not include Pavo/Name.h of layer value"],
+                {"Pavo/value/Addr.h": '#include "Name.h"\n'},
+                ['Pavo/value/Addr.h: "Name.h" is to be included as "Pavo/value/Name.h"'],
             ),
             (
-                {"Pavo/Netlink.h": '#include "Pavo/Pam.h"\n'},
-                ["Pavo/Netlink.h: layer kernel may not include Pavo/Pam.h of layer pam"],
+                {"Pavo/packet/Pkt.h": '#include "Pavo/Addr.h"\n'},
+                ['Pavo/packet/Pkt.h: "Pavo/Addr.h" is to be included as "Pavo/value/Addr.h"'],
             ),
             (
-                {"Pavo/Pam.h": '#include "Pavo/Netlink.h"\n'},
-                ["Pavo/Pam.h: layer pam may not include Pavo/Netlink.h of layer kernel"],
+                {"Pavo/value/Addr.h": '#include "Pavo/value/Gone.h"\n'},
+                ["Pavo/value/Addr.h: includes Pavo/value/Gone.h, which is no listed unit"],
             ),
             (
-                {"Pavo/Addr.h": '#include "Name.h"\n'},
-                ['Pavo/Addr.h: "Name.h" is to be included as "Pavo/Name.h"'],
+                {"Pavo/packet/Pkt.h": '#include "Pavo/packet/List.h"\n'},
+                ["Pavo/packet/Pkt.h: public, and includes the private Pavo/packet/List.h"],
             ),
             (
-                {"Pavo/Addr.h": '#include "Pavo/Gone.h"\n'},
-                ["Pavo/Addr.h: includes Pavo/Gone.h, which is no listed unit"],
-            ),
-            (
-                {"Pavo/Name.h": '#include "Pavo/Addr.h"\n'},
-                ["Pavo: include cycle: Pavo/Addr.h -> Pavo/Name.h -> Pavo/Addr.h"],
+                {"Pavo/value/Name.h": '#include "Pavo/value/Addr.h"\n'},
+                [
+                    "Pavo: include cycle: Pavo/value/Name.h -> Pavo/value/Addr.h -> "
+                    "Pavo/value/Name.h"
+                ],
             ),
             (
                 {"platform/Mox/Text.h": '#include "Mox/Ptr.h"\n'},
                 ["platform/Mox: include cycle: Mox/Ptr.h -> Mox/Text.h -> Mox/Ptr.h"],
             ),
             (
-                {"platform/Mox/Text.h": '#include "Pavo/Export.h"\n'},
-                ["platform/Mox/Text.h: platform may not include Pavo/Export.h"],
-            ),
-            ({"Pavo/New.cpp": ""}, ["Pavo/New.cpp: in no list of Pavo/CMakeLists.txt"]),
-            ({"Pavo/Addr.inc": ""}, ["Pavo/Addr.inc: in no list of Pavo/CMakeLists.txt"]),
-            (
-                {"platform/Mox/New.h": ""},
-                ["platform/Mox/New.h: in no list of platform/Mox/CMakeLists.txt"],
+                {"platform/Mox/Text.h": '#include "Pavo/Name.h"\n'},
+                ["platform/Mox/Text.h: platform may not include Pavo/Name.h"],
             ),
             (
-                {"Pavo/Client.h": None},
-                ["Pavo/CMakeLists.txt: Client is listed and has no file"],
+                {"Pavo/value/New.cpp": ""},
+                ["Pavo/value/New.cpp: in no list of Pavo/value/CMakeLists.txt"],
+            ),
+            ({"Pavo/odd/Thing.h": ""}, ["Pavo/odd: no layer of tools/layers"]),
+            (
+                {"Pavo/pam/Pam.h": None},
+                ["Pavo/pam/CMakeLists.txt: Pam is listed and has no file"],
             ),
             (
-                {"Pavo/README.md": SOUND["Pavo/README.md"].replace("`Pkt`", "`Packet`")},
+                {"Pavo/packet/README.md": "| `Packet` | a packet |\n| `List` | a list |\n"},
                 [
-                    "Pavo/README.md:9: Packet is no listed unit",
-                    "Pavo/README.md: no row for Pkt",
-                ],
-            ),
-            (
-                {"Pavo/README.md": SOUND["Pavo/README.md"] + "| `Addr` | twice |\n"},
-                ["Pavo/README.md:18: Addr has a row already"],
-            ),
-            (
-                {"Pavo/README.md": SOUND["Pavo/README.md"].replace("## kernel\n", "")},
-                ["Pavo/README.md:14: Netlink is of layer kernel, not pam"],
-            ),
-            (
-                {"Pavo/CMakeLists.txt": SOUND["Pavo/CMakeLists.txt"].replace("tcp", "top")},
-                [
-                    "Pavo/CMakeLists.txt: top is no layer",
-                    "Pavo/README.md:17: Client is no listed unit",
+                    "Pavo/packet/README.md:1: Packet is no listed unit",
+                    "Pavo/packet/README.md: no row for Pkt",
                 ],
             ),
         ]

@@ -1,0 +1,313 @@
+#include "Pavo/interface/IntfIdDesc.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+
+#include "Mox/Assert.h"
+#include "Mox/Exception.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr const Mox::AttributeBase* descAttributes[] = {
+    &IntfIdDesc::shortPrefixAttr, &IntfIdDesc::shortPrefixSubTypeAttr, &IntfIdDesc::prefixAttr,
+    &IntfIdDesc::partAttr, &IntfIdDesc::initializedAttr};
+constexpr const Mox::AttributeBase* mgrAttributes[] = {
+    &IntfIdMgr::intfIdDescAttr, &IntfIdMgr::testModeAttr, &IntfIdMgr::initializedAttr};
+
+// Looked at by every conversion, and cheaper than the loader itself.
+constinit bool pluginsWait = true;
+
+}  // namespace
+
+const char* IntfIdPartKey::parse(Mox::TextCursor& in) {
+    if (const char* error = parseRecord(in, this, description(), leftoverText)) {
+        return error;
+    }
+    return part_ < IntfIdTrie::maxParts ? nullptr : leftoverText;
+}
+
+void IntfIdPartKey::print(Mox::TextWriter& out) const {
+    printRecord(out, *this, description());
+}
+
+constinit const Mox::FwkType IntfIdDesc::type{"Pavo::IntfIdDesc", &Mox::Entity::type,
+                                              descAttributes};
+
+IntfIdDesc::IntfIdDesc(uint32_t typeId, Mox::String name, ShortPrefix shortPrefix)
+    : typeId_(typeId), name_(std::move(name)), shortPrefix_(std::move(shortPrefix)) {
+    if (typeId < 1 || typeId > GenericIntfId::maxTypeId) {
+        Mox::throwRangeException("IntfIdDesc::typeId < 1 or > 127 not allowed");
+    }
+}
+
+const Mox::FwkType* IntfIdDesc::fwkType() const {
+    return &type;
+}
+
+void IntfIdDesc::handleParent(Mox::Ptr<Mox::Entity> parent) {
+    manager_ = dynamic_cast<IntfIdMgr*>(parent.ptr());
+}
+
+void IntfIdDesc::requireOpen() const {
+    if (initialized_) {
+        Mox::throwRangeException("IntfIdDesc is initialized");
+    }
+}
+
+void IntfIdDesc::shortPrefixIs(ShortPrefix shortPrefix) {
+    requireOpen();
+    attributeIs(shortPrefix_, std::move(shortPrefix), shortPrefixAttr);
+}
+
+void IntfIdDesc::shortPrefixSubTypeIs(SubIntfIdKey subType, ShortPrefix shortPrefix) {
+    requireOpen();
+    const bool changed = shortPrefix ? shortPrefixSubType_.is(subType, std::move(shortPrefix))
+                                     : shortPrefixSubType_.del(subType);
+    if (changed) {
+        notify(shortPrefixSubTypeAttr, subType);
+    }
+}
+
+void IntfIdDesc::prefixIs(SubIntfIdKey subType, Mox::String prefix) {
+    requireOpen();
+    const bool changed =
+        prefix.empty() ? prefix_.del(subType) : prefix_.is(subType, std::move(prefix));
+    if (changed) {
+        notify(prefixAttr, subType);
+    }
+}
+
+IntfIdPart IntfIdDesc::part(IntfIdPartKey key) const {
+    const IntfIdPart* const found = part_.find(key);
+    return found == nullptr ? IntfIdPart() : *found;
+}
+
+void IntfIdDesc::partIs(IntfIdPartKey key, IntfIdPart part) {
+    requireOpen();
+    if (part ? part_.is(key, part) : part_.del(key)) {
+        notify(partAttr, key);
+    }
+}
+
+void IntfIdDesc::partDel(IntfIdPartKey key) {
+    partIs(key, {});
+}
+
+void IntfIdDesc::partDelAll() {
+    requireOpen();
+    const Mox::Ptr<IntfIdDesc> hold(this);
+    part_.delAll([this](const IntfIdPartKey& key) { notify(partAttr, key); });
+}
+
+void IntfIdDesc::initializedIs(bool initialized) {
+    if (initialized_ == initialized) {
+        return;
+    }
+    initialized_ = initialized;
+    try {
+        if (manager_ != nullptr) {
+            manager_->handleIntfIdDesc(typeId_);
+        } else if (initialized) {
+            IntfIdTrie alone;
+            addTo(alone);
+            alone.build();
+        }
+    } catch (...) {
+        initialized_ = !initialized;
+        throw;
+    }
+    notify(initializedAttr);
+}
+
+std::vector<IntfIdPart> IntfIdDesc::partsOf(SubIntfIdKey subType) const {
+    std::vector<IntfIdPart> parts;
+    for (const auto& [key, part] : part_) {
+        if (key.subType() == subType) {
+            parts.resize(key.part() + 1u);  // What is left out is no part, which is refused.
+            parts.back() = part;
+        }
+    }
+    return parts;
+}
+
+void IntfIdDesc::addTo(IntfIdTrie& trie) const {
+    const bool describesNone = part_.members() == 0 && prefix_.members() == 0;
+    for (uint32_t number = 0; number <= SubIntfIdKey::max; ++number) {
+        const SubIntfIdKey subType(number);
+        const auto parts = partsOf(subType);
+        const Mox::String* const prefix = prefix_.find(subType);
+        if (parts.empty() && prefix == nullptr && !(describesNone && number == 0)) {
+            continue;
+        }
+        const uint32_t typeAndSubType = IntfIdTrie::typeAndSubType(typeId_, number);
+        trie.setPrefix(prefix == nullptr ? name_ : *prefix, typeAndSubType, parts);
+        const ShortPrefix* const own = shortPrefixSubType_.find(subType);
+        if (const ShortPrefix& shortPrefix = own == nullptr ? shortPrefix_ : *own) {
+            trie.setShortPrefix(shortPrefix.value(), typeAndSubType);
+        }
+    }
+}
+
+constinit const Mox::FwkType IntfIdMgr::type{"Pavo::IntfIdMgr", &Mox::Entity::type, mgrAttributes};
+
+IntfIdMgr::~IntfIdMgr() {
+    for (const auto& each : intfIdDesc_) {
+        each.second->handleParent(nullptr);
+    }
+}
+
+const Mox::FwkType* IntfIdMgr::fwkType() const {
+    return &type;
+}
+
+Mox::Ptr<IntfIdDesc> IntfIdMgr::intfIdDesc(uint32_t typeId) const {
+    const auto* const found = intfIdDesc_.find(typeId);
+    return found == nullptr ? nullptr : *found;
+}
+
+IntfIdTrie IntfIdMgr::trieOf(const Descs& descs) const {
+    IntfIdTrie trie;
+    for (const auto& each : descs) {
+        if (each.second->initialized()) {
+            each.second->addTo(trie);
+        }
+    }
+    trie.build();
+    trie.shortNameTrieIs(trie_.shortNameTrie());
+    return trie;
+}
+
+void IntfIdMgr::intfIdDescIs(const Mox::Ptr<IntfIdDesc>& desc) {
+    Mox::require(bool(desc), "desc");
+    const Mox::Ptr<IntfIdDesc> added = desc;  // What the caller refers to may be a member.
+    const auto before = intfIdDesc(added->typeId());
+    if (before == added) {
+        return;
+    }
+    if (added->manager() != nullptr) {
+        Mox::throwRangeException("IntfIdDesc is in a manager already");
+    }
+    if (before && !testMode_) {
+        Mox::throwRangeException("IntfIdDesc::typeId is taken");
+    }
+    Descs descs = intfIdDesc_;
+    descs.is(added->typeId(), added);
+    trie_ = trieOf(descs);
+    intfIdDesc_ = std::move(descs);
+    if (before) {
+        before->handleParent(nullptr);
+    }
+    added->handleParent(Mox::Ptr<Mox::Entity>(this));
+    notify(intfIdDescAttr, added->typeId());
+}
+
+void IntfIdMgr::intfIdDescDel(uint32_t typeId) {
+    const auto gone = intfIdDesc(typeId);
+    if (!gone) {
+        return;
+    }
+    intfIdDesc_.del(typeId);
+    gone->handleParent(nullptr);
+    handleIntfIdDesc(typeId);
+    notify(intfIdDescAttr, typeId);
+}
+
+void IntfIdMgr::intfIdDescDelAll() {
+    const Mox::Ptr<IntfIdMgr> hold(this);
+    for (const auto& each : intfIdDesc_) {
+        each.second->handleParent(nullptr);
+    }
+    trie_ = trieOf({});
+    intfIdDesc_.delAll([this](uint32_t typeId) { notify(intfIdDescAttr, typeId); });
+}
+
+void IntfIdMgr::handleIntfIdDesc(uint32_t) {
+    trie_ = trieOf(intfIdDesc_);
+}
+
+Mox::String IntfIdMgr::intfIdToString(IntfId id, bool shortForm) const {
+    char name[IntfIdTrie::maxNameBytes];
+    return {name, static_cast<uint32_t>(trie_.intfIdToString(id, shortForm, name) - name)};
+}
+
+IntfId IntfIdMgr::stringToIntfId(const Mox::String& name) const {
+    return wholeName(name, false);
+}
+
+IntfId IntfIdMgr::shortStringToIntfId(const Mox::String& name) const {
+    return wholeName(name, true);
+}
+
+IntfId IntfIdMgr::wholeName(const Mox::String& name, bool shortForm) const {
+    const auto read = trie_.stringToIntfId(name.data(), name.bytes(), shortForm);
+    if (read.length == 0 || read.length != name.bytes()) {
+        Mox::throwRangeException(IntfId::leftoverText);
+    }
+    return read.id;
+}
+
+IntfIdDescPluginLoader& IntfIdDescPluginLoader::DefaultPluginLoader() {
+    // Never destroyed, as the manager: ids of static storage may be printed after it would be.
+    static auto& loader = *new IntfIdDescPluginLoader;
+    return loader;
+}
+
+void IntfIdDescPluginLoader::pluginIs(const Mox::String& name, Plugin plugin) {
+    const auto isNamed = [&name](const Entry& each) { return each.name == name; };
+    if (std::none_of(plugins_.begin(), plugins_.end(), isNamed)) {
+        plugins_.push_back({name, plugin});
+        pluginsWait = true;
+    }
+}
+
+void IntfIdDescPluginLoader::load(const Mox::String& path) {
+    // Never closed: its plug-in's code, and the texts of what it throws, stay in use.
+    if (dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
+        throw Mox::Exception(dlerror());
+    }
+    (void)globalIntfIdMgr();
+}
+
+void IntfIdDescPluginLoader::runPlugins(IntfIdMgr& manager) {
+    ++running_;  // Plug-ins come here too.
+    try {
+        while (run_ < plugins_.size()) {
+            plugins_[run_++].plugin(manager);
+        }
+    } catch (...) {
+        --running_;
+        throw;
+    }
+    if (--running_ == 0) {
+        manager.initializedIs(true);
+    }
+}
+
+const Mox::Ptr<IntfIdMgr>& globalIntfIdMgr() {
+    static const auto& manager = *new const Mox::Ptr<IntfIdMgr>(intfIdMgrFactory("IntfIdMgr"));
+    if (__builtin_expect(pluginsWait, 0)) {
+        pluginsWait = false;  // First, since plug-ins come here too.
+        auto& loader = IntfIdDescPluginLoader::DefaultPluginLoader();
+        try {
+            loader.runPlugins(*manager);
+        } catch (...) {
+            pluginsWait = true;  // The others have yet to run.
+            throw;
+        }
+    }
+    return manager;
+}
+
+Mox::Ptr<IntfIdDesc> intfIdDescFactory(uint32_t typeId, const Mox::String& name,
+                                       const ShortPrefix& shortPrefix) {
+    return Mox::make<IntfIdDesc>(typeId, name, shortPrefix);
+}
+
+Mox::Ptr<IntfIdMgr> intfIdMgrFactory(const Mox::String& name) {
+    return Mox::make<IntfIdMgr>(name);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,97 @@
+/// @file
+/// Label stacks without a bound, and their bytes in shared memory.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <vector>
+
+#include "Mox/ValueType.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
+#include "Pavo/label/BoundedMplsLabelStack.h"
+#include "Pavo/label/MplsLabel.h"
+
+namespace Pavo {
+
+/// Ordinary labels in a sequence that grows.
+class DynamicMplsLabels {
+  public:
+    static constexpr uint32_t maxLabels = ~uint32_t{0};
+
+    uint32_t stackSize() const { return static_cast<uint32_t>(labels_.size()); }
+
+    friend bool operator==(const DynamicMplsLabels&, const DynamicMplsLabels&) = default;
+    friend std::strong_ordering operator<=>(const DynamicMplsLabels& a,
+                                            const DynamicMplsLabels& b) {
+        const auto bySize = a.labels_.size() <=> b.labels_.size();
+        return bySize != 0 ? bySize : a.labels_ <=> b.labels_;
+    }
+
+  protected:
+    static constexpr bool isBounded = false;
+
+    MplsLabel labelAt(uint32_t i) const { return labels_[i]; }
+    void labelAtIs(uint32_t i, MplsLabel label) { labels_[i] = label; }
+    void pushBottom(MplsLabel label) { labels_.push_back(label); }
+    void pushTop(MplsLabel label) { labels_.insert(labels_.begin(), label); }
+    void erase(uint32_t i) { labels_.erase(labels_.begin() + static_cast<std::ptrdiff_t>(i)); }
+
+    std::vector<MplsLabel> labels_;
+};
+
+/// A stack of any number of ordinary labels, by the rules of `BoundedMplsLabelStack` but for the
+/// bound: entropy labels stand at the first 32 positions only, ordinary labels anywhere.
+///
+/// Framework text is "DynamicMplsLabelStack(stackSize:2, labels:[16, 17], entropyLabelBitMap:8,
+/// entropyLabelIndicatorBitMap:4)", `stringValue()` "TOP ( 16 17 ELI EL ) BOTTOM". What is read is
+/// checked as for `BoundedMplsLabelStack`; "Invalid DynamicMplsLabelStack" also stands for a
+/// `stackSize` that is not the number of labels.
+class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, DynamicMplsLabels> {
+  public:
+    DynamicMplsLabelStack() = default;
+    PAVO_EXPORT explicit DynamicMplsLabelStack(const BoundedMplsLabelStack& stack);
+    DynamicMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
+    DynamicMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    /// The stack in bytes, for shared memory: 32-bit words in network order, at any address. They
+    /// are the number of ordinary labels, the bit map of entropy labels, that of indicators, and
+    /// the ordinary labels from the top.
+    uint32_t serializeLen() const { return headBytes + stackSize() * labelBytes; }
+    /// Writes `serializeLen()` bytes.
+    PAVO_EXPORT void serialize(uint8_t* to) const;
+    /// The bytes that the stack which begins at `from` takes; 0 where `bytes` are too few for it.
+    PAVO_EXPORT static uint32_t deserializeLen(const uint8_t* from, uint32_t bytes);
+    /// Becomes the stack that the `bytes` at `from`, all of them, stand for.
+    /// @throws Mox::RangeException "Invalid DynamicMplsLabelStack" when they stand for none; the
+    /// stack is then unchanged.
+    PAVO_EXPORT void deserialize(const uint8_t* from, uint32_t bytes);
+
+    /// Null, or the text of the range error for what no stack holds.
+    PAVO_EXPORT const char* check() const;
+
+    static constexpr const char* labelText = "DynamicMplsLabelStack::label: index out of range";
+    static constexpr const char* labelIsText = "DynamicMplsLabelStack::labelIs: index out of range";
+    static constexpr const char* labelIsMarkerText =
+        "DynamicMplsLabelStack::labelIs: entropy labels are no ordinary labels";
+    static constexpr const char* leftoverText = "Invalid DynamicMplsLabelStack";
+    static constexpr auto description() {
+        using Self = DynamicMplsLabelStack;
+        return Mox::record(
+            "Pavo::DynamicMplsLabelStack",
+            Mox::field<Self, std::vector<MplsLabel>>("labels", &Self::labels_),
+            Mox::field<Self, uint32_t>("entropyLabelBitMap", &Self::entropyLabelBitMap_),
+            Mox::field<Self, uint32_t>("entropyLabelIndicatorBitMap",
+                                       &Self::entropyLabelIndicatorBitMap_));
+    }
+
+    PAVO_EXPORT void printStrep(Mox::TextWriter& out) const;
+    PAVO_EXPORT const char* parseStrep(Mox::TextCursor& in);
+
+  private:
+    static constexpr uint32_t labelBytes = 4;
+    static constexpr uint32_t headBytes = 12;
+};
+
+}  // namespace Pavo

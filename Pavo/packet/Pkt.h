@@ -1,0 +1,314 @@
+/// @file
+/// The packet buffer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Mox/Assert.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+
+#include "Pavo/base/Export.h"
+
+namespace Pavo {
+
+class UsedPkts;
+
+/// The bytes of one frame or datagram, in at most two pieces: private bytes inside the object, then
+/// bytes of a buffer that other packets may share. Headers are prepended by moving the start of the
+/// data towards the start of its buffer, without copying what is there:
+///
+///     Pkt                                       Pkt::SharedBuffer
+///     +----------------------+-----------+      +-----------+------------------+-----------+
+///     | private head room    | private   |      | head room | shared data      | tail room |
+///     | (64 bytes in all)    | data      |      |           |                  |           |
+///     +----------------------+-----------+      +-----------+------------------+-----------+
+///                            ^ iovec(0)                     ^ iovec(1)
+///
+/// What a reader sees is the private data followed by the shared data. A fresh buffer is all head
+/// room. Bytes that an operation adds are not initialised: the caller writes them, in place, also
+/// where a shallow copy shares the buffer. So nothing is to be prepended to a shared buffer while
+/// the other packet is still in use; the private head data is there for that.
+///
+/// Beside its bytes a packet may carry one VLAN tag, the outermost, as devices deliver it. A packet
+/// is used by one thread at a time.
+class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
+  public:
+    class SharedBuffer;
+    class Manager;
+
+    /// One piece of the data. Not the system's `iovec`, whose length has another width.
+    struct Iovec {
+        uint8_t* data = nullptr;
+        uint32_t bytes = 0;
+    };
+
+    /// Entry 0 of the iovec table is the private data, entry 1 the shared.
+    static constexpr uint8_t maxIovecs_ = 2;
+    static constexpr uint32_t privateAreaBytes = 64;
+    /// A size of buffers for whole messages, used again as those of the default size are.
+    static constexpr uint32_t largeBufferSize = 10000;
+
+    /// A packet without data and without a buffer.
+    Pkt();
+    ~Pkt() override;
+    // Memory is recycled as the manager recycles buffers.
+    /// Keeps a packet with a buffer of the default or the large size, held by nobody else, for the
+    /// manager to hand out again; ends any other.
+    void zeroReferencesIs(bool zero) override;
+
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory, std::size_t bytes);
+    const Mox::FwkType* fwkType() const override;
+
+    /// The first entry of the iovec table in use: 2 while there is no data, 1 with shared data
+    /// only, 0 with private data.
+    uint8_t firstIoVec() const { return firstIoVec_; }
+    /// Entries in use, from `firstIoVec()` to the last.
+    uint32_t numIovecs() const { return maxIovecs_ - firstIoVec_; }
+    /// Entry `i` of the table, in use or not.
+    /// @throws Mox::RangeException "no such iovec" from `maxIovecs_` on.
+    const Iovec& iovec(uint32_t i) const {
+        if (i >= maxIovecs_) {
+            throwNoSuchIovec();
+        }
+        return iovecs_[i];
+    }
+    [[noreturn]] static void throwNoSuchIovec();
+
+    /// The start of the first iovec in use, null without data.
+    uint8_t* frontData() { return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data; }
+    const uint8_t* frontData() const {
+        return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data;
+    }
+    /// The length of the first iovec in use, 0 without data: how far a header may reach.
+    uint32_t frontBytes() const {
+        return firstIoVec_ == maxIovecs_ ? 0 : iovecs_[firstIoVec_].bytes;
+    }
+    /// The length of the packet.
+    uint32_t totalBytes() const;
+
+    const Mox::Ptr<SharedBuffer>& sharedBuffer() const { return sharedBuffer_; }
+    /// Gives a packet without data its buffer, whose data becomes the packet's. Fatal with data:
+    /// "firstIoVec_ == maxIovecs_".
+    void sharedBufferIs(const Mox::Ptr<SharedBuffer>& buffer);
+    /// The size of the shared buffer, 0 without one: the most that it holds without growing.
+    uint32_t maxSharedData() const;
+
+    // Head and tail of the shared data. All are fatal without a shared buffer: "sharedBuffer_ !=
+    // 0".
+
+    /// Makes room for `n` more bytes in front and returns where they begin. Where the head room is
+    /// short, the data moves to the end of a new buffer that is larger by exactly `n`.
+    inline uint8_t* newSharedHeadData(uint32_t n);
+    /// Removes `n` bytes from the front.
+    inline void delSharedHeadData(uint32_t n);
+    /// Makes room for `n` more bytes behind and returns where they begin. Where the tail room is
+    /// short, the data moves to `n` bytes before the end of a new buffer: of the same size if the
+    /// head room alone is at least `n`, else larger by `n`. A buffer that holds no data and that
+    /// nobody shares is used as it is where its size is the right one.
+    inline uint8_t* newSharedTailData(uint32_t n);
+    /// Removes `n` bytes from the end.
+    inline void delSharedTailData(uint32_t n);
+    /// Publishes the shared buffer's data as iovec 1. Fatal without data:
+    /// "firstIoVec_ != maxIovecs_".
+    inline void updateSharedIovec();
+
+    // Head of the packet inside the object, for headers that must not touch a shared buffer.
+
+    /// Makes room for `n` more private bytes in front of all data and returns where they begin.
+    /// Fatal past the private area: "ptrWithinRegion( privateData_, privateArea_,
+    /// privateAreaBytes )".
+    uint8_t* newPrivateHeadData(uint32_t n);
+    /// Removes `n` private bytes from the front. Fatal where there are fewer:
+    /// "n <= privateDataBytes_".
+    void delPrivateHeadData(uint32_t n);
+    /// Publishes the private bytes as iovec 0. Fatal without data, "firstIoVec_ != maxIovecs_", and
+    /// with shared data only, "(firstIoVec_ == 0) || (sharedBuffer_ == 0)".
+    void updatePrivateIovec();
+
+    // Contents as values.
+
+    /// All bytes of the packet.
+    Mox::String stringValue() const;
+    Mox::Bytes bytesValue() const;
+    /// As `stringValue()`, with the separate VLAN tag, if there is one, behind the first 12 bytes
+    /// (the two MAC addresses), or at the end of a shorter packet: TPID, then TCI, in network
+    /// order.
+    Mox::String stringValueMaybeWithVlan() const;
+    /// Adds bytes to the shared data: behind it, or in front. What is there is kept.
+    void stringValueIs(const Mox::String& value, bool atTail);
+    void bytesValueIs(const Mox::Bytes& value, bool atTail);
+
+    // The separate VLAN tag (IEEE 802.1Q-2018, 9.6), in host order.
+
+    bool hasSeparateVlanTag() const { return hasSeparateVlanTag_; }
+    /// Priority in the top 3 bits, then DEI, then the 12-bit VLAN identifier.
+    uint16_t separateVlanTci() const { return separateVlanTci_; }
+    uint16_t separateVlanTpid() const { return separateVlanTpid_; }
+    void newSeparateVlanTag(uint16_t tci, uint16_t tpid);
+    /// The TPID stays as it was.
+    void delSeparateVlanTag();
+    /// Replaces the VLAN identifier in the TCI. Fatal above 12 bits:
+    /// "( _tciVlanId & ~0x0fff) == 0".
+    void tciVlanIdIs(uint16_t vlanId);
+
+    /// Fatal when a word that fences the private area was overwritten: "magicBarrier0_ == magic_".
+    void checkMagic() const;
+
+  private:
+    friend class UsedPkts;
+
+    void requireSharedBuffer() const {
+        Mox::require(sharedBuffer_ != nullptr, "sharedBuffer_ != 0");
+    }
+    void growHead(uint32_t n);
+    void growTail(uint32_t n);
+    void growInto(uint32_t size, uint32_t tailRoom);
+    void copyPrivateAndTag(const Pkt& other);
+    void clear();
+    template <class Visit>
+    void forEachIovec(Visit visit) const;
+
+    static constexpr uint32_t magicValue = 0xbeefcafe;
+
+    Iovec iovecs_[maxIovecs_];
+    uint8_t firstIoVec_ = maxIovecs_;
+    Mox::Ptr<SharedBuffer> sharedBuffer_;
+    uint8_t* privateData_ = privateArea_ + privateAreaBytes;
+    uint32_t privateDataBytes_ = 0;
+    uint32_t magicBarrier0_ = magicValue;
+    uint8_t privateArea_[privateAreaBytes];
+    uint32_t magic_ = magicValue;
+    [[maybe_unused]] uint32_t reserved_ = 0;
+    uint16_t separateVlanTci_ = 0;
+    uint16_t separateVlanTpid_ = 0;
+    bool hasSeparateVlanTag_ = false;
+    Pkt* nextUsed_ = nullptr;  // While put aside.
+};
+
+/// An allocation, and the range of data in it. Fresh, it is all head room. The operations move the
+/// range; none allocates or writes a byte. A range that leaves the allocation is fatal:
+/// "ptrWithinRegion( data_, buffer_, size_ )" for its start,
+/// "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )" for its end.
+class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::PtrInterface {
+  public:
+    ~SharedBuffer() override;
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory, std::size_t bytes);
+    const Mox::FwkType* fwkType() const override;
+
+    /// Bytes allocated.
+    uint32_t size() const { return size_; }
+    uint8_t* data() { return data_; }
+    const uint8_t* data() const { return data_; }
+    uint32_t dataBytes() const { return dataBytes_; }
+    /// Bytes before the data.
+    uint32_t headRoom() const { return static_cast<uint32_t>(data_ - buffer_); }
+    /// Bytes behind the data.
+    uint32_t tailRoom() const { return size_ - headRoom() - dataBytes_; }
+
+    void newHeadData(uint32_t n) { rangeIs(headRoom() - int64_t{n}, dataBytes_ + int64_t{n}); }
+    void delHeadData(uint32_t n) { rangeIs(headRoom() + int64_t{n}, dataBytes_ - int64_t{n}); }
+    void newTailData(uint32_t n) { rangeIs(headRoom(), dataBytes_ + int64_t{n}); }
+    void delTailData(uint32_t n) { rangeIs(headRoom(), dataBytes_ - int64_t{n}); }
+
+  private:
+    friend class Pkt;
+    friend class UsedPkts;
+
+    explicit SharedBuffer(uint32_t size);
+    static Mox::Ptr<SharedBuffer> create(uint32_t size);
+    // Puts the range, which is empty, `tailRoom` bytes before the end.
+    void placeEmptyData(uint32_t tailRoom) { rangeIs(int64_t{size_} - tailRoom, 0); }
+    // In numbers wide enough for any `n`, before a pointer is made of them.
+    void rangeIs(int64_t headRoom, int64_t dataBytes) {
+        Mox::require(headRoom >= 0 && headRoom <= size_,
+                     "ptrWithinRegion( data_, buffer_, size_ )");
+        Mox::require(dataBytes >= 0 && headRoom + dataBytes <= size_,
+                     "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+        data_ = buffer_ + headRoom;
+        dataBytes_ = static_cast<uint32_t>(dataBytes);
+    }
+
+    uint8_t* buffer_;
+    uint32_t size_;
+    uint8_t* data_;
+    uint32_t dataBytes_ = 0;
+};
+
+inline void Pkt::updateSharedIovec() {
+    requireSharedBuffer();
+    Mox::require(firstIoVec_ != maxIovecs_, "firstIoVec_ != maxIovecs_");
+    iovecs_[1] = {sharedBuffer_->data(), sharedBuffer_->dataBytes()};
+}
+
+inline uint8_t* Pkt::newSharedHeadData(uint32_t n) {
+    requireSharedBuffer();
+    if (n > sharedBuffer_->headRoom()) {
+        growHead(n);
+    }
+    sharedBuffer_->newHeadData(n);
+    updateSharedIovec();
+    return sharedBuffer_->data();
+}
+
+inline void Pkt::delSharedHeadData(uint32_t n) {
+    requireSharedBuffer();
+    sharedBuffer_->delHeadData(n);
+    updateSharedIovec();
+}
+
+inline uint8_t* Pkt::newSharedTailData(uint32_t n) {
+    requireSharedBuffer();
+    if (n > sharedBuffer_->tailRoom()) {
+        growTail(n);
+    }
+    uint8_t* tail = sharedBuffer_->data() + sharedBuffer_->dataBytes();
+    sharedBuffer_->newTailData(n);
+    updateSharedIovec();
+    return tail;
+}
+
+inline void Pkt::delSharedTailData(uint32_t n) {
+    requireSharedBuffer();
+    sharedBuffer_->delTailData(n);
+    updateSharedIovec();
+}
+
+/// Where packets come from. Packets with a buffer of the default size or of `largeBufferSize` are
+/// used again when they have gone, and so is the memory of other packets and buffers, so that a
+/// steady flow of packets does not reach the allocator; each thread keeps its own.
+class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
+  public:
+    /// The size of the buffer that a new packet gets.
+    static constexpr uint32_t defaultBufferSize = 1536;
+
+    explicit Manager(Mox::String name);
+    const Mox::FwkType* fwkType() const override;
+
+    const Mox::String& name() const { return name_; }
+
+    /// A packet without data, on a fresh buffer of the default size.
+    Mox::Ptr<Pkt> newPkt();
+    /// The same on a buffer of another size.
+    Mox::Ptr<Pkt> newPkt(uint32_t bufferSize);
+    Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize_); }
+    Mox::Ptr<SharedBuffer> newSharedBuffer(uint32_t size);
+    /// A packet with the same bytes, which shares the buffer of `pkt`; private bytes and separate
+    /// VLAN tag are copied.
+    Mox::Ptr<Pkt> newShallowCopy(const Mox::Ptr<Pkt>& pkt);
+
+  private:
+    Mox::String name_;
+    uint32_t defaultBufferSize_ = defaultBufferSize;
+};
+
+/// The manager of the process, "Pkt::Manager", made at the first call and held to the end.
+PAVO_EXPORT const Mox::Ptr<Pkt::Manager>& globalPktManager();
+
+/// A packet without data, on a buffer of its own of `largeBufferSize` bytes.
+PAVO_EXPORT Mox::Ptr<Pkt> pktFactory();
+
+}  // namespace Pavo

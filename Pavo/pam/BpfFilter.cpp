@@ -1,0 +1,216 @@
+#include "Pavo/pam/BpfFilter.h"
+
+#include <pcap/pcap.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Mox/Assert.h"
+#include "Mox/Trace.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility trace("Pavo::BpfFilter");
+
+// Levels of trace.
+constexpr int failureLevel = 0;
+constexpr int matchLevel = 6;
+constexpr int compileLevel = 7;
+
+// What a program returns for a packet that passes, which the kernel takes as the length to keep.
+constexpr int etherSnapBytes = 65535;
+constexpr int ipSnapBytes = 262144;  // More than any packet has.
+
+// Compiles into `*program`, which the caller releases; returns what is wrong, empty on success.
+Mox::String compileWith(pcap_t* handle, const Mox::String& expression, bpf_program* program) {
+    if (expression.view().find('\0') != std::string_view::npos) {
+        return "a zero byte in the expression";  // Behind which libpcap would not look.
+    }
+    constexpr int optimize = 1;
+    const int result =
+        pcap_compile(handle, program, expression.c_str(), optimize, PCAP_NETMASK_UNKNOWN);
+    return result == -1 ? Mox::String(pcap_geterr(handle)) : Mox::String();
+}
+
+Mox::String compilePcapFilter(const Mox::String& name, int linkType, int snapBytes,
+                              const Mox::String& expression, bpf_program* program) {
+    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> handle(pcap_open_dead(linkType, snapBytes),
+                                                            pcap_close);
+    if (!handle) {
+        return "out of memory";
+    }
+    MOX_TRACE(trace, compileLevel, name, " compiling ", expression);
+    Mox::String error = compileWith(handle.get(), expression, program);
+    if (!error.empty()) {
+        MOX_TRACE(trace, failureLevel, name, " compilation failed with error: ", error);
+    }
+    return error;
+}
+
+// What pcap_offline_filter(3) does, without its header: that holds a time, which is wider here than
+// in the library where the word has 32 bits.
+inline uint32_t run(const bpf_program& program, const uint8_t* data, uint32_t bytes) {
+    return bpf_filter(program.bf_insns, data, bytes, bytes);
+}
+
+// A program of libpcap, as the kernel and `rxFilter` have it.
+std::vector<IpFilter> instructionsOf(const bpf_program& program) {
+    std::vector<IpFilter> instructions;
+    instructions.reserve(program.bf_len);
+    for (uint32_t i = 0; i < program.bf_len; ++i) {
+        const bpf_insn& each = program.bf_insns[i];
+        instructions.emplace_back(each.code, each.jt, each.jf, each.k);
+    }
+    return instructions;
+}
+
+// The kernel jumps forwards only; libpcap also jumps back, by a distance that wraps around.
+bool hasLoop(const std::vector<IpFilter>& program) {
+    for (uint32_t i = 0; i < program.size(); ++i) {
+        if (program[i].code() == (BPF_JMP | BPF_JA) && program[i].k() >= program.size() - i - 1) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+constinit const Mox::FwkType BpfFilter::type{"Pavo::BpfFilter", nullptr, {}};
+
+BpfFilter::BpfFilter(Mox::String name) : name_(std::move(name)) {
+    handleFilterString();
+}
+
+BpfFilter::~BpfFilter() {
+    programDel();
+}
+
+const Mox::FwkType* BpfFilter::fwkType() const {
+    return &type;
+}
+
+void BpfFilter::bpfFilterStringIs(Mox::String expression) {
+    if (expression == bpfFilterString_) {
+        return;
+    }
+    bpfFilterString_ = std::move(expression);
+    handleFilterString();
+}
+
+Mox::String BpfFilter::tryCompile(const Mox::String& expression) {
+    if (expression == bpfFilterString_) {
+        return {};
+    }
+    Mox::String stored = expression;
+    bpf_program program{};
+    if (!stored.empty()) {
+        const Mox::String error =
+            compilePcapFilter(name_, DLT_EN10MB, etherSnapBytes, stored, &program);
+        if (!error.empty()) {
+            return error;
+        }
+    }
+    programDel();
+    bpfFilterString_ = std::move(stored);
+    if (!bpfFilterString_.empty()) {
+        programIs(program);
+    }
+    return {};
+}
+
+void BpfFilter::handleFilterString() {
+    programDel();
+    if (bpfFilterString_.empty()) {
+        return;
+    }
+    bpf_program program{};
+    const Mox::String error =
+        compilePcapFilter(name_, DLT_EN10MB, etherSnapBytes, bpfFilterString_, &program);
+    Mox::require(error.empty(), "false");
+    programIs(program);
+}
+
+bool BpfFilter::match(const Mox::Ptr<Pkt>& pkt) const {
+    // A program without instructions passes everything to bpf_filter, and nothing to libpcap.
+    if (bpfFilter_ == nullptr || bpfFilter_->bf_insns == nullptr) {
+        return false;
+    }
+    const bool isSplit = pkt->firstIoVec() == 0 && pkt->iovec(1).bytes != 0;
+    if (isSplit || trace.isEnabled(matchLevel)) {
+        return matchSlowly(*pkt);
+    }
+    return run(*bpfFilter_, pkt->frontData(), pkt->frontBytes()) != 0;
+}
+
+bool BpfFilter::matchSlowly(const Pkt& pkt) const {
+    joined_.clear();  // Keeps its memory.
+    for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
+        const Pkt::Iovec& each = pkt.iovec(i);
+        joined_.insert(joined_.end(), each.data, each.data + each.bytes);
+    }
+    const uint32_t result = run(*bpfFilter_, joined_.data(), pkt.totalBytes());
+    MOX_TRACE(trace, matchLevel, "Did filter ", name_, " match? ", result);
+    return result != 0;
+}
+
+void BpfFilter::programDel() {
+    if (initialized_ && bpfFilter_ != nullptr) {
+        pcap_freecode(bpfFilter_);
+        MOX_TRACE(trace, compileLevel, "Freed ", name_);
+    }
+    bpfFilter_ = nullptr;
+    initialized_ = true;
+}
+
+void BpfFilter::programIs(const bpf_program& program) {
+    bpfFilterHolder_ = program;
+    bpfFilter_ = &bpfFilterHolder_;
+    MOX_TRACE(trace, compileLevel, "Constructed bpf filter for ", name_);
+}
+
+Mox::Ptr<BpfFilter> bpfFilterFactory(Mox::String name) {
+    return Mox::make<BpfFilter>(std::move(name));
+}
+
+Mox::String ipFilterFromText(const Mox::String& expression, std::vector<IpFilter>* program) {
+    bpf_program compiled{};
+    const Mox::String error =
+        compilePcapFilter("rxFilter", DLT_RAW, ipSnapBytes, expression, &compiled);
+    if (!error.empty()) {
+        return error;
+    }
+    const std::unique_ptr<bpf_program, void (*)(bpf_program*)> owner(&compiled, pcap_freecode);
+    if (compiled.bf_len > maxIpFilterInstructions) {
+        return std::to_string(compiled.bf_len) + " instructions, and a receive filter has " +
+               std::to_string(maxIpFilterInstructions) + " at most";
+    }
+    std::vector<IpFilter> instructions = instructionsOf(compiled);
+    if (hasLoop(instructions)) {
+        return "a loop, which the kernel does not take";
+    }
+    *program = std::move(instructions);
+    return {};
+}
+
+Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam) {
+    std::vector<IpFilter> program;
+    Mox::String error = ipFilterFromText(expression, &program);
+    if (!error.empty()) {
+        return error;
+    }
+    const auto count = static_cast<uint32_t>(program.size());
+    for (uint32_t i = 0; i < count; ++i) {
+        pam->rxFilterIs(static_cast<uint8_t>(i), program[i]);
+    }
+    for (uint32_t i = pam->rxFilter().members(); i > count; --i) {
+        pam->rxFilterDel(static_cast<uint8_t>(i - 1));
+    }
+    return {};
+}
+
+}  // namespace Pavo

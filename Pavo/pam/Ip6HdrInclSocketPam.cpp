@@ -1,0 +1,129 @@
+#include "Pavo/pam/Ip6HdrInclSocketPam.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "Mox/Assert.h"
+
+namespace Pavo {
+
+namespace {
+
+// The options that say how packets are sent.
+constexpr uint32_t txOptions = ipFreeBind | ipMulticastLoop | ipTransparent | ipPriority;
+
+}  // namespace
+
+constinit const Mox::FwkType Ip6HdrInclSocketPam::type{
+    "Pavo::Ip6HdrInclSocketPam", &Ip6SocketPam::type, {}};
+
+Ip6HdrInclSocketPam::Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol,
+                                         NamespaceName netNs)
+    : Ip6SocketPam(std::move(name), protocol, std::move(netNs)) {}
+
+Ip6HdrInclSocketPam::~Ip6HdrInclSocketPam() = default;
+
+const Mox::FwkType* Ip6HdrInclSocketPam::fwkType() const {
+    return &type;
+}
+
+void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
+    if (!enable) {
+        Ip6SocketPam::enabledIsImpl(false);
+        return;
+    }
+    txPamIs();
+    const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+    try {
+        txPamOptionsAre();
+        inner->enabledIs(true);
+        // From here on: the bumps at birth are those of this endpoint's own socket.
+        roomAgain_ = Mox::Watch<Ip6SocketPam>(inner, Pam::writableCountAttr,
+                                              [this] { writableCountInc(1); });
+        Ip6SocketPam::enabledIsImpl(true);
+    } catch (...) {
+        txPamDisable();
+        throw;
+    }
+}
+
+// The inner endpoint goes last: an observer of the end of this one may still send, or reopen it.
+void Ip6HdrInclSocketPam::handleCleanup() {
+    Ip6SocketPam::handleCleanup();
+    txPamDisable();
+}
+
+// Unless this endpoint has been enabled anew meanwhile.
+void Ip6HdrInclSocketPam::txPamDisable() {
+    if (txPam_ && !enabled()) {
+        roomAgain_ = {};
+        const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+        inner->enabledIs(false);
+    }
+}
+
+void Ip6HdrInclSocketPam::optionsIsImpl(uint32_t wanted) {
+    try {
+        Ip6SocketPam::optionsIsImpl(wanted);
+    } catch (...) {
+        changeTxPamOptions();  // Some may have changed before the one that failed.
+        throw;
+    }
+    changeTxPamOptions();
+}
+
+void Ip6HdrInclSocketPam::changeTxPamOptions() {
+    if (!enabled()) {
+        return;
+    }
+    try {
+        txPamOptionsAre();
+    } catch (...) {
+        handleCleanup();
+        throw;
+    }
+}
+
+void Ip6HdrInclSocketPam::txPamOptionsAre() {
+    const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+    inner->priorityIs(priority());
+    inner->optionsIs((options() & txOptions) | ipHdrIncl);
+}
+
+void Ip6HdrInclSocketPam::txPamIs() {
+    if (!txPam_) {
+        txPam_ = ip6SocketPamFactory(name(), IpProtocolNumber::reserved, netNs());
+    }
+}
+
+void Ip6HdrInclSocketPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
+    Mox::require(enabled(), "enabled()");
+    // An observer of what is counted may disable the endpoint, or drop it.
+    const Mox::Ptr<Ip6HdrInclSocketPam> hold(this);
+    const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+    txErrnoIs(0);
+    inner->txDstIpAddrIs(txDstIpAddr());
+    inner->txSrcIpAddrIs(txSrcIpAddr());
+    inner->txIfIndexIs(txIfIndex());
+    inner->txIfNameIs(txIfName());
+    inner->txFlagsIs(txFlags());
+    int32_t error = EBADF;  // Closed by somebody who watches it.
+    if (inner->enabled()) {
+        inner->txPktIs(std::move(pkt));
+        error = inner->txErrno();
+    }
+    if (error == 0) {
+        txPktCountInc(1);
+        return;
+    }
+    txErrnoIs(error);
+    txErrorsInc(1);
+}
+
+Mox::Ptr<Ip6HdrInclSocketPam> ip6HdrInclSocketPamFactory(Mox::String name,
+                                                         IpProtocolNumber protocol,
+                                                         NamespaceName netNs) {
+    return Mox::make<Ip6HdrInclSocketPam>(std::move(name), protocol, std::move(netNs));
+}
+
+}  // namespace Pavo

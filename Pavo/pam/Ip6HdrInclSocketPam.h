@@ -1,0 +1,59 @@
+/// @file
+/// Raw IPv6 endpoints that send with headers of their own.
+#pragma once
+
+#include <cstdint>
+
+#include "Mox/Entity.h"
+#include "Mox/Ptr.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/pam/Ip6SocketPam.h"
+
+namespace Pavo {
+
+/// A raw IPv6 endpoint that receives on a socket of its protocol and sends packets that begin with
+/// their own IPv6 header, whatever is in there, through an inner endpoint on an IPPROTO_RAW socket
+/// of the same namespace. The two are enabled together or not at all, and disabled together.
+///
+/// For a send, the inner endpoint is given the destination, interface, source (which has to be an
+/// address of the host, and selects the route only) and flags set here; counts and `txErrno` of the
+/// send, and word of room after an EAGAIN, come back to this one. The options `ipFreeBind`,
+/// `ipMulticastLoop`, `ipTransparent` and `ipPriority` are set on both sockets; where the inner one
+/// refuses, the endpoint is disabled. `txTOS`, `txTTL` and packet options are of no effect.
+class PAVO_EXPORT Ip6HdrInclSocketPam : public Ip6SocketPam {
+  public:
+    static const Mox::FwkType type;
+
+    Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// @pre enabled (assertion "enabled()").
+    void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
+    void optionsIsImpl(uint32_t options) override;
+    void enabledIsImpl(bool enabled) override;
+    void handleCleanup() override;
+
+    /// The inner endpoint, enabled while this one is; null before it is first made.
+    const Mox::Ptr<Ip6SocketPam>& txPam() const { return txPam_; }
+    /// Makes the inner endpoint, unless there is one; the first enabling does it as well.
+    void txPamIs();
+
+  protected:
+    ~Ip6HdrInclSocketPam() override;
+
+  private:
+    void txPamDisable();
+    void txPamOptionsAre();
+    void changeTxPamOptions();
+
+    Mox::Ptr<Ip6SocketPam> txPam_;
+    Mox::Watch<Ip6SocketPam> roomAgain_;
+};
+
+/// A disabled endpoint for `protocol` in the namespace `netNs`.
+PAVO_EXPORT Mox::Ptr<Ip6HdrInclSocketPam> ip6HdrInclSocketPamFactory(Mox::String name,
+                                                                     IpProtocolNumber protocol,
+                                                                     NamespaceName netNs);
+
+}  // namespace Pavo

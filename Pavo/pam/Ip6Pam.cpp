@@ -1,0 +1,231 @@
+#include "Pavo/pam/Ip6Pam.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Mox/Assert.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr const Mox::AttributeBase* attributes[] = {&Ip6Pam::numRecvMsgErrorsAttr,
+                                                    &Ip6Pam::numCmsgDataErrorsAttr};
+constexpr const Mox::AttributeBase* vrrpAttributes[] = {&Ip6PamVrrp::mcastGroupAttr};
+
+constexpr uint32_t reported = ipPktInfo | ipRecvTOS | ipRecvTTL;
+
+IpProtocolNumber protocolOf(Ip6Pam::Mode mode) {
+    switch (mode) {
+        case Ip6Pam::Mode::icmp6:
+            return IpProtocolNumber::ipv6Icmp;
+        case Ip6Pam::Mode::vrrp:
+            return IpProtocolNumber::vrrp;
+        default:
+            return IpProtocolNumber::ipv6NoNxt;
+    }
+}
+
+RxPacketInfo rxInfoOf(const Ip6PktInfo& info) {
+    RxPacketInfo rx;
+    rx.srcIpAddr = info.src;
+    rx.dstIpAddr = info.dst;
+    rx.ifIndex = info.ifIndex;
+    rx.tos = info.trafficClass;
+    rx.ttl = info.hopLimit;
+    return rx;
+}
+
+}  // namespace
+
+constinit const Mox::FwkType Ip6Pam::type{"Pavo::Ip6Pam", &Ip6SocketPam::type, attributes};
+
+Ip6Pam::Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs)
+    : Ip6SocketPam(std::move(name), protocolOf(mode), std::move(netNs)), mode_(mode) {
+    optionsStore(reported);
+}
+
+Ip6Pam::~Ip6Pam() = default;
+
+const Mox::FwkType* Ip6Pam::fwkType() const {
+    return &type;
+}
+
+void Ip6Pam::enabledIsImpl(bool enable) {
+    if (mode_ != Mode::test || !enable) {
+        Ip6SocketPam::enabledIsImpl(enable);
+        return;
+    }
+    start();
+    try {
+        // As the machine of a socket does at its birth, and a report for each packet that waits.
+        for (uint32_t reports = std::max(testBuff(TestBuff::rx).members(), 1u);
+             reports > 0 && enabled(); --reports) {
+            readableCountInc(1);
+        }
+        if (enabled()) {
+            writableCountInc(1);
+        }
+    } catch (...) {
+        handleCleanup();
+        throw;
+    }
+}
+
+void Ip6Pam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
+    if (mode_ != Mode::test) {
+        Ip6SocketPam::txPktIsImpl(std::move(pkt));
+        return;
+    }
+    Mox::require(enabled(), "enabled()");
+    const Mox::Ptr<Ip6Pam> hold(this);
+    if (isForeign(txDstIpAddr()) || isForeign(txSrcIpAddr())) {
+        txErrnoIs(EAFNOSUPPORT);
+        txErrorsInc(1);
+        return;
+    }
+    const Mox::Ptr<Pkt> copy = globalPktManager()->newPkt();
+    copy->bytesValueIs(pkt->bytesValue(), /*atTail=*/true);
+    testBuffPush(TestBuff::tx, {copy, txSrcIpAddr().v6Addr(), txDstIpAddr().v6Addr(), txIfIndex(),
+                                txTTL().value(), txTOS().value()});
+    txErrnoIs(0);
+    txPktCountInc(1);
+}
+
+void Ip6Pam::testBuffPush(TestBuff buff, Ip6PktInfo info) {
+    Mox::require(info.pkt != nullptr, "info.pkt");
+    testBuffs_[static_cast<uint32_t>(buff)].push(std::move(info));
+    if (buff == TestBuff::rx && enabled()) {
+        readableCountInc(1);
+    }
+}
+
+Ip6PktInfo Ip6Pam::testBuffPop(TestBuff buff) {
+    Mox::Queue<Ip6PktInfo>& queue = testBuffs_[static_cast<uint32_t>(buff)];
+    return queue.empty() ? Ip6PktInfo() : queue.pop();
+}
+
+void Ip6Pam::doGetRxPktSingle() {
+    if (mode_ == Mode::test && enabled()) {
+        testRead();
+        return;
+    }
+    Ip6SocketPam::doGetRxPktSingle();
+    countFaults();
+}
+
+int32_t Ip6Pam::doGetRxPktBulk() {
+    if (mode_ == Mode::test && enabled()) {
+        return testBulkRead();
+    }
+    const int32_t packets = Ip6SocketPam::doGetRxPktBulk();
+    countFaults();
+    return packets;
+}
+
+void Ip6Pam::testRead() {
+    const Ip6PktInfo info = testBuffPop(TestBuff::rx);
+    if (!info.pkt) {
+        rxErrorsInc(1);
+        return;
+    }
+    packetInfoIs(rxInfoOf(info), options() & reported);
+    rxPktCountInc(1);
+    rxPktIs(info.pkt);
+}
+
+int32_t Ip6Pam::testBulkRead() {
+    nothingInBulk();
+    uint32_t packets = 0;
+    while (packets < bulkSlots() && !testBuff(TestBuff::rx).empty()) {
+        const Ip6PktInfo info = testBuffPop(TestBuff::rx);
+        slotIs(packets++, info.pkt, rxInfoOf(info));
+        packetInfoIs(rxInfoOf(info), options() & reported);
+    }
+    if (packets == 0) {
+        rxErrorsInc(1);
+    } else {
+        rxPktCountInc(packets);
+    }
+    return static_cast<int32_t>(packets);
+}
+
+// The endpoint is held by whoever reads.
+void Ip6Pam::countFaults() {
+    numRecvMsgErrorsInc(takeFailedReads());
+    numCmsgDataErrorsInc(takeFaultyControlData());
+}
+
+uint32_t Ip6Pam::numRecvMsgErrorsInc(uint32_t delta) {
+    const Mox::Ptr<Ip6Pam> hold(this);
+    numRecvMsgErrorsIs(numRecvMsgErrors_ + delta);
+    return numRecvMsgErrors_;
+}
+
+uint32_t Ip6Pam::numCmsgDataErrorsInc(uint32_t delta) {
+    const Mox::Ptr<Ip6Pam> hold(this);
+    numCmsgDataErrorsIs(numCmsgDataErrors_ + delta);
+    return numCmsgDataErrors_;
+}
+
+constinit const Mox::FwkType Ip6PamVrrp::type{"Pavo::Ip6PamVrrp", &Ip6Pam::type, vrrpAttributes};
+
+Ip6PamVrrp::Ip6PamVrrp(Mox::String name, uint32_t ifIndex, NamespaceName netNs)
+    : Ip6Pam(std::move(name), Mode::vrrp, std::move(netNs)), ifIndex_(ifIndex) {
+    txDstIpAddrIs(mcastGroup_);
+    txIfIndexIs(ifIndex);
+    txTTLIs(255);
+}
+
+Ip6PamVrrp::~Ip6PamVrrp() = default;
+
+const Mox::FwkType* Ip6PamVrrp::fwkType() const {
+    return &type;
+}
+
+void Ip6PamVrrp::enabledIsImpl(bool enable) {
+    if (!enable) {
+        Ip6Pam::enabledIsImpl(false);
+        return;
+    }
+    open();
+    try {
+        membershipIs(ifIndex_, mcastGroup_, true);
+    } catch (...) {
+        fileDescDel();
+        throw;
+    }
+    start();
+}
+
+// The new group first, so that a failure takes nothing away.
+void Ip6PamVrrp::mcastGroupIs(const Ip6Addr& group) {
+    if (group == mcastGroup_) {
+        return;
+    }
+    membershipIs(ifIndex_, group, true);
+    try {
+        membershipIs(ifIndex_, mcastGroup_, false);
+    } catch (...) {
+        membershipIs(ifIndex_, group, false);
+        throw;
+    }
+    const Mox::Ptr<Ip6PamVrrp> hold(this);
+    const bool sentThere = txDstIpAddr() == IpGenAddr(mcastGroup_);
+    mcastGroup_ = group;
+    if (sentThere) {
+        txDstIpAddrIs(group);
+    }
+    notify(mcastGroupAttr);
+}
+
+Mox::Ptr<Ip6Pam> ip6PamFactory(Mox::String name, Ip6Pam::Mode mode, NamespaceName netNs) {
+    return Mox::make<Ip6Pam>(std::move(name), mode, std::move(netNs));
+}
+
+Mox::Ptr<Ip6PamVrrp> ip6PamVrrpFactory(Mox::String name, uint32_t ifIndex, NamespaceName netNs) {
+    return Mox::make<Ip6PamVrrp>(std::move(name), ifIndex, std::move(netNs));
+}
+
+}  // namespace Pavo

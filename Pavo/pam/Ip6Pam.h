@@ -1,0 +1,133 @@
+/// @file
+/// IPv6 endpoints of control protocols.
+#pragma once
+
+#include <cstdint>
+
+#include "Mox/Collections.h"
+#include "Mox/Ptr.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/pam/Ip6SocketPam.h"
+#include "Pavo/value/Ip6Addr.h"
+
+namespace Pavo {
+
+/// A packet and what goes with it, as an endpoint in a test sends or receives it.
+struct Ip6PktInfo {
+    Mox::Ptr<Pkt> pkt;
+    Ip6Addr src;
+    Ip6Addr dst;
+    uint32_t ifIndex = 0;
+    uint8_t hopLimit = 0;
+    uint8_t trafficClass = 0;
+};
+
+/// The IPv6 endpoint of an agent that speaks a control protocol. Destination, arrival interface,
+/// hop limit and traffic class of received packets are reported from the start.
+///
+/// In a test there is no socket, and no privilege is needed: what the agent sends is queued, and
+/// what the test puts into the other queue is what the agent reads.
+class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
+  public:
+    /// What the endpoint is attached to: a raw socket of the protocol, or queues.
+    enum class Mode : uint32_t { icmp6, vrrp, test };
+    /// The queues of an endpoint in a test: of sent packets, and of those to be received.
+    enum class TestBuff : uint32_t { tx, rx };
+
+    static constexpr Mox::Attribute<Ip6Pam> numRecvMsgErrorsAttr{34, "numRecvMsgErrors"};
+    static constexpr Mox::Attribute<Ip6Pam> numCmsgDataErrorsAttr{35, "numCmsgDataErrors"};
+    static const Mox::FwkType type;
+
+    Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// @pre enabled (assertion "enabled()").
+    void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
+    void enabledIsImpl(bool enabled) override;
+    void doGetRxPktSingle() override;
+    int32_t doGetRxPktBulk() override;
+
+    Mode mode() const { return mode_; }
+
+    /// Packets received and sent.
+    uint64_t rxPkts() const { return rxPktCount(); }
+    uint64_t txPkts() const { return txPktCount(); }
+    /// Reads that failed, those left out that found nothing to read.
+    uint32_t numRecvMsgErrors() const { return numRecvMsgErrors_; }
+    void numRecvMsgErrorsIs(uint32_t errors) {
+        attributeIs(numRecvMsgErrors_, errors, numRecvMsgErrorsAttr);
+    }
+    uint32_t numRecvMsgErrorsInc(uint32_t delta);
+    /// Packets received whose control data was cut, or lacked what the options ask for.
+    uint32_t numCmsgDataErrors() const { return numCmsgDataErrors_; }
+    void numCmsgDataErrorsIs(uint32_t errors) {
+        attributeIs(numCmsgDataErrors_, errors, numCmsgDataErrorsAttr);
+    }
+    uint32_t numCmsgDataErrorsInc(uint32_t delta);
+
+    /// The records in a queue, in the order in which they came. A sent packet is there as a copy,
+    /// with `txIfIndex` as its interface; `txIfName` is not looked up.
+    const Mox::Queue<Ip6PktInfo>& testBuff(TestBuff buff) const { return buffOf(buff); }
+    /// Adds a record; one to be received bumps `readableCount` of an enabled endpoint. Assertion
+    /// "info.pkt" for one without a packet.
+    void testBuffPush(TestBuff buff, Ip6PktInfo info);
+    /// Takes the oldest record; one without a packet where there is none.
+    Ip6PktInfo testBuffPop(TestBuff buff);
+
+  protected:
+    ~Ip6Pam() override;
+
+  private:
+    const Mox::Queue<Ip6PktInfo>& buffOf(TestBuff buff) const {
+        return testBuffs_[static_cast<uint32_t>(buff)];
+    }
+    void testRead();
+    int32_t testBulkRead();
+    void countFaults();
+
+    Mode mode_;
+    uint32_t numRecvMsgErrors_ = 0;
+    uint32_t numCmsgDataErrors_ = 0;
+    Mox::Queue<Ip6PktInfo> testBuffs_[2];
+};
+
+/// The endpoint of VRRP on one interface (RFC 9568): from being enabled on it is a member of the
+/// group there, and unless told otherwise it sends to the group, on that interface, with the hop
+/// limit 255 that receivers insist on. It hears the packets of other interfaces too, where their
+/// group was joined by somebody; `rxIfIndex` tells.
+class PAVO_EXPORT Ip6PamVrrp : public Ip6Pam {
+  public:
+    static constexpr Mox::Attribute<Ip6PamVrrp> mcastGroupAttr{36, "mcastGroup"};
+    static const Mox::FwkType type;
+
+    Ip6PamVrrp(Mox::String name, uint32_t ifIndex, NamespaceName netNs);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// @throws Mox::ErrnoException "setsockopt(IPV6_JOIN_GROUP)" too.
+    void enabledIsImpl(bool enabled) override;
+
+    uint32_t ifIndex() const { return ifIndex_; }
+    /// The group, ff02::12 at first. While enabled a change joins the new group and leaves the old
+    /// one; packets that went to the old group go to the new one.
+    /// @throws Mox::ErrnoException "setsockopt(IPV6_JOIN_GROUP)" or "setsockopt(IPV6_LEAVE_GROUP)";
+    /// the group and the membership are then those from before.
+    const Ip6Addr& mcastGroup() const { return mcastGroup_; }
+    void mcastGroupIs(const Ip6Addr& group);
+
+  protected:
+    ~Ip6PamVrrp() override;
+
+  private:
+    uint32_t ifIndex_;
+    Ip6Addr mcastGroup_ = ip6AddrVrrp;
+};
+
+/// A disabled endpoint in the namespace `netNs`.
+PAVO_EXPORT Mox::Ptr<Ip6Pam> ip6PamFactory(Mox::String name, Ip6Pam::Mode mode,
+                                           NamespaceName netNs);
+PAVO_EXPORT Mox::Ptr<Ip6PamVrrp> ip6PamVrrpFactory(Mox::String name, uint32_t ifIndex,
+                                                   NamespaceName netNs);
+
+}  // namespace Pavo

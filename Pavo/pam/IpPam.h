@@ -1,0 +1,288 @@
+/// @file
+/// The attributes and options of a raw IP endpoint.
+#pragma once
+
+#include <cstdint>
+
+#include "Mox/Collections.h"
+#include "Mox/FileDescriptor.h"
+#include "Mox/ValueType.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
+#include "Pavo/pam/Pam.h"
+#include "Pavo/pam/PamFdSm.h"
+#include "Pavo/value/Ip.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/NamespaceName.h"
+
+namespace Pavo {
+
+/// Socket options of an IP endpoint, as bits; each drives the Linux option named beside it (ip(7),
+/// socket(7)), or that of IPv6 which `Ip6SocketPam` names.
+enum IpSocketOptions : uint32_t {
+    none = 0,
+    ipFreeBind = 0x0001,         ///< IP_FREEBIND
+    ipHdrIncl = 0x0002,          ///< IP_HDRINCL: packets are sent with their IP header
+    ipMulticastLoop = 0x0004,    ///< IP_MULTICAST_LOOP, which the kernel has on by itself
+    ipPktInfo = 0x0008,          ///< IP_PKTINFO: fills `rxIfIndex` and `rxDstIpAddr`
+    ipRecvErr = 0x0010,          ///< IP_RECVERR; the error queue is drained and counted
+    ipRecvOrigDstAddr = 0x0020,  ///< IP_RECVORIGDSTADDR: fills `rxOrigDstIpAddr`
+    ipRecvTOS = 0x0040,          ///< IP_RECVTOS: fills `rxTOS`
+    ipRecvTTL = 0x0080,          ///< IP_RECVTTL: fills `rxTTL`
+    ipRouterAlert = 0x0100,      ///< IP_ROUTER_ALERT: hears packets that carry the alert
+    ipTransparent = 0x0200,      ///< IP_TRANSPARENT
+    ipAttachFilter = 0x0400,     ///< SO_ATTACH_FILTER with `rxFilter`
+    ipRcvBuf = 0x0800,           ///< SO_RCVBUFFORCE with `rxBuf`
+    ipPriority = 0x1000,         ///< SO_PRIORITY with `priority`
+    ipv6Checksum = 0x2000,       ///< IPV6_CHECKSUM, of the IPv6 endpoints
+};
+
+/// Bands of socket priority, for `priority` (the kernel's TC_PRIO_ numbers).
+enum IpTrafficControl : uint32_t {
+    tcPrioBestEffort = 0,
+    tcPrioFiller = 1,
+    tcPrioBulk = 2,
+    tcPrioInteractiveBulk = 4,
+    tcPrioInteractive = 6,
+    tcPrioControl = 7,
+    tcPrioMax = 15,
+};
+
+/// IP options that sent packets carry.
+enum IpPktOption : uint32_t {
+    ipPktRouterAlert = 0,  ///< RFC 2113, RFC 2711
+};
+
+/// One classic BPF instruction, laid out as the kernel's `sock_filter`, in host order.
+class IpFilter : public Mox::ValueType<IpFilter> {
+  public:
+    constexpr IpFilter() = default;
+    constexpr IpFilter(uint16_t code, uint8_t jt, uint8_t jf, uint32_t k)
+        : code_(code), jt_(jt), jf_(jf), k_(k) {}
+    IpFilter(TextIt& it, const TextIt& end) { readText(it, end); }
+    IpFilter(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    constexpr uint16_t code() const { return code_; }
+    /// Instructions to leave out when the test of a jump holds, and when it does not.
+    constexpr uint8_t jt() const { return jt_; }
+    constexpr uint8_t jf() const { return jf_; }
+    constexpr uint32_t k() const { return k_; }
+
+    friend constexpr auto operator<=>(const IpFilter&, const IpFilter&) = default;
+
+    static constexpr const char* leftoverText = "Invalid IpFilter";
+    static constexpr auto description() {
+        return Mox::record("Pavo::IpFilter", Mox::field("code", &IpFilter::code_),
+                           Mox::field("jt", &IpFilter::jt_), Mox::field("jf", &IpFilter::jf_),
+                           Mox::field("k", &IpFilter::k_));
+    }
+
+  private:
+    uint16_t code_ = 0;
+    uint8_t jt_ = 0;
+    uint8_t jf_ = 0;
+    uint32_t k_ = 0;
+};
+static_assert(std::is_trivially_copyable_v<IpFilter> && sizeof(IpFilter) == 8);
+
+/// A packet endpoint on a raw IP socket: one per IP protocol and network namespace. It holds what
+/// the endpoints of both families have in common; `RawIpPam` does the work.
+///
+/// The `tx` attributes describe the next packet sent, the `rx` attributes the last one received; an
+/// `rx` attribute that a packet does not carry keeps its value.
+class PAVO_EXPORT IpPam : public Pam {
+  public:
+    static constexpr Mox::Attribute<IpPam> enabledAttr{8, "enabled"};
+    static constexpr Mox::Attribute<IpPam> optionsAttr{9, "options"};
+    static constexpr Mox::Attribute<IpPam> enableBulkReadAttr{10, "enableBulkRead"};
+    static constexpr Mox::Attribute<IpPam> socketReadLimitAttr{11, "socketReadLimit"};
+    static constexpr Mox::Attribute<IpPam> maxRxPktDataAttr{12, "maxRxPktData"};
+    static constexpr Mox::Attribute<IpPam> rxBufAttr{13, "rxBuf"};
+    static constexpr Mox::Attribute<IpPam> priorityAttr{14, "priority"};
+    static constexpr Mox::Attribute<IpPam, uint8_t> rxFilterAttr{15, "rxFilter"};
+    static constexpr Mox::Attribute<IpPam> txIfNameAttr{16, "txIfName"};
+    static constexpr Mox::Attribute<IpPam> txIfIndexAttr{17, "txIfIndex"};
+    static constexpr Mox::Attribute<IpPam> txTOSAttr{18, "txTOS"};
+    static constexpr Mox::Attribute<IpPam> txTTLAttr{19, "txTTL"};
+    static constexpr Mox::Attribute<IpPam> txFlagsAttr{20, "txFlags"};
+    static constexpr Mox::Attribute<IpPam> txSrcIpAddrAttr{21, "txSrcIpAddr"};
+    static constexpr Mox::Attribute<IpPam> txDstIpAddrAttr{22, "txDstIpAddr"};
+    static constexpr Mox::Attribute<IpPam> txPktCountAttr{23, "txPktCount"};
+    static constexpr Mox::Attribute<IpPam> rxFlagsAttr{24, "rxFlags"};
+    static constexpr Mox::Attribute<IpPam> rxSrcIpAddrAttr{25, "rxSrcIpAddr"};
+    static constexpr Mox::Attribute<IpPam> rxDstIpAddrAttr{26, "rxDstIpAddr"};
+    static constexpr Mox::Attribute<IpPam> rxOrigDstIpAddrAttr{27, "rxOrigDstIpAddr"};
+    static constexpr Mox::Attribute<IpPam> rxIfIndexAttr{28, "rxIfIndex"};
+    static constexpr Mox::Attribute<IpPam> rxTOSAttr{29, "rxTOS"};
+    static constexpr Mox::Attribute<IpPam> rxTTLAttr{30, "rxTTL"};
+    static constexpr Mox::Attribute<IpPam> rxPktCountAttr{31, "rxPktCount"};
+    static const Mox::FwkType type;
+
+    IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
+
+    const Mox::FwkType* fwkType() const override;
+    /// Fails with the assertion "!\"IpPam doesn't use this interface.\"".
+    void doGetRxPkt() override;
+
+    /// Called when the attribute has changed, before any observer; the base does nothing. When one
+    /// throws, the attribute keeps the value it had.
+    virtual void handleTxTOS();
+    virtual void handleTxTTL();
+    virtual void handlePriority();
+    /// Makes the change; the base only stores it.
+    virtual void optionsIsImpl(uint32_t options);
+    virtual void enabledIsImpl(bool enabled);
+
+    IpProtocolNumber protocol() const { return protocol_; }
+    /// The network namespace in which the socket is opened.
+    const NamespaceName& netNs() const { return netNs_; }
+
+    /// Whether the socket is open.
+    bool enabled() const { return enabled_; }
+    /// @throws Mox::ErrnoException naming the call that failed; the endpoint is then disabled.
+    void enabledIs(bool enabled);
+    /// The options wanted, bits of `IpSocketOptions`; they describe the socket while it is open.
+    uint32_t options() const { return options_; }
+    /// @throws Mox::ErrnoException naming the option that failed.
+    void optionsIs(uint32_t options);
+
+    /// Read batches, with `rxPktBulk`, instead of single packets.
+    bool enableBulkRead() const { return enableBulkRead_; }
+    void enableBulkReadIs(bool enable);
+    /// The most packets a batch may have. Takes effect when bulk reading is next enabled.
+    uint8_t socketReadLimit() const { return socketReadLimit_; }
+    void socketReadLimitIs(uint8_t packets) {
+        attributeIs(socketReadLimit_, packets, socketReadLimitAttr);
+    }
+    /// Bytes offered to the kernel for a packet, at most what a packet's buffer holds (1536); what
+    /// is longer is cut off.
+    uint32_t maxRxPktData() const { return maxRxPktData_; }
+    void maxRxPktDataIs(uint32_t bytes) { attributeIs(maxRxPktData_, bytes, maxRxPktDataAttr); }
+    /// The receive buffer in bytes, applied with the option `ipRcvBuf`.
+    uint32_t rxBuf() const { return rxBuf_; }
+    void rxBufIs(uint32_t bytes) { attributeIs(rxBuf_, bytes, rxBufAttr); }
+    /// The socket priority, applied with the option `ipPriority`; see `IpTrafficControl`.
+    uint32_t priority() const { return priority_; }
+    void priorityIs(uint32_t priority);
+
+    /// The program that `ipAttachFilter` attaches; member i is instruction i.
+    IpFilter rxFilter(uint8_t index) const { return rxFilter_.at(index); }
+    const Mox::Array<IpFilter>& rxFilter() const { return rxFilter_; }
+    void rxFilterIs(uint8_t index, IpFilter instruction);
+    void rxFilterDel(uint8_t index);
+    void rxFilterDelAll();
+
+    /// The outgoing interface of the next packet, by name; looked up at each send, and only when
+    /// `txIfIndex` is 0.
+    const Mox::String& txIfName() const { return txIfName_; }
+    void txIfNameIs(Mox::String name) { attributeIs(txIfName_, std::move(name), txIfNameAttr); }
+    /// The same by index; 0 is none.
+    uint32_t txIfIndex() const { return txIfIndex_; }
+    void txIfIndexIs(uint32_t index) { attributeIs(txIfIndex_, index, txIfIndexAttr); }
+    /// The TOS byte of sent packets.
+    IpDscp txTOS() const { return txTOS_; }
+    void txTOSIs(IpDscp tos);
+    /// The TTL of sent packets, of IPv4 of those to one host; 0 leaves it to the kernel.
+    IpTtl txTTL() const { return txTTL_; }
+    void txTTLIs(IpTtl ttl);
+    /// Flags for sendmsg(2).
+    int txFlags() const { return txFlags_; }
+    void txFlagsIs(int flags) { attributeIs(txFlags_, flags, txFlagsAttr); }
+    /// The source of the next packet; unspecified leaves it to the kernel.
+    const IpGenAddr& txSrcIpAddr() const { return txSrcIpAddr_; }
+    void txSrcIpAddrIs(const IpGenAddr& address) {
+        attributeIs(txSrcIpAddr_, address, txSrcIpAddrAttr);
+    }
+    const IpGenAddr& txDstIpAddr() const { return txDstIpAddr_; }
+    void txDstIpAddrIs(const IpGenAddr& address) {
+        attributeIs(txDstIpAddr_, address, txDstIpAddrAttr);
+    }
+    uint64_t txPktCount() const { return txPktCount_; }
+    void txPktCountIs(uint64_t count) { attributeIs(txPktCount_, count, txPktCountAttr); }
+    uint64_t txPktCountInc(uint64_t delta);
+
+    /// Flags for recvmsg(2).
+    int rxFlags() const { return rxFlags_; }
+    void rxFlagsIs(int flags) { attributeIs(rxFlags_, flags, rxFlagsAttr); }
+    const IpGenAddr& rxSrcIpAddr() const { return rxSrcIpAddr_; }
+    void rxSrcIpAddrIs(const IpGenAddr& address) {
+        attributeIs(rxSrcIpAddr_, address, rxSrcIpAddrAttr);
+    }
+    /// The destination in the header; needs `ipPktInfo`.
+    const IpGenAddr& rxDstIpAddr() const { return rxDstIpAddr_; }
+    void rxDstIpAddrIs(const IpGenAddr& address) {
+        attributeIs(rxDstIpAddr_, address, rxDstIpAddrAttr);
+    }
+    /// The destination before any redirection; needs `ipRecvOrigDstAddr`.
+    const IpGenAddr& rxOrigDstIpAddr() const { return rxOrigDstIpAddr_; }
+    void rxOrigDstIpAddrIs(const IpGenAddr& address) {
+        attributeIs(rxOrigDstIpAddr_, address, rxOrigDstIpAddrAttr);
+    }
+    /// The arrival interface; needs `ipPktInfo`.
+    uint32_t rxIfIndex() const { return rxIfIndex_; }
+    void rxIfIndexIs(uint32_t index) { attributeIs(rxIfIndex_, index, rxIfIndexAttr); }
+    /// Needs `ipRecvTOS`.
+    uint8_t rxTOS() const { return rxTOS_; }
+    void rxTOSIs(uint8_t tos) { attributeIs(rxTOS_, tos, rxTOSAttr); }
+    /// Needs `ipRecvTTL`.
+    uint8_t rxTTL() const { return rxTTL_; }
+    void rxTTLIs(uint8_t ttl) { attributeIs(rxTTL_, ttl, rxTTLAttr); }
+    uint64_t rxPktCount() const { return rxPktCount_; }
+    void rxPktCountIs(uint64_t count) { attributeIs(rxPktCount_, count, rxPktCountAttr); }
+    uint64_t rxPktCountInc(uint64_t delta);
+
+    /// The socket and the machine that watches it; null while disabled.
+    const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }
+    const Mox::Ptr<PamFdSm>& fdSm() const { return fdSm_; }
+
+  protected:
+    ~IpPam() override;
+
+    void enabledStore(bool enabled) { attributeIs(enabled_, enabled, enabledAttr); }
+    void optionsStore(uint32_t options) { attributeIs(options_, options, optionsAttr); }
+    void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { fileDesc_ = std::move(fd); }
+    /// Makes the machine that watches `fileDesc`, unless there is none; its first bumps come at
+    /// once, and may disable the endpoint or open it anew.
+    void fdSmIs();
+    /// Drops the machine and closes the socket.
+    void fileDescDel();
+    /// The slots of a bulk read: `socketReadLimit` as it was when bulk reading was enabled.
+    uint32_t bulkSlots() const { return bulkSlots_; }
+
+  private:
+    IpProtocolNumber protocol_;
+    NamespaceName netNs_;
+    bool enabled_ = false;
+    bool enableBulkRead_ = false;
+    uint8_t socketReadLimit_ = 32;
+    uint8_t bulkSlots_ = 0;
+    uint8_t rxTOS_ = 0;
+    uint8_t rxTTL_ = 0;
+    IpDscp txTOS_;
+    IpTtl txTTL_;
+    uint32_t options_ = none;
+    uint32_t maxRxPktData_ = 1536;
+    uint32_t rxBuf_ = 0;
+    uint32_t priority_ = 0;
+    Mox::Array<IpFilter> rxFilter_;
+    Mox::String txIfName_;
+    uint32_t txIfIndex_ = 0;
+    int txFlags_ = 0;
+    int rxFlags_ = 0;
+    uint32_t rxIfIndex_ = 0;
+    IpGenAddr txSrcIpAddr_;
+    IpGenAddr txDstIpAddr_;
+    IpGenAddr rxSrcIpAddr_;
+    IpGenAddr rxDstIpAddr_;
+    IpGenAddr rxOrigDstIpAddr_;
+    uint64_t txPktCount_ = 0;
+    uint64_t rxPktCount_ = 0;
+    Mox::Ptr<Mox::FileDescriptor> fileDesc_;
+    Mox::Ptr<PamFdSm> fdSm_;
+};
+
+/// A disabled endpoint for `protocol` in the namespace `netNs`.
+PAVO_EXPORT Mox::Ptr<IpPam> ipPamFactory(Mox::String name, IpProtocolNumber protocol,
+                                         NamespaceName netNs);
+
+}  // namespace Pavo

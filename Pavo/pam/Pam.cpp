@@ -1,0 +1,153 @@
+#include "Pavo/pam/Pam.h"
+
+#include <utility>
+
+#include "Mox/Assert.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr const Mox::AttributeBase* attributes[] = {
+    &Pam::readableCountAttr, &Pam::writableCountAttr, &Pam::txDropsAttr,
+    &Pam::txErrorsAttr,      &Pam::txErrnoAttr,       &Pam::rxErrorsAttr,
+    &Pam::savedPacketAttr,   &Pam::savedPacketRxAttr,
+};
+
+}  // namespace
+
+constinit const Mox::FwkType Pam::type{"Pavo::Pam", &Mox::Entity::type, attributes};
+
+const Mox::FwkType* Pam::fwkType() const {
+    return &type;
+}
+
+PktTap::~PktTap() = default;
+
+Pam::~Pam() {
+    notifieeList()->delAll();
+}
+
+void Pam::handleReadableCount() {}
+
+void Pam::handleWritableCount() {}
+
+uint32_t Pam::rxDrops() const {
+    return rxDrops_;
+}
+
+void Pam::rxDropsIs(uint32_t drops) {
+    rxDrops_ = drops;
+}
+
+void Pam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
+    txPkt_ = std::move(pkt);
+}
+
+int32_t Pam::doGetBulkRxPkt() {
+    Mox::require(false, "0 && \"Need to implement doGetBulkRxPkt in a derived class\"");
+    return 0;
+}
+
+// The handler runs first, so that a subclass has read its packet before anybody else hears of it;
+// it may drop the last reference to the endpoint.
+void Pam::readableCountIs(uint32_t count) {
+    if (changed(readableCount_, count)) {
+        const Mox::Ptr<Pam> hold(this);
+        handleReadableCount();
+        notify(readableCountAttr);
+    }
+}
+
+void Pam::writableCountIs(uint32_t count) {
+    if (changed(writableCount_, count)) {
+        const Mox::Ptr<Pam> hold(this);
+        handleWritableCount();
+        notify(writableCountAttr);
+    }
+}
+
+uint32_t Pam::readableCountInc(uint32_t delta) {
+    const Mox::Ptr<Pam> hold(this);
+    readableCountIs(readableCount_ + delta);
+    return readableCount_;
+}
+
+uint32_t Pam::writableCountInc(uint32_t delta) {
+    const Mox::Ptr<Pam> hold(this);
+    writableCountIs(writableCount_ + delta);
+    return writableCount_;
+}
+
+// Reading is const for the agent, to whom the packet comes from outside; for the endpoint it is
+// not.
+Mox::Ptr<Pkt> Pam::rxPkt() const {
+    const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
+    self->doGetRxPkt();
+    if (tap_ && rxPkt_) {
+        tap_->handleRxPkt(*this, *rxPkt_, PktTap::noSlot);
+    }
+    return std::exchange(self->rxPkt_, nullptr);
+}
+
+int32_t Pam::rxPktBulk() const {
+    const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
+    return self->doGetBulkRxPkt();
+}
+
+uint32_t Pam::txDropsInc(uint32_t delta) {
+    const Mox::Ptr<Pam> hold(this);
+    txDropsIs(txDrops_ + delta);
+    return txDrops_;
+}
+
+uint32_t Pam::txErrorsInc(uint32_t delta) {
+    const Mox::Ptr<Pam> hold(this);
+    txErrorsIs(txErrors_ + delta);
+    return txErrors_;
+}
+
+uint32_t Pam::rxErrorsInc(uint32_t delta) {
+    const Mox::Ptr<Pam> hold(this);
+    rxErrorsIs(rxErrors_ + delta);
+    return rxErrors_;
+}
+
+void Pam::savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt) {
+    if (savedPacket_.is(slot, std::move(pkt))) {
+        notify(savedPacketAttr, slot);
+    }
+}
+
+void Pam::savedPacketDel(uint32_t slot) {
+    if (savedPacket_.del(slot)) {
+        notify(savedPacketAttr, slot);
+    }
+}
+
+void Pam::savedPacketDelAll() {
+    const Mox::Ptr<Pam> hold(this);
+    savedPacket_.delAll([this](uint32_t slot) { notify(savedPacketAttr, slot); });
+}
+
+void Pam::savedPacketRxIs(uint32_t slot, bool received) {
+    if (!received && slot >= savedPacketRx_.members()) {
+        return;
+    }
+    if (savedPacketRx_.is(slot, received)) {
+        notify(savedPacketRxAttr, slot);
+    }
+}
+
+void Pam::savedPacketRxDel(uint32_t slot) {
+    if (savedPacketRx_.del(slot)) {
+        notify(savedPacketRxAttr, slot);
+    }
+}
+
+void Pam::savedPacketRxDelAll() {
+    const Mox::Ptr<Pam> hold(this);
+    savedPacketRx_.delAll([this](uint32_t slot) { notify(savedPacketRxAttr, slot); });
+}
+
+}  // namespace Pavo

@@ -1,0 +1,184 @@
+/// @file
+/// Two packet endpoints joined back to back inside one process.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+#include "Mox/Clock.h"
+#include "Mox/Collections.h"
+#include "Mox/Entity.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/packet/Pkt.h"
+#include "Pavo/pam/Pam.h"
+
+namespace Pavo {
+
+class PamConnector;
+
+/// One end of a connector. What is sent on it waits in the `inputQueue` of the other end, whose
+/// `readableCount` goes up when the connector's clock comes to it: a send never runs the receiver.
+/// Sender and receiver share the packet, without a copy.
+///
+/// An end is always writable. What a full receiver drops is counted in the receiver's `rxDrops`
+/// only.
+class PAVO_EXPORT PamConnectorPam : public Pam {
+  public:
+    static constexpr Mox::Attribute<PamConnectorPam> otherEndAttr{8, "otherEnd"};
+    static constexpr Mox::Attribute<PamConnectorPam> peekPktAttr{9, "peekPkt"};
+    static constexpr Mox::Attribute<PamConnectorPam> peekPktCountAttr{10, "peekPktCount"};
+    static constexpr Mox::Attribute<PamConnectorPam> maxBufferAttr{11, "maxBuffer"};
+    static const Mox::FwkType type;
+
+    /// An end without another one; a connector makes its own two. `connector` is not held, and has
+    /// to outlive an end that was not put into it.
+    PamConnectorPam(Mox::String name, PamConnector* connector);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// @pre joined to another end, and a packet: assertions "otherEnd()", "pkt != __null".
+    void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
+    void doGetRxPkt() override;
+
+    /// Null for an end that was taken out of its connector, or that has survived it.
+    PamConnector* connector() const { return connector_; }
+
+    /// Where sent packets go; not held, and null once it has gone.
+    Mox::Ptr<PamConnectorPam> otherEnd() const { return otherEnd_; }
+    /// Joins the two. Each leaves the end that it was joined to.
+    void otherEndIs(const Mox::Ptr<PamConnectorPam>& end);
+
+    /// The packet that is just being sent, for observers; else null.
+    const Mox::Ptr<Pkt>& peekPkt() const { return peekPkt_; }
+    void peekPktIs(Mox::Ptr<Pkt> pkt) { attributeIs(peekPkt_, std::move(pkt), peekPktAttr); }
+    /// Packets sent through this end, those left out that were dropped.
+    uint32_t peekPktCount() const { return peekPktCount_; }
+    void peekPktCountIs(uint32_t count) { attributeIs(peekPktCount_, count, peekPktCountAttr); }
+    uint32_t peekPktCountInc(uint32_t delta);
+
+    /// A packet is dropped where more than this many wait already: one more than this are kept.
+    uint32_t maxBuffer() const { return maxBuffer_; }
+    void maxBufferIs(uint32_t packets) { attributeIs(maxBuffer_, packets, maxBufferAttr); }
+
+    // The packets that wait to be received. Of them `readableCount` tells, and nothing else.
+
+    /// Their number.
+    uint32_t inputQueueMembers() const { return static_cast<uint32_t>(inputQueue_.size()); }
+    /// The packet of that index, or null. Indices run on from 0 and wrap after 2^32 - 1.
+    Mox::Ptr<Pkt> inputQueue(uint32_t index) const;
+    /// Adds a packet behind the others, whatever `maxBuffer` says, and returns its index. It is
+    /// announced with the next packet that is sent.
+    uint32_t inputQueueEnq(Mox::Ptr<Pkt> pkt);
+    /// Takes the first packet, null where there is none.
+    Mox::Ptr<Pkt> inputQueueDeq();
+    /// The first and the last packet; null where there is none.
+    Mox::Ptr<Pkt> inputQueueFront() const;
+    Mox::Ptr<Pkt> inputQueueBack() const;
+    void inputQueueDel(uint32_t index);
+    void inputQueueDelAll() { inputQueue_.clear(); }
+
+  protected:
+    ~PamConnectorPam() override;
+
+  private:
+    friend class PamConnector;
+
+    struct QueuedPkt {
+        uint32_t index;
+        Mox::Ptr<Pkt> pkt;
+    };
+    using InputQueue = std::deque<QueuedPkt>;
+
+    InputQueue::const_iterator find(uint32_t index) const;
+    // Forgets the connector and the other end, unless it has come to another connector.
+    void leave(const PamConnector* connector);
+
+    PamConnector* connector_;
+    PamConnectorPam* otherEnd_ = nullptr;
+    InputQueue inputQueue_;
+    uint32_t nextIndex_ = 0;
+    Mox::Ptr<Pkt> peekPkt_;
+    uint32_t peekPktCount_ = 0;
+    uint32_t maxBuffer_ = 1024;
+};
+
+/// Two ends, "pam0" and "pam1": a packet sent on one is received on the other. So two users of
+/// packets meet in one process, such as a protocol machine and the peer that a test simulates.
+///
+/// Packets are announced by one event of the clock, 2^-10 seconds after the first of them was sent:
+/// each packet that then waits bumps `readableCount` once, those at "pam0" first. What receivers
+/// send while they are told is announced by the next event. An exception from a receiver passes
+/// through the clock, and what was not announced is announced with the next packet sent.
+///
+/// The connector holds the ends, and they do not hold it: agents hold what they use of the three.
+/// An end that is taken out, or outlives the connector, is joined to nothing. All of them may be
+/// dropped and taken out while a packet is announced. One thread uses a connector and its clock.
+class PAVO_EXPORT PamConnector : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<PamConnector, Mox::String> pamAttr{0, "pam"};
+    static constexpr Mox::Attribute<PamConnector> clockAttr{1, "clock"};
+    static constexpr Mox::Attribute<PamConnector> initializedAttr{2, "initialized"};
+    static constexpr Mox::Attribute<PamConnector> separateVlanTagHdrAttr{3, "separateVlanTagHdr"};
+    static const Mox::FwkType type;
+
+    /// Seconds from a send to the event that announces it.
+    static constexpr double deliverySeconds = 0.0009765625;
+
+    /// Both ends are there when it returns. The clock has to outlive the connector, or to be
+    /// removed from it.
+    explicit PamConnector(Mox::Clock* clock);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// The end of that name, or null.
+    Mox::Ptr<PamConnectorPam> pam(const Mox::String& name) const;
+    const Mox::Map<Mox::String, Mox::Ptr<PamConnectorPam>>& pam() const { return pam_; }
+    /// Puts an end in under its name, in place of one that is there; it is joined to none by this.
+    void pamIs(const Mox::Ptr<PamConnectorPam>& end);
+    /// Takes an end out. It can still be read, and is joined to nothing.
+    void pamDel(Mox::String name);
+    void pamDelAll();
+
+    /// Null after `clockDel`; nothing is announced from then on.
+    Mox::Clock* clock() const { return clock_; }
+    void clockDel();
+
+    /// Whether the ends have been made. While it is set back to false a send is fatal, and nothing
+    /// is announced.
+    bool initialized() const { return initialized_; }
+    void initializedIs(bool initialized) {
+        attributeIs(initialized_, initialized, initializedAttr);
+    }
+
+    /// Whether the VLAN tag of a packet is moved out of its data, into the separate tag, when it is
+    /// received.
+    bool separateVlanTagHdr() const { return separateVlanTagHdr_; }
+    void separateVlanTagHdrIs(bool separate) {
+        attributeIs(separateVlanTagHdr_, separate, separateVlanTagHdrAttr);
+    }
+
+    /// Sees to it that waiting packets are announced, unless that is under way.
+    /// @pre initialized (assertion "initialized()").
+    void doScheduleEvent();
+
+  protected:
+    ~PamConnector() override;
+
+  private:
+    void handleInitializedBase();
+    void handleClock();
+    void announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets);
+
+    Mox::Map<Mox::String, Mox::Ptr<PamConnectorPam>> pam_;
+    Mox::Clock* clock_;
+    std::optional<Mox::Timer> delivery_;  // While there is a clock.
+    bool initialized_ = false;
+    bool separateVlanTagHdr_ = false;
+};
+
+PAVO_EXPORT Mox::Ptr<PamConnector> pamConnectorFactory(Mox::Clock* clock);
+
+}  // namespace Pavo

@@ -1,0 +1,46 @@
+/// @file
+/// The machine that turns a descriptor's readiness into an endpoint's counts.
+#pragma once
+
+#include "Mox/FileDescriptor.h"
+#include "Mox/Ptr.h"
+#include "Pavo/base/Export.h"
+
+namespace Pavo {
+
+class Pam;
+
+/// Bumps a PAM's `readableCount` and `writableCount` by one each time the descriptor is reported
+/// readable or writable, and once at birth, so that a new PAM makes a read and a write attempt at
+/// once. It has no other state. The PAM owns it; it points back without owning.
+class PAVO_EXPORT PamFdSm : public Mox::PtrInterface {
+  public:
+    static const Mox::FwkType type;
+
+    /// A null descriptor is not watched and bumps nothing. If the PAM gives the descriptor up while
+    /// it is told of the first bump, the second one is left out.
+    PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam);
+
+    /// Switches the watching of the descriptor with the machine.
+    void hasNotificationActiveIs(bool active) override;
+    void zeroReferencesIs(bool zero) override;
+    const Mox::FwkType* fwkType() const override;
+
+    virtual void handleReadable();
+    virtual void handleWritable();
+    /// With true, detaches the reactor on the descriptor: nothing calls the machine any more.
+    virtual void moxDoZombieReactors(bool zombie);
+
+  protected:
+    ~PamFdSm() override;
+
+  private:
+    Mox::Ptr<Mox::Notifiee> fileDesc_;
+    Pam* pam_;
+    bool readsAgain_ = false;  // Interest in reading comes back with the activity.
+};
+
+/// A new machine for `pam` on `fd`.
+PAVO_EXPORT Mox::Ptr<PamFdSm> PamFdSmIs(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam);
+
+}  // namespace Pavo

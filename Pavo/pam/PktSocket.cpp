@@ -1,0 +1,135 @@
+#include "Pavo/pam/PktSocket.h"
+
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "Mox/Assert.h"
+#include "Mox/Exception.h"
+
+namespace Pavo {
+
+namespace {
+
+// The packet's pieces as the kernel takes them.
+struct Iovecs {
+    explicit Iovecs(const Pkt& pkt) {
+        for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
+            table[count++] = {pkt.iovec(i).data, pkt.iovec(i).bytes};
+        }
+    }
+
+    iovec table[Pkt::maxIovecs_];
+    int count = 0;
+};
+
+// Says on standard error what failed, then throws it under the name of the call.
+[[noreturn]] void writeAndThrow(const char* text, const char* call, int error) {
+    std::fprintf(stderr, "%s%d %s\n", text, error, std::strerror(error));
+    throw Mox::ErrnoException(error, call);
+}
+
+}  // namespace
+
+constinit const Mox::FwkType PktSocket::type{"Pavo::PktSocket", nullptr, {}};
+constinit const Mox::FwkType TapPktSocket::type{"Pavo::TapPktSocket", &PktSocket::type, {}};
+
+PktSocket::PktSocket(Mox::String name) : name_(std::move(name)), pktManager_(globalPktManager()) {}
+
+PktSocket::~PktSocket() = default;
+
+const Mox::FwkType* PktSocket::fwkType() const {
+    return &type;
+}
+
+void PktSocket::fileDescriptorIs(Mox::Ptr<Mox::FileDescriptor> fileDescriptor) {
+    fileDescriptor_ = std::move(fileDescriptor);
+    fileDescriptor_->nonBlockingIs(true);
+}
+
+int32_t PktSocket::sendPkt(Mox::Ptr<Pkt> pkt, sockaddr_in dest) {
+    const int32_t sent = sendmsg(pkt, dest);
+    if (sent < 0 && errno != EAGAIN) {
+        writeAndThrow("error sending pkt:", "sendmsg", errno);
+    }
+    return sent;
+}
+
+Mox::Ptr<Pkt> PktSocket::recvPkt(sockaddr_in* from) {
+    const Mox::Ptr<Pkt> pkt = newPkt();
+    const uint32_t capacity = pkt->maxSharedData();
+    uint8_t* const data = pkt->newSharedTailData(capacity);
+    Mox::require(fileDescriptor_->nonBlocking(), "fileDescriptor_->nonBlocking()");
+    uint32_t fromLen = sizeof(sockaddr_in);
+    const int32_t received =
+        recvfrom(fd(), data, capacity, /*flags=*/0, reinterpret_cast<sockaddr*>(from), &fromLen);
+    const int error = received < 0 ? errno : 0;
+    fileDescriptor_->readTried(/*moreMayWait=*/error != EAGAIN);
+    if (error == EAGAIN) {
+        return nullptr;
+    }
+    if (received < 0) {
+        Mox::require(error != EINTR, "(*__errno_location ()) != 4");
+        writeAndThrow(" error is  ", "recvfrom", error);
+    }
+    if (received == 0) {
+        throw Mox::InternalException("read from tap socket returned 0");
+    }
+    pkt->delSharedTailData(capacity - static_cast<uint32_t>(received));
+    return pkt;
+}
+
+Mox::Ptr<Pkt> PktSocket::newPkt() const {
+    try {
+        return pktManager_->newPkt();
+    } catch (const std::bad_alloc&) {
+        throw Mox::MemoryException("Unable to allocate Pkt");
+    }
+}
+
+int32_t PktSocket::recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,
+                            uint32_t* fromLen) {
+    return static_cast<int32_t>(::recvfrom(fd, buf, len, flags, from, fromLen));
+}
+
+int32_t PktSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest) {
+    return sendTo(*pkt, &dest, sizeof(dest));
+}
+
+int32_t PktSocket::sendTo(const Pkt& pkt, const void* dest, uint32_t destBytes) const {
+    Iovecs iovecs(pkt);
+    msghdr message{};
+    message.msg_name = const_cast<void*>(dest);  // The kernel only reads it.
+    message.msg_namelen = destBytes;
+    message.msg_iov = iovecs.table;
+    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(iovecs.count);
+    return static_cast<int32_t>(::sendmsg(fd(), &message, 0));
+}
+
+TapPktSocket::TapPktSocket(Mox::String name, Mox::Ptr<Mox::FileDescriptor> tap)
+    : PktSocket(std::move(name)) {
+    fileDescriptorIs(std::move(tap));
+}
+
+TapPktSocket::~TapPktSocket() = default;
+
+const Mox::FwkType* TapPktSocket::fwkType() const {
+    return &type;
+}
+
+int32_t TapPktSocket::recvfrom(int fd, void* buf, uint32_t len, int, sockaddr*, uint32_t* fromLen) {
+    *fromLen = 0;
+    return static_cast<int32_t>(read(fd, buf, len));
+}
+
+int32_t TapPktSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in) {
+    const Iovecs iovecs(*pkt);
+    return static_cast<int32_t>(writev(fd(), iovecs.table, iovecs.count));
+}
+
+}  // namespace Pavo

@@ -1,0 +1,97 @@
+/// @file
+/// Sockets and devices that packets are read from and written to directly, without an endpoint
+/// around them.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+
+#include "Mox/FileDescriptor.h"
+#include "Mox/FwkType.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/packet/Pkt.h"
+
+namespace Pavo {
+
+/// The base of packet sockets. It owns the descriptor, which is non-blocking. Failures are thrown;
+/// only a lack of data or of room is not one. Whoever wants to hear of readiness watches
+/// `fileDescriptor()`, and after a send that found no room calls its `writeMetNoRoom()`.
+class PAVO_EXPORT PktSocket : public Mox::PtrInterface {
+  public:
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// Sends one packet. Returns the bytes sent, or -1 with `errno` EAGAIN when there was no room:
+    /// the packet is then not sent.
+    /// @throws Mox::ErrnoException "sendmsg" for any other error, after writing "error sending
+    /// pkt:", the error's number and its text to standard error.
+    virtual int32_t sendPkt(Mox::Ptr<Pkt> pkt, sockaddr_in dest);
+    /// Reads one packet of at most 1536 bytes, the size of a packet's buffer; the kernel cuts a
+    /// longer one off there. Null when there is none. `from`, unless null, is set to the first 16
+    /// bytes of the sender's address. An interrupted read is fatal, since a non-blocking descriptor
+    /// has none: "(*__errno_location ()) != 4"; so is a descriptor that somebody has made blocking:
+    /// "fileDescriptor_->nonBlocking()".
+    /// @throws Mox::ErrnoException "recvfrom", after writing " error is  ", the error's number and
+    /// its text to standard error.
+    /// @throws Mox::InternalException "read from tap socket returned 0", for any kind of socket.
+    /// @throws Mox::MemoryException "Unable to allocate Pkt".
+    virtual Mox::Ptr<Pkt> recvPkt(sockaddr_in* from);
+
+    /// The system calls behind the two; -1 with `errno` on failure.
+    /// @{
+    virtual int32_t recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,
+                             uint32_t* fromLen);
+    virtual int32_t sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest);
+    /// @}
+
+    const Mox::String& name() const { return name_; }
+    const Mox::Ptr<Mox::FileDescriptor>& fileDescriptor() const { return fileDescriptor_; }
+
+  protected:
+    explicit PktSocket(Mox::String name);
+    ~PktSocket() override;
+
+    /// Takes the descriptor and makes it non-blocking.
+    /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
+    void fileDescriptorIs(Mox::Ptr<Mox::FileDescriptor> fileDescriptor);
+    /// The descriptor's number.
+    int fd() const { return fileDescriptor_->descriptor(); }
+    /// One sendmsg(2), without flags; a null `dest` sends where the socket is bound or connected.
+    int32_t sendTo(const Pkt& pkt, const void* dest, uint32_t destBytes) const;
+
+  private:
+    Mox::Ptr<Pkt> newPkt() const;
+
+    Mox::String name_;
+    Mox::Ptr<Mox::FileDescriptor> fileDescriptor_;
+    Mox::Ptr<Pkt::Manager> pktManager_;
+};
+
+/// A tap device, which is read and written as a file; the addresses are not looked at.
+class PAVO_EXPORT TapPktSocket : public PktSocket {
+  public:
+    static const Mox::FwkType type;
+
+    /// On the descriptor of an open device (the kernel's networking/tuntap.rst), which it makes
+    /// non-blocking.
+    /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
+    TapPktSocket(Mox::String name, Mox::Ptr<Mox::FileDescriptor> tap);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// One read(2). `from` stays as it is, and its length becomes 0.
+    int32_t recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,
+                     uint32_t* fromLen) override;
+    /// One writev(2).
+    int32_t sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest) override;
+
+  protected:
+    ~TapPktSocket() override;
+};
+
+}  // namespace Pavo

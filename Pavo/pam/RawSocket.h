@@ -1,0 +1,157 @@
+/// @file
+/// Raw IPv4 sockets and Ethernet packet sockets.
+#pragma once
+
+#include <cstdint>
+
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/pam/PktSocket.h"
+#include "Pavo/value/IpAddr.h"
+
+namespace Pavo {
+
+/// What raw sockets share. A socket lives in the network namespace in which the calling thread is
+/// when it is made.
+class PAVO_EXPORT RawSocket : public PktSocket {
+  public:
+    class Manager;
+
+    /// A protocol of the socket's family, in host order unless a class says otherwise.
+    using Protocol = uint16_t;
+    /// No protocol given: each class has its own default.
+    static constexpr Protocol noProtocol = 65535;
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    using PktSocket::sendPkt;
+    /// As the other one, but writes nothing to standard error.
+    /// @throws Mox::ErrnoException "sendmsg".
+    virtual int32_t sendPkt(Mox::Ptr<Pkt> pkt, IpAddr dst);
+
+    /// The protocol as it was given.
+    Protocol protocol() const { return protocol_; }
+
+    /// The size of the kernel's buffer in bytes: twice what was set (socket(7)).
+    /// @throws Mox::ErrnoException "getsockopt(SO_SNDBUF)".
+    uint32_t sendBufSize() const;
+    /// At most the kernel's ceiling (net.core.wmem_max), silently.
+    /// @throws Mox::ErrnoException "setsockopt(SO_SNDBUF)".
+    void setSendBufSize(uint32_t bytes);
+    /// @throws Mox::ErrnoException "getsockopt(SO_RCVBUF)".
+    uint32_t recvBufSize() const;
+    /// At most the kernel's ceiling (net.core.rmem_max), silently.
+    /// @throws Mox::ErrnoException "setsockopt(SO_RCVBUF)".
+    void setRecvBufSize(uint32_t bytes);
+
+  protected:
+    RawSocket(Mox::String name, Protocol protocol);
+    ~RawSocket() override;
+
+    /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)" or "fcntl(F_SETFL)".
+    void open(int domain, Protocol protocol);
+
+  private:
+    Protocol protocol_;
+};
+
+/// A raw IPv4 socket (raw(7)). A received packet begins with its IP header; a sent one carries one
+/// only with `hdrIncl`.
+class PAVO_EXPORT IpSocket : public RawSocket {
+  public:
+    /// A set of bits.
+    using Options = uint32_t;
+    /// Bit 0: IP_HDRINCL, packets are sent with their own IP header. Where no protocol was given
+    /// the kernel has it on by itself.
+    static constexpr Options hdrIncl = 1;
+    static const Mox::FwkType type;
+
+    /// For an IP protocol number. Without one, `IPPROTO_RAW`, which only sends.
+    /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)" or
+    /// "setsockopt(IP_HDRINCL)".
+    IpSocket(Mox::String name, Protocol protocol, Options options);
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// The protocol that the socket has: 255 where none was given.
+    Protocol effectiveProtocol() const { return effectiveProtocol_; }
+    Options options() const { return options_; }
+
+    /// The interface to which the socket is bound, empty for all.
+    const Mox::String& device() const { return device_; }
+    /// Binds to an interface, by its name; the empty name unbinds.
+    /// @throws Mox::ErrnoException "setsockopt(SO_BINDTODEVICE)", with ENODEV for a name of more
+    /// than 15 bytes, of which the kernel would take the first 15; the device is then unchanged.
+    void deviceIs(Mox::String device);
+
+    /// Hears only packets to `addr`, and sends from it.
+    /// @throws Mox::ErrnoException "bind".
+    void bind(IpAddr addr);
+
+  protected:
+    ~IpSocket() override;
+
+  private:
+    Mox::String device_;
+    Protocol effectiveProtocol_;
+    Options options_;
+};
+
+/// A packet socket on an Ethernet interface (packet(7)): it hears the interface's IPv4 frames
+/// (EtherType 0x0800), whatever protocol was asked for, and sends frames as they are. Packets begin
+/// with the Ethernet header.
+///
+/// Making one opens a helper socket to look the interface up, and leaves that open for the life of
+/// the process, also where the making fails later on: each costs a descriptor.
+class PAVO_EXPORT EthSocket : public RawSocket {
+  public:
+    static const Mox::FwkType type;
+
+    /// `protocol` goes to socket(2) as it stands: whoever wants to give an EtherType in network
+    /// order converts it. Without one, 3, which the kernel takes for EtherType 0x0300; so nothing
+    /// is heard before the socket is bound.
+    /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)",
+    /// "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)" or "bind". An unknown interface gives ENODEV,
+    /// and so does a name of more than 15 bytes.
+    EthSocket(Mox::String name, Mox::String device, Protocol protocol);
+
+    const Mox::FwkType* fwkType() const override;
+
+    const Mox::String& device() const { return device_; }
+    /// The interface's index.
+    int32_t ifIndex() const { return ifIndex_; }
+
+    /// Sends on the interface; the destination stands in the frame, and `dest` is not looked at.
+    int32_t sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest) override;
+
+  protected:
+    ~EthSocket() override;
+
+  private:
+    Mox::String device_;
+    int32_t ifIndex_ = 0;
+};
+
+/// Makes raw sockets.
+class PAVO_EXPORT RawSocket::Manager : public Mox::PtrInterface {
+  public:
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// Each a new socket; they throw as the constructors do.
+    /// @{
+    Mox::Ptr<IpSocket> newIpSocket(Mox::String name, Protocol protocol, IpSocket::Options options);
+    Mox::Ptr<EthSocket> newEthSocket(Mox::String name, Mox::String device, Protocol protocol);
+    /// @}
+
+  protected:
+    ~Manager() override;
+};
+
+/// A new manager.
+PAVO_EXPORT Mox::Ptr<RawSocket::Manager> RawSocketManagerFactory();
+
+}  // namespace Pavo

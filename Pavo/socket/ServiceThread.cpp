@@ -1,0 +1,57 @@
+#include "Pavo/socket/ServiceThread.h"
+
+#include <sched.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "Mox/Trace.h"
+#include "netns/netns.h"
+
+namespace Pavo {
+
+namespace {
+
+struct Service {
+    void (*run)(void*);
+    void* argument;
+};
+
+void* serve(void* service) {
+    // The thread was born in its creator's namespace. Where this fails for want of privilege,
+    // nobody could have switched.
+    (void)setnsByName(DEFAULT_NS, CLONE_NEWNET);
+    const Service own = *std::unique_ptr<Service>(static_cast<Service*>(service));
+    own.run(own.argument);
+    return nullptr;
+}
+
+// All signals but those that the thread's own faults would raise.
+sigset_t serviceSignalMask() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
+        sigdelset(&blocked, fault);
+    }
+    return blocked;
+}
+
+}  // namespace
+
+int startServiceThread(pthread_t* thread, const char* name, void (*run)(void*), void* argument) {
+    const Mox::ErrnoKeeper errnoKeeper;
+    auto service = std::make_unique<Service>(Service{run, argument});
+    // The thread inherits the mask: set there, it would leave a moment in which a signal gets in.
+    const sigset_t blocked = serviceSignalMask();
+    sigset_t before;
+    pthread_sigmask(SIG_SETMASK, &blocked, &before);
+    const int error = pthread_create(thread, nullptr, serve, service.get());
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error == 0) {
+        (void)service.release();  // The thread's own now.
+        (void)pthread_setname_np(*thread, name);
+    }
+    return error;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,30 @@
+/// @file
+/// Buffer sizes of sockets.
+#pragma once
+
+#include <sys/socket.h>
+
+#include "Pavo/base/Export.h"
+
+namespace Pavo {
+
+/// A buffer-size option at level SOL_SOCKET: its name, the privileged form that ignores the
+/// kernel's ceiling, and the form that obeys it (socket(7)).
+struct SockOpt {
+    const char* name;
+    int primary;
+    int fallback;
+};
+
+inline constexpr SockOpt sendBufferOpt{"SO_SNDBUF", SO_SNDBUFFORCE, SO_SNDBUF};
+inline constexpr SockOpt receiveBufferOpt{"SO_RCVBUF", SO_RCVBUFFORCE, SO_RCVBUF};
+
+/// Sets `opt` to `value`, in bytes, with the primary option, and where that fails with the
+/// fallback. Returns 0, or the fallback's result with its `errno`.
+PAVO_EXPORT int setOptWithFallback(int fd, int value, SockOpt opt);
+
+/// Sets the send and then the receive buffer, in bytes; -1 leaves one as it is. Returns 0, or the
+/// first failing result with `errno`; what follows it is then not tried.
+PAVO_EXPORT int setSocketBufferSize(int fd, int sndBuf, int rcvBuf);
+
+}  // namespace Pavo

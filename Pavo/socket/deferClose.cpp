@@ -1,0 +1,76 @@
+#include "Pavo/socket/deferClose.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+#include "Mox/Trace.h"
+#include "Pavo/socket/ServiceThread.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::deferClose");
+
+// A ring with one producer and one consumer. The producer writes a slot, then `queued`, then posts;
+// the consumer waits, reads the slot, then writes `closedByThread`, by which the slot is free
+// again.
+constexpr uint32_t maxQueued = 512;
+static_assert((maxQueued & (maxQueued - 1)) == 0, "the counters wrap at a power of two");
+
+// All of static storage and never destroyed: the thread is still there when the process ends.
+constinit int queue[maxQueued] = {};
+constinit DeferCloseStats stats;
+constinit sem_t waiting = {};
+constinit bool closerStarted = false;
+
+void closer(void*) {
+    for (;;) {
+        if (sem_wait(&waiting) != 0) {
+            continue;  // EINTR: a debugger, or a stop and a continue.
+        }
+        const uint32_t closed = stats.closedByThread.load(std::memory_order_relaxed);
+        (void)close(queue[closed % maxQueued]);
+        stats.closedByThread.store(closed + 1, std::memory_order_release);
+    }
+}
+
+// Returns whether the thread runs.
+bool startCloser() {
+    const Mox::ErrnoKeeper errnoKeeper;
+    (void)sem_init(&waiting, /*pshared=*/0, /*value=*/0);
+    pthread_t thread;
+    const int error = startServiceThread(&thread, "deferClose", closer, nullptr);
+    if (error != 0) {
+        MOX_TRACE(facility, 0, "no closer thread, error ", error);
+        return false;
+    }
+    (void)pthread_detach(thread);
+    return true;
+}
+
+int closeAtOnce(int fd) {
+    stats.closedAtOnce.fetch_add(1, std::memory_order_relaxed);
+    return close(fd);
+}
+
+}  // namespace
+
+int deferClose(int fd) {
+    closerStarted = closerStarted || startCloser();
+    const uint32_t queued = stats.queued.load(std::memory_order_relaxed);
+    const uint32_t closed = stats.closedByThread.load(std::memory_order_acquire);
+    if (!closerStarted || queued - closed == maxQueued) {
+        return closeAtOnce(fd);
+    }
+    queue[queued % maxQueued] = fd;
+    stats.queued.store(queued + 1, std::memory_order_release);
+    return sem_post(&waiting);
+}
+
+const DeferCloseStats* deferCloseStats() {
+    return &stats;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,151 @@
+#include "Pavo/tcp/TcpConfig.h"
+
+#include <string_view>
+
+namespace Pavo {
+
+namespace {
+
+// In the order of their bits.
+constexpr std::string_view optionNames[] = {
+    "TxTtl", "TxDs", "RxMinTtl", "Md5Auth", "SockMaxSegSize", "PathMtuDiscovery", "DontRoute",
+};
+
+constexpr std::string_view recordHead = "Value('Pavo::TcpSocketOptions', ** {";
+constexpr std::string_view recordTail = "})";
+
+constexpr const Mox::AttributeBase* baseAttributes[] = {
+    &TcpConfigBase::networkNamespaceAttr,
+    &TcpConfigBase::retryIntervalAttr,
+    &TcpConfigBase::timeoutAttr,
+    &TcpConfigBase::optionsAttr,
+    &TcpConfigBase::txTtlAttr,
+    &TcpConfigBase::txDsAttr,
+    &TcpConfigBase::rxMinTtlAttr,
+    &TcpConfigBase::md5AuthAttr,
+    &TcpConfigBase::sockMaxSegSizeAttr,
+    &TcpConfigBase::pathMtuDiscoveryAttr,
+    &TcpConfigBase::edgeTriggeredFileDescriptorAttr,
+    &TcpConfigBase::dstIntfIfIndexAttr,
+};
+constexpr const Mox::AttributeBase* clientAttributes[] = {
+    &TcpClientConfig::clientIpAddrAttr,
+    &TcpClientConfig::ifIndexAttr,
+    &TcpClientConfig::exponentialBackoffRetriesAttr,
+    &TcpClientConfig::kernelTcpTimeoutAttr,
+};
+
+}  // namespace
+
+const char* TcpSocketOptions::parse(Mox::TextCursor& in) {
+    Mox::TextCursor ahead = in;
+    bool good = ahead.take(recordHead);
+    uint8_t value = 0;
+    uint8_t bit = 1;
+    for (const std::string_view name : optionNames) {
+        bool on = false;
+        good = good && ahead.take(std::string_view(bit == 1 ? "'option" : ", 'option")) &&
+               ahead.take(name) && ahead.take(std::string_view("': ")) &&
+               Mox::Codec<bool>::parse(ahead, &on, leftoverText) == nullptr;
+        value = static_cast<uint8_t>(on ? value | bit : value);
+        bit = static_cast<uint8_t>(bit << 1);
+    }
+    if (!good || !ahead.take(recordTail)) {
+        return leftoverText;
+    }
+    in = ahead;
+    value_ = value;
+    return nullptr;
+}
+
+void TcpSocketOptions::print(Mox::TextWriter& out) const {
+    out.text(recordHead);
+    uint8_t bit = 1;
+    for (const std::string_view name : optionNames) {
+        out.text(bit == 1 ? "'option" : ", 'option");
+        out.text(name);
+        out.text("': ");
+        Mox::Codec<bool>::print(out, (value_ & bit) != 0);
+        bit = static_cast<uint8_t>(bit << 1);
+    }
+    out.text(recordTail);
+}
+
+Mox::String tcpOptionsToStrep(const TcpSocketOptions& options) {
+    if (!options) {
+        return "none";
+    }
+    return Mox::printedString([&options](Mox::TextWriter& out) {
+        const char* separator = "";
+        uint32_t bits = options.value();
+        for (const std::string_view name : optionNames) {
+            if ((bits & 1) != 0) {
+                out.text(separator);
+                out.text(name);
+                separator = "|";
+            }
+            bits >>= 1;
+        }
+    });
+}
+
+constinit const Mox::FwkType TcpConfigBase::type{"Pavo::TcpConfigBase", &Mox::Entity::type,
+                                                 baseAttributes};
+
+TcpConfigBase::TcpConfigBase() : networkNamespace_(NamespaceName::defaultNamespace()) {}
+
+TcpConfigBase::~TcpConfigBase() = default;
+
+const Mox::FwkType* TcpConfigBase::fwkType() const {
+    return &type;
+}
+
+Mox::String TcpConfigBase::md5Auth(const IpGenAddrWithMask& addrWithMask) const {
+    const Mox::String* key = md5Auth_.find(addrWithMask);
+    return key == nullptr ? Mox::String() : *key;
+}
+
+void TcpConfigBase::md5AuthIs(IpGenAddrWithMask addrWithMask, const Mox::String& key) {
+    if (md5Auth_.is(addrWithMask, key)) {
+        notify(md5AuthAttr, addrWithMask);
+    }
+}
+
+void TcpConfigBase::md5AuthDel(IpGenAddrWithMask addrWithMask) {
+    if (md5Auth_.del(addrWithMask)) {
+        notify(md5AuthAttr, addrWithMask);
+    }
+}
+
+void TcpConfigBase::md5AuthDelAll() {
+    const Mox::Ptr<TcpConfigBase> hold(this);
+    md5Auth_.delAll([this](const IpGenAddrWithMask& each) { notify(md5AuthAttr, each); });
+}
+
+constinit const Mox::FwkType TcpClientConfig::type{"Pavo::TcpClientConfig", &TcpConfigBase::type,
+                                                   clientAttributes};
+
+TcpClientConfig::~TcpClientConfig() = default;
+
+const Mox::FwkType* TcpClientConfig::fwkType() const {
+    return &type;
+}
+
+Mox::Ptr<TcpClientConfig> tcpClientConfigFactory(const IpGenAddr& serverIpAddr, Port serverPort) {
+    return Mox::make<TcpClientConfig>(serverIpAddr, serverPort);
+}
+
+constinit const Mox::FwkType TcpServerConfig::type{
+    "Pavo::TcpServerConfig", &TcpConfigBase::type, {}};
+
+TcpServerConfig::~TcpServerConfig() = default;
+
+const Mox::FwkType* TcpServerConfig::fwkType() const {
+    return &type;
+}
+
+Mox::Ptr<TcpServerConfig> tcpServerConfigFactory(const IpGenAddr& listenIpAddr, Port listenPort) {
+    return Mox::make<TcpServerConfig>(listenIpAddr, listenPort);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,273 @@
+/// @file
+/// What an owner asks of a TCP machine.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <type_traits>
+
+#include "Mox/Collections.h"
+#include "Mox/Entity.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Mox/ValueType.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
+#include "Pavo/value/Ip.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/IpGenAddrWithMask.h"
+#include "Pavo/value/NamespaceName.h"
+
+namespace Pavo {
+
+/// The members of `TcpSocketOptions`, each named as the attribute of the configuration that it
+/// turns on.
+enum TcpSocketOption : uint8_t {
+    optionTxTtl = 0x01,
+    optionTxDs = 0x02,
+    optionRxMinTtl = 0x04,
+    optionMd5Auth = 0x08,
+    optionSockMaxSegSize = 0x10,
+    optionPathMtuDiscovery = 0x20,
+    optionDontRoute = 0x40,
+};
+
+/// Which values of a configuration are applied to sockets, made with "|" of `TcpSocketOption`. A
+/// member that is taken out again has the kernel's default put back. Ordered as the byte that it
+/// is. Text is that of a record of seven booleans.
+class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
+  public:
+    static constexpr uint8_t all = 0x7f;
+
+    constexpr TcpSocketOptions() = default;
+    constexpr TcpSocketOptions(TcpSocketOption option) : value_(option) {}
+    /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
+    constexpr explicit TcpSocketOptions(uint8_t value) { valueIs(value); }
+    TcpSocketOptions(TextIt& it, const TextIt& end) { readText(it, end); }
+    /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
+    TcpSocketOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+        readLog(in);
+        valueIs(value_);
+    }
+
+    constexpr uint8_t value() const { return value_; }
+    /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f; nothing is then changed.
+    constexpr void valueIs(uint8_t value) {
+        if (value > all) {
+            Mox::throwRangeException(leftoverText);
+        }
+        value_ = value;
+    }
+
+    constexpr bool option(TcpSocketOption option) const { return (value_ & option) != 0; }
+    constexpr void optionIs(TcpSocketOption option, bool on) {
+        value_ = static_cast<uint8_t>(on ? value_ | option : value_ & ~option);
+    }
+
+    /// Not empty.
+    constexpr explicit operator bool() const { return value_ != 0; }
+
+    friend constexpr TcpSocketOptions operator|(TcpSocketOptions a, TcpSocketOptions b) {
+        return TcpSocketOptions(static_cast<uint8_t>(a.value_ | b.value_));
+    }
+    friend constexpr bool operator==(const TcpSocketOptions&, const TcpSocketOptions&) = default;
+    friend constexpr auto operator<=>(const TcpSocketOptions&, const TcpSocketOptions&) = default;
+
+    static constexpr const char* leftoverText = "Invalid TcpSocketOptions";
+    static constexpr auto description() {
+        return Mox::record("Pavo::TcpSocketOptions",
+                           Mox::field("value", &TcpSocketOptions::value_));
+    }
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    PAVO_EXPORT void print(Mox::TextWriter& out) const;
+
+  private:
+    uint8_t value_ = 0;
+};
+static_assert(std::is_trivially_copyable_v<TcpSocketOptions> && sizeof(TcpSocketOptions) == 1);
+
+constexpr TcpSocketOptions operator|(TcpSocketOption a, TcpSocketOption b) {
+    return TcpSocketOptions(a) | TcpSocketOptions(b);
+}
+
+/// The members' names without "option", as "TxTtl|Md5Auth"; "none" of the empty set.
+PAVO_EXPORT Mox::String tcpOptionsToStrep(const TcpSocketOptions& options);
+
+/// What both kinds of machine are asked. The owner writes it, at any time; the machine reads it. A
+/// change of `options` or of an option's value reaches a live socket at once; the others count from
+/// the next socket, or the next start of a timer, on.
+class PAVO_EXPORT TcpConfigBase : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<TcpConfigBase> networkNamespaceAttr{0, "networkNamespace"};
+    static constexpr Mox::Attribute<TcpConfigBase> retryIntervalAttr{1, "retryInterval"};
+    static constexpr Mox::Attribute<TcpConfigBase> timeoutAttr{2, "timeout"};
+    static constexpr Mox::Attribute<TcpConfigBase> optionsAttr{3, "options"};
+    static constexpr Mox::Attribute<TcpConfigBase> txTtlAttr{4, "txTtl"};
+    static constexpr Mox::Attribute<TcpConfigBase> txDsAttr{5, "txDs"};
+    static constexpr Mox::Attribute<TcpConfigBase> rxMinTtlAttr{6, "rxMinTtl"};
+    static constexpr Mox::Attribute<TcpConfigBase, IpGenAddrWithMask> md5AuthAttr{7, "md5Auth"};
+    static constexpr Mox::Attribute<TcpConfigBase> sockMaxSegSizeAttr{8, "sockMaxSegSize"};
+    static constexpr Mox::Attribute<TcpConfigBase> pathMtuDiscoveryAttr{9, "pathMtuDiscovery"};
+    static constexpr Mox::Attribute<TcpConfigBase> edgeTriggeredFileDescriptorAttr{
+        10, "edgeTriggeredFileDescriptor"};
+    static constexpr Mox::Attribute<TcpConfigBase> dstIntfIfIndexAttr{11, "dstIntfIfIndex"};
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// Where sockets are opened; at first the namespace in which the process started.
+    const NamespaceName& networkNamespace() const { return networkNamespace_; }
+    void networkNamespaceIs(const NamespaceName& name) {
+        attributeIs(networkNamespace_, name, networkNamespaceAttr);
+    }
+    /// Seconds from a failure to the next attempt; at first 1.
+    uint32_t retryInterval() const { return retryInterval_; }
+    void retryIntervalIs(uint32_t seconds) {
+        attributeIs(retryInterval_, seconds, retryIntervalAttr);
+    }
+    /// Seconds from the start after which the machine gives up; 0, as at first, is never.
+    double timeout() const { return timeout_; }
+    void timeoutIs(double seconds) { attributeIs(timeout_, seconds, timeoutAttr); }
+    /// Which of the values below are applied.
+    TcpSocketOptions options() const { return options_; }
+    void optionsIs(TcpSocketOptions options) { attributeIs(options_, options, optionsAttr); }
+    /// TTL, or unicast hop limit, of what is sent.
+    IpTtl txTtl() const { return txTtl_; }
+    void txTtlIs(IpTtl ttl) { attributeIs(txTtl_, ttl, txTtlAttr); }
+    /// TOS byte, or traffic class, of what is sent.
+    IpDscp txDs() const { return txDs_; }
+    void txDsIs(IpDscp dscp) { attributeIs(txDs_, dscp, txDsAttr); }
+    /// The smallest TTL, or hop limit, that is accepted.
+    IpTtl rxMinTtl() const { return rxMinTtl_; }
+    void rxMinTtlIs(IpTtl ttl) { attributeIs(rxMinTtl_, ttl, rxMinTtlAttr); }
+    /// The largest segment announced, in bytes; 88 to 32767, or 0 for no limit of its own.
+    uint16_t sockMaxSegSize() const { return sockMaxSegSize_; }
+    void sockMaxSegSizeIs(uint16_t bytes) {
+        attributeIs(sockMaxSegSize_, bytes, sockMaxSegSizeAttr);
+    }
+    /// At first true.
+    bool pathMtuDiscovery() const { return pathMtuDiscovery_; }
+    void pathMtuDiscoveryIs(bool on) { attributeIs(pathMtuDiscovery_, on, pathMtuDiscoveryAttr); }
+    /// Whether descriptors are watched edge-triggered; a listener's never is.
+    bool edgeTriggeredFileDescriptor() const { return edgeTriggeredFileDescriptor_; }
+    void edgeTriggeredFileDescriptorIs(bool on) {
+        attributeIs(edgeTriggeredFileDescriptor_, on, edgeTriggeredFileDescriptorAttr);
+    }
+    /// The interface by which what is sent leaves, for `optionDontRoute` of IPv6.
+    uint32_t dstIntfIfIndex() const { return dstIntfIfIndex_; }
+    void dstIntfIfIndexIs(uint32_t ifIndex) {
+        attributeIs(dstIntfIfIndex_, ifIndex, dstIntfIfIndexAttr);
+    }
+
+    /// The keys of TCP MD5 signatures by peer, or prefix of peers. While `optionMd5Auth` is on none
+    /// may be empty, and each is shorter than 80 bytes. Those of another family than the socket's
+    /// are left out.
+    const Mox::Map<IpGenAddrWithMask, Mox::String>& md5Auth() const { return md5Auth_; }
+    /// The key of exactly this peer or prefix; empty when there is none.
+    Mox::String md5Auth(const IpGenAddrWithMask& addrWithMask) const;
+    void md5AuthIs(IpGenAddrWithMask addrWithMask, const Mox::String& key);
+    void md5AuthDel(IpGenAddrWithMask addrWithMask);
+    void md5AuthDelAll();
+
+  protected:
+    TcpConfigBase();
+    ~TcpConfigBase() override;
+
+  private:
+    NamespaceName networkNamespace_;
+    uint32_t retryInterval_ = 1;
+    uint32_t dstIntfIfIndex_ = 0;
+    double timeout_ = 0;
+    Mox::Map<IpGenAddrWithMask, Mox::String> md5Auth_;
+    TcpSocketOptions options_;
+    IpTtl txTtl_;
+    IpDscp txDs_;
+    IpTtl rxMinTtl_;
+    uint16_t sockMaxSegSize_ = 0;
+    bool pathMtuDiscovery_ = true;
+    bool edgeTriggeredFileDescriptor_ = false;
+};
+
+/// What a `TcpClientSm` is asked: whom to connect to, from where, and how long to try.
+class PAVO_EXPORT TcpClientConfig : public TcpConfigBase {
+  public:
+    static constexpr uint32_t kernelTcpTimeoutDefault = 20;
+
+    static constexpr Mox::Attribute<TcpClientConfig> clientIpAddrAttr{12, "clientIpAddr"};
+    static constexpr Mox::Attribute<TcpClientConfig> ifIndexAttr{13, "ifIndex"};
+    static constexpr Mox::Attribute<TcpClientConfig> exponentialBackoffRetriesAttr{
+        14, "exponentialBackoffRetries"};
+    static constexpr Mox::Attribute<TcpClientConfig> kernelTcpTimeoutAttr{15, "kernelTcpTimeout"};
+    static const Mox::FwkType type;
+
+    TcpClientConfig(const IpGenAddr& serverIpAddr, Port serverPort)
+        : serverIpAddr_(serverIpAddr), serverPort_(serverPort) {}
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// Its family is that of the connection.
+    const IpGenAddr& serverIpAddr() const { return serverIpAddr_; }
+    Port serverPort() const { return serverPort_; }
+    /// The local address; the kernel chooses one while it is of unknown family, as at first, or the
+    /// wildcard.
+    const IpGenAddr& clientIpAddr() const { return clientIpAddr_; }
+    void clientIpAddrIs(const IpGenAddr& addr) {
+        attributeIs(clientIpAddr_, addr, clientIpAddrAttr);
+    }
+    /// The scope of an IPv6 link-local address of either end.
+    uint32_t ifIndex() const { return ifIndex_; }
+    void ifIndexIs(uint32_t ifIndex) { attributeIs(ifIndex_, ifIndex, ifIndexAttr); }
+    /// The delay after a failed attempt doubles this many times less one and then begins anew at
+    /// `retryInterval`: with 3 and an interval of 2 s the delays are 2, 4, 8, 2, 4 s and so on. 0,
+    /// as at first, never doubles it.
+    uint32_t exponentialBackoffRetries() const { return exponentialBackoffRetries_; }
+    void exponentialBackoffRetriesIs(uint32_t retries) {
+        attributeIs(exponentialBackoffRetries_, retries, exponentialBackoffRetriesAttr);
+    }
+    /// Seconds after which a connection that is not made is given up for a new attempt.
+    uint32_t kernelTcpTimeout() const { return kernelTcpTimeout_; }
+    void kernelTcpTimeoutIs(uint32_t seconds) {
+        attributeIs(kernelTcpTimeout_, seconds, kernelTcpTimeoutAttr);
+    }
+
+  protected:
+    ~TcpClientConfig() override;
+
+  private:
+    IpGenAddr serverIpAddr_;
+    Port serverPort_;
+    IpGenAddr clientIpAddr_;
+    uint32_t ifIndex_ = 0;
+    uint32_t exponentialBackoffRetries_ = 0;
+    uint32_t kernelTcpTimeout_ = kernelTcpTimeoutDefault;
+};
+
+/// What a `TcpServerSm` is asked: where to listen.
+class PAVO_EXPORT TcpServerConfig : public TcpConfigBase {
+  public:
+    static const Mox::FwkType type;
+
+    TcpServerConfig(const IpGenAddr& listenIpAddr, Port listenPort)
+        : listenIpAddr_(listenIpAddr), listenPort_(listenPort) {}
+
+    const Mox::FwkType* fwkType() const override;
+
+    /// Its family is that of the listener.
+    const IpGenAddr& listenIpAddr() const { return listenIpAddr_; }
+    /// 0 is refused by the machine.
+    Port listenPort() const { return listenPort_; }
+
+  protected:
+    ~TcpServerConfig() override;
+
+  private:
+    IpGenAddr listenIpAddr_;
+    Port listenPort_;
+};
+
+PAVO_EXPORT Mox::Ptr<TcpClientConfig> tcpClientConfigFactory(const IpGenAddr& serverIpAddr,
+                                                             Port serverPort);
+PAVO_EXPORT Mox::Ptr<TcpServerConfig> tcpServerConfigFactory(const IpGenAddr& listenIpAddr,
+                                                             Port listenPort);
+
+}  // namespace Pavo

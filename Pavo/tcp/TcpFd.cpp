@@ -1,0 +1,386 @@
+#include "Pavo/tcp/TcpFd.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "Mox/Assert.h"
+#include "Mox/Trace.h"
+#include "Pavo/pam/ReadinessReactor.h"
+#include "Pavo/socket/SocketAt.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::TcpFd");
+
+constexpr const Mox::AttributeBase* registrationAttributes[] = {
+    &TcpFileDescriptorEventRegistration::enabledAttr,
+    &TcpFileDescriptorEventRegistration::notifyOnReadableAttr,
+    &TcpFileDescriptorEventRegistration::notifyOnWritableAttr,
+    &TcpFileDescriptorEventRegistration::readableCountAttr,
+    &TcpFileDescriptorEventRegistration::writableCountAttr,
+};
+constexpr const Mox::AttributeBase* pamAttributes[] = {
+    &TcpPduPamBase::socketReadableCountAttr,
+    &TcpPduPamBase::socketWritableCountAttr,
+};
+
+int domainOf(AddressFamily af) {
+    Mox::require(af == ipv4 || af == ipv6, "Unknown af");
+    return af == ipv4 ? AF_INET : AF_INET6;
+}
+
+template <class T>
+Mox::String printed(const T& pieces) {
+    return Mox::String(std::string_view(pieces.str()));
+}
+
+}  // namespace
+
+constinit const Mox::FwkType TcpFileDescriptor::type{"Pavo::TcpFileDescriptor", nullptr, {}};
+
+TcpFileDescriptor::TcpFileDescriptor(int descriptor, bool edgeTriggered)
+    : descriptor_(descriptor), edgeTriggered_(edgeTriggered) {}
+
+TcpFileDescriptor::~TcpFileDescriptor() {
+    if (descriptor_ >= 0) {
+        const Mox::ErrnoKeeper keeper;
+        (void)close(descriptor_);  // Linux frees the number whatever it answers.
+    }
+}
+
+const Mox::FwkType* TcpFileDescriptor::fwkType() const {
+    return &type;
+}
+
+// Made before its number, which so has an owner from the first moment.
+Mox::Ptr<TcpFileDescriptor> TcpFileDescriptor::socket(AddressFamily af, const NamespaceName& ns,
+                                                      bool edgeTriggered) {
+    const int domain = domainOf(af);
+    const auto fd = tcpFileDescriptorFactory(-1, edgeTriggered);
+    fd->descriptor_ = socketAt(domain, SOCK_STREAM | SOCK_NONBLOCK, 0, ns.value().c_str());
+    MOX_TRACE(facility, 5, "Socket: af=", af, " networkNamespace=", ns,
+              " descriptor=", fd->descriptor_, " edgeTriggered=", edgeTriggered);
+    return fd->descriptor_ >= 0 ? fd : nullptr;
+}
+
+Mox::Ptr<TcpFileDescriptor> TcpFileDescriptor::socketAccept(int serverFd, AddressFamily af,
+                                                            const NamespaceName& ns,
+                                                            bool edgeTriggered) {
+    sockaddr_in6 peer;
+    socklen_t length = domainOf(af) == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    const auto fd = tcpFileDescriptorFactory(-1, edgeTriggered);
+    fd->descriptor_ = accept4(serverFd, reinterpret_cast<sockaddr*>(&peer), &length,
+                              SOCK_NONBLOCK | SOCK_CLOEXEC);
+    MOX_TRACE(facility, 5, "Accept: serverFileDescriptor=", serverFd, " af=", af,
+              " networkNamespace=", ns, " edgeTriggered=", edgeTriggered,
+              " descriptor=", fd->descriptor_);
+    return fd->descriptor_ >= 0 ? fd : nullptr;
+}
+
+Mox::String TcpFileDescriptor::stringValue() const {
+    std::ostringstream out;
+    out << "Value('Pavo::TcpFileDescriptor', ** {'descriptor': " << descriptor_
+        << ", 'edgeTriggered': " << (edgeTriggered_ ? "true" : "false") << "})";
+    return printed(out);
+}
+
+Mox::String valueToStrep(const Mox::Ptr<TcpFileDescriptor>& fd) {
+    return fd ? fd->stringValue() : Mox::String("Value('')");
+}
+
+std::ostream& operator<<(std::ostream& out, const TcpFileDescriptor& fd) {
+    return out << fd.stringValue();
+}
+
+Mox::Ptr<TcpFileDescriptor> tcpFileDescriptorFactory(int descriptor, bool edgeTriggered) {
+    return Mox::make<TcpFileDescriptor>(descriptor, edgeTriggered);
+}
+
+constinit const Mox::FwkType TcpFileDescriptorEventRegistration::type{
+    "Pavo::TcpFileDescriptorEventRegistration", &Mox::Entity::type, registrationAttributes};
+
+TcpFileDescriptorEventRegistration::~TcpFileDescriptorEventRegistration() = default;
+
+const Mox::FwkType* TcpFileDescriptorEventRegistration::fwkType() const {
+    return &type;
+}
+
+void TcpFileDescriptorEventRegistration::handleEnabled() {}
+
+void TcpFileDescriptorEventRegistration::handleNotifyOnReadable() {}
+
+void TcpFileDescriptorEventRegistration::handleNotifyOnWritable() {}
+
+void TcpFileDescriptorEventRegistration::handleReadable() {
+    Mox::require(enabled(), "enabled()");
+    Mox::require(notifyOnReadable(), "notifyOnReadable()");
+    attributeIs(readableCount_, readableCount_ + 1, readableCountAttr);
+}
+
+void TcpFileDescriptorEventRegistration::handleWritable() {
+    Mox::require(enabled(), "enabled()");
+    Mox::require(notifyOnWritable(), "notifyOnWritable()");
+    attributeIs(writableCount_, writableCount_ + 1, writableCountAttr);
+}
+
+void TcpFileDescriptorEventRegistration::handleDel() {
+    enabledIs(false);
+}
+
+void TcpFileDescriptorEventRegistration::enabledIs(bool enabled) {
+    if (changed(enabled_, enabled)) {
+        handleEnabled();
+        notify(enabledAttr);
+    }
+}
+
+void TcpFileDescriptorEventRegistration::notifyOnReadableIs(bool wanted) {
+    if (changed(notifyOnReadable_, wanted)) {
+        handleNotifyOnReadable();
+        notify(notifyOnReadableAttr);
+    }
+}
+
+void TcpFileDescriptorEventRegistration::notifyOnWritableIs(bool wanted) {
+    if (changed(notifyOnWritable_, wanted)) {
+        handleNotifyOnWritable();
+        notify(notifyOnWritableAttr);
+    }
+}
+
+Mox::String TcpFileDescriptorEventRegistration::stringValue() const {
+    std::ostringstream out;
+    out << "<fd=" << fileDescriptor_->descriptor() << ";read=" << notifyOnReadable_
+        << ";write=" << notifyOnWritable_ << ">";
+    return printed(out);
+}
+
+std::ostream& operator<<(std::ostream& out,
+                         const TcpFileDescriptorEventRegistration& registration) {
+    return out << registration.stringValue();
+}
+
+constinit const Mox::FwkType TcpFileDescriptorEventRegistrationFactory::type{
+    "Pavo::TcpFileDescriptorEventRegistrationFactory", nullptr, {}};
+
+TcpFileDescriptorEventRegistrationFactory::~TcpFileDescriptorEventRegistrationFactory() = default;
+
+const Mox::FwkType* TcpFileDescriptorEventRegistrationFactory::fwkType() const {
+    return &type;
+}
+
+Mox::Ptr<TcpFileDescriptorEventRegistration>
+TcpFileDescriptorEventRegistrationFactory::createEventRegistration(
+    Mox::Ptr<TcpFileDescriptor> fileDescriptor) {
+    return Mox::make<TcpFileDescriptorEventRegistration>(std::move(fileDescriptor));
+}
+
+constinit const Mox::FwkType TcpFileDescriptorEventRegistrationMoxc::type{
+    "Pavo::TcpFileDescriptorEventRegistrationMoxc", &TcpFileDescriptorEventRegistration::type, {}};
+
+TcpFileDescriptorEventRegistrationMoxc::TcpFileDescriptorEventRegistrationMoxc(
+    Mox::Ptr<TcpFileDescriptor> fileDescriptor)
+    : TcpFileDescriptorEventRegistration(std::move(fileDescriptor)),
+      sm_(Mox::make<TcpFileDescriptorEventRegistrationMoxcSm>(this)) {}
+
+TcpFileDescriptorEventRegistrationMoxc::~TcpFileDescriptorEventRegistrationMoxc() = default;
+
+const Mox::FwkType* TcpFileDescriptorEventRegistrationMoxc::fwkType() const {
+    return &type;
+}
+
+void TcpFileDescriptorEventRegistrationMoxc::zeroReferencesIs(bool zero) {
+    if (zero) {
+        sm_->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+    }
+    TcpFileDescriptorEventRegistration::zeroReferencesIs(zero);
+}
+
+void TcpFileDescriptorEventRegistrationMoxc::handleEnabled() {
+    sm_->handleEnabled();
+}
+
+void TcpFileDescriptorEventRegistrationMoxc::handleNotifyOnReadable() {
+    sm_->handleNotifyOnReadable();
+}
+
+void TcpFileDescriptorEventRegistrationMoxc::handleNotifyOnWritable() {
+    sm_->handleNotifyOnWritable();
+}
+
+constinit const Mox::FwkType TcpFileDescriptorEventRegistrationMoxcSm::type{
+    "Pavo::TcpFileDescriptorEventRegistrationMoxcSm", nullptr, {}};
+
+TcpFileDescriptorEventRegistrationMoxcSm::TcpFileDescriptorEventRegistrationMoxcSm(
+    TcpFileDescriptorEventRegistrationMoxc* registration)
+    : registration_(registration),
+      fd_(Mox::fileDescriptorFactory(registration->fileDescriptor()->descriptor(),
+                                     Mox::FileDescriptor::Ownership::borrowed)),
+      reactor_(Mox::make<
+               ReadinessReactor<Mox::FileDescriptor, TcpFileDescriptorEventRegistrationMoxcSm>>(
+          fd_, this)) {
+    fd_->watchingIs(registration->fileDescriptor()->edgeTriggered()
+                        ? Mox::FileDescriptor::Watching::edge
+                        : Mox::FileDescriptor::Watching::level);
+}
+
+TcpFileDescriptorEventRegistrationMoxcSm::~TcpFileDescriptorEventRegistrationMoxcSm() = default;
+
+const Mox::FwkType* TcpFileDescriptorEventRegistrationMoxcSm::fwkType() const {
+    return &type;
+}
+
+void TcpFileDescriptorEventRegistrationMoxcSm::zeroReferencesIs(bool zero) {
+    if (zero) {
+        moxDoZombieReactors(true);
+    }
+    PtrInterface::zeroReferencesIs(zero);
+}
+
+void TcpFileDescriptorEventRegistrationMoxcSm::moxDoZombieReactors(bool zombie) {
+    if (zombie && reactor_) {
+        reactor_->notifierIs(nullptr);
+        reactor_ = nullptr;
+        fd_->descriptorRelease();  // Before the owner closes it.
+    }
+}
+
+void TcpFileDescriptorEventRegistrationMoxcSm::handleEnabled() {
+    handleNotifyOnReadable();
+    handleNotifyOnWritable();
+}
+
+// Interest that is only level-triggered and goes while the registration stays is left to the next
+// report: whoever switches it off and on again before that, as for every packet, costs the loop no
+// system call.
+void TcpFileDescriptorEventRegistrationMoxcSm::handleNotifyOnReadable() {
+    const bool wanted = registration_->notifyOnReadable();
+    const bool level = fd_->watching() == Mox::FileDescriptor::Watching::level;
+    if (registration_->enabled() && !wanted && level) {
+        return;
+    }
+    fd_->notifyOnReadableIs(registration_->enabled() && wanted);
+}
+
+void TcpFileDescriptorEventRegistrationMoxcSm::handleNotifyOnWritable() {
+    fd_->notifyOnWritableIs(registration_->enabled() && registration_->notifyOnWritable());
+}
+
+void TcpFileDescriptorEventRegistrationMoxcSm::handleReadable() {
+    if (!registration_->notifyOnReadable()) {
+        fd_->notifyOnReadableIs(false);
+        return;
+    }
+    registration_->handleReadable();
+}
+
+// The loop reports only what there is interest in.
+void TcpFileDescriptorEventRegistrationMoxcSm::handleWritable() {
+    registration_->handleWritable();
+}
+
+constinit const Mox::FwkType TcpFileDescriptorEventRegistrationFactoryMoxc::type{
+    "Pavo::TcpFileDescriptorEventRegistrationFactoryMoxc",
+    &TcpFileDescriptorEventRegistrationFactory::type,
+    {}};
+
+const Mox::FwkType* TcpFileDescriptorEventRegistrationFactoryMoxc::fwkType() const {
+    return &type;
+}
+
+Mox::Ptr<TcpFileDescriptorEventRegistration>
+TcpFileDescriptorEventRegistrationFactoryMoxc::createEventRegistration(
+    Mox::Ptr<TcpFileDescriptor> fileDescriptor) {
+    return Mox::make<TcpFileDescriptorEventRegistrationMoxc>(std::move(fileDescriptor));
+}
+
+Mox::Ptr<TcpFileDescriptorEventRegistrationFactoryMoxc>
+tcpFileDescriptorEventRegistrationFactoryMoxcFactory() {
+    return Mox::make<TcpFileDescriptorEventRegistrationFactoryMoxc>();
+}
+
+constinit const Mox::FwkType TcpPduPamBase::type{"Pavo::TcpPduPamBase", &Pam::type, pamAttributes};
+
+TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
+                             Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
+    : Pam(std::move(name)),
+      fileDescriptor_(std::move(fileDescriptor)),
+      fdFactory_(std::move(fdFactory)),
+      fd_(fdFactory_->createEventRegistration(fileDescriptor_)),
+      tcpPduFdSm_(Mox::make<TcpPduFdSm>(fd_, this)) {}
+
+TcpPduPamBase::~TcpPduPamBase() {
+    fdDel();
+}
+
+const Mox::FwkType* TcpPduPamBase::fwkType() const {
+    return &type;
+}
+
+void TcpPduPamBase::zeroReferencesIs(bool zero) {
+    if (zero) {
+        fdDel();
+    }
+    Pam::zeroReferencesIs(zero);
+}
+
+void TcpPduPamBase::handleSocketReadable() {
+    attributeIs(socketReadableCount_, socketReadableCount_ + 1, socketReadableCountAttr);
+}
+
+void TcpPduPamBase::handleSocketWritable() {
+    attributeIs(socketWritableCount_, socketWritableCount_ + 1, socketWritableCountAttr);
+}
+
+void TcpPduPamBase::fdDel() {
+    if (const auto machine = std::exchange(tcpPduFdSm_, nullptr)) {
+        machine->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+    }
+    if (const auto registration = std::exchange(fd_, nullptr)) {
+        registration->handleDel();
+    }
+}
+
+constinit const Mox::FwkType TcpPduFdSm::type{"Pavo::TcpPduFdSm", nullptr, {}};
+
+TcpPduFdSm::TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam)
+    : pam_(pam),
+      reactor_(Mox::make<ReadinessReactor<TcpFileDescriptorEventRegistration, TcpPduFdSm>>(
+          std::move(fd), this)) {}
+
+TcpPduFdSm::~TcpPduFdSm() = default;
+
+const Mox::FwkType* TcpPduFdSm::fwkType() const {
+    return &type;
+}
+
+void TcpPduFdSm::zeroReferencesIs(bool zero) {
+    if (zero) {
+        moxDoZombieReactors(true);
+    }
+    PtrInterface::zeroReferencesIs(zero);
+}
+
+void TcpPduFdSm::moxDoZombieReactors(bool zombie) {
+    if (zombie && reactor_) {
+        reactor_->notifierIs(nullptr);
+        reactor_ = nullptr;
+    }
+}
+
+void TcpPduFdSm::handleReadable() {
+    pam_->handleSocketReadable();
+}
+
+void TcpPduFdSm::handleWritable() {
+    pam_->handleSocketWritable();
+}
+
+}  // namespace Pavo

@@ -1,0 +1,363 @@
+#include "Pavo/tcp/TcpSm.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "Mox/Assert.h"
+#include "Mox/Exception.h"
+#include "Mox/Trace.h"
+#include "Pavo/tcp/TcpSockOpt.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::TcpSm");
+
+constexpr Mox::AttributeSet configAttributes{
+    TcpConfigBase::optionsAttr,
+    TcpConfigBase::txTtlAttr,
+    TcpConfigBase::txDsAttr,
+    TcpConfigBase::rxMinTtlAttr,
+    TcpConfigBase::md5AuthAttr,
+    TcpConfigBase::sockMaxSegSizeAttr,
+    TcpConfigBase::pathMtuDiscoveryAttr,
+    TcpConfigBase::dstIntfIfIndexAttr,
+};
+
+constexpr uint32_t sockets(std::initializer_list<TcpSmBase::SdType> types) {
+    uint32_t bits = 0;
+    for (const TcpSmBase::SdType each : types) {
+        bits |= 1u << each;
+    }
+    return bits;
+}
+
+constexpr uint32_t allSockets = sockets({TcpSmBase::sdListening, TcpSmBase::sdAccepted,
+                                         TcpSmBase::sdConnecting, TcpSmBase::sdEstablished});
+constexpr uint32_t beforeHandshake = sockets({TcpSmBase::sdListening, TcpSmBase::sdConnecting});
+
+}  // namespace
+
+class TcpSmBase::ConfigReactor : public Mox::Notifiee {
+  public:
+    ConfigReactor(const Mox::Ptr<TcpConfigBase>& config, TcpSmBase* machine)
+        : Notifiee(config, configAttributes), machine_(machine) {}
+
+    void handleChange(const Mox::Change& change) override {
+        const Mox::Ptr<TcpSmBase> hold(machine_);
+        if (!hold->initialized()) {
+            return;
+        }
+        if (change.is(TcpConfigBase::md5AuthAttr)) {
+            hold->handleSocketMd5AuthOption(change.key(TcpConfigBase::md5AuthAttr));
+        } else {
+            hold->handleSocketOptions();
+        }
+    }
+
+  private:
+    TcpSmBase* machine_;
+};
+
+class TcpSmBase::FdReactor : public Mox::Notifiee {
+  public:
+    FdReactor(const Mox::Ptr<TcpFileDescriptorEventRegistration>& registration,
+              Mox::AttributeSet wanted, TcpSmBase* machine, std::function<void()> handler)
+        : Notifiee(registration, wanted), machine_(machine), handler_(std::move(handler)) {}
+
+    void handleChange(const Mox::Change&) override {
+        const Mox::Ptr<TcpSmBase> hold(machine_);
+        handler_();
+    }
+
+  private:
+    TcpSmBase* machine_;
+    std::function<void()> handler_;
+};
+
+struct TcpSmBase::OptionStep {
+    TcpSocketOption option;
+    uint32_t sockets;  // A bit for each kind to which it may be applied.
+    const char* errorText;
+    int (*apply)(TcpSmBase& machine, int sd, bool enabled);
+};
+
+constinit const Mox::FwkType TcpSmBase::type{"Pavo::TcpSmBase", nullptr, {}};
+
+// In the order of the bits. The handshake settles keys and segment size.
+const TcpSmBase::OptionStep TcpSmBase::optionSteps[] = {
+    {optionTxTtl, allSockets, "TxTtl error: af=",
+     [](TcpSmBase& m, int sd, bool on) { return setSockOptTxTtl(m.af(), sd, on, m.txTtl()); }},
+    {optionTxDs, allSockets, "TxDs error: af=",
+     [](TcpSmBase& m, int sd, bool on) { return setSockOptTxDs(m.af(), sd, on, m.txDs()); }},
+    {optionRxMinTtl, allSockets, "RxMinTtl error: af=",
+     [](TcpSmBase& m, int sd, bool on) {
+         return setSockOptRxMinTtl(m.af(), sd, on, m.rxMinTtl());
+     }},
+    {optionMd5Auth, beforeHandshake,
+     "Md5Auth error: af=", [](TcpSmBase& m, int sd, bool on) { return m.applyMd5Auth(sd, on); }},
+    {optionSockMaxSegSize, beforeHandshake, "MSS error: af=",
+     [](TcpSmBase& m, int sd, bool on) {
+         return setSockOptMaxSegSize(sd, on ? m.sockMaxSegSize() : uint16_t{0});
+     }},
+    {optionPathMtuDiscovery, allSockets, "Path MTU discovery error: af=",
+     [](TcpSmBase& m, int sd, bool on) {
+         return setSockOptPathMtuDiscovery(m.af(), sd, on && m.pathMtuDiscovery());
+     }},
+    {optionDontRoute, allSockets, "DontRoute error: af=",
+     [](TcpSmBase& m, int sd, bool on) {
+         return setSockOptDontRoute(m.af(), sd, on, m.dstIntfIfIndex());
+     }},
+};
+
+TcpSmBase::TcpSmBase(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
+                     Keel::TimerWheel* timerWheel, Mox::Ptr<TcpConfigBase> tcpConfig)
+    : fdEventRegistrationFactory_(fdEventRegistrationFactory),
+      timerWheel_(timerWheel),
+      tcpConfig_(std::move(tcpConfig)),
+      configReactor_(Mox::make<ConfigReactor>(tcpConfig_, this)),
+      retryTimer_(timerWheel,
+                  [this] {
+                      const Mox::Ptr<TcpSmBase> hold(this);
+                      handleRetry();
+                  }),
+      timeoutTimer_(timerWheel, [this] {
+          const Mox::Ptr<TcpSmBase> hold(this);
+          handleTimeout();
+      }) {}
+
+TcpSmBase::~TcpSmBase() = default;
+
+const Mox::FwkType* TcpSmBase::fwkType() const {
+    return &type;
+}
+
+void TcpSmBase::hasNotificationActiveIs(bool active) {
+    PtrInterface::hasNotificationActiveIs(active);
+    if (configReactor_) {
+        configReactor_->hasNotificationActiveIs(active);
+    }
+    if (fd_) {
+        fd_->enabledIs(active);  // A loop would go on to report what nobody hears.
+        fdReactor_->hasNotificationActiveIs(active);
+    }
+}
+
+void TcpSmBase::zeroReferencesIs(bool zero) {
+    if (zero) {
+        moxDoZombieReactors(true);
+    }
+    PtrInterface::zeroReferencesIs(zero);
+}
+
+void TcpSmBase::moxDoZombieReactors(bool zombie) {
+    if (!zombie || !configReactor_) {
+        return;
+    }
+    initialized_ = false;
+    configReactor_->notifierIs(nullptr);
+    configReactor_ = nullptr;
+    retryTimer_.expiryIs(Keel::TimerWheel::idle);
+    timeoutTimer_.expiryIs(Keel::TimerWheel::idle);
+    forgetSocket();
+}
+
+void TcpSmBase::handleRetry() {
+    Mox::require(false, "Need to implement handleRetry in derived class");
+}
+
+void TcpSmBase::stopRetryTimerImpl() {
+    retryTimer_.expiryIs(Keel::TimerWheel::idle);
+}
+
+void TcpSmBase::restartRetryTimerImpl(uint32_t intervalSeconds) {
+    retryTimer_.expiryIs(timerWheel_->now() + intervalSeconds);
+}
+
+double TcpSmBase::retryTimerExpireTime() const {
+    return retryTimer_.expiry();
+}
+
+void TcpSmBase::handleTimeout() {
+    Mox::require(false, "Need to implement handleTimeout in derived class");
+}
+
+void TcpSmBase::stopTimeoutTimerImpl() {
+    timeoutTimer_.expiryIs(Keel::TimerWheel::idle);
+}
+
+void TcpSmBase::startTimeoutTimerImpl() {
+    timeoutTimer_.expiryIs(timerWheel_->now() + timeout());
+}
+
+double TcpSmBase::timeoutTimerExpireTime() const {
+    return timeoutTimer_.expiry();
+}
+
+Mox::String TcpSmBase::formatDerivedType() const {
+    return "TcpSmBase";
+}
+
+AddressFamily TcpSmBase::af() const {
+    Mox::require(false, "must be implemented by derived type");
+    return ipunknown;
+}
+
+void TcpSmBase::handleInitialized() {
+    Mox::require(false, "Need to implement handleInitialized in derived class");
+}
+
+int TcpSmBase::applySocketOptions(int sd, SdType sdType) {
+    const bool modifying = sdType != sdAccepted;
+    const TcpSocketOptions wanted = options();
+    for (const OptionStep& step : optionSteps) {
+        const bool enabled = wanted.option(step.option);
+        const bool disabled = modifying && lastOptionsApplied_.option(step.option);
+        if ((step.sockets >> sdType & 1) == 0 || (!enabled && !disabled)) {
+            continue;
+        }
+        const int result = step.apply(*this, sd, enabled);
+        if (result != 0) {
+            const int error = errno;
+            MOX_TRACE(facility, 0, step.errorText, af(), " sd=", sd, " errno=", error);
+            return result;
+        }
+    }
+    if (modifying) {
+        lastOptionsApplied_ = wanted;
+    }
+    return 0;
+}
+
+int TcpSmBase::applyMd5Auth(int sd, bool enabled) {
+    if (!tcpConfig_) {
+        return 0;
+    }
+    for (const auto& [peer, key] : tcpConfig_->md5Auth()) {
+        Mox::require(!enabled || !key.empty(), "!key.empty()");
+        if (peer.af() != af()) {
+            MOX_TRACE(facility, 2, formatDerivedType(), ": no MD5 key of another family: ", peer);
+            continue;
+        }
+        const int result = setSockMd5AuthOption(sd, peer, enabled ? key : Mox::String());
+        if (result != 0) {
+            return result;
+        }
+    }
+    return 0;
+}
+
+void TcpSmBase::handleSocketOptions() {
+    Mox::require(false, "Need to implement in derived class");
+}
+
+void TcpSmBase::handleSocketMd5AuthOption(IpGenAddrWithMask) {
+    Mox::require(false, "Need to implement in derived class");
+}
+
+// A time-out that is negative or no number is none.
+void TcpSmBase::startTimeoutTimer() {
+    if (timeout() > 0 && timeoutTimerExpireTime() == Keel::TimerWheel::idle) {
+        startTimeoutTimerImpl();
+    }
+}
+
+void TcpSmBase::initializedIs() {
+    initialized_ = true;
+    handleInitialized();
+}
+
+NamespaceName TcpSmBase::networkNamespace() const {
+    return tcpConfig_ ? tcpConfig_->networkNamespace() : NamespaceName();
+}
+
+uint32_t TcpSmBase::retryInterval() const {
+    return tcpConfig_ ? tcpConfig_->retryInterval() : 0;
+}
+
+double TcpSmBase::timeout() const {
+    return tcpConfig_ ? tcpConfig_->timeout() : 0;
+}
+
+TcpSocketOptions TcpSmBase::options() const {
+    return tcpConfig_ ? tcpConfig_->options() : TcpSocketOptions();
+}
+
+IpTtl TcpSmBase::txTtl() const {
+    return tcpConfig_ ? tcpConfig_->txTtl() : IpTtl();
+}
+
+IpDscp TcpSmBase::txDs() const {
+    return tcpConfig_ ? tcpConfig_->txDs() : IpDscp();
+}
+
+IpTtl TcpSmBase::rxMinTtl() const {
+    return tcpConfig_ ? tcpConfig_->rxMinTtl() : IpTtl();
+}
+
+Mox::String TcpSmBase::md5Auth(const IpGenAddrWithMask& addrWithMask) const {
+    return tcpConfig_ ? tcpConfig_->md5Auth(addrWithMask) : Mox::String();
+}
+
+uint16_t TcpSmBase::sockMaxSegSize() const {
+    return tcpConfig_ ? tcpConfig_->sockMaxSegSize() : uint16_t{0};
+}
+
+bool TcpSmBase::pathMtuDiscovery() const {
+    return tcpConfig_ && tcpConfig_->pathMtuDiscovery();
+}
+
+uint32_t TcpSmBase::dstIntfIfIndex() const {
+    return tcpConfig_ ? tcpConfig_->dstIntfIfIndex() : 0;
+}
+
+bool TcpSmBase::edgeTriggeredFileDescriptor() const {
+    return tcpConfig_ && tcpConfig_->edgeTriggeredFileDescriptor();
+}
+
+bool TcpSmBase::isStartOwed() const {
+    return startAsked_ && !fd_ && retryTimerExpireTime() == Keel::TimerWheel::idle;
+}
+
+bool TcpSmBase::fdIs(const Mox::Ptr<TcpFileDescriptor>& fd, bool writable,
+                     std::function<void()> handler) {
+    using Registration = TcpFileDescriptorEventRegistration;
+    try {
+        const auto registration = fdEventRegistrationFactory_->createEventRegistration(fd);
+        fd_ = registration;
+        fdReactor_ = Mox::make<FdReactor>(
+            registration,
+            writable ? Registration::writableCountAttr : Registration::readableCountAttr, this,
+            std::move(handler));
+        if (writable) {
+            registration->notifyOnWritableIs(true);
+        } else {
+            registration->notifyOnReadableIs(true);
+        }
+        fdReactor_->hasNotificationActiveIs(hasNotificationActive());
+        registration->enabledIs(hasNotificationActive());
+        return true;
+    } catch (const Mox::ErrnoException& error) {
+        errno = error.errnoValue();
+        return false;
+    }
+}
+
+void TcpSmBase::fdDel(const char* traceText) {
+    const auto registration = std::exchange(fd_, nullptr);
+    if (!registration) {
+        return;
+    }
+    MOX_TRACE(facility, 5, formatDerivedType(), ": ", traceText, " ",
+              registration->fileDescriptor()->descriptor());
+    std::exchange(fdReactor_, nullptr)->notifierIs(nullptr);
+    registration->handleDel();
+}
+
+void TcpSmBase::forgetSocket(const char* traceText) {
+    lastOptionsApplied_ = TcpSocketOptions();
+    fdDel(traceText);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,203 @@
+#include "Pavo/tcp/TcpSockOpt.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Mox/Assert.h"
+#include "Mox/Trace.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::TcpSockOpt");
+
+constexpr uint32_t md5KeyLimit = TCP_MD5SIG_MAXKEYLEN;
+static_assert(sizeof(tcp_md5sig) == 216 && md5KeyLimit == 80);
+
+struct SockOpt {
+    int level;
+    int optname;
+};
+// One option under the names that the families have for it.
+struct SockOptByFamily {
+    SockOpt v4;
+    SockOpt v6;
+};
+
+constexpr SockOptByFamily txTtlOpt{{IPPROTO_IP, IP_TTL}, {IPPROTO_IPV6, IPV6_UNICAST_HOPS}};
+constexpr SockOptByFamily txDsOpt{{IPPROTO_IP, IP_TOS}, {IPPROTO_IPV6, IPV6_TCLASS}};
+constexpr SockOptByFamily rxMinTtlOpt{{IPPROTO_IP, IP_MINTTL}, {IPPROTO_IPV6, IPV6_MINHOPCOUNT}};
+constexpr SockOptByFamily pathMtuDiscoveryOpt{{IPPROTO_IP, IP_MTU_DISCOVER},
+                                              {IPPROTO_IPV6, IPV6_MTU_DISCOVER}};
+constexpr SockOptByFamily dontRouteOpt{{SOL_SOCKET, SO_DONTROUTE}, {IPPROTO_IPV6, IPV6_UNICAST_IF}};
+static_assert(IP_PMTUDISC_DO == 2 && IPV6_PMTUDISC_DO == 2 && IP_PMTUDISC_DONT == 0);
+
+int setByFamily(AddressFamily af, int sd, const SockOptByFamily& option, int value, bool verify) {
+    Mox::require(af == ipv4 || af == ipv6, "Unexpected af");
+    const SockOpt& one = af == ipv4 ? option.v4 : option.v6;
+    return setSocketOptionInteger(sd, one.level, one.optname, value, verify);
+}
+
+// The bits of an option's value that the kernel keeps as they are given.
+int keptBits(int level, int optname) {
+    const bool isTrafficClass = (level == IPPROTO_IP && optname == IP_TOS) ||
+                                (level == IPPROTO_IPV6 && optname == IPV6_TCLASS);
+    constexpr int congestionBits = 0x03;
+    return isTrafficClass ? ~congestionBits : ~0;
+}
+
+// A whole socket address, with room for either family.
+struct SocketAddress {
+    SocketAddress(const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
+        length = constructSockAddr(generic(), addr);
+        if (addr.af() == ipv4) {
+            v4.sin_port = htons(port.value());
+            return;
+        }
+        v6.sin6_port = htons(port.value());
+        v6.sin6_scope_id = addr.isV6LinkLocal() ? ifIndex : 0;
+    }
+    sockaddr* generic() { return reinterpret_cast<sockaddr*>(this); }
+
+    union {
+        sockaddr_in v4;
+        sockaddr_in6 v6;
+    };
+    socklen_t length;
+};
+
+}  // namespace
+
+int setSocketOptionInteger(int sd, int level, int optname, int value, bool verify) {
+    if (setsockopt(sd, level, optname, &value, sizeof(value)) < 0) {
+        return -1;
+    }
+    if (!verify) {
+        return 0;
+    }
+    int verificationValue = 0;
+    socklen_t valueLength = sizeof(verificationValue);
+    if (getsockopt(sd, level, optname, &verificationValue, &valueLength) < 0) {
+        return -1;
+    }
+    Mox::require(valueLength == sizeof(verificationValue),
+                 "valueLength == sizeof( verificationValue )");
+    Mox::require(((value ^ verificationValue) & keptBits(level, optname)) == 0,
+                 "value == verificationValue");
+    return 0;
+}
+
+int setSockOptTxTtl(AddressFamily af, int sd, bool enabled, IpTtl ttl) {
+    return setByFamily(af, sd, txTtlOpt, enabled ? ttl.value() : -1, /*verify=*/enabled);
+}
+
+int setSockOptTxDs(AddressFamily af, int sd, bool enabled, IpDscp dscp) {
+    return setByFamily(af, sd, txDsOpt, enabled ? dscp.value() : 0, /*verify=*/enabled);
+}
+
+int setSockOptRxMinTtl(AddressFamily af, int sd, bool enabled, IpTtl ttl) {
+    return setByFamily(af, sd, rxMinTtlOpt, enabled ? ttl.value() : 0, /*verify=*/enabled);
+}
+
+// An established connection would read back what the handshake made of it.
+int setSockOptMaxSegSize(int sd, uint16_t bytes) {
+    return setSocketOptionInteger(sd, IPPROTO_TCP, TCP_MAXSEG, bytes, /*verify=*/false);
+}
+
+int setSockOptPathMtuDiscovery(AddressFamily af, int sd, bool enable) {
+    return setByFamily(af, sd, pathMtuDiscoveryOpt, enable ? IP_PMTUDISC_DO : IP_PMTUDISC_DONT,
+                       /*verify=*/false);
+}
+
+// The kernel takes this one interface index in network order.
+int setSockOptDontRoute(AddressFamily af, int sd, bool enabled, uint32_t ifIndex) {
+    const int whenEnabled = af == ipv4 ? 1 : static_cast<int>(htonl(ifIndex));
+    return setByFamily(af, sd, dontRouteOpt, enabled ? whenEnabled : 0, /*verify=*/true);
+}
+
+int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask, const Mox::String& key) {
+    Mox::require(key.bytes() < md5KeyLimit, "key.bytes() < 80");
+    const IpGenAddr addr = addrWithMask.ipGenAddr();
+    tcp_md5sig record{};
+    SocketAddress peer(addr, Port(), 0);
+    std::memcpy(&record.tcpm_addr, peer.generic(), peer.length);
+    record.tcpm_keylen = static_cast<uint16_t>(key.bytes());
+    std::copy(key.begin(), key.end(), record.tcpm_key);
+    if (!addrWithMask.isHost()) {
+        // The kernel takes a mapped address for the IPv4 one inside, and so counts its prefix.
+        const uint32_t len = addrWithMask.len();
+        const bool isMapped = len >= 96 && IpGenAddr::getMappedV4Addr(addr).af() == ipv4;
+        record.tcpm_flags = TCP_MD5SIG_FLAG_PREFIX;
+        record.tcpm_prefixlen = static_cast<uint8_t>(std::min(isMapped ? len - 96 : len, 255u));
+    }
+    const int optname = addrWithMask.isHost() ? TCP_MD5SIG : TCP_MD5SIG_EXT;
+    if (setsockopt(sd, IPPROTO_TCP, optname, &record, sizeof(record)) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    if (error == ENOENT && key.empty()) {
+        return 0;
+    }
+    MOX_TRACE(facility, 0, "Md5Auth error: sd=", sd, " peer=", addrWithMask, " ", strerror(error),
+              error == ENOMEM ? " (net.core.optmem_max limits the keys)" : "");
+    return -1;
+}
+
+socklen_t constructSockAddr(sockaddr* out, const IpGenAddr& addr) {
+    Mox::require(addr.af() == ipv4 || addr.af() == ipv6, "Unknown af");
+    if (addr.af() == ipv4) {
+        sockaddr_in v4{};
+        v4.sin_family = AF_INET;
+        addr.copyToBuffer(reinterpret_cast<unsigned char*>(&v4.sin_addr));
+        std::memcpy(out, &v4, sizeof(v4));
+        return sizeof(v4);
+    }
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    addr.copyToBuffer(reinterpret_cast<unsigned char*>(&v6.sin6_addr));
+    std::memcpy(out, &v6, sizeof(v6));
+    return sizeof(v6);
+}
+
+int socketBind(int sd, const IpGenAddr& addr, const Port& port) {
+    MOX_TRACE(facility, 5, "Bind: sd=", sd, " addr=", addr, " port=", port);
+    SocketAddress local(addr, port, 0);
+    return bind(sd, local.generic(), local.length);
+}
+
+int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr, uint32_t ifIndex,
+                     const char** failed) {
+    const char* step = "Setsockopt";
+    int result = setSocketOptionInteger(sd, SOL_SOCKET, SO_REUSEADDR, 1, /*verify=*/true);
+    if (result == 0) {
+        step = "Bind";
+        // Lets connect(2) choose the port, which knows the peer: connections to different peers can
+        // then share one. Where the kernel has no such option, the port is chosen now.
+        (void)setSocketOptionInteger(sd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1, /*verify=*/false);
+        MOX_TRACE(facility, 5, "Bind: sd=", sd, " addr=", addr, " ifIndex=", ifIndex);
+        SocketAddress local(addr.af() == ipunknown ? IpGenAddr(af) : addr, Port(), ifIndex);
+        result = bind(sd, local.generic(), local.length);
+    }
+    if (result < 0 && failed != nullptr) {
+        *failed = step;
+    }
+    return result;
+}
+
+int socketConnect(int sd, const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
+    MOX_TRACE(facility, 5, "Connect: sd=", sd, " addr=", addr, " port=", port);
+    SocketAddress peer(addr, port, ifIndex);
+    const int result = connect(sd, peer.generic(), peer.length);
+    if (result < 0 && errno == EINPROGRESS) {
+        MOX_TRACE(facility, 5, "Connection is in progress");
+    }
+    return result;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,198 @@
+/// @file
+/// What a TCP machine tells its owner.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <limits>
+
+#include "Mox/Entity.h"
+#include "Mox/Enum.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/tcp/TcpConnSocket.h"
+
+namespace Pavo {
+
+/// Written by a `TcpClientSm`. An observer may, while it is told, start or stop the machine, or
+/// drop the machine or this.
+class PAVO_EXPORT TcpClientStatus : public Mox::Entity {
+  public:
+    enum class ConnectionStatus : uint32_t {
+        idle = 0,        ///< not started, or stopped
+        failed = 1,      ///< the last attempt failed, another one follows
+        connecting = 2,  ///< an attempt is under way
+        connected = 3,   ///< `connSocket` is there
+        timedout = 4,    ///< given up after the overall time-out
+    };
+
+    using Self = TcpClientStatus;
+    static constexpr Mox::Attribute<Self> connectionStatusAttr{0, "connectionStatus"};
+    static constexpr Mox::Attribute<Self> reasonAttr{1, "reason"};
+    static constexpr Mox::Attribute<Self> connectionAttemptCountAttr{2, "connectionAttemptCount"};
+    static constexpr Mox::Attribute<Self> connectionErrorCountAttr{3, "connectionErrorCount"};
+    static constexpr Mox::Attribute<Self> connectionSuccessCountAttr{4, "connectionSuccessCount"};
+    static constexpr Mox::Attribute<Self> retryTimerNextAttr{5, "retryTimerNext"};
+    static constexpr Mox::Attribute<Self> retryTimerIntervalAttr{6, "retryTimerInterval"};
+    static constexpr Mox::Attribute<Self> connSocketAttr{7, "connSocket"};
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    ConnectionStatus connectionStatus() const { return connectionStatus_; }
+    void connectionStatusIs(ConnectionStatus status) {
+        attributeIs(connectionStatus_, status, connectionStatusAttr);
+    }
+    /// Why the last attempt that failed did: "Connect (Connection refused)".
+    const Mox::String& reason() const { return reason_; }
+    void reasonIs(const Mox::String& reason) { attributeIs(reason_, reason, reasonAttr); }
+    /// Attempts for which a socket could be opened.
+    uint32_t connectionAttemptCount() const { return connectionAttemptCount_; }
+    void connectionAttemptCountIs(uint32_t count) {
+        attributeIs(connectionAttemptCount_, count, connectionAttemptCountAttr);
+    }
+    uint32_t connectionAttemptCountInc(uint32_t delta);
+    uint32_t connectionErrorCount() const { return connectionErrorCount_; }
+    void connectionErrorCountIs(uint32_t count) {
+        attributeIs(connectionErrorCount_, count, connectionErrorCountAttr);
+    }
+    uint32_t connectionErrorCountInc(uint32_t delta);
+    uint32_t connectionSuccessCount() const { return connectionSuccessCount_; }
+    void connectionSuccessCountIs(uint32_t count) {
+        attributeIs(connectionSuccessCount_, count, connectionSuccessCountAttr);
+    }
+    uint32_t connectionSuccessCountInc(uint32_t delta);
+    /// When the next attempt is made, in seconds of the machine's clock; +infinity when none is
+    /// planned.
+    double retryTimerNext() const { return retryTimerNext_; }
+    void retryTimerNextIs(double time) { attributeIs(retryTimerNext_, time, retryTimerNextAttr); }
+    /// The seconds for which the retry timer was last set.
+    uint32_t retryTimerInterval() const { return retryTimerInterval_; }
+    void retryTimerIntervalIs(uint32_t seconds) {
+        attributeIs(retryTimerInterval_, seconds, retryTimerIntervalAttr);
+    }
+    /// The established connection, or an empty value. This status is one of its holders.
+    const TcpConnSocket& connSocket() const { return connSocket_; }
+    void connSocketIs(const TcpConnSocket& connection) {
+        attributeIs(connSocket_, connection, connSocketAttr);
+    }
+    void resetConnSocket() { connSocketIs(TcpConnSocket()); }
+
+  protected:
+    ~TcpClientStatus() override;
+
+  private:
+    ConnectionStatus connectionStatus_ = ConnectionStatus::idle;
+    Mox::String reason_;
+    uint32_t connectionAttemptCount_ = 0;
+    uint32_t connectionErrorCount_ = 0;
+    uint32_t connectionSuccessCount_ = 0;
+    uint32_t retryTimerInterval_ = 0;
+    double retryTimerNext_ = std::numeric_limits<double>::infinity();
+    TcpConnSocket connSocket_;
+};
+
+constexpr auto enumDescription(TcpClientStatus::ConnectionStatus) {
+    using enum TcpClientStatus::ConnectionStatus;
+    return Mox::enumeration<TcpClientStatus::ConnectionStatus>("Invalid ConnectionStatus",
+                                                               {{idle, "idle"},
+                                                                {failed, "failed"},
+                                                                {connecting, "connecting"},
+                                                                {connected, "connected"},
+                                                                {timedout, "timedout"}});
+}
+
+PAVO_EXPORT Mox::Ptr<TcpClientStatus> tcpClientStatusFactory();
+
+/// Written by a `TcpServerSm`. Accepted connections wait here, each under an index of its own that
+/// counts up, until the owner takes them; there is no limit to them. What an observer may do is
+/// what one of a `TcpClientStatus` may.
+class PAVO_EXPORT TcpServerStatus : public Mox::Entity {
+  public:
+    using Self = TcpServerStatus;
+    static constexpr Mox::Attribute<Self> listeningAttr{0, "listening"};
+    static constexpr Mox::Attribute<Self> reasonAttr{1, "reason"};
+    static constexpr Mox::Attribute<Self> serverStartTimesAttr{2, "serverStartTimes"};
+    static constexpr Mox::Attribute<Self> serverTimedOutTimesAttr{3, "serverTimedOutTimes"};
+    static constexpr Mox::Attribute<Self> serverEagainEintrTimesAttr{4, "serverEagainEintrTimes"};
+    static constexpr Mox::Attribute<Self> connSocketCountAttr{5, "connSocketCount"};
+    static constexpr Mox::Attribute<Self, uint32_t> connSocketAttr{6, "connSocket"};
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    bool listening() const { return listening_; }
+    void listeningIs(bool listening) { attributeIs(listening_, listening, listeningAttr); }
+    /// "Not started", "Listening", "Listening port is 0", or what failed: "Bind (Address already in
+    /// use)". A stop and the overall time-out leave it as it was.
+    const Mox::String& reason() const { return reason_; }
+    void reasonIs(const Mox::String& reason) { attributeIs(reason_, reason, reasonAttr); }
+    uint32_t serverStartTimes() const { return serverStartTimes_; }
+    void serverStartTimesIs(uint32_t count) {
+        attributeIs(serverStartTimes_, count, serverStartTimesAttr);
+    }
+    uint32_t serverStartTimesInc(uint32_t delta);
+    uint32_t serverTimedOutTimes() const { return serverTimedOutTimes_; }
+    void serverTimedOutTimesIs(uint32_t count) {
+        attributeIs(serverTimedOutTimes_, count, serverTimedOutTimesAttr);
+    }
+    uint32_t serverTimedOutTimesInc(uint32_t delta);
+    /// Reports of a connection that accept(2) then did not find.
+    uint32_t serverEagainEintrTimes() const { return serverEagainEintrTimes_; }
+    void serverEagainEintrTimesIs(uint32_t count) {
+        attributeIs(serverEagainEintrTimes_, count, serverEagainEintrTimesAttr);
+    }
+    uint32_t serverEagainEintrTimesInc(uint32_t delta);
+    /// Connections ever accepted and queued.
+    uint32_t connSocketCount() const { return connSocketCount_; }
+    void connSocketCountIs(uint32_t count) {
+        attributeIs(connSocketCount_, count, connSocketCountAttr);
+    }
+    uint32_t connSocketCountInc(uint32_t delta);
+
+    /// Takes the oldest waiting connection; an empty value when none waits.
+    TcpConnSocket getConnSocket() { return connSocketDeq(); }
+
+    /// The connections that wait.
+    uint32_t connSocketMembers() const { return static_cast<uint32_t>(queue_.size()); }
+    /// The connection with the index; an empty value when there is none.
+    TcpConnSocket connSocket(uint32_t index) const;
+    /// The oldest, and the newest; an empty value when none waits.
+    TcpConnSocket connSocketFront() const;
+    TcpConnSocket connSocketBack() const;
+    /// Queues a connection and gives its index.
+    uint32_t connSocketEnq(const TcpConnSocket& connection);
+    /// Takes the oldest; an empty value when none waits.
+    TcpConnSocket connSocketDeq();
+    /// Replaces the connection with the index, or queues this one under it.
+    void connSocketIs(uint32_t index, const TcpConnSocket& connection);
+    void connSocketDel(uint32_t index);
+    /// Drops all that wait: each is closed unless somebody else holds it.
+    void connSocketDelAll();
+
+  protected:
+    ~TcpServerStatus() override;
+
+  private:
+    struct Waiting {
+        uint32_t index;
+        TcpConnSocket connection;
+    };
+    using Queue = std::deque<Waiting>;
+
+    Queue::iterator find(uint32_t index);
+
+    bool listening_ = false;
+    Mox::String reason_;
+    uint32_t serverStartTimes_ = 0;
+    uint32_t serverTimedOutTimes_ = 0;
+    uint32_t serverEagainEintrTimes_ = 0;
+    uint32_t connSocketCount_ = 0;
+    uint32_t nextIndex_ = 0;
+    Queue queue_;
+};
+
+PAVO_EXPORT Mox::Ptr<TcpServerStatus> tcpServerStatusFactory();
+
+}  // namespace Pavo

@@ -1,0 +1,155 @@
+#include "Pavo/value/EthAddr.h"
+
+#include "Mox/Hash.h"
+
+#include "Pavo/base/IntMix.h"
+
+namespace Pavo {
+
+namespace {
+
+// The end of the hexadecimal digits from `at` on, or null when there is none or they pass 0xffff.
+const char* readHexGroup(const char* at, const char* end, uint32_t* value) {
+    const char* const first = at;
+    uint32_t sum = 0;
+    for (; at != end; ++at) {
+        const int digit = Mox::TextCursor::hexValue(*at);
+        if (digit < 0) {
+            break;
+        }
+        sum = sum << 4 | static_cast<uint32_t>(digit);
+        if (sum > 0xffff) {
+            return nullptr;
+        }
+    }
+    *value = sum;
+    return at == first ? nullptr : at;
+}
+
+// The number that `count` bytes of two digits each stand for, at most four, with one character
+// between them; negative when a digit is none. `*differences` stays as it is only where each of the
+// characters between is `separator`.
+template <unsigned count>
+inline int64_t digitPairs(const char* at, char separator, int* differences) {
+    int64_t number = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        // What is no digit is -1, whose ones stay above whatever comes after.
+        const int64_t high = Mox::TextCursor::hexValue(at[3 * i]);
+        const int64_t low = Mox::TextCursor::hexValue(at[3 * i + 1]);
+        number = number << 8 | high << 4 | low;
+        *differences |= i + 1 < count ? at[3 * i + 2] ^ separator : 0;
+    }
+    return number;
+}
+
+// Reads `count` bytes of two digits each, with one of ":" and "-" between them: by far the most
+// frequent form, read without a branch a character. False for every other form.
+template <unsigned count>
+bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
+    constexpr unsigned length = 3 * count - 1;
+    constexpr unsigned half = count / 2;
+    const char* const at = in.at();
+    if (in.rest().size() < length || (at[2] != ':' && at[2] != '-')) {
+        return false;
+    }
+    int differences = at[3 * half - 1] ^ at[2];
+    const int64_t high = digitPairs<half>(at, at[2], &differences);
+    const int64_t low = digitPairs<half>(at + 3 * half, at[2], &differences);
+    const bool goesOn = in.rest().size() > length && Mox::TextCursor::hexValue(at[length]) >= 0;
+    if ((high | low) < 0 || differences != 0 || goesOn) {
+        return false;
+    }
+    // Whole words are stored, since the value is copied as such at once.
+    uint8_t image[8];
+    storeNet(image, static_cast<uint64_t>(high << (8 * half) | low) << (64 - 8 * count));
+    std::memcpy(bytes, image, count);
+    in.atIs(at + length);
+    return true;
+}
+
+// Reads `count` bytes in one of the three forms.
+template <unsigned count>
+bool readHexBytes(Mox::TextCursor& in, uint8_t* bytes) {
+    if (readDigitPairs<count>(in, bytes)) {
+        return true;
+    }
+    const char* at = in.at();
+    const char* const end = in.end();
+    uint32_t group = 0;
+    at = readHexGroup(at, end, &group);
+    if (at == nullptr || at == end || (*at != ':' && *at != '-' && *at != '.')) {
+        return false;
+    }
+    const char separator = *at;
+    const bool wide = separator == '.';
+    for (unsigned i = 0;;) {
+        if (wide) {
+            bytes[i++] = static_cast<uint8_t>(group >> 8);
+        } else if (group > 0xff) {
+            return false;
+        }
+        bytes[i++] = static_cast<uint8_t>(group);
+        if (i == count) {
+            in.atIs(at);
+            return true;
+        }
+        if (at == end || *at != separator) {
+            return false;
+        }
+        at = readHexGroup(at + 1, end, &group);
+        if (at == nullptr) {
+            return false;
+        }
+    }
+}
+
+}  // namespace
+
+Eui64 EthAddr::eui64() const {
+    return Eui64(word(0), static_cast<uint16_t>(bytes_[2] << 8 | 0xff),
+                 static_cast<uint16_t>(0xff00 | bytes_[3]), word(2));
+}
+
+Mox::String EthAddr::displayString() const {
+    char text[14];
+    for (int i = 0; i < 6; ++i) {
+        std::memcpy(text + 2 * i + i / 2, &Mox::hexPairs[2u * bytes_[i]], 2);
+    }
+    text[4] = text[9] = '.';
+    return Mox::String(text, sizeof(text));
+}
+
+uint32_t EthAddr::hash() const {
+    return intMix(static_cast<uint32_t>(word(0) ^ word(1)) << 16 | word(2));
+}
+
+// The words count as they are stored: the first byte of each is the low one of the number.
+uint32_t EthAddr::hash(uint32_t seed) const {
+    Mox::Hash mixer(seed);
+    for (int i = 0; i < 6; i += 2) {
+        mixer.mix(static_cast<uint32_t>(bytes_[i] | bytes_[i + 1] << 8));
+    }
+    return mixer.result();
+}
+
+const char* EthAddr::parse(Mox::TextCursor& in) {
+    return readHexBytes<6>(in, bytes_) ? nullptr : leftoverText;
+}
+
+const char* Eui64::parse(Mox::TextCursor& in) {
+    return readHexBytes<8>(in, bytes_) ? nullptr : EthAddr::leftoverText;
+}
+
+void Eui64::print(Mox::TextWriter& out) const {
+    out.bounded<23>([this](char* at) {
+        for (int i = 0; i < 8; ++i) {
+            std::memcpy(at + 3 * i, &Mox::hexPairs[2u * bytes_[i]], 2);
+            if (i < 7) {
+                at[3 * i + 2] = ':';
+            }
+        }
+        return at + 23;
+    });
+}
+
+}  // namespace Pavo

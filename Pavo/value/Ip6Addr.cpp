@@ -1,0 +1,353 @@
+#include "Pavo/value/Ip6Addr.h"
+
+#include <array>
+
+#include "Pavo/value/EthAddr.h"
+#include "Pavo/value/IpText.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr const char* notExpandedText = "Ip6Addr: address is not expanded";
+
+const char* dottedFaultText(DottedFault fault) {
+    switch (fault) {
+        case DottedFault::none:
+            return nullptr;
+        case DottedFault::digitExpected:
+            return "Ip6Addr: decimal digit expected";
+        case DottedFault::tooManyDigits:
+            return "Ip6Addr: too many consecutive decimal digits";
+        case DottedFault::valueTooLarge:
+            return "Ip6Addr: decimal value too large";
+        case DottedFault::dotExpected:
+            return "Ip6Addr: expected '.'";
+    }
+    return nullptr;
+}
+
+// The end of up to four hexadecimal digits from `at` on.
+inline const char* readDigits(const char* at, const char* end, uint32_t* group) {
+    const char* const limit = end - at < 4 ? end : at + 4;
+    uint32_t sum = 0;
+    for (; at != limit; ++at) {
+        const int digit = Mox::TextCursor::hexValue(*at);
+        if (digit < 0) {
+            break;
+        }
+        sum = sum << 4 | static_cast<uint32_t>(digit);
+    }
+    *group = sum;
+    return at;
+}
+
+// Reads one address. Every step returns null or the text of the error, and sets `done_` where
+// nothing more can belong to the address.
+class Reader {
+  public:
+    Reader(const char* at, const char* end) : at_(at), end_(end) {}
+
+    const char* read() {
+        const char* error = readStart();
+        while (error == nullptr && !done_) {
+            error = readGroup();
+            if (error == nullptr && !done_) {
+                error = readColons();
+            }
+        }
+        return error;
+    }
+
+    const char* at() const { return at_; }
+
+    void store(uint8_t* bytes) const {
+        std::memcpy(bytes, head_, 16);
+        if (hasGap_) {
+            for (int i = 0; i < 16; ++i) {
+                bytes[i] |= into_[i - 16];
+            }
+        }
+    }
+
+  private:
+    bool atChar(char c) const { return at_ != end_ && *at_ == c; }
+    bool atHexDigit() const { return at_ != end_ && Mox::TextCursor::hexValue(*at_) >= 0; }
+
+    const char* readStart() {
+        if (atHexDigit()) {
+            return nullptr;
+        }
+        if (!atChar(':')) {
+            return "Ip6Addr: leading hex digit expected";
+        }
+        ++at_;
+        if (!atChar(':')) {
+            return "Ip6Addr: ':' expected";
+        }
+        return readGap();
+    }
+
+    // At the second colon of "::".
+    const char* readGap() {
+        if (hasGap_) {
+            return "Ip6Addr: only one '::' allowed";
+        }
+        ++at_;
+        if (atChar(':')) {
+            return "Ip6Addr: too many colons";
+        }
+        hasGap_ = true;
+        into_ = tail_ + 16;
+        --room_;
+        done_ = room_ == 0 || !atHexDigit();
+        return nullptr;
+    }
+
+    // At a hexadecimal digit.
+    const char* readGroup() {
+        const char* const begin = at_;
+        uint32_t group = 0;
+        at_ = readDigits(at_, end_, &group);
+        if (atChar('.') && (hasGap_ || into_ != head_) && room_ >= 2) {
+            return readQuad(begin);
+        }
+        if (atHexDigit()) {
+            return "Ip6Addr: too many consecutive hex digits";
+        }
+        storeNet(into_, static_cast<uint16_t>(group));
+        into_ += 2;
+        done_ = --room_ == 0;
+        return nullptr;
+    }
+
+    // What looked like a group is the first octet of the last 32 bits.
+    const char* readQuad(const char* begin) {
+        Mox::TextCursor quad(begin, end_);
+        if (const char* error = dottedFaultText(readDottedQuad<3>(quad, into_))) {
+            return error;
+        }
+        at_ = quad.at();
+        into_ += 4;
+        room_ -= 2;
+        done_ = true;
+        return room_ == 0 || hasGap_ ? nullptr : "Ip6Addr: incomplete ipv6 address";
+    }
+
+    // Behind a group that is not the last possible one.
+    const char* readColons() {
+        if (!atChar(':')) {
+            done_ = hasGap_;
+            if (done_) {
+                return nullptr;
+            }
+            return at_ == end_ ? "Ip6Addr: incomplete ipv6 address" : "Ip6Addr: ':' expected";
+        }
+        ++at_;
+        if (atHexDigit()) {
+            return nullptr;
+        }
+        return atChar(':') ? readGap() : "Ip6Addr: hex digit expected";
+    }
+
+    const char* at_;
+    const char* end_;
+    // The groups before "::" stand in place. Those after it go behind sixteen zeros, so that the
+    // last sixteen bytes written are those groups, moved to the end of the address.
+    uint8_t head_[16] = {};
+    uint8_t tail_[32] = {};
+    uint8_t* into_ = head_;
+    int room_ = 8;  // Groups that may still follow; "::" takes the place of one at least.
+    bool hasGap_ = false;
+    bool done_ = false;
+};
+
+// Where a "::" goes: the leftmost longest run of two or more zero groups.
+struct Run {
+    uint8_t start;
+    uint8_t length;
+};
+
+// By a bit mask of the zero groups, the first group in bit 0.
+constexpr auto zeroRuns = [] {
+    std::array<Run, 256> runs{};
+    for (unsigned mask = 0; mask < 256; ++mask) {
+        Run best{8, 1};
+        for (uint8_t start = 0; start < 8; ++start) {
+            uint8_t length = 0;
+            while (start + length < 8 && (mask >> (start + length) & 1) != 0) {
+                ++length;
+            }
+            if (length > best.length) {
+                best = {start, length};
+            }
+        }
+        runs[mask] = best;
+    }
+    return runs;
+}();
+
+// Writes the group without leading zeros and returns its end. Four characters are overwritten.
+char* groupAt(char* at, uint16_t group) {
+    // The digits are put together in a register: a load from bytes just stored would have to wait.
+    static_assert(std::endian::native == std::endian::little);
+    uint16_t high = 0;
+    uint16_t low = 0;
+    std::memcpy(&high, &Mox::hexPairs[2u * (group >> 8)], 2);
+    std::memcpy(&low, &Mox::hexPairs[2u * (group & 0xff)], 2);
+    const int zeros = std::countl_zero(static_cast<uint16_t>(group | 1)) / 4;
+    const uint32_t digits = (high | static_cast<uint32_t>(low) << 16) >> (8 * zeros);
+    std::memcpy(at, &digits, 4);
+    return at + (4 - zeros);
+}
+
+char* groupsAt(char* at, const Ip6Addr& address, unsigned first, unsigned last) {
+    for (unsigned i = first; i < last; ++i) {
+        at = groupAt(at, address.u16(i));
+        *at++ = ':';
+    }
+    return at;
+}
+
+const char* readAddressAndLength(Mox::TextCursor& in, Ip6Addr* address, uint32_t* len) {
+    if (const char* error = address->parse(in)) {
+        return error;
+    }
+    const LengthFault fault = readLengthSuffix(in, len);
+    if (fault == LengthFault::missing) {
+        return Ip6AddrWithMask::leftoverText;
+    }
+    const bool tooLong = fault == LengthFault::tooLarge || *len > 128;
+    return tooLong ? "Ip6AddrWithMask: prefix too long" : nullptr;
+}
+
+}  // namespace
+
+EthAddr Ip6Addr::mcastEtherAddress() const {
+    return EthAddr(0x3333, u16(6), u16(7));
+}
+
+Ip6Addr Ip6Addr::validLlUnicastAddress() const {
+    if (!isLinkLocalUnicast2()) {
+        Mox::throwRangeException("Not an address that belongs to subnet fe80::/10");
+    }
+    return Ip6Addr(0xfe80000000000000, low());
+}
+
+void Ip6Addr::stringValueExpandedIs(const Mox::String& text) {
+    if (text.bytes() != 39) {
+        Mox::throwRangeException(notExpandedText);
+    }
+    Ip6Addr fresh;
+    for (unsigned i = 0; i < 8; ++i) {
+        const char* const group = text.begin() + 5 * i;
+        uint32_t value = 0;
+        if (readDigits(group, text.end(), &value) != group + 4 || (i < 7 && group[4] != ':')) {
+            Mox::throwRangeException(notExpandedText);
+        }
+        fresh.u16Is(i, static_cast<uint16_t>(value));
+    }
+    *this = fresh;
+}
+
+const char* Ip6Addr::parse(Mox::TextCursor& in) {
+    Reader reader(in.at(), in.end());
+    if (const char* error = reader.read()) {
+        return error;
+    }
+    reader.store(bytes_);
+    in.atIs(reader.at());
+    return nullptr;
+}
+
+void Ip6Addr::print(Mox::TextWriter& out) const {
+    out.bounded<39>([this](char* at) {
+        if (isV4MappedV6()) {
+            std::memcpy(at, "::ffff:", 7);
+            return dottedQuadAt(at + 7, bytes_ + 12);
+        }
+        unsigned zeros = 0;
+        for (unsigned i = 0; i < 8; ++i) {
+            zeros |= static_cast<unsigned>(u16(i) == 0) << i;
+        }
+        const Run run = zeroRuns[zeros];
+        if (run.start == 8) {
+            at = groupsAt(at, *this, 0, 7);
+            return groupAt(at, u16(7));
+        }
+        at = groupsAt(at, *this, 0, run.start);
+        if (run.start == 0) {
+            *at++ = ':';
+        }
+        *at++ = ':';
+        const unsigned after = run.start + run.length;
+        if (after == 8) {
+            return at;
+        }
+        at = groupsAt(at, *this, after, 7);
+        return groupAt(at, u16(7));
+    });
+}
+
+uint32_t Ip6Addr::hash(uint32_t seed) const {
+    return ValueType::hash(seed);
+}
+
+void sequenceToValue(Mox::String::IteratorConst& it, const Mox::String::IteratorConst& end,
+                     Ip6Addr* value) {
+    *value = Ip6Addr();
+    *value = Ip6Addr(it, end);
+}
+
+Ip6Addr ip6LinkLocalFromMac(const EthAddr& mac) {
+    return Ip6Addr(0xfe80, 0, 0, 0, mac.word(0) ^ 0x0200,
+                   static_cast<uint16_t>((mac.word(1) & 0xff00) | 0xff),
+                   static_cast<uint16_t>(0xfe00 | (mac.word(1) & 0xff)), mac.word(2));
+}
+
+const char* Ip6AddrWithMask::parse(Mox::TextCursor& in) {
+    return readAddressAndLength(in, &address_, &len_);
+}
+
+const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
+    if (const char* error = address_.parse(in)) {
+        return error;
+    }
+    if (atMaskLength(in)) {
+        uint32_t len = 0;
+        if (readLengthSuffix(in, &len) != LengthFault::none || len > 128) {
+            return leftoverText;
+        }
+        mask_ = ip6AddrFromPrefixLen(len);
+        return nullptr;
+    }
+    const bool atMask =
+        in.take('/') && (in.peek() == ':' || Mox::TextCursor::hexValue(in.peek()) >= 0);
+    return atMask ? mask_.parse(in) : leftoverText;
+}
+
+void Ip6AddrWithFullMask::print(Mox::TextWriter& out) const {
+    if (hasPrefixRepr()) {
+        Ip6AddrWithMask(address_, prefixLen().value()).subnet().print(out);
+        return;
+    }
+    address_.print(out);
+    out.put('/');
+    mask_.print(out);
+}
+
+Ip6Addr Ip6Prefix::subnetHost(const Ip6Addr& host) const {
+    if (!host.ip6AddrMaskedByLength(len_).isZero()) {
+        Mox::throwRangeException("Host address is too long");
+    }
+    return Ip6Addr(address_.u64(0) | host.u64(0), address_.u64(1) | host.u64(1));
+}
+
+const char* Ip6Prefix::parse(Mox::TextCursor& in) {
+    if (const char* error = readAddressAndLength(in, &address_, &len_)) {
+        return error;
+    }
+    return validAsPrefix() ? nullptr : leftoverText;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,99 @@
+#include "Pavo/value/IpAddr.h"
+
+#include <algorithm>
+
+#include "toggle/toggle.h"
+
+#include "Pavo/value/EthAddr.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr const char* noLengthText = "premature end of Prefix type";
+
+void printAddressAndLength(Mox::TextWriter& out, const IpAddr& address, uint32_t len) {
+    address.print(out);
+    out.put('/');
+    out.decimal(len);
+}
+
+}  // namespace
+
+bool IpAddr::isReserved(bool routable) const {
+    static const bool toggle = getToggleState("Ipv4Routable240ClassE", "Pavo.json", true);
+    if (toggle && routable) {
+        return false;
+    }
+    return value() >> 28 == 0xf && !isBroadcast();
+}
+
+EthAddr IpAddr::mcastEtherAddress() const {
+    return EthAddr(0x0100, static_cast<uint16_t>(0x5e00 | (bytes_[1] & 0x7f)),
+                   static_cast<uint16_t>(value()));
+}
+
+const char* IpAddrWithMask::parse(Mox::TextCursor& in) {
+    if (const char* error = address_.parse(in)) {
+        return error;
+    }
+    return readLengthSuffix(in, &len_) == LengthFault::none ? nullptr : noLengthText;
+}
+
+void IpAddrWithMask::print(Mox::TextWriter& out) const {
+    printAddressAndLength(out, address_, len_);
+}
+
+void IpAddrWithFullMask::print(Mox::TextWriter& out) const {
+    const bool contiguous = (mask_ | (mask_ - 1)) == 0xffffffff;
+    if (contiguous || mask_ == 0) {
+        printAddressAndLength(out, IpAddr(address_.value() & mask_),
+                              static_cast<uint32_t>(std::popcount(mask_)));
+        return;
+    }
+    address_.print(out);
+    out.put('/');
+    IpAddr(mask_).print(out);
+}
+
+IpAddr Prefix::subnetHost(const IpAddr& host) const {
+    const bool limited = len_ >= 1 && len_ <= 32;
+    if (limited && host.value() >> (32 - len_) != 0) {
+        Mox::throwRangeException("Host address too long");
+    }
+    return IpAddr(address_.value() | host.value());
+}
+
+std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) {
+    // As signed numbers, the length 0xffffffff is shorter than any other.
+    const auto aLen = static_cast<int32_t>(a.len_);
+    const auto bLen = static_cast<int32_t>(b.len_);
+    const int32_t shorter = std::min(aLen, bLen);
+    if (shorter > 0 &&
+        a.address_.longestCommonPrefix(b.address_) < static_cast<uint32_t>(shorter)) {
+        return a.address_ <=> b.address_;
+    }
+    return bLen <=> aLen;
+}
+
+const char* Prefix::parse(Mox::TextCursor& in) {
+    if (const char* error = address_.parse(in)) {
+        return error;
+    }
+    switch (readLengthSuffix(in, &len_)) {
+        case LengthFault::missing:
+            return noLengthText;
+        case LengthFault::tooLarge:
+            return leftoverText;
+        case LengthFault::none:
+            break;
+    }
+    // Text allows none of the lengths above 32, parts allow one.
+    return len_ <= 32 && validAsPrefix(address_, len_) ? nullptr : leftoverText;
+}
+
+void Prefix::print(Mox::TextWriter& out) const {
+    printAddressAndLength(out, address_, len_);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,284 @@
+/// @file
+/// Prefixes of either family, and the entities that hold sets of them.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <type_traits>
+
+#include "Mox/Collections.h"
+#include "Mox/Entity.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Mox/ValueType.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
+#include "Pavo/value/Ip6Addr.h"
+#include "Pavo/value/IpAddr.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/IpGenAddrAndLen.h"
+
+namespace Pavo {
+
+class IpGenPrefix;
+
+/// The parts of a prefix of either family, without a rule that joins them: any length, host bits or
+/// none. Ordered by family, then by address, then by length.
+///
+/// Text is that of the record alone, with the address as the IPv6 text of its sixteen bytes.
+class IpGenPrefixBase : public IpGenAddrAndLen<IpGenPrefixBase> {
+  public:
+    constexpr IpGenPrefixBase() = default;
+    constexpr IpGenPrefixBase(const IpGenAddr& address, uint32_t len)
+        : IpGenAddrAndLen(address, len) {}
+    constexpr IpGenPrefixBase(const IpGenPrefix& prefix);
+    /// @throws Mox::RangeException "Invalid IpGenPrefixBase", "Invalid AddressFamily", or a text of
+    /// `Ip6Addr`
+    IpGenPrefixBase(TextIt& it, const TextIt& end) { readText(it, end); }
+    /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
+    /// family has no use for and that are not zero
+    IpGenPrefixBase(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+        readLog(in);
+        *this = IpGenPrefixBase(IpGenAddr(af_, address_), len_);
+    }
+
+    friend constexpr std::strong_ordering operator<=>(const IpGenPrefixBase& a,
+                                                      const IpGenPrefixBase& b) {
+        const auto byAddress = a.ipGenAddr() <=> b.ipGenAddr();
+        return byAddress != 0 ? byAddress : a.len_ <=> b.len_;
+    }
+
+    static constexpr const char* typeName = "Pavo::IpGenPrefixBase";
+    static constexpr const char* leftoverText = "Invalid IpGenPrefixBase";
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    PAVO_EXPORT void print(Mox::TextWriter& out) const;
+};
+static_assert(std::is_trivially_copyable_v<IpGenPrefixBase> && sizeof(IpGenPrefixBase) == 24);
+
+/// A network of either family, or none yet (`ipunknown`, of the length 0): an address without host
+/// bits and a length of at most 32 or 128. It has what `IpGenPrefixBase` has and converts to it,
+/// but does not derive from it, so that nothing written through the base breaks the rule.
+///
+/// Text is the family's own form, and of an unknown family "::/0". The first of ":" and "." in the
+/// text tells the family; a "/" before either, or neither, is "Invalid prefix". An IPv4 text must
+/// have a "/" at all ("premature end of Prefix type"); from there on the texts of errors are those
+/// of `Prefix` and `Ip6Prefix`.
+///
+/// Ordered by family, then as the family's prefixes are: the more specific one comes first.
+class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
+  public:
+    constexpr IpGenPrefix() = default;
+    /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" for the length 0xffffffff
+    constexpr IpGenPrefix(const Prefix& prefix) : IpGenPrefix(prefix.address(), prefix.len()) {}
+    constexpr IpGenPrefix(const Ip6Prefix& prefix) : IpGenPrefix(prefix.address(), prefix.len()) {}
+    /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" above 32; "Invalid prefix -
+    /// Non-zero after prefix length"
+    constexpr IpGenPrefix(const IpAddr& address, uint32_t len)
+        : IpGenPrefix(IpGenAddr(address), len) {}
+    /// @throws Mox::RangeException "Invalid IPv6 Prefix Length" above 128; "Invalid prefix -
+    /// Non-zero after prefix length"
+    constexpr IpGenPrefix(const Ip6Addr& address, uint32_t len)
+        : IpGenPrefix(IpGenAddr(address), len) {}
+    /// @throws Mox::RangeException as the family's constructor; "Invalid prefix" for a length of an
+    /// unknown family
+    constexpr IpGenPrefix(const IpGenAddr& address, uint32_t len) : IpGenAddrAndLen(address, len) {
+        check();
+    }
+    /// The prefix of one host.
+    constexpr explicit IpGenPrefix(const IpGenAddr& address)
+        : IpGenPrefix(address, addressBits(address.af())) {}
+    /// The address from 32-bit words in host order, most significant first; IPv4 has one.
+    /// @throws Mox::RangeException as the family's constructor
+    constexpr IpGenPrefix(AddressFamily af, uint32_t len, uint32_t word0, uint32_t word1 = 0,
+                          uint32_t word2 = 0, uint32_t word3 = 0) {
+        af_ = af;
+        address_ = Ip6Addr(uint64_t{word0} << 32 | word1, uint64_t{word2} << 32 | word3);
+        len_ = len;
+        check();
+    }
+    /// @throws Mox::RangeException as the family's constructor
+    constexpr explicit IpGenPrefix(const IpGenPrefixBase& parts)
+        : IpGenPrefix(parts.ipGenAddr(), parts.len()) {}
+    /// @throws Mox::RangeException "Invalid prefix", or a text of the family's type
+    IpGenPrefix(TextIt& it, const TextIt& end) { readText(it, end); }
+    /// @throws Mox::RangeException "Invalid AddressFamily", or as the family's constructor
+    IpGenPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
+        readLog(in);
+        check();
+    }
+
+    /// The IPv4 prefix, or 0.0.0.0/0 when the family is another.
+    constexpr Prefix v4Prefix() const { return af_ == ipv4 ? Prefix(v4Addr(), len_) : Prefix(); }
+    /// The IPv6 prefix, or ::/0 when the family is another.
+    constexpr Ip6Prefix v6Prefix() const {
+        return af_ == ipv6 ? Ip6Prefix(v6Addr(), len_) : Ip6Prefix();
+    }
+    constexpr operator Prefix() const { return v4Prefix(); }
+    constexpr operator Ip6Prefix() const { return v6Prefix(); }
+
+    /// 0.0.0.0/0 or ::/0; not the prefix of an unknown family.
+    constexpr bool isDefaultRoutePrefix() const { return af_ != ipunknown && len_ == 0; }
+
+    PAVO_EXPORT friend std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b);
+
+    static constexpr const char* typeName = "Pavo::IpGenPrefix";
+    static constexpr const char* leftoverText = "Invalid prefix";
+    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
+
+  private:
+    constexpr const char* longLengthText() const {
+        switch (af_) {
+            case ipv4:
+                return "Invalid IPv4 Prefix Length";
+            case ipv6:
+                return "Invalid IPv6 Prefix Length";
+            default:
+                return leftoverText;
+        }
+    }
+    constexpr void check() const {
+        if (len_ > addressBits(af_)) {
+            Mox::throwRangeException(longLengthText());
+        }
+        if (!validAsPrefix()) {
+            Mox::throwRangeException("Invalid prefix - Non-zero after prefix length");
+        }
+    }
+};
+static_assert(std::is_trivially_copyable_v<IpGenPrefix> && sizeof(IpGenPrefix) == 24);
+
+constexpr IpGenPrefixBase::IpGenPrefixBase(const IpGenPrefix& prefix)
+    : IpGenPrefixBase(prefix.ipGenAddr(), prefix.len()) {}
+
+/// One prefix, as an entity.
+class PAVO_EXPORT IpGenPrefixRef : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixRef> prefixAttr{0, "prefix"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixRef(const IpGenPrefix& prefix) : prefix_(prefix) {}
+
+    const Mox::FwkType* fwkType() const override;
+
+    const IpGenPrefix& prefix() const { return prefix_; }
+    void prefixIs(const IpGenPrefix& prefix) { attributeIs(prefix_, prefix, prefixAttr); }
+
+  private:
+    IpGenPrefix prefix_;
+};
+
+// The entities below tell observers which member has come or gone; observers may change the set
+// again while they are told.
+
+/// A set of prefixes.
+class PAVO_EXPORT IpGenPrefixSet : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSet, IpGenPrefix> prefixAttr{0, "prefix"};
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
+    bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
+    void prefixDelAll();
+
+  private:
+    Mox::Set<IpGenPrefix> prefix_;
+};
+
+/// A set of prefixes with a name.
+class PAVO_EXPORT IpGenPrefixColl : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixColl, IpGenPrefix> prefixSetAttr{0, "prefixSet"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixColl(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Set<IpGenPrefix>& prefixSet() const { return prefixSet_; }
+    bool prefixSet(const IpGenPrefix& prefix) const { return prefixSet_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixSetIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixSetDel(const IpGenPrefix& prefix) { prefixSetIs(prefix, false); }
+    void prefixSetDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Set<IpGenPrefix> prefixSet_;
+};
+
+/// The prefixes that an agent is to match, and those among them that it is to except.
+class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixAttr{0, "prefix"};
+    static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixExceptAttr{
+        1, "prefixExcept"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixSetConfig(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
+    bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
+    void prefixDelAll();
+
+    const Mox::Set<IpGenPrefix>& prefixExcept() const { return prefixExcept_; }
+    bool prefixExcept(const IpGenPrefix& prefix) const { return prefixExcept_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixExceptIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixExceptDel(const IpGenPrefix& prefix) { prefixExceptIs(prefix, false); }
+    void prefixExceptDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Set<IpGenPrefix> prefix_;
+    Mox::Set<IpGenPrefix> prefixExcept_;
+};
+
+/// Prefix sets by name.
+class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSetConfigDir, Mox::String> prefixSetAttr{
+        0, "prefixSet"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixSetConfigDir(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Directory<IpGenPrefixSetConfig>& prefixSet() const { return prefixSet_; }
+    /// The set of that name, or null.
+    Mox::Ptr<IpGenPrefixSetConfig> prefixSet(const Mox::String& name) const {
+        return prefixSet_.find(name);
+    }
+    /// The set of that name, made empty unless there is one.
+    Mox::Ptr<IpGenPrefixSetConfig> prefixSetIs(const Mox::String& name);
+    void prefixSetDel(Mox::String name);
+    void prefixSetDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Directory<IpGenPrefixSetConfig> prefixSet_;
+};
+
+PAVO_EXPORT Mox::Ptr<IpGenPrefixRef> ipGenPrefixRefFactory(const IpGenPrefix& prefix);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSet> ipGenPrefixSetFactory();
+PAVO_EXPORT Mox::Ptr<IpGenPrefixColl> ipGenPrefixCollFactory(const Mox::String& name);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSetConfig> ipGenPrefixSetConfigFactory(const Mox::String& name);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSetConfigDir> ipGenPrefixSetConfigDirFactory(
+    const Mox::String& name);
+
+}  // namespace Pavo

@@ -1,0 +1,154 @@
+/// @file
+/// Route distinguishers (RFC 4364, 4.2).
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <type_traits>
+
+#include "Mox/Assert.h"
+#include "Mox/Enum.h"
+#include "Mox/ValueType.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
+#include "Pavo/value/AutonomousSystem.h"
+#include "Pavo/value/IpAddr.h"
+
+namespace Pavo {
+
+/// What tells routes of one VPN from equal routes of another: eight bytes in network order, of
+/// which the first two are a type that says how the rest divides into administrator and number.
+/// The default value is none, and not valid.
+///
+///            2 bytes   then
+///     type 0    0      2-byte AS number   4 bytes, number or IPv4 address
+///     type 1    1      IPv4 address       2-byte number
+///     type 2    2      4-byte AS number   2-byte number
+///
+/// `stringValue` is "65000:7", "65000:10.0.0.1", "10.0.0.1:7", "INVALID", or the whole as
+/// "0x0003000000000001" where the type is above 2. Strep, streams and the text constructor are
+/// those of the record.
+class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
+  public:
+    enum Type : uint32_t { type0 = 0, type1 = 1, type2 = 2 };
+
+    /// How the local part of a type-0 value was entered, and so how it is printed: as an IPv4
+    /// address, else as a number.
+    enum Type0LocalType : uint32_t { localInvalid = 0, localIpAddr = 1, localNumber = 2 };
+
+    constexpr RouteDistinguisher() = default;
+    /// From the fields as they stand; no relation between them is enforced.
+    constexpr RouteDistinguisher(uint64_t rdNbo, bool valid, Type0LocalType type0LocalType)
+        : rdNboInternal_(rdNbo), valid_(valid), type0LocalType_(type0LocalType) {}
+    /// @throws Mox::RangeException "Invalid RouteDistinguisher", "Invalid type0LocalType"
+    RouteDistinguisher(TextIt& it, const TextIt& end) { readText(it, end); }
+    /// @throws Mox::RangeException "Invalid type0LocalType"
+    RouteDistinguisher(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    /// The eight bytes as they lie in memory, in network order.
+    constexpr uint64_t rdNbo() const { return rdNboInternal_; }
+    /// Makes the value valid; a type-0 value gets a number as its local part.
+    void rdNboIs(uint64_t rdNbo) {
+        *this = {rdNbo, true, localInvalid};
+        type0LocalType_ = rdType() == type0 ? localNumber : localInvalid;
+    }
+    /// The eight bytes as a number in host order.
+    constexpr uint64_t rdHbo() const { return hostOrder(rdNboInternal_); }
+
+    constexpr bool valid() const { return valid_; }
+    constexpr Type0LocalType type0LocalType() const { return type0LocalType_; }
+
+    /// Any 16-bit number, `type0`, `type1` and `type2` among them. Asserts "valid()".
+    Type rdType() const {
+        Mox::require(valid_, "valid()");
+        return static_cast<Type>(rdHbo() >> 48);
+    }
+
+    /// Asserts "rdType() == type0()", as the next two do.
+    AutonomousSystem type0Administrator() const {
+        return AutonomousSystem(ofType0(rdHbo() >> 32) & 0xffff);
+    }
+    uint32_t type0LocallyAssignedNumber() const { return ofType0(rdHbo()); }
+    IpAddr type0LocallyAssignedIpAddr() const { return IpAddr(ofType0(rdHbo())); }
+
+    /// Asserts "rdType() == type1()", as the next one does.
+    IpAddr type1Administrator() const { return IpAddr(ofType1(rdHbo() >> 16)); }
+    uint16_t type1LocallyAssignedNumber() const { return static_cast<uint16_t>(ofType1(rdHbo())); }
+
+    /// Asserts "rdType() == type2()", as the next one does.
+    AutonomousSystem type2Administrator() const { return AutonomousSystem(ofType2(rdHbo() >> 16)); }
+    uint16_t type2LocallyAssignedNumber() const { return static_cast<uint16_t>(ofType2(rdHbo())); }
+
+    /// Reads whatever `stringValue`, `displayString` and strep print. The administrator chooses the
+    /// type: an IPv4 address 1, a number up to 65535 0, a larger one or asdot ("0.100") 2. So a
+    /// type-2 value with a small administrator reads back as type 0, unless asdot is written out.
+    /// @throws Mox::RangeException "Invalid RouteDistinguisher", and for a record "Invalid
+    /// type0LocalType"; the value is then unchanged.
+    PAVO_EXPORT void stringValueIs(const Mox::String& text);
+    /// `stringValue`, on request with the administrator of type 2 in asdot.
+    PAVO_EXPORT Mox::String displayString(bool asdot) const;
+
+    friend constexpr bool operator==(const RouteDistinguisher&,
+                                     const RouteDistinguisher&) = default;
+    /// By the number whose least significant byte is the first of the eight, on purpose: tables
+    /// are sorted so. Then by `valid`, false first. What differs in `type0LocalType` alone stands
+    /// side by side.
+    friend constexpr bool operator<(const RouteDistinguisher& a, const RouteDistinguisher& b) {
+        const uint64_t left = __builtin_bswap64(a.rdHbo());
+        const uint64_t right = __builtin_bswap64(b.rdHbo());
+        return left != right ? left < right : a.valid_ < b.valid_;
+    }
+    friend constexpr bool operator>(const RouteDistinguisher& a, const RouteDistinguisher& b) {
+        return b < a;
+    }
+    friend constexpr bool operator<=(const RouteDistinguisher& a, const RouteDistinguisher& b) {
+        return !(b < a);
+    }
+    friend constexpr bool operator>=(const RouteDistinguisher& a, const RouteDistinguisher& b) {
+        return !(a < b);
+    }
+
+    static constexpr const char* leftoverText = "Invalid RouteDistinguisher";
+    static constexpr auto description() {
+        return Mox::record("Pavo::RouteDistinguisher",
+                           Mox::field("rdNboInternal", &RouteDistinguisher::rdNboInternal_),
+                           Mox::field("valid", &RouteDistinguisher::valid_),
+                           Mox::field("type0LocalType", &RouteDistinguisher::type0LocalType_));
+    }
+    void print(Mox::TextWriter& out) const { printDisplay(out, /*asdot=*/false); }
+
+  private:
+    static constexpr uint64_t hostOrder(uint64_t nbo) {
+        return std::endian::native == std::endian::little ? __builtin_bswap64(nbo) : nbo;
+    }
+    PAVO_EXPORT void printDisplay(Mox::TextWriter& out, bool asdot) const;
+
+    uint32_t ofType0(uint64_t bits) const {
+        Mox::require(rdType() == type0, "rdType() == type0()");
+        return static_cast<uint32_t>(bits);
+    }
+    uint32_t ofType1(uint64_t bits) const {
+        Mox::require(rdType() == type1, "rdType() == type1()");
+        return static_cast<uint32_t>(bits);
+    }
+    uint32_t ofType2(uint64_t bits) const {
+        Mox::require(rdType() == type2, "rdType() == type2()");
+        return static_cast<uint32_t>(bits);
+    }
+
+    uint64_t rdNboInternal_ = 0;
+    bool valid_ = false;
+    Type0LocalType type0LocalType_ = localInvalid;
+};
+static_assert(std::is_trivially_copyable_v<RouteDistinguisher> && sizeof(RouteDistinguisher) == 16);
+
+constexpr auto enumDescription(RouteDistinguisher::Type0LocalType) {
+    using Local = RouteDistinguisher::Type0LocalType;
+    // The text names the field, since that is what a bad record is about.
+    return Mox::enumeration<Local>("Invalid type0LocalType", {{Local::localInvalid, "localInvalid"},
+                                                              {Local::localIpAddr, "localIpAddr"},
+                                                              {Local::localNumber, "localNumber"}});
+}
+
+}  // namespace Pavo
