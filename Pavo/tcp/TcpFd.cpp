@@ -26,10 +26,6 @@ constexpr const Mox::AttributeBase* registrationAttributes[] = {
     &TcpFileDescriptorEventRegistration::readableCountAttr,
     &TcpFileDescriptorEventRegistration::writableCountAttr,
 };
-constexpr const Mox::AttributeBase* pamAttributes[] = {
-    &TcpPduPamBase::socketReadableCountAttr,
-    &TcpPduPamBase::socketWritableCountAttr,
-};
 
 int domainOf(AddressFamily af) {
     Mox::require(af == ipv4 || af == ipv6, "Unknown af");
@@ -304,83 +300,6 @@ TcpFileDescriptorEventRegistrationFactoryMoxc::createEventRegistration(
 Mox::Ptr<TcpFileDescriptorEventRegistrationFactoryMoxc>
 tcpFileDescriptorEventRegistrationFactoryMoxcFactory() {
     return Mox::make<TcpFileDescriptorEventRegistrationFactoryMoxc>();
-}
-
-constinit const Mox::FwkType TcpPduPamBase::type{"Pavo::TcpPduPamBase", &Pam::type, pamAttributes};
-
-TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
-                             Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
-    : Pam(std::move(name)),
-      fileDescriptor_(std::move(fileDescriptor)),
-      fdFactory_(std::move(fdFactory)),
-      fd_(fdFactory_->createEventRegistration(fileDescriptor_)),
-      tcpPduFdSm_(Mox::make<TcpPduFdSm>(fd_, this)) {}
-
-TcpPduPamBase::~TcpPduPamBase() {
-    fdDel();
-}
-
-const Mox::FwkType* TcpPduPamBase::fwkType() const {
-    return &type;
-}
-
-void TcpPduPamBase::zeroReferencesIs(bool zero) {
-    if (zero) {
-        fdDel();
-    }
-    Pam::zeroReferencesIs(zero);
-}
-
-void TcpPduPamBase::handleSocketReadable() {
-    attributeIs(socketReadableCount_, socketReadableCount_ + 1, socketReadableCountAttr);
-}
-
-void TcpPduPamBase::handleSocketWritable() {
-    attributeIs(socketWritableCount_, socketWritableCount_ + 1, socketWritableCountAttr);
-}
-
-void TcpPduPamBase::fdDel() {
-    if (const auto machine = std::exchange(tcpPduFdSm_, nullptr)) {
-        machine->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
-    }
-    if (const auto registration = std::exchange(fd_, nullptr)) {
-        registration->handleDel();
-    }
-}
-
-constinit const Mox::FwkType TcpPduFdSm::type{"Pavo::TcpPduFdSm", nullptr, {}};
-
-TcpPduFdSm::TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam)
-    : pam_(pam),
-      reactor_(Mox::make<ReadinessReactor<TcpFileDescriptorEventRegistration, TcpPduFdSm>>(
-          std::move(fd), this)) {}
-
-TcpPduFdSm::~TcpPduFdSm() = default;
-
-const Mox::FwkType* TcpPduFdSm::fwkType() const {
-    return &type;
-}
-
-void TcpPduFdSm::zeroReferencesIs(bool zero) {
-    if (zero) {
-        moxDoZombieReactors(true);
-    }
-    PtrInterface::zeroReferencesIs(zero);
-}
-
-void TcpPduFdSm::moxDoZombieReactors(bool zombie) {
-    if (zombie && reactor_) {
-        reactor_->notifierIs(nullptr);
-        reactor_ = nullptr;
-    }
-}
-
-void TcpPduFdSm::handleReadable() {
-    pam_->handleSocketReadable();
-}
-
-void TcpPduFdSm::handleWritable() {
-    pam_->handleSocketWritable();
 }
 
 }  // namespace Pavo

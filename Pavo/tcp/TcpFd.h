@@ -9,7 +9,6 @@
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/Pam.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/NamespaceName.h"
 
@@ -202,76 +201,5 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactoryMoxc
 
 PAVO_EXPORT Mox::Ptr<TcpFileDescriptorEventRegistrationFactoryMoxc>
 tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
-
-class TcpPduFdSm;
-
-/// A packet endpoint on a TCP stream: it holds the stream's descriptor, registers for its events
-/// and has them forwarded to `handleSocketReadable` and `handleSocketWritable`.
-class PAVO_EXPORT TcpPduPamBase : public Pam {
-  public:
-    static constexpr Mox::Attribute<TcpPduPamBase> socketReadableCountAttr{8,
-                                                                           "socketReadableCount"};
-    static constexpr Mox::Attribute<TcpPduPamBase> socketWritableCountAttr{9,
-                                                                           "socketWritableCount"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
-    void zeroReferencesIs(bool zero) override;
-
-    /// The registration has seen an event; the base only counts it.
-    virtual void handleSocketReadable();
-    virtual void handleSocketWritable();
-
-    const Mox::Ptr<TcpFileDescriptor>& fileDescriptor() const { return fileDescriptor_; }
-    const Mox::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const {
-        return fdFactory_;
-    }
-    /// The registration; null once the endpoint has let go of the stream.
-    const Mox::Ptr<TcpFileDescriptorEventRegistration>& fd() const { return fd_; }
-    const Mox::Ptr<TcpPduFdSm>& tcpPduFdSm() const { return tcpPduFdSm_; }
-    bool levelTriggered() const { return !fileDescriptor_->edgeTriggered(); }
-
-    uint32_t socketReadableCount() const { return socketReadableCount_; }
-    uint32_t socketWritableCount() const { return socketWritableCount_; }
-
-  protected:
-    TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
-                  Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory);
-    ~TcpPduPamBase() override;
-
-    /// Takes the registration out of use and drops it and its machine.
-    void fdDel();
-
-  private:
-    Mox::Ptr<TcpFileDescriptor> fileDescriptor_;
-    Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory_;
-    Mox::Ptr<TcpFileDescriptorEventRegistration> fd_;
-    Mox::Ptr<TcpPduFdSm> tcpPduFdSm_;
-    uint32_t socketReadableCount_ = 0;
-    uint32_t socketWritableCount_ = 0;
-};
-
-/// Forwards a registration's events to an endpoint, which owns it.
-class PAVO_EXPORT TcpPduFdSm : public Mox::PtrInterface {
-  public:
-    static const Mox::FwkType type;
-
-    TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam);
-
-    const Mox::FwkType* fwkType() const override;
-    void zeroReferencesIs(bool zero) override;
-
-    virtual void handleReadable();
-    virtual void handleWritable();
-    /// With true, detaches the inner reactor: nothing calls the machine any more.
-    virtual void moxDoZombieReactors(bool zombie);
-
-  protected:
-    ~TcpPduFdSm() override;
-
-  private:
-    TcpPduPamBase* pam_;
-    Mox::Ptr<Mox::Notifiee> reactor_;
-};
 
 }  // namespace Pavo

@@ -14,7 +14,7 @@
 #include "Pavo/base/Export.h"
 #include "Pavo/base/ValueFunctions.h"
 #include "Pavo/packet/Pkt.h"
-#include "Pavo/tcp/TcpFd.h"
+#include "Pavo/tcp/TcpPduPamBase.h"
 
 namespace Pavo {
 

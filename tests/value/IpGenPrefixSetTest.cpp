@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "Pavo/IpGenPrefix.h"
+#include "Pavo/IpGenPrefixSet.h"
 #include "support/TestEntity.h"
 
 namespace Pavo {

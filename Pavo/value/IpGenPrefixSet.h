@@ -1,0 +1,146 @@
+/// @file
+/// Entities that hold prefixes of either family: one, a set, a set with a name, a directory of
+/// sets.
+#pragma once
+
+#include <utility>
+
+#include "Mox/Collections.h"
+#include "Mox/Entity.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/value/IpGenPrefix.h"
+
+namespace Pavo {
+
+/// One prefix, as an entity.
+class PAVO_EXPORT IpGenPrefixRef : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixRef> prefixAttr{0, "prefix"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixRef(const IpGenPrefix& prefix) : prefix_(prefix) {}
+
+    const Mox::FwkType* fwkType() const override;
+
+    const IpGenPrefix& prefix() const { return prefix_; }
+    void prefixIs(const IpGenPrefix& prefix) { attributeIs(prefix_, prefix, prefixAttr); }
+
+  private:
+    IpGenPrefix prefix_;
+};
+
+// The entities below tell observers which member has come or gone; observers may change the set
+// again while they are told.
+
+/// A set of prefixes.
+class PAVO_EXPORT IpGenPrefixSet : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSet, IpGenPrefix> prefixAttr{0, "prefix"};
+    static const Mox::FwkType type;
+
+    const Mox::FwkType* fwkType() const override;
+
+    const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
+    bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
+    void prefixDelAll();
+
+  private:
+    Mox::Set<IpGenPrefix> prefix_;
+};
+
+/// A set of prefixes with a name.
+class PAVO_EXPORT IpGenPrefixColl : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixColl, IpGenPrefix> prefixSetAttr{0, "prefixSet"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixColl(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Set<IpGenPrefix>& prefixSet() const { return prefixSet_; }
+    bool prefixSet(const IpGenPrefix& prefix) const { return prefixSet_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixSetIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixSetDel(const IpGenPrefix& prefix) { prefixSetIs(prefix, false); }
+    void prefixSetDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Set<IpGenPrefix> prefixSet_;
+};
+
+/// The prefixes that an agent is to match, and those among them that it is to except.
+class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixAttr{0, "prefix"};
+    static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixExceptAttr{
+        1, "prefixExcept"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixSetConfig(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
+    bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
+    void prefixDelAll();
+
+    const Mox::Set<IpGenPrefix>& prefixExcept() const { return prefixExcept_; }
+    bool prefixExcept(const IpGenPrefix& prefix) const { return prefixExcept_.contains(prefix); }
+    /// Adds the prefix, or with false removes it.
+    void prefixExceptIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixExceptDel(const IpGenPrefix& prefix) { prefixExceptIs(prefix, false); }
+    void prefixExceptDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Set<IpGenPrefix> prefix_;
+    Mox::Set<IpGenPrefix> prefixExcept_;
+};
+
+/// Prefix sets by name.
+class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::Entity {
+  public:
+    static constexpr Mox::Attribute<IpGenPrefixSetConfigDir, Mox::String> prefixSetAttr{
+        0, "prefixSet"};
+    static const Mox::FwkType type;
+
+    explicit IpGenPrefixSetConfigDir(Mox::String name) : name_(std::move(name)) {}
+
+    const Mox::FwkType* fwkType() const override;
+    Mox::String name() const override { return name_; }
+
+    const Mox::Directory<IpGenPrefixSetConfig>& prefixSet() const { return prefixSet_; }
+    /// The set of that name, or null.
+    Mox::Ptr<IpGenPrefixSetConfig> prefixSet(const Mox::String& name) const {
+        return prefixSet_.find(name);
+    }
+    /// The set of that name, made empty unless there is one.
+    Mox::Ptr<IpGenPrefixSetConfig> prefixSetIs(const Mox::String& name);
+    void prefixSetDel(Mox::String name);
+    void prefixSetDelAll();
+
+  private:
+    Mox::String name_;
+    Mox::Directory<IpGenPrefixSetConfig> prefixSet_;
+};
+
+PAVO_EXPORT Mox::Ptr<IpGenPrefixRef> ipGenPrefixRefFactory(const IpGenPrefix& prefix);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSet> ipGenPrefixSetFactory();
+PAVO_EXPORT Mox::Ptr<IpGenPrefixColl> ipGenPrefixCollFactory(const Mox::String& name);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSetConfig> ipGenPrefixSetConfigFactory(const Mox::String& name);
+PAVO_EXPORT Mox::Ptr<IpGenPrefixSetConfigDir> ipGenPrefixSetConfigDirFactory(
+    const Mox::String& name);
+
+}  // namespace Pavo
