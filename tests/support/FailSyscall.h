@@ -14,7 +14,7 @@ namespace PavoTest {
 /// While an object of this class lives, the system calls that its thread makes through the C
 /// library's functions are counted, and the n-th fails with a chosen error without reaching the
 /// kernel. The functions are defined in the test program, so the calls of shared libraries come
-/// here too; other threads and the C library's own inner calls do not.
+/// here too; those of other threads and of the C library itself do not.
 ///
 /// Counted are the calls of the libraries that open, set up, switch, mount, look up or transfer
 /// (the list is in the source); `close` is never made to fail. The calls that carry plain bytes,
@@ -27,7 +27,7 @@ namespace PavoTest {
 /// Keep everything but the code under test out of the scope. Scopes nest; the innermost counts.
 class FailSyscall {
   public:
-    /// Counts, and fails nothing: `count()` tells how many calls a clean run makes.
+    /// Counts and fails nothing: `count()` is the number of calls of a clean run.
     explicit FailSyscall(std::string_view filter = {}) : FailSyscall(0, 0, filter) {}
     /// Fails the n-th counted call, from 1, with `error`, and on request all that follow; with a
     /// filter, those that pass it.

@@ -1,5 +1,5 @@
 /// @file
-/// Memory that ends at an unmapped page: whoever reads or writes one byte past it, crashes.
+/// Memory that ends at an unmapped page: an access one byte past its end crashes.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,7 +10,7 @@
 
 #include "Mox/Assert.h"
 
-/// `size` bytes in front of an unmapped page.
+/// `size` bytes that end at an unmapped page.
 class GuardedBuffer {
   public:
     explicit GuardedBuffer(std::size_t size)
@@ -36,7 +36,7 @@ class GuardedBuffer {
     char* base_;
 };
 
-/// A text in front of an unmapped page, without a NUL.
+/// A text that ends at an unmapped page, without a NUL.
 class GuardedText {
   public:
     explicit GuardedText(std::string_view text) : buffer_(text.size()) {
