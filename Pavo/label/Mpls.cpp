@@ -1,5 +1,7 @@
 #include "Pavo/label/Mpls.h"
 
+#include <ostream>
+
 namespace Pavo {
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <compare>
 #include <cstdint>
-#include <ostream>
+#include <iosfwd>
 #include <string_view>
 #include <type_traits>
 

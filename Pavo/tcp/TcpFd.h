@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 
 #include "Mox/Entity.h"
 #include "Mox/FileDescriptor.h"

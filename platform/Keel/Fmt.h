@@ -1,5 +1,5 @@
 /// @file
-/// Values as text, for formatted output.
+/// The text of values, for formatted output.
 #pragma once
 
 #include "Mox/Enum.h"
@@ -8,13 +8,13 @@
 
 namespace KeelFmt {
 
-/// What `value.stringValue()` gives.
+/// `value.stringValue()`.
 template <Mox::Value T>
 Mox::String to_string(const T& value) {
     return value.stringValue();
 }
 
-/// The name of a member; of a number that is no member, the number in decimal.
+/// The name of a member, or the number in decimal where it is no member's.
 template <Mox::Enum E>
 Mox::String to_string(E value) {
     return Mox::stringValue(value);

@@ -1,19 +1,33 @@
 /// @file
 /// Enumerations with text names and checked conversion from numbers, each from one table.
 ///
-/// An enumeration is 32 bits wide and stands beside one function that names its members:
+/// An enumeration is 32 bits wide. Its namespace names the functions below, which
+/// argument-dependent lookup would not find otherwise, and has a function that describes the
+/// members:
+///
+///     namespace agent {
+///
+///     using Mox::operator<<;
+///     using Mox::enumValue;
+///     using Mox::sequenceToValue;
+///     using Mox::strepToValue;
+///     using Mox::stringValue;
+///     using Mox::valueToStrep;
 ///
 ///     enum class Colour : uint32_t { red = 1, green = 2 };
 ///     constexpr auto enumDescription(Colour) {
 ///         return Mox::enumeration<Colour>("Invalid Colour",
 ///                                         {{Colour::red, "red"}, {Colour::green, "green"}});
 ///     }
+///
+///     }  // namespace agent
 #pragma once
 
 #include <array>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
-#include <ostream>
+#include <iosfwd>
 #include <string_view>
 #include <type_traits>
 
@@ -29,8 +43,8 @@ struct Enumerator {
     std::string_view name;
 };
 
-/// A table of members, and the text of the range error for what is not among them. A value may
-/// stand under several names: all are read, the first is printed.
+/// A table of members, and the text of the range error for names and numbers that are not in it. A
+/// value may have several names: all are read, the first is printed.
 template <class E, std::size_t count>
 struct EnumDescription {
     const char* invalidText;
@@ -51,8 +65,8 @@ concept Enum = std::is_enum_v<E> && sizeof(E) == 4 && requires(E e) {
 template <Enum E>
 inline constexpr auto enumTable = enumDescription(E());
 
-/// For the numbers below 256 the place of their first member in the table, counted from 1: numbers
-/// out of packets are looked up without a search.
+/// For each number below 256 the index of its first member in the table plus 1, or 0, so that
+/// numbers from packets are looked up without a search.
 template <Enum E>
 inline constexpr auto enumIndex = [] {
     std::array<uint16_t, 256> index{};
@@ -66,12 +80,12 @@ inline constexpr auto enumIndex = [] {
     return index;
 }();
 
-/// The member with the number `value`, or null.
+/// The first member with the number `value`, or null.
 template <Enum E>
 constexpr const Enumerator<E>* findEnumerator(uint32_t value) {
     if (value < enumIndex<E>.size()) {
-        const uint16_t place = enumIndex<E>[value];
-        return place == 0 ? nullptr : &enumTable<E>.members[place - 1u];
+        const uint16_t index = enumIndex<E>[value];
+        return index == 0 ? nullptr : &enumTable<E>.members[index - 1u];
     }
     for (const auto& member : enumTable<E>.members) {
         if (static_cast<uint32_t>(member.value) == value) {
@@ -81,6 +95,7 @@ constexpr const Enumerator<E>* findEnumerator(uint32_t value) {
     return nullptr;
 }
 
+/// The member with the number `value`.
 /// @throws Mox::RangeException with the enumeration's own text, "Invalid <Type>".
 template <Enum E>
 E enumValue(uint32_t value) {
@@ -91,8 +106,8 @@ E enumValue(uint32_t value) {
     return member->value;
 }
 
-/// Returns null, or the text of the range error. Takes the longest name that stands here whole: a
-/// letter, a digit or "_" behind it would belong to another name.
+/// Reads all letters, digits and "_" from here on as one name. Returns null or the text of the
+/// range error; nothing is changed on failure.
 template <Enum E>
 const char* parseEnum(TextCursor& in, E* value) {
     std::size_t length = 0;
@@ -115,7 +130,7 @@ const char* parseEnum(TextCursor& in, E* value) {
     return enumTable<E>.invalidText;
 }
 
-/// The whole of `text` as a member's name.
+/// The member whose name is the whole of `text`.
 /// @throws Mox::RangeException with the enumeration's own text.
 template <Enum E>
 E enumValue(const String& text) {
@@ -127,7 +142,7 @@ E enumValue(const String& text) {
     return value;
 }
 
-/// The name of a member; of a number that is no member, the number in decimal.
+/// Prints the name of a member, or the number in decimal where it is no member's.
 template <Enum E>
 void printEnum(TextWriter& out, E value) {
     const auto* member = findEnumerator<E>(static_cast<uint32_t>(value));
@@ -138,20 +153,28 @@ void printEnum(TextWriter& out, E value) {
     }
 }
 
+/// The text of `printEnum`.
 template <Enum E>
 String stringValue(E value) {
-    char buffer[128];
-    TextWriter out(buffer, sizeof(buffer));
-    printEnum(out, value);
-    out.finish();
-    return String(buffer);
+    return printedString([value](TextWriter& out) { printEnum(out, value); });
 }
 
+/// The same as `stringValue`.
 template <Enum E>
 String valueToStrep(E value) {
     return stringValue(value);
 }
 
+/// Reads the whole of `strep` as a name.
+/// @throws Mox::RangeException with the enumeration's own text; `*value` is then unchanged.
+template <Enum E>
+void strepToValue(const String& strep, E* value) {
+    *value = enumValue<E>(strep);
+}
+
+/// Reads a name at `it` and moves `it` past it.
+/// @throws Mox::RangeException with the enumeration's own text; `it` and `*value` are then
+/// unchanged.
 template <Enum E>
 void sequenceToValue(String::IteratorConst& it, const String::IteratorConst& end, E* value) {
     TextCursor in(it, end);

@@ -1,5 +1,5 @@
 /// @file
-/// What is visible outside libMox: everything else is hidden.
+/// Marks the symbols of libMox that are visible outside it; all others are hidden.
 #pragma once
 
 #define MOX_EXPORT __attribute__((visibility("default")))

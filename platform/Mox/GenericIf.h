@@ -1,8 +1,9 @@
 /// @file
-/// Value types seen without knowing them: one table of functions a type, for tools that show, store
-/// and edit values by name.
+/// Type-erased access to value types: one table of functions for each type, for tools that show,
+/// store and edit values by name.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <new>
 #include <string_view>
@@ -11,13 +12,15 @@
 #include <utility>
 #include <vector>
 
+#include "Mox/Record.h"
 #include "Mox/Strep.h"
 #include "Mox/String.h"
+#include "Mox/Text.h"
 #include "Mox/ValueType.h"
 
 namespace Mox {
 
-/// Constructs the default value in `memory`, which has the type's size and alignment.
+/// Constructs the default value in `memory`, which must have the type's size and alignment.
 template <Value T>
 T* genericIfConstruct(void* memory) {
     return new (memory) T();
@@ -50,9 +53,29 @@ struct GenericIf {
     String (*strRep)(const void* value);
     void (*strepToValue)(const String& strep, void* value);
     uint32_t (*hash)(const void* value);
-    /// The fields that have a text, in declaration order.
+    /// The fields that have a strep, in declaration order.
     std::vector<Attribute> attributes;
 };
+
+template <class Member>
+concept HasFieldStrep = requires(TextWriter& out, const Member& member) {
+    Codec<Member>::print(out, member);
+};
+
+/// Appends field `i` of `T` where it has a strep, which byte arrays have not.
+template <Value T, std::size_t i>
+void appendAttribute(std::vector<GenericIf::Attribute>* attributes) {
+    static constexpr auto field = std::get<i>(T::description().fields);
+    using Member = std::remove_cvref_t<decltype(std::declval<T&>().*field.member)>;
+    if constexpr (HasFieldStrep<Member>) {
+        attributes->push_back({field.name, [](const void* value) {
+                                   return printedString([value](TextWriter& out) {
+                                       Codec<Member>::print(
+                                           out, static_cast<const T*>(value)->*field.member);
+                                   });
+                               }});
+    }
+}
 
 /// The table of `T`, made at the first call.
 template <Value T>
@@ -70,22 +93,8 @@ const GenericIf& genericIf() {
             },
             [](const void* value) { return genericIfHash(*static_cast<const T*>(value)); },
             {}};
-        const auto add = [&made]<std::size_t i>(std::integral_constant<std::size_t, i>) {
-            static constexpr auto field = std::get<i>(about.fields);
-            using Member = std::remove_cvref_t<decltype(std::declval<T&>().*field.member)>;
-            if constexpr (requires(TextWriter & out, Member & m) {
-                              Codec<Member>::print(out, m);
-                          }) {
-                made.attributes.push_back({field.name, [](const void* value) {
-                                               const T& whole = *static_cast<const T*>(value);
-                                               return printedString([&whole](TextWriter& out) {
-                                                   Codec<Member>::print(out, whole.*field.member);
-                                               });
-                                           }});
-            }
-        };
-        [&add]<std::size_t... i>(std::index_sequence<i...>) {
-            (add(std::integral_constant<std::size_t, i>()), ...);
+        [&made]<std::size_t... i>(std::index_sequence<i...>) {
+            (appendAttribute<T, i>(&made.attributes), ...);
         }
         (std::make_index_sequence<std::tuple_size_v<decltype(about.fields)>>());
         return made;

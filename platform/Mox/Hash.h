@@ -1,5 +1,5 @@
 /// @file
-/// The seeded mixer behind every hash of a record.
+/// The seeded hash function of records.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,8 @@
 namespace Mox {
 
 /// Mixes 32-bit words into a 32-bit hash, in 32-bit arithmetic only, so that processes of both word
-/// sizes place a key alike. The word and final mixes are those of MurmurHash3 (public domain).
+/// sizes compute the same hash. The word and final mixes are those of MurmurHash3 (public domain),
+/// with the length counted in words.
 class Hash {
   public:
     constexpr explicit Hash(uint32_t seed = 0) : state_(seed) {}
@@ -19,7 +20,7 @@ class Hash {
         ++words_;
         return *this;
     }
-    /// The low half first.
+    /// The low half, then the high half.
     constexpr Hash& mix64(uint64_t value) {
         return mix(static_cast<uint32_t>(value)).mix(static_cast<uint32_t>(value >> 32));
     }

@@ -4,13 +4,14 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/Export.h"
 #include "Mox/String.h"
 
 namespace Mox {
 
-/// Tells a constructor that reads from a stream apart from the others.
+/// The tag of constructors that read from a log.
 struct StreamBogon {};
 
 class NboAttrLog {
@@ -22,7 +23,7 @@ class NboAttrLog {
         void u16(uint16_t value) { number(value, 2); }
         void u32(uint32_t value) { number(value, 4); }
         void u64(uint64_t value) { number(value, 8); }
-        /// Bytes as they are, without a length.
+        /// The bytes themselves, without a length.
         void raw(const void* data, uint32_t length) { bytes.append(data, length); }
         /// The length as 32 bits, then the bytes.
         void string(std::string_view text) {
@@ -30,13 +31,14 @@ class NboAttrLog {
             raw(text.data(), static_cast<uint32_t>(text.size()));
         }
 
+        /// The log.
         Bytes bytes;
 
       private:
         MOX_EXPORT void number(uint64_t value, int width);
     };
 
-    /// Reads what `Out` wrote. `data` must outlive it.
+    /// Reads what `Out` wrote, from memory that must outlive the reader.
     /// @throws Mox::RangeException "NboAttrLog: premature end" when fewer bytes are left than asked
     /// for; nothing is then consumed.
     class In {

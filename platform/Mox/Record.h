@@ -1,24 +1,28 @@
 /// @file
-/// Descriptions of records, and the forms that each kind of field has in strep text, in the
-/// attribute log and in a hash.
+/// Descriptions of records, and how each kind of field is written in a strep, in the attribute log
+/// and in a hash.
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "Mox/Enum.h"
 #include "Mox/Exception.h"
 #include "Mox/Hash.h"
 #include "Mox/NboAttrLog.h"
+#include "Mox/String.h"
 #include "Mox/Text.h"
 
 namespace Mox {
 
-/// One field of a record: its name, and where it lives.
+/// One field of a record: its name and its member.
 template <class Owner, class Member>
 struct Field {
     std::string_view name;
@@ -30,8 +34,8 @@ constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*membe
     return {name, member};
 }
 
-/// A type's qualified name and its fields in declaration order: the one place from which strep,
-/// log and hash are derived.
+/// A type's qualified name and its fields in declaration order, from which strep, log and hash
+/// follow.
 template <class... Fields>
 struct RecordDescription {
     std::string_view typeName;
@@ -49,24 +53,21 @@ constexpr RecordDescription<Fields...> record(std::string_view typeName, Fields.
     return {typeName, {fields...}};
 }
 
-/// The forms of one kind of field: `parse` returns null or the text of the range error (`invalid`
-/// where the kind has none of its own) and changes `*value` on success only; `fromLog` throws
-/// `Mox::RangeException`; `mix` feeds a hash.
+/// How one kind of field is read and written. `parse` returns null or the text of the range error
+/// (`invalid` where the kind has none of its own) and changes `*value` on success only; `fromLog`
+/// throws `Mox::RangeException`; `mix` feeds a hash.
 template <class T>
 struct Codec;
 
 template <>
 struct Codec<bool> {
     static const char* parse(TextCursor& in, bool* value, const char* invalid) {
-        if (in.take(std::string_view("true"))) {
-            *value = true;
-            return nullptr;
+        const bool isTrue = in.take("true");
+        if (!isTrue && !in.take("false")) {
+            return invalid;
         }
-        if (in.take(std::string_view("false"))) {
-            *value = false;
-            return nullptr;
-        }
-        return invalid;
+        *value = isTrue;
+        return nullptr;
     }
     static void print(TextWriter& out, bool value) { out.text(value ? "true" : "false"); }
     static void toLog(NboAttrLog::Out& out, bool value) { out.u32(value ? 1 : 0); }
@@ -80,7 +81,7 @@ struct Codec<bool> {
     static constexpr void mix(Hash& hash, bool value) { hash.mix(value ? 1 : 0); }
 };
 
-/// Integers: decimal in text; in the log 32 bits, and 64 for 64-bit ones.
+/// Integers: decimal in text; 32 bits in the log, except 64 for 64-bit integers.
 template <std::integral T>
 struct Codec<T> {
     static const char* parse(TextCursor& in, T* value, const char* invalid) {
@@ -144,8 +145,8 @@ struct Codec<T> {
     static constexpr void mix(Hash& hash, T value) { hash.mix(static_cast<uint32_t>(value)); }
 };
 
-/// Byte arrays: raw bytes in the log, mixed one at a time. A type that holds one has a text form of
-/// its own.
+/// Byte arrays: the bytes in the log, one mixed word each in the hash. A type with such a field has
+/// a text form of its own.
 template <std::size_t count>
 struct Codec<uint8_t[count]> {
     static void toLog(NboAttrLog::Out& out, const uint8_t (&bytes)[count]) {
@@ -159,8 +160,8 @@ struct Codec<uint8_t[count]> {
     }
 };
 
-/// Strings: quoted, with "\" before a quote and before itself; in the log a 32-bit length and the
-/// bytes.
+/// Strings: in single quotes, with "\" before a quote and before "\"; in the log a 32-bit length,
+/// then the bytes.
 template <>
 struct Codec<String> {
     static const char* parse(TextCursor& in, String* value, const char* invalid) {
@@ -169,16 +170,13 @@ struct Codec<String> {
         if (!ahead.take('\'')) {
             return invalid;
         }
-        while (!ahead.atEnd() && ahead.peek() != '\'') {
+        while (!ahead.take('\'')) {
             (void)ahead.take('\\');
             if (ahead.atEnd()) {
-                break;
+                return invalid;
             }
             text += ahead.peek();
             ahead.skip();
-        }
-        if (!ahead.take('\'')) {
-            return invalid;
         }
         *value = String(std::move(text));
         in = ahead;
@@ -204,7 +202,7 @@ struct Codec<String> {
     }
 };
 
-/// "Value('Pavo::VlanRewrite', ** {'from': 1, 'to': 9})": the generic text of a record.
+/// Prints the generic text of a record, such as "Value('ns::Range', ** {'from': 1, 'to': 9})".
 template <class T, class... Fields>
 void printRecord(TextWriter& out, const T& value, const RecordDescription<Fields...>& about) {
     out.text("Value('");
@@ -225,8 +223,7 @@ void printRecord(TextWriter& out, const T& value, const RecordDescription<Fields
 template <class T, class... Fields>
 const char* parseRecord(TextCursor& in, T* value, const RecordDescription<Fields...>& about,
                         const char* invalid) {
-    if (!in.take(std::string_view("Value('")) || !in.take(about.typeName) ||
-        !in.take(std::string_view("', ** {"))) {
+    if (!in.take("Value('") || !in.take(about.typeName) || !in.take("', ** {")) {
         return invalid;
     }
     const char* error = nullptr;
@@ -235,15 +232,11 @@ const char* parseRecord(TextCursor& in, T* value, const RecordDescription<Fields
         if (error != nullptr) {
             return;
         }
-        const bool named = in.take(std::string_view(first ? "'" : ", '")) && in.take(each.name) &&
-                           in.take(std::string_view("': "));
+        const bool named = in.take(first ? "'" : ", '") && in.take(each.name) && in.take("': ");
         error = named ? Codec<M>::parse(in, &(value->*each.member), invalid) : invalid;
         first = false;
     });
-    if (error == nullptr && !in.take(std::string_view("})"))) {
-        return invalid;
-    }
-    return error;
+    return error == nullptr && !in.take("})") ? invalid : error;
 }
 
 }  // namespace Mox

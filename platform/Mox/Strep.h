@@ -1,19 +1,22 @@
 /// @file
-/// Reading framework text by hand: for types whose text is not a plain record, and for callers that
-/// hold a strep.
+/// Reading streps: helpers for types that parse their own, and the conversion of a whole strep.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
+#include <utility>
 
 #include "Mox/Exception.h"
 #include "Mox/Record.h"
 #include "Mox/String.h"
+#include "Mox/Text.h"
 #include "Mox/ValueType.h"
 
 namespace Mox {
 
-/// An unsigned decimal number: all digits from `it` on, leading zeros accepted.
-/// @throws Mox::RangeException "Invalid number" without a digit or past 32 bits; `it` is unchanged.
+/// Reads all decimal digits from `it` on; leading zeros are accepted.
+/// @throws Mox::RangeException "Invalid number" when there is no digit or the number exceeds 32
+/// bits; `it` is then unchanged.
 inline uint32_t dectol(String::IteratorConst& it, const String::IteratorConst& end) {
     TextCursor in(it, end);
     uint32_t value = 0;
@@ -24,8 +27,8 @@ inline uint32_t dectol(String::IteratorConst& it, const String::IteratorConst& e
     return value;
 }
 
-/// Takes `literal`, which must stand at `it`.
-/// @throws Mox::RangeException "Invalid text"; `it` is unchanged.
+/// Moves `it` past `literal`.
+/// @throws Mox::RangeException "Invalid text" when `literal` is not next; `it` is then unchanged.
 inline void needString(String::IteratorConst& it, const String::IteratorConst& end,
                        std::string_view literal) {
     TextCursor in(it, end);
@@ -37,7 +40,7 @@ inline void needString(String::IteratorConst& it, const String::IteratorConst& e
 
 /// Reads one field of a record at `it`.
 /// @throws Mox::RangeException with the text of the field's type, or "Invalid text"; `it` and
-/// `*value` are unchanged.
+/// `*value` are then unchanged.
 template <class T>
 void deserializeAttr(String::IteratorConst& it, const String::IteratorConst& end, T* value) {
     TextCursor in(it, end);
@@ -47,8 +50,8 @@ void deserializeAttr(String::IteratorConst& it, const String::IteratorConst& end
     it = in.at();
 }
 
-/// Requires that nothing is left.
-/// @throws Mox::RangeException with `leftoverText`.
+/// Checks that no text is left.
+/// @throws Mox::RangeException with `leftoverText` when there is.
 inline void strepToValueEnd(const String::IteratorConst& it, const String::IteratorConst& end,
                             const char* leftoverText = "unexpected trailing characters") {
     if (it != end) {
@@ -56,7 +59,7 @@ inline void strepToValueEnd(const String::IteratorConst& it, const String::Itera
     }
 }
 
-/// Reads the whole of a strep.
+/// Reads the whole of `strep`.
 /// @throws Mox::RangeException with the type's text; `*value` is then unchanged.
 template <Value T>
 void strepToValue(const String& strep, T* value) {
@@ -65,11 +68,6 @@ void strepToValue(const String& strep, T* value) {
     sequenceToValue(it, strep.end(), &fresh);
     strepToValueEnd(it, strep.end(), T::leftoverText);
     *value = std::move(fresh);
-}
-
-template <Enum T>
-void strepToValue(const String& strep, T* value) {
-    *value = enumValue<T>(strep);
 }
 
 }  // namespace Mox

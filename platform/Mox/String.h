@@ -5,9 +5,8 @@
 #include <compare>
 #include <concepts>
 #include <cstdint>
-#include <functional>
 #include <initializer_list>
-#include <ostream>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -15,11 +14,11 @@
 
 namespace Mox {
 
-/// Text, as a value: contiguous, short texts are held inside, made from and viewed as a
-/// `std::string_view`. Its bytes are not interpreted; a NUL inside is kept.
+/// A text: contiguous, with storage for short texts inside the object, made from and viewed as a
+/// `std::string_view`. Its bytes are not interpreted and may include NUL.
 class String {
   public:
-    /// Random access and contiguous, so that a parser is a loop over two pointers.
+    /// Contiguous, so that a parser is a loop over two pointers.
     using IteratorConst = const char*;
 
     String() = default;
@@ -35,7 +34,7 @@ class String {
     IteratorConst begin() const { return text_.data(); }
     IteratorConst end() const { return text_.data() + text_.size(); }
     const char* data() const { return text_.data(); }
-    /// The text with a NUL after it.
+    /// The text, terminated by a NUL.
     const char* c_str() const { return text_.c_str(); }
     std::string_view view() const { return text_; }
     operator std::string_view() const { return text_; }
@@ -52,13 +51,18 @@ class String {
     }
     friend auto operator<=>(const String& a, const String& b) { return a.text_ <=> b.text_; }
     friend String operator+(String a, std::string_view b) { return std::move(a += b); }
-    friend std::ostream& operator<<(std::ostream& out, const String& s) { return out << s.text_; }
+    // A template, so that only a caller that prints needs the definition of a stream.
+    template <class Traits>
+    friend std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out,
+                                                        const String& s) {
+        return out << s.text_;
+    }
 
   private:
     std::string text_;
 };
 
-/// A byte string, as a value.
+/// A string of bytes.
 class Bytes {
   public:
     Bytes() = default;

@@ -3,15 +3,18 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "Mox/String.h"
 
 namespace Mox {
 
-/// What each character is worth as a hexadecimal digit of either case, or -1.
+/// The value of each character as a hexadecimal digit of either case, or -1.
 inline constexpr auto hexValues = [] {
     std::array<int8_t, 256> values{};
     values.fill(-1);
@@ -22,8 +25,8 @@ inline constexpr auto hexValues = [] {
     return values;
 }();
 
-/// A place in a text that is being read. Nothing is taken by a call that fails, and nothing at or
-/// past `end` is ever touched.
+/// A position in a text that is being parsed. A call that fails does not move it, and nothing at or
+/// past `end` is ever read.
 class TextCursor {
   public:
     TextCursor(const char* at, const char* end) : at_(at), end_(end) {}
@@ -37,10 +40,12 @@ class TextCursor {
 
     /// The next character, or NUL at the end.
     char peek() const { return at_ == end_ ? '\0' : *at_; }
-    /// Leaves out one character that was looked at.
+    /// Moves past one character.
+    /// @pre `!atEnd()`.
     void skip() { ++at_; }
     void atIs(const char* at) { at_ = at; }
 
+    /// Moves past `c`, or past `literal`; false when it is not next.
     bool take(char c) {
         if (at_ == end_ || *at_ != c) {
             return false;
@@ -58,8 +63,8 @@ class TextCursor {
 
     bool atDigit() const { return at_ != end_ && isDigit(*at_); }
 
-    /// All decimal digits from here on (no sign, no blank, leading zeros are fine). False when
-    /// there is no digit, or when the number does not fit.
+    /// Reads all decimal digits from here on, without sign or blank; leading zeros are accepted.
+    /// False when there is no digit, or when the number does not fit.
     bool decimal(uint32_t* value) { return number(value); }
     bool decimal64(uint64_t* value) { return number(value); }
 
@@ -90,7 +95,7 @@ class TextCursor {
     const char* end_;
 };
 
-/// "00" to "99" in one row: two digits a step.
+/// "00" to "99" in one string, so that one division gives two digits.
 inline constexpr auto decimalPairs = [] {
     std::array<char, 200> pairs{};
     for (unsigned i = 0; i < 100; ++i) {
@@ -100,7 +105,7 @@ inline constexpr auto decimalPairs = [] {
     return pairs;
 }();
 
-/// "00" to "ff" in one row: two lowercase hexadecimal digits a byte.
+/// "00" to "ff" in one string: the two lowercase hexadecimal digits of each byte.
 inline constexpr auto hexPairs = [] {
     std::array<char, 512> pairs{};
     for (unsigned i = 0; i < 256; ++i) {
@@ -110,8 +115,8 @@ inline constexpr auto hexPairs = [] {
     return pairs;
 }();
 
-/// Prints into a buffer with the semantics of snprintf(3): never more than `size` bytes, the NUL
-/// among them, nothing at all for size 0; what had no room is cut off and counted.
+/// Prints into a buffer with the semantics of snprintf(3): never more than `size` bytes including
+/// the NUL, nothing at all for size 0; text that does not fit is truncated, and counted.
 class TextWriter {
   public:
     TextWriter(char* buffer, uint32_t size)
@@ -128,16 +133,16 @@ class TextWriter {
         needed_ += length;
     }
 
-    /// Lets `fill` write at most `most` characters and return their end: straight into the buffer
-    /// where they fit for certain, else aside first. The fast way for a form of bounded length.
-    template <uint32_t most, class Fill>
+    /// Calls `fill(at)`, which writes at most `maxLength` characters to `at` and returns their end.
+    /// Faster than `text`: characters that certainly fit are written into the buffer directly.
+    template <uint32_t maxLength, class Fill>
     void bounded(Fill fill) {
-        if (needed_ + most <= room_) {
+        if (needed_ + maxLength <= room_) {
             needed_ = static_cast<uint32_t>(fill(buffer_ + needed_) - buffer_);
             return;
         }
-        char aside[most];
-        text({aside, static_cast<std::size_t>(fill(aside) - aside)});
+        char copy[maxLength];
+        text({copy, static_cast<std::size_t>(fill(copy) - copy)});
     }
 
     void decimal(uint64_t value) {
@@ -150,7 +155,7 @@ class TextWriter {
         decimal(value < 0 ? ~static_cast<uint64_t>(value) + 1 : static_cast<uint64_t>(value));
     }
 
-    /// Ends the text with its NUL and returns the length that the whole text needs without it.
+    /// Writes the NUL and returns the length of the whole text without it.
     uint32_t finish() {
         if (hasRoomForNul_) {
             buffer_[needed_ < room_ ? needed_ : room_] = '\0';
@@ -184,5 +189,22 @@ class TextWriter {
     uint32_t needed_ = 0;
     bool hasRoomForNul_;
 };
+
+/// The text that `print(writer)` prints.
+template <class Print>
+String printedString(Print print) {
+    char buffer[256];
+    TextWriter out(buffer, sizeof(buffer));
+    print(out);
+    const uint32_t length = out.finish();
+    if (length < sizeof(buffer)) {
+        return String(buffer, length);
+    }
+    std::string large(length, '\0');
+    TextWriter again(large.data(), length + 1);  // A string has room for its NUL.
+    print(again);
+    again.finish();
+    return String(std::move(large));
+}
 
 }  // namespace Mox

@@ -1,35 +1,40 @@
 /// @file
-/// What every value type has in common, built from a few hooks of the type.
+/// The base of every value type: text, strep, streams, log and hash from a few hooks.
 ///
-/// A value type `T` derives from `Mox::ValueType<T>` and writes:
-/// - `static constexpr auto description()`: its name and fields (`Mox::record`), from which the
-///   record text, the log and the seeded hash follow;
-/// - `static constexpr const char* leftoverText`: the text of the range error for a text that goes
-///   on after the value, or that is not a record of this type;
-/// - for a text form of its own: `const char* parse(Mox::TextCursor&)`, which returns null or the
-///   text of the range error and never throws, and `void print(Mox::TextWriter&) const`. With
-///   `print` alone, `stringValue` prints that, while strep and parsing stay those of the record;
-/// - for fields with rules between them: `const char* check() const`, which returns null or the
-/// text
-///   of the range error for what no value of the type holds. Records and logs are checked when they
-///   have been read;
-/// - for a strep that is neither its text nor the record: `const char*
-/// parseStrep(Mox::TextCursor&)`
-///   and `void printStrep(Mox::TextWriter&) const`, as `parse` and `print`;
-/// - for a log form of its own: `void toLog(Mox::NboAttrLog::Out&) const` and
-///   `void fromLog(Mox::NboAttrLog::In&)`;
-/// - the constructors from text and from a log, which call `readText` and `readLog`.
+/// A value type `T` derives from `Mox::ValueType<T>` and declares the hooks below; the first two
+/// are required. `parse`, `check` and `parseStrep` return null or the text of the range error, and
+/// never throw; `fromLog` throws `Mox::RangeException`.
+///
+///     // The type's name and its fields, from which record text, log and seeded hash follow.
+///     static constexpr auto description() {
+///         return Mox::record("ns::T", Mox::field("port", &T::port_));
+///     }
+///     // The error for text after the value, and for text that is not a record of this type.
+///     static constexpr const char* leftoverText = "Invalid T";
+///
+///     // A text form of its own, which is also the strep. With `print` alone, `stringValue` gives
+///     // that text, while strep and parsing stay those of the record.
+///     const char* parse(Mox::TextCursor&);
+///     void print(Mox::TextWriter&) const;
+///     // The rules between fields, checked when a record or a log has been read.
+///     const char* check() const;
+///     // A strep that is neither the text nor the record.
+///     const char* parseStrep(Mox::TextCursor&);
+///     void printStrep(Mox::TextWriter&) const;
+///     // A log form of its own.
+///     void toLog(Mox::NboAttrLog::Out&) const;
+///     void fromLog(Mox::NboAttrLog::In&);
+///
+/// Its constructors from text and from a log call `readText` and `readLog`.
 #pragma once
 
 #include <compare>
 #include <concepts>
 #include <cstdint>
-#include <functional>
-#include <memory>
+#include <iosfwd>
 #include <optional>
-#include <ostream>
 #include <string_view>
-#include <type_traits>
+#include <utility>
 
 #include "Mox/Exception.h"
 #include "Mox/Hash.h"
@@ -67,7 +72,7 @@ concept HasLogForm = requires(const T& value, NboAttrLog::Out& out) {
 };
 
 /// Reads the strep of `T`, which is its own text where it has one. Returns null or the text of the
-/// range error; `*value` may then be half-read.
+/// range error; `*value` is unspecified after an error.
 template <class T>
 const char* parseValue(TextCursor& in, T* value) {
     if constexpr (HasParse<T>) {
@@ -94,22 +99,6 @@ void printStrep(TextWriter& out, const T& value) {
     }
 }
 
-/// What `print(writer)` prints, as a string.
-template <class Print>
-String printedString(Print print) {
-    char buffer[256];
-    TextWriter out(buffer, sizeof(buffer));
-    print(out);
-    const uint32_t length = out.finish();
-    if (length < sizeof(buffer)) {
-        return String(buffer, length);
-    }
-    const auto large = std::make_unique<char[]>(length + 1);
-    TextWriter again(large.get(), length + 1);
-    print(again);
-    return String(large.get(), again.finish());
-}
-
 template <class T>
 class ValueType {
   public:
@@ -134,8 +123,8 @@ class ValueType {
         self() = std::move(fresh);
     }
 
-    /// Writes the canonical text as snprintf(3) would: at most `size` bytes with the NUL, cut off
-    /// where it has no room, nothing for size 0. Returns the length of the whole text.
+    /// Writes the canonical text with the semantics of snprintf(3): at most `size` bytes including
+    /// the NUL, truncated to fit, nothing for size 0. Returns the length of the whole text.
     uint32_t printToBuffer(char* buffer, uint32_t size) const {
         TextWriter out(buffer, size);
         printText(out);
@@ -158,8 +147,8 @@ class ValueType {
         }
     }
 
-    // For the defaulted comparisons of T alone, which compare this empty base too: constrained to
-    // exactly it, so that they never stand in for a comparison that T does not offer.
+    // The defaulted comparisons of T compare this empty base too. Constrained to exactly this type,
+    // since they would otherwise compare values of a T that has no comparison.
     template <std::same_as<ValueType> Base>
     friend constexpr bool operator==(const Base&, const Base&) {
         return true;
@@ -172,7 +161,7 @@ class ValueType {
   protected:
     constexpr ValueType() = default;
 
-    /// Reads the text at `it` and moves `it` past it. For constructors.
+    /// Reads the text at `it` and moves `it` past it. For the constructor from text.
     /// @throws Mox::RangeException with the type's text; `it` is then unchanged.
     void readText(TextIt& it, const TextIt& end) {
         TextCursor in(it, end);
@@ -182,10 +171,10 @@ class ValueType {
         it = in.at();
     }
 
-    /// Reads the fields as the log holds them, and has them checked. For constructors, which then
-    /// check what else the type promises: a log comes from outside.
-    /// @throws Mox::RangeException when the log is short or a number does not fit its field; the
-    /// text of `check`.
+    /// Reads the fields and calls `check`. For the constructor from a log, which also checks any
+    /// rule that `check` does not: a log comes from outside.
+    /// @throws Mox::RangeException "NboAttrLog: premature end"; "NboAttrLog: value out of range"
+    /// when a number does not fit its field; the text of `check`.
     void readLog(NboAttrLog::In* in) {
         if constexpr (HasLogForm<T>) {
             self().fromLog(*in);

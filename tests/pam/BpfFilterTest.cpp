@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sstream>
 
 #include "Mox/Trace.h"
 #include "pam/PamFixture.h"

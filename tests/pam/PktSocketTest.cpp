@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 
 #include "Pavo/RawSocket.h"
