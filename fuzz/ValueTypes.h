@@ -1,5 +1,6 @@
 /// @file
-/// All value types and enumerations, listed once: a type that is added here is fuzzed.
+/// All value types and enumerations, listed once: a type that is added here is fuzzed, and compared
+/// between word sizes.
 #pragma once
 
 #include <type_traits>
@@ -78,7 +79,7 @@ using TransportTypes =
              Pavo::TcpLenIp6, Pavo::TcpDataOffset, Pavo::TcpReserved, Pavo::TcpPseudoHdr,
              Pavo::TcpPseudoHdrIpv6, Pavo::UdpPort, Pavo::UdpLen, Pavo::UdpLenIp6,
              Pavo::UdpPseudoHdr, Pavo::UdpPseudoHdrIpv6, Pavo::SctpPort, Pavo::SctpChecksum,
-             Pavo::TcpSocketOptions, Pavo::TcpKeepaliveOptions>;
+             Pavo::TcpSocketOptions, Pavo::TcpKeepaliveOptions, Pavo::TcpPduPamReadReturn>;
 using RdTypes = TypeList<Pavo::AutonomousSystem, Pavo::RouteDistinguisher>;
 using IntfTypes = TypeList<Pavo::IntfId, Pavo::GenericIntfId, Pavo::IntfIdPart, Pavo::IntfIdPartKey,
                            Pavo::SubIntfIdKey, Pavo::ShortPrefix>;
@@ -91,11 +92,12 @@ using LabelTypes =
 using ValueTypes = decltype(joined(EthTypes(), IpTypes(), Ip6Types(), IpGenTypes(), FieldTypes(),
                                    TransportTypes(), RdTypes(), IntfTypes(), LabelTypes()));
 
-using EnumTypes = TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors,
-                           Pavo::IcmpType, Pavo::Icmp6Type, Pavo::Ip6HdrOptionType,
-                           Pavo::NamespaceState, Pavo::TcpClientStatus::ConnectionStatus,
-                           Pavo::TcpPduPamEnableMode, Pavo::RouteDistinguisher::Type0LocalType,
-                           Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError>;
+using EnumTypes =
+    TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors, Pavo::IcmpType,
+             Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState,
+             Pavo::TcpClientStatus::ConnectionStatus, Pavo::TcpPduPamEnableMode,
+             Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type0LocalType,
+             Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -1,7 +1,203 @@
+// Prints what must not depend on the word size, since processes of both kinds share keys, logs and
+// packets: text, strep, log, hash and order of values of every type, and the members of every
+// enumeration.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <type_traits>
+
+#include "Mox/Enum.h"
+#include "Mox/Exception.h"
+#include "Mox/NboAttrLog.h"
+#include "Mox/ValueType.h"
+
+#include "Pavo/IntfIdDesc.h"
+
+#include "fuzz/ValueTypes.h"
 #include "parity/Parity.h"
 
+namespace {
+
+constexpr int samplesPerType = 1000;
+constexpr int attemptsPerSample = 20000;
+
+template <class T>
+Mox::Bytes logOf(const T& value) {
+    Mox::NboAttrLog::Out log;
+    log << value;
+    return log.bytes;
+}
+
+// Draws logs of values, the same on every machine: either afresh, of three kinds of words at most,
+// so that zeros and masks are frequent, or with few changes to the value before.
+class Logs {
+  public:
+    // A value whose log is not in `seen` yet, or nothing when no more is found.
+    template <class T>
+    std::optional<T> next(const T& before, std::set<Mox::Bytes>* seen) {
+        for (int attempt = 0; attempt < attemptsPerSample; ++attempt) {
+            const Mox::Bytes log = attempt % 2 == 0 ? fresh() : changed(before);
+            Mox::NboAttrLog::In in(log);
+            try {
+                const T value(&in, Mox::StreamBogon());
+                if (seen->emplace(log.data(), log.bytes() - in.left()).second) {
+                    return value;
+                }
+            } catch (const Mox::RangeException&) {  // The type has no such value.
+            }
+        }
+        return std::nullopt;
+    }
+
+  private:
+    static constexpr uint32_t wordsPerLog = 64;
+
+    Mox::Bytes fresh() {
+        const uint32_t kinds[] = {any(), any(), any()};
+        const uint32_t first = any() % 8;
+        const bool inRuns = any() % 2 == 0;
+        const bool mapped = any() % 16 == 0;  // An IPv4-mapped address, whose text is special.
+        Mox::NboAttrLog::Out out;
+        for (uint32_t i = 0; i < wordsPerLog; ++i) {
+            const uint32_t next = word(kinds[inRuns ? (i >= first) + (i > first) : any() % 3]);
+            out.u32(!mapped || i > 2 ? next : i == 2 ? 0xffff : 0);
+        }
+        return out.bytes;
+    }
+
+    template <class T>
+    Mox::Bytes changed(const T& before) {
+        const Mox::Bytes log = logOf(before);
+        Mox::NboAttrLog::In in(log);
+        uint32_t words[wordsPerLog] = {};
+        uint32_t count = 0;
+        while (in.left() >= 4 && count < wordsPerLog) {
+            words[count++] = in.u32();
+        }
+        for (uint32_t changes = any() % 3 + 1; changes != 0; --changes) {
+            uint32_t& each = words[any() % (count + 1) % wordsPerLog];
+            each = any() % 4 == 0 ? each + 1 : word(any());
+        }
+        Mox::NboAttrLog::Out result;
+        for (const uint32_t each : words) {
+            result.u32(each);
+        }
+        return result.bytes;
+    }
+
+    uint32_t any() { return static_cast<uint32_t>(random_()); }
+
+    uint32_t word(uint32_t kind) {
+        switch (kind % 9) {
+            case 0:
+                return 0;
+            case 1:
+                return any() % 2 == 0 ? 0xffffffff : 0xffff;
+            case 2:
+                return ~0u << (any() % 32);
+            case 3:
+                return any() << (any() % 32);
+            case 4:
+                return any() >> (any() % 32);
+            case 5:
+                return any() % 4;
+            case 6:
+                return any() % (any() % 2 == 0 ? 33 : 129);  // Lengths of prefixes.
+            case 7:
+                return any() % 0x10000;
+            default:
+                return any();
+        }
+    }
+
+    std::mt19937 random_{20240501};
+};
+
+// Bytes that are not graphic as "\xHH", so that a line is a line.
+void printEscaped(const char* what, const Mox::String& text) {
+    std::printf(" %s=", what);
+    for (const char c : text) {
+        std::printf(c >= ' ' && c <= '~' ? "%c" : "\\x%02x", static_cast<unsigned char>(c));
+    }
+}
+
+// '<', '=', '>', '~' for values side by side, '?' for a type without an order.
+template <class T>
+char relation(const T& a, const T& b) {
+    if (a == b) {
+        return '=';
+    }
+    if constexpr (requires { a < b; }) {
+        return a < b ? '<' : b < a ? '>' : '~';
+    } else {
+        return '?';
+    }
+}
+
+// A line for each sample, with its order to the sample before. A type with few values has fewer.
+template <class T>
+void printValues(Logs& logs) {
+    const std::string typeName(T::description().typeName);
+    std::printf("%s size=%u\n", typeName.c_str(),
+                std::is_trivially_copyable_v<T> ? static_cast<unsigned>(sizeof(T)) : 0);
+    T before{};
+    std::set<Mox::Bytes> seen = {logOf(before)};
+    for (std::optional<T> sample = before; sample && seen.size() <= samplesPerType;
+         sample = logs.next(before, &seen)) {
+        std::printf("%s", typeName.c_str());
+        printEscaped("text", sample->stringValue());
+        printEscaped("strep", valueToStrep(*sample));
+        const Mox::Bytes log = logOf(*sample);
+        std::printf(" log=");
+        printHex(log.data(), log.bytes());
+        std::printf(" hash=%08x", sample->hash());
+        if constexpr (requires { sample->hash(7u); }) {
+            std::printf(" seeded=%08x", sample->hash(0x9e3779b9u));
+        }
+        std::printf(" order=%c\n", relation(before, *sample));
+        before = *sample;
+    }
+    if (seen.size() == 1) {
+        std::fprintf(stderr, "parity: no value of %s but one\n", typeName.c_str());
+        std::exit(1);
+    }
+}
+
+// Interface types such that most ids have names.
+void describeInterfaces() {
+    const auto manager = Pavo::globalIntfIdMgr();
+    manager->intfIdDescDelAll();
+    for (uint32_t type = 1; type <= 127; ++type) {
+        const std::string letters = {static_cast<char>('a' + type / 26),
+                                     static_cast<char>('a' + type % 26)};
+        const auto desc =
+            Pavo::intfIdDescFactory(type, "Interface" + letters, Pavo::ShortPrefix("If" + letters));
+        desc->partIs({0, 0}, {30, 0, true, '\0'});
+        desc->partIs({0, 1}, {25, 0, false, '.'});
+        desc->initializedIs(true);
+        manager->intfIdDescIs(desc);
+    }
+}
+
+}  // namespace
+
 int main() {
-    parityOfValues();
+    describeInterfaces();
+    Logs logs;
+    const auto print = [&logs]<class T>(std::type_identity<T>) { printValues<T>(logs); };
+    fuzz::forEachType(fuzz::ValueTypes(), print);
+    print(std::type_identity<Pavo::MplsLabelStack>());
+    fuzz::forEachType(fuzz::EnumTypes(), []<class E>(std::type_identity<E>) {
+        for (const auto& member : Mox::enumTable<E>.members) {
+            std::printf("%s: %s=%u\n", Mox::enumTable<E>.invalidText,
+                        Mox::stringValue(member.value).c_str(),
+                        static_cast<unsigned>(member.value));
+        }
+    });
     parityOfPackets();
-    return 0;
 }
