@@ -2,24 +2,16 @@
 
 namespace Mox {
 
-// Lists and observers point at what lives on the stack of `notify`, which takes the pointers back.
-// Holding both by counted references instead would cost more than the calls.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wdangling-pointer"
-#endif
-
-// A telling under way. Removing an observer moves the place of every telling that stands on it.
+// A notification in progress. Removing an observer moves `next` past it, in every walk of the list.
 struct NotifieeList::Walk {
     Notifiee* next;
-    bool moved;  // `next` is another than it was set to.
     Walk* outer;
 
-    // Puts a walk on the list and takes it off again. Apart from it, so that what is put back
-    // waits in a register and not in memory that others may write.
+    // Puts a walk on the list and takes it off again. It is apart from the walk, whose address the
+    // list has, so that what it puts back stays in registers.
     class Scope {
       public:
-        Scope(NotifieeList& list, Walk* walk) : list_(list), outer_(list.walks_) {
-            walk->outer = outer_;
+        Scope(NotifieeList& list, Walk* walk) : list_(list), outer_(walk->outer) {
             list_.walks_ = walk;
         }
         ~Scope() {
@@ -37,20 +29,19 @@ struct NotifieeList::Walk {
     };
 };
 
-// A call of an observer under way.
+// A call of an observer in progress.
 struct Notifiee::Call {
-    bool gone;  // The observer's last reference went during the call.
+    bool gone;  // The observer's last reference has gone during the call.
 
     class Scope {
       public:
         Scope(Notifiee* callee, Call* call) : callee_(callee), outer_(callee->call_), call_(call) {
-            call_->gone = false;
-            callee_->call_ = call_;
+            callee_->call_ = call;
         }
         ~Scope() {
             callee_->call_ = outer_;
             if (__builtin_expect(call_->gone, 0)) {
-                callee_->zeroReferencesIs(true);  // Again: an outer call puts it off once more.
+                callee_->zeroReferencesIs(true);  // An outer call of it defers this once more.
             }
         }
         Scope(const Scope&) = delete;
@@ -73,28 +64,24 @@ void NotifieeList::delAll() {
     }
 }
 
+// The end of a call may destroy the observer, and with it others of the list: `next` is read only
+// after that.
 void NotifieeList::notify(const Change& change) {
-    const uint64_t newest = added_;  // Whoever comes later is not told of this change.
-    Walk walk;
-    walk.moved = false;
-    const Walk::Scope telling(*this, &walk);
-    Notifiee* each = first_;
-    while (each != nullptr && each->addedAs_ <= newest) {
-        // Read back only where an observer moved it: waiting for it each time would take longer
-        // than all the rest.
-        Notifiee* next = each->next_;
-        walk.next = next;
+    if (first_ == nullptr) {
+        return;
+    }
+    const uint64_t newest = added_;  // Observers added from here on are not notified.
+    Walk walk{first_, walks_};
+    const Walk::Scope walking(*this, &walk);
+    do {
+        Notifiee* const each = walk.next;
+        walk.next = each->next_;
         if (each->wanted_.contains(change.attribute) && each->hasNotificationActive()) {
-            Notifiee::Call call;
+            Notifiee::Call call{false};
             const Notifiee::Call::Scope calling(each, &call);
             each->handleChange(change);
-            if (__builtin_expect(walk.moved, 0)) {
-                walk.moved = false;
-                next = walk.next;
-            }
         }
-        each = next;
-    }
+    } while (walk.next != nullptr && walk.next->addedAs_ <= newest);
 }
 
 void NotifieeList::add(Notifiee* notifiee) {
@@ -109,7 +96,6 @@ void NotifieeList::remove(Notifiee* notifiee) {
     for (Walk* walk = walks_; walk != nullptr; walk = walk->outer) {
         if (walk->next == notifiee) {
             walk->next = notifiee->next_;
-            walk->moved = true;
         }
     }
     (notifiee->previous_ != nullptr ? notifiee->previous_->next_ : first_) = notifiee->next_;

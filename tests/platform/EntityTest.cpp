@@ -46,6 +46,10 @@ TEST_F(EntityTest, ObserversMayDoAnythingWhileTheyAreNotified) {
     const Action setsAgain = [](Scene& s) { s.entity->levelIs(s.entity->level() + 1); };
     const Action removesNext = [](Scene& s) { s.c()->notifierIs(nullptr); };
     const Action destroysItself = [](Scene& s) { s.b() = nullptr; };
+    const Action endsWithTheNextOne = [](Scene& s) {
+        s.b()->owned = std::exchange(s.c(), nullptr);
+        s.b() = nullptr;
+    };
     const Action addsOne = [](Scene& s) {
         s.observers.push_back(make<Recorder>(s.entity, 'D', &s.log));
     };
@@ -72,6 +76,7 @@ TEST_F(EntityTest, ObserversMayDoAnythingWhileTheyAreNotified) {
         {"switches C off", [](Scene& s) { s.c()->hasNotificationActiveIs(false); }, "AB", "AB"},
         {"destroys the next", [](Scene& s) { s.c() = nullptr; }, "AB", "AB"},
         {"destroys itself", destroysItself, "ABC", "AC"},
+        {"destroys itself, and with it the next, which it owns", endsWithTheNextOne, "AB", "A"},
         {"destroys all", [](Scene& s) { s.observers.clear(); }, "AB", ""},
         {"sets again", setsAgain, "ABABCC", "ABC"},
         {"sets again and removes the next of both", setsAgain, "ABAB", "AB", removesNext},

@@ -56,6 +56,7 @@ class Recorder : public Mox::Notifiee {
     ~Recorder() override = default;
 
     std::function<void()> action;
+    Mox::Ptr<Recorder> owned;
 
     void handleChange(const Mox::Change&) override {
         *log_ += name_;
