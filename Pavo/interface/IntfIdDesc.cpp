@@ -11,12 +11,6 @@ namespace Pavo {
 
 namespace {
 
-constexpr const Mox::AttributeBase* descAttributes[] = {
-    &IntfIdDesc::shortPrefixAttr, &IntfIdDesc::shortPrefixSubTypeAttr, &IntfIdDesc::prefixAttr,
-    &IntfIdDesc::partAttr, &IntfIdDesc::initializedAttr};
-constexpr const Mox::AttributeBase* mgrAttributes[] = {
-    &IntfIdMgr::intfIdDescAttr, &IntfIdMgr::testModeAttr, &IntfIdMgr::initializedAttr};
-
 // Looked at by every conversion, and cheaper than the loader itself.
 constinit bool pluginsWait = true;
 
@@ -33,18 +27,11 @@ void IntfIdPartKey::print(Mox::TextWriter& out) const {
     printRecord(out, *this, description());
 }
 
-constinit const Mox::FwkType IntfIdDesc::type{"Pavo::IntfIdDesc", &Mox::Entity::type,
-                                              descAttributes};
-
 IntfIdDesc::IntfIdDesc(uint32_t typeId, Mox::String name, ShortPrefix shortPrefix)
     : typeId_(typeId), name_(std::move(name)), shortPrefix_(std::move(shortPrefix)) {
     if (typeId < 1 || typeId > GenericIntfId::maxTypeId) {
         Mox::throwRangeException("IntfIdDesc::typeId < 1 or > 127 not allowed");
     }
-}
-
-const Mox::FwkType* IntfIdDesc::fwkType() const {
-    return &type;
 }
 
 void IntfIdDesc::handleParent(Mox::Ptr<Mox::Entity> parent) {
@@ -64,18 +51,18 @@ void IntfIdDesc::shortPrefixIs(ShortPrefix shortPrefix) {
 
 void IntfIdDesc::shortPrefixSubTypeIs(SubIntfIdKey subType, ShortPrefix shortPrefix) {
     requireOpen();
-    const bool changed = shortPrefix ? shortPrefixSubType_.is(subType, std::move(shortPrefix))
-                                     : shortPrefixSubType_.del(subType);
-    if (changed) {
+    if (!shortPrefix) {
+        memberDel(shortPrefixSubType_, subType, shortPrefixSubTypeAttr);
+    } else if (shortPrefixSubType_.is(subType, std::move(shortPrefix))) {
         notify(shortPrefixSubTypeAttr, subType);
     }
 }
 
 void IntfIdDesc::prefixIs(SubIntfIdKey subType, Mox::String prefix) {
     requireOpen();
-    const bool changed =
-        prefix.empty() ? prefix_.del(subType) : prefix_.is(subType, std::move(prefix));
-    if (changed) {
+    if (prefix.empty()) {
+        memberDel(prefix_, subType, prefixAttr);
+    } else if (prefix_.is(subType, std::move(prefix))) {
         notify(prefixAttr, subType);
     }
 }
@@ -87,7 +74,9 @@ IntfIdPart IntfIdDesc::part(IntfIdPartKey key) const {
 
 void IntfIdDesc::partIs(IntfIdPartKey key, IntfIdPart part) {
     requireOpen();
-    if (part ? part_.is(key, part) : part_.del(key)) {
+    if (!part) {
+        memberDel(part_, key, partAttr);
+    } else if (part_.is(key, part)) {
         notify(partAttr, key);
     }
 }
@@ -98,8 +87,7 @@ void IntfIdDesc::partDel(IntfIdPartKey key) {
 
 void IntfIdDesc::partDelAll() {
     requireOpen();
-    const Mox::Ptr<IntfIdDesc> hold(this);
-    part_.delAll([this](const IntfIdPartKey& key) { notify(partAttr, key); });
+    memberDelAll(part_, partAttr);
 }
 
 void IntfIdDesc::initializedIs(bool initialized) {
@@ -151,16 +139,10 @@ void IntfIdDesc::addTo(IntfIdTrie& trie) const {
     }
 }
 
-constinit const Mox::FwkType IntfIdMgr::type{"Pavo::IntfIdMgr", &Mox::Entity::type, mgrAttributes};
-
 IntfIdMgr::~IntfIdMgr() {
     for (const auto& each : intfIdDesc_) {
         each.second->handleParent(nullptr);
     }
-}
-
-const Mox::FwkType* IntfIdMgr::fwkType() const {
-    return &type;
 }
 
 Mox::Ptr<IntfIdDesc> IntfIdMgr::intfIdDesc(uint32_t typeId) const {
@@ -217,11 +199,10 @@ void IntfIdMgr::intfIdDescDel(uint32_t typeId) {
 
 void IntfIdMgr::intfIdDescDelAll() {
     const Mox::Ptr<IntfIdMgr> hold(this);
-    for (const auto& each : intfIdDesc_) {
-        each.second->handleParent(nullptr);
+    const Descs before = intfIdDesc_;
+    for (const auto& each : before) {
+        intfIdDescDel(each.first);
     }
-    trie_ = trieOf({});
-    intfIdDesc_.delAll([this](uint32_t typeId) { notify(intfIdDescAttr, typeId); });
 }
 
 void IntfIdMgr::handleIntfIdDesc(uint32_t) {

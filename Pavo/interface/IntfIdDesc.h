@@ -109,7 +109,7 @@ class ShortPrefix : public Mox::ValueType<ShortPrefix> {
 ///
 /// It is filled in, then `initializedIs(true)` makes it complete: what it says is checked, its
 /// manager knows its names from then on, and it cannot be changed until `initializedIs(false)`.
-class PAVO_EXPORT IntfIdDesc : public Mox::Entity {
+class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
   public:
     static constexpr Mox::Attribute<IntfIdDesc> shortPrefixAttr{0, "shortPrefix"};
     static constexpr Mox::Attribute<IntfIdDesc, SubIntfIdKey> shortPrefixSubTypeAttr{
@@ -117,12 +117,16 @@ class PAVO_EXPORT IntfIdDesc : public Mox::Entity {
     static constexpr Mox::Attribute<IntfIdDesc, SubIntfIdKey> prefixAttr{2, "prefix"};
     static constexpr Mox::Attribute<IntfIdDesc, IntfIdPartKey> partAttr{3, "part"};
     static constexpr Mox::Attribute<IntfIdDesc> initializedAttr{4, "initialized"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::IntfIdDesc", Mox::attribute(shortPrefixAttr, &IntfIdDesc::shortPrefix),
+            Mox::attribute(shortPrefixSubTypeAttr), Mox::attribute(prefixAttr),
+            Mox::attribute(partAttr), Mox::attribute(initializedAttr, &IntfIdDesc::initialized));
+    }
 
     /// @throws Mox::RangeException "IntfIdDesc::typeId < 1 or > 127 not allowed"
     IntfIdDesc(uint32_t typeId, Mox::String name, ShortPrefix shortPrefix);
 
-    const Mox::FwkType* fwkType() const override;
     /// What names of all sub-types begin with that have no prefix of their own, such as Ethernet.
     Mox::String name() const override { return name_; }
     void handleParent(Mox::Ptr<Mox::Entity> parent) override;
@@ -178,16 +182,19 @@ class PAVO_EXPORT IntfIdDesc : public Mox::Entity {
 /// The types of interfaces that a process knows, and the trie made of those that are initialized.
 /// Descriptors come and go at any time; an id whose descriptor has gone has the empty name. All is
 /// for the thread of the event loop; other threads may convert while nothing changes.
-class PAVO_EXPORT IntfIdMgr : public Mox::Entity {
+class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
   public:
     static constexpr Mox::Attribute<IntfIdMgr, uint32_t> intfIdDescAttr{0, "intfIdDesc"};
     static constexpr Mox::Attribute<IntfIdMgr> testModeAttr{1, "testMode"};
     static constexpr Mox::Attribute<IntfIdMgr> initializedAttr{2, "initialized"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IntfIdMgr", Mox::attribute(intfIdDescAttr),
+                                Mox::attribute(testModeAttr, &IntfIdMgr::testMode),
+                                Mox::attribute(initializedAttr, &IntfIdMgr::initialized));
+    }
 
     explicit IntfIdMgr(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     /// By type identifier.

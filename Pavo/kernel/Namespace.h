@@ -34,14 +34,16 @@ constexpr auto enumDescription(NamespaceState) {
 
 /// What a process tells of one namespace: `initializing` while its owner makes it, `active` while
 /// agents may use it, `deleting` when they are to leave it.
-class PAVO_EXPORT NamespaceStatusLocal : public Mox::Entity {
+class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLocal> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocal> stateAttr{0, "state"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::NamespaceStatusLocal",
+                                Mox::attribute(stateAttr, &NamespaceStatusLocal::state));
+    }
 
     explicit NamespaceStatusLocal(NamespaceName nsName) : nsName_(std::move(nsName)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return nsName_.value(); }
 
     const NamespaceName& nsName() const { return nsName_; }
@@ -53,18 +55,19 @@ class PAVO_EXPORT NamespaceStatusLocal : public Mox::Entity {
     NamespaceState state_ = NamespaceState::initializing;
 };
 
-// The two entities below tell observers which member has come or gone; observers may change the
-// collection again while they are told. It is in the order of the names.
+// The two entities below notify with the member that was added or deleted; observers may change the
+// collection again meanwhile. It is in the order of the names.
 
 /// The namespaces of a process by name.
-class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::Entity {
+class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::EntityOf<NamespaceStatusLocalDir> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocalDir, NamespaceName> nsAttr{0, "ns"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::NamespaceStatusLocalDir", Mox::attribute(nsAttr));
+    }
 
     explicit NamespaceStatusLocalDir(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const Mox::Directory<NamespaceStatusLocal>& ns() const { return ns_; }
@@ -73,9 +76,9 @@ class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::Entity {
         return ns_.find(nsName.value());
     }
     /// The status of that namespace, made unless there is one.
-    Mox::Ptr<NamespaceStatusLocal> nsIs(NamespaceName nsName);
-    void nsDel(NamespaceName nsName);
-    void nsDelAll();
+    Mox::Ptr<NamespaceStatusLocal> nsIs(const NamespaceName& nsName);
+    void nsDel(const NamespaceName& nsName) { memberDel(ns_, nsName.value(), nsAttr); }
+    void nsDelAll() { memberDelAll(ns_, nsAttr); }
 
   private:
     Mox::String name_;
@@ -83,14 +86,15 @@ class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::Entity {
 };
 
 /// A namespace for an agent to work in.
-class PAVO_EXPORT Netns : public Mox::Entity {
+class PAVO_EXPORT Netns : public Mox::EntityOf<Netns> {
   public:
     static constexpr Mox::Attribute<Netns> nsAttr{0, "ns"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::Netns", Mox::attribute(nsAttr, &Netns::ns));
+    }
 
     explicit Netns(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const NamespaceName& ns() const { return ns_; }
@@ -102,22 +106,23 @@ class PAVO_EXPORT Netns : public Mox::Entity {
 };
 
 /// The `Netns` of each namespace, one a namespace. It holds them until they are taken out.
-class PAVO_EXPORT NetnsFactory : public Mox::Entity {
+class PAVO_EXPORT NetnsFactory : public Mox::EntityOf<NetnsFactory> {
   public:
     static constexpr Mox::Attribute<NetnsFactory, NamespaceName> netnsAttr{0, "netns"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::NetnsFactory", Mox::attribute(netnsAttr));
+    }
 
     explicit NetnsFactory(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const Mox::Directory<Netns>& netns() const { return netns_; }
     /// The entity of that namespace, or null.
     Mox::Ptr<Netns> netns(const NamespaceName& ns) const { return netns_.find(ns.value()); }
     /// The entity of that namespace, made unless there is one, with its name and `ns` set.
-    Mox::Ptr<Netns> netnsIs(NamespaceName ns);
-    void netnsDel(NamespaceName ns);
+    Mox::Ptr<Netns> netnsIs(const NamespaceName& ns);
+    void netnsDel(const NamespaceName& ns) { memberDel(netns_, ns.value(), netnsAttr); }
 
   private:
     Mox::String name_;

@@ -45,17 +45,14 @@ inline constexpr auto bindText = [] {
 /// The record stays where it is until the head of the packet's data changes; then `handleHeader()`
 /// binds it anew at the same offset.
 template <class Self, class Hdr>
-class HdrWrapper : public Mox::PtrInterface {
+class HdrWrapper : public Mox::Described<Self> {
   public:
     /// Fatal when the record does not lie wholly in the first iovec: `bindText`.
     HdrWrapper(Mox::Ptr<Pkt> pkt, uint32_t offset) : pkt_(std::move(pkt)), offset_(offset) {
         handleHeader();
     }
 
-    const Mox::FwkType* fwkType() const override {
-        static const Mox::FwkType type{Self::typeName, PtrInterface::fwkType(), {}};
-        return &type;
-    }
+    static constexpr auto description() { return Mox::classRecord(Self::typeName); }
 
     const Mox::Ptr<Pkt>& pkt() const { return pkt_; }
     /// Bytes from the start of the first iovec to the record.

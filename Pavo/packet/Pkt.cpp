@@ -236,11 +236,6 @@ void Pkt::operator delete(void* memory, std::size_t) {
     release(&freeLists.packets, memory);
 }
 
-const Mox::FwkType* Pkt::fwkType() const {
-    static const Mox::FwkType type{"Pavo::Pkt", PtrInterface::fwkType(), {}};
-    return &type;
-}
-
 void Pkt::throwNoSuchIovec() {
     Mox::throwRangeException("no such iovec");
 }
@@ -415,17 +410,7 @@ Mox::Ptr<Pkt::SharedBuffer> Pkt::SharedBuffer::create(uint32_t size) {
     return {new SharedBuffer(size), Mox::AdoptReference()};
 }
 
-const Mox::FwkType* Pkt::SharedBuffer::fwkType() const {
-    static const Mox::FwkType type{"Pavo::Pkt::SharedBuffer", PtrInterface::fwkType(), {}};
-    return &type;
-}
-
 Pkt::Manager::Manager(Mox::String name) : name_(std::move(name)) {}
-
-const Mox::FwkType* Pkt::Manager::fwkType() const {
-    static const Mox::FwkType type{"Pavo::Pkt::Manager", PtrInterface::fwkType(), {}};
-    return &type;
-}
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
     return newPkt(defaultBufferSize_);

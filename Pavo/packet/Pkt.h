@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Mox/Assert.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 
@@ -33,7 +34,7 @@ class UsedPkts;
 ///
 /// Beside its bytes a packet may carry one VLAN tag, the outermost, as devices deliver it. A packet
 /// is used by one thread at a time.
-class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
+class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
   public:
     class SharedBuffer;
     class Manager;
@@ -60,7 +61,7 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
 
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory, std::size_t bytes);
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::Pkt"); }
 
     /// The first entry of the iovec table in use: 2 while there is no data, 1 with shared data
     /// only, 0 with private data.
@@ -192,12 +193,12 @@ class PAVO_EXPORT Pkt final : public Mox::PtrInterface {
 /// range; none allocates or writes a byte. A range that leaves the allocation is fatal:
 /// "ptrWithinRegion( data_, buffer_, size_ )" for its start,
 /// "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )" for its end.
-class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::PtrInterface {
+class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::Described<Pkt::SharedBuffer> {
   public:
     ~SharedBuffer() override;
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory, std::size_t bytes);
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::Pkt::SharedBuffer"); }
 
     /// Bytes allocated.
     uint32_t size() const { return size_; }
@@ -280,13 +281,13 @@ inline void Pkt::delSharedTailData(uint32_t n) {
 /// Where packets come from. Packets with a buffer of the default size or of `largeBufferSize` are
 /// used again when they have gone, and so is the memory of other packets and buffers, so that a
 /// steady flow of packets does not reach the allocator; each thread keeps its own.
-class PAVO_EXPORT Pkt::Manager : public Mox::PtrInterface {
+class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
   public:
     /// The size of the buffer that a new packet gets.
     static constexpr uint32_t defaultBufferSize = 1536;
 
     explicit Manager(Mox::String name);
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::Pkt::Manager"); }
 
     const Mox::String& name() const { return name_; }
 

@@ -80,18 +80,12 @@ bool hasLoop(const std::vector<IpFilter>& program) {
 
 }  // namespace
 
-constinit const Mox::FwkType BpfFilter::type{"Pavo::BpfFilter", nullptr, {}};
-
 BpfFilter::BpfFilter(Mox::String name) : name_(std::move(name)) {
     handleFilterString();
 }
 
 BpfFilter::~BpfFilter() {
     programDel();
-}
-
-const Mox::FwkType* BpfFilter::fwkType() const {
-    return &type;
 }
 
 void BpfFilter::bpfFilterStringIs(Mox::String expression) {

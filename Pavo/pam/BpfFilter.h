@@ -32,14 +32,12 @@ namespace Pavo {
 ///
 /// Used on the thread of the event loop only: so is compiling, since libpcap before 1.8 keeps its
 /// state in globals, and `match` has a buffer that it uses again.
-class PAVO_EXPORT BpfFilter : public Mox::PtrInterface {
+class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::BpfFilter"); }
 
     /// A filter without a program. The name stands in trace lines only.
     explicit BpfFilter(Mox::String name);
-
-    const Mox::FwkType* fwkType() const override;
 
     const Mox::String& name() const { return name_; }
 

@@ -103,12 +103,6 @@ uint64_t nanosecondsNow() {
 
 }  // namespace
 
-constinit const Mox::FwkType CaptureFile::type{"Pavo::CaptureFile", nullptr, {}};
-
-const Mox::FwkType* CaptureFile::fwkType() const {
-    return &type;
-}
-
 CaptureFile::CaptureFile(const Mox::String& path, Limits limits) : path_(path), limits_(limits) {
     queue_.reserve(limits.queueBytes);
     blocks_.reserve(limits.queueBytes);

@@ -39,7 +39,7 @@ enum class CaptureDirection : uint32_t {
 ///
 /// To be used from one thread only, the one that runs the event loop; a child of fork(2) has no
 /// such thread and is not to touch the file.
-class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
+class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
   public:
     /// How large things may grow, in bytes.
     struct Limits {
@@ -59,7 +59,7 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
         uint32_t bytes;
     };
 
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::CaptureFile"); }
 
     /// The most of a packet that the file has; tshark refuses files with more.
     static constexpr uint32_t maxPktBytes = 262144;
@@ -68,8 +68,6 @@ class PAVO_EXPORT CaptureFile final : public Mox::PtrInterface {
     /// @throws Mox::ErrnoException "open(<path>)", "write(<path>)" or "pthread_create".
     /// @throws std::bad_alloc, std::length_error for queues that do not fit into memory.
     CaptureFile(const Mox::String& path, Limits limits);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// Adds an interface and returns its number. Waits for the file; is counted towards its size,
     /// and never refused.

@@ -14,18 +14,11 @@ constexpr uint32_t txOptions = ipFreeBind | ipMulticastLoop | ipTransparent | ip
 
 }  // namespace
 
-constinit const Mox::FwkType Ip6HdrInclSocketPam::type{
-    "Pavo::Ip6HdrInclSocketPam", &Ip6SocketPam::type, {}};
-
 Ip6HdrInclSocketPam::Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs)
-    : Ip6SocketPam(std::move(name), protocol, std::move(netNs)) {}
+    : EntityOf(std::move(name), protocol, std::move(netNs)) {}
 
 Ip6HdrInclSocketPam::~Ip6HdrInclSocketPam() = default;
-
-const Mox::FwkType* Ip6HdrInclSocketPam::fwkType() const {
-    return &type;
-}
 
 void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
     if (!enable) {

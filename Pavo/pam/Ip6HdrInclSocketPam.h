@@ -20,13 +20,11 @@ namespace Pavo {
 /// send, and word of room after an EAGAIN, come back to this one. The options `ipFreeBind`,
 /// `ipMulticastLoop`, `ipTransparent` and `ipPriority` are set on both sockets; where the inner one
 /// refuses, the endpoint is disabled. `txTOS`, `txTTL` and packet options are of no effect.
-class PAVO_EXPORT Ip6HdrInclSocketPam : public Ip6SocketPam {
+class PAVO_EXPORT Ip6HdrInclSocketPam : public Mox::EntityOf<Ip6HdrInclSocketPam, Ip6SocketPam> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::Ip6HdrInclSocketPam"); }
 
     Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// @pre enabled (assertion "enabled()").
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;

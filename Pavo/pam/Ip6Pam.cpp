@@ -10,10 +10,6 @@ namespace Pavo {
 
 namespace {
 
-constexpr const Mox::AttributeBase* attributes[] = {&Ip6Pam::numRecvMsgErrorsAttr,
-                                                    &Ip6Pam::numCmsgDataErrorsAttr};
-constexpr const Mox::AttributeBase* vrrpAttributes[] = {&Ip6PamVrrp::mcastGroupAttr};
-
 constexpr uint32_t reported = ipPktInfo | ipRecvTOS | ipRecvTTL;
 
 IpProtocolNumber protocolOf(Ip6Pam::Mode mode) {
@@ -39,18 +35,12 @@ RxPacketInfo rxInfoOf(const Ip6PktInfo& info) {
 
 }  // namespace
 
-constinit const Mox::FwkType Ip6Pam::type{"Pavo::Ip6Pam", &Ip6SocketPam::type, attributes};
-
 Ip6Pam::Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs)
-    : Ip6SocketPam(std::move(name), protocolOf(mode), std::move(netNs)), mode_(mode) {
+    : EntityOf(std::move(name), protocolOf(mode), std::move(netNs)), mode_(mode) {
     optionsStore(reported);
 }
 
 Ip6Pam::~Ip6Pam() = default;
-
-const Mox::FwkType* Ip6Pam::fwkType() const {
-    return &type;
-}
 
 void Ip6Pam::enabledIsImpl(bool enable) {
     if (mode_ != Mode::test || !enable) {
@@ -157,32 +147,14 @@ void Ip6Pam::countFaults() {
     numCmsgDataErrorsInc(takeFaultyControlData());
 }
 
-uint32_t Ip6Pam::numRecvMsgErrorsInc(uint32_t delta) {
-    const Mox::Ptr<Ip6Pam> hold(this);
-    numRecvMsgErrorsIs(numRecvMsgErrors_ + delta);
-    return numRecvMsgErrors_;
-}
-
-uint32_t Ip6Pam::numCmsgDataErrorsInc(uint32_t delta) {
-    const Mox::Ptr<Ip6Pam> hold(this);
-    numCmsgDataErrorsIs(numCmsgDataErrors_ + delta);
-    return numCmsgDataErrors_;
-}
-
-constinit const Mox::FwkType Ip6PamVrrp::type{"Pavo::Ip6PamVrrp", &Ip6Pam::type, vrrpAttributes};
-
 Ip6PamVrrp::Ip6PamVrrp(Mox::String name, uint32_t ifIndex, NamespaceName netNs)
-    : Ip6Pam(std::move(name), Mode::vrrp, std::move(netNs)), ifIndex_(ifIndex) {
+    : EntityOf(std::move(name), Mode::vrrp, std::move(netNs)), ifIndex_(ifIndex) {
     txDstIpAddrIs(mcastGroup_);
     txIfIndexIs(ifIndex);
     txTTLIs(255);
 }
 
 Ip6PamVrrp::~Ip6PamVrrp() = default;
-
-const Mox::FwkType* Ip6PamVrrp::fwkType() const {
-    return &type;
-}
 
 void Ip6PamVrrp::enabledIsImpl(bool enable) {
     if (!enable) {

@@ -27,7 +27,7 @@ struct Ip6PktInfo {
 ///
 /// In a test there is no socket, and no privilege is needed: what the agent sends is queued, and
 /// what the test puts into the other queue is what the agent reads.
-class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
+class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
   public:
     /// What the endpoint is attached to: a raw socket of the protocol, or queues.
     enum class Mode : uint32_t { icmp6, vrrp, test };
@@ -36,11 +36,13 @@ class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
 
     static constexpr Mox::Attribute<Ip6Pam> numRecvMsgErrorsAttr{34, "numRecvMsgErrors"};
     static constexpr Mox::Attribute<Ip6Pam> numCmsgDataErrorsAttr{35, "numCmsgDataErrors"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::Ip6Pam",
+                                Mox::attribute(numRecvMsgErrorsAttr, &Ip6Pam::numRecvMsgErrors),
+                                Mox::attribute(numCmsgDataErrorsAttr, &Ip6Pam::numCmsgDataErrors));
+    }
 
     Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// @pre enabled (assertion "enabled()").
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
@@ -58,13 +60,17 @@ class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
     void numRecvMsgErrorsIs(uint32_t errors) {
         attributeIs(numRecvMsgErrors_, errors, numRecvMsgErrorsAttr);
     }
-    uint32_t numRecvMsgErrorsInc(uint32_t delta);
+    uint32_t numRecvMsgErrorsInc(uint32_t delta) {
+        return attributeInc(numRecvMsgErrors_, delta, numRecvMsgErrorsAttr);
+    }
     /// Packets received whose control data was cut, or lacked what the options ask for.
     uint32_t numCmsgDataErrors() const { return numCmsgDataErrors_; }
     void numCmsgDataErrorsIs(uint32_t errors) {
         attributeIs(numCmsgDataErrors_, errors, numCmsgDataErrorsAttr);
     }
-    uint32_t numCmsgDataErrorsInc(uint32_t delta);
+    uint32_t numCmsgDataErrorsInc(uint32_t delta) {
+        return attributeInc(numCmsgDataErrors_, delta, numCmsgDataErrorsAttr);
+    }
 
     /// The records in a queue, in the order in which they came. A sent packet is there as a copy,
     /// with `txIfIndex` as its interface; `txIfName` is not looked up.
@@ -96,14 +102,15 @@ class PAVO_EXPORT Ip6Pam : public Ip6SocketPam {
 /// group there, and unless told otherwise it sends to the group, on that interface, with the hop
 /// limit 255 that receivers insist on. It hears the packets of other interfaces too, where their
 /// group was joined by somebody; `rxIfIndex` tells.
-class PAVO_EXPORT Ip6PamVrrp : public Ip6Pam {
+class PAVO_EXPORT Ip6PamVrrp : public Mox::EntityOf<Ip6PamVrrp, Ip6Pam> {
   public:
     static constexpr Mox::Attribute<Ip6PamVrrp> mcastGroupAttr{36, "mcastGroup"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::Ip6PamVrrp",
+                                Mox::attribute(mcastGroupAttr, &Ip6PamVrrp::mcastGroup));
+    }
 
     Ip6PamVrrp(Mox::String name, uint32_t ifIndex, NamespaceName netNs);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// @throws Mox::ErrnoException "setsockopt(IPV6_JOIN_GROUP)" too.
     void enabledIsImpl(bool enabled) override;

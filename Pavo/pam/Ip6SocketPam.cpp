@@ -16,8 +16,6 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::Ip6SocketPam");
 
-constexpr const Mox::AttributeBase* attributes[] = {&Ip6SocketPam::checksumOffsetAttr};
-
 // The option takes the value of the alerts to hear.
 int routerAlert(const RawIpPam&, bool on) {
     return on ? 0 : -1;
@@ -160,16 +158,10 @@ constexpr RawIpFamily family{
 
 }  // namespace
 
-constinit const Mox::FwkType Ip6SocketPam::type{"Pavo::Ip6SocketPam", &RawIpPam::type, attributes};
-
 Ip6SocketPam::Ip6SocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
-    : RawIpPam(std::move(name), protocol, std::move(netNs), family) {}
+    : EntityOf(std::move(name), protocol, std::move(netNs), family) {}
 
 Ip6SocketPam::~Ip6SocketPam() = default;
-
-const Mox::FwkType* Ip6SocketPam::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<Ip6SocketPam> ip6SocketPamFactory(Mox::String name, IpProtocolNumber protocol,
                                            NamespaceName netNs) {

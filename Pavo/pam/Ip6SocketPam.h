@@ -28,14 +28,15 @@ namespace Pavo {
 /// `txIfName`.
 ///
 /// The sender's address alone tells `rxIfIndex` when it is link-local; else that needs `ipPktInfo`.
-class PAVO_EXPORT Ip6SocketPam : public RawIpPam {
+class PAVO_EXPORT Ip6SocketPam : public Mox::EntityOf<Ip6SocketPam, RawIpPam> {
   public:
     static constexpr Mox::Attribute<Ip6SocketPam> checksumOffsetAttr{33, "checksumOffset"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::Ip6SocketPam",
+                                Mox::attribute(checksumOffsetAttr, &Ip6SocketPam::checksumOffset));
+    }
 
     Ip6SocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// Where in a packet the kernel fills in the checksum that covers it and the pseudo header, and
     /// looks for it in what is received: a packet with a wrong one never arrives. In bytes, even;

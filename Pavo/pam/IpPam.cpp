@@ -8,17 +8,6 @@ namespace Pavo {
 
 namespace {
 
-constexpr const Mox::AttributeBase* attributes[] = {
-    &IpPam::enabledAttr,         &IpPam::optionsAttr,         &IpPam::enableBulkReadAttr,
-    &IpPam::socketReadLimitAttr, &IpPam::maxRxPktDataAttr,    &IpPam::rxBufAttr,
-    &IpPam::priorityAttr,        &IpPam::rxFilterAttr,        &IpPam::txIfNameAttr,
-    &IpPam::txIfIndexAttr,       &IpPam::txTOSAttr,           &IpPam::txTTLAttr,
-    &IpPam::txFlagsAttr,         &IpPam::txSrcIpAddrAttr,     &IpPam::txDstIpAddrAttr,
-    &IpPam::txPktCountAttr,      &IpPam::rxFlagsAttr,         &IpPam::rxSrcIpAddrAttr,
-    &IpPam::rxDstIpAddrAttr,     &IpPam::rxOrigDstIpAddrAttr, &IpPam::rxIfIndexAttr,
-    &IpPam::rxTOSAttr,           &IpPam::rxTTLAttr,           &IpPam::rxPktCountAttr,
-};
-
 // Sets `field`, lets `handle` act on it, and takes the value back when that throws.
 template <class Field, class Handle>
 bool handled(Field& field, Field value, Handle handle) {
@@ -37,17 +26,11 @@ bool handled(Field& field, Field value, Handle handle) {
 
 }  // namespace
 
-constinit const Mox::FwkType IpPam::type{"Pavo::IpPam", &Pam::type, attributes};
-
 IpPam::IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
-    : Pam(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}
+    : EntityOf(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}
 
 IpPam::~IpPam() {
     fileDescDel();
-}
-
-const Mox::FwkType* IpPam::fwkType() const {
-    return &type;
 }
 
 void IpPam::doGetRxPkt() {
@@ -121,29 +104,6 @@ void IpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
     if (rxFilter_.is(index, instruction)) {
         notify(rxFilterAttr, index);
     }
-}
-
-void IpPam::rxFilterDel(uint8_t index) {
-    if (rxFilter_.del(index)) {
-        notify(rxFilterAttr, index);
-    }
-}
-
-void IpPam::rxFilterDelAll() {
-    const Mox::Ptr<IpPam> hold(this);
-    rxFilter_.delAll([this](uint32_t index) { notify(rxFilterAttr, static_cast<uint8_t>(index)); });
-}
-
-uint64_t IpPam::txPktCountInc(uint64_t delta) {
-    const Mox::Ptr<IpPam> hold(this);
-    txPktCountIs(txPktCount_ + delta);
-    return txPktCount_;
-}
-
-uint64_t IpPam::rxPktCountInc(uint64_t delta) {
-    const Mox::Ptr<IpPam> hold(this);
-    rxPktCountIs(rxPktCount_ + delta);
-    return rxPktCount_;
 }
 
 void IpPam::fdSmIs() {

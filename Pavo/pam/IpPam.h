@@ -90,7 +90,7 @@ static_assert(std::is_trivially_copyable_v<IpFilter> && sizeof(IpFilter) == 8);
 ///
 /// The `tx` attributes describe the next packet sent, the `rx` attributes the last one received; an
 /// `rx` attribute that a packet does not carry keeps its value.
-class PAVO_EXPORT IpPam : public Pam {
+class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
   public:
     static constexpr Mox::Attribute<IpPam> enabledAttr{8, "enabled"};
     static constexpr Mox::Attribute<IpPam> optionsAttr{9, "options"};
@@ -116,11 +116,33 @@ class PAVO_EXPORT IpPam : public Pam {
     static constexpr Mox::Attribute<IpPam> rxTOSAttr{29, "rxTOS"};
     static constexpr Mox::Attribute<IpPam> rxTTLAttr{30, "rxTTL"};
     static constexpr Mox::Attribute<IpPam> rxPktCountAttr{31, "rxPktCount"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::IpPam", Mox::attribute(enabledAttr, &IpPam::enabled),
+            Mox::attribute(optionsAttr, &IpPam::options),
+            Mox::attribute(enableBulkReadAttr, &IpPam::enableBulkRead),
+            Mox::attribute(socketReadLimitAttr, &IpPam::socketReadLimit),
+            Mox::attribute(maxRxPktDataAttr, &IpPam::maxRxPktData),
+            Mox::attribute(rxBufAttr, &IpPam::rxBuf),
+            Mox::attribute(priorityAttr, &IpPam::priority), Mox::attribute(rxFilterAttr),
+            Mox::attribute(txIfNameAttr, &IpPam::txIfName),
+            Mox::attribute(txIfIndexAttr, &IpPam::txIfIndex),
+            Mox::attribute(txTOSAttr, &IpPam::txTOS), Mox::attribute(txTTLAttr, &IpPam::txTTL),
+            Mox::attribute(txFlagsAttr, &IpPam::txFlags),
+            Mox::attribute(txSrcIpAddrAttr, &IpPam::txSrcIpAddr),
+            Mox::attribute(txDstIpAddrAttr, &IpPam::txDstIpAddr),
+            Mox::attribute(txPktCountAttr, &IpPam::txPktCount),
+            Mox::attribute(rxFlagsAttr, &IpPam::rxFlags),
+            Mox::attribute(rxSrcIpAddrAttr, &IpPam::rxSrcIpAddr),
+            Mox::attribute(rxDstIpAddrAttr, &IpPam::rxDstIpAddr),
+            Mox::attribute(rxOrigDstIpAddrAttr, &IpPam::rxOrigDstIpAddr),
+            Mox::attribute(rxIfIndexAttr, &IpPam::rxIfIndex),
+            Mox::attribute(rxTOSAttr, &IpPam::rxTOS), Mox::attribute(rxTTLAttr, &IpPam::rxTTL),
+            Mox::attribute(rxPktCountAttr, &IpPam::rxPktCount));
+    }
 
     IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
-    const Mox::FwkType* fwkType() const override;
     /// Fails with the assertion "!\"IpPam doesn't use this interface.\"".
     void doGetRxPkt() override;
 
@@ -169,8 +191,8 @@ class PAVO_EXPORT IpPam : public Pam {
     IpFilter rxFilter(uint8_t index) const { return rxFilter_.at(index); }
     const Mox::Array<IpFilter>& rxFilter() const { return rxFilter_; }
     void rxFilterIs(uint8_t index, IpFilter instruction);
-    void rxFilterDel(uint8_t index);
-    void rxFilterDelAll();
+    void rxFilterDel(uint8_t index) { memberDel(rxFilter_, index, rxFilterAttr); }
+    void rxFilterDelAll() { memberDelAll(rxFilter_, rxFilterAttr); }
 
     /// The outgoing interface of the next packet, by name; looked up at each send, and only when
     /// `txIfIndex` is 0.
@@ -199,7 +221,9 @@ class PAVO_EXPORT IpPam : public Pam {
     }
     uint64_t txPktCount() const { return txPktCount_; }
     void txPktCountIs(uint64_t count) { attributeIs(txPktCount_, count, txPktCountAttr); }
-    uint64_t txPktCountInc(uint64_t delta);
+    uint64_t txPktCountInc(uint64_t delta) {
+        return attributeInc(txPktCount_, delta, txPktCountAttr);
+    }
 
     /// Flags for recvmsg(2).
     int rxFlags() const { return rxFlags_; }
@@ -229,7 +253,9 @@ class PAVO_EXPORT IpPam : public Pam {
     void rxTTLIs(uint8_t ttl) { attributeIs(rxTTL_, ttl, rxTTLAttr); }
     uint64_t rxPktCount() const { return rxPktCount_; }
     void rxPktCountIs(uint64_t count) { attributeIs(rxPktCount_, count, rxPktCountAttr); }
-    uint64_t rxPktCountInc(uint64_t delta);
+    uint64_t rxPktCountInc(uint64_t delta) {
+        return attributeInc(rxPktCount_, delta, rxPktCountAttr);
+    }
 
     /// The socket and the machine that watches it; null while disabled.
     const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }

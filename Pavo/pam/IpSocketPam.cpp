@@ -126,16 +126,10 @@ constexpr RawIpFamily family{
 
 }  // namespace
 
-constinit const Mox::FwkType IpSocketPam::type{"Pavo::IpSocketPam", &RawIpPam::type, {}};
-
 IpSocketPam::IpSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
-    : RawIpPam(std::move(name), protocol, std::move(netNs), family) {}
+    : EntityOf(std::move(name), protocol, std::move(netNs), family) {}
 
 IpSocketPam::~IpSocketPam() = default;
-
-const Mox::FwkType* IpSocketPam::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<IpSocketPam> ipSocketPamFactory(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs) {

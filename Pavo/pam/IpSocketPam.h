@@ -10,13 +10,11 @@ namespace Pavo {
 
 /// A raw IPv4 endpoint on an AF_INET socket (ip(7)). A received packet begins with its IP header. A
 /// packet is sent without one, unless `ipHdrIncl` is on. `ipv6Checksum` changes nothing.
-class PAVO_EXPORT IpSocketPam : public RawIpPam {
+class PAVO_EXPORT IpSocketPam : public Mox::EntityOf<IpSocketPam, RawIpPam> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::IpSocketPam"); }
 
     IpSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
-
-    const Mox::FwkType* fwkType() const override;
 
   protected:
     ~IpSocketPam() override;

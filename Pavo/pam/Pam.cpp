@@ -6,22 +6,6 @@
 
 namespace Pavo {
 
-namespace {
-
-constexpr const Mox::AttributeBase* attributes[] = {
-    &Pam::readableCountAttr, &Pam::writableCountAttr, &Pam::txDropsAttr,
-    &Pam::txErrorsAttr,      &Pam::txErrnoAttr,       &Pam::rxErrorsAttr,
-    &Pam::savedPacketAttr,   &Pam::savedPacketRxAttr,
-};
-
-}  // namespace
-
-constinit const Mox::FwkType Pam::type{"Pavo::Pam", &Mox::Entity::type, attributes};
-
-const Mox::FwkType* Pam::fwkType() const {
-    return &type;
-}
-
 PktTap::~PktTap() = default;
 
 Pam::~Pam() {
@@ -95,39 +79,10 @@ int32_t Pam::rxPktBulk() const {
     return self->doGetBulkRxPkt();
 }
 
-uint32_t Pam::txDropsInc(uint32_t delta) {
-    const Mox::Ptr<Pam> hold(this);
-    txDropsIs(txDrops_ + delta);
-    return txDrops_;
-}
-
-uint32_t Pam::txErrorsInc(uint32_t delta) {
-    const Mox::Ptr<Pam> hold(this);
-    txErrorsIs(txErrors_ + delta);
-    return txErrors_;
-}
-
-uint32_t Pam::rxErrorsInc(uint32_t delta) {
-    const Mox::Ptr<Pam> hold(this);
-    rxErrorsIs(rxErrors_ + delta);
-    return rxErrors_;
-}
-
 void Pam::savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt) {
     if (savedPacket_.is(slot, std::move(pkt))) {
         notify(savedPacketAttr, slot);
     }
-}
-
-void Pam::savedPacketDel(uint32_t slot) {
-    if (savedPacket_.del(slot)) {
-        notify(savedPacketAttr, slot);
-    }
-}
-
-void Pam::savedPacketDelAll() {
-    const Mox::Ptr<Pam> hold(this);
-    savedPacket_.delAll([this](uint32_t slot) { notify(savedPacketAttr, slot); });
 }
 
 void Pam::savedPacketRxIs(uint32_t slot, bool received) {
@@ -137,17 +92,6 @@ void Pam::savedPacketRxIs(uint32_t slot, bool received) {
     if (savedPacketRx_.is(slot, received)) {
         notify(savedPacketRxAttr, slot);
     }
-}
-
-void Pam::savedPacketRxDel(uint32_t slot) {
-    if (savedPacketRx_.del(slot)) {
-        notify(savedPacketRxAttr, slot);
-    }
-}
-
-void Pam::savedPacketRxDelAll() {
-    const Mox::Ptr<Pam> hold(this);
-    savedPacketRx_.delAll([this](uint32_t slot) { notify(savedPacketRxAttr, slot); });
 }
 
 }  // namespace Pavo

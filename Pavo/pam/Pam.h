@@ -42,7 +42,7 @@ class PAVO_EXPORT PktTap : public Mox::PtrInterface {
 /// The concrete endpoint owns the descriptor and the `PamFdSm` that bumps the two counts. An
 /// observer may, while it is told of a count, read, write, disable the endpoint or drop the last
 /// reference to it.
-class PAVO_EXPORT Pam : public Mox::Entity {
+class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
   public:
     static constexpr Mox::Attribute<Pam> readableCountAttr{0, "readableCount"};
     static constexpr Mox::Attribute<Pam> writableCountAttr{1, "writableCount"};
@@ -52,9 +52,16 @@ class PAVO_EXPORT Pam : public Mox::Entity {
     static constexpr Mox::Attribute<Pam> rxErrorsAttr{5, "rxErrors"};
     static constexpr Mox::Attribute<Pam, uint32_t> savedPacketAttr{6, "savedPacket"};
     static constexpr Mox::Attribute<Pam, uint32_t> savedPacketRxAttr{7, "savedPacketRx"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::Pam", Mox::attribute(readableCountAttr, &Pam::readableCount),
+                                Mox::attribute(writableCountAttr, &Pam::writableCount),
+                                Mox::attribute(txDropsAttr, &Pam::txDrops),
+                                Mox::attribute(txErrorsAttr, &Pam::txErrors),
+                                Mox::attribute(txErrnoAttr, &Pam::txErrno),
+                                Mox::attribute(rxErrorsAttr, &Pam::rxErrors),
+                                Mox::attribute(savedPacketAttr), Mox::attribute(savedPacketRxAttr));
+    }
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     /// Called when `readableCount` has changed, before any observer; the base does nothing.
@@ -107,31 +114,31 @@ class PAVO_EXPORT Pam : public Mox::Entity {
     /// Packets that were not sent, for example for want of room.
     uint32_t txDrops() const { return txDrops_; }
     void txDropsIs(uint32_t drops) { attributeIs(txDrops_, drops, txDropsAttr); }
-    uint32_t txDropsInc(uint32_t delta);
+    uint32_t txDropsInc(uint32_t delta) { return attributeInc(txDrops_, delta, txDropsAttr); }
     /// Sends that failed, and the `errno` of the last attempt (0 when it succeeded).
     uint32_t txErrors() const { return txErrors_; }
     void txErrorsIs(uint32_t errors) { attributeIs(txErrors_, errors, txErrorsAttr); }
-    uint32_t txErrorsInc(uint32_t delta);
+    uint32_t txErrorsInc(uint32_t delta) { return attributeInc(txErrors_, delta, txErrorsAttr); }
     int32_t txErrno() const { return txErrno_; }
     void txErrnoIs(int32_t value) { attributeIs(txErrno_, value, txErrnoAttr); }
     /// Reads that failed, those among them that found nothing to read.
     uint32_t rxErrors() const { return rxErrors_; }
     void rxErrorsIs(uint32_t errors) { attributeIs(rxErrors_, errors, rxErrorsAttr); }
-    uint32_t rxErrorsInc(uint32_t delta);
+    uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }
 
     /// The packets of a bulk read by slot, null past the last one.
     Mox::Ptr<Pkt> savedPacket(uint32_t slot) const { return savedPacket_.at(slot); }
     const Mox::Array<Mox::Ptr<Pkt>>& savedPacket() const { return savedPacket_; }
     void savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt);
-    void savedPacketDel(uint32_t slot);
-    void savedPacketDelAll();
+    void savedPacketDel(uint32_t slot) { memberDel(savedPacket_, slot, savedPacketAttr); }
+    void savedPacketDelAll() { memberDelAll(savedPacket_, savedPacketAttr); }
     /// Whether a slot holds a received packet.
     bool savedPacketRx(uint32_t slot) const { return savedPacketRx_.at(slot); }
     const Mox::Array<bool>& savedPacketRx() const { return savedPacketRx_; }
     /// False past the last slot changes nothing and does not grow the array.
     void savedPacketRxIs(uint32_t slot, bool received);
-    void savedPacketRxDel(uint32_t slot);
-    void savedPacketRxDelAll();
+    void savedPacketRxDel(uint32_t slot) { memberDel(savedPacketRx_, slot, savedPacketRxAttr); }
+    void savedPacketRxDelAll() { memberDelAll(savedPacketRx_, savedPacketRxAttr); }
 
   protected:
     explicit Pam(Mox::String name) : name_(std::move(name)) {}

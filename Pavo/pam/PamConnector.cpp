@@ -16,37 +16,16 @@ Mox::TraceFacility facility("Pavo::PamConnector");
 constexpr int dropLevel = 1;
 constexpr int callLevel = 9;
 
-constexpr const Mox::AttributeBase* endAttributes[] = {
-    &PamConnectorPam::otherEndAttr,
-    &PamConnectorPam::peekPktAttr,
-    &PamConnectorPam::peekPktCountAttr,
-    &PamConnectorPam::maxBufferAttr,
-};
-
-constexpr const Mox::AttributeBase* connectorAttributes[] = {
-    &PamConnector::pamAttr,
-    &PamConnector::clockAttr,
-    &PamConnector::initializedAttr,
-    &PamConnector::separateVlanTagHdrAttr,
-};
-
 }  // namespace
 
-constinit const Mox::FwkType PamConnectorPam::type{"Pavo::PamConnectorPam", &Pam::type,
-                                                   endAttributes};
-
 PamConnectorPam::PamConnectorPam(Mox::String name, PamConnector* connector)
-    : Pam(std::move(name)), connector_(connector) {}
+    : EntityOf(std::move(name)), connector_(connector) {}
 
 PamConnectorPam::~PamConnectorPam() {
     notifieeList()->delAll();
     if (otherEnd_ != nullptr) {
         otherEnd_->attributeIs(otherEnd_->otherEnd_, nullptr, otherEndAttr);
     }
-}
-
-const Mox::FwkType* PamConnectorPam::fwkType() const {
-    return &type;
 }
 
 void PamConnectorPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
@@ -104,12 +83,6 @@ void PamConnectorPam::otherEndIs(const Mox::Ptr<PamConnectorPam>& end) {
     }
 }
 
-uint32_t PamConnectorPam::peekPktCountInc(uint32_t delta) {
-    const Mox::Ptr<PamConnectorPam> hold(this);
-    peekPktCountIs(peekPktCount_ + delta);
-    return peekPktCount_;
-}
-
 PamConnectorPam::InputQueue::const_iterator PamConnectorPam::find(uint32_t index) const {
     return std::find_if(inputQueue_.begin(), inputQueue_.end(),
                         [index](const QueuedPkt& each) { return each.index == index; });
@@ -156,9 +129,6 @@ void PamConnectorPam::leave(const PamConnector* connector) {
     }
 }
 
-constinit const Mox::FwkType PamConnector::type{"Pavo::PamConnector", &Mox::Entity::type,
-                                                connectorAttributes};
-
 PamConnector::PamConnector(Mox::Clock* clock) : clock_(clock) {
     delivery_.emplace(clock, [this] { handleClock(); });
     handleInitializedBase();
@@ -171,10 +141,6 @@ PamConnector::~PamConnector() {
     for (const auto& [name, end] : ends) {
         end->leave(this);
     }
-}
-
-const Mox::FwkType* PamConnector::fwkType() const {
-    return &type;
 }
 
 void PamConnector::handleInitializedBase() {

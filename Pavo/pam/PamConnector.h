@@ -25,19 +25,23 @@ class PamConnector;
 ///
 /// An end is always writable. What a full receiver drops is counted in the receiver's `rxDrops`
 /// only.
-class PAVO_EXPORT PamConnectorPam : public Pam {
+class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
   public:
     static constexpr Mox::Attribute<PamConnectorPam> otherEndAttr{8, "otherEnd"};
     static constexpr Mox::Attribute<PamConnectorPam> peekPktAttr{9, "peekPkt"};
     static constexpr Mox::Attribute<PamConnectorPam> peekPktCountAttr{10, "peekPktCount"};
     static constexpr Mox::Attribute<PamConnectorPam> maxBufferAttr{11, "maxBuffer"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::PamConnectorPam",
+                                Mox::attribute(otherEndAttr, &PamConnectorPam::otherEnd),
+                                Mox::attribute(peekPktAttr, &PamConnectorPam::peekPkt),
+                                Mox::attribute(peekPktCountAttr, &PamConnectorPam::peekPktCount),
+                                Mox::attribute(maxBufferAttr, &PamConnectorPam::maxBuffer));
+    }
 
     /// An end without another one; a connector makes its own two. `connector` is not held, and has
     /// to outlive an end that was not put into it.
     PamConnectorPam(Mox::String name, PamConnector* connector);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// @pre joined to another end, and a packet: assertions "otherEnd()", "pkt != __null".
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
@@ -57,7 +61,9 @@ class PAVO_EXPORT PamConnectorPam : public Pam {
     /// Packets sent through this end, those left out that were dropped.
     uint32_t peekPktCount() const { return peekPktCount_; }
     void peekPktCountIs(uint32_t count) { attributeIs(peekPktCount_, count, peekPktCountAttr); }
-    uint32_t peekPktCountInc(uint32_t delta);
+    uint32_t peekPktCountInc(uint32_t delta) {
+        return attributeInc(peekPktCount_, delta, peekPktCountAttr);
+    }
 
     /// A packet is dropped where more than this many wait already: one more than this are kept.
     uint32_t maxBuffer() const { return maxBuffer_; }
@@ -116,13 +122,19 @@ class PAVO_EXPORT PamConnectorPam : public Pam {
 /// The connector holds the ends, and they do not hold it: agents hold what they use of the three.
 /// An end that is taken out, or outlives the connector, is joined to nothing. All of them may be
 /// dropped and taken out while a packet is announced. One thread uses a connector and its clock.
-class PAVO_EXPORT PamConnector : public Mox::Entity {
+class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
   public:
     static constexpr Mox::Attribute<PamConnector, Mox::String> pamAttr{0, "pam"};
     static constexpr Mox::Attribute<PamConnector> clockAttr{1, "clock"};
     static constexpr Mox::Attribute<PamConnector> initializedAttr{2, "initialized"};
     static constexpr Mox::Attribute<PamConnector> separateVlanTagHdrAttr{3, "separateVlanTagHdr"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::PamConnector", Mox::attribute(pamAttr),
+            Mox::attribute(clockAttr, &PamConnector::clock),
+            Mox::attribute(initializedAttr, &PamConnector::initialized),
+            Mox::attribute(separateVlanTagHdrAttr, &PamConnector::separateVlanTagHdr));
+    }
 
     /// Seconds from a send to the event that announces it.
     static constexpr double deliverySeconds = 0.0009765625;
@@ -130,8 +142,6 @@ class PAVO_EXPORT PamConnector : public Mox::Entity {
     /// Both ends are there when it returns. The clock has to outlive the connector, or to be
     /// removed from it.
     explicit PamConnector(Mox::Clock* clock);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// The end of that name, or null.
     Mox::Ptr<PamConnectorPam> pam(const Mox::String& name) const;

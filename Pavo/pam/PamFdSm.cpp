@@ -7,8 +7,6 @@
 
 namespace Pavo {
 
-constinit const Mox::FwkType PamFdSm::type{"Pavo::PamFdSm", nullptr, {}};
-
 PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : pam_(pam) {
     if (!fd) {
         return;
@@ -23,10 +21,6 @@ PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : pam_(pam) {
 }
 
 PamFdSm::~PamFdSm() = default;
-
-const Mox::FwkType* PamFdSm::fwkType() const {
-    return &type;
-}
 
 void PamFdSm::hasNotificationActiveIs(bool active) {
     PtrInterface::hasNotificationActiveIs(active);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Mox/FileDescriptor.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
 
@@ -13,9 +14,9 @@ class Pam;
 /// Bumps a PAM's `readableCount` and `writableCount` by one each time the descriptor is reported
 /// readable or writable, and once at birth, so that a new PAM makes a read and a write attempt at
 /// once. It has no other state. The PAM owns it; it points back without owning.
-class PAVO_EXPORT PamFdSm : public Mox::PtrInterface {
+class PAVO_EXPORT PamFdSm : public Mox::Described<PamFdSm> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::PamFdSm"); }
 
     /// A null descriptor is not watched and bumps nothing. If the PAM gives the descriptor up while
     /// it is told of the first bump, the second one is left out.
@@ -24,8 +25,6 @@ class PAVO_EXPORT PamFdSm : public Mox::PtrInterface {
     /// Switches the watching of the descriptor with the machine.
     void hasNotificationActiveIs(bool active) override;
     void zeroReferencesIs(bool zero) override;
-    const Mox::FwkType* fwkType() const override;
-
     virtual void handleReadable();
     virtual void handleWritable();
     /// With true, detaches the reactor on the descriptor: nothing calls the machine any more.

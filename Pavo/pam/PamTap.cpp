@@ -163,18 +163,12 @@ bool receivesWithHeader(const RawIpPam& pam, const RxPacketInfo& info) {
 
 }  // namespace
 
-constinit const Mox::FwkType PamTap::type{"Pavo::PamTap", nullptr, {}};
-
 PamTap::PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkType linkType)
     : file_(std::move(file)),
       interface_(file_->newInterface(name, linkType)),
       linkType_(linkType) {}
 
 PamTap::~PamTap() = default;
-
-const Mox::FwkType* PamTap::fwkType() const {
-    return &type;
-}
 
 // Behind what is there of it already. A tag belongs into a packet that has Ethernet addresses.
 void PamTap::write(Pieces* pieces, const Pkt& pkt, CaptureDirection direction) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -20,15 +21,13 @@ namespace Pavo {
 /// kernel has taken off or will put on, from what the endpoint knows: what its attributes leave
 /// open, as the source address of a packet sent, is zero there, and so are checksums that the
 /// kernel fills in.
-class PAVO_EXPORT PamTap final : public PktTap {
+class PAVO_EXPORT PamTap final : public Mox::Described<PamTap, PktTap> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::PamTap"); }
 
     /// A tap whose packets appear under the interface `name` of `file`.
     /// @throws Mox::ErrnoException "write(<path>)"
     PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkType linkType);
-
-    const Mox::FwkType* fwkType() const override;
 
     void handleTxPkt(const Pam& pam, const Pkt& pkt) override;
     void handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) override;

@@ -36,16 +36,9 @@ struct Iovecs {
 
 }  // namespace
 
-constinit const Mox::FwkType PktSocket::type{"Pavo::PktSocket", nullptr, {}};
-constinit const Mox::FwkType TapPktSocket::type{"Pavo::TapPktSocket", &PktSocket::type, {}};
-
 PktSocket::PktSocket(Mox::String name) : name_(std::move(name)), pktManager_(globalPktManager()) {}
 
 PktSocket::~PktSocket() = default;
-
-const Mox::FwkType* PktSocket::fwkType() const {
-    return &type;
-}
 
 void PktSocket::fileDescriptorIs(Mox::Ptr<Mox::FileDescriptor> fileDescriptor) {
     fileDescriptor_ = std::move(fileDescriptor);
@@ -112,15 +105,11 @@ int32_t PktSocket::sendTo(const Pkt& pkt, const void* dest, uint32_t destBytes) 
 }
 
 TapPktSocket::TapPktSocket(Mox::String name, Mox::Ptr<Mox::FileDescriptor> tap)
-    : PktSocket(std::move(name)) {
+    : Described(std::move(name)) {
     fileDescriptorIs(std::move(tap));
 }
 
 TapPktSocket::~TapPktSocket() = default;
-
-const Mox::FwkType* TapPktSocket::fwkType() const {
-    return &type;
-}
 
 int32_t TapPktSocket::recvfrom(int fd, void* buf, uint32_t len, int, sockaddr*, uint32_t* fromLen) {
     *fromLen = 0;

@@ -20,11 +20,9 @@ namespace Pavo {
 /// The base of packet sockets. It owns the descriptor, which is non-blocking. Failures are thrown;
 /// only a lack of data or of room is not one. Whoever wants to hear of readiness watches
 /// `fileDescriptor()`, and after a send that found no room calls its `writeMetNoRoom()`.
-class PAVO_EXPORT PktSocket : public Mox::PtrInterface {
+class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
   public:
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::PktSocket"); }
 
     /// Sends one packet. Returns the bytes sent, or -1 with `errno` EAGAIN when there was no room:
     /// the packet is then not sent.
@@ -73,16 +71,14 @@ class PAVO_EXPORT PktSocket : public Mox::PtrInterface {
 };
 
 /// A tap device, which is read and written as a file; the addresses are not looked at.
-class PAVO_EXPORT TapPktSocket : public PktSocket {
+class PAVO_EXPORT TapPktSocket : public Mox::Described<TapPktSocket, PktSocket> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TapPktSocket"); }
 
     /// On the descriptor of an open device (the kernel's networking/tuntap.rst), which it makes
     /// non-blocking.
     /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
     TapPktSocket(Mox::String name, Mox::Ptr<Mox::FileDescriptor> tap);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// One read(2). `from` stays as it is, and its length becomes 0.
     int32_t recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,

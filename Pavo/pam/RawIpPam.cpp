@@ -26,8 +26,6 @@ namespace Pavo {
 
 namespace {
 
-constexpr const Mox::AttributeBase* attributes[] = {&RawIpPam::ipPktOptionAttr};
-
 // What the options that are no plain switches stand for, in the order of changing them.
 constexpr uint32_t otherOptions[] = {ipAttachFilter, ipRcvBuf, ipTransparent, ipPriority};
 
@@ -126,12 +124,6 @@ void socketOptionIs(int fd, int level, int option, const void* value, uint32_t b
     if (setsockopt(fd, level, option, value, bytes) < 0) {
         Mox::throwErrnoException(failure);
     }
-}
-
-constinit const Mox::FwkType RawIpPam::type{"Pavo::RawIpPam", &IpPam::type, attributes};
-
-const Mox::FwkType* RawIpPam::fwkType() const {
-    return &type;
 }
 
 int RawIpPam::socket() const {
@@ -304,13 +296,14 @@ void RawIpPam::handleTxTtl() const {
 }
 
 void RawIpPam::ipPktOptionIs(IpPktOption option, bool wanted) {
-    if (!(wanted ? ipPktOptions_.add(option) : ipPktOptions_.del(option))) {
+    const Mox::Set<IpPktOption> before = ipPktOptions_;
+    if (wanted ? !ipPktOptions_.add(option) : !ipPktOptions_.del(option)) {
         return;
     }
     try {
         setIpPktOptions();
     } catch (...) {
-        wanted ? ipPktOptions_.del(option) : ipPktOptions_.add(option);
+        ipPktOptions_ = before;
         throw;
     }
     notify(ipPktOptionAttr, option);
@@ -410,7 +403,7 @@ struct RawIpPam::BulkRead {
 
 RawIpPam::RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs,
                    const RawIpFamily& family)
-    : IpPam(std::move(name), protocol, std::move(netNs)), family_(family) {}
+    : EntityOf(std::move(name), protocol, std::move(netNs)), family_(family) {}
 
 RawIpPam::~RawIpPam() = default;
 

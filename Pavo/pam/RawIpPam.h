@@ -37,12 +37,12 @@ struct RxPacketInfo {
 /// A send that finds no room is counted and dropped, as every other failure is; `writableCount` is
 /// then bumped once, as soon as there is room. A destination or source of the other family is such
 /// a failure too, EAFNOSUPPORT.
-class PAVO_EXPORT RawIpPam : public IpPam {
+class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
   public:
     static constexpr Mox::Attribute<RawIpPam, IpPktOption> ipPktOptionAttr{32, "ipPktOption"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::RawIpPam", Mox::attribute(ipPktOptionAttr));
+    }
 
     /// @pre enabled (assertion "enabled()").
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;

@@ -77,19 +77,10 @@ sockaddr_ll lookUpDevice(const Mox::String& device) {
 
 }  // namespace
 
-constinit const Mox::FwkType RawSocket::type{"Pavo::RawSocket", &PktSocket::type, {}};
-constinit const Mox::FwkType IpSocket::type{"Pavo::IpSocket", &RawSocket::type, {}};
-constinit const Mox::FwkType EthSocket::type{"Pavo::EthSocket", &RawSocket::type, {}};
-constinit const Mox::FwkType RawSocket::Manager::type{"Pavo::RawSocket::Manager", nullptr, {}};
-
 RawSocket::RawSocket(Mox::String name, Protocol protocol)
-    : PktSocket(std::move(name)), protocol_(protocol) {}
+    : Described(std::move(name)), protocol_(protocol) {}
 
 RawSocket::~RawSocket() = default;
-
-const Mox::FwkType* RawSocket::fwkType() const {
-    return &type;
-}
 
 void RawSocket::open(int domain, Protocol protocol) {
     const int fd = socket(domain, SOCK_RAW | SOCK_CLOEXEC, protocol);
@@ -124,7 +115,7 @@ void RawSocket::setRecvBufSize(uint32_t bytes) {
 }
 
 IpSocket::IpSocket(Mox::String name, Protocol protocol, Options options)
-    : RawSocket(std::move(name), protocol),
+    : Described(std::move(name), protocol),
       effectiveProtocol_(protocol == noProtocol ? Protocol{IPPROTO_RAW} : protocol),
       options_(options) {
     open(AF_INET, effectiveProtocol_);
@@ -136,10 +127,6 @@ IpSocket::IpSocket(Mox::String name, Protocol protocol, Options options)
 }
 
 IpSocket::~IpSocket() = default;
-
-const Mox::FwkType* IpSocket::fwkType() const {
-    return &type;
-}
 
 void IpSocket::deviceIs(Mox::String device) {
     static constexpr char failure[] = "setsockopt(SO_BINDTODEVICE)";
@@ -158,7 +145,7 @@ void IpSocket::bind(IpAddr addr) {
 }
 
 EthSocket::EthSocket(Mox::String name, Mox::String device, Protocol protocol)
-    : RawSocket(std::move(name), protocol), device_(std::move(device)) {
+    : Described(std::move(name), protocol), device_(std::move(device)) {
     open(AF_PACKET, protocol == noProtocol ? defaultEthProtocol : protocol);
     const sockaddr_ll bound = lookUpDevice(device_);
     ifIndex_ = bound.sll_ifindex;
@@ -169,10 +156,6 @@ EthSocket::EthSocket(Mox::String name, Mox::String device, Protocol protocol)
 
 EthSocket::~EthSocket() = default;
 
-const Mox::FwkType* EthSocket::fwkType() const {
-    return &type;
-}
-
 // The kernel refuses an IP address as the destination of a packet socket (EINVAL); without any, it
 // takes the interface to which the socket is bound.
 int32_t EthSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in) {
@@ -180,10 +163,6 @@ int32_t EthSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in) {
 }
 
 RawSocket::Manager::~Manager() = default;
-
-const Mox::FwkType* RawSocket::Manager::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<IpSocket> RawSocket::Manager::newIpSocket(Mox::String name, Protocol protocol,
                                                    IpSocket::Options options) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -14,7 +15,7 @@ namespace Pavo {
 
 /// What raw sockets share. A socket lives in the network namespace in which the calling thread is
 /// when it is made.
-class PAVO_EXPORT RawSocket : public PktSocket {
+class PAVO_EXPORT RawSocket : public Mox::Described<RawSocket, PktSocket> {
   public:
     class Manager;
 
@@ -22,9 +23,7 @@ class PAVO_EXPORT RawSocket : public PktSocket {
     using Protocol = uint16_t;
     /// No protocol given: each class has its own default.
     static constexpr Protocol noProtocol = 65535;
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::RawSocket"); }
 
     using PktSocket::sendPkt;
     /// As the other one, but writes nothing to standard error.
@@ -59,21 +58,19 @@ class PAVO_EXPORT RawSocket : public PktSocket {
 
 /// A raw IPv4 socket (raw(7)). A received packet begins with its IP header; a sent one carries one
 /// only with `hdrIncl`.
-class PAVO_EXPORT IpSocket : public RawSocket {
+class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
   public:
     /// A set of bits.
     using Options = uint32_t;
     /// Bit 0: IP_HDRINCL, packets are sent with their own IP header. Where no protocol was given
     /// the kernel has it on by itself.
     static constexpr Options hdrIncl = 1;
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::IpSocket"); }
 
     /// For an IP protocol number. Without one, `IPPROTO_RAW`, which only sends.
     /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)" or
     /// "setsockopt(IP_HDRINCL)".
     IpSocket(Mox::String name, Protocol protocol, Options options);
-
-    const Mox::FwkType* fwkType() const override;
 
     /// The protocol that the socket has: 255 where none was given.
     Protocol effectiveProtocol() const { return effectiveProtocol_; }
@@ -105,9 +102,9 @@ class PAVO_EXPORT IpSocket : public RawSocket {
 ///
 /// Making one opens a helper socket to look the interface up, and leaves that open for the life of
 /// the process, also where the making fails later on: each costs a descriptor.
-class PAVO_EXPORT EthSocket : public RawSocket {
+class PAVO_EXPORT EthSocket : public Mox::Described<EthSocket, RawSocket> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::EthSocket"); }
 
     /// `protocol` goes to socket(2) as it stands: whoever wants to give an EtherType in network
     /// order converts it. Without one, 3, which the kernel takes for EtherType 0x0300; so nothing
@@ -116,8 +113,6 @@ class PAVO_EXPORT EthSocket : public RawSocket {
     /// "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)" or "bind". An unknown interface gives ENODEV,
     /// and so does a name of more than 15 bytes.
     EthSocket(Mox::String name, Mox::String device, Protocol protocol);
-
-    const Mox::FwkType* fwkType() const override;
 
     const Mox::String& device() const { return device_; }
     /// The interface's index.
@@ -135,11 +130,9 @@ class PAVO_EXPORT EthSocket : public RawSocket {
 };
 
 /// Makes raw sockets.
-class PAVO_EXPORT RawSocket::Manager : public Mox::PtrInterface {
+class PAVO_EXPORT RawSocket::Manager : public Mox::Described<RawSocket::Manager> {
   public:
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() { return Mox::classRecord("Pavo::RawSocket::Manager"); }
 
     /// Each a new socket; they throw as the constructors do.
     /// @{

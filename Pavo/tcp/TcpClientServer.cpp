@@ -57,13 +57,11 @@ bool isConnectedToItself(const TcpConnSocket& connection) {
 
 }  // namespace
 
-constinit const Mox::FwkType TcpClientSm::type{"Pavo::TcpClientSm", &TcpSmBase::type, {}};
-
 TcpClientSm::TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                          Keel::TimerWheel* timerWheel, uint32_t clientId,
                          Mox::Ptr<TcpClientConfig> tcpClientConfig,
                          Mox::Ptr<TcpClientStatus> tcpClientStatus)
-    : TcpSmBase(fdEventRegistrationFactory, timerWheel, tcpClientConfig),
+    : Described(fdEventRegistrationFactory, timerWheel, tcpClientConfig),
       clientId_(clientId),
       tcpClientConfig_(std::move(tcpClientConfig)),
       tcpClientStatus_(std::move(tcpClientStatus)) {
@@ -71,10 +69,6 @@ TcpClientSm::TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegis
 }
 
 TcpClientSm::~TcpClientSm() = default;
-
-const Mox::FwkType* TcpClientSm::fwkType() const {
-    return &type;
-}
 
 Mox::String TcpClientSm::formatDerivedType() const {
     return "TcpClientSm " + Mox::String(std::to_string(clientId_));
@@ -336,22 +330,16 @@ Mox::Ptr<TcpClientSm> tcpClientSmFactory(
     return machine;
 }
 
-constinit const Mox::FwkType TcpServerSm::type{"Pavo::TcpServerSm", &TcpSmBase::type, {}};
-
 TcpServerSm::TcpServerSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                          Keel::TimerWheel* timerWheel, Mox::Ptr<TcpServerConfig> tcpServerConfig,
                          Mox::Ptr<TcpServerStatus> tcpServerStatus)
-    : TcpSmBase(fdEventRegistrationFactory, timerWheel, tcpServerConfig),
+    : Described(fdEventRegistrationFactory, timerWheel, tcpServerConfig),
       tcpServerConfig_(std::move(tcpServerConfig)),
       tcpServerStatus_(std::move(tcpServerStatus)) {
     Mox::require(tcpServerStatus_ != nullptr, "tcpServerStatus");
 }
 
 TcpServerSm::~TcpServerSm() = default;
-
-const Mox::FwkType* TcpServerSm::fwkType() const {
-    return &type;
-}
 
 Mox::String TcpServerSm::formatDerivedType() const {
     return "TcpServerSm";

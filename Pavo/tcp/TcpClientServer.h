@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "Keel/TimerWheel.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -36,16 +37,15 @@ namespace Pavo {
 ///
 /// A start from inside a notification of an attempt under way is put off: the attempt goes on, and
 /// if it has led to nothing the next one follows after the retry interval.
-class PAVO_EXPORT TcpClientSm : public TcpSmBase {
+class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpClientSm"); }
 
     TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                 Keel::TimerWheel* timerWheel, uint32_t clientId,
                 Mox::Ptr<TcpClientConfig> tcpClientConfig,
                 Mox::Ptr<TcpClientStatus> tcpClientStatus);
 
-    const Mox::FwkType* fwkType() const override;
     void handleRetry() override;
     void handleTimeout() override;
     Mox::String formatDerivedType() const override;
@@ -123,15 +123,14 @@ PAVO_EXPORT Mox::Ptr<TcpClientSm> tcpClientSmFactory(
 /// fail as fast as the machine can. Every stop drops the connections that nobody has taken yet.
 ///
 /// A start from inside a notification of a start under way is put off, as a client's is.
-class PAVO_EXPORT TcpServerSm : public TcpSmBase {
+class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerSm"); }
 
     TcpServerSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                 Keel::TimerWheel* timerWheel, Mox::Ptr<TcpServerConfig> tcpServerConfig,
                 Mox::Ptr<TcpServerStatus> tcpServerStatus);
 
-    const Mox::FwkType* fwkType() const override;
     void handleRetry() override;
     void handleTimeout() override;
     Mox::String formatDerivedType() const override;

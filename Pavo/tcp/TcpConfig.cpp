@@ -14,27 +14,6 @@ constexpr std::string_view optionNames[] = {
 constexpr std::string_view recordHead = "Value('Pavo::TcpSocketOptions', ** {";
 constexpr std::string_view recordTail = "})";
 
-constexpr const Mox::AttributeBase* baseAttributes[] = {
-    &TcpConfigBase::networkNamespaceAttr,
-    &TcpConfigBase::retryIntervalAttr,
-    &TcpConfigBase::timeoutAttr,
-    &TcpConfigBase::optionsAttr,
-    &TcpConfigBase::txTtlAttr,
-    &TcpConfigBase::txDsAttr,
-    &TcpConfigBase::rxMinTtlAttr,
-    &TcpConfigBase::md5AuthAttr,
-    &TcpConfigBase::sockMaxSegSizeAttr,
-    &TcpConfigBase::pathMtuDiscoveryAttr,
-    &TcpConfigBase::edgeTriggeredFileDescriptorAttr,
-    &TcpConfigBase::dstIntfIfIndexAttr,
-};
-constexpr const Mox::AttributeBase* clientAttributes[] = {
-    &TcpClientConfig::clientIpAddrAttr,
-    &TcpClientConfig::ifIndexAttr,
-    &TcpClientConfig::exponentialBackoffRetriesAttr,
-    &TcpClientConfig::kernelTcpTimeoutAttr,
-};
-
 }  // namespace
 
 const char* TcpSocketOptions::parse(Mox::TextCursor& in) {
@@ -89,60 +68,28 @@ Mox::String tcpOptionsToStrep(const TcpSocketOptions& options) {
     });
 }
 
-constinit const Mox::FwkType TcpConfigBase::type{"Pavo::TcpConfigBase", &Mox::Entity::type,
-                                                 baseAttributes};
-
 TcpConfigBase::TcpConfigBase() : networkNamespace_(NamespaceName::defaultNamespace()) {}
 
 TcpConfigBase::~TcpConfigBase() = default;
-
-const Mox::FwkType* TcpConfigBase::fwkType() const {
-    return &type;
-}
 
 Mox::String TcpConfigBase::md5Auth(const IpGenAddrWithMask& addrWithMask) const {
     const Mox::String* key = md5Auth_.find(addrWithMask);
     return key == nullptr ? Mox::String() : *key;
 }
 
-void TcpConfigBase::md5AuthIs(IpGenAddrWithMask addrWithMask, const Mox::String& key) {
+void TcpConfigBase::md5AuthIs(const IpGenAddrWithMask& addrWithMask, const Mox::String& key) {
     if (md5Auth_.is(addrWithMask, key)) {
         notify(md5AuthAttr, addrWithMask);
     }
 }
 
-void TcpConfigBase::md5AuthDel(IpGenAddrWithMask addrWithMask) {
-    if (md5Auth_.del(addrWithMask)) {
-        notify(md5AuthAttr, addrWithMask);
-    }
-}
-
-void TcpConfigBase::md5AuthDelAll() {
-    const Mox::Ptr<TcpConfigBase> hold(this);
-    md5Auth_.delAll([this](const IpGenAddrWithMask& each) { notify(md5AuthAttr, each); });
-}
-
-constinit const Mox::FwkType TcpClientConfig::type{"Pavo::TcpClientConfig", &TcpConfigBase::type,
-                                                   clientAttributes};
-
 TcpClientConfig::~TcpClientConfig() = default;
-
-const Mox::FwkType* TcpClientConfig::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<TcpClientConfig> tcpClientConfigFactory(const IpGenAddr& serverIpAddr, Port serverPort) {
     return Mox::make<TcpClientConfig>(serverIpAddr, serverPort);
 }
 
-constinit const Mox::FwkType TcpServerConfig::type{
-    "Pavo::TcpServerConfig", &TcpConfigBase::type, {}};
-
 TcpServerConfig::~TcpServerConfig() = default;
-
-const Mox::FwkType* TcpServerConfig::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<TcpServerConfig> tcpServerConfigFactory(const IpGenAddr& listenIpAddr, Port listenPort) {
     return Mox::make<TcpServerConfig>(listenIpAddr, listenPort);

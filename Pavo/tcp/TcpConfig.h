@@ -96,7 +96,7 @@ PAVO_EXPORT Mox::String tcpOptionsToStrep(const TcpSocketOptions& options);
 /// What both kinds of machine are asked. The owner writes it, at any time; the machine reads it. A
 /// change of `options` or of an option's value reaches a live socket at once; the others count from
 /// the next socket, or the next start of a timer, on.
-class PAVO_EXPORT TcpConfigBase : public Mox::Entity {
+class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
   public:
     static constexpr Mox::Attribute<TcpConfigBase> networkNamespaceAttr{0, "networkNamespace"};
     static constexpr Mox::Attribute<TcpConfigBase> retryIntervalAttr{1, "retryInterval"};
@@ -111,9 +111,22 @@ class PAVO_EXPORT TcpConfigBase : public Mox::Entity {
     static constexpr Mox::Attribute<TcpConfigBase> edgeTriggeredFileDescriptorAttr{
         10, "edgeTriggeredFileDescriptor"};
     static constexpr Mox::Attribute<TcpConfigBase> dstIntfIfIndexAttr{11, "dstIntfIfIndex"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpConfigBase",
+            Mox::attribute(networkNamespaceAttr, &TcpConfigBase::networkNamespace),
+            Mox::attribute(retryIntervalAttr, &TcpConfigBase::retryInterval),
+            Mox::attribute(timeoutAttr, &TcpConfigBase::timeout),
+            Mox::attribute(optionsAttr, &TcpConfigBase::options),
+            Mox::attribute(txTtlAttr, &TcpConfigBase::txTtl),
+            Mox::attribute(txDsAttr, &TcpConfigBase::txDs),
+            Mox::attribute(rxMinTtlAttr, &TcpConfigBase::rxMinTtl), Mox::attribute(md5AuthAttr),
+            Mox::attribute(sockMaxSegSizeAttr, &TcpConfigBase::sockMaxSegSize),
+            Mox::attribute(pathMtuDiscoveryAttr, &TcpConfigBase::pathMtuDiscovery),
+            Mox::attribute(edgeTriggeredFileDescriptorAttr,
+                           &TcpConfigBase::edgeTriggeredFileDescriptor),
+            Mox::attribute(dstIntfIfIndexAttr, &TcpConfigBase::dstIntfIfIndex));
+    }
 
     /// Where sockets are opened; at first the namespace in which the process started.
     const NamespaceName& networkNamespace() const { return networkNamespace_; }
@@ -165,9 +178,11 @@ class PAVO_EXPORT TcpConfigBase : public Mox::Entity {
     const Mox::Map<IpGenAddrWithMask, Mox::String>& md5Auth() const { return md5Auth_; }
     /// The key of exactly this peer or prefix; empty when there is none.
     Mox::String md5Auth(const IpGenAddrWithMask& addrWithMask) const;
-    void md5AuthIs(IpGenAddrWithMask addrWithMask, const Mox::String& key);
-    void md5AuthDel(IpGenAddrWithMask addrWithMask);
-    void md5AuthDelAll();
+    void md5AuthIs(const IpGenAddrWithMask& addrWithMask, const Mox::String& key);
+    void md5AuthDel(const IpGenAddrWithMask& addrWithMask) {
+        memberDel(md5Auth_, addrWithMask, md5AuthAttr);
+    }
+    void md5AuthDelAll() { memberDelAll(md5Auth_, md5AuthAttr); }
 
   protected:
     TcpConfigBase();
@@ -189,7 +204,7 @@ class PAVO_EXPORT TcpConfigBase : public Mox::Entity {
 };
 
 /// What a `TcpClientSm` is asked: whom to connect to, from where, and how long to try.
-class PAVO_EXPORT TcpClientConfig : public TcpConfigBase {
+class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpConfigBase> {
   public:
     static constexpr uint32_t kernelTcpTimeoutDefault = 20;
 
@@ -198,12 +213,18 @@ class PAVO_EXPORT TcpClientConfig : public TcpConfigBase {
     static constexpr Mox::Attribute<TcpClientConfig> exponentialBackoffRetriesAttr{
         14, "exponentialBackoffRetries"};
     static constexpr Mox::Attribute<TcpClientConfig> kernelTcpTimeoutAttr{15, "kernelTcpTimeout"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpClientConfig",
+            Mox::attribute(clientIpAddrAttr, &TcpClientConfig::clientIpAddr),
+            Mox::attribute(ifIndexAttr, &TcpClientConfig::ifIndex),
+            Mox::attribute(exponentialBackoffRetriesAttr,
+                           &TcpClientConfig::exponentialBackoffRetries),
+            Mox::attribute(kernelTcpTimeoutAttr, &TcpClientConfig::kernelTcpTimeout));
+    }
 
     TcpClientConfig(const IpGenAddr& serverIpAddr, Port serverPort)
         : serverIpAddr_(serverIpAddr), serverPort_(serverPort) {}
-
-    const Mox::FwkType* fwkType() const override;
 
     /// Its family is that of the connection.
     const IpGenAddr& serverIpAddr() const { return serverIpAddr_; }
@@ -243,14 +264,12 @@ class PAVO_EXPORT TcpClientConfig : public TcpConfigBase {
 };
 
 /// What a `TcpServerSm` is asked: where to listen.
-class PAVO_EXPORT TcpServerConfig : public TcpConfigBase {
+class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpConfigBase> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerConfig"); }
 
     TcpServerConfig(const IpGenAddr& listenIpAddr, Port listenPort)
         : listenIpAddr_(listenIpAddr), listenPort_(listenPort) {}
-
-    const Mox::FwkType* fwkType() const override;
 
     /// Its family is that of the listener.
     const IpGenAddr& listenIpAddr() const { return listenIpAddr_; }

@@ -19,14 +19,6 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::TcpFd");
 
-constexpr const Mox::AttributeBase* registrationAttributes[] = {
-    &TcpFileDescriptorEventRegistration::enabledAttr,
-    &TcpFileDescriptorEventRegistration::notifyOnReadableAttr,
-    &TcpFileDescriptorEventRegistration::notifyOnWritableAttr,
-    &TcpFileDescriptorEventRegistration::readableCountAttr,
-    &TcpFileDescriptorEventRegistration::writableCountAttr,
-};
-
 int domainOf(AddressFamily af) {
     Mox::require(af == ipv4 || af == ipv6, "Unknown af");
     return af == ipv4 ? AF_INET : AF_INET6;
@@ -39,8 +31,6 @@ Mox::String printed(const T& pieces) {
 
 }  // namespace
 
-constinit const Mox::FwkType TcpFileDescriptor::type{"Pavo::TcpFileDescriptor", nullptr, {}};
-
 TcpFileDescriptor::TcpFileDescriptor(int descriptor, bool edgeTriggered)
     : descriptor_(descriptor), edgeTriggered_(edgeTriggered) {}
 
@@ -49,10 +39,6 @@ TcpFileDescriptor::~TcpFileDescriptor() {
         const Mox::ErrnoKeeper keeper;
         (void)close(descriptor_);  // Linux frees the number whatever it answers.
     }
-}
-
-const Mox::FwkType* TcpFileDescriptor::fwkType() const {
-    return &type;
 }
 
 // Made before its number, which so has an owner from the first moment.
@@ -99,14 +85,7 @@ Mox::Ptr<TcpFileDescriptor> tcpFileDescriptorFactory(int descriptor, bool edgeTr
     return Mox::make<TcpFileDescriptor>(descriptor, edgeTriggered);
 }
 
-constinit const Mox::FwkType TcpFileDescriptorEventRegistration::type{
-    "Pavo::TcpFileDescriptorEventRegistration", &Mox::Entity::type, registrationAttributes};
-
 TcpFileDescriptorEventRegistration::~TcpFileDescriptorEventRegistration() = default;
-
-const Mox::FwkType* TcpFileDescriptorEventRegistration::fwkType() const {
-    return &type;
-}
 
 void TcpFileDescriptorEventRegistration::handleEnabled() {}
 
@@ -163,14 +142,7 @@ std::ostream& operator<<(std::ostream& out,
     return out << registration.stringValue();
 }
 
-constinit const Mox::FwkType TcpFileDescriptorEventRegistrationFactory::type{
-    "Pavo::TcpFileDescriptorEventRegistrationFactory", nullptr, {}};
-
 TcpFileDescriptorEventRegistrationFactory::~TcpFileDescriptorEventRegistrationFactory() = default;
-
-const Mox::FwkType* TcpFileDescriptorEventRegistrationFactory::fwkType() const {
-    return &type;
-}
 
 Mox::Ptr<TcpFileDescriptorEventRegistration>
 TcpFileDescriptorEventRegistrationFactory::createEventRegistration(
@@ -178,19 +150,12 @@ TcpFileDescriptorEventRegistrationFactory::createEventRegistration(
     return Mox::make<TcpFileDescriptorEventRegistration>(std::move(fileDescriptor));
 }
 
-constinit const Mox::FwkType TcpFileDescriptorEventRegistrationMoxc::type{
-    "Pavo::TcpFileDescriptorEventRegistrationMoxc", &TcpFileDescriptorEventRegistration::type, {}};
-
 TcpFileDescriptorEventRegistrationMoxc::TcpFileDescriptorEventRegistrationMoxc(
     Mox::Ptr<TcpFileDescriptor> fileDescriptor)
-    : TcpFileDescriptorEventRegistration(std::move(fileDescriptor)),
+    : EntityOf(std::move(fileDescriptor)),
       sm_(Mox::make<TcpFileDescriptorEventRegistrationMoxcSm>(this)) {}
 
 TcpFileDescriptorEventRegistrationMoxc::~TcpFileDescriptorEventRegistrationMoxc() = default;
-
-const Mox::FwkType* TcpFileDescriptorEventRegistrationMoxc::fwkType() const {
-    return &type;
-}
 
 void TcpFileDescriptorEventRegistrationMoxc::zeroReferencesIs(bool zero) {
     if (zero) {
@@ -211,9 +176,6 @@ void TcpFileDescriptorEventRegistrationMoxc::handleNotifyOnWritable() {
     sm_->handleNotifyOnWritable();
 }
 
-constinit const Mox::FwkType TcpFileDescriptorEventRegistrationMoxcSm::type{
-    "Pavo::TcpFileDescriptorEventRegistrationMoxcSm", nullptr, {}};
-
 TcpFileDescriptorEventRegistrationMoxcSm::TcpFileDescriptorEventRegistrationMoxcSm(
     TcpFileDescriptorEventRegistrationMoxc* registration)
     : registration_(registration),
@@ -228,10 +190,6 @@ TcpFileDescriptorEventRegistrationMoxcSm::TcpFileDescriptorEventRegistrationMoxc
 }
 
 TcpFileDescriptorEventRegistrationMoxcSm::~TcpFileDescriptorEventRegistrationMoxcSm() = default;
-
-const Mox::FwkType* TcpFileDescriptorEventRegistrationMoxcSm::fwkType() const {
-    return &type;
-}
 
 void TcpFileDescriptorEventRegistrationMoxcSm::zeroReferencesIs(bool zero) {
     if (zero) {
@@ -280,15 +238,6 @@ void TcpFileDescriptorEventRegistrationMoxcSm::handleReadable() {
 // The loop reports only what there is interest in.
 void TcpFileDescriptorEventRegistrationMoxcSm::handleWritable() {
     registration_->handleWritable();
-}
-
-constinit const Mox::FwkType TcpFileDescriptorEventRegistrationFactoryMoxc::type{
-    "Pavo::TcpFileDescriptorEventRegistrationFactoryMoxc",
-    &TcpFileDescriptorEventRegistrationFactory::type,
-    {}};
-
-const Mox::FwkType* TcpFileDescriptorEventRegistrationFactoryMoxc::fwkType() const {
-    return &type;
 }
 
 Mox::Ptr<TcpFileDescriptorEventRegistration>

@@ -7,6 +7,7 @@
 
 #include "Mox/Entity.h"
 #include "Mox/FileDescriptor.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -17,9 +18,9 @@ namespace Pavo {
 
 /// One TCP descriptor, non-blocking and close-on-exec from birth. It is shared by whoever works on
 /// the stream, and closed when the last of them lets go.
-class PAVO_EXPORT TcpFileDescriptor : public Mox::PtrInterface {
+class PAVO_EXPORT TcpFileDescriptor : public Mox::Described<TcpFileDescriptor> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpFileDescriptor"); }
 
     /// Takes over a descriptor that somebody else opened, as it is.
     TcpFileDescriptor(int descriptor, bool edgeTriggered);
@@ -33,8 +34,6 @@ class PAVO_EXPORT TcpFileDescriptor : public Mox::PtrInterface {
     /// trace: the connection lives where its listener does.
     static Mox::Ptr<TcpFileDescriptor> socketAccept(int serverFd, AddressFamily af,
                                                     const NamespaceName& ns, bool edgeTriggered);
-
-    const Mox::FwkType* fwkType() const override;
 
     int descriptor() const { return descriptor_; }
     /// How readiness is watched: when it comes, or as long as it lasts.
@@ -65,7 +64,8 @@ PAVO_EXPORT Mox::Ptr<TcpFileDescriptor> tcpFileDescriptorFactory(int descriptor,
 ///
 /// This one is bound to nothing: a test calls `handleReadable` and `handleWritable` by hand. An
 /// observer may, while it is told, disable or drop the registration.
-class PAVO_EXPORT TcpFileDescriptorEventRegistration : public Mox::Entity {
+class PAVO_EXPORT TcpFileDescriptorEventRegistration
+    : public Mox::EntityOf<TcpFileDescriptorEventRegistration> {
   public:
     using Self = TcpFileDescriptorEventRegistration;
     static constexpr Mox::Attribute<Self> enabledAttr{0, "enabled"};
@@ -73,12 +73,20 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistration : public Mox::Entity {
     static constexpr Mox::Attribute<Self> notifyOnWritableAttr{2, "notifyOnWritable"};
     static constexpr Mox::Attribute<Self> readableCountAttr{3, "readableCount"};
     static constexpr Mox::Attribute<Self> writableCountAttr{4, "writableCount"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpFileDescriptorEventRegistration",
+            Mox::attribute(enabledAttr, &TcpFileDescriptorEventRegistration::enabled),
+            Mox::attribute(notifyOnReadableAttr,
+                           &TcpFileDescriptorEventRegistration::notifyOnReadable),
+            Mox::attribute(notifyOnWritableAttr,
+                           &TcpFileDescriptorEventRegistration::notifyOnWritable),
+            Mox::attribute(readableCountAttr, &TcpFileDescriptorEventRegistration::readableCount),
+            Mox::attribute(writableCountAttr, &TcpFileDescriptorEventRegistration::writableCount));
+    }
 
     explicit TcpFileDescriptorEventRegistration(Mox::Ptr<TcpFileDescriptor> fileDescriptor)
         : fileDescriptor_(std::move(fileDescriptor)) {}
-
-    const Mox::FwkType* fwkType() const override;
 
     /// Called when the attribute has changed, before any observer; the base does nothing.
     virtual void handleEnabled();
@@ -121,14 +129,15 @@ PAVO_EXPORT std::ostream& operator<<(std::ostream& out,
                                      const TcpFileDescriptorEventRegistration& registration);
 
 /// Makes registrations; this one those for tests, bound to nothing.
-class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactory : public Mox::PtrInterface {
+class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactory
+    : public Mox::Described<TcpFileDescriptorEventRegistrationFactory> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationFactory");
+    }
 
     TcpFileDescriptorEventRegistrationFactory() = default;
     ~TcpFileDescriptorEventRegistrationFactory() override;
-
-    const Mox::FwkType* fwkType() const override;
 
     virtual Mox::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
         Mox::Ptr<TcpFileDescriptor> fileDescriptor);
@@ -138,14 +147,16 @@ class TcpFileDescriptorEventRegistrationMoxcSm;
 
 /// A registration that the thread's event loop serves.
 class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxc
-    : public TcpFileDescriptorEventRegistration {
+    : public Mox::EntityOf<TcpFileDescriptorEventRegistrationMoxc,
+                           TcpFileDescriptorEventRegistration> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationMoxc");
+    }
 
     /// @throws Mox::ErrnoException "fcntl(F_GETFL)" for a descriptor that is not open.
     explicit TcpFileDescriptorEventRegistrationMoxc(Mox::Ptr<TcpFileDescriptor> fileDescriptor);
 
-    const Mox::FwkType* fwkType() const override;
     void zeroReferencesIs(bool zero) override;
     void handleEnabled() override;
     void handleNotifyOnReadable() override;
@@ -162,14 +173,16 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxc
 /// interest in the loop while the registration is enabled and wants to hear, level- or
 /// edge-triggered as the descriptor says, and each readiness event becomes one of the
 /// registration's. The registration owns it; it points back without owning.
-class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm : public Mox::PtrInterface {
+class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm
+    : public Mox::Described<TcpFileDescriptorEventRegistrationMoxcSm> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationMoxcSm");
+    }
 
     explicit TcpFileDescriptorEventRegistrationMoxcSm(
         TcpFileDescriptorEventRegistrationMoxc* registration);
 
-    const Mox::FwkType* fwkType() const override;
     void zeroReferencesIs(bool zero) override;
 
     virtual void handleEnabled();
@@ -191,11 +204,13 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm : public Mox::PtrInte
 
 /// Makes registrations that the thread's event loop serves.
 class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactoryMoxc
-    : public TcpFileDescriptorEventRegistrationFactory {
+    : public Mox::Described<TcpFileDescriptorEventRegistrationFactoryMoxc,
+                            TcpFileDescriptorEventRegistrationFactory> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationFactoryMoxc");
+    }
 
-    const Mox::FwkType* fwkType() const override;
     Mox::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
         Mox::Ptr<TcpFileDescriptor> fileDescriptor) override;
 };

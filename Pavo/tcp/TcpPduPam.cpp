@@ -26,21 +26,6 @@ using Result = TcpPduPamReadResult;
 
 Mox::TraceFacility facility("Pavo::TcpPduPam");
 
-constexpr const Mox::AttributeBase* attributes[] = {
-    &TcpPduPam::enabledAttr,
-    &TcpPduPam::enableModeAttr,
-    &TcpPduPam::pendingEnableReadOnlyOrWriteOnlyModeAttr,
-    &TcpPduPam::keepaliveOptsAttr,
-    &TcpPduPam::tcpOptErrorsAttr,
-    &TcpPduPam::tcpOptErrorReasonAttr,
-    &TcpPduPam::maxPduLengthAttr,
-    &TcpPduPam::readableAttr,
-    &TcpPduPam::writableAttr,
-    &TcpPduPam::readOnePktOnlyAttr,
-    &TcpPduPam::rxErrorReasonAttr,
-    &TcpPduPam::txErrorReasonAttr,
-};
-
 // PDUs read in one go, so that a stream that is always full leaves time for the others.
 constexpr uint32_t pdusPerTurn = 32;
 
@@ -108,21 +93,15 @@ class TcpPduPam::Later : public Mox::PtrInterface {
     TcpPduPam* pam_;
 };
 
-constinit const Mox::FwkType TcpPduPam::type{"Pavo::TcpPduPam", &TcpPduPamBase::type, attributes};
-
 TcpPduPam::TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
                      Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
-    : TcpPduPamBase(Mox::String("TcpPduPam-") + std::to_string(fileDescriptor->descriptor()),
-                    fileDescriptor, std::move(fdFactory)) {}
+    : EntityOf(Mox::String("TcpPduPam-") + std::to_string(fileDescriptor->descriptor()),
+               fileDescriptor, std::move(fdFactory)) {}
 
 TcpPduPam::~TcpPduPam() {
     if (later_) {
         later_->cancel();
     }
-}
-
-const Mox::FwkType* TcpPduPam::fwkType() const {
-    return &type;
 }
 
 void TcpPduPam::zeroReferencesIs(bool zero) {
@@ -639,13 +618,7 @@ void TcpPduPam::dropUnsent() {
     fd()->notifyOnWritableIs(false);
 }
 
-constinit const Mox::FwkType SimpleTcpPduPam::type{"Pavo::SimpleTcpPduPam", &TcpPduPam::type, {}};
-
 SimpleTcpPduPam::~SimpleTcpPduPam() = default;
-
-const Mox::FwkType* SimpleTcpPduPam::fwkType() const {
-    return &type;
-}
 
 uint16_t SimpleTcpPduPam::getPduSize() {
     const Mox::Ptr<Pkt>& pkt = rxPktHolderShadow();

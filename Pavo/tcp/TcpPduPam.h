@@ -145,7 +145,7 @@ using SocketIovec = iovec;
 ///
 /// An observer may, while it is told of anything, read, write, change the mode or drop the last
 /// reference to the endpoint. The stream is closed when the last holder of its descriptor lets go.
-class PAVO_EXPORT TcpPduPam : public TcpPduPamBase {
+class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
   public:
     static constexpr Mox::Attribute<TcpPduPam> enabledAttr{10, "enabled"};
     static constexpr Mox::Attribute<TcpPduPam> enableModeAttr{11, "enableMode"};
@@ -160,12 +160,26 @@ class PAVO_EXPORT TcpPduPam : public TcpPduPamBase {
     static constexpr Mox::Attribute<TcpPduPam> readOnePktOnlyAttr{19, "readOnePktOnly"};
     static constexpr Mox::Attribute<TcpPduPam> rxErrorReasonAttr{20, "rxErrorReason"};
     static constexpr Mox::Attribute<TcpPduPam> txErrorReasonAttr{21, "txErrorReason"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpPduPam", Mox::attribute(enabledAttr, &TcpPduPam::enabled),
+            Mox::attribute(enableModeAttr, &TcpPduPam::enableMode),
+            Mox::attribute(pendingEnableReadOnlyOrWriteOnlyModeAttr,
+                           &TcpPduPam::pendingEnableReadOnlyOrWriteOnlyMode),
+            Mox::attribute(keepaliveOptsAttr, &TcpPduPam::keepaliveOpts),
+            Mox::attribute(tcpOptErrorsAttr, &TcpPduPam::tcpOptErrors),
+            Mox::attribute(tcpOptErrorReasonAttr, &TcpPduPam::tcpOptErrorReason),
+            Mox::attribute(maxPduLengthAttr, &TcpPduPam::maxPduLength),
+            Mox::attribute(readableAttr, &TcpPduPam::readable),
+            Mox::attribute(writableAttr, &TcpPduPam::writable),
+            Mox::attribute(readOnePktOnlyAttr, &TcpPduPam::readOnePktOnly),
+            Mox::attribute(rxErrorReasonAttr, &TcpPduPam::rxErrorReason),
+            Mox::attribute(txErrorReasonAttr, &TcpPduPam::txErrorReason));
+    }
 
     TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
               Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory);
 
-    const Mox::FwkType* fwkType() const override;
     void zeroReferencesIs(bool zero) override;
 
     /// Takes a packet of at most 65535 bytes; a longer one is counted as an error (EMSGSIZE), with
@@ -322,14 +336,15 @@ class PAVO_EXPORT TcpPduPam : public TcpPduPamBase {
 
 /// An endpoint whose PDUs begin with a header of 20 bytes, the total length in bytes 2 and 3, in
 /// network order.
-class PAVO_EXPORT SimpleTcpPduPam : public TcpPduPam {
+class PAVO_EXPORT SimpleTcpPduPam : public Mox::EntityOf<SimpleTcpPduPam, TcpPduPam> {
   public:
     static constexpr uint16_t headerBytes = 20;
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::SimpleTcpPduPam"); }
 
-    using TcpPduPam::TcpPduPam;
+    SimpleTcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
+                    Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
+        : EntityOf(std::move(fileDescriptor), std::move(fdFactory)) {}
 
-    const Mox::FwkType* fwkType() const override;
     /// @pre a packet is under way: assertion "pkt".
     uint16_t getPduSize() override;
 

@@ -6,20 +6,9 @@
 
 namespace Pavo {
 
-namespace {
-
-constexpr const Mox::AttributeBase* pamAttributes[] = {
-    &TcpPduPamBase::socketReadableCountAttr,
-    &TcpPduPamBase::socketWritableCountAttr,
-};
-
-}  // namespace
-
-constinit const Mox::FwkType TcpPduPamBase::type{"Pavo::TcpPduPamBase", &Pam::type, pamAttributes};
-
 TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
                              Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
-    : Pam(std::move(name)),
+    : EntityOf(std::move(name)),
       fileDescriptor_(std::move(fileDescriptor)),
       fdFactory_(std::move(fdFactory)),
       fd_(fdFactory_->createEventRegistration(fileDescriptor_)),
@@ -27,10 +16,6 @@ TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileD
 
 TcpPduPamBase::~TcpPduPamBase() {
     fdDel();
-}
-
-const Mox::FwkType* TcpPduPamBase::fwkType() const {
-    return &type;
 }
 
 void TcpPduPamBase::zeroReferencesIs(bool zero) {
@@ -57,18 +42,12 @@ void TcpPduPamBase::fdDel() {
     }
 }
 
-constinit const Mox::FwkType TcpPduFdSm::type{"Pavo::TcpPduFdSm", nullptr, {}};
-
 TcpPduFdSm::TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam)
     : pam_(pam),
       reactor_(Mox::make<ReadinessReactor<TcpFileDescriptorEventRegistration, TcpPduFdSm>>(
           std::move(fd), this)) {}
 
 TcpPduFdSm::~TcpPduFdSm() = default;
-
-const Mox::FwkType* TcpPduFdSm::fwkType() const {
-    return &type;
-}
 
 void TcpPduFdSm::zeroReferencesIs(bool zero) {
     if (zero) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Mox/Entity.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -17,15 +18,19 @@ class TcpPduFdSm;
 
 /// A packet endpoint on a TCP stream: it holds the stream's descriptor, registers for its events
 /// and has them forwarded to `handleSocketReadable` and `handleSocketWritable`.
-class PAVO_EXPORT TcpPduPamBase : public Pam {
+class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
   public:
     static constexpr Mox::Attribute<TcpPduPamBase> socketReadableCountAttr{8,
                                                                            "socketReadableCount"};
     static constexpr Mox::Attribute<TcpPduPamBase> socketWritableCountAttr{9,
                                                                            "socketWritableCount"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpPduPamBase",
+            Mox::attribute(socketReadableCountAttr, &TcpPduPamBase::socketReadableCount),
+            Mox::attribute(socketWritableCountAttr, &TcpPduPamBase::socketWritableCount));
+    }
 
-    const Mox::FwkType* fwkType() const override;
     void zeroReferencesIs(bool zero) override;
 
     /// The registration has seen an event; the base only counts it.
@@ -62,13 +67,12 @@ class PAVO_EXPORT TcpPduPamBase : public Pam {
 };
 
 /// Forwards a registration's events to an endpoint, which owns it.
-class PAVO_EXPORT TcpPduFdSm : public Mox::PtrInterface {
+class PAVO_EXPORT TcpPduFdSm : public Mox::Described<TcpPduFdSm> {
   public:
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpPduFdSm"); }
 
     TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam);
 
-    const Mox::FwkType* fwkType() const override;
     void zeroReferencesIs(bool zero) override;
 
     virtual void handleReadable();

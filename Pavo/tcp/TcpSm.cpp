@@ -14,7 +14,7 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::TcpSm");
 
-constexpr Mox::AttributeSet configAttributes{
+constexpr Mox::AttributeSet<TcpConfigBase> configAttributes{
     TcpConfigBase::optionsAttr,
     TcpConfigBase::txTtlAttr,
     TcpConfigBase::txDsAttr,
@@ -63,7 +63,8 @@ class TcpSmBase::ConfigReactor : public Mox::Notifiee {
 class TcpSmBase::FdReactor : public Mox::Notifiee {
   public:
     FdReactor(const Mox::Ptr<TcpFileDescriptorEventRegistration>& registration,
-              Mox::AttributeSet wanted, TcpSmBase* machine, std::function<void()> handler)
+              Mox::AttributeSet<TcpFileDescriptorEventRegistration> wanted, TcpSmBase* machine,
+              std::function<void()> handler)
         : Notifiee(registration, wanted), machine_(machine), handler_(std::move(handler)) {}
 
     void handleChange(const Mox::Change&) override {
@@ -82,8 +83,6 @@ struct TcpSmBase::OptionStep {
     const char* errorText;
     int (*apply)(TcpSmBase& machine, int sd, bool enabled);
 };
-
-constinit const Mox::FwkType TcpSmBase::type{"Pavo::TcpSmBase", nullptr, {}};
 
 // In the order of the bits. The handshake settles keys and segment size.
 const TcpSmBase::OptionStep TcpSmBase::optionSteps[] = {
@@ -128,10 +127,6 @@ TcpSmBase::TcpSmBase(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrat
       }) {}
 
 TcpSmBase::~TcpSmBase() = default;
-
-const Mox::FwkType* TcpSmBase::fwkType() const {
-    return &type;
-}
 
 void TcpSmBase::hasNotificationActiveIs(bool active) {
     PtrInterface::hasNotificationActiveIs(active);

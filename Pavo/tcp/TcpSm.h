@@ -7,6 +7,7 @@
 
 #include "Keel/TimerWheel.h"
 #include "Mox/Entity.h"
+#include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -25,7 +26,7 @@ namespace Pavo {
 /// It holds its configuration, registration and registration factory; nothing of these holds it.
 /// Nothing it does throws because a system call failed. Everything runs on the thread of the event
 /// loop, and whatever it calls may call it back, or drop it.
-class PAVO_EXPORT TcpSmBase : public Mox::PtrInterface {
+class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
   public:
     /// Which socket options are applied to.
     enum SdType : uint32_t {
@@ -35,13 +36,11 @@ class PAVO_EXPORT TcpSmBase : public Mox::PtrInterface {
         sdEstablished = 3,  ///< Keys and segment size were settled by the handshake.
     };
 
-    static const Mox::FwkType type;
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpSmBase"); }
 
     /// Switched off, it hears nothing of its configuration and its socket; timers go on.
     void hasNotificationActiveIs(bool active) override;
     void zeroReferencesIs(bool zero) override;
-    const Mox::FwkType* fwkType() const override;
-
     /// The retry timer has expired. The base fails with the assertion "Need to implement
     /// handleRetry in derived class".
     virtual void handleRetry();

@@ -5,89 +5,13 @@
 
 namespace Pavo {
 
-namespace {
-
-constexpr const Mox::AttributeBase* clientAttributes[] = {
-    &TcpClientStatus::connectionStatusAttr,       &TcpClientStatus::reasonAttr,
-    &TcpClientStatus::connectionAttemptCountAttr, &TcpClientStatus::connectionErrorCountAttr,
-    &TcpClientStatus::connectionSuccessCountAttr, &TcpClientStatus::retryTimerNextAttr,
-    &TcpClientStatus::retryTimerIntervalAttr,     &TcpClientStatus::connSocketAttr,
-};
-constexpr const Mox::AttributeBase* serverAttributes[] = {
-    &TcpServerStatus::listeningAttr,
-    &TcpServerStatus::reasonAttr,
-    &TcpServerStatus::serverStartTimesAttr,
-    &TcpServerStatus::serverTimedOutTimesAttr,
-    &TcpServerStatus::serverEagainEintrTimesAttr,
-    &TcpServerStatus::connSocketCountAttr,
-    &TcpServerStatus::connSocketAttr,
-};
-
-}  // namespace
-
-constinit const Mox::FwkType TcpClientStatus::type{"Pavo::TcpClientStatus", &Mox::Entity::type,
-                                                   clientAttributes};
-
 TcpClientStatus::~TcpClientStatus() = default;
-
-const Mox::FwkType* TcpClientStatus::fwkType() const {
-    return &type;
-}
-
-uint32_t TcpClientStatus::connectionAttemptCountInc(uint32_t delta) {
-    const Mox::Ptr<TcpClientStatus> hold(this);
-    connectionAttemptCountIs(connectionAttemptCount_ + delta);
-    return connectionAttemptCount_;
-}
-
-uint32_t TcpClientStatus::connectionErrorCountInc(uint32_t delta) {
-    const Mox::Ptr<TcpClientStatus> hold(this);
-    connectionErrorCountIs(connectionErrorCount_ + delta);
-    return connectionErrorCount_;
-}
-
-uint32_t TcpClientStatus::connectionSuccessCountInc(uint32_t delta) {
-    const Mox::Ptr<TcpClientStatus> hold(this);
-    connectionSuccessCountIs(connectionSuccessCount_ + delta);
-    return connectionSuccessCount_;
-}
 
 Mox::Ptr<TcpClientStatus> tcpClientStatusFactory() {
     return Mox::make<TcpClientStatus>();
 }
 
-constinit const Mox::FwkType TcpServerStatus::type{"Pavo::TcpServerStatus", &Mox::Entity::type,
-                                                   serverAttributes};
-
 TcpServerStatus::~TcpServerStatus() = default;
-
-const Mox::FwkType* TcpServerStatus::fwkType() const {
-    return &type;
-}
-
-uint32_t TcpServerStatus::serverStartTimesInc(uint32_t delta) {
-    const Mox::Ptr<TcpServerStatus> hold(this);
-    serverStartTimesIs(serverStartTimes_ + delta);
-    return serverStartTimes_;
-}
-
-uint32_t TcpServerStatus::serverTimedOutTimesInc(uint32_t delta) {
-    const Mox::Ptr<TcpServerStatus> hold(this);
-    serverTimedOutTimesIs(serverTimedOutTimes_ + delta);
-    return serverTimedOutTimes_;
-}
-
-uint32_t TcpServerStatus::serverEagainEintrTimesInc(uint32_t delta) {
-    const Mox::Ptr<TcpServerStatus> hold(this);
-    serverEagainEintrTimesIs(serverEagainEintrTimes_ + delta);
-    return serverEagainEintrTimes_;
-}
-
-uint32_t TcpServerStatus::connSocketCountInc(uint32_t delta) {
-    const Mox::Ptr<TcpServerStatus> hold(this);
-    connSocketCountIs(connSocketCount_ + delta);
-    return connSocketCount_;
-}
 
 TcpServerStatus::Queue::iterator TcpServerStatus::find(uint32_t index) {
     return std::find_if(queue_.begin(), queue_.end(),

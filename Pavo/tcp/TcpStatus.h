@@ -17,7 +17,7 @@ namespace Pavo {
 
 /// Written by a `TcpClientSm`. An observer may, while it is told, start or stop the machine, or
 /// drop the machine or this.
-class PAVO_EXPORT TcpClientStatus : public Mox::Entity {
+class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
   public:
     enum class ConnectionStatus : uint32_t {
         idle = 0,        ///< not started, or stopped
@@ -36,9 +36,18 @@ class PAVO_EXPORT TcpClientStatus : public Mox::Entity {
     static constexpr Mox::Attribute<Self> retryTimerNextAttr{5, "retryTimerNext"};
     static constexpr Mox::Attribute<Self> retryTimerIntervalAttr{6, "retryTimerInterval"};
     static constexpr Mox::Attribute<Self> connSocketAttr{7, "connSocket"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpClientStatus",
+            Mox::attribute(connectionStatusAttr, &TcpClientStatus::connectionStatus),
+            Mox::attribute(reasonAttr, &TcpClientStatus::reason),
+            Mox::attribute(connectionAttemptCountAttr, &TcpClientStatus::connectionAttemptCount),
+            Mox::attribute(connectionErrorCountAttr, &TcpClientStatus::connectionErrorCount),
+            Mox::attribute(connectionSuccessCountAttr, &TcpClientStatus::connectionSuccessCount),
+            Mox::attribute(retryTimerNextAttr, &TcpClientStatus::retryTimerNext),
+            Mox::attribute(retryTimerIntervalAttr, &TcpClientStatus::retryTimerInterval),
+            Mox::attribute(connSocketAttr, &TcpClientStatus::connSocket));
+    }
 
     ConnectionStatus connectionStatus() const { return connectionStatus_; }
     void connectionStatusIs(ConnectionStatus status) {
@@ -52,17 +61,23 @@ class PAVO_EXPORT TcpClientStatus : public Mox::Entity {
     void connectionAttemptCountIs(uint32_t count) {
         attributeIs(connectionAttemptCount_, count, connectionAttemptCountAttr);
     }
-    uint32_t connectionAttemptCountInc(uint32_t delta);
+    uint32_t connectionAttemptCountInc(uint32_t delta) {
+        return attributeInc(connectionAttemptCount_, delta, connectionAttemptCountAttr);
+    }
     uint32_t connectionErrorCount() const { return connectionErrorCount_; }
     void connectionErrorCountIs(uint32_t count) {
         attributeIs(connectionErrorCount_, count, connectionErrorCountAttr);
     }
-    uint32_t connectionErrorCountInc(uint32_t delta);
+    uint32_t connectionErrorCountInc(uint32_t delta) {
+        return attributeInc(connectionErrorCount_, delta, connectionErrorCountAttr);
+    }
     uint32_t connectionSuccessCount() const { return connectionSuccessCount_; }
     void connectionSuccessCountIs(uint32_t count) {
         attributeIs(connectionSuccessCount_, count, connectionSuccessCountAttr);
     }
-    uint32_t connectionSuccessCountInc(uint32_t delta);
+    uint32_t connectionSuccessCountInc(uint32_t delta) {
+        return attributeInc(connectionSuccessCount_, delta, connectionSuccessCountAttr);
+    }
     /// When the next attempt is made, in seconds of the machine's clock; +infinity when none is
     /// planned.
     double retryTimerNext() const { return retryTimerNext_; }
@@ -108,7 +123,7 @@ PAVO_EXPORT Mox::Ptr<TcpClientStatus> tcpClientStatusFactory();
 /// Written by a `TcpServerSm`. Accepted connections wait here, each under an index of its own that
 /// counts up, until the owner takes them; there is no limit to them. What an observer may do is
 /// what one of a `TcpClientStatus` may.
-class PAVO_EXPORT TcpServerStatus : public Mox::Entity {
+class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
   public:
     using Self = TcpServerStatus;
     static constexpr Mox::Attribute<Self> listeningAttr{0, "listening"};
@@ -118,9 +133,16 @@ class PAVO_EXPORT TcpServerStatus : public Mox::Entity {
     static constexpr Mox::Attribute<Self> serverEagainEintrTimesAttr{4, "serverEagainEintrTimes"};
     static constexpr Mox::Attribute<Self> connSocketCountAttr{5, "connSocketCount"};
     static constexpr Mox::Attribute<Self, uint32_t> connSocketAttr{6, "connSocket"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::TcpServerStatus", Mox::attribute(listeningAttr, &TcpServerStatus::listening),
+            Mox::attribute(reasonAttr, &TcpServerStatus::reason),
+            Mox::attribute(serverStartTimesAttr, &TcpServerStatus::serverStartTimes),
+            Mox::attribute(serverTimedOutTimesAttr, &TcpServerStatus::serverTimedOutTimes),
+            Mox::attribute(serverEagainEintrTimesAttr, &TcpServerStatus::serverEagainEintrTimes),
+            Mox::attribute(connSocketCountAttr, &TcpServerStatus::connSocketCount),
+            Mox::attribute(connSocketAttr));
+    }
 
     bool listening() const { return listening_; }
     void listeningIs(bool listening) { attributeIs(listening_, listening, listeningAttr); }
@@ -132,24 +154,32 @@ class PAVO_EXPORT TcpServerStatus : public Mox::Entity {
     void serverStartTimesIs(uint32_t count) {
         attributeIs(serverStartTimes_, count, serverStartTimesAttr);
     }
-    uint32_t serverStartTimesInc(uint32_t delta);
+    uint32_t serverStartTimesInc(uint32_t delta) {
+        return attributeInc(serverStartTimes_, delta, serverStartTimesAttr);
+    }
     uint32_t serverTimedOutTimes() const { return serverTimedOutTimes_; }
     void serverTimedOutTimesIs(uint32_t count) {
         attributeIs(serverTimedOutTimes_, count, serverTimedOutTimesAttr);
     }
-    uint32_t serverTimedOutTimesInc(uint32_t delta);
+    uint32_t serverTimedOutTimesInc(uint32_t delta) {
+        return attributeInc(serverTimedOutTimes_, delta, serverTimedOutTimesAttr);
+    }
     /// Reports of a connection that accept(2) then did not find.
     uint32_t serverEagainEintrTimes() const { return serverEagainEintrTimes_; }
     void serverEagainEintrTimesIs(uint32_t count) {
         attributeIs(serverEagainEintrTimes_, count, serverEagainEintrTimesAttr);
     }
-    uint32_t serverEagainEintrTimesInc(uint32_t delta);
+    uint32_t serverEagainEintrTimesInc(uint32_t delta) {
+        return attributeInc(serverEagainEintrTimes_, delta, serverEagainEintrTimesAttr);
+    }
     /// Connections ever accepted and queued.
     uint32_t connSocketCount() const { return connSocketCount_; }
     void connSocketCountIs(uint32_t count) {
         attributeIs(connSocketCount_, count, connSocketCountAttr);
     }
-    uint32_t connSocketCountInc(uint32_t delta);
+    uint32_t connSocketCountInc(uint32_t delta) {
+        return attributeInc(connSocketCount_, delta, connSocketCountAttr);
+    }
 
     /// Takes the oldest waiting connection; an empty value when none waits.
     TcpConnSocket getConnSocket() { return connSocketDeq(); }

@@ -15,14 +15,15 @@
 namespace Pavo {
 
 /// One prefix, as an entity.
-class PAVO_EXPORT IpGenPrefixRef : public Mox::Entity {
+class PAVO_EXPORT IpGenPrefixRef : public Mox::EntityOf<IpGenPrefixRef> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixRef> prefixAttr{0, "prefix"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpGenPrefixRef",
+                                Mox::attribute(prefixAttr, &IpGenPrefixRef::prefix));
+    }
 
     explicit IpGenPrefixRef(const IpGenPrefix& prefix) : prefix_(prefix) {}
-
-    const Mox::FwkType* fwkType() const override;
 
     const IpGenPrefix& prefix() const { return prefix_; }
     void prefixIs(const IpGenPrefix& prefix) { attributeIs(prefix_, prefix, prefixAttr); }
@@ -31,45 +32,50 @@ class PAVO_EXPORT IpGenPrefixRef : public Mox::Entity {
     IpGenPrefix prefix_;
 };
 
-// The entities below tell observers which member has come or gone; observers may change the set
-// again while they are told.
+// The entities below notify with the member that was added or deleted; observers may change the set
+// again meanwhile.
 
 /// A set of prefixes.
-class PAVO_EXPORT IpGenPrefixSet : public Mox::Entity {
+class PAVO_EXPORT IpGenPrefixSet : public Mox::EntityOf<IpGenPrefixSet> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixSet, IpGenPrefix> prefixAttr{0, "prefix"};
-    static const Mox::FwkType type;
-
-    const Mox::FwkType* fwkType() const override;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpGenPrefixSet", Mox::attribute(prefixAttr));
+    }
 
     const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
     bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
     /// Adds the prefix, or with false removes it.
-    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixIs(const IpGenPrefix& prefix, bool isMember = true) {
+        memberIs(prefix_, prefix, isMember, prefixAttr);
+    }
     void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
-    void prefixDelAll();
+    void prefixDelAll() { memberDelAll(prefix_, prefixAttr); }
 
   private:
     Mox::Set<IpGenPrefix> prefix_;
 };
 
 /// A set of prefixes with a name.
-class PAVO_EXPORT IpGenPrefixColl : public Mox::Entity {
+class PAVO_EXPORT IpGenPrefixColl : public Mox::EntityOf<IpGenPrefixColl> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixColl, IpGenPrefix> prefixSetAttr{0, "prefixSet"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpGenPrefixColl", Mox::attribute(prefixSetAttr));
+    }
 
     explicit IpGenPrefixColl(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const Mox::Set<IpGenPrefix>& prefixSet() const { return prefixSet_; }
     bool prefixSet(const IpGenPrefix& prefix) const { return prefixSet_.contains(prefix); }
     /// Adds the prefix, or with false removes it.
-    void prefixSetIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixSetIs(const IpGenPrefix& prefix, bool isMember = true) {
+        memberIs(prefixSet_, prefix, isMember, prefixSetAttr);
+    }
     void prefixSetDel(const IpGenPrefix& prefix) { prefixSetIs(prefix, false); }
-    void prefixSetDelAll();
+    void prefixSetDelAll() { memberDelAll(prefixSet_, prefixSetAttr); }
 
   private:
     Mox::String name_;
@@ -77,31 +83,37 @@ class PAVO_EXPORT IpGenPrefixColl : public Mox::Entity {
 };
 
 /// The prefixes that an agent is to match, and those among them that it is to except.
-class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::Entity {
+class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::EntityOf<IpGenPrefixSetConfig> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixAttr{0, "prefix"};
     static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixExceptAttr{
         1, "prefixExcept"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpGenPrefixSetConfig", Mox::attribute(prefixAttr),
+                                Mox::attribute(prefixExceptAttr));
+    }
 
     explicit IpGenPrefixSetConfig(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const Mox::Set<IpGenPrefix>& prefix() const { return prefix_; }
     bool prefix(const IpGenPrefix& prefix) const { return prefix_.contains(prefix); }
     /// Adds the prefix, or with false removes it.
-    void prefixIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixIs(const IpGenPrefix& prefix, bool isMember = true) {
+        memberIs(prefix_, prefix, isMember, prefixAttr);
+    }
     void prefixDel(const IpGenPrefix& prefix) { prefixIs(prefix, false); }
-    void prefixDelAll();
+    void prefixDelAll() { memberDelAll(prefix_, prefixAttr); }
 
     const Mox::Set<IpGenPrefix>& prefixExcept() const { return prefixExcept_; }
     bool prefixExcept(const IpGenPrefix& prefix) const { return prefixExcept_.contains(prefix); }
     /// Adds the prefix, or with false removes it.
-    void prefixExceptIs(IpGenPrefix prefix, bool isMember = true);
+    void prefixExceptIs(const IpGenPrefix& prefix, bool isMember = true) {
+        memberIs(prefixExcept_, prefix, isMember, prefixExceptAttr);
+    }
     void prefixExceptDel(const IpGenPrefix& prefix) { prefixExceptIs(prefix, false); }
-    void prefixExceptDelAll();
+    void prefixExceptDelAll() { memberDelAll(prefixExcept_, prefixExceptAttr); }
 
   private:
     Mox::String name_;
@@ -110,15 +122,16 @@ class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::Entity {
 };
 
 /// Prefix sets by name.
-class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::Entity {
+class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::EntityOf<IpGenPrefixSetConfigDir> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixSetConfigDir, Mox::String> prefixSetAttr{
         0, "prefixSet"};
-    static const Mox::FwkType type;
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpGenPrefixSetConfigDir", Mox::attribute(prefixSetAttr));
+    }
 
     explicit IpGenPrefixSetConfigDir(Mox::String name) : name_(std::move(name)) {}
 
-    const Mox::FwkType* fwkType() const override;
     Mox::String name() const override { return name_; }
 
     const Mox::Directory<IpGenPrefixSetConfig>& prefixSet() const { return prefixSet_; }
@@ -128,8 +141,8 @@ class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::Entity {
     }
     /// The set of that name, made empty unless there is one.
     Mox::Ptr<IpGenPrefixSetConfig> prefixSetIs(const Mox::String& name);
-    void prefixSetDel(Mox::String name);
-    void prefixSetDelAll();
+    void prefixSetDel(const Mox::String& name) { memberDel(prefixSet_, name, prefixSetAttr); }
+    void prefixSetDelAll() { memberDelAll(prefixSet_, prefixSetAttr); }
 
   private:
     Mox::String name_;

@@ -11,9 +11,14 @@
 
 namespace {
 
-class Counter : public Mox::Entity {
+class Counter : public Mox::EntityOf<Counter> {
   public:
     static constexpr Mox::Attribute<Counter> valueAttr{0, "value"};
+    static constexpr auto description() {
+        return Mox::classRecord("Counter", Mox::attribute(valueAttr, &Counter::value));
+    }
+
+    uint32_t value() const { return value_; }
     void valueIs(uint32_t value) { attributeIs(value_, value, valueAttr); }
 
   private:

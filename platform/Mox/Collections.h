@@ -1,12 +1,22 @@
 /// @file
-/// Collections inside entities. Each tells its owner whether a call changed it; the owner then
-/// notifies with the key:
+/// Collections inside entities. Adding says whether it changed the collection, and deleting returns
+/// the key of the member that has gone; the entity then notifies with the key:
 ///
 ///     void prefixIs(const Prefix& prefix) {
-///         if (prefixes_.add(prefix)) {
+///         if (prefix_.add(prefix)) {
 ///             notify(prefixAttr, prefix);
 ///         }
 ///     }
+///     void prefixDel(const Prefix& prefix) { memberDel(prefix_, prefix, prefixAttr); }
+///     void prefixDelAll() { memberDelAll(prefix_, prefixAttr); }
+///
+/// The key to notify with after a deletion is the one returned, as `memberDel` does it: the
+/// caller's may be a reference to the one that was inside the deleted member.
+///
+/// `delAll(removed)` deletes the members that there are when it begins, one at a time, and calls
+/// `removed(key)` after each. So the collection and its observers agree whenever `removed` runs,
+/// also when it throws: what it was not called for is a member still. A member that `removed` adds
+/// stays, unless its key is yet to be deleted. The collection has to outlive the call.
 ///
 /// A version counts the changes, so that a reader sees at once whether anything happened.
 #pragma once
@@ -14,8 +24,8 @@
 #include <concepts>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -27,6 +37,21 @@
 
 namespace Mox {
 
+/// The key of a deleted member, or false where there was none.
+template <class Key>
+class Deleted {
+  public:
+    Deleted() = default;
+    explicit Deleted(Key key) : key_(std::move(key)) {}
+
+    operator bool() const { return key_.has_value(); }
+    /// @pre there was one.
+    const Key& operator*() const { return *key_; }
+
+  private:
+    std::optional<Key> key_;
+};
+
 namespace Detail {
 
 class Versioned {
@@ -37,6 +62,24 @@ class Versioned {
     bool bump(bool changed) {
         version_ += changed ? 1 : 0;
         return changed;
+    }
+
+    template <class Items>
+    static std::vector<typename Items::key_type> keysOf(const Items& items) {
+        std::vector<typename Items::key_type> keys;
+        keys.reserve(items.size());
+        for (const auto& each : items) {
+            keys.push_back(each.first);
+        }
+        return keys;
+    }
+    template <class Collection, class Key, class Removed>
+    static void delEach(Collection& collection, const std::vector<Key>& keys, Removed& removed) {
+        for (const Key& key : keys) {
+            if (collection.del(key)) {
+                removed(key);
+            }
+        }
     }
 
   private:
@@ -68,25 +111,23 @@ class Array : public Detail::Versioned {
         items_[index].value = std::move(value);
         return bump(true);
     }
-    /// Sets a member back to the default value; the last one goes altogether.
-    bool del(uint32_t index) {
-        if (index >= members()) {
-            return false;
-        }
-        if (index + 1 == members()) {
+    /// Sets a member back to the default value; the last one is removed. Returns the index when
+    /// that changed the array.
+    Deleted<uint32_t> del(uint32_t index) {
+        if (index + 1 == members() && index < members()) {
             items_.pop_back();
-            return bump(true);
+            bump(true);
+            return Deleted(index);
         }
-        return is(index, T{});
+        return index < members() && is(index, T{}) ? Deleted(index) : Deleted<uint32_t>();
     }
-    /// Empties the array, then calls `removed(index)` for each member it had.
+    /// From the last member to the first.
     template <std::invocable<uint32_t> Removed>
     void delAll(Removed removed) {
-        const uint32_t count = members();
-        items_.clear();
-        bump(count != 0);
-        for (uint32_t index = 0; index < count; ++index) {
-            removed(index);
+        for (uint32_t index = members(); index-- > 0;) {
+            if (del(index)) {
+                removed(index);
+            }
         }
     }
 
@@ -115,14 +156,15 @@ class Map : public Detail::Versioned {
         it->second = std::move(value);
         return bump(true);
     }
-    bool del(const Key& key) { return bump(items_.erase(key) != 0); }
+    /// The deleted key, or nothing where there was none.
+    Deleted<Key> del(const Key& key) {
+        auto gone = items_.extract(key);
+        return bump(!gone.empty()) ? Deleted(std::move(gone.key())) : Deleted<Key>();
+    }
+    /// In the order of the keys.
     template <std::invocable<const Key&> Removed>
     void delAll(Removed removed) {
-        const auto gone = std::exchange(items_, {});
-        bump(!gone.empty());
-        for (const auto& each : gone) {
-            removed(each.first);
-        }
+        delEach(*this, keysOf(items_), removed);
     }
 
     auto begin() const { return items_.begin(); }
@@ -139,14 +181,15 @@ class Set : public Detail::Versioned {
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
     bool contains(const T& value) const { return items_.count(value) != 0; }
     bool add(const T& value) { return bump(items_.insert(value).second); }
-    bool del(const T& value) { return bump(items_.erase(value) != 0); }
+    /// The deleted member, or nothing where there was none.
+    Deleted<T> del(const T& value) {
+        auto gone = items_.extract(value);
+        return bump(!gone.empty()) ? Deleted(std::move(gone.value())) : Deleted<T>();
+    }
+    /// In their order.
     template <std::invocable<const T&> Removed>
     void delAll(Removed removed) {
-        const auto gone = std::exchange(items_, {});
-        bump(!gone.empty());
-        for (const T& each : gone) {
-            removed(each);
-        }
+        delEach(*this, std::vector<T>(items_.begin(), items_.end()), removed);
     }
 
     auto begin() const { return items_.begin(); }
@@ -156,7 +199,7 @@ class Set : public Detail::Versioned {
     std::set<T> items_;
 };
 
-/// Values in the order in which they came.
+/// Values in the order in which they were pushed.
 template <class T>
 class Queue : public Detail::Versioned {
   public:
@@ -180,7 +223,7 @@ class Queue : public Detail::Versioned {
     std::deque<T> items_;
 };
 
-/// Entities by name. A member is told of its parent when it comes and when it goes.
+/// Entities by name. A member's `handleParent` is called when it is added and when it is deleted.
 template <std::derived_from<Entity> T>
 class Directory : public Detail::Versioned {
   public:
@@ -190,7 +233,7 @@ class Directory : public Detail::Versioned {
         const auto it = items_.find(name);
         return it == items_.end() ? nullptr : it->second;
     }
-    /// Puts in what `create(name)` makes, unless there is one of that name; true when it did.
+    /// Adds what `create(name)` returns, unless there is an entity of that name; true when it did.
     template <class Create>
     bool add(const String& name, const Ptr<Entity>& parent, Create create) {
         if (items_.count(name) != 0) {
@@ -198,31 +241,25 @@ class Directory : public Detail::Versioned {
         }
         const Ptr<T> entity = create(name);
         if (!items_.emplace(name, entity).second) {
-            return false;  // What `create` did has put one in.
+            return false;  // `create` has added one itself.
         }
         bump(true);
         entity->handleParent(parent);
         return true;
     }
-    bool del(const String& name) {
-        const auto it = items_.find(name);
-        if (it == items_.end()) {
-            return false;
+    /// The name of the deleted entity, or nothing where there was none.
+    Deleted<String> del(const String& name) {
+        const auto gone = items_.extract(name);
+        if (!bump(!gone.empty())) {
+            return {};
         }
-        const Ptr<T> gone = it->second;
-        items_.erase(it);
-        bump(true);
-        gone->handleParent(nullptr);
-        return true;
+        gone.mapped()->handleParent(nullptr);
+        return Deleted(gone.key());
     }
+    /// In the order of the names.
     template <std::invocable<const String&> Removed>
     void delAll(Removed removed) {
-        const auto gone = std::exchange(items_, {});
-        bump(!gone.empty());
-        for (const auto& [name, entity] : gone) {
-            entity->handleParent(nullptr);
-            removed(name);
-        }
+        delEach(*this, keysOf(items_), removed);
     }
 
     auto begin() const { return items_.begin(); }

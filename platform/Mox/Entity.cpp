@@ -29,36 +29,30 @@ struct NotifieeList::Walk {
     };
 };
 
-// A call of an observer in progress.
-struct Notifiee::Call {
-    bool gone;  // The observer's last reference has gone during the call.
-
-    class Scope {
-      public:
-        Scope(Notifiee* callee, Call* call) : callee_(callee), outer_(callee->call_), call_(call) {
-            callee_->call_ = call;
+// A call of an observer in progress, which keeps the observer from being deleted.
+class Notifiee::Call {
+  public:
+    explicit Call(Notifiee* callee) : callee_(callee) { ++callee_->calls_; }
+    ~Call() {
+        if (--callee_->calls_ == 0 && __builtin_expect(callee_->gone_, 0)) {
+            callee_->PtrInterface::zeroReferencesIs(true);
         }
-        ~Scope() {
-            callee_->call_ = outer_;
-            if (__builtin_expect(call_->gone, 0)) {
-                callee_->zeroReferencesIs(true);  // An outer call of it defers this once more.
-            }
-        }
-        Scope(const Scope&) = delete;
-        Scope& operator=(const Scope&) = delete;
+    }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
 
-      private:
-        Notifiee* const callee_;
-        Call* const outer_;
-        Call* const call_;
-    };
+  private:
+    Notifiee* const callee_;
 };
 
 NotifieeList::~NotifieeList() {
+    require(walks_ == nullptr, "walks_ == nullptr");
     delAll();
 }
 
 void NotifieeList::delAll() {
+    // Observers may hold the last references to the owner.
+    const Ptr<Entity> owner = first_ == nullptr ? nullptr : first_->notifier_;
     while (first_ != nullptr) {
         first_->notifierIs(nullptr);
     }
@@ -76,9 +70,8 @@ void NotifieeList::notify(const Change& change) {
     do {
         Notifiee* const each = walk.next;
         walk.next = each->next_;
-        if (each->wanted_.contains(change.attribute) && each->hasNotificationActive()) {
-            Notifiee::Call call{false};
-            const Notifiee::Call::Scope calling(each, &call);
+        if ((each->wanted_ >> change.attribute.number & 1) != 0 && each->hasNotificationActive()) {
+            const Notifiee::Call call(each);
             each->handleChange(change);
         }
     } while (walk.next != nullptr && walk.next->addedAs_ <= newest);
@@ -102,12 +95,6 @@ void NotifieeList::remove(Notifiee* notifiee) {
     (notifiee->next_ != nullptr ? notifiee->next_->previous_ : last_) = notifiee->previous_;
 }
 
-constinit const FwkType Entity::type{"Mox::Entity", nullptr, {}};
-
-const FwkType* Entity::fwkType() const {
-    return &type;
-}
-
 void Entity::zeroReferencesIs(bool zero) {
     if (zero && notifiees_.walks_ != nullptr) {
         notifiees_.gone_ = this;
@@ -122,25 +109,23 @@ String Entity::name() const {
 
 void Entity::handleParent(Ptr<Entity>) {}
 
-Notifiee::Notifiee(Ptr<Entity> notifier, AttributeSet wanted) : wanted_(wanted) {
-    notifierIs(std::move(notifier));
-}
-
 Notifiee::~Notifiee() {
     notifierIs(nullptr);
 }
 
 void Notifiee::zeroReferencesIs(bool zero) {
-    if (zero && call_ != nullptr) {
-        call_->gone = true;
+    if (zero && calls_ != 0) {
+        gone_ = true;
         return;
     }
     PtrInterface::zeroReferencesIs(zero);
 }
 
 void Notifiee::notifierIs(Ptr<Entity> notifier) {
-    // The old notifier is dropped last, when this object is in order: it may go with this
-    // reference.
+    require(!notifier || notifier->fwkType()->isA(*notifierType_),
+            "notifier is of a class without the wanted attributes");
+    // The old notifier is dropped last, when this object is consistent: this may be the last
+    // reference to it.
     const Ptr<Entity> old = std::exchange(notifier_, std::move(notifier));
     if (old) {
         old->notifieeList()->remove(this);

@@ -14,18 +14,6 @@
 
 namespace Mox {
 
-namespace {
-
-constexpr const AttributeBase* attributes[] = {
-    &FileDescriptor::readableCountAttr,    &FileDescriptor::writableCountAttr,
-    &FileDescriptor::nonBlockingAttr,      &FileDescriptor::notifyOnReadableAttr,
-    &FileDescriptor::notifyOnWritableAttr,
-};
-
-}  // namespace
-
-constinit const FwkType FileDescriptor::type{"Mox::FileDescriptor", &Entity::type, attributes};
-
 FileDescriptor::FileDescriptor(int descriptor, Ownership ownership)
     : descriptor_(descriptor), ownership_(ownership) {
     const int flags = fcntl(descriptor_, F_GETFL);
@@ -46,10 +34,6 @@ void FileDescriptor::close() {
     if (ownership_ == Ownership::owned && descriptor >= 0) {
         (void)::close(descriptor);  // Linux frees the number whatever it answers.
     }
-}
-
-const FwkType* FileDescriptor::fwkType() const {
-    return &type;
 }
 
 String FileDescriptor::name() const {
@@ -75,39 +59,13 @@ void FileDescriptor::watchingIs(Watching watching) {
     }
 }
 
-void FileDescriptor::readableCountIs(uint32_t count) {
-    if (changed(readableCount_, count)) {
-        notify(readableCountAttr);
-    }
-}
-
-uint32_t FileDescriptor::readableCountInc(uint32_t delta) {
-    const Ptr<FileDescriptor> hold(this);
-    readableCountIs(readableCount_ + delta);
-    return readableCount_;
-}
-
-void FileDescriptor::writableCountIs(uint32_t count) {
-    if (changed(writableCount_, count)) {
-        notify(writableCountAttr);
-    }
-}
-
-uint32_t FileDescriptor::writableCountInc(uint32_t delta) {
-    const Ptr<FileDescriptor> hold(this);
-    writableCountIs(writableCount_ + delta);
-    return writableCount_;
-}
-
 void FileDescriptor::nonBlockingIs(bool nonBlocking) {
     const int flags = fcntl(descriptor_, F_GETFL);
     const int wanted = nonBlocking ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
     if (flags < 0 || (wanted != flags && fcntl(descriptor_, F_SETFL, wanted) < 0)) {
         throwErrnoException("fcntl(F_SETFL)");
     }
-    if (changed(nonBlocking_, nonBlocking)) {
-        notify(nonBlockingAttr);
-    }
+    attributeIs(nonBlocking_, nonBlocking, nonBlockingAttr);
 }
 
 void FileDescriptor::notifyOnReadableIs(bool notify) {
@@ -119,7 +77,8 @@ void FileDescriptor::notifyOnWritableIs(bool notify) {
     watch(&notifyOnWritable_, notify, notifyOnWritableAttr);
 }
 
-void FileDescriptor::watch(bool* interest, bool notifyNow, const AttributeBase& attribute) {
+void FileDescriptor::watch(bool* interest, bool notifyNow,
+                           const Attribute<FileDescriptor>& attribute) {
     // An edge-triggered owner that asks again wants to hear of what is there already.
     const bool again = notifyNow && *interest && watching_ == Watching::edge;
     if (*interest == notifyNow && !again) {

@@ -25,7 +25,7 @@ class EventLoop;
 ///
 /// A hang-up or an error of the descriptor counts as readiness for whatever interest there is;
 /// without interest the descriptor is not watched at all.
-class MOX_EXPORT FileDescriptor : public Entity {
+class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
   public:
     /// Who closes the descriptor: this object, with its last reference, or somebody else.
     enum class Ownership { owned, borrowed };
@@ -36,14 +36,20 @@ class MOX_EXPORT FileDescriptor : public Entity {
     static constexpr Attribute<FileDescriptor> nonBlockingAttr{2, "nonBlocking"};
     static constexpr Attribute<FileDescriptor> notifyOnReadableAttr{3, "notifyOnReadable"};
     static constexpr Attribute<FileDescriptor> notifyOnWritableAttr{4, "notifyOnWritable"};
-    static const FwkType type;
+    static constexpr auto description() {
+        return classRecord("Mox::FileDescriptor",
+                           attribute(readableCountAttr, &FileDescriptor::readableCount),
+                           attribute(writableCountAttr, &FileDescriptor::writableCount),
+                           attribute(nonBlockingAttr, &FileDescriptor::nonBlocking),
+                           attribute(notifyOnReadableAttr, &FileDescriptor::notifyOnReadable),
+                           attribute(notifyOnWritableAttr, &FileDescriptor::notifyOnWritable));
+    }
 
     /// @throws Mox::ErrnoException "fcntl(F_GETFL)" when `descriptor` is not open; owned, it is
     /// then closed.
     explicit FileDescriptor(int descriptor, Ownership ownership = Ownership::owned);
     ~FileDescriptor() override;
 
-    const FwkType* fwkType() const override;
     String name() const override;
 
     /// The number, or -1 once it was given up.
@@ -58,11 +64,15 @@ class MOX_EXPORT FileDescriptor : public Entity {
     void watchingIs(Watching watching);
 
     uint32_t readableCount() const { return readableCount_; }
-    void readableCountIs(uint32_t count);
-    uint32_t readableCountInc(uint32_t delta);
+    void readableCountIs(uint32_t count) { attributeIs(readableCount_, count, readableCountAttr); }
+    uint32_t readableCountInc(uint32_t delta) {
+        return attributeInc(readableCount_, delta, readableCountAttr);
+    }
     uint32_t writableCount() const { return writableCount_; }
-    void writableCountIs(uint32_t count);
-    uint32_t writableCountInc(uint32_t delta);
+    void writableCountIs(uint32_t count) { attributeIs(writableCount_, count, writableCountAttr); }
+    uint32_t writableCountInc(uint32_t delta) {
+        return attributeInc(writableCount_, delta, writableCountAttr);
+    }
 
     /// O_NONBLOCK, as it was when this object was made and as it was set here since.
     bool nonBlocking() const { return nonBlocking_; }
@@ -96,7 +106,7 @@ class MOX_EXPORT FileDescriptor : public Entity {
         bool queued = false;
     };
 
-    void watch(bool* interest, bool notify, const AttributeBase& attribute);
+    void watch(bool* interest, bool notify, const Attribute<FileDescriptor>& attribute);
     void readinessSeen(bool readable, bool writable);
     void report(const Report& due);
     uint32_t epollEvents() const;

@@ -30,14 +30,13 @@ void PtrInterface::zeroReferencesIs(bool zero) {
 }
 
 const FwkType* PtrInterface::fwkType() const {
-    static constexpr FwkType record{"Mox::PtrInterface", nullptr, {}};
-    return &record;
+    return &fwkTypeOf<PtrInterface>();
 }
 
 void PtrInterface::lastReferenceGone() const {
-    references_ = dying;
+    references_.store(dying, std::memory_order_relaxed);
     auto* self = const_cast<PtrInterface*>(this);
-    self->notificationActive_ = false;  // An observer hears nothing of what its members do last.
+    self->notificationActive_ = false;  // What its members do last does not notify an observer.
     self->zeroReferencesIs(true);
 }
 

@@ -5,9 +5,8 @@
 #include <atomic>
 #include <compare>
 #include <cstdint>
-#include <functional>
-#include <ostream>
 #include <type_traits>
+#include <typeindex>  // Declares std::hash.
 #include <utility>
 
 #include "Mox/Export.h"
@@ -36,25 +35,34 @@ inline uint32_t countChanged(std::atomic<uint32_t>& count, uint32_t delta) {
 
 }  // namespace Detail
 
-/// The intrusive count, and what the framework asks of every object. The virtual operations stand
-/// in a fixed order, since agents are compiled against it.
+/// The base of all that `Ptr` points to: the count of references, and what the framework asks of
+/// every object. The virtual functions stand in a fixed order, since agents are compiled against
+/// it.
 ///
-/// An object is born with one reference, which `Mox::make` hands to the `Ptr` it returns: a `Ptr`
-/// to itself that a constructor makes and drops deletes nothing. An object on the stack keeps that
-/// first reference for life.
+/// An object starts with one reference, which `Mox::make` hands to the `Ptr` that it returns: a
+/// `Ptr` to itself that a constructor makes and drops deletes nothing. An object on the stack keeps
+/// that first reference for life.
 ///
 /// Counting is plain until the process says that it shares objects between threads.
 class MOX_EXPORT PtrInterface {
   public:
+    using DescribedClass = PtrInterface;
+
     PtrInterface(const PtrInterface&) = delete;
     PtrInterface& operator=(const PtrInterface&) = delete;
+
+    /// `Ptr(new T)` would hold two references where there is one holder, so that the object would
+    /// never be deleted: objects come from `Mox::make<T>(...)`. A class with allocation of its own
+    /// declares both operators again.
+    static void* operator new(std::size_t) = delete;
+    static void* operator new[](std::size_t) = delete;
 
     /// The observers of this object, or null for an object that is not observed.
     virtual NotifieeList* notifieeList();
     /// Switches this object, as an observer, on or off.
     virtual void hasNotificationActiveIs(bool active);
     /// Called with true when the last reference has gone; deletes the object. A machine detaches
-    /// its inner reactors here, while its members still live.
+    /// its inner reactors here, while its members still exist.
     virtual void zeroReferencesIs(bool zero);
     /// The framework's record of the object's class.
     virtual const FwkType* fwkType() const;
@@ -65,9 +73,9 @@ class MOX_EXPORT PtrInterface {
 
     // For a class that keeps objects whose last reference has gone, to use them again.
 
-    /// Takes this object out of the number of those that live.
+    /// Takes this object out of `liveObjects()`.
     void putAside() const { Detail::countChanged(Detail::liveObjects, ~0u); }
-    /// Lets it live again, with the one reference that an object is born with.
+    /// Counts it again, with the one reference that an object starts with.
     void takeBack() const {
         references_.store(1, std::memory_order_relaxed);
         Detail::countChanged(Detail::liveObjects, 1);
@@ -88,7 +96,9 @@ class MOX_EXPORT PtrInterface {
             lastReferenceGone();
         }
     }
-    uint32_t references() const { return references_.load(std::memory_order_relaxed); }
+    /// A caller that finds itself the only holder may write: it sees what others wrote before they
+    /// let go.
+    uint32_t references() const { return references_.load(std::memory_order_acquire); }
 
   private:
     void lastReferenceGone() const;
@@ -97,13 +107,13 @@ class MOX_EXPORT PtrInterface {
     bool notificationActive_ = false;
 };
 
-/// Objects of the framework that live at this moment, in the whole process: a test that ends with
+/// Objects of the framework that exist at this moment in the whole process: a test that ends with
 /// the number it began with has leaked none.
 inline uint32_t liveObjects() {
     return Detail::liveObjects.load(std::memory_order_relaxed);
 }
 
-/// Tells `Ptr` to take over the reference that an object is born with.
+/// Makes `Ptr` take over the reference that an object starts with.
 struct AdoptReference {};
 
 template <class U, class T>
@@ -161,12 +171,42 @@ class Ptr {
     T* object_ = nullptr;
 };
 
+/// `ptr` as a pointer to `T`; null when the object is of another class.
+template <class T, class U>
+Ptr<T> dynamicPtrCast(const Ptr<U>& ptr) {
+    return dynamic_cast<T*>(ptr.ptr());
+}
+
+namespace Detail {
+
+/// What `make` creates for `T`: a class derived from it where `T` asks for that.
+template <class T>
+struct Made {
+    using Type = T;
+};
+template <class T>
+requires requires {
+    typename T::template Made<T>;
+}
+struct Made<T> {
+    using Type = typename T::template Made<T>;
+};
+
+}  // namespace Detail
+
 /// A new object with its notifications active: what every factory function returns.
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
-    Ptr<T> object(new T(std::forward<Args>(args)...), AdoptReference());
-    object->hasNotificationActiveIs(true);
-    return object;
+    using Made = typename Detail::Made<T>::Type;
+    T* object;
+    if constexpr (requires { T::operator new(sizeof(T)); }) {
+        object = new Made(std::forward<Args>(args)...);
+    } else {
+        object = ::new Made(std::forward<Args>(args)...);
+    }
+    Ptr<T> made(object, AdoptReference());
+    made->hasNotificationActiveIs(true);
+    return made;
 }
 
 }  // namespace Mox

@@ -11,7 +11,6 @@
 #include "Pavo/Ip6Pam.h"
 #include "Pavo/IpPam.h"
 #include "Pavo/PamFdSm.h"
-#include "support/TestEntity.h"
 
 namespace Pavo {
 namespace {
@@ -120,7 +119,7 @@ TEST_F(PamTest, SlotsTellOfRealChangesOnly) {
     pam_->savedPacketRxIs(0, false);
     EXPECT_EQ(told, 2u);
     pam_->savedPacketRxDelAll();
-    EXPECT_EQ(told, 212u);
+    EXPECT_EQ(told, 221u);  // From the last slot to the first.
 }
 
 TEST_F(PamTest, OperationsThatAClassDoesNotOfferStopTheProcess) {
@@ -129,8 +128,17 @@ TEST_F(PamTest, OperationsThatAClassDoesNotOfferStopTheProcess) {
     EXPECT_DEATH(ip->rxPkt(), "!\"IpPam doesn't use this interface.\"");
 }
 
-TEST_F(PamTest, AttributeNumbersAreDenseAlongAChainOfClasses) {
-    EXPECT_EQ(PavoTest::attributeFault(Ip6PamVrrp::type), "");
+TEST_F(PamTest, GivesEachAttributeAsText) {
+    const auto pam = ip6PamVrrpFactory("vrrp", 1, NamespaceName());
+    pam->txDstIpAddrIs(Mox::fromText<Ip6Addr>("ff02::12"));
+    pam->txTTLIs(IpTtl(255));
+    pam->txErrnoIs(-1);
+    EXPECT_EQ(attributeText(*pam, "txDstIpAddr"), "ff02::12");
+    EXPECT_EQ(attributeText(*pam, "txTTL"), "255");
+    EXPECT_EQ(attributeText(*pam, "txErrno"), "-1");
+    EXPECT_EQ(attributeText(*pam, "enabled"), "false");
+    EXPECT_EQ(attributeText(*pam, "txIfName"), "");
+    EXPECT_EQ(attributeText(*pam, "savedPacket"), std::nullopt);  // A collection.
 }
 
 }  // namespace

@@ -2,18 +2,92 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
-#include "support/TestEntity.h"
+#include "Mox/Collections.h"
 
 namespace Mox {
 namespace {
 
-using PavoTest::Recorder;
-using PavoTest::TestEntity;
+class Link : public EntityOf<Link> {
+  public:
+    static constexpr Attribute<Link> mtuAttr{0, "mtu"};
+    static constexpr Attribute<Link, String> addressAttr{1, "address"};
+    static constexpr auto description() {
+        return classRecord("Test::Link", attribute(mtuAttr, &Link::mtu), attribute(addressAttr));
+    }
+
+    uint32_t mtu() const { return mtu_; }
+    void mtuIs(uint32_t mtu) { attributeIs(mtu_, mtu, mtuAttr); }
+    uint32_t mtuInc(uint32_t delta) { return attributeInc(mtu_, delta, mtuAttr); }
+    const Set<String>& address() const { return address_; }
+    void addressIs(const String& address, bool isMember = true) {
+        memberIs(address_, address, isMember, addressAttr);
+    }
+    void addressDelAll() { memberDelAll(address_, addressAttr); }
+
+  private:
+    uint32_t mtu_ = 0;
+    Set<String> address_;
+};
+
+class Tunnel : public EntityOf<Tunnel, Link> {
+  public:
+    static constexpr Attribute<Tunnel> costAttr{2, "cost"};
+    static constexpr Attribute<Tunnel> lowerAttr{3, "lower"};
+    static constexpr Attribute<Tunnel> timerAttr{4, "timer"};
+    static constexpr auto description() {
+        return classRecord("Test::Tunnel", attribute(costAttr, &Tunnel::cost),
+                           attribute(lowerAttr, &Tunnel::lower),
+                           attribute(timerAttr, &Tunnel::timer));
+    }
+
+    String name() const override { return "tunnel"; }
+    double cost() const { return 0.5; }
+    Ptr<Entity> lower() const { return lower_; }
+    void lowerIs(Ptr<Entity> lower) { attributeIs(lower_, std::move(lower), lowerAttr); }
+    const int* timer() const { return nullptr; }
+
+  private:
+    Ptr<Entity> lower_;
+};
+
+struct Reactor : Notifiee {
+    explicit Reactor(const Ptr<Tunnel>& tunnel) : Notifiee(tunnel, allAttributes) {}
+    void handleChange(const Change&) override {}
+};
+
+template <class T, class Token>
+concept Watchable = requires(Ptr<T> entity, Token token) {
+    Watch<T>(entity, token, [] {});
+};
+template <class T>
+concept Newable = requires {
+    new T;
+};
+template <uint8_t number>
+concept Numbered = requires {
+    typename std::bool_constant<(Attribute<Link>(number, ""), true)>;
+};
+
+static_assert(Watchable<Tunnel, Attribute<Link>> && !Watchable<Link, Attribute<Tunnel>>);
+static_assert(!Newable<Link>);
+static_assert(std::is_abstract_v<Reactor>);  // Neither on the stack nor a member.
+static_assert(Numbered<63> && !Numbered<64>);
+
+template <std::size_t count>
+constexpr bool isFaulty(const AttributeRecord (&attributes)[count]) {
+    return attributeFault(FwkType{"Test::Faulty", &fwkTypeOf<Link>(), attributes, 2}) != nullptr;
+}
+static_assert(!isFaulty({{{2, "a"}, nullptr}, {{3, "b"}, nullptr}}));
+static_assert(isFaulty({{{2, "a"}, nullptr}, {{2, "b"}, nullptr}}));
+static_assert(isFaulty({{{3, "a"}, nullptr}}));
+static_assert(isFaulty({{{1, "a"}, nullptr}}));
+static_assert(isFaulty({{{2, "a"}, nullptr}, {{3, "a"}, nullptr}}));
+static_assert(isFaulty({{{2, "mtu"}, nullptr}}));
 
 // Every test ends with the objects it began with.
 class EntityTest : public testing::Test {
@@ -24,174 +98,109 @@ class EntityTest : public testing::Test {
     const uint32_t before_ = liveObjects();
 };
 
-// An entity with observers A, B and C, in this order; B acts.
-struct Scene {
-    Scene() {
-        for (const char name : {'A', 'B', 'C'}) {
-            observers.push_back(make<Recorder>(entity, name, &log));
-        }
-    }
-    Ptr<Recorder>& a() { return observers[0]; }
-    Ptr<Recorder>& b() { return observers[1]; }
-    Ptr<Recorder>& c() { return observers[2]; }
-
+TEST_F(EntityTest, NotifiesOfChangesOnlyAndOnlyObserversThatWantThem) {
+    const Ptr<Link> link = make<Link>();
     std::string log;
-    Ptr<TestEntity> entity = make<TestEntity>();
-    Ptr<TestEntity> another = make<TestEntity>();
-    std::vector<Ptr<Recorder>> observers;
-};
-
-TEST_F(EntityTest, ObserversMayDoAnythingWhileTheyAreNotified) {
-    using Action = void (*)(Scene&);
-    const Action setsAgain = [](Scene& s) { s.entity->levelIs(s.entity->level() + 1); };
-    const Action removesNext = [](Scene& s) { s.c()->notifierIs(nullptr); };
-    const Action destroysItself = [](Scene& s) { s.b() = nullptr; };
-    const Action endsWithTheNextOne = [](Scene& s) {
-        s.b()->owned = std::exchange(s.c(), nullptr);
-        s.b() = nullptr;
-    };
-    const Action addsOne = [](Scene& s) {
-        s.observers.push_back(make<Recorder>(s.entity, 'D', &s.log));
-    };
-    const Action dropsAll = [](Scene& s) {
-        s.entity->notifieeList()->delAll();
-        s.entity = nullptr;
-    };
-    const Action throws = [](Scene&) { throw std::runtime_error("B"); };
-    const struct {
-        const char* what;
-        Action first;             // What B does when it is called first.
-        const char* heard;        // Who was called for the first change, "!" for an exception,
-        const char* heardNext;    // and for a later one; null when the entity has gone.
-        Action second = nullptr;  // What B does inside the first action, where that sets again.
-    } cases[] = {
-        {"leaves", [](Scene& s) { s.b()->notifierIs(nullptr); }, "ABC", "AC"},
-        {"removes the next", removesNext, "AB", "AB"},
-        {"removes the one before", [](Scene& s) { s.a()->notifierIs(nullptr); }, "ABC", "BC"},
-        {"removes all", [](Scene& s) { s.entity->notifieeList()->delAll(); }, "AB", ""},
-        {"adds one", addsOne, "ABC", "ABCD"},
-        {"comes again", [](Scene& s) { s.b()->notifierIs(s.entity); }, "ABC", "ACB"},
-        {"makes C come again", [](Scene& s) { s.c()->notifierIs(s.entity); }, "AB", "ABC"},
-        {"goes elsewhere", [](Scene& s) { s.b()->notifierIs(s.another); }, "ABC", "AC"},
-        {"switches C off", [](Scene& s) { s.c()->hasNotificationActiveIs(false); }, "AB", "AB"},
-        {"destroys the next", [](Scene& s) { s.c() = nullptr; }, "AB", "AB"},
-        {"destroys itself", destroysItself, "ABC", "AC"},
-        {"destroys itself, and with it the next, which it owns", endsWithTheNextOne, "AB", "A"},
-        {"destroys all", [](Scene& s) { s.observers.clear(); }, "AB", ""},
-        {"sets again", setsAgain, "ABABCC", "ABC"},
-        {"sets again and removes the next of both", setsAgain, "ABAB", "AB", removesNext},
-        {"sets again and destroys itself", setsAgain, "ABABCC", "AC", destroysItself},
-        {"sets again and adds one", setsAgain, "ABABCC", "ABCD", addsOne},
-        {"drops the entity", [](Scene& s) { s.entity = nullptr; }, "ABC", nullptr},
-        {"drops the entity, with its observers", dropsAll, "AB", nullptr},
-        {"throws", throws, "AB!", "ABC"},
-        {"sets again and throws", setsAgain, "ABAB!", "ABC", throws},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        Scene scene;
-        std::vector<Action> actions = {c.second, c.first};
-        scene.b()->action = [&] {
-            const Action action = actions.empty() ? nullptr : actions.back();
-            actions.resize(actions.empty() ? 0 : actions.size() - 1);
-            if (action != nullptr) {
-                action(scene);
-            }
-        };
-        try {
-            scene.entity->levelIs(1);
-        } catch (const std::runtime_error&) {
-            scene.log += '!';
-        }
-        EXPECT_EQ(scene.log, c.heard);
-        EXPECT_EQ(scene.entity == nullptr, c.heardNext == nullptr);
-        if (scene.entity) {
-            scene.log.clear();
-            actions.clear();
-            scene.entity->levelIs(10);
-            EXPECT_EQ(scene.log, c.heardNext);
-        }
+    const auto calls = [&log] { return std::exchange(log, ""); };
+    const Watch<Link> mtu(link, Link::mtuAttr, [&] { log += "mtu "; });
+    const Watch<Link> address(link, Link::addressAttr,
+                              [&](const String& key) { log += key.view(); });
+    const Watch<Link> all(link, allAttributes, [&](const Change& change) {
+        log += change.is(Link::addressAttr) ? change.key(Link::addressAttr).view() : "any";
+        log += ' ';
+    });
+    link->mtuIs(0);
+    link->mtuIs(1);
+    EXPECT_EQ(link->mtuInc(2), 3u);
+    EXPECT_EQ(link->mtuInc(0), 3u);
+    EXPECT_EQ(calls(), "mtu any mtu any ");
+    for (const char* each : {"b", "b", "a", "c"}) {
+        link->addressIs(each);
     }
+    EXPECT_EQ(calls(), "bb aa cc ");
+    link->addressIs(*link->address().begin(), false);  // Refers to the member that is deleted.
+    link->addressIs("a", false);
+    link->addressDelAll();
+    EXPECT_EQ(calls(), "aa bb cc ");
 }
 
-TEST_F(EntityTest, TellsOfChangesOnlyAndOnlyWhoAskedForThem) {
-    const Ptr<TestEntity> entity = make<TestEntity>();
-    std::string log;
-    const auto heard = [&log] { return std::exchange(log, ""); };
-    const Watch<TestEntity> level(entity, TestEntity::levelAttr, [&] { log += "level "; });
-    const Watch<TestEntity> member(entity, TestEntity::memberAttr, [&](uint32_t key) {
-        log += "member " + std::to_string(key) + " ";
-    });
-    const Watch<TestEntity> all(entity, AttributeSet::all(), [&](const Change& change) {
-        log += change.is(TestEntity::memberAttr)
-                   ? "all " + std::to_string(change.key(TestEntity::memberAttr)) + " "
-                   : "all ";
-    });
-    entity->levelIs(0);
-    entity->levelIs(1);
-    EXPECT_EQ(heard(), "level all ");
-    entity->otherIs(1);
-    EXPECT_EQ(heard(), "all ");
-    for (const uint32_t member : {7, 7, 4}) {
-        entity->memberIs(member);
+TEST_F(EntityTest, GivesTheValueOfAnAttributeByName) {
+    const Ptr<Tunnel> tunnel = make<Tunnel>();
+    EXPECT_EQ(attributeText(*tunnel, "lower"), "null");
+    tunnel->mtuIs(1500);
+    tunnel->lowerIs(make<Link>());
+    const struct {
+        const char* name;
+        std::optional<String> text;
+    } rows[] = {{"mtu", "1500"},   {"cost", "0.5"}, {"lower", "Test::Link"},
+                {"timer", "null"}, {"mtus", {}},    {"address", {}}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(attributeText(*tunnel, row.name), row.text) << row.name;
     }
-    EXPECT_EQ(heard(), "member 7 all 7 member 4 all 4 ");
-    entity->memberDelAll();
-    EXPECT_EQ(heard(), "member 4 all 4 member 7 all 7 ");
+    tunnel->lowerIs(make<Tunnel>());
+    EXPECT_EQ(attributeText(*tunnel, "lower"), "tunnel");
+    EXPECT_EQ(tunnel->fwkType()->base, &fwkTypeOf<Link>());
+    EXPECT_EQ(dynamicPtrCast<Tunnel>(tunnel->lower())->mtu(), 0u);
+    EXPECT_EQ(dynamicPtrCast<Tunnel>(Ptr<Link>(make<Link>())), nullptr);
 }
 
 TEST_F(EntityTest, AWatchMayBeDestroyedOrReplacedFromInsideItsCall) {
-    const Ptr<TestEntity> entity = make<TestEntity>();
+    const Ptr<Link> link = make<Link>();
     std::string log;
     const std::string text(100, 'x');  // Would be freed with the handler that holds it.
-    Watch<TestEntity> watch(entity, TestEntity::levelAttr, [&, text] {
-        watch = Watch<TestEntity>(entity, TestEntity::levelAttr, [&] {
+    Watch<Link> watch(link, Link::mtuAttr, [&, text] {
+        watch = Watch<Link>(link, Link::mtuAttr, [&] {
             log += 'n';
-            Watch<TestEntity> another(entity, TestEntity::levelAttr, [&] { log += 'a'; });
+            Watch<Link> another(link, Link::mtuAttr, [&] { log += 'a'; });
             watch = std::move(another);
-            entity->levelIs(9);  // Not heard by this one, though its call still runs.
+            link->mtuIs(9);  // Does not notify this one, though its call still runs.
         });
         log += text;
     });
-    entity->levelIs(1);
-    entity->levelIs(2);
+    link->mtuIs(1);
+    link->mtuIs(2);
     EXPECT_EQ(log, text + "na");
 }
 
 TEST_F(EntityTest, EitherSideMayGoFirst) {
-    std::string log;
-    const Ptr<Recorder> observer = make<Recorder>(nullptr, 'A', &log);
+    const Ptr<Reactor> observer = make<Reactor>(nullptr);
     {
-        TestEntity onStack;
-        observer->notifierIs(Ptr<TestEntity>(&onStack));
-        onStack.levelIs(1);
-        Recorder goesFirst(Ptr<TestEntity>(&onStack), 'B', &log);  // Inactive until told.
-        onStack.levelIs(2);
-        goesFirst.hasNotificationActiveIs(true);
-        onStack.levelIs(3);
-        EXPECT_EQ(onStack.references(), 3u);
+        Tunnel onStack;
+        observer->notifierIs(Ptr<Tunnel>(&onStack));
+        EXPECT_EQ(onStack.references(), 2u);
     }
     EXPECT_EQ(observer->notifier(), nullptr);
-    observer->notifierIs(make<TestEntity>());  // Held by its observer alone.
-    static_cast<TestEntity*>(observer->notifier())->levelIs(1);
-    observer->notifierIs(nullptr);
-    EXPECT_EQ(log, "AAABA");
+    observer->notifierIs(make<Tunnel>());  // Held by its observer alone.
+    EXPECT_EQ(observer->notifier()->references(), 1u);
+    observer->notifier()->notifieeList()->delAll();
+    EXPECT_EQ(observer->notifier(), nullptr);
 }
 
-TEST_F(EntityTest, AnObserverThatIsBeingDestroyedHearsNothing) {
+TEST_F(EntityTest, AnObserverThatIsBeingDestroyedIsNotNotified) {
     struct SetsAtTheEnd {
-        ~SetsAtTheEnd() { entity->levelIs(9); }
-        Ptr<TestEntity> entity;
+        ~SetsAtTheEnd() { link->mtuIs(9); }
+        Ptr<Link> link;
     };
     struct Dying : Notifiee {
-        explicit Dying(const Ptr<TestEntity>& entity)
-            : Notifiee(entity, AttributeSet::all()), last{entity} {}
+        explicit Dying(const Ptr<Link>& link) : Notifiee(link, allAttributes), last{link} {}
         void handleChange(const Change&) override { ADD_FAILURE(); }
-        SetsAtTheEnd last;  // Goes when there is no `handleChange` any more.
+        SetsAtTheEnd last;  // Destroyed when there is no `handleChange` any more.
     };
-    const Ptr<TestEntity> entity = make<TestEntity>();
-    make<Dying>(entity) = nullptr;
-    EXPECT_EQ(entity->level(), 9);
+    const Ptr<Link> link = make<Link>();
+    make<Dying>(link) = nullptr;
+    EXPECT_EQ(link->mtu(), 9u);
+}
+
+TEST_F(EntityTest, MisuseStopsTheProcess) {
+    const Ptr<Reactor> observer = make<Reactor>(nullptr);
+    EXPECT_DEATH(observer->notifierIs(make<Link>()),
+                 "assertion failed: notifier is of a class without the wanted attributes");
+    std::optional<Link> owned(std::in_place);
+    const Watch<Link> watch(Ptr<Link>{&*owned}, allAttributes, [&](const Change& change) {
+        EXPECT_DEATH(change.key(Link::addressAttr), "assertion failed: is\\(token\\)");
+        EXPECT_DEATH(owned.reset(), "assertion failed: walks_ == nullptr");
+    });
+    owned->mtuIs(1);
 }
 
 }  // namespace

@@ -22,7 +22,6 @@
 #include "Mox/FileDescriptor.h"
 #include "sandbox/Sandbox.h"
 #include "support/FailSyscall.h"
-#include "support/TestEntity.h"
 
 namespace Mox {
 namespace {
@@ -492,10 +491,6 @@ TEST_F(EventLoopTest, IsTheOnlyOneOfItsThread) {
         EXPECT_EQ(EventLoop::current(), &there);
     }).join();
     EXPECT_EQ(EventLoop::current(), &*loop);
-}
-
-TEST(FileDescriptor, NumbersItsAttributesOnce) {
-    EXPECT_EQ(PavoTest::attributeFault(FileDescriptor::type), "");
 }
 
 TEST(EventLoop, LeavesNothingOpenWhenItCannotBeMade) {

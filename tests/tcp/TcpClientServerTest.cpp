@@ -451,7 +451,7 @@ bool meddle(const Life<Agent>& life, const char* acts, unsigned n) {
     std::optional<Agent> agent;
     life.make(agent);
     unsigned changes = 0;
-    Mox::Watch watch(agent->status, Mox::AttributeSet::all(), [&](const Mox::Change&) {
+    Mox::Watch watch(agent->status, Mox::allAttributes, [&](const Mox::Change&) {
         if (++changes != n) {
             return;
         }
