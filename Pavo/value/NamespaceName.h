@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/String.h"
 #include "Mox/ValueType.h"
@@ -13,27 +14,26 @@
 
 namespace Pavo {
 
-/// The name of a network namespace: any text of at most 150 bytes. The empty name, which is the
-/// default, and `defaultNamespace()` both mean the namespace in which the process started. Text is
-/// the name, and all of the input is read as one. Ordered byte by byte.
+/// The name of a network namespace: text of at most 150 bytes without a NUL, at which file names
+/// end. The empty name, which is the default, and `defaultNamespace()` both mean the namespace in
+/// which the process started. The whole input of a parser is the name. Ordered byte by byte.
+///
+/// Constructors and the setter throw Mox::RangeException with
+/// "NamespaceName::value::bytes > 150 not allowed" or, for a NUL, "Invalid NamespaceName".
 class NamespaceName : public Mox::ValueType<NamespaceName> {
   public:
     static constexpr uint32_t maxBytes = 150;
 
     NamespaceName() = default;
-    /// @throws Mox::RangeException "NamespaceName::value::bytes > 150 not allowed"
     explicit NamespaceName(const Mox::String& value) { valueIs(value); }
-    /// @throws Mox::RangeException "NamespaceName::value::bytes > 150 not allowed"
     NamespaceName(TextIt& it, const TextIt& end) { readText(it, end); }
-    /// @throws Mox::RangeException "NamespaceName::value::bytes > 150 not allowed"
-    NamespaceName(Mox::NboAttrLog::In* in, Mox::StreamBogon) { valueIs(in->string()); }
+    NamespaceName(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The name of the namespace in which the process started.
     PAVO_EXPORT static NamespaceName defaultNamespace();
 
     const Mox::String& value() const { return value_; }
-    /// @throws Mox::RangeException "NamespaceName::value::bytes > 150 not allowed"; the name is
-    /// then unchanged.
+    /// A name that is refused leaves the value unchanged.
     PAVO_EXPORT void valueIs(const Mox::String& value);
 
     /// Not empty.
@@ -42,14 +42,18 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     friend bool operator==(const NamespaceName&, const NamespaceName&) = default;
     friend auto operator<=>(const NamespaceName&, const NamespaceName&) = default;
 
-    static constexpr const char* leftoverText = "NamespaceName::value::bytes > 150 not allowed";
+    static constexpr const char* leftoverText = "Invalid NamespaceName";
     static constexpr auto description() {
         return Mox::record("Pavo::NamespaceName", Mox::field("value", &NamespaceName::value_));
     }
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    const char* check() const { return errorOf(value_); }
     void print(Mox::TextWriter& out) const { out.text(value_); }
 
   private:
+    // Null, or the text of the range error.
+    PAVO_EXPORT static const char* errorOf(std::string_view value);
+
     Mox::String value_;
 };
 
