@@ -10,28 +10,29 @@ NamespaceState NamespaceStateInstance(const Mox::String& name) {
     return enumValue<NamespaceState>(name);
 }
 
-Mox::Ptr<NamespaceStatusLocal> NamespaceStatusLocalDir::nsIs(const NamespaceName& nsName) {
+// By value, here and below: an observer may delete the member that has the name.
+Mox::Ptr<NamespaceStatusLocal> NamespaceStatusLocalDir::nsIs(NamespaceName nsName) {
     const auto create = [&nsName](const Mox::String&) {
         return namespaceStatusLocalFactory(nsName);
     };
     if (!ns_.add(nsName.value(), Mox::Ptr<Mox::Entity>(this), create)) {
         return ns(nsName);
     }
-    const auto added = ns(nsName);  // An observer may delete it again.
+    const auto added = ns(nsName);  // An observer may remove it.
     notify(nsAttr, nsName);
     return added;
 }
 
-Mox::Ptr<Netns> NetnsFactory::netnsIs(const NamespaceName& ns) {
+Mox::Ptr<Netns> NetnsFactory::netnsIs(NamespaceName ns) {
     const auto create = [&ns](const Mox::String& name) {
-        const auto made = netnsFactory(name);
-        made->nsIs(ns);
-        return made;
+        const auto created = netnsFactory(name);
+        created->nsIs(ns);
+        return created;
     };
     if (!netns_.add(ns.value(), Mox::Ptr<Mox::Entity>(this), create)) {
         return netns(ns);
     }
-    const auto added = netns(ns);  // An observer may delete it again.
+    const auto added = netns(ns);  // An observer may remove it.
     notify(netnsAttr, ns);
     return added;
 }

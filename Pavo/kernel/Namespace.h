@@ -1,5 +1,5 @@
 /// @file
-/// Network namespaces as entities: which there are, and how far each has come.
+/// Network namespaces as entities: which exist, and the state of each.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace Pavo {
 
-/// How far the owner of a namespace has come with making or removing it.
+/// The life of a namespace: its owner creates it, agents use it, its owner removes it.
 enum class NamespaceState : uint32_t { initializing = 0, active = 1, deleting = 2 };
 
 /// @throws Mox::RangeException "Invalid NamespaceState"
@@ -32,8 +32,8 @@ constexpr auto enumDescription(NamespaceState) {
                                              {NamespaceState::deleting, "deleting"}});
 }
 
-/// What a process tells of one namespace: `initializing` while its owner makes it, `active` while
-/// agents may use it, `deleting` when they are to leave it.
+/// The state of one namespace as a process publishes it: `initializing` while its owner creates it,
+/// `active` while agents may use it, `deleting` when they have to leave it.
 class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLocal> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocal> stateAttr{0, "state"};
@@ -55,10 +55,8 @@ class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLoc
     NamespaceState state_ = NamespaceState::initializing;
 };
 
-// The two entities below notify with the member that was added or deleted; observers may change the
-// collection again meanwhile. It is in the order of the names.
-
-/// The namespaces of a process by name.
+/// The namespaces of a process, in the order of their names. Observers are notified with the name
+/// of each member added or removed, and may change the collection meanwhile.
 class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::EntityOf<NamespaceStatusLocalDir> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocalDir, NamespaceName> nsAttr{0, "ns"};
@@ -75,8 +73,8 @@ class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::EntityOf<NamespaceStatus
     Mox::Ptr<NamespaceStatusLocal> ns(const NamespaceName& nsName) const {
         return ns_.find(nsName.value());
     }
-    /// The status of that namespace, made unless there is one.
-    Mox::Ptr<NamespaceStatusLocal> nsIs(const NamespaceName& nsName);
+    /// The status of that namespace, created unless it exists.
+    Mox::Ptr<NamespaceStatusLocal> nsIs(NamespaceName nsName);
     void nsDel(const NamespaceName& nsName) { memberDel(ns_, nsName.value(), nsAttr); }
     void nsDelAll() { memberDelAll(ns_, nsAttr); }
 
@@ -105,7 +103,8 @@ class PAVO_EXPORT Netns : public Mox::EntityOf<Netns> {
     NamespaceName ns_;
 };
 
-/// The `Netns` of each namespace, one a namespace. It holds them until they are taken out.
+/// One `Netns` for each namespace, held until it is removed, in the order of their names. Observers
+/// are notified as those of `NamespaceStatusLocalDir`.
 class PAVO_EXPORT NetnsFactory : public Mox::EntityOf<NetnsFactory> {
   public:
     static constexpr Mox::Attribute<NetnsFactory, NamespaceName> netnsAttr{0, "netns"};
@@ -120,8 +119,8 @@ class PAVO_EXPORT NetnsFactory : public Mox::EntityOf<NetnsFactory> {
     const Mox::Directory<Netns>& netns() const { return netns_; }
     /// The entity of that namespace, or null.
     Mox::Ptr<Netns> netns(const NamespaceName& ns) const { return netns_.find(ns.value()); }
-    /// The entity of that namespace, made unless there is one, with its name and `ns` set.
-    Mox::Ptr<Netns> netnsIs(const NamespaceName& ns);
+    /// The entity of that namespace, created with its name and `ns` set unless it exists.
+    Mox::Ptr<Netns> netnsIs(NamespaceName ns);
     void netnsDel(const NamespaceName& ns) { memberDel(netns_, ns.value(), netnsAttr); }
 
   private:

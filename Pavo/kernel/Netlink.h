@@ -1,5 +1,5 @@
 /// @file
-/// Fields of netlink message headers and addresses as values, and who receives messages.
+/// Fields of netlink message headers and addresses as values, and the receiver of messages.
 #pragma once
 
 #include <linux/netlink.h>
@@ -33,7 +33,7 @@ class NetlinkMsgType : public Ordinal<NetlinkMsgType, uint16_t, 0xffff> {
     static constexpr const char* rangeText = "NetlinkMsgType::value < 0 or > 65535 not allowed";
 };
 
-/// The flags of a message, `nlmsg_flags`: NLM_F_REQUEST and others, joined.
+/// The flags of a message, `nlmsg_flags`: a bit mask of NLM_F_REQUEST and others.
 class NetlinkMsgFlags : public Ordinal<NetlinkMsgFlags, uint16_t, 0xffff> {
   public:
     using Ordinal::Ordinal;
@@ -70,11 +70,11 @@ static_assert(sizeof(NetlinkFamily) == 2 && sizeof(NetlinkMsgType) == 2 &&
 static_assert(std::is_trivially_copyable_v<NetlinkMsgType> &&
               std::is_trivially_copyable_v<NetlinkGroups>);
 
-/// Takes each message that is received: whoever reads a netlink socket hands them on in order.
+/// A receiver of netlink messages: the reader of a socket passes each message to it, in order.
 class PAVO_EXPORT NetlinkMessageCallback {
   public:
-    /// Takes one message, `nlmsg_len` bytes with the header, which stays the caller's. The version
-    /// of this class is an assertion, "NetlinkMessageCallback::callback not overwritten".
+    /// Receives one message, `nlmsg_len` bytes with the header, which the caller owns. Unless a
+    /// derived class overrides it: assertion "NetlinkMessageCallback::callback not overwritten".
     virtual void callback(nlmsghdr* message);
     virtual ~NetlinkMessageCallback() = default;
 };

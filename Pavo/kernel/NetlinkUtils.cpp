@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -27,10 +28,10 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::NetlinkUtils");
 
-// Of the message sent last, by whatever handle.
+// The number of the last message, of all handles.
 uint32_t sequenceNumber = 999;
 
-// What is read of an answer. The kernel repeats the request behind it, which nobody needs.
+// The part of an answer that is read. The kernel's copy of the request, which follows, is not.
 struct Answer {
     nlmsghdr header;
     nlmsgerr body;
@@ -55,7 +56,7 @@ bool setNonBlocking(int fd) {
     return false;
 }
 
-// Binds to `h->local`, and reads back what the kernel has made of it.
+// Binds to `h->local`, and reads back the address that the kernel assigned.
 bool bindLocal(netlinkHandle* h) {
     auto* const address = reinterpret_cast<sockaddr*>(&h->local);
     socklen_t length = sizeof(h->local);
@@ -87,7 +88,7 @@ bool sendNumbered(netlinkHandle* h, nlmsghdr* msg) {
     return send(h->fd, msg, msg->nlmsg_len, 0) >= 0;
 }
 
-// The bytes behind the header of an attribute, of which `rta_len` may say anything.
+// The bytes after the header of an attribute, whose `rta_len` may hold any number.
 uint32_t payloadBytes(const rtattr* attribute) {
     return attribute->rta_len < RTA_LENGTH(0) ? 0 : attribute->rta_len - RTA_LENGTH(0);
 }
@@ -102,8 +103,7 @@ void copyAddress(rtattr* attribute, Address* address) {
     address->copyFromBuffer(static_cast<const unsigned char*>(RTA_DATA(attribute)));
 }
 
-// Both requests about a group: `type` says what is done, and `ifIndex` to which link; 0 leaves the
-// choice to the group.
+// The requests about groups: `type` is the operation, `ifIndex` the link, or 0 for all of the group.
 int sendGroupRequest(netlinkHandle* h, uint16_t type, unsigned ifIndex, uint32_t group) {
     constexpr int bytes = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_LENGTH(sizeof(group));
     NetlinkRequest<ifinfomsg, bytes> request(type, NLM_F_REQUEST | NLM_F_ACK);
@@ -111,6 +111,29 @@ int sendGroupRequest(netlinkHandle* h, uint16_t type, unsigned ifIndex, uint32_t
     const int ret = request.addAttribute(IFLA_GROUP, group);
     Mox::require(ret == 0, "ret == 0");
     return sendNetlinkMsg(h, request.header());
+}
+
+ssize_t receiveAnswer(int fd, Answer* answer) {
+    ssize_t bytes = 0;
+    do {  // An answer left in the socket by a signal would be taken for the next request's.
+        bytes = recv(fd, answer, sizeof(*answer), 0);
+    } while (bytes < 0 && errno == EINTR);
+    return bytes;
+}
+
+// What the error field of a complete NLMSG_ERROR message means for the caller.
+int resultOf(int error) {
+    if (error == 0) {
+        return 0;
+    }
+    if (error > 0 || error == INT_MIN) {
+        MOX_TRACE(facility, 0, "no error number in NLMSG_ERROR response: ", error);
+        errno = EBADMSG;
+        return -1;
+    }
+    MOX_TRACE(facility, 0, "recv returned error : ", std::strerror(-error));
+    errno = -error;
+    return error;
 }
 
 }  // namespace
@@ -175,10 +198,7 @@ int sendNetlinkRequest(int fd, unsigned seq, unsigned short type) {
 
 int getNetlinkResponse(int fd, unsigned seq) {
     Answer answer;
-    ssize_t bytes = 0;
-    do {  // An answer left behind by a signal would be taken for that of the next request.
-        bytes = recv(fd, &answer, sizeof(answer), 0);
-    } while (bytes < 0 && errno == EINTR);
+    const ssize_t bytes = receiveAnswer(fd, &answer);
     if (bytes < 1) {
         return -1;
     }
@@ -201,13 +221,7 @@ int getNetlinkResponse(int fd, unsigned seq) {
         MOX_TRACE(facility, 0, "incomplete NLMSG_ERROR response, expecting at least ", errorBytes);
         return -1;
     }
-    if (answer.body.error == 0) {
-        return 0;
-    }
-    const int error = static_cast<int>(0u - static_cast<unsigned>(answer.body.error));
-    MOX_TRACE(facility, 0, "recv returned error : ", std::strerror(error));
-    errno = error;
-    return answer.body.error;
+    return resultOf(answer.body.error);
 }
 
 int addattr_l(nlmsghdr* n, int bound, int type, const void* data, int alen) {
@@ -216,7 +230,8 @@ int addattr_l(nlmsghdr* n, int bound, int type, const void* data, int alen) {
         return -1;
     }
     const uint32_t length = RTA_LENGTH(static_cast<uint32_t>(alen));
-    const uint64_t start = NLMSG_ALIGN(uint64_t{n->nlmsg_len});
+    // In 64 bits, since `nlmsg_len` may hold any number; NLMSG_ALIGN would cut it to 32.
+    const uint64_t start = (uint64_t{n->nlmsg_len} + 3) / 4 * 4;
     const uint64_t end = start + RTA_ALIGN(length);
     if (static_cast<int64_t>(end) > bound) {
         MOX_TRACE(facility, 0, "message exceeded bound of ", bound, " (", end, ")");
@@ -268,7 +283,7 @@ int addPrioQdisc(const char* ifname) {
     request.body().tcm_parent = TC_H_ROOT;
     int ret = request.addAttribute(TCA_KIND, "prio");
     Mox::require(ret == 0, "ret == 0");
-    // The bands of Linux' own default, by the priority of a packet: 7 and 6 come first.
+    // The default priority map of Linux: priorities 6 and 7 go to the first band.
     constexpr tc_prio_qopt options = {3, {1, 2, 2, 2, 1, 2, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1}};
     ret = request.addAttribute(TCA_OPTIONS, options);
     Mox::require(ret == 0, "ret == 0");

@@ -2,9 +2,9 @@
 /// Talking to the kernel over netlink: sockets, requests built attribute by attribute, answers, and
 /// ready-made requests of rtnetlink(7).
 ///
-/// Unless stated otherwise the functions give -1 with `errno` as the failing call left it. Numbers
-/// in messages are in host byte order. Single-threaded: the sequence numbers come from one plain
-/// counter of the process.
+/// Unless stated otherwise a function that fails returns -1 with `errno` as the failing call left
+/// it. Numbers in messages are in host byte order. Single-threaded: the sequence numbers come from
+/// one plain counter of the process.
 #pragma once
 
 #include <linux/netlink.h>
@@ -31,39 +31,46 @@ struct netlinkHandle {
 
 /// Opens a socket of netlink protocol `protocol` and type `type` (SOCK_RAW) inside the network
 /// namespace `nsName` (as for `socketAt`) and binds it to the multicast groups of the bit mask
-/// `groups`, with a port id of the kernel's choice and close-on-exec set. Gives 0, or -1; `h->fd`
-/// is then -1 and nothing stays open. An address that is none of netlink's counts as EBADE.
+/// `groups`, with a port id of the kernel's choice and close-on-exec set. Returns 0, or -1; `h->fd`
+/// is then -1 and nothing stays open. An address that is not netlink's fails with EBADE.
 PAVO_EXPORT int createNetlinkSocket(netlinkHandle* h, unsigned groups, const char* nsName, int type,
                                     bool nonBlocking, unsigned protocol);
 /// Closes the socket, if it is open, and sets `nlh->fd` to -1. Assertions: "nlh" for a null handle,
 /// "close( nlh->fd ) == 0".
 PAVO_EXPORT void closeNetlinkSocket(netlinkHandle* nlh);
 
-/// Sends a request and waits for its acknowledgement: gives the message the process's next sequence
-/// number (1000, 1001, ...), sends `nlmsg_len` bytes and gives what `getNetlinkResponse` does.
-/// @pre NLM_F_ACK is among the flags and `nlmsg_len` is at least 16: the kernel answers nothing
-/// else and the call would wait for ever.
+/// Sends a request and waits for its acknowledgement: sets the process's next sequence number
+/// (1000, 1001, ...) in the message, sends `nlmsg_len` bytes and returns the result of
+/// `getNetlinkResponse`, after whose EBADE the handle has to be closed.
+/// @pre NLM_F_ACK is among the flags and `nlmsg_len` is at least 16: the kernel answers no other
+/// message and the call would wait for ever.
 PAVO_EXPORT int sendNetlinkMsg(netlinkHandle* h, nlmsghdr* msg);
-/// Sends `len` bytes, one or more messages that the caller has numbered, as they are. Gives 0 or
+/// Sends `len` bytes, one or more messages that the caller has numbered, as they are. Returns 0 or
 /// -1; reads no answer.
 PAVO_EXPORT int sendNetlinkVec(netlinkHandle* h, nlmsghdr* buf, int len);
-/// Sends a request as `sendNetlinkMsg` does but reads nothing: gives the sequence number by which
+/// Sends a request as `sendNetlinkMsg` does but reads nothing: returns the sequence number by which
 /// the caller finds the answer, or -1.
 PAVO_EXPORT int sendRecvXfrmNetlinkMsg(netlinkHandle* h, nlmsghdr* msg);
-/// Asks for all objects of a kind: a message of type `type` (RTM_GETLINK) with NLM_F_REQUEST,
-/// NLM_F_ROOT and NLM_F_MATCH, for any address family. Gives the bytes sent, 20.
+/// Requests a dump of all objects of a kind: a message of type `type` (RTM_GETLINK) with
+/// NLM_F_REQUEST, NLM_F_ROOT and NLM_F_MATCH, for any address family. Returns the bytes sent, 20.
+/// Unlike the other functions it throws when `send` fails, and never returns -1.
 /// @throws Mox::ErrnoException "send"
 PAVO_EXPORT int sendNetlinkRequest(int fd, unsigned seq, unsigned short type);
-/// Reads one answer, waiting if the socket does, again after a signal. Gives 0 for an
-/// acknowledgement; the error that the kernel reports, as a negative errno that is left in `errno`
-/// too; or -1: `recv` failed or got nothing, the message is cut short (`errno` unchanged), or it
-/// has another sequence number than `seq` or another type than NLMSG_ERROR (EBADE). No second
-/// message is read: a stale answer makes the request fail.
+/// Reads one answer. Waits for it on a blocking socket, and reads again after a signal. Returns
+/// - 0 for an acknowledgement;
+/// - the error that the kernel reports, as a negative errno, which `errno` holds too;
+/// - -1 when `recv` fails or receives nothing; when the message is cut short (`errno` unchanged);
+///   when its error field is no negative errno (EBADMSG); when it has another sequence number than
+///   `seq` or another type than NLMSG_ERROR (EBADE).
+///
+/// No second message is read: a stale answer makes the request fail. After EBADE the answer to this
+/// request may still be in the socket, where every later request would find it instead of its own:
+/// close the handle and open a new one.
 PAVO_EXPORT int getNetlinkResponse(int fd, unsigned seq);
 
-/// Appends an attribute, which begins and ends on 4 bytes (padded with zeros), and adds it to
-/// `nlmsg_len`. Gives 0; or -1, with the message untouched, when it would then be longer than
-/// `bound` bytes, or when `alen` is none that an attribute can have (0 to 65531).
+/// Appends an attribute, aligned to 4 bytes at both ends (padded with zeros), and adds its bytes to
+/// `nlmsg_len`. Returns 0; or -1, with message and `errno` unchanged, when the message would be
+/// longer than `bound` bytes, or `alen` is not the payload of an attribute (0 to 65531 bytes).
 PAVO_EXPORT int addattr_l(nlmsghdr* n, int bound, int type, const void* data, int alen);
 
 /// A request of at most `bound` bytes: a header, a zeroed `Body` (`ifinfomsg`, `tcmsg`) and
@@ -79,7 +86,7 @@ class NetlinkRequest {
 
     nlmsghdr* header() { return &message_.header; }
     Body& body() { return message_.body; }
-    /// As `addattr_l`, for a payload without padding.
+    /// As `addattr_l`, for a payload type without padding.
     template <class Payload>
     int addAttribute(int type, const Payload& payload) {
         return addattr_l(header(), bound, type, &payload, sizeof(payload));
@@ -99,8 +106,8 @@ class NetlinkRequest {
 };
 
 /// @name Addresses in attributes, 16, 4 or 6 bytes in network byte order
-/// An attribute of fewer bytes leaves the address as it was, with a trace; further bytes are left
-/// out.
+/// An attribute of fewer bytes leaves the address unchanged, with a trace; of a longer one the first
+/// bytes are read.
 /// @{
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, Ip6Addr* address);
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, IpAddr* address);
@@ -110,14 +117,14 @@ PAVO_EXPORT void getRtaAddr(rtattr* attribute, EthAddr* address);
 PAVO_EXPORT void getCacheInfo(const rtattr* attribute);
 
 /// Attaches a prio queueing discipline (tc-prio(8)) of three bands, with the usual priority map, to
-/// an interface of the default namespace, as its root 1:0. Gives what `sendNetlinkMsg` does:
+/// an interface of the default namespace, as its root 1:0. Returns the result of `sendNetlinkMsg`:
 /// -EEXIST when there is a root discipline already. The name is looked up in the namespace of the
-/// calling thread, which so has to be the default one. Assertions: "ifIndex > 0" when the interface
-/// is unknown, "ret == 0" when no socket opens.
+/// calling thread, so the thread has to be in the default one. Assertions: "ifIndex > 0" when the
+/// interface is unknown, "ret == 0" when no socket can be opened.
 PAVO_EXPORT int addPrioQdisc(const char* ifname);
-/// Puts a link into a group, of which 0 is the default. Gives what `sendNetlinkMsg` does.
+/// Puts a link into a group; 0 is the default group. Returns the result of `sendNetlinkMsg`.
 PAVO_EXPORT int setDeviceGroup(netlinkHandle* h, unsigned ifIndex, unsigned group);
-/// Deletes all links of a group. Gives what `sendNetlinkMsg` does: -ENODEV for an empty group,
+/// Deletes all links of a group. Returns the result of `sendNetlinkMsg`: -ENODEV for an empty group,
 /// -EPERM for the default one.
 PAVO_EXPORT int delDeviceGroup(netlinkHandle* h, unsigned group);
 

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
@@ -21,6 +22,7 @@
 
 #include "Pavo/kernel/NetlinkUtils.h"
 #include "Pavo/kernel/NsUtils.h"
+#include "Pavo/kernel/ScopedNetNs.h"
 #include "Pavo/socket/SocketAt.h"
 
 namespace Pavo {
@@ -30,27 +32,30 @@ namespace {
 Mox::TraceFacility facility("Pavo::NetnsUtils");
 
 constexpr char netNsRunDir[] = "/var/run/netns";
-// What PROC_SELF_NS_NET_FILE stands for, off the main thread too.
+// The calling thread's namespace, on every thread.
 constexpr char threadNetNsFile[] = "/proc/thread-self/ns/net";
 
-// For traces: null means the default namespace too.
+// For traces: a null name stands for the default namespace.
 const char* nameOf(const char* netNs) {
     return netNs == nullptr ? DEFAULT_NS : netNs;
 }
 
-// Traces the pieces and the text of `errno`; gives false, for a caller to return.
+// Traces the pieces and the text of `errno`; returns false, as its callers do.
 template <class... Pieces>
 bool failed(const Pieces&... pieces) {
     MOX_TRACE(facility, 0, pieces..., std::strerror(errno));
     return false;
 }
 
-// What the functions of the interface return.
 int resultOf(bool good) {
     return good ? 0 : -1;
 }
 
-// Closes the descriptor, with `closeText` as the assertion that this works, so that `errno` stays.
+bool failedToOpenOwnNetNs() {
+    return failed("Cannot open ", PROC_SELF_NS_NET_FILE, ": ");
+}
+
+// Closes its descriptor; `closeText` is the assertion that this succeeds, so `errno` is unchanged.
 class OwnedFd {
   public:
     OwnedFd(int fd, const char* closeText) : fd_(fd), closeText_(closeText) {}
@@ -64,36 +69,6 @@ class OwnedFd {
   private:
     int fd_;
     const char* closeText_;
-};
-
-// The thread's namespace, to come back to.
-class CurrentNetNs : public OwnedFd {
-  public:
-    CurrentNetNs()
-        : OwnedFd(open(threadNetNsFile, O_RDONLY | O_CLOEXEC), "close( curr_netns_fd ) == 0") {
-        if (!isOpen()) {
-            failed("Cannot open ", PROC_SELF_NS_NET_FILE, ": ");
-        }
-    }
-};
-
-// Made where a namespace has been left; leads back at the end of the scope, or ends the process.
-class WayBack {
-  public:
-    explicit WayBack(const CurrentNetNs& from) : from_(from) {}
-    WayBack(const WayBack&) = delete;
-    WayBack& operator=(const WayBack&) = delete;
-    ~WayBack() { Mox::require(isBack_ || goBack(), "setns( curr_netns_fd, 0x40000000 ) == 0"); }
-
-    // Goes back before the scope ends. When that fails the end of the scope tries again.
-    bool goBack() {
-        isBack_ = setns(from_.fd(), CLONE_NEWNET) == 0;
-        return isBack_;
-    }
-
-  private:
-    const CurrentNetNs& from_;
-    bool isBack_ = false;
 };
 
 // The file that gives a namespace its name.
@@ -113,7 +88,7 @@ class RunPath {
     bool isGood_;
 };
 
-// A file made to bind a namespace to, removed with what is bound to it unless it is to be kept.
+// A file created to bind a namespace to, removed with its mount at the end of the scope, unless kept.
 class MountPoint {
   public:
     explicit MountPoint(const RunPath& path) : path_(path) {}
@@ -124,14 +99,14 @@ class MountPoint {
     bool create() {
         const OwnedFd file(open(path_.text(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0),
                            "close( fd ) == 0");
-        isToGo_ = file.isOpen();
-        return isToGo_;
+        isTemporary_ = file.isOpen();
+        return isTemporary_;
     }
-    void keep() { isToGo_ = false; }
+    void keep() { isTemporary_ = false; }
 
   private:
     const RunPath& path_;
-    bool isToGo_ = false;
+    bool isTemporary_ = false;
 };
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
@@ -142,8 +117,14 @@ bool bindNetNs(const char* source, const char* target) {
     return mount(source, target, "none", MS_BIND, nullptr) == 0;
 }
 
+bool isLink(const char* path) {
+    struct stat status;
+    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 bool removePath(const char* path) {
-    if (umount2(path, MNT_DETACH) != 0) {
+    // umount2(2) would follow a link and detach what it leads to.
+    if (!isLink(path) && umount2(path, MNT_DETACH) != 0) {
         failed("Cannot umount ", path, ": ");
     }
     if (unlink(path) == 0) {
@@ -157,18 +138,18 @@ bool removePath(const char* path) {
 }
 
 MountPoint::~MountPoint() {
-    if (isToGo_) {
+    if (isTemporary_) {
         const Mox::ErrnoKeeper keeper;
         removePath(path_.text());
     }
 }
 
-// Leaves the thread where it was.
-bool bindNewNetNs(const CurrentNetNs& here, const RunPath& path) {
+// After a failure the destructor of `wayBack` returns the thread.
+bool bindNewNetNs(NetNsReturn& wayBack, const RunPath& path) {
     if (unshare(CLONE_NEWNET) != 0) {
         return failed("Cannot unshare ", path.text(), ": ");
     }
-    WayBack wayBack(here);
+    wayBack.arm();
     if (!bindNetNs(threadNetNsFile, path.text())) {
         return failed("Cannot mount ", path.text(), " - ");
     }
@@ -193,8 +174,7 @@ bool setLoUp(const char* name) {
            failed("Error setting kernel interface ", "lo", " up: ");
 }
 
-// `socketAt` takes the default name for the namespace in which the process started, whose `lo` is
-// not this function's business.
+// For `socketAt` the default name is the namespace in which the process started, not the new one.
 bool configureLo(const char* name) {
     return std::strcmp(name, DEFAULT_NS) == 0 || setLoUp(name) ||
            failed("Cannot configure interface lo. : ");
@@ -217,7 +197,7 @@ bool bindAndShareRunDir() {
     }
     failedToShareRunDir();
     const Mox::ErrnoKeeper keeper;
-    (void)umount2(netNsRunDir, MNT_DETACH);  // What failed first is what is reported.
+    (void)umount2(netNsRunDir, MNT_DETACH);  // The first failure is the one to report.
     return false;
 }
 
@@ -249,7 +229,7 @@ bool sendMove(netlinkHandle* handle, const char* intf, int netns) {
     const auto nameBytes = static_cast<int>(strnlen(intf, bound)) + 1;
     if (request.addAttribute(IFLA_NET_NS_FD, netns) != 0 ||
         addattr_l(request.header(), bound, IFLA_IFNAME, intf, nameBytes) != 0) {
-        errno = ERANGE;  // As the kernel says of a name that is too long, but fits here.
+        errno = ERANGE;  // The kernel's error for a name that is too long for it.
         return false;
     }
     return sendNetlinkMsg(handle, request.header()) == 0 || failed("sendNetlinkMsg failed: ");
@@ -268,19 +248,17 @@ bool moveIntf(const char* intf, const char* fromNs, const char* toNs) {
     return sendMove(socket.handle(), intf, netns.fd());
 }
 
-// Calls `enter`, which gives 0 when it has taken the thread to another namespace. A thread that
-// stayed has no way back to go, for which it may lack the privilege as well.
+// Calls `enter`, which returns 0 when it has moved the thread to another namespace.
 template <class Enter>
 int validate(Enter enter, bool* valid) {
-    const CurrentNetNs here;
-    if (!here.isOpen()) {
-        return -1;
+    NetNsReturn wayBack;
+    if (!wayBack.isOpen()) {
+        return resultOf(failedToOpenOwnNetNs());
     }
-    const bool entered = enter() == 0;
-    if (entered) {
-        const WayBack wayBack(here);
+    *valid = enter() == 0;
+    if (*valid) {
+        wayBack.arm();
     }
-    *valid = entered;
     return 0;
 }
 
@@ -344,16 +322,16 @@ int netNsAdd(const char* name) {
     if (!path.isGood()) {
         return -1;
     }
-    (void)mkNsRunDir();  // Without it the mount point fails.
-    const CurrentNetNs here;
-    if (!here.isOpen()) {
-        return -1;
+    (void)mkNsRunDir();           // Where it fails, so does the mount point.
+    MountPoint mountPoint(path);  // Outlives `wayBack`: the thread returns before it is removed.
+    NetNsReturn wayBack;
+    if (!wayBack.isOpen()) {
+        return resultOf(failedToOpenOwnNetNs());
     }
-    MountPoint mountPoint(path);
     if (!mountPoint.create()) {
         return resultOf(failed("Cannot open ", path.text(), ": "));
     }
-    if (!bindNewNetNs(here, path) || !configureLo(name)) {
+    if (!bindNewNetNs(wayBack, path) || !configureLo(name)) {
         return -1;
     }
     mountPoint.keep();
@@ -371,7 +349,7 @@ int netNsDelete(const char* name) {
 
 int mountDefaultNetNs() {
     struct stat own;
-    // Here the main thread's is meant, wherever the calling thread may be.
+    // The main thread's namespace, whichever thread calls.
     if (stat(PROC_SELF_NS_NET_FILE, &own) != 0) {
         return resultOf(failed("stat failed for ", PROC_SELF_NS_NET_FILE, ": "));
     }
@@ -382,7 +360,7 @@ int mountDefaultNetNs() {
             MOX_TRACE(facility, 1, path.text(), " exists");
             return 0;
         }
-    } else if (errno != ENOENT) {  // What cannot be looked at is not replaced.
+    } else if (errno != ENOENT) {  // A file that cannot be examined is not replaced.
         return resultOf(failed("stat failed for ", path.text(), ": "));
     }
     (void)mkNsRunDir();
@@ -411,7 +389,8 @@ int moveIntfNetNs(const char* intf, const char* fromNs, const char* toNs) {
 
 int validateNetNs(const Mox::String& name, bool* valid) {
     MOX_TRACE(facility, 9, "Net Namespace: ", name);
-    return validate([&] { return setNsByName(name.c_str()); }, valid);
+    const bool isWhole = name.view().find('\0') == std::string_view::npos;
+    return validate([&] { return isWhole ? setNsByName(name.c_str()) : -1; }, valid);
 }
 
 int validateNetNs(int nsFd, bool* valid) {

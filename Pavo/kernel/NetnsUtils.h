@@ -1,19 +1,19 @@
 /// @file
-/// Named network namespaces: making, removing and checking them, and moving interfaces between
+/// Named network namespaces: creating, removing and checking them, and moving interfaces between
 /// them.
 ///
 /// A name is a file below "/var/run/netns" onto which the namespace is bound, in the layout of
-/// ip-netns(8), so that namespaces made here and there are interchangeable. Making one takes
-/// CAP_SYS_ADMIN.
+/// ip-netns(8), so that the namespaces of Pavo and of that tool are interchangeable. Creating one
+/// takes CAP_SYS_ADMIN.
 ///
-/// Unless stated otherwise the functions give 0, or -1 with `errno` as the first failing call left
-/// it and its story in the trace. A name that is null, empty, "." or "..", or has a slash in it,
-/// fails with EINVAL, one of more than 255 bytes with ENAMETOOLONG, before anything is touched.
-/// `DEFAULT_NS` is a name like any other where a file is made, removed or looked at, and the
+/// Unless stated otherwise the functions return 0, or -1 with `errno` as the first failing call left
+/// it and a trace of level 0. A name that is null, empty, "." or "..", or has a slash in it, fails
+/// with EINVAL, one of more than 255 bytes with ENAMETOOLONG, before anything is changed.
+/// `DEFAULT_NS` is a name like any other where a file is created, removed or examined, and the
 /// namespace in which the process started where a namespace is entered.
 ///
-/// Namespaces are switched for the calling thread alone, whichever it is, and it is back in its own
-/// when a function returns; when it cannot return, the process ends with the assertion
+/// Only the calling thread switches between namespaces, and it is back in its own when a function
+/// returns; when it cannot return, the process ends with the assertion
 /// "setns( curr_netns_fd, 0x40000000 ) == 0".
 #pragma once
 
@@ -27,39 +27,39 @@
 
 namespace Pavo {
 
-/// Makes "/var/run/netns", with mode 0755. Gives 0 also when it is there already.
+/// Creates "/var/run/netns", with mode 0755. Returns 0 also when it exists already.
 PAVO_EXPORT int mkNsRunDir();
-/// Opens "/var/run/netns", for the caller to read and to close; or null.
+/// Opens "/var/run/netns" for reading; the caller closes it. Null on failure.
 PAVO_EXPORT DIR* openNsRunDir();
 /// Makes "/var/run/netns", which must exist, a mount point that is shared with other mount
-/// namespaces, so that names that are bound there later are seen in them. Where it is not a mount
-/// point yet, it is bound onto itself, which hides names that were bound before. May be repeated.
+/// namespaces, so that names bound there later are visible in them. Where it is not a mount point
+/// yet, it is bound onto itself, which hides names that were bound before. Idempotent.
 PAVO_EXPORT int remountNsRunDir();
 
-/// 1 when there is a file of that name, be it a namespace or not; else 0.
+/// 1 when there is a file of that name, whether a namespace or not; else 0.
 PAVO_EXPORT int netNsExists(const char* name);
 /// The inode number of the name's file, which tells namespaces apart; or -1.
 PAVO_EXPORT int64_t netNsInode(const char* name);
 
-/// Makes a network namespace of that name, with its `lo` up, unless the name is `DEFAULT_NS`.
-/// Fails with EEXIST when the name is taken. A failure removes what the call has made, and nothing
-/// else.
+/// Creates a network namespace of that name. Its `lo` is up, unless the name is `DEFAULT_NS`. Fails
+/// with EEXIST when the name is taken. A failure removes what the call created, and nothing else.
 PAVO_EXPORT int netNsAdd(const char* name);
-/// As `netNsAdd`, in place of a namespace that has the name.
+/// As `netNsAdd`, after `netNsDelete`.
 PAVO_EXPORT int netNsAddEvenIfPresent(const char* name);
-/// Takes the name away; gives 0 also when there is none. The namespace itself goes when its last
-/// socket and thread have left.
+/// Removes the name; returns 0 also when there is none. The namespace itself ends with its last
+/// socket and thread. A symbolic link is removed, and what it leads to is left alone.
 PAVO_EXPORT int netNsDelete(const char* name);
-/// Binds the process's namespace, that of its main thread, to the name `DEFAULT_NS`, instead of
-/// whatever has the name. Does nothing when that is the same one, and fails where it cannot look.
+/// Binds the process's namespace, that of its main thread, to the name `DEFAULT_NS`, and replaces
+/// what had the name. Changes nothing when the name stands for that namespace already, and fails
+/// when the file cannot be examined.
 PAVO_EXPORT int mountDefaultNetNs();
 
 /// Moves an interface, which arrives down and without its addresses. Both names are as for
 /// `socketAt`.
 PAVO_EXPORT int moveIntfNetNs(const char* intf, const char* fromNs, const char* toNs);
 
-/// Tells whether the calling thread can enter a namespace, of a name (as for `setNsByName`) or of a
-/// descriptor. Gives -1, with `*valid` unchanged, when that cannot be tried.
+/// Whether the calling thread can enter a namespace, given by name (as for `setNsByName`) or by
+/// descriptor. Returns -1, with `*valid` unchanged, when that cannot be tried.
 /// @{
 PAVO_EXPORT int validateNetNs(const Mox::String& name, bool* valid);
 PAVO_EXPORT int validateNetNs(int nsFd, bool* valid);

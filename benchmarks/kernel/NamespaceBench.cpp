@@ -1,5 +1,5 @@
-// Making and removing a network namespace: with Pavo, with ip(8), and with the system calls that
-// it takes, without looking at what they give more than needed.
+// Creating and removing a network namespace: with Pavo, with ip(8), and with the bare system calls
+// and few checks.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -41,17 +41,17 @@ bool bare() {
     const char* const own = "/proc/thread-self/ns/net";
     const int here = open(own, O_RDONLY | O_CLOEXEC);
     close(open(path, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0));
-    const bool made = unshare(CLONE_NEWNET) == 0 &&
-                      mount(own, path, "none", MS_BIND, nullptr) == 0 && bringLoUp() &&
-                      setns(here, CLONE_NEWNET) == 0;
+    const bool isCreated = unshare(CLONE_NEWNET) == 0 &&
+                           mount(own, path, "none", MS_BIND, nullptr) == 0 && bringLoUp() &&
+                           setns(here, CLONE_NEWNET) == 0;
     close(here);
-    return made && umount2(path, MNT_DETACH) == 0 && unlink(path) == 0;
+    return isCreated && umount2(path, MNT_DETACH) == 0 && unlink(path) == 0;
 }
 
 void rounds(benchmark::State& state, bool (*round)()) {
     for (auto _ : state) {
         if (!round()) {
-            state.SkipWithError("a namespace was not made or not removed");
+            state.SkipWithError("a namespace was not created or not removed");
             return;
         }
     }

@@ -89,7 +89,7 @@ class MnlRequests {
             static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(header, sizeof(ifinfomsg)));
         link->ifi_index = loIndex;
         mnl_attr_put_u32(header, IFLA_GROUP, group);
-        char answer[256];  // Room for the request that the kernel repeats.
+        char answer[256];  // Room for the kernel's copy of the request.
         if (mnl_socket_sendto(socket_, header, header->nlmsg_len) < 0) {
             return false;
         }
