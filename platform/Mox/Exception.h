@@ -1,6 +1,6 @@
 /// @file
-/// What the framework throws. The type information is exported, so that agents catch these across
-/// the library's edge.
+/// The exceptions of the framework. Their type information is exported, so that agents catch them
+/// across the boundary of the library.
 #pragma once
 
 #include <exception>
@@ -31,7 +31,7 @@ class MOX_EXPORT RangeException : public Exception {
 };
 
 /// A system call that failed while something was being set up. `message()` names the call or
-/// option; `what()` adds the system's own words.
+/// option; `what()` adds ": " and the text of strerror(3).
 class MOX_EXPORT ErrnoException : public Exception {
   public:
     ErrnoException(int errnoValue, const String& message);
@@ -45,14 +45,14 @@ class MOX_EXPORT ErrnoException : public Exception {
     String what_;
 };
 
-/// Something that cannot happen while everybody keeps the rules.
+/// An inconsistency inside the library.
 class MOX_EXPORT InternalException : public Exception {
   public:
     using Exception::Exception;
     ~InternalException() override;
 };
 
-/// No memory, or no object, was left.
+/// Memory, or a bounded supply of objects, is exhausted.
 class MOX_EXPORT MemoryException : public Exception {
   public:
     using Exception::Exception;

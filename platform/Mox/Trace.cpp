@@ -1,8 +1,10 @@
 #include "Mox/Trace.h"
 
+#include <syslog.h>
+
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
+#include <iterator>
 
 #include "Mox/Assert.h"
 
@@ -10,14 +12,15 @@ namespace Mox {
 
 namespace {
 
-// Facilities are static objects of many sources: the list must stand before the first of them.
+// Facilities are static objects of many sources: the list must exist before the first of them.
 constinit TraceFacility* firstFacility = nullptr;
-constinit TraceSink currentSink = nullptr;
 
 void writeToStandardError(const char* facility, int level, std::string_view message) {
     std::fprintf(stderr, "%s/%d: %.*s\n", facility, level, static_cast<int>(message.size()),
                  message.data());
 }
+
+constinit std::atomic<TraceSink> currentSink = writeToStandardError;
 
 bool isLevel(char c) {
     return c >= '0' && c <= '9';
@@ -51,7 +54,7 @@ bool nameMatches(std::string_view pattern, std::string_view name) {
 
 TraceFacility::TraceFacility(const char* name) : name_(name), next_(firstFacility) {
     firstFacility = this;
-    if (const char* settings = std::getenv("MOX_TRACE")) {
+    if (const char* settings = secure_getenv("MOX_TRACE")) {
         apply(settings);
     }
 }
@@ -69,7 +72,11 @@ TraceFacility::~TraceFacility() {
 void TraceFacility::enabledIs(int level, bool enabled) {
     require(level >= 0 && level < levels, "level >= 0 && level < levels");
     const uint32_t bit = 1u << level;
-    enabled_ = enabled ? enabled_ | bit : enabled_ & ~bit;
+    if (enabled) {
+        enabled_ |= bit;
+    } else {
+        enabled_ &= ~bit;
+    }
 }
 
 void TraceFacility::apply(std::string_view settings) {
@@ -92,13 +99,21 @@ void traceSettingsIs(std::string_view settings) {
 }
 
 TraceSink traceSinkIs(TraceSink sink) {
-    return std::exchange(currentSink, sink);
+    return currentSink.exchange(sink != nullptr ? sink : writeToStandardError);
+}
+
+void syslogTraceSink(const char* facility, int level, std::string_view message) {
+    static constexpr int priorities[] = {LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_INFO,
+                                         LOG_INFO, LOG_DEBUG, LOG_DEBUG, LOG_DEBUG, LOG_DEBUG};
+    static_assert(std::size(priorities) == TraceFacility::levels);
+    const ErrnoKeeper keeper;
+    syslog(priorities[level], "%s: %.*s", facility, static_cast<int>(message.size()),
+           message.data());
 }
 
 void traceWrite(const TraceFacility& facility, int level, std::string_view message) {
     const ErrnoKeeper keeper;
-    const TraceSink sink = currentSink != nullptr ? currentSink : writeToStandardError;
-    sink(facility.name(), level, message);
+    currentSink.load()(facility.name(), level, message);
 }
 
 }  // namespace Mox

@@ -2,6 +2,7 @@
 /// Diagnostic output, by facility and level.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <sstream>
@@ -13,9 +14,11 @@ namespace Mox {
 
 /// A source of trace, named as the unit that writes it, with levels 0 (failures) to 9 (every call).
 /// All levels are off until the environment or the program turns them on: the variable `MOX_TRACE`
-/// holds a list such as "Pavo::SockBufUtils/1,Pavo::*/0-4", read when a facility is made.
+/// holds a list such as "Pavo::SockBufUtils/1,Pavo::*/0-4", read when a facility is made. A program
+/// that runs with more privileges than its user (setuid, setgid, file capabilities) ignores it.
 ///
-/// One facility per unit, of static storage, in the unit's source.
+/// One facility per unit, of static storage, in the unit's source. Levels and the sink may be
+/// changed while other threads trace.
 class MOX_EXPORT TraceFacility {
   public:
     static constexpr int levels = 10;
@@ -26,7 +29,9 @@ class MOX_EXPORT TraceFacility {
     TraceFacility& operator=(const TraceFacility&) = delete;
 
     const char* name() const { return name_; }
-    bool isEnabled(int level) const { return (enabled_ >> level & 1) != 0; }
+    bool isEnabled(int level) const {
+        return (enabled_.load(std::memory_order_relaxed) >> level & 1) != 0;
+    }
     /// @pre `level` is 0 to 9.
     void enabledIs(int level, bool enabled);
 
@@ -35,25 +40,32 @@ class MOX_EXPORT TraceFacility {
     void apply(std::string_view settings);
 
     const char* name_;
-    uint32_t enabled_ = 0;
+    std::atomic<uint32_t> enabled_ = 0;
     TraceFacility* next_;
 };
 
-/// Applies a list of settings, in the form of `MOX_TRACE`, to every facility there is: an entry
+/// Applies a list of settings, in the form of `MOX_TRACE`, to every facility that exists: an entry
 /// "name/levels" turns exactly those levels on, "name/" turns all off; a "*" at the end of the name
-/// stands for any rest. What cannot be read is left out.
+/// stands for any rest. An entry that cannot be read is ignored.
 MOX_EXPORT void traceSettingsIs(std::string_view settings);
 
-/// Takes one whole message, without a line end.
+/// Receives one whole message, without a line end, on the thread that traces.
 using TraceSink = void (*)(const char* facility, int level, std::string_view message);
 
 /// Replaces the sink, by default a line on standard error, and returns the one before; null stands
 /// for the default one.
 MOX_EXPORT TraceSink traceSinkIs(TraceSink sink);
 
+/// A sink that writes "facility: message" to syslog(3): `Mox::traceSinkIs(Mox::syslogTraceSink)`.
+/// Level 0 has the priority LOG_ERR, 1 LOG_WARNING, 2 LOG_NOTICE, 3 to 5 LOG_INFO, 6 to 9 LOG_DEBUG;
+/// ident, options and facility are those of the program's openlog(3). A message ends at its first
+/// NUL. `errno` is unchanged, also when no logger listens.
+MOX_EXPORT void syslogTraceSink(const char* facility, int level, std::string_view message);
+
+/// Hands a message to the sink, whether the level is on or not. `errno` is unchanged.
 MOX_EXPORT void traceWrite(const TraceFacility& facility, int level, std::string_view message);
 
-/// Puts `errno` back as it was, whatever happens in between.
+/// Restores `errno` at the end of the scope.
 class ErrnoKeeper {
   public:
     ErrnoKeeper() : saved_(errno) {}

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,11 +26,11 @@ constexpr unsigned maxPathBytes = sizeof(runDir) + NAME_MAX;
 
 thread_local char traceBuffer[512];
 
-// Tells the story of the error that `errno` holds, and leaves `errno` as it was.
+// Describes the error that `errno` holds in the trace buffer, and leaves `errno` as it was.
 void traceError(const char* call, const char* object) {
     const int error = errno;
     char text[128];
-    // Cuts a long object rather than the error's text.
+    // A long object is cut, so that the error's text has room.
     snprintf(traceBuffer, sizeof(traceBuffer), "%.64s(%.300s): %s", call, object,
              strerror_r(error, text, sizeof(text)));
     errno = error;
@@ -45,7 +46,7 @@ int failedWith(int error, const char* call, const char* object) {
     return failed(call, object);
 }
 
-// A descriptor opened for reading only, so that its closing has nothing to report.
+// A descriptor whose `close` cannot lose data, so that its result is not looked at.
 class OwnedFd {
   public:
     explicit OwnedFd(int fd = -1) : fd_(fd) {}
@@ -68,7 +69,7 @@ class OwnedFd {
     int fd_;
 };
 
-// Which namespace a file stands for: two files of one namespace have the same identity.
+// The namespace that a file refers to: two files of one namespace have the same identity.
 struct Identity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -83,15 +84,25 @@ Identity identityIn(const struct stat& status) {
 // The namespace in which the process started.
 struct StartNamespace {
     int fd = -1;
-    int error = 0;  // Why there is no descriptor.
+    int error = 0;  // The errno with which it could not be opened, or 0.
     Identity identity;
+    uint64_t cookie = 0;
 };
 
 constinit StartNamespace startNamespace;
 
+// The kernel's number for the namespace of a socket; 0 where it gives none (before Linux 5.14).
+uint64_t cookieOf(const OwnedFd& socket) {
+    uint64_t cookie = 0;
+    socklen_t bytes = sizeof(cookie);
+    (void)getsockopt(socket.fd(), SOL_SOCKET, SO_NETNS_COOKIE, &cookie, &bytes);
+    return cookie;
+}
+
 // Runs while the library is loaded, and early in a program that has it linked in, so that it
 // precedes every switch.
 [[gnu::constructor(101)]] void openStartNamespace() {
+    startNamespace.cookie = cookieOf(OwnedFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
     startNamespace.fd = open(processNamespacePath, O_RDONLY | O_CLOEXEC);
     struct stat status;
     if (startNamespace.fd < 0 || fstat(startNamespace.fd, &status) != 0) {
@@ -114,11 +125,11 @@ class Namespace {
     const char* name() const { return name_; }
     int fd() const { return isStart() ? startNamespace.fd : file_.fd(); }
 
-    // The three give false, with the story told, when they cannot.
+    // These three return false, with the trace buffer filled, when they fail.
     bool open();
     bool getIdentity(Identity* identity) const;
-    // A program that closes every descriptor on its way into the background closes that of the
-    // start namespace too, and the number may since stand for something else.
+    // A daemon that closes every descriptor when it goes into the background closes that of the
+    // start namespace too, and its number may have been reused since.
     bool isUsable() const;
 
     int releaseFd() { return file_.release(); }
@@ -139,7 +150,7 @@ bool Namespace::open() {
     if (netnsRunPath(path, sizeof(path), name_) != 0) {
         return false;
     }
-    file_.fdIs(::open(path, O_RDONLY | O_CLOEXEC));
+    file_.fdIs(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // A FIFO must not block.
     if (!file_.isOpen()) {
         failed("open", path);
     }
@@ -176,7 +187,7 @@ bool Namespace::isUsable() const {
     return true;
 }
 
-// Takes the thread back to where it was, or ends the process. Keeps `errno`.
+// Returns the thread to the namespace `from`, or ends the process. Keeps `errno`.
 void goBack(const OwnedFd& from) {
     const int error = errno;
     if (setns(from.fd(), CLONE_NEWNET) != 0) {
@@ -213,7 +224,20 @@ int openSocketElsewhere(int domain, int type, int protocol, const Namespace& tar
     return fd;
 }
 
-// Whether the open file is a namespace of the wanted kind; 0 wants any.
+// Opens a socket of the start namespace where there is no /proc by which the thread could learn
+// where it is, or return: the socket itself tells whether the thread is there already.
+int openSocketWithoutProc(int domain, int type, int protocol) {
+    OwnedFd opened(openSocket(domain, type, protocol, DEFAULT_NS));
+    if (!opened.isOpen()) {
+        return -1;
+    }
+    if (startNamespace.cookie == 0 || cookieOf(opened) != startNamespace.cookie) {
+        return failedWith(ENOENT, "stat", threadNamespacePath);
+    }
+    return opened.release();
+}
+
+// Whether the open file is a namespace of the requested kind; 0 stands for any.
 bool checkKind(int fd, int nstype, const char* name) {
     const int kind = ioctl(fd, NS_GET_NSTYPE);
     if (kind < 0 && errno != ENOTTY) {
@@ -233,15 +257,20 @@ const char DEFAULT_NS[] = "default";
 
 int netnsSocketAt(int domain, int type, int protocol, const char* name) {
     Namespace target(name);
+    struct stat here;
+    const bool isHereKnown = stat(threadNamespacePath, &here) == 0;
+    const int error = isHereKnown ? startNamespace.error : errno;
+    if (target.isStart() && error == ENOENT) {
+        return openSocketWithoutProc(domain, type, protocol);
+    }
+    if (!isHereKnown) {
+        return failed("stat", threadNamespacePath);
+    }
     Identity there;
     if (!target.open() || !target.getIdentity(&there)) {
         return -1;
     }
-    struct stat status;
-    if (stat(threadNamespacePath, &status) != 0) {
-        return failed("stat", threadNamespacePath);
-    }
-    if (identityIn(status) == there) {
+    if (identityIn(here) == there) {
         return openSocket(domain, type, protocol, target.name());
     }
     return openSocketElsewhere(domain, type, protocol, target);

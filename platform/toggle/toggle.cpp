@@ -1,6 +1,7 @@
 #include "toggle/toggle.h"
 
 #include <fcntl.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,13 +21,13 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Keeps quiet about a file it has told of before.
-void tellOnce(const std::string& path, const char* fault) {
+// Reports each path once in the life of the process.
+void reportOnce(const std::string& path, const char* fault) {
     static std::mutex mutex;
     // Never destroyed: toggles may be asked for while the process ends.
-    static auto* const told = new std::set<std::string>();
+    static auto* const reported = new std::set<std::string>();
     const std::lock_guard<std::mutex> lock(mutex);
-    if (told->insert(path).second) {
+    if (reported->insert(path).second) {
         fprintf(stderr, "toggle: %s: %s; the file counts as absent\n", path.c_str(), fault);
     }
 }
@@ -38,12 +39,14 @@ void tellOnce(const std::string& path, const char* fault) {
 class OpenFile {
   public:
     explicit OpenFile(const std::string& path)
-        : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), error_(fd_ < 0 ? errno : 0) {}
+        // Without waiting for a writer, where the path is a FIFO.
+        : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
+          error_(fd_ < 0 ? errno : 0) {}
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() {
         if (fd_ >= 0) {
-            close(fd_);  // A file opened for reading: nothing to lose.
+            close(fd_);  // Opened for reading only: a failure loses nothing.
         }
     }
 
@@ -52,7 +55,7 @@ class OpenFile {
 
   private:
     int fd_;
-    int error_;  // Why it is not open.
+    int error_;  // The errno of a failed open, or 0.
 };
 
 std::string OpenFile::content() const {
@@ -98,14 +101,18 @@ Answer ask(const std::string& path, const char* name) {
     try {
         return parse(file.content(), name);
     } catch (const std::exception& fault) {
-        tellOnce(path, fault.what());
+        reportOnce(path, fault.what());
         return Answer::fileAbsent;
     }
 }
 
 std::vector<std::string> directories() {
-    // Not honoured in a program that runs with more rights than its user.
-    const char* const directory = secure_getenv("PAVO_TOGGLE_DIR");
+    // With more privileges than its user has, a program trusts neither the environment nor the
+    // working directory, which that user chose.
+    if (getauxval(AT_SECURE) != 0) {
+        return {"/etc"};
+    }
+    const char* const directory = getenv("PAVO_TOGGLE_DIR");
     if (directory != nullptr) {
         return {directory};
     }

@@ -1,9 +1,9 @@
 #include "netns/netns.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -13,18 +13,20 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 
+#include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
 namespace {
 
 using namespace PavoTest;
+using Pavo::ScopedNetNs;
+using testing::HasSubstr;
 
-// The inode of an open file, which is closed; 0 when it is none.
+// The inode of an open file, which is closed; 0 for a bad descriptor.
 uint64_t inodeOf(int fd) {
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
@@ -34,7 +36,7 @@ uint64_t inodeOf(int fd) {
     return status.st_ino;
 }
 
-// Where a socket lives, as the kernel tells; it is closed.
+// The namespace of a socket according to the kernel; the socket is closed.
 uint64_t netnsOfSocket(int fd) {
     const uint64_t inode = inodeOf(ioctl(fd, SIOCGSKNS));
     close(fd);
@@ -45,16 +47,12 @@ int udpSocketAt(const char* name) {
     return netnsSocketAt(AF_INET, SOCK_DGRAM, 0, name);
 }
 
-void inThread(const std::function<void()>& work) {
-    std::thread(work).join();
-}
-
 class NetnsTest : public SandboxTest {
   protected:
     void SetUp() override {
         SANDBOX_OR_SKIP();
         makeNetns("blue");
-        makeNetns("default");  // A decoy: the name never leads here.
+        makeNetns("default");  // A file of that name must not be used.
         start_ = threadNetnsInode();
     }
     void TearDown() override {
@@ -68,180 +66,139 @@ class NetnsTest : public SandboxTest {
     uint64_t start_ = 0;
 };
 
-// The three functions that take a name, called so that success leaves nothing behind.
 const struct {
     const char* name;
     int (*call)(const char* name);
-} doors[] = {
+} entryPoints[] = {
     {"netnsSocketAt", udpSocketAt},
     {"setnsByName", [](const char* name) { return setnsByName(name, CLONE_NEWNET); }},
     {"getnsByName", [](const char* name) { return getnsByName(name, CLONE_NEWNET); }},
 };
 
-TEST_F(NetnsTest, RefusesABadNameAtEveryDoor) {
+TEST_F(NetnsTest, RefusesABadNameInEveryFunction) {
     std::ofstream("/var/run/netns/plain") << "no namespace";
-    const std::string longest(255, 'x');
-    const std::string tooLong(256, 'x');
+    mkfifo("/var/run/netns/fifo", 0600);
+    const std::string tooLong(400, 'x');
     const struct {
         std::string name;
         int error;
-        std::string story;  // But for the error's own text.
+        std::string trace;  // Without the error's own text.
     } cases[] = {
         {"absent", ENOENT, "open(/var/run/netns/absent)"},
         {"/blue", EINVAL, "netnsRunPath(/blue)"},
         {"..", EINVAL, "netnsRunPath(..)"},
         {".", EINVAL, "netnsRunPath(.)"},
-        {longest, ENOENT, "open(/var/run/netns/" + longest + ")"},
-        {tooLong, ENAMETOOLONG, "netnsRunPath(" + tooLong + ")"},
-        // The story keeps its end.
-        {std::string(400, 'x'), ENAMETOOLONG, "netnsRunPath(" + std::string(300, 'x') + ")"},
-        {"plain", EINVAL, "setns(plain)"},
+        {std::string(255, 'x'), ENOENT, "open(/var/run/netns/" + std::string(255, 'x') + ")"},
+        {std::string(256, 'x'), ENAMETOOLONG, "netnsRunPath(" + std::string(256, 'x') + ")"},
+        {tooLong, ENAMETOOLONG, "netnsRunPath(" + tooLong.substr(0, 300) + ")"},
+        {"plain", EINVAL, "(plain)"},
+        {"fifo", EINVAL, "(fifo)"},  // Opened without waiting for its other end.
     };
     const auto descriptors = openDescriptors();
     for (const auto& c : cases) {
-        for (const auto& door : doors) {
-            SCOPED_TRACE(door.name + std::string(" of ") + c.name);
-            const bool onlyLooks = c.name == "plain" && door.name == std::string("getnsByName");
+        for (const auto& function : entryPoints) {
+            SCOPED_TRACE(function.name + std::string(" of ") + c.name);
             errno = 0;
-            EXPECT_EQ(door.call(c.name.c_str()), -1);
+            EXPECT_EQ(function.call(c.name.c_str()), -1);
             EXPECT_EQ(errno, c.error);
-            EXPECT_EQ(netnsGetTracebuffer(),
-                      (onlyLooks ? "not a namespace of the wanted kind(plain)" : c.story) + ": " +
-                          strerror(c.error));
+            EXPECT_THAT(netnsGetTracebuffer(), HasSubstr(c.trace + ": " + strerror(c.error)));
         }
     }
+    std::thread([] { EXPECT_STREQ(netnsGetTracebuffer(), ""); }).join();  // One for each thread.
     EXPECT_EQ(openDescriptors(), descriptors);
     unlink("/var/run/netns/plain");
+    unlink("/var/run/netns/fifo");
 }
 
-TEST(NetnsRunPath, FitsExactlyOrLeavesTheBufferAlone) {
-    const struct {
-        const char* name;
-        unsigned size;
-        int error;  // 0 when good.
-    } cases[] = {
-        {"blue", 20, 0},   {"blue", 19, ENAMETOOLONG}, {"blue", 0, ENAMETOOLONG},
-        {"a..b", 4096, 0}, {"", 4096, EINVAL},         {nullptr, 4096, EINVAL},
-    };
-    for (const auto& c : cases) {
-        std::string buffer(c.size, '#');
-        const std::string expected =
-            c.error != 0 ? buffer : std::string("/var/run/netns/") + c.name;
-        errno = 0;
-        EXPECT_EQ(netnsRunPath(buffer.data(), c.size, c.name), c.error == 0 ? 0 : -1);
-        EXPECT_EQ(errno, c.error);
-        EXPECT_EQ(buffer.c_str(), expected);
+TEST(NetnsRunPath, FitsExactlyOrLeavesTheBufferUnchanged) {
+    char buffer[21] = "unchanged";
+    for (const char* name : {"", "a/b", static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(netnsRunPath(buffer, sizeof(buffer), name), -1);
+        EXPECT_EQ(errno, EINVAL);
     }
+    EXPECT_EQ(netnsRunPath(buffer, 19, "blue"), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_STREQ(buffer, "unchanged");
+    EXPECT_EQ(netnsRunPath(buffer, 20, "blue"), 0);
+    EXPECT_STREQ(buffer, "/var/run/netns/blue");
 }
 
-// From every namespace to every name, on the main thread and off it: "/proc/self" is the main
-// thread's everywhere, so that code that asks it goes wrong in one of the rows.
+// From every namespace to every name, on the main thread and on another: code that opens
+// "/proc/self", the main thread's on every thread, fails in one of the rows.
 TEST_F(NetnsTest, OpensInTheNamedNamespaceAndStaysWhereItWas) {
-    const uint64_t blue = netnsInode("blue");
-    const struct {
-        const char* from;
-        const char* name;
-        uint64_t where;
-    } cases[] = {
-        {"default", "blue", blue},    {"default", "default", start_}, {"default", "", start_},
-        {"default", nullptr, start_}, {"blue", "blue", blue},         {"blue", "default", start_},
-        {"blue", "", start_},         {"blue", nullptr, start_},
-    };
     const auto descriptors = openDescriptors();
-    for (const auto& c : cases) {
-        const auto work = [&] {
-            SCOPED_TRACE(testing::Message()
-                         << "from " << c.from << " to " << (c.name == nullptr ? "null" : c.name));
-            const ScopedNetns elsewhere(c.from);
-            const uint64_t here = threadNetnsInode();
-            const int fd = udpSocketAt(c.name);
-            ASSERT_GE(fd, 0) << netnsGetTracebuffer();
-            EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-            EXPECT_EQ(netnsOfSocket(fd), c.where);
-            const int namespaceFd = getnsByName(c.name, CLONE_NEWNET);
-            EXPECT_EQ(fcntl(namespaceFd, F_GETFD), FD_CLOEXEC);
-            EXPECT_EQ(inodeOf(namespaceFd), c.where);
-            EXPECT_EQ(threadNetnsInode(), here);
-            EXPECT_EQ(setnsByName(c.name, CLONE_NEWNET), 0);
-            EXPECT_EQ(threadNetnsInode(), c.where);
-        };
-        work();
-        inThread(work);
+    const struct {
+        const char* name;
+        uint64_t there;
+    } targets[] = {
+        {"blue", netnsInode("blue")}, {"default", start_}, {"", start_}, {nullptr, start_}};
+    for (const char* from : {"default", "blue"}) {
+        for (const auto& [name, there] : targets) {
+            const auto work = [&, name = name, there = there] {
+                SCOPED_TRACE(from + std::string(" to ") + (name == nullptr ? "null" : name));
+                const ScopedNetNs elsewhere(from);
+                const uint64_t here = threadNetnsInode();
+                const int fd = udpSocketAt(name);
+                ASSERT_GE(fd, 0) << netnsGetTracebuffer();
+                EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+                EXPECT_EQ(netnsOfSocket(fd), there);
+                const int namespaceFd = getnsByName(name, CLONE_NEWNET);
+                EXPECT_EQ(fcntl(namespaceFd, F_GETFD), FD_CLOEXEC);
+                EXPECT_EQ(inodeOf(namespaceFd), there);
+                EXPECT_EQ(threadNetnsInode(), here);
+                EXPECT_EQ(setnsByName(name, CLONE_NEWNET), 0);
+                EXPECT_EQ(threadNetnsInode(), there);
+            };
+            work();
+            std::thread(work).join();
+        }
     }
     EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_F(NetnsTest, LeavesNothingBehindWhicheverCallFails) {
-    const struct { const char *from, *to; } ways[] = {{"default", "blue"}, {"blue", "default"}};
-    for (const auto& way : ways) {
-        for (const auto& door : doors) {
-            SCOPED_TRACE(std::string(door.name) + " to " + way.to);
-            const ScopedNetns elsewhere(way.from);
-            const uint64_t here = threadNetnsInode();
-            const auto descriptors = openDescriptors();
-            const auto check = [&](const FailSyscall& fail, int result, int errnoLeft) {
-                EXPECT_EQ(result, -1);
-                EXPECT_EQ(errnoLeft, EMFILE);
-                const std::string story = netnsGetTracebuffer();
-                EXPECT_TRUE(story.starts_with(fail.name())) << story;
-                EXPECT_TRUE(story.ends_with(strerror(EMFILE))) << story;
-                EXPECT_EQ(threadNetnsInode(), here);
-                EXPECT_EQ(openDescriptors(), descriptors);
-            };
-            int result = -1;
-            const auto operation = [&] { return result = door.call(way.to); };
-            // The way back of the socket opener has its own test.
-            const char* const filter = door.call == udpSocketAt ? "!setns" : "";
-            EXPECT_GT(failEachSyscall(EMFILE, operation, check, filter), 0u);
-            EXPECT_GE(result, 0);
-            if (result > 0) {
-                close(result);
-            }
-        }
-    }
-}
-
-TEST_F(NetnsTest, SurvivesAFailedSwitchButNotAFailedWayBack) {
-    const auto openAndFail = [](unsigned n) {
-        FailSyscall fail(n, EPERM, "setns");
+TEST_F(NetnsTest, SurvivesAFailedSwitchButNotAFailedReturn) {
+    const auto failSwitch = [](unsigned n) {
+        const FailSyscall fail(n, EPERM, "setns");
         return udpSocketAt("blue");
     };
     const auto descriptors = openDescriptors();
-    EXPECT_EQ(openAndFail(1), -1);
+    EXPECT_EQ(failSwitch(1), -1);
     EXPECT_STREQ(netnsGetTracebuffer(), "setns(blue): Operation not permitted");
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_DEATH(openAndFail(2),
+    EXPECT_DEATH(failSwitch(2),
                  "netns: setns back\\(/proc/thread-self/ns/net\\): Operation not permitted; "
                  "the thread would stay in the wrong namespace");
 }
 
-TEST_F(NetnsTest, NoticesThatSomebodyClosedItsDescriptor) {
+TEST_F(NetnsTest, NoticesThatItsDescriptorWasClosed) {
     // A daemon that closes every descriptor, and goes on with one that reuses the number.
     EXPECT_EXIT(
         {
             closefrom(3);
             // Needs no descriptor.
-            const bool goodDirect = netnsOfSocket(udpSocketAt(DEFAULT_NS)) == start_;
+            const bool isDirectGood = netnsOfSocket(udpSocketAt(DEFAULT_NS)) == start_;
             const int reused = open("/var/run/netns/blue", O_RDONLY);
             for (int fd = reused + 1; fd < 64; ++fd) {
                 dup2(reused, fd);
             }
-            const bool refused = setnsByName(DEFAULT_NS, CLONE_NEWNET) == -1 && errno == EBADF &&
-                                 getnsByName(DEFAULT_NS, CLONE_NEWNET) == -1 && errno == EBADF;
-            _exit(goodDirect && refused ? 0 : 1);
+            const bool isRefused = setnsByName(DEFAULT_NS, CLONE_NEWNET) == -1 && errno == EBADF &&
+                                   getnsByName(DEFAULT_NS, CLONE_NEWNET) == -1 && errno == EBADF;
+            _exit(isDirectGood && isRefused ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }
 
-TEST_F(NetnsTest, KeepsTheStoryPerThread) {
-    EXPECT_EQ(udpSocketAt("absent"), -1);
-    inThread([] {
-        EXPECT_STREQ(netnsGetTracebuffer(), "");
-        EXPECT_EQ(netnsSocketAt(AF_INET, SOCK_STREAM, IPPROTO_UDP, "blue"), -1);
-        EXPECT_EQ(errno, EPROTONOSUPPORT);
-        EXPECT_STREQ(netnsGetTracebuffer(), "socket(2, 1, 17 in blue): Protocol not supported");
-    });
-    EXPECT_STREQ(netnsGetTracebuffer(), "open(/var/run/netns/absent): No such file or directory");
+TEST_F(NetnsTest, OpensSocketsOfItsOwnNamespaceWithoutProc) {
+    EXPECT_EXIT(
+        {
+            const int blue = getnsByName("blue", CLONE_NEWNET);
+            const bool isInside = chroot("/var/run/netns") == 0 && chdir("/") == 0;
+            const bool isGood = netnsOfSocket(udpSocketAt("")) == start_;
+            const bool isRefused = setns(blue, CLONE_NEWNET) == 0 && udpSocketAt("") == -1 &&
+                                   errno == ENOENT && udpSocketAt("blue") == -1 && errno == ENOENT;
+            _exit(isInside && isGood && isRefused ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

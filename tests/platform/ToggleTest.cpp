@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,113 +16,100 @@
 
 namespace {
 
-constexpr char folder[] = "a folder in the place of the file";
-
-// The working directory is an empty one for the length of a test.
-class ToggleTest : public testing::Test {
+// The working directory and /etc are empty ones for the length of a test.
+class ToggleTest : public PavoTest::SandboxTest {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/toggleXXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory_ = pattern;
+        SANDBOX_OR_SKIP();
+        mkdir("/run/toggle", 0755);
+        for (const char* directory : {"/etc", "/run/toggle"}) {
+            ASSERT_EQ(mount("tmpfs", directory, "tmpfs", 0, "mode=0755"), 0);
+        }
         before_ = std::filesystem::current_path();
-        std::filesystem::current_path(directory_);
+        std::filesystem::current_path("/run/toggle");
     }
     void TearDown() override {
-        unsetenv("PAVO_TOGGLE_DIR");
-        std::filesystem::current_path(before_);
-        std::filesystem::remove_all(directory_);
-    }
-
-    // Null: no file.
-    static void put(const std::string& path, const char* content) {
-        std::filesystem::remove(path);
-        if (content == folder) {
-            std::filesystem::create_directory(path);
-        } else if (content != nullptr) {
-            std::ofstream(path) << content;
+        if (PavoTest::Sandbox::isEntered()) {
+            std::filesystem::current_path(before_);
+            EXPECT_EQ(umount("/etc") | umount("/run/toggle"), 0);
         }
     }
 
-    std::filesystem::path directory_;
     std::filesystem::path before_;
 };
 
-// The answers with default off and default on.
-const std::string off = "00";
-const std::string on = "11";
-const std::string byDefault = "01";
-
-std::string answersOf(const std::string& file) {
-    const auto digit = [&file](bool byDefault) {
-        return getToggleState("fastPath", file.c_str(), byDefault) ? '1' : '0';
-    };
-    return {digit(false), digit(true)};
-}
-
-TEST_F(ToggleTest, ReadsWhatTheFileSaysAndTellsOfAFaultOnce) {
+TEST_F(ToggleTest, ReadsTheFirstFileAndReportsAFaultOnce) {
+    const char* const none = nullptr;
+    const char* const directory = "a directory instead of the file";
+    const char* const fifo = "a FIFO instead of the file";
+    const char* const on = R"({"fastPath": true, "other": "text"})";
+    const char* const off = R"({"other": [], "fastPath": false})";
     const struct {
-        const char* content;
-        std::string answers;
-        const char* fault;  // How what standard error gets ends; "" when nothing is told.
+        const char *working, *etc, *chosen;  // The file in each directory.
+        bool isChosen;                       // PAVO_TOGGLE_DIR names a directory.
+        bool byDefaultOff, byDefaultOn;      // The answers.
+        const char* fault = "";              // The end of the report on standard error.
     } cases[] = {
-        {nullptr, byDefault, ""},
-        {R"({"fastpath": true, "fastPath2": true})", byDefault, ""},
-        {R"({"fastPath": true, "other": "text"})", on, ""},
-        {R"({"other": [], "fastPath": false})", off, ""},
-        {R"({"fastPath": "true"})", byDefault, "\"fastPath\" is not a boolean"},
-        {R"({"fastPath": null})", byDefault, "\"fastPath\" is not a boolean"},
-        {R"({"fastPath": true} x)", byDefault, "expected end of input"},
-        {"[true]", byDefault, "not a JSON object"},
-        {"", byDefault, "expected '[', '{', or a literal"},
-        {folder, byDefault, "read: Is a directory"},
+        {none, none, on, false, false, true},
+        {none, on, off, false, true, true},
+        {on, off, off, false, true, true},
+        {off, on, on, false, false, false},
+        {R"({"fastpath": true, "fastPath2": true})", on, on, false, false, true},
+        {off, off, on, true, true, true},
+        {on, on, none, true, false, true},
+        {R"({"fastPath": "true"})", on, off, false, true, true, "\"fastPath\" is not a boolean"},
+        {R"({"fastPath": true} x)", none, on, false, false, true, "expected end of input"},
+        {"[true]", none, on, false, false, true, "not a JSON object"},
+        {"", none, on, false, false, true, "expected '[', '{', or a literal"},
+        {directory, none, on, false, false, true, "read: Is a directory"},
+        {fifo, none, on, false, false, true, "expected '[', '{', or a literal"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.content == nullptr ? "absent" : c.content);
-        // A file is told of once, so each row has its own.
-        const std::string file = std::to_string(&c - cases);
-        put(file, c.content);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(answersOf(file), c.answers);
-        const std::string told = testing::internal::GetCapturedStderr();
-        const bool isTold = *c.fault != '\0';
-        EXPECT_EQ(told.starts_with("toggle: ./" + file + ": "), isTold) << told;
-        EXPECT_EQ(told.ends_with(c.fault + std::string("; the file counts as absent\n")), isTold);
-        EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), isTold ? 1 : 0) << told;
-    }
-}
-
-TEST_F(ToggleTest, LooksInTheChosenDirectoryOrInTheWorkingDirectoryThenEtc) {
-    SANDBOX_OR_SKIP();
-    ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", 0, "mode=0755"), 0);
     std::filesystem::create_directory("chosen");
-    const char* const sayOn = R"({"fastPath": true})";
-    const char* const sayOff = R"({"fastPath": false})";
-    const struct {
-        const char* chosen;  // Content of the file in each place.
-        const char* working;
-        const char* etc;
-        const char* variable;  // PAVO_TOGGLE_DIR; null: not set.
-        std::string answers;
-    } cases[] = {
-        {sayOn, sayOff, sayOff, "chosen", on},         {nullptr, sayOn, sayOn, "chosen", byDefault},
-        {sayOff, sayOn, sayOff, nullptr, on},          {sayOff, nullptr, sayOn, nullptr, on},
-        {sayOff, "{}", sayOn, nullptr, byDefault},  // Silent: the first file decides.
-        {sayOff, "{broken", sayOn, nullptr, on},    // Faulty: as if absent.
-        {sayOn, nullptr, nullptr, nullptr, byDefault},
-    };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        put("chosen/Places.json", c.chosen);
-        put("Places.json", c.working);
-        put("/etc/Places.json", c.etc);
-        unsetenv("PAVO_TOGGLE_DIR");
-        if (c.variable != nullptr) {
-            setenv("PAVO_TOGGLE_DIR", c.variable, /*overwrite=*/1);
+        const std::string file = std::to_string(&c - cases);  // Each is reported once.
+        const auto write = [&](const std::string& path, const char* content) {
+            if (content == directory) {
+                std::filesystem::create_directory(path);
+            } else if (content == fifo) {
+                mkfifo(path.c_str(), 0600);
+            } else if (content != nullptr) {
+                std::ofstream(path) << content;
+            }
+        };
+        write(file, c.working);
+        write("/etc/" + file, c.etc);
+        write("chosen/" + file, c.chosen);
+        if (c.isChosen) {
+            setenv("PAVO_TOGGLE_DIR", "chosen", /*overwrite=*/1);
         }
-        EXPECT_EQ(answersOf("Places.json"), c.answers);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(getToggleState("fastPath", file.c_str(), false), c.byDefaultOff);
+        EXPECT_EQ(getToggleState("fastPath", file.c_str(), true), c.byDefaultOn);
+        const std::string report = testing::internal::GetCapturedStderr();
+        const std::string end = c.fault + std::string("; the file counts as absent\n");
+        EXPECT_EQ(report.starts_with("toggle: ./" + file + ": ") && report.ends_with(end),
+                  *c.fault != '\0');
+        EXPECT_EQ(report.find('\n') + 1, report.size());
+        unsetenv("PAVO_TOGGLE_DIR");
     }
-    EXPECT_EQ(umount("/etc"), 0);
+}
+
+// A program that another user starts, without and with the set-user-ID bit of its file.
+TEST_F(ToggleTest, IsNotTheUsersChoiceInAProgramWithMorePrivilegesAndNothingIsTraced) {
+    if (chown(".", 65534, 65534) != 0) {
+        GTEST_SKIP() << "needs a second user: " << strerror(errno);
+    }
+    std::ofstream("Probe.json") << R"({"probed": true})";
+    std::filesystem::copy_file(PAVO_PROBE, "probe");
+    const auto outputAt = [](mode_t mode, const std::string& variable) {
+        EXPECT_EQ(chmod("probe", mode), 0);
+        return PavoTest::run({"setpriv", "--reuid=65534", "--clear-groups", "env",
+                              "MOX_TRACE=probe/0", variable, "./probe"});
+    };
+    EXPECT_EQ(outputAt(0755, "A=B"), "probe/0: traced\non\n");
+    EXPECT_EQ(outputAt(04755, "A=B"), "off\n");
+    EXPECT_EQ(outputAt(04755, "PAVO_TOGGLE_DIR=/run/toggle"), "off\n");
 }
 
 }  // namespace
