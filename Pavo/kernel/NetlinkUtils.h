@@ -43,7 +43,7 @@ PAVO_EXPORT void closeNetlinkSocket(netlinkHandle* nlh);
 /// (1000, 1001, ...) in the message, sends `nlmsg_len` bytes and returns the result of
 /// `getNetlinkResponse`, after whose EBADE the handle has to be closed.
 /// @pre NLM_F_ACK is among the flags and `nlmsg_len` is at least 16: the kernel answers no other
-/// message and the call would wait for ever.
+/// message and the call would never return.
 PAVO_EXPORT int sendNetlinkMsg(netlinkHandle* h, nlmsghdr* msg);
 /// Sends `len` bytes, one or more messages that the caller has numbered, as they are. Returns 0 or
 /// -1; reads no answer.

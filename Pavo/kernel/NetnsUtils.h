@@ -38,7 +38,7 @@ PAVO_EXPORT int remountNsRunDir();
 
 /// 1 when there is a file of that name, whether a namespace or not; else 0.
 PAVO_EXPORT int netNsExists(const char* name);
-/// The inode number of the name's file, which tells namespaces apart; or -1.
+/// The inode number of the name's file, which identifies the namespace; or -1.
 PAVO_EXPORT int64_t netNsInode(const char* name);
 
 /// Creates a network namespace of that name. Its `lo` is up, unless the name is `DEFAULT_NS`. Fails

@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "sandbox/Sandbox.h"
+#include "Pavo/ScopedNetNs.h"
 
 namespace Demo {
 
@@ -33,7 +33,7 @@ pcap_t* open(const std::string& interface) {
 }  // namespace
 
 Capture::Capture(const std::string& netNs, const std::string& interface) {
-    const PavoSandbox::ScopedNetns inside(netNs);
+    const Pavo::ScopedNetNs inside(netNs.c_str());
     handle_.reset(open(interface));
 }
 

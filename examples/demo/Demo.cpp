@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Mox/EventLoop.h"
+#include "Pavo/ScopedNetNs.h"
 #include "demo/Capture.h"
 #include "demo/ReceiveRates.h"
 #include "echo/EchoRequester.h"
@@ -116,7 +117,7 @@ const std::string& interfaceName(const std::string& netNs, uint32_t index) {
     static std::map<std::pair<std::string, uint32_t>, std::string> known;
     const auto [it, isNew] = known.try_emplace({netNs, index}, "?");
     if (isNew) {
-        const PavoSandbox::ScopedNetns inside(netNs);
+        const Pavo::ScopedNetNs inside(netNs.c_str());
         char name[IF_NAMESIZE];
         if (if_indextoname(index, name) != nullptr) {
             it->second = name;

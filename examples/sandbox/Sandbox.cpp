@@ -30,10 +30,10 @@ namespace {
 
 constexpr char netnsDir[] = "/var/run/netns";
 constexpr char threadNetnsPath[] = "/proc/thread-self/ns/net";
-// Holds the process id of whoever entered, so that a child that inherits it does not believe it.
+// Holds the id of the process that entered, so that a child that inherits it knows that it did not.
 constexpr char enteredVariable[] = "PAVO_SANDBOX";
 
-std::string reasonNotEntered = "nobody tried to enter it";
+std::string reasonNotEntered = "it was not entered";
 
 std::runtime_error systemError(const std::string& what) {
     return std::runtime_error(what + ": " + strerror(errno));
@@ -117,10 +117,10 @@ std::string workingDirectory() {
     return path.get();
 }
 
-// In a chroot "/" is no mount point, in general: it cannot be made private, and ip(8) wants that it
-// can. Entering a mount namespace, be it one's own, leads to its real root, where all mounts are
-// made private and the chroot's directory becomes a mount point; then back into the chroot.
-void leaveMakePrivateAndReturn() {
+// In a chroot "/" is usually no mount point, so it cannot be made private, which ip(8) requires.
+// Entering a mount namespace, even one's own, leads to its real root: there all mounts are made
+// private and the chroot's directory becomes a mount point; then the process returns to the chroot.
+void makeMountsPrivateFromChroot() {
     const std::string directory = workingDirectory();
     const OwnedFd root(openOrThrow("/", O_PATH | O_DIRECTORY));
     const OwnedFd ownMounts(openOrThrow("/proc/self/ns/mnt", O_RDONLY));
@@ -136,11 +136,11 @@ void leaveMakePrivateAndReturn() {
 void separateMounts() {
     if (!makeMountsPrivate()) {
         check(errno == EINVAL, "mount / private");
-        leaveMakePrivateAndReturn();
+        makeMountsPrivateFromChroot();
     }
 }
 
-// Tools and the code under test say "/var/run"; the mount goes where that leads.
+// Tools and the code under test use "/var/run", which may be a link: its target is mounted over.
 void mountRunDir() {
     const std::unique_ptr<char, decltype(&free)> path(realpath("/var/run", nullptr), &free);
     check(path != nullptr, "find /var/run");
@@ -149,10 +149,10 @@ void mountRunDir() {
     check(mkdir(netnsDir, 0755) == 0, std::string("mkdir ") + netnsDir);
 }
 
-[[noreturn]] void startAgain() {
+[[noreturn]] void executeAgain() {
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    file.close();  // Else it would be open in the program started, too.
+    file.close();  // It would stay open in the new program.
     std::vector<char*> arguments;
     for (size_t at = 0; at < text.size(); at += strlen(&text[at]) + 1) {
         arguments.push_back(&text[at]);
@@ -160,19 +160,19 @@ void mountRunDir() {
     arguments.push_back(nullptr);
     setenv(enteredVariable, std::to_string(getpid()).c_str(), /*overwrite=*/1);
     execv("/proc/self/exe", arguments.data());
-    throw systemError("start again inside");
+    throw systemError("execute the program again inside");
 }
 
-// The places of a program: PATH is left to execvp, and that of an ordinary user need not have the
+// The paths to try for a program: execvp searches PATH, which for an ordinary user may lack the
 // others.
-std::vector<std::string> placesOf(const std::string& program) {
+std::vector<std::string> pathsOf(const std::string& program) {
     return {program, "/usr/sbin/" + program, "/sbin/" + program};
 }
 
-// Returns only when no place has the program.
-void replaceByCommand(const std::vector<std::string>& places, char* const* arguments) {
-    for (const std::string& place : places) {
-        execvp(place.c_str(), arguments);
+// Returns only when no path leads to the program.
+void replaceByCommand(const std::vector<std::string>& paths, char* const* arguments) {
+    for (const std::string& path : paths) {
+        execvp(path.c_str(), arguments);
     }
 }
 
@@ -217,8 +217,8 @@ void moveTo(const std::string& ns, const std::string& device) {
     }
 }
 
-// The kernel takes an address at once, and packets to it only when a task of its own has made the
-// route.
+// The kernel accepts an address at once, but delivers packets to it only after a task of its own
+// has added the route.
 void awaitLocalRoute(const std::string& ns, const std::string& address) {
     const std::string route = "local " + address + " ";
     for (int tries = 0; tries < 1000; ++tries) {
@@ -241,7 +241,7 @@ bool Sandbox::enter(std::string* why) {
         separateMounts();
         mountRunDir();
         setLoopbackUp();
-        startAgain();
+        executeAgain();
     } catch (const std::exception& fault) {
         reasonNotEntered = fault.what();
         *why = reasonNotEntered;
@@ -259,25 +259,11 @@ const std::string& Sandbox::whyNot() {
 }
 
 void makeNetns(const std::string& name) {
-    check(Pavo::netNsAdd(name.c_str()) == 0, "make namespace " + name);
+    check(Pavo::netNsAdd(name.c_str()) == 0, "create namespace " + name);
 }
 
 void removeNetns(const std::string& name) {
     check(Pavo::netNsDelete(name.c_str()) == 0, "remove namespace " + name);
-}
-
-ScopedNetns::ScopedNetns(const std::string& name) : wayBack_(-1) {
-    OwnedFd wayBack(openOrThrow(threadNetnsPath, O_RDONLY));
-    check(Pavo::setNsByName(name.c_str()) == 0, "enter namespace " + name);
-    wayBack_ = wayBack.release();
-}
-
-ScopedNetns::~ScopedNetns() {
-    const OwnedFd wayBack(wayBack_);
-    if (setns(wayBack_, CLONE_NEWNET) != 0) {
-        perror("Sandbox: setns back");
-        abort();
-    }
 }
 
 uint64_t threadNetnsInode() {
@@ -293,8 +279,8 @@ uint64_t netnsInode(const std::string& name) {
 }
 
 std::string run(const std::vector<std::string>& command) {
-    const std::vector<std::string> places = placesOf(command[0]);
-    std::vector<char*> arguments;  // Made before the fork: a child of many threads allocates not.
+    const std::vector<std::string> paths = pathsOf(command[0]);
+    std::vector<char*> arguments;  // Before the fork: a child of many threads must not allocate.
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
@@ -308,7 +294,7 @@ std::string run(const std::vector<std::string>& command) {
     if (child == 0) {
         dup2(writeEnd.fd(), STDOUT_FILENO);
         dup2(writeEnd.fd(), STDERR_FILENO);
-        replaceByCommand(places, arguments.data());
+        replaceByCommand(paths, arguments.data());
         perror("exec");
         _exit(127);
     }
@@ -375,7 +361,7 @@ void removeWire() {
     try {
         cutWire();
     } catch (const std::runtime_error&) {
-        // Somebody took it away before.
+        // It was removed before.
     }
     removeNetns("left");
     removeNetns("right");

@@ -19,7 +19,7 @@
 namespace {
 
 constexpr char runDir[] = "/var/run/netns/";
-// "/proc/self" is the main thread, whatever thread asks.
+// "/proc/self" is the main thread, whichever thread opens it.
 constexpr char processNamespacePath[] = "/proc/self/ns/net";
 constexpr char threadNamespacePath[] = "/proc/thread-self/ns/net";
 constexpr unsigned maxPathBytes = sizeof(runDir) + NAME_MAX;
@@ -46,7 +46,7 @@ int failedWith(int error, const char* call, const char* object) {
     return failed(call, object);
 }
 
-// A descriptor whose `close` cannot lose data, so that its result is not looked at.
+// A descriptor whose `close` cannot lose data, so that its result is ignored.
 class OwnedFd {
   public:
     explicit OwnedFd(int fd = -1) : fd_(fd) {}
@@ -91,7 +91,7 @@ struct StartNamespace {
 
 constinit StartNamespace startNamespace;
 
-// The kernel's number for the namespace of a socket; 0 where it gives none (before Linux 5.14).
+// The kernel's number for the namespace of a socket; 0 where it has none (before Linux 5.14).
 uint64_t cookieOf(const OwnedFd& socket) {
     uint64_t cookie = 0;
     socklen_t bytes = sizeof(cookie);
@@ -225,7 +225,7 @@ int openSocketElsewhere(int domain, int type, int protocol, const Namespace& tar
 }
 
 // Opens a socket of the start namespace where there is no /proc by which the thread could learn
-// where it is, or return: the socket itself tells whether the thread is there already.
+// where it is, or return: the socket itself shows whether the thread is there already.
 int openSocketWithoutProc(int domain, int type, int protocol) {
     OwnedFd opened(openSocket(domain, type, protocol, DEFAULT_NS));
     if (!opened.isOpen()) {

@@ -12,7 +12,6 @@
 #include <climits>
 #include <cstring>
 #include <functional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -270,7 +269,7 @@ class NetlinkLinkTest : public PavoTest::SandboxTest {
         }
     }
 
-    // Whatever its result.
+    // With any exit status.
     static std::string outputOf(const std::string& command) {
         return PavoTest::run({"sh", "-c", "PATH=$PATH:/usr/sbin:/sbin; " + command + "; true"});
     }
@@ -317,7 +316,10 @@ std::string lastMessageIn(const std::string& trace) {
             message.clear();
         }
         if (line.starts_with(" | ")) {
-            message += std::regex_replace(line.substr(10, 48), std::regex(" "), "");
+            std::istringstream bytes(line.substr(10, 48));
+            for (std::string byte; bytes >> byte;) {
+                message += byte;
+            }
         }
     }
     return message;

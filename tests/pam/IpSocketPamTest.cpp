@@ -428,7 +428,7 @@ TEST_P(RawIpPamTest, OnlyARouterThatAsksHearsPacketsWithTheAlert) {
     const Wire wire;
     const char* const forwarding = pick("net.ipv4.ip_forward=1", "net.ipv6.conf.all.forwarding=1");
     {
-        const PavoTest::ScopedNetns inside("right");
+        const ScopedNetNs inside("right");
         PavoTest::run({"sysctl", "-qw", forwarding});
     }
     const char* const beyond = pick("198.51.100.0/24", "2001:db8:9::/64");

@@ -15,6 +15,7 @@
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/RawIpPam.h"
+#include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
@@ -105,7 +106,7 @@ struct Wire {
 
     // The index of an end.
     uint32_t index(const std::string& netNs) const {
-        const PavoTest::ScopedNetns inside(netNs);
+        const ScopedNetNs inside(netNs.c_str());
         return if_nametoindex(("veth-" + netNs).c_str());
     }
 };

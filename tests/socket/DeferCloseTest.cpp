@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
@@ -172,7 +173,7 @@ void startCloser() {
 
     PavoTest::makeNetns("away");
     {
-        const PavoTest::ScopedNetns away("away");
+        const ScopedNetNs away("away");
         errno = ERANGE;
         EXPECT_EQ(close(), 0);
         EXPECT_EQ(errno, ERANGE);

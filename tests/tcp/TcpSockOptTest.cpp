@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/ValueLaws.h"
 #include "tcp/TcpMachines.h"
@@ -199,7 +200,7 @@ using PavoTest::WireTest;
 TEST_F(WireTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
     uint32_t link = 0;
     {
-        const PavoTest::ScopedNetns left("left");
+        const ScopedNetNs left("left");
         link = if_nametoindex("veth-left");
     }
     ASSERT_NE(link, 0u);
@@ -255,7 +256,7 @@ TEST_F(WireTest, AKeyLetsTheRightPeerInAndKeepsAWrongOneOut) {
         {"192.0.2.2", {}, {{"192.0.2.2/32", good}}, "TCPMD5Unexpected"},
         {"2001:db8::2", {{"2001:db8::1/128", good}}, {{"2001:db8::2/128", bad}}, "TCPMD5Failure"},
     };
-    const PavoTest::ScopedNetns right("right");  // For the counters.
+    const ScopedNetNs right("right");  // For the counters.
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << (&c - cases) << " " << c.dropped);
         const TestServer server(byLoop_.ptr(), &wheel_, c.server, 4001);
