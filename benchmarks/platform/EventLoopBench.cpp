@@ -1,8 +1,10 @@
-// From 64 ready descriptors to their handlers, beside a bare epoll loop.
+// From 64 ready descriptors to their handlers, beside a bare epoll loop; and a turn that finds
+// nothing among 10,000 descriptors, beside one with a single descriptor.
 
 #include <benchmark/benchmark.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <memory>
@@ -14,9 +16,9 @@ namespace {
 
 constexpr int descriptors = 64;
 
-// Ready for ever: nobody reads it.
-int readyDescriptor() {
-    return eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
+// Ready for ever, since it is not read, with a value of 1, and never with 0.
+int descriptor(unsigned value) {
+    return eventfd(value, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
 class Reactor : public Mox::Notifiee {
@@ -42,7 +44,7 @@ void readyPavo(benchmark::State& state) {
     Mox::EventLoop loop;
     std::vector<Mox::Ptr<Reactor>> reactors;
     for (int i = 0; i < descriptors; ++i) {
-        const auto fd = Mox::fileDescriptorFactory(readyDescriptor());
+        const auto fd = Mox::fileDescriptorFactory(descriptor(1));
         fd->watchingIs(Mox::FileDescriptor::Watching::level);
         reactors.push_back(Mox::make<Reactor>(fd));
         fd->notifyOnReadableIs(true);
@@ -63,7 +65,7 @@ void readyEpoll(benchmark::State& state) {
     std::vector<int> fds;
     for (int i = 0; i < descriptors; ++i) {
         handlers.push_back(std::make_unique<Handler>());
-        fds.push_back(readyDescriptor());
+        fds.push_back(descriptor(1));
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.ptr = handlers.back().get();
@@ -83,7 +85,29 @@ void readyEpoll(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * descriptors);
 }
 
+void idlePavo(benchmark::State& state, rlim_t count) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < count + 100) {
+        state.SkipWithError("too few descriptors are allowed");
+        return;
+    }
+    Mox::EventLoop loop;
+    std::vector<Mox::Ptr<Mox::FileDescriptor>> idle;
+    for (rlim_t i = 0; i < count; ++i) {
+        idle.push_back(Mox::fileDescriptorFactory(descriptor(0)));
+        idle.back()->notifyOnReadableIs(true);
+    }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(loop.turn(0));
+    }
+}
+
 BENCHMARK(readyPavo)->Name("Ready64/pavo");
 BENCHMARK(readyEpoll)->Name("Ready64/epoll");
+BENCHMARK_CAPTURE(idlePavo, tenThousand, 10000)->Name("Idle10000/pavo");
+BENCHMARK_CAPTURE(idlePavo, one, 1)->Name("Idle10000/one");
 
 }  // namespace

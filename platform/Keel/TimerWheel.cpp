@@ -15,24 +15,14 @@ constexpr double ticksPerSecond = 1024;  // A power of two: scaling by it is exa
 constexpr uint32_t levelBits = 6;
 constexpr uint32_t levelSlots = 1u << levelBits;
 constexpr uint32_t levels = 8;
-// Whatever is due beyond it, after some 8,700 years, waits there.
+// A timer that is due beyond it, after some 8,700 years, waits there.
 constexpr uint64_t horizonTicks = (uint64_t{1} << (levels * levelBits)) - 1;
-
-// A clock that goes from tick to tick, whatever steps the real one makes.
-class NearClock : public Mox::Clock {
-  public:
-    double now() const override { return now_; }
-    void nowIs(double now) { now_ = now; }
-
-  private:
-    double now_ = 0;
-};
 
 }  // namespace
 
 struct TimerWheel::Wheel {
     struct Slot {
-        Notifiee::Link ring;
+        Link ring;
         double earliest = idle;  // No timer here is due before; after a cancellation, not exact.
     };
     struct Level {
@@ -46,41 +36,58 @@ struct TimerWheel::Wheel {
         Wheel* wheel;
     };
 
-    explicit Wheel(Mox::Clock* clock) : start(clock->now()), wakeUp(clock, this) {}
+    explicit Wheel(Mox::Clock* clock)
+        : start(clock->now()), wakeUp(clock, this), overdue(clock, this) {}
+    ~Wheel();
 
+    Mox::Clock* clock() const { return wakeUp.clock(); }
     uint64_t tickOf(double time) const;
-    void add(Notifiee* timer);
+    void add(Notifiee* timer, double expiry);
     void place(Notifiee* timer);
     void remove(Notifiee* timer);
     Slot* firstUsedSlot();
-    template <class Use>
-    void drain(Notifiee::Link* from, Use use);
-    void comeDown(Slot* slot);
-    void turnEnds();
+    void moveDown(Slot* slot);
+    void fireBefore(double limit);
     void turn();
+    void endTurn();
 
     double start;
     uint64_t current = 0;
-    NearClock near;  // Holds the timers of the current tick and before.
+    // Timers of the current tick and before, and those that were armed for the time of a round that
+    // had begun.
+    Mox::DueHeap near;
+    Link timers;  // All of them, armed or idle.
+    // Two notifiees, since the clock has to know the next expiry while overdue timers wait for the
+    // next round.
     WakeUp wakeUp;
+    WakeUp overdue;
     bool turning = false;
-    double turnsTo = idle;       // The time of the turn under way.
-    Notifiee::Link forNextTurn;  // Timers that a handler armed for that time or before.
     std::array<Level, levels> byLevel;
 };
 
-void TimerWheel::Notifiee::Link::insertBefore(Link* other) {
+void TimerWheel::Link::insertBefore(Link* other) {
     previous = other->previous;
     next = other;
     previous->next = this;
     next->previous = this;
 }
 
-void TimerWheel::Notifiee::Link::remove() {
+void TimerWheel::Link::remove() {
     previous->next = next;
     next->previous = previous;
     previous = this;
     next = this;
+}
+
+TimerWheel::Wheel::~Wheel() {
+    Mox::require(!turning, "!turning");
+    while (!timers.isAlone()) {
+        auto* timer = static_cast<Notifiee*>(static_cast<InWheel*>(timers.next));
+        timer->InWheel::remove();
+        timer->InSlot::remove();
+        timer->wheel_ = nullptr;
+        timer->expiry_ = idle;
+    }
 }
 
 uint64_t TimerWheel::Wheel::tickOf(double time) const {
@@ -91,21 +98,25 @@ uint64_t TimerWheel::Wheel::tickOf(double time) const {
     return ticks > 0 ? static_cast<uint64_t>(ticks) : 0;
 }
 
-void TimerWheel::Wheel::add(Notifiee* timer) {
-    if (turning && timer->expiry_ <= turnsTo) {
-        timer->inSlot_.insertBefore(&forNextTurn);
+void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
+    static_cast<Mox::Due&>(*timer) = clock()->dueAt(expiry);
+    place(timer);
+    timer->expiry_ = expiry;
+    const double due = timer->due();
+    if (turning) {
         return;
     }
-    place(timer);
-    if (!turning && timer->expiry_ < wakeUp.expiry()) {
-        wakeUp.expiryIs(timer->expiry_);
+    WakeUp& waker = due <= clock()->roundTime() ? overdue : wakeUp;
+    if (due < waker.expiry()) {
+        waker.expiryIs(due);
     }
 }
 
 void TimerWheel::Wheel::place(Notifiee* timer) {
-    const uint64_t tick = tickOf(timer->expiry_);
-    if (tick <= current) {
-        timer->due_.expiryIs(timer->expiry_);
+    const double due = timer->due();
+    const uint64_t tick = tickOf(due);
+    if (tick <= current || due <= clock()->roundTime()) {
+        near.push(timer);
         return;
     }
     const auto level = (63u - static_cast<uint32_t>(std::countl_zero(tick ^ current))) / levelBits;
@@ -114,18 +125,19 @@ void TimerWheel::Wheel::place(Notifiee* timer) {
     if (slot.ring.isAlone()) {
         slot.earliest = idle;
     }
-    slot.earliest = std::min(slot.earliest, timer->expiry_);
-    timer->inSlot_.insertBefore(&slot.ring);
+    slot.earliest = std::min(slot.earliest, due);
+    timer->InSlot::insertBefore(&slot.ring);
     byLevel[level].used |= uint64_t{1} << index;
 }
 
 void TimerWheel::Wheel::remove(Notifiee* timer) {
-    timer->inSlot_.remove();
-    timer->due_.expiryIs(idle);
+    near.remove(timer);
+    timer->InSlot::remove();
+    timer->expiry_ = idle;
 }
 
-// The slot whose timers are due before those of all others: a lower level's are of the current slot
-// of every higher one. Null when all are empty.
+// The slot whose timers are due before those of all others: a lower level covers the current slot
+// of each higher one. Null when all are empty.
 TimerWheel::Wheel::Slot* TimerWheel::Wheel::firstUsedSlot() {
     for (Level& level : byLevel) {
         while (level.used != 0) {
@@ -140,51 +152,55 @@ TimerWheel::Wheel::Slot* TimerWheel::Wheel::firstUsedSlot() {
     return nullptr;
 }
 
-// Calls `use` for each timer of the ring, in order, after taking it out.
-template <class Use>
-void TimerWheel::Wheel::drain(Notifiee::Link* from, Use use) {
-    Notifiee::Link ring;
-    ring.insertBefore(from);
-    from->remove();
-    while (!ring.isAlone()) {
-        Notifiee* timer = static_cast<Notifiee::InSlot*>(ring.next)->owner;
-        timer->inSlot_.remove();
-        use(timer);
+// Makes the slot's earliest tick the current one and places its timers anew: on lower levels, or
+// near.
+void TimerWheel::Wheel::moveDown(Slot* slot) {
+    current = std::max(current, tickOf(slot->earliest));
+    while (!slot->ring.isAlone()) {
+        Link* first = slot->ring.next;
+        first->remove();
+        place(static_cast<Notifiee*>(static_cast<InSlot*>(first)));
     }
 }
 
-// Makes the slot's earliest tick the current one and places its timers anew, in their order, so
-// that equal expiries stay in the order of arming.
-void TimerWheel::Wheel::comeDown(Slot* slot) {
-    current = std::max(current, tickOf(slot->earliest));
-    drain(&slot->ring, [this](Notifiee* timer) { place(timer); });
+void TimerWheel::Wheel::fireBefore(double limit) {
+    for (Mox::Due* first = near.first();
+         first != nullptr && first->seconds < limit && clock()->isInRound(*first);
+         first = near.first()) {
+        auto* timer = static_cast<Notifiee*>(first);
+        remove(timer);
+        timer->handleExpiry();
+    }
 }
 
-// Fires tick after tick, so that few timers wait in order at a time, however late the turn comes.
+// Fires tick after tick, so that few timers are near at a time, however late the turn comes.
 void TimerWheel::Wheel::turn() {
-    struct Ending {
-        ~Ending() { wheel->turnEnds(); }
+    struct Turn {
+        ~Turn() { wheel->endTurn(); }
         Wheel* wheel;
     };
-    const Ending ending{this};  // Also when a notifiee throws.
+    const Turn ending{this};  // Also when a notifiee throws.
     turning = true;
-    turnsTo = wakeUp.clock()->now();
-    for (Slot* slot = firstUsedSlot(); slot != nullptr && slot->earliest <= turnsTo;
+    wakeUp.expiryIs(idle);  // Both are set at the end; a round inside this one must not turn again.
+    overdue.expiryIs(idle);
+    const double time = clock()->roundTime();
+    for (Slot* slot = firstUsedSlot(); slot != nullptr && slot->earliest <= time;
          slot = firstUsedSlot()) {
-        comeDown(slot);
-        const double tickEnds = start + static_cast<double>(current + 1) / ticksPerSecond;
-        near.nowIs(std::min(tickEnds, turnsTo));
-        near.fire();
+        moveDown(slot);
+        fireBefore(start + static_cast<double>(current + 1) / ticksPerSecond);
     }
-    near.nowIs(turnsTo);
-    near.fire();
+    fireBefore(idle);
 }
 
-void TimerWheel::Wheel::turnEnds() {
+void TimerWheel::Wheel::endTurn() {
     turning = false;
-    drain(&forNextTurn, [](Notifiee* timer) { timer->due_.expiryIs(timer->expiry_); });
+    const double time = clock()->roundTime();
+    const Mox::Due* first = near.first();
+    if (first != nullptr && first->seconds <= time) {
+        overdue.expiryIs(time);
+    }
     const Slot* slot = firstUsedSlot();
-    wakeUp.expiryIs(std::min(near.nextExpiry(), slot == nullptr ? idle : slot->earliest));
+    wakeUp.expiryIs(std::min(near.firstAfter(time), slot == nullptr ? idle : slot->earliest));
 }
 
 TimerWheel::TimerWheel(Mox::Clock* clock) : wheel_(std::make_unique<Wheel>(clock)) {}
@@ -192,30 +208,33 @@ TimerWheel::TimerWheel(Mox::Clock* clock) : wheel_(std::make_unique<Wheel>(clock
 TimerWheel::~TimerWheel() = default;
 
 Mox::Clock* TimerWheel::clock() const {
-    return wheel_->wakeUp.clock();
+    return wheel_->clock();
 }
 
-TimerWheel::Notifiee::Notifiee(TimerWheel* wheel)
-    : wheel_(wheel->wheel_.get()), due_(&wheel_->near, this) {
-    inSlot_.owner = this;
+TimerWheel::Notifiee::Notifiee(TimerWheel* wheel) : wheel_(wheel->wheel_.get()) {
+    InWheel::insertBefore(&wheel_->timers);
 }
 
 TimerWheel::Notifiee::~Notifiee() {
-    wheel_->remove(this);
+    if (!isIdle()) {
+        wheel_->remove(this);
+    }
+    InWheel::remove();
+}
+
+Mox::Clock* TimerWheel::Notifiee::clock() const {
+    return wheel_ == nullptr ? nullptr : wheel_->clock();
 }
 
 void TimerWheel::Notifiee::expiryIs(double expiry) {
     Mox::require(!std::isnan(expiry), "!isnan( expiry )");
-    wheel_->remove(this);
-    expiry_ = expiry;
     if (!isIdle()) {
-        wheel_->add(this);
+        wheel_->remove(this);
     }
-}
-
-void TimerWheel::Notifiee::Due::handleExpiry() {
-    owner->expiry_ = idle;
-    owner->handleExpiry();
+    if (expiry != idle) {
+        Mox::require(clock() != nullptr, "clock()");
+        wheel_->add(this, expiry);
+    }
 }
 
 }  // namespace Keel

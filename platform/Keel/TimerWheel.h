@@ -3,10 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
-#include <utility>
 
 #include "Keel/Export.h"
 #include "Mox/Clock.h"
@@ -15,10 +13,11 @@ namespace Keel {
 
 /// Timers by the thousand, driven by a clock: arming and cancelling one takes the same time however
 /// many there are. Times are absolute, in seconds of that clock, and exact: nothing is rounded.
+/// Timers are called in the rounds of the clock, by the same rules as the clock's own notifiees.
 ///
 /// A hierarchical wheel (Varghese and Lauck, 1987). Time is counted in ticks of 1/1024 s; a timer
 /// that is due after the current tick waits in a slot of the level at which its tick and the
-/// current one first differ, and comes down a level or more when its slot is reached:
+/// current one first differ, and moves down a level or more when its slot is reached:
 ///
 ///     level 0   64 slots of 1 tick      (1 ms)
 ///     level 1   64 slots of 64 ticks    (63 ms)
@@ -33,45 +32,20 @@ class KEEL_EXPORT TimerWheel {
 
     class Notifiee;
 
-    /// The clock must outlive the wheel.
     explicit TimerWheel(Mox::Clock* clock);
     TimerWheel(const TimerWheel&) = delete;
     TimerWheel& operator=(const TimerWheel&) = delete;
+    /// Timers may outlive their wheel: they are idle from then on. Not to be called by one of its
+    /// timers: assertion "!turning".
     ~TimerWheel();
 
+    /// Null after the end of the clock.
     Mox::Clock* clock() const;
     double now() const { return clock()->now(); }
 
   private:
     struct Wheel;
-
-    std::unique_ptr<Wheel> wheel_;
-};
-
-/// What is called at its expiry. The wheel must outlive it.
-class KEEL_EXPORT TimerWheel::Notifiee {
-  public:
-    explicit Notifiee(TimerWheel* wheel);
-    Notifiee(const Notifiee&) = delete;
-    Notifiee& operator=(const Notifiee&) = delete;
-    virtual ~Notifiee();
-
-    /// +infinity while idle.
-    double expiry() const { return expiry_; }
-    bool isIdle() const { return expiry_ == idle; }
-    /// Arms it for an absolute time, also a past one; +infinity makes it idle. NaN is refused with
-    /// the assertion "!isnan( expiry )".
-    void expiryIs(double expiry);
-
-    /// Called once an expiry, idle, in the order of the expiries and among equal ones in that of
-    /// arming. The notifiee may arm itself again, then to be called in another round of the clock,
-    /// or be destroyed.
-    virtual void handleExpiry() = 0;
-
-  private:
-    friend struct Wheel;
-
-    // A place in a slot's ring; alone it is a ring of one.
+    // A place in a ring; alone it is a ring of one.
     struct Link {
         Link* previous = this;
         Link* next = this;
@@ -80,36 +54,48 @@ class KEEL_EXPORT TimerWheel::Notifiee {
         void insertBefore(Link* other);
         void remove();
     };
-    struct InSlot : Link {
-        Notifiee* owner = nullptr;
-    };
-    struct Due : Mox::Clock::Notifiee {
-        Due(Mox::Clock* clock, TimerWheel::Notifiee* timer)
-            : Mox::Clock::Notifiee(clock), owner(timer) {}
-        void handleExpiry() override;
+    struct InSlot : Link {};
+    struct InWheel : Link {};
 
-        TimerWheel::Notifiee* owner;
-    };
-
-    Wheel* wheel_;
-    double expiry_ = idle;
-    InSlot inSlot_;
-    Due due_;
+    std::unique_ptr<Wheel> wheel_;
 };
 
-/// A timer that calls a function. It may be destroyed from inside the call.
-class Timer : public TimerWheel::Notifiee {
+/// What a wheel calls at its expiry.
+class KEEL_EXPORT TimerWheel::Notifiee : private Mox::Due, private InSlot, private InWheel {
   public:
-    Timer(TimerWheel* wheel, std::function<void()> handler)
-        : Notifiee(wheel),
-          handler_(std::make_shared<const std::function<void()>>(std::move(handler))) {}
-    void handleExpiry() override {
-        const auto held = handler_;
-        (*held)();
-    }
+    explicit Notifiee(TimerWheel* wheel);
+    Notifiee(const Notifiee&) = delete;
+    Notifiee& operator=(const Notifiee&) = delete;
+    virtual ~Notifiee();
+
+    /// The clock of the wheel; null after the end of either.
+    Mox::Clock* clock() const;
+    /// +infinity while idle.
+    double expiry() const { return expiry_; }
+    bool isIdle() const { return expiry_ == idle; }
+    /// Arms it for an absolute time, also a past one; +infinity makes it idle. NaN is refused with
+    /// the assertion "!isnan( expiry )", arming after the end of the wheel or of the clock with
+    /// "clock()".
+    void expiryIs(double expiry);
+
+    /// Called once for each expiry, idle, in the order of the expiries and among equal ones in that
+    /// of arming. The notifiee may arm itself again, which is then for another round of the clock,
+    /// or be destroyed.
+    virtual void handleExpiry() = 0;
+
+  protected:
+    /// In `handleExpiry`, before the notifiee arms itself again: the time at which it became due.
+    /// That is the expiry, or the time of the last round before arming where that was later.
+    double due() const { return Due::seconds; }
 
   private:
-    std::shared_ptr<const std::function<void()>> handler_;
+    friend class TimerWheel;
+
+    Wheel* wheel_;  // Null after its end.
+    double expiry_ = idle;
 };
+
+/// A timer of a wheel that calls a function: once, or periodically.
+using Timer = Mox::BasicTimer<TimerWheel>;
 
 }  // namespace Keel

@@ -3,98 +3,92 @@
 #include <time.h>
 
 #include <algorithm>
-#include <cmath>
-
-#include "Mox/Assert.h"
 
 namespace Mox {
 
-Clock::~Clock() = default;
+// A call of `fire` under way. A handler may call `fire` again: the round inside calls also what was
+// armed since, and the outer one then goes on with its own limit.
+struct Clock::Round {
+    explicit Round(Clock& itsClock) : clock(itsClock), outerNewest(clock.newestInRound_) {
+        clock.roundTime_ = clock.now();
+        clock.newestInRound_ = clock.armed_;
+        ++clock.firing_;
+    }
+    ~Round() {
+        clock.newestInRound_ = outerNewest;
+        --clock.firing_;
+    }
+    Round(const Round&) = delete;
+    Round& operator=(const Round&) = delete;
+
+    Clock& clock;
+    const uint64_t outerNewest;
+};
+
+Clock::~Clock() {
+    require(firing_ == 0, "!firing_");
+    for (Notifiee* each = notifiees_; each != nullptr; each = each->next_) {
+        each->clock_ = nullptr;
+        each->expiry_ = idle;
+    }
+}
 
 double Clock::nextExpiry() const {
-    return heap_.empty() ? idle : heap_.front()->expiry_;
+    const Due* first = heap_.first();
+    return first == nullptr ? idle : static_cast<const Notifiee*>(first)->expiry_;
 }
 
 uint32_t Clock::fire() {
-    const double due = now();
-    const uint64_t newest = armed_;
+    const Round round(*this);
     uint32_t fired = 0;
-    fired_ = due;  // Whatever is armed from now on stands behind all that is due.
-    while (!heap_.empty() && heap_.front()->due_ <= due && heap_.front()->armedAs_ <= newest) {
-        Notifiee* first = heap_.front();
-        first->expiryIs(idle);
+    for (Due* first = heap_.first(); first != nullptr && isInRound(*first); first = heap_.first()) {
+        auto* notifiee = static_cast<Notifiee*>(first);
+        notifiee->expiryIs(idle);
         ++fired;
-        first->handleExpiry();
+        notifiee->handleExpiry();
     }
     return fired;
 }
 
-bool Clock::Notifiee::isBefore(const Notifiee& other) const {
-    return due_ != other.due_ ? due_ < other.due_ : armedAs_ < other.armedAs_;
+Due Clock::dueAt(double expiry) {
+    return {std::max(expiry, roundTime_), ++armed_};
 }
 
-void Clock::place(uint32_t index, Notifiee* notifiee) {
-    heap_[index] = notifiee;
-    notifiee->index_ = index;
-}
+void Clock::handleNextExpiry() {}
 
-void Clock::siftUp(uint32_t index) {
-    Notifiee* moving = heap_[index];
-    while (index > 0 && moving->isBefore(*heap_[(index - 1) / 2])) {
-        place(index, heap_[(index - 1) / 2]);
-        index = (index - 1) / 2;
+Clock::Notifiee::Notifiee(Clock* clock) : clock_(clock), next_(clock->notifiees_) {
+    clock->notifiees_ = this;
+    if (next_ != nullptr) {
+        next_->previous_ = this;
     }
-    place(index, moving);
-}
-
-void Clock::siftDown(uint32_t index) {
-    const auto count = static_cast<uint32_t>(heap_.size());
-    Notifiee* moving = heap_[index];
-    for (uint32_t child = 2 * index + 1; child < count; child = 2 * index + 1) {
-        if (child + 1 < count && heap_[child + 1]->isBefore(*heap_[child])) {
-            ++child;
-        }
-        if (!heap_[child]->isBefore(*moving)) {
-            break;
-        }
-        place(index, heap_[child]);
-        index = child;
-    }
-    place(index, moving);
-}
-
-void Clock::add(Notifiee* notifiee, double expiry) {
-    heap_.push_back(notifiee);
-    notifiee->expiry_ = expiry;
-    notifiee->due_ = std::max(expiry, fired_);
-    notifiee->armedAs_ = ++armed_;
-    siftUp(static_cast<uint32_t>(heap_.size()) - 1);
-}
-
-void Clock::remove(Notifiee* notifiee) {
-    const uint32_t index = notifiee->index_;
-    Notifiee* last = heap_.back();
-    heap_.pop_back();
-    if (last == notifiee) {
-        return;
-    }
-    place(index, last);
-    siftUp(index);
-    siftDown(last->index_);
 }
 
 Clock::Notifiee::~Notifiee() {
-    expiryIs(idle);
+    if (clock_ == nullptr) {
+        return;
+    }
+    clock_->heap_.remove(this);
+    (previous_ != nullptr ? previous_->next_ : clock_->notifiees_) = next_;
+    if (next_ != nullptr) {
+        next_->previous_ = previous_;
+    }
 }
 
 void Clock::Notifiee::expiryIs(double expiry) {
     require(!std::isnan(expiry), "!isnan( expiry )");
     if (!isIdle()) {
-        clock_->remove(this);
+        clock_->heap_.remove(this);
         expiry_ = idle;
     }
-    if (expiry != idle) {
-        clock_->add(this, expiry);
+    if (expiry == idle) {
+        return;
+    }
+    require(clock_ != nullptr, "clock()");
+    static_cast<Due&>(*this) = clock_->dueAt(expiry);
+    clock_->heap_.push(this);
+    expiry_ = expiry;
+    if (clock_->heap_.first() == this) {
+        clock_->handleNextExpiry();
     }
 }
 
@@ -107,13 +101,13 @@ double MonotonicClock::now() const {
 void ManualClock::advance(double seconds) {
     require(seconds >= 0, "seconds >= 0");
     const double target = now_ + seconds;
-    while (nextExpiry() <= target) {
-        if (nextExpiry() > now_) {
-            now_ = nextExpiry();
-        }
+    if (nextExpiry() <= now_) {
         fire();
     }
-    now_ = std::max(now_, target);  // A handler may have gone on further.
+    while (now_ < target) {  // A handler may have moved the clock on further.
+        now_ = std::min(nextDueAfter(now_), target);
+        fire();
+    }
 }
 
 }  // namespace Mox

@@ -1,26 +1,35 @@
 /// @file
-/// Time, and being called when it comes.
+/// Clocks, and timers that are called when their time has come.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <utility>
-#include <vector>
 
+#include "Mox/Assert.h"
+#include "Mox/DueHeap.h"
 #include "Mox/Export.h"
 
 namespace Mox {
 
 /// Times in seconds, growing monotonically from an arbitrary start, and notifiees that are called
 /// when an absolute time has come. A notifiee at +infinity is idle.
+///
+/// Notifiees are called in rounds; a round is one call of `fire`. It calls each notifiee that is
+/// due and was armed before the round began, in the order of their expiries, and those of equal
+/// expiries in the order of arming. An expiry that is not after the last round counts as the time
+/// of that round, so that a notifiee that arms itself for the past delays no other one.
 class MOX_EXPORT Clock {
   public:
     static constexpr double idle = std::numeric_limits<double>::infinity();
 
     class Notifiee;
 
+    /// Notifiees may outlive their clock: they are idle from then on. Not to be called from inside
+    /// `fire`: assertion "!firing_".
     virtual ~Clock();
     Clock(const Clock&) = delete;
     Clock& operator=(const Clock&) = delete;
@@ -29,73 +38,135 @@ class MOX_EXPORT Clock {
 
     /// The expiry of the notifiee that is called next; +infinity when all are idle.
     double nextExpiry() const;
-    /// Calls every notifiee that is due and was armed before this call, in the order of their
-    /// expiries, of equal ones in the order of arming; each is idle when it is called. Returns how
-    /// many were called. An exception passes through; who was not called yet stays armed.
-    ///
-    /// An expiry before the last call of `fire` counts as the time of that call: a notifiee that
-    /// arms itself for the past again and again keeps none of the others waiting.
+    /// Makes a round and returns how many notifiees it called; each is idle when it is called. An
+    /// exception from one of them ends the round; the others stay armed.
     uint32_t fire();
+
+    /// The time of the last round, which may still be under way; -infinity before the first one.
+    double roundTime() const { return roundTime_; }
+    /// For a queue of timers that is driven by this clock, as `Keel::TimerWheel` is: the place of a
+    /// timer that is armed now.
+    Due dueAt(double expiry);
+    /// For such a queue: whether the round under way calls a timer at that place.
+    bool isInRound(const Due& due) const {
+        return due.seconds <= roundTime_ && due.armedAs <= newestInRound_;
+    }
 
   protected:
     Clock() = default;
 
-  private:
-    void place(uint32_t index, Notifiee* notifiee);
-    void siftUp(uint32_t index);
-    void siftDown(uint32_t index);
-    void add(Notifiee* notifiee, double expiry);
-    void remove(Notifiee* notifiee);
+    /// The earliest time after `seconds` at which a notifiee is due; +infinity when there is none.
+    double nextDueAfter(double seconds) const { return heap_.firstAfter(seconds); }
 
-    std::vector<Notifiee*> heap_;  // The earliest in front.
+  private:
+    struct Round;
+
+    // Called when a notifiee was armed that is called before all others.
+    virtual void handleNextExpiry();
+
+    DueHeap heap_;
+    Notifiee* notifiees_ = nullptr;  // All of them, armed or idle.
     uint64_t armed_ = 0;
-    double fired_ = -idle;  // The time of the last call of `fire`.
+    uint64_t newestInRound_ = 0;
+    double roundTime_ = -idle;
+    uint32_t firing_ = 0;  // Calls of `fire` under way.
 };
 
-/// What is called at its expiry. The clock must outlive it.
-class MOX_EXPORT Clock::Notifiee {
+/// What a clock calls at its expiry.
+class MOX_EXPORT Clock::Notifiee : private Due {
   public:
-    explicit Notifiee(Clock* clock) : clock_(clock) {}
+    explicit Notifiee(Clock* clock);
     virtual ~Notifiee();
     Notifiee(const Notifiee&) = delete;
     Notifiee& operator=(const Notifiee&) = delete;
 
+    /// Null after the end of the clock.
     Clock* clock() const { return clock_; }
     double expiry() const { return expiry_; }
     bool isIdle() const { return expiry_ == idle; }
     /// Arms it for an absolute time, also a past one; +infinity makes it idle. NaN is refused with
-    /// the assertion "!isnan( expiry )".
+    /// the assertion "!isnan( expiry )", arming after the end of the clock with "clock()".
     void expiryIs(double expiry);
 
-    /// Called once an expiry, from `Clock::fire`. The notifiee may arm itself again or be
-    /// destroyed.
+    /// Called once for each expiry, from `Clock::fire`. The notifiee may arm itself again, which is
+    /// then for another round, or be destroyed.
     virtual void handleExpiry() = 0;
+
+  protected:
+    /// In `handleExpiry`, before the notifiee arms itself again: the time at which it became due.
+    /// That is the expiry, or the time of the last round before arming where that was later.
+    double due() const { return Due::seconds; }
 
   private:
     friend class Clock;
-    bool isBefore(const Notifiee& other) const;
 
     Clock* clock_;
+    Notifiee* previous_ = nullptr;
+    Notifiee* next_;
     double expiry_ = idle;
-    double due_ = idle;  // The expiry, but not before the clock's last call of `fire`.
-    uint64_t armedAs_ = 0;
-    uint32_t index_ = 0;  // In the heap, while armed.
 };
 
-/// A notifiee that calls a function. It may be destroyed from inside the call.
-class Timer : public Clock::Notifiee {
+/// A timer of a clock or of a timer wheel, its `Source`, that calls a function: once, or
+/// periodically. It may be destroyed from inside the call.
+template <class Source>
+class BasicTimer : public Source::Notifiee {
+    using Base = typename Source::Notifiee;
+
   public:
-    Timer(Clock* clock, std::function<void()> handler)
-        : Notifiee(clock),
+    BasicTimer(Source* source, std::function<void()> handler)
+        : Base(source),
           handler_(std::make_shared<const std::function<void()>>(std::move(handler))) {}
+
+    /// Arms it for one call at an absolute time, also a past one; +infinity makes it idle. A period
+    /// ends with it. Assertions as for the source's notifiees.
+    void expiryIs(double expiry) {
+        periodSeconds_ = 0;
+        Base::expiryIs(expiry);
+    }
+    /// Arms it for calls at `firstExpiry` and at whole periods after it, until `expiryIs`. A call
+    /// that comes late does not shift the later ones. Periods that passed meanwhile are skipped, so
+    /// that a late call is a single one.
+    /// @pre The period is positive and finite (assertion "period > 0").
+    void every(double periodSeconds, double firstExpiry) {
+        require(periodSeconds > 0 && periodSeconds != Clock::idle, "period > 0");
+        Base::expiryIs(firstExpiry);
+        firstExpiry_ = firstExpiry;
+        periodSeconds_ = periodSeconds;
+    }
+    /// The same with the first call one period from now.
+    void every(double periodSeconds) {
+        require(this->clock() != nullptr, "clock()");
+        every(periodSeconds, this->clock()->now() + periodSeconds);
+    }
+
+    /// In the handler: the time at which the call was due. The handler runs then or later.
+    double due() const { return due_; }
+
     void handleExpiry() override {
+        due_ = Base::due();
+        if (periodSeconds_ > 0) {
+            Base::expiryIs(nextPeriod());  // Before the call: it may throw, or end the timer.
+        }
         const auto held = handler_;
         (*held)();
     }
 
   private:
+    // Multiplied, since a sum of many periods would drift by rounding.
+    double nextPeriod() const {
+        const double now = this->clock()->roundTime();
+        const double periods = std::floor((now - firstExpiry_) / periodSeconds_) + 1;
+        const double next = firstExpiry_ + periods * periodSeconds_;
+        return next > now ? next : firstExpiry_ + (periods + 1) * periodSeconds_;
+    }
+
     std::shared_ptr<const std::function<void()>> handler_;
+    double due_ = Clock::idle;
+    double firstExpiry_ = 0;
+    double periodSeconds_ = 0;  // 0 for a single call.
 };
+
+using Timer = BasicTimer<Clock>;
 
 /// The machine's monotonic clock (clock_gettime(2), CLOCK_MONOTONIC).
 class MOX_EXPORT MonotonicClock : public Clock {
@@ -103,13 +174,15 @@ class MOX_EXPORT MonotonicClock : public Clock {
     double now() const override;
 };
 
-/// A clock that stands still until it is told to go on, so that tests of timing neither wait nor
-/// depend on the machine.
+/// A clock that moves only by `advance`, so that tests of timing neither wait nor depend on the
+/// machine.
 class MOX_EXPORT ManualClock : public Clock {
   public:
     double now() const override { return now_; }
-    /// Goes on by `seconds`, stopping at each expiry on the way to call who is due there. After an
-    /// exception from one of these it stands at that expiry.
+    /// Moves on by `seconds`. The clock stops at each expiry on the way, and last at the end, and
+    /// makes one round at each stop; it makes one before it moves if a notifiee is due already.
+    /// What a handler arms for the time of its own round, or for the past, is called at the next
+    /// stop. After an exception from a handler the clock stands at that stop.
     /// @pre `seconds` is not negative (assertion "seconds >= 0").
     void advance(double seconds);
 

@@ -19,20 +19,54 @@ FileDescriptor::FileDescriptor(int descriptor, Ownership ownership)
     const int flags = fcntl(descriptor_, F_GETFL);
     if (flags < 0) {
         const ErrnoException error(errno, "fcntl(F_GETFL)");
-        close();  // Owned from the first line on: no destructor runs for what is not made.
+        closeNumber(giveUp());  // Owned already, though no destructor runs after this.
         throw error;
     }
     nonBlocking_ = (flags & O_NONBLOCK) != 0;
 }
 
 FileDescriptor::~FileDescriptor() {
-    close();
+    closeNumber(giveUp());  // Notifies nobody: an observer would have kept this object alive.
 }
 
 void FileDescriptor::close() {
-    const int descriptor = descriptorRelease();
-    if (ownership_ == Ownership::owned && descriptor >= 0) {
-        (void)::close(descriptor);  // Linux frees the number whatever it answers.
+    const Ptr<FileDescriptor> hold(this);
+    const Interests before = interests();
+    closeNumber(giveUp());
+    notifyOfChanges(before);
+}
+
+int FileDescriptor::descriptorRelease() {
+    const Ptr<FileDescriptor> hold(this);
+    const Interests before = interests();
+    const int number = giveUp();
+    notifyOfChanges(before);
+    return number;
+}
+
+// Interest ends before the number is given up: the kernel keeps an entry of a closed number whose
+// file lives on in a duplicate, and nobody could delete it any more.
+int FileDescriptor::giveUp() {
+    notifyOnReadable_ = false;
+    notifyOnWritable_ = false;
+    if (loop_ != nullptr) {
+        loop_->interestLost(this);
+    }
+    return std::exchange(descriptor_, -1);
+}
+
+void FileDescriptor::closeNumber(int number) {
+    if (ownership_ == Ownership::owned && number >= 0) {
+        (void)::close(number);  // Linux frees the number whatever it returns.
+    }
+}
+
+void FileDescriptor::notifyOfChanges(Interests before) {
+    if (before.readable != notifyOnReadable_) {
+        notify(notifyOnReadableAttr);
+    }
+    if (before.writable != notifyOnWritable_) {
+        notify(notifyOnWritableAttr);
     }
 }
 
@@ -40,23 +74,17 @@ String FileDescriptor::name() const {
     return String("fd ") + std::string_view(std::to_string(descriptor_));
 }
 
-int FileDescriptor::descriptorRelease() {
-    // Interest goes before the number does: an entry of a closed number whose file lives on in a
-    // duplicate could not be deleted any more.
-    if (loop_ != nullptr) {
-        notifyOnReadable_ = false;
-        notifyOnWritable_ = false;
-        loop_->unwatch(this);
-    }
-    return std::exchange(descriptor_, -1);
-}
-
 void FileDescriptor::watchingIs(Watching watching) {
-    watching_ = watching;
-    triedToRead_ = true;  // A new way of watching, a new report.
+    const Watching before = std::exchange(watching_, watching);
     if (loop_ != nullptr) {
-        loop_->watch(this);
+        try {
+            loop_->watch(this);
+        } catch (...) {
+            watching_ = before;
+            throw;
+        }
     }
+    triedToRead_ = true;  // A new way of watching, a new report.
 }
 
 void FileDescriptor::nonBlockingIs(bool nonBlocking) {
@@ -79,19 +107,25 @@ void FileDescriptor::notifyOnWritableIs(bool notify) {
 
 void FileDescriptor::watch(bool* interest, bool notifyNow,
                            const Attribute<FileDescriptor>& attribute) {
-    // An edge-triggered owner that asks again wants to hear of what is there already.
+    // With an edge-triggered descriptor, setting interest again asks for what is there already.
     const bool again = notifyNow && *interest && watching_ == Watching::edge;
     if (*interest == notifyNow && !again) {
         return;
     }
-    EventLoop* loop = loop_ != nullptr ? loop_ : EventLoop::current();
-    require(loop != nullptr, "EventLoop::current()");
     const bool before = std::exchange(*interest, notifyNow);
-    try {
-        loop->watch(this);
-    } catch (...) {
-        *interest = false;
-        throw;
+    if (!notifyNow) {
+        if (loop_ != nullptr) {
+            loop_->interestLost(this);
+        }
+    } else {
+        EventLoop* loop = loop_ != nullptr ? loop_ : EventLoop::current();
+        require(loop != nullptr, "EventLoop::current()");
+        try {
+            loop->watch(this);
+        } catch (...) {
+            *interest = before;
+            throw;
+        }
     }
     if (before != notifyNow) {
         notify(attribute);
@@ -137,10 +171,14 @@ void FileDescriptor::report(const Report& due) {
         return;
     }
     const Ptr<FileDescriptor> hold(this);  // The first of two changes may drop the last reference.
+    const Interests before = interests();
+    ++writableCount_;
     if (watching_ == Watching::tracked) {
-        notifyOnWritableIs(false);
+        notifyOnWritable_ = false;
+        loop_->interestLost(this);
     }
-    writableCountInc(1);
+    notifyOfChanges(before);
+    notify(writableCountAttr);
 }
 
 Ptr<FileDescriptor> fileDescriptorFactory(int descriptor, FileDescriptor::Ownership ownership) {

@@ -11,23 +11,30 @@ namespace Mox {
 
 class EventLoop;
 
-/// A file descriptor that the thread's event loop watches. It bumps `readableCount` and
-/// `writableCount`, by one a report; an owner watches these, or derives a machine from them.
+/// A file descriptor that the thread's event loop watches. Each report adds one to `readableCount`
+/// or `writableCount`; owners observe these.
 ///
 /// How readiness is watched:
-/// - `tracked`, for owners that say what their reads and writes met. Data that waits is reported
-///   once a turn as long as the owner has tried to read since the last report: an owner that reads
-///   a packet a report is called again, one that never reads costs a single wake-up. Room to write
-///   is watched only from a write that met none until it is reported. Readiness is kept here, so
-///   this costs no system call;
-/// - `level`: reported each turn while it lasts and interest is on;
+/// - `tracked`, for owners that report the results of their reads and writes. Data that waits is
+///   reported once in each turn as long as the owner has tried to read since the last report: an
+///   owner that reads a packet for each report is called again, one that never reads costs a single
+///   wake-up. Room to write is watched only from a write that found none until it is reported.
+///   Readiness is kept in this object, so this costs no system call;
+/// - `level`: reported in each turn while it lasts and interest is on;
 /// - `edge`: reported when it comes, and again when interest is switched on.
 ///
-/// A hang-up or an error of the descriptor counts as readiness for whatever interest there is;
+/// A hang-up or an error of the descriptor counts as readiness for each interest that is on;
 /// without interest the descriptor is not watched at all.
+///
+/// While an observer is notified, it may close the descriptor, change interests and drop the last
+/// reference. Every operation stores all that it changes before it notifies.
+///
+/// A number must be given up here before it is closed elsewhere. If it is closed early all the
+/// same, and given out again, and the loop comes to watch it for another object, then it belongs to
+/// that object: the first one has no number any more, and neither watches nor closes it.
 class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
   public:
-    /// Who closes the descriptor: this object, with its last reference, or somebody else.
+    /// Whether this object closes the descriptor, with its last reference, or its caller does.
     enum class Ownership { owned, borrowed };
     enum class Watching { tracked, level, edge };
 
@@ -52,15 +59,17 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
 
     String name() const override;
 
-    /// The number, or -1 once it was given up.
+    /// The number, or -1 after it was given up or lost to another object.
     int descriptor() const { return descriptor_; }
-    /// Ends all watching and gives the number up: the caller closes it.
+    /// Ends all watching, gives the number up and then notifies of the interests that were on. The
+    /// caller closes the number that is returned; an exception from an observer leaves it open.
     int descriptorRelease();
-    /// Ends all watching and gives the number up, closed where it is owned: what the last reference
-    /// does too, but now, whoever else still holds this object.
+    /// Ends all watching, closes the number if it is owned, and then notifies of the interests that
+    /// were on. The last reference does the same, without notifications.
     void close();
 
     Watching watching() const { return watching_; }
+    /// @throws Mox::ErrnoException "epoll_ctl" when the number was closed early; nothing changes.
     void watchingIs(Watching watching);
 
     uint32_t readableCount() const { return readableCount_; }
@@ -79,19 +88,21 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
     /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
     void nonBlockingIs(bool nonBlocking);
 
-    /// Interest in reading. Needs an event loop on this thread (assertion "EventLoop::current()").
-    /// @throws Mox::ErrnoException "epoll_ctl" when the kernel cannot watch such a descriptor, a
-    /// regular file for one; interest is then off.
+    /// Interest in reading. Switching it on needs an event loop on this thread (assertion
+    /// "EventLoop::current()"); switching it off never fails.
+    /// @throws Mox::ErrnoException "epoll_ctl" when the kernel cannot watch the descriptor: EPERM
+    /// for a regular file, EEXIST when another object watches the number, EBADF when it is closed.
+    /// The interest is then unchanged.
     bool notifyOnReadable() const { return notifyOnReadable_; }
     void notifyOnReadableIs(bool notify);
     /// Interest in room to write; as for reading. When `tracked`, it ends with the report.
     bool notifyOnWritable() const { return notifyOnWritable_; }
     void notifyOnWritableIs(bool notify);
 
-    /// Says that the owner tried to read, and whether more data may wait: false after EAGAIN. Of no
-    /// effect unless `tracked`.
+    /// For `tracked`, after the owner tried to read: whether more data may wait, which is false
+    /// after EAGAIN. Without effect otherwise.
     void readTried(bool moreMayWait);
-    /// Says that a write met EAGAIN: room is then reported once, as soon as there is some.
+    /// After a write that failed with EAGAIN: room is reported once, as soon as there is some.
     void writeMetNoRoom() { notifyOnWritableIs(true); }
 
   private:
@@ -105,7 +116,15 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
         uint32_t turn = 0;
         bool queued = false;
     };
+    struct Interests {
+        bool readable;
+        bool writable;
+    };
 
+    Interests interests() const { return {notifyOnReadable_, notifyOnWritable_}; }
+    int giveUp();
+    void closeNumber(int number);
+    void notifyOfChanges(Interests before);
     void watch(bool* interest, bool notify, const Attribute<FileDescriptor>& attribute);
     void readinessSeen(bool readable, bool writable);
     void report(const Report& due);
@@ -120,13 +139,12 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
     bool triedToRead_ = true;  // Tracked: since the last report; the first report needs no try.
     uint32_t readableCount_ = 0;
     uint32_t writableCount_ = 0;
-    uint32_t slot_ = 0;
     EventLoop* loop_ = nullptr;  // Null while the kernel does not watch.
     Report readReport_{this};
     Report writeReport_{this};
 };
 
-/// A descriptor that is closed with the last reference, unless `ownership` says otherwise.
+/// A descriptor that is closed with the last reference, unless it is borrowed.
 /// @throws Mox::ErrnoException "fcntl(F_GETFL)" when `descriptor` is not open.
 MOX_EXPORT Ptr<FileDescriptor> fileDescriptorFactory(
     int descriptor, FileDescriptor::Ownership ownership = FileDescriptor::Ownership::owned);

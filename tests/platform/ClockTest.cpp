@@ -1,14 +1,14 @@
-// The timers of a clock, and those of a wheel on it, to which the same may be done.
+// The timers of a clock, and those of a wheel on it, which behave alike.
 #include "Mox/Clock.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <deque>
 #include <functional>
-#include <memory>
+#include <optional>
+#include <random>
 #include <stdexcept>
-#include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -17,107 +17,181 @@
 namespace Mox {
 namespace {
 
-// Timers A, B and C, due in this order, which write down their names when they expire; A then acts.
-template <class AnyTimer>
-struct Scene {
-    Scene() {
-        clock.advance(5);
-        for (const char name : {'A', 'B', 'C'}) {
-            // The text would be freed with the function that holds it.
-            timers.push_back(
-                std::make_unique<AnyTimer>(source(), [this, text = std::string(100, name)] {
-                    const std::string before = text;
-                    log += text.front();
-                    if (text.front() == 'A' && action) {
-                        std::exchange(action, nullptr)(*this);
-                    }
-                    EXPECT_EQ(text, before);
-                }));
-            timers.back()->expiryIs(name == 'A' ? 1 : 2);
-        }
-    }
-    auto source() {
-        if constexpr (std::is_same_v<AnyTimer, Timer>) {
-            return &clock;
-        } else {
-            return &wheel;
-        }
-    }
-    AnyTimer& a() { return *timers[0]; }
-    AnyTimer& b() { return *timers[1]; }
-    AnyTimer& c() { return *timers[2]; }
-    void armAndThrow() {
-        a().expiryIs(0);
-        throw std::runtime_error("A");
-    }
-
-    ManualClock clock;
-    Keel::TimerWheel wheel{&clock};
-    std::string log;
-    std::function<void(Scene&)> action;
-    std::vector<std::unique_ptr<AnyTimer>> timers;
+// A clock that stands wherever it is put, also past an expiry.
+struct SetClock : Clock {
+    double now() const override { return time; }
+    double time = 1;
+};
+template <class AnyClock>
+struct OfClock {
+    using Timer = Mox::Timer;
+    AnyClock clock;
+    AnyClock* source() { return &clock; }
+};
+template <class AnyClock>
+struct OfWheel {
+    using Timer = Keel::Timer;
+    AnyClock clock;
+    std::optional<Keel::TimerWheel> wheel;  // Begins with its first timer, between two ticks.
+    Keel::TimerWheel* source() { return &(wheel ? *wheel : wheel.emplace(&clock)); }
 };
 
-template <class AnyTimer>
-class ClockTest : public testing::Test {};
-
-using Timers = testing::Types<Timer, Keel::Timer>;
-TYPED_TEST_SUITE(ClockTest, Timers);
-
-TYPED_TEST(ClockTest, HandlersMayArmCancelAndDestroyAnybody) {
-    using S = Scene<TypeParam>;
-    const struct {
-        const char* what;
-        void (*action)(S& s);
-        const char* heard;      // In the first `fire`, with "!" for an exception,
-        const char* heardNext;  // and in the next one, at the same time.
-    } cases[] = {
-        {"arms itself for the past", [](S& s) { s.a().expiryIs(-1); }, "ABC", "A"},
-        {"arms itself for later", [](S& s) { s.a().expiryIs(s.clock.now() + 1); }, "ABC", ""},
-        {"cancels the next", [](S& s) { s.b().expiryIs(Clock::idle); }, "AC", ""},
-        {"cancels the last", [](S& s) { s.c().expiryIs(Clock::idle); }, "AB", ""},
-        {"arms the next again", [](S& s) { s.b().expiryIs(0); }, "AC", "B"},
-        {"destroys itself", [](S& s) { s.timers.erase(s.timers.begin()); }, "ABC", ""},
-        {"destroys the next", [](S& s) { s.timers.erase(s.timers.begin() + 1); }, "AC", ""},
-        {"destroys all", [](S& s) { s.timers.clear(); }, "A", ""},
-        {"fires", [](S& s) { s.clock.fire(); }, "ABC", ""},
-        // A clock then keeps to the order of arming, a wheel to that of the times.
-        {"arms itself and throws", [](S& s) { s.armAndThrow(); }, "A!",
-         std::is_same_v<TypeParam, Timer> ? "BCA" : "ABC"},
+// Which timers a program from a seed calls, and when; -1 for an exception. With `cancels` it
+// cancels and postpones timers, otherwise it arms them also for the past: a clock also stops where
+// a timer of a wheel was cancelled, and then calls those that are overdue.
+template <class Source>
+std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) {
+    std::mt19937 random(seed);
+    const auto draw = [&](double from, double to) {
+        return std::uniform_real_distribution<double>(from, to)(random);
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        S scene;
-        scene.action = c.action;
-        try {
-            scene.clock.fire();
-        } catch (const std::runtime_error&) {
-            scene.log += '!';
+    Source at;
+    at.clock.advance(draw(0, 1));
+    std::vector<std::pair<int, double>> calls;
+    std::deque<typename Source::Timer> timers;
+    const auto arm = [&](std::size_t which) {
+        if (!cancels && !timers[which].isIdle()) {
+            return;
         }
-        EXPECT_EQ(scene.log, c.heard);
-        scene.log.clear();
-        scene.clock.fire();
-        EXPECT_EQ(scene.log, c.heardNext);
+        const double now = at.clock.now();
+        const double atTheSameTime = std::round(now + 0.5 + draw(0, 8));
+        const double expiries[] = {atTheSameTime, cancels ? Clock::idle : now, now - !cancels};
+        const auto kind = random() % 10;  // Mostly from microseconds to years.
+        timers[which].expiryIs(
+            kind < 3 && (kind != 2 || !cancels) ? expiries[kind] : now + std::pow(10, draw(-6, 8)));
+    };
+    for (int i = 0; i < 50; ++i) {
+        timers.emplace_back(at.source(), [&, i] {
+            calls.emplace_back(i, at.clock.now());
+            const auto kind = random() % 8;
+            if (kind < 4) {
+                arm(kind < 3 ? static_cast<uint32_t>(i) : random() % timers.size());
+            }
+            if (kind == 0) {
+                throw std::runtime_error("thrown");
+            }
+        });
     }
-    EXPECT_DEATH(S().a().expiryIs(std::nan("")), "assertion failed: !isnan\\( expiry \\)");
+    for (int step = 0; step < 5000; ++step) {
+        arm(random() % timers.size());
+        if (random() % 4 == 0) {
+            try {
+                at.clock.advance(std::pow(10, draw(-5, random() % 100 == 0 ? 7 : 1)));
+            } catch (const std::runtime_error&) {
+                calls.emplace_back(-1, at.clock.now());
+            }
+        }
+    }
+    return calls;
 }
 
-TEST(ManualClock, StandsAtEachExpiryAndNeverGoesBack) {
+TEST(TimerWheel, CallsItsTimersLikeTheClockItsOwn) {
+    std::size_t calls = 0;
+    for (uint32_t seed = 1; seed <= 30; ++seed) {
+        const bool cancels = seed % 2 == 0;
+        const auto ofClock = callsOfProgram<OfClock<ManualClock>>(seed, cancels);
+        ASSERT_EQ(callsOfProgram<OfWheel<ManualClock>>(seed, cancels), ofClock) << seed;
+        calls += ofClock.size();
+    }
+    EXPECT_GT(calls, 30000u);
+}
+
+TEST(TimerWheel, WakesItsClockOnlyWhenATimerIsDue) {
+    for (const double seconds : {0.0001, 0.5, 20.0, 3600.0, 1e7, 1e13}) {
+        ManualClock clock;
+        Keel::TimerWheel wheel(&clock);
+        Keel::Timer timer(&wheel, [&] { EXPECT_EQ(clock.now(), seconds); });
+        timer.expiryIs(seconds);
+        EXPECT_EQ(clock.nextExpiry(), seconds);
+        clock.advance(std::nextafter(seconds, 0));
+        EXPECT_EQ(clock.nextExpiry(), seconds);
+        clock.advance(seconds);
+        EXPECT_EQ(clock.nextExpiry(), Clock::idle);
+    }
+}
+
+TEST(ManualClock, MakesOneRoundAtEachStopAndNeverGoesBack) {
     ManualClock clock;
     std::vector<double> times;
-    Timer second(&clock, [&] {
+    Timer always(&clock, [&] {
         times.push_back(clock.now());
-        clock.advance(10);
+        always.expiryIs(0);
     });
-    Timer first(&clock, [&] {
-        times.push_back(clock.now());
-        second.expiryIs(clock.now() + 1);
-    });
-    first.expiryIs(1);
-    clock.advance(3);
-    EXPECT_EQ(times, (std::vector<double>{1, 2}));
-    EXPECT_EQ(clock.now(), 12);
+    Timer other(&clock, [&] { times.push_back(-clock.now()); });
+    always.expiryIs(0);
+    other.expiryIs(3);
+    clock.advance(5);
+    clock.advance(0);
+    EXPECT_EQ(times, (std::vector<double>{0, 3, -3, 5, 5}));
+    Timer moves(&clock, [&] { clock.advance(10); });
+    moves.expiryIs(6);
+    clock.advance(2);
+    EXPECT_EQ(clock.now(), 16);
     EXPECT_DEATH(clock.advance(-1), "assertion failed: seconds >= 0");
+}
+
+template <class Source>
+class TimerTest : public testing::Test {};
+using Sources = testing::Types<OfClock<SetClock>, OfWheel<SetClock>>;
+TYPED_TEST_SUITE(TimerTest, Sources);
+
+TYPED_TEST(TimerTest, RepeatsAtMultiplesOfItsPeriodWithoutDriftAndSkipsThoseThatPassed) {
+    TypeParam at;
+    std::vector<double> dues;
+    std::optional<typename TypeParam::Timer> timer;
+    timer.emplace(at.source(), [&] {
+        dues.push_back(timer->due());
+        if (dues.size() == 3) {
+            throw std::runtime_error("thrown");  // It goes on all the same.
+        }
+    });
+    timer->every(0.1);
+    const double first = at.clock.time + 0.1;
+    const struct {
+        double round;       // Its time, in periods after the first call,
+        std::size_t calls;  // the calls until then,
+        double due, next;   // when the last one was due, and the next one is.
+    } rounds[] = {
+        {0.2, 1, 0, 1}, {0.9, 1, 0, 1},       {1.0, 2, 1, 2},
+        {7.5, 3, 2, 8}, {8888.5, 4, 8, 8889}, {8889.2, 5, 8889, 8890},
+    };
+    for (const auto& c : rounds) {
+        SCOPED_TRACE(c.round);
+        at.clock.time = first + c.round * 0.1;
+        try {
+            at.clock.fire();
+            at.clock.fire();
+        } catch (const std::runtime_error&) {
+        }
+        ASSERT_EQ(dues.size(), c.calls);
+        EXPECT_EQ(dues.back(), first + c.due * 0.1);
+        EXPECT_EQ(timer->expiry(), first + c.next * 0.1);
+    }
+    timer->expiryIs(0);  // Ends the period; a past expiry is due in the round after it.
+    at.clock.fire();
+    EXPECT_EQ(dues.back(), at.clock.time);
+    EXPECT_TRUE(timer->isIdle());
+    EXPECT_DEATH(timer->every(0), "assertion failed: period > 0");
+    EXPECT_DEATH(timer->expiryIs(std::nan("")), "assertion failed: !isnan\\( expiry \\)");
+}
+
+TYPED_TEST(TimerTest, OutlivesItsClock) {
+    std::optional<TypeParam> at(std::in_place);
+    typename TypeParam::Timer idle(at->source(), [] {});
+    typename TypeParam::Timer armed(at->source(), [] {});
+    typename TypeParam::Timer late(at->source(), [&] {
+        late.expiryIs(0);
+        EXPECT_DEATH(at.reset(), "assertion failed: !(firing_|turning)");
+    });
+    late.expiryIs(0);
+    armed.expiryIs(7);
+    at->clock.fire();
+    at.reset();
+    for (auto* each : {&idle, &armed, &late}) {
+        EXPECT_TRUE(each->isIdle() && each->clock() == nullptr);
+        each->expiryIs(Clock::idle);
+        EXPECT_DEATH(each->expiryIs(8), "assertion failed: clock\\(\\)");
+    }
 }
 
 }  // namespace

@@ -3,13 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <array>
+#include <atomic>
 #include <cerrno>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -20,6 +21,7 @@
 
 #include "Mox/Exception.h"
 #include "Mox/FileDescriptor.h"
+#include "Mox/Signal.h"
 #include "sandbox/Sandbox.h"
 #include "support/FailSyscall.h"
 
@@ -60,7 +62,7 @@ struct Ends {
     Fd peer;
 };
 
-// Reads a byte; says so.
+// Reads a byte and reports the result.
 bool readOne(FileDescriptor& fd) {
     char byte;
     const bool got = read(fd.descriptor(), &byte, 1) == 1;
@@ -81,6 +83,10 @@ void fill(const FileDescriptor& fd) {
     EXPECT_EQ(errno, EAGAIN);
 }
 
+int eventNumber() {
+    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
 // Every test ends with the descriptors and objects it began with.
 class EventLoopTest : public testing::Test {
   protected:
@@ -89,7 +95,6 @@ class EventLoopTest : public testing::Test {
         EXPECT_EQ(openDescriptors(), descriptorsBefore_);
         EXPECT_EQ(liveObjects(), objectsBefore_);
     }
-
     // The work done in that many turns that do not wait.
     uint32_t turns(int count) {
         uint32_t done = 0;
@@ -98,29 +103,10 @@ class EventLoopTest : public testing::Test {
         }
         return done;
     }
-    // What a turn adds to the log, "!" for an exception.
-    std::string turnAddsTo(std::string& log) {
-        log.clear();
-        try {
-            loop->turn(0);
-        } catch (const std::runtime_error&) {
-            log += '!';
-        }
-        return log;
-    }
-    // Whether a loop around this one would have it turn.
-    bool isReady() const {
+    // Whether an outer loop would call this one.
+    bool isReady(int milliseconds = 0) {
         pollfd wait{loop->fd(), POLLIN, 0};
-        return poll(&wait, 1, 0) == 1;
-    }
-    // The descriptors that the kernel watches for the loop, beside the loop's own.
-    int watched() const {
-        std::ifstream info("/proc/self/fdinfo/" + std::to_string(loop->fd()));
-        int count = -1;
-        for (std::string line; std::getline(info, line);) {
-            count += line.rfind("tfd:", 0) == 0 ? 1 : 0;
-        }
-        return count;
+        return poll(&wait, 1, milliseconds) == 1;
     }
 
   private:
@@ -130,6 +116,7 @@ class EventLoopTest : public testing::Test {
   protected:
     std::optional<EventLoop> loop = std::optional<EventLoop>(std::in_place);
 };
+using ThreadsEventLoopTest = EventLoopTest;
 
 TEST_F(EventLoopTest, ReportsWhatWaitsAsOftenAsTheOwnerTriesToRead) {
     for (const int type : {0, int{SOCK_STREAM}, int{SOCK_DGRAM}}) {
@@ -137,29 +124,26 @@ TEST_F(EventLoopTest, ReportsWhatWaitsAsOftenAsTheOwnerTriesToRead) {
         const Ends ignored(type);
         const Ends served(type);
         const auto serve = onReadable(served.end, [&] { readOne(*served.end); });
-        EXPECT_EQ(turns(100), 0u);
-        ignored.send();
-        EXPECT_EQ(turns(100), 1u);
-        ignored.send();
-        EXPECT_EQ(turns(100), 0u);  // Costs nothing either, until its owner reads.
+        for (const uint32_t reports : {1, 0}) {  // No more until its owner reads.
+            ignored.send();
+            EXPECT_EQ(turns(100), reports);
+        }
         served.send(3);
         EXPECT_EQ(turns(1), 1u);
         EXPECT_EQ(turns(100), 3u);  // The last meets EAGAIN.
-        served.send();
-        EXPECT_EQ(turns(100), 2u);
         EXPECT_TRUE(readOne(*ignored.end));
         EXPECT_EQ(turns(100), 1u);
         EXPECT_TRUE(readOne(*ignored.end));
-        EXPECT_FALSE(readOne(*ignored.end));  // Takes back what the one before has said.
+        EXPECT_FALSE(readOne(*ignored.end));  // Withdraws what the read before it reported.
         EXPECT_EQ(turns(100), 0u);
     }
 }
 
-TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatMetNone) {
+TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatFoundNone) {
     const Ends ends;
     const Fd& writer = ends.end;
     writer->notifyOnReadableIs(false);
-    int fillings = 2;  // Who fills it again inside the report waits for room again.
+    int fillings = 2;  // A writer that fills it again in the report waits for room again.
     const auto fillOnceMore = [&] {
         if (fillings-- > 0) {
             fill(*writer);
@@ -168,8 +152,6 @@ TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatMetNone) {
     };
     const Watch<FileDescriptor> refill(writer, FileDescriptor::writableCountAttr, fillOnceMore);
     fillOnceMore();
-    writer->writeMetNoRoom();
-    writer->readTried(true);  // Nobody wants to hear of it.
     for (const bool waits : {true, false}) {
         EXPECT_EQ(turns(100), 0u);
         readAll(*ends.peer);
@@ -181,59 +163,40 @@ TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatMetNone) {
 
 TEST_F(EventLoopTest, WatchesByLevelAndByEdge) {
     const struct {
-        Watching watching;
-        uint32_t inTenTurns;  // With a byte that waits and is not read,
-        uint32_t withMore;    // in ten turns more after another one,
-        uint32_t askedAgain;  // when interest is set again,
-        uint32_t toggled;     // when it is switched off and on,
-        uint32_t writable;    // with interest in writing too,
-        uint32_t tried;       // and after a reading that is said to have left something.
-    } cases[] = {
-        {Watching::tracked, 1, 0, 0, 1, 1, 1},
-        {Watching::level, 10, 10, 10, 10, 20, 0},
-        {Watching::edge, 1, 1, 1, 1, 2, 0},
+        void (*act)(const Ends& ends);
+        uint32_t reports[3];  // In ten turns: tracked, by level, by edge.
+    } steps[] = {
+        {[](const Ends& ends) { ends.send(); }, {1, 10, 1}},  // Nobody reads it.
+        {[](const Ends& ends) { ends.send(); }, {0, 10, 1}},
+        {[](const Ends& ends) { ends.end->notifyOnReadableIs(true); }, {0, 10, 1}},
+        {[](const Ends& ends) { ends.end->notifyOnReadableIs(false); }, {0, 0, 0}},
+        {[](const Ends& ends) { ends.end->notifyOnReadableIs(true); }, {1, 10, 1}},
+        {[](const Ends& ends) { ends.end->notifyOnWritableIs(true); }, {1, 20, 2}},
+        {[](const Ends& ends) { ends.end->readTried(true); }, {1, 20, 0}},
+        {[](const Ends& ends) { ends.end->notifyOnWritableIs(false); }, {0, 10, 1}},
+        {[](const Ends& ends) { ends.end->watchingIs(Watching::tracked); }, {1, 1, 1}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.watching));
-        const Ends ends(SOCK_STREAM, c.watching);
-        ends.send();
-        EXPECT_EQ(turns(10), c.inTenTurns);
-        ends.send();
-        EXPECT_EQ(turns(10), c.withMore);
-        ends.end->notifyOnReadableIs(true);
-        EXPECT_EQ(turns(10), c.askedAgain);
-        ends.end->notifyOnReadableIs(false);
-        EXPECT_EQ(turns(10), 0u);
-        ends.end->notifyOnReadableIs(true);
-        EXPECT_EQ(turns(10), c.toggled);
-        ends.end->notifyOnWritableIs(true);
-        EXPECT_EQ(turns(10), c.writable);
-        ends.end->notifyOnWritableIs(false);
-        ends.end->watchingIs(Watching::tracked);  // What waits is reported anew.
-        EXPECT_EQ(turns(10), 1u);
-        readAll(*ends.end);
-        ends.end->watchingIs(c.watching);
-        ends.end->readTried(true);
-        EXPECT_EQ(turns(10), c.tried);
+    for (const Watching watching : {Watching::tracked, Watching::level, Watching::edge}) {
+        const Ends ends(SOCK_STREAM, watching);
+        for (const auto& step : steps) {
+            SCOPED_TRACE(&step - steps);
+            step.act(ends);
+            EXPECT_EQ(turns(10), step.reports[static_cast<int>(watching)]);
+        }
     }
 }
 
-TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForWhateverInterestThereIs) {
+TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForEachInterest) {
     const struct {
-        const char* what;
         bool isWriter;     // The pipe's writing end, which then has no reader: EPOLLERR.
         bool read, write;  // The interests.
         uint32_t reports;  // In 10 turns.
     } cases[] = {
-        {"no interest", false, false, false, 0},
-        {"hang-up for a reader", false, true, false, 1},
-        {"hang-up for a writer", false, false, true, 1},
-        {"error for a reader", true, true, false, 1},
-        {"error for a writer", true, false, true, 1},
-        {"both interests", false, true, true, 2},
+        {false, false, false, 0}, {false, true, false, 1}, {false, false, true, 1},
+        {true, true, false, 1},   {true, false, true, 1},  {false, true, true, 2},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(&c - cases);
         Ends ends(0);
         if (c.isWriter) {
             std::swap(ends.end, ends.peer);
@@ -243,235 +206,196 @@ TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForWhateverInterestThereI
         ends.end->notifyOnWritableIs(true);
         ends.end->notifyOnReadableIs(c.read);
         ends.end->notifyOnWritableIs(c.write);
-        EXPECT_EQ(watched(), c.read || c.write ? 1 : 0);
         ends.peer->close();
+        EXPECT_EQ(isReady(), c.reports > 0);  // Without interest the kernel does not watch it.
         EXPECT_EQ(turns(10), c.reports);
     }
 }
 
-// Three descriptors that become ready in their order in one turn; the first acts when it is told.
-struct Scene {
-    explicit Scene(Watching watching) : watching(watching) {
-        for (int i = 0; i < 3; ++i) {
-            add(1);
-        }
-    }
-    void add(int messages) {
-        const auto name = static_cast<char>('A' + ends.size());
-        ends.emplace_back(SOCK_STREAM, watching);
-        watches.push_back(onReadable(ends.back().end, [this, name] {
-            log += name;
-            if (name == 'A' && action) {
-                std::exchange(action, nullptr)(*this);
-            }
-        }));
-        ends.back().send(messages);
-    }
-    void close(std::size_t i) { ends[i].end->close(); }
-    void destroy(std::size_t i) {
-        watches[i] = {};
-        ends[i].end = nullptr;
-    }
-    void toggle(std::size_t i) {
-        ends[i].end->notifyOnReadableIs(false);
-        ends[i].end->notifyOnReadableIs(true);
-    }
-    void replace(std::size_t i) {
-        const int number = ends[i].end->descriptor();
-        close(i);
-        add(0);
-        EXPECT_EQ(ends.back().end->descriptor(), number);
-    }
-
-    Watching watching;
+TEST_F(EventLoopTest, ATurnDoesWhatAnExceptionLeftInTheOneBefore) {
+    const Ends ends;
     std::string log;
-    std::function<void(Scene&)> action;
-    std::vector<Ends> ends;
-    std::vector<Watch<FileDescriptor>> watches;
-};
-
-TEST_F(EventLoopTest, HandlersMayCloseAddRemoveAndThrow) {
-    const struct {
-        const char* what;
-        void (*action)(Scene& s);
-        const char* heard;      // In the turn in which all three are ready, "!" for an exception,
-        const char* heardNext;  // and in the next one.
-    } cases[] = {
-        {"closes itself", [](Scene& s) { s.close(0); }, "ABC", ""},
-        {"closes the next", [](Scene& s) { s.close(1); }, "AC", ""},
-        {"closes the last", [](Scene& s) { s.close(2); }, "AB", ""},
-        {"destroys the next", [](Scene& s) { s.destroy(1); }, "AC", ""},
-        {"destroys itself", [](Scene& s) { s.destroy(0); }, "ABC", ""},
-        {"sets the interest of the next anew", [](Scene& s) { s.toggle(1); }, "AC", "B"},
-        {"adds one that is ready", [](Scene& s) { s.add(1); }, "ABC", "D"},
-        {"replaces the next", [](Scene& s) { s.replace(1); }, "AC", ""},
-        {"throws", [](Scene&) { throw std::runtime_error("A"); }, "A!", "BC"},
-    };
-    for (const Watching watching : {Watching::tracked, Watching::edge}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.what);
-            Scene scene(watching);
-            scene.action = c.action;
-            EXPECT_EQ(turnAddsTo(scene.log), c.heard);
-            EXPECT_EQ(turnAddsTo(scene.log), c.heardNext);
-            EXPECT_EQ(turns(10), 0u);
-        }
-    }
-}
-
-// Two timers, two deferred calls and a report; each defers a call that writes its small letter.
-TEST_F(EventLoopTest, MakesDeferredCallsOnceInTheNextTurnAndLeavesThatTheRestAfterAnException) {
-    const struct {
-        char thrower;
-        const char* heard[3];  // In three turns, "!" for the exception.
-    } cases[] = {
-        {'-', {"TUDER", "tuder", ""}},
-        {'T', {"T!", "UDER", "uder"}},
-        {'D', {"TUD!", "EtuR", "er"}},
-        {'R', {"TUDER!", "tude", ""}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.thrower);
-        const Ends ends;
-        std::string log;
-        const auto does = [&](char name) {
-            return [&, name] {
-                log += name;
-                if (name == c.thrower) {
-                    throw std::runtime_error("thrown");
-                }
-                loop->defer([&, name] { log += static_cast<char>(std::tolower(name)); });
-            };
+    const auto throws = [&](char name) {
+        return [&log, name] {
+            log += name;
+            throw std::runtime_error("thrown");
         };
-        Timer first(loop->clock(), does('T'));
-        Timer second(loop->clock(), does('U'));
-        first.expiryIs(0);
-        second.expiryIs(0);
-        loop->defer(does('D'));
-        loop->defer(does('E'));
-        const auto reads = onReadable(ends.end, does('R'));
-        ends.send();
-        for (const char* expected : c.heard) {
-            EXPECT_EQ(turnAddsTo(log), expected);
-        }
+    };
+    Timer first(loop->clock(), throws('1'));
+    Timer second(loop->clock(), throws('2'));
+    first.expiryIs(0);
+    second.expiryIs(0);
+    loop->defer(throws('3'));
+    loop->post(throws('4'));
+    const auto reads = onReadable(ends.end, throws('5'));
+    ends.send();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THROW(loop->turn(0), std::runtime_error);
     }
-}
-
-TEST_F(EventLoopTest, LooksAtTheInterestInWritingAgainAfterTheReadableHandler) {
-    const Ends closed;
-    const Ends ended;
-    const auto closes = onReadable(closed.end, [&] { closed.end->close(); });
-    const auto ends = onReadable(ended.end, [&] { ended.end->notifyOnWritableIs(false); });
-    for (const Ends* each : {&closed, &ended}) {
-        each->send();
-        each->end->notifyOnWritableIs(true);
-    }
-    EXPECT_EQ(turns(10), 2u);
-}
-
-TEST_F(EventLoopTest, DropsWhatTheKernelStillReportsOfADescriptorThatIsNotWatched) {
-    const Ends old(0);
-    const int duplicate = fcntl(old.end->descriptor(), F_DUPFD_CLOEXEC, 0);
-    {  // Closed before its watching ended, as nobody should: the kernel keeps its entry.
-        const int number = old.end->descriptorRelease();
-        EXPECT_EQ(watched(), 0);
-        const Fd borrowed = fileDescriptorFactory(number, Ownership::borrowed);
-        borrowed->notifyOnReadableIs(true);
-        ::close(number);
-    }
-    EXPECT_EQ(watched(), 1);
-    const Ends fresh(0);  // In the place of the one before.
-    old.send();
+    EXPECT_EQ(log, "12345");
     EXPECT_EQ(turns(10), 0u);
-    fresh.send();
-    EXPECT_EQ(turns(10), 1u);
-    ::close(duplicate);
 }
 
-TEST_F(EventLoopTest, ClosesWhatItOwns) {
-    void (*const acts[])(Fd&) = {[](Fd& fd) { fd = nullptr; }, [](Fd& fd) { fd->close(); },
-                                 [](Fd& fd) { fd->descriptorRelease(); }};
+// The kernel keeps the entry of a closed number while a duplicate lives.
+TEST_F(EventLoopTest, ANumberThatWasClosedEarlyBelongsToTheNextObjectThatIsWatched) {
     for (const Ownership ownership : {Ownership::owned, Ownership::borrowed}) {
-        for (const auto& act : acts) {
-            SCOPED_TRACE(&act - acts);
-            const int number = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-            Fd fd = fileDescriptorFactory(number, ownership);
-            EXPECT_TRUE(fd->nonBlocking());
+        const int number = eventNumber();
+        const Fd duplicate = fileDescriptorFactory(fcntl(number, F_DUPFD_CLOEXEC, 0));
+        Fd first = fileDescriptorFactory(number, ownership);
+        const Fd another = fileDescriptorFactory(number, Ownership::borrowed);
+        first->notifyOnReadableIs(true);
+        EXPECT_THROW(another->notifyOnReadableIs(true), ErrnoException);  // EEXIST.
+        EXPECT_FALSE(another->notifyOnReadable());
+        ::close(number);
+        ASSERT_EQ(eventNumber(), number);
+        const Fd second = fileDescriptorFactory(number);
+        second->notifyOnReadableIs(true);
+        EXPECT_THROW(first->notifyOnWritableIs(true), ErrnoException);  // EBADF.
+        first->notifyOnReadableIs(false);
+        first = nullptr;
+        EXPECT_EQ(eventfd_write(duplicate->descriptor(), 1), 0);
+        EXPECT_EQ(turns(10), 0u);
+        EXPECT_EQ(eventfd_write(number, 1), 0);
+        EXPECT_EQ(turns(10), 1u);
+    }
+}
+
+TEST_F(EventLoopTest, ClosesWhatItOwnsThenNotifiesOfTheInterestsThatWereOn) {
+    for (const bool owned : {true, false}) {
+        for (const bool release : {true, false}) {
+            const int number = eventNumber();
+            const Fd fd =
+                fileDescriptorFactory(number, owned ? Ownership::owned : Ownership::borrowed);
+            const bool staysOpen = release || !owned;
             fd->notifyOnReadableIs(true);
-            act(fd);
-            EXPECT_FALSE(fd && fd->notifyOnReadable());
-            EXPECT_EQ(watched(), 0);
-            const bool staysOpen = ownership == Ownership::borrowed || &act == &acts[2];
+            fd->notifyOnWritableIs(true);
+            int notified = 0;
+            const Watch<FileDescriptor> watch(fd, allAttributes, [&](const Change&) {
+                ++notified;
+                EXPECT_FALSE(fd->notifyOnReadable() || fd->notifyOnWritable());
+                EXPECT_EQ(fd->descriptor(), -1);
+                EXPECT_EQ(fcntl(number, F_GETFD) >= 0, staysOpen);
+            });
+            release ? (void)fd->descriptorRelease() : fd->close();
+            EXPECT_EQ(notified, 2);
             EXPECT_EQ(::close(number) == 0, staysOpen);
-            EXPECT_THROW(fileDescriptorFactory(number), ErrnoException);
         }
     }
 }
 
-TEST_F(EventLoopTest, AnInterestThatIsRefusedLeavesTheOtherOne) {
+TEST_F(EventLoopTest, AChangeThatTheKernelRefusesLeavesAllAsItWasAndInterestCanAlwaysEnd) {
     const Ends ends;
+    const Fd& fd = ends.end;
     {
-        const PavoTest::FailSyscall fail(1, ENOMEM, "epoll_ctl");
-        EXPECT_THROW(ends.end->notifyOnWritableIs(true), ErrnoException);
+        const PavoTest::FailSyscall fail(1, ENOMEM, "epoll_ctl", /*andAllAfter=*/true);
+        EXPECT_THROW(fd->notifyOnWritableIs(true), ErrnoException);
+        EXPECT_THROW(fd->watchingIs(Watching::level), ErrnoException);
     }
-    EXPECT_FALSE(ends.end->notifyOnWritable());
+    EXPECT_FALSE(fd->notifyOnWritable() || fd->watching() == Watching::level);
     ends.send();
     EXPECT_EQ(turns(10), 1u);
-}
-
-TEST_F(EventLoopTest, WaitsForATimerAndGoesOnAfterASignal) {
-    EXPECT_EQ(loop->turn(0.001), 0u);
-    Timer timer(loop->clock(), [] {});
-    const double expiry = loop->clock()->now() + 0.02;
-    timer.expiryIs(expiry);
-    EXPECT_EQ(loop->turn(60), 1u);
-    EXPECT_GE(loop->clock()->now(), expiry);
-    timer.expiryIs(loop->clock()->now() + 0.001);
-    EXPECT_EQ(loop->turn(), 1u);  // Waits for less than a millisecond, not for nothing.
-
-    const Ends ends;
-    ends.send();
-    const PavoTest::FailSyscall fail(1, EINTR, "epoll_wait");
-    EXPECT_EQ(turns(1), 1u);
+    fd->notifyOnWritableIs(true);
+    const PavoTest::FailSyscall fail(1, EBADF, "epoll_ctl", /*andAllAfter=*/true);
+    fd->notifyOnReadableIs(false);
+    fd->notifyOnWritableIs(false);
     EXPECT_EQ(fail.count(), 2u);
 }
 
-TEST_F(EventLoopTest, AStopOnTheWayIntoTheWaitIsNotLost) {
+TEST_F(EventLoopTest, WaitsForTheNextTimerAndGoesOnAfterASignal) {
+    Timer timer(loop->clock(), [] {});
+    const auto now = [&] { return loop->clock()->now(); };
+    const double expiry = now() + 0.02;
+    timer.expiryIs(expiry);
+    EXPECT_EQ(loop->turn(60), 1u);
+    EXPECT_GE(now(), expiry);
+    timer.expiryIs(now() + 0.001);
+    loop->turn(0.0001);
+    timer.expiryIs(1e13);  // Postponed: the wait goes on after the expiry that it had first.
+    const double begin = now();
+    EXPECT_EQ(loop->turn(0.01), 0u);
+    EXPECT_GE(now(), begin + 0.01);
+    timer.expiryIs(-1e13);
+    const PavoTest::FailSyscall fail(1, EINTR, "epoll_wait");
+    EXPECT_EQ(loop->turn(), 1u);
+    EXPECT_EQ(fail.count(), 2u);
+}
+
+TEST_F(EventLoopTest, AStopBeforeTheWaitIsNotLost) {
     loop->stop();
-    EXPECT_TRUE(isReady());  // What a signal in between says, the kernel knows.
     EXPECT_EQ(loop->turn(), 0u);
-    EXPECT_FALSE(isReady());
     loop->run();
     loop->defer([&] { loop->stop(); });
     loop->run();
     EXPECT_FALSE(isReady());
 }
 
-TEST_F(EventLoopTest, NestsInAnotherLoop) {
+TEST_F(EventLoopTest, AnOuterLoopSeesAllWorkInItsDescriptor) {
     const Ends ends;
     const auto reads = onReadable(ends.end, [&] { readOne(*ends.end); });
-    EXPECT_FALSE(isReady());
-    EXPECT_EQ(loop->secondsToWork(), Clock::idle);
-    ends.send();
-    EXPECT_TRUE(isReady());
-    EXPECT_EQ(turns(1), 1u);
-    EXPECT_EQ(loop->secondsToWork(), 0);  // More may wait, of which the kernel says nothing again.
-    EXPECT_EQ(turns(1), 1u);
-    EXPECT_FALSE(isReady());
     Timer timer(loop->clock(), [] {});
-    timer.expiryIs(loop->clock()->now() + 3600);
-    EXPECT_EQ(turns(10), 0u);
-    EXPECT_GT(loop->secondsToWork(), 3000);
-    loop->defer([] {});
-    EXPECT_EQ(loop->secondsToWork(), 0);
+    const auto armSoon = [&] { timer.expiryIs(loop->clock()->now() + 0.005); };
+    EXPECT_FALSE(isReady());
+    const struct {
+        std::function<void()> act;
+        std::vector<uint32_t> done;  // By each turn while the descriptor is readable.
+    } cases[] = {
+        {[&] { ends.send(); }, {1, 1}},
+        {[&] { ends.end->readTried(true); }, {1}},
+        {[&] { loop->defer([&] { loop->defer([] {}); }); }, {1, 1}},
+        {[&] { loop->post([] {}); }, {1}},
+        {[&] { loop->stop(); }, {0}},
+        {[&] { timer.expiryIs(1); }, {1}},
+        {armSoon, {1}},
+        {[&] { loop->defer(armSoon); }, {1, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        c.act();
+        for (const uint32_t done : c.done) {
+            ASSERT_TRUE(isReady(/*milliseconds=*/-1));
+            EXPECT_EQ(turns(1), done);
+        }
+        EXPECT_FALSE(isReady());
+    }
 }
 
-TEST_F(EventLoopTest, ItsDescriptorsMayOutliveIt) {
+TEST_F(EventLoopTest, CountsEachSignalAndThenRestoresTheMask) {
+    const auto isBlocked = [](int number) {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return sigismember(&mask, number) == 1;
+    };
+    for (const int number : {SIGUSR1, SIGRTMIN}) {
+        Ptr<Signal> signal = signalFactory(number);
+        EXPECT_EQ(kill(getpid(), number), 0);
+        EXPECT_EQ(kill(getpid(), number), 0);
+        const uint32_t kept = number == SIGUSR1 ? 1 : 2;  // By the kernel.
+        turns(10);
+        EXPECT_EQ(signal->count(), kept);
+        loop.reset();
+        EXPECT_EQ(kill(getpid(), number), 0);
+        loop.emplace();
+        EXPECT_EQ(signalFactory(number), signal);  // The new loop watches it.
+        turns(10);
+        EXPECT_EQ(signal->count(), kept + 1);
+        EXPECT_DEATH(make<Signal>(number), "assertion failed: !signals\\[ number \\]");
+        EXPECT_TRUE(isBlocked(number));
+        signal = nullptr;
+        EXPECT_FALSE(isBlocked(number));
+    }
+    for (const int number : {-1, 0, 32, SIGKILL, SIGSTOP, NSIG}) {
+        EXPECT_THROW(signalFactory(number), ErrnoException) << number;
+    }
+}
+
+TEST_F(EventLoopTest, ItsDescriptorsMayOutliveItAndPendingCallsAreDestroyed) {
     const Ends ends;
     ends.end->notifyOnWritableIs(true);
     ends.end->readTried(true);
-    loop->defer([held = ends.end] {});
+    loop->defer([held = ends.end] { FAIL(); });
+    loop->post([held = ends.end] { FAIL(); });
     loop.reset();
+    EXPECT_EQ(ends.end->references(), 1u);
     EXPECT_FALSE(ends.end->notifyOnReadable() || ends.end->notifyOnWritable());
     ends.end->readTried(true);
     EXPECT_DEATH(ends.end->notifyOnReadableIs(true), "assertion failed: EventLoop::current\\(\\)");
@@ -482,32 +406,60 @@ TEST_F(EventLoopTest, ItsDescriptorsMayOutliveIt) {
     EXPECT_EQ(turns(10), 1u);
 }
 
-TEST_F(EventLoopTest, IsTheOnlyOneOfItsThread) {
-    EXPECT_DEATH(EventLoop(), "assertion failed: !EventLoop::current\\(\\)");
+TEST_F(EventLoopTest, RefusesToTurnOrEndInsideATurn) {
     loop->defer([&] { loop->turn(0); });
     EXPECT_DEATH(loop->turn(0), "assertion failed: !inTurn_");
-    std::thread([] {
-        const EventLoop there;
-        EXPECT_EQ(EventLoop::current(), &there);
-    }).join();
-    EXPECT_EQ(EventLoop::current(), &*loop);
+    loop->defer([&] { loop.reset(); });
+    EXPECT_DEATH(loop->turn(0), "assertion failed: !inTurn_");
+    EXPECT_DEATH(EventLoop(), "assertion failed: !EventLoop::current\\(\\)");
+}
+
+// Each thread waits for each of its calls: a wake-up that is lost would stop it.
+TEST_F(ThreadsEventLoopTest, MakesPostedCallsInTheOrderOfEachThread) {
+    constexpr int calls = 1000;
+    std::array<std::atomic<int>, 4> made{};
+    std::atomic<std::size_t> ended = 0;
+    std::vector<std::thread> threads;
+    for (auto& own : made) {
+        threads.emplace_back([&] {
+            EXPECT_EQ(EventLoop::current(), nullptr);
+            for (int i = 0; i < calls; i += 2) {
+                loop->post([&own, i] { EXPECT_EQ(own.exchange(i + 1), i); });
+                loop->post([&own, i] {
+                    EXPECT_EQ(own.exchange(i + 2), i + 1);
+                    own.notify_one();
+                });
+                for (int now = own; now < i + 2; now = own) {
+                    own.wait(now);
+                }
+            }
+            if (++ended == made.size()) {
+                loop->post([&] { loop->stop(); });
+            }
+        });
+    }
+    loop->run();
+    for (std::thread& each : threads) {
+        each.join();
+    }
+    EXPECT_EQ(made[0] + made[1] + made[2] + made[3], 4 * calls);
 }
 
 TEST(EventLoop, LeavesNothingOpenWhenItCannotBeMade) {
     const auto before = openDescriptors();
-    const auto make = [] {
+    const auto isMade = [] {
         try {
-            const EventLoop loop;
-            return true;
+            EventLoop();
         } catch (const ErrnoException&) {
             return false;
         }
+        return true;
     };
     const auto check = [&](const PavoTest::FailSyscall&, bool made, int) {
         EXPECT_FALSE(made || EventLoop::current() != nullptr);
         EXPECT_EQ(openDescriptors(), before);
     };
-    EXPECT_GE(PavoTest::failEachSyscall(EMFILE, make, check), 2u);
+    EXPECT_EQ(PavoTest::failEachSyscall(EMFILE, isMade, check), 5u);
 }
 
 }  // namespace
