@@ -1,0 +1,169 @@
+/// @file
+/// Random programs, in which everything that is notified acts, and the rules of notification.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <new>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace PavoTest {
+
+/// Actions that are performed at random, also by observers while they are notified. The program
+/// knows which observers a change has to reach. Observers are numbers here; one that moves to
+/// another entity, or returns to the same, gets a new number.
+class RandomProgram {
+  public:
+    using Actions = std::vector<std::pair<const char*, std::function<void()>>>;
+    struct Thrown {};  // By an action.
+
+    RandomProgram(uint32_t seed, bool prints) : random_(seed), prints_(prints) {}
+
+    uint32_t below(size_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    bool oneIn(uint32_t chances) { return below(chances) == 0; }
+    template <class Items>
+    auto& any(Items& items) {
+        return items[below(items.size())];
+    }
+    void print(const std::string& text) const {
+        if (prints_) {
+            std::cerr << std::string(2 * notifications_.size(), ' ') << text << '\n';
+        }
+    }
+
+    /// Performs an action while the budget lasts and no rule is broken. May throw `Thrown`.
+    void act() {
+        if (budget > 0 && !testing::Test::HasFailure()) {
+            --budget;
+            const auto& [name, action] = any(actions);
+            print(name);
+            action();
+        }
+    }
+    void actSafely() {
+        try {
+            act();
+        } catch (const Thrown&) {
+            print("caught");
+        }
+    }
+    /// What an observer does when it is notified.
+    void respond() {
+        for (uint32_t count = below(3); count > 0; --count) {
+            oneIn(2) ? act() : actSafely();
+        }
+    }
+
+    /// A new observer of the attributes whose bits are set.
+    uint32_t observe(const void* entity, uint64_t attributes, bool isActive = true) {
+        observers_[++lastObserver_] = {entity, attributes, isActive};
+        return lastObserver_;
+    }
+    void leave(uint32_t observer) { observers_.erase(observer); }
+    void leaveAll(const void* entity) {
+        std::erase_if(observers_, [&](const auto& each) { return each.second.entity == entity; });
+    }
+    void activeIs(uint32_t observer, bool isActive) {
+        observers_[observer].isActive = isActive;
+        for (Notification* each : notifications_) {
+            if (each->pending_.count(observer) != 0) {
+                each->pending_[observer] = false;
+            }
+        }
+    }
+    /// The library notifies an observer.
+    void called(uint32_t observer, uint32_t attribute, uint32_t key) {
+        print("observer " + std::to_string(observer));
+        const auto it = observers_.find(observer);
+        ASSERT_TRUE(it != observers_.end()) << "an observer that was removed";
+        EXPECT_TRUE(it->second.isActive);
+        const auto innermost = std::find_if(
+            notifications_.rbegin(), notifications_.rend(),
+            [&](const Notification* each) { return each->entity_ == it->second.entity; });
+        ASSERT_TRUE(innermost != notifications_.rend());
+        EXPECT_EQ((*innermost)->what_, std::pair(attribute, key));
+        EXPECT_EQ((*innermost)->pending_.erase(observer), 1u)
+            << "a second time, without a change, or of a change before it came";
+    }
+
+    /// One change: made before the library notifies of it, completed when the library returns. An
+    /// exception leaves it incomplete and demands nothing.
+    class Notification {
+      public:
+        Notification(RandomProgram& program, const void* entity, uint32_t attribute, uint32_t key,
+                     bool isChange = true)
+            : program_(program), entity_(entity), what_(attribute, key) {
+            for (const auto& [number, each] : program.observers_) {
+                if (isChange && each.entity == entity && (each.attributes >> attribute & 1) != 0) {
+                    pending_[number] = each.isActive;
+                }
+            }
+            program.notifications_.push_back(this);
+        }
+        ~Notification() { program_.notifications_.pop_back(); }
+        void complete() const {
+            for (const auto& [number, isDemanded] : pending_) {
+                EXPECT_FALSE(isDemanded && program_.observers_.count(number) != 0)
+                    << "observer " << number << " was there, active, and is not notified";
+            }
+        }
+
+      private:
+        friend class RandomProgram;
+
+        RandomProgram& program_;
+        const void* entity_;
+        std::pair<uint32_t, uint32_t> what_;  // The attribute and the key.
+        std::map<uint32_t, bool> pending_;  // Observers not notified yet, true if they have to be.
+    };
+
+    Actions actions;
+    uint32_t budget = 0;
+
+  private:
+    struct Observer {
+        const void* entity = nullptr;
+        uint64_t attributes = 0;
+        bool isActive = true;
+    };
+
+    std::mt19937 random_;
+    const bool prints_;
+    std::map<uint32_t, Observer> observers_;
+    std::vector<Notification*> notifications_;  // The innermost one last.
+    uint32_t lastObserver_ = 0;
+};
+
+/// Runs programs 1, 2, 3 and so on, `count` of them, or with PAVO_LONG_TESTS in the environment
+/// forty times as many. They run in a child process, so that the seed of a crash or a hang is
+/// known; PAVO_SEED=7 runs program 7 alone and prints what it does.
+inline void runPrograms(uint32_t count, void (*run)(uint32_t seed, bool prints)) {
+    if (const char* only = getenv("PAVO_SEED")) {
+        return run(static_cast<uint32_t>(atoi(only)), true);
+    }
+    const uint32_t programs = getenv("PAVO_LONG_TESTS") == nullptr ? count : 40 * count;
+    auto* seed = new (mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
+                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<uint32_t>(0);
+    const auto runAll = [=] {
+        while (!testing::Test::HasFailure() && ++*seed <= programs) {
+            alarm(60);
+            run(*seed, false);
+        }
+        exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(runAll(), testing::ExitedWithCode(0), "") << "Run it alone: PAVO_SEED=" << *seed;
+    munmap(seed, sizeof *seed);
+}
+
+}  // namespace PavoTest
