@@ -103,7 +103,8 @@ void copyAddress(rtattr* attribute, Address* address) {
     address->copyFromBuffer(static_cast<const unsigned char*>(RTA_DATA(attribute)));
 }
 
-// The requests about groups: `type` is the operation, `ifIndex` the link, or 0 for all of the group.
+// The requests about groups: `type` is the operation, `ifIndex` the link, or 0 for all of the
+// group.
 int sendGroupRequest(netlinkHandle* h, uint16_t type, unsigned ifIndex, uint32_t group) {
     constexpr int bytes = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_LENGTH(sizeof(group));
     NetlinkRequest<ifinfomsg, bytes> request(type, NLM_F_REQUEST | NLM_F_ACK);

@@ -106,8 +106,8 @@ class NetlinkRequest {
 };
 
 /// @name Addresses in attributes, 16, 4 or 6 bytes in network byte order
-/// An attribute of fewer bytes leaves the address unchanged, with a trace; of a longer one the first
-/// bytes are read.
+/// An attribute of fewer bytes leaves the address unchanged, with a trace; of more, the first
+/// count.
 /// @{
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, Ip6Addr* address);
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, IpAddr* address);
@@ -124,8 +124,8 @@ PAVO_EXPORT void getCacheInfo(const rtattr* attribute);
 PAVO_EXPORT int addPrioQdisc(const char* ifname);
 /// Puts a link into a group; 0 is the default group. Returns the result of `sendNetlinkMsg`.
 PAVO_EXPORT int setDeviceGroup(netlinkHandle* h, unsigned ifIndex, unsigned group);
-/// Deletes all links of a group. Returns the result of `sendNetlinkMsg`: -ENODEV for an empty group,
-/// -EPERM for the default one.
+/// Deletes all links of a group. Returns the result of `sendNetlinkMsg`: -ENODEV for an empty
+/// group, -EPERM for the default one.
 PAVO_EXPORT int delDeviceGroup(netlinkHandle* h, unsigned group);
 
 }  // namespace Pavo

@@ -88,7 +88,8 @@ class RunPath {
     bool isGood_;
 };
 
-// A file created to bind a namespace to, removed with its mount at the end of the scope, unless kept.
+// A file created to bind a namespace to, removed with its mount at the end of the scope, unless
+// kept.
 class MountPoint {
   public:
     explicit MountPoint(const RunPath& path) : path_(path) {}

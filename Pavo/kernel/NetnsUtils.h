@@ -6,9 +6,9 @@
 /// ip-netns(8), so that the namespaces of Pavo and of that tool are interchangeable. Creating one
 /// takes CAP_SYS_ADMIN.
 ///
-/// Unless stated otherwise the functions return 0, or -1 with `errno` as the first failing call left
-/// it and a trace of level 0. A name that is null, empty, "." or "..", or has a slash in it, fails
-/// with EINVAL, one of more than 255 bytes with ENAMETOOLONG, before anything is changed.
+/// Unless stated otherwise the functions return 0, or -1 with `errno` as the first failing call
+/// left it and a trace of level 0. A name that is null, empty, "." or "..", or has a slash in it,
+/// fails with EINVAL, one of more than 255 bytes with ENAMETOOLONG, before anything is changed.
 /// `DEFAULT_NS` is a name like any other where a file is created, removed or examined, and the
 /// namespace in which the process started where a namespace is entered.
 ///

@@ -18,8 +18,8 @@ PAVO_EXPORT extern const Mox::String defaultNsStr;
 inline constexpr char PROC_SELF_NS_NET_FILE[] = "/proc/self/ns/net";
 
 /// Moves the calling thread into the named network namespace, for good (empty, null or
-/// `DEFAULT_NS`: the one in which the process started). Returns 0; or -1 with `errno` as the failing
-/// call left it and the thread where it was. `ScopedNetNs` is the form that returns.
+/// `DEFAULT_NS`: the one in which the process started). Returns 0; or -1 with `errno` as the
+/// failing call left it and the thread where it was. `ScopedNetNs` is the form that returns.
 PAVO_EXPORT int setNsByName(const char* name);
 
 }  // namespace Pavo

@@ -8,7 +8,6 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Exception.h"
-#include "Mox/Trace.h"
 
 #include "Pavo/kernel/NsUtils.h"
 
@@ -18,7 +17,6 @@ namespace Pavo {
 NetNsReturn::NetNsReturn() : fd_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) {}
 
 NetNsReturn::~NetNsReturn() {
-    const Mox::ErrnoKeeper keeper;
     Mox::require(!isArmed_ || goBack(), "setns( curr_netns_fd, 0x40000000 ) == 0");
     Mox::require(!isOpen() || close(fd_) == 0, "close( curr_netns_fd ) == 0");
 }

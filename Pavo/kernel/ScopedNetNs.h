@@ -33,18 +33,18 @@ class PAVO_EXPORT NetNsReturn {
     bool isArmed_ = false;
 };
 
-/// Moves the calling thread into a network namespace until the end of the scope, when it is back in
-/// the one it came from, also after an exception; when it cannot return, the process ends with the
-/// assertion of `NetNsReturn`. Takes CAP_SYS_ADMIN. `errno` is unchanged at the end of the scope.
+/// Moves the calling thread into a network namespace for the length of a scope. At its end, also
+/// after an exception, the thread returns to the namespace it came from, with `errno` unchanged;
+/// when it cannot return, the process ends with the assertion of `NetNsReturn`. Requires
+/// CAP_SYS_ADMIN.
 ///
-/// Only the calling thread moves. The object is local to a scope: it is destroyed by the thread that
-/// constructed it, the innermost first. What is opened inside (sockets, files of /proc/thread-self/
-/// net) belongs to the named namespace for good. Inside must not run
+/// Only the calling thread moves, and it has to destroy the object itself, the innermost first. A
+/// socket opened inside the scope stays in the named namespace. Do not run inside
 /// - code that starts threads: they would stay in the named namespace;
 /// - a turn of an event loop, or anything that notifies observers: their code would run there too;
 /// - a call that enters a namespace for good (`setNsByName`): the end of the scope undoes it.
 ///
-/// For opening a single socket `socketAt` needs no scope.
+/// `socketAt` opens a single socket without a scope.
 class PAVO_EXPORT ScopedNetNs {
   public:
     /// The name is as for `setNsByName`.

@@ -103,8 +103,8 @@ TraceSink traceSinkIs(TraceSink sink) {
 }
 
 void syslogTraceSink(const char* facility, int level, std::string_view message) {
-    static constexpr int priorities[] = {LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_INFO,
-                                         LOG_INFO, LOG_DEBUG, LOG_DEBUG, LOG_DEBUG, LOG_DEBUG};
+    static constexpr int priorities[] = {LOG_ERR,  LOG_WARNING, LOG_NOTICE, LOG_INFO,  LOG_INFO,
+                                         LOG_INFO, LOG_DEBUG,   LOG_DEBUG,  LOG_DEBUG, LOG_DEBUG};
     static_assert(std::size(priorities) == TraceFacility::levels);
     const ErrnoKeeper keeper;
     syslog(priorities[level], "%s: %.*s", facility, static_cast<int>(message.size()),

@@ -57,9 +57,9 @@ using TraceSink = void (*)(const char* facility, int level, std::string_view mes
 MOX_EXPORT TraceSink traceSinkIs(TraceSink sink);
 
 /// A sink that writes "facility: message" to syslog(3): `Mox::traceSinkIs(Mox::syslogTraceSink)`.
-/// Level 0 has the priority LOG_ERR, 1 LOG_WARNING, 2 LOG_NOTICE, 3 to 5 LOG_INFO, 6 to 9 LOG_DEBUG;
-/// ident, options and facility are those of the program's openlog(3). A message ends at its first
-/// NUL. `errno` is unchanged, also when no logger listens.
+/// Level 0 has the priority LOG_ERR, 1 LOG_WARNING, 2 LOG_NOTICE, 3 to 5 LOG_INFO, 6 to 9
+/// LOG_DEBUG; ident, options and facility are those of the program's openlog(3). A message ends at
+/// its first NUL. `errno` is unchanged, also when no logger listens.
 MOX_EXPORT void syslogTraceSink(const char* facility, int level, std::string_view message);
 
 /// Hands a message to the sink, whether the level is on or not. `errno` is unchanged.

@@ -40,8 +40,7 @@ class OpenFile {
   public:
     explicit OpenFile(const std::string& path)
         // Without waiting for a writer, where the path is a FIFO.
-        : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
-          error_(fd_ < 0 ? errno : 0) {}
+        : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), error_(fd_ < 0 ? errno : 0) {}
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() {
