@@ -167,6 +167,12 @@ TYPED_TEST(TimerTest, RepeatsAtMultiplesOfItsPeriodWithoutDriftAndSkipsThoseThat
         EXPECT_EQ(dues.back(), first + c.due * 0.1);
         EXPECT_EQ(timer->expiry(), first + c.next * 0.1);
     }
+    for (int periods = 8890; periods < 9000; ++periods) {  // Exactly on time.
+        at.clock.time = first + periods * 0.1;
+        at.clock.fire();
+        EXPECT_EQ(dues.back(), at.clock.time);
+        EXPECT_EQ(at.clock.fire(), 0u);
+    }
     timer->expiryIs(0);  // Ends the period; a past expiry is due in the round after it.
     at.clock.fire();
     EXPECT_EQ(dues.back(), at.clock.time);

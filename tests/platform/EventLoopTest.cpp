@@ -105,13 +105,15 @@ class EventLoopTest : public testing::Test {
     }
     // Whether an outer loop would call this one.
     bool isReady(int milliseconds = 0) {
-        pollfd wait{loop->fd(), POLLIN, 0};
+        outerFd_ = outerFd_ < 0 ? loop->fd() : outerFd_;  // Asked for once.
+        pollfd wait{outerFd_, POLLIN, 0};
         return poll(&wait, 1, milliseconds) == 1;
     }
 
   private:
     const decltype(openDescriptors()) descriptorsBefore_ = openDescriptors();
     const uint32_t objectsBefore_ = liveObjects();
+    int outerFd_ = -1;
 
   protected:
     std::optional<EventLoop> loop = std::optional<EventLoop>(std::in_place);
@@ -333,6 +335,7 @@ TEST_F(EventLoopTest, AnOuterLoopSeesAllWorkInItsDescriptor) {
     const Ends ends;
     const auto reads = onReadable(ends.end, [&] { readOne(*ends.end); });
     Timer timer(loop->clock(), [] {});
+    Timer defers(loop->clock(), [&] { loop->defer([] {}); });
     const auto armSoon = [&] { timer.expiryIs(loop->clock()->now() + 0.005); };
     EXPECT_FALSE(isReady());
     const struct {
@@ -345,6 +348,7 @@ TEST_F(EventLoopTest, AnOuterLoopSeesAllWorkInItsDescriptor) {
         {[&] { loop->post([] {}); }, {1}},
         {[&] { loop->stop(); }, {0}},
         {[&] { timer.expiryIs(1); }, {1}},
+        {[&] { defers.expiryIs(1); }, {1, 1}},
         {armSoon, {1}},
         {[&] { loop->defer(armSoon); }, {1, 1}},
     };
