@@ -573,7 +573,8 @@ void RawIpPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     }
     const int error = errno;
     MOX_TRACE(*family_.trace, 1, "sendmsg failed : ", std::strerror(error));
-    if (error == EAGAIN) {
+    // Without IP_HDRINCL the kernel reports a full send buffer as ENOBUFS.
+    if (error == EAGAIN || error == ENOBUFS) {
         fd->writeMetNoRoom();
     }
     txErrnoIs(error);
