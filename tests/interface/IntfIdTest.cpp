@@ -41,7 +41,7 @@ std::string addErrorOf(IntfIdMgr& manager, const Mox::Ptr<IntfIdDesc>& desc) {
     });
 }
 
-// What common interfaces are called, and how wide their numbers are; the last one is a
+// The names of common interfaces and the widths of their numbers in bits; the last number is a
 // sub-interface when `hasSub`.
 const struct {
     uint32_t typeId, subType;
@@ -102,7 +102,7 @@ TEST(IntfId, KeepsTheValueLaws) {
     EXPECT_EQ(logErrorOf<IntfIdPart>(33u, 0u, 0u, 0u),
               "IntfIdPart::widthBits < 1 or > 32 not allowed");
     EXPECT_EQ(logErrorOf<IntfIdPartKey>(3u, 8u), "IntfIdPartKey::part < 0 or > 7 not allowed");
-    // By another program, over ef cd ab 89 67 45 23 01.
+    // Computed by another program over ef cd ab 89 67 45 23 01.
     EXPECT_EQ(IntfId(0x0123456789abcdef).hash(), 0xb5eb1e68);
     EXPECT_EQ(oneAtATimeHash(uint8_t{'a'}), 0xca2e9442);
 }
@@ -120,7 +120,7 @@ TEST(IntfId, HasANameThatGivesItAgain) {
         ASSERT_EQ(stringToVeyIntf(shortName), name);
         ASSERT_EQ(shortIntfToVeyIntf(shortName), name);
         ASSERT_EQ(id.parts(), shown) << name;
-        // A bit that no part holds is of no name.
+        // An id with a bit outside its parts has no name.
         const IntfId strayed(id.intfId().value() | uint64_t{about.hasSub ? 0u : 1u} << 20);
         ASSERT_EQ(strayed.stringValue(), about.hasSub ? name : "");
     });
@@ -155,41 +155,21 @@ TEST(IntfId, ReadsUpToTheFirstCharacterThatDoesNotBelong) {
     }
 }
 
-TEST(IntfId, RefusesWhatIsNoName) {
+TEST(IntfId, RefusesOtherTexts) {
     const std::string digits = "Ethernet" + std::string(10000, '9');
     const std::string zeros = "Vlan" + std::string(10000, '0') + "4096";
     const std::string letters(10000, 'E');
-    expectRefuses<IntfId>(Mox::fromText<IntfId>("Vlan7"), {{"Error deserializing IntfId",
-                                                            {"",
-                                                             "Ethernet",
-                                                             "ethernet1",
-                                                             "Et1",
-                                                             "Ethernet/1",
-                                                             "Ethernet 1",
-                                                             "Ethernet-1",
-                                                             "Eth1",
-                                                             "Ethernet1/",
-                                                             "Ethernet1.",
-                                                             "Ethernet1.0",
-                                                             "Ethernet1/2/3/4",
-                                                             "Ethernet1//2",
-                                                             "Ethernet1048576",
-                                                             "Ethernet1/32768",
-                                                             "Ethernet32768/1",
-                                                             "Ethernet1/2/1024",
-                                                             "Ethernet1.33554432",
-                                                             "Vlan4096",
-                                                             "Vlan4294967297",
-                                                             "Vlan18446744073709551617",
-                                                             "Vlan1.1",
-                                                             "Vlan-1",
-                                                             "Vlan+1",
-                                                             "Cpu",
-                                                             "Test7",
-                                                             digits.c_str(),
-                                                             zeros.c_str(),
-                                                             letters.c_str()}}});
-    // What is too large is not left over either.
+    // clang-format off
+    const std::vector<const char*> noNames = {
+        "", "Ethernet", "ethernet1", "Et1", "Ethernet/1", "Ethernet 1", "Ethernet-1", "Eth1",
+        "Ethernet1/", "Ethernet1.", "Ethernet1.0", "Ethernet1/2/3/4", "Ethernet1//2",
+        "Ethernet1048576", "Ethernet1/32768", "Ethernet32768/1", "Ethernet1/2/1024",
+        "Ethernet1.33554432", "Vlan4096", "Vlan4294967297", "Vlan18446744073709551617", "Vlan1.1",
+        "Vlan-1", "Vlan+1", "Cpu", "Test7", digits.c_str(), zeros.c_str(), letters.c_str()};
+    // clang-format on
+    expectRefuses<IntfId>(Mox::fromText<IntfId>("Vlan7"),
+                          {{"Error deserializing IntfId", noNames}});
+    // A number that is too large is no name followed by other text.
     const std::string_view text = "Ethernet1/99999,";
     auto it = text.begin();
     EXPECT_THROW(IntfId(it, text.end()), Mox::RangeException);
@@ -202,7 +182,7 @@ TEST(IntfId, RefusesWhatIsNoName) {
     EXPECT_EQ(vlan.part(0), 7u);
 }
 
-TEST(IntfIdDesc, WinsByTheLongestPrefixThatIsRead) {
+TEST(IntfIdDesc, IsChosenByTheLongestMatchingPrefix) {
     const auto manager = intfIdMgrFactory("test");
     EXPECT_EQ(addErrorOf(*manager, described(1, "Eth", "E", {{first, second}})), "");
     EXPECT_EQ(addErrorOf(*manager, described(2, "Ether", "", {{}})), "");
@@ -247,7 +227,7 @@ TEST(IntfIdDesc, WinsByTheLongestPrefixThatIsRead) {
     EXPECT_EQ(manager->intfIdToString(manager->stringToIntfId("E1/2")), "E1/2");
 }
 
-TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotGiveIdsAgain) {
+TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotIdentifyInterfaces) {
     const auto prefixed = [](const char* prefix) { return described(9, prefix, "", {{first}}); };
     const auto gap = described(9, "Gap", "", {{first}});
     gap->partIs({0, 2}, third);
@@ -284,7 +264,7 @@ TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotGiveIdsAgain) {
     }
 }
 
-TEST(IntfIdMgr, KnowsTheNamesOfDescriptorsWhileTheyAreInIt) {
+TEST(IntfIdMgr, KnowsTheNamesOfItsDescriptorsOnly) {
     const auto manager = intfIdMgrFactory("test");
     const auto desc = described(5, "Lane", "La", {{first, second, third, fourth}});
     EXPECT_EQ(addErrorOf(*manager, desc), "");
@@ -303,9 +283,9 @@ TEST(IntfIdMgr, KnowsTheNamesOfDescriptorsWhileTheyAreInIt) {
     EXPECT_EQ(manager->intfIdToString(id), "Other1/2/3/4");
     EXPECT_EQ(desc->manager(), nullptr);
 
-    std::vector<uint32_t> told;
+    std::vector<uint32_t> notified;
     const Mox::Watch<IntfIdMgr> watch(manager, IntfIdMgr::intfIdDescAttr,
-                                      [&](uint32_t typeId) { told.push_back(typeId); });
+                                      [&](uint32_t typeId) { notified.push_back(typeId); });
     manager->intfIdDescDel(5);
     manager->intfIdDescDel(5);
     EXPECT_EQ(manager->intfIdToString(id), "");
@@ -313,7 +293,7 @@ TEST(IntfIdMgr, KnowsTheNamesOfDescriptorsWhileTheyAreInIt) {
     EXPECT_EQ(manager->intfIdToString(id), "Lane1/2/3/4");
     manager->intfIdDescDelAll();
     EXPECT_EQ(manager->intfIdToString(id), "");
-    EXPECT_EQ(told, (std::vector<uint32_t>{5, 5, 5}));
+    EXPECT_EQ(notified, (std::vector<uint32_t>{5, 5, 5}));
 }
 
 TEST(IntfIdDescPluginLoader, RunsEachPluginOnce) {
@@ -392,8 +372,8 @@ TEST(IntfNames, ConvertToThoseOfTheKernelAndBack) {
     }
 }
 
-// A name split at its separators: by type, then as a sequence of numbers, where those left out in
-// front of a sub-interface are 0.
+// A name as its type and a sequence of numbers, in which those left out before a sub-interface are
+// 0.
 std::pair<std::string, std::vector<uint64_t>> orderOf(const std::string& name) {
     const auto digits = name.find_first_of("0123456789");
     std::pair<std::string, std::vector<uint64_t>> key(name.substr(0, digits), {});
@@ -430,7 +410,7 @@ TEST(IntfNames, AreInNaturalOrder) {
     }
 }
 
-// The pattern begins anywhere, so of the first two names it takes ":2/4" and ":2/3".
+// The pattern matches anywhere in a name: ":2/4" and ":2/3" in the first two.
 TEST(IntfNamesDeathTest, AreComparedByThePatternAlone) {
     const auto laned = described(
         100, "Lane", "", {{first, {10, 10, true, ':'}, third}, {first, second, third, fourth}});
