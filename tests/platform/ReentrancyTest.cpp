@@ -420,7 +420,7 @@ void World::run() {
             actions.insert(actions.end(), {all[i][below(2)], any(all[i])});
         }
     }
-    for (uint32_t steps = 10 + below(30); steps > 0; --steps) {
+    for (uint32_t steps = 10 + below(30); steps > 0 && !testing::Test::HasFailure(); --steps) {
         budget = 10;
         try {
             !oneIn(4) ? act() : oneIn(2) ? turn() : advance();
