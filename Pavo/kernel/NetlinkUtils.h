@@ -11,6 +11,7 @@
 #include <linux/rtnetlink.h>
 
 #include <cstdint>
+#include <type_traits>
 
 #include "Pavo/base/Export.h"
 
@@ -89,6 +90,8 @@ class NetlinkRequest {
     /// As `addattr_l`, for a payload type without padding.
     template <class Payload>
     int addAttribute(int type, const Payload& payload) {
+        static_assert(std::is_trivially_copyable_v<Payload> && !std::is_pointer_v<Payload>,
+                      "the payload is sent as its bytes: pass texts to addattr_l");
         return addattr_l(header(), bound, type, &payload, sizeof(payload));
     }
 

@@ -50,8 +50,9 @@ class PAVO_EXPORT ScopedNetNs {
     /// The name is as for `setNsByName`.
     /// @throws Mox::ErrnoException "Cannot open /proc/self/ns/net", or "Cannot setns to " and the
     /// name; the thread is then where it was.
-    explicit ScopedNetNs(const char* name);
-    explicit ScopedNetNs(const NamespaceName& name) : ScopedNetNs(name.value().c_str()) {}
+    [[nodiscard]] explicit ScopedNetNs(const char* name);
+    [[nodiscard]] explicit ScopedNetNs(const NamespaceName& name)
+        : ScopedNetNs(name.value().c_str()) {}
 
   private:
     NetNsReturn wayBack_;

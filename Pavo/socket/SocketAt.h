@@ -1,5 +1,5 @@
 /// @file
-/// The one door to sockets: opening them inside a named network namespace.
+/// Opening sockets inside a named network namespace.
 #pragma once
 
 #include "Pavo/base/Export.h"

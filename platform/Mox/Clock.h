@@ -20,8 +20,8 @@ namespace Mox {
 ///
 /// Notifiees are called in rounds; a round is one call of `fire`. It calls each notifiee that is
 /// due and was armed before the round began, in the order of their expiries, and those of equal
-/// expiries in the order of arming. An expiry that is not after the last round counts as the time
-/// of that round, so that a notifiee that arms itself for the past delays no other one.
+/// expiries in the order of arming. A notifiee that is armed for
+/// the past counts as due at the time of the last round, so it never delays those that are due now.
 class MOX_EXPORT Clock {
   public:
     static constexpr double idle = std::numeric_limits<double>::infinity();
@@ -113,7 +113,7 @@ class BasicTimer : public Source::Notifiee {
     using Base = typename Source::Notifiee;
 
   public:
-    BasicTimer(Source* source, std::function<void()> handler)
+    [[nodiscard]] BasicTimer(Source* source, std::function<void()> handler)
         : Base(source),
           handler_(std::make_shared<const std::function<void()>>(std::move(handler))) {}
 

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -31,7 +32,9 @@ struct Change {
     /// The member of a collection that changed; null for a plain attribute.
     const void* keyAddress;
 
-    bool is(const AttributeBase& token) const { return attribute.number == token.number; }
+    bool is(const AttributeBase& token) const {
+        return attribute.number == token.number && std::string_view(attribute.name) == token.name;
+    }
     /// The changed member of the collection that `token` names.
     /// @pre the change is one of that collection (assertion "is(token)").
     template <class Owner, class Key>
@@ -145,9 +148,12 @@ class MOX_EXPORT Entity : public Described<Entity> {
 /// changes. Only attributes of `Self` and its bases are accepted.
 template <class Self, std::derived_from<Entity> Base = Entity>
 class MOX_EXPORT EntityOf : public Described<Self, Base> {
-  protected:
+    // Private, so that no other class passes itself off as `Self`.
+    friend Self;
     template <class... Args>
     explicit EntityOf(Args&&... args) : Described<Self, Base>(std::forward<Args>(args)...) {}
+
+  protected:
     ~EntityOf() override = default;
 
     /// Stores `value` and notifies when that changed `field`.
@@ -271,21 +277,23 @@ class Notifiee::Made : public T {
 template <class T>
 class Watch {
   public:
+    /// Watches nothing, until another one is assigned.
     Watch() = default;
     template <BaseOf<T> Owner>
-    Watch(const Ptr<T>& notifier, const Attribute<Owner>& attribute, std::function<void()> handler)
+    [[nodiscard]] Watch(const Ptr<T>& notifier, const Attribute<Owner>& attribute,
+                        std::function<void()> handler)
         : Watch(notifier, AttributeSet<T>(attribute),
                 [handler = std::move(handler)](const Change&) { handler(); }) {}
     /// For a collection: the function gets the changed member.
     template <BaseOf<T> Owner, class Key>
-    Watch(const Ptr<T>& notifier, const Attribute<Owner, Key>& attribute,
-          std::function<void(const std::type_identity_t<Key>&)> handler)
+    [[nodiscard]] Watch(const Ptr<T>& notifier, const Attribute<Owner, Key>& attribute,
+                        std::function<void(const std::type_identity_t<Key>&)> handler)
         : Watch(notifier, AttributeSet<T>(attribute),
                 [&attribute, handler = std::move(handler)](const Change& change) {
                     handler(change.key(attribute));
                 }) {}
-    Watch(const Ptr<T>& notifier, AttributeSet<std::type_identity_t<T>> wanted,
-          std::function<void(const Change&)> handler)
+    [[nodiscard]] Watch(const Ptr<T>& notifier, AttributeSet<std::type_identity_t<T>> wanted,
+                        std::function<void(const Change&)> handler)
         : reactor_(make<Reactor>(notifier, wanted, std::move(handler))) {}
 
     Watch(Watch&&) noexcept = default;
@@ -300,7 +308,11 @@ class Watch {
         }
     }
 
-    void hasNotificationActiveIs(bool active) { reactor_->hasNotificationActiveIs(active); }
+    /// @pre it watches something (assertion "watches something").
+    void hasNotificationActiveIs(bool active) {
+        require(reactor_ != nullptr, "watches something");
+        reactor_->hasNotificationActiveIs(active);
+    }
 
   private:
     class Reactor : public Notifiee {

@@ -37,7 +37,8 @@ class MOX_EXPORT Signal : public EntityOf<Signal> {
     /// assertion "!signals[ number ]".
     explicit Signal(int number);
 
-    /// Restores the mask. On the thread that made the object: assertion "signals[ number ] == this".
+    /// Restores the mask. On the thread that made the object: assertion "signals[ number ] ==
+    /// this".
     void zeroReferencesIs(bool zero) override;
     String name() const override;
 
@@ -61,6 +62,6 @@ class MOX_EXPORT Signal : public EntityOf<Signal> {
 /// Needs an event loop on this thread (assertion "EventLoop::current()").
 /// @throws Mox::ErrnoException "signal" (EINVAL) when `number` is no signal that can be caught;
 /// "signalfd" or "epoll_ctl". The signal mask is then unchanged.
-MOX_EXPORT Ptr<Signal> signalFactory(int number);
+[[nodiscard]] MOX_EXPORT Ptr<Signal> signalFactory(int number);
 
 }  // namespace Mox
