@@ -1,8 +1,5 @@
-#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
