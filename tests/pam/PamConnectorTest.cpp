@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 
-#include "Mox/Trace.h"
 #include "pam/PamFixture.h"
 
 using namespace std::string_literals;
@@ -14,13 +13,13 @@ using namespace std::string_literals;
 namespace Pavo {
 namespace {
 
-// A connector at whose ends somebody notes "0" or "1" when told, takes a packet, and then does what
-// `action` says. In the end all objects have gone.
+// A connector with an observer at each end, which appends "0" or "1" to `notified`, takes a packet
+// and then runs `action`. In the end no object is left.
 struct Scene {
     Scene() {
         for (const char digit : {'0', '1'}) {
             readable[digit - '0'].emplace(end[digit - '0'], Pam::readableCountAttr, [this, digit] {
-                heard += digit;
+                notified += digit;
                 const Mox::Ptr<Pkt> pkt = end[digit - '0']->rxPkt();
                 if (action) {
                     action(digit - '0');
@@ -39,11 +38,11 @@ struct Scene {
         end[i] = nullptr;
     }
     void send(int i, const char* text = "x") { end[i]->txPktIs(pktOf(text)); }
-    // What is heard in the next event.
+    // The ends that the next event notifies.
     std::string nextEvent() {
-        heard.clear();
+        notified.clear();
         clock.advance(clock.nextExpiry() - clock.now());
-        return heard;
+        return notified;
     }
 
     uint32_t before = (globalPktManager(), Mox::liveObjects());
@@ -51,7 +50,7 @@ struct Scene {
     Mox::Ptr<PamConnector> connector = pamConnectorFactory(&clock);
     Mox::Ptr<PamConnectorPam> end[2] = {connector->pam("pam0"), connector->pam("pam1")};
     std::optional<Mox::Watch<PamConnectorPam>> readable[2];
-    std::string heard;
+    std::string notified;
     std::function<void(int)> action;
 };
 
@@ -67,19 +66,19 @@ TEST(PamConnector, AFullQueueHoldsOneMoreThanItsBufferAndDropsTheRest) {
     EXPECT_EQ(s.end[0]->writableCount(), 1026u);
 }
 
-TEST(PamConnector, OneEventAnnouncesAllThatWasSentBefore) {
+TEST(PamConnector, OneEventNotifiesOfAllPacketsSentBefore) {
     Scene s;
     s.clock.advance(5);
     s.send(0);
     s.clock.advance(0.0005);
     s.send(0);
     s.send(1);
-    EXPECT_EQ(s.heard, "");
+    EXPECT_EQ(s.notified, "");
     EXPECT_EQ(s.clock.nextExpiry(), 5.0009765625);
     EXPECT_EQ(s.nextEvent(), "011");
     EXPECT_EQ(s.clock.nextExpiry(), Mox::Clock::idle);
 
-    s.readable[1].reset();  // Nobody takes a packet: it is announced again with the next one.
+    s.readable[1].reset();  // A packet that is not taken is announced again with the next one.
     for (const char* text : {"d", "e"}) {
         s.send(0, text);
         s.nextEvent();
@@ -92,12 +91,12 @@ TEST(PamConnector, AnswersComeWithTheNextEvent) {
     Scene s;
     s.action = [&s](int i) { s.send(i); };
     s.send(0);
-    for (const char* heard : {"1", "0", "1", "0"}) {
-        EXPECT_EQ(s.nextEvent(), heard);
+    for (const char* notified : {"1", "0", "1", "0"}) {
+        EXPECT_EQ(s.nextEvent(), notified);
     }
 }
 
-TEST(PamConnector, ATagLeavesTheFrameWhereThatIsAskedFor) {
+TEST(PamConnector, ATagLeavesTheFrameWhenSeparateTagsAreOn) {
     const std::string macs = "\x02\0\0\0\0\1\x02\0\0\0\0\2"s;
     const std::string tag = "\x81\0\x20\x07"s;
     const std::string rest = "\x08\0data"s;
@@ -111,11 +110,11 @@ TEST(PamConnector, ATagLeavesTheFrameWhereThatIsAskedFor) {
     }
 }
 
-TEST(PamConnector, ReceiversMayTakeEverythingApart) {
+TEST(PamConnector, ObserversMayRemoveEndsAndTheConnector) {
     const struct {
         const char* what;
-        void (*action)(Scene& s);  // At the first packet, which is at "pam0".
-        const char* heard;         // Of two at each end.
+        void (*action)(Scene& s);  // At the first packet, which arrives at "pam0".
+        const char* notified;      // Of two packets at each end.
     } cases[] = {
         {"drops the connector", [](Scene& s) { s.connector = nullptr; }, "0011"},
         {"drops its own end", [](Scene& s) { s.leave(0); }, "011"},
@@ -132,15 +131,15 @@ TEST(PamConnector, ReceiversMayTakeEverythingApart) {
             s.send(i);
         }
         s.action = [&](int) {
-            if (s.heard == "0") {
+            if (s.notified == "0") {
                 c.action(s);
             }
         };
-        EXPECT_EQ(s.nextEvent(), c.heard);
+        EXPECT_EQ(s.nextEvent(), c.notified);
     }
 }
 
-TEST(PamConnector, AnEndIsJoinedToNothingOnceItsOtherEndOrTheConnectorHasGone) {
+TEST(PamConnector, AnEndHasNoPeerAfterItsOtherEndOrTheConnectorIsGone) {
     Scene s;
     auto& [end0, end1] = s.end;
     auto loose = Mox::make<PamConnectorPam>("loose", s.connector.ptr());
@@ -160,7 +159,7 @@ TEST(PamConnector, AnEndIsJoinedToNothingOnceItsOtherEndOrTheConnectorHasGone) {
     EXPECT_DEATH(end1->txPktIs(nullptr), "assertion failed: otherEnd\\(\\)");
 }
 
-TEST(PamConnector, SendingTakesAPacketAndAConnectorThatIsInitialized) {
+TEST(PamConnector, SendingNeedsAPacketAndAnInitializedConnector) {
     Scene s;
     EXPECT_DEATH(s.end[0]->txPktIs(nullptr), "assertion failed: pkt != __null");
     s.send(0);
@@ -182,46 +181,6 @@ TEST(PamConnector, ObserversSeeEachPacketWhileItPasses) {
     s.end[0]->txPktIs(pkt);
     EXPECT_EQ(seen, "peekPkt x0, peekPktCount x0, peekPkt -0, writableCount -1, ");
     EXPECT_EQ(pkt->references(), 2u);  // The queue's and this one.
-}
-
-TEST(PamConnector, TheQueueNumbersItsPackets) {
-    Scene s;
-    const auto& end = s.end[0];
-    for (const char* text : {"a", "b", "c"}) {
-        end->inputQueueEnq(pktOf(text));
-    }
-    end->inputQueueDel(1);
-    EXPECT_EQ(end->inputQueue(1), nullptr);
-    EXPECT_EQ(end->inputQueue(2), end->inputQueueBack());
-    EXPECT_EQ(end->inputQueueDeq()->stringValue(), "a");
-    EXPECT_EQ(end->inputQueueFront()->stringValue(), "c");
-    end->inputQueueDelAll();
-    EXPECT_EQ(end->inputQueueDeq(), nullptr);
-    EXPECT_EQ(end->inputQueueEnq(pktOf("d")), 3u);
-}
-
-TEST(PamConnector, TracesWhatItDoes) {
-    static Texts texts;
-    const auto before =
-        Mox::traceSinkIs([](const char*, int, std::string_view text) { texts.emplace_back(text); });
-    Mox::traceSettingsIs("Pavo::PamConnector/0-9");
-    {
-        Scene s;
-        s.end[0]->maxBufferIs(0);
-        s.send(1);
-        s.send(1);
-        s.nextEvent();
-    }
-    Mox::traceSettingsIs("Pavo::PamConnector/");
-    Mox::traceSinkIs(before);
-    EXPECT_EQ(texts, (Texts{
-                         "handleInitializedBase",
-                         "PamConnector: enqueue, total packets: 1",
-                         "Dropping packet",
-                         "PamConnector: handleClock pam0, total packets: 1",
-                         "PamConnector: handleClock pam0, remaining packets: 0",
-                         "PamConnector: handleClock pam1, total packets: 0",
-                     }));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What tshark reads of captured endpoints, with its checksum checks switched on.
+// Capture files of endpoints as tshark reads them, with its checksum checks on.
 
 #include "Pavo/PamTap.h"
 
@@ -26,7 +26,7 @@ namespace {
 using testing::AnyOf;
 using testing::ElementsAre;
 
-// A folder for one file, and what tshark says of it.
+// A folder for one file, which tshark reads.
 class CaptureTest : public PamFixture {
   protected:
     void SetUp() override {
@@ -38,7 +38,7 @@ class CaptureTest : public PamFixture {
     }
     void TearDown() override { std::filesystem::remove_all(folder_); }
 
-    // The fields of each packet, joined by blanks, absent ones as "-".
+    // The fields of each packet, joined by blanks.
     Texts tshark(const Texts& fields) const {
         std::vector<std::string> command = {"tshark", "-r", path_,        "-T",
                                             "fields", "-E", "separator= "};
@@ -87,7 +87,7 @@ void hundredPkts(const Mox::Ptr<CaptureFile>& file, uint32_t interface) {
     file->flush();
 }
 
-TEST_F(CaptureTest, ASessionOverAConnectorIsWholeWithItsTagsInPlace) {
+TEST_F(CaptureTest, ASessionOverAConnectorIsCompleteWithItsTags) {
     Mox::ManualClock clock;
     const auto connector = pamConnectorFactory(&clock);
     connector->separateVlanTagHdrIs(true);
@@ -188,12 +188,12 @@ TEST_F(CaptureTest, RawIpEndpointsGetTheHeadersThatTheKernelKeeps) {
               expected);
 }
 
-TEST_F(CaptureTest, WhatFindsNoRoomIsCountedAndTheRestStaysWhole) {
+TEST_F(CaptureTest, PacketsWithoutRoomAreCountedAndTheFileStaysValid) {
     struct {
         CaptureFile::Limits limits;
         uint32_t pkts;
     } const rows[] = {
-        {{1000, 1 << 20}, 10},  // Blocks of 92 bytes, behind 68 with which the file begins.
+        {{1000, 1 << 20}, 10},  // Blocks of 92 bytes, after 68 bytes at the start of the file.
         {{1 << 20, 91}, 0},
     };
     for (const auto& row : rows) {
@@ -219,7 +219,7 @@ TEST_F(CaptureTest, KeepsTheBeginningOfAHugePacket) {
     EXPECT_EQ(tshark({"frame.len", "frame.cap_len"}), (Texts{"524286 262144", "262143 262143"}));
 }
 
-TEST_F(CaptureTest, AFullDiskLosesWhatItHasNoRoomForAndNoMore) {
+TEST_F(CaptureTest, AFullDiskLosesOnlyPacketsWithoutRoom) {
     ASSERT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=64k"), 0);
     const std::string filler = folder_ + "/filler";
     std::ofstream(filler) << std::string(32 << 10, ' ') << std::flush;

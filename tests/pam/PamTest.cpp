@@ -17,7 +17,7 @@ namespace {
 
 using Log = std::vector<std::string>;
 
-// An endpoint that writes down what it is asked.
+// An endpoint that logs the calls of its handlers.
 class FakePam : public Pam {
   public:
     explicit FakePam(Log* log) : Pam("fake"), log_(log) {}
@@ -49,7 +49,7 @@ class PamTest : public testing::Test {
     Mox::Ptr<FakePam> pam_ = Mox::make<FakePam>(&log_);
 };
 
-TEST_F(PamTest, AnEndpointReadsItsPacketBeforeAnybodyHearsOfTheCount) {
+TEST_F(PamTest, TheHandlerRunsBeforeObserversOfTheCount) {
     const Mox::Watch<FakePam> readable(pam_, Pam::readableCountAttr,
                                        [this] { log_.push_back("observer"); });
     pam_->readableCountIs(0);
@@ -58,7 +58,7 @@ TEST_F(PamTest, AnEndpointReadsItsPacketBeforeAnybodyHearsOfTheCount) {
     EXPECT_EQ(log_, (Log{"readable", "observer"}));
 }
 
-TEST_F(PamTest, TheMachineBumpsBothCountsAtBirthAndOnEachReport) {
+TEST_F(PamTest, TheMachineIncrementsBothCountsAtCreationAndOnEachReport) {
     const Mox::Ptr<PamFdSm> machine = PamFdSmIs(descriptor_, pam_.ptr());
     const Mox::Ptr<PamFdSm> idle = PamFdSmIs(nullptr, pam_.ptr());
     EXPECT_EQ(log_, (Log{"readable", "writable"}));
@@ -78,7 +78,7 @@ TEST_F(PamTest, TheMachineBumpsBothCountsAtBirthAndOnEachReport) {
     EXPECT_EQ(pam_->readableCount(), 3u);
 }
 
-TEST_F(PamTest, AnAgentMayDropTheEndpointWhileItIsTold) {
+TEST_F(PamTest, AnObserverMayDropTheEndpoint) {
     const uint32_t before = Mox::liveObjects();
     {
         Mox::Ptr<FakePam> pam = Mox::make<FakePam>(&log_);
@@ -108,18 +108,19 @@ TEST_F(PamTest, TheReadPacketLeavesTheEndpoint) {
     EXPECT_EQ(pam_->txPkt(), pkt);
 }
 
-TEST_F(PamTest, SlotsTellOfRealChangesOnly) {
-    uint32_t told = 0;
-    const Mox::Watch<FakePam> packets(pam_, Pam::savedPacketRxAttr,
-                                      [&told](uint32_t slot) { told = 10 * told + slot + 1; });
+TEST_F(PamTest, SlotsNotifyOfRealChangesOnly) {
+    uint32_t notified = 0;
+    const Mox::Watch<FakePam> packets(pam_, Pam::savedPacketRxAttr, [&notified](uint32_t slot) {
+        notified = 10 * notified + slot + 1;
+    });
     pam_->savedPacketRxIs(3, false);
     EXPECT_EQ(pam_->savedPacketRx().members(), 0u);
     pam_->savedPacketRxIs(1, true);
     pam_->savedPacketRxIs(1, true);
     pam_->savedPacketRxIs(0, false);
-    EXPECT_EQ(told, 2u);
+    EXPECT_EQ(notified, 2u);
     pam_->savedPacketRxDelAll();
-    EXPECT_EQ(told, 221u);  // From the last slot to the first.
+    EXPECT_EQ(notified, 221u);  // From the last slot to the first.
 }
 
 TEST_F(PamTest, OperationsThatAClassDoesNotOfferStopTheProcess) {
