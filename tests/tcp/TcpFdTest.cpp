@@ -62,7 +62,7 @@ class ReadinessTest : public RegistrationTest, public testing::WithParamInterfac
 INSTANTIATE_TEST_SUITE_P(Watching, ReadinessTest, testing::Bool(),
                          [](const auto& test) { return test.param ? "Edge" : "Level"; });
 
-TEST_P(ReadinessTest, IsHeardOfWhereItIsEnabledAndOfInterest) {
+TEST_P(ReadinessTest, IsReportedWhileEnabledAndOfInterest) {
     const auto registration = registered(GetParam());
     ASSERT_EQ(send(ends_[1], "x", 1, 0), 1);
     const struct {
@@ -87,7 +87,7 @@ TEST_P(ReadinessTest, IsHeardOfWhereItIsEnabledAndOfInterest) {
     }
 }
 
-TEST_F(RegistrationTest, LeavesTheDescriptorOpenAndMayBeDroppedByWhomItTells) {
+TEST_F(RegistrationTest, LeavesTheDescriptorOpenAndMayBeDroppedByItsObserver) {
     const auto before = PavoTest::openDescriptors();
     const uint32_t objects = Mox::liveObjects();
     auto registration = registered(/*edgeTriggered=*/false);
@@ -109,7 +109,7 @@ TEST_F(RegistrationTest, LeavesTheDescriptorOpenAndMayBeDroppedByWhomItTells) {
     EXPECT_EQ(Mox::liveObjects(), objects);
 }
 
-TEST_F(RegistrationTest, OfTestsTakesEventsByHandAndOnlyThoseItWants) {
+TEST_F(RegistrationTest, TakesInjectedEventsOfItsInterests) {
     TcpFileDescriptorEventRegistrationFactory factory;
     const auto registration =
         factory.createEventRegistration(tcpFileDescriptorFactory(ends_[0], false));

@@ -1,5 +1,5 @@
 /// @file
-/// Machines for tests: with their configuration and status, and a place for them to run.
+/// Machines for tests with their configuration and status, and a fixture that runs them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -52,7 +52,7 @@ struct TestServer {
           status(Pavo::tcpServerStatusFactory()),
           sm(Pavo::tcpServerSmFactory(factory, wheel, config, status)) {}
 
-    // "reason starts/accepted/waiting", with "+" in front while it listens.
+    // "+reason starts/accepted/waiting" while it listens, else with "-".
     std::string summary() const {
         return (status->listening() ? "+" : "-") + std::string(status->reason()) + " " +
                std::to_string(status->serverStartTimes()) + "/" +
@@ -69,15 +69,15 @@ struct TestServer {
 /// `byLoop`, or with `byHand` from the test.
 class TcpTest : public SandboxTest {
   protected:
-    /// Waits until the kernel has something to say of a machine's socket.
+    /// Waits until the kernel reports an event of a machine's socket.
     template <class Machine>
     static void await(const Machine& machine) {
         pollfd ready{machine.sm->fd()->fileDescriptor()->descriptor(), POLLIN | POLLOUT, 0};
         ASSERT_EQ(poll(&ready, 1, /*timeout=*/10000), 1);
     }
-    /// The same, and tells the machine by hand; of one without a socket there is nothing to tell.
+    /// The same, then injects the event into the machine, if it has a socket.
     template <class Machine>
-    static void tell(const Machine& machine) {
+    static void deliver(const Machine& machine) {
         if (machine.sm->fd()) {
             await(machine);
             injectInto(machine);
@@ -86,8 +86,8 @@ class TcpTest : public SandboxTest {
     /// Connects a client with a listening server, both by hand.
     static void meet(const TestClient& client, const TestServer& server) {
         client.sm->startConnection();
-        tell(client);
-        tell(server);
+        deliver(client);
+        deliver(server);
     }
     /// Turns the loop until `done()`, for as long as a loaded machine may need.
     template <class Done>

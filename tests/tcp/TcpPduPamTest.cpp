@@ -86,7 +86,7 @@ struct Stream {
 // For level- and edge-triggered descriptors.
 class TcpPduPamTest : public testing::TestWithParam<bool> {
   protected:
-    // Takes the PDU that it is told of, or with it all that there are.
+    // Takes one PDU at each notification, or all that there are.
     struct Reader {
         explicit Reader(const Mox::Ptr<SimpleTcpPduPam>& pam, bool takesAll = false)
             : watch(pam, Pam::readableCountAttr, [this, takesAll, pam = pam.ptr()] {
@@ -145,7 +145,7 @@ class TcpPduPamTest : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(Watching, TcpPduPamTest, testing::Bool(),
                          [](const auto& test) { return test.param ? "Edge" : "Level"; });
 
-TEST_P(TcpPduPamTest, BelievesALengthOnlyWithinItsBounds) {
+TEST_P(TcpPduPamTest, AcceptsALengthOnlyWithinItsBounds) {
     const char* const tooSmall = "PDU length too small";
     const char* const tooBig = "PDU length too big";
     const struct {
@@ -183,31 +183,7 @@ TEST_P(TcpPduPamTest, BelievesALengthOnlyWithinItsBounds) {
     }
 }
 
-TEST_P(TcpPduPamTest, PutsPdusTogetherWhereverTheStreamIsCut) {
-    const Strings pdus = {pduOf(20), pduOf(57), pduOf(21), pduOf(300)};
-    const std::string bytes = pdus[0] + pdus[1] + pdus[2] + pdus[3];
-    const Stream stream(GetParam());
-    const auto pam = open(stream);
-    Reader reader(pam);
-    for (std::size_t cut = 1; cut < bytes.size(); ++cut) {
-        reader.pdus.clear();
-        stream.write(bytes.substr(0, cut));
-        turns();
-        stream.write(bytes.substr(cut));
-        turns();
-        ASSERT_EQ(reader.pdus, pdus) << cut;
-    }
-    reader.pdus.clear();
-    for (const char byte : bytes) {
-        stream.write(std::string(1, byte));
-        EXPECT_EQ(loop_.turn(0), 1u);
-    }
-    turns();
-    EXPECT_EQ(reader.pdus, pdus);
-    EXPECT_EQ(pam->rxPktHolderShadow(), nullptr);  // An idle stream holds no buffer.
-}
-
-TEST_P(TcpPduPamTest, ServesManyPdusOfOneSegmentWithinBoundsAlsoWhenAnObserverThrows) {
+TEST_P(TcpPduPamTest, ServesALimitedNumberOfPdusATurnAlsoWhenAnObserverThrows) {
     std::string sent, taken;
     uint32_t pdus = 0;
     const Mox::Watch<SimpleTcpPduPam> reader(pam_, Pam::readableCountAttr, [&] {
@@ -229,7 +205,7 @@ TEST_P(TcpPduPamTest, ServesManyPdusOfOneSegmentWithinBoundsAlsoWhenAnObserverTh
     EXPECT_EQ(taken, sent);
 }
 
-TEST_P(TcpPduPamTest, APduThatNobodyTakesWaitsAndLosesNothing) {
+TEST_P(TcpPduPamTest, APduThatIsNotTakenWaitsAndLosesNothing) {
     const Strings pdus = {pduOf(30), pduOf(31), pduOf(32), pduOf(33)};
     stream_.write(pdus[0] + pdus[1]);
     turns();
@@ -255,7 +231,7 @@ TEST_P(TcpPduPamTest, APduThatNobodyTakesWaitsAndLosesNothing) {
     EXPECT_EQ(pam_->readableCount(), 2u);
 }
 
-TEST_P(TcpPduPamTest, TellsOfAnErrorThatRxPktMetInTheNextTurnIfItStillLives) {
+TEST_P(TcpPduPamTest, CountsAnErrorOfRxPktInTheNextTurnIfItStillExists) {
     const Stream other(GetParam());
     Mox::Ptr<SimpleTcpPduPam> dropped = open(other);
     for (const bool last : {false, true}) {
@@ -272,7 +248,7 @@ TEST_P(TcpPduPamTest, TellsOfAnErrorThatRxPktMetInTheNextTurnIfItStillLives) {
 }
 
 TEST_P(TcpPduPamTest, WaitsForRoomWithOnePacketAndSendsEveryByteInOrder) {
-    EXPECT_EQ(pam_->writableCount(), 1u);  // Enabling gave room.
+    EXPECT_EQ(pam_->writableCount(), 1u);  // From enabling.
     for (uint32_t round = 2; round < 5; ++round) {
         const std::string sent = fill(pam_);
         ASSERT_NE(pam_->txPktHolderShadow(), nullptr);
@@ -291,9 +267,9 @@ TEST_P(TcpPduPamTest, WaitsForRoomWithOnePacketAndSendsEveryByteInOrder) {
     EXPECT_DEATH(pam_->txPktIs(pktOf("x")), "\"?writable\\(\\)");
 }
 
-TEST_P(TcpPduPamTest, AnObserverThatThrowsLosesNoByteThatWaits) {
+TEST_P(TcpPduPamTest, AnObserverThatThrowsLosesNoPendingByte) {
     const std::string sent = fill(pam_);
-    pam_->txErrnoIs(EAGAIN);  // What the next write takes back, and tells.
+    pam_->txErrnoIs(EAGAIN);  // The next write resets it and notifies.
     bool throws = true;
     const Mox::Watch<SimpleTcpPduPam> watch(pam_, Pam::txErrnoAttr, [&throws] {
         if (std::exchange(throws, false)) {
@@ -305,13 +281,13 @@ TEST_P(TcpPduPamTest, AnObserverThatThrowsLosesNoByteThatWaits) {
     expectArrival(stream_, sent, arrived);
 }
 
-TEST_P(TcpPduPamTest, RefusesAPacketAboveTheWritableLengthAndDropsOneThatIsOvertaken) {
+TEST_P(TcpPduPamTest, RefusesATooLongPacketAndDropsOneThatAnObserverPrecedes) {
     pam_->txPktIs(nullptr);
     pam_->txPktIs(Mox::make<Pkt>());
     pam_->txPktIs(pktOf(std::string(65536, '?')));
     EXPECT_EQ(pam_->txErrno(), EMSGSIZE);
     EXPECT_EQ(pam_->txErrors(), 1u);
-    // The next packet takes the error back, and an observer of that sends one that must wait.
+    // The next packet resets the error, and an observer of that sends one that must wait.
     const std::string first(65535, '1');
     const Mox::Watch<SimpleTcpPduPam> watch(pam_, Pam::txErrnoAttr,
                                             [&] { pam_->txPktIs(pktOf(first)); });
@@ -322,7 +298,7 @@ TEST_P(TcpPduPamTest, RefusesAPacketAboveTheWritableLengthAndDropsOneThatIsOvert
     EXPECT_TRUE(pam_->writable());
 }
 
-TEST_P(TcpPduPamTest, SaysHowTheStreamEnded) {
+TEST_P(TcpPduPamTest, ReportsHowTheStreamEnded) {
     stream_.write(pduOf(40).substr(0, 39));
     turns();
     EXPECT_EQ(pam_->rxRemainingLength(), 1u);
@@ -337,7 +313,7 @@ TEST_P(TcpPduPamTest, SaysHowTheStreamEnded) {
     EXPECT_EQ(pam_->txErrorReason(), "Send failed with Broken pipe");
 }
 
-TEST_P(TcpPduPamTest, EveryErrorOfACallEndsItsDirectionButThoseThatMeanLater) {
+TEST_P(TcpPduPamTest, EveryErrorEndsItsDirectionExceptEintrAndEagain) {
     const struct {
         int error;
         bool ends;
@@ -370,13 +346,13 @@ TEST_P(TcpPduPamTest, EveryErrorOfACallEndsItsDirectionButThoseThatMeanLater) {
         EXPECT_EQ(pam->txErrno(), c.ends ? c.error : 0);
         expectArrival(stream, c.ends ? "" : "abc");
         pam->enabledIs(false);
-        pam->enabledIs(true);  // What has ended stays so.
+        pam->enabledIs(true);  // An ended direction stays ended.
         EXPECT_EQ(pam->writable(), !c.ends);
         EXPECT_EQ(pam->fd()->notifyOnReadable(), !c.ends);
     }
 }
 
-TEST_P(TcpPduPamTest, ModesWaitForTransfersUnderWayInTheirOwnDirectionOnly) {
+TEST_P(TcpPduPamTest, AModeWaitsForATransferInTheDirectionThatItEnds) {
     const auto none = tcpEnableModeNone;
     const auto readOnly = tcpEnableModeReadOnly;
     const auto writeOnly = tcpEnableModeWriteOnly;
@@ -418,9 +394,9 @@ TEST_P(TcpPduPamTest, ModesWaitForTransfersUnderWayInTheirOwnDirectionOnly) {
         EXPECT_EQ(pam->pendingEnableReadOnlyOrWriteOnlyMode(), none);
         EXPECT_EQ(pam->writable(), c.after == writeOnly || c.after == both);
         if (c.pending == writeOnly) {
-            EXPECT_EQ(reader.pdus, Strings{pdu});  // And not the one behind.
+            EXPECT_EQ(reader.pdus, Strings{pdu});  // And not the next one.
         }
-        // What stood still goes on.
+        // Suspended transfers go on.
         pam->enableModeIs(both);
         expectArrival(stream, sent, received);
         EXPECT_EQ(reader.pdus, c.receiving ? Strings({pdu, pduOf(20)}) : Strings{pduOf(20)});
@@ -440,7 +416,7 @@ TEST_P(TcpPduPamTest, APendingModeYieldsToALaterOneAndToAnError) {
     EXPECT_EQ(pam_->enableMode(), tcpEnableModeWriteOnly);
 }
 
-TEST_P(TcpPduPamTest, StopsBehindOnePduWhenAsked) {
+TEST_P(TcpPduPamTest, StopsAfterOnePduInThatMode) {
     Reader reader(pam_);
     pam_->readOnePktOnlyIs(true);
     stream_.write(pduOf(30) + pduOf(31));
@@ -493,9 +469,9 @@ TEST_P(TcpPduPamTest, AppliesKeepaliveAndCountsWhatFails) {
     Mox::traceSinkIs(before);
 }
 
-TEST_P(TcpPduPamTest, ObserversMayDropOrDisableTheEndpointWhateverTheyAreToldOf) {
+TEST_P(TcpPduPamTest, ObserversOfAnyAttributeMayDropOrDisableTheEndpoint) {
     using Pam = SimpleTcpPduPam;
-    // A life that tells of everything; steps are left out once the endpoint is gone.
+    // Changes every attribute; steps are left out once the endpoint is gone.
     const auto live = [&](Stream* stream, const Mox::Ptr<Pam>& pam) {
         using Acts = std::vector<std::function<void(Pam*)>>;
         const auto steps = [&](const Acts& acts) {
@@ -529,13 +505,13 @@ TEST_P(TcpPduPamTest, ObserversMayDropOrDisableTheEndpointWhateverTheyAreToldOf)
         stream->far = nullptr;
         steps({send, take, [](Pam*) {}});
     };
-    globalPktManager();  // Made once, at the latest here.
+    globalPktManager();  // It stays, and must not be counted as a leak.
     const uint32_t objects = Mox::liveObjects();
     const auto descriptors = PavoSandbox::openDescriptors();
-    Strings untold;
+    Strings unchanged;
     for (const Mox::FwkType* type = &Mox::fwkTypeOf<Pam>(); type != nullptr; type = type->base) {
         for (const Mox::AttributeRecord& attribute : type->attributes) {
-            bool told = false;
+            bool notified = false;
             for (const int act : {0, 1, 2}) {
                 SCOPED_TRACE(std::string(attribute.name) + " " + std::to_string(act));
                 Stream stream(GetParam());
@@ -545,7 +521,7 @@ TEST_P(TcpPduPamTest, ObserversMayDropOrDisableTheEndpointWhateverTheyAreToldOf)
                              if (!change.is(attribute)) {
                                  return;
                              }
-                             told = true;
+                             notified = true;
                              if (act == 0) {
                                  pam->rxPkt();
                              } else if (act == 1) {
@@ -557,12 +533,13 @@ TEST_P(TcpPduPamTest, ObserversMayDropOrDisableTheEndpointWhateverTheyAreToldOf)
                          }};
                 live(&stream, pam);
             }
-            if (!told) {
-                untold.emplace_back(attribute.name);
+            if (!notified) {
+                unchanged.emplace_back(attribute.name);
             }
         }
     }
-    EXPECT_THAT(untold, testing::UnorderedElementsAre("txDrops", "savedPacket", "savedPacketRx"));
+    EXPECT_THAT(unchanged,
+                testing::UnorderedElementsAre("txDrops", "savedPacket", "savedPacketRx"));
     EXPECT_EQ(Mox::liveObjects(), objects);
     EXPECT_EQ(PavoSandbox::openDescriptors(), descriptors);
 }
