@@ -16,7 +16,7 @@ struct NotifieeList::Walk {
         }
         ~Scope() {
             list_.walks_ = outer_;
-            if (outer_ == nullptr && list_.gone_ != nullptr) {
+            if (__builtin_expect(list_.gone_ != nullptr, 0) && outer_ == nullptr) {
                 list_.gone_->PtrInterface::zeroReferencesIs(true);
             }
         }

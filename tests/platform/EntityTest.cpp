@@ -176,21 +176,6 @@ TEST_F(EntityTest, EitherSideMayGoFirst) {
     EXPECT_EQ(observer->notifier(), nullptr);
 }
 
-TEST_F(EntityTest, AnObserverThatIsBeingDestroyedIsNotNotified) {
-    struct SetsAtTheEnd {
-        ~SetsAtTheEnd() { link->mtuIs(9); }
-        Ptr<Link> link;
-    };
-    struct Dying : Notifiee {
-        explicit Dying(const Ptr<Link>& link) : Notifiee(link, allAttributes), last{link} {}
-        void handleChange(const Change&) override { ADD_FAILURE(); }
-        SetsAtTheEnd last;  // Destroyed when there is no `handleChange` any more.
-    };
-    const Ptr<Link> link = make<Link>();
-    make<Dying>(link) = nullptr;
-    EXPECT_EQ(link->mtu(), 9u);
-}
-
 TEST_F(EntityTest, MisuseStopsTheProcess) {
     const Ptr<Reactor> observer = make<Reactor>(nullptr);
     EXPECT_DEATH(observer->notifierIs(make<Link>()),
