@@ -118,14 +118,20 @@ bool bindNetNs(const char* source, const char* target) {
     return mount(source, target, "none", MS_BIND, nullptr) == 0;
 }
 
-bool isLink(const char* path) {
+// The type of the file, as in `st_mode`; 0 if there is none.
+mode_t fileType(const char* path) {
     struct stat status;
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+    return lstat(path, &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
 bool removePath(const char* path) {
+    const mode_t type = fileType(path);
+    if (type == S_IFDIR) {  // Never a namespace: whatever is mounted there stays.
+        errno = EISDIR;
+        return failed("Cannot remove ", path, ": ");
+    }
     // umount2(2) would follow a link and detach what it leads to.
-    if (!isLink(path) && umount2(path, MNT_DETACH) != 0) {
+    if (type != S_IFLNK && umount2(path, MNT_DETACH) != 0) {
         failed("Cannot umount ", path, ": ");
     }
     if (unlink(path) == 0) {

@@ -47,7 +47,9 @@ PAVO_EXPORT int netNsAdd(const char* name);
 /// As `netNsAdd`, after `netNsDelete`.
 PAVO_EXPORT int netNsAddEvenIfPresent(const char* name);
 /// Removes the name; returns 0 also when there is none. The namespace itself ends with its last
-/// socket and thread. A symbolic link is removed, and what it leads to is left alone.
+/// socket and thread. A symbolic link is removed, and what it leads to is left alone. Fails with
+/// EISDIR for a directory, which is left as it is, and with EBUSY, after one of the mounts was
+/// detached, when several are stacked on the name.
 PAVO_EXPORT int netNsDelete(const char* name);
 /// Binds the process's namespace, that of its main thread, to the name `DEFAULT_NS`, and replaces
 /// what had the name. Changes nothing when the name stands for that namespace already, and fails

@@ -13,7 +13,8 @@ namespace Keel {
 
 /// Timers by the thousand, driven by a clock: arming and cancelling one takes the same time however
 /// many there are. Times are absolute, in seconds of that clock, and exact: nothing is rounded.
-/// Timers are called in the rounds of the clock, by the same rules as the clock's own notifiees.
+/// Timers are called in the rounds of the clock, by the same rules as the clock's own notifiees,
+/// but for rounds that are made inside the call of a timer: these call no timer of the wheel.
 ///
 /// A hierarchical wheel (Varghese and Lauck, 1987). Time is counted in ticks of 1/1024 s; a timer
 /// that is due after the current tick waits in a slot of the level at which its tick and the
@@ -35,13 +36,18 @@ class KEEL_EXPORT TimerWheel {
     explicit TimerWheel(Mox::Clock* clock);
     TimerWheel(const TimerWheel&) = delete;
     TimerWheel& operator=(const TimerWheel&) = delete;
-    /// Timers may outlive their wheel: they are idle from then on. Not to be called by one of its
-    /// timers: assertion "!turning".
+    /// Timers may outlive their wheel: they are idle from then on. If only the clock ends, they
+    /// keep their expiries and are not called any more. Not to be called by one of its timers:
+    /// assertion "!turning".
     ~TimerWheel();
 
     /// Null after the end of the clock.
     Mox::Clock* clock() const;
-    double now() const { return clock()->now(); }
+    /// Assertion "clock()" after the end of the clock.
+    double now() const {
+        Mox::require(clock() != nullptr, "clock()");
+        return clock()->now();
+    }
 
   private:
     struct Wheel;

@@ -126,9 +126,11 @@ class BasicTimer : public Source::Notifiee {
     /// Arms it for calls at `firstExpiry` and at whole periods after it, until `expiryIs`. A call
     /// that comes late does not shift the later ones. Periods that passed meanwhile are skipped, so
     /// that a late call is a single one.
-    /// @pre The period is positive and finite (assertion "period > 0").
+    /// @pre The period is positive and finite (assertion "period > 0"), and the first expiry is not
+    /// -infinity (assertion "firstExpiry > -infinity"); at +infinity there is no call.
     void every(double periodSeconds, double firstExpiry) {
         require(periodSeconds > 0 && periodSeconds != Clock::idle, "period > 0");
+        require(firstExpiry != -Clock::idle, "firstExpiry > -infinity");
         Base::expiryIs(firstExpiry);
         firstExpiry_ = firstExpiry;
         periodSeconds_ = periodSeconds;
@@ -156,6 +158,9 @@ class BasicTimer : public Source::Notifiee {
     double nextPeriod() const {
         const double now = this->clock()->roundTime();
         const double periods = std::floor((now - firstExpiry_) / periodSeconds_) + 1;
+        if (!std::isfinite(periods)) {
+            return now;  // In the next round: times of the clock are farther apart than periods.
+        }
         const double next = firstExpiry_ + periods * periodSeconds_;
         return next > now ? next : firstExpiry_ + (periods + 1) * periodSeconds_;
     }

@@ -115,6 +115,7 @@ void EventLoop::run() {
     stopped_ = false;
     uint64_t count = 0;  // Ends the event of the stop, for which no turn waits any more.
     (void)!read(wakeUp_.number, &count, sizeof count);  // Fails only where it is not readable.
+    workCame();  // An outer loop still has to see the work that is left.
 }
 
 void EventLoop::stop() {
@@ -332,6 +333,8 @@ void EventLoop::watch(FileDescriptor* descriptor) {
         // here on it belongs to the new object alone.
         forget(displaced);
         displaced->descriptor_ = -1;
+        displaced->notifyOnReadable_ = false;
+        displaced->notifyOnWritable_ = false;
     }
     registrations_[index] = {descriptor, generation};
     ++watched_;

@@ -24,7 +24,8 @@ namespace Mox {
 ///
 /// A turn looks at the kernel once, then fires the timers that are due, makes the calls that were
 /// deferred or posted before it, and reports every descriptor that is ready, each at most once. An
-/// exception from any of these leaves the turn; the next turn does what was not reached.
+/// exception from any of these leaves the turn; the timers, calls and reports that were not reached
+/// follow in the next turn.
 class MOX_EXPORT EventLoop {
   public:
     /// @throws Mox::ErrnoException "epoll_create1", "eventfd", "timerfd_create" or "epoll_ctl". A
@@ -65,9 +66,9 @@ class MOX_EXPORT EventLoop {
     void post(std::function<void()> call);
 
     /// For nesting in another loop: readable as soon as there is work, a timer that is due or a
-    /// deferred call included. The other loop then calls `turn(0)`, once or until it is no longer
-    /// readable. The descriptor stays the loop's own; only epoll(7), poll(2) and select(2) are for
-    /// the caller.
+    /// deferred call included. The other loop then calls `turn(0)`, by level once, by edge until
+    /// it is no longer readable. The descriptor stays the loop's own; only epoll(7), poll(2) and
+    /// select(2) are for the caller.
     int fd();
 
   private:

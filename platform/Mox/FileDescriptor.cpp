@@ -83,6 +83,7 @@ void FileDescriptor::watchingIs(Watching watching) {
             watching_ = before;
             throw;
         }
+        loop_->unqueue(&readReport_);  // The kernel reports again what is ready.
     }
     triedToRead_ = true;  // A new way of watching, a new report.
 }
@@ -177,8 +178,8 @@ void FileDescriptor::report(const Report& due) {
         notifyOnWritable_ = false;
         loop_->interestLost(this);
     }
+    notify(writableCountAttr);  // First, since an exception from an observer ends the rest.
     notifyOfChanges(before);
-    notify(writableCountAttr);
 }
 
 Ptr<FileDescriptor> fileDescriptorFactory(int descriptor, FileDescriptor::Ownership ownership) {

@@ -29,9 +29,11 @@ class EventLoop;
 /// While an observer is notified, it may close the descriptor, change interests and drop the last
 /// reference. Every operation stores all that it changes before it notifies.
 ///
-/// A number must be given up here before it is closed elsewhere. If it is closed early all the
-/// same, and given out again, and the loop comes to watch it for another object, then it belongs to
-/// that object: the first one has no number any more, and neither watches nor closes it.
+/// A number must be given up here before it is closed elsewhere. If it is closed early, and the
+/// kernel gives it out again, it belongs to the next object for which the loop watches it. The
+/// first object then has no number any more: its interests are off, without a notification, and it
+/// closes nothing. As long as a duplicate of the closed descriptor is open and ready, a `level`
+/// interest of the first object ends every wait of the loop at once.
 class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
   public:
     /// Whether this object closes the descriptor, with its last reference, or its caller does.

@@ -19,7 +19,7 @@ thread_local Signal* signals[NSIG] = {};
 sigset_t setOf(int number) {
     sigset_t set;
     sigemptyset(&set);
-    // The kernel would leave these two out of the set without a word.
+    // The kernel would silently leave these two out of the set.
     if (number == SIGKILL || number == SIGSTOP || sigaddset(&set, number) < 0) {
         throw ErrnoException(EINVAL, "signal");
     }

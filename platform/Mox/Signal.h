@@ -19,7 +19,8 @@ namespace Mox {
 ///
 /// While the object lives, the signal is blocked in this thread; afterwards the signal mask is as
 /// it was before. No signal is lost: one that arrives between two turns is reported in the next,
-/// and one that was not reported when the object ends takes its usual effect then. The kernel keeps
+/// and one that was not reported when the object ends takes its usual effect then. If the loop ends
+/// first, `signalFactory` makes the next loop watch the signal. The kernel keeps
 /// a standard signal that is already pending as one; real-time signals are counted one by one.
 ///
 /// Threads: a signal to the process goes to any thread that does not block it. New threads inherit

@@ -33,7 +33,8 @@ bool readLevels(std::string_view text, uint32_t* mask) {
         return true;
     }
     const bool range = text.size() == 3 && text[1] == '-';
-    if (!(range || text.size() == 1) || !isLevel(text.front()) || !isLevel(text.back())) {
+    if (!(range || text.size() == 1) || !isLevel(text.front()) || !isLevel(text.back()) ||
+        text.front() > text.back()) {
         return false;
     }
     for (char level = text.front(); level <= text.back(); ++level) {

@@ -21,6 +21,8 @@ namespace {
 
 using Json = nlohmann::json;
 
+constexpr size_t maxFileBytes = 1 << 20;  // What is longer is no file of toggles.
+
 // Reports each path once in the life of the process.
 void reportOnce(const std::string& path, const char* fault) {
     static std::mutex mutex;
@@ -67,6 +69,9 @@ std::string OpenFile::content() const {
         const ssize_t got = read(fd_, part, sizeof(part));
         if (got > 0) {
             content.append(part, static_cast<size_t>(got));
+            if (content.size() > maxFileBytes) {
+                throwErrno(EFBIG, "read");
+            }
         } else if (got == 0) {
             return content;
         } else if (errno != EINTR) {
