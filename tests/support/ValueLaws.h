@@ -175,24 +175,6 @@ void expectGenericLaws(const T& value, bool readsBack) {
 
 }  // namespace laws
 
-/// Checks every pair and triple of `samples`, which may be any values in any order: nothing is less
-/// than itself, what is less is not greater, equal values and no others stand side by side, and
-/// both "less" and "side by side" carry on from one to the next.
-template <class T>
-void expectStrictWeakOrder(const std::vector<T>& samples) {
-    for (const T& a : samples) {
-        for (const T& b : samples) {
-            ASSERT_FALSE(a < b && b < a) << a << " " << b;
-            ASSERT_EQ(a == b, !(a < b) && !(b < a)) << a << " " << b;
-            ASSERT_TRUE(a != b || a.hash() == b.hash()) << a << " " << b;
-            for (const T& c : samples) {
-                ASSERT_TRUE(!(a < b && b < c) || a < c) << a << " " << b << " " << c;
-                ASSERT_TRUE(a != b || (a < c) == (b < c)) << a << " " << b << " " << c;
-            }
-        }
-    }
-}
-
 /// Checks the laws over `samples`, which are different values, in ascending order where the type
 /// has one. `notReadBack` says why, where their streps do not give the values again.
 template <class T>
