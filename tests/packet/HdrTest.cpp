@@ -144,28 +144,12 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
 
 TEST(HdrView, ActsAsACheckedPointer) {
     const auto pkt = pktOf(echoRequest, sizeof(echoRequest));
-    const auto ip = tryIpHdr(pkt, 0);
-    ASSERT_TRUE(ip);
-    const auto icmp = ip ? tryIcmpHdr(pkt, ip->headerBytes()) : nullptr;
-    EXPECT_EQ(icmp->type(), IcmpType::echoRequest);
-    const auto six = tryIp6Hdr(pkt, 0);
-    const auto none = six ? tryIcmpHdr(pkt, 0) : nullptr;
-    EXPECT_FALSE(none);
-    EXPECT_NE(none.error(), PktErrors::noError);
-
+    EXPECT_EQ(tryIcmpHdr(pkt, 20)->type(), IcmpType::echoRequest);
+    EXPECT_FALSE(tryIp6Hdr(pkt, 0));
     EXPECT_EQ(tryIcmpHdr(pkt, 24).error(), PktErrors::noError);
     EXPECT_EQ(tryIcmpHdr(pkt, 25).error(), PktErrors::pktTooShort);
     EXPECT_EQ(tryIcmpHdr(pkt, 0xfffffffe).error(), PktErrors::pktTooShort);  // The sum wraps.
     EXPECT_EQ(tryIcmpHdr(Mox::make<Pkt>(), 0).error(), PktErrors::pktTooShort);
-}
-
-TEST(EthHdr, IsInWireFormat) {
-    EthHdr eth;
-    eth.dstIs(EthAddr(0x0102, 0x0304, 0x0506));
-    eth.srcIs(EthAddr(0x1112, 0x1314, 0x1516));
-    eth.typeIs(EthType::ip6);
-    EXPECT_EQ(imageOf(eth),
-              (Mox::Bytes{1, 2, 3, 4, 5, 6, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x86, 0xdd}));
 }
 
 TEST(Eth8021QHdr, ChangesTheBitsOfOneFieldOnly) {

@@ -108,11 +108,6 @@ TEST(Ip6HdrOption, MakesAHopByHopHeader) {
                  "sizeof\\( Ip6HdrPadN \\) \\+ zeros \\) <= pkt_->frontBytes");
 }
 
-TEST(Ip6HdrOptionType, ConvertsNamesAndNumbers) {
-    EXPECT_EQ(Ip6HdrOptionTypeInstance(0xc2), Ip6HdrOptionTypeInstance("jumboPayload"));
-    EXPECT_EQ(rangeErrorOf([] { (void)Ip6HdrOptionTypeInstance(2); }), "Invalid Ip6HdrOptionType");
-}
-
 TEST(Icmp6Hdr, IsInWireFormatAndComputesItsChecksum) {
     // The checksum was computed by another program.
     const Mox::Bytes sent{0x80, 0x00, 0xbc, 0xc7, 0x01, 0x02, 0x00, 0x07, 'a', 'b', 'c'};

@@ -42,11 +42,6 @@ TEST(NetU, LiesInMemoryLogAndHashAsItIsSent) {
                        "'v5': 6, 'v6': 7, 'v7': 8})");
     expectNetworkImage(IpChecksum(0x220d), {0x22, 0x0d},
                        "Value('Pavo::IpChecksum', ** {'v0': 34, 'v1': 13})");
-    expectNetworkImage(IpTotalLen(20), {0, 20},
-                       "Value('Pavo::IpTotalLen', ** {'v0': 0, 'v1': 20})");
-    expectNetworkImage(IpId(256), {1, 0}, "Value('Pavo::IpId', ** {'v0': 1, 'v1': 0})");
-    expectNetworkImage(IpFragmentOffsetAndFlags(0x4000), {0x40, 0},
-                       "Value('Pavo::IpFragmentOffsetAndFlags', ** {'v0': 64, 'v1': 0})");
     expectNetworkImage(IpVersionTrafficClassAndFlowLabel(0x60000001), {0x60, 0, 0, 1},
                        "Value('Pavo::IpVersionTrafficClassAndFlowLabel', ** {'v0': 96, 'v1': 0, "
                        "'v2': 0, 'v3': 1})");

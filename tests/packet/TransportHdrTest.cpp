@@ -1,5 +1,4 @@
 #include <cstdint>
-#include <cstring>
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -41,32 +40,20 @@ TEST(TransportHdrDeath, BindsAtTheLastGoodOffsetAndDiesAtTheNext) {
     EXPECT_DEATH(udpHdrWrapperIpv6Factory(pkt, 13), "sizeof\\( UdpHdr \\)");
 }
 
-TEST(TcpHdr, ChangesTheBitOfOneFlagOnly) {
-    const struct {
-        void (TcpHdr::*set)(bool);
-        bool (TcpHdr::*get)() const;
-        uint16_t bit;
-    } flags[] = {
-        {&TcpHdr::nsIs, &TcpHdr::ns, 0x100},  {&TcpHdr::cwrIs, &TcpHdr::cwr, 0x80},
-        {&TcpHdr::eceIs, &TcpHdr::ece, 0x40}, {&TcpHdr::urgIs, &TcpHdr::urg, 0x20},
-        {&TcpHdr::ackIs, &TcpHdr::ack, 0x10}, {&TcpHdr::pshIs, &TcpHdr::psh, 8},
-        {&TcpHdr::rstIs, &TcpHdr::rst, 4},    {&TcpHdr::synIs, &TcpHdr::syn, 2},
-        {&TcpHdr::finIs, &TcpHdr::fin, 1},
-    };
-    for (const auto& c : flags) {
-        TcpHdr tcp;
-        const auto word = [&tcp] { return imageOf(tcp)[12] << 8 | imageOf(tcp)[13]; };
-        tcp.dataOffsetIs(5);
-        (tcp.*c.set)(true);
-        EXPECT_EQ(word(), 0x5000 | c.bit);
-        std::memset(static_cast<void*>(&tcp), 0xff, sizeof(tcp));
-        EXPECT_TRUE((tcp.*c.get)());
-        (tcp.*c.set)(false);
-        EXPECT_FALSE((tcp.*c.get)());
-        tcp.dataOffsetIs(3);
-        tcp.reservedIs(2);
-        EXPECT_EQ(word(), 0x35ff & ~c.bit);
-    }
+TEST(TcpHdr, ChangesTheBitsOfOneFieldOnly) {
+    expectChangesItsBitsOnly<TcpHdr>({
+        {"dataOffset", [](TcpHdr& h, bool on) { h.dataOffsetIs(on ? 15 : 0); }, 12, {0xf0}},
+        {"reserved", [](TcpHdr& h, bool on) { h.reservedIs(on ? 7 : 0); }, 12, {0x0e}},
+        {"ns", [](TcpHdr& h, bool on) { h.nsIs(on); }, 12, {0x01}},
+        {"cwr", [](TcpHdr& h, bool on) { h.cwrIs(on); }, 13, {0x80}},
+        {"ece", [](TcpHdr& h, bool on) { h.eceIs(on); }, 13, {0x40}},
+        {"urg", [](TcpHdr& h, bool on) { h.urgIs(on); }, 13, {0x20}},
+        {"ack", [](TcpHdr& h, bool on) { h.ackIs(on); }, 13, {0x10}},
+        {"psh", [](TcpHdr& h, bool on) { h.pshIs(on); }, 13, {0x08}},
+        {"rst", [](TcpHdr& h, bool on) { h.rstIs(on); }, 13, {0x04}},
+        {"syn", [](TcpHdr& h, bool on) { h.synIs(on); }, 13, {0x02}},
+        {"fin", [](TcpHdr& h, bool on) { h.finIs(on); }, 13, {0x01}},
+    });
     EXPECT_EQ(rangeErrorOf([] { TcpHdr().dataOffsetIs(16); }),
               "TcpDataOffset::value < 0 or > 15 not allowed");
 }
