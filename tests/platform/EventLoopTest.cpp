@@ -396,7 +396,7 @@ TEST_F(EventLoopTest, CountsEachSignalAndThenRestoresTheMask) {
         EXPECT_FALSE(isBlocked(number));
     }
     for (const int number : {-1, 0, 32, SIGKILL, SIGSTOP, NSIG}) {
-        EXPECT_THROW(signalFactory(number), ErrnoException) << number;
+        EXPECT_THROW((void)signalFactory(number), ErrnoException) << number;
     }
 }
 
