@@ -61,8 +61,8 @@ bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long a, long b,
 namespace {
 
 // Six words carry the arguments of every function here, variadic ones included: on x86-64 they
-// are the six argument registers; on i386 they lie on the stack, where a function of fewer
-// arguments has its caller's frame behind them, which is passed on and not looked at.
+// are the six argument registers; on i386 they are on the stack, where a function of fewer
+// arguments has its caller's frame after them, which is passed on unread.
 using Word = long;
 using Function = Word (*)(Word, Word, Word, Word, Word, Word);
 
@@ -82,7 +82,7 @@ Function nextFunction(const char* symbol) {
         found = dlsym(RTLD_NEXT, symbol);
     }
     if (found == nullptr) {
-        fprintf(stderr, "FailSyscall: no %s behind the interposed one\n", symbol);
+        fprintf(stderr, "FailSyscall: no %s after the interposed one\n", symbol);
         abort();
     }
     return reinterpret_cast<Function>(found);

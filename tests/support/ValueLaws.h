@@ -20,8 +20,8 @@
 #include "support/GuardedText.h"
 
 /// The error of reading all of `text`, "" when it is good; `*value` then holds what it stands for.
-/// On the way the doors to the parser are compared: from text in front of an unmapped page, from a
-/// string, throwing and quiet. A failure must leave `*value` as it was.
+/// Also compares the entry points to the parser: from text that ends at an unmapped page and from a
+/// string, throwing and not. A failure must leave `*value` unchanged.
 template <class T>
 std::string textErrorOf(std::string_view text, T* value) {
     const T before = *value;
@@ -126,7 +126,7 @@ void expectTextLaws(const T& value, bool readsBack) {
         Mox::strepToValue(strep, &fromStrep);
         EXPECT_EQ(fromStrep, value);
     }
-    // Cut off anywhere, or with more behind it, the text is good or bad at every door alike.
+    // All entry points agree on a text that is cut off anywhere, or that goes on after its end.
     T target = value;
     for (uint32_t length = 0; length < strep.bytes(); ++length) {
         (void)textErrorOf(strep.view().substr(0, length), &target);
