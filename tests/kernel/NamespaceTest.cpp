@@ -317,7 +317,7 @@ TEST_F(NamespaceTest, LeavesAScopeByAnExceptionAndKeepsErrno) {
     EXPECT_THROW(work(), uint64_t);
     EXPECT_EQ(errno, ERANGE);
     EXPECT_EQ(state(), before);
-    EXPECT_THAT([] { ScopedNetNs("nowhere"); },
+    EXPECT_THAT([] { const ScopedNetNs scope("nowhere"); },
                 testing::ThrowsMessage<Mox::ErrnoException>(
                     "Cannot setns to nowhere: No such file or directory"));
 }
