@@ -159,7 +159,7 @@ TcpFileDescriptorEventRegistrationMoxc::~TcpFileDescriptorEventRegistrationMoxc(
 
 void TcpFileDescriptorEventRegistrationMoxc::zeroReferencesIs(bool zero) {
     if (zero) {
-        sm_->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+        sm_->moxDoZombieReactors(true);  // The machine may be held elsewhere, and points here.
     }
     TcpFileDescriptorEventRegistration::zeroReferencesIs(zero);
 }

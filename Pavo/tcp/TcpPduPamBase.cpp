@@ -35,7 +35,7 @@ void TcpPduPamBase::handleSocketWritable() {
 
 void TcpPduPamBase::fdDel() {
     if (const auto machine = std::exchange(tcpPduFdSm_, nullptr)) {
-        machine->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+        machine->moxDoZombieReactors(true);  // The machine may be held elsewhere, and points here.
     }
     if (const auto registration = std::exchange(fd_, nullptr)) {
         registration->handleDel();
