@@ -39,6 +39,7 @@ constexpr uint32_t beforeHandshake = sockets({TcpSmBase::sdListening, TcpSmBase:
 
 }  // namespace
 
+// Both reactors hold the machine while it works, since an observer of its status may drop it.
 class TcpSmBase::ConfigReactor : public Mox::Notifiee {
   public:
     ConfigReactor(const Mox::Ptr<TcpConfigBase>& config, TcpSmBase* machine)
@@ -84,7 +85,8 @@ struct TcpSmBase::OptionStep {
     int (*apply)(TcpSmBase& machine, int sd, bool enabled);
 };
 
-// In the order of the bits. The handshake settles keys and segment size.
+// In the order of the bits. After the handshake keys and segment size cannot change any more: the
+// kernel would stall the connection, or ignore the value.
 const TcpSmBase::OptionStep TcpSmBase::optionSteps[] = {
     {optionTxTtl, allSockets, "TxTtl error: af=",
      [](TcpSmBase& m, int sd, bool on) { return setSockOptTxTtl(m.af(), sd, on, m.txTtl()); }},
@@ -134,14 +136,19 @@ void TcpSmBase::hasNotificationActiveIs(bool active) {
         configReactor_->hasNotificationActiveIs(active);
     }
     if (fd_) {
-        fd_->enabledIs(active);  // A loop would go on to report what nobody hears.
+        fd_->enabledIs(active);  // Else the loop would report what no reactor handles.
         fdReactor_->hasNotificationActiveIs(active);
     }
 }
 
 void TcpSmBase::zeroReferencesIs(bool zero) {
     if (zero) {
-        moxDoZombieReactors(true);
+        try {
+            moxDoZombieReactors(true);
+        } catch (...) {  // The last holder lets go in a destructor, which cannot pass it on.
+            MOX_TRACE(facility, 0, formatDerivedType(), ": an observer of its end has thrown");
+            TcpSmBase::moxDoZombieReactors(true);
+        }
     }
     PtrInterface::zeroReferencesIs(zero);
 }
@@ -232,7 +239,7 @@ int TcpSmBase::applyMd5Auth(int sd, bool enabled) {
     for (const auto& [peer, key] : tcpConfig_->md5Auth()) {
         Mox::require(!enabled || !key.empty(), "!key.empty()");
         if (peer.af() != af()) {
-            MOX_TRACE(facility, 2, formatDerivedType(), ": no MD5 key of another family: ", peer);
+            MOX_TRACE(facility, 2, formatDerivedType(), ": MD5 key of another family: ", peer);
             continue;
         }
         const int result = setSockMd5AuthOption(sd, peer, enabled ? key : Mox::String());
@@ -251,7 +258,8 @@ void TcpSmBase::handleSocketMd5AuthOption(IpGenAddrWithMask) {
     Mox::require(false, "Need to implement in derived class");
 }
 
-// A time-out that is negative or no number is none.
+// It runs through all attempts of one effort, hence only where it does not run yet. A time-out that
+// is negative or no number counts as none.
 void TcpSmBase::startTimeoutTimer() {
     if (timeout() > 0 && timeoutTimerExpireTime() == Keel::TimerWheel::idle) {
         startTimeoutTimerImpl();
@@ -311,21 +319,60 @@ bool TcpSmBase::edgeTriggeredFileDescriptor() const {
     return tcpConfig_ && tcpConfig_->edgeTriggeredFileDescriptor();
 }
 
-bool TcpSmBase::isStartOwed() const {
-    return startAsked_ && !fd_ && retryTimerExpireTime() == Keel::TimerWheel::idle;
+void TcpSmBase::publish(TcpStatusPublisherBase* publisher, const std::function<void()>& changes) {
+    if (publisher->isChanging()) {
+        changes();
+        return;
+    }
+    const Mox::Ptr<TcpSmBase> hold(this);
+    // An attempt lasts until it is published, also where an observer throws.
+    const struct Restored {
+        ~Restored() { flag = value; }
+        bool& flag;
+        bool value;
+    } restored{isAttempting_, isAttempting_};
+    publisher->publish(changes);
 }
 
-bool TcpSmBase::fdIs(const Mox::Ptr<TcpFileDescriptor>& fd, bool writable,
-                     std::function<void()> handler) {
+void TcpSmBase::makeAttempt(const std::function<void()>& attempt,
+                            const std::function<void()>& planRetry) {
+    if (!isAttempting_) {
+        isAttempting_ = true;
+        attempt();
+    } else if (retryTimerExpireTime() == Keel::TimerWheel::idle) {
+        planRetry();
+    }
+}
+
+std::optional<TcpSmBase::Failure> TcpSmBase::openSocket(
+    bool edgeTriggered, bool forWriting, const std::function<const char*(int)>& setUp,
+    std::function<void()> handler) {
+    const auto socket = TcpFileDescriptor::socket(af(), networkNamespace(), edgeTriggered);
+    if (!socket) {
+        return Failure{"Socket", errno};
+    }
+    const char* const failed = setUp(socket->descriptor());
+    if (failed != nullptr) {
+        return Failure{failed, errno};  // Taken before the descriptor is closed.
+    }
+    if (!registerSocket(socket, forWriting, std::move(handler))) {
+        return Failure{"Socket", errno};
+    }
+    return std::nullopt;
+}
+
+// False with `errno` set when the event loop cannot watch the socket.
+bool TcpSmBase::registerSocket(const Mox::Ptr<TcpFileDescriptor>& fd, bool forWriting,
+                               std::function<void()> handler) {
     using Registration = TcpFileDescriptorEventRegistration;
     try {
         const auto registration = fdEventRegistrationFactory_->createEventRegistration(fd);
         fd_ = registration;
         fdReactor_ = Mox::make<FdReactor>(
             registration,
-            writable ? Registration::writableCountAttr : Registration::readableCountAttr, this,
+            forWriting ? Registration::writableCountAttr : Registration::readableCountAttr, this,
             std::move(handler));
-        if (writable) {
+        if (forWriting) {
             registration->notifyOnWritableIs(true);
         } else {
             registration->notifyOnReadableIs(true);
@@ -347,7 +394,7 @@ void TcpSmBase::fdDel(const char* traceText) {
     MOX_TRACE(facility, 5, formatDerivedType(), ": ", traceText, " ",
               registration->fileDescriptor()->descriptor());
     std::exchange(fdReactor_, nullptr)->notifierIs(nullptr);
-    registration->handleDel();
+    registration->handleDel();  // Takes the interest out of the loop before the number can close.
 }
 
 void TcpSmBase::forgetSocket(const char* traceText) {

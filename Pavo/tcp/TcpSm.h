@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "Keel/TimerWheel.h"
 #include "Mox/Entity.h"
@@ -13,6 +14,7 @@
 #include "Pavo/base/Export.h"
 #include "Pavo/tcp/TcpConfig.h"
 #include "Pavo/tcp/TcpFd.h"
+#include "Pavo/tcp/TcpStatusPublisher.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/IpGenAddrWithMask.h"
@@ -23,22 +25,36 @@ namespace Pavo {
 /// The base of the machines: a reactor on a configuration, with a retry timer, an overall time-out,
 /// the registration of the one socket that it works on, and the application of socket options.
 ///
-/// It holds its configuration, registration and registration factory; nothing of these holds it.
-/// Nothing it does throws because a system call failed. Everything runs on the thread of the event
-/// loop, and whatever it calls may call it back, or drop it.
+/// It holds its configuration, registration and registration factory; none of them holds it. A
+/// system call that fails never leads to an exception. Everything runs on the thread of the event
+/// loop.
+///
+/// **Observers.** A machine first finishes its step: descriptor, timers and all attributes of its
+/// status. Then it notifies of each change, in the order in which the changes were made, and does
+/// nothing more. So an observer of the status finds a machine at rest. It may call every operation
+/// of the machine, change its configuration, drop it, or throw:
+/// - What an observer does is complete, notifications included, before the next one is notified of
+///   the older change; that one sees the newest values.
+/// - A stop is final: no timer, no descriptor and no later change of the interrupted step remain.
+/// - A start is made at once, except inside a notification of another start, where starts that fail
+///   immediately would nest without end. There it changes nothing while an attempt is under way or
+///   its retry is planned; otherwise the next attempt follows after `retryInterval`.
+/// - When an observer throws, all other changes are still notified; then the first exception goes
+///   to the caller of the step, which is the event loop where the loop has called. An exception
+///   from a notification that the end of the machine makes is traced and dropped.
 class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
   public:
     /// Which socket options are applied to.
     enum SdType : uint32_t {
         sdListening = 0,
-        sdAccepted = 1,  ///< It inherits from its listener, and nothing is taken back from it.
+        sdAccepted = 1,  ///< inherits from its listener; no default is put back
         sdConnecting = 2,
-        sdEstablished = 3,  ///< Keys and segment size were settled by the handshake.
+        sdEstablished = 3,  ///< the handshake has settled keys and segment size
     };
 
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpSmBase"); }
 
-    /// Switched off, it hears nothing of its configuration and its socket; timers go on.
+    /// Switched off, it is not notified by its configuration and its socket; timers go on.
     void hasNotificationActiveIs(bool active) override;
     void zeroReferencesIs(bool zero) override;
     /// The retry timer has expired. The base fails with the assertion "Need to implement
@@ -73,7 +89,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     virtual void handleSocketOptions();
     /// The key of this peer or prefix has changed.
     virtual void handleSocketMd5AuthOption(IpGenAddrWithMask addrWithMask);
-    /// With true, takes the machine out of use: no reactor and no timer calls it any more.
+    /// With true, takes the machine out of use: it is stopped, and no reactor and no timer calls it
+    /// any more.
     virtual void moxDoZombieReactors(bool zombie);
 
     /// Starts the overall time-out, unless it runs already or none is configured.
@@ -92,13 +109,13 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     /// Retries since the owner's start, or since the last connection.
     uint32_t retryTimes() const { return retryTimes_; }
     bool initialized() const { return initialized_; }
-    /// Lets the options of the next accepted connection fail, once.
+    /// For tests: makes the options of the next accepted connection fail, once.
     bool failApplySocketOptionsInTest() const { return failApplySocketOptionsInTest_; }
     void failApplySocketOptionsInTestIs(bool fail) { failApplySocketOptionsInTest_ = fail; }
-    /// What the machine's own socket carries.
+    /// What the machine's own socket, listening, connecting or connected, carries.
     TcpSocketOptions lastOptionsApplied() const { return lastOptionsApplied_; }
 
-    // The configuration read through; the default value of the type without one.
+    // Read through from the configuration; without one, the default value of the type.
 
     NamespaceName networkNamespace() const;
     uint32_t retryInterval() const;
@@ -116,52 +133,37 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     void initializedIs();
 
   protected:
-    /// A start under way. One that is asked for meanwhile, by an observer of what the first one
-    /// does, is put off: where starts fail at once they would nest without end.
-    class Start {
-      public:
-        explicit Start(TcpSmBase* machine) : machine_(machine), isNested_(machine->starting_) {
-            (isNested_ ? machine->startAsked_ : machine->starting_) = true;
-        }
-        Start(const Start&) = delete;
-        Start& operator=(const Start&) = delete;
-        ~Start() {
-            if (!isNested_) {
-                machine_->starting_ = false;
-                machine_->startAsked_ = false;
-            }
-        }
-        bool isNested() const { return isNested_; }
-
-      private:
-        TcpSmBase* machine_;
-        bool isNested_;
+    /// A call that failed, by its function word ("Bind"), and its `errno`.
+    struct Failure {
+        const char* function;
+        int error;
     };
 
     TcpSmBase(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
               Keel::TimerWheel* timerWheel, Mox::Ptr<TcpConfigBase> tcpConfig);
     ~TcpSmBase() override;
 
-    /// An observer has asked for a start during the one under way, which has led to nothing.
-    bool isStartOwed() const;
-    /// A stop takes the wish for a start back.
-    void startAskedDel() { startAsked_ = false; }
-
     bool edgeTriggeredFileDescriptor() const;
     void retryTimesIs(uint32_t times) { retryTimes_ = times; }
 
-    /// Registers `fd` for room to write, or for data, and calls `handler` on each event. False with
-    /// `errno` set when the event loop cannot watch it; the socket is then to be forgotten.
-    bool fdIs(const Mox::Ptr<TcpFileDescriptor>& fd, bool writable, std::function<void()> handler);
+    /// Makes the changes of `changes()` and publishes them, or adds them to those that are being
+    /// made. Every operation that changes the status does it in here, so that an operation that
+    /// consists of others publishes once.
+    void publish(TcpStatusPublisherBase* publisher, const std::function<void()>& changes);
+    /// Calls `attempt`, which tries to open a socket. Inside a notification of another attempt it
+    /// calls only `planRetry`, and that only while the retry timer is idle.
+    /// @pre it is called by the changes of `publish`.
+    void makeAttempt(const std::function<void()>& attempt, const std::function<void()>& planRetry);
+    /// Opens a socket and sets it up with `setUp(descriptor)`, which gives null or the function
+    /// word of the call that failed, with `errno` set. Then registers it for room to write, or for
+    /// data; each event calls `handler`. A failure may leave a registration, for `forgetSocket`.
+    std::optional<Failure> openSocket(bool edgeTriggered, bool forWriting,
+                                      const std::function<const char*(int)>& setUp,
+                                      std::function<void()> handler);
     /// Disables the registration and drops it; `traceText` says so.
     void fdDel(const char* traceText = "Disabling fd");
-    /// The same, and nothing is applied to a socket any more.
+    /// The same, and `lastOptionsApplied` is empty.
     void forgetSocket(const char* traceText = "Disabling fd");
-    /// A number for the machine's present course. Whoever tells observers something looks
-    /// afterwards whether it is still the same: they may have stopped the machine, or started it
-    /// anew.
-    uint32_t course() const { return course_; }
-    uint32_t courseInc() { return ++course_; }
 
   private:
     class ConfigReactor;
@@ -171,6 +173,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     static const OptionStep optionSteps[];
 
     int applyMd5Auth(int sd, bool enabled);
+    bool registerSocket(const Mox::Ptr<TcpFileDescriptor>& fd, bool forWriting,
+                        std::function<void()> handler);
 
     Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdEventRegistrationFactory_;
     Keel::TimerWheel* timerWheel_;
@@ -181,10 +185,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     Mox::Ptr<TcpFileDescriptorEventRegistration> fd_;
     Mox::Ptr<Mox::Notifiee> fdReactor_;
     uint32_t retryTimes_ = 0;
-    uint32_t course_ = 0;
     bool initialized_ = false;
-    bool starting_ = false;
-    bool startAsked_ = false;
+    bool isAttempting_ = false;  // Until the attempt has been published.
     bool failApplySocketOptionsInTest_ = false;
     TcpSocketOptions lastOptionsApplied_;
 };

@@ -34,7 +34,7 @@ TcpConnSocket TcpServerStatus::connSocketBack() const {
 uint32_t TcpServerStatus::connSocketEnq(const TcpConnSocket& connection) {
     const uint32_t index = nextIndex_++;
     queue_.push_back({index, connection});
-    notify(connSocketAttr, index);
+    publisher_.notify(connSocketAttr, index);
     return index;
 }
 
@@ -44,7 +44,7 @@ TcpConnSocket TcpServerStatus::connSocketDeq() {
     }
     const Waiting oldest = std::move(queue_.front());
     queue_.pop_front();
-    notify(connSocketAttr, oldest.index);
+    publisher_.notify(connSocketAttr, oldest.index);
     return oldest.connection;
 }
 
@@ -59,21 +59,21 @@ void TcpServerStatus::connSocketIs(uint32_t index, const TcpConnSocket& connecti
         queue_.push_back({index, connection});
         nextIndex_ = std::max(nextIndex_, index + 1);
     }
-    notify(connSocketAttr, index);
+    publisher_.notify(connSocketAttr, index);
 }
 
 void TcpServerStatus::connSocketDel(uint32_t index) {
     const auto it = find(index);
     if (it != queue_.end()) {
         queue_.erase(it);
-        notify(connSocketAttr, index);
+        publisher_.notify(connSocketAttr, index);
     }
 }
 
 void TcpServerStatus::connSocketDelAll() {
     const Mox::Ptr<TcpServerStatus> hold(this);
     for (const Waiting& each : std::exchange(queue_, {})) {
-        notify(connSocketAttr, each.index);
+        publisher_.notify(connSocketAttr, each.index);
     }
 }
 

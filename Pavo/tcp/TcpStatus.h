@@ -1,5 +1,5 @@
 /// @file
-/// What a TCP machine tells its owner.
+/// What a TCP machine publishes for its owner.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,13 @@
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
 #include "Pavo/tcp/TcpConnSocket.h"
+#include "Pavo/tcp/TcpStatusPublisher.h"
 
 namespace Pavo {
 
-/// Written by a `TcpClientSm`. An observer may, while it is told, start or stop the machine, or
-/// drop the machine or this.
+/// Written by a `TcpClientSm`. The machine first makes all changes that one step of its work
+/// consists of, and then notifies of each: an observer of any attribute finds all the others
+/// up to date, and may start, stop or drop the machine, or drop this.
 class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
   public:
     enum class ConnectionStatus : uint32_t {
@@ -51,46 +53,48 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
 
     ConnectionStatus connectionStatus() const { return connectionStatus_; }
     void connectionStatusIs(ConnectionStatus status) {
-        attributeIs(connectionStatus_, status, connectionStatusAttr);
+        publisher_.set(connectionStatus_, status, connectionStatusAttr);
     }
     /// Why the last attempt that failed did: "Connect (Connection refused)".
     const Mox::String& reason() const { return reason_; }
-    void reasonIs(const Mox::String& reason) { attributeIs(reason_, reason, reasonAttr); }
+    void reasonIs(const Mox::String& reason) { publisher_.set(reason_, reason, reasonAttr); }
     /// Attempts for which a socket could be opened.
     uint32_t connectionAttemptCount() const { return connectionAttemptCount_; }
     void connectionAttemptCountIs(uint32_t count) {
-        attributeIs(connectionAttemptCount_, count, connectionAttemptCountAttr);
+        publisher_.set(connectionAttemptCount_, count, connectionAttemptCountAttr);
     }
     uint32_t connectionAttemptCountInc(uint32_t delta) {
-        return attributeInc(connectionAttemptCount_, delta, connectionAttemptCountAttr);
+        return publisher_.inc(connectionAttemptCount_, delta, connectionAttemptCountAttr);
     }
     uint32_t connectionErrorCount() const { return connectionErrorCount_; }
     void connectionErrorCountIs(uint32_t count) {
-        attributeIs(connectionErrorCount_, count, connectionErrorCountAttr);
+        publisher_.set(connectionErrorCount_, count, connectionErrorCountAttr);
     }
     uint32_t connectionErrorCountInc(uint32_t delta) {
-        return attributeInc(connectionErrorCount_, delta, connectionErrorCountAttr);
+        return publisher_.inc(connectionErrorCount_, delta, connectionErrorCountAttr);
     }
     uint32_t connectionSuccessCount() const { return connectionSuccessCount_; }
     void connectionSuccessCountIs(uint32_t count) {
-        attributeIs(connectionSuccessCount_, count, connectionSuccessCountAttr);
+        publisher_.set(connectionSuccessCount_, count, connectionSuccessCountAttr);
     }
     uint32_t connectionSuccessCountInc(uint32_t delta) {
-        return attributeInc(connectionSuccessCount_, delta, connectionSuccessCountAttr);
+        return publisher_.inc(connectionSuccessCount_, delta, connectionSuccessCountAttr);
     }
     /// When the next attempt is made, in seconds of the machine's clock; +infinity when none is
     /// planned.
     double retryTimerNext() const { return retryTimerNext_; }
-    void retryTimerNextIs(double time) { attributeIs(retryTimerNext_, time, retryTimerNextAttr); }
+    void retryTimerNextIs(double time) {
+        publisher_.set(retryTimerNext_, time, retryTimerNextAttr);
+    }
     /// The seconds for which the retry timer was last set.
     uint32_t retryTimerInterval() const { return retryTimerInterval_; }
     void retryTimerIntervalIs(uint32_t seconds) {
-        attributeIs(retryTimerInterval_, seconds, retryTimerIntervalAttr);
+        publisher_.set(retryTimerInterval_, seconds, retryTimerIntervalAttr);
     }
     /// The established connection, or an empty value. This status is one of its holders.
     const TcpConnSocket& connSocket() const { return connSocket_; }
     void connSocketIs(const TcpConnSocket& connection) {
-        attributeIs(connSocket_, connection, connSocketAttr);
+        publisher_.set(connSocket_, connection, connSocketAttr);
     }
     void resetConnSocket() { connSocketIs(TcpConnSocket()); }
 
@@ -98,6 +102,9 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     ~TcpClientStatus() override;
 
   private:
+    friend class TcpClientSm;
+    friend class TcpStatusPublisher<Self>;
+
     ConnectionStatus connectionStatus_ = ConnectionStatus::idle;
     Mox::String reason_;
     uint32_t connectionAttemptCount_ = 0;
@@ -106,6 +113,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     uint32_t retryTimerInterval_ = 0;
     double retryTimerNext_ = std::numeric_limits<double>::infinity();
     TcpConnSocket connSocket_;
+    TcpStatusPublisher<Self> publisher_{this};
 };
 
 constexpr auto enumDescription(TcpClientStatus::ConnectionStatus) {
@@ -121,8 +129,8 @@ constexpr auto enumDescription(TcpClientStatus::ConnectionStatus) {
 PAVO_EXPORT Mox::Ptr<TcpClientStatus> tcpClientStatusFactory();
 
 /// Written by a `TcpServerSm`. Accepted connections wait here, each under an index of its own that
-/// counts up, until the owner takes them; there is no limit to them. What an observer may do is
-/// what one of a `TcpClientStatus` may.
+/// counts up, until the owner takes them; there is no limit to them. Changes are published as those
+/// of a `TcpClientStatus` are, and an observer may do the same.
 class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
   public:
     using Self = TcpServerStatus;
@@ -145,40 +153,40 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     }
 
     bool listening() const { return listening_; }
-    void listeningIs(bool listening) { attributeIs(listening_, listening, listeningAttr); }
+    void listeningIs(bool listening) { publisher_.set(listening_, listening, listeningAttr); }
     /// "Not started", "Listening", "Listening port is 0", or what failed: "Bind (Address already in
     /// use)". A stop and the overall time-out leave it as it was.
     const Mox::String& reason() const { return reason_; }
-    void reasonIs(const Mox::String& reason) { attributeIs(reason_, reason, reasonAttr); }
+    void reasonIs(const Mox::String& reason) { publisher_.set(reason_, reason, reasonAttr); }
     uint32_t serverStartTimes() const { return serverStartTimes_; }
     void serverStartTimesIs(uint32_t count) {
-        attributeIs(serverStartTimes_, count, serverStartTimesAttr);
+        publisher_.set(serverStartTimes_, count, serverStartTimesAttr);
     }
     uint32_t serverStartTimesInc(uint32_t delta) {
-        return attributeInc(serverStartTimes_, delta, serverStartTimesAttr);
+        return publisher_.inc(serverStartTimes_, delta, serverStartTimesAttr);
     }
     uint32_t serverTimedOutTimes() const { return serverTimedOutTimes_; }
     void serverTimedOutTimesIs(uint32_t count) {
-        attributeIs(serverTimedOutTimes_, count, serverTimedOutTimesAttr);
+        publisher_.set(serverTimedOutTimes_, count, serverTimedOutTimesAttr);
     }
     uint32_t serverTimedOutTimesInc(uint32_t delta) {
-        return attributeInc(serverTimedOutTimes_, delta, serverTimedOutTimesAttr);
+        return publisher_.inc(serverTimedOutTimes_, delta, serverTimedOutTimesAttr);
     }
     /// Reports of a connection that accept(2) then did not find.
     uint32_t serverEagainEintrTimes() const { return serverEagainEintrTimes_; }
     void serverEagainEintrTimesIs(uint32_t count) {
-        attributeIs(serverEagainEintrTimes_, count, serverEagainEintrTimesAttr);
+        publisher_.set(serverEagainEintrTimes_, count, serverEagainEintrTimesAttr);
     }
     uint32_t serverEagainEintrTimesInc(uint32_t delta) {
-        return attributeInc(serverEagainEintrTimes_, delta, serverEagainEintrTimesAttr);
+        return publisher_.inc(serverEagainEintrTimes_, delta, serverEagainEintrTimesAttr);
     }
     /// Connections ever accepted and queued.
     uint32_t connSocketCount() const { return connSocketCount_; }
     void connSocketCountIs(uint32_t count) {
-        attributeIs(connSocketCount_, count, connSocketCountAttr);
+        publisher_.set(connSocketCount_, count, connSocketCountAttr);
     }
     uint32_t connSocketCountInc(uint32_t delta) {
-        return attributeInc(connSocketCount_, delta, connSocketCountAttr);
+        return publisher_.inc(connSocketCount_, delta, connSocketCountAttr);
     }
 
     /// Takes the oldest waiting connection; an empty value when none waits.
@@ -198,13 +206,16 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     /// Replaces the connection with the index, or queues this one under it.
     void connSocketIs(uint32_t index, const TcpConnSocket& connection);
     void connSocketDel(uint32_t index);
-    /// Drops all that wait: each is closed unless somebody else holds it.
+    /// Drops all that wait: the descriptor of each is closed unless another holder is left.
     void connSocketDelAll();
 
   protected:
     ~TcpServerStatus() override;
 
   private:
+    friend class TcpServerSm;
+    friend class TcpStatusPublisher<Self>;
+
     struct Waiting {
         uint32_t index;
         TcpConnSocket connection;
@@ -221,6 +232,7 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     uint32_t connSocketCount_ = 0;
     uint32_t nextIndex_ = 0;
     Queue queue_;
+    TcpStatusPublisher<Self> publisher_{this};
 };
 
 PAVO_EXPORT Mox::Ptr<TcpServerStatus> tcpServerStatusFactory();

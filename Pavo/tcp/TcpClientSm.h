@@ -1,0 +1,124 @@
+/// @file
+/// The machine that opens a TCP connection.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "Keel/TimerWheel.h"
+#include "Mox/FwkType.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+#include "Pavo/base/Export.h"
+#include "Pavo/tcp/TcpConfig.h"
+#include "Pavo/tcp/TcpFd.h"
+#include "Pavo/tcp/TcpSm.h"
+#include "Pavo/tcp/TcpStatus.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/IpGenAddrWithMask.h"
+
+namespace Pavo {
+
+/// Opens one connection and, where an attempt fails, tries again until it is there. The states are
+/// those of `connectionStatus`:
+///
+///     idle -- startConnection --> connecting -- writable --> connected
+///     connecting -- any failure --> failed -- retry timer --> connecting
+///     connecting -- retry timer, after kernelTcpTimeout --> connecting, with a new socket
+///     connecting, failed -- overall time-out --> timedout
+///     connected -- options that the socket refuses --> failed
+///     any -- stopConnection --> idle
+///     any -- startConnection --> connecting, from the beginning
+///
+///     state        socket      retry timer                    overall time-out
+///     idle         none        idle                           idle
+///     connecting   registered  kernelTcpTimeout               runs, if configured
+///     failed       none        retryInterval, with back-off   runs, if configured
+///     connected    the owner's idle                           idle
+///     timedout     none        idle                           idle
+///
+/// An attempt whose connect(2) fails immediately leads to "failed" without "connecting". The
+/// overall time-out runs from the first attempt to the connection, through all failures. With
+/// `exponentialBackoffRetries` n the interval after a failure doubles n - 1 times, and then starts
+/// again from `retryInterval`.
+///
+/// An established connection is the owner's: its stream closes when `connSocket` of the status and
+/// all other holders of the descriptor have let go of it. The machine does not watch it; an owner
+/// that has lost it starts again. The old connection stays in `connSocket` until that start
+/// fails, succeeds or is stopped.
+///
+/// What observers of the status may do stands at `TcpSmBase`.
+class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
+  public:
+    static constexpr auto description() { return Mox::classRecord("Pavo::TcpClientSm"); }
+
+    TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
+                Keel::TimerWheel* timerWheel, uint32_t clientId,
+                Mox::Ptr<TcpClientConfig> tcpClientConfig,
+                Mox::Ptr<TcpClientStatus> tcpClientStatus);
+
+    void handleRetry() override;
+    void handleTimeout() override;
+    Mox::String formatDerivedType() const override;
+    AddressFamily af() const override;
+    void handleInitialized() override;
+    void handleSocketOptions() override;
+    /// Changes nothing: keys take effect with the next connection.
+    void handleSocketMd5AuthOption(IpGenAddrWithMask addrWithMask) override;
+    void moxDoZombieReactors(bool zombie) override;
+
+    /// A hook that is applied to nothing; 0.
+    virtual uint32_t retryTimerJitterPercentage() const;
+    /// The connecting descriptor has become writable.
+    virtual void handleConnect();
+
+    /// For traces.
+    uint32_t clientId() const { return clientId_; }
+    const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const { return tcpClientConfig_; }
+    const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const { return tcpClientStatus_; }
+    bool useMoxEventLoop() const { return useMoxEventLoop_; }
+
+    /// Tries to connect, from the beginning; an unfinished attempt is given up. True while an
+    /// attempt is under way: false when it has failed already, and without a configuration.
+    bool startConnection();
+    /// Gives up attempt and connection.
+    void stopConnection();
+    /// Plans the next attempt: after the retry interval, doubled as configured while the status is
+    /// "failed"; or after `kernelTcpTimeout` while it is "connecting", which no other status may be
+    /// (assertion "tcpClientStatus()->connectionStatus() ==
+    /// TcpClientStatus::ConnectionStatus::connecting_").
+    void restartRetryTimer();
+    void stopRetryTimer();
+    /// Records a failure, "Connect (Connection refused)", and drops socket and connection. Plans
+    /// no retry.
+    void handleClientError(const Mox::String& function, const Mox::String& errorText);
+    /// The number of the connecting or connected descriptor; -1 when there is none.
+    int getClientSocket() const;
+    /// What happens when the last reference to the machine goes: as `stopConnection`.
+    void cleanup() { stopConnection(); }
+
+  protected:
+    ~TcpClientSm() override;
+
+  private:
+    bool attempt();
+    void connectNewSocket();
+    const char* setUpAndConnect(int sd);
+    void fail(const char* function, int error);
+    void planRetry(uint32_t intervalSeconds);
+    void publish(const std::function<void()>& changes);
+
+    uint32_t clientId_;
+    Mox::Ptr<TcpClientConfig> tcpClientConfig_;
+    Mox::Ptr<TcpClientStatus> tcpClientStatus_;
+    bool useMoxEventLoop_ = false;
+};
+
+/// A new idle machine. It holds the factory; the wheel must outlive it.
+/// @pre there is a status (assertion "tcpClientStatus").
+PAVO_EXPORT Mox::Ptr<TcpClientSm> tcpClientSmFactory(
+    TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
+    Keel::TimerWheel* timerWheel, uint32_t clientId, Mox::Ptr<TcpClientConfig> tcpClientConfig,
+    Mox::Ptr<TcpClientStatus> tcpClientStatus);
+
+}  // namespace Pavo
