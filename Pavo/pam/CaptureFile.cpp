@@ -1,6 +1,7 @@
 #include "Pavo/pam/CaptureFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Mox/Trace.h"
 #include "Pavo/socket/ServiceThread.h"
 
 namespace Pavo {
@@ -30,10 +32,10 @@ constexpr uint32_t packetFlagsOption = 2;
 constexpr std::string_view nanoseconds = "\x09";  // Powers of a tenth of a second.
 constexpr std::size_t maxNameBytes = 255;         // An option's length has 16 bits.
 
-// A packet block without the packet: what stands in front of it, and its option and length behind.
+// A packet block without the packet: its head, and the option and the length after the packet.
 constexpr uint32_t packetOverhead = 11 * sizeof(uint32_t);
 
-// A write gathers what comes within this time.
+// The writer waits this long for more packets to write together.
 constexpr std::chrono::milliseconds gatheringTime{20};
 
 template <class... Number>
@@ -50,7 +52,7 @@ void addPadding(Blocks* to, uint32_t bytes) {
     to->append(padding(bytes), '\0');
 }
 
-// Options begin with two numbers of 16 bits, in the writer's byte order as all others.
+// An option begins with two numbers of 16 bits, in the writer's byte order like all numbers.
 void addOptionHead(Blocks* to, uint32_t code, uint32_t bytes) {
     const uint16_t head[] = {static_cast<uint16_t>(code), static_cast<uint16_t>(bytes)};
     to->append(reinterpret_cast<const char*>(head), sizeof(head));
@@ -77,7 +79,7 @@ Blocks sectionHeader() {
     Blocks body;
     addWords(&body, byteOrderMagic);
     addOptionHead(&body, 1, 0);  // Version 1.0.
-    addWords(&body, ~0u, ~0u);   // Nobody knows yet how long the section will be.
+    addWords(&body, ~0u, ~0u);   // The length of the section is not known yet.
     return blockOf(sectionHeaderBlock, body);
 }
 
@@ -101,14 +103,31 @@ uint64_t nanosecondsNow() {
     throw Mox::ErrnoException(error, Mox::String(call) + "(" + path.view() + ")");
 }
 
+// Empties an existing file only when it cannot be another user's, or known by another name, so that
+// nobody can direct a privileged agent's packets elsewhere by creating the file first. A device
+// such as /dev/null is left as it is.
+int makePrivate(int fd) {
+    struct stat file;
+    if (fstat(fd, &file) < 0) {
+        return errno;
+    }
+    if (!S_ISREG(file.st_mode)) {
+        return 0;
+    }
+    if (file.st_uid != geteuid() || file.st_nlink != 1) {
+        return EPERM;
+    }
+    return fchmod(fd, 0600) < 0 || ftruncate(fd, 0) < 0 ? errno : 0;
+}
+
 }  // namespace
 
 CaptureFile::CaptureFile(const Mox::String& path, Limits limits) : path_(path), limits_(limits) {
     queue_.reserve(limits.queueBytes);
     blocks_.reserve(limits.queueBytes);
-    fd_.number = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0600);
-    if (fd_.number < 0) {
-        throwErrno(errno, "open", path);
+    fd_.number = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (const int error = fd_.number < 0 ? errno : makePrivate(fd_.number)) {
+        throwErrno(error, "open", path);
     }
     if (const int error = append(sectionHeader())) {
         throwErrno(error, "write", path);
@@ -130,6 +149,7 @@ CaptureFile::~CaptureFile() {
 
 CaptureFile::Descriptor::~Descriptor() {
     if (number >= 0) {
+        const Mox::ErrnoKeeper keeper;
         (void)close(number);
     }
 }

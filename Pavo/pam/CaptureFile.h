@@ -1,5 +1,5 @@
 /// @file
-/// Capture files in the pcapng format (draft-ietf-opsawg-pcapng), which tshark(1) and its kin read.
+/// Capture files in the pcapng format (draft-ietf-opsawg-pcapng), which tshark(1) and others read.
 #pragma once
 
 #include <pthread.h>
@@ -16,14 +16,14 @@
 
 namespace Pavo {
 
-/// What the packets of an interface begin with (the registry of LINKTYPE values).
+/// The header that the packets of an interface begin with (the registry of LINKTYPE values).
 enum class CaptureLinkType : uint16_t {
     ethernet = 1,  ///< An Ethernet header, without preamble and checksum.
     rawIp = 101,   ///< An IPv4 or IPv6 header.
-    user0 = 147,   ///< What sender and reader agree on.
+    user0 = 147,   ///< A format that sender and reader agree on.
 };
 
-/// The direction of a packet, as pcapng has it.
+/// The direction of a packet, with the values of pcapng.
 enum class CaptureDirection : uint32_t {
     inbound = 1,
     outbound = 2,
@@ -31,27 +31,26 @@ enum class CaptureDirection : uint32_t {
 
 /// A file of packets with their interfaces, directions and times in nanoseconds.
 ///
-/// A thread of its own writes, so that whoever hands packets over never waits for a disk: what does
-/// not fit into the queue is dropped and counted, and so is what the file has no room for. A write
-/// that fails is counted, with the packets it was to write; the file is then cut back to its last
-/// whole block, and what comes later is tried again. Packets wait 20 ms at most for others to be
-/// written with.
+/// A thread of its own writes, so that the caller never waits for a disk. A packet that does not
+/// fit into the queue or into the file is dropped and counted. A failed write is counted together
+/// with its packets; the file is then cut back to its last whole block, and later packets are
+/// written again. The writer waits at most 20 ms for more packets to write together.
 ///
-/// To be used from one thread only, the one that runs the event loop; a child of fork(2) has no
-/// such thread and is not to touch the file.
+/// To be used from one thread only, the one that runs the event loop. A child of fork(2) has no
+/// writing thread and must not use the object.
 class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
   public:
-    /// How large things may grow, in bytes.
+    /// The largest sizes of the file and of the queue, in bytes.
     struct Limits {
         uint64_t fileBytes = 100 << 20;
         uint32_t queueBytes = 4 << 20;
     };
     struct Stats {
-        uint64_t packets = 0;      ///< Taken, and written unless counted below.
-        uint64_t drops = 0;        ///< Not taken, for want of room in the queue or the file.
-        uint64_t lost = 0;         ///< Taken, but not written.
+        uint64_t packets = 0;      ///< Queued, and written unless counted as lost.
+        uint64_t drops = 0;        ///< Not queued: no room in the queue or the file.
+        uint64_t lost = 0;         ///< Queued, but not written.
         uint32_t writeErrors = 0;  ///< Writes that failed.
-        int32_t writeErrno = 0;    ///< The `errno` of the last one that did.
+        int32_t writeErrno = 0;    ///< The `errno` of the last failed write.
     };
     /// A part of a packet.
     struct Piece {
@@ -61,31 +60,35 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
 
     static constexpr auto description() { return Mox::classRecord("Pavo::CaptureFile"); }
 
-    /// The most of a packet that the file has; tshark refuses files with more.
+    /// The most bytes of a packet that the file holds; tshark refuses files with more.
     static constexpr uint32_t maxPktBytes = 262144;
 
-    /// Creates a regular file that its owner alone may read, or empties it.
-    /// @throws Mox::ErrnoException "open(<path>)", "write(<path>)" or "pthread_create".
+    /// Creates a regular file with mode 0600. An existing regular file is emptied and gets this
+    /// mode too; a process that has it open already can still read it, so put captures of secrets
+    /// into a new file. A symbolic link is not followed.
+    /// @throws Mox::ErrnoException "open(<path>)", with ELOOP for a symbolic link, EPERM for an
+    /// existing file of another user or with another hard link; the file is then unchanged.
+    /// "write(<path>)"; "pthread_create".
     /// @throws std::bad_alloc, std::length_error for queues that do not fit into memory.
     CaptureFile(const Mox::String& path, Limits limits);
 
-    /// Adds an interface and returns its number. Waits for the file; is counted towards its size,
-    /// and never refused.
-    /// @throws Mox::ErrnoException "write(<path>)"; the file is then as it was.
+    /// Adds an interface and returns its number. Writes at once, waiting for the file; the block
+    /// counts towards the file's size, but is written whatever the limit.
+    /// @throws Mox::ErrnoException "write(<path>)"; the file is then unchanged.
     uint32_t newInterface(const Mox::String& name, CaptureLinkType linkType);
 
-    /// Takes a packet, in pieces that follow one another, with the time of the call; of a longer
-    /// one the first `maxPktBytes`, and its length. Never waits.
+    /// Queues a packet, given as pieces in order, with the time of the call. Of a packet longer
+    /// than `maxPktBytes` the first bytes and the length are kept. Never waits.
     void pktIs(uint32_t interface, CaptureDirection direction, const Piece* pieces,
                uint32_t pieceCount);
 
-    /// Waits until all that was taken is written or lost.
+    /// Waits until all queued packets are written or lost.
     void flush();
 
     Stats stats() const;
 
   protected:
-    /// Waits for what is still to be written.
+    /// Waits until all queued packets are written or lost.
     ~CaptureFile() override;
 
   private:
@@ -108,20 +111,20 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
     pthread_t thread_{};
     uint32_t interfaces_ = 0;
 
-    // Guards the file. Whoever holds both mutexes took this one first.
+    // Guards the file. A thread that needs both mutexes locks this one first.
     std::mutex fileMutex_;
     uint64_t fileBytes_ = 0;
-    bool isTorn_ = false;  // It ends with part of a block and could not be cut back.
+    bool isTorn_ = false;  // The file ends with part of a block and could not be cut back.
 
-    // Guards the rest, and is held for moments only.
+    // Guards the rest; never held during a system call on the file.
     mutable std::mutex queueMutex_;
     std::condition_variable queued_;
     std::condition_variable idle_;
-    // One is filled while the other is written; neither grows.
+    // One is filled while the other is written. Both keep the capacity that they begin with.
     Blocks queue_;
-    Blocks blocks_;  // The writer's alone.
+    Blocks blocks_;  // Used by the writing thread only.
     uint64_t queuedPackets_ = 0;
-    uint64_t takenBytes_ = 0;  // What the file will hold when all is written.
+    uint64_t takenBytes_ = 0;  // The size of the file when all queued blocks are written.
     Stats stats_;
     bool isWriting_ = false;
     bool isFlushing_ = false;

@@ -16,7 +16,7 @@ namespace Pavo {
 
 namespace {
 
-// The packet's pieces as the kernel takes them.
+// The packet's pieces as the kernel wants them.
 struct Iovecs {
     explicit Iovecs(const Pkt& pkt) {
         for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
@@ -28,7 +28,7 @@ struct Iovecs {
     int count = 0;
 };
 
-// Says on standard error what failed, then throws it under the name of the call.
+// Writes the error to standard error, then throws it with the name of the call.
 [[noreturn]] void writeAndThrow(const char* text, const char* call, int error) {
     std::fprintf(stderr, "%s%d %s\n", text, error, std::strerror(error));
     throw Mox::ErrnoException(error, call);
@@ -57,12 +57,13 @@ Mox::Ptr<Pkt> PktSocket::recvPkt(sockaddr_in* from) {
     const Mox::Ptr<Pkt> pkt = newPkt();
     const uint32_t capacity = pkt->maxSharedData();
     uint8_t* const data = pkt->newSharedTailData(capacity);
-    Mox::require(fileDescriptor_->nonBlocking(), "fileDescriptor_->nonBlocking()");
+    Mox::require(!fileDescriptor_ || fileDescriptor_->nonBlocking(),
+                 "fileDescriptor_->nonBlocking()");
     uint32_t fromLen = sizeof(sockaddr_in);
     const int32_t received =
         recvfrom(fd(), data, capacity, /*flags=*/0, reinterpret_cast<sockaddr*>(from), &fromLen);
     const int error = received < 0 ? errno : 0;
-    fileDescriptor_->readTried(/*moreMayWait=*/error != EAGAIN);
+    readEnded(/*isGood=*/received > 0, /*isEmpty=*/error == EAGAIN);
     if (error == EAGAIN) {
         return nullptr;
     }
@@ -75,6 +76,15 @@ Mox::Ptr<Pkt> PktSocket::recvPkt(sockaddr_in* from) {
     }
     pkt->delSharedTailData(capacity - static_cast<uint32_t>(received));
     return pkt;
+}
+
+// The kernel reports a pending error before the packets that wait, so one failure does not say that
+// there are none; a second one is an error that stays.
+void PktSocket::readEnded(bool isGood, bool isEmpty) {
+    const bool hadFailed = std::exchange(hasReadFailed_, !isGood && !isEmpty);
+    if (fileDescriptor_) {
+        fileDescriptor_->readTried(/*moreMayWait=*/isGood || (hasReadFailed_ && !hadFailed));
+    }
 }
 
 Mox::Ptr<Pkt> PktSocket::newPkt() const {

@@ -18,8 +18,12 @@
 namespace Pavo {
 
 /// The base of packet sockets. It owns the descriptor, which is non-blocking. Failures are thrown;
-/// only a lack of data or of room is not one. Whoever wants to hear of readiness watches
-/// `fileDescriptor()`, and after a send that found no room calls its `writeMetNoRoom()`.
+/// only a lack of data or of room is not one. To be notified of readiness, observe
+/// `fileDescriptor()`, and after a send that found no room call its `writeMetNoRoom()`.
+///
+/// A read that fails is reported as readable once more, since packets may wait after a pending
+/// error. When the next read fails too, the descriptor is readable again at the kernel's next event
+/// only: an error that stays, such as EBADFD of a deleted tap device, does not keep the loop busy.
 class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::PktSocket"); }
@@ -32,7 +36,7 @@ class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
     /// Reads one packet of at most 1536 bytes, the size of a packet's buffer; the kernel cuts a
     /// longer one off there. Null when there is none. `from`, unless null, is set to the first 16
     /// bytes of the sender's address. An interrupted read is fatal, since a non-blocking descriptor
-    /// has none: "(*__errno_location ()) != 4"; so is a descriptor that somebody has made blocking:
+    /// has none: "(*__errno_location ()) != 4"; so is a descriptor that is not non-blocking:
     /// "fileDescriptor_->nonBlocking()".
     /// @throws Mox::ErrnoException "recvfrom", after writing " error is  ", the error's number and
     /// its text to standard error.
@@ -40,7 +44,7 @@ class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
     /// @throws Mox::MemoryException "Unable to allocate Pkt".
     virtual Mox::Ptr<Pkt> recvPkt(sockaddr_in* from);
 
-    /// The system calls behind the two; -1 with `errno` on failure.
+    /// The system calls of the two; -1 with `errno` on failure.
     /// @{
     virtual int32_t recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,
                              uint32_t* fromLen);
@@ -54,23 +58,25 @@ class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
     explicit PktSocket(Mox::String name);
     ~PktSocket() override;
 
-    /// Takes the descriptor and makes it non-blocking.
+    /// Takes the descriptor, which is not null, and makes it non-blocking.
     /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
     void fileDescriptorIs(Mox::Ptr<Mox::FileDescriptor> fileDescriptor);
-    /// The descriptor's number.
-    int fd() const { return fileDescriptor_->descriptor(); }
+    /// The descriptor's number; -1 while there is none, with which system calls fail with EBADF.
+    int fd() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }
     /// One sendmsg(2), without flags; a null `dest` sends where the socket is bound or connected.
     int32_t sendTo(const Pkt& pkt, const void* dest, uint32_t destBytes) const;
 
   private:
     Mox::Ptr<Pkt> newPkt() const;
+    void readEnded(bool isGood, bool isEmpty);
 
     Mox::String name_;
     Mox::Ptr<Mox::FileDescriptor> fileDescriptor_;
     Mox::Ptr<Pkt::Manager> pktManager_;
+    bool hasReadFailed_ = false;  // The last read did.
 };
 
-/// A tap device, which is read and written as a file; the addresses are not looked at.
+/// A tap device, which is read and written as a file; addresses have no meaning here.
 class PAVO_EXPORT TapPktSocket : public Mox::Described<TapPktSocket, PktSocket> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TapPktSocket"); }
@@ -80,7 +86,7 @@ class PAVO_EXPORT TapPktSocket : public Mox::Described<TapPktSocket, PktSocket> 
     /// @throws Mox::ErrnoException "fcntl(F_SETFL)".
     TapPktSocket(Mox::String name, Mox::Ptr<Mox::FileDescriptor> tap);
 
-    /// One read(2). `from` stays as it is, and its length becomes 0.
+    /// One read(2). `from` is unchanged, and its length becomes 0.
     int32_t recvfrom(int fd, void* buf, uint32_t len, int flags, sockaddr* from,
                      uint32_t* fromLen) override;
     /// One writev(2).

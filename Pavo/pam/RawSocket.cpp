@@ -1,6 +1,7 @@
 #include "Pavo/pam/RawSocket.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -27,7 +28,7 @@ sockaddr_in socketAddress(RawSocket::Protocol port, IpAddr address) {
     return name;
 }
 
-// A name that no interface can have would be cut, and the rest may be another one's.
+// A name that is too long would be cut, and what is left may be the name of another interface.
 void requireDeviceName(const Mox::String& device, const char* failure) {
     if (device.bytes() >= IFNAMSIZ) {
         throw Mox::ErrnoException(ENODEV, failure);
@@ -51,7 +52,7 @@ void setBufferSize(int fd, int option, uint32_t bytes, const char* failure) {
 
 // The address that binds a packet socket to the interface's IPv4 frames.
 sockaddr_ll lookUpDevice(const Mox::String& device) {
-    // Never closed, which is meant: the class says so.
+    // Left open on purpose, as the class comment says.
     const int helper = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (helper < 0) {
         Mox::throwErrnoException("socket");
@@ -156,10 +157,39 @@ EthSocket::EthSocket(Mox::String name, Mox::String device, Protocol protocol)
 
 EthSocket::~EthSocket() = default;
 
+// A filter costs less than a buffer that fills up, and unlike a binding it can be undone: the
+// kernel takes a bound protocol of 0 for the one that the socket was opened with.
+void EthSocket::sendOnlyIs(bool sendOnly) {
+    if (sendOnly == sendOnly_) {
+        return;
+    }
+    sock_filter nothing{BPF_RET | BPF_K, 0, 0, 0};
+    const sock_fprog program{1, &nothing};
+    const int ignored = 0;
+    if (sendOnly) {
+        if (setsockopt(fd(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) < 0) {
+            Mox::throwErrnoException("setsockopt(SO_ATTACH_FILTER)");
+        }
+        discardWaiting();
+    } else if (setsockopt(fd(), SOL_SOCKET, SO_DETACH_FILTER, &ignored, sizeof(ignored)) < 0) {
+        Mox::throwErrnoException("setsockopt(SO_DETACH_FILTER)");
+    }
+    sendOnly_ = sendOnly;
+}
+
+// Ends, since no frame is added any more, and a pending error is reported once.
+void EthSocket::discardWaiting() const {
+    char byte;
+    while (recv(fd(), &byte, sizeof(byte), MSG_DONTWAIT) >= 0 || errno == ENETDOWN) {
+    }
+}
+
 // The kernel refuses an IP address as the destination of a packet socket (EINVAL); without any, it
-// takes the interface to which the socket is bound.
+// takes the interface to which the socket is bound. A pending ENETDOWN fails the first call even
+// when the interface is up again.
 int32_t EthSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in) {
-    return sendTo(*pkt, nullptr, 0);
+    const int32_t sent = sendTo(*pkt, nullptr, 0);
+    return sent < 0 && errno == ENETDOWN ? sendTo(*pkt, nullptr, 0) : sent;
 }
 
 RawSocket::Manager::~Manager() = default;

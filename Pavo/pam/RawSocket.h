@@ -13,8 +13,10 @@
 
 namespace Pavo {
 
-/// What raw sockets share. A socket lives in the network namespace in which the calling thread is
-/// when it is made.
+/// What raw sockets share. `IpSocket` and `EthSocket` open a socket of their own, in the network
+/// namespace of the calling thread. A plain `RawSocket` has none until it is given one, for example
+/// one that `socketAt` has opened in another namespace; until then each system call fails with
+/// EBADF.
 class PAVO_EXPORT RawSocket : public Mox::Described<RawSocket, PktSocket> {
   public:
     class Manager;
@@ -25,8 +27,12 @@ class PAVO_EXPORT RawSocket : public Mox::Described<RawSocket, PktSocket> {
     static constexpr Protocol noProtocol = 65535;
     static constexpr auto description() { return Mox::classRecord("Pavo::RawSocket"); }
 
+    /// Opens nothing.
+    RawSocket(Mox::String name, Protocol protocol);
+
+    using PktSocket::fileDescriptorIs;
     using PktSocket::sendPkt;
-    /// As the other one, but writes nothing to standard error.
+    /// As `sendPkt` with a socket address, but writes nothing to standard error.
     /// @throws Mox::ErrnoException "sendmsg".
     virtual int32_t sendPkt(Mox::Ptr<Pkt> pkt, IpAddr dst);
 
@@ -46,7 +52,6 @@ class PAVO_EXPORT RawSocket : public Mox::Described<RawSocket, PktSocket> {
     void setRecvBufSize(uint32_t bytes);
 
   protected:
-    RawSocket(Mox::String name, Protocol protocol);
     ~RawSocket() override;
 
     /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)" or "fcntl(F_SETFL)".
@@ -83,7 +88,7 @@ class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
     /// than 15 bytes, of which the kernel would take the first 15; the device is then unchanged.
     void deviceIs(Mox::String device);
 
-    /// Hears only packets to `addr`, and sends from it.
+    /// Receives packets to `addr` only, and sends from it.
     /// @throws Mox::ErrnoException "bind".
     void bind(IpAddr addr);
 
@@ -96,19 +101,22 @@ class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
     Options options_;
 };
 
-/// A packet socket on an Ethernet interface (packet(7)): it hears the interface's IPv4 frames
+/// A packet socket on an Ethernet interface (packet(7)): it receives the interface's IPv4 frames
 /// (EtherType 0x0800), whatever protocol was asked for, and sends frames as they are. Packets begin
 /// with the Ethernet header.
 ///
-/// Making one opens a helper socket to look the interface up, and leaves that open for the life of
-/// the process, also where the making fails later on: each costs a descriptor.
+/// An interface that goes down leaves ENETDOWN pending, for the next read to throw. A send takes a
+/// pending ENETDOWN away and is tried once more: it throws only what holds at that moment.
+///
+/// The constructor opens a helper socket to look the interface up, and leaves it open for the life
+/// of the process, also when it fails later on: each costs a descriptor.
 class PAVO_EXPORT EthSocket : public Mox::Described<EthSocket, RawSocket> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::EthSocket"); }
 
-    /// `protocol` goes to socket(2) as it stands: whoever wants to give an EtherType in network
-    /// order converts it. Without one, 3, which the kernel takes for EtherType 0x0300; so nothing
-    /// is heard before the socket is bound.
+    /// `protocol` goes to socket(2) as it stands: the caller converts an EtherType to network
+    /// order. Without one, 3, which the kernel takes for EtherType 0x0300; so nothing is received
+    /// before the socket is bound.
     /// @throws Mox::ErrnoException "socket", "fcntl(F_GETFL)", "fcntl(F_SETFL)",
     /// "ioctl(SIOCGIFINDEX)", "ioctl(SIOCGIFHWADDR)" or "bind". An unknown interface gives ENODEV,
     /// and so does a name of more than 15 bytes.
@@ -118,15 +126,26 @@ class PAVO_EXPORT EthSocket : public Mox::Described<EthSocket, RawSocket> {
     /// The interface's index.
     int32_t ifIndex() const { return ifIndex_; }
 
-    /// Sends on the interface; the destination stands in the frame, and `dest` is not looked at.
+    /// Whether the socket only sends; at first false, and it receives whether or not it is read, so
+    /// that up to a full receive buffer of frames waits in the kernel.
+    bool sendOnly() const { return sendOnly_; }
+    /// On: no frame is received, and those that wait are discarded. Off: frames are received again.
+    /// @throws Mox::ErrnoException "setsockopt(SO_ATTACH_FILTER)" or
+    /// "setsockopt(SO_DETACH_FILTER)"; nothing is then changed.
+    void sendOnlyIs(bool sendOnly);
+
+    /// Sends on the interface; the destination is in the frame, and `dest` is ignored.
     int32_t sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest) override;
 
   protected:
     ~EthSocket() override;
 
   private:
+    void discardWaiting() const;
+
     Mox::String device_;
     int32_t ifIndex_ = 0;
+    bool sendOnly_ = false;
 };
 
 /// Makes raw sockets.

@@ -254,5 +254,26 @@ TEST_F(CaptureTest, AFileThatCannotBeMadeIsAnError) {
     EXPECT_EQ(PavoTest::openDescriptors(), before);
 }
 
+TEST_F(CaptureTest, AnExistingFileBecomesPrivateAndOneOfUncertainOwnerStaysAsItIs) {
+    std::ofstream(path_) << std::string(4096, 'x');
+    std::filesystem::permissions(path_, std::filesystem::perms::all);
+    captureFileFactory(path_);
+    EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
+    EXPECT_LT(std::filesystem::file_size(path_), 100u);
+
+    const std::string other = folder_ + "/other";
+    const auto expectRefused = [&](int error) {
+        std::filesystem::resize_file(path_, 4096);
+        EXPECT_EQ(errorOf([&] { captureFileFactory(other); }),
+                  thrown("open(" + other + ")", error));
+        EXPECT_EQ(std::filesystem::file_size(path_), 4096u);
+        std::filesystem::remove(other);
+    };
+    std::filesystem::create_symlink(path_, other);
+    expectRefused(ELOOP);
+    std::filesystem::create_hard_link(path_, other);
+    expectRefused(EPERM);
+}
+
 }  // namespace
 }  // namespace Pavo
