@@ -1,5 +1,5 @@
 /// @file
-/// What an owner asks of a TCP machine.
+/// The configuration of TCP machines.
 #pragma once
 
 #include <compare>
@@ -20,7 +20,7 @@
 
 namespace Pavo {
 
-/// The members of `TcpSocketOptions`, each named as the attribute of the configuration that it
+/// The members of `TcpSocketOptions`, each with the name of the configuration's attribute that it
 /// turns on.
 enum TcpSocketOption : uint8_t {
     optionTxTtl = 0x01,
@@ -32,9 +32,9 @@ enum TcpSocketOption : uint8_t {
     optionDontRoute = 0x40,
 };
 
-/// Which values of a configuration are applied to sockets, made with "|" of `TcpSocketOption`. A
-/// member that is taken out again has the kernel's default put back. Ordered as the byte that it
-/// is. Text is that of a record of seven booleans.
+/// The set of values of a configuration that are applied to sockets, made with "|" of
+/// `TcpSocketOption`. When a member is removed, the kernel's default is restored. Ordered as a
+/// byte. Text is that of a record of seven booleans.
 class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
   public:
     static constexpr uint8_t all = 0x7f;
@@ -90,12 +90,12 @@ constexpr TcpSocketOptions operator|(TcpSocketOption a, TcpSocketOption b) {
     return TcpSocketOptions(a) | TcpSocketOptions(b);
 }
 
-/// The members' names without "option", as "TxTtl|Md5Auth"; "none" of the empty set.
+/// The members' names without "option", as "TxTtl|Md5Auth"; "none" for the empty set.
 PAVO_EXPORT Mox::String tcpOptionsToStrep(const TcpSocketOptions& options);
 
-/// What both kinds of machine are asked. The owner writes it, at any time; the machine reads it. A
-/// change of `options` or of an option's value reaches a live socket at once; the others count from
-/// the next socket, or the next start of a timer, on.
+/// The configuration that both kinds of machine share. The owner writes it, at any time; the
+/// machine reads it. A change of `options` or of an option's value reaches a live socket at once;
+/// the other attributes take effect with the next socket, or the next start of a timer.
 class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
   public:
     static constexpr Mox::Attribute<TcpConfigBase> networkNamespaceAttr{0, "networkNamespace"};
@@ -144,16 +144,16 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     /// Which of the values below are applied.
     TcpSocketOptions options() const { return options_; }
     void optionsIs(TcpSocketOptions options) { attributeIs(options_, options, optionsAttr); }
-    /// TTL, or unicast hop limit, of what is sent.
+    /// TTL, or unicast hop limit, of sent segments.
     IpTtl txTtl() const { return txTtl_; }
     void txTtlIs(IpTtl ttl) { attributeIs(txTtl_, ttl, txTtlAttr); }
-    /// TOS byte, or traffic class, of what is sent.
+    /// TOS byte, or traffic class, of sent segments.
     IpDscp txDs() const { return txDs_; }
     void txDsIs(IpDscp dscp) { attributeIs(txDs_, dscp, txDsAttr); }
     /// The smallest TTL, or hop limit, that is accepted.
     IpTtl rxMinTtl() const { return rxMinTtl_; }
     void rxMinTtlIs(IpTtl ttl) { attributeIs(rxMinTtl_, ttl, rxMinTtlAttr); }
-    /// The largest segment announced, in bytes; 88 to 32767, or 0 for no limit of its own.
+    /// The largest segment announced, in bytes: 88 to 32767, or 0 for the interface's limit.
     uint16_t sockMaxSegSize() const { return sockMaxSegSize_; }
     void sockMaxSegSizeIs(uint16_t bytes) {
         attributeIs(sockMaxSegSize_, bytes, sockMaxSegSizeAttr);
@@ -166,15 +166,15 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     void edgeTriggeredFileDescriptorIs(bool on) {
         attributeIs(edgeTriggeredFileDescriptor_, on, edgeTriggeredFileDescriptorAttr);
     }
-    /// The interface by which what is sent leaves, for `optionDontRoute` of IPv6.
+    /// The interface by which segments leave, for `optionDontRoute` of IPv6.
     uint32_t dstIntfIfIndex() const { return dstIntfIfIndex_; }
     void dstIntfIfIndexIs(uint32_t ifIndex) {
         attributeIs(dstIntfIfIndex_, ifIndex, dstIntfIfIndexAttr);
     }
 
-    /// The keys of TCP MD5 signatures by peer, or prefix of peers. While `optionMd5Auth` is on none
-    /// may be empty, and each is shorter than 80 bytes. Those of another family than the socket's
-    /// are left out.
+    /// The keys of TCP MD5 signatures by peer, or prefix of peers. While `optionMd5Auth` is on, no
+    /// key may be empty, and each is shorter than 80 bytes. A listener for both families applies
+    /// keys of both; any other socket skips keys of the other family.
     const Mox::Map<IpGenAddrWithMask, Mox::String>& md5Auth() const { return md5Auth_; }
     /// The key of exactly this peer or prefix; empty when there is none.
     Mox::String md5Auth(const IpGenAddrWithMask& addrWithMask) const;
@@ -203,7 +203,7 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     bool edgeTriggeredFileDescriptor_ = false;
 };
 
-/// What a `TcpClientSm` is asked: whom to connect to, from where, and how long to try.
+/// The configuration of a `TcpClientSm`: where to connect to, from where, and how long to try.
 class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpConfigBase> {
   public:
     static constexpr uint32_t kernelTcpTimeoutDefault = 20;
@@ -226,11 +226,11 @@ class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpCon
     TcpClientConfig(const IpGenAddr& serverIpAddr, Port serverPort)
         : serverIpAddr_(serverIpAddr), serverPort_(serverPort) {}
 
-    /// Its family is that of the connection.
+    /// Determines the family of the connection.
     const IpGenAddr& serverIpAddr() const { return serverIpAddr_; }
     Port serverPort() const { return serverPort_; }
-    /// The local address; the kernel chooses one while it is of unknown family, as at first, or the
-    /// wildcard.
+    /// The local address. The kernel chooses one if this is the wildcard, or of unknown family, as
+    /// it is at first.
     const IpGenAddr& clientIpAddr() const { return clientIpAddr_; }
     void clientIpAddrIs(const IpGenAddr& addr) {
         attributeIs(clientIpAddr_, addr, clientIpAddrAttr);
@@ -238,14 +238,14 @@ class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpCon
     /// The scope of an IPv6 link-local address of either end.
     uint32_t ifIndex() const { return ifIndex_; }
     void ifIndexIs(uint32_t ifIndex) { attributeIs(ifIndex_, ifIndex, ifIndexAttr); }
-    /// The delay after a failed attempt doubles this many times less one and then begins anew at
-    /// `retryInterval`: with 3 and an interval of 2 s the delays are 2, 4, 8, 2, 4 s and so on. 0,
-    /// as at first, never doubles it.
+    /// After this many failed attempts the delay returns to `retryInterval`; until then it doubles
+    /// with each attempt. With 3 and an interval of 2 s the delays are 2, 4, 8, 2, 4 s and so on.
+    /// With 0, as at first, it never doubles.
     uint32_t exponentialBackoffRetries() const { return exponentialBackoffRetries_; }
     void exponentialBackoffRetriesIs(uint32_t retries) {
         attributeIs(exponentialBackoffRetries_, retries, exponentialBackoffRetriesAttr);
     }
-    /// Seconds after which a connection that is not made is given up for a new attempt.
+    /// Seconds after which a pending connect is abandoned and the next attempt starts.
     uint32_t kernelTcpTimeout() const { return kernelTcpTimeout_; }
     void kernelTcpTimeoutIs(uint32_t seconds) {
         attributeIs(kernelTcpTimeout_, seconds, kernelTcpTimeoutAttr);
@@ -263,7 +263,7 @@ class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpCon
     uint32_t kernelTcpTimeout_ = kernelTcpTimeoutDefault;
 };
 
-/// What a `TcpServerSm` is asked: where to listen.
+/// The configuration of a `TcpServerSm`: where to listen.
 class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpConfigBase> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerConfig"); }
@@ -271,9 +271,9 @@ class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpCon
     TcpServerConfig(const IpGenAddr& listenIpAddr, Port listenPort)
         : listenIpAddr_(listenIpAddr), listenPort_(listenPort) {}
 
-    /// Its family is that of the listener.
+    /// Determines the family of the listener.
     const IpGenAddr& listenIpAddr() const { return listenIpAddr_; }
-    /// 0 is refused by the machine.
+    /// The machine refuses 0.
     Port listenPort() const { return listenPort_; }
 
   protected:

@@ -121,6 +121,7 @@ const char* TcpServerSm::setUpAndBind(int sd) {
     if (setSocketOptionInteger(sd, SOL_SOCKET, SO_REUSEADDR, 1, /*verify=*/true) != 0) {
         return "Setsockopt(REUSE)";
     }
+    takesIp4Is(af() == ipv6 && !v6Only_);
     if (applySocketOptions(sd, sdListening) != 0) {
         return "Setsockopt";
     }

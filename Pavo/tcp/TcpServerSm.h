@@ -68,7 +68,8 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     /// Connections that the kernel keeps until they are accepted; takes effect at the next start.
     int backlog() const { return backlog_; }
     void backlogIs(int backlog) { backlog_ = backlog; }
-    /// IPV6_V6ONLY of an IPv6 listener; takes effect at the next start.
+    /// IPV6_V6ONLY of an IPv6 listener; takes effect at the next start. While it is false, options
+    /// of the TTL, the TOS byte and path MTU discovery, and keys, are applied for IPv4 peers too.
     bool v6Only() const { return v6Only_; }
     void v6OnlyIs(bool v6Only) { v6Only_ = v6Only; }
 

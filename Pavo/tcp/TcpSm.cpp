@@ -85,16 +85,28 @@ struct TcpSmBase::OptionStep {
     int (*apply)(TcpSmBase& machine, int sd, bool enabled);
 };
 
+// An IPv6 socket that takes IPv4 connections has options of both levels, each for its family.
+template <class Setter>
+int TcpSmBase::forFamilies(Setter setter) const {
+    const int result = setter(af());
+    return result == 0 && takesIp4_ ? setter(ipv4) : result;
+}
+
 // In the order of the bits. After the handshake keys and segment size cannot change any more: the
 // kernel would stall the connection, or ignore the value.
 const TcpSmBase::OptionStep TcpSmBase::optionSteps[] = {
     {optionTxTtl, allSockets, "TxTtl error: af=",
-     [](TcpSmBase& m, int sd, bool on) { return setSockOptTxTtl(m.af(), sd, on, m.txTtl()); }},
+     [](TcpSmBase& m, int sd, bool on) {
+         return m.forFamilies([&](auto af) { return setSockOptTxTtl(af, sd, on, m.txTtl()); });
+     }},
     {optionTxDs, allSockets, "TxDs error: af=",
-     [](TcpSmBase& m, int sd, bool on) { return setSockOptTxDs(m.af(), sd, on, m.txDs()); }},
+     [](TcpSmBase& m, int sd, bool on) {
+         return m.forFamilies([&](auto af) { return setSockOptTxDs(af, sd, on, m.txDs()); });
+     }},
     {optionRxMinTtl, allSockets, "RxMinTtl error: af=",
      [](TcpSmBase& m, int sd, bool on) {
-         return setSockOptRxMinTtl(m.af(), sd, on, m.rxMinTtl());
+         return m.forFamilies(
+             [&](auto af) { return setSockOptRxMinTtl(af, sd, on, m.rxMinTtl()); });
      }},
     {optionMd5Auth, beforeHandshake,
      "Md5Auth error: af=", [](TcpSmBase& m, int sd, bool on) { return m.applyMd5Auth(sd, on); }},
@@ -104,7 +116,9 @@ const TcpSmBase::OptionStep TcpSmBase::optionSteps[] = {
      }},
     {optionPathMtuDiscovery, allSockets, "Path MTU discovery error: af=",
      [](TcpSmBase& m, int sd, bool on) {
-         return setSockOptPathMtuDiscovery(m.af(), sd, on && m.pathMtuDiscovery());
+         return m.forFamilies([&](auto af) {
+             return setSockOptPathMtuDiscovery(af, sd, on && m.pathMtuDiscovery());
+         });
      }},
     {optionDontRoute, allSockets, "DontRoute error: af=",
      [](TcpSmBase& m, int sd, bool on) {
@@ -238,11 +252,13 @@ int TcpSmBase::applyMd5Auth(int sd, bool enabled) {
     }
     for (const auto& [peer, key] : tcpConfig_->md5Auth()) {
         Mox::require(!enabled || !key.empty(), "!key.empty()");
-        if (peer.af() != af()) {
+        const bool isMapped = takesIp4_ && peer.af() == ipv4;
+        if (peer.af() != af() && !isMapped) {
             MOX_TRACE(facility, 2, formatDerivedType(), ": MD5 key of another family: ", peer);
             continue;
         }
-        const int result = setSockMd5AuthOption(sd, peer, enabled ? key : Mox::String());
+        const int result = setSockMd5AuthOption(sd, isMapped ? v4MappedPeer(peer) : peer,
+                                                enabled ? key : Mox::String());
         if (result != 0) {
             return result;
         }

@@ -143,6 +143,10 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
               Keel::TimerWheel* timerWheel, Mox::Ptr<TcpConfigBase> tcpConfig);
     ~TcpSmBase() override;
 
+    /// For a machine with an IPv6 socket, before options are applied to it: whether the socket
+    /// takes IPv4 connections too.
+    void takesIp4Is(bool takesIp4) { takesIp4_ = takesIp4; }
+
     bool edgeTriggeredFileDescriptor() const;
     void retryTimesIs(uint32_t times) { retryTimes_ = times; }
 
@@ -172,6 +176,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
 
     static const OptionStep optionSteps[];
 
+    template <class Setter>
+    int forFamilies(Setter setter) const;
     int applyMd5Auth(int sd, bool enabled);
     bool registerSocket(const Mox::Ptr<TcpFileDescriptor>& fd, bool forWriting,
                         std::function<void()> handler);
@@ -186,6 +192,7 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     Mox::Ptr<Mox::Notifiee> fdReactor_;
     uint32_t retryTimes_ = 0;
     bool initialized_ = false;
+    bool takesIp4_ = false;
     bool isAttempting_ = false;  // Until the attempt has been published.
     bool failApplySocketOptionsInTest_ = false;
     TcpSocketOptions lastOptionsApplied_;

@@ -17,6 +17,7 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::TcpSockOpt");
 
+constexpr uint32_t v4MappedPrefixBits = 96;  // ::ffff:0.0.0.0/96
 constexpr uint32_t md5KeyLimit = TCP_MD5SIG_MAXKEYLEN;
 static_assert(sizeof(tcp_md5sig) == 216 && md5KeyLimit == 80);
 
@@ -24,7 +25,7 @@ struct SockOpt {
     int level;
     int optname;
 };
-// One option under the names that the families have for it.
+// One option, as each family has it.
 struct SockOptByFamily {
     SockOpt v4;
     SockOpt v6;
@@ -44,7 +45,7 @@ int setByFamily(AddressFamily af, int sd, const SockOptByFamily& option, int val
     return setSocketOptionInteger(sd, one.level, one.optname, value, verify);
 }
 
-// The bits of an option's value that the kernel keeps as they are given.
+// The bits of an option's value that the kernel keeps unchanged.
 int keptBits(int level, int optname) {
     const bool isTrafficClass = (level == IPPROTO_IP && optname == IP_TOS) ||
                                 (level == IPPROTO_IPV6 && optname == IPV6_TCLASS);
@@ -52,7 +53,7 @@ int keptBits(int level, int optname) {
     return isTrafficClass ? ~congestionBits : ~0;
 }
 
-// A whole socket address, with room for either family.
+// A socket address of either family.
 struct SocketAddress {
     SocketAddress(const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
         length = constructSockAddr(generic(), addr);
@@ -105,7 +106,7 @@ int setSockOptRxMinTtl(AddressFamily af, int sd, bool enabled, IpTtl ttl) {
     return setByFamily(af, sd, rxMinTtlOpt, enabled ? ttl.value() : 0, /*verify=*/enabled);
 }
 
-// An established connection would read back what the handshake made of it.
+// Not verified, since an established connection reads back the size that the handshake has agreed.
 int setSockOptMaxSegSize(int sd, uint16_t bytes) {
     return setSocketOptionInteger(sd, IPPROTO_TCP, TCP_MAXSEG, bytes, /*verify=*/false);
 }
@@ -115,7 +116,7 @@ int setSockOptPathMtuDiscovery(AddressFamily af, int sd, bool enable) {
                        /*verify=*/false);
 }
 
-// The kernel takes this one interface index in network order.
+// IPV6_UNICAST_IF takes the interface index in network byte order, unlike other options.
 int setSockOptDontRoute(AddressFamily af, int sd, bool enabled, uint32_t ifIndex) {
     const int whenEnabled = af == ipv4 ? 1 : static_cast<int>(htonl(ifIndex));
     return setByFamily(af, sd, dontRouteOpt, enabled ? whenEnabled : 0, /*verify=*/true);
@@ -130,11 +131,13 @@ int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask, const Mo
     record.tcpm_keylen = static_cast<uint16_t>(key.bytes());
     std::copy(key.begin(), key.end(), record.tcpm_key);
     if (!addrWithMask.isHost()) {
-        // The kernel takes a mapped address for the IPv4 one inside, and so counts its prefix.
+        // The kernel stores a mapped address as the IPv4 address, so its prefix is 0 to 32.
         const uint32_t len = addrWithMask.len();
-        const bool isMapped = len >= 96 && IpGenAddr::getMappedV4Addr(addr).af() == ipv4;
+        const bool isMapped =
+            len >= v4MappedPrefixBits && IpGenAddr::getMappedV4Addr(addr).af() == ipv4;
         record.tcpm_flags = TCP_MD5SIG_FLAG_PREFIX;
-        record.tcpm_prefixlen = static_cast<uint8_t>(std::min(isMapped ? len - 96 : len, 255u));
+        record.tcpm_prefixlen =
+            static_cast<uint8_t>(std::min(isMapped ? len - v4MappedPrefixBits : len, 255u));
     }
     const int optname = addrWithMask.isHost() ? TCP_MD5SIG : TCP_MD5SIG_EXT;
     if (setsockopt(sd, IPPROTO_TCP, optname, &record, sizeof(record)) == 0) {
@@ -147,6 +150,10 @@ int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask, const Mo
     MOX_TRACE(facility, 0, "Md5Auth error: sd=", sd, " peer=", addrWithMask, " ", strerror(error),
               error == ENOMEM ? " (net.core.optmem_max limits the keys)" : "");
     return -1;
+}
+
+IpGenAddrWithMask v4MappedPeer(const IpGenAddrWithMask& peer) {
+    return {IpGenAddr::getV4MappedV6Addr(peer.ipGenAddr()), v4MappedPrefixBits + peer.len()};
 }
 
 socklen_t constructSockAddr(sockaddr* out, const IpGenAddr& addr) {
@@ -177,8 +184,8 @@ int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr, uint32_t i
     int result = setSocketOptionInteger(sd, SOL_SOCKET, SO_REUSEADDR, 1, /*verify=*/true);
     if (result == 0) {
         step = "Bind";
-        // Lets connect(2) choose the port, which knows the peer: connections to different peers can
-        // then share one. Where the kernel has no such option, the port is chosen now.
+        // Defers the choice of the port to connect(2), so that connections to different peers can
+        // share a port. A kernel without this option chooses the port in bind(2).
         (void)setSocketOptionInteger(sd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1, /*verify=*/false);
         MOX_TRACE(facility, 5, "Bind: sd=", sd, " addr=", addr, " ifIndex=", ifIndex);
         SocketAddress local(addr.af() == ipunknown ? IpGenAddr(af) : addr, Port(), ifIndex);
