@@ -21,14 +21,14 @@ constexpr int failureLevel = 0;
 constexpr int matchLevel = 6;
 constexpr int compileLevel = 7;
 
-// What a program returns for a packet that passes, which the kernel takes as the length to keep.
+// A program returns this for a packet that passes; the kernel keeps so many bytes of the packet.
 constexpr int etherSnapBytes = 65535;
-constexpr int ipSnapBytes = 262144;  // More than any packet has.
+constexpr int ipSnapBytes = 262144;  // Longer than any packet.
 
-// Compiles into `*program`, which the caller releases; returns what is wrong, empty on success.
+// Compiles into `*program`, which the caller releases. Returns the error, or an empty string.
 Mox::String compileWith(pcap_t* handle, const Mox::String& expression, bpf_program* program) {
     if (expression.view().find('\0') != std::string_view::npos) {
-        return "a zero byte in the expression";  // Behind which libpcap would not look.
+        return "a zero byte in the expression";  // libpcap would ignore the rest.
     }
     constexpr int optimize = 1;
     const int result =
@@ -51,13 +51,13 @@ Mox::String compilePcapFilter(const Mox::String& name, int linkType, int snapByt
     return error;
 }
 
-// What pcap_offline_filter(3) does, without its header: that holds a time, which is wider here than
-// in the library where the word has 32 bits.
+// Does what pcap_offline_filter(3) does, without its packet header: on i386 the time in that header
+// is 64 bits wide here and 32 in the library.
 inline uint32_t run(const bpf_program& program, const uint8_t* data, uint32_t bytes) {
     return bpf_filter(program.bf_insns, data, bytes, bytes);
 }
 
-// A program of libpcap, as the kernel and `rxFilter` have it.
+// The instructions of a libpcap program, in the form of the kernel and of `rxFilter`.
 std::vector<IpFilter> instructionsOf(const bpf_program& program) {
     std::vector<IpFilter> instructions;
     instructions.reserve(program.bf_len);
@@ -68,7 +68,7 @@ std::vector<IpFilter> instructionsOf(const bpf_program& program) {
     return instructions;
 }
 
-// The kernel jumps forwards only; libpcap also jumps back, by a distance that wraps around.
+// The kernel only allows jumps forward. A jump back of libpcap has a distance that wraps around.
 bool hasLoop(const std::vector<IpFilter>& program) {
     for (uint32_t i = 0; i < program.size(); ++i) {
         if (program[i].code() == (BPF_JMP | BPF_JA) && program[i].k() >= program.size() - i - 1) {

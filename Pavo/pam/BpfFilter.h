@@ -1,6 +1,6 @@
 /// @file
-/// Filter expressions of tcpdump (pcap-filter(7)), run over packets here or by the kernel. Whoever
-/// includes this needs libpcap's headers.
+/// Filter expressions of tcpdump (pcap-filter(7)), run over packets in the process or by the
+/// kernel. Code that includes this needs libpcap's headers.
 #pragma once
 
 #include <sys/types.h>  // First: pcap/bpf.h needs its types.
@@ -30,8 +30,8 @@ namespace Pavo {
 /// The separate VLAN tag of a packet is no part of its bytes and is not looked at. Names of hosts
 /// in an expression are looked up while it is compiled, which may take as long as DNS does.
 ///
-/// Used on the thread of the event loop only: so is compiling, since libpcap before 1.8 keeps its
-/// state in globals, and `match` has a buffer that it uses again.
+/// To be used on the thread of the event loop only: `match` has a buffer that it uses again, and
+/// libpcap before 1.8 keeps the state of its compiler in globals.
 class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::BpfFilter"); }
@@ -41,29 +41,29 @@ class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
 
     const Mox::String& name() const { return name_; }
 
-    /// The expression in use, empty for none.
+    /// The expression in use, or empty.
     const Mox::String& bpfFilterString() const { return bpfFilterString_; }
-    /// Compiles an expression other than the one in use. One that libpcap refuses is fatal,
-    /// "false", after a trace line with libpcap's text: for what comes from outside use
+    /// Compiles an expression, unless it is the one in use. An expression that libpcap refuses is
+    /// fatal, "false", after a trace line with libpcap's text; for expressions from outside use
     /// `tryCompile`.
     void bpfFilterStringIs(Mox::String expression);
-    /// The same for an expression that may be wrong: returns what is wrong, in which case program
-    /// and expression stay as they were, or an empty string. The text is libpcap's, or "a zero byte
-    /// in the expression", behind which libpcap would not look.
+    /// The same for an expression that may be wrong. Returns an empty string on success, else the
+    /// error; program and expression are then unchanged. The text is libpcap's, or "a zero byte in
+    /// the expression", since libpcap would ignore what follows that byte.
     Mox::String tryCompile(const Mox::String& expression);
 
-    /// Whether the packet passes; none does without a program. A packet in one piece is looked at
-    /// where it lies, one in two pieces is copied together first.
+    /// Whether the packet passes; without a program none does. A packet in two pieces is first
+    /// copied into a buffer, a packet in one piece is not copied.
     bool match(const Mox::Ptr<Pkt>& pkt) const;
 
-    // The state, for those who bring a program of their own: these store, and neither compile nor
-    // release. While `initialized`, the program pointed at is released by pcap_freecode(3) when
-    // another takes its place and when the filter ends.
+    // The state, for callers with a program of their own: the setters only store. While
+    // `initialized`, the program pointed at is released by pcap_freecode(3) when another replaces
+    // it and in the destructor.
 
-    /// The program that `match` runs, null for none.
+    /// The program that `match` runs, or null.
     bpf_program* bpfFilter() const { return bpfFilter_; }
     void bpfFilterIs(bpf_program* program) { bpfFilter_ = program; }
-    /// What holds a compiled program.
+    /// Holds the program that this object compiled.
     const bpf_program& bpfFilterHolder() const { return bpfFilterHolder_; }
     void bpfFilterHolderIs(bpf_program program) { bpfFilterHolder_ = program; }
     bool initialized() const { return initialized_; }
@@ -83,7 +83,7 @@ class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
     bpf_program* bpfFilter_ = nullptr;
     bpf_program bpfFilterHolder_{};
     bool initialized_ = false;
-    mutable std::vector<uint8_t> joined_;  // The packet in two pieces that was last looked at.
+    mutable std::vector<uint8_t> joined_;  // The last packet that had two pieces.
 };
 
 /// A filter without a program.
@@ -92,21 +92,22 @@ PAVO_EXPORT Mox::Ptr<BpfFilter> bpfFilterFactory(Mox::String name);
 /// The most instructions that the `rxFilter` of an endpoint holds.
 constexpr uint32_t maxIpFilterInstructions = 256;
 
-/// Makes an expression a program for a raw IPv4 socket, to which a packet begins with its IP
-/// header; packets that pass are received whole. An empty expression passes all. The socket sees
-/// packets after reassembly, so none is a fragment to it.
+/// Compiles an expression for a raw IPv4 socket, whose packets begin with the IP header; packets
+/// that pass are received whole. An empty expression passes all packets. The socket receives
+/// packets after reassembly, so it sees no fragments.
 ///
-/// Returns an empty string and writes `*program`, or says what is wrong and leaves it: in libpcap's
-/// words, also of expressions about link layers, which such a packet does not have; or
-/// "N instructions, and a receive filter has 256 at most"; or "a loop, which the kernel does not
-/// take", which "protochain" is. Used on the thread of the event loop only.
+/// Returns an empty string and writes `*program`, or returns the error and leaves `*program`
+/// unchanged. The text is libpcap's, also for an expression about link layers, which such a packet
+/// does not have; or "N instructions, and a receive filter has 256 at most"; or "a loop, which the
+/// kernel does not take", which "protochain" compiles to. To be used on the thread of the event
+/// loop only.
 PAVO_EXPORT Mox::String ipFilterFromText(const Mox::String& expression,
                                          std::vector<IpFilter>* program);
 
-/// Makes an expression the `rxFilter` of an endpoint, in place of all instructions it had; a
-/// notification comes with each that differs. Returns what `ipFilterFromText` does, and leaves the
-/// endpoint as it is unless that is empty. A socket keeps the filter that is attached to it until
-/// the option `ipAttachFilter` is next switched on, or the endpoint enabled.
+/// Replaces the `rxFilter` of an endpoint by a compiled expression; each instruction that changes
+/// is notified. Returns what `ipFilterFromText` returns; after an error the endpoint is unchanged.
+/// A socket keeps the filter that is attached to it until the option `ipAttachFilter` is next
+/// switched on, or the endpoint enabled.
 PAVO_EXPORT Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam);
 
 }  // namespace Pavo

@@ -31,7 +31,7 @@ PamConnectorPam::~PamConnectorPam() {
 void PamConnectorPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     Mox::require(otherEnd_ != nullptr, "otherEnd()");
     Mox::require(pkt != nullptr, "pkt != __null");
-    // Whoever hears of this may drop or part the two.
+    // An observer may drop or part the two ends.
     const Mox::Ptr<PamConnectorPam> hold(this);
     const Mox::Ptr<PamConnectorPam> receiver(otherEnd_);
     if (receiver->inputQueueMembers() > receiver->maxBuffer_) {
@@ -64,7 +64,7 @@ void PamConnectorPam::otherEndIs(const Mox::Ptr<PamConnectorPam>& end) {
     if (end == otherEnd_) {
         return;
     }
-    // Both directions are changed before anybody hears of it.
+    // All ends are changed before the first observer is notified.
     const Mox::Ptr<PamConnectorPam> ends[] = {this, end, otherEnd_, end ? end->otherEnd_ : nullptr};
     const auto& [self, joined, left, leftByJoined] = ends;
     for (const Mox::Ptr<PamConnectorPam>& parted : {left, leftByJoined}) {
@@ -134,7 +134,7 @@ PamConnector::PamConnector(Mox::Clock* clock) : clock_(clock) {
     handleInitializedBase();
 }
 
-// The ends go after this object has forgotten them, since who hears of their parting may act.
+// The map is emptied first, since observers of the parting ends may do anything.
 PamConnector::~PamConnector() {
     notifieeList()->delAll();
     const auto ends = std::exchange(pam_, {});
@@ -200,7 +200,8 @@ void PamConnector::doScheduleEvent() {
     }
 }
 
-// Both numbers are taken before anybody is told, so that an answer never comes with its question.
+// Both numbers are taken before the first notification, so that an answer is announced by the next
+// event whichever end answers.
 void PamConnector::handleClock() {
     if (!initialized_) {
         return;
@@ -220,7 +221,7 @@ void PamConnector::announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packe
     }
     MOX_TRACE(facility, callLevel, "PamConnector: handleClock ", end->name(),
               ", total packets: ", packets);
-    // One that a receiver took out hears no more.
+    // An end that a receiver took out is not notified any more.
     for (; packets != 0 && end->connector_ == this; --packets) {
         end->readableCountIs(end->readableCount() + 1);
         MOX_TRACE(facility, callLevel, "PamConnector: handleClock ", end->name(),

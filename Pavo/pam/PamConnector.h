@@ -19,12 +19,12 @@ namespace Pavo {
 
 class PamConnector;
 
-/// One end of a connector. What is sent on it waits in the `inputQueue` of the other end, whose
-/// `readableCount` goes up when the connector's clock comes to it: a send never runs the receiver.
-/// Sender and receiver share the packet, without a copy.
+/// One end of a connector. A packet sent on it waits in the `inputQueue` of the other end, whose
+/// `readableCount` goes up at the next event of the connector's clock: a send never runs the
+/// receiver. Sender and receiver share the packet, without a copy.
 ///
-/// An end is always writable. What a full receiver drops is counted in the receiver's `rxDrops`
-/// only.
+/// An end is always writable. A packet that does not fit into the receiver's queue is counted in
+/// the receiver's `rxDrops` only.
 class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
   public:
     static constexpr Mox::Attribute<PamConnectorPam> otherEndAttr{8, "otherEnd"};
@@ -39,7 +39,7 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
                                 Mox::attribute(maxBufferAttr, &PamConnectorPam::maxBuffer));
     }
 
-    /// An end without another one; a connector makes its own two. `connector` is not held, and has
+    /// An end that is not joined; a connector makes its own two. `connector` is not held, and has
     /// to outlive an end that was not put into it.
     PamConnectorPam(Mox::String name, PamConnector* connector);
 
@@ -47,40 +47,42 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void doGetRxPkt() override;
 
-    /// Null for an end that was taken out of its connector, or that has survived it.
+    /// Null for an end that was taken out of its connector, or that outlived it.
     PamConnector* connector() const { return connector_; }
 
-    /// Where sent packets go; not held, and null once it has gone.
+    /// The receiver of sent packets; not held, and null after it was destroyed.
     Mox::Ptr<PamConnectorPam> otherEnd() const { return otherEnd_; }
-    /// Joins the two. Each leaves the end that it was joined to.
+    /// Joins the two, or with null parts this end from its other one. An end that one of them was
+    /// joined to before is then joined to none.
     void otherEndIs(const Mox::Ptr<PamConnectorPam>& end);
 
-    /// The packet that is just being sent, for observers; else null.
+    /// While observers are notified of a send, its packet; else null.
     const Mox::Ptr<Pkt>& peekPkt() const { return peekPkt_; }
     void peekPktIs(Mox::Ptr<Pkt> pkt) { attributeIs(peekPkt_, std::move(pkt), peekPktAttr); }
-    /// Packets sent through this end, those left out that were dropped.
+    /// Packets sent through this end, without those that were dropped.
     uint32_t peekPktCount() const { return peekPktCount_; }
     void peekPktCountIs(uint32_t count) { attributeIs(peekPktCount_, count, peekPktCountAttr); }
     uint32_t peekPktCountInc(uint32_t delta) {
         return attributeInc(peekPktCount_, delta, peekPktCountAttr);
     }
 
-    /// A packet is dropped where more than this many wait already: one more than this are kept.
+    /// A packet is dropped when more than this many wait already, so one more than this can wait.
     uint32_t maxBuffer() const { return maxBuffer_; }
     void maxBufferIs(uint32_t packets) { attributeIs(maxBuffer_, packets, maxBufferAttr); }
 
-    // The packets that wait to be received. Of them `readableCount` tells, and nothing else.
+    // The packets that wait to be received. Changes of the queue are not notified; `readableCount`
+    // announces its packets.
 
     /// Their number.
     uint32_t inputQueueMembers() const { return static_cast<uint32_t>(inputQueue_.size()); }
     /// The packet of that index, or null. Indices run on from 0 and wrap after 2^32 - 1.
     Mox::Ptr<Pkt> inputQueue(uint32_t index) const;
-    /// Adds a packet behind the others, whatever `maxBuffer` says, and returns its index. It is
-    /// announced with the next packet that is sent.
+    /// Appends a packet, whatever `maxBuffer` is, and returns its index. It is announced with the
+    /// next packet that is sent.
     uint32_t inputQueueEnq(Mox::Ptr<Pkt> pkt);
-    /// Takes the first packet, null where there is none.
+    /// Removes and returns the first packet, or null.
     Mox::Ptr<Pkt> inputQueueDeq();
-    /// The first and the last packet; null where there is none.
+    /// The first and the last packet, or null.
     Mox::Ptr<Pkt> inputQueueFront() const;
     Mox::Ptr<Pkt> inputQueueBack() const;
     void inputQueueDel(uint32_t index);
@@ -99,7 +101,7 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
     using InputQueue = std::deque<QueuedPkt>;
 
     InputQueue::const_iterator find(uint32_t index) const;
-    // Forgets the connector and the other end, unless it has come to another connector.
+    // Clears connector and other end, unless this end belongs to another connector by now.
     void leave(const PamConnector* connector);
 
     PamConnector* connector_;
@@ -111,17 +113,19 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
     uint32_t maxBuffer_ = 1024;
 };
 
-/// Two ends, "pam0" and "pam1": a packet sent on one is received on the other. So two users of
-/// packets meet in one process, such as a protocol machine and the peer that a test simulates.
+/// Two ends, "pam0" and "pam1": a packet sent on one is received on the other. It connects two
+/// users of packets in one process, such as a protocol machine and a simulated peer.
 ///
 /// Packets are announced by one event of the clock, 2^-10 seconds after the first of them was sent:
-/// each packet that then waits bumps `readableCount` once, those at "pam0" first. What receivers
-/// send while they are told is announced by the next event. An exception from a receiver passes
-/// through the clock, and what was not announced is announced with the next packet sent.
+/// `readableCount` goes up by one for each packet that waits at that moment, first at "pam0", then
+/// at "pam1". Packets that receivers send while they are notified are announced by the next event.
+/// An exception from a receiver passes through the clock; packets not yet announced are announced
+/// with the next packet sent.
 ///
-/// The connector holds the ends, and they do not hold it: agents hold what they use of the three.
-/// An end that is taken out, or outlives the connector, is joined to nothing. All of them may be
-/// dropped and taken out while a packet is announced. One thread uses a connector and its clock.
+/// The connector holds the ends, and the ends do not hold the connector: an agent holds those of
+/// the three that it uses. An end that is taken out, or outlives the connector, is joined to none.
+/// Observers may drop the ends and the connector, and take ends out, while a packet is announced.
+/// One thread uses a connector and its clock.
 class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
   public:
     static constexpr Mox::Attribute<PamConnector, Mox::String> pamAttr{0, "pam"};
@@ -139,16 +143,15 @@ class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
     /// Seconds from a send to the event that announces it.
     static constexpr double deliverySeconds = 0.0009765625;
 
-    /// Both ends are there when it returns. The clock has to outlive the connector, or to be
-    /// removed from it.
+    /// Makes both ends. The clock has to outlive the connector, or to be removed from it.
     explicit PamConnector(Mox::Clock* clock);
 
     /// The end of that name, or null.
     Mox::Ptr<PamConnectorPam> pam(const Mox::String& name) const;
     const Mox::Map<Mox::String, Mox::Ptr<PamConnectorPam>>& pam() const { return pam_; }
-    /// Puts an end in under its name, in place of one that is there; it is joined to none by this.
+    /// Puts an end in under its name, replacing an end of that name; this does not join it.
     void pamIs(const Mox::Ptr<PamConnectorPam>& end);
-    /// Takes an end out. It can still be read, and is joined to nothing.
+    /// Takes an end out. Its packets can still be read; it is joined to none.
     void pamDel(Mox::String name);
     void pamDelAll();
 
@@ -170,7 +173,7 @@ class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
         attributeIs(separateVlanTagHdr_, separate, separateVlanTagHdrAttr);
     }
 
-    /// Sees to it that waiting packets are announced, unless that is under way.
+    /// Schedules the event that announces waiting packets, unless one is pending.
     /// @pre initialized (assertion "initialized()").
     void doScheduleEvent();
 

@@ -1,5 +1,5 @@
 /// @file
-/// Threads that stand beside the event loop and do what may block.
+/// Threads beside the event loop, for work that may block.
 #pragma once
 
 #include <pthread.h>
@@ -8,11 +8,12 @@
 
 namespace Pavo {
 
-/// Starts a thread called `name` (at most 15 bytes) that runs `run(argument)`. It takes no signals,
-/// so that those of the process go on reaching the threads that wait for them, and it runs in the
-/// network namespace in which the process started, so that it keeps no other one alive.
+/// Starts a thread called `name` (at most 15 bytes) that runs `run(argument)`. It blocks all
+/// signals except those of its own faults, so that signals of the process still reach the threads
+/// that wait for them. It runs in the network namespace in which the process started, so that it
+/// keeps no other namespace alive.
 ///
-/// Returns 0, or what pthread_create(3) returned; `errno` stays as it was. The caller joins or
+/// Returns 0, or the error number of pthread_create(3); `errno` is unchanged. The caller joins or
 /// detaches the thread.
 PAVO_EXPORT int startServiceThread(pthread_t* thread, const char* name, void (*run)(void*),
                                    void* argument);

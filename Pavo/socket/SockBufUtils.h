@@ -19,12 +19,13 @@ struct SockOpt {
 inline constexpr SockOpt sendBufferOpt{"SO_SNDBUF", SO_SNDBUFFORCE, SO_SNDBUF};
 inline constexpr SockOpt receiveBufferOpt{"SO_RCVBUF", SO_RCVBUFFORCE, SO_RCVBUF};
 
-/// Sets `opt` to `value`, in bytes, with the primary option, and where that fails with the
-/// fallback. Returns 0, or the fallback's result with its `errno`.
+/// Sets `opt` to `value`, in bytes, with the primary option; if that fails, with the fallback.
+/// Returns 0, or the fallback's result with its `errno`.
 PAVO_EXPORT int setOptWithFallback(int fd, int value, SockOpt opt);
 
-/// Sets the send and then the receive buffer, in bytes; -1 leaves one as it is. Returns 0, or the
-/// first failing result with `errno`; what follows it is then not tried.
+/// Sets the sizes of the send buffer and then of the receive buffer, in bytes; -1 leaves a size
+/// unchanged. Returns 0, or the first failing result with `errno`: when the send buffer fails, the
+/// receive buffer is not tried.
 PAVO_EXPORT int setSocketBufferSize(int fd, int sndBuf, int rcvBuf);
 
 }  // namespace Pavo

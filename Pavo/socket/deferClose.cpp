@@ -14,12 +14,11 @@ namespace {
 Mox::TraceFacility facility("Pavo::deferClose");
 
 // A ring with one producer and one consumer. The producer writes a slot, then `queued`, then posts;
-// the consumer waits, reads the slot, then writes `closedByThread`, by which the slot is free
-// again.
+// the consumer waits, reads the slot, closes, then writes `closedByThread`, which frees the slot.
 constexpr uint32_t maxQueued = 512;
 static_assert((maxQueued & (maxQueued - 1)) == 0, "the counters wrap at a power of two");
 
-// All of static storage and never destroyed: the thread is still there when the process ends.
+// Never destroyed, since the thread still runs when the process ends.
 constinit int queue[maxQueued] = {};
 constinit DeferCloseStats stats;
 constinit sem_t waiting = {};
@@ -28,7 +27,7 @@ constinit bool closerStarted = false;
 void closer(void*) {
     for (;;) {
         if (sem_wait(&waiting) != 0) {
-            continue;  // EINTR: a debugger, or a stop and a continue.
+            continue;  // EINTR, from a debugger or a stopped process that continues.
         }
         const uint32_t closed = stats.closedByThread.load(std::memory_order_relaxed);
         (void)close(queue[closed % maxQueued]);
@@ -36,7 +35,7 @@ void closer(void*) {
     }
 }
 
-// Returns whether the thread runs.
+// Returns whether the thread was started.
 bool startCloser() {
     const Mox::ErrnoKeeper errnoKeeper;
     (void)sem_init(&waiting, /*pshared=*/0, /*value=*/0);

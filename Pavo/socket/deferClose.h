@@ -9,26 +9,25 @@
 
 namespace Pavo {
 
-/// How many descriptors took which way. Any thread may read; the counters wrap. What is still
-/// waiting to be closed is `queued - closedByThread`.
+/// Counts descriptors by the way in which they were closed. Any thread may read; the counters wrap.
+/// `queued - closedByThread` descriptors are waiting.
 struct DeferCloseStats {
-    std::atomic<uint32_t> queued = 0;          ///< Handed to the closer thread.
-    std::atomic<uint32_t> closedByThread = 0;  ///< Closed by it, or refused by the kernel.
-    std::atomic<uint32_t> closedAtOnce =
-        0;  ///< Closed by the caller, for want of a free slot or of the thread.
+    std::atomic<uint32_t> queued = 0;          ///< Passed to the closer thread.
+    std::atomic<uint32_t> closedByThread = 0;  ///< Closed by it, whatever close(2) returned.
+    std::atomic<uint32_t> closedAtOnce = 0;  ///< Closed by the caller: no free slot, or no thread.
 };
 static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_lock_free);
 
-/// Closes `fd` soon, without making the caller wait: the close of a socket with data still to send
-/// can block in the kernel. Descriptors are closed in the order in which they came, by one thread
-/// that the first call starts; up to 512 may wait. What the kernel answers there is ignored.
+/// Closes `fd` soon, without making the caller wait: the close of a socket with unsent data can
+/// block in the kernel. The first call starts a thread, which closes descriptors in the order of
+/// the calls and ignores errors of close(2); up to 512 may wait.
 ///
-/// Returns 0; or, where 512 are waiting, or no thread could be started, closes `fd` at once and
-/// returns what close(2) returned, with its `errno`.
+/// Returns 0. When 512 are waiting, or the thread could not be started, it closes `fd` at once and
+/// returns the result of close(2), with its `errno`.
 ///
 /// To be called from one thread only, the one that runs the event loop. The closer thread runs in
-/// the network namespace in which the process started, so that it keeps no other one alive, and
-/// takes no signals. A child of fork(2) does not inherit it and is not to call this.
+/// the network namespace in which the process started, so that it keeps no other namespace alive,
+/// and blocks signals. A child of fork(2) does not inherit the thread and must not call this.
 PAVO_EXPORT int deferClose(int fd);
 
 /// The counters of the process.

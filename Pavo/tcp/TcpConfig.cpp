@@ -6,7 +6,7 @@ namespace Pavo {
 
 namespace {
 
-// In the order of their bits.
+// In the order of the bits.
 constexpr std::string_view optionNames[] = {
     "TxTtl", "TxDs", "RxMinTtl", "Md5Auth", "SockMaxSegSize", "PathMtuDiscovery", "DontRoute",
 };

@@ -33,7 +33,7 @@ End endFrom(const sockaddr_storage& name) {
     return {addr, ntohs(v6.sin6_port), v6.sin6_scope_id};
 }
 
-// Asks getsockname(2) or getpeername(2), which are alike.
+// Calls `ask`, which is getsockname(2) or getpeername(2).
 template <class Ask>
 std::optional<End> endOf(const TcpFileDescriptor& fd, const char* askName, Ask ask) {
     sockaddr_storage name{};

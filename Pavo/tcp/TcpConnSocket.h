@@ -1,5 +1,5 @@
 /// @file
-/// An established TCP connection, as it is handed over.
+/// An established TCP connection, as a machine hands it over.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 
-/// A descriptor is printed; it cannot be read back.
+/// A descriptor has a text form that cannot be read back.
 template <>
 struct Mox::Codec<Mox::Ptr<Pavo::TcpFileDescriptor>> {
     static void print(TextWriter& out, const Ptr<Pavo::TcpFileDescriptor>& fd) {
@@ -24,8 +24,8 @@ struct Mox::Codec<Mox::Ptr<Pavo::TcpFileDescriptor>> {
 
 namespace Pavo {
 
-/// An established connection: its descriptor, which this value shares, and both its ends, of which
-/// "src" is the local one. The default value is empty and stands for none.
+/// An established connection: its descriptor, which this value shares, and its two ends; "src" is
+/// the local one. The default value is empty and stands for no connection.
 class TcpConnSocket : public Mox::ValueType<TcpConnSocket> {
   public:
     TcpConnSocket() = default;
@@ -73,13 +73,13 @@ class TcpConnSocket : public Mox::ValueType<TcpConnSocket> {
     uint32_t ifIndex_ = 0;
 };
 
-/// The connection that `fd` has made to a server, with the local end as the kernel tells it; empty,
-/// with `errno` set, where it does not.
+/// The connection that `fd` has made to a server, with the local end from the kernel; empty, with
+/// `errno` set, on failure.
 PAVO_EXPORT TcpConnSocket socketConnected(const Mox::Ptr<TcpFileDescriptor>& fd,
                                           const IpGenAddr& serverAddr, const Port& serverPort);
-/// The connection that was accepted as `fd`, with both ends as the kernel tells them; empty, with
-/// `errno` set, where it does not: ENOTCONN when the peer has reset it already. An IPv4 peer of an
-/// IPv6 listener is told by its v4-mapped address.
+/// The connection that was accepted as `fd`, with both ends from the kernel; empty, with `errno`
+/// set, on failure: ENOTCONN when the peer has already reset it. An IPv4 peer of an IPv6 listener
+/// has its v4-mapped address.
 PAVO_EXPORT TcpConnSocket socketAccepted(const Mox::Ptr<TcpFileDescriptor>& fd);
 
 }  // namespace Pavo
