@@ -1,5 +1,5 @@
 /// @file
-/// Writing down what passes an interface, for tshark(1) and its kin.
+/// Captures the packets of an interface, for tshark(1) and others.
 #pragma once
 
 #include <memory>
@@ -7,14 +7,14 @@
 
 namespace Demo {
 
-/// Listens on an interface of a namespace from the beginning, and writes what it heard when asked.
+/// Captures on an interface of a namespace from its construction on; `write` writes the packets.
 class Capture {
   public:
     /// @throws std::runtime_error with libpcap's text.
     Capture(const std::string& netNs, const std::string& interface);
     ~Capture();
 
-    /// Writes all packets heard so far to a pcap file; returns how many.
+    /// Writes all packets captured so far to a pcap file; returns how many.
     /// @throws std::runtime_error with libpcap's text.
     unsigned write(const std::string& path);
 

@@ -95,7 +95,7 @@ Options readOptions(int argc, char** argv) {
 
 const Pavo::IpAddr rightAddress(0xc0000202);  // 192.0.2.2, an address for documentation.
 
-// An exchange: who asks whom, and how wide addresses are printed.
+// An exchange: its two ends, and the width in which addresses are printed.
 struct Round {
     const char* title;
     Pavo::IpGenAddr from;
@@ -104,15 +104,15 @@ struct Round {
     int width;
 };
 const Round rounds[] = {
-    {"IPv4, with headers of the agent's making", Pavo::IpAddr(0xc0000201), rightAddress, "", 11},
+    {"IPv4, with headers that the agent makes", Pavo::IpAddr(0xc0000201), rightAddress, "", 11},
     {"IPv6, to a link-local address", Pavo::Ip6Addr(0xfe80000000000000, 1),
      Pavo::Ip6Addr(0xfe80000000000000, 2), "veth-left", 26},
     {"IPv6, to the group of all nodes", Pavo::Ip6Addr(0xfe80000000000000, 1), Pavo::ip6AddrAllNodes,
      "veth-left", 26},
 };
 
-// The name of an interface of a namespace, which has names and indices of its own. Looked up once,
-// so that printing takes no time from the packets that follow.
+// The name of an interface in a namespace, which has names and indices of its own. Looked up once,
+// so that printing does not delay the packets that follow.
 const std::string& interfaceName(const std::string& netNs, uint32_t index) {
     static std::map<std::pair<std::string, uint32_t>, std::string> known;
     const auto [it, isNew] = known.try_emplace({netNs, index}, "?");
@@ -138,8 +138,8 @@ void printRow(const Round& round, const char* what, const char* netNs, const Ech
 
 void printCounters(const Pavo::RawIpPam& pam) {
     std::printf(
-        "%-14s readable %u, writable %u, received %llu, read errors %u, sent %llu, send errors %u, "
-        "drops %u\n",
+        "%-14s readable %u, writable %u, received %llu, empty or failed reads %u, sent %llu, "
+        "send errors %u, drops %u\n",
         pam.name().c_str(), pam.readableCount(), pam.writableCount(),
         static_cast<unsigned long long>(pam.rxPktCount()), pam.rxErrors(),
         static_cast<unsigned long long>(pam.txPktCount()), pam.txErrors(), pam.txDrops());

@@ -1,5 +1,5 @@
 /// @file
-/// How fast an endpoint takes packets in: one a call, and in batches.
+/// How fast an endpoint receives packets, one for each call and in batches.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +9,14 @@
 
 namespace Demo {
 
-/// Packets per second of reading, the sending not counted.
+/// Packets per second, the time of sending not counted.
 struct ReceiveRates {
     double single;
     double bulk;
 };
 
 /// Sends bursts of small packets from one namespace to an address in another, and reads them there,
-/// in turn with `rxPkt` and with `rxPktBulk`.
+/// alternately with `rxPkt` and with `rxPktBulk`.
 /// @throws std::runtime_error when a packet of a burst does not arrive.
 ReceiveRates measureReceiveRates(const Pavo::NamespaceName& from, const Pavo::NamespaceName& at,
                                  const Pavo::IpAddr& address);

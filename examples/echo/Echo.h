@@ -1,5 +1,5 @@
 /// @file
-/// What the agents that speak ICMP echo have in common, for both families.
+/// Functions that the ICMP echo agents share, for both families.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace Echo {
 
-/// What the endpoint said of a packet, and what its headers hold.
+/// A received packet: what the endpoint reported, and the fields of its headers.
 struct Packet {
     Pavo::IpGenAddr from;
     Pavo::IpGenAddr to;
@@ -19,7 +19,7 @@ struct Packet {
     bool isRequest;
     uint16_t id;
     uint16_t sequence;
-    /// Of the IP header in front, which IPv6 packets come without.
+    /// The bytes of the IP header; 0 for IPv6, whose packets come without one.
     uint32_t headerBytes;
     uint32_t bytes;
 };
@@ -28,16 +28,16 @@ struct Packet {
 Mox::Ptr<Pavo::RawIpPam> newPam(const char* name, Pavo::AddressFamily family,
                                 const Pavo::NamespaceName& netNs);
 
-/// Puts the header of an echo message in front of the payload; the checksum of an IPv6 one is left
-/// to the kernel.
+/// Prepends the header of an echo request to the payload. The kernel fills in the checksum of
+/// ICMPv6.
 void addHeader(const Mox::Ptr<Pavo::Pkt>& pkt, Pavo::AddressFamily family, uint16_t id,
                uint16_t sequence);
 
-/// Reads the packet that the endpoint gave last; nothing unless it is a sound echo message. An
-/// ICMP socket hears every kind of message.
+/// Reads the packet that the endpoint returned last; nothing unless it is a valid echo message. An
+/// ICMP socket receives every kind of message.
 std::optional<Packet> readPacket(const Mox::Ptr<Pavo::Pkt>& pkt, const Pavo::RawIpPam& pam);
 
-/// Makes the answer of a request, in place, without an IP header.
+/// Turns a request into its answer, in place, without an IP header.
 void makeAnswer(const Mox::Ptr<Pavo::Pkt>& pkt, const Packet& request);
 
 }  // namespace Echo

@@ -23,11 +23,11 @@ EchoRequester::EchoRequester(const Config& config, Mox::Clock* clock,
     pam_->txTTLIs(requestTtl);
     pam_->txTOSIs(requestTos);
     pam_->enabledIs(true);
-    pam_->optionsIs(options);  // Its own kernel shall not answer what goes to a group.
+    pam_->optionsIs(options);  // Keeps its own kernel from answering requests to a group.
     next_.expiryIs(clock_->now());
 }
 
-// A packet is built from its end to its front: each layer prepends its header to what is there.
+// A packet is built from the payload to the front: each layer prepends its header.
 Mox::Ptr<Pavo::Pkt> EchoRequester::newRequest(uint16_t sequence) const {
     const Mox::Ptr<Pavo::Pkt> pkt = Pavo::pktFactory();
     uint8_t* payload = pkt->newSharedHeadData(config_.payloadBytes);

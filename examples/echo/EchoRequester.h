@@ -12,9 +12,8 @@
 
 namespace Echo {
 
-/// Sends ICMP echo requests to one address, at intervals, and tells of every answer. Requests of
-/// IPv4 have an IP header of its own making; that of IPv6 is the kernel's, with the same TTL and
-/// TOS.
+/// Sends ICMP echo requests to one address, at intervals, and reports each answer. It makes the IP
+/// header of IPv4 requests itself; for IPv6 the kernel does, with the same TTL and TOS.
 class EchoRequester {
   public:
     static constexpr uint8_t requestTtl = 61;
@@ -22,10 +21,10 @@ class EchoRequester {
 
     struct Config {
         Pavo::NamespaceName netNs;
-        /// Both of one family.
+        /// Of the same family.
         Pavo::IpGenAddr from;
         Pavo::IpGenAddr to;
-        /// The interface to send on, where the address does not tell; else empty.
+        /// The interface to send on, for an address that needs one; else empty.
         Mox::String ifName;
         uint16_t count;
         double intervalSeconds;
@@ -33,7 +32,7 @@ class EchoRequester {
     };
 
     /// Opens the endpoint and sends the first request in the next turn of the loop; `answered` is
-    /// told of each answer and of the seconds it took.
+    /// called with each answer and the round trip in seconds.
     /// @throws Mox::ErrnoException naming the call that failed.
     EchoRequester(const Config& config, Mox::Clock* clock,
                   std::function<void(const Packet&, double seconds)> answered);

@@ -13,15 +13,15 @@ EchoResponder::EchoResponder(Pavo::AddressFamily family, const Pavo::NamespaceNa
     pam_->enabledIs(true);  // Opens the socket; the first read attempt follows at once.
 }
 
-// One packet a report: while more waits, the loop reports again.
+// Reads one packet for each report: while more wait, the loop reports again.
 void EchoResponder::answerOne() {
     const Mox::Ptr<Pavo::Pkt> pkt = pam_->rxPkt();
     const auto request = pkt ? readPacket(pkt, *pam_) : std::nullopt;
     if (!request || !request->isRequest) {
         return;
     }
-    // The request becomes the answer; the kernel writes the new IP header. A group is nobody's
-    // source, and a link-local address means something on its own link only.
+    // The request becomes the answer; the kernel writes the new IP header. A group cannot be the
+    // source of a packet, and a link-local address needs the interface of its link.
     makeAnswer(pkt, *request);
     pam_->txSrcIpAddrIs(request->to.isMulticast() ? Pavo::IpGenAddr() : request->to);
     pam_->txDstIpAddrIs(request->from);

@@ -11,12 +11,12 @@
 namespace Echo {
 
 /// Answers the ICMP echo requests of a family that arrive in one network namespace, with a TTL of
-/// its own, so that its answers can be told from those of the kernel, which answers too.
+/// its own, which distinguishes its answers from those of the kernel, which answers too.
 class EchoResponder {
   public:
     static constexpr uint8_t answerTtl = 255;
 
-    /// Opens the endpoint; `seen` is told of each request that was answered.
+    /// Opens the endpoint; `seen` is called with each request that was answered.
     /// @throws Mox::ErrnoException naming the call that failed.
     EchoResponder(Pavo::AddressFamily family, const Pavo::NamespaceName& netNs,
                   std::function<void(const Packet&)> seen);

@@ -34,7 +34,7 @@ PeerSession::PeerSession(const SpeakerConfig& config, Mox::Ptr<Pavo::TcpFileDesc
     heardNow();
 }
 
-// A packet is built from its end to its front: the header is prepended to the body.
+// A packet is built from the body to the front: the header is prepended.
 bool PeerSession::send(MsgType type, const std::string& body) {
     if (!pam_->writable()) {
         return false;
@@ -57,7 +57,7 @@ void PeerSession::updatesToSendInc(uint32_t count) {
     sendUpdates();
 }
 
-// As long as there is room; the rest follows when the endpoint says that there is again.
+// Stops when there is no room; the rest follows when the endpoint reports room.
 void PeerSession::sendUpdates() {
     while (state_ == State::established && updatesToSend_ != 0 &&
            send(MsgType::update, updateBody)) {
@@ -66,13 +66,13 @@ void PeerSession::sendUpdates() {
     }
 }
 
-// Without room the peer is busy reading what is under way, and hears from us by that.
+// Without room the peer still has messages to read, which keep the session up as well.
 void PeerSession::sendKeepAlive() {
     keepAliveTimer_.expiryIs(wheel_->now() + config_.holdSeconds / 3.0);
     send(MsgType::keepAlive);
 }
 
-// One message a report: while more wait, the endpoint reports again.
+// Reads one message for each report: while more wait, the endpoint reports again.
 void PeerSession::receive() {
     const Mox::Ptr<Pavo::Pkt> pkt = pam_->rxPkt();
     if (!pkt || state_ == State::ended) {
@@ -115,7 +115,7 @@ const char* PeerSession::take(const MsgHdr& header, uint32_t bytes) {
     }
 }
 
-// Both ends hold for the shorter of their times.
+// Both ends use the shorter of the two hold times.
 void PeerSession::establish(const MsgHdr& open) {
     peer_ = open.speaker();
     config_.holdSeconds = std::min(config_.holdSeconds, open.holdSeconds());

@@ -13,19 +13,19 @@
 
 namespace Session {
 
-/// What both ends of every session of a speaker have in common.
+/// What all sessions of a speaker share.
 struct SpeakerConfig {
     uint32_t speaker;
-    /// Silence of the peer for longer ends a session; a third of it is the interval of our own
-    /// keep-alives.
+    /// When the peer sends nothing for longer, the session ends; keep-alives are sent at a third of
+    /// it.
     uint16_t holdSeconds;
 };
 
-/// A session: says open, is established when it has heard the peer's, and then sends and receives
-/// updates until it ends. It ends with the stream, with a notification, with a message that makes
-/// no sense, and with the peer's silence: TCP alone would not notice a dead wire for many minutes.
-/// The kernel's keep-alive probes (1 s idle, then 2 probes 1 s apart) find a peer that has gone
-/// while nothing is under way, and the hold timer finds it in any case.
+/// A session: sends an open message, is established when it receives the peer's, and then sends and
+/// receives updates until it ends. It ends with the stream, a notification, an invalid message, or
+/// when the hold time passes without a message: TCP alone would not notice a dead wire for many
+/// minutes. The kernel's keep-alive probes (1 s idle, then 2 probes 1 s apart) find a dead peer of
+/// an idle connection, and the hold timer finds it in any case.
 class PeerSession {
   public:
     enum class State { opening, established, ended };
@@ -36,8 +36,8 @@ class PeerSession {
         uint32_t keepAlivesReceived = 0;
     };
 
-    /// Told of each new state, with the reason of an end. From inside it the session may not be
-    /// destroyed; the first call may come before the constructor returns.
+    /// Called with each new state, and with the reason of an end. It may not destroy the session;
+    /// the first call may come before the constructor returns.
     using Changed = std::function<void(const PeerSession& session, const std::string& reason)>;
 
     /// Sends the open message.
@@ -49,7 +49,7 @@ class PeerSession {
     const Counters& counters() const { return counters_; }
     uint32_t peer() const { return peer_; }
 
-    /// Sends that many updates, as fast as the peer takes them.
+    /// Sends that many more updates, as fast as the peer receives them.
     void updatesToSendInc(uint32_t count);
 
   private:

@@ -10,8 +10,8 @@
 namespace Session {
 
 enum class MsgType : uint32_t {
-    open = 1,          ///< says who speaks and how long silence may last
-    keepAlive = 2,     ///< breaks the silence
+    open = 1,          ///< carries the speaker's number and its hold time
+    keepAlive = 2,     ///< restarts the peer's hold timer
     update = 3,        ///< numbered from 1; carries a body
     notification = 4,  ///< ends the session; the body says why
 };
@@ -23,7 +23,7 @@ constexpr auto enumDescription(MsgType) {
                                                          {MsgType::notification, "notification"}});
 }
 
-/// What every message begins with, in network byte order:
+/// The header of every message, in network byte order:
 ///
 ///      0                   1                   2                   3
 ///     +---------------+---------------+-------------------------------+
@@ -43,7 +43,7 @@ class MsgHdr {
 
     uint8_t version() const { return version_; }
     void versionIs(uint8_t version) { version_ = version; }
-    /// Any byte may be there: it reads as that number.
+    /// An unknown type reads as its number.
     MsgType type() const { return static_cast<MsgType>(type_); }
     void typeIs(MsgType type) { type_ = static_cast<uint8_t>(type); }
     uint16_t lengthBytes() const { return length_.value(); }

@@ -7,7 +7,7 @@ namespace Session {
 
 namespace {
 
-// Configured before a machine sees it: to a server each new key is a reason to listen anew.
+// Configured before the machine is made, since a listener restarts at each new key.
 template <class Config>
 Mox::Ptr<Config> configured(const Mox::Ptr<Config>& config, const Place& place) {
     config->networkNamespaceIs(place.netNs);
@@ -79,7 +79,7 @@ ClientSpeaker::~ClientSpeaker() {
     client_->stopConnection();
 }
 
-// The stream is closed when session, machine and status have let go of it.
+// The stream closes when session, machine and status have all dropped it.
 void ClientSpeaker::handleEnd() {
     drop();
     client_->stopConnection();

@@ -14,27 +14,27 @@
 
 namespace Session {
 
-/// Where a speaker is and whom it speaks to.
+/// The addresses of a speaker and its peer.
 struct Place {
     Pavo::NamespaceName netNs;
     Pavo::IpGenAddr local;
     Pavo::IpGenAddr peer;
     Pavo::Port port;
-    /// Signs every segment (RFC 2385); both ends have the same one.
+    /// The key that signs every segment (RFC 2385); both ends have the same.
     Mox::String md5Key;
 };
 
-/// Told of what a speaker does, a line each.
+/// Called with a line of text for each event of a speaker.
 using Log = std::function<void(const std::string& line)>;
 
-/// What both speakers do: they keep at most one session at a time, and accept only segments of the
-/// peer's key that crossed no router (GTSM, RFC 5082).
+/// What both speakers share: they have at most one session at a time, and accept only segments that
+/// are signed with the key and crossed no router (GTSM, RFC 5082).
 class Speaker {
   public:
     Speaker(const Speaker&) = delete;
     Speaker& operator=(const Speaker&) = delete;
 
-    /// The session under way, or the last one; null before the first.
+    /// The present session, or the last one; null before the first.
     const PeerSession* session() const { return session_.get(); }
     bool isEstablished() const {
         return session_ && session_->state() == PeerSession::State::established;
@@ -51,7 +51,7 @@ class Speaker {
     void start(const Pavo::TcpConnSocket& connection);
     void drop();
     void log(const std::string& line) const { log_(line); }
-    /// The session has ended; called from the loop, where it may be dropped.
+    /// Called from the loop after the session has ended; may destroy it.
     virtual void handleEnd() = 0;
 
     SpeakerConfig speakerConfig_;
@@ -69,8 +69,8 @@ class Speaker {
     Keel::Timer ending_;
 };
 
-/// Connects, and connects again when the session has ended: while there is no connection the TCP
-/// machine retries with back-off, but that an established one is dead only the session notices.
+/// Connects, and connects again after the session has ended. Without a connection the TCP machine
+/// retries with back-off; only the session notices that an established connection is dead.
 class ClientSpeaker : public Speaker {
   public:
     ClientSpeaker(const SpeakerConfig& config, const Place& place, Mox::EventLoop* loop,
@@ -89,7 +89,7 @@ class ClientSpeaker : public Speaker {
     Mox::Watch<Pavo::TcpClientStatus> statusWatch_;
 };
 
-/// Listens; a new connection takes the place of the session before.
+/// Listens; a new connection replaces the session.
 class ServerSpeaker : public Speaker {
   public:
     ServerSpeaker(const SpeakerConfig& config, const Place& place, Mox::EventLoop* loop,
@@ -97,8 +97,7 @@ class ServerSpeaker : public Speaker {
     ~ServerSpeaker();
 
     const Pavo::TcpServerStatus& status() const { return *status_; }
-    /// Stops listening and ends the session, as a program does that is restarted; and listens
-    /// again.
+    /// Stops listening and ends the session, as a restarted program does; and listens again.
     void stop();
     void start();
 

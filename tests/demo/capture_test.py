@@ -3,7 +3,7 @@
 
 usage: capture_test.py DEMO
 
-tshark is nobody's code here: with its checksum checks switched on it must find every frame of the
+With its checksum checks switched on, tshark, an independent program, must find every frame of the
 capture good, and of a frame that is broken on purpose it must say so.
 """
 
@@ -34,7 +34,7 @@ def statuses(path, field):
 
 
 def first_packet(image, types, type_at, ether_type):
-    """The offset of the first packet with a message of one of the types, behind the frame's header.
+    """The offset of the first packet with a message of one of the types, after the frame's header.
     """
     at = FILE_HEADER
     while at < len(image):
