@@ -11,6 +11,7 @@
 #include "Mox/Assert.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Mox/Trace.h"
 
 namespace Mox {
 
@@ -57,6 +58,7 @@ int FileDescriptor::giveUp() {
 
 void FileDescriptor::closeNumber(int number) {
     if (ownership_ == Ownership::owned && number >= 0) {
+        const ErrnoKeeper keeper;
         (void)::close(number);  // Linux frees the number whatever it returns.
     }
 }

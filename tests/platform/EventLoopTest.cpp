@@ -284,6 +284,11 @@ TEST_F(EventLoopTest, ClosesWhatItOwnsThenNotifiesOfTheInterestsThatWereOn) {
             EXPECT_EQ(::close(number) == 0, staysOpen);
         }
     }
+    Fd closed = fileDescriptorFactory(eventNumber());
+    ::close(closed->descriptor());
+    errno = ERANGE;
+    closed = nullptr;  // Its close fails.
+    EXPECT_EQ(errno, ERANGE);
 }
 
 TEST_F(EventLoopTest, AChangeThatTheKernelRefusesLeavesAllAsItWasAndInterestCanAlwaysEnd) {
