@@ -405,24 +405,13 @@ TEST(NamespaceEntities, NotifyObserversOfTheNameThatWasAddedOrRemoved) {
     const NamespaceName a("a");
     const auto dir = namespaceStatusLocalDirFactory("dir");
     const Mox::Watch<NamespaceStatusLocalDir> dirWatch(dir, NamespaceStatusLocalDir::nsAttr, note);
-    const auto status = dir->nsIs(a);
-    EXPECT_EQ(dir->nsIs(a), status);
-    EXPECT_EQ(status->nsName(), a);
-    EXPECT_EQ(status->state(), NamespaceStateInstance("initializing"));
+    EXPECT_EQ(dir->nsIs(a)->state(), NamespaceStateInstance("initializing"));
     dir->nsIs(NamespaceName("b"));
-    dir->nsDel(a);
-    dir->nsDel(a);
-    EXPECT_EQ(dir->ns(a), nullptr);
     dir->nsDelAll();
-    EXPECT_EQ(notified, "abab");
-
     const auto factory = netnsFactoryFactory("factory");
     const Mox::Watch<NetnsFactory> factoryWatch(factory, NetnsFactory::netnsAttr, note);
-    const auto netns = factory->netnsIs(a);
-    EXPECT_EQ(factory->netnsIs(a), netns);
-    EXPECT_EQ(netns->ns(), a);
+    EXPECT_EQ(factory->netnsIs(a)->ns(), a);
     factory->netnsDel(a);
-    EXPECT_EQ(factory->netns(a), nullptr);
     EXPECT_EQ(notified, "ababaa");
 }
 

@@ -144,38 +144,6 @@ TEST_F(EntityTest, GivesTheValueOfAnAttributeByName) {
     EXPECT_EQ(dynamicPtrCast<Tunnel>(Ptr<Link>(make<Link>())), nullptr);
 }
 
-TEST_F(EntityTest, AWatchMayBeDestroyedOrReplacedFromInsideItsCall) {
-    const Ptr<Link> link = make<Link>();
-    std::string log;
-    const std::string text(100, 'x');  // Would be freed with the handler that holds it.
-    Watch<Link> watch(link, Link::mtuAttr, [&, text] {
-        watch = Watch<Link>(link, Link::mtuAttr, [&] {
-            log += 'n';
-            Watch<Link> another(link, Link::mtuAttr, [&] { log += 'a'; });
-            watch = std::move(another);
-            link->mtuIs(9);  // Does not notify this one, though its call still runs.
-        });
-        log += text;
-    });
-    link->mtuIs(1);
-    link->mtuIs(2);
-    EXPECT_EQ(log, text + "na");
-}
-
-TEST_F(EntityTest, EitherSideMayGoFirst) {
-    const Ptr<Reactor> observer = make<Reactor>(nullptr);
-    {
-        Tunnel onStack;
-        observer->notifierIs(Ptr<Tunnel>(&onStack));
-        EXPECT_EQ(onStack.references(), 2u);
-    }
-    EXPECT_EQ(observer->notifier(), nullptr);
-    observer->notifierIs(make<Tunnel>());  // Held by its observer alone.
-    EXPECT_EQ(observer->notifier()->references(), 1u);
-    observer->notifier()->notifieeList()->delAll();
-    EXPECT_EQ(observer->notifier(), nullptr);
-}
-
 TEST_F(EntityTest, MisuseStopsTheProcess) {
     const Ptr<Reactor> observer = make<Reactor>(nullptr);
     EXPECT_DEATH(observer->notifierIs(make<Link>()),

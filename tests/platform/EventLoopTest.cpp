@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -214,55 +213,6 @@ TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForEachInterest) {
     }
 }
 
-TEST_F(EventLoopTest, ATurnDoesWhatAnExceptionLeftInTheOneBefore) {
-    const Ends ends;
-    std::string log;
-    const auto throws = [&](char name) {
-        return [&log, name] {
-            log += name;
-            throw std::runtime_error("thrown");
-        };
-    };
-    Timer first(loop->clock(), throws('1'));
-    Timer second(loop->clock(), throws('2'));
-    first.expiryIs(0);
-    second.expiryIs(0);
-    loop->defer(throws('3'));
-    loop->post(throws('4'));
-    const auto reads = onReadable(ends.end, throws('5'));
-    ends.send();
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_THROW(loop->turn(0), std::runtime_error);
-    }
-    EXPECT_EQ(log, "12345");
-    EXPECT_EQ(turns(10), 0u);
-}
-
-// The kernel keeps the entry of a closed number while a duplicate lives.
-TEST_F(EventLoopTest, ANumberThatWasClosedEarlyBelongsToTheNextObjectThatIsWatched) {
-    for (const Ownership ownership : {Ownership::owned, Ownership::borrowed}) {
-        const int number = eventNumber();
-        const Fd duplicate = fileDescriptorFactory(fcntl(number, F_DUPFD_CLOEXEC, 0));
-        Fd first = fileDescriptorFactory(number, ownership);
-        const Fd another = fileDescriptorFactory(number, Ownership::borrowed);
-        first->notifyOnReadableIs(true);
-        EXPECT_THROW(another->notifyOnReadableIs(true), ErrnoException);  // EEXIST.
-        EXPECT_FALSE(another->notifyOnReadable());
-        ::close(number);
-        ASSERT_EQ(eventNumber(), number);
-        const Fd second = fileDescriptorFactory(number);
-        second->notifyOnReadableIs(true);
-        EXPECT_FALSE(first->notifyOnReadable());
-        EXPECT_THROW(first->notifyOnWritableIs(true), ErrnoException);  // EBADF.
-        first->notifyOnReadableIs(false);
-        first = nullptr;
-        EXPECT_EQ(eventfd_write(duplicate->descriptor(), 1), 0);
-        EXPECT_EQ(turns(10), 0u);
-        EXPECT_EQ(eventfd_write(number, 1), 0);
-        EXPECT_EQ(turns(10), 1u);
-    }
-}
-
 TEST_F(EventLoopTest, ClosesWhatItOwnsThenNotifiesOfTheInterestsThatWereOn) {
     for (const bool owned : {true, false}) {
         for (const bool release : {true, false}) {
@@ -460,23 +410,6 @@ TEST_F(ThreadsEventLoopTest, MakesPostedCallsInTheOrderOfEachThread) {
         each.join();
     }
     EXPECT_EQ(made[0] + made[1] + made[2] + made[3], 4 * calls);
-}
-
-TEST(EventLoop, LeavesNothingOpenWhenItCannotBeMade) {
-    const auto before = openDescriptors();
-    const auto isMade = [] {
-        try {
-            EventLoop();
-        } catch (const ErrnoException&) {
-            return false;
-        }
-        return true;
-    };
-    const auto check = [&](const PavoTest::FailSyscall&, bool made, int) {
-        EXPECT_FALSE(made || EventLoop::current() != nullptr);
-        EXPECT_EQ(openDescriptors(), before);
-    };
-    EXPECT_EQ(PavoTest::failEachSyscall(EMFILE, isMade, check), 5u);
 }
 
 }  // namespace
