@@ -3,16 +3,14 @@
 #include <utility>
 
 #include "Pavo/pam/Pam.h"
-#include "Pavo/pam/ReadinessReactor.h"
 
 namespace Pavo {
 
-PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : pam_(pam) {
+PamFdSm::PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam) : ReadinessSm(fd), pam_(pam) {
     if (!fd) {
         return;
     }
-    const Mox::Ptr<Pam> hold(pam);  // An observer of the first bump may drop the last reference.
-    fileDesc_ = Mox::make<ReadinessReactor<Mox::FileDescriptor, PamFdSm>>(fd, this);
+    const Mox::Ptr<Pam> hold(pam);  // An observer of the first count may drop the last reference.
     fd->notifyOnReadableIs(true);
     pam_->readableCountInc(1);
     if (fd->descriptor() >= 0) {
@@ -24,11 +22,11 @@ PamFdSm::~PamFdSm() = default;
 
 void PamFdSm::hasNotificationActiveIs(bool active) {
     PtrInterface::hasNotificationActiveIs(active);
-    if (!fileDesc_) {
+    if (!isAttached()) {
         return;
     }
-    fileDesc_->hasNotificationActiveIs(active);
-    auto* fd = static_cast<Mox::FileDescriptor*>(fileDesc_->notifier());
+    reactorActiveIs(active);
+    const Mox::Ptr<Mox::FileDescriptor> fd(notifier());
     if (!active) {
         readsAgain_ = fd->notifyOnReadable();
         fd->notifyOnReadableIs(false);
@@ -37,17 +35,9 @@ void PamFdSm::hasNotificationActiveIs(bool active) {
     }
 }
 
-void PamFdSm::zeroReferencesIs(bool zero) {
-    if (zero) {
-        moxDoZombieReactors(true);
-    }
-    PtrInterface::zeroReferencesIs(zero);
-}
-
 void PamFdSm::moxDoZombieReactors(bool zombie) {
-    if (zombie && fileDesc_) {
-        fileDesc_->notifierIs(nullptr);
-        fileDesc_ = nullptr;
+    if (zombie) {
+        detach();
     }
 }
 

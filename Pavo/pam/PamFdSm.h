@@ -6,25 +6,25 @@
 #include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
+#include "Pavo/pam/ReadinessSm.h"
 
 namespace Pavo {
 
 class Pam;
 
-/// Bumps a PAM's `readableCount` and `writableCount` by one each time the descriptor is reported
-/// readable or writable, and once at birth, so that a new PAM makes a read and a write attempt at
-/// once. It has no other state. The PAM owns it; it points back without owning.
-class PAVO_EXPORT PamFdSm : public Mox::Described<PamFdSm> {
+/// Adds one to a PAM's `readableCount` or `writableCount` each time the descriptor is reported
+/// readable or writable, and to both when it is created, so that a new PAM makes a read and a write
+/// attempt at once. It has no other state. The PAM owns it; it points back without owning.
+class PAVO_EXPORT PamFdSm : public ReadinessSm<PamFdSm, Mox::FileDescriptor> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::PamFdSm"); }
 
-    /// A null descriptor is not watched and bumps nothing. If the PAM gives the descriptor up while
-    /// it is told of the first bump, the second one is left out.
+    /// A null descriptor is not watched, and no count changes. If the PAM gives the descriptor up
+    /// during the notification of `readableCount`, `writableCount` does not change.
     PamFdSm(Mox::Ptr<Mox::FileDescriptor> fd, Pam* pam);
 
     /// Switches the watching of the descriptor with the machine.
     void hasNotificationActiveIs(bool active) override;
-    void zeroReferencesIs(bool zero) override;
     virtual void handleReadable();
     virtual void handleWritable();
     /// With true, detaches the reactor on the descriptor: nothing calls the machine any more.
@@ -34,7 +34,6 @@ class PAVO_EXPORT PamFdSm : public Mox::Described<PamFdSm> {
     ~PamFdSm() override;
 
   private:
-    Mox::Ptr<Mox::Notifiee> fileDesc_;
     Pam* pam_;
     bool readsAgain_ = false;  // Interest in reading comes back with the activity.
 };

@@ -10,7 +10,6 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
-#include "Pavo/pam/ReadinessReactor.h"
 #include "Pavo/socket/SocketAt.h"
 
 namespace Pavo {
@@ -37,11 +36,11 @@ TcpFileDescriptor::TcpFileDescriptor(int descriptor, bool edgeTriggered)
 TcpFileDescriptor::~TcpFileDescriptor() {
     if (descriptor_ >= 0) {
         const Mox::ErrnoKeeper keeper;
-        (void)close(descriptor_);  // Linux frees the number whatever it answers.
+        (void)close(descriptor_);  // Linux frees the number whatever it returns.
     }
 }
 
-// Made before its number, which so has an owner from the first moment.
+// The object is made before the descriptor, which so has an owner as soon as it is open.
 Mox::Ptr<TcpFileDescriptor> TcpFileDescriptor::socket(AddressFamily af, const NamespaceName& ns,
                                                       bool edgeTriggered) {
     const int domain = domainOf(af);
@@ -109,25 +108,30 @@ void TcpFileDescriptorEventRegistration::handleDel() {
     enabledIs(false);
 }
 
-void TcpFileDescriptorEventRegistration::enabledIs(bool enabled) {
-    if (changed(enabled_, enabled)) {
-        handleEnabled();
-        notify(enabledAttr);
+void TcpFileDescriptorEventRegistration::flagIs(bool* flag, bool value, void (Self::*handler)(),
+                                                const Mox::Attribute<Self>& attribute) {
+    if (!changed(*flag, value)) {
+        return;
     }
+    try {
+        (this->*handler)();
+    } catch (...) {
+        *flag = !value;
+        throw;
+    }
+    notify(attribute);
+}
+
+void TcpFileDescriptorEventRegistration::enabledIs(bool enabled) {
+    flagIs(&enabled_, enabled, &Self::handleEnabled, enabledAttr);
 }
 
 void TcpFileDescriptorEventRegistration::notifyOnReadableIs(bool wanted) {
-    if (changed(notifyOnReadable_, wanted)) {
-        handleNotifyOnReadable();
-        notify(notifyOnReadableAttr);
-    }
+    flagIs(&notifyOnReadable_, wanted, &Self::handleNotifyOnReadable, notifyOnReadableAttr);
 }
 
 void TcpFileDescriptorEventRegistration::notifyOnWritableIs(bool wanted) {
-    if (changed(notifyOnWritable_, wanted)) {
-        handleNotifyOnWritable();
-        notify(notifyOnWritableAttr);
-    }
+    flagIs(&notifyOnWritable_, wanted, &Self::handleNotifyOnWritable, notifyOnWritableAttr);
 }
 
 Mox::String TcpFileDescriptorEventRegistration::stringValue() const {
@@ -178,12 +182,10 @@ void TcpFileDescriptorEventRegistrationMoxc::handleNotifyOnWritable() {
 
 TcpFileDescriptorEventRegistrationMoxcSm::TcpFileDescriptorEventRegistrationMoxcSm(
     TcpFileDescriptorEventRegistrationMoxc* registration)
-    : registration_(registration),
-      fd_(Mox::fileDescriptorFactory(registration->fileDescriptor()->descriptor(),
-                                     Mox::FileDescriptor::Ownership::borrowed)),
-      reactor_(Mox::make<
-               ReadinessReactor<Mox::FileDescriptor, TcpFileDescriptorEventRegistrationMoxcSm>>(
-          fd_, this)) {
+    : ReadinessSm(Mox::fileDescriptorFactory(registration->fileDescriptor()->descriptor(),
+                                             Mox::FileDescriptor::Ownership::borrowed)),
+      registration_(registration),
+      fd_(notifier()) {
     fd_->watchingIs(registration->fileDescriptor()->edgeTriggered()
                         ? Mox::FileDescriptor::Watching::edge
                         : Mox::FileDescriptor::Watching::level);
@@ -191,29 +193,25 @@ TcpFileDescriptorEventRegistrationMoxcSm::TcpFileDescriptorEventRegistrationMoxc
 
 TcpFileDescriptorEventRegistrationMoxcSm::~TcpFileDescriptorEventRegistrationMoxcSm() = default;
 
-void TcpFileDescriptorEventRegistrationMoxcSm::zeroReferencesIs(bool zero) {
-    if (zero) {
-        moxDoZombieReactors(true);
-    }
-    PtrInterface::zeroReferencesIs(zero);
-}
-
 void TcpFileDescriptorEventRegistrationMoxcSm::moxDoZombieReactors(bool zombie) {
-    if (zombie && reactor_) {
-        reactor_->notifierIs(nullptr);
-        reactor_ = nullptr;
+    if (zombie && isAttached()) {
+        detach();
         fd_->descriptorRelease();  // Before the owner closes it.
     }
 }
 
 void TcpFileDescriptorEventRegistrationMoxcSm::handleEnabled() {
-    handleNotifyOnReadable();
-    handleNotifyOnWritable();
+    try {
+        handleNotifyOnReadable();
+        handleNotifyOnWritable();
+    } catch (...) {
+        fd_->notifyOnReadableIs(false);  // The loop may watch for one of the two.
+        throw;
+    }
 }
 
-// Interest that is only level-triggered and goes while the registration stays is left to the next
-// report: whoever switches it off and on again before that, as for every packet, costs the loop no
-// system call.
+// A level-triggered interest that ends while the registration stays enabled is left to the next
+// report. If it is switched on again before that, as for every packet, no system call is made.
 void TcpFileDescriptorEventRegistrationMoxcSm::handleNotifyOnReadable() {
     const bool wanted = registration_->notifyOnReadable();
     const bool level = fd_->watching() == Mox::FileDescriptor::Watching::level;

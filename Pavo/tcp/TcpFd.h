@@ -1,5 +1,5 @@
 /// @file
-/// TCP descriptors, and who wants to hear of their readiness.
+/// TCP descriptors, and registrations for their readiness.
 #pragma once
 
 #include <cstdint>
@@ -11,18 +11,19 @@
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
+#include "Pavo/pam/ReadinessSm.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/NamespaceName.h"
 
 namespace Pavo {
 
-/// One TCP descriptor, non-blocking and close-on-exec from birth. It is shared by whoever works on
-/// the stream, and closed when the last of them lets go.
+/// One TCP descriptor. Those opened here are non-blocking and close-on-exec. It is shared by all
+/// that work on the stream, and closed with the last reference.
 class PAVO_EXPORT TcpFileDescriptor : public Mox::Described<TcpFileDescriptor> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpFileDescriptor"); }
 
-    /// Takes over a descriptor that somebody else opened, as it is.
+    /// Takes ownership of an open descriptor, and changes no flag of it.
     TcpFileDescriptor(int descriptor, bool edgeTriggered);
 
     /// Opens a TCP socket in the namespace `ns`; null with `errno` set on failure. A family other
@@ -30,13 +31,13 @@ class PAVO_EXPORT TcpFileDescriptor : public Mox::Described<TcpFileDescriptor> {
     static Mox::Ptr<TcpFileDescriptor> socket(AddressFamily af, const NamespaceName& ns,
                                               bool edgeTriggered);
     /// Accepts a connection on a listening socket of the family `af`, which is refused as above;
-    /// null with `errno` set (EAGAIN when there is none) on failure. The namespace is for the
-    /// trace: the connection lives where its listener does.
+    /// null with `errno` set (EAGAIN when there is none) on failure. The namespace is only for the
+    /// trace: the connection is in the namespace of its listener.
     static Mox::Ptr<TcpFileDescriptor> socketAccept(int serverFd, AddressFamily af,
                                                     const NamespaceName& ns, bool edgeTriggered);
 
     int descriptor() const { return descriptor_; }
-    /// How readiness is watched: when it comes, or as long as it lasts.
+    /// Whether readiness is reported when it comes, or else as long as it lasts.
     bool edgeTriggered() const { return edgeTriggered_; }
 
     /// "Value('Pavo::TcpFileDescriptor', ** {'descriptor': %s, 'edgeTriggered': %s})"
@@ -58,12 +59,12 @@ PAVO_EXPORT std::ostream& operator<<(std::ostream& out, const TcpFileDescriptor&
 PAVO_EXPORT Mox::Ptr<TcpFileDescriptor> tcpFileDescriptorFactory(int descriptor,
                                                                  bool edgeTriggered);
 
-/// Says whether and for what the owner wants to hear of a descriptor, and counts the events: an
-/// owner watches `readableCount` and `writableCount`. It is born disabled, with both kinds of
-/// interest off. Dropping or disabling it leaves the descriptor open.
+/// An owner's interest in the readiness of a descriptor, and the counts of its events, of which the
+/// owner observes `readableCount` and `writableCount`. It is created disabled, without interest in
+/// reading or writing. Dropping or disabling it leaves the descriptor open.
 ///
-/// This one is bound to nothing: a test calls `handleReadable` and `handleWritable` by hand. An
-/// observer may, while it is told, disable or drop the registration.
+/// This class is not bound to an event loop: a test calls `handleReadable` and `handleWritable`. An
+/// observer may, while it is notified, disable or drop the registration.
 class PAVO_EXPORT TcpFileDescriptorEventRegistration
     : public Mox::EntityOf<TcpFileDescriptorEventRegistration> {
   public:
@@ -88,12 +89,14 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistration
     explicit TcpFileDescriptorEventRegistration(Mox::Ptr<TcpFileDescriptor> fileDescriptor)
         : fileDescriptor_(std::move(fileDescriptor)) {}
 
-    /// Called when the attribute has changed, before any observer; the base does nothing.
+    /// Called when the attribute has changed, before any observer is notified; the base does
+    /// nothing. When it throws, the attribute gets its former value again, no observer is notified,
+    /// and the setter passes the exception on.
     virtual void handleEnabled();
     virtual void handleNotifyOnReadable();
     virtual void handleNotifyOnWritable();
     /// An event has come: adds one to `readableCount`, or `writableCount`.
-    /// @pre enabled, and interested (assertions "enabled()", "notifyOnReadable()",
+    /// @pre enabled, with that interest (assertions "enabled()", "notifyOnReadable()",
     /// "notifyOnWritable()").
     virtual void handleReadable();
     virtual void handleWritable();
@@ -117,6 +120,9 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistration
     ~TcpFileDescriptorEventRegistration() override;
 
   private:
+    void flagIs(bool* flag, bool value, void (Self::*handler)(),
+                const Mox::Attribute<Self>& attribute);
+
     Mox::Ptr<TcpFileDescriptor> fileDescriptor_;
     bool enabled_ = false;
     bool notifyOnReadable_ = false;
@@ -128,7 +134,7 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistration
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out,
                                      const TcpFileDescriptorEventRegistration& registration);
 
-/// Makes registrations; this one those for tests, bound to nothing.
+/// Makes registrations; this class makes those for tests, which are not bound to an event loop.
 class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactory
     : public Mox::Described<TcpFileDescriptorEventRegistrationFactory> {
   public:
@@ -145,7 +151,8 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactory
 
 class TcpFileDescriptorEventRegistrationMoxcSm;
 
-/// A registration that the thread's event loop serves.
+/// A registration that the thread's event loop serves. Its setters throw `Mox::ErrnoException`
+/// "epoll_ctl" when the loop cannot watch the descriptor; the attribute is then unchanged.
 class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxc
     : public Mox::EntityOf<TcpFileDescriptorEventRegistrationMoxc,
                            TcpFileDescriptorEventRegistration> {
@@ -169,12 +176,12 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxc
     Mox::Ptr<TcpFileDescriptorEventRegistrationMoxcSm> sm_;
 };
 
-/// Binds a registration to the event loop's view of its descriptor, which it borrows: there is
-/// interest in the loop while the registration is enabled and wants to hear, level- or
-/// edge-triggered as the descriptor says, and each readiness event becomes one of the
-/// registration's. The registration owns it; it points back without owning.
+/// Binds a registration to the event loop's view of its descriptor, which it borrows. The loop
+/// watches the descriptor, level- or edge-triggered as that says, while the registration is enabled
+/// and has an interest; each report of the loop becomes an event of the registration. The
+/// registration owns the machine, which points back without owning.
 class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm
-    : public Mox::Described<TcpFileDescriptorEventRegistrationMoxcSm> {
+    : public ReadinessSm<TcpFileDescriptorEventRegistrationMoxcSm, Mox::FileDescriptor> {
   public:
     static constexpr auto description() {
         return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationMoxcSm");
@@ -183,14 +190,12 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm
     explicit TcpFileDescriptorEventRegistrationMoxcSm(
         TcpFileDescriptorEventRegistrationMoxc* registration);
 
-    void zeroReferencesIs(bool zero) override;
-
     virtual void handleEnabled();
     virtual void handleNotifyOnReadable();
     virtual void handleNotifyOnWritable();
     virtual void handleReadable();
     virtual void handleWritable();
-    /// With true, takes all interest off and detaches the inner reactor.
+    /// With true, ends all watching and detaches the inner reactor.
     virtual void moxDoZombieReactors(bool zombie);
 
   protected:
@@ -199,7 +204,6 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm
   private:
     TcpFileDescriptorEventRegistrationMoxc* registration_;
     Mox::Ptr<Mox::FileDescriptor> fd_;
-    Mox::Ptr<Mox::Notifiee> reactor_;
 };
 
 /// Makes registrations that the thread's event loop serves.

@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "Pavo/pam/ReadinessReactor.h"
-
 namespace Pavo {
 
 TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
@@ -43,23 +41,13 @@ void TcpPduPamBase::fdDel() {
 }
 
 TcpPduFdSm::TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam)
-    : pam_(pam),
-      reactor_(Mox::make<ReadinessReactor<TcpFileDescriptorEventRegistration, TcpPduFdSm>>(
-          std::move(fd), this)) {}
+    : ReadinessSm(fd), pam_(pam) {}
 
 TcpPduFdSm::~TcpPduFdSm() = default;
 
-void TcpPduFdSm::zeroReferencesIs(bool zero) {
-    if (zero) {
-        moxDoZombieReactors(true);
-    }
-    PtrInterface::zeroReferencesIs(zero);
-}
-
 void TcpPduFdSm::moxDoZombieReactors(bool zombie) {
-    if (zombie && reactor_) {
-        reactor_->notifierIs(nullptr);
-        reactor_ = nullptr;
+    if (zombie) {
+        detach();
     }
 }
 

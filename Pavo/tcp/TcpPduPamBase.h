@@ -10,6 +10,7 @@
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
 #include "Pavo/pam/Pam.h"
+#include "Pavo/pam/ReadinessSm.h"
 #include "Pavo/tcp/TcpFd.h"
 
 namespace Pavo {
@@ -33,7 +34,7 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
 
     void zeroReferencesIs(bool zero) override;
 
-    /// The registration has seen an event; the base only counts it.
+    /// An event of the registration has come; the base only counts it.
     virtual void handleSocketReadable();
     virtual void handleSocketWritable();
 
@@ -41,7 +42,7 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
     const Mox::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const {
         return fdFactory_;
     }
-    /// The registration; null once the endpoint has let go of the stream.
+    /// The registration; null once the endpoint has given up the stream.
     const Mox::Ptr<TcpFileDescriptorEventRegistration>& fd() const { return fd_; }
     const Mox::Ptr<TcpPduFdSm>& tcpPduFdSm() const { return tcpPduFdSm_; }
     bool levelTriggered() const { return !fileDescriptor_->edgeTriggered(); }
@@ -54,7 +55,7 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
                   Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory);
     ~TcpPduPamBase() override;
 
-    /// Takes the registration out of use and drops it and its machine.
+    /// Disables the registration, and drops it and its machine.
     void fdDel();
 
   private:
@@ -67,13 +68,11 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
 };
 
 /// Forwards a registration's events to an endpoint, which owns it.
-class PAVO_EXPORT TcpPduFdSm : public Mox::Described<TcpPduFdSm> {
+class PAVO_EXPORT TcpPduFdSm : public ReadinessSm<TcpPduFdSm, TcpFileDescriptorEventRegistration> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpPduFdSm"); }
 
     TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam);
-
-    void zeroReferencesIs(bool zero) override;
 
     virtual void handleReadable();
     virtual void handleWritable();
@@ -85,7 +84,6 @@ class PAVO_EXPORT TcpPduFdSm : public Mox::Described<TcpPduFdSm> {
 
   private:
     TcpPduPamBase* pam_;
-    Mox::Ptr<Mox::Notifiee> reactor_;
 };
 
 }  // namespace Pavo

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "Mox/EventLoop.h"
-#include "support/FailSyscall.h"
+#include "Mox/Exception.h"
 #include "support/SandboxTest.h"
 
 namespace Pavo {
@@ -85,6 +85,31 @@ TEST_P(ReadinessTest, IsReportedWhileEnabledAndOfInterest) {
         EXPECT_EQ(registration->readableCount() - reads, c.reads / share);
         EXPECT_EQ(registration->writableCount() - writes, c.writes / share);
     }
+}
+
+TEST_F(RegistrationTest, AnInterestThatTheKernelRefusesIsUnchanged) {
+    const auto factory = tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+    const auto first = registered(/*edgeTriggered=*/false);
+    const auto second = factory->createEventRegistration(first->fileDescriptor());
+    uint32_t notifications = 0;
+    const Mox::Watch<Registration> watch(second, Mox::allAttributes,
+                                         [&](const Mox::Change&) { ++notifications; });
+    first->enabledIs(true);
+    first->notifyOnReadableIs(true);
+    second->enabledIs(true);
+    // The loop watches a descriptor once.
+    EXPECT_THROW(second->notifyOnWritableIs(true), Mox::ErrnoException);
+    EXPECT_FALSE(second->notifyOnWritable());
+    second->enabledIs(false);
+    second->notifyOnWritableIs(true);
+    notifications = 0;
+    EXPECT_THROW(second->enabledIs(true), Mox::ErrnoException);
+    EXPECT_FALSE(second->enabled());
+    EXPECT_EQ(notifications, 0u);
+    first->enabledIs(false);
+    second->enabledIs(true);
+    EXPECT_EQ(loop_.turn(0), 1u);
+    EXPECT_EQ(second->writableCount(), 1u);
 }
 
 TEST_F(RegistrationTest, LeavesTheDescriptorOpenAndMayBeDroppedByItsObserver) {
