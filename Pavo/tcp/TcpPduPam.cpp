@@ -1,22 +1,18 @@
 #include "Pavo/tcp/TcpPduPam.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
-#include <algorithm>
+#include <bit>
 #include <cerrno>
-#include <cstring>
-#include <exception>
-#include <limits>
-#include <new>
 #include <string>
 #include <utility>
 
 #include "Mox/Assert.h"
-#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
 #include "Mox/Trace.h"
 #include "Pavo/base/NetOrder.h"
+#include "Pavo/tcp/DeferredCall.h"
+#include "Pavo/tcp/TcpPduBuffer.h"
+#include "Pavo/tcp/TcpPduReader.h"
+#include "Pavo/tcp/TcpPduWriter.h"
 
 namespace Pavo {
 
@@ -26,171 +22,226 @@ using Result = TcpPduPamReadResult;
 
 Mox::TraceFacility facility("Pavo::TcpPduPam");
 
-// PDUs read in one go, so that a stream that is always full leaves time for the others.
+// PDUs read in one turn, so that a stream that is always full leaves time for the others.
 constexpr uint32_t pdusPerTurn = 32;
 
-Mox::String withError(const char* text, int error) {
-    return Mox::String(text) + std::strerror(error);
-}
-
-uint64_t bytesOf(const SocketIovec* iov, uint16_t iovLen) {
-    uint64_t bytes = 0;
-    for (uint16_t i = 0; i < iovLen; ++i) {
-        bytes += iov[i].iov_len;
-    }
-    return bytes;
-}
-
-// What the calls give, or -1 with `errno` set, never EINTR.
-ssize_t receive(int fd, void* to, uint32_t bytes) {
-    ssize_t got = -1;
-    do {
-        got = recv(fd, to, bytes, MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
-ssize_t transmit(int fd, SocketIovec* iov, uint16_t iovLen) {
-    msghdr message{};
-    message.msg_iov = iov;
-    message.msg_iovlen = iovLen;
-    ssize_t sent = -1;
-    do {
-        sent = sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent;
-}
-
-// A packet with room for so many bytes, of a size that is used again where that is large enough.
-Mox::Ptr<Pkt> newPktFor(uint32_t bytes) {
-    const uint32_t size = bytes <= Pkt::Manager::defaultBufferSize
-                              ? Pkt::Manager::defaultBufferSize
-                              : std::max(bytes, Pkt::largeBufferSize);
-    return globalPktManager()->newPkt(size);
-}
+constexpr char watchFailed[] = "Epoll_ctl failed with ";
 
 }  // namespace
 
-// Serves the endpoint in the next turn, if it still lives then; at most one waits at a time.
-class TcpPduPam::Later : public Mox::PtrInterface {
-  public:
-    explicit Later(TcpPduPam* pam) : pam_(pam) {}
-
-    void cancel() { pam_ = nullptr; }
-    void run() {
-        if (pam_ == nullptr) {
-            return;
-        }
-        const Mox::Ptr<TcpPduPam> pam(pam_);
-        pam->later_ = nullptr;
-        pam->serve();
-    }
-
-  protected:
-    ~Later() override = default;
-
-  private:
-    TcpPduPam* pam_;
+// Why the event loop cannot watch the socket, and for which direction.
+struct TcpPduPam::WatchError {
+    int error = 0;
+    bool ofWriting = false;
 };
 
 TcpPduPam::TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
                      Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
     : EntityOf(Mox::String("TcpPduPam-") + std::to_string(fileDescriptor->descriptor()),
-               fileDescriptor, std::move(fdFactory)) {}
+               fileDescriptor, std::move(fdFactory)),
+      reader_(std::make_unique<TcpPduReader>(this)),
+      writer_(std::make_unique<TcpPduWriter>()),
+      deferredServing_(std::make_unique<DeferredCall>([this] {
+          const Mox::Ptr<TcpPduPam> hold(this);
+          serve();
+      })) {}
 
-TcpPduPam::~TcpPduPam() {
-    if (later_) {
-        later_->cancel();
-    }
-}
+TcpPduPam::~TcpPduPam() = default;
 
 void TcpPduPam::zeroReferencesIs(bool zero) {
-    if (zero && later_) {
-        std::exchange(later_, nullptr)->cancel();
+    if (zero) {
+        deferredServing_->cancel();
     }
     TcpPduPamBase::zeroReferencesIs(zero);
 }
 
-void TcpPduPam::enabledIs(bool enable) {
-    if (enable != enabled_) {
-        enableModeIs(enable ? tcpEnableModeReadWrite : tcpEnableModeNone);
-    }
+const Mox::Ptr<Pkt>& TcpPduPam::rxPktHolderShadow() const {
+    return reader_->pkt();
+}
+
+uint16_t TcpPduPam::rxRemainingLength() const {
+    return reader_->remaining();
+}
+
+const Mox::Ptr<Pkt>& TcpPduPam::txPktHolderShadow() const {
+    return writer_->pkt();
+}
+
+const SocketIovec* TcpPduPam::txIovHolderShadow() const {
+    return writer_->rest();
+}
+
+uint16_t TcpPduPam::txRemainingLength() const {
+    return writer_->remaining();
+}
+
+uint16_t TcpPduPam::writeLength() const {
+    return writer_->length();
+}
+
+// With a mode pending for the end of a PDU no other is begun.
+bool TcpPduPam::isReading() const {
+    return (enableMode_ & tcpEnableModeReadOnly) != 0 && reader_->isOpen() &&
+           (pendingMode_ != tcpEnableModeWriteOnly || reader_->isReceiving());
+}
+
+bool TcpPduPam::isWriting() const {
+    return (enableMode_ & tcpEnableModeWriteOnly) != 0 && !writer_->hasFailed();
+}
+
+// While a PDU is held, a level-triggered descriptor would be reported again and again, and an
+// edge-triggered one needs no new interest: a failure of that would meet a PDU that is not taken.
+bool TcpPduPam::wantsReadEvents() const {
+    return isReading() && (!reader_->holdsPdu() || (!levelTriggered() && fd()->notifyOnReadable()));
+}
+
+bool TcpPduPam::wantsWriteEvents() const {
+    return isWriting() && writer_->isWaiting();
+}
+
+// A transfer in a direction that is off is not waited for.
+bool TcpPduPam::mustWait(TcpPduPamEnableMode mode) const {
+    return (mode == tcpEnableModeReadOnly && wantsWriteEvents()) ||
+           (mode == tcpEnableModeWriteOnly && isReading() && reader_->isReceiving());
 }
 
 void TcpPduPam::enableModeIs(TcpPduPamEnableMode mode) {
     Mox::require(Mox::findEnumerator<TcpPduPamEnableMode>(mode) != nullptr, "Unexpected value");
     const Mox::Ptr<TcpPduPam> hold(this);
     const bool waits = mustWait(mode);
-    const bool pendingChanged = changed(pendingMode_, waits ? mode : tcpEnableModeNone);
+    if (changed(pendingMode_, waits ? mode : tcpEnableModeNone)) {
+        mark(pendingModeChanged);
+    }
     if (waits) {
         MOX_TRACE(facility, 5,
                   mode == tcpEnableModeReadOnly ? "Waiting for txPkt before setting enabled to "
                                                 : "Waiting for rxPkt before setting enabled to ",
                   mode);
     } else {
-        applyMode(mode);
+        modeIs(mode);
     }
-    if (pendingChanged) {
-        notify(pendingEnableReadOnlyOrWriteOnlyModeAttr);
+    followStates();
+    if (const WatchError failure = watch(); failure.error != 0) {
+        modeIs(tcpEnableModeNone);
+        settle();
+        publish();
+        throw Mox::ErrnoException(failure.error, "epoll_ctl");
+    }
+    publish();
+}
+
+void TcpPduPam::modeIs(TcpPduPamEnableMode mode) {
+    const bool wasEnabled = enabled();
+    if (!changed(enableMode_, mode)) {
+        return;
+    }
+    mark(enableModeChanged);
+    if (enabled() != wasEnabled) {
+        mark(enabledChanged);
+    }
+    initialized_ = initialized_ || enabled();
+}
+
+// Brings all that follows from the states into line, before anything is published. A socket that
+// the loop cannot watch ends the direction that needs it, from which more may follow.
+void TcpPduPam::settle() {
+    for (;;) {
+        followStates();
+        const WatchError failure = watch();
+        if (failure.error == 0) {
+            return;
+        }
+        if (failure.ofWriting) {
+            writer_->fail();
+            writeErrorIs(watchFailed, failure.error);
+        } else {
+            readFailed(withError(watchFailed, failure.error));
+        }
     }
 }
 
-// A transfer that stands still is not waited for.
-bool TcpPduPam::mustWait(TcpPduPamEnableMode mode) const {
-    return (mode == tcpEnableModeReadOnly && isWriting() && txPktHolderShadow_) ||
-           (mode == tcpEnableModeWriteOnly && isReading() && isReceiving());
+void TcpPduPam::followStates() {
+    if (const auto mode = pendingMode_; mode != tcpEnableModeNone && !mustWait(mode)) {
+        MOX_TRACE(facility, 5,
+                  mode == tcpEnableModeReadOnly
+                      ? "pending txPkt complete, setting enabledMode to readOnly"
+                      : "pending rxPkt complete, setting enabledMode to writeOnly");
+        pendingMode_ = tcpEnableModeNone;
+        mark(pendingModeChanged);
+        modeIs(mode);
+    }
+    if (changed(readable_, reader_->holdsPdu())) {
+        mark(readableChanged);
+    }
+    if (changed(writable_, isWriting() && !writer_->isWaiting())) {
+        mark(writableChanged);
+        if (writable_) {
+            mark(writableCounted);
+        }
+    }
 }
 
-void TcpPduPam::applyMode(TcpPduPamEnableMode mode) {
-    const bool modeChanged = changed(enableMode_, mode);
-    const bool enabledChanged = changed(enabled_, mode != tcpEnableModeNone);
-    initialized_ = initialized_ || enabled_;
+// After an exception from an observer of the registration, the next turn does the rest.
+TcpPduPam::WatchError TcpPduPam::watch() try {
+    using R = TcpFileDescriptorEventRegistration;
+    int error = fdFlagIs(&R::enabled, &R::enabledIs, enabled());
+    if (error == 0) {
+        error = fdFlagIs(&R::notifyOnReadable, &R::notifyOnReadableIs, wantsReadEvents());
+    }
+    if (error != 0) {
+        return {error, /*ofWriting=*/false};
+    }
+    error = fdFlagIs(&R::notifyOnWritable, &R::notifyOnWritableIs, wantsWriteEvents());
+    return {error, /*ofWriting=*/true};
+} catch (...) {
+    deferredServing_->request();
+    throw;
+}
+
+void (*const TcpPduPam::publishers[])(TcpPduPam*) = {
+    [](TcpPduPam* pam) { pam->txErrnoIs(0); },
+    [](TcpPduPam* pam) { pam->txErrnoIs(pam->unpublishedTxErrno_); },
+    [](TcpPduPam* pam) { pam->notify(txErrorReasonAttr); },
+    [](TcpPduPam* pam) { pam->txErrorsInc(std::exchange(pam->uncountedTxErrors_, 0)); },
+    [](TcpPduPam* pam) { pam->notify(rxErrorReasonAttr); },
+    [](TcpPduPam* pam) { pam->rxErrorsInc(1); },
+    [](TcpPduPam* pam) { pam->notify(readableAttr); },
+    [](TcpPduPam* pam) { pam->readableCountInc(1); },
+    [](TcpPduPam* pam) { pam->notify(enableModeAttr); },
+    [](TcpPduPam* pam) { pam->notify(enabledAttr); },
+    [](TcpPduPam* pam) { pam->notify(writableAttr); },
+    [](TcpPduPam* pam) { pam->writableCountInc(pam->writable_ ? 1 : 0); },
+    [](TcpPduPam* pam) { pam->notify(pendingEnableReadOnlyOrWriteOnlyModeAttr); },
+    [](TcpPduPam* pam) { pam->notify(readOnePktOnlyAttr); },
+};
+
+// Notifies of all that has changed. An operation that an observer calls publishes also what is left
+// here, so that all is published when it returns.
+void TcpPduPam::publish() {
     try {
-        fd()->enabledIs(enabled_);
-        updateReadInterest();
-        fd()->notifyOnWritableIs(isWriting() && txPktHolderShadow_);
+        while (changes_ != 0) {
+            const auto first = static_cast<uint32_t>(std::countr_zero(changes_));
+            changes_ &= changes_ - 1;
+            publishers[first](this);
+        }
     } catch (...) {
-        applyMode(tcpEnableModeNone);
+        if (hasToServe()) {
+            deferredServing_->request();  // No event comes for the rest.
+        }
         throw;
-    }
-    if (modeChanged) {
-        notify(enableModeAttr);
-    }
-    if (enabledChanged) {
-        notify(enabledAttr);
-    }
-    updateWritable();
-}
-
-void TcpPduPam::settlePendingMode() {
-    const TcpPduPamEnableMode mode = pendingMode_;
-    if (mode == tcpEnableModeNone || mustWait(mode)) {
-        return;
-    }
-    MOX_TRACE(facility, 5,
-              mode == tcpEnableModeReadOnly
-                  ? "pending txPkt complete, setting enabledMode to readOnly"
-                  : "pending rxPkt complete, setting enabledMode to writeOnly");
-    pendingMode_ = tcpEnableModeNone;
-    applyMode(mode);
-    notify(pendingEnableReadOnlyOrWriteOnlyModeAttr);
-}
-
-void TcpPduPam::updateWritable() {
-    if (!changed(writable_, isWriting() && !txPktHolderShadow_)) {
-        return;
-    }
-    notify(writableAttr);
-    if (writable_) {
-        writableCountInc(1);
     }
 }
 
 void TcpPduPam::readOnePktOnlyIs(bool only) {
     const Mox::Ptr<TcpPduPam> hold(this);
-    oneRead_ = oneRead_ && only;
-    updateReadInterest();
-    attributeIs(readOnePktOnly_, only, readOnePktOnlyAttr);
+    if (changed(readOnePktOnly_, only)) {
+        mark(readOnePktOnlyChanged);
+    }
+    if (!only) {
+        reader_->goOnAfterLast();
+    }
+    settle();
+    publish();
 }
 
 void TcpPduPam::keepaliveOptsIs(const TcpKeepaliveOptions& options) {
@@ -202,50 +253,19 @@ void TcpPduPam::keepaliveOptsIs(const TcpKeepaliveOptions& options) {
 }
 
 void TcpPduPam::handleKeepaliveOptions() {
-    const Mox::Ptr<TcpPduPam> hold(this);
-    const TcpKeepaliveOptions wanted = keepaliveOpts_;
-    const struct {
-        int level;
-        int option;
-        uint32_t value;
-        const char* name;
-    } options[] = {
-        {SOL_SOCKET, SO_KEEPALIVE, wanted.enabled(), "SO_KEEPALIVE"},
-        {IPPROTO_TCP, TCP_KEEPIDLE, wanted.idleTime(), "TCP_KEEPIDLE"},
-        {IPPROTO_TCP, TCP_KEEPINTVL, wanted.probeInterval(), "TCP_KEEPINTVL"},
-        {IPPROTO_TCP, TCP_KEEPCNT, wanted.probeCount(), "TCP_KEEPCNT"},
-    };
-    const uint32_t errorsBefore = tcpOptErrors_;
-    for (const auto& each : options) {
-        if (each.level == IPPROTO_TCP && !wanted.enabled()) {
-            break;
-        }
-        if (setsockopt(fileDescriptor()->descriptor(), each.level, each.option, &each.value,
-                       sizeof(each.value)) == 0) {
-            continue;
-        }
-        const int error = errno;
-        MOX_TRACE(facility, 0, "setsockopt() error while setting ", each.name, ": ",
-                  std::strerror(error));
-        attributeIs(tcpOptErrorReason_, withError("Setsockopt failed with ", error),
-                    tcpOptErrorReasonAttr);
-        attributeIs(tcpOptErrors_, tcpOptErrors_ + 1, tcpOptErrorsAttr);
-        if (keepaliveOpts_ != wanted) {
-            return;  // An observer of the failure has set, and so applied, others.
-        }
-    }
-    if (tcpOptErrors_ != errorsBefore) {
+    const uint32_t failures = setSockOptKeepalive(fileDescriptor()->descriptor(), keepaliveOpts_);
+    if (failures == 0) {
         return;
     }
-    if (wanted.enabled()) {
-        MOX_TRACE(facility, 5, "Setsockopt(): TCP Keepalive enabled ",
-                  "( idletime: ", wanted.idleTime(), ", probeinterval: ", wanted.probeInterval(),
-                  ", probetime: ", wanted.probeCount(), " )");
-    } else {
-        MOX_TRACE(facility, 5, "Setsockopt(): TCP Keepalive disabled");
-    }
+    const int error = errno;
+    const Mox::Ptr<TcpPduPam> hold(this);
+    tcpOptErrors_ += failures;
+    attributeIs(tcpOptErrorReason_, withError("Setsockopt failed with ", error),
+                tcpOptErrorReasonAttr);
+    notify(tcpOptErrorsAttr);
 }
 
+// The text names another function than this one, and is promised as it is.
 uint16_t TcpPduPam::getPduSize() {
     Mox::require(false, "Need to implement getRemainingLength in a derived class");
     return 0;
@@ -253,7 +273,7 @@ uint16_t TcpPduPam::getPduSize() {
 
 void TcpPduPam::handleSocketReadable() {
     const Mox::Ptr<TcpPduPam> hold(this);
-    mayHaveMore_ = true;
+    reader_->mayHaveMoreIs(true);
     if (readable_) {
         MOX_TRACE(facility, 9, "Additional edgeTriggered notification");
     }
@@ -261,215 +281,91 @@ void TcpPduPam::handleSocketReadable() {
     TcpPduPamBase::handleSocketReadable();
 }
 
-// Does what may be done now: all that is told of reading is told from here. An observer who takes
-// the PDU that it is told of makes room for the next one.
+// Publishes what a call could not, and reads. An observer that takes the PDU makes room for the
+// next one.
 void TcpPduPam::serve() {
+    settle();
+    publish();
     if (serving_) {
-        return;  // Further out the same goes on.
+        return;  // The call that is serving reads on.
     }
     struct Serving {
-        explicit Serving(TcpPduPam* endpoint) : pam(endpoint) { pam->serving_ = true; }
-        ~Serving() {
-            pam->serving_ = false;
-            if (std::uncaught_exceptions() > exceptions && pam->hasToServe()) {
-                pam->serveLater();  // An observer has thrown: no event comes for the rest.
-            }
+        explicit Serving(bool* itsFlag) : flag(itsFlag) { *flag = true; }
+        ~Serving() { *flag = false; }
+        bool* const flag;
+    } const serving(&serving_);
+    for (uint32_t left = pdusPerTurn; left > 0 && hasToRead(); --left) {
+        if (readPdu()) {
+            mark(readableCounted);
         }
-        TcpPduPam* pam;
-        int exceptions = std::uncaught_exceptions();
-    } const serving(this);
-    for (uint32_t left = pdusPerTurn;; --left) {
-        tellReadError();
-        settlePendingMode();
-        if (readable_ || !mayHaveMore_ || !isReading()) {
-            return;
-        }
-        if (left == 0) {
-            break;
-        }
-        readNextPdu();
+        settle();
+        publish();
     }
-    if (!levelTriggered()) {
-        serveLater();  // No event comes for what waits already.
+    if (hasToServe()) {
+        deferredServing_->request();
     }
 }
 
-// Without a loop, as in tests, the next event serves; a read error met inside `rxPkt` is then only
-// to be read from `rxErrorReason`.
-void TcpPduPam::serveLater() {
-    Mox::EventLoop* loop = Mox::EventLoop::current();
-    const bool waits = later_ && later_->references() > 1;  // Else it went with its loop.
-    if (loop == nullptr || waits) {
-        return;
-    }
-    later_ = Mox::make<Later>(this);
-    loop->defer([later = later_] { later->run(); });
+bool TcpPduPam::hasToRead() const {
+    return reader_->mayHaveMore() && !readable_ && isReading();
+}
+
+// Whether there is something to do for which no event comes.
+bool TcpPduPam::hasToServe() const {
+    return changes_ != 0 || (!levelTriggered() && hasToRead());
 }
 
 // True when a PDU is held.
-bool TcpPduPam::readNextPdu() {
-    const TcpPduPamReadReturn read = readPdu();
-    if (read.result() == Result::error) {
-        handleReadError(read.reason());
+bool TcpPduPam::readPdu() {
+    const Result result = reader_->read(readOnePktOnly_);
+    if (result == Result::error) {
+        readFailed(reader_->failure());
+    } else if (result == Result::waitForMoreData) {
+        Mox::require(fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
     }
-    if (read.result() != Result::fullPduRead) {
-        return false;
-    }
-    readable_ = true;
-    updateReadInterest();
-    notify(readableAttr);
-    readableCountInc(1);
-    return true;
-}
-
-// Reads until a PDU is whole, the socket is empty or the stream has failed.
-TcpPduPamReadReturn TcpPduPam::readPdu() {
-    for (;;) {
-        TcpPduPamReadReturn read = readFromSocket();
-        if (read.result() == Result::readMoreData) {
-            continue;
-        }
-        if (read.result() == Result::fullPduRead) {
-            Mox::require(rxPktHolderShadow_->numIovecs() == 1, "pkt->numIovecs() == 1");
-            oneRead_ = readOnePktOnly_;
-        } else if (read.result() == Result::waitForMoreData) {
-            foundEmpty();
-        }
-        return read;
-    }
-}
-
-void TcpPduPam::foundEmpty() {
-    Mox::require(fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
-    mayHaveMore_ = false;
-    if (rxPktHolderShadow_->totalBytes() == 0) {
-        rxPktHolderShadow_ = nullptr;  // An idle stream holds no buffer.
-    }
-}
-
-TcpPduPamReadReturn TcpPduPam::readFromSocket() {
-    if (!rxPktHolderShadow_) {
-        const char* failure = newRxPkt();
-        if (failure == nullptr) {
-            failure = sizeUp();
-        }
-        if (failure != nullptr) {
-            return {Result::error, failure};
-        }
-    }
-    Pkt& pkt = *rxPktHolderShadow_;
-    uint8_t* room = pkt.newSharedTailData(rxRemainingLength_);
-    const ssize_t ret = receive(fileDescriptor()->descriptor(), room, rxRemainingLength_);
-    const auto got = static_cast<uint16_t>(std::max<ssize_t>(ret, 0));
-    rxRemainingLength_ = static_cast<uint16_t>(rxRemainingLength_ - got);
-    if (rxRemainingLength_ != 0) {
-        const int error = errno;
-        pkt.delSharedTailData(rxRemainingLength_);
-        if (got != 0) {
-            return Result::readMoreData;
-        }
-        if (ret == 0) {
-            return {Result::error, "Connection closed by peer"};
-        }
-        if (error == EAGAIN) {
-            return Result::waitForMoreData;
-        }
-        return {Result::error, withError("Recv failed with ", error)};
-    }
-    if (const char* failure = sizeUp()) {
-        return {Result::error, failure};
-    }
-    return rxRemainingLength_ != 0 ? Result::readMoreData : Result::fullPduRead;
-}
-
-// The part asked for is there: says in `rxRemainingLength` how much is to be asked for next.
-// Returns null, or what is wrong. A length that leaves nothing to ask for, with the PDU not begun
-// or with more than the PDU read, would never end.
-const char* TcpPduPam::sizeUp() {
-    const uint32_t size = getPduSize();
-    const uint32_t held = rxPktHolderShadow_->sharedBuffer()->dataBytes();
-    MOX_TRACE(facility, 9, "PDU size: ", size, " Remaining: ", int64_t{size} - held);
-    if (size > maxPduLength_) {
-        return "PDU length too big";
-    }
-    if (size < held || size == 0) {
-        return "PDU length too small";
-    }
-    rxRemainingLength_ = static_cast<uint16_t>(size - held);
-    return nullptr;
-}
-
-// Null, or what failed.
-const char* TcpPduPam::newRxPkt() {
-    Mox::Ptr<Pkt> pkt;
-    try {
-        pkt = newPktFor(maxPduLength_);
-    } catch (const std::bad_alloc&) {
-        return "Failed to allocate packet";
-    }
-    if (!pkt) {
-        return "Failed to obtain new packet object";
-    }
-    Mox::require(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
-    // A fresh buffer is all head room: makes tail room of it.
-    pkt->sharedBuffer()->newHeadData(maxPduLength_);
-    pkt->sharedBuffer()->delTailData(maxPduLength_);
-    pkt->updateSharedIovec();
-    rxPktHolderShadow_ = std::move(pkt);
-    return nullptr;
-}
-
-void TcpPduPam::handleReadError(Mox::String reason) {
-    readFailed(std::move(reason));
-    tellReadError();
+    return result == Result::fullPduRead;
 }
 
 void TcpPduPam::readFailed(Mox::String reason) {
     MOX_TRACE(facility, 1, name(), ": ", reason);
+    reader_->fail();
     rxErrorReason_ = std::move(reason);
-    rxFailed_ = true;
-    rxPktHolderShadow_ = nullptr;
-    rxRemainingLength_ = 0;
-    updateReadInterest();
-}
-
-void TcpPduPam::tellReadError() {
-    if (!rxFailed_ || rxErrorTold_) {
-        return;
-    }
-    rxErrorTold_ = true;
-    notify(rxErrorReasonAttr);
-    rxErrorsInc(1);
+    mark(rxErrorReasonChanged);
+    mark(rxErrorsCounted);
 }
 
 void TcpPduPam::doGetRxPkt() {
-    Mox::Ptr<Pkt> pkt;
-    if (readable_) {
-        fd()->notifyOnReadableIs(isReading());
-        pkt = std::exchange(rxPktHolderShadow_, nullptr);
-        attributeIs(readable_, false, readableAttr);
-    } else if (isReading()) {
-        updateReadInterest();
-        const TcpPduPamReadReturn read = readPdu();
-        if (read.result() == Result::fullPduRead) {
-            pkt = std::exchange(rxPktHolderShadow_, nullptr);
-            updateReadInterest();
-        } else if (read.result() == Result::error) {
-            readFailed(read.reason());
+    if (!taken_) {
+        if (!readable_ && !fd()->notifyOnReadable()) {
+            settle();  // An exception from an observer may have left the interest off.
+        }
+        if (!readable_ && isReading()) {
+            readPdu();
+        }
+        taken_ = reader_->take();
+        try {
+            afterTaking();
+        } catch (...) {
+            mark(readableCounted);  // The PDU is not lost: announces it once more.
+            deferredServing_->request();
+            throw;
         }
     }
-    if (!serving_ && hasToServe()) {
-        serveLater();
-    }
-    rxPktIs(std::move(pkt));
+    rxPktIs(std::exchange(taken_, nullptr));
 }
 
-// What `rxPkt` left undone.
-bool TcpPduPam::hasToServe() const {
-    const bool toTell = rxFailed_ && !rxErrorTold_;
-    const bool toSettle = pendingMode_ != tcpEnableModeNone && !mustWait(pendingMode_);
-    const bool toRead = mayHaveMore_ && isReading() && !levelTriggered();
-    return toTell || toSettle || toRead;
+// Publishes `readable` alone, since nothing is counted from inside `rxPkt`.
+void TcpPduPam::afterTaking() {
+    if (readable_ || pendingMode_ != tcpEnableModeNone || !reader_->isOpen()) {
+        settle();  // Otherwise nothing follows from the read.
+    }
+    if (!serving_ && hasToServe()) {
+        deferredServing_->request();
+    }
+    if ((changes_ & 1u << readableChanged) != 0) {
+        changes_ &= ~(1u << readableChanged);
+        notify(readableAttr);
+    }
 }
 
 void TcpPduPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
@@ -493,129 +389,41 @@ void TcpPduPam::sendPkt(Mox::Ptr<Pkt> pkt) {
 
 void TcpPduPam::sendIov(SocketIovec* iov, uint16_t iovLen) {
     const Mox::Ptr<TcpPduPam> hold(this);
-    const bool resumed = iov == &txIov_;
+    const bool resumed = writer_->isWaiting() && iov == writer_->rest();
     Mox::require(resumed || !txPktHolderShadow(), "!txPktHolderShadow()");
-    const uint64_t bytes = bytesOf(iov, iovLen);
-    if (bytes > std::numeric_limits<uint16_t>::max()) {
-        handleWriteError(EMSGSIZE);
+    if (!TcpPduWriter::fits(iov, iovLen)) {
+        writeErrorIs("Send failed with ", EMSGSIZE);
+    } else if (!isWriting()) {
+        txDropsInc(resumed ? 0 : 1);
         return;
-    }
-    txErrnoIs(0);
-    // An observer of that may have switched writing off, or sent something that is still waiting.
-    if (!isWriting() || (!resumed && txPktHolderShadow_)) {
-        if (!resumed) {
-            txDropsInc(1);
-        }
-        return;
-    }
-    if (!resumed) {
-        writeLength_ = static_cast<uint16_t>(bytes);
-    }
-    const ssize_t ret = transmit(fileDescriptor()->descriptor(), iov, iovLen);
-    if (ret < 0 && errno != EAGAIN) {
-        writeFailed(errno);
-        return;
-    }
-    const auto sent = static_cast<uint32_t>(std::max<ssize_t>(ret, 0));
-    if (sent < bytes) {
-        saveUnsent(iov, iovLen, sent);
-        return;
-    }
-    MOX_TRACE(facility, 9, "Sent ", sent, " bytes");
-    if (resumed) {
-        Mox::require(ret == txRemainingLength(), "ret == txRemainingLength()");
-        writeCompleteAndSpaceAvailable();
-    }
-}
-
-void TcpPduPam::saveUnsent(const SocketIovec* iov, uint16_t iovLen, uint32_t sent) {
-    const auto rest = static_cast<uint32_t>(bytesOf(iov, iovLen)) - sent;
-    uint32_t skipped = sent;
-    uint16_t curr = 0;
-    while (curr < iovLen && skipped >= iov[curr].iov_len) {
-        skipped -= static_cast<uint32_t>(iov[curr].iov_len);
-        ++curr;
-    }
-    Mox::require(curr < iovLen, "curr < iovLen");
-    MOX_TRACE(facility, 9, "Partial send ", sent, " bytes. Curr iovec: ", curr, ", ", skipped,
-              " bytes. Remaining to send ", rest);
-    txRemainingLength_ = static_cast<uint16_t>(rest);
-    if (iov == &txIov_) {
-        txIov_ = {static_cast<uint8_t*>(iov->iov_base) + skipped, rest};
     } else {
-        try {
-            saveShadowPktCopy(iov + curr, static_cast<uint16_t>(iovLen - curr), skipped);
-        } catch (const std::bad_alloc&) {
-            writeFailed(ENOMEM);  // Half a PDU has left: nothing can follow it.
-            return;
+        mark(txErrnoCleared);
+        if (const int error = writer_->send(fileDescriptor()->descriptor(), iov, iovLen)) {
+            writeErrorIs("Send failed with ", error);
         }
     }
-    outOfWriteSpace();
+    settle();
+    publish();
 }
 
-// The bytes themselves: the agent may change them as soon as it has handed the packet over.
-void TcpPduPam::saveShadowPktCopy(const SocketIovec* iov, uint16_t iovLen, uint32_t skipped) {
-    const Mox::Ptr<Pkt> copy = newPktFor(txRemainingLength_);
-    uint8_t* to = copy->newSharedTailData(txRemainingLength_);
-    txIov_ = {to, txRemainingLength_};
-    for (uint16_t i = 0; i < iovLen; ++i) {
-        const std::size_t bytes = iov[i].iov_len - skipped;
-        to = std::copy_n(static_cast<const uint8_t*>(iov[i].iov_base) + skipped, bytes, to);
-        skipped = 0;
+void TcpPduPam::writeErrorIs(const char* text, int error) {
+    Mox::String reason = withError(text, error);
+    MOX_TRACE(facility, 1, name(), ": ", reason);
+    unpublishedTxErrno_ = error;
+    mark(txErrnoSet);
+    if (changed(txErrorReason_, std::move(reason))) {
+        mark(txErrorReasonChanged);
     }
-    txPktHolderShadow_ = copy;
-}
-
-void TcpPduPam::outOfWriteSpace() {
-    fd()->notifyOnWritableIs(true);
-    updateWritable();
+    ++uncountedTxErrors_;
+    mark(txErrorsCounted);
 }
 
 void TcpPduPam::handleSocketWritable() {
     const Mox::Ptr<TcpPduPam> hold(this);
-    if (isWriting() && txPktHolderShadow_) {
-        try {
-            sendIov(&txIov_, txIovLenHolderShadow());
-        } catch (...) {  // Thrown by an observer: asks for the room again that was not used.
-            fd()->notifyOnWritableIs(false);
-            fd()->notifyOnWritableIs(isWriting() && txPktHolderShadow_);
-            throw;
-        }
+    if (wantsWriteEvents()) {
+        sendIov(writer_->rest(), txIovLenHolderShadow());
     }
     TcpPduPamBase::handleSocketWritable();
-}
-
-void TcpPduPam::writeCompleteAndSpaceAvailable() {
-    dropUnsent();
-    settlePendingMode();
-    updateWritable();
-}
-
-void TcpPduPam::writeFailed(int error) {
-    txFailed_ = true;
-    dropUnsent();
-    const bool roomGone = changed(writable_, false);
-    handleWriteError(error);
-    if (roomGone) {
-        notify(writableAttr);
-    }
-    settlePendingMode();
-}
-
-void TcpPduPam::handleWriteError(int error) {
-    const Mox::Ptr<TcpPduPam> hold(this);
-    const Mox::String reason = withError("Send failed with ", error);
-    MOX_TRACE(facility, 1, name(), ": ", reason);
-    txErrnoIs(error);
-    attributeIs(txErrorReason_, reason, txErrorReasonAttr);
-    txErrorsInc(1);
-}
-
-void TcpPduPam::dropUnsent() {
-    txPktHolderShadow_ = nullptr;
-    txIov_ = {};
-    txRemainingLength_ = 0;
-    fd()->notifyOnWritableIs(false);
 }
 
 SimpleTcpPduPam::~SimpleTcpPduPam() = default;

@@ -6,6 +6,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <memory>
 
 #include "Mox/Enum.h"
 #include "Mox/Ptr.h"
@@ -15,10 +16,11 @@
 #include "Pavo/base/ValueFunctions.h"
 #include "Pavo/packet/Pkt.h"
 #include "Pavo/tcp/TcpPduPamBase.h"
+#include "Pavo/tcp/TcpSockOpt.h"
 
 namespace Pavo {
 
-/// Which directions of a stream an endpoint serves.
+/// Which directions of a stream an endpoint serves, a bit for each.
 enum TcpPduPamEnableMode : uint32_t {
     tcpEnableModeNone = 0,
     tcpEnableModeReadOnly = 1,
@@ -37,7 +39,7 @@ constexpr auto enumDescription(TcpPduPamEnableMode) {
 /// How one read of a stream ended.
 enum class TcpPduPamReadResult : uint32_t {
     error = 0,            ///< the stream is of no more use
-    readMoreData = 1,     ///< bytes came, and more are to be asked for
+    readMoreData = 1,     ///< bytes came, and more are needed
     waitForMoreData = 2,  ///< the socket is empty
     fullPduRead = 3,      ///< the packet is whole
 };
@@ -51,7 +53,7 @@ constexpr auto enumDescription(TcpPduPamReadResult) {
                                                   {fullPduRead, "fullPduRead"}});
 }
 
-/// The outcome of one read, and with an error its text.
+/// The result of one read, and the text of an error.
 class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
   public:
     using Result = TcpPduPamReadResult;
@@ -80,71 +82,51 @@ class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
     Mox::String reason_;
 };
 
-/// When the kernel probes a silent peer (tcp(7)): after `idleTime` seconds of silence, then every
-/// `probeInterval` seconds, giving up after `probeCount` probes. Linux takes 1 to 32767 seconds and
-/// 1 to 127 probes.
-class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
-  public:
-    /// The off value: all zero, the default.
-    static const TcpKeepaliveOptions keepaliveDisabled;
-
-    constexpr TcpKeepaliveOptions() = default;
-    constexpr TcpKeepaliveOptions(uint32_t idleTime, uint32_t probeInterval, uint32_t probeCount)
-        : idleTime_(idleTime), probeInterval_(probeInterval), probeCount_(probeCount) {}
-    TcpKeepaliveOptions(TextIt& it, const TextIt& end) { readText(it, end); }
-    TcpKeepaliveOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
-
-    constexpr uint32_t idleTime() const { return idleTime_; }
-    constexpr uint32_t probeInterval() const { return probeInterval_; }
-    constexpr uint32_t probeCount() const { return probeCount_; }
-    /// Any value but the off one.
-    constexpr bool enabled() const { return *this != TcpKeepaliveOptions(); }
-
-    friend constexpr auto operator<=>(const TcpKeepaliveOptions&,
-                                      const TcpKeepaliveOptions&) = default;
-
-    static constexpr const char* leftoverText = "Invalid TcpKeepaliveOptions";
-    static constexpr auto description() {
-        return Mox::record("Pavo::TcpKeepaliveOptions",
-                           Mox::field("idleTime", &TcpKeepaliveOptions::idleTime_),
-                           Mox::field("probeInterval", &TcpKeepaliveOptions::probeInterval_),
-                           Mox::field("probeCount", &TcpKeepaliveOptions::probeCount_));
-    }
-
-  private:
-    uint32_t idleTime_ = 0;
-    uint32_t probeInterval_ = 0;
-    uint32_t probeCount_ = 0;
-};
-inline constexpr TcpKeepaliveOptions TcpKeepaliveOptions::keepaliveDisabled{};
-
 /// One piece of what is sent.
 using SocketIovec = iovec;
 
+class DeferredCall;
+class TcpPduReader;
+class TcpPduWriter;
+
 /// A packet endpoint on an established TCP stream, whose packets are whole messages (PDUs). A
-/// derived class says in `getPduSize` how long the message under way is. The endpoint holds the
-/// stream's descriptor, which has to be non-blocking, and is born with both directions off.
+/// derived class answers in `getPduSize` how long the PDU being received is. The endpoint holds the
+/// stream's descriptor, which has to be non-blocking, and is created with both directions off. The
+/// stream is closed when the last holder of its descriptor drops it.
 ///
-/// Reading. A report of the socket makes the endpoint read one PDU, which it then holds: `readable`
-/// goes up, `readableCount` is bumped, and `rxPkt` hands the PDU out. If it was handed out while
-/// observers were told, the next PDU is read at once, up to 32 a turn, without waiting for new
-/// bytes; a PDU that nobody takes stops the reading until somebody does. Where none is held `rxPkt`
-/// reads the socket itself, so an agent may as well take PDUs until it gets null. What then comes
-/// with it (the counting of a read error, a mode that was waiting) is told in the next turn, since
-/// nothing is counted from inside `rxPkt`.
+/// The reader. One PDU is received and held at a time:
+/// - between PDUs: no byte of the next one is there;
+/// - receiving: some of its bytes are in `rxPktHolderShadow`. Each event of the socket is followed
+///   by reads, up to the end of the PDU or of what there is;
+/// - holding: `readable` is true, and reading stops until `rxPkt` takes the PDU. `readableCount`
+///   has been incremented. If an observer of it takes the PDU, the next one is read at once, up to
+///   32 in one turn;
+/// - stopped, with `readOnePktOnly`: the one PDU has been taken;
+/// - failed, for ever: after an error or the end of the stream, after a PDU above `maxPduLength` or
+///   shorter than what was read to learn its length, and when the socket cannot be watched. A
+///   partial PDU is dropped, `rxErrorReason` has the cause, and `rxErrors` counts it. Writing goes
+///   on.
 ///
-/// A PDU above `maxPduLength` or shorter than what was read to learn its length, an error of the
-/// socket and the end of the stream are read errors: reading is off from then on, the partial PDU
-/// is dropped, and `rxErrorReason` says why. Writing goes on.
+/// `rxPkt` reads the socket itself when no PDU is held, so an agent may take PDUs until it gets
+/// null. It increments no count: the count of a read error, and a change of mode that follows from
+/// the read, are published in the next turn.
 ///
-/// Writing. A packet is sent by one system call. What the socket has no room for is copied and
-/// follows when there is room, so the packet is the agent's again at once; until then `writable` is
-/// down and no other packet is taken. `writableCount` is bumped whenever `writable` goes up, by
-/// enabling too. A failed send ends the writing: `writable` stays down, and `txErrorReason` says
-/// why.
+/// The writer. A packet is sent by one system call, and is the agent's again at once:
+/// - ready: `writable` is true while writing is on, and a packet is taken;
+/// - waiting: the socket had no room for all of the last packet. A copy of the rest follows when
+///   there is room; until then `writable` is false and no packet is taken;
+/// - failed, for ever: after an error of the socket, and when it cannot be watched. The rest is
+///   dropped, `txErrorReason` has the cause, and `txErrors` counts it. Reading goes on.
+/// `writableCount` is incremented whenever `writable` becomes true, by enabling too.
 ///
-/// An observer may, while it is told of anything, read, write, change the mode or drop the last
-/// reference to the endpoint. The stream is closed when the last holder of its descriptor lets go.
+/// A mode that would cut a transfer short is pending until the transfer ends, by an error too.
+/// There is no timer.
+///
+/// Every operation changes all states first and then notifies, in this order: error of writing,
+/// error of reading, `readable`, `readableCount`, mode, `writable`, `writableCount`. An observer
+/// may therefore, while it is notified of anything, read, write, change the mode or drop the last
+/// reference to the endpoint. If it throws, the exception leaves the call that notifies, and what
+/// is not yet published is so in the next turn.
 class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
   public:
     static constexpr Mox::Attribute<TcpPduPam> enabledAttr{10, "enabled"};
@@ -182,41 +164,51 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
     void zeroReferencesIs(bool zero) override;
 
-    /// Takes a packet of at most 65535 bytes; a longer one is counted as an error (EMSGSIZE), with
-    /// writing unharmed. Null and a packet without data are ignored.
-    /// @pre no packet under way, and room: assertions "!txPktHolderShadow()", "writable()".
+    /// Takes a packet of at most 65,535 bytes; a longer one is counted as an error (EMSGSIZE),
+    /// after which writing goes on. Null and a packet without data are ignored.
+    /// @pre no packet waits for room, and `writable()`: assertions "!txPktHolderShadow()",
+    /// "writable()".
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void doGetRxPkt() override;
     void handleSocketReadable() override;
     void handleSocketWritable() override;
 
-    /// The length of the PDU at the front of `rxPktHolderShadow`, its header included; while that
-    /// holds too little to tell, how many bytes of it are needed. Asked with an empty packet first,
-    /// and again when the bytes asked for are there. The base fails with the assertion
-    /// "Need to implement getRemainingLength in a derived class".
+    /// The length of the PDU in `rxPktHolderShadow`, its header included; while that has too few
+    /// bytes to know, how many bytes of it are needed. Called with an empty packet first, and again
+    /// when the bytes asked for are there. 0 is a read error, "PDU length too small". The base
+    /// fails with the assertion "Need to implement getRemainingLength in a derived class"; the
+    /// function that it means is this one, and the text is kept for those who look for it.
     virtual uint16_t getPduSize();
     /// Sends the packet's pieces.
     virtual void sendPkt(Mox::Ptr<Pkt> pkt);
-    /// Sends the pieces with one sendmsg(2) and keeps a copy of what was not taken.
+    /// Sends the pieces with one sendmsg(2) and keeps a copy of what did not fit. More than 65,535
+    /// bytes or IOV_MAX pieces are counted as an error (EMSGSIZE), after which writing goes on.
+    /// While writing is off or has failed, the packet is counted in `txDrops`.
+    /// @pre no packet waits for room: assertion "!txPktHolderShadow()".
     virtual void sendIov(SocketIovec* iov, uint16_t iovLen);
 
     /// Whether any direction is on; true stands for both.
-    bool enabled() const { return enabled_; }
-    void enabledIs(bool enabled);
-    /// The directions that are on. What is under way in one that is switched off stays, and goes on
-    /// when it is on again; a PDU that is held can still be taken. `tcpEnableModeReadOnly` while a
-    /// packet is being sent, and `tcpEnableModeWriteOnly` while one is being received, wait for the
-    /// end of that transfer.
-    /// @throws Mox::ErrnoException "epoll_ctl" when the loop cannot watch; both are then off.
+    bool enabled() const { return enableMode_ != tcpEnableModeNone; }
+    void enabledIs(bool enable) {
+        if (enable != enabled()) {
+            enableModeIs(enable ? tcpEnableModeReadWrite : tcpEnableModeNone);
+        }
+    }
+    /// The directions that are on. A transfer in one that is switched off is kept, and goes on when
+    /// the direction is on again; a PDU that is held can still be taken. `tcpEnableModeReadOnly`
+    /// while a packet waits for room, and `tcpEnableModeWriteOnly` while a PDU is being received,
+    /// are pending until that transfer has ended.
+    /// @throws Mox::ErrnoException "epoll_ctl" when the loop cannot watch the socket; both are then
+    /// off.
     /// @pre one of the four values: assertion "Unexpected value".
     TcpPduPamEnableMode enableMode() const { return enableMode_; }
     void enableModeIs(TcpPduPamEnableMode mode);
-    /// The mode that waits, or `tcpEnableModeNone`.
+    /// The mode that is pending, or `tcpEnableModeNone`.
     TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const { return pendingMode_; }
     /// Whether the endpoint has been enabled once.
     bool initialized() const { return initialized_; }
 
-    /// Applied when set; what fails is counted in `tcpOptErrors`.
+    /// Applied when set; each option that fails is counted in `tcpOptErrors`.
     const TcpKeepaliveOptions& keepaliveOpts() const { return keepaliveOpts_; }
     void keepaliveOptsIs(const TcpKeepaliveOptions& options);
     /// Applies `keepaliveOpts` to the socket.
@@ -228,8 +220,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// The longest PDU accepted, in bytes with its header.
     uint16_t maxPduLength() const { return maxPduLength_; }
     void maxPduLengthIs(uint16_t bytes) { attributeIs(maxPduLength_, bytes, maxPduLengthAttr); }
-    /// Reading stops by itself behind the next PDU, with what follows left in the socket for
-    /// whoever takes the stream over. False goes on.
+    /// Reading stops by itself after the next PDU, with what follows left in the socket for the
+    /// next owner of the stream. False goes on.
     bool readOnePktOnly() const { return readOnePktOnly_; }
     void readOnePktOnlyIs(bool only);
 
@@ -240,87 +232,79 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
     /// "Connection closed by peer", "PDU length too big", "PDU length too small",
     /// "Failed to obtain new packet object", "Failed to allocate packet", or "Recv failed with "
-    /// and the error; empty while there was none.
+    /// or, where the event loop could not watch the socket any more, "Epoll_ctl failed with " and
+    /// the error; empty while there was none.
     const Mox::String& rxErrorReason() const { return rxErrorReason_; }
     /// The packet being received or held, null between PDUs.
-    const Mox::Ptr<Pkt>& rxPktHolderShadow() const { return rxPktHolderShadow_; }
+    const Mox::Ptr<Pkt>& rxPktHolderShadow() const;
     /// Bytes missing of the part asked for.
-    uint16_t rxRemainingLength() const { return rxRemainingLength_; }
+    uint16_t rxRemainingLength() const;
 
-    /// "Send failed with " and the error; empty while there was none.
+    /// "Send failed with " or, where the event loop could not watch the socket for room,
+    /// "Epoll_ctl failed with " and the error; empty while there was none.
     const Mox::String& txErrorReason() const { return txErrorReason_; }
     /// A packet of the bytes that wait for room, and these as pieces; null while none do.
-    const Mox::Ptr<Pkt>& txPktHolderShadow() const { return txPktHolderShadow_; }
-    const SocketIovec* txIovHolderShadow() const { return txPktHolderShadow_ ? &txIov_ : nullptr; }
-    uint16_t txIovLenHolderShadow() const { return txPktHolderShadow_ ? 1 : 0; }
-    uint16_t txRemainingLength() const { return txRemainingLength_; }
+    const Mox::Ptr<Pkt>& txPktHolderShadow() const;
+    const SocketIovec* txIovHolderShadow() const;
+    uint16_t txIovLenHolderShadow() const { return txPktHolderShadow() ? 1 : 0; }
+    uint16_t txRemainingLength() const;
     /// Bytes of the packet that was handed over last.
-    uint16_t writeLength() const { return writeLength_; }
+    uint16_t writeLength() const;
 
   protected:
     ~TcpPduPam() override;
 
   private:
-    class Later;
+    struct WatchError;
+    // What has changed and is to be published, in this order.
+    enum Change : uint32_t {
+        txErrnoCleared,
+        txErrnoSet,
+        txErrorReasonChanged,
+        txErrorsCounted,
+        rxErrorReasonChanged,
+        rxErrorsCounted,
+        readableChanged,
+        readableCounted,
+        enableModeChanged,
+        enabledChanged,
+        writableChanged,
+        writableCounted,
+        pendingModeChanged,
+        readOnePktOnlyChanged,
+        changeKinds,
+    };
+    static void (*const publishers[changeKinds])(TcpPduPam* pam);
 
-    bool isReceiving() const { return rxPktHolderShadow_ && !readable_; }
-    // With a mode that waits for the end of a PDU no other is begun.
-    bool isReading() const {
-        return (enableMode_ == tcpEnableModeReadOnly || enableMode_ == tcpEnableModeReadWrite) &&
-               !rxFailed_ && !oneRead_ && (pendingMode_ != tcpEnableModeWriteOnly || isReceiving());
-    }
-    bool isWriting() const {
-        return (enableMode_ == tcpEnableModeWriteOnly || enableMode_ == tcpEnableModeReadWrite) &&
-               !txFailed_;
-    }
+    void mark(Change change) { changes_ |= 1u << change; }
+    void publish();
+    void settle();
+    void followStates();
+    WatchError watch();
+    void modeIs(TcpPduPamEnableMode mode);
     bool mustWait(TcpPduPamEnableMode mode) const;
-    void applyMode(TcpPduPamEnableMode mode);
-    void settlePendingMode();
-    // While a PDU is held, a level-triggered descriptor would be reported again and again.
-    void updateReadInterest() {
-        const bool wanted = isReading() && !(readable_ && levelTriggered());
-        if (wanted != fd()->notifyOnReadable()) {
-            fd()->notifyOnReadableIs(wanted);
-        }
-    }
-    void updateWritable();
 
-    void serve();
-    void serveLater();
+    bool isReading() const;
+    bool isWriting() const;
+    bool wantsReadEvents() const;
+    bool wantsWriteEvents() const;
+    bool hasToRead() const;
     bool hasToServe() const;
-    bool readNextPdu();
-    TcpPduPamReadReturn readPdu();
-    TcpPduPamReadReturn readFromSocket();
-    void foundEmpty();
-    const char* sizeUp();
-    const char* newRxPkt();
-    void handleReadError(Mox::String reason);
+    void serve();
+    bool readPdu();
+    void afterTaking();
     void readFailed(Mox::String reason);
-    void tellReadError();
+    void writeErrorIs(const char* text, int error);
 
-    void saveUnsent(const SocketIovec* iov, uint16_t iovLen, uint32_t sent);
-    void saveShadowPktCopy(const SocketIovec* iov, uint16_t iovLen, uint32_t skipped);
-    void outOfWriteSpace();
-    void writeCompleteAndSpaceAvailable();
-    void writeFailed(int error);
-    void handleWriteError(int error);
-    void dropUnsent();
-
-    bool enabled_ = false;
     bool initialized_ = false;
     bool readable_ = false;
     bool writable_ = false;
     bool readOnePktOnly_ = false;
-    bool oneRead_ = false;      // With `readOnePktOnly`: the one PDU has come.
-    bool mayHaveMore_ = false;  // The socket was not found empty since it was last reported.
     bool serving_ = false;
-    bool rxFailed_ = false;
-    bool rxErrorTold_ = false;
-    bool txFailed_ = false;
     uint16_t maxPduLength_ = 9600;
-    uint16_t rxRemainingLength_ = 0;
-    uint16_t txRemainingLength_ = 0;
-    uint16_t writeLength_ = 0;
+    uint32_t changes_ = 0;  // A bit for each `Change`.
+    uint32_t uncountedTxErrors_ = 0;
+    int unpublishedTxErrno_ = 0;
     uint32_t tcpOptErrors_ = 0;
     TcpPduPamEnableMode enableMode_ = tcpEnableModeNone;
     TcpPduPamEnableMode pendingMode_ = tcpEnableModeNone;
@@ -328,14 +312,15 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     Mox::String tcpOptErrorReason_;
     Mox::String rxErrorReason_;
     Mox::String txErrorReason_;
-    Mox::Ptr<Pkt> rxPktHolderShadow_;
-    Mox::Ptr<Pkt> txPktHolderShadow_;
-    SocketIovec txIov_{};
-    Mox::Ptr<Later> later_;
+    std::unique_ptr<TcpPduReader> reader_;
+    std::unique_ptr<TcpPduWriter> writer_;
+    Mox::Ptr<Pkt>
+        taken_;  // By `rxPkt`, which an exception from an observer kept from returning it.
+    std::unique_ptr<DeferredCall> deferredServing_;
 };
 
-/// An endpoint whose PDUs begin with a header of 20 bytes, the total length in bytes 2 and 3, in
-/// network order.
+/// An endpoint whose PDUs begin with a header of 20 bytes, with the total length in bytes 2 and 3,
+/// in network order.
 class PAVO_EXPORT SimpleTcpPduPam : public Mox::EntityOf<SimpleTcpPduPam, TcpPduPam> {
   public:
     static constexpr uint16_t headerBytes = 20;
@@ -345,7 +330,7 @@ class PAVO_EXPORT SimpleTcpPduPam : public Mox::EntityOf<SimpleTcpPduPam, TcpPdu
                     Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
         : EntityOf(std::move(fileDescriptor), std::move(fdFactory)) {}
 
-    /// @pre a packet is under way: assertion "pkt".
+    /// @pre a PDU is being received: assertion "pkt".
     uint16_t getPduSize() override;
 
   protected:

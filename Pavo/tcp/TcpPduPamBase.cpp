@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Mox/Exception.h"
+
 namespace Pavo {
 
 TcpPduPamBase::TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
@@ -38,6 +40,23 @@ void TcpPduPamBase::fdDel() {
     if (const auto registration = std::exchange(fd_, nullptr)) {
         registration->handleDel();
     }
+}
+
+int TcpPduPamBase::fdFlagIs(bool (TcpFileDescriptorEventRegistration::*flag)() const,
+                            void (TcpFileDescriptorEventRegistration::*flagIs)(bool), bool value) {
+    TcpFileDescriptorEventRegistration& registration = *fd_;
+    if ((registration.*flag)() == value) {
+        return 0;
+    }
+    try {
+        (registration.*flagIs)(value);
+    } catch (const Mox::ErrnoException& exception) {
+        if ((registration.*flag)() == value) {
+            throw;  // The loop watches: an observer has thrown.
+        }
+        return exception.errnoValue();
+    }
+    return 0;
 }
 
 TcpPduFdSm::TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam)

@@ -57,6 +57,10 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
 
     /// Disables the registration, and drops it and its machine.
     void fdDel();
+    /// Sets a flag of the registration, unless it has the value. Returns 0, or the error of
+    /// epoll_ctl(2), with which the flag is unchanged.
+    int fdFlagIs(bool (TcpFileDescriptorEventRegistration::*flag)() const,
+                 void (TcpFileDescriptorEventRegistration::*flagIs)(bool), bool value);
 
   private:
     Mox::Ptr<TcpFileDescriptor> fileDescriptor_;

@@ -207,4 +207,38 @@ int socketConnect(int sd, const IpGenAddr& addr, const Port& port, uint32_t ifIn
     return result;
 }
 
+uint32_t setSockOptKeepalive(int sd, const TcpKeepaliveOptions& options) {
+    const struct {
+        int level;
+        int optname;
+        uint32_t value;
+        const char* name;
+    } steps[] = {
+        {SOL_SOCKET, SO_KEEPALIVE, options.enabled(), "SO_KEEPALIVE"},
+        {IPPROTO_TCP, TCP_KEEPIDLE, options.idleTime(), "TCP_KEEPIDLE"},
+        {IPPROTO_TCP, TCP_KEEPINTVL, options.probeInterval(), "TCP_KEEPINTVL"},
+        {IPPROTO_TCP, TCP_KEEPCNT, options.probeCount(), "TCP_KEEPCNT"},
+    };
+    uint32_t failures = 0;
+    for (const auto& step : steps) {
+        if (step.level == IPPROTO_TCP && !options.enabled()) {
+            break;
+        }
+        if (setSocketOptionInteger(sd, step.level, step.optname, static_cast<int>(step.value),
+                                   /*verify=*/false) < 0) {
+            MOX_TRACE(facility, 0, "setsockopt() error while setting ", step.name, ": ",
+                      std::strerror(errno));
+            ++failures;
+        }
+    }
+    if (failures == 0 && options.enabled()) {
+        MOX_TRACE(facility, 5, "Setsockopt(): TCP Keepalive enabled ",
+                  "( idletime: ", options.idleTime(), ", probeinterval: ", options.probeInterval(),
+                  ", probetime: ", options.probeCount(), " )");
+    } else if (failures == 0) {
+        MOX_TRACE(facility, 5, "Setsockopt(): TCP Keepalive disabled");
+    }
+    return failures;
+}
+
 }  // namespace Pavo

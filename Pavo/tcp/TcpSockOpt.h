@@ -9,10 +9,13 @@
 
 #include <sys/socket.h>
 
+#include <compare>
 #include <cstdint>
 
 #include "Mox/String.h"
+#include "Mox/ValueType.h"
 #include "Pavo/base/Export.h"
+#include "Pavo/base/ValueFunctions.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/IpGenAddrWithMask.h"
@@ -67,5 +70,48 @@ PAVO_EXPORT int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr
 /// Calls connect(2): -1 with EINPROGRESS is usual for a non-blocking socket. `ifIndex` is the scope
 /// of an IPv6 link-local address.
 PAVO_EXPORT int socketConnect(int sd, const IpGenAddr& addr, const Port& port, uint32_t ifIndex);
+
+/// When the kernel probes a silent peer (tcp(7)): after `idleTime` seconds of silence, then every
+/// `probeInterval` seconds, giving up after `probeCount` probes. Linux takes 1 to 32767 seconds and
+/// 1 to 127 probes.
+class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
+  public:
+    /// The off value: all zero, the default.
+    static const TcpKeepaliveOptions keepaliveDisabled;
+
+    constexpr TcpKeepaliveOptions() = default;
+    constexpr TcpKeepaliveOptions(uint32_t idleTime, uint32_t probeInterval, uint32_t probeCount)
+        : idleTime_(idleTime), probeInterval_(probeInterval), probeCount_(probeCount) {}
+    TcpKeepaliveOptions(TextIt& it, const TextIt& end) { readText(it, end); }
+    TcpKeepaliveOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    constexpr uint32_t idleTime() const { return idleTime_; }
+    constexpr uint32_t probeInterval() const { return probeInterval_; }
+    constexpr uint32_t probeCount() const { return probeCount_; }
+    /// Any value but the off one.
+    constexpr bool enabled() const { return *this != TcpKeepaliveOptions(); }
+
+    friend constexpr auto operator<=>(const TcpKeepaliveOptions&,
+                                      const TcpKeepaliveOptions&) = default;
+
+    static constexpr const char* leftoverText = "Invalid TcpKeepaliveOptions";
+    static constexpr auto description() {
+        return Mox::record("Pavo::TcpKeepaliveOptions",
+                           Mox::field("idleTime", &TcpKeepaliveOptions::idleTime_),
+                           Mox::field("probeInterval", &TcpKeepaliveOptions::probeInterval_),
+                           Mox::field("probeCount", &TcpKeepaliveOptions::probeCount_));
+    }
+
+  private:
+    uint32_t idleTime_ = 0;
+    uint32_t probeInterval_ = 0;
+    uint32_t probeCount_ = 0;
+};
+inline constexpr TcpKeepaliveOptions TcpKeepaliveOptions::keepaliveDisabled{};
+
+/// Applies keep-alive options, all of them whatever fails; SO_KEEPALIVE alone when they are off.
+/// Unlike the functions above, it returns how many options failed, with `errno` as the last failing
+/// call left it.
+PAVO_EXPORT uint32_t setSockOptKeepalive(int sd, const TcpKeepaliveOptions& options);
 
 }  // namespace Pavo

@@ -37,7 +37,7 @@ foreach(header IN ITEMS IpAddr.h value/IpAddr.h pam/PamFdSm.h platform/Mox/Ptr.h
     endif()
 endforeach()
 file(GLOB_RECURSE private "${work}/prefix/include/*/RawIpFamily.h"
-     "${work}/prefix/include/*/ServiceThread.h"
+     "${work}/prefix/include/*/TcpPduReader.h" "${work}/prefix/include/*/ServiceThread.h"
 )
 if(private)
     message(FATAL_ERROR "private headers are installed: ${private}")
