@@ -1,4 +1,4 @@
-// A stream of messages that arrives in pieces, beside a plain loop over its bytes. Whatever way the
+// A stream of messages that arrives in pieces, beside a plain loop over its bytes. However the
 // agent takes messages, it gets the same ones in order and then the same reason, and the endpoint
 // comes to rest.
 
@@ -43,19 +43,19 @@ Messages plainMessages(std::string_view stream, uint32_t maxPduLength, bool ende
 }
 
 // How the agent takes messages.
-enum Taking { oneWhenTold, allWhenTold, oneATurn, takings };
+enum Taking { oneWhenNotified, allWhenNotified, oneATurn, takings };
 
 class Agent {
   public:
     Agent(const Mox::Ptr<TcpFileDescriptor>& fd, Taking taking)
         : taking_(taking),
           pam_(simpleTcpPduPamFactory(fd, tcpFileDescriptorEventRegistrationFactoryMoxcFactory())),
-          watch_(pam_, Pam::readableCountAttr, [this] { told(); }) {}
+          watch_(pam_, Pam::readableCountAttr, [this] { handleReadable(); }) {}
 
     const Mox::Ptr<SimpleTcpPduPam>& pam() const { return pam_; }
     const Messages& messages() const { return messages_; }
 
-    // Turns until nothing happens any more.
+    // Makes turns until nothing happens any more.
     void rest(Mox::EventLoop* loop) {
         const auto busy = [&] { return loop->turn(0) != 0; };
         for (uint32_t turns = 0; busy() || (taking_ == oneATurn && take()) || busy(); ++turns) {
@@ -65,11 +65,11 @@ class Agent {
     void close() { messages_.reason = std::string(pam_->rxErrorReason().view()); }
 
   private:
-    void told() {
-        if (taking_ == oneWhenTold) {
+    void handleReadable() {
+        if (taking_ == oneWhenNotified) {
             take();
         }
-        while (taking_ == allWhenTold && take()) {
+        while (taking_ == allWhenNotified && take()) {
         }
     }
     bool take() {
@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         const auto write = [&] { return send(ends[1], piece.data(), piece.size(), MSG_NOSIGNAL); };
         if (write() < 0) {
             agent.rest(&loop);
-            (void)write();  // There is room now, or nobody reads any more.
+            (void)write();  // There is room now, or the endpoint reads no more.
         }
         if (pieceBytes % 2 == 0) {
             agent.rest(&loop);
@@ -123,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     agent.rest(&loop);
     agent.close();
 
-    // A header that is too long by itself is refused before a byte of it is there.
+    // A header above the limit is refused before any byte of it is there.
     const bool reads = maxPduLength >= headerBytes;
     const Messages expected = reads ? plainMessages(stream, maxPduLength, ended) : Messages();
     Mox::require(agent.messages().whole == expected.whole, "the messages of the stream");

@@ -10,7 +10,7 @@
 
 namespace Pavo {
 
-/// Puts PDUs together from the bytes of a stream, one at a time. It notifies nobody and watches
+/// Puts PDUs together from the bytes of a stream, one at a time. It calls no observer and watches
 /// nothing: its owner, which also knows the framing, does.
 ///
 /// | state         | packet       | left by                                                 |

@@ -10,8 +10,8 @@
 
 namespace Pavo {
 
-/// Writes packets to a stream, and keeps what does not fit until there is room. It notifies nobody
-/// and watches nothing: its owner does.
+/// Writes packets to a stream, and keeps what does not fit until there is room. It calls no
+/// observer and watches nothing: its owner does.
 ///
 /// | state     | unsent rest   | left by                                                       |
 /// | --------- | ------------- | ------------------------------------------------------------- |

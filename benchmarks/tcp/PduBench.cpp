@@ -61,7 +61,7 @@ class Wire {
     int receiver = -1;
 
   private:
-    // With room for a burst, which nobody reads while it is written.
+    // With room for a burst, which is not read while it is written.
     static int newSocket() {
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
@@ -190,7 +190,7 @@ class AsioReader {
     int received_ = 0;
 };
 
-// Processor time of this thread, which never waits: what else the machine does is not in it.
+// Processor time of this thread, which never waits, so that other programs do not count.
 double threadSeconds() {
     timespec time{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
