@@ -240,16 +240,11 @@ void Pkt::throwNoSuchIovec() {
     Mox::throwRangeException("no such iovec");
 }
 
-template <class Visit>
-void Pkt::forEachIovec(Visit visit) const {
-    for (uint32_t i = firstIoVec_; i < maxIovecs_; ++i) {
-        visit(iovecs_[i]);
-    }
-}
-
 uint32_t Pkt::totalBytes() const {
     uint32_t total = 0;
-    forEachIovec([&total](const Iovec& piece) { total += piece.bytes; });
+    for (const Iovec& each : iovecs()) {
+        total += each.bytes;
+    }
     return total;
 }
 
@@ -325,15 +320,17 @@ void Pkt::updatePrivateIovec() {
 Mox::String Pkt::stringValue() const {
     std::string all;
     all.reserve(totalBytes());
-    forEachIovec([&all](const Iovec& piece) {
-        all.append(reinterpret_cast<const char*>(piece.data), piece.bytes);
-    });
+    for (const Iovec& each : iovecs()) {
+        all.append(reinterpret_cast<const char*>(each.data), each.bytes);
+    }
     return Mox::String(std::move(all));
 }
 
 Mox::Bytes Pkt::bytesValue() const {
     Mox::Bytes all;
-    forEachIovec([&all](const Iovec& piece) { all.append(piece.data, piece.bytes); });
+    for (const Iovec& each : iovecs()) {
+        all.append(each.data, each.bytes);
+    }
     return all;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "Mox/Assert.h"
 #include "Mox/FwkType.h"
@@ -77,6 +78,18 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
         return iovecs_[i];
     }
     [[noreturn]] static void throwNoSuchIovec();
+    /// The entries in use, in the order of their bytes.
+    std::span<const Iovec> iovecs() const { return {iovecs_ + firstIoVec_, numIovecs()}; }
+    /// Writes them into a table of `{data, bytes}` records as system calls take it, such as `iovec`
+    /// (readv(2)), and returns how many.
+    template <class Piece>
+    uint32_t copyIovecs(Piece (&table)[maxIovecs_]) const {
+        uint32_t count = 0;
+        for (const Iovec& each : iovecs()) {
+            table[count++] = {each.data, each.bytes};
+        }
+        return count;
+    }
 
     /// The start of the first iovec in use, null without data.
     uint8_t* frontData() { return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data; }
@@ -169,8 +182,6 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     void growInto(uint32_t size, uint32_t tailRoom);
     void copyPrivateAndTag(const Pkt& other);
     void clear();
-    template <class Visit>
-    void forEachIovec(Visit visit) const;
 
     static constexpr uint32_t magicValue = 0xbeefcafe;
 

@@ -24,8 +24,7 @@ constexpr uint16_t vlanIdMask = 0x0fff;
 template <class Visit>
 void forEachPiece(const Pkt& pkt, uint32_t bytes, Visit visit) {
     uint32_t done = 0;
-    for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_ && done < bytes; ++i) {
-        const Pkt::Iovec& iovec = pkt.iovec(i);
+    for (const Pkt::Iovec& iovec : pkt.iovecs()) {
         const uint32_t here = std::min(iovec.bytes, bytes - done);
         if (here != 0) {
             visit(iovec.data, done, here);
