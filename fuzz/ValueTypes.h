@@ -15,6 +15,7 @@
 #include "Pavo/Ip.h"
 #include "Pavo/Ip6Addr.h"
 #include "Pavo/Ip6Hdr.h"
+#include "Pavo/Ip6Pam.h"
 #include "Pavo/IpAddr.h"
 #include "Pavo/IpGenAddr.h"
 #include "Pavo/IpGenAddrWithFullMask.h"
@@ -97,7 +98,8 @@ using EnumTypes =
              Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState,
              Pavo::TcpClientStatus::ConnectionStatus, Pavo::TcpPduPamEnableMode,
              Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type0LocalType,
-             Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError>;
+             Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError, Pavo::IpSocketOptions,
+             Pavo::IpTrafficControl, Pavo::IpPktOption, Pavo::Ip6Pam::Mode>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -10,7 +10,8 @@ namespace Pavo {
 namespace {
 
 // The options that say how packets are sent.
-constexpr uint32_t txOptions = ipFreeBind | ipMulticastLoop | ipTransparent | ipPriority;
+constexpr uint32_t txOptions =
+    ipFreeBind | ipMulticastLoop | ipNoMulticastLoop | ipTransparent | ipPriority;
 
 }  // namespace
 
@@ -30,7 +31,8 @@ void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
     try {
         txPamOptionsAre();
         inner->enabledIs(true);
-        // From here on: the bumps at birth are those of this endpoint's own socket.
+        // From here on, since the first increment of each count is that of this endpoint's own
+        // socket.
         roomAgain_ = Mox::Watch<Ip6SocketPam>(inner, Pam::writableCountAttr,
                                               [this] { writableCountInc(1); });
         Ip6SocketPam::enabledIsImpl(true);
@@ -40,7 +42,8 @@ void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
     }
 }
 
-// The inner endpoint goes last: an observer of the end of this one may still send, or reopen it.
+// The inner endpoint is disabled last: an observer that is notified that this one is disabled may
+// still send, or reopen it.
 void Ip6HdrInclSocketPam::handleCleanup() {
     Ip6SocketPam::handleCleanup();
     txPamDisable();
@@ -91,26 +94,23 @@ void Ip6HdrInclSocketPam::txPamIs() {
 
 void Ip6HdrInclSocketPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     Mox::require(enabled(), "enabled()");
-    // An observer of what is counted may disable the endpoint, or drop it.
+    Mox::require(pkt != nullptr, "pkt != nullptr");
+    // An observer of a count may disable the endpoint, or drop it.
     const Mox::Ptr<Ip6HdrInclSocketPam> hold(this);
     const Mox::Ptr<Ip6SocketPam> inner = txPam_;
+    tapTx(*pkt, /*isIpHdrWithKernel=*/false);
     txErrnoIs(0);
     inner->txDstIpAddrIs(txDstIpAddr());
     inner->txSrcIpAddrIs(txSrcIpAddr());
     inner->txIfIndexIs(txIfIndex());
     inner->txIfNameIs(txIfName());
     inner->txFlagsIs(txFlags());
-    int32_t error = EBADF;  // Closed by somebody who watches it.
+    int32_t error = EBADF;  // An observer may have disabled it.
     if (inner->enabled()) {
         inner->txPktIs(std::move(pkt));
         error = inner->txErrno();
     }
-    if (error == 0) {
-        txPktCountInc(1);
-        return;
-    }
-    txErrnoIs(error);
-    txErrorsInc(1);
+    sendEnded(nullptr, error);
 }
 
 Mox::Ptr<Ip6HdrInclSocketPam> ip6HdrInclSocketPamFactory(Mox::String name,

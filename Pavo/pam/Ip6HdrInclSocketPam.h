@@ -17,16 +17,17 @@ namespace Pavo {
 ///
 /// For a send, the inner endpoint is given the destination, interface, source (which has to be an
 /// address of the host, and selects the route only) and flags set here; counts and `txErrno` of the
-/// send, and word of room after an EAGAIN, come back to this one. The options `ipFreeBind`,
-/// `ipMulticastLoop`, `ipTransparent` and `ipPriority` are set on both sockets; where the inner one
-/// refuses, the endpoint is disabled. `txTOS`, `txTTL` and packet options are of no effect.
+/// send, and the report of room after an EAGAIN, are those of this one. The options `ipFreeBind`,
+/// `ipMulticastLoop`, `ipNoMulticastLoop`, `ipTransparent` and `ipPriority` are set on both
+/// sockets; when the inner one refuses, the endpoint is disabled. `txTOS`, `txTTL` and packet
+/// options have no effect.
 class PAVO_EXPORT Ip6HdrInclSocketPam : public Mox::EntityOf<Ip6HdrInclSocketPam, Ip6SocketPam> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::Ip6HdrInclSocketPam"); }
 
     Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
-    /// @pre enabled (assertion "enabled()").
+    /// @pre as for `RawIpPam`.
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void optionsIsImpl(uint32_t options) override;
     void enabledIsImpl(bool enabled) override;

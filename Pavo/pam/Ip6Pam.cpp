@@ -1,7 +1,6 @@
 #include "Pavo/pam/Ip6Pam.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "Mox/Assert.h"
@@ -23,16 +22,6 @@ IpProtocolNumber protocolOf(Ip6Pam::Mode mode) {
     }
 }
 
-RxPacketInfo rxInfoOf(const Ip6PktInfo& info) {
-    RxPacketInfo rx;
-    rx.srcIpAddr = info.src;
-    rx.dstIpAddr = info.dst;
-    rx.ifIndex = info.ifIndex;
-    rx.tos = info.trafficClass;
-    rx.ttl = info.hopLimit;
-    return rx;
-}
-
 }  // namespace
 
 Ip6Pam::Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs)
@@ -49,7 +38,7 @@ void Ip6Pam::enabledIsImpl(bool enable) {
     }
     start();
     try {
-        // As the machine of a socket does at its birth, and a report for each packet that waits.
+        // As the machine of a socket does when it is made, and a report for each packet that waits.
         for (uint32_t reports = std::max(testBuff(TestBuff::rx).members(), 1u);
              reports > 0 && enabled(); --reports) {
             readableCountInc(1);
@@ -69,18 +58,19 @@ void Ip6Pam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
         return;
     }
     Mox::require(enabled(), "enabled()");
+    Mox::require(pkt != nullptr, "pkt != nullptr");
     const Mox::Ptr<Ip6Pam> hold(this);
-    if (isForeign(txDstIpAddr()) || isForeign(txSrcIpAddr())) {
-        txErrnoIs(EAFNOSUPPORT);
-        txErrorsInc(1);
+    tapTx(*pkt, /*isIpHdrWithKernel=*/true);
+    txErrnoIs(0);
+    if (const int error = addressError()) {
+        sendEnded(nullptr, error);
         return;
     }
     const Mox::Ptr<Pkt> copy = globalPktManager()->newPkt();
     copy->bytesValueIs(pkt->bytesValue(), /*atTail=*/true);
     testBuffPush(TestBuff::tx, {copy, txSrcIpAddr().v6Addr(), txDstIpAddr().v6Addr(), txIfIndex(),
                                 txTTL().value(), txTOS().value()});
-    txErrnoIs(0);
-    txPktCountInc(1);
+    sendEnded(nullptr, 0);
 }
 
 void Ip6Pam::testBuffPush(TestBuff buff, Ip6PktInfo info) {
@@ -114,15 +104,26 @@ int32_t Ip6Pam::doGetRxPktBulk() {
     return packets;
 }
 
+RxInfo Ip6Pam::rxInfoOf(const Ip6PktInfo& info) const {
+    RxInfo rx = newRxInfo();
+    rx.srcIpAddr = info.src;
+    rx.dstIpAddr = info.dst;
+    rx.ifIndex = info.ifIndex;
+    rx.tos = info.trafficClass;
+    rx.ttl = info.hopLimit;
+    return rx;
+}
+
 void Ip6Pam::testRead() {
     const Ip6PktInfo info = testBuffPop(TestBuff::rx);
     if (!info.pkt) {
         rxErrorsInc(1);
         return;
     }
-    packetInfoIs(rxInfoOf(info), options() & reported);
+    const RxInfo rx = rxInfoOf(info);
+    packetInfoIs(rx, options() & reported);
     rxPktCountInc(1);
-    rxPktIs(info.pkt);
+    rxPktIs(info.pkt, rx);
 }
 
 int32_t Ip6Pam::testBulkRead() {
@@ -141,7 +142,7 @@ int32_t Ip6Pam::testBulkRead() {
     return static_cast<int32_t>(packets);
 }
 
-// The endpoint is held by whoever reads.
+// The reader holds the endpoint.
 void Ip6Pam::countFaults() {
     numRecvMsgErrorsInc(takeFailedReads());
     numCmsgDataErrorsInc(takeFaultyControlData());
@@ -184,9 +185,9 @@ void Ip6PamVrrp::mcastGroupIs(const Ip6Addr& group) {
         throw;
     }
     const Mox::Ptr<Ip6PamVrrp> hold(this);
-    const bool sentThere = txDstIpAddr() == IpGenAddr(mcastGroup_);
+    const bool sendsToGroup = txDstIpAddr() == IpGenAddr(mcastGroup_);
     mcastGroup_ = group;
-    if (sentThere) {
+    if (sendsToGroup) {
         txDstIpAddrIs(group);
     }
     notify(mcastGroupAttr);

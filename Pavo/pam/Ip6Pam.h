@@ -25,17 +25,17 @@ struct Ip6PktInfo {
 /// The IPv6 endpoint of an agent that speaks a control protocol. Destination, arrival interface,
 /// hop limit and traffic class of received packets are reported from the start.
 ///
-/// In a test there is no socket, and no privilege is needed: what the agent sends is queued, and
-/// what the test puts into the other queue is what the agent reads.
+/// In a test there is no socket, and neither privilege nor event loop is needed: packets that the
+/// agent sends are queued, and the agent reads those that the test puts into the other queue.
 class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
   public:
-    /// What the endpoint is attached to: a raw socket of the protocol, or queues.
+    /// Where packets come from and go to: a raw socket of the protocol, or queues.
     enum class Mode : uint32_t { icmp6, vrrp, test };
     /// The queues of an endpoint in a test: of sent packets, and of those to be received.
     enum class TestBuff : uint32_t { tx, rx };
 
-    static constexpr Mox::Attribute<Ip6Pam> numRecvMsgErrorsAttr{34, "numRecvMsgErrors"};
-    static constexpr Mox::Attribute<Ip6Pam> numCmsgDataErrorsAttr{35, "numCmsgDataErrors"};
+    static constexpr Mox::Attribute<Ip6Pam> numRecvMsgErrorsAttr{36, "numRecvMsgErrors"};
+    static constexpr Mox::Attribute<Ip6Pam> numCmsgDataErrorsAttr{37, "numCmsgDataErrors"};
     static constexpr auto description() {
         return Mox::classRecord("Pavo::Ip6Pam",
                                 Mox::attribute(numRecvMsgErrorsAttr, &Ip6Pam::numRecvMsgErrors),
@@ -44,7 +44,7 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
 
     Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs);
 
-    /// @pre enabled (assertion "enabled()").
+    /// @pre as for `RawIpPam`.
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void enabledIsImpl(bool enabled) override;
     void doGetRxPktSingle() override;
@@ -55,7 +55,7 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
     /// Packets received and sent.
     uint64_t rxPkts() const { return rxPktCount(); }
     uint64_t txPkts() const { return txPktCount(); }
-    /// Reads that failed, those left out that found nothing to read.
+    /// Reads that failed, without those that found nothing to read.
     uint32_t numRecvMsgErrors() const { return numRecvMsgErrors_; }
     void numRecvMsgErrorsIs(uint32_t errors) {
         attributeIs(numRecvMsgErrors_, errors, numRecvMsgErrorsAttr);
@@ -72,13 +72,13 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
         return attributeInc(numCmsgDataErrors_, delta, numCmsgDataErrorsAttr);
     }
 
-    /// The records in a queue, in the order in which they came. A sent packet is there as a copy,
-    /// with `txIfIndex` as its interface; `txIfName` is not looked up.
+    /// The records in a queue, in the order in which they came. A sent packet is a copy, with
+    /// `txIfIndex` as its interface; `txIfName` is not looked up.
     const Mox::Queue<Ip6PktInfo>& testBuff(TestBuff buff) const { return buffOf(buff); }
-    /// Adds a record; one to be received bumps `readableCount` of an enabled endpoint. Assertion
-    /// "info.pkt" for one without a packet.
+    /// Adds a record; one to be received increments `readableCount` of an enabled endpoint.
+    /// Assertion "info.pkt" for one without a packet.
     void testBuffPush(TestBuff buff, Ip6PktInfo info);
-    /// Takes the oldest record; one without a packet where there is none.
+    /// Takes the oldest record; the result has no packet when there is none.
     Ip6PktInfo testBuffPop(TestBuff buff);
 
   protected:
@@ -88,6 +88,7 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
     const Mox::Queue<Ip6PktInfo>& buffOf(TestBuff buff) const {
         return testBuffs_[static_cast<uint32_t>(buff)];
     }
+    RxInfo rxInfoOf(const Ip6PktInfo& info) const;
     void testRead();
     int32_t testBulkRead();
     void countFaults();
@@ -98,13 +99,13 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
     Mox::Queue<Ip6PktInfo> testBuffs_[2];
 };
 
-/// The endpoint of VRRP on one interface (RFC 9568): from being enabled on it is a member of the
-/// group there, and unless told otherwise it sends to the group, on that interface, with the hop
-/// limit 255 that receivers insist on. It hears the packets of other interfaces too, where their
-/// group was joined by somebody; `rxIfIndex` tells.
+/// The endpoint of VRRP on one interface (RFC 9568). While enabled it is a member of the group
+/// there. Its attributes are set to send to the group, on that interface, with the hop limit 255
+/// that receivers require. It also receives packets from other interfaces on which any socket has
+/// joined the group; `rxIfIndex` says from which.
 class PAVO_EXPORT Ip6PamVrrp : public Mox::EntityOf<Ip6PamVrrp, Ip6Pam> {
   public:
-    static constexpr Mox::Attribute<Ip6PamVrrp> mcastGroupAttr{36, "mcastGroup"};
+    static constexpr Mox::Attribute<Ip6PamVrrp> mcastGroupAttr{38, "mcastGroup"};
     static constexpr auto description() {
         return Mox::classRecord("Pavo::Ip6PamVrrp",
                                 Mox::attribute(mcastGroupAttr, &Ip6PamVrrp::mcastGroup));
@@ -116,8 +117,8 @@ class PAVO_EXPORT Ip6PamVrrp : public Mox::EntityOf<Ip6PamVrrp, Ip6Pam> {
     void enabledIsImpl(bool enabled) override;
 
     uint32_t ifIndex() const { return ifIndex_; }
-    /// The group, ff02::12 at first. While enabled a change joins the new group and leaves the old
-    /// one; packets that went to the old group go to the new one.
+    /// The group, ff02::12 by default. While enabled, a change joins the new group and leaves the
+    /// old one; a `txDstIpAddr` that is the old group becomes the new one.
     /// @throws Mox::ErrnoException "setsockopt(IPV6_JOIN_GROUP)" or "setsockopt(IPV6_LEAVE_GROUP)";
     /// the group and the membership are then those from before.
     const Ip6Addr& mcastGroup() const { return mcastGroup_; }
@@ -130,6 +131,12 @@ class PAVO_EXPORT Ip6PamVrrp : public Mox::EntityOf<Ip6PamVrrp, Ip6Pam> {
     uint32_t ifIndex_;
     Ip6Addr mcastGroup_ = ip6AddrVrrp;
 };
+
+constexpr auto enumDescription(Ip6Pam::Mode) {
+    using enum Ip6Pam::Mode;
+    return Mox::enumeration<Ip6Pam::Mode>("Invalid Ip6Pam::Mode",
+                                          {{icmp6, "icmp6"}, {vrrp, "vrrp"}, {test, "test"}});
+}
 
 /// A disabled endpoint in the namespace `netNs`.
 PAVO_EXPORT Mox::Ptr<Ip6Pam> ip6PamFactory(Mox::String name, Ip6Pam::Mode mode,

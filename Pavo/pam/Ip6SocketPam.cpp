@@ -16,56 +16,43 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::Ip6SocketPam");
 
-// The option takes the value of the alerts to hear.
-int routerAlert(const RawIpPam&, bool on) {
-    return on ? 0 : -1;
+// The option's value is that of the alerts to receive.
+void applyRouterAlert(const RawIpOptionChange& change) {
+    socketOptionIs(change.fd, IPPROTO_IPV6, IPV6_ROUTER_ALERT, change.on ? 0 : -1,
+                   "setsockopt(IPV6_ROUTER_ALERT)");
 }
 
-int checksum(const RawIpPam& pam, bool on) {
-    const int offset = static_cast<const Ip6SocketPam&>(pam).checksumOffset();
-    if (on && (offset < 0 || offset % 2 != 0)) {
+void applyChecksum(const RawIpOptionChange& change) {
+    const int offset = static_cast<const Ip6SocketPam&>(change.pam).checksumOffset();
+    if (change.on && (offset < 0 || offset % 2 != 0)) {
         throw Mox::ErrnoException(EINVAL,
                                   "IPV6_CHECKSUM option must be supplied with a valid offset");
     }
-    return on ? offset : -1;
+    socketOptionIs(change.fd, IPPROTO_IPV6, IPV6_CHECKSUM, change.on ? offset : -1,
+                   "setsockopt(IPV6_CHECKSUM)");
 }
 
-constexpr RawIpFamily::Switch switches[] = {
-    {ipHdrIncl, IPV6_HDRINCL, "setsockopt(IPV6_HDRINCL)"},
-    {ipPktInfo, IPV6_RECVPKTINFO, "setsockopt(IPV6_RECVPKTINFO)"},
-    {ipFreeBind, IPV6_FREEBIND, "setsockopt(IPV6_FREEBIND)"},
-    {ipMulticastLoop, IPV6_MULTICAST_LOOP, "setsockopt(IPV6_MULTICAST_LOOP)"},
-    {ipRecvErr, IPV6_RECVERR, "setsockopt(IPV6_RECVERR)"},
-    {ipRecvOrigDstAddr, IPV6_RECVORIGDSTADDR, "setsockopt(IPV6_RECVORIGDSTADDR)"},
-    {ipRecvTOS, IPV6_RECVTCLASS, "setsockopt(IPV6_RECVTCLASS)"},
-    {ipRecvTTL, IPV6_RECVHOPLIMIT, "setsockopt(IPV6_RECVHOPLIMIT)"},
-    {ipRouterAlert, IPV6_ROUTER_ALERT, "setsockopt(IPV6_ROUTER_ALERT)", routerAlert},
-    {ipv6Checksum, IPV6_CHECKSUM, "setsockopt(IPV6_CHECKSUM)", checksum},
+constexpr RawIpOption row(uint32_t bit, int number, const char* failure,
+                          void (*apply)(const RawIpOptionChange&) = RawIpOptionSteps::plain) {
+    return {bit, apply, IPPROTO_IPV6, number, failure, bit == ipTransparent};
+}
+
+constexpr char loopFailure[] = "setsockopt(IPV6_MULTICAST_LOOP)";
+constexpr RawIpOption first[] = {
+    row(ipHdrIncl, IPV6_HDRINCL, "setsockopt(IPV6_HDRINCL)"),
+    row(ipPktInfo, IPV6_RECVPKTINFO, "setsockopt(IPV6_RECVPKTINFO)"),
+    row(ipFreeBind, IPV6_FREEBIND, "setsockopt(IPV6_FREEBIND)"),
+    row(ipMulticastLoop, IPV6_MULTICAST_LOOP, loopFailure, RawIpOptionSteps::multicastLoop),
+    row(ipRecvErr, IPV6_RECVERR, "setsockopt(IPV6_RECVERR)"),
+    row(ipRecvOrigDstAddr, IPV6_RECVORIGDSTADDR, "setsockopt(IPV6_RECVORIGDSTADDR)"),
+    row(ipRecvTOS, IPV6_RECVTCLASS, "setsockopt(IPV6_RECVTCLASS)"),
+    row(ipRecvTTL, IPV6_RECVHOPLIMIT, "setsockopt(IPV6_RECVHOPLIMIT)"),
+    {ipRouterAlert, applyRouterAlert},
+    {ipv6Checksum, applyChecksum},
 };
-
-constexpr uint32_t rxControlBytes = CMSG_SPACE(sizeof(in6_pktinfo)) + 2 * CMSG_SPACE(sizeof(int)) +
-                                    CMSG_SPACE(sizeof(sockaddr_in6));
-constexpr uint32_t txControlBytes = CMSG_SPACE(sizeof(in6_pktinfo));
-static_assert(rxControlBytes <= RawIpFamily::maxRxControlBytes &&
-              txControlBytes <= RawIpFamily::maxTxControlBytes);
-
-void tosIs(int fd, uint8_t tos) {
-    socketOptionIs(fd, IPPROTO_IPV6, IPV6_TCLASS, int{tos}, "setsockopt(IPV6_TCLASS)");
-}
-
-void ttlIs(int fd, int ttl) {
-    socketOptionIs(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, ttl, "setsockopt(IPV6_UNICAST_HOPS)");
-    socketOptionIs(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl, "setsockopt(IPV6_MULTICAST_HOPS)");
-}
-
-void pktOptionsIs(int fd, const Mox::Set<IpPktOption>& options) {
-    // A whole header of eight bytes, whose first the kernel writes: router alert (RFC 2711, 2.1),
-    // then two bytes of padding.
-    static constexpr uint8_t hopByHop[] = {0, 0, 5, 2, 0, 0, 1, 0};
-    const bool on = options.contains(ipPktRouterAlert);
-    socketOptionIs(fd, IPPROTO_IPV6, IPV6_HOPOPTS, hopByHop, on ? sizeof(hopByHop) : 0,
-                   "setsockopt(IPV6_HOPOPTS)");
-}
+constexpr auto table = rawIpOptions(
+    first, row(ipTransparent, IPV6_TRANSPARENT, "setsockopt(IPV6_TRANSPARENT)"),
+    row(ipNoMulticastLoop, IPV6_MULTICAST_LOOP, loopFailure, RawIpOptionSteps::noMulticastLoop));
 
 Ip6Addr addressOf(const in6_addr& address) {
     Ip6Addr value;
@@ -73,88 +60,85 @@ Ip6Addr addressOf(const in6_addr& address) {
     return value;
 }
 
-// The interface of a scoped destination is in the packet information.
-void nameIs(sockaddr* name, const IpGenAddr& address) {
-    sockaddr_in6 image{};
-    image.sin6_family = AF_INET6;
-    address.v6Addr().copyToBuffer(image.sin6_addr.s6_addr);
-    std::memcpy(name, &image, sizeof(image));
-}
+struct Six {
+    using Name = sockaddr_in6;
+    using KernelPktInfo = in6_pktinfo;
 
-void pktInfoIs(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source) {
-    in6_pktinfo info{};
-    info.ipi6_ifindex = ifIndex;
-    source.v6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
-    writeControl(message, IPPROTO_IPV6, IPV6_PKTINFO, info);
-}
+    static constexpr const char* className = "Ip6SocketPam";
+    static constexpr AddressFamily addressFamily = ipv6;
+    static constexpr int domain = AF_INET6;
+    static constexpr int level = IPPROTO_IPV6;
+    static constexpr const char* joinFailure = "setsockopt(IPV6_JOIN_GROUP)";
+    static constexpr const char* leaveFailure = "setsockopt(IPV6_LEAVE_GROUP)";
+    static constexpr const auto& options = table;
+    static constexpr bool isRxIpHdrWithKernel = true;
+    static constexpr bool isTtlForGroups = true;
+    static constexpr uint32_t rxControlBytes = CMSG_SPACE(sizeof(in6_pktinfo)) +
+                                               2 * CMSG_SPACE(sizeof(int)) +
+                                               CMSG_SPACE(sizeof(sockaddr_in6));
+    static constexpr int pktInfoType = IPV6_PKTINFO;
+    static constexpr int origDstType = IPV6_ORIGDSTADDR;
+    static constexpr int tosType = IPV6_TCLASS;
+    static constexpr int ttlType = IPV6_HOPLIMIT;
 
-void takeName(const sockaddr* name, RxPacketInfo* info) {
-    sockaddr_in6 source{};
-    std::memcpy(&source, name, sizeof(source));
-    info->srcIpAddr = addressOf(source.sin6_addr);
-    info->ifIndex = source.sin6_scope_id;
-}
-
-// Takes an int that holds a byte.
-bool readByte(const cmsghdr* message, uint8_t* value) {
-    int number = 0;
-    if (!readControl(message, &number)) {
-        return false;
+    static void tosIs(int fd, uint8_t tos) {
+        socketOptionIs(fd, IPPROTO_IPV6, IPV6_TCLASS, int{tos}, "setsockopt(IPV6_TCLASS)");
     }
-    *value = static_cast<uint8_t>(number);
-    return true;
-}
-
-uint32_t takeControl(const cmsghdr* message, RxPacketInfo* info) {
-    if (message->cmsg_level != IPPROTO_IPV6) {
-        return none;
+    // Two options of the kernel, both changed or none.
+    static void ttlIs(int fd, int ttl) {
+        int before = 0;
+        socklen_t bytes = sizeof(before);
+        if (getsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &before, &bytes) < 0) {
+            Mox::throwErrnoException("getsockopt(IPV6_UNICAST_HOPS)");
+        }
+        socketOptionIs(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, ttl, "setsockopt(IPV6_UNICAST_HOPS)");
+        try {
+            socketOptionIs(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl,
+                           "setsockopt(IPV6_MULTICAST_HOPS)");
+        } catch (...) {
+            (void)setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &before, sizeof(before));
+            throw;
+        }
     }
-    in6_pktinfo pktInfo{};
-    sockaddr_in6 origDst{};
-    switch (message->cmsg_type) {
-        case IPV6_PKTINFO:
-            if (!readControl(message, &pktInfo)) {
-                return none;
-            }
-            info->ifIndex = pktInfo.ipi6_ifindex;
-            info->dstIpAddr = addressOf(pktInfo.ipi6_addr);
-            return ipPktInfo;
-        case IPV6_ORIGDSTADDR:
-            if (!readControl(message, &origDst)) {
-                return none;
-            }
-            info->origDstIpAddr = addressOf(origDst.sin6_addr);
-            return ipRecvOrigDstAddr;
-        case IPV6_TCLASS:
-            return readByte(message, &info->tos) ? ipRecvTOS : none;
-        case IPV6_HOPLIMIT:
-            return readByte(message, &info->ttl) ? ipRecvTTL : none;
-        default:
-            return none;
+    static void routerAlertIs(int fd, bool on) {
+        // A whole header of eight bytes, whose first the kernel writes: router alert (RFC 2711,
+        // 2.1), then two bytes of padding.
+        static constexpr uint8_t hopByHop[] = {0, 0, 5, 2, 0, 0, 1, 0};
+        socketOptionIs(fd, IPPROTO_IPV6, IPV6_HOPOPTS, hopByHop, on ? sizeof(hopByHop) : 0,
+                       "setsockopt(IPV6_HOPOPTS)");
     }
-}
 
-constexpr RawIpFamily family{
-    .className = "Ip6SocketPam",
-    .trace = &facility,
-    .addressFamily = ipv6,
-    .domain = AF_INET6,
-    .level = IPPROTO_IPV6,
-    .joinFailure = "setsockopt(IPV6_JOIN_GROUP)",
-    .leaveFailure = "setsockopt(IPV6_LEAVE_GROUP)",
-    .switches = switches,
-    .transparent = {ipTransparent, IPV6_TRANSPARENT, "setsockopt(IPV6_TRANSPARENT)"},
-    .tosIs = tosIs,
-    .ttlIs = ttlIs,
-    .pktOptionsIs = pktOptionsIs,
-    .nameBytes = sizeof(sockaddr_in6),
-    .rxControlBytes = rxControlBytes,
-    .txControlBytes = txControlBytes,
-    .nameIs = nameIs,
-    .pktInfoIs = pktInfoIs,
-    .takeName = takeName,
-    .takeControls = takeEachControl<takeControl>,
+    // The interface of a scoped destination is in the packet information.
+    static void nameIs(sockaddr* name, const IpGenAddr& address) {
+        sockaddr_in6 image{};
+        image.sin6_family = AF_INET6;
+        address.v6Addr().copyToBuffer(image.sin6_addr.s6_addr);
+        std::memcpy(name, &image, sizeof(image));
+    }
+    static void takeName(const void* name, PktInfo* info) {
+        sockaddr_in6 source{};
+        std::memcpy(&source, name, sizeof(source));
+        info->srcIpAddr = addressOf(source.sin6_addr);
+        info->ifIndex = source.sin6_scope_id;
+    }
+    static void pktInfoIs(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source) {
+        in6_pktinfo info{};
+        info.ipi6_ifindex = ifIndex;
+        source.v6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
+        writeControl(message, IPPROTO_IPV6, IPV6_PKTINFO, info);
+    }
+    static bool takePktInfo(const cmsghdr* message, PktInfo* info) {
+        in6_pktinfo image{};
+        if (!readControl(message, &image)) {
+            return false;
+        }
+        info->ifIndex = image.ipi6_ifindex;
+        info->dstIpAddr = addressOf(image.ipi6_addr);
+        return true;
+    }
 };
+
+constexpr RawIpFamily family = rawIpFamily<Six>(&facility);
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include "Pavo/pam/IpPam.h"
 
+#include <string>
 #include <utility>
 
 #include "Mox/Assert.h"
@@ -25,6 +26,23 @@ bool handled(Field& field, Field value, Handle handle) {
 }
 
 }  // namespace
+
+Mox::String ipSocketOptionsText(uint32_t options) {
+    if (options == none) {
+        return stringValue(none);
+    }
+    std::string text;
+    for (const auto& each : Mox::enumTable<IpSocketOptions>.members) {
+        if ((options & each.value) != 0) {
+            text.append(text.empty() ? "" : "|").append(each.name);
+            options &= ~uint32_t{each.value};
+        }
+    }
+    if (options != 0) {
+        text.append(text.empty() ? "" : "|").append(std::to_string(options));
+    }
+    return Mox::String(text);
+}
 
 IpPam::IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
     : EntityOf(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}
@@ -53,7 +71,7 @@ void IpPam::enabledIsImpl(bool enabled) {
 
 void IpPam::enabledIs(bool enabled) {
     if (enabled != enabled_) {
-        const Mox::Ptr<IpPam> hold(this);  // An observer of what follows may drop the endpoint.
+        const Mox::Ptr<IpPam> hold(this);  // An observer may drop the endpoint.
         enabledIsImpl(enabled);
     }
 }
@@ -73,13 +91,39 @@ void IpPam::enableBulkReadIs(bool enable) {
     bulkSlots_ = enable ? socketReadLimit_ : 0;
     if (enable) {
         for (uint32_t slot = 0; slot < bulkSlots_; ++slot) {
-            savedPacketIs(slot, globalPktManager()->newPkt());
+            savedPacketIs(slot, globalPktManager()->newPkt(rxBufferBytes_));
         }
     } else {
         savedPacketDelAll();
         savedPacketRxDelAll();
     }
     attributeIs(enableBulkRead_, enable, enableBulkReadAttr);
+    readIsPossibleAgain();
+}
+
+void IpPam::rxFlagsIs(int flags) {
+    const Mox::Ptr<IpPam> hold(this);
+    if (flags != rxFlags_) {
+        attributeIs(rxFlags_, flags, rxFlagsAttr);
+        readIsPossibleAgain();
+    }
+}
+
+// Packets may wait behind an error that the kernel reports once, so the first failure in a row asks
+// for one more report. A failure that stays then waits for the next event.
+void IpPam::readEnded(ReadEnd end) {
+    const bool failed = end == ReadEnd::failed;
+    const bool failedBefore = std::exchange(lastReadFailed_, failed);
+    if (fileDesc_) {
+        fileDesc_->readTried(end == ReadEnd::packets || (failed && !failedBefore));
+    }
+}
+
+// After reads that failed, packets may wait of which no event will come.
+void IpPam::readIsPossibleAgain() {
+    if (fileDesc_ && std::exchange(lastReadFailed_, false)) {
+        fileDesc_->readTried(true);
+    }
 }
 
 void IpPam::priorityIs(uint32_t priority) {
@@ -108,7 +152,7 @@ void IpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
 
 void IpPam::fdSmIs() {
     const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc_;
-    if (!fd || fdSm_) {  // An observer of what came before may have reopened the endpoint.
+    if (!fd || fdSm_) {  // An observer of `enabled` may have disabled or reopened the endpoint.
         return;
     }
     const Mox::Ptr<PamFdSm> machine = PamFdSmIs(fd, this);
@@ -119,7 +163,7 @@ void IpPam::fdSmIs() {
 
 void IpPam::fileDescDel() {
     if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
-        machine->moxDoZombieReactors(true);  // Somebody may hold the machine, which points here.
+        machine->moxDoZombieReactors(true);  // It points here, and others may hold it.
     }
     if (const Mox::Ptr<Mox::FileDescriptor> fd = std::exchange(fileDesc_, nullptr)) {
         fd->close();

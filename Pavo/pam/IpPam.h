@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Mox/Collections.h"
+#include "Mox/Enum.h"
 #include "Mox/FileDescriptor.h"
 #include "Mox/ValueType.h"
 #include "Pavo/base/Export.h"
@@ -17,25 +18,57 @@
 
 namespace Pavo {
 
-/// Socket options of an IP endpoint, as bits; each drives the Linux option named beside it (ip(7),
-/// socket(7)), or that of IPv6 which `Ip6SocketPam` names.
+/// Socket options of an IP endpoint, as bits; each stands for the Linux option named beside it
+/// (ip(7), socket(7)), or that of IPv6 which `Ip6SocketPam` names.
 enum IpSocketOptions : uint32_t {
     none = 0,
-    ipFreeBind = 0x0001,         ///< IP_FREEBIND
-    ipHdrIncl = 0x0002,          ///< IP_HDRINCL: packets are sent with their IP header
-    ipMulticastLoop = 0x0004,    ///< IP_MULTICAST_LOOP, which the kernel has on by itself
+    ipFreeBind = 0x0001,  ///< IP_FREEBIND
+    ipHdrIncl = 0x0002,   ///< IP_HDRINCL: packets are sent with their IP header
+    /// IP_MULTICAST_LOOP: groups of which this host is a member receive what is sent to them. The
+    /// kernel's default is on: an endpoint that is enabled without this bit loops all the same.
+    /// Only a change of the bit while enabled, or `ipNoMulticastLoop`, turns looping off.
+    ipMulticastLoop = 0x0004,
     ipPktInfo = 0x0008,          ///< IP_PKTINFO: fills `rxIfIndex` and `rxDstIpAddr`
     ipRecvErr = 0x0010,          ///< IP_RECVERR; the error queue is drained and counted
     ipRecvOrigDstAddr = 0x0020,  ///< IP_RECVORIGDSTADDR: fills `rxOrigDstIpAddr`
     ipRecvTOS = 0x0040,          ///< IP_RECVTOS: fills `rxTOS`
     ipRecvTTL = 0x0080,          ///< IP_RECVTTL: fills `rxTTL`
-    ipRouterAlert = 0x0100,      ///< IP_ROUTER_ALERT: hears packets that carry the alert
+    ipRouterAlert = 0x0100,      ///< IP_ROUTER_ALERT: receives forwarded packets with the alert
     ipTransparent = 0x0200,      ///< IP_TRANSPARENT
     ipAttachFilter = 0x0400,     ///< SO_ATTACH_FILTER with `rxFilter`
     ipRcvBuf = 0x0800,           ///< SO_RCVBUFFORCE with `rxBuf`
     ipPriority = 0x1000,         ///< SO_PRIORITY with `priority`
     ipv6Checksum = 0x2000,       ///< IPV6_CHECKSUM, of the IPv6 endpoints
+    /// IP_MULTICAST_LOOP off, from every enabling on; it prevails over `ipMulticastLoop`. Taking
+    /// the bit away while enabled turns looping on again.
+    ipNoMulticastLoop = 0x4000,
+    ipRecvDrops = 0x8000,  ///< SO_RXQ_OVFL: the kernel's drops are added to `rxDrops`
 };
+
+constexpr auto enumDescription(IpSocketOptions) {
+    return Mox::enumeration<IpSocketOptions>("Invalid IpSocketOptions",
+                                             {{none, "none"},
+                                              {ipFreeBind, "ipFreeBind"},
+                                              {ipHdrIncl, "ipHdrIncl"},
+                                              {ipMulticastLoop, "ipMulticastLoop"},
+                                              {ipPktInfo, "ipPktInfo"},
+                                              {ipRecvErr, "ipRecvErr"},
+                                              {ipRecvOrigDstAddr, "ipRecvOrigDstAddr"},
+                                              {ipRecvTOS, "ipRecvTOS"},
+                                              {ipRecvTTL, "ipRecvTTL"},
+                                              {ipRouterAlert, "ipRouterAlert"},
+                                              {ipTransparent, "ipTransparent"},
+                                              {ipAttachFilter, "ipAttachFilter"},
+                                              {ipRcvBuf, "ipRcvBuf"},
+                                              {ipPriority, "ipPriority"},
+                                              {ipv6Checksum, "ipv6Checksum"},
+                                              {ipNoMulticastLoop, "ipNoMulticastLoop"},
+                                              {ipRecvDrops, "ipRecvDrops"}});
+}
+
+/// A set of option bits as text, in ascending order: "ipPktInfo|ipRecvTTL". Bits that are no option
+/// come last, as one decimal number; the empty set is "none".
+PAVO_EXPORT Mox::String ipSocketOptionsText(uint32_t options);
 
 /// Bands of socket priority, for `priority` (the kernel's TC_PRIO_ numbers).
 enum IpTrafficControl : uint32_t {
@@ -48,10 +81,26 @@ enum IpTrafficControl : uint32_t {
     tcPrioMax = 15,
 };
 
+constexpr auto enumDescription(IpTrafficControl) {
+    return Mox::enumeration<IpTrafficControl>("Invalid IpTrafficControl",
+                                              {{tcPrioBestEffort, "tcPrioBestEffort"},
+                                               {tcPrioFiller, "tcPrioFiller"},
+                                               {tcPrioBulk, "tcPrioBulk"},
+                                               {tcPrioInteractiveBulk, "tcPrioInteractiveBulk"},
+                                               {tcPrioInteractive, "tcPrioInteractive"},
+                                               {tcPrioControl, "tcPrioControl"},
+                                               {tcPrioMax, "tcPrioMax"}});
+}
+
 /// IP options that sent packets carry.
 enum IpPktOption : uint32_t {
     ipPktRouterAlert = 0,  ///< RFC 2113, RFC 2711
 };
+
+constexpr auto enumDescription(IpPktOption) {
+    return Mox::enumeration<IpPktOption>("Invalid IpPktOption",
+                                         {{ipPktRouterAlert, "ipPktRouterAlert"}});
+}
 
 /// One classic BPF instruction, laid out as the kernel's `sock_filter`, in host order.
 class IpFilter : public Mox::ValueType<IpFilter> {
@@ -88,8 +137,9 @@ static_assert(std::is_trivially_copyable_v<IpFilter> && sizeof(IpFilter) == 8);
 /// A packet endpoint on a raw IP socket: one per IP protocol and network namespace. It holds what
 /// the endpoints of both families have in common; `RawIpPam` does the work.
 ///
-/// The `tx` attributes describe the next packet sent, the `rx` attributes the last one received; an
-/// `rx` attribute that a packet does not carry keeps its value.
+/// The `tx` attributes describe the next packet sent, the `rx` attributes the last one received. An
+/// `rx` attribute that a packet does not carry keeps its value; `rxInfo` describes one packet
+/// alone.
 class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
   public:
     static constexpr Mox::Attribute<IpPam> enabledAttr{8, "enabled"};
@@ -116,6 +166,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     static constexpr Mox::Attribute<IpPam> rxTOSAttr{29, "rxTOS"};
     static constexpr Mox::Attribute<IpPam> rxTTLAttr{30, "rxTTL"};
     static constexpr Mox::Attribute<IpPam> rxPktCountAttr{31, "rxPktCount"};
+    static constexpr Mox::Attribute<IpPam> rxBufferBytesAttr{32, "rxBufferBytes"};
+    static constexpr Mox::Attribute<IpPam> rxTruncatedPktsAttr{33, "rxTruncatedPkts"};
     static constexpr auto description() {
         return Mox::classRecord(
             "Pavo::IpPam", Mox::attribute(enabledAttr, &IpPam::enabled),
@@ -138,7 +190,9 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
             Mox::attribute(rxOrigDstIpAddrAttr, &IpPam::rxOrigDstIpAddr),
             Mox::attribute(rxIfIndexAttr, &IpPam::rxIfIndex),
             Mox::attribute(rxTOSAttr, &IpPam::rxTOS), Mox::attribute(rxTTLAttr, &IpPam::rxTTL),
-            Mox::attribute(rxPktCountAttr, &IpPam::rxPktCount));
+            Mox::attribute(rxPktCountAttr, &IpPam::rxPktCount),
+            Mox::attribute(rxBufferBytesAttr, &IpPam::rxBufferBytes),
+            Mox::attribute(rxTruncatedPktsAttr, &IpPam::rxTruncatedPkts));
     }
 
     IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
@@ -163,7 +217,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     bool enabled() const { return enabled_; }
     /// @throws Mox::ErrnoException naming the call that failed; the endpoint is then disabled.
     void enabledIs(bool enabled);
-    /// The options wanted, bits of `IpSocketOptions`; they describe the socket while it is open.
+    /// The options that are wanted, bits of `IpSocketOptions`; they describe the socket while it is
+    /// open.
     uint32_t options() const { return options_; }
     /// @throws Mox::ErrnoException naming the option that failed.
     void optionsIs(uint32_t options);
@@ -176,14 +231,21 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void socketReadLimitIs(uint8_t packets) {
         attributeIs(socketReadLimit_, packets, socketReadLimitAttr);
     }
-    /// Bytes offered to the kernel for a packet, at most what a packet's buffer holds (1536); what
-    /// is longer is cut off.
+    /// Bytes offered to the kernel for a packet, 1536 by default. A longer packet is cut off there;
+    /// `rxInfo().truncated` and `rxTruncatedPkts` say so. More than `rxBufferBytes` is fatal at the
+    /// next read: "maxSize >= maxRxPktData()".
     uint32_t maxRxPktData() const { return maxRxPktData_; }
     void maxRxPktDataIs(uint32_t bytes) { attributeIs(maxRxPktData_, bytes, maxRxPktDataAttr); }
+    /// The size of the buffers that packets are read into, 1536 by default. Buffers of that size
+    /// and of `Pkt::largeBufferSize` are recycled, others are allocated for each packet.
+    uint32_t rxBufferBytes() const { return rxBufferBytes_; }
+    void rxBufferBytesIs(uint32_t bytes) { attributeIs(rxBufferBytes_, bytes, rxBufferBytesAttr); }
     /// The receive buffer in bytes, applied with the option `ipRcvBuf`.
     uint32_t rxBuf() const { return rxBuf_; }
     void rxBufIs(uint32_t bytes) { attributeIs(rxBuf_, bytes, rxBufAttr); }
-    /// The socket priority, applied with the option `ipPriority`; see `IpTrafficControl`.
+    /// The socket priority, see `IpTrafficControl`. A change takes effect when the option
+    /// `ipPriority` is next applied: when the bit is set, at the next enabling with it, or after
+    /// the next change of `txTOS` while it is set.
     uint32_t priority() const { return priority_; }
     void priorityIs(uint32_t priority);
 
@@ -194,8 +256,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void rxFilterDel(uint8_t index) { memberDel(rxFilter_, index, rxFilterAttr); }
     void rxFilterDelAll() { memberDelAll(rxFilter_, rxFilterAttr); }
 
-    /// The outgoing interface of the next packet, by name; looked up at each send, and only when
-    /// `txIfIndex` is 0.
+    /// The outgoing interface of the next packet, by name; it is looked up at each send, and only
+    /// when `txIfIndex` is 0.
     const Mox::String& txIfName() const { return txIfName_; }
     void txIfNameIs(Mox::String name) { attributeIs(txIfName_, std::move(name), txIfNameAttr); }
     /// The same by index; 0 is none.
@@ -204,7 +266,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// The TOS byte of sent packets.
     IpDscp txTOS() const { return txTOS_; }
     void txTOSIs(IpDscp tos);
-    /// The TTL of sent packets, of IPv4 of those to one host; 0 leaves it to the kernel.
+    /// The TTL of sent packets, of IPv4 only of those to one host; 0 leaves it to the kernel.
     IpTtl txTTL() const { return txTTL_; }
     void txTTLIs(IpTtl ttl);
     /// Flags for sendmsg(2).
@@ -215,6 +277,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void txSrcIpAddrIs(const IpGenAddr& address) {
         attributeIs(txSrcIpAddr_, address, txSrcIpAddrAttr);
     }
+    /// The destination of the next packet. A send without one fails with EDESTADDRREQ; 0.0.0.0 and
+    /// :: go to the kernel as they are.
     const IpGenAddr& txDstIpAddr() const { return txDstIpAddr_; }
     void txDstIpAddrIs(const IpGenAddr& address) {
         attributeIs(txDstIpAddr_, address, txDstIpAddrAttr);
@@ -227,7 +291,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
 
     /// Flags for recvmsg(2).
     int rxFlags() const { return rxFlags_; }
-    void rxFlagsIs(int flags) { attributeIs(rxFlags_, flags, rxFlagsAttr); }
+    void rxFlagsIs(int flags);
     const IpGenAddr& rxSrcIpAddr() const { return rxSrcIpAddr_; }
     void rxSrcIpAddrIs(const IpGenAddr& address) {
         attributeIs(rxSrcIpAddr_, address, rxSrcIpAddrAttr);
@@ -257,6 +321,15 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
         return attributeInc(rxPktCount_, delta, rxPktCountAttr);
     }
 
+    /// Packets received without their end, see `maxRxPktData`.
+    uint32_t rxTruncatedPkts() const { return rxTruncatedPkts_; }
+    void rxTruncatedPktsIs(uint32_t packets) {
+        attributeIs(rxTruncatedPkts_, packets, rxTruncatedPktsAttr);
+    }
+    uint32_t rxTruncatedPktsInc(uint32_t delta) {
+        return attributeInc(rxTruncatedPkts_, delta, rxTruncatedPktsAttr);
+    }
+
     /// The socket and the machine that watches it; null while disabled.
     const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }
     const Mox::Ptr<PamFdSm>& fdSm() const { return fdSm_; }
@@ -267,19 +340,28 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void enabledStore(bool enabled) { attributeIs(enabled_, enabled, enabledAttr); }
     void optionsStore(uint32_t options) { attributeIs(options_, options, optionsAttr); }
     void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { fileDesc_ = std::move(fd); }
-    /// Makes the machine that watches `fileDesc`, unless there is none; its first bumps come at
-    /// once, and may disable the endpoint or open it anew.
+    /// Makes the machine that watches `fileDesc`, unless there is none. It increments both counts
+    /// at once; observers of these may disable the endpoint or open it again.
     void fdSmIs();
     /// Drops the machine and closes the socket.
     void fileDescDel();
     /// The slots of a bulk read: `socketReadLimit` as it was when bulk reading was enabled.
     uint32_t bulkSlots() const { return bulkSlots_; }
 
+    /// How an attempt to read ended: with packets, with none there (EAGAIN), or with none for
+    /// another reason, also before the kernel was asked.
+    enum class ReadEnd { packets, empty, failed };
+    /// For every attempt, before observers are notified of its result.
+    void readEnded(ReadEnd end);
+
   private:
+    void readIsPossibleAgain();
+
     IpProtocolNumber protocol_;
     NamespaceName netNs_;
     bool enabled_ = false;
     bool enableBulkRead_ = false;
+    bool lastReadFailed_ = false;
     uint8_t socketReadLimit_ = 32;
     uint8_t bulkSlots_ = 0;
     uint8_t rxTOS_ = 0;
@@ -287,7 +369,9 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     IpDscp txTOS_;
     IpTtl txTTL_;
     uint32_t options_ = none;
-    uint32_t maxRxPktData_ = 1536;
+    uint32_t maxRxPktData_ = Pkt::Manager::defaultBufferSize;
+    uint32_t rxBufferBytes_ = Pkt::Manager::defaultBufferSize;
+    uint32_t rxTruncatedPkts_ = 0;
     uint32_t rxBuf_ = 0;
     uint32_t priority_ = 0;
     Mox::Array<IpFilter> rxFilter_;

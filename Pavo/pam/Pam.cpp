@@ -33,8 +33,8 @@ int32_t Pam::doGetBulkRxPkt() {
     return 0;
 }
 
-// The handler runs first, so that a subclass has read its packet before anybody else hears of it;
-// it may drop the last reference to the endpoint.
+// The handler runs first, so that a subclass has read its packet before an observer is notified. It
+// may drop the last reference to the endpoint.
 void Pam::readableCountIs(uint32_t count) {
     if (changed(readableCount_, count)) {
         const Mox::Ptr<Pam> hold(this);
@@ -63,13 +63,12 @@ uint32_t Pam::writableCountInc(uint32_t delta) {
     return writableCount_;
 }
 
-// Reading is const for the agent, to whom the packet comes from outside; for the endpoint it is
-// not.
+// Reading is const for the agent, since the packet comes from outside; for the endpoint it is not.
 Mox::Ptr<Pkt> Pam::rxPkt() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
     self->doGetRxPkt();
     if (tap_ && rxPkt_) {
-        tap_->handleRxPkt(*this, *rxPkt_, PktTap::noSlot);
+        tap_->handleRxPkt(*this, *rxPkt_, rxInfo_);
     }
     return std::exchange(self->rxPkt_, nullptr);
 }
@@ -77,6 +76,10 @@ Mox::Ptr<Pkt> Pam::rxPkt() const {
 int32_t Pam::rxPktBulk() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
     return self->doGetBulkRxPkt();
+}
+
+RxInfo Pam::rxInfo(uint32_t slot) const {
+    return slot < slotInfos_.size() ? slotInfos_[slot] : RxInfo();
 }
 
 void Pam::savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt) {

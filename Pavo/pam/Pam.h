@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <utility>
+#include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
@@ -12,6 +13,7 @@
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
 #include "Pavo/packet/Pkt.h"
+#include "Pavo/pam/RxInfo.h"
 
 namespace Pavo {
 
@@ -21,14 +23,11 @@ class Pam;
 /// endpoint, and does not call back.
 class PAVO_EXPORT PktTap : public Mox::PtrInterface {
   public:
-    /// A packet that was not read into a slot of a batch.
-    static constexpr int32_t noSlot = -1;
-
-    /// A packet handed over for sending, just before it is sent: whether it was is told by the
-    /// endpoint's counts.
-    virtual void handleTxPkt(const Pam& pam, const Pkt& pkt) = 0;
-    /// A packet read, before the agent has it; `slot` is its place in `savedPacket`, or `noSlot`.
-    virtual void handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) = 0;
+    /// A packet handed over for sending, just before it is sent: the endpoint's counts say whether
+    /// it was.
+    virtual void handleTxPkt(const Pam& pam, const Pkt& pkt, const TxInfo& info) = 0;
+    /// A packet that was read, before the agent has it.
+    virtual void handleRxPkt(const Pam& pam, const Pkt& pkt, const RxInfo& info) = 0;
 
   protected:
     PktTap() = default;
@@ -39,9 +38,9 @@ class PAVO_EXPORT PktTap : public Mox::PtrInterface {
 /// when the endpoint may be read or written, and then asks for a packet with `rxPkt` or hands one
 /// over with `txPktIs`. Traffic failures never throw: they are counted here.
 ///
-/// The concrete endpoint owns the descriptor and the `PamFdSm` that bumps the two counts. An
-/// observer may, while it is told of a count, read, write, disable the endpoint or drop the last
-/// reference to it.
+/// The concrete endpoint owns the descriptor and the `PamFdSm` that increments the two counts.
+/// While it is notified of a count, an observer may read, write, disable the endpoint and drop the
+/// last reference to it.
 class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
   public:
     static constexpr Mox::Attribute<Pam> readableCountAttr{0, "readableCount"};
@@ -68,8 +67,8 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     virtual void handleReadableCount();
     virtual void handleWritableCount();
 
-    /// Packets received and dropped. Tells no observer, so that a device endpoint may answer from
-    /// the kernel's statistics.
+    /// Packets received and dropped. Notifies no observer, so that a device endpoint may answer
+    /// from the kernel's statistics.
     virtual uint32_t rxDrops() const;
     virtual void rxDropsIs(uint32_t drops);
 
@@ -77,16 +76,16 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     virtual void txPktIsImpl(Mox::Ptr<Pkt> pkt);
     /// Reads one packet into the `rxPkt` slot, or leaves that null.
     virtual void doGetRxPkt() = 0;
-    /// Reads a batch into `savedPacket` and returns its size; an endpoint that has one hands each
-    /// packet to `tapSlot`. The base fails with the assertion
+    /// Reads a batch into `savedPacket` and returns its size; an endpoint that offers this hands
+    /// each packet to `tapSlot`. The base fails with the assertion
     /// "0 && \"Need to implement doGetBulkRxPkt in a derived class\"".
     virtual int32_t doGetBulkRxPkt();
 
-    /// Bumped by one each time the descriptor is seen readable, by `PamFdSm`.
+    /// Incremented by one, by `PamFdSm`, each time the descriptor is reported readable.
     uint32_t readableCount() const { return readableCount_; }
     void readableCountIs(uint32_t count);
     uint32_t readableCountInc(uint32_t delta);
-    /// Bumped by one each time the descriptor is seen writable, by `PamFdSm`.
+    /// Incremented by one, by `PamFdSm`, each time the descriptor is reported writable.
     uint32_t writableCount() const { return writableCount_; }
     void writableCountIs(uint32_t count);
     uint32_t writableCountInc(uint32_t delta);
@@ -96,22 +95,27 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     /// Reads a batch: returns how many packets `savedPacket` now holds, each with its
     /// `savedPacketRx` set.
     int32_t rxPktBulk() const;
+    /// What is known of the packet that the last `rxPkt` returned; nothing when it returned null.
+    const RxInfo& rxInfo() const { return rxInfo_; }
+    /// What is known of the packet in a slot of the last batch; nothing for a slot without one.
+    RxInfo rxInfo(uint32_t slot) const;
 
-    /// Sends a packet; what becomes of it is counted.
+    /// Sends a packet; the result is counted.
     void txPktIs(Mox::Ptr<Pkt> pkt) {
-        if (tap_ && pkt) {
-            tap_->handleTxPkt(*this, *pkt);
+        if (tap_ && pkt && !tapsWhatItSends_) {
+            tap_->handleTxPkt(*this, *pkt, TxInfo());
         }
         txPktIsImpl(std::move(pkt));
     }
     /// The last packet handed to the base's `txPktIsImpl`.
     Mox::Ptr<Pkt> txPkt() const { return txPkt_; }
 
-    /// What sees the packets that pass in both directions; null, and at no cost, by default.
+    /// The tap that sees the packets of both directions; null, and without cost, by default.
     const Mox::Ptr<PktTap>& tap() const { return tap_; }
     void tapIs(Mox::Ptr<PktTap> tap) { tap_ = std::move(tap); }
 
-    /// Packets that were not sent, for example for want of room.
+    /// Packets that the endpoint dropped without an attempt to send them. A send that finds no room
+    /// has been attempted, and counts as a `txErrors`.
     uint32_t txDrops() const { return txDrops_; }
     void txDropsIs(uint32_t drops) { attributeIs(txDrops_, drops, txDropsAttr); }
     uint32_t txDropsInc(uint32_t delta) { return attributeInc(txDrops_, delta, txDropsAttr); }
@@ -121,7 +125,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     uint32_t txErrorsInc(uint32_t delta) { return attributeInc(txErrors_, delta, txErrorsAttr); }
     int32_t txErrno() const { return txErrno_; }
     void txErrnoIs(int32_t value) { attributeIs(txErrno_, value, txErrnoAttr); }
-    /// Reads that failed, those among them that found nothing to read.
+    /// Reads that failed, including those that found nothing to read.
     uint32_t rxErrors() const { return rxErrors_; }
     void rxErrorsIs(uint32_t errors) { attributeIs(rxErrors_, errors, rxErrorsAttr); }
     uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }
@@ -144,15 +148,24 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     explicit Pam(Mox::String name) : name_(std::move(name)) {}
     ~Pam() override;
 
-    /// Where `doGetRxPkt` leaves what it read.
-    void rxPktIs(Mox::Ptr<Pkt> pkt) { rxPkt_ = std::move(pkt); }
-    /// Shows the tap a packet of a batch. For the time when all is known of the packet, and nobody
-    /// has been told of it.
+    /// Where `doGetRxPkt` leaves what it read, and what is known of it.
+    void rxPktIs(Mox::Ptr<Pkt> pkt, const RxInfo& info = RxInfo()) {
+        rxPkt_ = std::move(pkt);
+        rxInfo_ = info;
+    }
+    /// What is known of the packets of a batch, by slot: as long as the batch.
+    std::vector<RxInfo>& slotInfos() { return slotInfos_; }
+    /// Shows the tap the packet in a slot of a batch, which `slotInfos` already describes, before
+    /// any observer is notified of it.
     void tapSlot(uint32_t slot, const Pkt& pkt) const {
         if (tap_) {
-            tap_->handleRxPkt(*this, pkt, static_cast<int32_t>(slot));
+            tap_->handleRxPkt(*this, pkt, slotInfos_[slot]);
         }
     }
+    /// For the constructor of an endpoint that knows more of the packets that it sends than their
+    /// bytes: it shows them to the tap in its `txPktIsImpl`, with `TxInfo`. For all others
+    /// `txPktIs` does so.
+    void tapsWhatItSendsIs(bool taps) { tapsWhatItSends_ = taps; }
 
   private:
     // Released from the last to the first when the endpoint dies.
@@ -162,6 +175,9 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     Mox::Ptr<Pkt> rxPkt_;
     Mox::Array<Mox::Ptr<Pkt>> savedPacket_;
     Mox::Array<bool> savedPacketRx_;
+    RxInfo rxInfo_;
+    std::vector<RxInfo> slotInfos_;
+    bool tapsWhatItSends_ = false;
     uint32_t readableCount_ = 0;
     uint32_t writableCount_ = 0;
     uint32_t txDrops_ = 0;

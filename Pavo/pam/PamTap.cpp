@@ -8,8 +8,6 @@
 #include "Pavo/packet/Ip6Hdr.h"
 #include "Pavo/packet/IpHdr.h"
 #include "Pavo/packet/NetU.h"
-#include "Pavo/pam/Ip6HdrInclSocketPam.h"
-#include "Pavo/pam/RawIpPam.h"
 
 namespace Pavo {
 
@@ -19,38 +17,49 @@ namespace {
 constexpr uint8_t kernelTtl = 64;
 constexpr uint8_t kernelGroupTtl = 1;
 constexpr uint32_t macAddrBytes = 12;
+constexpr uint32_t maxLength = 0xffff;
+
+uint8_t ttlOf(const PktInfo& info) {
+    if (info.ttl != 0) {
+        return info.ttl;
+    }
+    return info.dstIpAddr.isMulticast() ? kernelGroupTtl : kernelTtl;
+}
 
 }  // namespace
 
-// What a file gets of one packet: the packet's own pieces, and what is put between or in front.
+// What a file gets of one packet: the packet's own pieces, and what is added between or before
+// them.
 class PamTap::Pieces {
   public:
     void addPkt(const Pkt& pkt) {
-        forEachIovec(pkt, [this](const Pkt::Iovec& each) { add(each.data, each.bytes); });
+        for (const Pkt::Iovec& each : pkt.iovecs()) {
+            add(each.data, each.bytes);
+        }
     }
-    // With the tag behind the first 12 bytes, the two addresses, or behind all of a shorter packet.
+    // With the tag after the first 12 bytes, the two addresses, or at the end of a shorter packet.
     void addTaggedPkt(const Pkt& pkt) {
         const NetU16 tag[] = {NetU16(pkt.separateVlanTpid()), NetU16(pkt.separateVlanTci())};
         uint32_t untilTag = macAddrBytes;
-        forEachIovec(pkt, [&](const Pkt::Iovec& each) {
+        for (const Pkt::Iovec& each : pkt.iovecs()) {
             const uint32_t before = std::min(untilTag, each.bytes);
             add(each.data, before);
             if (untilTag != 0 && before == untilTag) {
-                addExtra(tag);
+                addExtra(tag, sizeof(tag));
             }
             untilTag -= before;
             add(each.data + before, each.bytes - before);
-        });
+        }
         if (untilTag != 0) {
-            addExtra(tag);
+            addExtra(tag, sizeof(tag));
         }
     }
     // The header of a packet of `payloadBytes`, of the family of its addresses.
-    void addIpHdr(const RxPacketInfo& info, IpProtocolNumber protocol, uint32_t payloadBytes) {
+    void addIpHdr(const PktInfo& info, bool hasRouterAlert, uint32_t payloadBytes) {
         if (info.srcIpAddr.af() == ipv6 || info.dstIpAddr.af() == ipv6) {
-            addExtra(ip6Hdr(info, protocol, payloadBytes));
+            addIp6Hdr(info, hasRouterAlert, payloadBytes);
         } else {
-            addExtra(ipHdr(info, protocol, payloadBytes));
+            addIp4Hdr(info, hasRouterAlert, payloadBytes);
         }
     }
 
@@ -59,109 +68,66 @@ class PamTap::Pieces {
     }
 
   private:
-    template <class Visit>
-    static void forEachIovec(const Pkt& pkt, Visit visit) {
-        for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
-            visit(pkt.iovec(i));
-        }
-    }
+    struct Ip4Image {
+        IpHdr header;
+        IpHdrRouterAlertOption alert;
+    };
+    struct Ip6Image {
+        Ip6Hdr header;
+        Ip6HdrRouterAlertOption alert;
+        Ip6HdrPadN padding;
+    };
 
     void add(const uint8_t* data, uint32_t bytes) {
         if (bytes != 0) {
             pieces_[count_++] = {data, bytes};
         }
     }
-    // Bytes that the packet does not hold; once a packet.
+    // Bytes that the packet does not hold; once for each packet.
     template <class Record>
-    void addExtra(const Record& record) {
+    void addExtra(const Record& record, uint32_t bytes) {
         static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) <= sizeof(extra_));
-        std::memcpy(extra_, &record, sizeof(record));
-        add(extra_, sizeof(record));
+        std::memcpy(extra_, &record, bytes);
+        add(extra_, bytes);
     }
 
-    static IpHdr ipHdr(const RxPacketInfo& info, IpProtocolNumber protocol, uint32_t payloadBytes) {
-        IpHdr header;
+    void addIp4Hdr(const PktInfo& info, bool hasRouterAlert, uint32_t payloadBytes) {
+        Ip4Image image;
+        const uint16_t bytes = hasRouterAlert ? sizeof(image) : sizeof(image.header);
+        IpHdr& header = image.header;
         header.versionIs(4);
-        header.headerBytesIs(sizeof(IpHdr));
+        header.headerBytesIs(bytes);
         header.tosIs(info.tos);
-        header.totalLenIs(static_cast<uint16_t>(sizeof(IpHdr) + payloadBytes));
-        header.ttlIs(info.ttl);
-        header.protocolNumIs(protocol);
+        header.totalLenIs(
+            static_cast<uint16_t>(std::min<uint64_t>(uint64_t{bytes} + payloadBytes, maxLength)));
+        header.ttlIs(ttlOf(info));
+        header.protocolNumIs(info.protocol);
         header.srcIs(info.srcIpAddr.v4Addr());
         header.dstIs(info.dstIpAddr.v4Addr());
         header.checksumIs(header.computedChecksum());
-        return header;
+        addExtra(image, bytes);
     }
-    static Ip6Hdr ip6Hdr(const RxPacketInfo& info, IpProtocolNumber protocol,
-                         uint32_t payloadBytes) {
-        Ip6Hdr header;
+    void addIp6Hdr(const PktInfo& info, bool hasRouterAlert, uint32_t payloadBytes) {
+        Ip6Image image;
+        const uint32_t bytes = hasRouterAlert ? sizeof(image) : sizeof(image.header);
+        const uint64_t length = uint64_t{bytes} - sizeof(image.header) + payloadBytes;
+        Ip6Hdr& header = image.header;
         header.versionIs(6);
         header.trafficClassIs(info.tos);
-        header.payloadLenIs(static_cast<uint16_t>(payloadBytes));
-        header.protocolNumIs(protocol);
-        header.hopLimitIs(info.ttl);
+        header.payloadLenIs(static_cast<uint16_t>(length > maxLength ? 0 : length));
+        header.protocolNumIs(hasRouterAlert ? IpProtocolNumber::hopopt : info.protocol);
+        image.alert.nextHdrNumIs(static_cast<uint8_t>(info.protocol));
+        header.hopLimitIs(ttlOf(info));
         header.srcIs(info.srcIpAddr.v6Addr());
         header.dstIs(info.dstIpAddr.v6Addr());
-        return header;
+        addExtra(image, bytes);
     }
 
-    // A piece of the packet may be cut in two by the one that is put in.
+    // A piece of the packet may be cut in two by the one that is added.
     CaptureFile::Piece pieces_[Pkt::maxIovecs_ + 2];
     uint32_t count_ = 0;
-    uint8_t extra_[sizeof(Ip6Hdr)];
+    uint8_t extra_[sizeof(Ip6Image)];
 };
-
-namespace {
-
-// An endpoint of IPv4 sets the TTL of what goes to one host only.
-uint8_t sentTtl(const RawIpPam& pam) {
-    const uint8_t asked = pam.txTTL().value();
-    if (pam.txDstIpAddr().isMulticast() && (asked == 0 || pam.txDstIpAddr().af() == ipv4)) {
-        return kernelGroupTtl;
-    }
-    return asked == 0 ? kernelTtl : asked;
-}
-
-// What is sent is described by the endpoint's attributes.
-RxPacketInfo sentInfo(const RawIpPam& pam) {
-    RxPacketInfo info;
-    info.srcIpAddr = pam.txSrcIpAddr();
-    info.dstIpAddr = pam.txDstIpAddr();
-    info.tos = pam.txTOS().value();
-    info.ttl = sentTtl(pam);
-    return info;
-}
-
-RxPacketInfo receivedInfo(const RawIpPam& pam, int32_t slot) {
-    if (slot != PktTap::noSlot) {
-        return pam.savedPacketInfo(static_cast<uint32_t>(slot));
-    }
-    RxPacketInfo info;
-    info.srcIpAddr = pam.rxSrcIpAddr();
-    info.dstIpAddr = pam.rxDstIpAddr();
-    info.tos = pam.rxTOS();
-    info.ttl = pam.rxTTL();
-    return info;
-}
-
-// The endpoint, where its packets are those of a raw IP socket.
-const RawIpPam* ipPamOf(const Pam& pam, CaptureLinkType linkType) {
-    return linkType == CaptureLinkType::rawIp ? dynamic_cast<const RawIpPam*>(&pam) : nullptr;
-}
-
-// The kernel takes every packet of the reserved protocol (IPPROTO_RAW) to have its header.
-bool sendsWithHeader(const RawIpPam& pam) {
-    return (pam.options() & ipHdrIncl) != 0 || pam.protocol() == IpProtocolNumber::reserved ||
-           dynamic_cast<const Ip6HdrInclSocketPam*>(&pam) != nullptr;
-}
-
-// A raw IPv6 socket gives packets without their headers, but for those that were passing by, which
-// come to endpoints of the reserved protocol.
-bool receivesWithHeader(const RawIpPam& pam, const RxPacketInfo& info) {
-    return info.srcIpAddr.af() != ipv6 || pam.protocol() == IpProtocolNumber::reserved;
-}
-
-}  // namespace
 
 PamTap::PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkType linkType)
     : file_(std::move(file)),
@@ -170,34 +136,27 @@ PamTap::PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkT
 
 PamTap::~PamTap() = default;
 
-// Behind what is there of it already. A tag belongs into a packet that has Ethernet addresses.
-void PamTap::write(Pieces* pieces, const Pkt& pkt, CaptureDirection direction) {
+// Only a packet with Ethernet addresses has a place for a tag.
+void PamTap::write(const Pkt& pkt, const PktInfo& info, bool hasRouterAlert,
+                   CaptureDirection direction) {
+    Pieces pieces;
+    if (linkType_ == CaptureLinkType::rawIp && info.isIpHdrWithKernel) {
+        pieces.addIpHdr(info, hasRouterAlert, pkt.totalBytes());
+    }
     if (linkType_ == CaptureLinkType::ethernet && pkt.hasSeparateVlanTag()) {
-        pieces->addTaggedPkt(pkt);
+        pieces.addTaggedPkt(pkt);
     } else {
-        pieces->addPkt(pkt);
+        pieces.addPkt(pkt);
     }
-    pieces->writeTo(file_.ptr(), interface_, direction);
+    pieces.writeTo(file_.ptr(), interface_, direction);
 }
 
-void PamTap::handleTxPkt(const Pam& pam, const Pkt& pkt) {
-    Pieces pieces;
-    const auto* const ip = ipPamOf(pam, linkType_);
-    if (ip != nullptr && !sendsWithHeader(*ip)) {
-        pieces.addIpHdr(sentInfo(*ip), ip->protocol(), pkt.totalBytes());
-    }
-    write(&pieces, pkt, CaptureDirection::outbound);
+void PamTap::handleTxPkt(const Pam&, const Pkt& pkt, const TxInfo& info) {
+    write(pkt, info, info.hasRouterAlert, CaptureDirection::outbound);
 }
 
-void PamTap::handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) {
-    Pieces pieces;
-    if (const auto* const ip = ipPamOf(pam, linkType_)) {
-        const RxPacketInfo info = receivedInfo(*ip, slot);
-        if (!receivesWithHeader(*ip, info)) {
-            pieces.addIpHdr(info, ip->protocol(), pkt.totalBytes());
-        }
-    }
-    write(&pieces, pkt, CaptureDirection::inbound);
+void PamTap::handleRxPkt(const Pam&, const Pkt& pkt, const RxInfo& info) {
+    write(pkt, info, /*hasRouterAlert=*/false, CaptureDirection::inbound);
 }
 
 Mox::Ptr<PamTap> pamTapFactory(Mox::Ptr<CaptureFile> file, const Mox::String& name,

@@ -13,14 +13,16 @@
 
 namespace Pavo {
 
-/// Writes what passes the endpoints it is set on (`Pam::tapIs`) to a capture file, as packets of
-/// one interface. The separate VLAN tag of an Ethernet packet is put back where it stood. Times are
-/// those of the system, also where the agent's clock is another.
+/// Writes the packets that pass the endpoints on which it is set (`Pam::tapIs`) to a capture file,
+/// as packets of one interface. The separate VLAN tag of an Ethernet packet is put back where it
+/// stood. Times are those of the system, even when the agent uses another clock.
 ///
-/// A tap of `CaptureLinkType::rawIp` gives the packets of a raw IP endpoint the header that the
-/// kernel has taken off or will put on, from what the endpoint knows: what its attributes leave
-/// open, as the source address of a packet sent, is zero there, and so are checksums that the
-/// kernel fills in.
+/// A tap of `CaptureLinkType::rawIp` gives packets the IP header that the kernel has removed or
+/// will add, with the router alert that it adds, from what the endpoint knows of them (`RxInfo`,
+/// `TxInfo`). Unknown members, such as the source address of a packet whose source the kernel
+/// chooses, are zero in it; checksums that the kernel fills in are missing too. The length of a
+/// packet that has no room in the header's length field is 65535 there for IPv4, and 0 for IPv6 as
+/// for a jumbogram (RFC 2675).
 class PAVO_EXPORT PamTap final : public Mox::Described<PamTap, PktTap> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::PamTap"); }
@@ -29,8 +31,8 @@ class PAVO_EXPORT PamTap final : public Mox::Described<PamTap, PktTap> {
     /// @throws Mox::ErrnoException "write(<path>)"
     PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkType linkType);
 
-    void handleTxPkt(const Pam& pam, const Pkt& pkt) override;
-    void handleRxPkt(const Pam& pam, const Pkt& pkt, int32_t slot) override;
+    void handleTxPkt(const Pam& pam, const Pkt& pkt, const TxInfo& info) override;
+    void handleRxPkt(const Pam& pam, const Pkt& pkt, const RxInfo& info) override;
 
   protected:
     ~PamTap() override;
@@ -38,7 +40,8 @@ class PAVO_EXPORT PamTap final : public Mox::Described<PamTap, PktTap> {
   private:
     class Pieces;
 
-    void write(Pieces* pieces, const Pkt& pkt, CaptureDirection direction);
+    void write(const Pkt& pkt, const PktInfo& info, bool hasRouterAlert,
+               CaptureDirection direction);
 
     Mox::Ptr<CaptureFile> file_;
     uint32_t interface_;

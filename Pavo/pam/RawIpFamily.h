@@ -1,6 +1,6 @@
 /// @file
-/// What tells the raw IP endpoints of the two families apart. For the endpoints themselves; an
-/// agent does not need it.
+/// The differences between the raw IP endpoints of the two families. For the endpoints themselves;
+/// an agent does not need it.
 #pragma once
 
 #include <sys/socket.h>
@@ -9,31 +9,17 @@
 #include <cstring>
 #include <span>
 
-#include "Mox/Collections.h"
 #include "Mox/Trace.h"
-#include "Pavo/pam/RawIpPam.h"
+#include "Pavo/pam/RawIpOptions.h"
+#include "Pavo/pam/RxInfo.h"
 #include "Pavo/value/IpGenAddr.h"
 
 namespace Pavo {
 
 /// What makes a raw endpoint one of IPv4 or IPv6: names and numbers of the socket options, and the
-/// few things that are done in another way. One constant of static storage a family.
+/// few things that are done in another way. Each family has one constant of static storage.
 struct RawIpFamily {
-    /// An option that one of `IpSocketOptions` stands for, at the family's level.
-    struct Switch {
-        uint32_t bit;
-        int option;
-        const char* failure;
-        /// The value that switches it; null for the plain 1 and 0. May throw.
-        int (*value)(const RawIpPam& pam, bool on) = nullptr;
-    };
-
-    /// Room for the control messages of a received packet, whatever the family and word size.
-    static constexpr uint32_t maxRxControlBytes = 144;
-    /// The same for the one control message of a sent packet.
-    static constexpr uint32_t maxTxControlBytes = 48;
-
-    /// Of the endpoint's class, for traces.
+    /// The endpoint's class, for traces.
     const char* className;
     const Mox::TraceFacility* trace;
     AddressFamily addressFamily;
@@ -44,48 +30,66 @@ struct RawIpFamily {
     const char* joinFailure;
     const char* leaveFailure;
     /// In the order of enabling and of every later change.
-    std::span<const Switch> switches;
-    Switch transparent;
+    std::span<const RawIpOption> options;
+    /// A received packet begins after its IP header, except for endpoints of the reserved protocol.
+    bool isRxIpHdrWithKernel;
+    /// `txTTL` applies to packets to groups too.
+    bool isTtlForGroups;
 
     // Set on an open socket; each throws a `Mox::ErrnoException` that names the option.
     void (*tosIs)(int fd, uint8_t tos);
-    /// -1 stands for the kernel's own.
+    /// -1 stands for the kernel's default.
     void (*ttlIs)(int fd, int ttl);
-    void (*pktOptionsIs)(int fd, const Mox::Set<IpPktOption>& options);
+    void (*routerAlertIs)(int fd, bool on);
 
-    /// Bytes of a socket address, of all control messages that the options can ask for, and of the
-    /// one control message that names interface and source of a packet.
+    /// Bytes of a socket address; of all control messages that the options of this family's level
+    /// can ask for; of the one control message that names interface and source of a sent packet.
     uint32_t nameBytes;
     uint32_t rxControlBytes;
     uint32_t txControlBytes;
-    /// Writes `nameBytes` for a destination of this family, or of none.
+    /// The types of control messages of this family's level.
+    int pktInfoType;
+    int origDstType;
+    int tosType;
+    int ttlType;
+    /// Writes `nameBytes` for a destination of this family.
     void (*nameIs)(sockaddr* name, const IpGenAddr& address);
+    /// Fills in the source, and the interface where the socket address has it.
+    void (*takeName)(const void* name, PktInfo* info);
     void (*pktInfoIs)(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source);
-    /// Fills in what the sender's address says.
-    void (*takeName)(const sockaddr* name, RxPacketInfo* info);
-    /// Fills in what the control messages say; returns the bits of the options that asked for them.
-    /// One that nobody asked for, or that was cut, is left out.
-    uint32_t (*takeControls)(const msghdr& message, RxPacketInfo* info);
+    /// Fills in interface and destination; false where the message was cut.
+    bool (*takePktInfo)(const cmsghdr* message, PktInfo* info);
 };
 
-/// setsockopt(2).
-/// @throws Mox::ErrnoException with the text `failure`.
-void socketOptionIs(int fd, int level, int option, const void* value, uint32_t bytes,
-                    const char* failure);
-template <class Value>
-void socketOptionIs(int fd, int level, int option, const Value& value, const char* failure) {
-    socketOptionIs(fd, level, option, &value, sizeof(value), failure);
-}
-
-/// A family's `takeControls`: `takeOne` fills in what one message says, and returns its bit or 0.
-template <uint32_t (*takeOne)(const cmsghdr* message, RxPacketInfo* info)>
-uint32_t takeEachControl(const msghdr& message, RxPacketInfo* info) {
-    uint32_t carried = none;
-    for (const cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
-         each = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(each))) {
-        carried |= takeOne(each, info);
-    }
-    return carried;
+/// A family's constant from the members of `Family` that have these names.
+template <class Family>
+constexpr RawIpFamily rawIpFamily(const Mox::TraceFacility* trace) {
+    return {
+        .className = Family::className,
+        .trace = trace,
+        .addressFamily = Family::addressFamily,
+        .domain = Family::domain,
+        .level = Family::level,
+        .joinFailure = Family::joinFailure,
+        .leaveFailure = Family::leaveFailure,
+        .options = Family::options,
+        .isRxIpHdrWithKernel = Family::isRxIpHdrWithKernel,
+        .isTtlForGroups = Family::isTtlForGroups,
+        .tosIs = Family::tosIs,
+        .ttlIs = Family::ttlIs,
+        .routerAlertIs = Family::routerAlertIs,
+        .nameBytes = sizeof(typename Family::Name),
+        .rxControlBytes = Family::rxControlBytes,
+        .txControlBytes = CMSG_SPACE(sizeof(typename Family::KernelPktInfo)),
+        .pktInfoType = Family::pktInfoType,
+        .origDstType = Family::origDstType,
+        .tosType = Family::tosType,
+        .ttlType = Family::ttlType,
+        .nameIs = Family::nameIs,
+        .takeName = Family::takeName,
+        .pktInfoIs = Family::pktInfoIs,
+        .takePktInfo = Family::takePktInfo,
+    };
 }
 
 /// Copies the value of a control message, if it is all there: the kernel cuts the last one where

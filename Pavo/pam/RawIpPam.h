@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Ptr.h"
@@ -17,55 +16,56 @@ struct msghdr;
 namespace Pavo {
 
 struct RawIpFamily;
+struct RawIpOption;
 
-/// What a received packet's control messages said of it; what they did not say is zero.
-struct RxPacketInfo {
-    IpGenAddr srcIpAddr;
-    IpGenAddr dstIpAddr;
-    IpGenAddr origDstIpAddr;
-    uint32_t ifIndex = 0;
-    uint8_t tos = 0;
-    uint8_t ttl = 0;
-};
+/// What is known of one received packet, under its former name.
+using RxPacketInfo = RxInfo;
 
 /// A raw endpoint of either family on a SOCK_RAW socket (raw(7)); `IpSocketPam` and `Ip6SocketPam`
 /// name the family.
 ///
 /// Enabling opens the socket in `netNs`, applies what the attributes ask for, and starts the
-/// machine that bumps the counts; it either succeeds whole or leaves no descriptor.
+/// machine that increments the counts; it either succeeds whole or leaves no descriptor. It needs
+/// an event loop on the calling thread.
+///
+/// A failed read counts an `rxErrors`. One that failed otherwise than with EAGAIN is reported once
+/// more, since packets may wait after an error; from the second failure in a row on, the next event
+/// of the socket is reported, or a change of `rxFlags` or `enableBulkRead`.
 ///
 /// A send that finds no room is counted and dropped, as every other failure is; `writableCount` is
-/// then bumped once, as soon as there is room. A destination or source of the other family is such
-/// a failure too, EAFNOSUPPORT.
+/// then incremented once, as soon as there is room. A missing destination is such a failure too,
+/// EDESTADDRREQ, and so is a destination or source of the other family, EAFNOSUPPORT.
 class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
   public:
-    static constexpr Mox::Attribute<RawIpPam, IpPktOption> ipPktOptionAttr{32, "ipPktOption"};
+    static constexpr Mox::Attribute<RawIpPam, IpPktOption> ipPktOptionAttr{34, "ipPktOption"};
     static constexpr auto description() {
         return Mox::classRecord("Pavo::RawIpPam", Mox::attribute(ipPktOptionAttr));
     }
 
-    /// @pre enabled (assertion "enabled()").
+    /// @pre enabled (assertion "enabled()"), with a packet (assertion "pkt != nullptr").
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void doGetRxPkt() override;
     int32_t doGetBulkRxPkt() override;
     void handleTxTOS() override;
     void handleTxTTL() override;
     void optionsIsImpl(uint32_t options) override;
+    /// @pre to enable: an event loop on this thread (assertion "EventLoop::current(): enabling
+    /// needs an event loop on this thread").
     void enabledIsImpl(bool enabled) override;
 
-    /// Reads with one recvmsg(2) into `rxPkt`; a failure, EAGAIN among them, counts an `rxErrors`.
+    /// Reads with one recvmsg(2) into `rxPkt`; a failure, including EAGAIN, counts an `rxErrors`.
     virtual void doGetRxPktSingle();
     /// Reads with one recvmmsg(2) into `savedPacket` and returns how many packets came. The single
-    /// `rx` attributes then describe the last one, `savedPacketInfo` each. Packets are read into
-    /// again in the next round; one that somebody holds is replaced, so to keep one, hold it.
+    /// `rx` attributes then describe the last one, `rxInfo(slot)` each. Packets are read into again
+    /// in the next round; one that the agent holds is replaced, so to keep one, hold it.
     virtual int32_t doGetRxPktBulk();
     /// Applies `txTOS`, and after it the priority, which the kernel overwrites with the TOS.
     /// @throws Mox::ErrnoException "setsockopt(IP_TOS)" or "setsockopt(IPV6_TCLASS)", or
     /// "setsockopt(SO_PRIORITY)".
     virtual void handleTxTos() const;
     /// Applies `txTTL`; 0 restores the kernel's default.
-    /// @throws Mox::ErrnoException "setsockopt(IP_TTL)", or "setsockopt(IPV6_UNICAST_HOPS)" or
-    /// "setsockopt(IPV6_MULTICAST_HOPS)".
+    /// @throws Mox::ErrnoException "setsockopt(IP_TTL)", or "setsockopt(IPV6_UNICAST_HOPS)",
+    /// "setsockopt(IPV6_MULTICAST_HOPS)" or "getsockopt(IPV6_UNICAST_HOPS)"; nothing has changed.
     virtual void handleTxTtl() const;
     /// Closes the socket and takes the endpoint to disabled.
     virtual void handleCleanup();
@@ -87,8 +87,8 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     void doJoinMcastGroup(uint32_t ifIndex, const IpGenAddr& group);
     void doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group);
 
-    /// What is known of the packet in a slot after a bulk read.
-    RxPacketInfo savedPacketInfo(uint32_t slot) const;
+    /// The same as `rxInfo(slot)`.
+    RxInfo savedPacketInfo(uint32_t slot) const { return rxInfo(slot); }
 
   protected:
     RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs,
@@ -105,16 +105,26 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
 
     /// Joins or leaves a group; nothing without a socket. Throws as `doJoinMcastGroup` does.
     void membershipIs(uint32_t ifIndex, const IpGenAddr& group, bool member);
-    /// Neither of the family nor unknown.
-    bool isForeign(const IpGenAddr& address) const;
+
+    // For an endpoint that sends its packets elsewhere.
+
+    /// Why a packet cannot be sent from `txSrcIpAddr` to `txDstIpAddr`, as an `errno`; or 0.
+    int addressError() const;
+    /// Shows the tap a packet with what the attributes say of it.
+    void tapTx(const Pkt& pkt, bool isIpHdrWithKernel) const;
+    /// Counts a send that ended with `error`, or 0. When there was no room on `fd`, which may be
+    /// null, room is reported later.
+    void sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, int error);
 
     // For an endpoint that gets its packets elsewhere.
 
-    /// Takes over what a packet carried: the addresses as they are, of the rest the members that
-    /// the bits `carried` of `IpSocketOptions` fill.
-    void packetInfoIs(const RxPacketInfo& info, uint32_t carried);
+    /// The description of a new packet of which nothing was said yet.
+    RxInfo newRxInfo() const;
+    /// Sets the `rx` attributes: the source, and of the rest those that the bits `carried` of
+    /// `IpSocketOptions` fill.
+    void packetInfoIs(const RxInfo& info, uint32_t carried);
     /// Puts a received packet into a slot of a batch, in order from slot 0.
-    void slotIs(uint32_t slot, const Mox::Ptr<Pkt>& pkt, const RxPacketInfo& info);
+    void slotIs(uint32_t slot, const Mox::Ptr<Pkt>& pkt, const RxInfo& info);
     /// Nothing was read: no slot holds a packet of this round. Returns 0.
     int32_t nothingInBulk();
 
@@ -126,23 +136,34 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
 
   private:
     struct BulkRead;
+    // What the packets of one read said beside their descriptions.
+    struct RxRound {
+        uint32_t carried = 0;  // By the last one.
+        uint32_t truncated = 0;
+        uint32_t drops = 0;
+    };
 
     int socket() const;
+    void applyOption(const RawIpOption& option, int fd, bool on, bool isEnabling) const;
+
+    Mox::Ptr<Pkt> newRoom() const;
     bool prepareBulkRead();
-    void attachFilter(int fd) const;
-    void transparentIs(int fd, bool on) const;
-    void socketPriorityIs(int fd, uint32_t priority) const;
-    void optionChange(uint32_t bit, bool on);
-    uint32_t readMessage(const msghdr& message, RxPacketInfo* info);
-    void receiveFailed(int error);
-    void drainErrorQueue();
-    bool sendOn(int fd, const Pkt& pkt) const;
+    void publishBatch(BulkRead* round, uint32_t count);
+    void readMessage(const msghdr& message, RxInfo* info, RxRound* round);
+    uint32_t readControls(const msghdr& message, RxInfo* info, RxRound* round);
+    void readEnded(int error);
+    void countPackets(uint32_t packets, const RxRound& round);
+    void countFailedRead(int error);
+    uint32_t drainErrorQueue();
+
+    void armForRoom(const Mox::Ptr<Mox::FileDescriptor>& fd) const;
+    int sendOn(int fd, const Pkt& pkt) const;
 
     const RawIpFamily& family_;
     uint32_t failedReads_ = 0;
     uint32_t faultyControlData_ = 0;
+    uint32_t socketDrops_ = 0;  // As the socket last said; it counts from its beginning.
     Mox::Set<IpPktOption> ipPktOptions_;
-    std::vector<RxPacketInfo> savedPacketInfo_;
     std::unique_ptr<BulkRead> bulkRead_;
 };
 
