@@ -2,6 +2,7 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Mox/Assert.h"
 
@@ -84,28 +85,31 @@ void IpPam::optionsIs(uint32_t options) {
 }
 
 void IpPam::enableBulkReadIs(bool enable) {
-    const Mox::Ptr<IpPam> hold(this);
     if (enable == enableBulkRead_) {
         return;
     }
-    bulkSlots_ = enable ? socketReadLimit_ : 0;
-    if (enable) {
-        for (uint32_t slot = 0; slot < bulkSlots_; ++slot) {
-            savedPacketIs(slot, globalPktManager()->newPkt(rxBufferBytes_));
-        }
-    } else {
-        savedPacketDelAll();
-        savedPacketRxDelAll();
+    const Mox::Ptr<IpPam> hold(this);
+    std::vector<Mox::Ptr<Pkt>> pkts(enable ? socketReadLimit_ : 0);
+    for (Mox::Ptr<Pkt>& each : pkts) {
+        each = globalPktManager()->newPkt(rxBufferBytes_);
     }
-    attributeIs(enableBulkRead_, enable, enableBulkReadAttr);
+    enableBulkRead_ = enable;
+    bulkSlots_ = static_cast<uint8_t>(pkts.size());
     readIsPossibleAgain();
+    if (enable) {
+        slotsFill(pkts);
+    } else {
+        slotsDelAll();
+    }
+    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
+        notify(enableBulkReadAttr);
+    }
 }
 
 void IpPam::rxFlagsIs(int flags) {
-    const Mox::Ptr<IpPam> hold(this);
-    if (flags != rxFlags_) {
-        attributeIs(rxFlags_, flags, rxFlagsAttr);
+    if (changed(rxFlags_, flags)) {
         readIsPossibleAgain();
+        notify(rxFlagsAttr);
     }
 }
 

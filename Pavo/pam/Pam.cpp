@@ -88,6 +88,31 @@ void Pam::savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt) {
     }
 }
 
+void Pam::slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts) {
+    const Mox::Ptr<Pam> hold(this);
+    for (uint32_t slot = 0; slot < pkts.size(); ++slot) {
+        (void)savedPacket_.is(slot, pkts[slot]);  // New packets: each is a change.
+    }
+    for (uint32_t slot = 0; slot < pkts.size(); ++slot) {
+        notify(savedPacketAttr, slot);
+    }
+}
+
+void Pam::slotsDelAll() {
+    const Mox::Ptr<Pam> hold(this);
+    uint32_t pkts = savedPacket_.members();
+    uint32_t flags = savedPacketRx_.members();
+    savedPacket_.delAll([](uint32_t) {});
+    savedPacketRx_.delAll([](uint32_t) {});
+    slotInfos_.clear();
+    while (pkts-- != 0) {
+        notify(savedPacketAttr, pkts);
+    }
+    while (flags-- != 0) {
+        notify(savedPacketRxAttr, flags);
+    }
+}
+
 void Pam::savedPacketRxIs(uint32_t slot, bool received) {
     if (!received && slot >= savedPacketRx_.members()) {
         return;

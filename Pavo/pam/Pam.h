@@ -153,6 +153,10 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
         rxPkt_ = std::move(pkt);
         rxInfo_ = info;
     }
+    /// Puts packets into the slots from 0 on; removes all slots. Observers are notified when that
+    /// is done.
+    void slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts);
+    void slotsDelAll();
     /// What is known of the packets of a batch, by slot: as long as the batch.
     std::vector<RxInfo>& slotInfos() { return slotInfos_; }
     /// Shows the tap the packet in a slot of a batch, which `slotInfos` already describes, before

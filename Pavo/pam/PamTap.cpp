@@ -19,13 +19,6 @@ constexpr uint8_t kernelGroupTtl = 1;
 constexpr uint32_t macAddrBytes = 12;
 constexpr uint32_t maxLength = 0xffff;
 
-uint8_t ttlOf(const PktInfo& info) {
-    if (info.ttl != 0) {
-        return info.ttl;
-    }
-    return info.dstIpAddr.isMulticast() ? kernelGroupTtl : kernelTtl;
-}
-
 }  // namespace
 
 // What a file gets of one packet: the packet's own pieces, and what is added between or before
@@ -100,7 +93,7 @@ class PamTap::Pieces {
         header.tosIs(info.tos);
         header.totalLenIs(
             static_cast<uint16_t>(std::min<uint64_t>(uint64_t{bytes} + payloadBytes, maxLength)));
-        header.ttlIs(ttlOf(info));
+        header.ttlIs(info.ttl);
         header.protocolNumIs(info.protocol);
         header.srcIs(info.srcIpAddr.v4Addr());
         header.dstIs(info.dstIpAddr.v4Addr());
@@ -117,7 +110,7 @@ class PamTap::Pieces {
         header.payloadLenIs(static_cast<uint16_t>(length > maxLength ? 0 : length));
         header.protocolNumIs(hasRouterAlert ? IpProtocolNumber::hopopt : info.protocol);
         image.alert.nextHdrNumIs(static_cast<uint8_t>(info.protocol));
-        header.hopLimitIs(ttlOf(info));
+        header.hopLimitIs(info.ttl);
         header.srcIs(info.srcIpAddr.v6Addr());
         header.dstIs(info.dstIpAddr.v6Addr());
         addExtra(image, bytes);
@@ -152,7 +145,11 @@ void PamTap::write(const Pkt& pkt, const PktInfo& info, bool hasRouterAlert,
 }
 
 void PamTap::handleTxPkt(const Pam&, const Pkt& pkt, const TxInfo& info) {
-    write(pkt, info, info.hasRouterAlert, CaptureDirection::outbound);
+    PktInfo sent = info;
+    if (sent.ttl == 0) {
+        sent.ttl = sent.dstIpAddr.isMulticast() ? kernelGroupTtl : kernelTtl;
+    }
+    write(pkt, sent, info.hasRouterAlert, CaptureDirection::outbound);
 }
 
 void PamTap::handleRxPkt(const Pam&, const Pkt& pkt, const RxInfo& info) {
