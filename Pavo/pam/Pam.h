@@ -149,9 +149,16 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     ~Pam() override;
 
     /// Where `doGetRxPkt` leaves what it read, and what is known of it.
-    void rxPktIs(Mox::Ptr<Pkt> pkt, const RxInfo& info = RxInfo()) {
+    void rxPktIs(Mox::Ptr<Pkt> pkt) {
+        rxPkt_ = std::move(pkt);
+        if (std::exchange(hasRxInfo_, false)) {
+            rxInfo_ = RxInfo();
+        }
+    }
+    void rxPktIs(Mox::Ptr<Pkt> pkt, const RxInfo& info) {
         rxPkt_ = std::move(pkt);
         rxInfo_ = info;
+        hasRxInfo_ = true;
     }
     /// Puts packets into the slots from 0 on; removes all slots. Observers are notified when that
     /// is done.
@@ -181,6 +188,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     Mox::Array<bool> savedPacketRx_;
     RxInfo rxInfo_;
     std::vector<RxInfo> slotInfos_;
+    bool hasRxInfo_ = false;
     bool tapsWhatItSends_ = false;
     uint32_t readableCount_ = 0;
     uint32_t writableCount_ = 0;

@@ -112,31 +112,14 @@ TEST_P(RawIpPamTest, AppliesEachOptionWhenEnabledAndWhenChanged) {
     }
 }
 
-TEST_P(RawIpPamTest, AFailedEnablingLeavesNothingAndNamesTheOption) {
-    const auto pam = newPamForOptions(0xffff);
-    pam->txTOSIs(0x10);
-    pam->txTTLIs(9);
-    pam->ipPktOptionIs(ipPktRouterAlert, true);
-    std::string names;
-    for (const std::string& each : failedEnablings(pam)) {
-        names += each + " ";
-    }
-    EXPECT_EQ(names,
-              pick("IP_HDRINCL IP_PKTINFO IP_FREEBIND IP_MULTICAST_LOOP IP_RECVERR "
-                   "IP_RECVORIGDSTADD IP_RECVTOS IP_RECVTTL IP_ROUTER_ALERT SO_ATTACH_FILTER "
-                   "SO_RCVBUFFORCE IP_TOS IP_TTL IP_TRANSPARENT SO_PRIORITY IP_OPTIONS "
-                   "IP_MULTICAST_LOOP SO_RXQ_OVFL ",
-                   "IPV6_HDRINCL IPV6_RECVPKTINFO IPV6_FREEBIND IPV6_MULTICAST_LOOP IPV6_RECVERR "
-                   "IPV6_RECVORIGDSTADDR IPV6_RECVTCLASS IPV6_RECVHOPLIMIT IPV6_ROUTER_ALERT "
-                   "IPV6_CHECKSUM SO_ATTACH_FILTER SO_RCVBUFFORCE IPV6_TCLASS IPV6_UNICAST_HOPS "
-                   "IPV6_MULTICAST_HOPS IPV6_TRANSPARENT SO_PRIORITY IPV6_HOPOPTS "
-                   "IPV6_MULTICAST_LOOP SO_RXQ_OVFL "));
-}
-
 TEST_P(RawIpPamTest, AFailedChangeLeavesOptionsAndValuesThatDescribeTheSocket) {
+    const std::string noFilter = "SO_ATTACH_FILTER option must be supplied with a valid filter";
+    const auto before = PavoTest::openDescriptors();
+    EXPECT_EQ(errorOf([] { openPam(ipPktInfo | ipAttachFilter); }), thrown(noFilter, EINVAL));
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
     const auto pam = openPam();
     EXPECT_EQ(errorOf([&] { pam->optionsIs(ipPktInfo | ipAttachFilter); }),
-              thrown("SO_ATTACH_FILTER option must be supplied with a valid filter", EINVAL));
+              thrown(noFilter, EINVAL));
     EXPECT_EQ(pam->options(), ipPktInfo);  // The one that came before is on.
     pam->rxFilterIs(0, {BPF_RET | BPF_K, 0, 0, 0});
     pam->optionsIs(ipAttachFilter);
@@ -291,13 +274,7 @@ TEST_P(RawIpPamTest, ASlowReceiverCountsWhatTheKernelDropped) {
     sendAll(pam, {"says how many were dropped before it"});
     (void)receive(pam);
     EXPECT_EQ(pam->rxDrops() + pam->rxPktCount(), 61u);
-    const uint32_t drops = pam->rxDrops();
-    EXPECT_GT(drops, 30u);
-    pam->enabledIs(false);
-    pam->enabledIs(true);  // The kernel begins again, the count does not.
-    sendAll(pam, {"x"});
-    (void)receive(pam);
-    EXPECT_EQ(pam->rxDrops(), drops);
+    EXPECT_GT(pam->rxDrops(), 30u);
 }
 
 TEST_P(RawIpPamTest, ReadsBatchesWithTheMetadataOfEachPacket) {
@@ -394,25 +371,6 @@ TEST_P(RawIpPamTest, ForwardedPacketsWithTheAlertReachTheRouterThatEnabledIt) {
     right->optionsIs(none);
     sendAll(left, {"forwarded"});
     EXPECT_EQ(right->rxPkt(), nullptr);
-}
-
-TEST_P(RawIpPamTest, IsNotifiedWhilePacketsWaitAndCausesNoOtherEvents) {
-    const auto pam = openPam();
-    (void)pam->rxPkt();
-    EXPECT_EQ(turnsUntilQuiet(), 0u);
-    sendAll(pam, {"unread"});
-    EXPECT_EQ(turnsUntilQuiet(), 1u);  // Nothing is read.
-    EXPECT_EQ(pam->readableCount(), 2u);
-    EXPECT_EQ(pam->writableCount(), 1u);
-
-    Texts seen = {payload(receive(pam))};
-    const Mox::Watch<RawIpPam> readable(pam, Pam::readableCountAttr, [&] {
-        const auto pkt = pam->rxPkt();
-        seen.push_back(pkt ? payload(pkt) : "nothing");
-    });
-    sendAll(pam, {"a", "b", "c"});
-    EXPECT_EQ(turnsUntilQuiet(), 4u);
-    EXPECT_EQ(seen, (Texts{"unread", "a", "b", "c", "nothing"}));
 }
 
 TEST_P(RawIpPamTest, AReadThatCannotSucceedIsNeitherTheLastNorRepeatedForEver) {

@@ -137,27 +137,6 @@ class PamFixture : public PavoTest::SandboxTest {
         return std::string(pkt->stringValue().view().substr(hasHeader ? 20 : 0));
     }
 
-    // Enables with each system call failing in turn, and checks that nothing is left each time.
-    // Returns the names of the options that failed. The endpoint is then enabled.
-    static Texts failedEnablings(const Mox::Ptr<RawIpPam>& pam) {
-        const auto before = PavoTest::openDescriptors();
-        Texts options;
-        PavoTest::failEachSyscall(
-            ENOBUFS, [&] { return errorOf([&] { pam->enabledIs(true); }); },
-            [&](const PavoTest::FailSyscall& fail, const std::string& error, int) {
-                EXPECT_FALSE(pam->enabled() || pam->fileDesc() || pam->fdSm());
-                EXPECT_EQ(PavoTest::openDescriptors(), before);
-                const std::string text = error.substr(0, error.find(" ("));
-                EXPECT_EQ(error, thrown(text, ENOBUFS)) << fail.name();
-                if (text.starts_with("setsockopt(")) {
-                    options.push_back(text.substr(11, text.size() - 12));
-                }
-            },
-            "!setns");  // Without a way back from a namespace the process ends.
-        EXPECT_TRUE(pam->enabled());
-        return options;
-    }
-
     // Turns until nothing is reported any more, at most 50 times; returns how often there was.
     uint32_t turnsUntilQuiet() {
         uint32_t turns = 0;

@@ -70,21 +70,6 @@ TEST_F(PamTest, TheMachineIncrementsBothCountsAtCreationAndOnEachReport) {
     EXPECT_EQ(pam_->readableCount(), 3u);
 }
 
-TEST_F(PamTest, SlotsNotifyOfRealChangesOnly) {
-    uint32_t notified = 0;
-    const Mox::Watch<FakePam> packets(pam_, Pam::savedPacketRxAttr, [&notified](uint32_t slot) {
-        notified = 10 * notified + slot + 1;
-    });
-    pam_->savedPacketRxIs(3, false);
-    EXPECT_EQ(pam_->savedPacketRx().members(), 0u);
-    pam_->savedPacketRxIs(1, true);
-    pam_->savedPacketRxIs(1, true);
-    pam_->savedPacketRxIs(0, false);
-    EXPECT_EQ(notified, 2u);
-    pam_->savedPacketRxDelAll();
-    EXPECT_EQ(notified, 221u);  // From the last slot to the first.
-}
-
 TEST_F(PamTest, MisuseStopsTheProcess) {
     EXPECT_DEATH(pam_->rxPktBulk(), "0 && \"Need to implement doGetBulkRxPkt in a derived class\"");
     const auto ip = ipPamFactory("ip", IpProtocolNumber::icmp, NamespaceName());
