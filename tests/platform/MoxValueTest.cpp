@@ -195,21 +195,6 @@ TEST(Enum, ReadsAllNamesAndPrintsTheFirst) {
     }
 }
 
-TEST(NboAttrLog, ConsumesNothingOfAShortLog) {
-    Mox::NboAttrLog::Out out;
-    out.u16(0x0203);
-    out.string("hi");
-    EXPECT_EQ(out.bytes, (Mox::Bytes{2, 3, 0, 0, 0, 2, 'h', 'i'}));
-    Mox::NboAttrLog::In in(out.bytes.begin(), 7);
-    EXPECT_EQ(in.u16(), 0x0203);
-    uint8_t raw[6];
-    const char* const error = "NboAttrLog: premature end";
-    EXPECT_EQ(rangeErrorOf([&] { in.u64(); }), error);
-    EXPECT_EQ(rangeErrorOf([&] { in.raw(raw, 6); }), error);
-    EXPECT_EQ(rangeErrorOf([&] { in.string(); }), error);
-    EXPECT_EQ(in.u32(), 2u);
-}
-
 TEST(Strep, HelpersMoveOnlyPastWhatTheyRead) {
     const Mox::String text("0042 left");
     auto it = text.begin();
