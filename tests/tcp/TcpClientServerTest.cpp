@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <functional>
@@ -214,6 +213,12 @@ void expectInOrder(const TestServer& s, bool works) {
     EXPECT_TRUE(!works || isArmed || s.status->listening());
 }
 
+void expectStopped(const TcpSmBase& sm) {
+    EXPECT_FALSE(sm.fd());
+    EXPECT_EQ(sm.retryTimerExpireTime(), idle);
+    EXPECT_EQ(sm.timeoutTimerExpireTime(), idle);
+}
+
 // What an owner does, and the changes of the status that follow.
 template <class Agent>
 struct Step {
@@ -221,9 +226,25 @@ struct Step {
     std::string changes;
 };
 
+// What an observer does: "+" starts, "-" stops, "!" throws, "d" drops the machine and "D" also its
+// configuration and status.
+template <class Agent>
+void perform(std::optional<Agent>& agent, const std::string& acts) {
+    for (const char act : acts) {
+        if (act == '!') {
+            throw std::runtime_error("from an observer");
+        }
+        if (agent && agent->sm) {
+            act == '+'   ? void(startOf(*agent->sm))
+            : act == '-' ? agent->sm->cleanup()
+            : act == 'd' ? void(agent->sm = nullptr)
+                         : agent.reset();
+        }
+    }
+}
+
 // Takes the steps, of which the last three stop the machine, with an observer that acts at the n-th
-// change of the status, or for 0 at each: "+" starts, "-" stops, "!" throws, "d" drops the machine
-// and "D" also its configuration and status. Gives whether there was an n-th change.
+// change of the status, or for 0 at each. Gives whether there was an n-th change.
 template <class Agent>
 bool interfere(Agent made, const std::vector<Step<Agent>>& steps, const std::string& acts,
                unsigned n) {
@@ -232,22 +253,13 @@ bool interfere(Agent made, const std::vector<Step<Agent>>& steps, const std::str
     const auto isAlive = [&agent] { return agent && agent->sm; };
     std::string changes;
     unsigned count = 0;
-    const auto perform = [&](char act) {
-        if (act == '!') {
-            throw std::runtime_error("from an observer");
-        }
-        act == '+'   ? void(startOf(*agent->sm))
-        : act == '-' ? agent->sm->cleanup()
-        : act == 'd' ? void(agent->sm = nullptr)
-                     : agent.reset();
-    };
     Mox::Watch watch(agent->status, Mox::allAttributes, [&](const Mox::Change& change) {
         changes += " " + std::string(change.attribute.name);
         if (isAlive()) {
             expectInOrder(*agent, /*works=*/false);
         }
         if (++count == n || n == 0) {
-            std::for_each(acts.begin(), acts.end(), perform);
+            perform(agent, acts);
         }
     });
     const std::size_t last = n == 0 ? steps.size() - 3 : steps.size();
@@ -260,9 +272,7 @@ bool interfere(Agent made, const std::vector<Step<Agent>>& steps, const std::str
         } catch (const std::runtime_error&) {
         }
         if (isAlive() && isBefore && count >= n && acts.back() == '-') {
-            EXPECT_FALSE(agent->sm->fd());
-            EXPECT_EQ(agent->sm->retryTimerExpireTime(), idle);
-            EXPECT_EQ(agent->sm->timeoutTimerExpireTime(), idle);
+            expectStopped(*agent->sm);
         } else if (isAlive()) {
             expectInOrder(*agent, i + 3 < steps.size() && acts.back() != '-');
         }
