@@ -373,38 +373,6 @@ TEST_P(RawIpPamTest, ForwardedPacketsWithTheAlertReachTheRouterThatEnabledIt) {
     EXPECT_EQ(right->rxPkt(), nullptr);
 }
 
-TEST_P(RawIpPamTest, AReadThatCannotSucceedIsNeitherTheLastNorRepeatedForEver) {
-    enum { bulkIsOff, noSlots, wrongFlags };
-    for (const int why : {bulkIsOff, noSlots, wrongFlags}) {
-        SCOPED_TRACE(why);
-        const auto pam = openPam();
-        (void)pam->rxPkt();
-        pam->socketReadLimitIs(0);
-        pam->enableBulkReadIs(why == noSlots);
-        pam->rxFlagsIs(why == wrongFlags ? MSG_OOB : 0);
-        bool reads = true;
-        const Mox::Watch<RawIpPam> readable(pam, Pam::readableCountAttr, [&] {
-            if (reads && why == wrongFlags) {
-                (void)pam->rxPkt();
-            } else if (reads) {
-                pam->rxPktBulk();
-            }
-        });
-        for (int event = 0; event < 2; ++event) {
-            sendAll(pam, {"x"});
-            const uint32_t turns = turnsUntilQuiet();
-            EXPECT_TRUE(turns == 1 || turns == 2) << turns;
-        }
-        reads = false;  // What prevented it ends, and both packets still wait.
-        pam->rxFlagsIs(0);
-        pam->socketReadLimitIs(2);
-        pam->enableBulkReadIs(why == bulkIsOff);
-        EXPECT_EQ(turnsUntilQuiet(), 1u);
-        pam->enableBulkReadIs(false);
-        EXPECT_TRUE(pam->rxPkt() && pam->rxPkt());
-    }
-}
-
 TEST_P(RawIpPamTest, NotifiesOnceWhenAFullSendBufferHasRoomAgain) {
     const Wire wire;
     for (const bool withHeader : {false, true}) {  // The kernel says ENOBUFS, or EAGAIN.
