@@ -143,8 +143,7 @@ bool BpfFilter::match(const Mox::Ptr<Pkt>& pkt) const {
 
 bool BpfFilter::matchSlowly(const Pkt& pkt) const {
     joined_.clear();  // Keeps its memory.
-    for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
-        const Pkt::Iovec& each = pkt.iovec(i);
+    for (const Pkt::Iovec& each : pkt.iovecs()) {
         joined_.insert(joined_.end(), each.data, each.data + each.bytes);
     }
     const uint32_t result = run(*bpfFilter_, joined_.data(), pkt.totalBytes());

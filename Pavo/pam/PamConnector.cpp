@@ -40,16 +40,25 @@ void PamConnectorPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
         writableCountIs(writableCount() + 1);
         return;
     }
-    peekPktIs(pkt);
-    peekPktCountIs(peekPktCount_ + 1);
-    peekPktIs(nullptr);
-    receiver->inputQueueEnq(std::move(pkt));
-    MOX_TRACE(facility, callLevel,
-              "PamConnector: enqueue, total packets: ", receiver->inputQueueMembers());
-    writableCountIs(writableCount() + 1);
-    if (connector_ != nullptr) {
-        connector_->doScheduleEvent();
+    const auto enqueue = [&] {
+        peekPkt_ = nullptr;
+        receiver->inputQueueEnq(pkt);
+        MOX_TRACE(facility, callLevel,
+                  "PamConnector: enqueue, total packets: ", receiver->inputQueueMembers());
+        if (connector_ != nullptr) {
+            connector_->doScheduleEvent();
+        }
+    };
+    try {
+        peekPktIs(pkt);
+        peekPktCountIs(peekPktCount_ + 1);
+        peekPktIs(nullptr);
+    } catch (...) {
+        enqueue();  // An observer that throws does not stop the packet.
+        throw;
     }
+    enqueue();
+    writableCountIs(writableCount() + 1);
 }
 
 void PamConnectorPam::doGetRxPkt() {
@@ -211,8 +220,15 @@ void PamConnector::handleClock() {
     const Mox::Ptr<PamConnectorPam> end1 = pam("pam1");
     const uint32_t packets0 = end0 ? end0->inputQueueMembers() : 0;
     const uint32_t packets1 = end1 ? end1->inputQueueMembers() : 0;
-    announce(end0, packets0);
-    announce(end1, packets1);
+    try {
+        announce(end0, packets0);
+        announce(end1, packets1);
+    } catch (...) {
+        if (initialized_) {
+            doScheduleEvent();  // Announces what an observer that threw has left unannounced.
+        }
+        throw;
+    }
 }
 
 void PamConnector::announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets) {

@@ -16,18 +16,6 @@ namespace Pavo {
 
 namespace {
 
-// The packet's pieces as the kernel wants them.
-struct Iovecs {
-    explicit Iovecs(const Pkt& pkt) {
-        for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
-            table[count++] = {pkt.iovec(i).data, pkt.iovec(i).bytes};
-        }
-    }
-
-    iovec table[Pkt::maxIovecs_];
-    int count = 0;
-};
-
 // Writes the error to standard error, then throws it with the name of the call.
 [[noreturn]] void writeAndThrow(const char* text, const char* call, int error) {
     std::fprintf(stderr, "%s%d %s\n", text, error, std::strerror(error));
@@ -105,12 +93,12 @@ int32_t PktSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest) {
 }
 
 int32_t PktSocket::sendTo(const Pkt& pkt, const void* dest, uint32_t destBytes) const {
-    Iovecs iovecs(pkt);
+    iovec iovecs[Pkt::maxIovecs_];
     msghdr message{};
     message.msg_name = const_cast<void*>(dest);  // The kernel only reads it.
     message.msg_namelen = destBytes;
-    message.msg_iov = iovecs.table;
-    message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(iovecs.count);
+    message.msg_iov = iovecs;
+    message.msg_iovlen = pkt.copyIovecs(iovecs);
     return static_cast<int32_t>(::sendmsg(fd(), &message, 0));
 }
 
@@ -127,8 +115,9 @@ int32_t TapPktSocket::recvfrom(int fd, void* buf, uint32_t len, int, sockaddr*, 
 }
 
 int32_t TapPktSocket::sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in) {
-    const Iovecs iovecs(*pkt);
-    return static_cast<int32_t>(writev(fd(), iovecs.table, iovecs.count));
+    iovec iovecs[Pkt::maxIovecs_];
+    const uint32_t count = pkt->copyIovecs(iovecs);
+    return static_cast<int32_t>(writev(fd(), iovecs, static_cast<int>(count)));
 }
 
 }  // namespace Pavo

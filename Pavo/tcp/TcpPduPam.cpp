@@ -380,10 +380,7 @@ void TcpPduPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
 
 void TcpPduPam::sendPkt(Mox::Ptr<Pkt> pkt) {
     SocketIovec iov[Pkt::maxIovecs_];
-    uint16_t iovLen = 0;
-    for (uint32_t i = pkt->firstIoVec(); i < Pkt::maxIovecs_; ++i) {
-        iov[iovLen++] = {pkt->iovec(i).data, pkt->iovec(i).bytes};
-    }
+    const auto iovLen = static_cast<uint16_t>(pkt->copyIovecs(iov));
     sendIov(iov, iovLen);
 }
 
