@@ -290,8 +290,7 @@ struct World : RandomProgram {
     std::pair<double, uint64_t> lastFired[3] = {};
 };
 
-// Of observers, of members, of descriptors and of time; the first two of each are the most
-// frequent.
+// Of observers, of members, of descriptors and of time.
 std::vector<World::Actions> World::kinds() {
     return {
         {
@@ -407,28 +406,9 @@ std::vector<World::Actions> World::kinds() {
     };
 }
 
-// A program has few actions of few kinds: it goes further than one that has all of them.
 void World::run() {
-    const std::vector<Actions> all = kinds();
-    actions = {{"throw", [] { throw Thrown(); }}};
-    for (uint32_t theme = below(all.size()), i = 0; i < all.size(); ++i) {
-        for (uint32_t count = i == theme || oneIn(3) ? 6 : 0; count > 0; --count) {
-            all[i][count % 2].second();
-            actions.insert(actions.end(), {all[i][below(2)], any(all[i])});
-        }
-    }
-    for (uint32_t steps = 10 + below(30); steps > 0 && !testing::Test::HasFailure(); --steps) {
-        budget = 10;
-        try {
-            !oneIn(4) ? act() : oneIn(2) ? turn() : advance();
-        } catch (const Thrown&) {
-            print("caught");
-        }
-        budget = 0;
-        if (oneIn(8) || steps == 1) {
-            checkAtRest();
-        }
-    }
+    perform(
+        kinds(), [this] { oneIn(2) ? turn() : advance(); }, [this] { checkAtRest(); });
 }
 
 // Nothing acts now: what was left is done, and a plain change reaches every observer.
@@ -464,16 +444,8 @@ void World::checkAtRest() {
     }
 }
 
-void runProgram(uint32_t seed, bool prints) {
-    const auto descriptors = PavoSandbox::openDescriptors();
-    const uint32_t objects = liveObjects();
-    std::make_unique<World>(seed, prints)->run();
-    EXPECT_EQ(PavoSandbox::openDescriptors(), descriptors);
-    EXPECT_EQ(liveObjects(), objects);
-}
-
 TEST(Reentrancy, WhateverIsNotifiedMayDoAnything) {
-    PavoTest::runPrograms(3000, runProgram);
+    PavoTest::runPrograms(3000, PavoTest::runProgram<World>);
 }
 
 }  // namespace

@@ -9,14 +9,19 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <exception>
 #include <functional>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "Mox/Ptr.h"
+#include "sandbox/Sandbox.h"
 
 namespace PavoTest {
 
@@ -34,7 +39,7 @@ class RandomProgram {
     bool oneIn(uint32_t chances) { return below(chances) == 0; }
     template <class Items>
     auto& any(Items& items) {
-        return items[below(items.size())];
+        return items[below(std::size(items))];
     }
     void print(const std::string& text) const {
         if (prints_) {
@@ -62,6 +67,35 @@ class RandomProgram {
     void respond() {
         for (uint32_t count = below(3); count > 0; --count) {
             oneIn(2) ? act() : actSafely();
+        }
+    }
+
+    /// Performs a program with few actions of few kinds: it goes further than one that has all of
+    /// them. The first two of each kind are the most frequent; they are performed at the start.
+    /// Between the actions `advance` brings time and events on. `checkAtRest` comes now and then,
+    /// and last; nothing acts then.
+    void perform(const std::vector<Actions>& kinds, const std::function<void()>& advance,
+                 const std::function<void()>& checkAtRest) {
+        actions = {{"throw", [] { throw Thrown(); }}};
+        for (uint32_t theme = below(kinds.size()), i = 0; i < kinds.size(); ++i) {
+            for (uint32_t count = i == theme || oneIn(3) ? 6 : 0; count > 0; --count) {
+                kinds[i][count % 2].second();
+                actions.insert(actions.end(), {kinds[i][below(2)], any(kinds[i])});
+            }
+        }
+        for (uint32_t steps = 10 + below(30); steps > 0 && !testing::Test::HasFailure(); --steps) {
+            budget = 10;
+            try {
+                !oneIn(4) ? act() : advance();
+            } catch (const Thrown&) {
+                print("caught");
+            } catch (const std::exception& error) {
+                ADD_FAILURE() << "not thrown by an observer: " << error.what();
+            }
+            budget = 0;
+            if (oneIn(8) || steps == 1) {
+                checkAtRest();
+            }
         }
     }
 
@@ -160,10 +194,24 @@ inline void runPrograms(uint32_t count, void (*run)(uint32_t seed, bool prints))
             alarm(60);
             run(*seed, false);
         }
+        const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+        for (int i = 0; i < result->total_part_count(); ++i) {
+            std::cerr << result->GetTestPartResult(i).message() << '\n';  // Not shown by a child.
+        }
         exit(testing::Test::HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(runAll(), testing::ExitedWithCode(0), "") << "Run it alone: PAVO_SEED=" << *seed;
     munmap(seed, sizeof *seed);
+}
+
+/// Runs one program in a `World` of its own, and expects that it leaves nothing.
+template <class World>
+void runProgram(uint32_t seed, bool prints) {
+    const auto descriptors = PavoSandbox::openDescriptors();
+    const uint32_t objects = Mox::liveObjects();
+    std::make_unique<World>(seed, prints)->run();
+    EXPECT_EQ(PavoSandbox::openDescriptors(), descriptors);
+    EXPECT_EQ(Mox::liveObjects(), objects);
 }
 
 }  // namespace PavoTest

@@ -1,0 +1,449 @@
+/// @file
+/// Random programs of message endpoints and of TCP machines, whose observers act.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Keel/TimerWheel.h"
+#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
+#include "Pavo/TcpClientServer.h"
+#include "Pavo/TcpPduPam.h"
+#include "support/RandomProgram.h"
+#include "support/SandboxTest.h"
+
+namespace Pavo {
+namespace {
+
+using Mox::Change;
+using Mox::Ptr;
+using Mox::Watch;
+
+// A message of at least 20 bytes, with its number in bytes 4 to 7 and in each of the later ones.
+Ptr<Pkt> messageOf(uint32_t number, uint32_t bytes) {
+    std::string text(bytes, static_cast<char>(number));
+    text[2] = static_cast<char>(bytes >> 8);
+    text[3] = static_cast<char>(bytes);
+    std::memcpy(text.data() + 4, &number, sizeof(number));
+    const Ptr<Pkt> pkt = globalPktManager()->newPkt(bytes);
+    pkt->stringValueIs(Mox::String(std::string_view(text)), /*atTail=*/true);
+    return pkt;
+}
+IpGenAddr loopback(bool six) {
+    return Mox::fromText<IpGenAddr>(six ? "::1" : "127.0.0.1");
+}
+
+struct StreamEnd {
+    Ptr<TcpFileDescriptor> fd;  // Null after it was closed, as is the endpoint.
+    Ptr<SimpleTcpPduPam> pam;
+    Watch<SimpleTcpPduPam> watch;
+    Ptr<SimpleTcpPduPam> rival;    // A second endpoint on the same descriptor.
+    std::set<uint32_t> unarrived;  // Messages by number.
+    uint32_t lastArrived = 0;
+    uint32_t tooLong = 0;  // Packets sent that no endpoint takes.
+};
+struct Stream {
+    StreamEnd ends[2];
+    bool isSpoilt = false;  // Other bytes may arrive than those of whole messages.
+    uint32_t calls = 0;     // Reads and sends that have not returned, as those that threw.
+    bool isOrdered = true;  // No call was made inside one.
+};
+
+// What an owner has decided last: unknown where it has done only a part of starting or stopping.
+enum class Wish { unknown, stopped, started };
+
+template <class Config, class Status, class Sm>
+struct Machine {
+    Ptr<Config> config;
+    Ptr<Status> status;
+    Ptr<Sm> sm;
+    Watch<Status> watch;
+    Wish wish = Wish::unknown;
+};
+using Client = Machine<TcpClientConfig, TcpClientStatus, TcpClientSm>;
+using Server = Machine<TcpServerConfig, TcpServerStatus, TcpServerSm>;
+
+struct State {
+    bool isWatching, isIdle, hasEnded;
+};
+State stateOf(const Client& client) {
+    using Status = TcpClientStatus::ConnectionStatus;
+    const Status status = client.status->connectionStatus();
+    return {status == Status::connecting, status == Status::idle && !client.status->connSocket(),
+            status == Status::connected || status == Status::timedout};
+}
+State stateOf(const Server& server) {
+    const bool isListening = server.status->listening();
+    return {isListening, !isListening && server.status->connSocketMembers() == 0, isListening};
+}
+
+struct World : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
+    ~World() {
+        descriptorsAreLeft(true);
+        streams.clear();
+    }
+
+    // What is configured may be refused; traffic never throws.
+    template <class Act>
+    static void configure(Act act) {
+        try {
+            act();
+        } catch (const Mox::ErrnoException&) {
+        }
+    }
+
+    void open(const Ptr<TcpFileDescriptor>& near, const Ptr<TcpFileDescriptor>& far) {
+        Stream* stream = streams.emplace_back(std::make_unique<Stream>()).get();
+        for (StreamEnd& end : stream->ends) {
+            end.fd = &end == stream->ends ? near : far;
+            end.pam = simpleTcpPduPamFactory(end.fd, factory);
+            const auto notified = [=, this, &end, pam = end.pam.ptr()](const Change& change) {
+                EXPECT_EQ(pam->readable(), pam->rxPktHolderShadow() && !pam->rxRemainingLength());
+                EXPECT_FALSE(pam->writable() && pam->txPktHolderShadow());
+                const bool isReport = change.is(Pam::readableCountAttr);
+                isReport&& isAtRest ? read(*stream, end) : respond();
+            };
+            end.watch = {end.pam, Mox::allAttributes, notified};
+        }
+    }
+    void openPair() {
+        descriptorsAreLeft(true);
+        int numbers[2];
+        const int few = 4608;
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, numbers), 0);
+        setsockopt(numbers[0], SOL_SOCKET, SO_SNDBUF, &few, sizeof(few));
+        const auto near = tcpFileDescriptorFactory(numbers[0], oneIn(2));
+        open(near, tcpFileDescriptorFactory(numbers[1], oneIn(2)));
+    }
+    // On a connection that client and server have made.
+    void openTcp(Client& client, Server& server) {
+        if (!client.sm || !server.sm) {
+            return;
+        }
+        const TcpConnSocket near = client.status->connSocket();
+        const TcpConnSocket far = server.status->getConnSocket();
+        if (near && far && near.srcPort() == far.dstPort() && client.sm) {
+            open(near.fileDescriptor(), far.fileDescriptor());
+            streams.back()->isSpoilt = isConfigured;  // Its socket may drop segments.
+            client.wish = Wish::stopped;
+            client.sm->stopConnection();
+        }
+    }
+    static void modeIs(Ptr<SimpleTcpPduPam> pam, uint32_t mode) {
+        configure([&] { pam->enableModeIs(static_cast<TcpPduPamEnableMode>(mode)); });
+    }
+    void send(Stream& stream, StreamEnd& end, uint32_t bytes) {
+        if (end.pam->writable()) {
+            const bool isTooLong = bytes > UINT16_MAX;
+            stream.isOrdered &= stream.calls++ == 0;
+            end.tooLong += isTooLong;
+            isTooLong ? void() : (void)end.unarrived.insert(messages + 1);
+            end.pam->txPktIs(messageOf(++messages, bytes));
+            --stream.calls;
+        }
+    }
+    static void read(Stream& stream, StreamEnd& end) {
+        const bool isHeld = end.pam && end.pam->readable();
+        stream.isOrdered &= stream.calls++ == 0;
+        const Ptr<Pkt> pkt = end.pam ? end.pam->rxPkt() : nullptr;
+        --stream.calls;
+        EXPECT_TRUE(pkt || !isHeld || !stream.isOrdered) << "`readable` without a message";
+        if (!pkt || stream.isSpoilt) {
+            return;
+        }
+        const Mox::String text = pkt->stringValue();
+        uint32_t number = 0;
+        std::memcpy(&number, text.view().data() + 4, sizeof(number));
+        EXPECT_TRUE(text == messageOf(number, text.bytes())->stringValue()) << "it is not whole";
+        EXPECT_EQ(stream.ends[&end == stream.ends].unarrived.erase(number), 1u) << "it came twice";
+        EXPECT_TRUE(number > end.lastArrived || !stream.isOrdered) << "it is out of order";
+        end.lastArrived = number;
+    }
+    void openRival(Stream& stream, StreamEnd& end) {
+        spoil(stream, end);
+        end.rival = simpleTcpPduPamFactory(end.fd, factory);
+        modeIs(end.rival, tcpEnableModeReadWrite);
+    }
+    static int spoil(Stream& stream, const StreamEnd& end) {
+        stream.isSpoilt = true;
+        return end.fd->descriptor();
+    }
+
+    void make(Client& client, uint32_t i) {
+        client.config = tcpClientConfigFactory(loopback(i == 1), i == 2 ? noPort : port);
+        client.status = tcpClientStatusFactory();
+        client.sm = tcpClientSmFactory(factory.ptr(), &wheel, i, client.config, client.status);
+    }
+    void make(Server& server, uint32_t i) {  // The last one has the port of the first one.
+        server.config = tcpServerConfigFactory(loopback(i == 1), port);
+        server.status = tcpServerStatusFactory();
+        server.sm = tcpServerSmFactory(factory.ptr(), &wheel, server.config, server.status);
+    }
+    // One that was dropped is made again when it is needed.
+    template <class Machine>
+    Machine& anyOf(Machine (&all)[3]) {
+        const uint32_t i = below(3);
+        Machine& machine = all[i];
+        if (!machine.sm) {
+            machine = {};
+            make(machine, i);
+            const auto notified = [this, &machine] {
+                machine.sm ? check(machine) : void();
+                machine.sm ? respond() : actSafely();  // No exception may leave a destructor.
+            };
+            machine.watch = {machine.status, Mox::allAttributes,
+                             [notified](const Change&) { notified(); }};
+        }
+        return machine;
+    }
+    // The machine, for what the owner has decided.
+    template <class Machine>
+    auto& decide(Wish wish, Machine (&all)[3]) {
+        Machine& machine = anyOf(all);
+        machine.wish = wish;
+        return *machine.sm;
+    }
+    template <class Machine>
+    static void check(const Machine& machine) {
+        EXPECT_EQ(stateOf(machine).isWatching, machine.sm->fd() != nullptr) << "it is half changed";
+    }
+    template <class Machine>
+    static void checkWish(const Machine& machine) {
+        const auto isUnarmed = [](double expiry) { return expiry == Mox::Clock::idle; };
+        if (machine.sm && machine.wish == Wish::started) {
+            EXPECT_TRUE(stateOf(machine).hasEnded || machine.sm->fd() ||
+                        !isUnarmed(machine.sm->retryTimerExpireTime()))
+                << "a start is lost";
+        } else if (machine.sm && machine.wish == Wish::stopped) {
+            EXPECT_TRUE(stateOf(machine).isIdle && !machine.sm->fd() &&
+                        isUnarmed(machine.sm->retryTimerExpireTime()) &&
+                        isUnarmed(machine.sm->timeoutTimerExpireTime()))
+                << "a stop is lost";
+        }
+    }
+    TcpConfigBase& anyConfig() {
+        isConfigured = true;
+        return oneIn(2) ? *anyOf(clients).config
+                        : static_cast<TcpConfigBase&>(*anyOf(servers).config);
+    }
+    void key(bool six) {
+        TcpConfigBase& config = anyConfig();
+        for (Server& each : servers) {
+            each.wish = Wish::unknown;  // A key that changes starts it.
+        }
+        const IpGenAddrWithMask peer(loopback(six), six ? 128 : 32);
+        oneIn(2) ? config.md5AuthDel(peer) : config.md5AuthIs(peer, "key");
+    }
+    static void descriptorsAreLeft(bool left) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = left ? limit.rlim_max : 3;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+
+    std::vector<Actions> kinds();
+    void run();
+    void checkAtRest();
+    void settle();
+    const char* missing() const;
+    void checkWishes() const;
+    void checkStart(Client& client, Server& server);
+
+    Mox::EventLoop loop;
+    Mox::ManualClock clock;
+    Keel::TimerWheel wheel{&clock};
+    const Ptr<TcpFileDescriptorEventRegistrationFactory> factory =
+        tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+    std::vector<std::unique_ptr<Stream>> streams;
+    static constexpr uint16_t noPort = 9;
+    // Another one for each program: what is left of old connections in the kernel refuses new ones.
+    const uint16_t port = static_cast<uint16_t>(1024 + below(30000));
+    Client clients[3];
+    Server servers[3];
+    uint32_t messages = 0;
+    bool isConfigured = false;
+    bool isAtRest = false;  // Only readers act: they read once when they are notified.
+};
+
+std::vector<World::Actions> World::kinds() {
+    const auto end = [this](auto act) {
+        return [=, this] {
+            streams.empty() || oneIn(16) ? openPair() : void();
+            Stream& stream = *any(streams);
+            StreamEnd& each = stream.ends[below(2)];
+            each.pam ? act(stream, each) : void();
+        };
+    };
+    using enum Wish;
+    return {
+        {
+            {"send", end([this](auto& s, auto& e) { send(s, e, 20 + below(100)); })},
+            {"read", end([](auto& s, auto& e) { read(s, e); })},
+            {"send much", end([this](auto& s, auto& e) { send(s, e, 20 + below(9580)); })},
+            {"too much", end([this](auto& s, auto& e) { send(s, e, 65536 + below(2)); })},
+            {"enable", end([](auto&, auto& e) { modeIs(e.pam, tcpEnableModeReadWrite); })},
+            {"mode", end([this](auto&, auto& e) { modeIs(e.pam, below(4)); })},
+            {"only one", end([this](auto&, auto& e) { e.pam->readOnePktOnlyIs(oneIn(2)); })},
+            {"longest",
+             end([this](auto&, auto& e) { e.pam->maxPduLengthIs(oneIn(2) ? 5000 : 9600); })},
+            {"close", end([](auto& s, auto& e) { spoil(s, e), e = {}; })},
+            {"half close", end([this](auto& s, auto& e) { shutdown(spoil(s, e), below(2)); })},
+            {"rival", end([this](auto& s, auto& e) { openRival(s, e); })},
+            {"other bytes",
+             end([](auto& s, auto& e) { ::send(spoil(s, e), "other", 5, MSG_NOSIGNAL); })},
+        },
+        {
+            {"listen", [this] { decide(started, servers).startListener(); }},
+            {"connect", [this] { decide(started, clients).startConnection(); }},
+            {"stop listening", [this] { decide(stopped, servers).stopListener(); }},
+            {"stop", [this] { decide(stopped, clients).stopConnection(); }},
+            {"restart", [this] { decide(started, servers).restartListener(); }},
+            {"restart later", [this] { decide(started, servers).restartListenerDeferred(); }},
+            {"server fails", [this] { decide(unknown, servers).handleServerError("Test", "x"); }},
+            {"client fails", [this] { decide(unknown, clients).handleClientError("Test", "x"); }},
+            {"server's timer", [this] { decide(unknown, servers).restartRetryTimer(); }},
+            {"client's timer", [this] { decide(unknown, clients).stopRetryTimer(); }},
+            {"take", [this] { (void)anyOf(servers).status->getConnSocket(); }},
+            {"let go", [this] { anyOf(clients).status->resetConnSocket(); }},
+            {"drop server", [this] { anyOf(servers).sm = nullptr; }},
+            {"drop client", [this] { anyOf(clients).sm = nullptr; }},
+            {"stream", [this] { openTcp(clients[0], servers[0]); }},
+            {"options", [this] { anyConfig().optionsIs(TcpSocketOptions(below(128) & 0x7f)); }},
+            {"TTL", [this] { anyConfig().txTtlIs(oneIn(2) ? 0 : 64); }},
+            {"least TTL", [this] { anyConfig().rxMinTtlIs(oneIn(2) ? 0 : 255); }},
+            {"interval", [this] { anyConfig().retryIntervalIs(below(3)); }},
+            {"edge", [this] { anyConfig().edgeTriggeredFileDescriptorIs(oneIn(2)); }},
+            {"key", [this] { key(oneIn(2)); }},
+            {"time-out", [this] { anyOf(clients).config->timeoutIs(below(3)); }},
+            {"back off", [this] { anyOf(clients).config->exponentialBackoffRetriesIs(below(4)); }},
+            {"let fail", [this] { anyOf(servers).sm->failApplySocketOptionsInTestIs(true); }},
+            {"descriptors", [this] { descriptorsAreLeft(oneIn(2)); }},
+        },
+    };
+}
+
+void World::run() {
+    perform(
+        kinds(),
+        [this] {
+            oneIn(2) ? (void)loop.turn(0) : clock.advance(oneIn(8) ? 25 : 0.5 * below(3));
+            checkWishes();
+        },
+        [this] { checkAtRest(); });
+    for (uint32_t i = 0; i < 2 && !testing::Test::HasFailure(); ++i) {
+        checkStart(clients[i], servers[i]);
+    }
+}
+
+void World::checkWishes() const {
+    for (uint32_t i = 0; i < 3; ++i) {
+        checkWish(clients[i]);
+        checkWish(servers[i]);
+    }
+}
+
+void World::checkAtRest() {
+    print("at rest");
+    checkWishes();
+    isAtRest = true;
+    for (const auto& stream : streams) {
+        for (StreamEnd& end : stream->ends) {
+            if (!end.pam) {
+                continue;
+            }
+            end.pam->readOnePktOnly() ? end.pam->readOnePktOnlyIs(false) : void();
+            if (end.pam->enableMode() != tcpEnableModeReadWrite ||
+                end.pam->pendingEnableReadOnlyOrWriteOnlyMode() != tcpEnableModeNone) {
+                modeIs(end.pam, tcpEnableModeReadWrite);
+            }
+            end.pam->readable() ? read(*stream, end) : void();  // Was announced before.
+        }
+    }
+    settle();
+    isAtRest = false;
+}
+
+// Makes turns until nothing happens any more.
+void World::settle() {
+    uint32_t turns = 0;
+    while (turns < 300 && (loop.turn(missing() ? 0.01 : 0) != 0 || missing())) {
+        ++turns;
+    }
+    EXPECT_STREQ(missing(), nullptr) << "was not announced";
+    EXPECT_LT(turns, 300u) << "the loop spins";
+}
+
+// What has arrived and should have been announced, or null.
+const char* World::missing() const {
+    for (const auto& stream : streams) {
+        for (const StreamEnd& end : stream->ends) {
+            const StreamEnd& peer = stream->ends[&end == stream->ends];
+            if (!end.pam || end.rival || peer.rival) {
+                continue;
+            }
+            if (!peer.fd && end.pam->rxErrors() == 0) {
+                return "the end of a stream";
+            }
+            if (!stream->isSpoilt && end.pam->txErrors() == end.tooLong &&
+                peer.pam->rxErrors() == 0) {
+                if (stream->calls == 0 && end.unarrived.size() != end.pam->txDrops()) {
+                    return "a message";
+                }
+                if (!end.pam->writable()) {
+                    return "room";
+                }
+            }
+        }
+    }
+    return nullptr;
+}
+
+// With nothing in the way both machines come up; stopped, they leave nothing.
+void World::checkStart(Client& client, Server& server) {
+    if (!client.sm || !server.sm) {
+        return;
+    }
+    descriptorsAreLeft(true);
+    server.sm->failApplySocketOptionsInTestIs(false);
+    for (const Ptr<TcpConfigBase>& config :
+         {Ptr<TcpConfigBase>(client.config), Ptr<TcpConfigBase>(server.config)}) {
+        config->optionsIs(TcpSocketOptions());
+        config->timeoutIs(0);
+        config->retryIntervalIs(1);
+    }
+    servers[2] = {};
+    server.sm->stopListener();
+    server.sm->startListener();
+    client.sm->startConnection();
+    const uint32_t accepted = server.status->connSocketCount();
+    const auto isUp = [&] {
+        return stateOf(client).hasEnded && server.status->connSocketCount() > accepted;
+    };
+    for (uint32_t turns = 0; turns < 100 && !isUp(); ++turns) {
+        loop.turn(0.01);
+        clock.advance(turns % 10 == 9 ? 0.5 : 0);
+    }
+    EXPECT_TRUE(isUp()) << client.status->reason() << ", " << server.status->reason();
+    client.wish = server.wish = Wish::stopped;
+    client.sm->stopConnection();
+    server.sm->stopListener();
+    checkWishes();
+}
+
+class TcpReentrancy : public PavoTest::SandboxTest {};
+
+TEST_F(TcpReentrancy, ObserversOfEndpointsAndMachinesMayDoAnything) {
+    (void)globalPktManager();  // Lives from now on.
+    PavoTest::runPrograms(2000, PavoTest::runProgram<World>);
+}
+
+}  // namespace
+}  // namespace Pavo
