@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -122,110 +121,6 @@ TEST_P(TcpPduPamTest, ServesALimitedNumberOfPdusATurn) {
         served.push_back(agent_.taken.size());
     }
     EXPECT_THAT(served, testing::IsSupersetOf({32, 64, 96, 100}));
-}
-
-// Every operation in any order; the other end writes and reads pieces of any size.
-class Traffic {
-  public:
-    Traffic(uint32_t seed, bool edgeTriggered, Mox::EventLoop* loop)
-        : loop_(loop),
-          random_(seed),
-          stream_(edgeTriggered),
-          agent_(stream_.near, none, /*takesAll=*/seed % 2 != 0),
-          watch_(agent_.pam, SimpleTcpPduPam::writableAttr,
-                 [this] { timesWritable_ += agent_.pam->writable(); }) {}
-
-    void step() {
-        const auto& pam = agent_.pam;
-        const uint32_t number = random_() % 60000;
-        const auto mode = static_cast<TcpPduPamEnableMode>(number % 4);
-        switch (random_() % 9) {
-            case 0:
-                pam->enableModeIs(mode);
-                EXPECT_TRUE(pam->enableMode() == mode || isPending(mode));
-                break;
-            case 1:
-                pam->readOnePktOnlyIs(number % 2 != 0);
-                break;
-            case 2:
-                agent_.take();
-                break;
-            case 3:
-                send(number);
-                break;
-            case 4:
-                toWrite_ += toNear_.emplace_back(pduOf(static_cast<uint16_t>(20 + number % 9000)));
-                break;
-            default:
-                exchange(number);
-        }
-        EXPECT_EQ(pam->writable(), isOn(writeOnly) && pam->txPktHolderShadow() == nullptr);
-        EXPECT_TRUE(!isPending(readOnly) || (isOn(writeOnly) && pam->txPktHolderShadow()));
-        EXPECT_TRUE(!isPending(writeOnly) || (isOn(readOnly) && pam->rxPktHolderShadow()));
-    }
-
-    // All that is under way arrives when both directions are on.
-    void expectArrival() {
-        const auto& pam = agent_.pam;
-        pam->readOnePktOnlyIs(false);
-        pam->enableModeIs(both);
-        for (int left = 1000; left > 0 && (agent_.taken != toNear_ || atFar_ != toFar_); --left) {
-            exchange(60000);
-            agent_.take();
-        }
-        EXPECT_TRUE(agent_.taken == toNear_ && atFar_ == toFar_);
-        loop_->turn(0);
-        EXPECT_EQ(pam->rxErrors() + pam->txErrors() + pam->txDrops(), 0u);
-        EXPECT_TRUE(pam->writable() && !pam->readable());
-        EXPECT_EQ(pam->writableCount(), timesWritable_);
-        EXPECT_EQ(loop_->turn(0), 0u);  // No spinning.
-    }
-
-  private:
-    bool isOn(TcpPduPamEnableMode direction) const {
-        return (agent_.pam->enableMode() & direction) != 0;
-    }
-    bool isPending(TcpPduPamEnableMode mode) const {
-        return agent_.pam->pendingEnableReadOnlyOrWriteOnlyMode() == mode;
-    }
-    void send(uint32_t bytes) {
-        if (agent_.pam->writable()) {
-            const std::string pdu = pduOf(static_cast<uint16_t>(bytes + 20));
-            const auto pkt = PavoTest::pktOf(pdu);
-            std::copy_n(pdu.data(), 20, pkt->newPrivateHeadData(20));
-            pkt->delSharedHeadData(20);  // In two pieces.
-            agent_.pam->txPktIs(pkt);
-            pkt->sharedBuffer()->data()[bytes / 2] ^= 1;  // The agent's again.
-            toFar_ += pdu;
-        }
-    }
-    void exchange(uint32_t bytes) {
-        toWrite_.erase(0, stream_.write(std::string_view(toWrite_).substr(0, bytes)));
-        if (bytes % 2 == 0) {
-            atFar_ += stream_.read();
-        }
-        loop_->turn(0);
-    }
-
-    Mox::EventLoop* loop_;
-    std::mt19937 random_;
-    Stream stream_;
-    PduAgent agent_;
-    Mox::Watch<SimpleTcpPduPam> watch_;
-    uint32_t timesWritable_ = 0;
-    std::string toFar_, atFar_, toWrite_;
-    Strings toNear_;
-};
-
-TEST_P(TcpPduPamTest, TrafficArrivesWholeAndInOrderWhateverTheAgentDoes) {
-    for (uint32_t seed = 0; seed < 100; ++seed) {
-        SCOPED_TRACE(seed);
-        Traffic traffic(seed, GetParam(), &loop_);
-        for (int steps = 200; steps > 0 && !HasFailure(); --steps) {
-            traffic.step();
-        }
-        traffic.expectArrival();
-    }
 }
 
 TEST_P(TcpPduPamTest, CountsNothingFromInsideRxPkt) {

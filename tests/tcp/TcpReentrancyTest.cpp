@@ -26,14 +26,16 @@ using Mox::Change;
 using Mox::Ptr;
 using Mox::Watch;
 
-// A message of at least 20 bytes, with its number in bytes 4 to 7 and in each of the later ones.
+// A message of at least 20 bytes in two pieces, with its number in bytes 4 to 7 and in each of the
+// later ones.
 Ptr<Pkt> messageOf(uint32_t number, uint32_t bytes) {
     std::string text(bytes, static_cast<char>(number));
     text[2] = static_cast<char>(bytes >> 8);
     text[3] = static_cast<char>(bytes);
     std::memcpy(text.data() + 4, &number, sizeof(number));
     const Ptr<Pkt> pkt = globalPktManager()->newPkt(bytes);
-    pkt->stringValueIs(Mox::String(std::string_view(text)), /*atTail=*/true);
+    std::memcpy(pkt->newPrivateHeadData(20), text.data(), 20);
+    pkt->stringValueIs(text.substr(20), /*atTail=*/true);
     return pkt;
 }
 IpGenAddr loopback(bool six) {
