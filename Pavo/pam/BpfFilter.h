@@ -30,7 +30,7 @@ namespace Pavo {
 /// The separate VLAN tag of a packet is no part of its bytes and is not looked at. Names of hosts
 /// in an expression are looked up while it is compiled, which may take as long as DNS does.
 ///
-/// To be used on the thread of the event loop only: `match` has a buffer that it uses again, and
+/// Use it only on the thread of the event loop: `match` has a buffer that it uses again, and
 /// libpcap before 1.8 keeps the state of its compiler in globals.
 class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
   public:
@@ -99,8 +99,8 @@ constexpr uint32_t maxIpFilterInstructions = 256;
 /// Returns an empty string and writes `*program`, or returns the error and leaves `*program`
 /// unchanged. The text is libpcap's, also for an expression about link layers, which such a packet
 /// does not have; or "N instructions, and a receive filter has 256 at most"; or "a loop, which the
-/// kernel does not take", which "protochain" compiles to. To be used on the thread of the event
-/// loop only.
+/// kernel does not take", which "protochain" compiles to. Call it only on the thread of the
+/// event loop.
 PAVO_EXPORT Mox::String ipFilterFromText(const Mox::String& expression,
                                          std::vector<IpFilter>* program);
 

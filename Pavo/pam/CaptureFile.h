@@ -36,7 +36,7 @@ enum class CaptureDirection : uint32_t {
 /// with its packets; the file is then cut back to its last whole block, and later packets are
 /// written again. The writer waits at most 20 ms for more packets to write together.
 ///
-/// To be used from one thread only, the one that runs the event loop. A child of fork(2) has no
+/// Use it only on the thread of the event loop. A child of fork(2) has no
 /// writing thread and must not use the object.
 class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
   public:
@@ -73,7 +73,7 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
     CaptureFile(const Mox::String& path, Limits limits);
 
     /// Adds an interface and returns its number. Writes at once, waiting for the file; the block
-    /// counts towards the file's size, but is written whatever the limit.
+    /// counts towards the file's size, but is written even above the limit.
     /// @throws Mox::ErrnoException "write(<path>)"; the file is then unchanged.
     uint32_t newInterface(const Mox::String& name, CaptureLinkType linkType);
 

@@ -12,7 +12,7 @@
 namespace Pavo {
 
 /// A raw IPv6 endpoint that receives on a socket of its protocol and sends packets that begin with
-/// their own IPv6 header, whatever is in there, through an inner endpoint on an IPPROTO_RAW socket
+/// their own IPv6 header, which is not checked, through an inner endpoint on an IPPROTO_RAW socket
 /// of the same namespace. The two are enabled together or not at all, and disabled together.
 ///
 /// For a send, the inner endpoint is given the destination, interface, source (which has to be an

@@ -25,7 +25,7 @@ enum IpSocketOptions : uint32_t {
     ipFreeBind = 0x0001,  ///< IP_FREEBIND
     ipHdrIncl = 0x0002,   ///< IP_HDRINCL: packets are sent with their IP header
     /// IP_MULTICAST_LOOP: groups of which this host is a member receive what is sent to them. The
-    /// kernel's default is on: an endpoint that is enabled without this bit loops all the same.
+    /// kernel's default is on: an endpoint that is enabled without this bit still loops.
     /// Only a change of the bit while enabled, or `ipNoMulticastLoop`, turns looping off.
     ipMulticastLoop = 0x0004,
     ipPktInfo = 0x0008,          ///< IP_PKTINFO: fills `rxIfIndex` and `rxDstIpAddr`
@@ -42,7 +42,8 @@ enum IpSocketOptions : uint32_t {
     /// IP_MULTICAST_LOOP off, from every enabling on; it prevails over `ipMulticastLoop`. Taking
     /// the bit away while enabled turns looping on again.
     ipNoMulticastLoop = 0x4000,
-    ipRecvDrops = 0x8000,  ///< SO_RXQ_OVFL: the kernel's drops are added to `rxDrops`
+    /// SO_RXQ_OVFL: the kernel's drops are added to `rxDrops`, when the next packet is read.
+    ipRecvDrops = 0x8000,
 };
 
 constexpr auto enumDescription(IpSocketOptions) {
@@ -112,7 +113,7 @@ class IpFilter : public Mox::ValueType<IpFilter> {
     IpFilter(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint16_t code() const { return code_; }
-    /// Instructions to leave out when the test of a jump holds, and when it does not.
+    /// Instructions to skip when the test of a jump holds, and when it does not.
     constexpr uint8_t jt() const { return jt_; }
     constexpr uint8_t jf() const { return jf_; }
     constexpr uint32_t k() const { return k_; }
@@ -223,24 +224,28 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// @throws Mox::ErrnoException naming the option that failed.
     void optionsIs(uint32_t options);
 
-    /// Read batches, with `rxPktBulk`, instead of single packets.
+    /// Whether packets are read in batches. While it is on, call only `rxPktBulk`: `rxPkt` returns
+    /// null, and the packets that it read are in `savedPacket`. While it is off, `rxPktBulk` reads
+    /// nothing.
     bool enableBulkRead() const { return enableBulkRead_; }
     void enableBulkReadIs(bool enable);
-    /// The most packets a batch may have. Takes effect when bulk reading is next enabled.
+    /// The most packets a batch may have, 32 by default. Takes effect when bulk reading is next
+    /// enabled.
     uint8_t socketReadLimit() const { return socketReadLimit_; }
     void socketReadLimitIs(uint8_t packets) {
         attributeIs(socketReadLimit_, packets, socketReadLimitAttr);
     }
     /// Bytes offered to the kernel for a packet, 1536 by default. A longer packet is cut off there;
-    /// `rxInfo().truncated` and `rxTruncatedPkts` say so. More than `rxBufferBytes` is fatal at the
-    /// next read: "maxSize >= maxRxPktData()".
+    /// `rxInfo().truncated` and `rxTruncatedPkts` report it. More than `rxBufferBytes` is fatal at
+    /// the next read: "maxSize >= maxRxPktData()".
     uint32_t maxRxPktData() const { return maxRxPktData_; }
     void maxRxPktDataIs(uint32_t bytes) { attributeIs(maxRxPktData_, bytes, maxRxPktDataAttr); }
     /// The size of the buffers that packets are read into, 1536 by default. Buffers of that size
     /// and of `Pkt::largeBufferSize` are recycled, others are allocated for each packet.
     uint32_t rxBufferBytes() const { return rxBufferBytes_; }
     void rxBufferBytesIs(uint32_t bytes) { attributeIs(rxBufferBytes_, bytes, rxBufferBytesAttr); }
-    /// The receive buffer in bytes, applied with the option `ipRcvBuf`.
+    /// The receive buffer in bytes, applied with the option `ipRcvBuf`, which needs CAP_NET_ADMIN;
+    /// the kernel doubles it (socket(7)).
     uint32_t rxBuf() const { return rxBuf_; }
     void rxBufIs(uint32_t bytes) { attributeIs(rxBuf_, bytes, rxBufAttr); }
     /// The socket priority, see `IpTrafficControl`. A change takes effect when the option
@@ -266,7 +271,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// The TOS byte of sent packets.
     IpDscp txTOS() const { return txTOS_; }
     void txTOSIs(IpDscp tos);
-    /// The TTL of sent packets, of IPv4 only of those to one host; 0 leaves it to the kernel.
+    /// The TTL of sent packets, for IPv4 of unicast packets only; 0 leaves it to the kernel.
     IpTtl txTTL() const { return txTTL_; }
     void txTTLIs(IpTtl ttl);
     /// Flags for sendmsg(2).
@@ -321,7 +326,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
         return attributeInc(rxPktCount_, delta, rxPktCountAttr);
     }
 
-    /// Packets received without their end, see `maxRxPktData`.
+    /// Packets received truncated, see `maxRxPktData`.
     uint32_t rxTruncatedPkts() const { return rxTruncatedPkts_; }
     void rxTruncatedPktsIs(uint32_t packets) {
         attributeIs(rxTruncatedPkts_, packets, rxTruncatedPktsAttr);

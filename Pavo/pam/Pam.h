@@ -1,6 +1,5 @@
 /// @file
-/// The packet access mechanism: the one shape in which every packet endpoint is offered to an
-/// agent.
+/// The packet access mechanism: the interface of every packet endpoint.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +35,9 @@ class PAVO_EXPORT PktTap : public Mox::PtrInterface {
 
 /// The base of packet endpoints. An agent watches `readableCount` and `writableCount`, which go up
 /// when the endpoint may be read or written, and then asks for a packet with `rxPkt` or hands one
-/// over with `txPktIs`. Traffic failures never throw: they are counted here.
+/// over with `txPktIs`. Traffic failures never throw: they are counted here. One packet, or one
+/// batch, for each report is enough: while more wait, the next turn reports again. An endpoint that
+/// an agent does not read is not reported again before it was read.
 ///
 /// The concrete endpoint owns the descriptor and the `PamFdSm` that increments the two counts.
 /// While it is notified of a count, an observer may read, write, disable the endpoint and drop the
@@ -93,11 +94,11 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     /// Reads one packet; null when nothing was read. The packet is the caller's.
     Mox::Ptr<Pkt> rxPkt() const;
     /// Reads a batch: returns how many packets `savedPacket` now holds, each with its
-    /// `savedPacketRx` set.
+    /// `savedPacketRx` set. An endpoint that reads batches is read with this function only.
     int32_t rxPktBulk() const;
-    /// What is known of the packet that the last `rxPkt` returned; nothing when it returned null.
+    /// Metadata of the packet that the last `rxPkt` returned; all zero when it returned null.
     const RxInfo& rxInfo() const { return rxInfo_; }
-    /// What is known of the packet in a slot of the last batch; nothing for a slot without one.
+    /// Metadata of the packet in a slot of the last batch; all zero for a slot without one.
     RxInfo rxInfo(uint32_t slot) const;
 
     /// Sends a packet; the result is counted.
@@ -125,7 +126,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     uint32_t txErrorsInc(uint32_t delta) { return attributeInc(txErrors_, delta, txErrorsAttr); }
     int32_t txErrno() const { return txErrno_; }
     void txErrnoIs(int32_t value) { attributeIs(txErrno_, value, txErrnoAttr); }
-    /// Reads that failed, including those that found nothing to read.
+    /// Reads that failed; on raw endpoints, reads that found nothing count too.
     uint32_t rxErrors() const { return rxErrors_; }
     void rxErrorsIs(uint32_t errors) { attributeIs(rxErrors_, errors, rxErrorsAttr); }
     uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }

@@ -52,8 +52,8 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
 
     /// The receiver of sent packets; not held, and null after it was destroyed.
     Mox::Ptr<PamConnectorPam> otherEnd() const { return otherEnd_; }
-    /// Joins the two, or with null parts this end from its other one. An end that one of them was
-    /// joined to before is then joined to none.
+    /// Connects the two ends, or with null disconnects this one. Former partners of both are then
+    /// disconnected.
     void otherEndIs(const Mox::Ptr<PamConnectorPam>& end);
 
     /// While observers are notified of a send, its packet; else null.
@@ -120,12 +120,12 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
 /// `readableCount` goes up by one for each packet that waits at that moment, first at "pam0", then
 /// at "pam1". Packets that receivers send while they are notified are announced by the next event.
 /// An exception from a receiver passes through the clock; packets not yet announced are announced
-/// with the next packet sent.
+/// by the next event.
 ///
-/// The connector holds the ends, and the ends do not hold the connector: an agent holds those of
-/// the three that it uses. An end that is taken out, or outlives the connector, is joined to none.
-/// Observers may drop the ends and the connector, and take ends out, while a packet is announced.
-/// One thread uses a connector and its clock.
+/// The connector holds the ends, and the ends do not hold the connector: an agent holds the
+/// connector or the ends that it uses. An end that is taken out, or outlives the connector, is
+/// joined to none. Observers may drop the ends and the connector, and take ends out, while a packet
+/// is announced. One thread uses a connector and its clock.
 class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
   public:
     static constexpr Mox::Attribute<PamConnector, Mox::String> pamAttr{0, "pam"};

@@ -18,7 +18,7 @@
 namespace Pavo {
 
 /// The base of packet sockets. It owns the descriptor, which is non-blocking. Failures are thrown;
-/// only a lack of data or of room is not one. To be notified of readiness, observe
+/// only a lack of data or of room is not an error. To be notified of readiness, observe
 /// `fileDescriptor()`, and after a send that found no room call its `writeMetNoRoom()`.
 ///
 /// A read that fails is reported as readable once more, since packets may wait after a pending

@@ -18,7 +18,7 @@ namespace Pavo {
 struct RawIpFamily;
 struct RawIpOption;
 
-/// What is known of one received packet, under its former name.
+/// The former name of `RxInfo`.
 using RxPacketInfo = RxInfo;
 
 /// A raw endpoint of either family on a SOCK_RAW socket (raw(7)); `IpSocketPam` and `Ip6SocketPam`
@@ -28,9 +28,9 @@ using RxPacketInfo = RxInfo;
 /// machine that increments the counts; it either succeeds whole or leaves no descriptor. It needs
 /// an event loop on the calling thread.
 ///
-/// A failed read counts an `rxErrors`. One that failed otherwise than with EAGAIN is reported once
-/// more, since packets may wait after an error; from the second failure in a row on, the next event
-/// of the socket is reported, or a change of `rxFlags` or `enableBulkRead`.
+/// A failed read counts an `rxErrors`. After an error other than EAGAIN the endpoint is reported
+/// readable once more, since packets may wait after an error; from the second failure in a row on,
+/// only at the next event of the socket, or after a change of `rxFlags` or `enableBulkRead`.
 ///
 /// A send that finds no room is counted and dropped, as every other failure is; `writableCount` is
 /// then incremented once, as soon as there is room. A missing destination is such a failure too,
@@ -56,8 +56,8 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// Reads with one recvmsg(2) into `rxPkt`; a failure, including EAGAIN, counts an `rxErrors`.
     virtual void doGetRxPktSingle();
     /// Reads with one recvmmsg(2) into `savedPacket` and returns how many packets came. The single
-    /// `rx` attributes then describe the last one, `rxInfo(slot)` each. Packets are read into again
-    /// in the next round; one that the agent holds is replaced, so to keep one, hold it.
+    /// `rx` attributes then describe the last one, `rxInfo(slot)` each. The next batch reuses
+    /// packets that the agent no longer holds.
     virtual int32_t doGetRxPktBulk();
     /// Applies `txTOS`, and after it the priority, which the kernel overwrites with the TOS.
     /// @throws Mox::ErrnoException "setsockopt(IP_TOS)" or "setsockopt(IPV6_TCLASS)", or
@@ -118,7 +118,7 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
 
     // For an endpoint that gets its packets elsewhere.
 
-    /// The description of a new packet of which nothing was said yet.
+    /// The metadata that every packet of this endpoint begins with.
     RxInfo newRxInfo() const;
     /// Sets the `rx` attributes: the source, and of the rest those that the bits `carried` of
     /// `IpSocketOptions` fill.

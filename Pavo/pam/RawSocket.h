@@ -68,7 +68,7 @@ class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
     /// A set of bits.
     using Options = uint32_t;
     /// Bit 0: IP_HDRINCL, packets are sent with their own IP header. Where no protocol was given
-    /// the kernel has it on by itself.
+    /// the kernel turns it on.
     static constexpr Options hdrIncl = 1;
     static constexpr auto description() { return Mox::classRecord("Pavo::IpSocket"); }
 
@@ -105,8 +105,8 @@ class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
 /// (EtherType 0x0800), whatever protocol was asked for, and sends frames as they are. Packets begin
 /// with the Ethernet header.
 ///
-/// An interface that goes down leaves ENETDOWN pending, for the next read to throw. A send takes a
-/// pending ENETDOWN away and is tried once more: it throws only what holds at that moment.
+/// An interface that goes down leaves ENETDOWN pending, for the next read to throw. A send is
+/// retried once after ENETDOWN, since that error may be an old one.
 ///
 /// The constructor opens a helper socket to look the interface up, and leaves it open for the life
 /// of the process, also when it fails later on: each costs a descriptor.
@@ -153,7 +153,7 @@ class PAVO_EXPORT RawSocket::Manager : public Mox::Described<RawSocket::Manager>
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::RawSocket::Manager"); }
 
-    /// Each a new socket; they throw as the constructors do.
+    /// Make a new socket; they throw as the constructors do.
     /// @{
     Mox::Ptr<IpSocket> newIpSocket(Mox::String name, Protocol protocol, IpSocket::Options options);
     Mox::Ptr<EthSocket> newEthSocket(Mox::String name, Mox::String device, Protocol protocol);

@@ -1,5 +1,5 @@
 /// @file
-/// What is known of one packet besides its bytes.
+/// Metadata of one packet.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace Pavo {
 
-/// What is known of a packet in either direction. A member of which nothing is known is zero, an
-/// address then of no family.
+/// Metadata of a packet in either direction. A member that is not known is zero, an address then of
+/// no family.
 struct PktInfo {
     IpGenAddr srcIpAddr;
     IpGenAddr dstIpAddr;
@@ -25,7 +25,7 @@ struct PktInfo {
     IpProtocolNumber protocol = IpProtocolNumber::hopopt;
 };
 
-/// What an endpoint knows of one received packet, and of no earlier one.
+/// Metadata of one received packet, without values of earlier ones.
 struct RxInfo : PktInfo {
     /// The destination before any redirection.
     IpGenAddr origDstIpAddr;
@@ -33,7 +33,7 @@ struct RxInfo : PktInfo {
     bool truncated = false;
 };
 
-/// What an endpoint knows of a packet that it is about to send. A zero TTL is left to the kernel.
+/// Metadata of a packet that is about to be sent. A zero TTL is left to the kernel.
 struct TxInfo : PktInfo {
     /// The kernel adds the router alert option (RFC 2113, RFC 2711).
     bool hasRouterAlert = false;

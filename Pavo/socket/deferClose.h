@@ -13,7 +13,7 @@ namespace Pavo {
 /// `queued - closedByThread` descriptors are waiting.
 struct DeferCloseStats {
     std::atomic<uint32_t> queued = 0;          ///< Passed to the closer thread.
-    std::atomic<uint32_t> closedByThread = 0;  ///< Closed by it, whatever close(2) returned.
+    std::atomic<uint32_t> closedByThread = 0;  ///< Closed by it, also when close(2) failed.
     std::atomic<uint32_t> closedAtOnce = 0;  ///< Closed by the caller: no free slot, or no thread.
 };
 static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_lock_free);
@@ -25,7 +25,7 @@ static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_
 /// Returns 0. When 512 are waiting, or the thread could not be started, it closes `fd` at once and
 /// returns the result of close(2), with its `errno`.
 ///
-/// To be called from one thread only, the one that runs the event loop. The closer thread runs in
+/// Call it only on the thread of the event loop. The closer thread runs in
 /// the network namespace in which the process started, so that it keeps no other namespace alive,
 /// and blocks signals. A child of fork(2) does not inherit the thread and must not call this.
 PAVO_EXPORT int deferClose(int fd);

@@ -43,9 +43,10 @@ namespace Pavo {
 /// again from `retryInterval`.
 ///
 /// An established connection is the owner's: its stream closes when `connSocket` of the status and
-/// all other holders of the descriptor have let go of it. The machine does not watch it; an owner
-/// that has lost it starts again. The old connection stays in `connSocket` until that start
-/// fails, succeeds or is stopped.
+/// all other holders of the descriptor have let go of it. The machine does not watch it: the owner
+/// learns of a lost connection from `rxErrors` and `txErrors` of its endpoint (not while the
+/// endpoint holds a message or reading is off), and starts again. The old connection stays in
+/// `connSocket` until that start fails, succeeds or is stopped.
 ///
 /// What observers of the status may do stands at `TcpSmBase`.
 class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
@@ -67,7 +68,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     void handleSocketMd5AuthOption(IpGenAddrWithMask addrWithMask) override;
     void moxDoZombieReactors(bool zombie) override;
 
-    /// A hook that is applied to nothing; 0.
+    /// Not used; returns 0.
     virtual uint32_t retryTimerJitterPercentage() const;
     /// The connecting descriptor has become writable.
     virtual void handleConnect();
@@ -80,12 +81,15 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
 
     /// Tries to connect, from the beginning; an unfinished attempt is given up. True while an
     /// attempt is under way: false when it has failed already, and without a configuration.
+    /// @pre an event loop on this thread, where registrations need one (assertion
+    /// "EventLoop::current()").
     bool startConnection();
     /// Gives up attempt and connection.
     void stopConnection();
     /// Plans the next attempt: after the retry interval, doubled as configured while the status is
-    /// "failed"; or after `kernelTcpTimeout` while it is "connecting", which no other status may be
-    /// (assertion "tcpClientStatus()->connectionStatus() ==
+    /// "failed"; after `kernelTcpTimeout` while it is "connecting".
+    /// @pre the status is "idle", "failed" or "connecting" (assertion
+    /// "tcpClientStatus()->connectionStatus() ==
     /// TcpClientStatus::ConnectionStatus::connecting_").
     void restartRetryTimer();
     void stopRetryTimer();
@@ -94,7 +98,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     void handleClientError(const Mox::String& function, const Mox::String& errorText);
     /// The number of the connecting or connected descriptor; -1 when there is none.
     int getClientSocket() const;
-    /// What happens when the last reference to the machine goes: as `stopConnection`.
+    /// Called when the last reference is dropped; the same as `stopConnection`.
     void cleanup() { stopConnection(); }
 
   protected:

@@ -138,7 +138,8 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     void retryIntervalIs(uint32_t seconds) {
         attributeIs(retryInterval_, seconds, retryIntervalAttr);
     }
-    /// Seconds from the start after which the machine gives up; 0, as at first, is never.
+    /// Seconds from the start after which a client gives up, and a listener stops even while it
+    /// listens; 0, the default, is never.
     double timeout() const { return timeout_; }
     void timeoutIs(double seconds) { attributeIs(timeout_, seconds, timeoutAttr); }
     /// Which of the values below are applied.
@@ -150,7 +151,9 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     /// TOS byte, or traffic class, of sent segments.
     IpDscp txDs() const { return txDs_; }
     void txDsIs(IpDscp dscp) { attributeIs(txDs_, dscp, txDsAttr); }
-    /// The smallest TTL, or hop limit, that is accepted.
+    /// The smallest TTL, or hop limit, that is accepted: segments below it are dropped silently.
+    /// With `txTtl` and `rxMinTtl` 255 and both options on at both ends, only a direct neighbour is
+    /// heard (GTSM, RFC 5082).
     IpTtl rxMinTtl() const { return rxMinTtl_; }
     void rxMinTtlIs(IpTtl ttl) { attributeIs(rxMinTtl_, ttl, rxMinTtlAttr); }
     /// The largest segment announced, in bytes: 88 to 32767, or 0 for the interface's limit.
@@ -172,9 +175,13 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
         attributeIs(dstIntfIfIndex_, ifIndex, dstIntfIfIndexAttr);
     }
 
-    /// The keys of TCP MD5 signatures by peer, or prefix of peers. While `optionMd5Auth` is on, no
-    /// key may be empty, and each is shorter than 80 bytes. A listener for both families applies
-    /// keys of both; any other socket skips keys of the other family.
+    /// The keys of TCP MD5 signatures by peer, or prefix of peers (RFC 2385). A listener for both
+    /// families applies keys of both; any other socket skips keys of the other family. A missing or
+    /// wrong key on either side makes segments vanish, also those that refuse a connection: a
+    /// client then notices only `kernelTcpTimeout`.
+    ///
+    /// While `optionMd5Auth` is on, an empty key is fatal when it is next applied to a socket
+    /// ("!key.empty()"), and so is one of 80 bytes or more ("key.bytes() < 80").
     const Mox::Map<IpGenAddrWithMask, Mox::String>& md5Auth() const { return md5Auth_; }
     /// The key of exactly this peer or prefix; empty when there is none.
     Mox::String md5Auth(const IpGenAddrWithMask& addrWithMask) const;
@@ -271,7 +278,8 @@ class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpCon
     TcpServerConfig(const IpGenAddr& listenIpAddr, Port listenPort)
         : listenIpAddr_(listenIpAddr), listenPort_(listenPort) {}
 
-    /// Determines the family of the listener.
+    /// Determines the family of the listener. For both families it is ::, with `v6Only` of the
+    /// machine off; IPv4 peers then have mapped addresses (`IpGenAddr::getMappedV4Addr`).
     const IpGenAddr& listenIpAddr() const { return listenIpAddr_; }
     /// The machine refuses 0.
     Port listenPort() const { return listenPort_; }

@@ -37,7 +37,7 @@ class PAVO_EXPORT TcpFileDescriptor : public Mox::Described<TcpFileDescriptor> {
                                                     const NamespaceName& ns, bool edgeTriggered);
 
     int descriptor() const { return descriptor_; }
-    /// Whether readiness is reported when it comes, or else as long as it lasts.
+    /// Whether readiness is reported edge-triggered, or else level-triggered (epoll(7)).
     bool edgeTriggered() const { return edgeTriggered_; }
 
     /// "Value('Pavo::TcpFileDescriptor', ** {'descriptor': %s, 'edgeTriggered': %s})"

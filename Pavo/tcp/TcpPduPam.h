@@ -38,7 +38,7 @@ constexpr auto enumDescription(TcpPduPamEnableMode) {
 
 /// How one read of a stream ended.
 enum class TcpPduPamReadResult : uint32_t {
-    error = 0,            ///< the stream is of no more use
+    error = 0,            ///< the stream has failed
     readMoreData = 1,     ///< bytes came, and more are needed
     waitForMoreData = 2,  ///< the socket is empty
     fullPduRead = 3,      ///< the packet is whole
@@ -119,8 +119,9 @@ class TcpPduWriter;
 ///   dropped, `txErrorReason` has the cause, and `txErrors` counts it. Reading goes on.
 /// `writableCount` is incremented whenever `writable` becomes true, by enabling too.
 ///
-/// A mode that would cut a transfer short is pending until the transfer ends, by an error too.
-/// There is no timer.
+/// A mode that would cut a transfer short is pending until the transfer ends or fails. There is no
+/// timer. Dropping the endpoint discards an unsent rest and a PDU that is held: to send everything,
+/// wait until `writable` is true.
 ///
 /// Every operation changes all states first and then notifies, in this order: error of writing,
 /// error of reading, `readable`, `readableCount`, mode, `writable`, `writableCount`. An observer
@@ -175,9 +176,10 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
     /// The length of the PDU in `rxPktHolderShadow`, its header included; while that has too few
     /// bytes to know, how many bytes of it are needed. Called with an empty packet first, and again
-    /// when the bytes asked for are there. 0 is a read error, "PDU length too small". The base
-    /// fails with the assertion "Need to implement getRemainingLength in a derived class"; the
-    /// function that it means is this one, and the text is kept for those who look for it.
+    /// when the bytes asked for are there; the packet is never null here, and its bytes are
+    /// contiguous at `frontData()`. 0 is a read error, "PDU length too small". For a PDU longer
+    /// than 65535 bytes return 65535, with a smaller `maxPduLength`: it is refused as too big. The
+    /// base fails with the assertion "Need to implement getRemainingLength in a derived class".
     virtual uint16_t getPduSize();
     /// Sends the packet's pieces.
     virtual void sendPkt(Mox::Ptr<Pkt> pkt);
@@ -217,11 +219,12 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// "Setsockopt failed with " and the error, of the last failure.
     const Mox::String& tcpOptErrorReason() const { return tcpOptErrorReason_; }
 
-    /// The longest PDU accepted, in bytes with its header.
+    /// The longest PDU that is received, in bytes with its header; 9600 by default. Packets that
+    /// are sent may be longer.
     uint16_t maxPduLength() const { return maxPduLength_; }
     void maxPduLengthIs(uint16_t bytes) { attributeIs(maxPduLength_, bytes, maxPduLengthAttr); }
     /// Reading stops by itself after the next PDU, with what follows left in the socket for the
-    /// next owner of the stream. False goes on.
+    /// next owner of the stream. False resumes reading.
     bool readOnePktOnly() const { return readOnePktOnly_; }
     void readOnePktOnlyIs(bool only);
 
@@ -237,7 +240,7 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     const Mox::String& rxErrorReason() const { return rxErrorReason_; }
     /// The packet being received or held, null between PDUs.
     const Mox::Ptr<Pkt>& rxPktHolderShadow() const;
-    /// Bytes missing of the part asked for.
+    /// Bytes still needed of the part asked for.
     uint16_t rxRemainingLength() const;
 
     /// "Send failed with " or, where the event loop could not watch the socket for room,

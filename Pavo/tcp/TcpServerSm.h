@@ -26,7 +26,7 @@ namespace Pavo {
 ///     not listening -- startListener --> listening
 ///     not listening -- any failure, then the retry timer --> listening
 ///     listening -- failing accept(2), refused options, a changed key --> not listening, then
-///         listening again with a new socket from the next round of the event loop on
+///         listening again with a new socket from the next round of the machine's clock on
 ///     any -- stopListener, overall time-out --> not listening
 ///
 ///     state           socket      retry timer                     overall time-out
@@ -62,24 +62,28 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
 
     const Mox::Ptr<TcpServerConfig>& tcpServerConfig() const { return tcpServerConfig_; }
     const Mox::Ptr<TcpServerStatus>& tcpServerStatus() const { return tcpServerStatus_; }
-    /// Kept for owners; the machine restarts its listener in any case.
+    /// Has no effect: the machine restarts its listener in any case. True by default.
     bool restartOnSetSockOptError() const { return restartOnSetSockOptError_; }
     void restartOnSetSockOptErrorIs(bool restart) { restartOnSetSockOptError_ = restart; }
-    /// Connections that the kernel keeps until they are accepted; takes effect at the next start.
+    /// Connections that the kernel keeps until they are accepted, 5 by default; takes effect at the
+    /// next start.
     int backlog() const { return backlog_; }
     void backlogIs(int backlog) { backlog_ = backlog; }
-    /// IPV6_V6ONLY of an IPv6 listener; takes effect at the next start. While it is false, options
-    /// of the TTL, the TOS byte and path MTU discovery, and keys, are applied for IPv4 peers too.
+    /// IPV6_V6ONLY of an IPv6 listener, on by default; takes effect at the next start. While it is
+    /// off, options of the TTL, the TOS byte and path MTU discovery, and keys, are applied for IPv4
+    /// peers too.
     bool v6Only() const { return v6Only_; }
     void v6OnlyIs(bool v6Only) { v6Only_ = v6Only; }
 
     /// Listens. False when that has failed, without a configuration, and for port 0, which is not
     /// tried again; true also when it listens already.
+    /// @pre an event loop on this thread, where registrations need one (assertion
+    /// "EventLoop::current()").
     bool startListener();
     void stopListener();
     /// `stopListener` and `startListener`, published as one step.
     bool restartListener();
-    /// Stops, and starts again from the next round of the event loop.
+    /// Stops, and starts again in the next round of the machine's clock.
     void restartListenerDeferred();
     /// Plans the next start, after the retry interval.
     void restartRetryTimer();
@@ -91,7 +95,7 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     void socketAccepted(const Mox::Ptr<TcpFileDescriptor>& fd);
     /// Records a failure, "Bind (Address already in use)", and closes the listener. Plans no retry.
     void handleServerError(const Mox::String& function, const Mox::String& errorText);
-    /// What happens when the last reference to the machine goes: as `stopListener`.
+    /// Called when the last reference is dropped; the same as `stopListener`.
     void cleanup() { stopListener(); }
 
   protected:

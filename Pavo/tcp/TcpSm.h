@@ -33,15 +33,15 @@ namespace Pavo {
 /// status. Then it notifies of each change, in the order in which the changes were made, and does
 /// nothing more. So an observer of the status finds a machine at rest. It may call every operation
 /// of the machine, change its configuration, drop it, or throw:
-/// - What an observer does is complete, notifications included, before the next one is notified of
-///   the older change; that one sees the newest values.
+/// - Changes that an observer makes are notified before the remaining observers are notified of the
+///   older change, so these read the newest values.
 /// - A stop is final: no timer, no descriptor and no later change of the interrupted step remain.
 /// - A start is made at once, except inside a notification of another start, where starts that fail
 ///   immediately would nest without end. There it changes nothing while an attempt is under way or
 ///   its retry is planned; otherwise the next attempt follows after `retryInterval`.
 /// - When an observer throws, all other changes are still notified; then the first exception goes
 ///   to the caller of the step, which is the event loop where the loop has called. An exception
-///   from a notification that the end of the machine makes is traced and dropped.
+///   from a notification during the machine's destruction is traced and dropped.
 class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
   public:
     /// Which socket options are applied to.

@@ -109,7 +109,8 @@ class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
 };
 inline constexpr TcpKeepaliveOptions TcpKeepaliveOptions::keepaliveDisabled{};
 
-/// Applies keep-alive options, all of them whatever fails; SO_KEEPALIVE alone when they are off.
+/// Applies keep-alive options, all of them even after a failure; SO_KEEPALIVE alone when they are
+/// off.
 /// Unlike the functions above, it returns how many options failed, with `errno` as the last failing
 /// call left it.
 PAVO_EXPORT uint32_t setSockOptKeepalive(int sd, const TcpKeepaliveOptions& options);

@@ -25,7 +25,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
         idle = 0,        ///< not started, or stopped
         failed = 1,      ///< the last attempt failed, another one follows
         connecting = 2,  ///< an attempt is under way
-        connected = 3,   ///< `connSocket` is there
+        connected = 3,   ///< `connSocket` was set; the owner may reset it to let go of the stream
         timedout = 4,    ///< given up after the overall time-out
     };
 
@@ -51,11 +51,14 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
             Mox::attribute(connSocketAttr, &TcpClientStatus::connSocket));
     }
 
+    /// A second failure in a row does not change it: observe `connectionErrorCount` to see each.
     ConnectionStatus connectionStatus() const { return connectionStatus_; }
     void connectionStatusIs(ConnectionStatus status) {
         publisher_.set(connectionStatus_, status, connectionStatusAttr);
     }
-    /// Why the last attempt that failed did: "Connect (Connection refused)".
+    /// Why the last attempt that failed did: "Connect (Connection refused)". An attempt given up
+    /// after `kernelTcpTimeout`, and the overall time-out, are no such failure: they leave it as it
+    /// is, and count no error.
     const Mox::String& reason() const { return reason_; }
     void reasonIs(const Mox::String& reason) { publisher_.set(reason_, reason, reasonAttr); }
     /// Attempts for which a socket could be opened.
@@ -172,7 +175,7 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     uint32_t serverTimedOutTimesInc(uint32_t delta) {
         return publisher_.inc(serverTimedOutTimes_, delta, serverTimedOutTimesAttr);
     }
-    /// Reports of a connection that accept(2) then did not find.
+    /// Events of the listening socket for which accept(2) found no connection.
     uint32_t serverEagainEintrTimes() const { return serverEagainEintrTimes_; }
     void serverEagainEintrTimesIs(uint32_t count) {
         publisher_.set(serverEagainEintrTimes_, count, serverEagainEintrTimesAttr);

@@ -18,7 +18,7 @@ namespace Pavo {
 class PAVO_EXPORT TcpStatusPublisherBase {
   public:
     /// Makes the changes of `changes()`, and then notifies of them in the order in which they were
-    /// made; of an attribute that was set more than once, once, in the place of the last. Inside
+    /// made. An attribute that was set more than once is notified once, at its last change. Inside
     /// another call's `changes()` it only adds to these; inside a notification it is a publication
     /// of its own, which ends before the outer one goes on. All notifications are made, also where
     /// an observer throws; the first exception then passes through. The caller holds the status.
