@@ -1,10 +1,11 @@
-// Prints what must not depend on the word size, since processes of both kinds share keys, logs and
-// packets: text, strep, log, hash and order of values of every type, and the members of every
-// enumeration.
+// Prints what must not depend on the word size, since processes of both kinds share keys and logs:
+// text, strep, log, hash and order of values of every type, and the members of every enumeration.
+// What packets hold is stated in numbers by the tests, which run in both kinds of processes.
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 #include <random>
 #include <set>
@@ -19,9 +20,14 @@
 #include "Pavo/IntfIdDesc.h"
 
 #include "fuzz/ValueTypes.h"
-#include "parity/Parity.h"
 
 namespace {
+
+void printHex(const Mox::Bytes& bytes) {
+    for (const uint8_t byte : bytes) {
+        std::printf("%02x", byte);
+    }
+}
 
 constexpr int samplesPerType = 1000;
 constexpr int attemptsPerSample = 20000;
@@ -93,26 +99,18 @@ class Logs {
     uint32_t any() { return static_cast<uint32_t>(random_()); }
 
     uint32_t word(uint32_t kind) {
-        switch (kind % 9) {
-            case 0:
-                return 0;
-            case 1:
-                return any() % 2 == 0 ? 0xffffffff : 0xffff;
-            case 2:
-                return ~0u << (any() % 32);
-            case 3:
-                return any() << (any() % 32);
-            case 4:
-                return any() >> (any() % 32);
-            case 5:
-                return any() % 4;
-            case 6:
-                return any() % (any() % 2 == 0 ? 33 : 129);  // Lengths of prefixes.
-            case 7:
-                return any() % 0x10000;
-            default:
-                return any();
-        }
+        const uint32_t words[] = {
+            0,
+            any() % 2 == 0 ? 0xffffffff : 0xffff,
+            ~0u << (any() % 32),
+            any() << (any() % 32),
+            any() >> (any() % 32),
+            any() % 4,
+            any() % (kind % 2 == 0 ? 33 : 129),  // Lengths of prefixes.
+            any() % 0x10000,
+            any(),
+        };
+        return words[kind % std::size(words)];
     }
 
     std::mt19937 random_{20240501};
@@ -152,9 +150,8 @@ void printValues(Logs& logs) {
         std::printf("%s", typeName.c_str());
         printEscaped("text", sample->stringValue());
         printEscaped("strep", valueToStrep(*sample));
-        const Mox::Bytes log = logOf(*sample);
         std::printf(" log=");
-        printHex(log.data(), log.bytes());
+        printHex(logOf(*sample));
         std::printf(" hash=%08x", sample->hash());
         if constexpr (requires { sample->hash(7u); }) {
             std::printf(" seeded=%08x", sample->hash(0x9e3779b9u));
@@ -199,5 +196,4 @@ int main() {
                         static_cast<unsigned>(member.value));
         }
     });
-    parityOfPackets();
 }
