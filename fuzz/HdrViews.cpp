@@ -9,6 +9,7 @@
 #include "Pavo/IcmpHdr.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
+#include "Pavo/MplsHdr.h"
 #include "Pavo/SctpHdr.h"
 #include "Pavo/TcpHdr.h"
 #include "Pavo/UdpHdr.h"
@@ -18,6 +19,20 @@
 namespace {
 
 using namespace Pavo;
+
+// What a header is rebuilt from: every bit has to be set by the setter of its field, and by no
+// other.
+template <class Hdr>
+Hdr complementOf(const Hdr& header) {
+    uint8_t image[sizeof(Hdr)];
+    std::memcpy(image, &header, sizeof(Hdr));
+    for (uint8_t& byte : image) {
+        byte = static_cast<uint8_t>(~byte);
+    }
+    Hdr complement;
+    std::memcpy(static_cast<void*>(&complement), image, sizeof(Hdr));
+    return complement;
+}
 
 // A header that has every field of the other is the other.
 template <class Hdr>
@@ -33,7 +48,7 @@ uint32_t extentOf(const Hdr&) {
 }
 
 uint32_t extentOf(const EthHdr& header) {
-    EthHdr rebuilt;
+    EthHdr rebuilt = complementOf(header);
     rebuilt.dstIs(header.dst());
     rebuilt.srcIs(header.src());
     rebuilt.typeIs(header.type());
@@ -42,7 +57,7 @@ uint32_t extentOf(const EthHdr& header) {
 }
 
 uint32_t extentOf(const Eth8021QHdr& header) {
-    Eth8021QHdr rebuilt;
+    Eth8021QHdr rebuilt = complementOf(header);
     rebuilt.vlanIdIs(header.vlanId());
     rebuilt.priorityIs(header.priority());
     rebuilt.dropEligibleIs(header.dropEligible());
@@ -51,8 +66,18 @@ uint32_t extentOf(const Eth8021QHdr& header) {
     return sizeof(header);
 }
 
+uint32_t extentOf(const MplsHdr& header) {
+    MplsHdr rebuilt = complementOf(header);
+    rebuilt.labelIs(header.label());
+    rebuilt.cosIs(header.cos());
+    rebuilt.bosIs(header.bos());
+    rebuilt.ttlIs(header.ttl());
+    requireSame(rebuilt, header);
+    return sizeof(header);
+}
+
 uint32_t extentOf(const IpHdr& header) {
-    IpHdr rebuilt;
+    IpHdr rebuilt = complementOf(header);
     rebuilt.versionIs(header.version());
     rebuilt.headerBytesIs(header.headerBytes());
     rebuilt.tosIs(header.tos());
@@ -84,7 +109,7 @@ uint32_t extentOf(const IpHdrRouterAlertOption& header) {
 }
 
 uint32_t extentOf(const Ip6Hdr& header) {
-    Ip6Hdr rebuilt;
+    Ip6Hdr rebuilt = complementOf(header);
     rebuilt.versionIs(header.version());
     rebuilt.trafficClassIs(header.trafficClass());
     rebuilt.flowLabelIs(header.flowLabel());
@@ -111,7 +136,7 @@ uint32_t extentOf(const Ip6HdrPadN& header) {
 }
 
 uint32_t extentOf(const TcpHdr& header) {
-    TcpHdr rebuilt;
+    TcpHdr rebuilt = complementOf(header);
     rebuilt.srcPortIs(header.srcPort());
     rebuilt.dstPortIs(header.dstPort());
     rebuilt.sequenceNumberIs(header.sequenceNumber());
@@ -148,7 +173,7 @@ void requireUdpChecksum(const UdpHdr& header, const Pseudo& pseudo, uint16_t fou
 }
 
 uint32_t extentOf(const UdpHdr& header) {
-    UdpHdr rebuilt;
+    UdpHdr rebuilt = complementOf(header);
     rebuilt.srcPortIs(header.srcPort());
     rebuilt.dstPortIs(header.dstPort());
     rebuilt.udpLenIs(header.udpLen());
@@ -163,7 +188,7 @@ uint32_t extentOf(const UdpHdr& header) {
 }
 
 uint32_t extentOf(const SctpHdr& header) {
-    SctpHdr rebuilt;
+    SctpHdr rebuilt = complementOf(header);
     rebuilt.srcPortIs(header.srcPort());
     rebuilt.dstPortIs(header.dstPort());
     rebuilt.verificationTagIs(header.verificationTag());
@@ -203,6 +228,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const auto pkt = fuzz::pktOf(input.rest(), privateBytes);
     check<EthHdr, EthHdrWrapper>(pkt, offset);
     check<Eth8021QHdr, Eth8021QHdrWrapper>(pkt, offset);
+    check<MplsHdr, MplsHdrWrapper>(pkt, offset);
     check<IpHdr, IpHdrWrapper>(pkt, offset);
     check<IpHdrOptionCommon, IpHdrOptionCommonWrapper>(pkt, offset);
     check<IpHdrRouterAlertOption, IpHdrRouterAlertOptionWrapper>(pkt, offset);

@@ -1,28 +1,18 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Pavo/Checksum.h"
+#include "fuzz/Frames.h"
 #include "support/GuardedText.h"
 
 namespace Pavo {
 namespace {
 
 uint32_t plainSum(const uint8_t* data, uint32_t len, uint32_t sum) {
-    for (uint32_t i = 0; i + 1 < len; i += 2) {
-        sum += data[i] * 256u + data[i + 1];
-    }
-    return len % 2 == 0 ? sum : sum + data[len - 1] * 256u;
-}
-
-uint16_t folded(uint32_t sum) {
-    while (sum > 0xffff) {
-        sum = (sum & 0xffff) + (sum >> 16);
-    }
-    return static_cast<uint16_t>(~sum);
+    return fuzz::plainSum({reinterpret_cast<const char*>(data), len}, sum);
 }
 
 // What `ipChksum` returns, as the two bytes that come to lie in the packet.
@@ -33,34 +23,12 @@ IpChecksum stored(uint16_t checksum) {
 }
 
 TEST(Checksum, GivesPublishedAndBoundaryValues) {
-    const struct {
-        const char* what;
-        std::vector<uint8_t> data;
-        uint32_t sum;
-        uint16_t checksum;
-    } cases[] = {
-        {"RFC 1071, 3", {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, 0, 0x220d},
-        {"an odd byte is the high one", {0x01}, 0, 0xfeff},
-        {"an odd byte behind a word", {0x00, 0x01, 0x02}, 0, 0xfdfe},
-        {"words that make 0xffff", {0xff, 0xfe, 0x00, 0x01}, 0, 0},
-        {"nothing", {}, 0, 0xffff},
-        {"a fold that carries again", {}, 0xffffffff, 0},
-        {"a fold that carries into 1", {0x00, 0x02}, 0xffff, 0xfffd},
-        {"an IPv4 header with its checksum",
-         {0x45, 0x00, 0x00, 0x73, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11,
-          0xb8, 0x61, 0xc0, 0xa8, 0x00, 0x01, 0xc0, 0xa8, 0x00, 0xc7},
-         0,
-         0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        const auto len = static_cast<uint16_t>(c.data.size());
-        EXPECT_EQ(ipChecksumCalc(c.data.data(), len, c.sum).value(), c.checksum);
-        if (c.sum == 0) {
-            EXPECT_EQ(stored(ipChksum(c.data.data(), len)).value(), c.checksum);
-        }
-    }
-    EXPECT_EQ(ipChecksumChunk(cases[0].data.data(), 8, 0), 0x2ddf0u);  // RFC 1071, 3: not folded.
+    const uint8_t rfc1071[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
+    EXPECT_EQ(ipChecksumChunk(rfc1071, 8, 0), 0x2ddf0u);  // RFC 1071, 3: not folded.
+    EXPECT_EQ(ipChecksumCalc(rfc1071, 8, 0).value(), 0x220d);
+    EXPECT_EQ(stored(ipChksum(rfc1071, 8)).value(), 0x220d);
+    EXPECT_EQ(ipChecksumCalc(rfc1071, 0, 0xffffffff).value(), 0);  // A fold that carries again.
+    EXPECT_EQ(ipChecksumCalc(rfc1071 + 1, 1, 0).value(), 0xfeff);  // An odd byte is the high one.
 }
 
 // Random bytes and all-ones bytes, each area up to a page that must not be touched, at every
@@ -85,9 +53,10 @@ TEST(Checksum, AgreesWithAPlainLoopInEveryBitOfTheUnfoldedSum) {
                 }
                 if (bytes <= 65535) {
                     ASSERT_EQ(ipChecksumCalc(data, short16, sum).value(),
-                              folded(plainSum(data, bytes, sum)));
+                              fuzz::folded(plainSum(data, bytes, sum)));
                 }
-                ASSERT_EQ(stored(ipChksum(data, bytes)).value(), folded(plainSum(data, bytes, 0)));
+                ASSERT_EQ(stored(ipChksum(data, bytes)).value(),
+                          fuzz::folded(plainSum(data, bytes, 0)));
             }
         }
     }

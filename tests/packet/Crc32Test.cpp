@@ -14,28 +14,11 @@
 namespace Pavo {
 namespace {
 
-TEST(Crc32, GivesTheCheckValue) {
-    EXPECT_EQ(Crc32::crc("123456789", 9), 0xcbf43926u);
-    EXPECT_EQ(Crc32::crc(nullptr, 0), 0u);
-}
-
-TEST(Crc32c, GivesThePublishedValues) {  // The check value, and RFC 3720, B.4.
-    std::string up(32, '\0');
-    std::iota(up.begin(), up.end(), 0);
-    const struct {
-        std::string bytes;
-        uint32_t crc;
-    } cases[] = {
-        {"", 0},
-        {"123456789", 0xe3069283},
-        {std::string(32, '\0'), 0x8a9136aa},
-        {std::string(32, '\xff'), 0x62a8ab43},
-        {up, 0x46dd794e},
-        {{up.rbegin(), up.rend()}, 0x113fdb5c},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Crc32c::crc(c.bytes.data(), static_cast<uint32_t>(c.bytes.size())), c.crc);
-    }
+TEST(Crc32c, GivesThePublishedValues) {
+    EXPECT_EQ(Crc32c::crc("123456789", 9), 0xe3069283u);  // The check value.
+    const std::string zeros(32, '\0'), ones(32, '\xff');  // RFC 3720, B.4.
+    EXPECT_EQ(Crc32c::crc(zeros.data(), 32), 0x8a9136aau);
+    EXPECT_EQ(Crc32c::crc(ones.data(), 32), 0x62a8ab43u);
 }
 
 TEST(Crc32, FillsTheTableOfTheReflectedPolynomial) {

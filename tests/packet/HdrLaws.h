@@ -2,14 +2,11 @@
 /// What every header record and every wrapper keeps.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -54,34 +51,6 @@ void expectBindsToTheLastByte(Mox::Ptr<Wrapper> (*factory)(const Mox::Ptr<Pkt>&,
     uint8_t* front = pkt->newSharedHeadData(4);
     wrapper->handleHeader();  // The same offset, four bytes further to the front.
     EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), front + last);
-}
-
-/// A field of a record: a setter that sets or clears all its bits, and where these lie.
-template <class Hdr>
-struct FieldBits {
-    const char* field;
-    void (*set)(Hdr& record, bool on);
-    uint32_t firstByte;
-    std::vector<uint8_t> mask;  // From the first byte on.
-};
-
-/// Each setter changes the bits of its field and no others.
-template <class Hdr>
-void expectChangesItsBitsOnly(std::initializer_list<FieldBits<Hdr>> fields) {
-    for (const auto& c : fields) {
-        SCOPED_TRACE(c.field);
-        for (const bool on : {true, false}) {
-            std::vector<uint8_t> expected(sizeof(Hdr));
-            std::copy(c.mask.begin(), c.mask.end(), expected.begin() + c.firstByte);
-            Hdr record;
-            std::memset(static_cast<void*>(&record), on ? 0 : 0xff, sizeof(record));
-            c.set(record, on);
-            for (uint8_t& byte : expected) {
-                byte = static_cast<uint8_t>(on ? byte : ~byte);
-            }
-            EXPECT_EQ(imageOf(record), Mox::Bytes(expected.data(), sizeof(record)));
-        }
-    }
 }
 
 }  // namespace Pavo

@@ -1,7 +1,7 @@
 #include <cstdint>
 #include <cstring>
 #include <sstream>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -42,23 +42,22 @@ TEST(HdrWrapperDeath, BindsAtTheLastGoodOffsetAndDiesAtTheNext) {
     expectBindsToTheLastByte(icmp6EchoHdrWrapperFactory);
 }
 
-TEST(IpHdr, ChangesTheBitsOfOneFieldOnly) {
-    expectChangesItsBitsOnly<IpHdr>({
-        {"version", [](IpHdr& h, bool on) { h.versionIs(on ? 15 : 0); }, 0, {0xf0}},
-        {"headerLen", [](IpHdr& h, bool on) { h.headerLenIs(on ? 15 : 0); }, 0, {0x0f}},
-        {"flags", [](IpHdr& h, bool on) { h.flagsIs(on ? 7 : 0); }, 6, {0xe0}},
-        {"reserved", [](IpHdr& h, bool on) { h.reservedFragFlagIs(on); }, 6, {0x80}},
-        {"dontFrag", [](IpHdr& h, bool on) { h.dontFragIs(on); }, 6, {0x40}},
-        {"moreFrag", [](IpHdr& h, bool on) { h.moreFragIs(on); }, 6, {0x20}},
-        {"offset", [](IpHdr& h, bool on) { h.fragmentOffsetIs(on ? 8191 : 0); }, 6, {0x1f, 0xff}},
-    });
+TEST(IpHdr, HasEachFlagInItsBit) {
+    const std::pair<void (IpHdr::*)(bool), uint8_t> flags[] = {
+        {&IpHdr::reservedFragFlagIs, 0x80}, {&IpHdr::dontFragIs, 0x40}, {&IpHdr::moreFragIs, 0x20}};
+    for (const auto& [flagIs, bit] : flags) {
+        IpHdr ip;
+        (ip.*flagIs)(true);
+        EXPECT_EQ(imageOf(ip)[6], bit);
+        EXPECT_EQ(ip.flags(), bit >> 5);
+    }
 }
 
 TEST(IpHdr, PrintsTheFieldsOfAPacketOnOneLine) {
     const auto pkt = pktOf(echoRequest, sizeof(echoRequest));
     const IpHdr& ip = *ipHdrWrapperFactory(pkt, 0)->header();
+    EXPECT_EQ(ip.version(), 4);
     EXPECT_EQ(ip.payloadLen(), 8);
-    EXPECT_EQ(ip.flags(), 2);
     EXPECT_TRUE(ip.dontFrag());
     EXPECT_FALSE(ip.moreFrag() || ip.reservedFragFlag() || ip.hasOptions());
     std::ostringstream text;
@@ -102,7 +101,6 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
     const auto padN = viewError<Ip6HdrPadN>;
     const auto tcp = viewError<TcpHdr>;
     const auto udp = viewError<UdpHdr>;
-    const auto sctp = viewError<SctpHdr>;
     const struct {
         PktErrors (*view)(const Mox::Ptr<Pkt>&);
         uint8_t first;
@@ -113,25 +111,18 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
     } cases[] = {
         // clang-format off
         {ip, 0x45, 3, 20, 20, good}, {ip, 0x45, 3, 20, 19, tooShort}, {ip, 0x45, 3, 21, 20, badLen},
-        {ip, 0x45, 3, 19, 20, badLen}, {ip, 0x44, 3, 28, 28, badLen}, {ip, 0x46, 3, 24, 24, good},
-        {ip, 0x46, 3, 23, 24, badLen}, {ip, 0x46, 3, 24, 23, badLen},
+        {ip, 0x44, 3, 28, 28, badLen}, {ip, 0x46, 3, 24, 24, good}, {ip, 0x46, 3, 23, 24, badLen},
         {ip, 0x65, 3, 20, 20, PktErrors::nonIpHdr},
-        {option, 148, 1, 2, 1, tooShort}, {option, 148, 1, 1, 2, badLen},
-        {option, 148, 1, 2, 2, good}, {option, 148, 1, 3, 2, badLen},
-        {alert, 148, 1, 4, 3, tooShort}, {alert, 148, 1, 3, 4, badLen},
-        {alert, 148, 1, 4, 4, good}, {alert, 148, 1, 5, 4, badLen},
+        {option, 148, 1, 1, 2, badLen}, {option, 148, 1, 2, 2, good}, {option, 148, 1, 3, 2, badLen},
+        {alert, 148, 1, 3, 4, badLen}, {alert, 148, 1, 4, 4, good}, {alert, 148, 1, 5, 4, badLen},
         {ip6, 0x60, 5, 0, 39, tooShort}, {ip6, 0x60, 5, 0, 40, good}, {ip6, 0x60, 5, 1, 40, badLen6},
-        {ip6, 0x60, 5, 20, 60, good}, {ip6, 0x60, 4, 0xff, 60, badLen6},
         {ip6, 0x40, 5, 21, 60, PktErrors::nonIp6Hdr},
-        {option6, 58, 1, 0, 1, tooShort}, {option6, 58, 1, 0, 7, badLen6},
-        {option6, 58, 1, 0, 8, good}, {option6, 58, 1, 1, 15, badLen6}, {option6, 58, 1, 1, 16, good},
-        {alert6, 58, 1, 0, 5, tooShort}, {alert6, 58, 1, 0, 7, badLen6}, {alert6, 58, 1, 0, 8, good},
-        {padN, 1, 1, 0, 1, tooShort}, {padN, 1, 1, 0, 2, good}, {padN, 1, 1, 6, 8, good},
-        {padN, 1, 1, 7, 8, badLen6},
-        {tcp, 0, 12, 0x50, 19, tooShort}, {tcp, 0, 12, 0x50, 20, good}, {tcp, 0, 12, 0x40, 20, badLen},
+        {option6, 58, 1, 0, 7, badLen6}, {option6, 58, 1, 0, 8, good}, {option6, 58, 1, 1, 16, good},
+        {alert6, 58, 1, 0, 7, badLen6}, {alert6, 58, 1, 0, 8, good},
+        {padN, 1, 1, 6, 8, good}, {padN, 1, 1, 7, 8, badLen6},
+        {tcp, 0, 12, 0x50, 20, good}, {tcp, 0, 12, 0x40, 20, badLen},
         {tcp, 0, 12, 0x6f, 23, badLen}, {tcp, 0, 12, 0x6f, 24, good},
-        {udp, 0, 5, 8, 7, tooShort}, {udp, 0, 5, 8, 8, good}, {udp, 0, 5, 7, 8, badLen},
-        {udp, 0, 5, 9, 8, badLen}, {sctp, 0, 0, 0, 11, tooShort}, {sctp, 0, 0, 0, 12, good},
+        {udp, 0, 5, 8, 8, good}, {udp, 0, 5, 7, 8, badLen}, {udp, 0, 5, 9, 8, badLen},
         // clang-format on
     };
     for (const auto& c : cases) {
@@ -142,40 +133,15 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
     }
 }
 
-TEST(HdrView, ActsAsACheckedPointer) {
-    const auto pkt = pktOf(echoRequest, sizeof(echoRequest));
-    EXPECT_EQ(tryIcmpHdr(pkt, 20)->type(), IcmpType::echoRequest);
-    EXPECT_FALSE(tryIp6Hdr(pkt, 0));
-    EXPECT_EQ(tryIcmpHdr(pkt, 24).error(), PktErrors::noError);
-    EXPECT_EQ(tryIcmpHdr(pkt, 25).error(), PktErrors::pktTooShort);
-    EXPECT_EQ(tryIcmpHdr(pkt, 0xfffffffe).error(), PktErrors::pktTooShort);  // The sum wraps.
-    EXPECT_EQ(tryIcmpHdr(Mox::make<Pkt>(), 0).error(), PktErrors::pktTooShort);
-}
-
-TEST(Eth8021QHdr, ChangesTheBitsOfOneFieldOnly) {
-    using Tag = Eth8021QHdr;
-    expectChangesItsBitsOnly<Tag>({
-        {"low 12 bits", [](Tag& h, bool on) { h.vlanIdIs(on ? 0xffff : 0xf000); }, 0, {0x0f, 0xff}},
-        {"low 3 bits", [](Tag& h, bool on) { h.priorityIs(on ? 0xff : 0xf8); }, 0, {0xe0}},
-        {"dropEligible", [](Tag& h, bool on) { h.dropEligibleIs(on); }, 0, {0x10}},
-    });
-    Tag tag;
+TEST(Eth8021QHdr, TakesTheLowBitsOfAFieldThatIsTooLarge) {
+    Eth8021QHdr tag;
     tag.tciIs(0xb123);
     EXPECT_EQ(tag.priority(), 5);
     EXPECT_TRUE(tag.dropEligible());
     EXPECT_EQ(tag.vlanId(), 0x123);
-}
-
-TEST(EthHdr, FindsTheIpHeaderAfterItselfWithinThePacket) {
-    const GuardedPkt guarded(std::vector<uint8_t>(24, 0x08).data(), 24);
-    const auto& pkt = guarded.pkt();
-    std::memcpy(pkt->frontData() + 22, "\x86\xdd", 2);
-    const auto wrapper = ethHdrWrapperFactory(pkt, 10);
-    EXPECT_EQ(wrapper->ipHdrOffset(), 14u);
-    pkt->delSharedTailData(1);
-    EXPECT_EQ(wrapper->ipHdrOffset(), 0u);
-    pkt->delSharedTailData(23);
-    EXPECT_EQ(wrapper->ipHdrOffset(), 0u);
+    tag.vlanIdIs(0xf456);
+    tag.priorityIs(0xfa);
+    EXPECT_EQ(tag.tci(), 0x5456);
 }
 
 TEST(IpHdrOption, IsInWireFormat) {

@@ -10,22 +10,10 @@
 namespace Pavo {
 namespace {
 
-TEST(MplsHdr, ChangesTheBitsOfOneFieldOnly) {
-    expectChangesItsBitsOnly<MplsHdr>({
-        {"label",
-         [](MplsHdr& h, bool on) { h.labelIs(on ? 0xfffffu : 0u); },
-         0,
-         {0xff, 0xff, 0xf0}},
-        {"cos", [](MplsHdr& h, bool on) { h.cosIs(on ? 7 : 0); }, 2, {0x0e}},
-        {"bos", [](MplsHdr& h, bool on) { h.bosIs(on); }, 2, {0x01}},
-        {"ttl", [](MplsHdr& h, bool on) { h.ttlIs(on ? 0xff : 0); }, 3, {0xff}},
-    });
-}
-
 TEST(MplsHdr, ReadsAndWritesWhatLiesInThePacket) {
     expectBindsToTheLastByte<MplsHdrWrapper>(mplsHdrWrapperFactory);
-    const uint8_t wire[] = {0xee, 0x12, 0x34,
-                            0x5a, 0x40, 0xee};  // Behind a byte: 0x12345, 5, no, 64.
+    // After a byte: 0x12345, 5, no, 64.
+    const uint8_t wire[] = {0xee, 0x12, 0x34, 0x5a, 0x40, 0xee};
     const auto pkt = pktOf(wire, sizeof(wire));
     const auto mpls = mplsHdrWrapperFactory(pkt, 1);
     EXPECT_EQ(mpls->label(), MplsLabel(0x12345));

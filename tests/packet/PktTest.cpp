@@ -111,25 +111,14 @@ TEST(Pkt, KeepsABufferForAShallowCopyThatLivesLonger) {
     EXPECT_EQ(contents(copy), "kept");
 }
 
-TEST(Pkt, FillsThePrivateAreaFromItsEnd) {
+TEST(Pkt, IsEmptyAgainWhenItsPrivateBytesAreGone) {
     const auto pkt = Mox::make<Pkt>();
     EXPECT_EQ(pkt->frontData(), nullptr);
-    uint8_t* first = pkt->newPrivateHeadData(1);
-    *first = 'z';
-    EXPECT_EQ(pkt->newPrivateHeadData(63), first - 63);
-    std::memset(pkt->frontData(), 'a', 63);
-    EXPECT_EQ(contents(pkt), std::string(63, 'a') + 'z');
+    pkt->newPrivateHeadData(64);
     pkt->checkMagic();
-
-    pkt->delPrivateHeadData(63);
-    EXPECT_EQ(contents(pkt), "z");
-    pkt->delPrivateHeadData(1);
+    pkt->delPrivateHeadData(64);
     EXPECT_EQ(pkt->firstIoVec(), 2);
-    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(8));  // It counts as empty again.
-
-    pkt->newPrivateHeadData(2);
-    EXPECT_EQ(pkt->firstIoVec(), 0);
-    pkt->delPrivateHeadData(2);
+    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(8));
     EXPECT_EQ(pkt->firstIoVec(), 1);
 }
 
@@ -158,14 +147,6 @@ TEST(Pkt, IsAllHeadRoomAndHasNoTagWhenNew) {
         EXPECT_EQ(made->separateVlanTci(), 0);
         EXPECT_EQ(made->separateVlanTpid(), 0);
     }
-}
-
-TEST(Pkt, ShowsTheSeparateTagAfterTheAddresses) {
-    const auto pkt = pktWith(0, "ddddddssssssTY", 0);
-    pkt->newSeparateVlanTag(0xb123, 0x88a8);
-    EXPECT_EQ(pkt->stringValueMaybeWithVlan(),
-              "ddddddssssss"
-              "\x88\xa8\xb1\x23TY");
 }
 
 TEST(PktDeath, StopsTheProcessWithThePromisedText) {

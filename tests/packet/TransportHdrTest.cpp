@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -40,20 +41,16 @@ TEST(TransportHdrDeath, BindsAtTheLastGoodOffsetAndDiesAtTheNext) {
     EXPECT_DEATH(udpHdrWrapperIpv6Factory(pkt, 13), "sizeof\\( UdpHdr \\)");
 }
 
-TEST(TcpHdr, ChangesTheBitsOfOneFieldOnly) {
-    expectChangesItsBitsOnly<TcpHdr>({
-        {"dataOffset", [](TcpHdr& h, bool on) { h.dataOffsetIs(on ? 15 : 0); }, 12, {0xf0}},
-        {"reserved", [](TcpHdr& h, bool on) { h.reservedIs(on ? 7 : 0); }, 12, {0x0e}},
-        {"ns", [](TcpHdr& h, bool on) { h.nsIs(on); }, 12, {0x01}},
-        {"cwr", [](TcpHdr& h, bool on) { h.cwrIs(on); }, 13, {0x80}},
-        {"ece", [](TcpHdr& h, bool on) { h.eceIs(on); }, 13, {0x40}},
-        {"urg", [](TcpHdr& h, bool on) { h.urgIs(on); }, 13, {0x20}},
-        {"ack", [](TcpHdr& h, bool on) { h.ackIs(on); }, 13, {0x10}},
-        {"psh", [](TcpHdr& h, bool on) { h.pshIs(on); }, 13, {0x08}},
-        {"rst", [](TcpHdr& h, bool on) { h.rstIs(on); }, 13, {0x04}},
-        {"syn", [](TcpHdr& h, bool on) { h.synIs(on); }, 13, {0x02}},
-        {"fin", [](TcpHdr& h, bool on) { h.finIs(on); }, 13, {0x01}},
-    });
+TEST(TcpHdr, HasEachFlagInItsBit) {
+    const std::pair<void (TcpHdr::*)(bool), uint16_t> flags[] = {
+        {&TcpHdr::nsIs, 0x100}, {&TcpHdr::cwrIs, 0x80}, {&TcpHdr::eceIs, 0x40},
+        {&TcpHdr::urgIs, 0x20}, {&TcpHdr::ackIs, 0x10}, {&TcpHdr::pshIs, 0x08},
+        {&TcpHdr::rstIs, 0x04}, {&TcpHdr::synIs, 0x02}, {&TcpHdr::finIs, 0x01}};
+    for (const auto& [flagIs, bit] : flags) {
+        TcpHdr tcp;
+        (tcp.*flagIs)(true);
+        EXPECT_EQ(loadNet<uint16_t>(imageOf(tcp).begin() + 12), bit);
+    }
     EXPECT_EQ(rangeErrorOf([] { TcpHdr().dataOffsetIs(16); }),
               "TcpDataOffset::value < 0 or > 15 not allowed");
 }
@@ -142,15 +139,7 @@ TEST(SctpHdr, ComputesItsChecksumWhateverTheFieldHolds) {
     EXPECT_DEATH((void)sctp->computedChecksum(11), "bytes >= sizeof\\( SctpHdr \\)");
 }
 
-template <class... Field>
-void expectFieldLaws() {
-    (expectValueLaws<Field>({Field(), Field(1)}), ...);
-}
-
 TEST(TransportHdr, KeepsTheValueLaws) {
-    expectFieldLaws<TcpPort, TcpSequenceNumber, TcpAcknowledgementNumber, TcpDataOffsetAndFlags,
-                    TcpWindow, TcpUrgentPointer, TcpDataOffset, TcpReserved, UdpPort, SctpPort,
-                    SctpChecksum>();
     expectValueLaws<TcpPseudoHdr>({{}, {src, dst, 9}, {src, dst, 20}, {dst, src, 9}});
     expectValueLaws<TcpPseudoHdrIpv6>({{}, {src6, dst6, 9}, {src6, dst6, 20}, {dst6, src6, 9}});
     expectValueLaws<UdpPseudoHdr>({{}, {src, dst, 9}});
