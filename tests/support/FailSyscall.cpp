@@ -36,7 +36,7 @@ bool FailSyscall::counts(const char* name, bool onlyWhenNamed) const {
     return filter_ == name;
 }
 
-bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long a, long b, long c) {
+bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long b, long c) {
     FailSyscall* const scope = innermost;
     if (scope == nullptr || !scope->counts(name, onlyWhenNamed)) {
         return false;
@@ -46,9 +46,6 @@ bool FailSyscall::failsNow(const char* name, bool onlyWhenNamed, long a, long b,
         return false;
     }
     scope->name_ = name;
-    scope->arguments_[0] = a;
-    scope->arguments_[1] = b;
-    scope->arguments_[2] = c;
     if (strcmp(name, "send") == 0) {
         scope->sent_.assign(reinterpret_cast<const char*>(b), static_cast<size_t>(c));
     }
@@ -110,7 +107,7 @@ Word failureResult(Failure failure) {
             function = nextFunction(#symbol);                                                  \
             __atomic_store_n(&next, function, __ATOMIC_RELAXED);                               \
         }                                                                                      \
-        if (PavoTest::FailSyscall::failsNow(#name, onlyWhenNamed, a, b, c)) {                  \
+        if (PavoTest::FailSyscall::failsNow(#name, onlyWhenNamed, b, c)) {                     \
             return failureResult(failure);                                                     \
         }                                                                                      \
         return function(a, b, c, d, e, f);                                                     \

@@ -42,15 +42,14 @@ class FailSyscall {
     bool happened() const { return name_ != nullptr; }
     /// The plain name of the call that was made to fail, "" while none was.
     const char* name() const { return happened() ? name_ : ""; }
-    /// The first arguments of that call, as the words in which they were passed; index 0 to 2.
-    long argument(unsigned index) const { return arguments_[index]; }
     /// What that call was to transfer, when it was a `send`.
     const std::string& sent() const { return sent_; }
     /// Calls counted so far, the failed one among them.
     unsigned count() const { return count_; }
 
-    /// For the interposed functions: whether this call is the one to fail; `errno` is then set.
-    static bool failsNow(const char* name, bool onlyWhenNamed, long a, long b, long c);
+    /// For the interposed functions: whether this call, with its second and
+    /// third argument, is the one to fail; `errno` is then set.
+    static bool failsNow(const char* name, bool onlyWhenNamed, long b, long c);
 
   private:
     bool counts(const char* name, bool onlyWhenNamed) const;
@@ -61,7 +60,6 @@ class FailSyscall {
     bool andAllAfter_;
     unsigned count_ = 0;
     const char* name_ = nullptr;
-    long arguments_[3] = {};
     std::string sent_;
     FailSyscall* outer_;
     bool armed_ = true;
