@@ -70,6 +70,8 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
     /// existing file of another user or with another hard link; the file is then unchanged.
     /// "write(<path>)"; "pthread_create".
     /// @throws std::bad_alloc, std::length_error for queues that do not fit into memory.
+    /// Above RLIMIT_FSIZE the kernel sends SIGXFSZ to the caller of this and of `newInterface`: an
+    /// agent that sets this limit ignores the signal.
     CaptureFile(const Mox::String& path, Limits limits);
 
     /// Adds an interface and returns its number. Writes at once, waiting for the file; the block

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Mox/Assert.h"
+#include "Pavo/base/FirstException.h"
 
 namespace Pavo {
 
@@ -45,8 +46,10 @@ void Ip6HdrInclSocketPam::enabledIsImpl(bool enable) {
 // The inner endpoint is disabled last: an observer that is notified that this one is disabled may
 // still send, or reopen it.
 void Ip6HdrInclSocketPam::handleCleanup() {
-    Ip6SocketPam::handleCleanup();
-    txPamDisable();
+    FirstException exception;
+    exception.collect([this] { Ip6SocketPam::handleCleanup(); });
+    exception.collect([this] { txPamDisable(); });
+    exception.rethrow();
 }
 
 // Unless this endpoint has been enabled anew meanwhile.

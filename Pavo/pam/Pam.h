@@ -91,7 +91,9 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     void writableCountIs(uint32_t count);
     uint32_t writableCountInc(uint32_t delta);
 
-    /// Reads one packet; null when nothing was read. The packet is the caller's.
+    /// Reads one packet; null when nothing was read. The packet is the caller's. When an observer
+    /// of what is counted throws, the exception passes through, and the next call returns the
+    /// packet.
     Mox::Ptr<Pkt> rxPkt() const;
     /// Reads a batch: returns how many packets `savedPacket` now holds, each with its
     /// `savedPacketRx` set. An endpoint that reads batches is read with this function only.
@@ -149,6 +151,8 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     explicit Pam(Mox::String name) : name_(std::move(name)) {}
     ~Pam() override;
 
+    /// Whether `rxPktIs` has left a packet that `rxPkt` has not returned yet.
+    bool hasRxPkt() const { return rxPkt_ != nullptr; }
     /// Where `doGetRxPkt` leaves what it read, and what is known of it.
     void rxPktIs(Mox::Ptr<Pkt> pkt) {
         rxPkt_ = std::move(pkt);

@@ -5,6 +5,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/packet/VlanUtils.h"
 
 namespace Pavo {
@@ -40,25 +41,19 @@ void PamConnectorPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
         writableCountIs(writableCount() + 1);
         return;
     }
-    const auto enqueue = [&] {
-        peekPkt_ = nullptr;
-        receiver->inputQueueEnq(pkt);
-        MOX_TRACE(facility, callLevel,
-                  "PamConnector: enqueue, total packets: ", receiver->inputQueueMembers());
-        if (connector_ != nullptr) {
-            connector_->doScheduleEvent();
-        }
-    };
-    try {
-        peekPktIs(pkt);
-        peekPktCountIs(peekPktCount_ + 1);
-        peekPktIs(nullptr);
-    } catch (...) {
-        enqueue();  // An observer that throws does not stop the packet.
-        throw;
+    // An observer that throws stops neither the packet nor the other notifications.
+    FirstException exception;
+    exception.collect([&] { peekPktIs(pkt); });
+    exception.collect([&] { peekPktCountIs(peekPktCount_ + 1); });
+    exception.collect([&] { peekPktIs(nullptr); });
+    receiver->inputQueueEnq(std::move(pkt));
+    MOX_TRACE(facility, callLevel,
+              "PamConnector: enqueue, total packets: ", receiver->inputQueueMembers());
+    if (connector_ != nullptr) {
+        connector_->doScheduleEvent();
     }
-    enqueue();
-    writableCountIs(writableCount() + 1);
+    exception.collect([&] { writableCountIs(writableCount() + 1); });
+    exception.rethrow();
 }
 
 void PamConnectorPam::doGetRxPkt() {
@@ -220,18 +215,14 @@ void PamConnector::handleClock() {
     const Mox::Ptr<PamConnectorPam> end1 = pam("pam1");
     const uint32_t packets0 = end0 ? end0->inputQueueMembers() : 0;
     const uint32_t packets1 = end1 ? end1->inputQueueMembers() : 0;
-    try {
-        announce(end0, packets0);
-        announce(end1, packets1);
-    } catch (...) {
-        if (initialized_) {
-            doScheduleEvent();  // Announces what an observer that threw has left unannounced.
-        }
-        throw;
-    }
+    FirstException exception;
+    announce(end0, packets0, &exception);
+    announce(end1, packets1, &exception);
+    exception.rethrow();
 }
 
-void PamConnector::announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets) {
+void PamConnector::announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets,
+                            FirstException* exception) {
     if (!end) {
         return;
     }
@@ -239,7 +230,7 @@ void PamConnector::announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packe
               ", total packets: ", packets);
     // An end that a receiver took out is not notified any more.
     for (; packets != 0 && end->connector_ == this; --packets) {
-        end->readableCountIs(end->readableCount() + 1);
+        exception->collect([&end] { end->readableCountIs(end->readableCount() + 1); });
         MOX_TRACE(facility, callLevel, "PamConnector: handleClock ", end->name(),
                   ", remaining packets: ", end->inputQueueMembers());
     }

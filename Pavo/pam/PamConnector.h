@@ -17,6 +17,7 @@
 
 namespace Pavo {
 
+class FirstException;
 class PamConnector;
 
 /// One end of a connector. A packet sent on it waits in the `inputQueue` of the other end, whose
@@ -119,8 +120,8 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
 /// Packets are announced by one event of the clock, 2^-10 seconds after the first of them was sent:
 /// `readableCount` goes up by one for each packet that waits at that moment, first at "pam0", then
 /// at "pam1". Packets that receivers send while they are notified are announced by the next event.
-/// An exception from a receiver passes through the clock; packets not yet announced are announced
-/// by the next event.
+/// When a receiver throws, the other packets are still announced; then the first exception passes
+/// through the clock.
 ///
 /// The connector holds the ends, and the ends do not hold the connector: an agent holds the
 /// connector or the ends that it uses. An end that is taken out, or outlives the connector, is
@@ -155,7 +156,7 @@ class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
     void pamDel(Mox::String name);
     void pamDelAll();
 
-    /// Null after `clockDel`; nothing is announced from then on.
+    /// Null after `clockDel`; no later event announces anything.
     Mox::Clock* clock() const { return clock_; }
     void clockDel();
 
@@ -183,7 +184,8 @@ class PAVO_EXPORT PamConnector : public Mox::EntityOf<PamConnector> {
   private:
     void handleInitializedBase();
     void handleClock();
-    void announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets);
+    void announce(const Mox::Ptr<PamConnectorPam>& end, uint32_t packets,
+                  FirstException* exception);
 
     Mox::Map<Mox::String, Mox::Ptr<PamConnectorPam>> pam_;
     Mox::Clock* clock_;

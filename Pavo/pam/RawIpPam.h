@@ -57,7 +57,8 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     virtual void doGetRxPktSingle();
     /// Reads with one recvmmsg(2) into `savedPacket` and returns how many packets came. The single
     /// `rx` attributes then describe the last one, `rxInfo(slot)` each. The next batch reuses
-    /// packets that the agent no longer holds.
+    /// packets that the agent no longer holds. While observers of the slots are notified it reads
+    /// nothing and returns 0.
     virtual int32_t doGetRxPktBulk();
     /// Applies `txTOS`, and after it the priority, which the kernel overwrites with the TOS.
     /// @throws Mox::ErrnoException "setsockopt(IP_TOS)" or "setsockopt(IPV6_TCLASS)", or
@@ -165,6 +166,7 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     uint32_t socketDrops_ = 0;  // As the socket last said; it counts from its beginning.
     Mox::Set<IpPktOption> ipPktOptions_;
     std::unique_ptr<BulkRead> bulkRead_;
+    bool isPublishingBatch_ = false;
 };
 
 }  // namespace Pavo

@@ -12,6 +12,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/pam/RawIpFamily.h"
 #include "Pavo/pam/RawIpPam.h"
 
@@ -136,6 +137,10 @@ RawIpPam::RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName ne
 RawIpPam::~RawIpPam() = default;
 
 void RawIpPam::doGetRxPkt() {
+    if (hasRxPkt()) {
+        IpPam::readEnded(ReadEnd::packets);
+        return;  // An observer of its arrival has thrown.
+    }
     rxPktIs(nullptr);
     if (enableBulkRead()) {
         doGetRxPktBulk();
@@ -184,9 +189,11 @@ void RawIpPam::doGetRxPktSingle() {
     RxRound round;
     readMessage(message, &info, &round);
     shrinkTo(*pkt, static_cast<std::size_t>(received));
-    packetInfoIs(info, round.carried);
-    countPackets(1, round);
+    FirstException exception;
+    exception.collect([&] { packetInfoIs(info, round.carried); });
+    exception.collect([&] { countPackets(1, round); });
     rxPktIs(pkt, info);
+    exception.rethrow();
 }
 
 // Puts a packet to read into in every slot. False when there is none, or no slot.
@@ -220,6 +227,9 @@ int32_t RawIpPam::nothingInBulk() {
 }
 
 int32_t RawIpPam::doGetRxPktBulk() {
+    if (isPublishingBatch_) {
+        return 0;
+    }
     if (!fileDesc()) {
         MOX_TRACE(*family_.trace, 1, family_.className, " not enabled. Aborting action");
         return nothingInBulk();
@@ -228,7 +238,7 @@ int32_t RawIpPam::doGetRxPktBulk() {
         IpPam::readEnded(ReadEnd::failed);
         return nothingInBulk();
     }
-    // An observer of a slot may read again, or change what the next round works on.
+    // An observer of a slot may change what the next round works on.
     std::unique_ptr<BulkRead> round = std::move(bulkRead_);
     const int received = recvmmsg(socket(), round->messages.data(), round->slots(),
                                   rxFlags() | MSG_DONTWAIT, nullptr);
@@ -241,16 +251,14 @@ int32_t RawIpPam::doGetRxPktBulk() {
         readMessage(round->messages[slot].msg_hdr, &round->infos[slot], &result);
         shrinkTo(*round->pkts[slot], round->messages[slot].msg_len);
     }
-    publishBatch(round.get(), count);
+    FirstException exception;
+    exception.collect([&] { publishBatch(round.get(), count); });
     if (count != 0) {
-        packetInfoIs(round->infos[count - 1], result.carried);
+        exception.collect([&] { packetInfoIs(round->infos[count - 1], result.carried); });
     }
     bulkRead_ = std::move(round);
-    if (error != 0) {
-        countFailedRead(error);
-    } else {
-        countPackets(count, result);
-    }
+    exception.collect([&] { error != 0 ? countFailedRead(error) : countPackets(count, result); });
+    exception.rethrow();
     return static_cast<int32_t>(count);
 }
 
@@ -259,10 +267,14 @@ void RawIpPam::publishBatch(BulkRead* round, uint32_t count) {
     for (uint32_t slot = 0; slot < count; ++slot) {
         tapSlot(slot, *round->pkts[slot]);
     }
+    FirstException exception;
+    isPublishingBatch_ = true;
     for (uint32_t slot = 0; slot < round->slots(); ++slot) {
-        savedPacketIs(slot, std::move(round->pkts[slot]));
-        savedPacketRxIs(slot, slot < count);
+        exception.collect([&] { savedPacketIs(slot, std::move(round->pkts[slot])); });
+        exception.collect([&] { savedPacketRxIs(slot, slot < count); });
     }
+    isPublishingBatch_ = false;
+    exception.rethrow();
 }
 
 void RawIpPam::slotIs(uint32_t slot, const Mox::Ptr<Pkt>& pkt, const RxInfo& info) {
@@ -320,33 +332,36 @@ uint32_t RawIpPam::readControls(const msghdr& message, RxInfo* info, RxRound* ro
     return carried;
 }
 
+// Each value is set, also where an observer of another one throws.
 void RawIpPam::packetInfoIs(const RxInfo& info, uint32_t carried) {
-    rxSrcIpAddrIs(info.srcIpAddr);
-    if (info.ifIndex != 0) {
-        rxIfIndexIs(info.ifIndex);
-    }
+    FirstException exception;
+    exception.collect([&] { rxSrcIpAddrIs(info.srcIpAddr); });
+    exception.collect([&] { rxIfIndexIs(info.ifIndex != 0 ? info.ifIndex : rxIfIndex()); });
     if ((carried & ipPktInfo) != 0) {
-        rxDstIpAddrIs(info.dstIpAddr);
+        exception.collect([&] { rxDstIpAddrIs(info.dstIpAddr); });
     }
     if ((carried & ipRecvOrigDstAddr) != 0) {
-        rxOrigDstIpAddrIs(info.origDstIpAddr);
+        exception.collect([&] { rxOrigDstIpAddrIs(info.origDstIpAddr); });
     }
     if ((carried & ipRecvTOS) != 0) {
-        rxTOSIs(info.tos);
+        exception.collect([&] { rxTOSIs(info.tos); });
     }
     if ((carried & ipRecvTTL) != 0) {
-        rxTTLIs(info.ttl);
+        exception.collect([&] { rxTTLIs(info.ttl); });
     }
+    exception.rethrow();
 }
 
 void RawIpPam::countPackets(uint32_t packets, const RxRound& round) {
+    FirstException exception;
     if (round.drops != 0) {
         rxDropsIs(rxDrops() + round.drops);
     }
     if (round.truncated != 0) {
-        rxTruncatedPktsInc(round.truncated);
+        exception.collect([&] { rxTruncatedPktsInc(round.truncated); });
     }
-    rxPktCountInc(packets);
+    exception.collect([&] { rxPktCountInc(packets); });
+    exception.rethrow();
 }
 
 // The `errno` of a read of the socket; 0 when it took packets.

@@ -184,9 +184,15 @@ void TcpPduPam::followStates() {
 // After an exception from an observer of the registration, the next turn does the rest.
 TcpPduPam::WatchError TcpPduPam::watch() try {
     using R = TcpFileDescriptorEventRegistration;
-    int error = fdFlagIs(&R::enabled, &R::enabledIs, enabled());
+    // A registration leaves level-triggered interest to the next report, unless it is disabled. The
+    // next owner of the stream must not meet it.
+    const bool endsReading = fd()->notifyOnReadable() && !reader_->isOpen() && levelTriggered();
+    int error = fdFlagIs(&R::enabled, &R::enabledIs, enabled() && !endsReading);
     if (error == 0) {
         error = fdFlagIs(&R::notifyOnReadable, &R::notifyOnReadableIs, wantsReadEvents());
+    }
+    if (error == 0) {
+        error = fdFlagIs(&R::enabled, &R::enabledIs, enabled());
     }
     if (error != 0) {
         return {error, /*ofWriting=*/false};

@@ -179,7 +179,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// when the bytes asked for are there; the packet is never null here, and its bytes are
     /// contiguous at `frontData()`. 0 is a read error, "PDU length too small". For a PDU longer
     /// than 65535 bytes return 65535, with a smaller `maxPduLength`: it is refused as too big. The
-    /// base fails with the assertion "Need to implement getRemainingLength in a derived class".
+    /// base fails with the assertion "Need to implement getRemainingLength in a derived class". It
+    /// must not change the endpoint.
     virtual uint16_t getPduSize();
     /// Sends the packet's pieces.
     virtual void sendPkt(Mox::Ptr<Pkt> pkt);

@@ -149,9 +149,18 @@ void TcpSmBase::hasNotificationActiveIs(bool active) {
     if (configReactor_) {
         configReactor_->hasNotificationActiveIs(active);
     }
-    if (fd_) {
-        fd_->enabledIs(active);  // Else the loop would report what no reactor handles.
-        fdReactor_->hasNotificationActiveIs(active);
+    // An observer of the registration may take it from the machine.
+    const auto registration = fd_;
+    const auto reactor = fdReactor_;
+    if (!registration) {
+        return;
+    }
+    reactor->hasNotificationActiveIs(active);
+    try {
+        registration->enabledIs(active);  // Else the loop would report what no reactor handles.
+    } catch (const Mox::ErrnoException&) {
+        hasNotificationActiveIs(false);
+        throw;
     }
 }
 

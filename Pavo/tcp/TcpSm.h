@@ -55,6 +55,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpSmBase"); }
 
     /// Switched off, it is not notified by its configuration and its socket; timers go on.
+    /// @throws Mox::ErrnoException "epoll_ctl" when the loop cannot watch the socket again; the
+    /// machine is then still switched off.
     void hasNotificationActiveIs(bool active) override;
     void zeroReferencesIs(bool zero) override;
     /// The retry timer has expired. The base fails with the assertion "Need to implement

@@ -1,6 +1,6 @@
 #include "Pavo/tcp/TcpStatusPublisher.h"
 
-#include <exception>
+#include "Pavo/base/FirstException.h"
 
 namespace Pavo {
 
@@ -9,23 +9,14 @@ void TcpStatusPublisherBase::publish(const std::function<void()>& changes) {
         changes();
         return;
     }
-    std::exception_ptr thrown;
-    const auto call = [&thrown](const std::function<void()>& function) {
-        try {
-            function();
-        } catch (...) {
-            thrown = thrown ? thrown : std::current_exception();
-        }
-    };
+    FirstException exception;
     isChanging_ = true;
-    call(changes);
+    exception.collect(changes);
     isChanging_ = false;  // What an observer changes from now on, it publishes itself.
     for (const Pending& each : std::exchange(pending_, {})) {
-        call(each.notify);
+        exception.collect(each.notify);
     }
-    if (thrown) {
-        std::rethrow_exception(thrown);
-    }
+    exception.rethrow();
 }
 
 void TcpStatusPublisherBase::add(const Mox::AttributeBase& attribute, bool isMember,

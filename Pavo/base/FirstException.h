@@ -1,0 +1,32 @@
+/// @file
+/// Several calls that are all made, whatever they throw.
+#pragma once
+
+#include <exception>
+
+namespace Pavo {
+
+/// Makes calls, such as notifications of observers, and keeps the first exception until all are
+/// made.
+class FirstException {
+  public:
+    template <class Call>
+    void collect(Call call) {
+        try {
+            call();
+        } catch (...) {
+            thrown_ = thrown_ ? thrown_ : std::current_exception();
+        }
+    }
+    /// Throws what was kept, if anything.
+    void rethrow() const {
+        if (thrown_) {
+            std::rethrow_exception(thrown_);
+        }
+    }
+
+  private:
+    std::exception_ptr thrown_;
+};
+
+}  // namespace Pavo
