@@ -191,9 +191,7 @@ TcpPduPam::WatchError TcpPduPam::watch() try {
     if (error == 0) {
         error = fdFlagIs(&R::notifyOnReadable, &R::notifyOnReadableIs, wantsReadEvents());
     }
-    if (error == 0) {
-        error = fdFlagIs(&R::enabled, &R::enabledIs, enabled());
-    }
+    error = error != 0 ? error : fdFlagIs(&R::enabled, &R::enabledIs, enabled());
     if (error != 0) {
         return {error, /*ofWriting=*/false};
     }
