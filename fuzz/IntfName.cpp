@@ -29,6 +29,8 @@ constexpr struct {
     {4, 0, "Vlan", "V", {first, {10, 0, true, '.'}, second}},
     {5, 0, "Vlan", "Vxlan", {first, colon, third}},
     {6, 0, "E.", "", {{25, 0, false, '\0'}, wide}},
+    {7, 0, "Ip6Tunnel", "Ip6", {sub, second}},
+    {8, 0, "Ip", "E6-", {first, {10, 10, true, 'T'}}},
 };
 
 const Pavo::IntfIdDescPluginLoader::Registrar registrar("fuzz", [](Pavo::IntfIdMgr& manager) {

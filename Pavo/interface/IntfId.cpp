@@ -138,25 +138,31 @@ uint64_t saturated(std::string_view digits) {
     return number;
 }
 
-// Takes the long name of `id` apart. The type lies in `name`, or in the trie.
-IntfIdTrie::Groups groupsOf(const IntfIdTrie& trie, IntfId id, char* name) {
-    const NamePattern& pattern = NamePattern::instance();
-    IntfIdTrie::Groups groups;
-    if (trie.groupsOf(id, &groups)) {  // What the pattern finds in it is known.
-        return groups;
+// The long name of an id, taken apart.
+class NameGroups {
+  public:
+    explicit NameGroups(IntfId id) {
+        thread_local const GroupMemory memory;
+        Mox::TextWriter out(name_, sizeof(name_));
+        globalIntfIdMgr()->trie().intfIdToString(id, /*shortForm=*/false, out);
+        count_ = NamePattern::instance().match(name_, out.finish(), memory.groups());
+        for (int i = 1; i < count_; ++i) {
+            groups_[i - 1] = memory.group(name_, static_cast<uint32_t>(i));
+        }
     }
-    thread_local const GroupMemory memory;
-    const auto length = static_cast<uint32_t>(trie.intfIdToString(id, false, name) - name);
-    groups.count = pattern.match(name, length, memory.groups());
-    if (groups.count <= 1) {
-        return groups;
-    }
-    groups.type = memory.group(name, 1);
-    for (int i = 2; i < groups.count; ++i) {
-        groups.numbers[i - 2] = saturated(memory.group(name, static_cast<uint32_t>(i)));
-    }
-    return groups;
-}
+    NameGroups(const NameGroups&) = delete;
+    NameGroups& operator=(const NameGroups&) = delete;
+
+    // 1 more than the groups that count; at most 1 where the pattern does not match.
+    int count() const { return count_; }
+    std::string_view type() const { return groups_[0]; }
+    uint64_t number(int i) const { return saturated(groups_[i - 1]); }
+
+  private:
+    char name_[IntfIdTrie::maxNameBytes + 1];
+    std::string_view groups_[5];
+    int count_ = 0;
+};
 
 }  // namespace
 
@@ -169,9 +175,7 @@ Mox::String IntfId::shortName() const {
 }
 
 const char* IntfId::parse(Mox::TextCursor& in) {
-    const auto length = std::min<std::size_t>(in.rest().size(), UINT32_MAX);
-    const auto read =
-        globalIntfIdMgr()->trie().stringToIntfId(in.at(), static_cast<uint32_t>(length));
+    const auto read = globalIntfIdMgr()->trie().stringToIntfId(in.rest());
     if (read.length == 0) {
         return leftoverText;
     }
@@ -221,25 +225,20 @@ Mox::String stringToVeyIntf(const Mox::String& text) {
 }
 
 int compareIntfName(IntfId a, IntfId b) {
-    const IntfIdTrie& trie = globalIntfIdMgr()->trie();
-    char nameA[IntfIdTrie::maxNameBytes];
-    char nameB[IntfIdTrie::maxNameBytes];
-    const auto groupsA = groupsOf(trie, a, nameA);
-    Mox::require(groupsA.count > 1, "aret > 1");
-    const auto groupsB = groupsOf(trie, b, nameB);
-    Mox::require(groupsB.count > 1, "bret > 1");
+    const NameGroups groupsA(a);
+    Mox::require(groupsA.count() > 1, "aret > 1");
+    const NameGroups groupsB(b);
+    Mox::require(groupsB.count() > 1, "bret > 1");
 
-    if (const int byType = groupsA.type.compare(groupsB.type); byType != 0) {
+    if (const int byType = groupsA.type().compare(groupsB.type()); byType != 0) {
         return byType;
     }
-    for (int i = 2; i < std::min(groupsA.count, groupsB.count); ++i) {
-        const uint64_t numberA = groupsA.numbers[i - 2];
-        const uint64_t numberB = groupsB.numbers[i - 2];
-        if (numberA != numberB) {
-            return numberA < numberB ? -1 : 1;
+    for (int i = 2; i < std::min(groupsA.count(), groupsB.count()); ++i) {
+        if (groupsA.number(i) != groupsB.number(i)) {
+            return groupsA.number(i) < groupsB.number(i) ? -1 : 1;
         }
     }
-    return (groupsA.count > groupsB.count) - (groupsA.count < groupsB.count);
+    return (groupsA.count() > groupsB.count()) - (groupsA.count() < groupsB.count());
 }
 
 }  // namespace Pavo

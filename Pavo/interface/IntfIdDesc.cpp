@@ -210,8 +210,8 @@ void IntfIdMgr::handleIntfIdDesc(uint32_t) {
 }
 
 Mox::String IntfIdMgr::intfIdToString(IntfId id, bool shortForm) const {
-    char name[IntfIdTrie::maxNameBytes];
-    return {name, static_cast<uint32_t>(trie_.intfIdToString(id, shortForm, name) - name)};
+    return Mox::printedString(
+        [&](Mox::TextWriter& out) { trie_.intfIdToString(id, shortForm, out); });
 }
 
 IntfId IntfIdMgr::stringToIntfId(const Mox::String& name) const {
@@ -223,7 +223,7 @@ IntfId IntfIdMgr::shortStringToIntfId(const Mox::String& name) const {
 }
 
 IntfId IntfIdMgr::wholeName(const Mox::String& name, bool shortForm) const {
-    const auto read = trie_.stringToIntfId(name.data(), name.bytes(), shortForm);
+    const auto read = trie_.stringToIntfId(name.view(), shortForm);
     if (read.length == 0 || read.length != name.bytes()) {
         Mox::throwRangeException(IntfId::leftoverText);
     }

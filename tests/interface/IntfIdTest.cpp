@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <utility>
@@ -212,8 +211,7 @@ TEST(IntfIdDesc, IsChosenByTheLongestMatchingPrefix) {
         {"V", true, 4, 1, "Vlan-"},
     };
     for (const auto& c : cases) {
-        const auto read = manager->trie().stringToIntfId(
-            c.text, static_cast<uint32_t>(std::strlen(c.text)), c.isShort);
+        const auto read = manager->trie().stringToIntfId(c.text, c.isShort);
         EXPECT_EQ(GenericIntfId(read.id).typeId(), c.typeId) << c.text;
         EXPECT_EQ(read.length, c.length) << c.text;
         EXPECT_EQ(manager->intfIdToString(read.id, !c.isShort), c.otherName) << c.text;
@@ -230,22 +228,29 @@ TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotIdentifyInterfaces) {
     const auto prefixed = [](const char* prefix) { return described(9, prefix, "", {{first}}); };
     const auto gap = described(9, "Gap", "", {{first}});
     gap->partIs({0, 2}, third);
+    const auto tunnel = described(9, "Ip", "", {{first, {10, 10, true, 'T'}}, {first}});
+    tunnel->prefixIs(1, "Ip6T");
     const struct {
         const char* error;
         Mox::Ptr<IntfIdDesc> desc;
     } cases[] = {
         {"Invalid interface prefix", prefixed("")},
-        {"Invalid interface prefix", prefixed("Eth1-")},
+        {"", prefixed("Eth1-")},
+        {"Invalid interface prefix", prefixed("Eth1")},
         {"Invalid interface prefix", prefixed("Eth/")},
         {"Invalid interface prefix", prefixed("Eth ")},
         {"Invalid interface prefix", prefixed(std::string(65, 'x').c_str())},
         {"", prefixed(std::string(64, 'x').c_str())},
-        {"Invalid interface prefix", described(9, "Good", "3d", {{first}})},
+        {"Invalid interface prefix", described(9, "Good", "d3", {{first}})},
         {"Invalid interface parts", gap},
         {"Invalid interface parts", described(9, "Overlap", "", {{first, {1, 29, true, '/'}}})},
         {"Invalid interface parts", described(9, "Type", "", {{{1, 25, false, '\0'}}})},
         {"Invalid interface parts", described(9, "SubType", "", {{{1, 30, true, '\0'}}})},
-        {"Invalid interface parts", described(9, "Separated", "", {{second}})},
+        {"", described(9, "Ip6Tunnel", "", {{first}, {first, second}})},
+        {"", described(9, "Separated1", "", {{second}, {second, third}})},
+        {"Two interfaces would have one name", described(9, "Taken1023", "", {{}})},
+        {"", described(9, "Taken1024", "", {{}})},
+        {"Two interfaces would have one name", tunnel},
         {"Invalid interface parts", described(9, "Joined", "", {{first, {1, 0, true, '\0'}}})},
         {"Two interfaces would have one name", described(9, "Taken", "", {{first}})},
         {"", described(9, "Taken", "U", {{}, {first, second, third}})},
