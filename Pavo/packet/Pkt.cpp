@@ -7,173 +7,13 @@
 #include <utility>
 
 #include "Mox/Exception.h"
-#include "Mox/FwkType.h"
 
 #include "Pavo/base/NetOrder.h"
+#include "Pavo/packet/PktPool.h"
 
 namespace Pavo {
 
 namespace {
-
-// AddressSanitizer finds a use after the last reference only in memory that was really freed.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t maxRecycled = 0;
-#elif defined(__has_feature)
-constexpr uint32_t maxRecycled = __has_feature(address_sanitizer) ? 0 : 256;
-#else
-constexpr uint32_t maxRecycled = 256;
-#endif
-constexpr uint32_t maxRecycledLarge = maxRecycled / 4;
-
-// Pieces of memory of one size that wait to be used again; bounded, so that a thread that only ends
-// packets does not hoard.
-class FreeList {
-  public:
-    // Null when none is left.
-    void* take() {
-        Node* node = first_;
-        if (node != nullptr) {
-            first_ = node->next;
-            --count_;
-        }
-        return node;
-    }
-
-    // Returns whether the list took it.
-    bool give(void* memory) {
-        if (count_ >= limit_) {
-            return false;
-        }
-        first_ = new (memory) Node{first_};
-        ++count_;
-        return true;
-    }
-
-    // Frees all, and takes nothing from now on.
-    void close() {
-        limit_ = 0;
-        while (void* memory = take()) {
-            ::operator delete(memory);
-        }
-    }
-
-  private:
-    struct Node {
-        Node* next;
-    };
-
-    Node* first_ = nullptr;
-    uint32_t count_ = 0;
-    uint32_t limit_ = maxRecycled;
-};
-
-// The lists of one thread, so that a packet may end on another thread than the one it began on
-// without a lock.
-struct FreeLists {
-    FreeList packets;
-    FreeList sharedBuffers;
-    FreeList buffers;  // Of the manager's default size.
-    bool closeAtExit = false;
-};
-
-}  // namespace
-
-// Whole packets, with their buffers of one size, that wait to be used again: those of one thread.
-class UsedPkts {
-  public:
-    explicit constexpr UsedPkts(uint32_t limit) : limit_(limit) {}
-
-    // The list for packets on buffers of a size, or null.
-    static UsedPkts* of(uint32_t bufferSize);
-
-    // Null when none is left.
-    Pkt* take() {
-        Pkt* pkt = first_;
-        if (pkt != nullptr) {
-            first_ = pkt->nextUsed_;
-            --count_;
-            pkt->takeBack();
-            pkt->sharedBuffer_->takeBack();
-        }
-        return pkt;
-    }
-
-    bool isFull() const { return count_ >= limit_; }
-    void give(Pkt* pkt) {
-        pkt->putAside();
-        pkt->sharedBuffer_->putAside();
-        pkt->nextUsed_ = first_;
-        first_ = pkt;
-        ++count_;
-    }
-
-    // Ends all, and takes nothing from now on.
-    void close() {
-        limit_ = 0;
-        while (const Pkt* pkt = take()) {
-            delete pkt;
-        }
-    }
-
-  private:
-    Pkt* first_ = nullptr;
-    uint32_t count_ = 0;
-    uint32_t limit_;
-};
-
-namespace {
-
-[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedPkts(maxRecycled);
-[[gnu::tls_model("initial-exec")]] thread_local constinit UsedPkts usedLargePkts(maxRecycledLarge);
-
-// Without a destructor, which every access would have to ask for: `Closer` stands in.
-[[gnu::tls_model("initial-exec")]] thread_local constinit FreeLists freeLists;
-
-// Packets of static storage, and of other objects of the thread, end after this.
-struct Closer {
-    ~Closer() {
-        usedPkts.close();
-        usedLargePkts.close();
-        freeLists.packets.close();
-        freeLists.sharedBuffers.close();
-        freeLists.buffers.close();
-    }
-    void made() const {}
-};
-thread_local Closer closer;
-
-void* allocate(FreeList* list, std::size_t bytes) {
-    void* memory = list->take();
-    return memory != nullptr ? memory : ::operator new(bytes);
-}
-
-void closeListsAtExit() {
-    if (!freeLists.closeAtExit) {
-        freeLists.closeAtExit = true;
-        closer.made();
-    }
-}
-
-void release(FreeList* list, void* memory) {
-    closeListsAtExit();
-    if (!list->give(memory)) {
-        ::operator delete(memory);
-    }
-}
-
-uint8_t* allocateBuffer(uint32_t size) {
-    return static_cast<uint8_t*>(size == Pkt::Manager::defaultBufferSize
-                                     ? allocate(&freeLists.buffers, size)
-                                     : ::operator new(size));
-}
-
-void releaseBuffer(uint8_t* buffer, uint32_t size) {
-    if (size == Pkt::Manager::defaultBufferSize) {
-        release(&freeLists.buffers, buffer);
-    } else {
-        ::operator delete(buffer);
-    }
-}
 
 uint32_t grownSize(uint32_t size, uint32_t n) {
     if (n > std::numeric_limits<uint32_t>::max() - size) {
@@ -190,23 +30,11 @@ void copyBytes(uint8_t* to, const void* from, uint32_t bytes) {
 
 }  // namespace
 
-UsedPkts* UsedPkts::of(uint32_t bufferSize) {
-    return bufferSize == Pkt::Manager::defaultBufferSize ? &usedPkts
-           : bufferSize == Pkt::largeBufferSize          ? &usedLargePkts
-                                                         : nullptr;
-}
-
 void Pkt::zeroReferencesIs(bool zero) {
-    const bool sole = sharedBuffer_ && sharedBuffer_->references() == 1;
-    UsedPkts* list = sole ? UsedPkts::of(sharedBuffer_->size()) : nullptr;
-    if (!zero || list == nullptr || list->isFull()) {
+    const bool isSole = sharedBuffer_ && sharedBuffer_->references() == 1;
+    if (!zero || !isSole || !PktPool::give(this)) {
         PtrInterface::zeroReferencesIs(zero);
-        return;
     }
-    closeListsAtExit();
-    checkMagic();
-    clear();
-    list->give(this);
 }
 
 // Back to what a new packet is.
@@ -229,11 +57,11 @@ Pkt::~Pkt() {
 }
 
 void* Pkt::operator new(std::size_t bytes) {
-    return allocate(&freeLists.packets, bytes);
+    return PktPool::allocate(PktPool::pktMemory, bytes);
 }
 
 void Pkt::operator delete(void* memory, std::size_t) {
-    release(&freeLists.packets, memory);
+    PktPool::release(PktPool::pktMemory, memory);
 }
 
 void Pkt::throwNoSuchIovec() {
@@ -266,12 +94,12 @@ void Pkt::growHead(uint32_t n) {
 // Never moves data within the buffer, which another packet may share.
 void Pkt::growTail(uint32_t n) {
     const uint32_t size = sharedBuffer_->size();
-    if (sharedBuffer_->headRoom() < n) {
-        growInto(grownSize(size, n), /*tailRoom=*/n);
-    } else if (sharedBuffer_->dataBytes() == 0 && sharedBuffer_->references() == 1) {
+    const bool fits = headRoom() >= n || tailRoom() >= n;
+    if (fits && iovecs_[1].bytes == 0 && sharedBuffer_->references() == 1) {
         sharedBuffer_->placeEmptyData(/*tailRoom=*/n);
+        updateSharedIovec();
     } else {
-        growInto(size, /*tailRoom=*/n);
+        growInto(fits ? size : grownSize(size, n), /*tailRoom=*/n);
     }
 }
 
@@ -280,9 +108,10 @@ void Pkt::growTail(uint32_t n) {
 void Pkt::growInto(uint32_t size, uint32_t tailRoom) {
     Mox::Ptr<SharedBuffer> grown = SharedBuffer::create(size);
     grown->placeEmptyData(tailRoom);
-    grown->newHeadData(sharedBuffer_->dataBytes());
-    copyBytes(grown->data(), sharedBuffer_->data(), sharedBuffer_->dataBytes());
+    grown->newHeadData(iovecs_[1].bytes);
+    copyBytes(grown->data(), iovecs_[1].data, iovecs_[1].bytes);
     sharedBuffer_ = std::move(grown);
+    updateSharedIovec();
 }
 
 uint8_t* Pkt::newPrivateHeadData(uint32_t n) {
@@ -389,18 +218,18 @@ void Pkt::copyPrivateAndTag(const Pkt& other) {
 }
 
 Pkt::SharedBuffer::SharedBuffer(uint32_t size)
-    : buffer_(allocateBuffer(size)), size_(size), data_(buffer_ + size) {}
+    : buffer_(PktPool::allocateBuffer(size)), size_(size), data_(buffer_ + size) {}
 
 Pkt::SharedBuffer::~SharedBuffer() {
-    releaseBuffer(buffer_, size_);
+    PktPool::releaseBuffer(buffer_, size_);
 }
 
 void* Pkt::SharedBuffer::operator new(std::size_t bytes) {
-    return allocate(&freeLists.sharedBuffers, bytes);
+    return PktPool::allocate(PktPool::bufferObjects, bytes);
 }
 
 void Pkt::SharedBuffer::operator delete(void* memory, std::size_t) {
-    release(&freeLists.sharedBuffers, memory);
+    PktPool::release(PktPool::bufferObjects, memory);
 }
 
 Mox::Ptr<Pkt::SharedBuffer> Pkt::SharedBuffer::create(uint32_t size) {
@@ -414,8 +243,7 @@ Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
 }
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
-    UsedPkts* list = UsedPkts::of(bufferSize);
-    if (Pkt* used = list != nullptr ? list->take() : nullptr) {
+    if (Pkt* const used = PktPool::take(bufferSize)) {
         used->PtrInterface::hasNotificationActiveIs(true);
         return {used, Mox::AdoptReference()};
     }
@@ -447,9 +275,7 @@ const Mox::Ptr<Pkt::Manager>& globalPktManager() {
 }
 
 Mox::Ptr<Pkt> pktFactory() {
-    Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
-    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(Pkt::largeBufferSize));
-    return pkt;
+    return globalPktManager()->newPkt(Pkt::largeBufferSize);
 }
 
 }  // namespace Pavo

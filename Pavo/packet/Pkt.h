@@ -15,7 +15,7 @@
 
 namespace Pavo {
 
-class UsedPkts;
+struct PktPool;
 
 /// The bytes of one frame or datagram, in at most two pieces: private bytes inside the object, then
 /// bytes of a buffer that other packets may share. Headers are prepended by moving the start of the
@@ -29,9 +29,13 @@ class UsedPkts;
 ///                            ^ iovec(0)                     ^ iovec(1)
 ///
 /// What a reader sees is the private data followed by the shared data. A fresh buffer is all head
-/// room. Bytes that an operation adds are not initialised: the caller writes them, in place, also
-/// where a shallow copy shares the buffer. So nothing is to be prepended to a shared buffer while
-/// the other packet is still in use; the private head data is there for that.
+/// room. Bytes that an operation adds are not initialised: the caller writes them.
+///
+/// Packets that share a buffer each keep a range of their own in it. Removing bytes moves only the
+/// packet's own range. Appending goes on in the buffer only behind the buffer's own last byte, and
+/// else copies the packet's bytes into a buffer of its own, so neither changes a byte of another
+/// packet. Prepending writes in place: nothing is to be prepended to a shared buffer while another
+/// packet is still in use; the private head data is there for that.
 ///
 /// Beside its bytes a packet may carry one VLAN tag, the outermost, as devices deliver it. A packet
 /// is used by one thread at a time.
@@ -118,10 +122,11 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     inline uint8_t* newSharedHeadData(uint32_t n);
     /// Removes `n` bytes from the front.
     inline void delSharedHeadData(uint32_t n);
-    /// Makes room for `n` more bytes behind and returns where they begin. Where the tail room is
-    /// short, the data moves to `n` bytes before the end of a new buffer: of the same size if the
-    /// head room alone is at least `n`, else larger by `n`. A buffer that holds no data and that
-    /// nobody shares is used as it is where its size is the right one.
+    /// Makes room for `n` more bytes after the data and returns where they begin. Where the tail
+    /// room is short, or the packet shares its buffer and is not the one that ends where the
+    /// buffer's data does, the data moves to `n` bytes before the end of a new buffer: of the same
+    /// size if head room or tail room alone is at least `n`, else larger by `n`. A buffer that
+    /// holds no data and is not shared is used as it is where its size is the right one.
     inline uint8_t* newSharedTailData(uint32_t n);
     /// Removes `n` bytes from the end.
     inline void delSharedTailData(uint32_t n);
@@ -172,11 +177,16 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     void checkMagic() const;
 
   private:
-    friend class UsedPkts;
+    friend struct PktPool;
 
     void requireSharedBuffer() const {
         Mox::require(sharedBuffer_ != nullptr, "sharedBuffer_ != 0");
     }
+    // Of the packet's own range in its buffer.
+    inline uint32_t headRoom() const;
+    inline uint32_t tailRoom() const;
+    inline bool mayMoveBuffersRange() const;
+    inline void sharedDataIs(int64_t headRoom, int64_t bytes, bool movesBuffersRange);
     void growHead(uint32_t n);
     void growTail(uint32_t n);
     void growInto(uint32_t size, uint32_t tailRoom);
@@ -197,7 +207,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     uint16_t separateVlanTci_ = 0;
     uint16_t separateVlanTpid_ = 0;
     bool hasSeparateVlanTag_ = false;
-    Pkt* nextUsed_ = nullptr;  // While put aside.
+    Pkt* nextFree_ = nullptr;  // While it waits to be used again.
 };
 
 /// An allocation, and the range of data in it. Fresh, it is all head room. The operations move the
@@ -228,7 +238,7 @@ class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::Described<Pkt::SharedBuf
 
   private:
     friend class Pkt;
-    friend class UsedPkts;
+    friend struct PktPool;
 
     explicit SharedBuffer(uint32_t size);
     static Mox::Ptr<SharedBuffer> create(uint32_t size);
@@ -236,12 +246,15 @@ class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::Described<Pkt::SharedBuf
     void placeEmptyData(uint32_t tailRoom) { rangeIs(int64_t{size_} - tailRoom, 0); }
     // In numbers wide enough for any `n`, before a pointer is made of them.
     void rangeIs(int64_t headRoom, int64_t dataBytes) {
+        requireRange(headRoom, dataBytes);
+        data_ = buffer_ + headRoom;
+        dataBytes_ = static_cast<uint32_t>(dataBytes);
+    }
+    void requireRange(int64_t headRoom, int64_t dataBytes) const {
         Mox::require(headRoom >= 0 && headRoom <= size_,
                      "ptrWithinRegion( data_, buffer_, size_ )");
         Mox::require(dataBytes >= 0 && headRoom + dataBytes <= size_,
                      "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
-        data_ = buffer_ + headRoom;
-        dataBytes_ = static_cast<uint32_t>(dataBytes);
     }
 
     uint8_t* buffer_;
@@ -256,37 +269,58 @@ inline void Pkt::updateSharedIovec() {
     iovecs_[1] = {sharedBuffer_->data(), sharedBuffer_->dataBytes()};
 }
 
+inline uint32_t Pkt::headRoom() const {
+    return static_cast<uint32_t>(iovecs_[1].data - sharedBuffer_->buffer_);
+}
+
+inline uint32_t Pkt::tailRoom() const {
+    return sharedBuffer_->size_ - headRoom() - iovecs_[1].bytes;
+}
+
+// The buffer's range is the packet's own, or nobody else's.
+inline bool Pkt::mayMoveBuffersRange() const {
+    return sharedBuffer_->references() == 1 || (sharedBuffer_->data_ == iovecs_[1].data &&
+                                                sharedBuffer_->dataBytes_ == iovecs_[1].bytes);
+}
+
+inline void Pkt::sharedDataIs(int64_t headRoom, int64_t bytes, bool movesBuffersRange) {
+    Mox::require(firstIoVec_ != maxIovecs_, "firstIoVec_ != maxIovecs_");
+    if (movesBuffersRange) {
+        sharedBuffer_->rangeIs(headRoom, bytes);
+    } else {
+        sharedBuffer_->requireRange(headRoom, bytes);
+    }
+    iovecs_[1] = {sharedBuffer_->buffer_ + headRoom, static_cast<uint32_t>(bytes)};
+}
+
 inline uint8_t* Pkt::newSharedHeadData(uint32_t n) {
     requireSharedBuffer();
-    if (n > sharedBuffer_->headRoom()) {
+    if (n > headRoom()) {
         growHead(n);
     }
-    sharedBuffer_->newHeadData(n);
-    updateSharedIovec();
-    return sharedBuffer_->data();
+    sharedDataIs(headRoom() - int64_t{n}, iovecs_[1].bytes + int64_t{n}, mayMoveBuffersRange());
+    return iovecs_[1].data;
 }
 
 inline void Pkt::delSharedHeadData(uint32_t n) {
     requireSharedBuffer();
-    sharedBuffer_->delHeadData(n);
-    updateSharedIovec();
+    sharedDataIs(headRoom() + int64_t{n}, iovecs_[1].bytes - int64_t{n},
+                 sharedBuffer_->references() == 1);
 }
 
 inline uint8_t* Pkt::newSharedTailData(uint32_t n) {
     requireSharedBuffer();
-    if (n > sharedBuffer_->tailRoom()) {
+    if (n > tailRoom() || !mayMoveBuffersRange()) {
         growTail(n);
     }
-    uint8_t* tail = sharedBuffer_->data() + sharedBuffer_->dataBytes();
-    sharedBuffer_->newTailData(n);
-    updateSharedIovec();
-    return tail;
+    const uint32_t before = iovecs_[1].bytes;
+    sharedDataIs(headRoom(), before + int64_t{n}, /*movesBuffersRange=*/true);
+    return iovecs_[1].data + before;
 }
 
 inline void Pkt::delSharedTailData(uint32_t n) {
     requireSharedBuffer();
-    sharedBuffer_->delTailData(n);
-    updateSharedIovec();
+    sharedDataIs(headRoom(), iovecs_[1].bytes - int64_t{n}, sharedBuffer_->references() == 1);
 }
 
 /// Where packets come from. Packets with a buffer of the default size or of `largeBufferSize` are

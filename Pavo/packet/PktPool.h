@@ -1,0 +1,76 @@
+/// @file
+/// Packets and their memory that wait to be used again. For `Pkt`; an agent does not need it.
+#pragma once
+
+#include <sanitizer/asan_interface.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Pavo/packet/Pkt.h"
+
+namespace Pavo {
+
+/// Objects or pieces of memory of one size, linked by their member `next`; bounded, so that a
+/// thread that only releases packets does not hoard. While they wait, their bytes are poisoned for
+/// AddressSanitizer, which so finds a use after the last reference.
+template <class Node, Node* Node::*next>
+class FreeList {
+  public:
+    explicit constexpr FreeList(std::size_t nodeBytes, uint32_t limit)
+        : nodeBytes_(nodeBytes), limit_(limit) {}
+
+    bool isFull() const { return count_ >= limit_; }
+    /// @pre not full
+    void give(Node* node) {
+        node->*next = first_;
+        first_ = node;
+        ++count_;
+        ASAN_POISON_MEMORY_REGION(node, nodeBytes_);
+    }
+    /// Null when none is left.
+    Node* take() {
+        Node* const node = first_;
+        if (node != nullptr) {
+            ASAN_UNPOISON_MEMORY_REGION(node, nodeBytes_);
+            first_ = node->*next;
+            --count_;
+        }
+        return node;
+    }
+    /// Takes nothing from now on.
+    void close() { limit_ = 0; }
+
+  private:
+    Node* first_ = nullptr;
+    std::size_t nodeBytes_;
+    uint32_t count_ = 0;
+    uint32_t limit_;
+};
+
+/// What one thread keeps, so that a packet may end on another thread than the one it began on
+/// without a lock: whole packets on buffers of the default and of the large size, and the memory of
+/// other packets, buffer objects, and bytes of the default size.
+struct PktPool {
+    struct Memory {
+        Memory* next;
+    };
+    using MemoryList = FreeList<Memory, &Memory::next>;
+    using PktList = FreeList<Pkt, &Pkt::nextFree_>;
+
+    /// A packet of this thread's on a buffer of that size, empty and with one reference; or null.
+    static Pkt* take(uint32_t bufferSize);
+    /// Keeps a packet without references that alone holds its buffer. False when it does not, and
+    /// nothing is changed.
+    static bool give(Pkt* pkt);
+
+    enum MemoryKind { pktMemory, bufferObjects, bufferBytes };
+    static void* allocate(MemoryKind kind, std::size_t bytes);
+    static void release(MemoryKind kind, void* memory);
+    static uint8_t* allocateBuffer(uint32_t size);
+    static void releaseBuffer(uint8_t* buffer, uint32_t size);
+
+    ~PktPool() = delete;
+};
+
+}  // namespace Pavo
