@@ -29,9 +29,13 @@ Icmp6Type Icmp6TypeInstance(const Mox::String& name) {
 
 IpChecksum Icmp6Hdr::computedChecksum(const Ip6Addr& src, const Ip6Addr& dst,
                                       uint16_t bytes) const {
+    return ipChecksumCalc(this, bytes, pseudoHdrSum(src, dst, bytes));
+}
+
+uint32_t Icmp6Hdr::pseudoHdrSum(const Ip6Addr& src, const Ip6Addr& dst, uint16_t bytes) {
     const auto nextHeader = static_cast<uint8_t>(IpProtocolNumber::ipv6Icmp);
     const PseudoHdr pseudo{src, dst, NetU32(bytes), {}, nextHeader};
-    return ipChecksumCalc(this, bytes, ipChecksumChunk(&pseudo, sizeof(pseudo), 0));
+    return ipChecksumChunk(&pseudo, sizeof(pseudo), 0);
 }
 
 }  // namespace Pavo

@@ -130,6 +130,9 @@ class Icmp6Hdr : public IcmpFields<Icmp6Type> {
     /// 0 when that is right. To fill the field in, it is zeroed first.
     PAVO_EXPORT IpChecksum computedChecksum(const Ip6Addr& src, const Ip6Addr& dst,
                                             uint16_t bytes) const;
+    /// The unfolded sum of the pseudo header alone, for a message in pieces.
+    PAVO_EXPORT static uint32_t pseudoHdrSum(const Ip6Addr& src, const Ip6Addr& dst,
+                                             uint16_t bytes);
 };
 static_assert(isOverlay<Icmp6Hdr>(4));
 

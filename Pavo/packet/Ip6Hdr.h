@@ -242,6 +242,15 @@ class Ip6HdrRouterAlertOption : public Ip6HdrOptionCommon {
     uint16_t value() const { return value_.value(); }
     void valueIs(uint16_t value) { value_.valueIs(value); }
 
+    /// `badIp6PayloadLen` where `headerBytes()` is more than `bytes`; `wrongIp6Option` for another
+    /// type or data length.
+    PktErrors check(uint32_t bytes) const {
+        const Ip6HdrRouterAlertOption usual;
+        const bool isAlert = optionType_ == usual.optionType_ && optionLen_ == usual.optionLen_;
+        const PktErrors error = Ip6HdrOptionCommon::check(bytes);
+        return error != PktErrors::noError || isAlert ? error : PktErrors::wrongIp6Option;
+    }
+
   private:
     uint8_t optionType_ = static_cast<uint8_t>(Ip6HdrOptionType::routerAlert);
     uint8_t optionLen_ = 2;

@@ -26,11 +26,14 @@ struct Hex {
 std::ostream& operator<<(std::ostream& out, const IpHdr& header) {
     // The byte itself, which prints as its name or, where it has none, as its number.
     const auto protocol = static_cast<IpProtocolNumber>(header.protocol());
-    return out << " src: " << header.src() << " dst: " << header.dst() << " proto: " << protocol
-               << " len: " << header.totalLen() << " header len " << header.headerBytes()
-               << " id: " << header.id() << " ttl: " << header.ttl()
-               << " checksum: " << Hex{header.checksum()}
-               << " computed checksum: " << Hex{header.computedChecksum()};
+    out << " src: " << header.src() << " dst: " << header.dst() << " proto: " << protocol
+        << " len: " << header.totalLen() << " header len " << header.headerBytes()
+        << " id: " << header.id() << " ttl: " << header.ttl()
+        << " checksum: " << Hex{header.checksum()} << " computed checksum: ";
+    if (header.headerBytes() > sizeof(IpHdr)) {
+        return out << "unknown";  // Bad packets are printed too: there may be no options.
+    }
+    return out << Hex{header.computedChecksum()};
 }
 
 }  // namespace Pavo

@@ -222,11 +222,12 @@ class IpHdr {
 static_assert(isOverlay<IpHdr>(20));
 
 /// The fields on one line, and the computed checksum beside the one in the header, for traces.
-/// Reads `headerBytes()` bytes.
+/// Reads the 20 bytes of the record only: with options the computed checksum is printed as
+/// "unknown".
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out, const IpHdr& header);
 
-/// What begins every option behind an IPv4 header, except the two that are one byte long, the end
-/// of the list (type 0) and the one that does nothing (type 1):
+/// The first two bytes of every option after an IPv4 header, except the two that are one byte long,
+/// the end of the list (type 0) and the one that does nothing (type 1):
 ///
 ///     | type (1) | length (1) |
 class IpHdrOptionCommon {
@@ -273,9 +274,10 @@ class IpHdrRouterAlertOption : public IpHdrOptionCommon {
     uint16_t value() const { return value_.value(); }
     void valueIs(uint16_t value) { value_.valueIs(value); }
 
-    /// `badIpPayloadLen` unless 4 <= `length()` <= `bytes`.
+    /// `wrongIpOption` for another type; `badIpPayloadLen` unless 4 <= `length()` <= `bytes`.
     PktErrors check(uint32_t bytes) const {
-        return checkLength(sizeof(IpHdrRouterAlertOption), bytes);
+        return type() == optionType ? checkLength(sizeof(IpHdrRouterAlertOption), bytes)
+                                    : PktErrors::wrongIpOption;
     }
 
   private:

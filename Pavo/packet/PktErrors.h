@@ -22,10 +22,12 @@ enum class PktErrors : int32_t {
     badIpHdrChecksum = -50,
     badIpPayloadLen = -51,
     nonIpHdr = -52,
+    wrongIpOption = -53,
 
     // IPv6.
     nonIp6Hdr = -101,
     badIp6PayloadLen = -102,
+    wrongIp6Option = -103,
 
     // ICMPv6 and neighbour discovery (RFC 4861, 7.1).
     nextHdrIsNotIcmp6 = -200,
@@ -78,8 +80,10 @@ constexpr auto enumDescription(PktErrors) {
         {PktErrors::badIpHdrChecksum, "badIpHdrChecksum"},
         {PktErrors::badIpPayloadLen, "badIpPayloadLen"},
         {PktErrors::nonIpHdr, "nonIpHdr"},
+        {PktErrors::wrongIpOption, "wrongIpOption"},
         {PktErrors::nonIp6Hdr, "nonIp6Hdr"},
         {PktErrors::badIp6PayloadLen, "badIp6PayloadLen"},
+        {PktErrors::wrongIp6Option, "wrongIp6Option"},
         {PktErrors::nextHdrIsNotIcmp6, "nextHdrIsNotIcmp6"},
         {PktErrors::badIcmp6Checksum, "badIcmp6Checksum"},
         {PktErrors::icmp6TypeNotSupported, "icmp6TypeNotSupported"},

@@ -1,10 +1,12 @@
 #include "Pavo/packet/PktUtils.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <ios>
 
 #include "Mox/Trace.h"
 
+#include "Pavo/packet/Checksum.h"
 #include "Pavo/value/Ip.h"
 
 namespace Pavo {
@@ -94,23 +96,90 @@ PktErrors checkEthIp6Hdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, Ip6Hdr*& ip6) {
     return PktErrors::noError;
 }
 
-PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6, Icmp6Hdr*& icmp6) {
-    if (ip6->protocolNum() != IpProtocolNumber::ipv6Icmp) {
+namespace {
+
+// The faults that the IPv6 header alone shows.
+PktErrors checkIcmp6Payload(const Ip6Hdr& ip6) {
+    if (ip6.protocolNum() != IpProtocolNumber::ipv6Icmp) {
         MOX_TRACE(facility, faultLevel, "Next header is not Icmp6");
         return PktErrors::nextHdrIsNotIcmp6;
     }
-    const uint16_t payloadLen = ip6->payloadLen();
-    if (payloadLen < sizeof(Icmp6Hdr)) {
+    if (ip6.payloadLen() < sizeof(Icmp6Hdr)) {
         MOX_TRACE(facility, faultLevel, "IP6 payload is too small to contain Icmp6");
         // The fault is in the IPv6 header's length, hence not a code of ICMPv6.
         return PktErrors::badIp6PayloadLen;
     }
-    icmp6 = reinterpret_cast<Icmp6Hdr*>(ip6 + 1);
-    if (icmp6->computedChecksum(ip6->src(), ip6->dst(), payloadLen) != IpChecksum()) {
+    return PktErrors::noError;
+}
+
+PktErrors checkedSum(IpChecksum sum) {
+    if (sum != IpChecksum()) {
         MOX_TRACE(facility, faultLevel, "Icmp6 checksum is invalid");
         return PktErrors::badIcmp6Checksum;
     }
     return PktErrors::noError;
+}
+
+}  // namespace
+
+PktErrors checkIcmp6CheckSum(const Mox::Ptr<Pkt>& pkt, Ip6Hdr* ip6, Icmp6Hdr*& icmp6) {
+    const PktErrors error = checkIcmp6Payload(*ip6);
+    if (error != PktErrors::noError) {
+        return error;
+    }
+    const auto offset =
+        static_cast<uint32_t>(reinterpret_cast<const uint8_t*>(ip6 + 1) - pkt->frontData());
+    const uint16_t bytes = ip6->payloadLen();
+    if (uint64_t{offset} + bytes > pkt->totalBytes()) {
+        MOX_TRACE(facility, faultLevel,
+                  "IPv6 payload length is larger than the actual packet size. ");
+        return PktErrors::badIp6PayloadLen;
+    }
+    if (offset + sizeof(Icmp6Hdr) > pkt->frontBytes()) {
+        MOX_TRACE(facility, faultLevel, "Headers do not lie in the first ", pkt->frontBytes(),
+                  " bytes");
+        return PktErrors::pktTooShort;
+    }
+    icmp6 = reinterpret_cast<Icmp6Hdr*>(ip6 + 1);
+    const uint32_t sum = Icmp6Hdr::pseudoHdrSum(ip6->src(), ip6->dst(), bytes);
+    return checkedSum(pktChecksum(*pkt, offset, bytes, sum));
+}
+
+PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6, Icmp6Hdr*& icmp6) {
+    const PktErrors error = checkIcmp6Payload(*ip6);
+    if (error != PktErrors::noError) {
+        return error;
+    }
+    icmp6 = reinterpret_cast<Icmp6Hdr*>(ip6 + 1);
+    return checkedSum(icmp6->computedChecksum(ip6->src(), ip6->dst(), ip6->payloadLen()));
+}
+
+IpChecksum pktChecksum(const Pkt& pkt, uint32_t offset, uint16_t bytes, uint32_t sum) {
+    Mox::require(uint64_t{offset} + bytes <= pkt.totalBytes(),
+                 "offset + bytes <= pkt.totalBytes()");
+    uint32_t left = bytes;
+    uint8_t word[2];
+    bool isHalf = false;  // The first byte of `word` was the last of the piece before.
+    for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
+        const Pkt::Iovec& piece = pkt.iovec(i);
+        const uint32_t skipped = std::min(offset, piece.bytes);
+        offset -= skipped;
+        const uint8_t* data = piece.data + skipped;
+        uint32_t n = std::min(left, piece.bytes - skipped);
+        left -= n;
+        if (isHalf && n != 0) {
+            word[1] = *data++;
+            --n;
+            isHalf = false;
+            sum = ipChecksumChunk(word, sizeof(word), sum);
+        }
+        sum = ipChecksumChunk(data, static_cast<uint16_t>(n & ~1u), sum);
+        if (n % 2 != 0) {
+            word[0] = data[n - 1];
+            isHalf = true;
+        }
+    }
+    return ipChecksumCalc(word, isHalf ? 1 : 0, sum);
 }
 
 }  // namespace Pavo

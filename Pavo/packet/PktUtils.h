@@ -3,6 +3,8 @@
 /// wrong is also traced, at level 1.
 #pragma once
 
+#include <cstdint>
+
 #include "Mox/Ptr.h"
 
 #include "Pavo/base/Export.h"
@@ -37,13 +39,23 @@ PAVO_EXPORT PktErrors checkEthIpHdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, IpHd
 /// As `checkEthIpHdr` in the rest.
 PAVO_EXPORT PktErrors checkEthIp6Hdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, Ip6Hdr*& ip6);
 
-/// Checks the ICMPv6 message that follows `ip6` at once. The first fault, in this order, is one of
+/// Checks the ICMPv6 message that follows `ip6` at once; `ip6` lies in the first iovec of `pkt`.
+/// The first fault, in this order, is one of
 /// - `nextHdrIsNotIcmp6`: an extension header is such a fault too
-/// - `badIp6PayloadLen`: a payload of 3 bytes or fewer
-/// - `badIcmp6Checksum`: over the pseudo header and all of the payload
+/// - `badIp6PayloadLen`: a payload of 3 bytes or fewer, or one past the end of the packet
+/// - `pktTooShort`: the ICMPv6 header does not lie in the first iovec
+/// - `badIcmp6Checksum`: over the pseudo header and all of the payload, in whatever pieces
 ///
-/// `icmp6` is set when the payload holds the header. The payload length is trusted:
-/// `checkEthIp6Hdr` first, and the whole packet in one iovec.
+/// `icmp6` is set when the header is there.
+PAVO_EXPORT PktErrors checkIcmp6CheckSum(const Mox::Ptr<Pkt>& pkt, Ip6Hdr* ip6, Icmp6Hdr*& icmp6);
+/// The same without the packet. The payload length is trusted: `checkEthIp6Hdr` first, and the
+/// whole packet in one iovec.
 PAVO_EXPORT PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6, Icmp6Hdr*& icmp6);
+
+/// The checksum of `bytes` bytes of the packet from `offset` on, whatever its pieces, and of all
+/// that `sum` holds (see `ipChecksumCalc`). Fatal where the packet ends before: "offset + bytes <=
+/// pkt.totalBytes()".
+PAVO_EXPORT IpChecksum pktChecksum(const Pkt& pkt, uint32_t offset, uint16_t bytes,
+                                   uint32_t sum = 0);
 
 }  // namespace Pavo

@@ -65,6 +65,11 @@ TEST(IpHdr, PrintsTheFieldsOfAPacketOnOneLine) {
     EXPECT_EQ(text.str(),
               " src: 10.0.0.1 dst: 10.0.0.2 proto: icmp len: 28 header len 20 id: 4660 ttl: 64"
               " checksum: 0x14ab computed checksum: 0x0000 16");
+
+    const uint8_t cut[20] = {0x4f};  // Options that are not there are not read.
+    const GuardedPkt guarded(cut, sizeof(cut));
+    text << *ipHdrWrapperFactory(guarded.pkt(), 0)->header();
+    EXPECT_TRUE(text.str().ends_with(" computed checksum: unknown"));
 }
 
 TEST(IpHdr, RefusesWhatItsFieldsCannotHold) {
@@ -115,10 +120,11 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
         {ip, 0x65, 3, 20, 20, PktErrors::nonIpHdr},
         {option, 148, 1, 1, 2, badLen}, {option, 148, 1, 2, 2, good}, {option, 148, 1, 3, 2, badLen},
         {alert, 148, 1, 3, 4, badLen}, {alert, 148, 1, 4, 4, good}, {alert, 148, 1, 5, 4, badLen},
+        {alert, 149, 1, 4, 4, PktErrors::wrongIpOption},
         {ip6, 0x60, 5, 0, 39, tooShort}, {ip6, 0x60, 5, 0, 40, good}, {ip6, 0x60, 5, 1, 40, badLen6},
         {ip6, 0x40, 5, 21, 60, PktErrors::nonIp6Hdr},
         {option6, 58, 1, 0, 7, badLen6}, {option6, 58, 1, 0, 8, good}, {option6, 58, 1, 1, 16, good},
-        {alert6, 58, 1, 0, 7, badLen6}, {alert6, 58, 1, 0, 8, good},
+        {alert6, 58, 1, 0, 7, badLen6}, {alert6, 58, 2, 5, 8, PktErrors::wrongIp6Option},
         {padN, 1, 1, 6, 8, good}, {padN, 1, 1, 7, 8, badLen6},
         {tcp, 0, 12, 0x50, 20, good}, {tcp, 0, 12, 0x40, 20, badLen},
         {tcp, 0, 12, 0x6f, 23, badLen}, {tcp, 0, 12, 0x6f, 24, good},
@@ -131,6 +137,8 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
         const GuardedPkt guarded(frame, c.bytes);
         EXPECT_EQ(c.view(guarded.pkt()), c.error) << "row " << &c - cases;
     }
+    const uint8_t routerAlert6[] = {58, 0, 5, 2, 0, 0, 1, 0};
+    EXPECT_EQ(alert6(pktOf(routerAlert6, sizeof(routerAlert6))), good);
 }
 
 TEST(Eth8021QHdr, TakesTheLowBitsOfAFieldThatIsTooLarge) {

@@ -137,22 +137,45 @@ TEST(PktChecks, FindTheFirstFaultOfAnIcmp6Message) {
     const std::string badSum = "Icmp6 checksum is invalid";
     const std::string tooShort = "IP6 payload is too small to contain Icmp6";
     const Frame good = icmp6Frame(9);
-    expectResults(
-        {
-            {"good", icmp6Frame(8), 0, PktErrors::noError, ""},
-            {"odd", good, 0, PktErrors::noError, ""},
-            {"shortest", icmp6Frame(4), 0, PktErrors::noError, ""},
-            {"3 bytes", icmp6Frame(3), 0, PktErrors::badIp6PayloadLen, tooShort},
-            {"next header before length", changed(icmp6Frame(3), 20, 0), 0,
-             PktErrors::nextHdrIsNotIcmp6, "Next header is not Icmp6"},
-            {"last byte", changed(good, 62, 0), 0, PktErrors::badIcmp6Checksum, badSum},
-            {"destination", changed(good, 53, 1), 0, PktErrors::badIcmp6Checksum, badSum},
-        },
-        [](const Mox::Ptr<Pkt>& pkt) {
+    const std::vector<Case> cases = {
+        {"good", icmp6Frame(8), 0, PktErrors::noError, ""},
+        {"odd", good, 0, PktErrors::noError, ""},
+        {"shortest", icmp6Frame(4), 0, PktErrors::noError, ""},
+        {"3 bytes", icmp6Frame(3), 0, PktErrors::badIp6PayloadLen, tooShort},
+        {"next header before length", changed(icmp6Frame(3), 20, 0), 0,
+         PktErrors::nextHdrIsNotIcmp6, "Next header is not Icmp6"},
+        {"last byte", changed(good, 62, 0), 0, PktErrors::badIcmp6Checksum, badSum},
+        {"destination", changed(good, 53, 1), 0, PktErrors::badIcmp6Checksum, badSum},
+    };
+    for (const bool hasPkt : {false, true}) {
+        expectResults(cases, [hasPkt](const Mox::Ptr<Pkt>& pkt) {
             auto* ip6 = reinterpret_cast<Ip6Hdr*>(pkt->frontData() + 14);
             Icmp6Hdr* icmp6 = nullptr;
-            return checkIcmp6CheckSum(ip6, icmp6);
+            return hasPkt ? checkIcmp6CheckSum(pkt, ip6, icmp6) : checkIcmp6CheckSum(ip6, icmp6);
         });
+    }
+}
+
+// Of a message of 6 bytes and more, in two pieces of every size.
+TEST(PktChecks, SumAMessageInPieces) {
+    for (uint8_t payload = 6; payload < 10; ++payload) {
+        const Frame good = icmp6Frame(payload);
+        const Frame bad = changed(good, 53u + payload, 1);
+        const Frame tooLong = changed(good, 19, payload + 1);
+        for (uint32_t front = 54; front <= Pkt::privateAreaBytes && front <= good.size(); ++front) {
+            const auto result = [front](const Frame& frame) {
+                const GuardedPkt guarded(frame.data(), static_cast<uint32_t>(frame.size()), front);
+                Icmp6Hdr* icmp6 = nullptr;
+                return checkIcmp6CheckSum(
+                    guarded.pkt(), reinterpret_cast<Ip6Hdr*>(guarded.pkt()->frontData() + 14),
+                    icmp6);
+            };
+            const PktErrors cut = PktErrors::pktTooShort;
+            EXPECT_EQ(result(good), front < 58 ? cut : PktErrors::noError) << front;
+            EXPECT_EQ(result(bad), front < 58 ? cut : PktErrors::badIcmp6Checksum) << front;
+            EXPECT_EQ(result(tooLong), PktErrors::badIp6PayloadLen);
+        }
+    }
 }
 
 }  // namespace
