@@ -313,7 +313,7 @@ const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
     if (const char* error = address_.parse(in)) {
         return error;
     }
-    if (atMaskLength(in)) {
+    if (atMaskLength(in, /*isIp6=*/true)) {
         uint32_t len = 0;
         if (readLengthSuffix(in, &len) != LengthFault::none || len > 128) {
             return leftoverText;
@@ -327,13 +327,13 @@ const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
 }
 
 void Ip6AddrWithFullMask::print(Mox::TextWriter& out) const {
-    if (hasPrefixRepr()) {
-        Ip6AddrWithMask(address_, prefixLen().value()).subnet().print(out);
-        return;
-    }
     address_.print(out);
     out.put('/');
-    mask_.print(out);
+    if (hasPrefixRepr()) {
+        out.decimal(prefixLen().value());
+    } else {
+        mask_.print(out);
+    }
 }
 
 Ip6Addr Ip6Prefix::subnetHost(const Ip6Addr& host) const {

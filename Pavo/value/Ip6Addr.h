@@ -379,8 +379,8 @@ static_assert(std::is_trivially_copyable_v<Ip6AddrWithMask> && sizeof(Ip6AddrWit
 /// An address with any 128-bit mask, in the shape of an address; the mask need not be contiguous.
 /// Ordered by address, then by mask.
 ///
-/// Text shows what the pair matches: 2001:db8::/32 for 2001:db8::1 under a contiguous mask, its
-/// host bits left out, and address "/" mask under any other. Both forms of the mask are read.
+/// Text is the address, "/" and the mask: 2001:db8::1/32 for a contiguous mask, and the mask as an
+/// address for any other. Both forms of the mask are read.
 class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
   public:
     constexpr Ip6AddrWithFullMask() = default;

@@ -13,7 +13,7 @@ const char* IpGenAddrWithFullMask::parseAs(Mox::TextCursor& in, const char* addr
         return addressError;
     }
     const IpGenAddr whole(address);
-    if (atMaskLength(in)) {
+    if (atMaskLength(in, whole.af() == ipv6)) {
         uint32_t len = 0;
         if (readLengthSuffix(in, &len) != LengthFault::none || len > addressBits(whole.af())) {
             return longLengthText(whole.af());

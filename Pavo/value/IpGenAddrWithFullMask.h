@@ -21,12 +21,12 @@ namespace Pavo {
 /// are held as in `IpGenAddr`: sixteen bytes, of which IPv4 uses the first four. Ordered by family,
 /// then by address, then by mask.
 ///
-/// Text shows what the pair matches, as `IpAddrWithFullMask` and `Ip6AddrWithFullMask` do:
-/// 10.1.2.0/24 for 10.1.2.3 under a contiguous mask, 10.1.2.3/255.0.255.0 under any other; of an
-/// unknown family it is "::/0". The mask is read as a length or as an address. Errors are
+/// Text is that of `IpAddrWithFullMask` and `Ip6AddrWithFullMask`: 10.1.2.0/24 for 10.1.2.3 under a
+/// contiguous mask, so the host bits of IPv4 are lost in it; 10.1.2.3/255.0.255.0 under any other;
+/// fe80::1/64; of an unknown family "::/0". The mask is read as a length or as an address. Errors are
 /// - "Invalid IPv4/IPv6 address": no ":" and no "." before the "/" tells a family
 /// - "Invalid IPv4 address", "Invalid IPv6 address"
-/// - "premature end of Prefix type": nothing behind the address, or nothing behind the "/"
+/// - "premature end of Prefix type": nothing after the address, or nothing after the "/"
 /// - "Invalid IPv4 mask", "Invalid IPv6 mask"
 /// - "Invalid IPv4 prefix length", "Invalid IPv6 prefix": a length above 32 or 128
 class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
@@ -51,10 +51,10 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     constexpr IpGenAddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask)
         : IpGenAddrWithFullMask(ipv6, address, mask) {}
     /// @throws Mox::RangeException "Invalid IPv4 prefix length" above 32
-    constexpr IpGenAddrWithFullMask(const IpAddr& address, uint8_t len)
+    constexpr IpGenAddrWithFullMask(const IpAddr& address, uint32_t len)
         : IpGenAddrWithFullMask(ipv4, IpGenAddr(address).address(), maskOfLength(ipv4, len)) {}
     /// @throws Mox::RangeException "Invalid IPv6 prefix" above 128
-    constexpr IpGenAddrWithFullMask(const Ip6Addr& address, uint8_t len)
+    constexpr IpGenAddrWithFullMask(const Ip6Addr& address, uint32_t len)
         : IpGenAddrWithFullMask(ipv6, address, maskOfLength(ipv6, len)) {}
     /// @throws Mox::RangeException with one of the texts above
     IpGenAddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }

@@ -109,8 +109,8 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     constexpr Ip6Prefix v6Prefix() const {
         return af_ == ipv6 ? Ip6Prefix(v6Addr(), len_) : Ip6Prefix();
     }
-    constexpr operator Prefix() const { return v4Prefix(); }
-    constexpr operator Ip6Prefix() const { return v6Prefix(); }
+    constexpr explicit operator Prefix() const { return v4Prefix(); }
+    constexpr explicit operator Ip6Prefix() const { return v6Prefix(); }
 
     /// 0.0.0.0/0 or ::/0; not the prefix of an unknown family.
     constexpr bool isDefaultRoutePrefix() const { return af_ != ipunknown && len_ == 0; }

@@ -94,16 +94,23 @@ inline LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
     return LengthFault::none;
 }
 
-/// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address: its
-/// first digits alone look like a length, but go on as an address does.
-inline bool atMaskLength(Mox::TextCursor in) {
+/// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address, whose
+/// first digits alone look like a length: "/255.0" and "/64:1" are masks, "/24: up" is a length.
+inline bool atMaskLength(Mox::TextCursor in, bool isIp6) {
     if (!in.take('/') || !in.atDigit()) {
         return false;
     }
     while (in.atDigit()) {
         in.skip();
     }
-    return in.peek() != '.' && in.peek() != ':' && Mox::TextCursor::hexValue(in.peek()) < 0;
+    if (!isIp6) {
+        return !in.take('.') || !in.atDigit();
+    }
+    const auto isHex = [&in] { return Mox::TextCursor::hexValue(in.peek()) >= 0; };
+    if (in.take(':')) {
+        return in.peek() != ':' && !isHex();
+    }
+    return in.peek() != '.' && !isHex();
 }
 
 }  // namespace Pavo
