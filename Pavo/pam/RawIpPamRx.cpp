@@ -59,7 +59,7 @@ Mox::Ptr<Pkt> roomAgain(const Mox::Ptr<Pkt>& pkt, uint32_t bytes) {
     }
     pkt->delSeparateVlanTag();
     // To the front of the buffer, from where the data has room for all of it.
-    pkt->delSharedTailData(pkt->sharedBuffer()->dataBytes());
+    pkt->delSharedTailData(pkt->iovec(1).bytes);
     const uint32_t headRoom = pkt->sharedBuffer()->headRoom();
     pkt->newSharedHeadData(headRoom);
     pkt->delSharedTailData(headRoom);

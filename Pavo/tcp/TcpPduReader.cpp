@@ -102,7 +102,7 @@ bool TcpPduReader::begin() {
 // to ask for, before the PDU has begun or after more than the PDU was read, would never end.
 bool TcpPduReader::measure() {
     const uint32_t size = framing_->getPduSize();
-    const uint32_t held = pkt_->sharedBuffer()->dataBytes();
+    const uint32_t held = pkt_->iovec(1).bytes;
     MOX_TRACE(facility, 9, "PDU size: ", size, " Remaining: ", int64_t{size} - held);
     if (size > framing_->maxPduLength()) {
         return failedWith("PDU length too big");
