@@ -3,22 +3,20 @@
 
 usage: check_layers.py [ROOT]
 
-tools/layers says which layer may include which. The units of a layer are those that its
-CMakeLists.txt lists (`pavo_units(<library> PUBLIC <unit>... PRIVATE <unit>...)`), and its README.md
-has a table with a row for each. Exits with 1 and one line for each fault: an include that points up
-or sideways, an include of a private unit from a public header, an include by another path than
-"Pavo/<layer>/<unit>.h", an include cycle, a file in no list, a listed unit without file, a unit
-without row, a row without unit, and an include of Pavo/ from platform/.
+tools/layers says which layer may include which. The units of a layer are the headers and sources in
+its folder; its CMakeLists.txt names the private ones (`pavo_units(<library> PRIVATE <unit>...)`),
+and its README.md has a table with a row for each unit. Exits with 1 and one line for each fault: an
+include that points up or sideways, an include of a private unit from a public header, an include by
+another path than "Pavo/<layer>/<unit>.h", an include cycle, a private unit without header, a file
+that is no unit, a unit without row, a row without unit, and an include of Pavo/ from platform/.
 """
 
 import pathlib
 import re
 import sys
 
-NOT_UNITS = {"CMakeLists.txt", "README.md"}
-
 INCLUDE = re.compile(r'^\s*#\s*include\s*["<]([^">]+)[">]', re.MULTILINE)
-UNIT_LIST = re.compile(r"\bpavo_units\s*\(\s*\S+\s+([^)]*)\)")
+PRIVATE = re.compile(r"\bpavo_units\s*\(\s*\S+\s+PRIVATE\s+([^)]*)\)")
 ROW = re.compile(r"^\|\s*`([^`]+)`\s*\|\s*\S")
 
 
@@ -33,39 +31,31 @@ def read_layers(path):
     return may_include
 
 
-def read_lists(folder):
-    """[(unit, is private)] in the order of the folder's CMakeLists.txt."""
+def units_of(folder):
+    """The names of the units in a folder, each once."""
+    files = (path for path in folder.iterdir() if path.suffix in (".h", ".cpp"))
+    return sorted({path.stem for path in files})
+
+
+def private_units(folder):
+    """The units that the folder's CMakeLists.txt keeps from agents."""
     text = (folder / "CMakeLists.txt").read_text(encoding="utf-8")
-    units = []
-    for listed in UNIT_LIST.findall(re.sub(r"#.*", "", text)):
-        private = False
-        for word in listed.split():
-            if word in ("PUBLIC", "PRIVATE"):
-                private = word == "PRIVATE"
-            else:
-                units.append((word, private))
-    return units
+    listed = PRIVATE.search(re.sub(r"#.*", "", text))
+    return listed[1].split() if listed else []
 
 
 def includes_of(path):
     return INCLUDE.findall(path.read_text(encoding="utf-8"))
 
 
-def check_files(folder, units):
-    """What is listed is there, and what is there is listed."""
-    seen = set()
-    for unit in units:
-        if unit in seen:
-            yield f"{folder}/CMakeLists.txt: {unit} is listed twice"
-        seen.add(unit)
-        if not any((folder / f"{unit}{suffix}").exists() for suffix in (".h", ".cpp")):
-            yield f"{folder}/CMakeLists.txt: {unit} is listed and has no file"
-    for path in sorted(folder.rglob("*")):
-        if path.is_dir() or path.name in NOT_UNITS:
-            continue
-        unit = str(path.relative_to(folder).with_suffix(""))
-        if path.suffix not in (".h", ".cpp") or unit not in seen:
-            yield f"{path}: in no list of {folder}/CMakeLists.txt"
+def check_files(folder):
+    """All files are of units, and a private unit has a header to keep from agents."""
+    for unit in private_units(folder):
+        if not (folder / f"{unit}.h").exists():
+            yield f"{folder}/CMakeLists.txt: {unit} is private and has no header"
+    for path in sorted(folder.iterdir()):
+        if path.suffix not in (".h", ".cpp") and path.name not in ("CMakeLists.txt", "README.md"):
+            yield f"{path}: no unit"
 
 
 def check_rows(folder, units):
@@ -75,7 +65,7 @@ def check_rows(folder, units):
     for number, line in enumerate(readme.read_text(encoding="utf-8").splitlines(), start=1):
         if match := ROW.match(line):
             if match[1] not in units:
-                yield f"{readme}:{number}: {match[1]} is no listed unit"
+                yield f"{readme}:{number}: {match[1]} is no unit"
             elif match[1] in rows:
                 yield f"{readme}:{number}: {match[1]} has a row already"
             rows.add(match[1])
@@ -125,7 +115,7 @@ def check_includes(path, layer, may_include, layer_of, private):
         if not included.startswith("Pavo/"):
             continue
         if unit not in layer_of:
-            yield f"{path}: includes {included}, which is no listed unit"
+            yield f"{path}: includes {included}, which is no unit"
         elif included != f"Pavo/{layer_of[unit]}/{unit}.h":
             yield f'{path}: "{included}" is to be included as "Pavo/{layer_of[unit]}/{unit}.h"'
         elif layer_of[unit] not in may_include:
@@ -152,11 +142,11 @@ def faults(root):
         if folder.name not in may_include:
             yield f"{folder}: no layer of tools/layers"
     for layer in may_include:
-        for unit, is_private in read_lists(pavo / layer):
+        for unit in units_of(pavo / layer):
             if unit in layer_of:
-                yield f"{pavo / layer}/CMakeLists.txt: {unit} is a unit of {layer_of[unit]} too"
+                yield f"{pavo / layer}: {unit} is a unit of {layer_of[unit]} too"
             layer_of[unit] = layer
-            private |= {unit} if is_private else set()
+        private |= set(private_units(pavo / layer))
     for layer in may_include:
         for path in sorted((pavo / layer).glob("*.*")):
             if path.suffix in (".h", ".cpp"):
@@ -167,10 +157,9 @@ def faults(root):
     for library in libraries:
         yield from check_cycles(library, platform)
     for folder in [pavo / layer for layer in may_include] + libraries:
-        units = [unit for unit, _ in read_lists(folder)]
-        yield from check_files(folder, units)
+        yield from check_files(folder)
         if folder not in libraries:
-            yield from check_rows(folder, units)
+            yield from check_rows(folder, units_of(folder))
 
 
 def main(arguments):
@@ -181,7 +170,7 @@ def main(arguments):
     if found:
         sys.exit(f"layers: {len(found)} faults")
     layers = read_layers(root / "tools" / "layers")
-    units = sum(len(read_lists(root / "Pavo" / layer)) for layer in layers)
+    units = sum(len(units_of(root / "Pavo" / layer)) for layer in layers)
     print(f"layers: {units} units keep to their {len(layers)} layers")
 
 
