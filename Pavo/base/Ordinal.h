@@ -16,9 +16,9 @@ namespace Pavo {
 /// holds it as 32 bits, order is numeric. It is made from plain numbers without a cast, and gives
 /// its number up on demand only (`value()`), so that two kinds of number never mix.
 ///
-/// The type `T` itself derives from this, inherits the constructors, and names three texts:
-/// `typeName` ("Pavo::IpTtl"), `leftoverText` ("Invalid IpTtl", for bad text) and `rangeText`
-/// ("IpTtl::value < 0 or > 255 not allowed", for a number past `most`).
+/// The type `T` itself derives from this, inherits the constructors, and names two texts:
+/// `typeName` ("Pavo::IpTtl") and `rangeText` ("IpTtl::value < 0 or > 255 not allowed", for a
+/// number past `most`).
 template <class T, class Number, uint32_t most>
 class Ordinal : public Mox::ValueType<T> {
   public:
@@ -29,7 +29,7 @@ class Ordinal : public Mox::ValueType<T> {
     constexpr Ordinal() = default;
     /// @throws Mox::RangeException `T::rangeText` past `max`.
     constexpr Ordinal(uint32_t value) { valueIs(value); }
-    /// @throws Mox::RangeException `T::leftoverText`
+    /// @throws Mox::RangeException `T::invalidText`
     Ordinal(TextIt& it, const TextIt& end) {
         Mox::TextCursor in(it, end);
         if (const char* error = parse(in)) {
@@ -60,7 +60,7 @@ class Ordinal : public Mox::ValueType<T> {
     const char* parse(Mox::TextCursor& in) {
         uint32_t number = 0;
         if (!in.decimal(&number) || number > most) {
-            return T::leftoverText;
+            return T::invalidText;
         }
         value_ = static_cast<Number>(number);
         return nullptr;

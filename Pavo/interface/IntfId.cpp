@@ -177,7 +177,7 @@ Mox::String IntfId::shortName() const {
 const char* IntfId::parse(Mox::TextCursor& in) {
     const auto read = globalIntfIdMgr()->trie().stringToIntfId(in.rest());
     if (read.length == 0) {
-        return leftoverText;
+        return invalidText;
     }
     *this = read.id;
     in.atIs(in.at() + read.length);

@@ -53,7 +53,7 @@ class IntfId : public Mox::ValueType<IntfId> {
     friend constexpr bool operator==(const IntfId&, const IntfId&) = default;
     friend constexpr auto operator<=>(const IntfId&, const IntfId&) = default;
 
-    static constexpr const char* leftoverText = "Error deserializing IntfId";
+    static constexpr const char* invalidText = "Error deserializing IntfId";
     static constexpr auto description() {
         return Mox::record("Pavo::IntfId", Mox::field("value", &IntfId::value_));
     }
@@ -130,7 +130,6 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
         return typeA != typeB ? typeA <=> typeB : a.value_ <=> b.value_;
     }
 
-    static constexpr const char* leftoverText = "Invalid GenericIntfId";
     static constexpr auto description() {
         return Mox::record("Pavo::GenericIntfId", Mox::field("value", &GenericIntfId::value_));
     }

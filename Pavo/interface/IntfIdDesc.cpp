@@ -17,10 +17,10 @@ constinit bool pluginsWait = true;
 }  // namespace
 
 const char* IntfIdPartKey::parse(Mox::TextCursor& in) {
-    if (const char* error = parseRecord(in, this, description(), leftoverText)) {
+    if (const char* error = parseRecord(in, this, description(), invalidText)) {
         return error;
     }
-    return part_ < IntfIdTrie::maxParts ? nullptr : leftoverText;
+    return part_ < IntfIdTrie::maxParts ? nullptr : invalidText;
 }
 
 void IntfIdPartKey::print(Mox::TextWriter& out) const {
@@ -225,7 +225,7 @@ IntfId IntfIdMgr::shortStringToIntfId(const Mox::String& name) const {
 IntfId IntfIdMgr::wholeName(const Mox::String& name, bool shortForm) const {
     const auto read = trie_.stringToIntfId(name.view(), shortForm);
     if (read.length == 0 || read.length != name.bytes()) {
-        Mox::throwRangeException(IntfId::leftoverText);
+        Mox::throwRangeException(IntfId::invalidText);
     }
     return read.id;
 }

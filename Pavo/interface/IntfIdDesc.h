@@ -29,7 +29,6 @@ class SubIntfIdKey : public Ordinal<SubIntfIdKey, uint8_t, 3> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::SubIntfIdKey";
-    static constexpr const char* leftoverText = "Invalid SubIntfIdKey";
     static constexpr const char* rangeText = "SubIntfIdKey::value < 0 or > 3 not allowed";
 };
 
@@ -57,7 +56,6 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
     friend constexpr bool operator==(const IntfIdPartKey&, const IntfIdPartKey&) = default;
     friend constexpr auto operator<=>(const IntfIdPartKey&, const IntfIdPartKey&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IntfIdPartKey";
     static constexpr auto description() {
         return Mox::record("Pavo::IntfIdPartKey", Mox::field("subType", &IntfIdPartKey::subType_),
                            Mox::field("part", &IntfIdPartKey::part_));
@@ -94,7 +92,6 @@ class ShortPrefix : public Mox::ValueType<ShortPrefix> {
     friend bool operator==(const ShortPrefix&, const ShortPrefix&) = default;
     friend auto operator<=>(const ShortPrefix&, const ShortPrefix&) = default;
 
-    static constexpr const char* leftoverText = "Invalid ShortPrefix";
     static constexpr auto description() {
         return Mox::record("Pavo::ShortPrefix", Mox::field("value", &ShortPrefix::value_));
     }

@@ -105,7 +105,7 @@ void addShapes(const NameShape& start, std::span<const IntfIdPart> parts,
 }  // namespace
 
 const char* IntfIdPart::parse(Mox::TextCursor& in) {
-    if (const char* error = parseRecord(in, this, description(), leftoverText)) {
+    if (const char* error = parseRecord(in, this, description(), invalidText)) {
         return error;
     }
     return errorOfParts();

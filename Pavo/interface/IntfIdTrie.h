@@ -75,7 +75,6 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
 
     friend constexpr bool operator==(const IntfIdPart&, const IntfIdPart&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IntfIdPart";
     static constexpr auto description() {
         return Mox::record("Pavo::IntfIdPart", Mox::field("widthBits", &IntfIdPart::widthBits_),
                            Mox::field("shift", &IntfIdPart::shift_),

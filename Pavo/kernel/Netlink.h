@@ -19,7 +19,6 @@ class NetlinkFamily : public Ordinal<NetlinkFamily, uint16_t, 0xffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::NetlinkFamily";
-    static constexpr const char* leftoverText = "Invalid NetlinkFamily";
     static constexpr const char* rangeText = "NetlinkFamily::value < 0 or > 65535 not allowed";
 };
 
@@ -29,7 +28,6 @@ class NetlinkMsgType : public Ordinal<NetlinkMsgType, uint16_t, 0xffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::NetlinkMsgType";
-    static constexpr const char* leftoverText = "Invalid NetlinkMsgType";
     static constexpr const char* rangeText = "NetlinkMsgType::value < 0 or > 65535 not allowed";
 };
 
@@ -39,7 +37,6 @@ class NetlinkMsgFlags : public Ordinal<NetlinkMsgFlags, uint16_t, 0xffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::NetlinkMsgFlags";
-    static constexpr const char* leftoverText = "Invalid NetlinkMsgFlags";
     static constexpr const char* rangeText = "NetlinkMsgFlags::value < 0 or > 65535 not allowed";
 };
 
@@ -49,7 +46,6 @@ class NetlinkPortId : public Ordinal<NetlinkPortId, uint32_t, 0xffffffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::NetlinkPortId";
-    static constexpr const char* leftoverText = "Invalid NetlinkPortId";
     static constexpr const char* rangeText = "NetlinkPortId::value < 0 or > 4294967295 not allowed";
 };
 
@@ -60,7 +56,6 @@ class NetlinkGroups : public Ordinal<NetlinkGroups, uint32_t, 0xffffffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::NetlinkGroups";
-    static constexpr const char* leftoverText = "Invalid NetlinkGroups";
     static constexpr const char* rangeText = "NetlinkGroups::value < 0 or > 4294967295 not allowed";
 };
 

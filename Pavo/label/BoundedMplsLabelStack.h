@@ -106,7 +106,7 @@ class BoundedMplsLabelStack : public MplsLabelStackBase<BoundedMplsLabelStack, B
     static constexpr const char* labelIsText = "BoundedMplsLabelStack::labelIs: index out of range";
     static constexpr const char* labelIsMarkerText =
         "BoundedMplsLabelStack::labelIs: entropy labels are no ordinary labels";
-    static constexpr const char* leftoverText = "Invalid BoundedMplsLabelStack";
+    static constexpr const char* invalidText = "Invalid BoundedMplsLabelStack";
     static constexpr auto description() {
         using Self = BoundedMplsLabelStack;
         return Mox::record(

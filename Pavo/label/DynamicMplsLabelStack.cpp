@@ -36,7 +36,7 @@ uint32_t DynamicMplsLabelStack::deserializeLen(const uint8_t* from, uint32_t byt
 void DynamicMplsLabelStack::deserialize(const uint8_t* from, uint32_t bytes) {
     const uint32_t length = deserializeLen(from, bytes);
     if (length == 0 || length != bytes) {
-        Mox::throwRangeException(leftoverText);
+        Mox::throwRangeException(invalidText);
     }
     DynamicMplsLabelStack fresh;
     fresh.entropyLabelBitMap_ = loadNet<uint32_t>(from + 4);
@@ -45,12 +45,12 @@ void DynamicMplsLabelStack::deserialize(const uint8_t* from, uint32_t bytes) {
     for (uint32_t at = headBytes; at < bytes; at += labelBytes) {
         const auto label = loadNet<uint32_t>(from + at);
         if (label > MplsLabel::luWithdrawLabelValue) {
-            Mox::throwRangeException(leftoverText);
+            Mox::throwRangeException(invalidText);
         }
         fresh.labels_.push_back(label);
     }
     if (fresh.check() != nullptr) {
-        Mox::throwRangeException(leftoverText);
+        Mox::throwRangeException(invalidText);
     }
     *this = std::move(fresh);
 }
@@ -77,14 +77,14 @@ const char* DynamicMplsLabelStack::parseStrep(Mox::TextCursor& in) {
     uint32_t size = 0;
     if (!in.take("DynamicMplsLabelStack(stackSize:"sv) || !in.decimal(&size) ||
         !in.take(", labels:["sv)) {
-        return leftoverText;
+        return invalidText;
     }
     while (!in.take(']')) {
         uint32_t label = 0;
         if (!labels_.empty() && !in.take(", "sv)) {
-            return leftoverText;
+            return invalidText;
         }
-        if (const char* error = parseUpTo(in, most, &label, MplsLabel::rangeText, leftoverText)) {
+        if (const char* error = parseUpTo(in, most, &label, MplsLabel::rangeText, invalidText)) {
             return error;
         }
         labels_.push_back(label);
@@ -92,7 +92,7 @@ const char* DynamicMplsLabelStack::parseStrep(Mox::TextCursor& in) {
     const bool isRest = in.take(", entropyLabelBitMap:"sv) && in.decimal(&entropyLabelBitMap_) &&
                         in.take(", entropyLabelIndicatorBitMap:"sv) &&
                         in.decimal(&entropyLabelIndicatorBitMap_) && in.take(')');
-    return isRest && size == stackSize() ? check() : leftoverText;
+    return isRest && size == stackSize() ? check() : invalidText;
 }
 
 }  // namespace Pavo

@@ -75,7 +75,6 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
     static constexpr const char* labelIsText = "DynamicMplsLabelStack::labelIs: index out of range";
     static constexpr const char* labelIsMarkerText =
         "DynamicMplsLabelStack::labelIs: entropy labels are no ordinary labels";
-    static constexpr const char* leftoverText = "Invalid DynamicMplsLabelStack";
     static constexpr auto description() {
         using Self = DynamicMplsLabelStack;
         return Mox::record(

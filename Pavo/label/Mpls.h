@@ -47,8 +47,8 @@ constexpr auto enumDescription(MplsLabelAction) {
 }
 // clang-format on
 
-/// What both label operations share. `Self` is the operation, and names its `typeName`,
-/// `leftoverText` and `stackName`, the field that holds its `Stack`.
+/// What both label operations share. `Self` is the operation, and names its `typeName` and
+/// `stackName`, the field that holds its `Stack`.
 ///
 /// Ordered by action, then by flags, then by the stack.
 template <class Self, class Stack>
@@ -197,7 +197,6 @@ class MplsLabelOperation
     PAVO_EXPORT SmushResult smush(const MplsLabelOperation& other);
 
     static constexpr const char* typeName = "Pavo::MplsLabelOperation";
-    static constexpr const char* leftoverText = "Invalid MplsLabelOperation";
     static constexpr const char* stackName = "boundedLabelStack";
 
   private:
@@ -222,7 +221,6 @@ class UnboundedMplsLabelOperation
     void dynamicLabelStackIs(DynamicMplsLabelStack labels) { stack() = std::move(labels); }
 
     static constexpr const char* typeName = "Pavo::UnboundedMplsLabelOperation";
-    static constexpr const char* leftoverText = "Invalid UnboundedMplsLabelOperation";
     static constexpr const char* stackName = "dynamicLabelStack";
 };
 
@@ -276,7 +274,6 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
     friend constexpr auto operator<=>(const MplsLabelAndAction&,
                                       const MplsLabelAndAction&) = default;
 
-    static constexpr const char* leftoverText = "Invalid MplsLabelAndAction";
     static constexpr auto description() {
         return Mox::record("Pavo::MplsLabelAndAction",
                            Mox::field("value", &MplsLabelAndAction::value_));
@@ -336,7 +333,6 @@ class SmushResult : public Mox::ValueType<SmushResult> {
             return a.value() <=> b.value();
         }
 
-        static constexpr const char* leftoverText = "Invalid SmushResult::SmushError";
         static constexpr auto description() {
             return Mox::record("Pavo::SmushResult::SmushError",
                                Mox::field("badControlWord", &SmushError::badControlWord_),
@@ -368,7 +364,6 @@ class SmushResult : public Mox::ValueType<SmushResult> {
 
     friend constexpr auto operator<=>(const SmushResult&, const SmushResult&) = default;
 
-    static constexpr const char* leftoverText = "Invalid SmushResult";
     static constexpr auto description() {
         return Mox::record("Pavo::SmushResult", Mox::field("smushError", &SmushResult::smushError_),
                            Mox::field("stackResult", &SmushResult::stackResult_));

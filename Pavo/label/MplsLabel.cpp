@@ -69,7 +69,7 @@ void MplsLabel::printPretty(Mox::TextWriter& out) const {
 
 const char* MplsStackEntryIndex::parse(Mox::TextCursor& in) {
     uint32_t number = value();
-    const char* error = parseUpTo(in, max, &number, rangeText, leftoverText);
+    const char* error = parseUpTo(in, max, &number, rangeText, invalidText);
     valueIs(number);
     return error;
 }

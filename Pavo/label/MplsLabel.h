@@ -88,7 +88,6 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
 
     friend constexpr auto operator<=>(const MplsLabel&, const MplsLabel&) = default;
 
-    static constexpr const char* leftoverText = "Invalid MplsLabel";
     static constexpr auto description() {
         return Mox::record("Pavo::MplsLabel", Mox::field("value", &MplsLabel::value_));
     }
@@ -116,7 +115,6 @@ class MplsStackEntryIndex : public Ordinal<MplsStackEntryIndex, uint8_t, 7> {
     constexpr bool valid() const { return value() != nullValue; }
 
     static constexpr const char* typeName = "Pavo::MplsStackEntryIndex";
-    static constexpr const char* leftoverText = "Invalid MplsStackEntryIndex";
     static constexpr const char* rangeText =
         "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > MplsStackEntryIndex::nullValue "
         "not allowed";

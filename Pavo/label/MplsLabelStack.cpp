@@ -50,7 +50,7 @@ bool MplsLabelStack::valid() const {
 
 const char* MplsLabelStack::parse(Mox::TextCursor&) {
     Mox::require(false, "No String constructor for MplsLabelStack - has collection");
-    return leftoverText;
+    return invalidText;
 }
 
 void MplsLabelStack::print(Mox::TextWriter& out) const {

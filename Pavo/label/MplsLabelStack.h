@@ -60,7 +60,6 @@ class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
 
     friend constexpr auto operator<=>(const MplsLabelEntry&, const MplsLabelEntry&) = default;
 
-    static constexpr const char* leftoverText = "Invalid MplsLabelEntry";
     static constexpr auto description() {
         return Mox::record("Pavo::MplsLabelEntry", Mox::field("v0", &MplsLabelEntry::v0_),
                            Mox::field("v1", &MplsLabelEntry::v1_),
@@ -105,7 +104,6 @@ class MplsLabelStack : public Mox::ValueType<MplsLabelStack> {
     friend bool operator==(const MplsLabelStack&, const MplsLabelStack&) = default;
     friend auto operator<=>(const MplsLabelStack&, const MplsLabelStack&) = default;
 
-    static constexpr const char* leftoverText = "Invalid MplsLabelStack";
     static constexpr auto description() {
         return Mox::record("Pavo::MplsLabelStack",
                            Mox::field("labelEntry", &MplsLabelStack::entries_));

@@ -79,7 +79,6 @@ class BoundedMplsLabelStackResult : public Mox::ValueType<BoundedMplsLabelStackR
     friend constexpr auto operator<=>(const BoundedMplsLabelStackResult&,
                                       const BoundedMplsLabelStackResult&) = default;
 
-    static constexpr const char* leftoverText = "Invalid BoundedMplsLabelStackResult";
     static constexpr auto description() {
         return Mox::record("Pavo::BoundedMplsLabelStackResult",
                            Mox::field("error", &BoundedMplsLabelStackResult::error_));

@@ -26,7 +26,6 @@ class IpVersionTrafficClassAndFlowLabel
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::IpVersionTrafficClassAndFlowLabel";
-    static constexpr const char* leftoverText = "Invalid IpVersionTrafficClassAndFlowLabel";
 };
 
 /// An IPv6 header, laid over the bytes of a packet, or free-standing and all zero to build one

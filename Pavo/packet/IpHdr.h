@@ -25,7 +25,6 @@ class IpTotalLen : public NetField<IpTotalLen, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::IpTotalLen";
-    static constexpr const char* leftoverText = "Invalid IpTotalLen";
 };
 
 /// Tells the fragments of one datagram from those of another.
@@ -34,7 +33,6 @@ class IpId : public NetField<IpId, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::IpId";
-    static constexpr const char* leftoverText = "Invalid IpId";
 };
 
 /// Bit 15 is reserved, bit 14 forbids fragmenting, bit 13 says that more fragments follow, bits 0
@@ -44,7 +42,6 @@ class IpFragmentOffsetAndFlags : public NetField<IpFragmentOffsetAndFlags, uint1
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::IpFragmentOffsetAndFlags";
-    static constexpr const char* leftoverText = "Invalid IpFragmentOffsetAndFlags";
 };
 
 /// The first byte of the header: the version in the high four bits, the header length in the low.
@@ -53,7 +50,6 @@ class IpVersionAndHeaderLen : public Ordinal<IpVersionAndHeaderLen, uint8_t, 255
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpVersionAndHeaderLen";
-    static constexpr const char* leftoverText = "Invalid IpVersionAndHeaderLen";
     static constexpr const char* rangeText =
         "IpVersionAndHeaderLen::value < 0 or > 255 not allowed";
 };
@@ -64,7 +60,6 @@ class IpHdrLen : public Ordinal<IpHdrLen, uint8_t, 15> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpHdrLen";
-    static constexpr const char* leftoverText = "Invalid IpHdrLen";
     static constexpr const char* rangeText = "IpHdrLen::value < 0 or > 15 not allowed";
 };
 
@@ -74,7 +69,6 @@ class IpFlags : public Ordinal<IpFlags, uint8_t, 7> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpFlags";
-    static constexpr const char* leftoverText = "Invalid IpFlags";
     static constexpr const char* rangeText = "IpFlags::value < 0 or > 7 not allowed";
 };
 
@@ -84,7 +78,6 @@ class IpFragmentOffset : public Ordinal<IpFragmentOffset, uint16_t, 0x1fff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpFragmentOffset";
-    static constexpr const char* leftoverText = "Invalid IpFragmentOffset";
     static constexpr const char* rangeText = "IpFragmentOffset::value < 0 or > 8191 not allowed";
 };
 
@@ -94,7 +87,6 @@ class OrdinalU8 : public Ordinal<OrdinalU8, uint8_t, 255> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::OrdinalU8";
-    static constexpr const char* leftoverText = "Invalid OrdinalU8";
     static constexpr const char* rangeText = "OrdinalU8::value < 0 or > 255 not allowed";
 };
 

@@ -82,9 +82,8 @@ class NetBytes<8> : public NetBytes<4> {
 };
 
 /// A field of a header: a `Number` in network order, as the type `T`, which derives from it and
-/// adds its `typeName` and `leftoverText`. Strep and hash are those of a record of the bytes `v0`,
-/// `v1` and on; a field of one byte has its number as text. The log holds the bytes as they are,
-/// without widening.
+/// adds its `typeName`. Strep and hash are those of a record of the bytes `v0`, `v1` and on; a
+/// field of one byte has its number as text. The log holds the bytes as they are, without widening.
 template <class T, std::unsigned_integral Number>
 class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     using Bytes = NetBytes<sizeof(Number)>;
@@ -124,7 +123,7 @@ class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     const char* parse(Mox::TextCursor& in) requires(sizeof(Number) == 1) {
         uint32_t number = 0;
         if (!in.decimal(&number) || number > 0xff) {
-            return T::leftoverText;
+            return T::invalidText;
         }
         this->v0_ = static_cast<uint8_t>(number);
         return nullptr;
@@ -148,7 +147,6 @@ class NetU8 : public NetField<NetU8, uint8_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::NetU8";
-    static constexpr const char* leftoverText = "Invalid NetU8";
 };
 
 class NetU16 : public NetField<NetU16, uint16_t> {
@@ -156,7 +154,6 @@ class NetU16 : public NetField<NetU16, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::NetU16";
-    static constexpr const char* leftoverText = "Invalid NetU16";
 };
 
 class NetU32 : public NetField<NetU32, uint32_t> {
@@ -164,7 +161,6 @@ class NetU32 : public NetField<NetU32, uint32_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::NetU32";
-    static constexpr const char* leftoverText = "Invalid NetU32";
 };
 
 class NetU64 : public NetField<NetU64, uint64_t> {
@@ -174,7 +170,6 @@ class NetU64 : public NetField<NetU64, uint64_t> {
     explicit constexpr operator bool() const { return *this != NetU64(); }
 
     static constexpr std::string_view typeName = "Pavo::NetU64";
-    static constexpr const char* leftoverText = "Invalid NetU64";
 };
 
 /// An Internet checksum as it is sent (RFC 1071).
@@ -183,7 +178,6 @@ class IpChecksum : public NetField<IpChecksum, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::IpChecksum";
-    static constexpr const char* leftoverText = "Invalid IpChecksum";
 };
 
 /// True for what may be laid over packet bytes at any address: `bytes` long, no padding, no

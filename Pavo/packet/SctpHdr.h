@@ -19,7 +19,6 @@ class SctpPort : public NetField<SctpPort, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::SctpPort";
-    static constexpr const char* leftoverText = "Invalid SctpPort";
 };
 
 /// A CRC-32C as SCTP sends it (RFC 9260, appendix A): its least significant byte comes first, so
@@ -29,7 +28,6 @@ class SctpChecksum : public NetField<SctpChecksum, uint32_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::SctpChecksum";
-    static constexpr const char* leftoverText = "Invalid SctpChecksum";
 };
 
 static_assert(isOverlay<SctpPort>(2) && isOverlay<SctpChecksum>(4));

@@ -22,7 +22,6 @@ class TcpPort : public NetField<TcpPort, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpPort";
-    static constexpr const char* leftoverText = "Invalid TcpPort";
 };
 
 /// The number of the first byte of data, or of the SYN. Ordered as a number: where the space wraps
@@ -32,7 +31,6 @@ class TcpSequenceNumber : public NetField<TcpSequenceNumber, uint32_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpSequenceNumber";
-    static constexpr const char* leftoverText = "Invalid TcpSequenceNumber";
 };
 
 /// The number of the next byte that is waited for. Counts when `ack` is set.
@@ -41,7 +39,6 @@ class TcpAcknowledgementNumber : public NetField<TcpAcknowledgementNumber, uint3
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpAcknowledgementNumber";
-    static constexpr const char* leftoverText = "Invalid TcpAcknowledgementNumber";
 };
 
 /// The data offset in bits 12 to 15, reserved bits 9 to 11, and nine flags.
@@ -50,7 +47,6 @@ class TcpDataOffsetAndFlags : public NetField<TcpDataOffsetAndFlags, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpDataOffsetAndFlags";
-    static constexpr const char* leftoverText = "Invalid TcpDataOffsetAndFlags";
 };
 
 /// The bytes that may be sent, before scaling (RFC 7323, 2.3).
@@ -59,7 +55,6 @@ class TcpWindow : public NetField<TcpWindow, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpWindow";
-    static constexpr const char* leftoverText = "Invalid TcpWindow";
 };
 
 /// Where urgent data ends, from the sequence number on. Counts when `urg` is set.
@@ -68,7 +63,6 @@ class TcpUrgentPointer : public NetField<TcpUrgentPointer, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpUrgentPointer";
-    static constexpr const char* leftoverText = "Invalid TcpUrgentPointer";
 };
 
 /// Header and data of a segment, in bytes.
@@ -77,7 +71,6 @@ class TcpLen : public NetField<TcpLen, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpLen";
-    static constexpr const char* leftoverText = "Invalid TcpLen";
 };
 
 /// The same in the pseudo header of IPv6.
@@ -86,7 +79,6 @@ class TcpLenIp6 : public NetField<TcpLenIp6, uint32_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::TcpLenIp6";
-    static constexpr const char* leftoverText = "Invalid TcpLenIp6";
 };
 
 /// The length of header and options, in words of 32 bits.
@@ -95,7 +87,6 @@ class TcpDataOffset : public Ordinal<TcpDataOffset, uint8_t, 15> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::TcpDataOffset";
-    static constexpr const char* leftoverText = "Invalid TcpDataOffset";
     static constexpr const char* rangeText = "TcpDataOffset::value < 0 or > 15 not allowed";
 };
 
@@ -105,7 +96,6 @@ class TcpReserved : public Ordinal<TcpReserved, uint8_t, 7> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::TcpReserved";
-    static constexpr const char* leftoverText = "Invalid TcpReserved";
     static constexpr const char* rangeText = "TcpReserved::value < 0 or > 7 not allowed";
 };
 
@@ -122,7 +112,6 @@ class TcpPseudoHdr : public PseudoHdr<TcpPseudoHdr, TcpLen, IpProtocolNumber::tc
     void tcpLenIs(uint16_t bytes) { len_.valueIs(bytes); }
 
     static constexpr std::string_view typeName = "Pavo::TcpPseudoHdr";
-    static constexpr const char* leftoverText = "Invalid TcpPseudoHdr";
     static constexpr std::string_view lenName = "tcpLen";
 };
 static_assert(isOverlay<TcpPseudoHdr>(12));
@@ -136,7 +125,6 @@ class TcpPseudoHdrIpv6 : public PseudoHdrIpv6<TcpPseudoHdrIpv6, TcpLenIp6, IpPro
     void tcpLenIs(uint32_t bytes) { len_.valueIs(bytes); }
 
     static constexpr std::string_view typeName = "Pavo::TcpPseudoHdrIpv6";
-    static constexpr const char* leftoverText = "Invalid TcpPseudoHdrIpv6";
     static constexpr std::string_view lenName = "tcpLen";
 };
 static_assert(isOverlay<TcpPseudoHdrIpv6>(40));

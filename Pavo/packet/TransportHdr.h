@@ -27,7 +27,7 @@ namespace Pavo {
 ///     | zero (1) | protocol (1) | length of header and data (2) |
 ///
 /// The type `T` derives from this, inherits the constructors, gives access to its length, which is
-/// a `Len`, and names `typeName`, `leftoverText` and the length's `lenName`.
+/// a `Len`, and names `typeName` and the length's `lenName`.
 template <class T, class Len, IpProtocolNumber number>
 class PseudoHdr : public Mox::ValueType<T> {
   public:

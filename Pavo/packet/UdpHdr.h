@@ -21,7 +21,6 @@ class UdpPort : public NetField<UdpPort, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::UdpPort";
-    static constexpr const char* leftoverText = "Invalid UdpPort";
 };
 
 /// Header and data of a datagram, in bytes.
@@ -30,7 +29,6 @@ class UdpLen : public NetField<UdpLen, uint16_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::UdpLen";
-    static constexpr const char* leftoverText = "Invalid UdpLen";
 };
 
 /// The same in the pseudo header of IPv6.
@@ -39,7 +37,6 @@ class UdpLenIp6 : public NetField<UdpLenIp6, uint32_t> {
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::UdpLenIp6";
-    static constexpr const char* leftoverText = "Invalid UdpLenIp6";
 };
 
 static_assert(isOverlay<UdpPort>(2) && isOverlay<UdpLen>(2));
@@ -53,7 +50,6 @@ class UdpPseudoHdr : public PseudoHdr<UdpPseudoHdr, UdpLen, IpProtocolNumber::ud
     void udpLenIs(uint16_t bytes) { len_.valueIs(bytes); }
 
     static constexpr std::string_view typeName = "Pavo::UdpPseudoHdr";
-    static constexpr const char* leftoverText = "Invalid UdpPseudoHdr";
     static constexpr std::string_view lenName = "udpLen";
 };
 static_assert(isOverlay<UdpPseudoHdr>(12));
@@ -67,7 +63,6 @@ class UdpPseudoHdrIpv6 : public PseudoHdrIpv6<UdpPseudoHdrIpv6, UdpLenIp6, IpPro
     void udpLenIs(uint32_t bytes) { len_.valueIs(bytes); }
 
     static constexpr std::string_view typeName = "Pavo::UdpPseudoHdrIpv6";
-    static constexpr const char* leftoverText = "Invalid UdpPseudoHdrIpv6";
     static constexpr std::string_view lenName = "udpLen";
 };
 static_assert(isOverlay<UdpPseudoHdrIpv6>(40));

@@ -120,7 +120,6 @@ class IpFilter : public Mox::ValueType<IpFilter> {
 
     friend constexpr auto operator<=>(const IpFilter&, const IpFilter&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IpFilter";
     static constexpr auto description() {
         return Mox::record("Pavo::IpFilter", Mox::field("code", &IpFilter::code_),
                            Mox::field("jt", &IpFilter::jt_), Mox::field("jf", &IpFilter::jf_),

@@ -25,12 +25,12 @@ const char* TcpSocketOptions::parse(Mox::TextCursor& in) {
         bool on = false;
         good = good && ahead.take(std::string_view(bit == 1 ? "'option" : ", 'option")) &&
                ahead.take(name) && ahead.take(std::string_view("': ")) &&
-               Mox::Codec<bool>::parse(ahead, &on, leftoverText) == nullptr;
+               Mox::Codec<bool>::parse(ahead, &on, invalidText) == nullptr;
         value = static_cast<uint8_t>(on ? value | bit : value);
         bit = static_cast<uint8_t>(bit << 1);
     }
     if (!good || !ahead.take(recordTail)) {
-        return leftoverText;
+        return invalidText;
     }
     in = ahead;
     value_ = value;

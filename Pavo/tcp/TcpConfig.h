@@ -39,6 +39,11 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
   public:
     static constexpr uint8_t all = 0x7f;
 
+    static constexpr auto description() {
+        return Mox::record("Pavo::TcpSocketOptions",
+                           Mox::field("value", &TcpSocketOptions::value_));
+    }
+
     constexpr TcpSocketOptions() = default;
     constexpr TcpSocketOptions(TcpSocketOption option) : value_(option) {}
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
@@ -54,7 +59,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f; nothing is then changed.
     constexpr void valueIs(uint8_t value) {
         if (value > all) {
-            Mox::throwRangeException(leftoverText);
+            Mox::throwRangeException(invalidText);
         }
         value_ = value;
     }
@@ -73,11 +78,6 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     friend constexpr bool operator==(const TcpSocketOptions&, const TcpSocketOptions&) = default;
     friend constexpr auto operator<=>(const TcpSocketOptions&, const TcpSocketOptions&) = default;
 
-    static constexpr const char* leftoverText = "Invalid TcpSocketOptions";
-    static constexpr auto description() {
-        return Mox::record("Pavo::TcpSocketOptions",
-                           Mox::field("value", &TcpSocketOptions::value_));
-    }
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
 

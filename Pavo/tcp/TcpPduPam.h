@@ -70,7 +70,6 @@ class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
 
     friend auto operator<=>(const TcpPduPamReadReturn&, const TcpPduPamReadReturn&) = default;
 
-    static constexpr const char* leftoverText = "Invalid TcpPduPamReadReturn";
     static constexpr auto description() {
         return Mox::record("Pavo::TcpPduPamReadReturn",
                            Mox::field("result", &TcpPduPamReadReturn::result_),

@@ -94,7 +94,6 @@ class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
     friend constexpr auto operator<=>(const TcpKeepaliveOptions&,
                                       const TcpKeepaliveOptions&) = default;
 
-    static constexpr const char* leftoverText = "Invalid TcpKeepaliveOptions";
     static constexpr auto description() {
         return Mox::record("Pavo::TcpKeepaliveOptions",
                            Mox::field("idleTime", &TcpKeepaliveOptions::idleTime_),

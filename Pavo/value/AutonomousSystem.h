@@ -44,7 +44,6 @@ class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
     friend constexpr bool operator==(const AutonomousSystem&, const AutonomousSystem&) = default;
     friend constexpr auto operator<=>(const AutonomousSystem&, const AutonomousSystem&) = default;
 
-    static constexpr const char* leftoverText = "Invalid AutonomousSystem";
     static constexpr auto description() {
         return Mox::record("Pavo::AutonomousSystem",
                            Mox::field("value", &AutonomousSystem::value_));

@@ -133,11 +133,11 @@ uint32_t EthAddr::hash(uint32_t seed) const {
 }
 
 const char* EthAddr::parse(Mox::TextCursor& in) {
-    return readHexBytes<6>(in, bytes_) ? nullptr : leftoverText;
+    return readHexBytes<6>(in, bytes_) ? nullptr : invalidText;
 }
 
 const char* Eui64::parse(Mox::TextCursor& in) {
-    return readHexBytes<8>(in, bytes_) ? nullptr : EthAddr::leftoverText;
+    return readHexBytes<8>(in, bytes_) ? nullptr : EthAddr::invalidText;
 }
 
 void Eui64::print(Mox::TextWriter& out) const {

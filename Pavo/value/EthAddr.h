@@ -114,7 +114,6 @@ class EthAddr : public Mox::ValueType<EthAddr> {
         return a.number() <=> b.number();
     }
 
-    static constexpr const char* leftoverText = "Invalid EthAddr";
     // In the log, the six bytes are the three 16-bit words.
     static constexpr auto description() {
         return Mox::record("Pavo::EthAddr", Mox::field("bytes", &EthAddr::bytes_));
@@ -161,7 +160,6 @@ class Eui64U8Key : public Ordinal<Eui64U8Key, uint8_t, 7> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::Eui64U8Key";
-    static constexpr const char* leftoverText = "Invalid Eui64U8Key";
     static constexpr const char* rangeText = "Eui64U8Key::value < 0 or > 7 not allowed";
 };
 
@@ -207,7 +205,6 @@ class Eui64 : public Mox::ValueType<Eui64> {
     friend constexpr bool operator==(const Eui64&, const Eui64&) = default;
 
     // For text that goes on after the eighth byte; malformed text is an invalid EthAddr.
-    static constexpr const char* leftoverText = "Invalid Eui64";
     static constexpr auto description() {
         return Mox::record("Pavo::Eui64", Mox::field("bytes", &Eui64::bytes_));
     }
@@ -241,7 +238,6 @@ class EthAddrWithMask : public Mox::ValueType<EthAddrWithMask> {
     friend constexpr bool operator==(const EthAddrWithMask&, const EthAddrWithMask&) = default;
     friend constexpr auto operator<=>(const EthAddrWithMask&, const EthAddrWithMask&) = default;
 
-    static constexpr const char* leftoverText = "Invalid EthAddrWithMask";
     static constexpr auto description() {
         return Mox::record("Pavo::EthAddrWithMask", Mox::field("mac", &EthAddrWithMask::mac_),
                            Mox::field("mask", &EthAddrWithMask::mask_));

@@ -339,7 +339,6 @@ class IpVersion : public Ordinal<IpVersion, uint8_t, 15> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpVersion";
-    static constexpr const char* leftoverText = "Invalid IpVersion";
     static constexpr const char* rangeText = "IpVersion::value < 0 or > 15 not allowed";
 };
 
@@ -349,7 +348,6 @@ class IpTtl : public Ordinal<IpTtl, uint8_t, 255> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpTtl";
-    static constexpr const char* leftoverText = "Invalid IpTtl";
     static constexpr const char* rangeText = "IpTtl::value < 0 or > 255 not allowed";
 };
 
@@ -360,7 +358,6 @@ class IpDscp : public Ordinal<IpDscp, uint8_t, 255> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpDscp";
-    static constexpr const char* leftoverText = "Invalid IpDscp";
     static constexpr const char* rangeText = "IpDscp::value < 0 or > 255 not allowed";
 };
 
@@ -370,7 +367,6 @@ class IpTrafficClass : public Ordinal<IpTrafficClass, uint8_t, 255> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpTrafficClass";
-    static constexpr const char* leftoverText = "Invalid IpTrafficClass";
     static constexpr const char* rangeText = "IpTrafficClass::value < 0 or > 255 not allowed";
 };
 
@@ -380,7 +376,6 @@ class IpFlowLabel : public Ordinal<IpFlowLabel, uint32_t, 0xfffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::IpFlowLabel";
-    static constexpr const char* leftoverText = "Invalid IpFlowLabel";
     static constexpr const char* rangeText = "IpFlowLabel::value < 0 or > 1048575 not allowed";
 };
 
@@ -390,7 +385,6 @@ class Port : public Ordinal<Port, uint16_t, 0xffff> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::Port";
-    static constexpr const char* leftoverText = "Invalid Port";
     static constexpr const char* rangeText = "Port::value < 0 or > 65535 not allowed";
 };
 

@@ -215,7 +215,7 @@ const char* readAddressAndLength(Mox::TextCursor& in, Ip6Addr* address, uint32_t
     }
     const LengthFault fault = readLengthSuffix(in, len);
     if (fault == LengthFault::missing) {
-        return Ip6AddrWithMask::leftoverText;
+        return Ip6AddrWithMask::invalidText;
     }
     const bool tooLong = fault == LengthFault::tooLarge || *len > 128;
     return tooLong ? "Ip6AddrWithMask: prefix too long" : nullptr;
@@ -316,14 +316,14 @@ const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
     if (atMaskLength(in, /*isIp6=*/true)) {
         uint32_t len = 0;
         if (readLengthSuffix(in, &len) != LengthFault::none || len > 128) {
-            return leftoverText;
+            return invalidText;
         }
         mask_ = ip6AddrFromPrefixLen(len);
         return nullptr;
     }
     const bool atMask =
         in.take('/') && (in.peek() == ':' || Mox::TextCursor::hexValue(in.peek()) >= 0);
-    return atMask ? mask_.parse(in) : leftoverText;
+    return atMask ? mask_.parse(in) : invalidText;
 }
 
 void Ip6AddrWithFullMask::print(Mox::TextWriter& out) const {
@@ -347,7 +347,7 @@ const char* Ip6Prefix::parse(Mox::TextCursor& in) {
     if (const char* error = readAddressAndLength(in, &address_, &len_)) {
         return error;
     }
-    return validAsPrefix() ? nullptr : leftoverText;
+    return validAsPrefix() ? nullptr : invalidText;
 }
 
 }  // namespace Pavo

@@ -26,7 +26,6 @@ class Ip6AddrU8Key : public Ordinal<Ip6AddrU8Key, uint8_t, 15> {
     using Ordinal::Ordinal;
 
     static constexpr const char* typeName = "Pavo::Ip6AddrU8Key";
-    static constexpr const char* leftoverText = "Invalid Ip6AddrU8Key";
     static constexpr const char* rangeText = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
 };
 
@@ -207,7 +206,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
         return a.high() != b.high() ? a.high() <=> b.high() : a.low() <=> b.low();
     }
 
-    static constexpr const char* leftoverText = "Ip6Addr: unexpected trailing characters";
+    static constexpr const char* invalidText = "Ip6Addr: unexpected trailing characters";
     static constexpr auto description() {
         return Mox::record("Pavo::Ip6Addr", Mox::field("bytes", &Ip6Addr::bytes_));
     }
@@ -292,7 +291,6 @@ class Ip6PrefixLen : public Ordinal<Ip6PrefixLen, uint8_t, 129> {
     static constexpr uint8_t invalid = 129;
 
     static constexpr const char* typeName = "Pavo::Ip6PrefixLen";
-    static constexpr const char* leftoverText = "Invalid Ip6PrefixLen";
     static constexpr const char* rangeText =
         "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed";
 };
@@ -371,7 +369,7 @@ class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
     }
 
     static constexpr const char* typeName = "Pavo::Ip6AddrWithMask";
-    static constexpr const char* leftoverText = "Ip6AddrWithMask: prefix size expected";
+    static constexpr const char* invalidText = "Ip6AddrWithMask: prefix size expected";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
 };
 static_assert(std::is_trivially_copyable_v<Ip6AddrWithMask> && sizeof(Ip6AddrWithMask) == 20);
@@ -404,7 +402,7 @@ class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
     friend constexpr auto operator<=>(const Ip6AddrWithFullMask&,
                                       const Ip6AddrWithFullMask&) = default;
 
-    static constexpr const char* leftoverText = "Ip6AddrWithFullMask: mask expected";
+    static constexpr const char* invalidText = "Ip6AddrWithFullMask: mask expected";
     static constexpr auto description() {
         return Mox::record("Pavo::Ip6AddrWithFullMask",
                            Mox::field("address", &Ip6AddrWithFullMask::address_),
@@ -450,7 +448,7 @@ class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
     PAVO_EXPORT Ip6Addr subnetHost(const Ip6Addr& host) const;
 
     static constexpr const char* typeName = "Pavo::Ip6Prefix";
-    static constexpr const char* leftoverText = "Invalid Prefix - non-zero after prefixlen";
+    static constexpr const char* invalidText = "Invalid Prefix - non-zero after prefixlen";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
 
   private:

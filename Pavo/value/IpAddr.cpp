@@ -84,12 +84,12 @@ const char* Prefix::parse(Mox::TextCursor& in) {
         case LengthFault::missing:
             return noLengthText;
         case LengthFault::tooLarge:
-            return leftoverText;
+            return invalidText;
         case LengthFault::none:
             break;
     }
     // Text allows none of the lengths above 32, parts allow one.
-    return len_ <= 32 && validAsPrefix(address_, len_) ? nullptr : leftoverText;
+    return len_ <= 32 && validAsPrefix(address_, len_) ? nullptr : invalidText;
 }
 
 void Prefix::print(Mox::TextWriter& out) const {

@@ -96,13 +96,12 @@ class IpAddr : public Mox::ValueType<IpAddr> {
         return a.value() <=> b.value();
     }
 
-    static constexpr const char* leftoverText = "Invalid IpAddr";
     // In the log, the four bytes are one 32-bit number.
     static constexpr auto description() {
         return Mox::record("Pavo::IpAddr", Mox::field("bytes", &IpAddr::bytes_));
     }
     const char* parse(Mox::TextCursor& in) {
-        return readDottedQuad(in, bytes_) == DottedFault::none ? nullptr : leftoverText;
+        return readDottedQuad(in, bytes_) == DottedFault::none ? nullptr : invalidText;
     }
     void print(Mox::TextWriter& out) const {
         out.bounded<dottedQuadChars>([this](char* at) { return dottedQuadAt(at, bytes_); });
@@ -133,7 +132,7 @@ class IpAddrWithMask : public Mox::ValueType<IpAddrWithMask> {
     friend constexpr bool operator==(const IpAddrWithMask&, const IpAddrWithMask&) = default;
     friend constexpr auto operator<=>(const IpAddrWithMask&, const IpAddrWithMask&) = default;
 
-    static constexpr const char* leftoverText = "premature end of Prefix type";
+    static constexpr const char* invalidText = "premature end of Prefix type";
     static constexpr auto description() {
         return Mox::record("Pavo::IpAddrWithMask", Mox::field("address", &IpAddrWithMask::address_),
                            Mox::field("len", &IpAddrWithMask::len_));
@@ -170,7 +169,6 @@ class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
     friend constexpr auto operator<=>(const IpAddrWithFullMask&,
                                       const IpAddrWithFullMask&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IpAddrWithFullMask";
     static constexpr auto description() {
         return Mox::record("Pavo::IpAddrWithFullMask",
                            Mox::field("address", &IpAddrWithFullMask::address_),
@@ -228,7 +226,7 @@ class Prefix : public Mox::ValueType<Prefix> {
     /// Weak, since prefixes of the length 0xffffffff stand side by side whatever their address.
     PAVO_EXPORT friend std::weak_ordering operator<=>(const Prefix& a, const Prefix& b);
 
-    static constexpr const char* leftoverText = "Invalid Prefix - non-zero after prefixlen";
+    static constexpr const char* invalidText = "Invalid Prefix - non-zero after prefixlen";
     static constexpr auto description() {
         return Mox::record("Pavo::Prefix", Mox::field("address", &Prefix::address_),
                            Mox::field("len", &Prefix::len_));
@@ -264,7 +262,6 @@ class IpAndPort : public Mox::ValueType<IpAndPort> {
     friend constexpr bool operator==(const IpAndPort&, const IpAndPort&) = default;
     friend constexpr auto operator<=>(const IpAndPort&, const IpAndPort&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IpAndPort";
     static constexpr auto description() {
         return Mox::record("Pavo::IpAndPort", Mox::field("ip", &IpAndPort::ip_),
                            Mox::field("port", &IpAndPort::port_));

@@ -94,7 +94,7 @@ uint32_t IpGenAddr::longestCommonPrefix(const IpGenAddr& other) const {
 }
 
 const char* IpGenAddr::parse(Mox::TextCursor& in) {
-    const char* error = leftoverText;
+    const char* error = invalidText;
     switch (detectedFamily(in)) {
         case ipv4: {
             MOX_TRACE(traceFacility, 9, " af ipv4");

@@ -152,7 +152,6 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     friend constexpr bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
     friend constexpr auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IpGenAddr";
     static constexpr auto description() {
         return Mox::record("Pavo::IpGenAddr", Mox::field("af", &IpGenAddr::af_),
                            Mox::field("address", &IpGenAddr::address_));
@@ -169,7 +168,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
   private:
     constexpr void check() const {
         if (!isAddress(af_, address_)) {
-            Mox::throwRangeException(leftoverText);
+            Mox::throwRangeException(invalidText);
         }
     }
     template <class Predicate>

@@ -39,7 +39,7 @@ const char* IpGenAddrWithFullMask::parse(Mox::TextCursor& in) {
         case ipv6:
             return parseAs<Ip6Addr>(in, "Invalid IPv6 address", "Invalid IPv6 mask");
         default:
-            return leftoverText;
+            return invalidText;
     }
 }
 

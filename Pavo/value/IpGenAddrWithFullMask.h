@@ -23,7 +23,8 @@ namespace Pavo {
 ///
 /// Text is that of `IpAddrWithFullMask` and `Ip6AddrWithFullMask`: 10.1.2.0/24 for 10.1.2.3 under a
 /// contiguous mask, so the host bits of IPv4 are lost in it; 10.1.2.3/255.0.255.0 under any other;
-/// fe80::1/64; of an unknown family "::/0". The mask is read as a length or as an address. Errors are
+/// fe80::1/64; of an unknown family "::/0". The mask is read as a length or as an address. Errors
+/// are
 /// - "Invalid IPv4/IPv6 address": no ":" and no "." before the "/" tells a family
 /// - "Invalid IPv4 address", "Invalid IPv6 address"
 /// - "premature end of Prefix type": nothing after the address, or nothing after the "/"
@@ -40,7 +41,7 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
         static constexpr uint8_t invalid = 129;
 
         static constexpr const char* typeName = "Pavo::IpGenAddrWithFullMask::PrefixLen";
-        static constexpr const char* leftoverText = "Invalid PrefixLen";
+        static constexpr const char* invalidText = "Invalid PrefixLen";
         static constexpr const char* rangeText =
             "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed";
     };
@@ -102,7 +103,7 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     friend constexpr auto operator<=>(const IpGenAddrWithFullMask&,
                                       const IpGenAddrWithFullMask&) = default;
 
-    static constexpr const char* leftoverText = "Invalid IPv4/IPv6 address";
+    static constexpr const char* invalidText = "Invalid IPv4/IPv6 address";
     static constexpr auto description() {
         return Mox::record("Pavo::IpGenAddrWithFullMask",
                            Mox::field("af", &IpGenAddrWithFullMask::af_),

@@ -24,7 +24,7 @@ const char* parseAs(Mox::TextCursor& in, IpGenAddrWithMask* value) {
 const char* IpGenAddrWithMask::parse(Mox::TextCursor& in) {
     const AddressFamily af = detectedFamily(in);
     if (af == ipunknown) {
-        return leftoverText;
+        return invalidText;
     }
     MOX_TRACE(traceFacility, 9, " Detected address ");
     return af == ipv4 ? parseAs<IpAddrWithMask>(in, this) : parseAs<Ip6AddrWithMask>(in, this);

@@ -71,7 +71,7 @@ class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
     }
 
     static constexpr const char* typeName = "Pavo::IpGenAddrWithMask";
-    static constexpr const char* leftoverText = "Invalid prefix";
+    static constexpr const char* invalidText = "Invalid prefix";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
 };

@@ -22,10 +22,10 @@ const char* parseAs(Mox::TextCursor& in, IpGenPrefix* value) {
 }  // namespace
 
 const char* IpGenPrefixBase::parse(Mox::TextCursor& in) {
-    if (const char* error = Mox::parseRecord(in, this, description(), leftoverText)) {
+    if (const char* error = Mox::parseRecord(in, this, description(), invalidText)) {
         return error;
     }
-    return IpGenAddr::isAddress(af_, address_) ? nullptr : leftoverText;
+    return IpGenAddr::isAddress(af_, address_) ? nullptr : invalidText;
 }
 
 void IpGenPrefixBase::print(Mox::TextWriter& out) const {
@@ -42,7 +42,7 @@ std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b) {
 const char* IpGenPrefix::parse(Mox::TextCursor& in) {
     const AddressFamily af = detectedFamily(in);
     if (af == ipunknown) {
-        return leftoverText;
+        return invalidText;
     }
     MOX_TRACE(traceFacility, 9, " Detected prefix ");
     if (af == ipv6) {

@@ -45,7 +45,6 @@ class IpGenPrefixBase : public IpGenAddrAndLen<IpGenPrefixBase> {
     }
 
     static constexpr const char* typeName = "Pavo::IpGenPrefixBase";
-    static constexpr const char* leftoverText = "Invalid IpGenPrefixBase";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
 };
@@ -118,7 +117,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     PAVO_EXPORT friend std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b);
 
     static constexpr const char* typeName = "Pavo::IpGenPrefix";
-    static constexpr const char* leftoverText = "Invalid prefix";
+    static constexpr const char* invalidText = "Invalid prefix";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
 
@@ -130,7 +129,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
             case ipv6:
                 return "Invalid IPv6 Prefix Length";
             default:
-                return leftoverText;
+                return invalidText;
         }
     }
     constexpr void check() const {

@@ -28,7 +28,7 @@ const char* NamespaceName::errorOf(std::string_view value) {
     if (value.size() > maxBytes) {
         return "NamespaceName::value::bytes > 150 not allowed";
     }
-    return value.find('\0') != value.npos ? leftoverText : nullptr;
+    return value.find('\0') != value.npos ? invalidText : nullptr;
 }
 
 }  // namespace Pavo

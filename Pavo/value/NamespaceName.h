@@ -42,7 +42,6 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     friend bool operator==(const NamespaceName&, const NamespaceName&) = default;
     friend auto operator<=>(const NamespaceName&, const NamespaceName&) = default;
 
-    static constexpr const char* leftoverText = "Invalid NamespaceName";
     static constexpr auto description() {
         return Mox::record("Pavo::NamespaceName", Mox::field("value", &NamespaceName::value_));
     }

@@ -108,7 +108,7 @@ void RouteDistinguisher::stringValueIs(const Mox::String& text) {
     const bool read =
         in.take(std::string_view("0x")) ? readUnassigned(in, &hbo) : readAssigned(in, &hbo, &local);
     if (!read || !in.atEnd()) {
-        Mox::throwRangeException(leftoverText);
+        Mox::throwRangeException(invalidText);
     }
     *this = {hostOrder(hbo), true, local};
 }

@@ -109,7 +109,6 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
         return !(a < b);
     }
 
-    static constexpr const char* leftoverText = "Invalid RouteDistinguisher";
     static constexpr auto description() {
         return Mox::record("Pavo::RouteDistinguisher",
                            Mox::field("rdNboInternal", &RouteDistinguisher::rdNboInternal_),

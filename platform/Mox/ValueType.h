@@ -1,16 +1,17 @@
 /// @file
 /// The base of every value type: text, strep, streams, log and hash from a few hooks.
 ///
-/// A value type `T` derives from `Mox::ValueType<T>` and declares the hooks below; the first two
-/// are required. `parse`, `check` and `parseStrep` return null or the text of the range error, and
+/// A value type `T` derives from `Mox::ValueType<T>` and declares the hooks below; the first
+/// is required. `parse`, `check` and `parseStrep` return null or the text of the range error, and
 /// never throw; `fromLog` throws `Mox::RangeException`.
 ///
 ///     // The type's name and its fields, from which record text, log and seeded hash follow.
 ///     static constexpr auto description() {
 ///         return Mox::record("ns::T", Mox::field("port", &T::port_));
 ///     }
-///     // The error for text after the value, and for text that is not a record of this type.
-///     static constexpr const char* leftoverText = "Invalid T";
+///     // The error for text after the value, and for text that is not a record of this type, where
+///     // it is not "Invalid T". Functions that use either text come after the description.
+///     static constexpr const char* invalidText = "T expected";
 ///
 ///     // A text form of its own, which is also the strep. With `print` alone, `stringValue` gives
 ///     // that text, while strep and parsing stay those of the record.
@@ -28,6 +29,7 @@
 /// Its constructors from text and from a log call `readText` and `readLog`.
 #pragma once
 
+#include <array>
 #include <compare>
 #include <concepts>
 #include <cstdint>
@@ -80,7 +82,7 @@ const char* parseValue(TextCursor& in, T* value) {
     } else if constexpr (HasStrepForm<T>) {
         return value->parseStrep(in);
     } else {
-        const char* error = parseRecord(in, value, T::description(), T::leftoverText);
+        const char* error = parseRecord(in, value, T::description(), T::invalidText);
         if constexpr (HasCheck<T>) {
             error = error != nullptr ? error : value->check();
         }
@@ -99,10 +101,29 @@ void printStrep(TextWriter& out, const T& value) {
     }
 }
 
+namespace Detail {
+
+/// "Invalid " and the name of `T` without its namespace.
+template <class T>
+inline constexpr auto invalidTextOf = [] {
+    constexpr std::string_view invalid = "Invalid ";
+    constexpr std::string_view type = T::description().typeName;
+    constexpr std::string_view name = type.substr(type.find("::") + 2);
+    std::array<char, invalid.size() + name.size() + 1> text{};
+    name.copy(&text[invalid.copy(text.data(), invalid.size())], name.size());
+    return text;
+}();
+
+}  // namespace Detail
+
 template <class T>
 class ValueType {
   public:
     using TextIt = String::IteratorConst;
+
+    /// The error for text after the value, and for text that is not a record of this type: "Invalid
+    /// " and the type's name without its namespace, unless the type has one of its own.
+    static constexpr const char* invalidText = Detail::invalidTextOf<T>.data();
 
     /// The canonical text.
     String stringValue() const {
@@ -118,7 +139,7 @@ class ValueType {
             throwRangeException(error);
         }
         if (!in.atEnd()) {
-            throwRangeException(T::leftoverText);
+            throwRangeException(T::invalidText);
         }
         self() = std::move(fresh);
     }

@@ -48,7 +48,6 @@ class Pair : public Mox::ValueType<Pair> {
 
     friend auto operator<=>(const Pair&, const Pair&) = default;
 
-    static constexpr const char* leftoverText = "Invalid Pair";
     static constexpr auto description() {
         return Mox::record("agent::Pair", Mox::field("left", &Pair::left_),
                            Mox::field("right", &Pair::right_));
@@ -70,7 +69,6 @@ class Wide : public Mox::ValueType<Wide> {
 
     friend auto operator<=>(const Wide&, const Wide&) = default;
 
-    static constexpr const char* leftoverText = "Invalid Wide";
     static constexpr auto description() {
         return Mox::record("agent::Wide", Mox::field("pair", &Wide::pair_),
                            Mox::field("flag", &Wide::flag_), Mox::field("delta", &Wide::delta_),
