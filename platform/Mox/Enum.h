@@ -44,7 +44,7 @@ struct Enumerator {
 };
 
 /// A table of members, and the text of the range error for names and numbers that are not in it. A
-/// value may have several names: all are read, the first is printed.
+/// value may have several names: all are read, the first is printed. A name twice does not compile.
 template <class E, std::size_t count>
 struct EnumDescription {
     const char* invalidText;
@@ -62,8 +62,25 @@ concept Enum = std::is_enum_v<E> && sizeof(E) == 4 && requires(E e) {
     enumDescription(e);
 };
 
+/// No name stands twice in the table.
+template <class E, std::size_t count>
+constexpr bool hasUniqueNames(const EnumDescription<E, count>& about) {
+    for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t j = 0; j < i; ++j) {
+            if (about.members[i].name == about.members[j].name) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 template <Enum E>
-inline constexpr auto enumTable = enumDescription(E());
+inline constexpr auto enumTable = [] {
+    constexpr auto table = enumDescription(E());
+    static_assert(hasUniqueNames(table), "each name of an enumeration stands for one value");
+    return table;
+}();
 
 /// For each number below 256 the index of its first member in the table plus 1, or 0, so that
 /// numbers from packets are looked up without a search.
