@@ -16,7 +16,8 @@ namespace Pavo {
 
 /// The name of a network namespace: text of at most 150 bytes without a NUL, at which file names
 /// end. The empty name, which is the default, and `defaultNamespace()` both mean the namespace in
-/// which the process started. The whole input of a parser is the name. Ordered byte by byte.
+/// which the process started. The whole input of a parser is the name; as a field of a record the
+/// name is in quotes, as a string is. Ordered byte by byte.
 ///
 /// Constructors and the setter throw Mox::RangeException with
 /// "NamespaceName::value::bytes > 150 not allowed" or, for a NUL, "Invalid NamespaceName".
@@ -39,7 +40,6 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     /// Not empty.
     explicit operator bool() const { return !value_.empty(); }
 
-    friend bool operator==(const NamespaceName&, const NamespaceName&) = default;
     friend auto operator<=>(const NamespaceName&, const NamespaceName&) = default;
 
     static constexpr auto description() {
@@ -57,3 +57,27 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
 };
 
 }  // namespace Pavo
+
+/// A name has no end mark of its own, so a record shows it as a string.
+template <>
+struct Mox::Codec<Pavo::NamespaceName> {
+    static const char* parse(TextCursor& in, Pavo::NamespaceName* value, const char* invalid) {
+        TextCursor ahead = in;
+        String name;
+        const char* error = Codec<String>::parse(ahead, &name, invalid);
+        TextCursor text(name.view());
+        error = error != nullptr ? error : value->parse(text);
+        if (error == nullptr) {
+            in = ahead;
+        }
+        return error;
+    }
+    static void print(TextWriter& out, const Pavo::NamespaceName& value) {
+        Codec<String>::print(out, value.value());
+    }
+    static void toLog(NboAttrLog::Out& out, const Pavo::NamespaceName& value) { out << value; }
+    static void fromLog(NboAttrLog::In& in, Pavo::NamespaceName* value) {
+        *value = Pavo::NamespaceName(&in, StreamBogon());
+    }
+    static void mix(Hash& hash, const Pavo::NamespaceName& value) { hash.mix(value.hash()); }
+};

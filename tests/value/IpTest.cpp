@@ -78,5 +78,34 @@ TEST(NamespaceName, HoldsAtMost150BytesWithoutNul) {
     }
 }
 
+// An agent's record with a name in it, which ends where its quotes do.
+class Peer : public Mox::ValueType<Peer> {
+  public:
+    Peer() = default;
+    Peer(NamespaceName name, Port port) : name_(std::move(name)), port_(port) {}
+    Peer(TextIt& it, const TextIt& end) { readText(it, end); }
+    Peer(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    friend auto operator<=>(const Peer&, const Peer&) = default;
+
+    static constexpr auto description() {
+        return Mox::record("agent::Peer", Mox::field("name", &Peer::name_),
+                           Mox::field("port", &Peer::port_));
+    }
+
+  private:
+    NamespaceName name_;
+    Port port_;
+};
+
+TEST(NamespaceName, ReadsBackAsAFieldOfARecord) {
+    expectValueLaws<Peer>({{}, {NamespaceName("', 'port': 1})"), 2}, {NamespaceName("blue"), 1}});
+    Peer peer;
+    const std::string record = "Value('agent::Peer', ** {'name': ";
+    EXPECT_EQ(textErrorOf(record + "blue, 'port': 1})", &peer), "Invalid Peer");
+    EXPECT_EQ(textErrorOf(record + "'" + std::string(151, 'x') + "', 'port': 1})", &peer),
+              "NamespaceName::value::bytes > 150 not allowed");
+}
+
 }  // namespace
 }  // namespace Pavo
