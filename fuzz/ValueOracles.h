@@ -124,7 +124,8 @@ void checkText(std::string_view text) {
     Mox::require(quiet.has_value() == whole && (!whole || *quiet == read), "throwing, quiet");
     T target{};
     const std::string wholeError = rangeErrorOf([&] { target.stringValueIs(Mox::String(text)); });
-    Mox::require(wholeError == (error.empty() && !whole ? T::invalidText : error), "all of it");
+    Mox::require(wholeError == (error.empty() && !whole ? read.leftoverText() : error),
+                 "all of it");
     Mox::require(target == (whole ? read : T()), "the value of all of it");
 
     if (!error.empty()) {

@@ -1,5 +1,5 @@
 /// @file
-/// What is visible outside libPavo: everything else is hidden.
+/// Marks the symbols that are visible outside libPavo; all others are hidden.
 #pragma once
 
 #define PAVO_EXPORT __attribute__((visibility("default")))

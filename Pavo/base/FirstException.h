@@ -18,7 +18,7 @@ class FirstException {
             thrown_ = thrown_ ? thrown_ : std::current_exception();
         }
     }
-    /// Throws what was kept, if anything.
+    /// Throws the exception that was kept, if there is one.
     void rethrow() const {
         if (thrown_) {
             std::rethrow_exception(thrown_);

@@ -1,5 +1,5 @@
 /// @file
-/// The integer mix behind the hashes of addresses.
+/// The integer mix of the hashes of addresses.
 #pragma once
 
 #include <cstdint>

@@ -33,7 +33,7 @@ constexpr Word loadNet(const uint8_t* bytes) {
     return word;
 }
 
-/// Stores what `loadNet` reads.
+/// Stores `word` at `bytes`, most significant byte first.
 template <std::unsigned_integral Word>
 constexpr void storeNet(uint8_t* bytes, Word word) {
     if (!std::is_constant_evaluated()) {

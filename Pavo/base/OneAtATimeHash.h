@@ -1,5 +1,5 @@
 /// @file
-/// The hash behind interface and autonomous-system numbers.
+/// The hash of interface and autonomous-system numbers.
 #pragma once
 
 #include <cstdint>

@@ -30,13 +30,7 @@ class Ordinal : public Mox::ValueType<T> {
     /// @throws Mox::RangeException `T::rangeText` past `max`.
     constexpr Ordinal(uint32_t value) { valueIs(value); }
     /// @throws Mox::RangeException `T::invalidText`
-    Ordinal(TextIt& it, const TextIt& end) {
-        Mox::TextCursor in(it, end);
-        if (const char* error = parse(in)) {
-            Mox::throwRangeException(error);
-        }
-        it = in.at();
-    }
+    Ordinal(TextIt& it, const TextIt& end) { this->readText(it, end); }
     /// @throws Mox::RangeException `T::rangeText` past `max`.
     Ordinal(Mox::NboAttrLog::In* in, Mox::StreamBogon) { valueIs(in->u32()); }
 

@@ -40,14 +40,14 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
     /// @throws Mox::RangeException "IntfIdPartKey::part < 0 or > 7 not allowed"
     constexpr IntfIdPartKey(SubIntfIdKey subType, uint32_t part)
         : subType_(subType), part_(static_cast<uint8_t>(part)) {
-        check(part);
+        checkPart(part);
     }
     /// @throws Mox::RangeException "Invalid IntfIdPartKey", "Invalid SubIntfIdKey"
     IntfIdPartKey(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException as the other constructors
     IntfIdPartKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
         readLog(in);
-        check(part_);
+        checkPart(part_);
     }
 
     constexpr SubIntfIdKey subType() const { return subType_; }
@@ -64,7 +64,7 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
 
   private:
-    static constexpr void check(uint32_t part) {
+    static constexpr void checkPart(uint32_t part) {
         if (part >= IntfIdTrie::maxParts) {
             Mox::throwRangeException("IntfIdPartKey::part < 0 or > 7 not allowed");
         }

@@ -50,10 +50,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     constexpr explicit TcpSocketOptions(uint8_t value) { valueIs(value); }
     TcpSocketOptions(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
-    TcpSocketOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        valueIs(value_);
-    }
+    TcpSocketOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint8_t value() const { return value_; }
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f; nothing is then changed.
@@ -75,11 +72,11 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     friend constexpr TcpSocketOptions operator|(TcpSocketOptions a, TcpSocketOptions b) {
         return TcpSocketOptions(static_cast<uint8_t>(a.value_ | b.value_));
     }
-    friend constexpr bool operator==(const TcpSocketOptions&, const TcpSocketOptions&) = default;
     friend constexpr auto operator<=>(const TcpSocketOptions&, const TcpSocketOptions&) = default;
 
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
+    constexpr const char* check() const { return value_ > all ? invalidText : nullptr; }
 
   private:
     uint8_t value_ = 0;

@@ -26,14 +26,14 @@ const char* readHexGroup(const char* at, const char* end, uint32_t* value) {
     return at == first ? nullptr : at;
 }
 
-// The number that `count` bytes of two digits each stand for, at most four, with one character
-// between them; negative when a digit is none. `*differences` stays as it is only where each of the
-// characters between is `separator`.
+// Reads up to four bytes of two hexadecimal digits each, with one character between them; negative
+// when a character is not a digit. `*differences` is unchanged only when each character between
+// the bytes is `separator`.
 template <unsigned count>
 inline int64_t digitPairs(const char* at, char separator, int* differences) {
     int64_t number = 0;
     for (unsigned i = 0; i < count; ++i) {
-        // What is no digit is -1, whose ones stay above whatever comes after.
+        // A character that is not a digit gives -1, whose high bits stay set in the sum.
         const int64_t high = Mox::TextCursor::hexValue(at[3 * i]);
         const int64_t low = Mox::TextCursor::hexValue(at[3 * i + 1]);
         number = number << 8 | high << 4 | low;
@@ -42,8 +42,8 @@ inline int64_t digitPairs(const char* at, char separator, int* differences) {
     return number;
 }
 
-// Reads `count` bytes of two digits each, with one of ":" and "-" between them: by far the most
-// frequent form, read without a branch a character. False for every other form.
+// Reads `count` bytes of two digits each, joined by ":" or "-": by far the most frequent form, read
+// without a branch for each character. False for every other form.
 template <unsigned count>
 bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     constexpr unsigned length = 3 * count - 1;
@@ -55,8 +55,9 @@ bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     int differences = at[3 * half - 1] ^ at[2];
     const int64_t high = digitPairs<half>(at, at[2], &differences);
     const int64_t low = digitPairs<half>(at + 3 * half, at[2], &differences);
-    const bool goesOn = in.rest().size() > length && Mox::TextCursor::hexValue(at[length]) >= 0;
-    if ((high | low) < 0 || differences != 0 || goesOn) {
+    const bool hasMoreDigits =
+        in.rest().size() > length && Mox::TextCursor::hexValue(at[length]) >= 0;
+    if ((high | low) < 0 || differences != 0 || hasMoreDigits) {
         return false;
     }
     // Whole words are stored, since the value is copied as such at once.
@@ -123,7 +124,7 @@ uint32_t EthAddr::hash() const {
     return intMix(static_cast<uint32_t>(word(0) ^ word(1)) << 16 | word(2));
 }
 
-// The words count as they are stored: the first byte of each is the low one of the number.
+// Each word is mixed as a number with its first byte in the low bits.
 uint32_t EthAddr::hash(uint32_t seed) const {
     Mox::Hash mixer(seed);
     for (int i = 0; i < 6; i += 2) {

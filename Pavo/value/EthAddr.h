@@ -68,7 +68,8 @@ class EthAddr : public Mox::ValueType<EthAddr> {
         bytes_[checkedByte(i, "EthAddr::byteDel: index out of range")] = 0;
     }
 
-    /// The first three bytes as a 24-bit number: who assigned the address.
+    /// The first three bytes as a 24-bit number: the organisation that assigned the
+    /// address.
     constexpr uint32_t oui() const { return static_cast<uint32_t>(number() >> 24); }
     /// The last three bytes as a 24-bit number.
     constexpr uint32_t station() const { return static_cast<uint32_t>(number() & 0xffffff); }
@@ -204,7 +205,6 @@ class Eui64 : public Mox::ValueType<Eui64> {
 
     friend constexpr bool operator==(const Eui64&, const Eui64&) = default;
 
-    // For text that goes on after the eighth byte; malformed text is an invalid EthAddr.
     static constexpr auto description() {
         return Mox::record("Pavo::Eui64", Mox::field("bytes", &Eui64::bytes_));
     }
@@ -235,7 +235,6 @@ class EthAddrWithMask : public Mox::ValueType<EthAddrWithMask> {
     constexpr const EthAddr& mac() const { return mac_; }
     constexpr const EthAddr& mask() const { return mask_; }
 
-    friend constexpr bool operator==(const EthAddrWithMask&, const EthAddrWithMask&) = default;
     friend constexpr auto operator<=>(const EthAddrWithMask&, const EthAddrWithMask&) = default;
 
     static constexpr auto description() {

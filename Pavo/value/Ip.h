@@ -13,8 +13,8 @@
 
 namespace Pavo {
 
-/// What follows an IP header: the numbers that IANA has assigned ("Protocol Numbers"). 147 to 252
-/// are not assigned and are no members.
+/// The protocol after an IP header, as assigned by IANA ("Protocol Numbers"). The unassigned
+/// numbers 147 to 252 are not members.
 enum class IpProtocolNumber : uint32_t {
     hopopt = 0,
     icmp = 1,

@@ -42,8 +42,8 @@ inline const char* readDigits(const char* at, const char* end, uint32_t* group) 
     return at;
 }
 
-// Reads one address. Every step returns null or the text of the error, and sets `done_` where
-// nothing more can belong to the address.
+// Reads one address. Every step returns null or the text of the error, and sets `done_` when
+// no more text can belong to the address.
 class Reader {
   public:
     Reader(const char* at, const char* end) : at_(at), end_(end) {}
@@ -121,7 +121,7 @@ class Reader {
         return nullptr;
     }
 
-    // What looked like a group is the first octet of the last 32 bits.
+    // At the first octet of the last 32 bits, which began like a group.
     const char* readQuad(const char* begin) {
         Mox::TextCursor quad(begin, end_);
         if (const char* error = dottedFaultText(readDottedQuad<3>(quad, into_))) {
@@ -134,7 +134,7 @@ class Reader {
         return room_ == 0 || hasGap_ ? nullptr : "Ip6Addr: incomplete ipv6 address";
     }
 
-    // Behind a group that is not the last possible one.
+    // After a group that is not the last possible one.
     const char* readColons() {
         if (!atChar(':')) {
             done_ = hasGap_;
@@ -152,17 +152,17 @@ class Reader {
 
     const char* at_;
     const char* end_;
-    // The groups before "::" stand in place. Those after it go behind sixteen zeros, so that the
-    // last sixteen bytes written are those groups, moved to the end of the address.
+    // The groups before "::" are written to their final place. Those after it are written after
+    // sixteen zeros, so that the last sixteen bytes written are the end of the address.
     uint8_t head_[16] = {};
     uint8_t tail_[32] = {};
     uint8_t* into_ = head_;
-    int room_ = 8;  // Groups that may still follow; "::" takes the place of one at least.
+    int room_ = 8;  // Groups that may still follow; "::" replaces at least one.
     bool hasGap_ = false;
     bool done_ = false;
 };
 
-// Where a "::" goes: the leftmost longest run of two or more zero groups.
+// The groups that "::" replaces: the leftmost longest run of two or more zero groups.
 struct Run {
     uint8_t start;
     uint8_t length;

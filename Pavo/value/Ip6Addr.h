@@ -35,11 +35,11 @@ class Ip6AddrU8Key : public Ordinal<Ip6AddrU8Key, uint8_t, 15> {
 /// Text is that of RFC 5952: lowercase, without leading zeros, the leftmost longest run of two or
 /// more zero groups as "::". A v4-mapped address ends in a dotted quad (::ffff:10.1.2.3), no other
 /// does. Read are one to four digits a group, of either case, and a dotted quad for the last 32
-/// bits of any address; its octets have one to three digits. Reading stops behind the eighth group,
+/// bits of any address; its octets have one to three digits. Reading stops after the eighth group,
 /// or where "::" leaves no room for another one. The first fault from the left is reported, as one
 /// of
 /// - "Ip6Addr: leading hex digit expected": neither a digit nor "::" at the start
-/// - "Ip6Addr: hex digit expected": no digit behind a ":"
+/// - "Ip6Addr: hex digit expected": no digit after a ":"
 /// - "Ip6Addr: too many consecutive hex digits": a fifth digit in a group
 /// - "Ip6Addr: ':' expected": after a group, or after a single ":" at the start
 /// - "Ip6Addr: too many colons": a third ":" in a row
@@ -68,62 +68,50 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     Ip6Addr(TextIt& it, const TextIt& end) { readText(it, end); }
     Ip6Addr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    // Slices: bytes 0 to 15, groups 0 to 7, 32-bit words 0 to 3, halves 0 to 1. They are numbers in
+    // host order; `Del` zeroes one. Another index throws Mox::RangeException with the name of the
+    // function, as "Ip6Addr::u16Is: index out of range".
+
     /// Byte `i`, 0 to 15.
-    /// @throws Mox::RangeException "Ip6Addr::u8: index out of range"
     constexpr uint8_t u8(unsigned i) const {
         return slice<uint8_t>(i, "Ip6Addr::u8: index out of range");
     }
-    /// @throws Mox::RangeException "Ip6Addr::u8Is: index out of range"
     constexpr void u8Is(unsigned i, uint8_t value) {
         sliceIs(i, value, "Ip6Addr::u8Is: index out of range");
     }
-    /// Zeroes the byte.
-    /// @throws Mox::RangeException "Ip6Addr::u8Del: index out of range"
     constexpr void u8Del(unsigned i) {
         sliceIs(i, uint8_t{0}, "Ip6Addr::u8Del: index out of range");
     }
 
-    /// Group `i`, 0 to 7, in host order.
-    /// @throws Mox::RangeException "Ip6Addr::u16: index out of range"
+    /// Group `i`, 0 to 7.
     constexpr uint16_t u16(unsigned i) const {
         return slice<uint16_t>(i, "Ip6Addr::u16: index out of range");
     }
-    /// @throws Mox::RangeException "Ip6Addr::u16Is: index out of range"
     constexpr void u16Is(unsigned i, uint16_t value) {
         sliceIs(i, value, "Ip6Addr::u16Is: index out of range");
     }
-    /// Zeroes the group.
-    /// @throws Mox::RangeException "Ip6Addr::u16Del: index out of range"
     constexpr void u16Del(unsigned i) {
         sliceIs(i, uint16_t{0}, "Ip6Addr::u16Del: index out of range");
     }
 
-    /// 32-bit slice `i`, 0 to 3, in host order.
-    /// @throws Mox::RangeException "Ip6Addr::u32: index out of range"
+    /// 32-bit word `i`, 0 to 3.
     constexpr uint32_t u32(unsigned i) const {
         return slice<uint32_t>(i, "Ip6Addr::u32: index out of range");
     }
-    /// @throws Mox::RangeException "Ip6Addr::u32Is: index out of range"
     constexpr void u32Is(unsigned i, uint32_t value) {
         sliceIs(i, value, "Ip6Addr::u32Is: index out of range");
     }
-    /// Zeroes the slice.
-    /// @throws Mox::RangeException "Ip6Addr::u32Del: index out of range"
     constexpr void u32Del(unsigned i) {
         sliceIs(i, uint32_t{0}, "Ip6Addr::u32Del: index out of range");
     }
 
-    /// Half `i`, 0 to 1, in host order.
-    /// @throws Mox::RangeException "Ip6Addr::u64: index out of range"
+    /// Half `i`, 0 to 1.
     constexpr uint64_t u64(unsigned i) const {
         return slice<uint64_t>(i, "Ip6Addr::u64: index out of range");
     }
-    /// @throws Mox::RangeException "Ip6Addr::u64Is: index out of range"
     constexpr void u64Is(unsigned i, uint64_t value) {
         sliceIs(i, value, "Ip6Addr::u64Is: index out of range");
     }
-    /// Zeroes the half.
-    /// @throws Mox::RangeException "Ip6Addr::u64Del: index out of range"
     constexpr void u64Del(unsigned i) {
         sliceIs(i, uint64_t{0}, "Ip6Addr::u64Del: index out of range");
     }
@@ -140,7 +128,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     constexpr bool isUnspecified() const { return isZero(); }
     /// ::1 (RFC 4291, 2.5.3).
     constexpr bool isLoopback() const { return high() == 0 && low() == 1; }
-    /// Never: the loopback network of IPv6 has one address.
+    /// Always false: the loopback network of IPv6 has one address.
     constexpr bool isLoopbackBase() const { return false; }
     /// ff00::/8 (RFC 4291, 2.7).
     constexpr bool isMulticast() const { return bytes_[0] == 0xff; }
@@ -148,7 +136,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     constexpr bool isUnicast() const { return !isMulticast(); }
     /// fe80::/64, the only link-local addresses in use (RFC 4291, 2.5.6).
     constexpr bool isLinkLocalUnicast() const { return high() == 0xfe80000000000000; }
-    /// fe80::/10, all that is set aside for them (RFC 4291, 2.4).
+    /// fe80::/10, the whole range reserved for link-local addresses (RFC 4291, 2.4).
     constexpr bool isLinkLocalUnicast2() const { return high() >> 54 == 0x3fa; }
     /// fe80::/64, or multicast of link-local scope (RFC 4291, 2.7).
     constexpr bool isLinkLocal() const {
@@ -180,8 +168,8 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     }
     /// The number of leading bits that both addresses share, 0 to 128.
     constexpr uint32_t longestCommonPrefix(const Ip6Addr& other) const {
-        const uint64_t first = high() ^ other.high();
-        return static_cast<uint32_t>(first != 0 ? std::countl_zero(first)
+        const int first = std::countl_zero(high() ^ other.high());
+        return static_cast<uint32_t>(first < 64 ? first
                                                 : 64 + std::countl_zero(low() ^ other.low()));
     }
 
@@ -220,7 +208,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     }
     constexpr uint64_t high() const { return loadNet<uint64_t>(bytes_); }
     constexpr uint64_t low() const { return loadNet<uint64_t>(bytes_ + 8); }
-    // Of a multicast address (RFC 4291, 2.7).
+    // The scope of a multicast address (RFC 4291, 2.7).
     constexpr unsigned scope() const { return bytes_[1] & 0xf; }
 
     template <class Word>
@@ -255,13 +243,11 @@ PAVO_EXPORT Ip6Addr ip6LinkLocalFromMac(const EthAddr& mac);
 
 /// The number of leading one bits when `mask` is ones followed by zeros, else 129.
 constexpr uint32_t ip6AddrToPrefixLen(const Ip6Addr& mask) {
-    const auto ones =
-        static_cast<uint32_t>(std::countl_one(mask.u64(0)) == 64 ? 64 + std::countl_one(mask.u64(1))
-                                                                 : std::countl_one(mask.u64(0)));
+    const uint32_t ones = mask.longestCommonPrefix(Ip6Addr(~uint64_t{0}, ~uint64_t{0}));
     return mask == mask.ip6AddrMaskedByLength(ones) ? ones : 129;
 }
 
-/// A mask of `len` ones, at most 128, the other way round.
+/// The mask of `len` ones, at most 128, followed by zeros.
 constexpr Ip6Addr ip6AddrFromPrefixLen(uint32_t len) {
     return Ip6Addr(~uint64_t{0}, ~uint64_t{0}).ip6AddrMaskedByLength(len);
 }
@@ -300,8 +286,8 @@ static_assert(sizeof(Ip6PrefixLen) == 1);
 /// the address, "/" and the length.
 ///
 /// Where one of two lengths is shorter and its network contains the other's address, the longer
-/// comes first, so that a network stands behind all that lies in it; otherwise the addresses
-/// decide. All of `T` that this needs is `typeName`.
+/// comes first, so that a network follows all addresses and networks in it; otherwise the addresses
+/// decide. `T` derives from this and has a `typeName`.
 template <class T>
 class Ip6AddrAndLen : public Mox::ValueType<T> {
   public:
@@ -313,7 +299,7 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
     /// @throws Mox::RangeException "len <= 128" for a longer one
     constexpr bool validAsPrefix() const {
         if (len_ > 128) {
-            Mox::throwRangeException("len <= 128");
+            Mox::throwRangeException(longLengthText);
         }
         return address_ == address_.ip6AddrMaskedByLength(len_);
     }
@@ -348,12 +334,13 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
     constexpr Ip6AddrAndLen() = default;
     constexpr Ip6AddrAndLen(const Ip6Addr& address, uint32_t len) : address_(address), len_(len) {}
 
+    static constexpr const char* longLengthText = "len <= 128";
+
     Ip6Addr address_;
     uint32_t len_ = 0;
 };
 
-/// An address that keeps its host bits, with a mask length. From parts any length is stored as
-/// given, text allows 0 to 128.
+/// An address that keeps its host bits, with a mask length: any in parts, 0 to 128 in text.
 class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
   public:
     constexpr Ip6AddrWithMask() = default;
@@ -397,8 +384,6 @@ class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
     /// The mask is ones followed by zeros.
     constexpr bool hasPrefixRepr() const { return prefixLen() != Ip6PrefixLen::invalid; }
 
-    friend constexpr bool operator==(const Ip6AddrWithFullMask&,
-                                     const Ip6AddrWithFullMask&) = default;
     friend constexpr auto operator<=>(const Ip6AddrWithFullMask&,
                                       const Ip6AddrWithFullMask&) = default;
 
@@ -424,20 +409,17 @@ class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
     constexpr Ip6Prefix() = default;
     /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
     constexpr Ip6Prefix(const Ip6Addr& address, uint32_t len) : Ip6AddrAndLen(address, len) {
-        check();
+        requireValid();
     }
     /// @throws Mox::RangeException with a text of `Ip6AddrWithMask`, or "Invalid Prefix - non-zero
     /// after prefixlen"
     Ip6Prefix(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
-    Ip6Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        check();
-    }
+    Ip6Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// ::/0.
     constexpr bool isDefaultRoutePrefix() const { return len_ == 0 && address_.isZero(); }
-    /// Of the length 128.
+    /// The length is 128.
     constexpr bool isHostRoutePrefix() const { return len_ == 128; }
     /// The default value, ::/0.
     constexpr bool isNullPrefix() const { return *this == Ip6Prefix(); }
@@ -450,17 +432,16 @@ class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
     static constexpr const char* typeName = "Pavo::Ip6Prefix";
     static constexpr const char* invalidText = "Invalid Prefix - non-zero after prefixlen";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
-
-  private:
-    constexpr void check() const {
-        if (!validAsPrefix()) {
-            Mox::throwRangeException("Ip6Prefix::validAsPrefix != true not allowed");
+    constexpr const char* check() const {
+        if (len_ > 128) {
+            return longLengthText;
         }
+        return validAsPrefix() ? nullptr : "Ip6Prefix::validAsPrefix != true not allowed";
     }
 };
 static_assert(std::is_trivially_copyable_v<Ip6Prefix> && sizeof(Ip6Prefix) == 20);
 
-/// What is set aside for link-local addresses (RFC 4291, 2.4).
+/// The range reserved for link-local addresses (RFC 4291, 2.4).
 inline constexpr Ip6Prefix ip6LinkLocalPrefix(Ip6Addr(0xfe80, 0, 0, 0, 0, 0, 0, 0), 10);
 
 }  // namespace Pavo

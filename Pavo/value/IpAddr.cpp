@@ -10,8 +10,6 @@ namespace Pavo {
 
 namespace {
 
-constexpr const char* noLengthText = "premature end of Prefix type";
-
 void printAddressAndLength(Mox::TextWriter& out, const IpAddr& address, uint32_t len) {
     address.print(out);
     out.put('/');
@@ -37,7 +35,7 @@ const char* IpAddrWithMask::parse(Mox::TextCursor& in) {
     if (const char* error = address_.parse(in)) {
         return error;
     }
-    return readLengthSuffix(in, &len_) == LengthFault::none ? nullptr : noLengthText;
+    return readLengthSuffix(in, &len_) == LengthFault::none ? nullptr : invalidText;
 }
 
 void IpAddrWithMask::print(Mox::TextWriter& out) const {
@@ -82,7 +80,7 @@ const char* Prefix::parse(Mox::TextCursor& in) {
     }
     switch (readLengthSuffix(in, &len_)) {
         case LengthFault::missing:
-            return noLengthText;
+            return IpAddrWithMask::invalidText;
         case LengthFault::tooLarge:
             return invalidText;
         case LengthFault::none:

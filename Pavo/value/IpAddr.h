@@ -24,7 +24,7 @@ class EthAddr;
 /// are in host order, first octet most significant, and so is the order.
 ///
 /// Text is the dotted quad. Leading zeros are read as such, and never as octal: 010.0.0.1 is
-/// 10.0.0.1. Reading stops behind the fourth octet.
+/// 10.0.0.1. Reading stops after the fourth octet.
 class IpAddr : public Mox::ValueType<IpAddr> {
   public:
     constexpr IpAddr() = default;
@@ -129,7 +129,6 @@ class IpAddrWithMask : public Mox::ValueType<IpAddrWithMask> {
     /// The mask length in bits.
     constexpr uint32_t len() const { return len_; }
 
-    friend constexpr bool operator==(const IpAddrWithMask&, const IpAddrWithMask&) = default;
     friend constexpr auto operator<=>(const IpAddrWithMask&, const IpAddrWithMask&) = default;
 
     static constexpr const char* invalidText = "premature end of Prefix type";
@@ -149,7 +148,7 @@ static_assert(std::is_trivially_copyable_v<IpAddrWithMask> && sizeof(IpAddrWithM
 /// An address with any 32-bit mask, in host order; the mask need not be contiguous. Ordered by
 /// address, then by mask.
 ///
-/// `stringValue` shows what the pair matches: 10.1.2.0/24 for 10.1.2.3 under a contiguous mask,
+/// `stringValue` shows the matched network: 10.1.2.0/24 for 10.1.2.3 under a contiguous mask,
 /// 10.1.2.3/255.0.255.0 under any other. Strep and parsing are those of the record.
 class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
   public:
@@ -164,8 +163,6 @@ class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
     /// The mask in host order: the most significant bit is the first mask bit.
     constexpr uint32_t mask() const { return mask_; }
 
-    friend constexpr bool operator==(const IpAddrWithFullMask&,
-                                     const IpAddrWithFullMask&) = default;
     friend constexpr auto operator<=>(const IpAddrWithFullMask&,
                                       const IpAddrWithFullMask&) = default;
 
@@ -193,28 +190,24 @@ class Prefix : public Mox::ValueType<Prefix> {
     /// Valid are 32; 0 to 31 without host bits; and 0xffffffff, whatever the address.
     /// @throws Mox::RangeException "Prefix::validAsPrefix != true not allowed"
     constexpr Prefix(const IpAddr& address, uint32_t len) : address_(address), len_(len) {
-        check();
+        requireValid();
     }
-    /// @throws Mox::RangeException "Invalid IpAddr", "premature end of Prefix type", "Invalid
-    /// Prefix
-    /// - non-zero after prefixlen" (also for every length above 32)
+    /// @throws Mox::RangeException "Invalid IpAddr"; "premature end of Prefix type";
+    /// "Invalid Prefix - non-zero after prefixlen", also for every length above 32
     Prefix(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Prefix::validAsPrefix != true not allowed"
-    Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        check();
-    }
+    Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const IpAddr& address() const { return address_; }
     constexpr uint32_t len() const { return len_; }
 
-    /// What every constructor from parts requires, of any address and length.
+    /// The rule for constructors from parts.
     static constexpr bool validAsPrefix(const IpAddr& address, uint32_t len) {
         return len < 32 ? address.value() << len == 0 : len == 32 || len == 0xffffffff;
     }
 
     constexpr bool isHost() const { return len_ == 32; }
-    /// Whether the prefix's address is.
+    /// The prefix's address is unicast.
     constexpr bool isUnicast() const { return address_.isUnicast(); }
 
     /// The prefix's address with the bits of `host`.
@@ -223,7 +216,7 @@ class Prefix : public Mox::ValueType<Prefix> {
     PAVO_EXPORT IpAddr subnetHost(const IpAddr& host) const;
 
     friend constexpr bool operator==(const Prefix&, const Prefix&) = default;
-    /// Weak, since prefixes of the length 0xffffffff stand side by side whatever their address.
+    /// Weak, since prefixes of the length 0xffffffff are equivalent whatever their address.
     PAVO_EXPORT friend std::weak_ordering operator<=>(const Prefix& a, const Prefix& b);
 
     static constexpr const char* invalidText = "Invalid Prefix - non-zero after prefixlen";
@@ -233,14 +226,12 @@ class Prefix : public Mox::ValueType<Prefix> {
     }
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
-
-  private:
-    constexpr void check() const {
-        if (!validAsPrefix(address_, len_)) {
-            Mox::throwRangeException("Prefix::validAsPrefix != true not allowed");
-        }
+    constexpr const char* check() const {
+        return validAsPrefix(address_, len_) ? nullptr
+                                             : "Prefix::validAsPrefix != true not allowed";
     }
 
+  private:
     IpAddr address_;
     uint32_t len_ = 0;
 };
@@ -259,7 +250,6 @@ class IpAndPort : public Mox::ValueType<IpAndPort> {
     /// In host order.
     constexpr uint16_t port() const { return port_; }
 
-    friend constexpr bool operator==(const IpAndPort&, const IpAndPort&) = default;
     friend constexpr auto operator<=>(const IpAndPort&, const IpAndPort&) = default;
 
     static constexpr auto description() {

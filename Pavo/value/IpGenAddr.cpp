@@ -1,5 +1,8 @@
 #include "Pavo/value/IpGenAddr.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "Mox/Trace.h"
 
 #include "Pavo/value/EthAddr.h"
@@ -43,11 +46,9 @@ Mox::Bytes IpGenAddr::bytes() const {
 }
 
 void IpGenAddr::copyToBuffer(unsigned char* buffer) const {
-    if (af_ == ipv4) {
-        v4Addr().copyToBuffer(buffer);
-    } else {
-        address_.copyToBuffer(buffer);
-    }
+    unsigned char held[16];
+    address_.copyToBuffer(held);
+    std::memcpy(buffer, held, size());
 }
 
 IpGenAddr IpGenAddr::getMappedV4Addr(const IpGenAddr& address) {
@@ -69,51 +70,27 @@ bool IpGenAddr::isReserved(bool routable) const {
 }
 
 EthAddr IpGenAddr::mcastEtherAddress() const {
-    switch (af_) {
-        case ipv4:
-            return v4Addr().mcastEtherAddress();
-        case ipv6:
-            return address_.mcastEtherAddress();
-        default:
-            return EthAddr();
-    }
+    return ofFamily(EthAddr(), [](const auto& address) { return address.mcastEtherAddress(); });
 }
 
 uint32_t IpGenAddr::longestCommonPrefix(const IpGenAddr& other) const {
     if (af_ != other.af_) {
         return 0;
     }
-    switch (af_) {
-        case ipv4:
-            return v4Addr().longestCommonPrefix(other.v4Addr());
-        case ipv6:
-            return address_.longestCommonPrefix(other.address_);
-        default:
-            return 0;
-    }
+    return std::min(address_.longestCommonPrefix(other.address_), addressBits(af_));
 }
 
 const char* IpGenAddr::parse(Mox::TextCursor& in) {
-    const char* error = invalidText;
     switch (detectedFamily(in)) {
-        case ipv4: {
+        case ipv4:
             MOX_TRACE(traceFacility, 9, " af ipv4");
-            IpAddr address;
-            error = address.parse(in);
-            handleV4Addr(address);
-            break;
-        }
-        case ipv6: {
+            return parseAs<IpAddr>(in, this);
+        case ipv6:
             MOX_TRACE(traceFacility, 9, " af ipv6");
-            Ip6Addr address;
-            error = address.parse(in);
-            handleV6Addr(address);
-            break;
-        }
+            return parseAs<Ip6Addr>(in, this);
         default:
-            break;
+            return invalidText;
     }
-    return error;
 }
 
 }  // namespace Pavo

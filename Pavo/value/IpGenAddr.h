@@ -33,17 +33,17 @@ constexpr uint32_t addressBits(AddressFamily af) {
     return af == ipv4 ? 32 : af == ipv6 ? 128 : 0;
 }
 
-/// The family that the text at the cursor belongs to, told by the first ":" or "." in it; unknown
-/// when a "/" comes before either, or neither comes.
+/// The family of the text at the cursor: IPv6 when its first ":" is before any "." and "/", IPv4
+/// when its first "." is, else unknown.
 PAVO_EXPORT AddressFamily detectedFamily(const Mox::TextCursor& in);
 
 /// An IPv4 or an IPv6 address, or none yet (`ipunknown`). Sixteen bytes hold it: those of the IPv6
 /// address, or the four of the IPv4 address and zeros. Ordered by family, then by the sixteen bytes
 /// as a number.
 ///
-/// Text is the family's own form, and of an unknown one "::". The first of ":" and "." in the text
-/// tells the family; a "/" before either, or neither, is "Invalid IpGenAddr". From there on the
-/// texts of errors are those of the family's type.
+/// Text is the family's own form, and "::" for an unknown one. The first ":" or "." in the text
+/// decides the family; a "/" before either, or neither, is "Invalid IpGenAddr". All other errors,
+/// also for text after the address, have the texts of the family's type.
 class IpGenAddr : public Mox::ValueType<IpGenAddr> {
   public:
     constexpr IpGenAddr() = default;
@@ -55,16 +55,13 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// @throws Mox::RangeException "Invalid IpGenAddr" for bytes that the family has no use for and
     /// that are not zero
     constexpr IpGenAddr(AddressFamily af, const Ip6Addr& address) : af_(af), address_(address) {
-        check();
+        requireValid();
     }
     /// @throws Mox::RangeException "Invalid IpGenAddr", or a text of the family's type
     IpGenAddr(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
-    IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        check();
-    }
+    IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr AddressFamily af() const { return af_; }
     /// The sixteen bytes that hold the address.
@@ -95,36 +92,36 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// Copies `size()` bytes in network order.
     PAVO_EXPORT void copyToBuffer(unsigned char* buffer) const;
 
-    /// The IPv4 address inside a v4-mapped IPv6 one; of any other value an unknown one.
+    /// The IPv4 address inside a v4-mapped IPv6 one; for any other value an unknown one.
     PAVO_EXPORT static IpGenAddr getMappedV4Addr(const IpGenAddr& address);
-    /// ::ffff:a.b.c.d for the IPv4 address a.b.c.d; of any other value an unknown one.
+    /// ::ffff:a.b.c.d for the IPv4 address a.b.c.d; for any other value an unknown one.
     PAVO_EXPORT static IpGenAddr getV4MappedV6Addr(const IpGenAddr& address);
 
-    // Each asks the family's own predicate, and is false for a family that has none.
+    // Each is the family's own predicate, and false for a family that has none.
 
     /// 0.0.0.0 of IPv4. The :: of IPv6 is "unspecified".
     constexpr bool isAny() const { return af_ == ipv4 && v4Addr().isAny(); }
     /// The :: of IPv6.
     constexpr bool isUnspecified() const { return af_ == ipv6 && address_.isUnspecified(); }
     constexpr bool isUnicast() const {
-        return is([](const auto& address) { return address.isUnicast(); });
+        return ofFamily(false, [](const auto& address) { return address.isUnicast(); });
     }
     constexpr bool isMulticast() const {
-        return is([](const auto& address) { return address.isMulticast(); });
+        return ofFamily(false, [](const auto& address) { return address.isMulticast(); });
     }
     constexpr bool isLinkLocalUnicast() const {
-        return is([](const auto& address) { return address.isLinkLocalUnicast(); });
+        return ofFamily(false, [](const auto& address) { return address.isLinkLocalUnicast(); });
     }
     constexpr bool isLoopback() const {
-        return is([](const auto& address) { return address.isLoopback(); });
+        return ofFamily(false, [](const auto& address) { return address.isLoopback(); });
     }
     constexpr bool isLoopbackBase() const {
-        return is([](const auto& address) { return address.isLoopbackBase(); });
+        return ofFamily(false, [](const auto& address) { return address.isLoopbackBase(); });
     }
     /// IPv4 only; `routable` as in `IpAddr::isReserved`.
     PAVO_EXPORT bool isReserved(bool routable) const;
     constexpr bool isLinkLocal() const {
-        return is([](const auto& address) { return address.isLinkLocal(); });
+        return ofFamily(false, [](const auto& address) { return address.isLinkLocal(); });
     }
     /// IPv4 only.
     constexpr bool isThisNetwork() const { return af_ == ipv4 && v4Addr().isThisNetwork(); }
@@ -133,7 +130,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     constexpr bool isV4LinkLocal() const { return af_ == ipv4 && isLinkLocal(); }
     constexpr bool isV6LinkLocal() const { return af_ == ipv6 && isLinkLocal(); }
     constexpr bool isPimRouters() const {
-        return is([](const auto& address) { return address.isPimRouters(); });
+        return ofFamily(false, [](const auto& address) { return address.isPimRouters(); });
     }
     /// 224.0.0.0/24, or IPv6 multicast of link-local scope.
     constexpr bool isLinkLocalMulticast() const {
@@ -149,7 +146,6 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// The number of leading bits that both share; 0 for different or unknown families.
     PAVO_EXPORT uint32_t longestCommonPrefix(const IpGenAddr& other) const;
 
-    friend constexpr bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
     friend constexpr auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
     static constexpr auto description() {
@@ -165,21 +161,22 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
         }
     }
 
-  private:
-    constexpr void check() const {
-        if (!isAddress(af_, address_)) {
-            Mox::throwRangeException(invalidText);
-        }
+    constexpr const char* check() const { return isAddress(af_, address_) ? nullptr : invalidText; }
+    constexpr const char* leftoverText() const {
+        return af_ == ipv4 ? IpAddr::invalidText : Ip6Addr::invalidText;
     }
-    template <class Predicate>
-    constexpr bool is(Predicate predicate) const {
+
+  private:
+    // `call(address)` with the address as its family's own type, or `none` for an unknown family.
+    template <class Result, class Call>
+    constexpr Result ofFamily(Result none, Call call) const {
         switch (af_) {
             case ipv4:
-                return predicate(v4Addr());
+                return call(v4Addr());
             case ipv6:
-                return predicate(address_);
+                return call(address_);
             default:
-                return false;
+                return none;
         }
     }
 
@@ -187,5 +184,17 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     Ip6Addr address_;
 };
 static_assert(std::is_trivially_copyable_v<IpGenAddr> && sizeof(IpGenAddr) == 20);
+
+/// Reads the text of `FamilyValue`, a type of one family, into a generic `*value`. Returns null or
+/// the text of the range error.
+template <class FamilyValue, class T>
+const char* parseAs(Mox::TextCursor& in, T* value) {
+    FamilyValue read;
+    const char* const error = read.parse(in);
+    if (error == nullptr) {
+        *value = read;
+    }
+    return error;
+}
 
 }  // namespace Pavo

@@ -15,7 +15,7 @@ namespace Pavo {
 
 /// Family, address and length. The address is held as in `IpGenAddr`: sixteen bytes, of which IPv4
 /// uses the first four. Log, hash and size are the same for all types on this base; order, text and
-/// what a length may be are theirs. All of `T` that this needs is `typeName`.
+/// what a length may be are theirs. `T` derives from this and has a `typeName`.
 ///
 /// Predicates on the address are those of `IpGenAddr`, false for a family that has none.
 template <class T>
@@ -69,6 +69,10 @@ class IpGenAddrAndLen : public Mox::ValueType<T> {
         return Mox::record(T::typeName, Mox::field<T, AddressFamily>("af", &IpGenAddrAndLen::af_),
                            Mox::field<T, Ip6Addr>("address", &IpGenAddrAndLen::address_),
                            Mox::field<T, uint32_t>("len", &IpGenAddrAndLen::len_));
+    }
+    // Any length is valid.
+    constexpr const char* check() const {
+        return IpGenAddr::isAddress(af_, address_) ? nullptr : IpGenAddr::invalidText;
     }
 
   protected:

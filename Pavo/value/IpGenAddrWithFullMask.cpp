@@ -6,8 +6,7 @@ namespace Pavo {
 
 // Reads address and mask, both by the parser of `Address`.
 template <class Address>
-const char* IpGenAddrWithFullMask::parseAs(Mox::TextCursor& in, const char* addressError,
-                                           const char* maskError) {
+const char* IpGenAddrWithFullMask::parseParts(Mox::TextCursor& in, const char* addressError) {
     Address address;
     if (address.parse(in) != nullptr) {
         return addressError;
@@ -22,11 +21,11 @@ const char* IpGenAddrWithFullMask::parseAs(Mox::TextCursor& in, const char* addr
         return nullptr;
     }
     if (!in.take('/') || in.atEnd()) {
-        return "premature end of Prefix type";
+        return IpAddrWithMask::invalidText;
     }
     Address mask;
     if (mask.parse(in) != nullptr) {
-        return maskError;
+        return maskText(whole.af());
     }
     *this = {whole.af(), whole.address(), IpGenAddr(mask).address()};
     return nullptr;
@@ -35,9 +34,9 @@ const char* IpGenAddrWithFullMask::parseAs(Mox::TextCursor& in, const char* addr
 const char* IpGenAddrWithFullMask::parse(Mox::TextCursor& in) {
     switch (detectedFamily(in)) {
         case ipv4:
-            return parseAs<IpAddr>(in, "Invalid IPv4 address", "Invalid IPv4 mask");
+            return parseParts<IpAddr>(in, "Invalid IPv4 address");
         case ipv6:
-            return parseAs<Ip6Addr>(in, "Invalid IPv6 address", "Invalid IPv6 mask");
+            return parseParts<Ip6Addr>(in, "Invalid IPv6 address");
         default:
             return invalidText;
     }

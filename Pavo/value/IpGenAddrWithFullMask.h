@@ -23,12 +23,12 @@ namespace Pavo {
 ///
 /// Text is that of `IpAddrWithFullMask` and `Ip6AddrWithFullMask`: 10.1.2.0/24 for 10.1.2.3 under a
 /// contiguous mask, so the host bits of IPv4 are lost in it; 10.1.2.3/255.0.255.0 under any other;
-/// fe80::1/64; of an unknown family "::/0". The mask is read as a length or as an address. Errors
+/// fe80::1/64; "::/0" for an unknown family. The mask is read as a length or as an address. Errors
 /// are
-/// - "Invalid IPv4/IPv6 address": no ":" and no "." before the "/" tells a family
+/// - "Invalid IPv4/IPv6 address": neither ":" nor "." comes before the "/"
 /// - "Invalid IPv4 address", "Invalid IPv6 address"
 /// - "premature end of Prefix type": nothing after the address, or nothing after the "/"
-/// - "Invalid IPv4 mask", "Invalid IPv6 mask"
+/// - "Invalid IPv4 mask", "Invalid IPv6 mask", also for text after the mask
 /// - "Invalid IPv4 prefix length", "Invalid IPv6 prefix": a length above 32 or 128
 class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
   public:
@@ -61,11 +61,7 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     IpGenAddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
-    IpGenAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        *this = IpGenAddrWithFullMask(af_, IpGenAddr(af_, address_).address(),
-                                      IpGenAddr(af_, mask_).address());
-    }
+    IpGenAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr AddressFamily af() const { return af_; }
     constexpr IpGenAddr ipGenAddr() const { return IpGenAddr(af_, address_); }
@@ -98,8 +94,6 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     /// Not the default value.
     constexpr explicit operator bool() const { return *this != IpGenAddrWithFullMask(); }
 
-    friend constexpr bool operator==(const IpGenAddrWithFullMask&,
-                                     const IpGenAddrWithFullMask&) = default;
     friend constexpr auto operator<=>(const IpGenAddrWithFullMask&,
                                       const IpGenAddrWithFullMask&) = default;
 
@@ -112,11 +106,19 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     }
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
+    constexpr const char* check() const {
+        const bool fits = IpGenAddr::isAddress(af_, address_) && IpGenAddr::isAddress(af_, mask_);
+        return fits ? nullptr : IpGenAddr::invalidText;
+    }
+    constexpr const char* leftoverText() const { return maskText(af_); }
 
   private:
     constexpr IpGenAddrWithFullMask(AddressFamily af, const Ip6Addr& address, const Ip6Addr& mask)
         : af_(af), address_(address), mask_(mask) {}
 
+    static constexpr const char* maskText(AddressFamily af) {
+        return af == ipv4 ? "Invalid IPv4 mask" : "Invalid IPv6 mask";
+    }
     static constexpr const char* longLengthText(AddressFamily af) {
         return af == ipv4 ? "Invalid IPv4 prefix length" : "Invalid IPv6 prefix";
     }
@@ -131,7 +133,7 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     }
 
     template <class Address>
-    const char* parseAs(Mox::TextCursor& in, const char* addressError, const char* maskError);
+    const char* parseParts(Mox::TextCursor& in, const char* addressError);
 
     AddressFamily af_ = ipunknown;
     Ip6Addr address_;

@@ -8,17 +8,6 @@ namespace {
 
 Mox::TraceFacility traceFacility("Pavo::IpGenAddrWithMask");
 
-// Reads the text of a family's own type.
-template <class FamilyValue>
-const char* parseAs(Mox::TextCursor& in, IpGenAddrWithMask* value) {
-    FamilyValue read;
-    const char* const error = read.parse(in);
-    if (error == nullptr) {
-        *value = read;
-    }
-    return error;
-}
-
 }  // namespace
 
 const char* IpGenAddrWithMask::parse(Mox::TextCursor& in) {

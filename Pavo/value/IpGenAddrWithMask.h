@@ -20,9 +20,9 @@ namespace Pavo {
 /// An address of either family that keeps its host bits, with a mask length; any length is stored
 /// as given. Ordered by family, then as `IpAddrWithMask` and `Ip6AddrWithMask` are.
 ///
-/// Text is the family's own form, and of an unknown family that of IPv6. The first of ":" and "."
-/// in the text tells the family; a "/" before either, or neither, is "Invalid prefix". From there
-/// on the texts of errors are those of the family's type.
+/// Text is the family's own form, and for an unknown family that of IPv6. The first ":" or "." in
+/// the text decides the family; a "/" before either, or neither, is "Invalid prefix". All other
+/// errors, also for text after the length, have the texts of the family's type.
 class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
   public:
     constexpr IpGenAddrWithMask() = default;
@@ -43,10 +43,7 @@ class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
     IpGenAddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
-    IpGenAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        *this = IpGenAddrWithMask(IpGenAddr(af_, address_), len_);
-    }
+    IpGenAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The IPv4 value, or 0.0.0.0/0 when the family is another.
     constexpr IpAddrWithMask v4AddrWithMask() const {
@@ -74,6 +71,9 @@ class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
     static constexpr const char* invalidText = "Invalid prefix";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
+    constexpr const char* leftoverText() const {
+        return af_ == ipv4 ? IpAddrWithMask::invalidText : Ip6AddrWithMask::invalidText;
+    }
 };
 static_assert(std::is_trivially_copyable_v<IpGenAddrWithMask> && sizeof(IpGenAddrWithMask) == 24);
 

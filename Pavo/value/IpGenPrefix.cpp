@@ -8,17 +8,6 @@ namespace {
 
 Mox::TraceFacility traceFacility("Pavo::IpGenPrefix");
 
-// Reads the text of a family's own prefix.
-template <class FamilyPrefix>
-const char* parseAs(Mox::TextCursor& in, IpGenPrefix* value) {
-    FamilyPrefix prefix;
-    const char* const error = prefix.parse(in);
-    if (error == nullptr) {
-        *value = prefix;
-    }
-    return error;
-}
-
 }  // namespace
 
 const char* IpGenPrefixBase::parse(Mox::TextCursor& in) {
@@ -49,7 +38,7 @@ const char* IpGenPrefix::parse(Mox::TextCursor& in) {
         return parseAs<Ip6Prefix>(in, this);
     }
     if (in.rest().find('/') == std::string_view::npos) {
-        return "premature end of Prefix type";  // Whatever the address is worth.
+        return IpAddrWithMask::invalidText;  // Even when the address is wrong as well.
     }
     return parseAs<Prefix>(in, this);
 }

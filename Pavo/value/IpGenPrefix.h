@@ -18,7 +18,7 @@ namespace Pavo {
 
 class IpGenPrefix;
 
-/// The parts of a prefix of either family, without a rule that joins them: any length, host bits or
+/// The parts of a prefix of either family, without a rule between them: any length, host bits or
 /// none. Ordered by family, then by address, then by length.
 ///
 /// Text is that of the record alone, with the address as the IPv6 text of its sixteen bytes.
@@ -33,10 +33,7 @@ class IpGenPrefixBase : public IpGenAddrAndLen<IpGenPrefixBase> {
     IpGenPrefixBase(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
-    IpGenPrefixBase(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        *this = IpGenPrefixBase(IpGenAddr(af_, address_), len_);
-    }
+    IpGenPrefixBase(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     friend constexpr std::strong_ordering operator<=>(const IpGenPrefixBase& a,
                                                       const IpGenPrefixBase& b) {
@@ -54,10 +51,11 @@ static_assert(std::is_trivially_copyable_v<IpGenPrefixBase> && sizeof(IpGenPrefi
 /// bits and a length of at most 32 or 128. It has what `IpGenPrefixBase` has and converts to it,
 /// but does not derive from it, so that nothing written through the base breaks the rule.
 ///
-/// Text is the family's own form, and of an unknown family "::/0". The first of ":" and "." in the
-/// text tells the family; a "/" before either, or neither, is "Invalid prefix". An IPv4 text must
-/// have a "/" at all ("premature end of Prefix type"); from there on the texts of errors are those
-/// of `Prefix` and `Ip6Prefix`.
+/// Text is the family's own form, and "::/0" for an unknown family. The first ":" or "." in the
+/// text decides the family; a "/" before either, or neither, is "Invalid prefix". IPv4 text without
+/// any
+/// "/" is "premature end of Prefix type". All other errors, also for text after the length, have
+/// the texts of `Prefix` and `Ip6Prefix`.
 ///
 /// Ordered by family, then as the family's prefixes are: the more specific one comes first.
 class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
@@ -77,7 +75,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     /// @throws Mox::RangeException as the family's constructor; "Invalid prefix" for a length of an
     /// unknown family
     constexpr IpGenPrefix(const IpGenAddr& address, uint32_t len) : IpGenAddrAndLen(address, len) {
-        check();
+        requireValid();
     }
     /// The prefix of one host.
     constexpr explicit IpGenPrefix(const IpGenAddr& address)
@@ -89,7 +87,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
         af_ = af;
         address_ = Ip6Addr(uint64_t{word0} << 32 | word1, uint64_t{word2} << 32 | word3);
         len_ = len;
-        check();
+        requireValid();
     }
     /// @throws Mox::RangeException as the family's constructor
     constexpr explicit IpGenPrefix(const IpGenPrefixBase& parts)
@@ -97,10 +95,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     /// @throws Mox::RangeException "Invalid prefix", or a text of the family's type
     IpGenPrefix(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException "Invalid AddressFamily", or as the family's constructor
-    IpGenPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        check();
-    }
+    IpGenPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The IPv4 prefix, or 0.0.0.0/0 when the family is another.
     constexpr Prefix v4Prefix() const { return af_ == ipv4 ? Prefix(v4Addr(), len_) : Prefix(); }
@@ -120,6 +115,15 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     static constexpr const char* invalidText = "Invalid prefix";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
+    constexpr const char* check() const {
+        if (len_ > addressBits(af_)) {
+            return longLengthText();
+        }
+        return validAsPrefix() ? nullptr : "Invalid prefix - Non-zero after prefix length";
+    }
+    constexpr const char* leftoverText() const {
+        return af_ == ipv4 ? Prefix::invalidText : Ip6Prefix::invalidText;
+    }
 
   private:
     constexpr const char* longLengthText() const {
@@ -130,14 +134,6 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
                 return "Invalid IPv6 Prefix Length";
             default:
                 return invalidText;
-        }
-    }
-    constexpr void check() const {
-        if (len_ > addressBits(af_)) {
-            Mox::throwRangeException(longLengthText());
-        }
-        if (!validAsPrefix()) {
-            Mox::throwRangeException("Invalid prefix - Non-zero after prefix length");
         }
     }
 };

@@ -4,7 +4,7 @@ namespace Pavo {
 
 Mox::Ptr<IpGenPrefixSetConfig> IpGenPrefixSetConfigDir::prefixSetIs(const Mox::String& name) {
     if (prefixSet_.add(name, Mox::Ptr<Mox::Entity>(this), ipGenPrefixSetConfigFactory)) {
-        const auto added = prefixSet_.find(name);  // An observer may delete it again.
+        const auto added = prefixSet_.find(name);  // An observer may delete it.
         notify(prefixSetAttr, name);
         return added;
     }

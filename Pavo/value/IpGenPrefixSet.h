@@ -33,7 +33,7 @@ class PAVO_EXPORT IpGenPrefixRef : public Mox::EntityOf<IpGenPrefixRef> {
 };
 
 // The entities below notify with the member that was added or deleted; observers may change the set
-// again meanwhile.
+// during the notification.
 
 /// A set of prefixes.
 class PAVO_EXPORT IpGenPrefixSet : public Mox::EntityOf<IpGenPrefixSet> {
@@ -82,7 +82,7 @@ class PAVO_EXPORT IpGenPrefixColl : public Mox::EntityOf<IpGenPrefixColl> {
     Mox::Set<IpGenPrefix> prefixSet_;
 };
 
-/// The prefixes that an agent is to match, and those among them that it is to except.
+/// The prefixes that an agent is to match, and the exceptions among them.
 class PAVO_EXPORT IpGenPrefixSetConfig : public Mox::EntityOf<IpGenPrefixSetConfig> {
   public:
     static constexpr Mox::Attribute<IpGenPrefixSetConfig, IpGenPrefix> prefixAttr{0, "prefix"};
@@ -139,7 +139,7 @@ class PAVO_EXPORT IpGenPrefixSetConfigDir : public Mox::EntityOf<IpGenPrefixSetC
     Mox::Ptr<IpGenPrefixSetConfig> prefixSet(const Mox::String& name) const {
         return prefixSet_.find(name);
     }
-    /// The set of that name, made empty unless there is one.
+    /// The set of that name; a new, empty one when there is none.
     Mox::Ptr<IpGenPrefixSetConfig> prefixSetIs(const Mox::String& name);
     void prefixSetDel(const Mox::String& name) { memberDel(prefixSet_, name, prefixSetAttr); }
     void prefixSetDelAll() { memberDelAll(prefixSet_, prefixSetAttr); }

@@ -1,5 +1,5 @@
 /// @file
-/// Pieces of address text that several types share: dotted quads, and the "/length" or mask behind
+/// Pieces of address text that several types share: dotted quads, and the "/length" or mask after
 /// an address.
 #pragma once
 
@@ -13,9 +13,9 @@ namespace Pavo {
 
 enum class DottedFault { none, digitExpected, tooManyDigits, valueTooLarge, dotExpected };
 
-/// Reads four decimal octets joined by "." into `bytes` and stops behind the fourth. An octet has
-/// at most `mostDigits` digits, leading zeros among them. Tells the first fault from the left;
-/// `bytes` may then be half-written.
+/// Reads four decimal octets joined by "." into `bytes` and stops after the fourth. An octet has at
+/// most `mostDigits` digits, leading zeros included. Returns the first fault from the left; `bytes`
+/// may then be half-written.
 template <uint32_t mostDigits = UINT32_MAX>
 inline DottedFault readDottedQuad(Mox::TextCursor& in, uint8_t* bytes) {
     const char* at = in.at();
@@ -94,8 +94,9 @@ inline LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
     return LengthFault::none;
 }
 
-/// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address, whose
-/// first digits alone look like a length: "/255.0" and "/64:1" are masks, "/24: up" is a length.
+/// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address,
+/// whose first digits alone look like a length: "/255.0" and "/64:1" are masks, "/24: up" is a
+/// length.
 inline bool atMaskLength(Mox::TextCursor in, bool isIp6) {
     if (!in.take('/') || !in.atDigit()) {
         return false;

@@ -51,11 +51,11 @@ void deserializeAttr(String::IteratorConst& it, const String::IteratorConst& end
 }
 
 /// Checks that no text is left.
-/// @throws Mox::RangeException with `invalidText` when there is.
+/// @throws Mox::RangeException with `leftoverText` when there is.
 inline void strepToValueEnd(const String::IteratorConst& it, const String::IteratorConst& end,
-                            const char* invalidText = "unexpected trailing characters") {
+                            const char* leftoverText = "unexpected trailing characters") {
     if (it != end) {
-        throwRangeException(invalidText);
+        throwRangeException(leftoverText);
     }
 }
 
@@ -66,7 +66,7 @@ void strepToValue(const String& strep, T* value) {
     T fresh{};
     auto it = strep.begin();
     sequenceToValue(it, strep.end(), &fresh);
-    strepToValueEnd(it, strep.end(), T::invalidText);
+    strepToValueEnd(it, strep.end(), fresh.leftoverText());
     *value = std::move(fresh);
 }
 

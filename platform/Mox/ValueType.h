@@ -9,16 +9,20 @@
 ///     static constexpr auto description() {
 ///         return Mox::record("ns::T", Mox::field("port", &T::port_));
 ///     }
-///     // The error for text after the value, and for text that is not a record of this type, where
-///     // it is not "Invalid T". Functions that use either text come after the description.
+///     // The error for bad text and for text after the value, where it is not "Invalid T".
+///     // Functions of the class body that use it come after the description.
 ///     static constexpr const char* invalidText = "T expected";
 ///
 ///     // A text form of its own, which is also the strep. With `print` alone, `stringValue` gives
 ///     // that text, while strep and parsing stay those of the record.
 ///     const char* parse(Mox::TextCursor&);
 ///     void print(Mox::TextWriter&) const;
-///     // The rules between fields, checked when a record or a log has been read.
+///     // The rules between fields, checked when a record or a log has been read. A constructor
+///     from
+///     // parts calls `requireValid`, which throws the text.
 ///     const char* check() const;
+///     // The error for text after the value, where it depends on the value.
+///     const char* leftoverText() const;
 ///     // A strep that is neither the text nor the record.
 ///     const char* parseStrep(Mox::TextCursor&);
 ///     void printStrep(Mox::TextWriter&) const;
@@ -65,18 +69,57 @@ concept HasCheck = requires(const T& value) {
     { value.check() } -> std::same_as<const char*>;
 };
 template <class T>
-concept HasStrepForm = requires(const T& value, TextWriter& out) {
+concept HasStrepForm = requires(const T& value, T& target, TextWriter& out, TextCursor& in) {
     value.printStrep(out);
+    { target.parseStrep(in) } -> std::same_as<const char*>;
 };
 template <class T>
-concept HasLogForm = requires(const T& value, NboAttrLog::Out& out) {
+concept HasLogForm = requires(const T& value, T& target, NboAttrLog::Out& out, NboAttrLog::In& in) {
     value.toLog(out);
+    target.fromLog(in);
 };
+
+namespace Detail {
+
+struct HookNames {
+    int parse, print, check, parseStrep, printStrep, toLog, fromLog;
+};
+// A name is ambiguous in this class when `T` has a member of that name, which may be private.
+template <class T>
+struct HookProbe : T, HookNames {};
+
+/// Rejects a member with the name of a hook that cannot be called as one, and that would otherwise
+/// be ignored.
+template <class T>
+consteval bool hooksFit() {
+    using Probe = HookProbe<T>;
+    static_assert(
+        HasParse<T> || requires { &Probe::parse; },
+        "the hook is `const char* parse(Mox::TextCursor&)`, and public");
+    static_assert(
+        HasPrint<T> || requires { &Probe::print; },
+        "the hook is `void print(Mox::TextWriter&) const`, and public");
+    static_assert(
+        HasCheck<T> || requires { &Probe::check; },
+        "the hook is `const char* check() const`, and public");
+    static_assert(
+        HasStrepForm<T> || requires { &Probe::parseStrep, &Probe::printStrep; },
+        "the hooks are `const char* parseStrep(Mox::TextCursor&)` and "
+        "`void printStrep(Mox::TextWriter&) const`, and public");
+    static_assert(
+        HasLogForm<T> || requires { &Probe::toLog, &Probe::fromLog; },
+        "the hooks are `void toLog(Mox::NboAttrLog::Out&) const` and "
+        "`void fromLog(Mox::NboAttrLog::In&)`, and public");
+    return true;
+}
+
+}  // namespace Detail
 
 /// Reads the strep of `T`, which is its own text where it has one. Returns null or the text of the
 /// range error; `*value` is unspecified after an error.
 template <class T>
 const char* parseValue(TextCursor& in, T* value) {
+    static_assert(Detail::hooksFit<T>());
     if constexpr (HasParse<T>) {
         return value->parse(in);
     } else if constexpr (HasStrepForm<T>) {
@@ -121,9 +164,11 @@ class ValueType {
   public:
     using TextIt = String::IteratorConst;
 
-    /// The error for text after the value, and for text that is not a record of this type: "Invalid
-    /// " and the type's name without its namespace, unless the type has one of its own.
+    /// The error for bad text, unless the type has one of its own: "Invalid T", where T stands for
+    /// the type's name without its namespace.
     static constexpr const char* invalidText = Detail::invalidTextOf<T>.data();
+    /// The error for text after this value, where all of the text is to be read.
+    constexpr const char* leftoverText() const { return T::invalidText; }
 
     /// The canonical text.
     String stringValue() const {
@@ -139,7 +184,7 @@ class ValueType {
             throwRangeException(error);
         }
         if (!in.atEnd()) {
-            throwRangeException(T::invalidText);
+            throwRangeException(fresh.leftoverText());
         }
         self() = std::move(fresh);
     }
@@ -192,8 +237,15 @@ class ValueType {
         it = in.at();
     }
 
-    /// Reads the fields and calls `check`. For the constructor from a log, which also checks any
-    /// rule that `check` does not: a log comes from outside.
+    /// Checks the rules between the fields. For constructors from parts.
+    /// @throws Mox::RangeException with the text of `check`
+    constexpr void requireValid() const {
+        if (const char* error = self().check()) {
+            throwRangeException(error);
+        }
+    }
+
+    /// Reads the fields and calls `check`. For the constructor from a log.
     /// @throws Mox::RangeException "NboAttrLog: premature end"; "NboAttrLog: value out of range"
     /// when a number does not fit its field; the text of `check`.
     void readLog(NboAttrLog::In* in) {
@@ -205,9 +257,7 @@ class ValueType {
             });
         }
         if constexpr (HasCheck<T>) {
-            if (const char* error = self().check()) {
-                throwRangeException(error);
-            }
+            requireValid();
         }
     }
 

@@ -39,7 +39,7 @@ std::string textErrorOf(std::string_view text, T* value) {
     }
 
     const bool whole = error.empty() && it == guarded.end();
-    const std::string wholeError = error.empty() && !whole ? T::invalidText : error;
+    const std::string wholeError = error.empty() && !whole ? read.leftoverText() : error;
     const auto quiet = Mox::tryParse<T>(guarded.view());
     EXPECT_EQ(rangeErrorOf([&] { value->stringValueIs(Mox::String(text)); }), wholeError) << text;
     EXPECT_EQ(*value, whole ? read : before) << text;

@@ -13,7 +13,7 @@ Ip6AddrWithMask withMask(const char* text) {
     return Mox::fromText<Ip6AddrWithMask>(text);
 }
 
-// A network comes behind all that lies in it, with host bits or without.
+// A network follows all addresses and networks in it, with host bits or without.
 TEST(Ip6AddrWithMask, KeepsTheValueLaws) {
     expectValueLawsOf<Ip6AddrWithMask>({"2001:db8::1/128", "2001:db8::/64", "2001:db8::9/64",
                                         "2001:db8::5/32", "fe80::/64", "fe80::/10", "ff00::1/128",

@@ -23,12 +23,13 @@ TEST(IpGenAddr, KeepsTheValueLaws) {
     EXPECT_EQ(IpGenAddr().stringValue(), "::");
 }
 
-TEST(IpGenAddr, TellsTheFamilyByTheFirstColonOrDot) {
+TEST(IpGenAddr, DetectsTheFamilyByTheFirstColonOrDot) {
     EXPECT_EQ(gen("10.0.0.1").v4Addr(), IpAddr(0x0a000001));
     EXPECT_EQ(gen("::ffff:10.0.0.1").v6Addr(), Ip6Addr(0, 0xffff0a000001));
     expectRefuses(IpGenAddr(ipv6),
-                  {{"Invalid IpGenAddr", {"10/8", "/10.0.0.1", "10", "", "10.0.0.1x", "::1/64"}},
-                   {"Invalid IpAddr", {"10.0.0/8", "10.0.0.256", "1.2:3"}},
+                  {{"Invalid IpGenAddr", {"10/8", "/10.0.0.1", "10", ""}},
+                   {"Invalid IpAddr", {"10.0.0/8", "10.0.0.256", "1.2:3", "10.0.0.1x"}},
+                   {"Ip6Addr: unexpected trailing characters", {"::1/64", "::1x"}},
                    {"Ip6Addr: incomplete ipv6 address", {"a:b"}},
                    {"Ip6Addr: expected '.'", {"1:2.3"}}});
 }
@@ -52,7 +53,7 @@ TEST(IpGenAddr, MapsBetweenTheFamilies) {
     EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("2001:db8::1")), IpGenAddr());
 }
 
-// One question, as each type asks it; null where it does not.
+// One predicate of each type; null where the type does not have it.
 struct Kind {
     const char* name;
     bool (IpAddr::*ofV4)() const;
@@ -84,8 +85,8 @@ constexpr Kind kinds[] = {
     {"v4Mapped", nullptr, &Ip6Addr::isV4MappedV6, nullptr},
 };
 
-// The names of all questions that are answered yes. The generic address says what its family says,
-// and no where that does not ask.
+// The names of all predicates that hold. Those of the generic address agree with those of its
+// family, and are false where the family has none.
 std::string kindsOf(const IpGenAddr& address) {
     std::string names;
     for (const Kind& kind : kinds) {
@@ -147,21 +148,11 @@ TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
     EXPECT_EQ(kindsOf(IpGenAddr()), "");
 }
 
-TEST(IpGenAddr, AsksTheFamilyForMacAndCommonBits) {
+TEST(IpGenAddr, HasTheMacOfItsFamily) {
     EXPECT_EQ(gen("239.129.1.2").mcastEtherAddress(), EthAddr(0x0100, 0x5e01, 0x0102));
     EXPECT_EQ(gen("ff02::1:2").mcastEtherAddress(), EthAddr(0x3333, 0x0001, 0x0002));
     EXPECT_EQ(IpGenAddr().mcastEtherAddress(), EthAddr());
-    const struct {
-        const char* a;
-        const char* b;
-        uint32_t bits;
-    } cases[] = {{"0.0.0.0", "128.0.0.0", 0},  {"10.0.0.0", "10.128.0.0", 8},
-                 {"10.0.0.0", "10.0.0.1", 31}, {"10.0.0.0", "10.0.0.0", 32},
-                 {"::", "::1", 127},           {"::", "::", 128},
-                 {"0.0.0.0", "::", 0}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(gen(c.a).longestCommonPrefix(gen(c.b)), c.bits) << c.a << " " << c.b;
-    }
+    EXPECT_EQ(gen("0.0.0.0").longestCommonPrefix(gen("::")), 0u);
     EXPECT_EQ(IpGenAddr().longestCommonPrefix(IpGenAddr()), 0u);
 }
 
