@@ -86,18 +86,18 @@ TEST(EthAddr, ReachesBytesAndWordsInTransmissionOrder) {
     value.wordIs(2, 0xbeef);
     value.byteIs(0, 0x02);
     value.byteDel(3);
-    EXPECT_EQ(value.stringValue(), "02:11:22:00:be:ef");
     value.wordDel(0);
     EXPECT_EQ(value.displayString(), "0000.2200.beef");
     EXPECT_TRUE(value.oui() == 0x22 && value.station() == 0xbeef);
+
     Eui64 eui = sampleMac.eui64();
     EXPECT_EQ(eui, Eui64(0x0011, 0x22ff, 0xff0a, 0x0b0c));
+    EXPECT_EQ(eui.word(2) << 8 | eui.byte(6), 0xff0a0b);
     eui.byteIs(1, 0xaa);
     eui.byteDel(7);
     eui.wordIs(2, 0xbeef);
     eui.wordDel(1);
     EXPECT_EQ(eui, Eui64(0x00aa, 0, 0xbeef, 0x0b00));
-    EXPECT_EQ(eui.word(2) << 8 | eui.byte(6), 0xbeef0b);
 }
 
 // Tables of other processes are keyed by these numbers.

@@ -101,10 +101,8 @@ TEST(IpAndPort, RefusesAPortOfMoreThan16Bits) {
 // The toggle is read once in the life of a process, so each state has a process of its own.
 TEST(IpAddrDeathTest, ReservesClassEUnlessToggledAndAskedOtherwise) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
-    const struct {
-        const char* file;  // Null for none.
-        bool isReserved;   // Where it is to be routable.
-    } cases[] = {
+    // The toggle file, null for none, and whether a routable address is reserved.
+    const std::pair<const char*, bool> cases[] = {
         {nullptr, false},
         {R"({"Ipv4Routable240ClassE": true})", false},
         {R"({"Ipv4Routable240ClassE": false})", true},
@@ -113,14 +111,14 @@ TEST(IpAddrDeathTest, ReservesClassEUnlessToggledAndAskedOtherwise) {
     std::filesystem::create_directories(folder);
     const std::string path = folder + "/Pavo.json";
     setenv("PAVO_TOGGLE_DIR", folder.c_str(), 1);
-    for (const auto& c : cases) {
+    for (const auto& [file, isReserved] : cases) {
         std::remove(path.c_str());
-        if (c.file != nullptr) {
-            std::ofstream(path) << c.file;
+        if (file != nullptr) {
+            std::ofstream(path) << file;
         }
         const IpAddr classE = ip("240.0.0.1");
         EXPECT_EXIT(std::_Exit(classE.isReserved(true) + 2 * classE.isReserved(false)),
-                    testing::ExitedWithCode(c.isReserved ? 3 : 2), "");
+                    testing::ExitedWithCode(isReserved ? 3 : 2), "");
     }
     std::remove(path.c_str());
     unsetenv("PAVO_TOGGLE_DIR");

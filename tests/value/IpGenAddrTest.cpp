@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <set>
+#include <sstream>
+
 #include "Mox/Trace.h"
 #include "Pavo/EthAddr.h"
 #include "Pavo/IpGenAddrWithMask.h"
@@ -36,15 +40,14 @@ TEST(IpGenAddr, DetectsTheFamilyByTheFirstColonOrDot) {
 
 TEST(IpGenAddr, HoldsOneFamilyAtATime) {
     IpGenAddr value = gen("fe80::1");
-    EXPECT_EQ(value.v4Addr(), IpAddr());
     EXPECT_EQ(value.bytes(), (Mox::Bytes{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-    value.handleV4Addr(IpAddr(0x01020304));  // Nothing of the old address stays.
-    EXPECT_EQ(value, IpGenAddr(IpAddr(0x01020304)));
+    EXPECT_EQ(value.v4Addr(), IpAddr());
+    value.handleV4Addr(IpAddr(0x01020304));  // No byte of the old address stays.
+    EXPECT_EQ(value, gen("1.2.3.4"));
     EXPECT_EQ(value.bytes(), (Mox::Bytes{1, 2, 3, 4}));
     EXPECT_EQ(value.v6Addr(), Ip6Addr());
     value.handleV6Addr(ip6AddrLoopback);
-    EXPECT_EQ(value, IpGenAddr(ip6AddrLoopback));
-    EXPECT_EQ(IpGenAddr().size(), 16u);
+    EXPECT_EQ(value, gen("::1"));
 }
 
 TEST(IpGenAddr, MapsBetweenTheFamilies) {
@@ -53,52 +56,40 @@ TEST(IpGenAddr, MapsBetweenTheFamilies) {
     EXPECT_EQ(IpGenAddr::getMappedV4Addr(gen("2001:db8::1")), IpGenAddr());
 }
 
-// One predicate of each type; null where the type does not have it.
-struct Kind {
-    const char* name;
-    bool (IpAddr::*ofV4)() const;
-    bool (Ip6Addr::*ofV6)() const;
-    bool (IpGenAddr::*ofAny)() const;
-};
-constexpr Kind kinds[] = {
-    {"any", &IpAddr::isAny, nullptr, &IpGenAddr::isAny},
-    {"zero", &IpAddr::isZero, &Ip6Addr::isZero, nullptr},
-    {"unspecified", nullptr, &Ip6Addr::isUnspecified, &IpGenAddr::isUnspecified},
-    {"thisNetwork", &IpAddr::isThisNetwork, nullptr, &IpGenAddr::isThisNetwork},
-    {"loopback", &IpAddr::isLoopback, &Ip6Addr::isLoopback, &IpGenAddr::isLoopback},
-    {"loopbackBase", &IpAddr::isLoopbackBase, &Ip6Addr::isLoopbackBase, &IpGenAddr::isLoopbackBase},
-    {"unicast", &IpAddr::isUnicast, &Ip6Addr::isUnicast, &IpGenAddr::isUnicast},
-    {"globalUnicast", nullptr, &Ip6Addr::isGlobalUnicast, nullptr},
-    {"broadcast", &IpAddr::isBroadcast, nullptr, &IpGenAddr::isBroadcast},
-    {"private", &IpAddr::isPrivate, nullptr, nullptr},
-    {"linkLocal", &IpAddr::isLinkLocal, &Ip6Addr::isLinkLocal, &IpGenAddr::isLinkLocal},
-    {"linkLocalUnicast", &IpAddr::isLinkLocalUnicast, &Ip6Addr::isLinkLocalUnicast,
-     &IpGenAddr::isLinkLocalUnicast},
-    {"linkLocalUnicast2", nullptr, &Ip6Addr::isLinkLocalUnicast2, nullptr},
-    {"v4LinkLocal", &IpAddr::isLinkLocal, nullptr, &IpGenAddr::isV4LinkLocal},
-    {"v6LinkLocal", nullptr, &Ip6Addr::isLinkLocal, &IpGenAddr::isV6LinkLocal},
-    {"multicast", &IpAddr::isMulticast, &Ip6Addr::isMulticast, &IpGenAddr::isMulticast},
-    {"reservedMulticast", &IpAddr::isReservedMulticast, nullptr, nullptr},
-    {"routableMulticast", nullptr, &Ip6Addr::isRoutableMulticast, &IpGenAddr::isRoutableMulticast},
-    {"linkLocalMulticast", nullptr, nullptr, &IpGenAddr::isLinkLocalMulticast},
-    {"pimRouters", &IpAddr::isPimRouters, &Ip6Addr::isPimRouters, &IpGenAddr::isPimRouters},
-    {"v4Mapped", nullptr, &Ip6Addr::isV4MappedV6, nullptr},
-};
-
-// The names of all predicates that hold. Those of the generic address agree with those of its
-// family, and are false where the family has none.
-std::string kindsOf(const IpGenAddr& address) {
-    std::string names;
-    for (const Kind& kind : kinds) {
-        const bool yes =
-            (address.af() == ipv4 && kind.ofV4 != nullptr && (address.v4Addr().*kind.ofV4)()) ||
-            (address.af() == ipv6 && kind.ofV6 != nullptr && (address.v6Addr().*kind.ofV6)());
-        const bool generic = kind.ofAny != nullptr && (address.*kind.ofAny)();
-        const bool isOwn = kind.ofV4 == nullptr && kind.ofV6 == nullptr;
-        EXPECT_TRUE(isOwn || kind.ofAny == nullptr || generic == yes) << kind.name;
-        names += yes || generic ? std::string(" ") + kind.name : "";
+// The predicates that hold. Those of the generic address are its family's.
+std::set<std::string> kindsOf(const IpGenAddr& address) {
+    const IpAddr v4 = address.v4Addr();
+    const Ip6Addr v6 = address.v6Addr();
+    const std::pair<const char*, bool> kinds[] = {
+        {"any", address.isAny()},
+        {"unspecified", address.isUnspecified()},
+        {"thisNetwork", address.isThisNetwork()},
+        {"loopback", address.isLoopback()},
+        {"loopbackBase", address.isLoopbackBase()},
+        {"unicast", address.isUnicast()},
+        {"globalUnicast", v6.isGlobalUnicast()},
+        {"broadcast", address.isBroadcast()},
+        {"private", v4.isPrivate()},
+        {"linkLocal", address.isLinkLocal()},
+        {"linkLocalUnicast", address.isLinkLocalUnicast()},
+        {"linkLocalUnicast2", v6.isLinkLocalUnicast2()},
+        {"v4LinkLocal", address.isV4LinkLocal()},
+        {"v6LinkLocal", address.isV6LinkLocal()},
+        {"multicast", address.isMulticast()},
+        {"reservedMulticast", v4.isReservedMulticast()},
+        {"routableMulticast", address.isRoutableMulticast()},
+        {"linkLocalMulticast", address.isLinkLocalMulticast()},
+        {"pimRouters", address.isPimRouters()},
+        {"v4Mapped", v6.isV4MappedV6()},
+        {"reserved", address.isReserved(false)},
+    };
+    std::set<std::string> names;
+    for (const auto& [name, holds] : kinds) {
+        if (holds) {
+            names.insert(name);
+        }
     }
-    return names + (address.isReserved(false) ? " reserved" : "");
+    return names;
 }
 
 TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
@@ -111,7 +102,7 @@ TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
         std::string kinds;
         std::vector<const char*> texts;
     } cases[] = {
-        {" any zero thisNetwork unicast", {"0.0.0.0"}},
+        {" any thisNetwork unicast", {"0.0.0.0"}},
         {" thisNetwork unicast", {"0.255.0.0"}},
         {" unicast", {"1.0.0.0", "9.255.255.255", "128.0.0.0", "172.15.255.255", "172.32.0.0"}},
         {" unicast", {"169.253.255.255", "169.255.0.0", "192.167.255.255"}},
@@ -128,7 +119,7 @@ TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
         {" unicast reserved", {"240.0.0.1"}},
         {" unicast private reserved", {"255.255.255.254"}},
         {" broadcast private", {"255.255.255.255"}},
-        {" zero unspecified unicast", {"::"}},
+        {" unspecified unicast", {"::"}},
         {" loopback unicast", {"::1"}},
         {" unicast globalUnicast", {"::2", "1::1", "fec0::", "fe7f:ffff::", "::fffe:0:0"}},
         {" unicast globalUnicast", {"::1:ffff:0:0", "f000::1"}},
@@ -141,11 +132,13 @@ TEST(IpGenAddr, SortsAddressesIntoTheirKinds) {
         {" unicast globalUnicast v4Mapped", {"::ffff:0.0.0.0"}},
     };
     for (const auto& c : cases) {
+        std::istringstream words(c.kinds);
+        const std::set<std::string> kinds{std::istream_iterator<std::string>(words), {}};
         for (const char* text : c.texts) {
-            EXPECT_EQ(kindsOf(gen(text)), c.kinds) << text;
+            EXPECT_EQ(kindsOf(gen(text)), kinds) << text;
         }
     }
-    EXPECT_EQ(kindsOf(IpGenAddr()), "");
+    EXPECT_EQ(kindsOf(IpGenAddr()), std::set<std::string>());
 }
 
 TEST(IpGenAddr, HasTheMacOfItsFamily) {
@@ -156,7 +149,7 @@ TEST(IpGenAddr, HasTheMacOfItsFamily) {
     EXPECT_EQ(IpGenAddr().longestCommonPrefix(IpGenAddr()), 0u);
 }
 
-TEST(IpGenAddr, TracesWhatItDetects) {
+TEST(IpGenAddr, TracesTheFamily) {
     static std::string traced;
     const auto before =
         Mox::traceSinkIs([](const char* facility, int level, std::string_view text) {
@@ -166,8 +159,7 @@ TEST(IpGenAddr, TracesWhatItDetects) {
     Mox::traceSettingsIs("Pavo::IpGenAddr/9,Pavo::IpGenPrefix/9,Pavo::IpGenAddrWithMask/9");
     (void)gen("10.0.0.1");
     (void)gen("::1");
-    (void)Mox::fromText<IpGenPrefix>("10.0.0.0/8");
-    (void)Mox::fromText<IpGenAddrWithMask>("::1/64");
+    EXPECT_TRUE(Mox::tryParse<IpGenPrefix>("::/0") && Mox::tryParse<IpGenAddrWithMask>("::1/64"));
     Mox::traceSettingsIs("Pavo::IpGenAddr/,Pavo::IpGenPrefix/,Pavo::IpGenAddrWithMask/");
     Mox::traceSinkIs(before);
     EXPECT_EQ(traced,

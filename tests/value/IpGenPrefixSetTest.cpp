@@ -35,25 +35,14 @@ TEST(IpGenPrefixSet, NotifiesOnceOfEachChange) {
               "10.0.0.0/8 10.0.0.0/8 10.0.0.0/8 except ::/0 ::/0 10.0.0.0/8 ::/0 except ::/0 ");
 }
 
-TEST(IpGenPrefixRef, NotifiesOfANewPrefix) {
-    const auto ref = ipGenPrefixRefFactory(prefix("10.0.0.0/8"));
-    int notified = 0;
-    const Mox::Watch<IpGenPrefixRef> watch(ref, IpGenPrefixRef::prefixAttr, [&] { ++notified; });
-    for (const char* text : {"10.0.0.0/8", "::/0", "::/0"}) {
-        ref->prefixIs(prefix(text));
-    }
-    EXPECT_EQ(notified, 1);
-    EXPECT_EQ(ref->prefix(), prefix("::/0"));
-}
-
 TEST(IpGenPrefixSetConfigDir, HoldsOneSetForEachName) {
     const auto dir = ipGenPrefixSetConfigDirFactory("dir");
     const auto a = dir->prefixSetIs("a");
     a->prefixIs(prefix("10.0.0.0/8"));
-    EXPECT_EQ(dir->prefixSetIs("a"), a);  // The same, with what it holds.
+    EXPECT_EQ(dir->prefixSetIs("a"), a);  // The same set, with its members.
     EXPECT_EQ(dir->prefixSet("c"), nullptr);
     dir->prefixSetDel(dir->prefixSet().begin()->first);
-    EXPECT_EQ(a->prefix().members(), 1u);  // Taken out, not emptied.
+    EXPECT_EQ(a->prefix().members(), 1u);  // Removed from the directory, not emptied.
     EXPECT_NE(dir->prefixSetIs("a"), a);
 }
 

