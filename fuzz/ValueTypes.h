@@ -97,9 +97,10 @@ using EnumTypes =
     TypeList<Pavo::AddressFamily, Pavo::IpProtocolNumber, Pavo::PktErrors, Pavo::IcmpType,
              Pavo::Icmp6Type, Pavo::Ip6HdrOptionType, Pavo::NamespaceState,
              Pavo::TcpClientStatus::ConnectionStatus, Pavo::TcpPduPamEnableMode,
-             Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type0LocalType,
-             Pavo::MplsLabelAction, Pavo::BoundedMplsLabelStackError, Pavo::IpSocketOptions,
-             Pavo::IpTrafficControl, Pavo::IpPktOption, Pavo::Ip6Pam::Mode>;
+             Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type,
+             Pavo::RouteDistinguisher::Type0LocalType, Pavo::MplsLabelAction,
+             Pavo::BoundedMplsLabelStackError, Pavo::IpSocketOptions, Pavo::IpTrafficControl,
+             Pavo::IpPktOption, Pavo::Ip6Pam::Mode>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -15,7 +15,8 @@
 namespace Pavo {
 
 /// A BGP autonomous-system number of two or four bytes (RFC 6793). Text is that of the record;
-/// `displayString` is for people.
+/// `displayString` is for people. `stringValueIs`, `Mox::fromText` and `Mox::tryParse` read both,
+/// so that "65536" and "1.0" are one number.
 class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
   public:
     constexpr AutonomousSystem() = default;
@@ -34,7 +35,7 @@ class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
     }
 
     /// Plain decimal, or on request, above 65535, asdot: 65536 is "1.0" (RFC 5396).
-    PAVO_EXPORT Mox::String displayString(bool asdot) const;
+    PAVO_EXPORT Mox::String displayString(bool asdot = false) const;
     /// Prints what `displayString` gives.
     PAVO_EXPORT void printDisplay(Mox::TextWriter& out, bool asdot) const;
 
@@ -48,6 +49,10 @@ class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
         return Mox::record("Pavo::AutonomousSystem",
                            Mox::field("value", &AutonomousSystem::value_));
     }
+    /// The number, mixed from `seed` on as in composite values.
+    constexpr uint32_t hash(uint32_t seed) const { return ValueType::hash(seed); }
+    /// Reads a plain number, or two up to 65535 with a dot between them.
+    PAVO_EXPORT const char* parseText(Mox::TextCursor& in);
 
   private:
     uint32_t value_ = 0;

@@ -1,5 +1,7 @@
 #include "Pavo/value/RouteDistinguisher.h"
 
+#include <algorithm>
+
 namespace Pavo {
 
 namespace {
@@ -27,23 +29,17 @@ bool readAdministrator(Mox::TextCursor& in, Administrator* administrator) {
         *administrator = {Rd::type1, address.value()};
         return true;
     }
-    uint32_t number = 0;
-    if (!in.decimal(&number)) {
+    AutonomousSystem number;
+    const char* const begin = in.at();
+    if (number.parseText(in) != nullptr) {
         return false;
     }
-    if (!in.take('.')) {
-        *administrator = {number <= 0xffff ? Rd::type0 : Rd::type2, number};
-        return true;
-    }
-    uint32_t low = 0;
-    if (!in.decimal(&low) || number > 0xffff || low > 0xffff) {
-        return false;
-    }
-    *administrator = {Rd::type2, number << 16 | low};
+    const bool isPlain = std::find(begin, in.at(), '.') == in.at();
+    *administrator = {isPlain && number.value() <= 0xffff ? Rd::type0 : Rd::type2, number.value()};
     return true;
 }
 
-// The four bytes behind a two-byte administrator.
+// The four bytes after a two-byte administrator.
 bool readType0Local(Mox::TextCursor& in, uint32_t* number, Rd::Type0LocalType* local) {
     IpAddr address;
     if (readQuad(in, &address)) {
@@ -71,7 +67,7 @@ bool readAssigned(Mox::TextCursor& in, uint64_t* hbo, Rd::Type0LocalType* local)
     return read;
 }
 
-// All 16 digits behind "0x".
+// All 16 digits after "0x".
 bool readUnassigned(Mox::TextCursor& in, uint64_t* hbo) {
     for (int i = 0; i < 16; ++i) {
         const int digit = Mox::TextCursor::hexValue(in.peek());
@@ -93,24 +89,34 @@ void printUnassigned(Mox::TextWriter& out, uint64_t hbo) {
 
 }  // namespace
 
-void RouteDistinguisher::stringValueIs(const Mox::String& text) {
-    Mox::TextCursor in(text.view());
-    if (in.take(std::string_view("Value("))) {
-        ValueType::stringValueIs(text);
-        return;
-    }
-    if (in.rest() == "INVALID") {
+RouteDistinguisher::Type RouteDistinguisher::TypeInstance(uint32_t value) {
+    return Mox::enumValue<Type>(value);
+}
+
+RouteDistinguisher::Type RouteDistinguisher::TypeInstance(const Mox::String& name) {
+    return Mox::enumValue<Type>(name);
+}
+
+RouteDistinguisher::Type0LocalType RouteDistinguisher::Type0LocalTypeInstance(uint32_t value) {
+    return Mox::enumValue<Type0LocalType>(value);
+}
+
+RouteDistinguisher::Type0LocalType RouteDistinguisher::Type0LocalTypeInstance(
+    const Mox::String& name) {
+    return Mox::enumValue<Type0LocalType>(name);
+}
+
+const char* RouteDistinguisher::parseText(Mox::TextCursor& in) {
+    if (in.take(std::string_view("INVALID"))) {
         *this = {};
-        return;
+        return nullptr;
     }
     uint64_t hbo = 0;
     Type0LocalType local = localInvalid;
     const bool read =
         in.take(std::string_view("0x")) ? readUnassigned(in, &hbo) : readAssigned(in, &hbo, &local);
-    if (!read || !in.atEnd()) {
-        Mox::throwRangeException(invalidText);
-    }
-    *this = {hostOrder(hbo), true, local};
+    *this = fromHbo(hbo, local);
+    return read ? nullptr : invalidText;
 }
 
 Mox::String RouteDistinguisher::displayString(bool asdot) const {

@@ -17,8 +17,10 @@
 ///     // that text, while strep and parsing stay those of the record.
 ///     const char* parse(Mox::TextCursor&);
 ///     void print(Mox::TextWriter&) const;
-///     // The rules between fields, checked when a record or a log has been read. A constructor
-///     from
+///     // With `print` alone: reads what it prints. Texts read as a whole may then have this form
+///     // too; `stringValueIs` and `tryParse` take what is no record for it.
+///     const char* parseText(Mox::TextCursor&);
+///     // The rules between fields, checked when a record or a log has been read. A constructor from
 ///     // parts calls `requireValid`, which throws the text.
 ///     const char* check() const;
 ///     // The error for text after the value, where it depends on the value.
@@ -134,6 +136,25 @@ const char* parseValue(TextCursor& in, T* value) {
 }
 
 template <class T>
+concept HasTextForm = requires(T& value, TextCursor& in) {
+    { value.parseText(in) } -> std::same_as<const char*>;
+};
+
+/// Reads the whole of `text`, which is a strep, or a text of the type's own. Returns as
+/// `parseValue` does.
+template <class T>
+const char* parseWhole(std::string_view text, T* value) {
+    TextCursor in(text);
+    const char* error = nullptr;
+    if constexpr (HasTextForm<T>) {
+        error = text.starts_with("Value(") ? parseValue(in, value) : value->parseText(in);
+    } else {
+        error = parseValue(in, value);
+    }
+    return error == nullptr && !in.atEnd() ? value->leftoverText() : error;
+}
+
+template <class T>
 void printStrep(TextWriter& out, const T& value) {
     if constexpr (HasParse<T>) {
         value.print(out);
@@ -178,13 +199,9 @@ class ValueType {
     /// Reads the whole of `text`.
     /// @throws Mox::RangeException with the type's text; the value is then unchanged.
     void stringValueIs(const String& text) {
-        TextCursor in(text.view());
         T fresh{};
-        if (const char* error = parseValue(in, &fresh)) {
+        if (const char* error = parseWhole(text.view(), &fresh)) {
             throwRangeException(error);
-        }
-        if (!in.atEnd()) {
-            throwRangeException(fresh.leftoverText());
         }
         self() = std::move(fresh);
     }
@@ -322,9 +339,8 @@ void sequenceToValue(String::IteratorConst& it, const String::IteratorConst& end
 /// The value that the whole of `text` stands for, or nothing. Never throws.
 template <Value T>
 std::optional<T> tryParse(std::string_view text) {
-    TextCursor in(text);
     T value{};
-    if (parseValue(in, &value) != nullptr || !in.atEnd()) {
+    if (parseWhole(text, &value) != nullptr) {
         return std::nullopt;
     }
     return value;

@@ -27,7 +27,13 @@ TEST(AutonomousSystem, KeepsTheValueLawsAndShowsItsRanges) {
         EXPECT_FALSE(As(value).isPrivate()) << value;
     }
     EXPECT_EQ(As(65535).displayString(true) + " " + As(65536).displayString(true), "65535 1.0");
-    EXPECT_EQ(As(65536).displayString(false), "65536");
+    EXPECT_EQ(As(65536).displayString(), "65536");
+    EXPECT_EQ(As(1).hash(7), As(1).ValueType::hash(7));
+    EXPECT_EQ(Mox::tryParse<As>("1.65535"), As(131071));
+    for (const char* number : {"", "1.", ".1", "1.65536", "65536.0", "4294967296", "1.0.0", "1 "}) {
+        As value(9);
+        EXPECT_EQ(textErrorOf(number, &value), "Invalid AutonomousSystem") << number;
+    }
 }
 
 TEST(RouteDistinguisher, KeepsTheValueLaws) {  // The last of the eight bytes counts most.
@@ -64,6 +70,7 @@ TEST(RouteDistinguisher, ReadsWhatItPrints) {
     };
     for (const auto& c : cases) {
         Rd value = rd(c.text);
+        EXPECT_EQ(Mox::tryParse<Rd>(c.text), value);
         EXPECT_EQ(value, Rd(__builtin_bswap64(c.hbo), true, c.local)) << c.text;
         EXPECT_EQ(value.stringValue(), c.plain);
         EXPECT_EQ(value.displayString(true), c.asdot);
@@ -83,22 +90,37 @@ TEST(RouteDistinguisher, RefusesAnyOtherText) {
         "|0x000300000000001|0x00030000000000001|0x000300000000000g|0X0003000000000001");
     for (std::string text; std::getline(texts, text, '|');) {
         Rd value = rd("9:9");
-        EXPECT_EQ(rangeErrorOf([&] { value.stringValueIs(Mox::String(text)); }),
-                  "Invalid RouteDistinguisher")
-            << text;
-        EXPECT_EQ(value, rd("9:9")) << text;
+        EXPECT_EQ(textErrorOf(text, &value), "Invalid RouteDistinguisher") << text;
     }
 }
 
 TEST(RouteDistinguisher, GivesThePartsOfItsTypeAndNoOther) {
-    const Rd type0 = rd("258:10.0.0.1"), type1 = rd("10.0.0.1:772"), type2 = rd("1.2:772");
-    EXPECT_EQ(type0.type0Administrator(), AutonomousSystem(258));
+    const AutonomousSystem small(258), large(65538);
+    const IpAddr address(0x0a000001);
+    const Rd type0 = Rd::fromType0(small, address), type1 = Rd::fromType1(address, 65535),
+             type2 = Rd::fromType2(large, 65535);
+    EXPECT_EQ(Rd::fromType0(small, 0x0a000001), rd("258:167772161"));
+    EXPECT_EQ(type0, rd("258:10.0.0.1"));
+    EXPECT_EQ(type1, rd("10.0.0.1:65535"));
+    EXPECT_EQ(type2, rd("1.2:65535"));
+    EXPECT_EQ(Rd::fromType2(small, 7), rd("0.258:7"));
+    EXPECT_EQ(rangeErrorOf([&] { Rd::fromType0(AutonomousSystem(65536), 7); }),
+              "RouteDistinguisher::type0Administrator > 65535 not allowed");
+    EXPECT_EQ(rangeErrorOf([&] { Rd::fromType1(address, 65536); }),
+              "RouteDistinguisher::type1LocallyAssignedNumber > 65535 not allowed");
+    EXPECT_EQ(rangeErrorOf([&] { Rd::fromType2(large, 65536); }),
+              "RouteDistinguisher::type2LocallyAssignedNumber > 65535 not allowed");
+    EXPECT_EQ(type0.type0Administrator(), small);
     EXPECT_EQ(type0.type0LocallyAssignedNumber(), 0x0a000001u);
-    EXPECT_EQ(type0.type0LocallyAssignedIpAddr(), IpAddr(0x0a000001));
-    EXPECT_EQ(type1.type1Administrator(), IpAddr(0x0a000001));
-    EXPECT_EQ(type1.type1LocallyAssignedNumber(), 772);
-    EXPECT_EQ(type2.type2Administrator(), AutonomousSystem(65538));
-    EXPECT_EQ(type2.type2LocallyAssignedNumber(), 772);
+    EXPECT_EQ(type0.type0LocallyAssignedIpAddr(), address);
+    EXPECT_EQ(type1.type1Administrator(), address);
+    EXPECT_EQ(type1.type1LocallyAssignedNumber(), 65535);
+    EXPECT_EQ(type2.type2Administrator(), large);
+    EXPECT_EQ(type2.type2LocallyAssignedNumber(), 65535);
+    EXPECT_EQ(stringValue(type2.rdType()), "type2");
+    EXPECT_EQ(Rd::TypeInstance("type1"), Rd::type1);
+    EXPECT_EQ(Rd::Type0LocalTypeInstance(2), Rd::localNumber);
+    EXPECT_EQ(rangeErrorOf([] { Rd::TypeInstance(3); }), "Invalid RouteDistinguisher::Type");
     EXPECT_DEATH(Rd().rdType(), "valid\\(\\)");
     EXPECT_DEATH(type1.type0Administrator(), "rdType\\(\\) == type0\\(\\)");
     EXPECT_DEATH(type2.type1Administrator(), "rdType\\(\\) == type1\\(\\)");
