@@ -1,27 +1,32 @@
 #include "Pavo/label/BoundedMplsLabelStack.h"
 
+#include <algorithm>
+
 #include "Pavo/label/DynamicMplsLabelStack.h"
 
 namespace Pavo {
 
 BoundedMplsLabelStack::BoundedMplsLabelStack(const DynamicMplsLabelStack& stack) {
-    // What `stack` holds keeps its place, whatever the rules of appending say. Of a pair, the
-    // indicator stands for both: where it fits, so does its label.
-    bool fits = true;
-    for (uint32_t position = 0; fits && position < stack.calculatedStackSize(); ++position) {
+    const uint32_t most = std::min(stack.calculatedStackSize(), mapBits);
+    uint32_t position = 0;
+    for (; position < most; ++position) {
         const MplsLabel label = stack.calculatedLabel(position);
-        if (label.value() == MplsLabel::entropyLabelIndicatorValue) {
-            fits = appendPair();
-        } else if (!label.isEntropyMarker()) {
-            fits = stackSize() < maxLabels && calculatedStackSize() < mapBits;
-            if (fits) {
-                pushBottom(label);
-            }
+        if (label.isEntropyMarker()) {
+            continue;
         }
+        if (stackSize() == maxLabels) {
+            break;
+        }
+        pushBottom(label);
     }
+    entropyLabelBitMap_ = stack.entropyLabelBitMap() & bitsBelow(position);
+    entropyLabelIndicatorBitMap_ = stack.entropyLabelIndicatorBitMap() & bitsBelow(position);
 }
 
 const char* BoundedMplsLabelStack::check() const {
+    if (stackSize() > maxLabels) {
+        return stackSizeText;
+    }
     if (const char* error = checkEntries()) {
         return error;
     }

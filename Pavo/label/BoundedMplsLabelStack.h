@@ -17,52 +17,38 @@ namespace Pavo {
 
 class DynamicMplsLabelStack;
 
-/// Up to 7 ordinary labels; places that are not used hold the null label.
+/// Up to 7 ordinary labels; unused places hold the null label.
 class BoundedMplsLabels {
   public:
+    static constexpr bool isBounded = true;
     static constexpr uint32_t maxLabels = 7;
 
-    constexpr uint32_t stackSize() const { return stackSize_.number; }
+    constexpr uint32_t stackSize() const { return stackSize_; }
 
     friend constexpr auto operator<=>(const BoundedMplsLabels&, const BoundedMplsLabels&) = default;
 
   protected:
-    static constexpr bool isBounded = true;
     static constexpr const char* stackSizeText =
         "BoundedMplsLabelStack::stackSize < 0 or > 7 not allowed";
 
     constexpr MplsLabel labelAt(uint32_t i) const { return this->*places[i]; }
     constexpr void labelAtIs(uint32_t i, MplsLabel label) { this->*places[i] = label; }
-    constexpr void pushBottom(MplsLabel label) { labelAtIs(stackSize_.number++, label); }
+    constexpr void pushBottom(MplsLabel label) { labelAtIs(stackSize_++, label); }
     constexpr void pushTop(MplsLabel label) {
-        // All of them: what moves into an unused place is null.
-        label6_ = label5_;
-        label5_ = label4_;
-        label4_ = label3_;
-        label3_ = label2_;
-        label2_ = label1_;
-        label1_ = label0_;
-        label0_ = label;
-        ++stackSize_.number;
+        for (uint32_t i = stackSize_++; i != 0; --i) {
+            labelAtIs(i, labelAt(i - 1));
+        }
+        labelAtIs(0, label);
     }
     constexpr void erase(uint32_t i) {
-        --stackSize_.number;
+        --stackSize_;
         for (; i < stackSize(); ++i) {
             labelAtIs(i, labelAt(i + 1));
         }
         labelAtIs(stackSize(), MplsLabel());
     }
 
-  private:
-    struct SizeRule {
-        using Number = uint8_t;
-        static constexpr Number initial = 0;
-        static constexpr Number most = maxLabels;
-        static constexpr const char* rangeText = stackSizeText;
-    };
-
-  protected:
-    LimitedField<SizeRule> stackSize_;
+    uint32_t stackSize_ = 0;  // 32 bits, so that `check` gets any number that was read.
     MplsLabel label0_;
     MplsLabel label1_;
     MplsLabel label2_;
@@ -82,24 +68,24 @@ class BoundedMplsLabels {
 /// A stack of at most 7 ordinary labels and 32 calculated ones, as shared tables hold it. Framework
 /// text is that of the record, `stringValue()` "TOP ( 16 17 ELI EL ) BOTTOM". No change allocates.
 ///
-/// What is read from text or log is checked: `stackSize` ("BoundedMplsLabelStack::stackSize < 0 or
-/// > 7 not allowed"); the bit maps, which hold whole pairs within the calculated stack ("Entropy
-/// label bit map position index out of range"); the labels, none of which is an entropy marker, and
-/// which are null from `stackSize` on (`MplsLabel::rangeText`).
+/// Values from text or log are checked: `stackSize` ("BoundedMplsLabelStack::stackSize < 0 or > 7
+/// not allowed"); the bit maps, whose bits are all within the calculated stack, each in one map
+/// only ("Entropy label bit map position index out of range"); the labels, none of which is an
+/// entropy marker, and which are null from `stackSize` on (`MplsLabel::rangeText`).
 class BoundedMplsLabelStack : public MplsLabelStackBase<BoundedMplsLabelStack, BoundedMplsLabels> {
   public:
     constexpr BoundedMplsLabelStack() = default;
-    /// The longest part of the calculated stack from the top on that fits.
+    /// The longest part of the calculated stack, from the top, that fits.
     PAVO_EXPORT explicit BoundedMplsLabelStack(const DynamicMplsLabelStack& stack);
     BoundedMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
     BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
-    /// As `extend`; explicit nulls go where they stand in `other`, though labels are above them.
+    /// As `extend`, but explicit nulls are appended below other labels too.
     Result extendAllowingNonBosExplicitNulls(const BoundedMplsLabelStack& other) {
         return extendBy(other, /*nonBosExplicitNulls=*/true);
     }
 
-    /// Null, or the text of the range error for what no stack holds.
+    /// Null, or the text of the range error for fields that no stack has.
     PAVO_EXPORT const char* check() const;
 
     static constexpr const char* labelText = "BoundedMplsLabelStack::label: index out of range";

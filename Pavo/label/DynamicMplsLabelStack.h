@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Mox/ValueType.h"
+#include "Mox/VectorCodec.h"
 
 #include "Pavo/base/Export.h"
 #include "Pavo/base/ValueFunctions.h"
@@ -18,6 +19,7 @@ namespace Pavo {
 /// Ordinary labels in a sequence that grows.
 class DynamicMplsLabels {
   public:
+    static constexpr bool isBounded = false;
     static constexpr uint32_t maxLabels = ~uint32_t{0};
 
     uint32_t stackSize() const { return static_cast<uint32_t>(labels_.size()); }
@@ -30,8 +32,6 @@ class DynamicMplsLabels {
     }
 
   protected:
-    static constexpr bool isBounded = false;
-
     MplsLabel labelAt(uint32_t i) const { return labels_[i]; }
     void labelAtIs(uint32_t i, MplsLabel label) { labels_[i] = label; }
     void pushBottom(MplsLabel label) { labels_.push_back(label); }
@@ -41,13 +41,13 @@ class DynamicMplsLabels {
     std::vector<MplsLabel> labels_;
 };
 
-/// A stack of any number of ordinary labels, by the rules of `BoundedMplsLabelStack` but for the
-/// bound: entropy labels stand at the first 32 positions only, ordinary labels anywhere.
+/// A stack of any number of ordinary labels, with the rules of `BoundedMplsLabelStack` except for
+/// the bound: entropy labels are at the first 32 positions only, ordinary labels anywhere.
 ///
 /// Framework text is "DynamicMplsLabelStack(stackSize:2, labels:[16, 17], entropyLabelBitMap:8,
-/// entropyLabelIndicatorBitMap:4)", `stringValue()` "TOP ( 16 17 ELI EL ) BOTTOM". What is read is
-/// checked as for `BoundedMplsLabelStack`; "Invalid DynamicMplsLabelStack" also stands for a
-/// `stackSize` that is not the number of labels.
+/// entropyLabelIndicatorBitMap:4)", `stringValue()` "TOP ( 16 17 ELI EL ) BOTTOM". Values from
+/// text or log are checked as for `BoundedMplsLabelStack`; a `stackSize` that is not the number of
+/// labels gives "Invalid DynamicMplsLabelStack".
 class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, DynamicMplsLabels> {
   public:
     DynamicMplsLabelStack() = default;
@@ -61,14 +61,14 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
     uint32_t serializeLen() const { return headBytes + stackSize() * labelBytes; }
     /// Writes `serializeLen()` bytes.
     PAVO_EXPORT void serialize(uint8_t* to) const;
-    /// The bytes that the stack which begins at `from` takes; 0 where `bytes` are too few for it.
+    /// The number of bytes of the stack that begins at `from`; 0 where `bytes` are too few for it.
     PAVO_EXPORT static uint32_t deserializeLen(const uint8_t* from, uint32_t bytes);
-    /// Becomes the stack that the `bytes` at `from`, all of them, stand for.
-    /// @throws Mox::RangeException "Invalid DynamicMplsLabelStack" when they stand for none; the
-    /// stack is then unchanged.
+    /// Takes the stack that is serialised in the `bytes` at `from`, all of them.
+    /// @throws Mox::RangeException "Invalid DynamicMplsLabelStack" when they are no stack; this one
+    /// is then unchanged.
     PAVO_EXPORT void deserialize(const uint8_t* from, uint32_t bytes);
 
-    /// Null, or the text of the range error for what no stack holds.
+    /// Null, or the text of the range error for fields that no stack has.
     PAVO_EXPORT const char* check() const;
 
     static constexpr const char* labelText = "DynamicMplsLabelStack::label: index out of range";

@@ -2,7 +2,6 @@
 /// Where entropy labels stand in a label stack.
 #pragma once
 
-#include <array>
 #include <bit>
 #include <compare>
 #include <cstdint>
@@ -13,8 +12,9 @@
 namespace Pavo {
 
 /// The positions of entropy labels and of their indicators (RFC 6790) in a calculated stack, which
-/// is the stack as it goes on the wire, position 0 on top. The two are recorded as pairs: the
-/// indicator at a position, its label at the next. All other positions belong to ordinary labels.
+/// is the stack as it is sent, position 0 on top. They are recorded as pairs, the indicator at a
+/// position and its label at the next; only `deleteBitFromEntropyLabelAndIndicatorBitMaps` leaves
+/// one without the other. All other positions belong to ordinary labels.
 class EntropyLabelMaps {
   public:
     /// Positions that the maps cover.
@@ -28,12 +28,12 @@ class EntropyLabelMaps {
 
     constexpr bool hasEntropyLabel() const { return bothMaps() != 0; }
     constexpr uint32_t numEntropyLabelsAndIndicators() const {
-        return hasEntropyLabel() ? bitCount(bothMaps()) : 0;
+        return static_cast<uint32_t>(std::popcount(bothMaps()));
     }
-    /// The ordinary labels above `position`, which may be any number; past the stack, the labels
-    /// that a stack going on there would have.
+    /// The number of ordinary labels above `position`, which may be past the stack, as if ordinary
+    /// labels followed there.
     constexpr uint32_t numNormalLabelsAtIndex(uint32_t position) const {
-        return position - bitCount(bothMaps() & bitsBelow(position));
+        return position - static_cast<uint32_t>(std::popcount(bothMaps() & bitsBelow(position)));
     }
     /// The position of the topmost ordinary label, or where it would stand; 32 when the maps are
     /// full.
@@ -42,7 +42,8 @@ class EntropyLabelMaps {
     }
 
     /// Takes position `index` out of both maps; the positions below it in the stack move up by one.
-    /// Labels stay as they are. Fatal from 32 on: "Deleting bits above the bit map size".
+    /// Labels stay as they are, and so does the other half of a pair. Fatal from 32 on: "Deleting
+    /// bits above the bit map size".
     void deleteBitFromEntropyLabelAndIndicatorBitMaps(uint32_t index) {
         Mox::require(index < mapBits, "Deleting bits above the bit map size");
         const uint32_t kept = bitsBelow(index);
@@ -54,7 +55,7 @@ class EntropyLabelMaps {
     friend constexpr auto operator<=>(const EntropyLabelMaps&, const EntropyLabelMaps&) = default;
 
   protected:
-    /// Of bits below the i-th; all from i = 32 on.
+    /// The bits below bit `i`; all of them from 32 on.
     static constexpr uint32_t bitsBelow(uint32_t i) {
         return i < mapBits ? (uint32_t{1} << i) - 1 : ~uint32_t{0};
     }
@@ -67,18 +68,15 @@ class EntropyLabelMaps {
     constexpr bool isIndicatorAt(uint32_t position) const {
         return position < mapBits && (entropyLabelIndicatorBitMap_ >> position & 1) != 0;
     }
-    /// Whether something stands at one of the last `count` positions, 1 to 31, that the maps cover.
-    constexpr bool isUsedAtLast(uint32_t count) const {
-        return bothMaps() >> (mapBits - count) != 0;
-    }
+    constexpr bool isLastPositionUsed() const { return bothMaps() >> (mapBits - 1) != 0; }
 
-    /// Makes room for a label on top. Nothing may be in the last position.
+    /// Makes room for a label on top. The last position must be unused.
     constexpr void moveDownByOne() {
         entropyLabelBitMap_ <<= 1;
         entropyLabelIndicatorBitMap_ <<= 1;
     }
-    /// Puts a pair at `position`, at most 30, in front of what stands there. Nothing may be in the
-    /// last two positions, unless above `position`.
+    /// Inserts a pair at `position`, at most 30. From there on, the last two positions must be
+    /// unused.
     constexpr void insertPair(uint32_t position) {
         const uint32_t kept = bitsBelow(position);
         entropyLabelBitMap_ = (entropyLabelBitMap_ & kept) | (entropyLabelBitMap_ & ~kept) << 2 |
@@ -88,35 +86,15 @@ class EntropyLabelMaps {
                                        uint32_t{1} << position;
     }
 
-    /// Whether the maps hold whole pairs only, all of them within `labels` ordinary labels and the
-    /// pairs themselves.
-    constexpr bool arePairsAmong(uint32_t labels) const {
-        const bool whole = entropyLabelBitMap_ == entropyLabelIndicatorBitMap_ << 1 &&
-                           entropyLabelIndicatorBitMap_ >> (mapBits - 1) == 0 &&
-                           (entropyLabelBitMap_ & entropyLabelIndicatorBitMap_) == 0;
-        const uint32_t size = labels + numEntropyLabelsAndIndicators();
-        return whole && (bothMaps() & ~bitsBelow(size)) == 0;
+    /// Whether no position is in both maps, and all are within a stack that has `labels` ordinary
+    /// labels.
+    constexpr bool areWithin(uint32_t labels) const {
+        return (entropyLabelBitMap_ & entropyLabelIndicatorBitMap_) == 0 &&
+               (bothMaps() & ~bitsBelow(labels + numEntropyLabelsAndIndicators())) == 0;
     }
 
     uint32_t entropyLabelBitMap_ = 0;
     uint32_t entropyLabelIndicatorBitMap_ = 0;
-
-  private:
-    /// The bits of every byte, counted: std::popcount is a call where it is no instruction.
-    static constexpr auto bitCounts = [] {
-        std::array<uint8_t, 256> counts{};
-        for (uint32_t byte = 0; byte < counts.size(); ++byte) {
-            counts[byte] = static_cast<uint8_t>(std::popcount(byte));
-        }
-        return counts;
-    }();
-    static constexpr uint32_t bitCount(uint32_t map) {
-        const uint32_t low = bitCounts[map & 0xff] + uint32_t{bitCounts[map >> 8 & 0xff]};
-        if (map >> 16 == 0) {
-            return low;
-        }
-        return low + bitCounts[map >> 16 & 0xff] + bitCounts[map >> 24];
-    }
 };
 
 }  // namespace Pavo

@@ -1,5 +1,5 @@
 /// @file
-/// Label operations: an action and the labels that it takes.
+/// Label operations: an action and its labels.
 #pragma once
 
 #include <compare>
@@ -47,8 +47,8 @@ constexpr auto enumDescription(MplsLabelAction) {
 }
 // clang-format on
 
-/// What both label operations share. `Self` is the operation, and names its `typeName` and
-/// `stackName`, the field that holds its `Stack`.
+/// The common part of both label operations. `Self` is the operation, and defines its `typeName`
+/// and `stackName`, the field that holds its `Stack`.
 ///
 /// Ordered by action, then by flags, then by the stack.
 template <class Self, class Stack>
@@ -57,7 +57,9 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
     using Result = BoundedMplsLabelStackResult;
 
     constexpr MplsLabelAction operation() const { return operation_; }
-    constexpr void operationIs(MplsLabelAction operation) { operation_ = operation; }
+    /// @throws Mox::RangeException "Invalid MplsLabelAction" for a number that no action has, as
+    /// the constructors do.
+    constexpr void operationIs(MplsLabelAction operation) { operation_ = checked(operation); }
 
     /// The flags as bits: 1 for the control word, 2 for the flow label.
     constexpr uint8_t rawValue() const { return rawValue_; }
@@ -71,8 +73,16 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
 
     /// The number of ordinary labels.
     uint32_t stackSize() const { return stack_.stackSize(); }
-    /// As the stack's `stackSizeIs`.
-    void stackSizeIs(uint32_t size) { stack_.stackSizeIs(size); }
+    /// As the stack's `stackSizeIs`, for at most 255 labels.
+    /// @throws Mox::RangeException as the stack's; "UnboundedMplsLabelOperation::stackSize < 0 or >
+    /// 255 not allowed". The stack is then unchanged.
+    void stackSizeIs(uint32_t size) {
+        if (!Stack::isBounded && size > 255) {
+            Mox::throwRangeException(
+                "UnboundedMplsLabelOperation::stackSize < 0 or > 255 not allowed");
+        }
+        stack_.stackSizeIs(size);
+    }
 
     /// The ordinary label at `index`, 0 on top.
     /// @throws Mox::RangeException "MplsLabelOperation::labelStack: index out of range"
@@ -116,7 +126,7 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
     }
     bool hasEntropyLabel() const { return stack_.hasEntropyLabel(); }
 
-    /// Takes implicit nulls out of the stack of a push or a swap; other actions keep theirs.
+    /// Removes the implicit nulls from the stack of a push or a swap; other actions keep theirs.
     void removeImplicitNullForPushOrSwap() {
         if (operation_ == MplsLabelAction::push || operation_ == MplsLabelAction::swap) {
             stack_.removeImplicitNulls();
@@ -136,7 +146,7 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
   protected:
     constexpr MplsLabelOperationBase() = default;
     MplsLabelOperationBase(MplsLabelAction operation, uint8_t rawValue, Stack stack)
-        : operation_(operation), rawValue_(rawValue), stack_(std::move(stack)) {}
+        : operation_(checked(operation)), rawValue_(rawValue), stack_(std::move(stack)) {}
 
     const Stack& stack() const { return stack_; }
     Stack& stack() { return stack_; }
@@ -145,6 +155,12 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
     static constexpr uint8_t controlWordBit = 1;
     static constexpr uint8_t addFlowLabelBit = 2;
 
+    static constexpr MplsLabelAction checked(MplsLabelAction operation) {
+        if (Mox::findEnumerator<MplsLabelAction>(static_cast<uint32_t>(operation)) == nullptr) {
+            Mox::throwRangeException(Mox::enumTable<MplsLabelAction>.invalidText);
+        }
+        return operation;
+    }
     constexpr void flagIs(uint8_t bit, bool set) {
         rawValue_ = static_cast<uint8_t>(set ? rawValue_ | bit : rawValue_ & ~bit);
     }
@@ -161,7 +177,7 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
 
 class SmushResult;
 
-/// An action and a stack of at most 7 labels beside entropy pairs.
+/// An action and a stack of at most 7 labels, with entropy pairs among them.
 class MplsLabelOperation
     : public MplsLabelOperationBase<MplsLabelOperation, BoundedMplsLabelStack> {
   public:
@@ -191,9 +207,8 @@ class MplsLabelOperation
     MplsLabel label6() const { return labelOrNull(6); }
     void label6Is(MplsLabel label) { labelStackIs(6, label); }
 
-    /// Folds `other` into this operation: the stack is extended by that of `other`, action and
-    /// flags stay. The stack grows even where the result says that the operations do not go
-    /// together.
+    /// Folds `other` into this operation: the stack is extended by that of `other`, even where the
+    /// result says that the operations cannot be combined; action and flags stay as they are.
     PAVO_EXPORT SmushResult smush(const MplsLabelOperation& other);
 
     static constexpr const char* typeName = "Pavo::MplsLabelOperation";
@@ -226,17 +241,17 @@ class UnboundedMplsLabelOperation
 
 /// The same action, flags and labels.
 PAVO_EXPORT UnboundedMplsLabelOperation boundedOpToUnboundedOp(const MplsLabelOperation& operation);
-/// The same action and flags, and of the stack what fits, from the top.
+/// The same action and flags, and the part of the stack, from the top, that fits.
 PAVO_EXPORT MplsLabelOperation unboundedOpToBoundedOp(const UnboundedMplsLabelOperation& operation);
 
-/// For debugging: "Operation: push Stack Size: 2 MPLS Label Stack: TOP ( 16 17 ) BOTTOM". The size
-/// is the number of ordinary labels.
+/// Prints, for debugging, "Operation: push Stack Size: 2 MPLS Label Stack: TOP ( 16 17 ) BOTTOM".
+/// The size is the number of ordinary labels.
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out, const MplsLabelOperation& operation);
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out,
                                      const UnboundedMplsLabelOperation& operation);
 
 /// A label and an action in 32 bits: the label in bits 8 to 31, the action in bits 0 to 3; bits 4
-/// to 7 carry nothing.
+/// to 7 are unused.
 class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
   public:
     constexpr MplsLabelAndAction() = default;
@@ -257,7 +272,7 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
     constexpr void labelIs(MplsLabel label) {
         value_ = label.value() << labelShift | (value_ & 0xff);
     }
-    /// The low 4 bits, which may be the number of no action.
+    /// The low 4 bits. No action has the numbers 5 to 14, which a label operation refuses.
     constexpr MplsLabelAction action() const {
         return static_cast<MplsLabelAction>(value_ & actionMask);
     }
@@ -266,7 +281,7 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
         value_ = (value_ & ~actionMask) | (static_cast<uint32_t>(action) & actionMask);
     }
 
-    /// A label of 20 bits, and an action below `none`.
+    /// A label of 20 bits, and a number of an action below that of `none`.
     constexpr bool isValid() const {
         return value_ <= 0x0fffffff && action() < MplsLabelAction::none;
     }
@@ -286,10 +301,10 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
     uint32_t value_ = 0;
 };
 
-/// How folding one label operation into another went.
+/// The result of folding one label operation into another.
 class SmushResult : public Mox::ValueType<SmushResult> {
   public:
-    /// What speaks against folding two operations, as a set.
+    /// The set of reasons why two operations cannot be combined.
     class SmushError : public Mox::ValueType<SmushError> {
       public:
         constexpr SmushError() = default;
@@ -318,7 +333,7 @@ class SmushResult : public Mox::ValueType<SmushResult> {
         /// The operation that was folded in has a control word.
         constexpr bool badControlWord() const { return badControlWord_; }
         constexpr void badControlWordIs(bool bad) { badControlWord_ = bad; }
-        /// One of the two is no push.
+        /// One of the two operations is not a push.
         constexpr bool badLabelOperation() const { return badLabelOperation_; }
         constexpr void badLabelOperationIs(bool bad) { badLabelOperation_ = bad; }
         /// The operation that was folded in adds a flow label.
@@ -355,8 +370,8 @@ class SmushResult : public Mox::ValueType<SmushResult> {
     constexpr SmushError smushError() const { return smushError_; }
     constexpr BoundedMplsLabelStackResult stackResult() const { return stackResult_; }
 
-    /// Whether the stack was extended, and no control word or flow label stands against it. An
-    /// operation that is no push does not.
+    /// Whether the stack was extended, and the operation that was folded in has neither control
+    /// word nor flow label. An operation that is not a push does not matter here.
     constexpr bool success() const {
         return !smushError_.badControlWord() && !smushError_.badFlowLabel() &&
                stackResult_.success();

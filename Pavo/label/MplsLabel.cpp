@@ -35,13 +35,21 @@ const char* parseUpTo(Mox::TextCursor& in, uint32_t most, uint32_t* value, const
     }
     Mox::TextCursor ahead = in;
     uint32_t number = 0;
-    // With a digit there, no number means that it is too great for 32 bits.
+    // After a digit, no number means that it is too large for 32 bits.
     if (!ahead.decimal(&number) || number > most) {
         return rangeText;
     }
     *value = number;
     in = ahead;
     return nullptr;
+}
+
+const char* MplsLabel::parseStrep(Mox::TextCursor& in) {
+    if (!in.take(std::string_view("Value('Pavo::MplsLabel', ** {'value': "))) {
+        return invalidText;
+    }
+    const char* error = parseUpTo(in, luWithdrawLabelValue, &value_, rangeText, invalidText);
+    return error != nullptr || in.take(std::string_view("})")) ? error : invalidText;
 }
 
 Mox::String MplsLabel::prettyString() const {

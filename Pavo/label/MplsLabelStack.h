@@ -1,5 +1,5 @@
 /// @file
-/// Label stack entries as they stand on the wire, and stacks of them.
+/// Label stack entries as packets have them, and stacks of them.
 #pragma once
 
 #include <compare>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Mox/ValueType.h"
+#include "Mox/VectorCodec.h"
 
 #include "Pavo/base/Export.h"
 #include "Pavo/base/ValueFunctions.h"
@@ -19,7 +20,7 @@ namespace Pavo {
 ///
 ///     | label (20) | traffic class (3) | bottom of stack (1) | time to live (8) |
 ///
-/// Ordered as the number that they are.
+/// Ordered as 32-bit numbers.
 class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
   public:
     static constexpr uint8_t maxCos = 7;
@@ -45,6 +46,7 @@ class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
     constexpr uint32_t value() const {
         return uint32_t{v0_} << 24 | uint32_t{v1_} << 16 | uint32_t{v2_} << 8 | v3_;
     }
+    /// The first to the fourth byte of the entry.
     constexpr uint8_t v0() const { return v0_; }
     constexpr uint8_t v1() const { return v1_; }
     constexpr uint8_t v2() const { return v2_; }
@@ -78,7 +80,7 @@ static_assert(sizeof(MplsLabelEntry) == 4 && alignof(MplsLabelEntry) == 1 &&
 
 /// The label stack entries of a packet, 0 on top. Ordered entry by entry from the top.
 ///
-/// It has a text, as all values, but none is read: whoever tries stops the process, with the
+/// It has a text, as all values have, but none is read: the attempt stops the process with the
 /// assertion "No String constructor for MplsLabelStack - has collection".
 class MplsLabelStack : public Mox::ValueType<MplsLabelStack> {
   public:
@@ -93,12 +95,12 @@ class MplsLabelStack : public Mox::ValueType<MplsLabelStack> {
     /// Replaces an entry, or appends one at `index` `size()`.
     /// @throws Mox::RangeException "MplsLabelStack::labelEntryIs: index out of range" past that.
     PAVO_EXPORT void labelEntryIs(uint32_t index, MplsLabelEntry entry);
-    /// Takes an entry out; those below it move up.
+    /// Removes an entry; those below it move up.
     /// @throws Mox::RangeException "MplsLabelStack::labelEntryDel: index out of range"
     PAVO_EXPORT void labelEntryDel(uint32_t index);
     void labelEntryDelAll() { entries_.clear(); }
 
-    /// Whether there are entries, and the last one, and no other, says that it is the bottom.
+    /// Whether there are entries, and the last one, and no other, is marked as the bottom.
     PAVO_EXPORT bool valid() const;
 
     friend bool operator==(const MplsLabelStack&, const MplsLabelStack&) = default;

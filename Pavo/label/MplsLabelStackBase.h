@@ -6,7 +6,6 @@
 #include <bit>
 #include <compare>
 #include <cstdint>
-#include <type_traits>
 
 #include "Mox/Enum.h"
 #include "Mox/ValueType.h"
@@ -23,7 +22,7 @@ enum class BoundedMplsLabelStackError : uint32_t {
     success = 0,
     noError = success,
     noOp = 1,
-    /// The label changes nothing where it would come to stand, or replaces an implicit null.
+    /// The label has no meaning at that end of the stack, or it replaces an implicit null.
     labelIgnored = 2,
     tooFewLabels = 3,
     entropyLabelBitMapFull = 4,
@@ -89,17 +88,18 @@ class BoundedMplsLabelStackResult : public Mox::ValueType<BoundedMplsLabelStackR
 };
 static_assert(sizeof(BoundedMplsLabelStackResult) == 4);
 
-/// The stack as it goes on the wire: "TOP ( 16 17 ELI EL ) BOTTOM", or bare entries with blanks
-/// between them.
+/// The text of a calculated stack: "TOP ( 16 17 ELI EL ) BOTTOM", or the entries alone with blanks
+/// between them, as numbers or as `MplsLabel::prettyString()`.
 enum class MplsStackText { topToBottom, numbers, prettyLabels };
 
-/// What all label stacks share: the rules of changing one, and the calculated stack, the list from
-/// the top of ordinary labels and of pairs of an entropy label indicator and its entropy label.
+/// The common part of all label stacks: the rules of changing one, and the calculated stack, which
+/// is the list from the top of ordinary labels and of pairs of an entropy label indicator and its
+/// entropy label.
 ///
-/// `Self` is the stack, and names the texts `labelText`, `labelIsText` and `labelIsMarkerText`.
+/// `Self` is the stack, and defines the texts `labelText`, `labelIsText` and `labelIsMarkerText`.
 /// `Labels` holds its ordinary labels, 0 on top, and has `maxLabels`, `isBounded`, `stackSize()`,
 /// `labelAt(i)`, `labelAtIs(i, label)`, `pushBottom(label)`, `pushTop(label)` and `erase(i)`, which
-/// check nothing; a bounded one also names its `stackSizeText`.
+/// check nothing; a bounded one also defines its `stackSizeText`.
 ///
 /// Ordered by the number of ordinary labels, then by these from the top, then by the bit maps.
 template <class Self, class Labels>
@@ -112,7 +112,9 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
 
     /// The number of ordinary labels. Growing adds null labels at the bottom; shrinking takes the
     /// lowest ones out of the calculated stack, and no pairs.
-    /// @throws Mox::RangeException past what the stack holds; the stack is then unchanged.
+    /// @throws Mox::RangeException "BoundedMplsLabelStack::stackSize < 0 or > 7 not allowed", and
+    /// "Entropy label bit map position index out of range" where a bounded stack would have more
+    /// than 32 entries; the stack is then unchanged.
     void stackSizeIs(uint32_t size);
 
     /// The ordinary label at `index`, 0 on top.
@@ -123,7 +125,7 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
         }
         return this->labelAt(index);
     }
-    /// Replaces the ordinary label at `index`, with any but the entropy markers.
+    /// Replaces the ordinary label at `index`, by any but the entropy markers.
     /// @throws Mox::RangeException "<type>::labelIs: index out of range", or "<type>::labelIs:
     /// entropy labels are no ordinary labels"; the stack is then unchanged.
     void labelIs(uint32_t index, MplsLabel label) {
@@ -140,18 +142,18 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
 
     /// Ordinary labels, entropy labels and indicators.
     uint32_t calculatedStackSize() const { return stackSize() + numEntropyLabelsAndIndicators(); }
-    /// What stands at `position` of the calculated stack: an ordinary label,
-    /// `entropyLabelIndicatorValue` or `entropyLabelValue`.
+    /// The entry at `position` of the calculated stack: an ordinary label,
+    /// `MplsLabel::entropyLabelIndicator` or `MplsLabel::entropyLabel`.
     /// @throws Mox::RangeException "MplsLabelOperation::labelStack: index out of range"
     MplsLabel calculatedLabel(uint32_t position) const {
         if (!hasEntropyLabel()) [[likely]] {
             return ordinaryLabel(position);
         }
         if (isEntropyLabelAt(position)) {
-            return MplsLabel::entropyLabelValue;
+            return MplsLabel::entropyLabel;
         }
         if (isIndicatorAt(position)) {
-            return MplsLabel::entropyLabelIndicatorValue;
+            return MplsLabel::entropyLabelIndicator;
         }
         return ordinaryLabel(numNormalLabelsAtIndex(position));
     }
@@ -161,36 +163,32 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
     /// Whether the calculated stack has any entry.
     explicit operator bool() const { return stackSize() != 0 || hasEntropyLabel(); }
 
-    /// Puts a label at the bottom. `labelIgnored`, and no change, for
+    /// Puts a label at the bottom. The result is `labelIgnored`, without change, for
     /// - the entropy markers,
     /// - router alert (1) on a stack without ordinary labels or with an implicit null (3) alone,
-    /// - an implicit null on any other, and explicit nulls (0, 2) unless the stack has none.
+    /// - an implicit null on a stack with ordinary labels, and explicit nulls (0, 2) on one whose
+    ///   labels are not an implicit null alone.
     ///
-    /// Where the one ordinary label is an implicit null, any other label takes its place in the
-    /// stack, at the bottom of the list; that too is `labelIgnored`. `stackFull` and
-    /// `entropyLabelBitMapFull`, without change, where there is no room.
+    /// Where the one ordinary label is an implicit null, any other label replaces it, at the bottom
+    /// of the calculated stack; that too is `labelIgnored`. Without room the result is `stackFull`
+    /// or `entropyLabelBitMapFull`, without change.
     Result append(MplsLabel label) {
-        if (!isPlainAppend(label)) [[unlikely]] {
-            return label.isEntropyMarker() ? Result(Error::labelIgnored)
-                                           : appendSpecial(label, /*nonBosExplicitNulls=*/false);
-        }
-        this->pushBottom(label);
-        return Error::success;
+        return label.isEntropyMarker() ? Result(Error::labelIgnored)
+                                       : appendEntry(label, /*nonBosExplicitNulls=*/false);
     }
-    /// The same at the top: labels that are there, and pairs, move down. Router alert is ignored on
-    /// a stack without ordinary labels only.
+    /// The same at the top; labels and pairs that are there move down.
     Result prepend(MplsLabel label);
-    /// Appends the calculated labels of `other` from the top, pairs as pairs, goes on where one
-    /// cannot be had, and returns the worst result.
+    /// Appends the calculated labels of `other` from the top, pairs as pairs, continues after one
+    /// that has no room, and returns the worst result.
     template <class OtherSelf, class OtherLabels>
     Result extend(const MplsLabelStackBase<OtherSelf, OtherLabels>& other) {
         return extendBy(other, /*nonBosExplicitNulls=*/false);
     }
 
-    /// Puts an indicator and an entropy label into the calculated stack, at `position` and the
-    /// next; what stands there moves down. `entropyLabelBitMapFull` where there is no room for two,
-    /// `invalidEntropyLabelPosition` past the stack or between an indicator and its label; nothing
-    /// changes then.
+    /// Inserts an indicator and an entropy label into the calculated stack, at `position` and the
+    /// next; the entries there move down. The result is `entropyLabelBitMapFull` without room for
+    /// two, `invalidEntropyLabelPosition` past the stack or directly above an entropy label; the
+    /// stack is then unchanged.
     /// @throws Mox::RangeException "Entropy label bit map position index out of range" past 30.
     Result entropyLabelAndIndicatorIs(uint32_t position);
 
@@ -207,63 +205,43 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
     friend auto operator<=>(const MplsLabelStackBase&, const MplsLabelStackBase&) = default;
 
   protected:
-    template <class, class>
-    friend class MplsLabelStackBase;
-
-    /// Calls `visit(label)` for each calculated label from the top until it returns false.
-    template <class Visit>
-    void forEachEntry(Visit visit) const;
-
     template <class OtherSelf, class OtherLabels>
     Result extendBy(const MplsLabelStackBase<OtherSelf, OtherLabels>& other,
                     bool nonBosExplicitNulls);
 
-    /// Appends a label, or a pair for `entropyLabelValue`.
+    /// Appends a label, or a pair for `MplsLabel::entropyLabel`.
     /// @throws Mox::RangeException "Can't append the entropy label indicator"
-    Result appendEntry(MplsLabel label, bool nonBosExplicitNulls) {
-        if (!isPlainAppend(label)) [[unlikely]] {
-            return appendSpecial(label, nonBosExplicitNulls);
-        }
-        this->pushBottom(label);
-        return Error::success;
-    }
-    /// A pair at the bottom. False where the maps have no room for it.
-    bool appendPair();
+    Result appendEntry(MplsLabel label, bool nonBosExplicitNulls);
 
-    /// Null, or the text of the range error for maps that do not fit the labels, and for labels
-    /// that stacks do not hold.
+    /// Null, or the text of the range error for maps that do not fit the labels, and for entropy
+    /// markers among these.
     const char* checkEntries() const;
 
   private:
-    [[noreturn]] static void throwPositionError() {
-        Mox::throwRangeException("MplsLabelOperation::labelStack: index out of range");
-    }
     MplsLabel ordinaryLabel(uint32_t index) const {
         if (index >= stackSize()) {
-            throwPositionError();
+            Mox::throwRangeException("MplsLabelOperation::labelStack: index out of range");
         }
         return this->labelAt(index);
-    }
-    /// Whether a label goes to the bottom under any circumstances but where `append` has to look
-    /// closer: a test that most labels pass.
-    bool isPlainAppend(MplsLabel label) const {
-        // With the last 8 positions free, and fewer than 7 labels, fewer than 32 are taken.
-        const bool hasRoom =
-            stackSize() < Labels::maxLabels && !(Labels::isBounded && isUsedAtLast(8));
-        return label.value() > MplsLabel::entropyLabelIndicatorValue &&
-               label.value() != MplsLabel::entropyLabelValue && !top().isImplicitNull() && hasRoom;
     }
     bool isImplicitNullAlone() const {
         return stackSize() == 1 && this->labelAt(0).isImplicitNull();
     }
-    /// Whether a label would mean nothing at either end of this stack.
+    /// Whether a label has no meaning at either end of this stack.
     bool isIgnored(MplsLabel label, bool nonBosExplicitNulls) const {
         if (stackSize() == 0) {
-            return label.value() == MplsLabel::routerAlertValue;
+            return label == MplsLabel::routerAlert;
         }
         return label.isImplicitNull() || (label.isExplicitNull() && !nonBosExplicitNulls);
     }
-    Result appendSpecial(MplsLabel label, bool nonBosExplicitNulls);
+    /// Whether one more ordinary label has room at the bottom: `success`, or the reason why not.
+    Error roomError() const {
+        if (stackSize() == Labels::maxLabels) {
+            return Error::stackFull;
+        }
+        const bool isFull = Labels::isBounded && calculatedStackSize() >= mapBits;
+        return isFull ? Error::entropyLabelBitMapFull : Error::success;
+    }
     Result replaceImplicitNull(MplsLabel label, bool atTop);
     /// Takes an ordinary label out of the calculated stack.
     void removeLabel(uint32_t index);
@@ -296,13 +274,15 @@ void MplsLabelStackBase<Self, Labels>::stackSizeIs(uint32_t size) {
 }
 
 template <class Self, class Labels>
-BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendSpecial(
+BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendEntry(
     MplsLabel label, bool nonBosExplicitNulls) {
-    if (label.value() == MplsLabel::entropyLabelIndicatorValue) {
+    if (label == MplsLabel::entropyLabelIndicator) {
         Mox::throwRangeException("Can't append the entropy label indicator");
     }
-    if (label.value() == MplsLabel::entropyLabelValue) {
-        return appendPair() ? Error::success : Error::entropyLabelBitMapFull;
+    if (label == MplsLabel::entropyLabel) {
+        return calculatedStackSize() <= mapBits - 2
+                   ? entropyLabelAndIndicatorIs(calculatedStackSize())
+                   : Error::entropyLabelBitMapFull;
     }
     if (isImplicitNullAlone()) {
         return replaceImplicitNull(label, /*atTop=*/false);
@@ -310,18 +290,15 @@ BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendSpecial(
     if (isIgnored(label, nonBosExplicitNulls)) {
         return Error::labelIgnored;
     }
-    if (stackSize() == Labels::maxLabels) {
-        return Error::stackFull;
+    const Error error = roomError();
+    if (error == Error::success) {
+        this->pushBottom(label);
     }
-    if (Labels::isBounded && calculatedStackSize() >= mapBits) {
-        return Error::entropyLabelBitMapFull;
-    }
-    this->pushBottom(label);
-    return Error::success;
+    return error;
 }
 
 template <class Self, class Labels>
-inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(MplsLabel label) {
+BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(MplsLabel label) {
     if (label.isEntropyMarker()) {
         return Error::labelIgnored;
     }
@@ -331,19 +308,14 @@ inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(Mpl
     if (isIgnored(label, /*nonBosExplicitNulls=*/false)) {
         return Error::labelIgnored;
     }
-    if (stackSize() == Labels::maxLabels) {
-        return Error::stackFull;
+    const Error error = roomError();
+    if (error != Error::success) {
+        return error;
     }
-    if (!hasEntropyLabel()) {
-        this->pushTop(label);
-        return Error::success;
-    }
-    // With the last 8 positions free, fewer than 7 labels leave room.
-    const bool isFull = Labels::isBounded && isUsedAtLast(8) && calculatedStackSize() >= mapBits;
-    if (isFull || isUsedAtLast(1)) {
+    if (isLastPositionUsed()) {
         return Error::entropyLabelBitMapFull;
     }
-    this->pushTop(label);  // First, since it may find no memory.
+    this->pushTop(label);  // First, since there may be no memory for it.
     moveDownByOne();
     return Error::success;
 }
@@ -351,7 +323,7 @@ inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(Mpl
 template <class Self, class Labels>
 BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::replaceImplicitNull(MplsLabel label,
                                                                                   bool atTop) {
-    if (label.value() == MplsLabel::routerAlertValue || label.isImplicitNull()) {
+    if (label == MplsLabel::routerAlert || label.isImplicitNull()) {
         return Error::labelIgnored;
     }
     const uint32_t position = getLowestNonEntropyLabelBit();
@@ -367,58 +339,18 @@ BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::replaceImplicitNul
 }
 
 template <class Self, class Labels>
-inline bool MplsLabelStackBase<Self, Labels>::appendPair() {
-    const uint32_t size = calculatedStackSize();
-    if (size > mapBits - 2) {
-        return false;
-    }
-    insertPair(size);
-    return true;
-}
-
-template <class Self, class Labels>
-template <class Visit>
-inline void MplsLabelStackBase<Self, Labels>::forEachEntry(Visit visit) const {
-    const uint32_t labels = stackSize();
-    if (!hasEntropyLabel()) {
-        for (uint32_t i = 0; i < labels && visit(this->labelAt(i)); ++i) {
-        }
-        return;
-    }
-    uint32_t entropyLabels = entropyLabelBitMap_;
-    uint32_t indicators = entropyLabelIndicatorBitMap_;
-    for (uint32_t i = 0; i < labels || (entropyLabels | indicators) != 0;) {
-        MplsLabel label = MplsLabel::entropyLabelIndicatorValue;
-        if ((entropyLabels & 1) != 0) {
-            label = MplsLabel::entropyLabelValue;
-        } else if ((indicators & 1) == 0) {
-            label = this->labelAt(i++);
-        }
-        if (!visit(label)) {
-            return;
-        }
-        entropyLabels >>= 1;
-        indicators >>= 1;
-    }
-}
-
-template <class Self, class Labels>
 template <class OtherSelf, class OtherLabels>
-inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::extendBy(
+BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::extendBy(
     const MplsLabelStackBase<OtherSelf, OtherLabels>& other, bool nonBosExplicitNulls) {
-    if constexpr (std::is_same_v<Self, OtherSelf>) {
-        if (this == &other) {
-            const MplsLabelStackBase copy = other;
-            return extendBy(copy, nonBosExplicitNulls);
-        }
-    }
     Result result;
-    other.forEachEntry([&](MplsLabel label) {
-        if (label.value() != MplsLabel::entropyLabelIndicatorValue) {
+    // Read once, since `other` may be this stack.
+    const uint32_t size = other.calculatedStackSize();
+    for (uint32_t position = 0; position < size; ++position) {
+        const MplsLabel label = other.calculatedLabel(position);
+        if (label != MplsLabel::entropyLabelIndicator) {
             result.combine(appendEntry(label, nonBosExplicitNulls));
         }
-        return true;
-    });
+    }
     return result;
 }
 
@@ -429,7 +361,7 @@ BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::entropyLabelAndInd
         Mox::throwRangeException(positionText);
     }
     const uint32_t size = calculatedStackSize();
-    // Where ordinary labels go on past the maps, only what the maps hold has to have room.
+    // In an unbounded stack, only entropy labels and indicators have to stay within the maps.
     const bool isFull = Labels::isBounded
                             ? size > mapBits - 2
                             : (bothMaps() & ~bitsBelow(position)) >> (mapBits - 2) != 0;
@@ -476,7 +408,7 @@ uint32_t MplsLabelStackBase<Self, Labels>::positionOf(uint32_t index) const {
 
 template <class Self, class Labels>
 const char* MplsLabelStackBase<Self, Labels>::checkEntries() const {
-    if (!arePairsAmong(stackSize()) || (Labels::isBounded && calculatedStackSize() > mapBits)) {
+    if (!areWithin(stackSize()) || (Labels::isBounded && calculatedStackSize() > mapBits)) {
         return positionText;
     }
     for (uint32_t i = 0; i < stackSize(); ++i) {
@@ -490,14 +422,13 @@ const char* MplsLabelStackBase<Self, Labels>::checkEntries() const {
 template <class Self, class Labels>
 void MplsLabelStackBase<Self, Labels>::printAs(Mox::TextWriter& out, MplsStackText form) const {
     const bool isFramed = form == MplsStackText::topToBottom;
-    bool first = true;
     out.text(isFramed ? "TOP ( " : "");
-    forEachEntry([&](MplsLabel label) {
-        out.text(first || isFramed ? "" : " ");
-        first = false;
-        if (label.value() == MplsLabel::entropyLabelValue) {
+    for (uint32_t position = 0; position < calculatedStackSize(); ++position) {
+        const MplsLabel label = calculatedLabel(position);
+        out.text(position == 0 || isFramed ? "" : " ");
+        if (label == MplsLabel::entropyLabel) {
             out.text("EL");
-        } else if (label.value() == MplsLabel::entropyLabelIndicatorValue) {
+        } else if (label == MplsLabel::entropyLabelIndicator) {
             out.text("ELI");
         } else if (form == MplsStackText::prettyLabels) {
             label.printPretty(out);
@@ -505,8 +436,7 @@ void MplsLabelStackBase<Self, Labels>::printAs(Mox::TextWriter& out, MplsStackTe
             label.print(out);
         }
         out.text(isFramed ? " " : "");
-        return true;
-    });
+    }
     out.text(isFramed ? ") BOTTOM" : "");
 }
 
