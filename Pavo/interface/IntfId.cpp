@@ -21,10 +21,10 @@ Mox::TraceFacility trace("Pavo::IntfId");
 struct NamePrefixes {
     std::string_view from;
     std::string_view to;
-    char restBehind = '\0';  // What is left begins behind the first of these, not behind `from`.
+    char restAfter = '\0';  // The rest begins after the first of these, not after `from`.
 };
 
-// The first that a name begins with decides.
+// The first row whose `from` a name begins with decides.
 constexpr NamePrefixes kernelPrefixes[] = {
     {"et", "Ethernet"},       {"vlan", "Vlan"},     {"vxlan", "Vxlan"},   {"lo", "Loopback"},
     {"internal", "Internal"}, {"fabric", "Fabric"}, {"ma", "Management"}, {"po", "Port-Channel"},
@@ -44,8 +44,8 @@ std::string lowered(std::string_view text) {
     return lower;
 }
 
-// Puts the other prefix in front of what is left of `rests`, a name whose form in lower case is
-// `lower`, and has `to` wherever `from` stands.
+// The other prefix and the rest of `rests`, a name whose form in lower case is `lower`, with `to`
+// in place of each `from`.
 template <class Table>
 Mox::String withOtherPrefix(const Table& table, std::string_view lower, std::string_view rests,
                             char from, char to, const char* error) {
@@ -54,8 +54,8 @@ Mox::String withOtherPrefix(const Table& table, std::string_view lower, std::str
             continue;
         }
         std::size_t rest = row.from.size();
-        if (row.restBehind != '\0') {
-            rest = rests.find(row.restBehind) + 1;  // 0 where there is none.
+        if (row.restAfter != '\0') {
+            rest = rests.find(row.restAfter) + 1;  // 0 where there is none.
         }
         if (rest == 0) {
             break;
@@ -106,7 +106,7 @@ class NamePattern {
     bool hasJit_ = false;
 };
 
-// What the last match of a thread found.
+// The groups of the last match of a thread.
 class GroupMemory {
   public:
     GroupMemory() { Mox::require(groups_ != nullptr, "groups"); }

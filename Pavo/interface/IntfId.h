@@ -16,31 +16,31 @@
 namespace Pavo {
 
 /// An interface such as Ethernet3/1, Vlan100 or Port-Channel5.10, as one number. 0, the default, is
-/// no interface. What the bits mean is described at run time (`IntfIdMgr`):
+/// no interface. The meaning of the bits is described at run time (`IntfIdMgr`):
 ///
 ///     63 62 61                         32 31     25 24                    0
 ///     [sub ][ parts of the name          ][ type   ][ parts of the name     ]
 ///
-/// Text is the long name. Numbers are read with leading zeros; case counts. A name ends at the
-/// first character that does not belong to it: a separator without a number behind it does not, nor
-/// does a "." part of 0. An id that no descriptor covers, 0 among them, has the empty text, which
-/// is not read back. Ordered as numbers, not as names; `compareIntfName` orders as names.
+/// Text is the long name. Leading zeros are accepted; case matters. A name ends before the first
+/// character that does not belong to it, such as a separator without a number after it, or before a
+/// "." part of 0. An id without descriptor, such as 0, has the empty text, which is not read back.
+/// Ordered as numbers, not as names; `compareIntfName` orders as names.
 class IntfId : public Mox::ValueType<IntfId> {
   public:
     constexpr IntfId() = default;
     constexpr explicit IntfId(uint64_t value) : value_(value) {}
     /// @throws Mox::RangeException "Error deserializing IntfId"
     IntfId(TextIt& it, const TextIt& end) { readText(it, end); }
-    /// Any number: a log may come from a process that knows other types.
+    /// Reads any number, since a log may come from a process that has other types.
     IntfId(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
-    /// The id of a short name, such as Et3/1.
+    /// The id of the short name `name`, such as Et3/1.
     /// @throws Mox::RangeException "Error deserializing IntfId"
     PAVO_EXPORT static IntfId fromShortName(const Mox::String& name);
 
     constexpr uint64_t value() const { return value_; }
     constexpr void valueIs(uint64_t value) { value_ = value; }
 
-    /// Takes the id of a long name.
+    /// Sets the id of the long name `name`.
     /// @throws Mox::RangeException "Error deserializing IntfId"; the id is then unchanged.
     void handleInitialized(const Mox::String& name) { stringValueIs(name); }
     /// The short name, such as Et3/1; empty where the long one is.
@@ -49,6 +49,7 @@ class IntfId : public Mox::ValueType<IntfId> {
     /// Not 0.
     constexpr explicit operator bool() const { return value_ != 0; }
 
+    /// The same in every process, on both word sizes.
     constexpr uint32_t hash() const { return oneAtATimeHash(value_); }
     friend constexpr bool operator==(const IntfId&, const IntfId&) = default;
     friend constexpr auto operator<=>(const IntfId&, const IntfId&) = default;
@@ -57,6 +58,8 @@ class IntfId : public Mox::ValueType<IntfId> {
     static constexpr auto description() {
         return Mox::record("Pavo::IntfId", Mox::field("value", &IntfId::value_));
     }
+    /// The number, mixed from `seed` on as in composite values.
+    constexpr uint32_t hash(uint32_t seed) const { return ValueType::hash(seed); }
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
 
@@ -83,7 +86,7 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     constexpr IntfId intfId() const { return IntfId(value_); }
     constexpr operator IntfId() const { return intfId(); }
 
-    /// Which descriptor describes the id, 1 to 127; 0 is none.
+    /// The type of the id's descriptor, 1 to 127; 0 is none.
     constexpr uint32_t typeId() const { return value_ >> typeShift & maxTypeId; }
     /// @throws Mox::RangeException "GenericIntfId::typeId > 127 not allowed"
     constexpr void typeIdIs(uint32_t typeId) {
@@ -92,7 +95,7 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
         }
         value_ = (value_ & ~(uint64_t{maxTypeId} << typeShift)) | uint64_t{typeId} << typeShift;
     }
-    /// Which of the forms that names of the type have, 0 to 3.
+    /// Which of the forms of names of the type the id has, 0 to 3.
     constexpr uint32_t subType() const { return static_cast<uint32_t>(value_ >> subTypeShift); }
     /// @throws Mox::RangeException "GenericIntfId::subType > 3 not allowed"
     constexpr void subTypeIs(uint32_t subType) {
@@ -112,7 +115,7 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     /// "GenericIntfId::part: value out of range" for a number wider than the part. The id is then
     /// unchanged.
     void partIs(uint32_t k, uint32_t value) { partIs(*this, k, value); }
-    /// How many numbers the name shows: a part behind "." counts only when it is not 0. 0 without
+    /// How many numbers the name has: a part after "." counts only when it is not 0. 0 without
     /// descriptor.
     uint32_t parts() const { return parts(*this); }
 
@@ -121,6 +124,7 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     PAVO_EXPORT static void partIs(GenericIntfId& id, uint32_t k, uint32_t value);
     PAVO_EXPORT static uint32_t parts(const GenericIntfId& id);
 
+    /// The same in every process, on both word sizes.
     constexpr uint32_t hash() const { return oneAtATimeHash(value_); }
     friend constexpr bool operator==(const GenericIntfId&, const GenericIntfId&) = default;
     friend constexpr std::strong_ordering operator<=>(const GenericIntfId& a,
@@ -133,6 +137,8 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     static constexpr auto description() {
         return Mox::record("Pavo::GenericIntfId", Mox::field("value", &GenericIntfId::value_));
     }
+    /// The number, mixed from `seed` on as in composite values.
+    constexpr uint32_t hash(uint32_t seed) const { return ValueType::hash(seed); }
 
   private:
     static constexpr int typeShift = 25;
@@ -165,11 +171,11 @@ PAVO_EXPORT Mox::String shortIntfToVeyIntf(const Mox::String& shortName);
 PAVO_EXPORT Mox::String stringToVeyIntf(const Mox::String& text);
 
 /// Negative, 0 or positive as the long name of `a` comes before, with or after that of `b` in
-/// natural order: by type name, then number by number, where one that is left out in the middle
+/// natural order: by type name, then number by number, where one that is missing between others
 /// counts as 0, then the name with fewer numbers first. Ethernet2 comes before Ethernet10,
 /// Ethernet3/1 before Ethernet3/1.5.
 /// @pre both ids have a name of a type, up to three numbers with "/" between them, and a number
-/// behind "." (assertions "aret > 1" and "bret > 1").
+/// after "." (assertions "aret > 1" and "bret > 1").
 PAVO_EXPORT int compareIntfName(IntfId a, IntfId b);
 
 }  // namespace Pavo

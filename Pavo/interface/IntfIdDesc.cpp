@@ -11,21 +11,10 @@ namespace Pavo {
 
 namespace {
 
-// Looked at by every conversion, and cheaper than the loader itself.
-constinit bool pluginsWait = true;
+// Read by every conversion, which makes a call of the loader too expensive.
+constinit bool arePluginsPending = true;
 
 }  // namespace
-
-const char* IntfIdPartKey::parse(Mox::TextCursor& in) {
-    if (const char* error = parseRecord(in, this, description(), invalidText)) {
-        return error;
-    }
-    return part_ < IntfIdTrie::maxParts ? nullptr : invalidText;
-}
-
-void IntfIdPartKey::print(Mox::TextWriter& out) const {
-    printRecord(out, *this, description());
-}
 
 IntfIdDesc::IntfIdDesc(uint32_t typeId, Mox::String name, ShortPrefix shortPrefix)
     : typeId_(typeId), name_(std::move(name)), shortPrefix_(std::move(shortPrefix)) {
@@ -114,7 +103,7 @@ std::vector<IntfIdPart> IntfIdDesc::partsOf(SubIntfIdKey subType) const {
     std::vector<IntfIdPart> parts;
     for (const auto& [key, part] : part_) {
         if (key.subType() == subType) {
-            parts.resize(key.part() + 1u);  // What is left out is no part, which is refused.
+            parts.resize(key.part() + 1u);  // A missing part is a default one, which is refused.
             parts.back() = part;
         }
     }
@@ -164,7 +153,7 @@ IntfIdTrie IntfIdMgr::trieOf(const Descs& descs) const {
 
 void IntfIdMgr::intfIdDescIs(const Mox::Ptr<IntfIdDesc>& desc) {
     Mox::require(bool(desc), "desc");
-    const Mox::Ptr<IntfIdDesc> added = desc;  // What the caller refers to may be a member.
+    const Mox::Ptr<IntfIdDesc> added = desc;  // `desc` may refer to a member.
     const auto before = intfIdDesc(added->typeId());
     if (before == added) {
         return;
@@ -231,7 +220,7 @@ IntfId IntfIdMgr::wholeName(const Mox::String& name, bool shortForm) const {
 }
 
 IntfIdDescPluginLoader& IntfIdDescPluginLoader::DefaultPluginLoader() {
-    // Never destroyed, as the manager: ids of static storage may be printed after it would be.
+    // Never destroyed, like the manager, since ids of static storage may be printed at exit.
     static auto& loader = *new IntfIdDescPluginLoader;
     return loader;
 }
@@ -240,12 +229,12 @@ void IntfIdDescPluginLoader::pluginIs(const Mox::String& name, Plugin plugin) {
     const auto isNamed = [&name](const Entry& each) { return each.name == name; };
     if (std::none_of(plugins_.begin(), plugins_.end(), isNamed)) {
         plugins_.push_back({name, plugin});
-        pluginsWait = true;
+        arePluginsPending = true;
     }
 }
 
 void IntfIdDescPluginLoader::load(const Mox::String& path) {
-    // Never closed: its plug-in's code, and the texts of what it throws, stay in use.
+    // Never closed, since its plug-ins and the texts of their exceptions stay in use.
     if (dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) {
         throw Mox::Exception(dlerror());
     }
@@ -253,7 +242,7 @@ void IntfIdDescPluginLoader::load(const Mox::String& path) {
 }
 
 void IntfIdDescPluginLoader::runPlugins(IntfIdMgr& manager) {
-    ++running_;  // Plug-ins come here too.
+    ++running_;  // Plug-ins may call this too.
     try {
         while (run_ < plugins_.size()) {
             plugins_[run_++].plugin(manager);
@@ -269,13 +258,13 @@ void IntfIdDescPluginLoader::runPlugins(IntfIdMgr& manager) {
 
 const Mox::Ptr<IntfIdMgr>& globalIntfIdMgr() {
     static const auto& manager = *new const Mox::Ptr<IntfIdMgr>(intfIdMgrFactory("IntfIdMgr"));
-    if (__builtin_expect(pluginsWait, 0)) {
-        pluginsWait = false;  // First, since plug-ins come here too.
+    if (__builtin_expect(arePluginsPending, 0)) {
+        arePluginsPending = false;  // First, since plug-ins may call this too.
         auto& loader = IntfIdDescPluginLoader::DefaultPluginLoader();
         try {
             loader.runPlugins(*manager);
         } catch (...) {
-            pluginsWait = true;  // The others have yet to run.
+            arePluginsPending = true;  // The others have not run yet.
             throw;
         }
     }

@@ -32,23 +32,22 @@ class SubIntfIdKey : public Ordinal<SubIntfIdKey, uint8_t, 3> {
     static constexpr const char* rangeText = "SubIntfIdKey::value < 0 or > 3 not allowed";
 };
 
-/// A number in the names of one sub-type, counted from the left, 0 to 7. Ordered by sub-type, then
-/// by place. Text is that of the record.
+/// The place of a number in the names of one sub-type, counted from the left, 0 to 7. Ordered by
+/// sub-type, then by place. Text is that of the record.
 class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
   public:
     constexpr IntfIdPartKey() = default;
     /// @throws Mox::RangeException "IntfIdPartKey::part < 0 or > 7 not allowed"
     constexpr IntfIdPartKey(SubIntfIdKey subType, uint32_t part)
         : subType_(subType), part_(static_cast<uint8_t>(part)) {
-        checkPart(part);
+        if (part >= IntfIdTrie::maxParts) {
+            Mox::throwRangeException(rangeText);
+        }
     }
-    /// @throws Mox::RangeException "Invalid IntfIdPartKey", "Invalid SubIntfIdKey"
+    /// @throws Mox::RangeException "Invalid IntfIdPartKey", "Invalid SubIntfIdKey", or as above
     IntfIdPartKey(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException as the other constructors
-    IntfIdPartKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        checkPart(part_);
-    }
+    IntfIdPartKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr SubIntfIdKey subType() const { return subType_; }
     constexpr uint32_t part() const { return part_; }
@@ -60,22 +59,20 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
         return Mox::record("Pavo::IntfIdPartKey", Mox::field("subType", &IntfIdPartKey::subType_),
                            Mox::field("part", &IntfIdPartKey::part_));
     }
-    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
-    PAVO_EXPORT void print(Mox::TextWriter& out) const;
+    /// Null, or the text of the range error for a place past 7.
+    constexpr const char* check() const {
+        return part_ < IntfIdTrie::maxParts ? nullptr : rangeText;
+    }
 
   private:
-    static constexpr void checkPart(uint32_t part) {
-        if (part >= IntfIdTrie::maxParts) {
-            Mox::throwRangeException("IntfIdPartKey::part < 0 or > 7 not allowed");
-        }
-    }
+    static constexpr const char* rangeText = "IntfIdPartKey::part < 0 or > 7 not allowed";
 
     SubIntfIdKey subType_;
     uint8_t part_ = 0;
 };
 
-/// What short names of a type begin with, such as Et. The empty one, the default, stands for the
-/// long prefix. Text is that of the record. Ordered byte by byte.
+/// The prefix of the short names of a type, such as Et. The default is empty, and means the long
+/// prefix. Text is that of the record. Ordered byte by byte.
 class ShortPrefix : public Mox::ValueType<ShortPrefix> {
   public:
     ShortPrefix() = default;
@@ -100,12 +97,12 @@ class ShortPrefix : public Mox::ValueType<ShortPrefix> {
     Mox::String value_;
 };
 
-/// One type of interfaces: what names of it look like, in up to four forms, the sub-types. A
-/// sub-type is described by its parts, or by a prefix of its own; a descriptor that describes none
-/// is that of one interface, whose name is the bare prefix, as sub-type 0.
+/// One type of interfaces: the form of its names, or up to four forms, the sub-types. A sub-type is
+/// described by its parts, or by a prefix of its own; a descriptor without any describes one
+/// interface, of sub-type 0, whose name is the prefix alone.
 ///
-/// It is filled in, then `initializedIs(true)` makes it complete: what it says is checked, its
-/// manager knows its names from then on, and it cannot be changed until `initializedIs(false)`.
+/// A descriptor is filled in and then completed by `initializedIs(true)`: it is checked, its
+/// manager converts its names from then on, and it cannot be changed until `initializedIs(false)`.
 class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
   public:
     static constexpr Mox::Attribute<IntfIdDesc> shortPrefixAttr{0, "shortPrefix"};
@@ -124,24 +121,25 @@ class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
     /// @throws Mox::RangeException "IntfIdDesc::typeId < 1 or > 127 not allowed"
     IntfIdDesc(uint32_t typeId, Mox::String name, ShortPrefix shortPrefix);
 
-    /// What names of all sub-types begin with that have no prefix of their own, such as Ethernet.
+    /// The prefix of the names of all sub-types that have none of their own, such as Ethernet.
     Mox::String name() const override { return name_; }
     void handleParent(Mox::Ptr<Mox::Entity> parent) override;
 
     uint32_t typeId() const { return typeId_; }
-    /// The manager that it was put into, or null.
+    /// The manager that it was added to, or null.
     IntfIdMgr* manager() const { return manager_; }
 
-    // All that follow throw Mox::RangeException "IntfIdDesc is initialized" once it is.
+    // All setters below throw Mox::RangeException "IntfIdDesc is initialized" once it is.
 
     const ShortPrefix& shortPrefix() const { return shortPrefix_; }
     void shortPrefixIs(ShortPrefix shortPrefix);
-    /// What stands for `shortPrefix` in one sub-type.
+    /// The short prefixes of sub-types that have one of their own, in place of `shortPrefix`.
     const Mox::Map<SubIntfIdKey, ShortPrefix>& shortPrefixSubType() const {
         return shortPrefixSubType_;
     }
     void shortPrefixSubTypeIs(SubIntfIdKey subType, ShortPrefix shortPrefix);
-    /// What stands for `name` in one sub-type; the empty one takes it back.
+    /// The prefixes of sub-types that have one of their own, in place of `name`; an empty one is
+    /// removed.
     const Mox::Map<SubIntfIdKey, Mox::String>& prefix() const { return prefix_; }
     void prefixIs(SubIntfIdKey subType, Mox::String prefix);
     /// The numbers in names.
@@ -153,12 +151,12 @@ class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
     void partDelAll();
 
     bool initialized() const { return initialized_; }
-    /// @throws Mox::RangeException as `IntfIdTrie::setPrefix`, `setShortPrefix` and `build` do,
-    /// with what the manager holds beside it; it then stays as it was. "Invalid interface parts"
-    /// also when one is left out between others.
+    /// @throws Mox::RangeException as `IntfIdTrie::setPrefix`, `setShortPrefix` and `build` do for
+    /// all descriptors of the manager, and "Invalid interface parts" also for a part that is
+    /// missing between others; the descriptor is then unchanged.
     void initializedIs(bool initialized);
 
-    /// Tells `trie` of all sub-types.
+    /// Sets the prefixes of all sub-types in `trie`.
     /// @throws Mox::RangeException as `initializedIs`
     void addTo(IntfIdTrie& trie) const;
 
@@ -176,9 +174,9 @@ class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
     bool initialized_ = false;
 };
 
-/// The types of interfaces that a process knows, and the trie made of those that are initialized.
-/// Descriptors come and go at any time; an id whose descriptor has gone has the empty name. All is
-/// for the thread of the event loop; other threads may convert while nothing changes.
+/// The descriptors of a process, and the trie made of those that are initialized. Descriptors are
+/// added and removed at any time; an id whose descriptor was removed has the empty name. Used on
+/// the thread of the event loop; other threads may convert while nothing changes.
 class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
   public:
     static constexpr Mox::Attribute<IntfIdMgr, uint32_t> intfIdDescAttr{0, "intfIdDesc"};
@@ -198,21 +196,21 @@ class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
     const Mox::Map<uint32_t, Mox::Ptr<IntfIdDesc>>& intfIdDesc() const { return intfIdDesc_; }
     /// The descriptor of that type, or null.
     Mox::Ptr<IntfIdDesc> intfIdDesc(uint32_t typeId) const;
-    /// Puts a descriptor in.
+    /// Adds a descriptor.
     /// @throws Mox::RangeException "IntfIdDesc is in a manager already"; "IntfIdDesc::typeId is
-    /// taken", unless `testMode`, where it replaces the one before; as
-    /// `IntfIdDesc::initializedIs` for one that is initialized. Nothing is then changed.
+    /// taken", except in `testMode`, where it replaces the previous one; as
+    /// `IntfIdDesc::initializedIs` for one that is initialized. The manager is then unchanged.
     void intfIdDescIs(const Mox::Ptr<IntfIdDesc>& desc);
     void intfIdDescDel(uint32_t typeId);
     void intfIdDescDelAll();
-    /// Makes the trie anew, after a descriptor has come, gone or changed whether it is initialized.
-    /// @throws Mox::RangeException as `IntfIdDesc::initializedIs`; the trie is then as before.
+    /// Builds the trie again, after a descriptor was added, removed, or has changed `initialized`.
+    /// @throws Mox::RangeException as `IntfIdDesc::initializedIs`; the trie is then unchanged.
     void handleIntfIdDesc(uint32_t typeId);
 
-    /// Whether a descriptor may take the place of another one of its type, as tests want.
+    /// Whether a descriptor may replace another one of its type, as tests need.
     bool testMode() const { return testMode_; }
     void testModeIs(bool on) { attributeIs(testMode_, on, testModeAttr); }
-    /// Whether the plug-ins have described what they know.
+    /// Whether the plug-ins have run.
     bool initialized() const { return initialized_; }
     void initializedIs(bool initialized) {
         attributeIs(initialized_, initialized, initializedAttr);
@@ -247,20 +245,21 @@ class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
     bool initialized_ = false;
 };
 
-/// Brings descriptors into the process's manager. A plug-in is a function, registered under a name
-/// by what holds it: a source of the program, a library that it is linked to, or a file loaded at
-/// run time.
+/// Runs the plug-ins that add descriptors to the process's manager. A plug-in is a function that is
+/// registered under a name: by a source of the program, a library that it is linked to, or a file
+/// loaded at run time.
 ///
 ///     const Pavo::IntfIdDescPluginLoader::Registrar registrar("common", describeInterfaces);
 ///
 /// Each name runs once: at the first use of `globalIntfIdMgr`, or at the next one when it is
-/// registered later. What a plug-in throws passes through that use, and it is not run again.
+/// registered later. An exception of a plug-in passes to that caller, and the plug-in is not run
+/// again.
 class PAVO_EXPORT IntfIdDescPluginLoader {
   public:
     using Plugin = void (*)(IntfIdMgr& manager);
 
-    /// Registers a plug-in for good, as an object of static storage: the library that holds it has
-    /// to stay loaded, as `load` sees to.
+    /// Registers a plug-in, as an object of static storage. It is never unregistered: its library
+    /// has to stay loaded, as those that `load` loads do.
     struct Registrar {
         Registrar(const char* name, Plugin plugin) { DefaultPluginLoader().pluginIs(name, plugin); }
     };
@@ -271,12 +270,14 @@ class PAVO_EXPORT IntfIdDescPluginLoader {
     /// The loader of the process.
     static IntfIdDescPluginLoader& DefaultPluginLoader();
 
-    /// Registers a plug-in; a name that is known already stays with what it has.
+    /// Registers a plug-in, unless its name is registered already.
     void pluginIs(const Mox::String& name, Plugin plugin);
-    /// Loads a shared object, as dlopen(3) finds it, for good, and runs what it registers.
-    /// @throws Mox::Exception with the text of dlerror(3); what a plug-in throws
+    /// Loads a shared object, which dlopen(3) finds and which stays loaded, and runs the plug-ins
+    /// that it registers.
+    /// @throws Mox::Exception with the text of dlerror(3); any exception of a plug-in
     void load(const Mox::String& path);
-    /// Runs what has not run yet. The manager is then initialized, unless a plug-in called this.
+    /// Runs the plug-ins that have not run yet. The manager is then initialized, except when a
+    /// plug-in made the call.
     void runPlugins(IntfIdMgr& manager);
 
   private:
@@ -288,16 +289,18 @@ class PAVO_EXPORT IntfIdDescPluginLoader {
     IntfIdDescPluginLoader() = default;
 
     std::vector<Entry> plugins_;
-    uint32_t run_ = 0;      // So many of them were started.
-    uint32_t running_ = 0;  // So many calls of `runPlugins` are under way.
+    uint32_t run_ = 0;      // The number of plug-ins that were started.
+    uint32_t running_ = 0;  // The number of calls of `runPlugins` in progress.
 };
 
-/// The manager of the process; the plug-ins that wait are run first, so the first use is on the
-/// thread of the event loop.
+/// The manager of the process. Runs pending plug-ins first, so the first use must be on the thread
+/// of the event loop.
 PAVO_EXPORT const Mox::Ptr<IntfIdMgr>& globalIntfIdMgr();
 
+/// A descriptor that is in no manager and not initialized.
 PAVO_EXPORT Mox::Ptr<IntfIdDesc> intfIdDescFactory(uint32_t typeId, const Mox::String& name,
                                                    const ShortPrefix& shortPrefix = {});
+/// A manager without descriptors.
 PAVO_EXPORT Mox::Ptr<IntfIdMgr> intfIdMgrFactory(const Mox::String& name);
 
 }  // namespace Pavo

@@ -52,8 +52,8 @@ uint32_t numberOf(IntfId id, const IntfIdPart& part) {
     return static_cast<uint32_t>(id.value() >> part.position()) & part.mask();
 }
 
-// Names of a form with the same parts left out: a text with "0" for each number, and the smallest
-// and the largest that may stand there, which are one for a number of the prefix.
+// The names of a form with the same parts left out: a text with "0" in place of each number, and
+// the smallest and the largest number there, which are equal for a number of the prefix.
 struct NameShape {
     void addText(std::string_view more) {
         for (uint32_t at = 0; at < more.size();) {
@@ -103,17 +103,6 @@ void addShapes(const NameShape& start, std::span<const IntfIdPart> parts,
 }
 
 }  // namespace
-
-const char* IntfIdPart::parse(Mox::TextCursor& in) {
-    if (const char* error = parseRecord(in, this, description(), invalidText)) {
-        return error;
-    }
-    return errorOfParts();
-}
-
-void IntfIdPart::print(Mox::TextWriter& out) const {
-    printRecord(out, *this, description());
-}
 
 void IntfIdTrie::setPrefix(std::string_view name, uint32_t typeAndSubType,
                            std::span<const IntfIdPart> parts) {
@@ -185,7 +174,7 @@ void IntfIdTrie::buildPrefixes(bool isShort) {
     std::sort(prefixes.begin(), prefixes.end(),
               [](const Prefix& a, const Prefix& b) { return a.text < b.text; });
     for (std::size_t i = 1; i < prefixes.size(); ++i) {
-        // Whatever `text` begins with sorts before it, and is in the chain of its neighbour.
+        // All prefixes of `text` sort before it, and are in the chain of its neighbour.
         auto at = static_cast<int16_t>(i - 1);
         while (at >= 0 && !prefixes[i].text.starts_with(prefixes[static_cast<uint16_t>(at)].text)) {
             at = prefixes[static_cast<uint16_t>(at)].shorter;
@@ -205,8 +194,8 @@ IntfIdTrie::Reading IntfIdTrie::stringToIntfId(std::string_view text, bool isSho
 
 namespace {
 
-// Where the numbers of a name end whose prefix ends at `at`; 0 where one is missing or too large,
-// and then `tooLargeAt` is raised to the place of one that is too large. Adds the numbers to `id`.
+// The end of the numbers of a name whose prefix ends at `at`; 0 where one is missing or too large.
+// `tooLargeAt` is raised to the begin of one that is too large. Adds the numbers to `id`.
 uint32_t readParts(std::span<const IntfIdPart> parts, std::string_view text, uint32_t at,
                    uint64_t* id, uint32_t* tooLargeAt) {
     for (const IntfIdPart& part : parts) {

@@ -1,7 +1,8 @@
 /// @file
-/// From names of interfaces to numbers and back.
+/// The conversion of interface names to numbers and back.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
@@ -32,29 +33,18 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
     /// "IntfIdPart::shift > 31 not allowed", "IntfIdPart: part passes bit 63", "Invalid
     /// IntfIdPart::separator"
     constexpr IntfIdPart(uint32_t widthBits, uint32_t shift, bool isInHighHalf, char separator)
-        : widthBits_(static_cast<uint8_t>(widthBits)),
-          shift_(static_cast<uint8_t>(shift)),
+        : widthBits_(static_cast<uint8_t>(std::min(widthBits, 255u))),
+          shift_(static_cast<uint8_t>(std::min(shift, 255u))),
           isInHighHalf_(isInHighHalf),
           separator_(static_cast<uint8_t>(separator)) {
-        if (widthBits < 1 || widthBits > 32) {
-            Mox::throwRangeException("IntfIdPart::widthBits < 1 or > 32 not allowed");
-        }
-        if (shift > 31) {
-            Mox::throwRangeException("IntfIdPart::shift > 31 not allowed");
-        }
-        if (const char* error = errorOfParts()) {
+        if (const char* error = widthBits == 0 ? widthText : check()) {
             Mox::throwRangeException(error);
         }
     }
     /// @throws Mox::RangeException "Invalid IntfIdPart", or as above
     IntfIdPart(TextIt& it, const TextIt& end) { readText(it, end); }
     /// @throws Mox::RangeException as above, also for a part without width that is not the default
-    IntfIdPart(Mox::NboAttrLog::In* in, Mox::StreamBogon) {
-        readLog(in);
-        if (const char* error = errorOfParts()) {
-            Mox::throwRangeException(error);
-        }
-    }
+    IntfIdPart(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint32_t widthBits() const { return widthBits_; }
     constexpr uint32_t shift() const { return shift_; }
@@ -81,16 +71,14 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
                            Mox::field("isInHighHalf", &IntfIdPart::isInHighHalf_),
                            Mox::field("separator", &IntfIdPart::separator_));
     }
-    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
-    PAVO_EXPORT void print(Mox::TextWriter& out) const;
-
-  private:
-    constexpr const char* errorOfParts() const {
+    /// Null, or the text of the range error, as of the constructor, for a part that is neither good
+    /// nor the default.
+    constexpr const char* check() const {
         if (*this == IntfIdPart()) {
             return nullptr;
         }
         if (widthBits_ < 1 || widthBits_ > 32) {
-            return "IntfIdPart::widthBits < 1 or > 32 not allowed";
+            return widthText;
         }
         if (shift_ > 31) {
             return "IntfIdPart::shift > 31 not allowed";
@@ -105,6 +93,9 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
         return nullptr;
     }
 
+  private:
+    static constexpr const char* widthText = "IntfIdPart::widthBits < 1 or > 32 not allowed";
+
     uint8_t widthBits_ = 0;
     uint8_t shift_ = 0;
     bool isInHighHalf_ = false;
@@ -112,7 +103,7 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
 };
 static_assert(std::is_trivially_copyable_v<IntfIdPart> && sizeof(IntfIdPart) == 4);
 
-/// Converts names to ids and back, from the prefixes and parts that it was given. Reading allocates
+/// Converts names to ids and back, by prefixes and parts that are set first. Reading allocates
 /// nothing, and any number of threads may convert while none builds.
 class PAVO_EXPORT IntfIdTrie {
   public:
@@ -126,7 +117,7 @@ class PAVO_EXPORT IntfIdTrie {
         return typeId << 2 | subType;
     }
 
-    // First the prefixes are set, each type and sub-type once; `build` then puts them to use.
+    // First set the prefixes, for each type and sub-type once; they take effect with `build`.
 
     /// Names of this type and sub-type consist of `name` and the parts. Their short prefix is the
     /// same until `setShortPrefix`. A prefix is 1 to 64 printable ASCII characters other than "/";
@@ -140,7 +131,7 @@ class PAVO_EXPORT IntfIdTrie {
                    std::span<const IntfIdPart> parts);
     /// @throws Mox::RangeException "Invalid interface prefix", also before `setPrefix`
     void setShortPrefix(std::string_view name, uint32_t typeAndSubType);
-    /// Makes the table of prefixes.
+    /// Makes the tables of prefixes.
     /// @throws Mox::RangeException "Two interfaces would have one name" where two ids, of one type
     /// or of two, would print alike in either form, or alike but for leading zeros
     void build();
@@ -150,7 +141,7 @@ class PAVO_EXPORT IntfIdTrie {
     bool shortNameTrie() const { return shortNameTrie_; }
     void shortNameTrieIs(bool on) { shortNameTrie_ = on; }
 
-    /// What was read of a text: an id and the length of its name, or no interface and 0.
+    /// The id at the beginning of a text and the length of its name, or no interface and 0.
     struct Reading {
         IntfId id;
         uint32_t length = 0;
@@ -174,10 +165,10 @@ class PAVO_EXPORT IntfIdTrie {
     IntfId intfIdWithPart(IntfId id, uint32_t k, uint32_t value) const;
 
   private:
-    // What names of one type and sub-type look like.
+    // The form of the names of one type and sub-type.
     struct Form {
-        uint64_t base = 0;        // Type and sub-type in their place.
-        uint64_t bits = 0;        // Those, and all that parts hold.
+        uint64_t base = 0;        // Type and sub-type.
+        uint64_t bits = 0;        // The bits of these and of all parts.
         std::string prefixes[2];  // The long and the short one.
         std::vector<IntfIdPart> parts;
     };
