@@ -35,10 +35,11 @@ class BoundedMplsLabels {
     constexpr void labelAtIs(uint32_t i, MplsLabel label) { this->*places[i] = label; }
     constexpr void pushBottom(MplsLabel label) { labelAtIs(stackSize_++, label); }
     constexpr void pushTop(MplsLabel label) {
-        for (uint32_t i = stackSize_++; i != 0; --i) {
+        for (uint32_t i = maxLabels - 1; i != 0; --i) {  // All of them: unused ones are null.
             labelAtIs(i, labelAt(i - 1));
         }
         labelAtIs(0, label);
+        ++stackSize_;
     }
     constexpr void erase(uint32_t i) {
         --stackSize_;

@@ -28,12 +28,12 @@ class EntropyLabelMaps {
 
     constexpr bool hasEntropyLabel() const { return bothMaps() != 0; }
     constexpr uint32_t numEntropyLabelsAndIndicators() const {
-        return static_cast<uint32_t>(std::popcount(bothMaps()));
+        return hasEntropyLabel() ? bitCount(bothMaps()) : 0;
     }
     /// The number of ordinary labels above `position`, which may be past the stack, as if ordinary
     /// labels followed there.
     constexpr uint32_t numNormalLabelsAtIndex(uint32_t position) const {
-        return position - static_cast<uint32_t>(std::popcount(bothMaps() & bitsBelow(position)));
+        return position - bitCount(bothMaps() & bitsBelow(position));
     }
     /// The position of the topmost ordinary label, or where it would stand; 32 when the maps are
     /// full.
@@ -58,6 +58,12 @@ class EntropyLabelMaps {
     /// The bits below bit `i`; all of them from 32 on.
     static constexpr uint32_t bitsBelow(uint32_t i) {
         return i < mapBits ? (uint32_t{1} << i) - 1 : ~uint32_t{0};
+    }
+    /// The number of bits set. `std::popcount` is a call of the library on these targets.
+    static constexpr uint32_t bitCount(uint32_t map) {
+        map -= map >> 1 & 0x55555555;
+        map = (map & 0x33333333) + (map >> 2 & 0x33333333);
+        return ((map + (map >> 4)) & 0x0f0f0f0f) * 0x01010101 >> 24;
     }
     constexpr uint32_t bothMaps() const {
         return entropyLabelBitMap_ | entropyLabelIndicatorBitMap_;

@@ -274,15 +274,18 @@ void MplsLabelStackBase<Self, Labels>::stackSizeIs(uint32_t size) {
 }
 
 template <class Self, class Labels>
-BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendEntry(
+inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendEntry(
     MplsLabel label, bool nonBosExplicitNulls) {
     if (label == MplsLabel::entropyLabelIndicator) {
         Mox::throwRangeException("Can't append the entropy label indicator");
     }
     if (label == MplsLabel::entropyLabel) {
-        return calculatedStackSize() <= mapBits - 2
-                   ? entropyLabelAndIndicatorIs(calculatedStackSize())
-                   : Error::entropyLabelBitMapFull;
+        const uint32_t size = calculatedStackSize();
+        if (size > mapBits - 2) {
+            return Error::entropyLabelBitMapFull;
+        }
+        insertPair(size);
+        return Error::success;
     }
     if (isImplicitNullAlone()) {
         return replaceImplicitNull(label, /*atTop=*/false);
@@ -298,7 +301,7 @@ BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::appendEntry(
 }
 
 template <class Self, class Labels>
-BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(MplsLabel label) {
+inline BoundedMplsLabelStackResult MplsLabelStackBase<Self, Labels>::prepend(MplsLabel label) {
     if (label.isEntropyMarker()) {
         return Error::labelIgnored;
     }

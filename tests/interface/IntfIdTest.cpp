@@ -71,8 +71,11 @@ TEST(IntfId, KeepsTheValueLaws) {
                                "Port-Channel1048575.33554431", "Ethernet1/2"});
     expectValueLaws<IntfId>({IntfId(), IntfId(1), IntfId(~0ull)}, "no descriptor");
     EXPECT_FALSE(IntfId());
-    EXPECT_EQ(logErrorOf<IntfIdPart>(33u, 0u, 0u, 0u),
-              "IntfIdPart::widthBits < 1 or > 32 not allowed");
+    const std::string widthText = "IntfIdPart::widthBits < 1 or > 32 not allowed";
+    EXPECT_EQ(logErrorOf<IntfIdPart>(33u, 0u, 0u, 0u), widthText);
+    for (const uint32_t width : {0u, 33u, 257u}) {
+        EXPECT_EQ(rangeErrorOf([width] { IntfIdPart(width, 0, false, '\0'); }), widthText);
+    }
     EXPECT_EQ(logErrorOf<IntfIdPartKey>(3u, 8u), "IntfIdPartKey::part < 0 or > 7 not allowed");
     // Computed by another program over ef cd ab 89 67 45 23 01.
     EXPECT_EQ(IntfId(0x0123456789abcdef).hash(), 0xb5eb1e68);
@@ -126,19 +129,15 @@ TEST(IntfId, ReadsUpToTheFirstCharacterThatDoesNotBelong) {
     const struct {
         const char *text, *name, *left;
     } cases[] = {
-        {"Ethernet3/1,x", "Ethernet3/1", ",x"},
-        {"Ethernet3/", "Ethernet3", "/"},
-        {"Ethernet3/x", "Ethernet3", "/x"},
-        {"Ethernet1.0", "Ethernet1", ".0"},
-        {"Ethernet1.0/2", "Ethernet1", ".0/2"},
-        {"Ethernet1/2/3/4", "Ethernet1/2/3", "/4"},
-        {"Ethernet1/2/3.4.5", "Ethernet1/2/3.4", ".5"},
+        // clang-format off
+        {"Ethernet3/1,x", "Ethernet3/1", ",x"}, {"Ethernet3/", "Ethernet3", "/"},
+        {"Ethernet3/x", "Ethernet3", "/x"}, {"Ethernet1.0", "Ethernet1", ".0"},
+        {"Ethernet1.0/2", "Ethernet1", ".0/2"}, {"Ethernet1/2/3/4", "Ethernet1/2/3", "/4"},
+        {"Ethernet1/2/3.4.5", "Ethernet1/2/3.4", ".5"}, {"Vlan1/2", "Vlan1", "/2"},
         {"Ethernet0000000000000000000001/0002.3", "Ethernet1/2.3", ""},
-        {"Ethernet01048575", "Ethernet1048575", ""},
-        // One number has 20 bits, each of two 15.
-        {"Ethernet32768.1/1", "Ethernet32768.1", "/1"},
-        {"Vlan1/2", "Vlan1", "/2"},
-        {"Management1/2/3", "Management1/2", "/3"},
+        {"Ethernet01048575", "Ethernet1048575", ""}, {"Management1/2/3", "Management1/2", "/3"},
+        {"Ethernet32768.1/1", "Ethernet32768.1", "/1"},  // One number has 20 bits, each of two 15.
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -193,20 +192,15 @@ TEST(IntfIdDesc, IsChosenByTheLongestMatchingPrefix) {
         uint32_t typeId, length;
         const char* otherName;
     } cases[] = {
-        {"Eth1/2", false, 1, 6, "E1/2"},
-        {"Eth1", false, 0, 0, ""},
-        {"Ether", false, 2, 5, "Ether"},
-        {"Ether1", false, 2, 5, "Ether"},
-        {"Ethernet1.5", false, 3, 11, "Ether1.5"},
-        {"Ethernet/1", false, 2, 5, "Ether"},
-        {"Etherne1", false, 2, 5, "Ether"},
-        {"Ether1.5", true, 3, 8, "Ethernet1.5"},
-        {"Ether.5", true, 2, 5, "Ether"},
-        {"Vlan1/2", false, 4, 7, "W1/2"},
-        {"Vlan1", false, 4, 5, "V1"},
-        {"Vlan-1", false, 4, 5, "V"},
-        {"W1/2", true, 4, 4, "Vlan1/2"},
-        {"V", true, 4, 1, "Vlan-"},
+        // clang-format off
+        {"Eth1/2", false, 1, 6, "E1/2"}, {"Eth1", false, 0, 0, ""},
+        {"Ether", false, 2, 5, "Ether"}, {"Ether1", false, 2, 5, "Ether"},
+        {"Ethernet1.5", false, 3, 11, "Ether1.5"}, {"Ethernet/1", false, 2, 5, "Ether"},
+        {"Etherne1", false, 2, 5, "Ether"}, {"Ether1.5", true, 3, 8, "Ethernet1.5"},
+        {"Ether.5", true, 2, 5, "Ether"}, {"Vlan1/2", false, 4, 7, "W1/2"},
+        {"Vlan1", false, 4, 5, "V1"}, {"Vlan-1", false, 4, 5, "V"},
+        {"W1/2", true, 4, 4, "Vlan1/2"}, {"V", true, 4, 1, "Vlan-"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         const auto read = manager->trie().stringToIntfId(c.text, c.isShort);
@@ -228,34 +222,32 @@ TEST(IntfIdDesc, IsRefusedWhereNamesWouldNotIdentifyInterfaces) {
     gap->partIs({0, 2}, third);
     const auto tunnel = described(9, "Ip", "", {{first, {10, 10, true, 'T'}}, {first}});
     tunnel->prefixIs(1, "Ip6T");
+    const char* const badPrefix = "Invalid interface prefix";
+    const char* const badParts = "Invalid interface parts";
+    const char* const oneName = "Two interfaces would have one name";
     const struct {
         const char* error;
         Mox::Ptr<IntfIdDesc> desc;
     } cases[] = {
-        {"Invalid interface prefix", prefixed("")},
-        {"", prefixed("Eth1-")},
-        {"Invalid interface prefix", prefixed("Eth1")},
-        {"Invalid interface prefix", prefixed("Eth/")},
-        {"Invalid interface prefix", prefixed("Eth ")},
-        {"Invalid interface prefix", prefixed(std::string(65, 'x').c_str())},
+        // clang-format off
+        {badPrefix, prefixed("")}, {badPrefix, prefixed("Eth1")}, {badPrefix, prefixed("Eth/")},
+        {badPrefix, prefixed("Eth ")}, {"", prefixed("Eth1-")},
+        {badPrefix, prefixed(std::string(65, 'x').c_str())},
         {"", prefixed(std::string(64, 'x').c_str())},
-        {"Invalid interface prefix", described(9, "Good", "d3", {{first}})},
-        {"Invalid interface parts", gap},
-        {"Invalid interface parts", described(9, "Overlap", "", {{first, {1, 29, true, '/'}}})},
-        {"Invalid interface parts", described(9, "Type", "", {{{1, 25, false, '\0'}}})},
-        {"Invalid interface parts", described(9, "SubType", "", {{{1, 30, true, '\0'}}})},
+        {badPrefix, described(9, "Good", "d3", {{first}})},
+        {badParts, gap}, {badParts, described(9, "Type", "", {{{1, 25, false, '\0'}}})},
+        {badParts, described(9, "SubType", "", {{{1, 30, true, '\0'}}})},
+        {badParts, described(9, "Overlap", "", {{first, {1, 29, true, '/'}}})},
+        {badParts, described(9, "Joined", "", {{first, {1, 0, true, '\0'}}})},
         {"", described(9, "Ip6Tunnel", "", {{first}, {first, second}})},
         {"", described(9, "Separated1", "", {{second}, {second, third}})},
-        {"Two interfaces would have one name", described(9, "Taken1023", "", {{}})},
-        {"", described(9, "Taken1024", "", {{}})},
-        {"Two interfaces would have one name", tunnel},
-        {"Invalid interface parts", described(9, "Joined", "", {{first, {1, 0, true, '\0'}}})},
-        {"Two interfaces would have one name", described(9, "Taken", "", {{first}})},
+        {oneName, described(9, "Taken1023", "", {{}})}, {"", described(9, "Taken1024", "", {{}})},
+        {oneName, tunnel}, {oneName, described(9, "Taken", "", {{first}})},
         {"", described(9, "Taken", "U", {{}, {first, second, third}})},
-        {"Two interfaces would have one name", described(9, "Other", "T", {{first}})},
-        {"Two interfaces would have one name", described(9, "Twice", "", {{first}, {first, sub}})},
-        {"Two interfaces would have one name",
-         described(9, "Dots", "", {{first, sub, {1, 0, true, '.'}}})},
+        {oneName, described(9, "Other", "T", {{first}})},
+        {oneName, described(9, "Twice", "", {{first}, {first, sub}})},
+        {oneName, described(9, "Dots", "", {{first, sub, {1, 0, true, '.'}}})},
+        // clang-format on
     };
     for (const auto& c : cases) {
         const auto manager = intfIdMgrFactory("test");
