@@ -76,6 +76,24 @@ uint32_t Pkt::totalBytes() const {
     return total;
 }
 
+void Pkt::linearize() {
+    if (isLinear()) {
+        return;
+    }
+    const uint32_t n = privateDataBytes_;
+    if (n <= headRoom()) {
+        unshare();  // Otherwise the buffer grows, and is then the packet's own.
+    }
+    copyBytes(newSharedHeadData(n), privateData_, n);
+    delPrivateHeadData(n);
+}
+
+void Pkt::unshare() {
+    if (sharedBuffer_ && sharedBuffer_->references() != 1) {
+        growInto(sharedBuffer_->size(), tailRoom());
+    }
+}
+
 void Pkt::sharedBufferIs(const Mox::Ptr<SharedBuffer>& buffer) {
     Mox::require(firstIoVec_ == maxIovecs_, "firstIoVec_ == maxIovecs_");
     sharedBuffer_ = buffer;
@@ -249,6 +267,13 @@ Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
     }
     Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
     pkt->sharedBufferIs(newSharedBuffer(bufferSize));
+    return pkt;
+}
+
+Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize, uint32_t tailRoom) {
+    Mox::Ptr<Pkt> pkt = newPkt(bufferSize);
+    pkt->sharedBuffer_->placeEmptyData(tailRoom);
+    pkt->updateSharedIovec();
     return pkt;
 }
 

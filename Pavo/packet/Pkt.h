@@ -48,6 +48,8 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     struct Iovec {
         uint8_t* data = nullptr;
         uint32_t bytes = 0;
+
+        std::span<uint8_t> span() const { return {data, bytes}; }
     };
 
     /// Entry 0 of the iovec table is the private data, entry 1 the shared.
@@ -106,6 +108,27 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     }
     /// The length of the packet.
     uint32_t totalBytes() const;
+
+    /// Whether all bytes lie in the first iovec in use, as after `linearize()`.
+    bool isLinear() const { return frontBytes() == totalBytes(); }
+    /// All bytes of a packet in one piece. Fatal for one in two: "isLinear()". The bytes of one
+    /// piece are `iovec(i).span()`.
+    std::span<uint8_t> span() {
+        requireLinear();
+        return {frontData(), frontBytes()};
+    }
+    std::span<const uint8_t> span() const {
+        requireLinear();
+        return {frontData(), frontBytes()};
+    }
+    /// Moves the private bytes to the shared data, where there are both. Like
+    /// `newSharedHeadData`, it takes a larger buffer where the head room is short; it copies a
+    /// buffer that another packet shares. Pointers into the packet are then no longer valid.
+    void linearize();
+    /// Copies the shared data into a buffer of the same size, head room and tail room, if another
+    /// packet shares the present one. Then all operations, prepending included, change this packet
+    /// only. A copy that shares nothing is made by `newShallowCopy` and this.
+    void unshare();
 
     const Mox::Ptr<SharedBuffer>& sharedBuffer() const { return sharedBuffer_; }
     /// Gives a packet without data its buffer, whose data becomes the packet's. Fatal with data:
@@ -182,6 +205,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     void requireSharedBuffer() const {
         Mox::require(sharedBuffer_ != nullptr, "sharedBuffer_ != 0");
     }
+    void requireLinear() const { Mox::require(isLinear(), "isLinear()"); }
     // Of the packet's own range in its buffer.
     inline uint32_t headRoom() const;
     inline uint32_t tailRoom() const;
@@ -340,6 +364,9 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     Mox::Ptr<Pkt> newPkt();
     /// The same on a buffer of another size.
     Mox::Ptr<Pkt> newPkt(uint32_t bufferSize);
+    /// The same, with `tailRoom` bytes of the buffer reserved for appending: the head room is the
+    /// rest. Fatal where that is more than the buffer: "ptrWithinRegion( data_, buffer_, size_ )".
+    Mox::Ptr<Pkt> newPkt(uint32_t bufferSize, uint32_t tailRoom);
     Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize_); }
     Mox::Ptr<SharedBuffer> newSharedBuffer(uint32_t size);
     /// A packet with the same bytes, which shares the buffer of `pkt`; private bytes and separate

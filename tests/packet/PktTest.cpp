@@ -18,14 +18,9 @@ namespace {
 
 // A packet on a buffer of `head + data.size() + tail` bytes.
 Mox::Ptr<Pkt> pktWith(uint32_t head, const std::string& data, uint32_t tail) {
-    const auto pkt = Mox::make<Pkt>();
     const auto size = static_cast<uint32_t>(head + data.size() + tail);
-    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(size));
-    pkt->newSharedHeadData(static_cast<uint32_t>(data.size()) + tail);
-    pkt->delSharedTailData(tail);
-    if (!data.empty()) {
-        std::memcpy(pkt->frontData(), data.data(), data.size());
-    }
+    auto pkt = globalPktManager()->newPkt(size, tail);
+    pkt->stringValueIs(data, /*atTail=*/false);
     return pkt;
 }
 
@@ -96,7 +91,7 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
             const uint32_t n = random() % (mine + 1);
             const std::string more(random() % 12, static_cast<char>('a' + step % 26));
             const bool isShared = pkt->sharedBuffer()->references() != 1;
-            switch (random() % 7) {
+            switch (random() % 9) {
                 case 0:
                     pkt->delSharedHeadData(n);
                     bytes.erase(bytes.size() - mine, n);
@@ -123,6 +118,14 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
                     }
                     break;
                 case 4:
+                    pkt->linearize();
+                    ASSERT_EQ(std::string(pkt->span().begin(), pkt->span().end()), bytes);
+                    break;
+                case 5:
+                    pkt->unshare();
+                    EXPECT_EQ(pkt->sharedBuffer()->references(), 1u);
+                    break;
+                case 6:
                     holders.erase(holders.begin() + static_cast<std::ptrdiff_t>(at));
                     break;
                 default:
