@@ -10,6 +10,7 @@
 /// Numbers are in host order.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -212,9 +213,13 @@ struct Sctp {
 /// Bytes as they are, at any place in the packet. A text literal ends before its NUL.
 class Payload {
   public:
-    Payload(std::string_view text)
-        : bytes_(reinterpret_cast<const uint8_t*>(text.data()), text.size()) {}
-    Payload(std::span<const uint8_t> bytes) : bytes_(bytes) {}
+    template <std::convertible_to<std::string_view> T>
+    Payload(const T& text) {
+        const std::string_view view = text;
+        bytes_ = {reinterpret_cast<const uint8_t*>(view.data()), view.size()};
+    }
+    template <std::convertible_to<std::span<const uint8_t>> T>
+    Payload(const T& bytes) : bytes_(bytes) {}
 
     std::size_t hdrBytes() const { return bytes_.size(); }
     PAVO_EXPORT void write(const LayerSite& site) const;
