@@ -1,0 +1,417 @@
+// Packets of random layers, judged by the checked views, by `describe` and by tshark.
+
+#include "Pavo/BuildPkt.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Pavo/CaptureFile.h"
+#include "Pavo/Describe.h"
+#include "Pavo/MplsHdr.h"
+#include "Pavo/PktUtils.h"
+#include "packet/GuardedPkt.h"
+#include "sandbox/Sandbox.h"
+#include "support/Errors.h"
+
+namespace Pavo {
+namespace {
+
+using Random = std::mt19937;
+using Texts = std::vector<std::string>;
+
+// What the line of each layer begins with.
+const char* nameOf(const Eth&) {
+    return "00:";
+}
+const char* nameOf(const Vlan&) {
+    return "vlan ";
+}
+const char* nameOf(const Mpls&) {
+    return "MPLS (";
+}
+const char* nameOf(const Ip&) {
+    return "IP (";
+}
+const char* nameOf(const Ip6&) {
+    return "IP6 (";
+}
+const char* nameOf(const Icmp&) {
+    return "ICMP echo request";
+}
+const char* nameOf(const Icmp6&) {
+    return "[icmp6 sum ok]";
+}
+const char* nameOf(const Udp&) {
+    return "UDP ";
+}
+const char* nameOf(const Tcp&) {
+    return "TCP ";
+}
+const char* nameOf(const Sctp&) {
+    return "SCTP ";
+}
+
+struct Built {
+    Mox::Ptr<Pkt> pkt;
+    Texts names;
+    std::string payload;
+};
+
+uint16_t u16(Random& random) {
+    return static_cast<uint16_t>(random());
+}
+
+uint16_t port(Random& random) {  // One that tshark gives no meaning.
+    return static_cast<uint16_t>(40000 + random() % 256);
+}
+
+std::span<const uint8_t> someOptions(Random& random) {
+    static constexpr uint8_t doNothing[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+    return std::span(doNothing).first(random() % sizeof(doNothing));
+}
+
+template <class Echo, class... Outer>
+Built withTransport(Random& random, const Echo& echo, const Outer&... outer) {
+    std::string data(random() % 4 == 0 ? random() % 1400 : random() % 9, '\0');
+    std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random() % 251); });
+    const auto with = [&](const auto& last) {
+        return Built{buildPkt(outer..., last, data), {nameOf(outer)..., nameOf(last)}, data};
+    };
+    switch (random() % 4) {
+        case 0:
+            return with(Udp{.srcPort = port(random), .dstPort = port(random)});
+        case 1:
+            return with(Tcp{.srcPort = port(random),
+                            .dstPort = port(random),
+                            .sequenceNumber = u16(random),
+                            .psh = true,
+                            .window = u16(random),
+                            .options = someOptions(random)});
+        case 2:
+            return with(Sctp{.srcPort = 1, .dstPort = 2, .verificationTag = u16(random)});
+        default:
+            return with(echo);
+    }
+}
+
+template <class... Outer>
+Built withIp(Random& random, const Outer&... outer) {
+    const Icmp echo{.id = u16(random), .sequenceNumber = u16(random)};
+    const Icmp6 echo6{.id = u16(random)};
+    const Ip ip{.src = IpAddr(0x0a000000 + u16(random)),
+                .dst = IpAddr(0x0a010000 + u16(random)),
+                .ttl = 1 + u16(random) % 255u,
+                .tos = static_cast<uint8_t>(random()),
+                .id = u16(random),
+                .flags = 2,
+                .options = someOptions(random)};
+    const Ip6 ip6{.src = Ip6Addr(0x20010db800000000, u16(random)),
+                  .dst = Ip6Addr(0x20010db800010000, u16(random)),
+                  .flowLabel = u16(random)};
+    switch (random() % 5) {
+        case 0:
+            return withTransport(random, echo, outer..., ip);
+        case 1:
+            return withTransport(random, echo6, outer..., ip6);
+        case 2:
+            return withTransport(random, echo, outer..., ip, ip);
+        case 3:
+            return withTransport(random, echo6, outer..., ip, ip6);
+        default:
+            return withTransport(random, echo, outer..., ip6, ip);
+    }
+}
+
+Built randomPkt(Random& random) {
+    const Eth eth{.dst = EthAddr(0, 1, 2), .src = EthAddr(0, 3, 4)};
+    const Vlan vlan{.vlanId = static_cast<uint16_t>(random() % 4096), .priority = 5};
+    const Vlan service{.vlanId = 7, .dropEligible = true, .tpid = EthType::dot1Ad};
+    const Mpls mpls{.label = 16 + u16(random), .cos = 3, .ttl = 9};
+    switch (random() % 4) {
+        case 0:
+            return withIp(random, eth);
+        case 1:
+            return withIp(random, eth, vlan);
+        case 2:
+            return withIp(random, eth, service, vlan);
+        default:
+            return withIp(random, eth, mpls, mpls);
+    }
+}
+
+// Goes from header to header by the checked views, and compares every length.
+class Walk {
+  public:
+    explicit Walk(const Mox::Ptr<Pkt>& pkt) : pkt_(pkt) {}
+
+    // The names of the layers. What is left is the payload.
+    Texts names() {
+        afterType(next<EthHdr>(Eth())->type());
+        return names_;
+    }
+    std::string payload() const { return std::string(pkt_->stringValue()).substr(offset_); }
+
+  private:
+    template <class Hdr, class Layer>
+    Hdr* next(const Layer& layer) {
+        const HdrView<Hdr> view = tryHdr<Hdr>(pkt_, offset_);
+        EXPECT_TRUE(view) << nameOf(layer);
+        offset_ += static_cast<uint32_t>(sizeof(Hdr));
+        names_.push_back(nameOf(layer));
+        return view.ptr();
+    }
+
+    void afterType(uint16_t type) {
+        switch (type) {
+            case EthType::dot1Q:
+            case EthType::dot1Ad:
+                return afterType(next<Eth8021QHdr>(Vlan())->type());
+            case EthType::mpls:
+                while (!next<MplsHdr>(Mpls())->bos()) {
+                }
+                return afterProtocol(tryHdr<IpHdr>(pkt_, offset_) ? IpProtocolNumber::ipv4
+                                                                  : IpProtocolNumber::ipv6);
+            default:
+                EXPECT_EQ(type == EthType::ip, tryHdr<IpHdr>(pkt_, offset_).ptr() != nullptr);
+                return afterProtocol(type == EthType::ip ? IpProtocolNumber::ipv4
+                                                         : IpProtocolNumber::ipv6);
+        }
+    }
+
+    void afterProtocol(IpProtocolNumber number) {
+        const uint32_t start = offset_;
+        const uint32_t bytes = pkt_->totalBytes() - start;
+        if (number == IpProtocolNumber::ipv4) {
+            const auto* ip = next<IpHdr>(Ip());
+            EXPECT_EQ(ip->totalLen(), bytes);
+            offset_ = start + ip->headerBytes();
+            afterProtocol(ip->protocolNum());
+        } else if (number == IpProtocolNumber::ipv6) {
+            const auto* ip6 = next<Ip6Hdr>(Ip6());
+            EXPECT_EQ(ip6->payloadLen() + sizeof(Ip6Hdr), bytes);
+            afterProtocol(ip6->protocolNum());
+        } else if (number == IpProtocolNumber::tcp) {
+            offset_ = start + next<TcpHdr>(Tcp())->headerBytes();
+        } else if (number == IpProtocolNumber::udp) {
+            EXPECT_EQ(next<UdpHdr>(Udp())->udpLen(), bytes);
+        } else if (number == IpProtocolNumber::sctp) {
+            next<SctpHdr>(Sctp());
+        } else if (number == IpProtocolNumber::icmp) {
+            next<IcmpEchoHdr>(Icmp());
+        } else {
+            EXPECT_EQ(number, IpProtocolNumber::ipv6Icmp);
+            next<Icmp6EchoHdr>(Icmp6());
+        }
+    }
+
+    const Mox::Ptr<Pkt> pkt_;
+    uint32_t offset_ = 0;
+    Texts names_;
+};
+
+// The checks of whole frames, where these begin with the headers that they look at.
+void expectAccepted(const Built& built) {
+    EthHdr* eth = nullptr;
+    IpHdr* ip = nullptr;
+    Ip6Hdr* ip6 = nullptr;
+    Icmp6Hdr* icmp6 = nullptr;
+    if (built.names[1] == nameOf(Ip())) {
+        EXPECT_EQ(checkEthIpHdr(built.pkt, eth, ip), PktErrors::noError);
+    } else if (built.names[1] == nameOf(Ip6())) {
+        EXPECT_EQ(checkEthIp6Hdr(built.pkt, eth, ip6), PktErrors::noError);
+        if (built.names[2] == nameOf(Icmp6())) {
+            EXPECT_EQ(checkIcmp6CheckSum(built.pkt, ip6, icmp6), PktErrors::noError);
+        }
+    }
+}
+
+Texts linesOf(const std::string& text) {
+    std::istringstream in(text);
+    Texts lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+void expectDescribes(const Built& built) {
+    const std::string text(describe(built.pkt).view());
+    Texts lines = linesOf(text);
+    if (!built.payload.empty()) {
+        EXPECT_EQ(lines.back(), "payload, length " + std::to_string(built.payload.size()));
+        lines.pop_back();
+    }
+    ASSERT_EQ(lines.size(), built.names.size()) << text;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].rfind(built.names[i], 0), 0u) << lines[i];
+    }
+    for (const char* complaint : {"bad cksum", "wrong icmp", "bad udp", "incorrect", "stopped"}) {
+        EXPECT_EQ(text.find(complaint), std::string::npos) << text;
+    }
+}
+
+TEST(BuildPkt, FillsInWhatChecksAndOtherProgramsExpect) {
+    char folder[] = "/tmp/pavo-build-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string path = std::string(folder) + "/built.pcapng";
+    const auto file = captureFileFactory(path, {});
+    const uint32_t interface = file->newInterface("built", CaptureLinkType::ethernet);
+    Random random(1);
+    Texts sums;  // A status of 1, which is good, for each checksum.
+    for (int i = 0; i < 400; ++i) {
+        SCOPED_TRACE(i);
+        const Built built = randomPkt(random);
+        Walk walk(built.pkt);
+        ASSERT_EQ(walk.names(), built.names);
+        EXPECT_EQ(walk.payload(), built.payload);
+        EXPECT_EQ(built.pkt->sharedBuffer()->tailRoom(), 0u);
+        expectAccepted(built);
+        expectDescribes(built);
+        const CaptureFile::Piece piece{built.pkt->frontData(), built.pkt->frontBytes()};
+        file->pktIs(interface, CaptureDirection::outbound, &piece, 1);
+        const auto ips = std::count(built.names.begin(), built.names.end(), nameOf(Ip()));
+        sums.push_back(std::string(static_cast<std::size_t>(ips) + 1, '1'));
+    }
+    file->flush();
+    Texts command = {"tshark", "-r", path, "-T", "fields", "-o", "sctp.checksum:CRC 32c"};
+    for (const std::string layer : {"ip", "tcp", "udp", "sctp", "icmp", "icmpv6"}) {
+        command.insert(command.end(), {"-e", layer + ".checksum.status"});
+        if (layer.size() < 4) {
+            command.insert(command.end(), {"-o", layer + ".check_checksum:TRUE"});
+        }
+    }
+    Texts found;
+    for (std::string line : linesOf(PavoSandbox::run(command))) {
+        std::erase_if(line, [](char c) { return c == '\t' || c == ','; });
+        if (line.find("root") == std::string::npos) {  // A word about running as root.
+            found.push_back(line);
+        }
+    }
+    EXPECT_EQ(found, sums);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(BuildPkt, WritesWhatTheCallerSets) {
+    const auto pkt =
+        buildPkt(Eth{.type = 0x1234}, Vlan{.type = 0x2345}, Mpls{.bos = false},
+                 Ip{.protocol = IpProtocolNumber::gre,
+                    .version = 5,
+                    .headerLen = 15,
+                    .totalLen = 7,
+                    .checksum = IpChecksum(0x3456)},
+                 Ip6{.nextHeader = IpProtocolNumber::ah, .version = 7, .payloadLen = 9},
+                 Tcp{.dataOffset = 3, .checksum = IpChecksum(0x4567)},
+                 Udp{.len = 11, .checksum = IpChecksum()}, Icmp{.checksum = IpChecksum(0x5678)},
+                 Icmp6{.checksum = IpChecksum(0x6789)}, Sctp{.checksum = SctpChecksum(0x789a)});
+    const uint8_t* at = pkt->frontData();
+    const auto fields = [&at](uint32_t headerBytes, std::initializer_list<uint32_t> offsets) {
+        std::vector<uint16_t> values;
+        for (const uint32_t offset : offsets) {
+            values.push_back(loadNet<uint16_t>(at + offset));
+        }
+        at += headerBytes;
+        return values;
+    };
+    using Values = std::vector<uint16_t>;
+    EXPECT_EQ(fields(14, {12}), Values({0x1234}));
+    EXPECT_EQ(fields(4, {2}), Values({0x2345}));
+    EXPECT_EQ(fields(4, {2}), Values({0x0040}));
+    EXPECT_EQ(fields(20, {0, 2, 8, 10}), Values({0x5f00, 7, 0x402f, 0x3456}));
+    EXPECT_EQ(fields(40, {0, 4, 6}), Values({0x7000, 9, 0x3340}));
+    EXPECT_EQ(fields(20, {12, 16}), Values({0x3000, 0x4567}));
+    EXPECT_EQ(fields(8, {4, 6}), Values({11, 0}));
+    EXPECT_EQ(fields(8, {2}), Values({0x5678}));
+    EXPECT_EQ(fields(8, {2}), Values({0x6789}));
+    EXPECT_EQ(fields(12, {8, 10}), Values({0, 0x789a}));
+}
+
+TEST(BuildPkt, ThrowsForValuesThatDoNotFit) {
+    const std::string most(65535 - 28, 'x');
+    EXPECT_EQ(buildPkt(Ip(), Udp(), most)->totalBytes(), 65535u);
+    const std::vector<uint8_t> options(41, 1);
+    const struct {
+        std::function<void()> build;
+        const char* text;
+    } cases[] = {
+        {[] { buildPkt(Eth(), "data"); }, "Eth::type not set, and no layer follows that has one"},
+        {[] { buildPkt(Ip(), "data"); }, "Ip::protocol not set, and no layer follows that has one"},
+        {[] { buildPkt(Ip6(), "data"); },
+         "Ip6::nextHeader not set, and no layer follows that has one"},
+        {[&] { buildPkt(Ip(), Udp(), most, "x"); }, "Ip::totalLen > 65535 not allowed"},
+        {[&] { buildPkt(Ip6(), Tcp(), most, "87654321x"); }, "Ip6::payloadLen > 65535 not allowed"},
+        {[&] { buildPkt(Ip{.totalLen = 0}, Udp(), most, "01234567890123456789x"); },
+         "Udp::len > 65535 not allowed"},
+        {[&] { buildPkt(Ip{.options = options}, Udp()); },
+         "IpHdrLen::value < 0 or > 15 not allowed"},
+        {[] { buildPkt(Eth(), Vlan{.vlanId = 4096}, Ip(), Udp()); },
+         "Vlan::vlanId > 4095 not allowed"},
+        {[] { buildPkt(Eth(), Vlan{.priority = 8}, Ip(), Udp()); },
+         "Vlan::priority > 7 not allowed"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(rangeErrorOf(c.build), c.text);
+    }
+}
+
+TEST(Describe, SaysWhereItStoppedAndWhy) {
+    const Ip ip{.src = IpAddr(0x0a000001), .dst = IpAddr(0x0a000002)};
+    const auto udp = buildPkt(ip, Udp{.srcPort = 1, .dstPort = 2}, "data");
+    udp->delSharedTailData(6);
+    const struct {
+        Mox::Ptr<Pkt> pkt;
+        const char* end;
+    } cases[] = {
+        {udp,
+         "length 32) 10.0.0.1 > 10.0.0.2, truncated-ip - 6 bytes missing!\n"
+         "stopped at byte 20: [|udp] 6 of 8 bytes"},
+        {buildPkt(ip, Udp{.len = 13}, "data"), "stopped at byte 28: UDP length 13 of 12 bytes"},
+        {buildPkt(ip, Udp{.checksum = IpChecksum(1)}),
+         "[bad udp cksum 0x0001 -> 0xebdb!] length 0"},
+        {buildPkt(Ip{.ttl = 1, .checksum = IpChecksum(1)}, Tcp{.dataOffset = 4}),
+         "bad cksum 1 (->b9d1)!) 0.0.0.0 > 0.0.0.0\nTCP 0 > 0: Flags [none]\n"
+         "stopped at byte 40: bad hdr length 16 - too short, < 20"},
+        {buildPkt(Ip{.headerLen = 4}, Udp()), "stopped at byte 20: bad-hlen 16"},
+        {buildPkt(Ip{.totalLen = 19}, Udp()), "stopped at byte 20: bad-len 19"},
+        {buildPkt(Ip{.protocol = IpProtocolNumber::tcp, .fragmentOffset = 3}, "data"),
+         "stopped at byte 20: fragment of TCP (6), length 4"},
+        {buildPkt(Ip{.version = 5}, Udp()), "stopped at byte 0: IP version 5, length 28"},
+        {buildPkt(Ip{.protocol = IpProtocolNumber::ospf}, "data", "more"),
+         "stopped at byte 20: protocol OSPF (89) is not decoded, length 8"},
+    };
+    for (const auto& c : cases) {
+        const std::string text(describe(c.pkt, 0, FirstHdr::ip).view());
+        EXPECT_EQ(text.substr(text.size() - std::min(text.size(), std::string(c.end).size())),
+                  c.end);
+    }
+    const auto tags = buildPkt(Eth{.type = 0x8100}, std::string(400, '\x81'));
+    std::fill(tags->frontData() + 14, tags->frontData() + 414, uint8_t{0});
+    for (uint32_t i = 14; i < 414; i += 4) {
+        storeNet<uint16_t>(tags->frontData() + i + 2, 0x8100);
+    }
+    EXPECT_EQ(linesOf(std::string(describe(tags).view())).back(),
+              "stopped at byte 266: more than 64 layers");
+    EXPECT_EQ(describe(tags, 500), "stopped at byte 414: [|ether] 0 of 14 bytes");
+}
+
+// Every prefix, before a page that must not be read, in one piece and in two.
+TEST(Describe, ReadsNoByteThatIsNotThere) {
+    Random random(2);
+    for (int i = 0; i < 20; ++i) {
+        const Built built = randomPkt(random);
+        const uint32_t bytes = std::min(built.pkt->frontBytes(), 150u);
+        for (uint32_t n = 0; n <= bytes; ++n) {
+            const GuardedPkt whole(built.pkt->frontData(), n);
+            const GuardedPkt split(built.pkt->frontData(), n, n % (std::min(n, 64u) + 1));
+            EXPECT_EQ(describe(whole.pkt()), describe(split.pkt()));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace Pavo
