@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <ios>
+#include <locale>
 
 #include "Pavo/packet/DescribeLayers.h"
 #include "Pavo/packet/EthHdr.h"
@@ -67,13 +67,14 @@ PktDescription::PktDescription(const Pkt& pkt, uint32_t offset)
     : pkt_(pkt),
       pktBytes_(pkt.totalBytes()),
       offset_(std::min(offset, pktBytes_)),
-      end_(pktBytes_) {}
+      end_(pktBytes_) {
+    line_.imbue(std::locale::classic());  // No thousands separators.
+}
 
 bool PktDescription::takeBytes(void* bytes, uint32_t count, std::string_view name) {
     if (left() < count) {
-        std::ostringstream reason;
-        reason << "[|" << name << "] " << left() << " of " << count << " bytes";
-        stop(reason.str());
+        stop("[|" + std::string(name) + "] " + std::to_string(left()) + " of " +
+             std::to_string(count) + " bytes");
         return false;
     }
     copyOut(pkt_, offset_, bytes, count);

@@ -79,7 +79,21 @@ class LayerSite {
 /// - `static constexpr bool needsAddresses = true`: its checksum takes in the addresses of an IP
 ///   header. Without an IP layer before it, it does not compile.
 ///
-/// `write` throws a `Mox::RangeException` for values that do not fit into their fields.
+/// `write` throws a `Mox::RangeException` for values that do not fit into their fields. For
+/// example:
+///
+///     struct Gre {  // RFC 2784.
+///         std::optional<uint16_t> type = {};
+///
+///         static constexpr bool nextHasEtherType = true;
+///         IpProtocolNumber ipProtocol() const { return IpProtocolNumber::gre; }
+///         std::size_t hdrBytes() const { return 4; }
+///         void write(const LayerSite& site) const {
+///             storeNet<uint16_t>(site.data(), 0);
+///             storeNet(site.data() + 2, numberOfNext(type, site.nextEtherType(),
+///                                                    "Gre::type not set"));
+///         }
+///     };
 template <class T>
 concept PktLayer = requires(const T& layer, const LayerSite& site) {
     { layer.hdrBytes() } -> std::same_as<std::size_t>;
