@@ -33,7 +33,9 @@ struct About {
 };
 struct Hdrs {
     static About<EthHdr> about(const Eth&) { return {"00:"}; }
-    static About<Eth8021QHdr> about(const Vlan&) { return {"vlan "}; }
+    static About<Eth8021QHdr> about(const Vlan& vlan) {
+        return {vlan.dropEligible ? "vlan 7, p 0, DEI, ethertype 802.1Q" : "vlan "};
+    }
     static About<MplsHdr> about(const Mpls&) { return {"MPLS ("}; }
     static About<IpHdr> about(const Ip&) { return {"IP ("}; }
     static About<Ip6Hdr> about(const Ip6&) { return {"IP6 ("}; }
@@ -258,6 +260,20 @@ TEST(BuildPkt, WritesWhatTheCallerSets) {
     EXPECT_EQ(fields(12, {8, 10}), Values({0, 0x789a}));
 }
 
+TEST(BuildPkt, PadsOptionsWithZeros) {
+    (void)buildPkt(std::string(Pkt::Manager::defaultBufferSize, '\xff'));  // Used again below.
+    const uint8_t option[] = {1};
+    const auto pkt = buildPkt(Ip{.options = option}, Udp());
+    EXPECT_EQ(loadNet<uint32_t>(pkt->frontData() + sizeof(IpHdr)), 0x01000000u);
+}
+
+TEST(BuildPkt, SendsAUdpChecksumOfZeroAsAllOnes) {
+    const auto checksum = [](const Mox::Ptr<Pkt>& pkt) { return pkt->span().subspan(26, 2); };
+    const auto zeros = buildPkt(Ip(), Udp(), std::string(2, '\0'));
+    const auto pkt = buildPkt(Ip(), Udp(), checksum(zeros));
+    EXPECT_EQ(loadNet<uint16_t>(checksum(pkt).data()), 0xffff);
+}
+
 TEST(BuildPkt, ThrowsForValuesThatDoNotFit) {
     const std::string most(65535 - 28, 'x');
     EXPECT_EQ(buildPkt(Ip(), Udp(), most)->totalBytes(), 65535u);
@@ -289,13 +305,15 @@ TEST(BuildPkt, ThrowsForValuesThatDoNotFit) {
 TEST(Describe, SaysWhereItStoppedAndWhy) {
     const Ip ip{.src = IpAddr(0x0a000001), .dst = IpAddr(0x0a000002)};
     const auto udp = buildPkt(ip, Udp{.srcPort = 1, .dstPort = 2}, "data");
-    udp->delSharedTailData(6);
+    udp->delSharedTailData(3);
     const struct {
         Mox::Ptr<Pkt> pkt;
         const char* end;
     } cases[] = {
         {udp,
-         "length 32) 10.0.0.1 > 10.0.0.2, truncated-ip - 6 bytes missing!\n"
+         "length 32) 10.0.0.1 > 10.0.0.2, truncated-ip - 3 bytes missing!\nUDP 1 > 2: length "
+         "4\npayload, length 1"},
+        {buildPkt(Ip{.protocol = IpProtocolNumber::udp}, "short "),
          "stopped at byte 20: [|udp] 6 of 8 bytes"},
         {buildPkt(ip, Udp{.len = 13}, "data"), "stopped at byte 28: UDP length 13 of 12 bytes"},
         {buildPkt(ip, Udp{.checksum = IpChecksum(1)}),
