@@ -17,9 +17,9 @@ namespace PavoTest {
 /// here too; those of other threads and of the C library itself do not.
 ///
 /// Counted are the calls of the libraries that open, set up, switch, mount, look up or transfer
-/// (the list is in the source); `close` is never made to fail. The calls that carry plain bytes,
-/// `read`, `write` and `writev`, count only when the filter names them, since traces and test
-/// output use them. A function and its variants count under the plain name: `fcntl64` is "fcntl".
+/// (the list is in the source), but not `close`, and not `read`, `write` and `writev`, which traces
+/// and test output use. A function and its variants count under the plain name: `fcntl64` is
+/// "fcntl".
 ///
 /// A filter is empty, a name ("setns": count only these) or an exclamation mark and a name
 /// ("!setns": count all but these, for calls whose failure ends the process).
@@ -27,8 +27,6 @@ namespace PavoTest {
 /// Keep everything but the code under test out of the scope. Scopes nest; the innermost counts.
 class FailSyscall {
   public:
-    /// Counts and fails nothing: `count()` is the number of calls of a clean run.
-    explicit FailSyscall(std::string_view filter = {}) : FailSyscall(0, 0, filter) {}
     /// Fails the n-th counted call, from 1, with `error`, and on request all that follow; with a
     /// filter, those that pass it.
     FailSyscall(unsigned n, int error, std::string_view filter = {}, bool andAllAfter = false);
@@ -49,10 +47,10 @@ class FailSyscall {
 
     /// For the interposed functions: whether this call, with its second and
     /// third argument, is the one to fail; `errno` is then set.
-    static bool failsNow(const char* name, bool onlyWhenNamed, long b, long c);
+    static bool failsNow(const char* name, long b, long c);
 
   private:
-    bool counts(const char* name, bool onlyWhenNamed) const;
+    bool counts(const char* name) const;
 
     unsigned n_;
     int error_;

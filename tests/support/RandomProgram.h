@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
 #include "Mox/Ptr.h"
 #include "sandbox/Sandbox.h"
 
@@ -97,6 +99,26 @@ class RandomProgram {
                 checkAtRest();
             }
         }
+    }
+
+    /// What is configured may be refused; traffic never throws.
+    template <class Act>
+    static void configure(Act act) {
+        try {
+            act();
+        } catch (const Mox::ErrnoException&) {
+        }
+    }
+
+    /// Makes turns until nothing happens any more. `missing` describes what has arrived and should
+    /// have been announced, or gives null.
+    static void settle(Mox::EventLoop& loop, const std::function<const char*()>& missing) {
+        uint32_t turns = 0;
+        while (turns < 300 && (loop.turn(missing() ? 0.01 : 0) != 0 || missing())) {
+            ++turns;
+        }
+        EXPECT_STREQ(missing(), nullptr) << "was not announced";
+        EXPECT_LT(turns, 300u) << "the loop spins";
     }
 
     /// A new observer of the attributes whose bits are set.

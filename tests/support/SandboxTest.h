@@ -3,7 +3,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <net/if.h>
 
+#include <string>
+
+#include "Pavo/ScopedNetNs.h"
 #include "sandbox/Sandbox.h"
 
 namespace PavoTest {
@@ -22,6 +26,21 @@ using namespace PavoSandbox;
 class SandboxTest : public testing::Test {
   protected:
     void SetUp() override { SANDBOX_OR_SKIP(); }
+};
+
+/// Two namespaces and a wire, with addresses of both families.
+struct Wire {
+    Wire() {
+        makeWire();
+        addWire6();
+    }
+    ~Wire() { removeWire(); }
+
+    /// The index of an end.
+    uint32_t index(const std::string& netNs) const {
+        const Pavo::ScopedNetNs inside(netNs.c_str());
+        return if_nametoindex(("veth-" + netNs).c_str());
+    }
 };
 
 }  // namespace PavoTest
