@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <deque>
 #include <functional>
 #include <optional>
 #include <random>
@@ -37,8 +36,8 @@ struct OfWheel {
 };
 
 // Which timers a program from a seed calls, and when; -1 for an exception. With `cancels` it
-// cancels and postpones timers, otherwise it arms them also for the past: a clock also stops where
-// a timer of a wheel was cancelled, and then calls those that are overdue.
+// cancels, postpones and replaces timers, otherwise it arms them also for the past: a clock also
+// stops where a timer of a wheel was cancelled, and then calls those that are overdue.
 template <class Source>
 std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) {
     std::mt19937 random(seed);
@@ -48,29 +47,35 @@ std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) 
     Source at;
     at.clock.advance(draw(0, 1));
     std::vector<std::pair<int, double>> calls;
-    std::deque<typename Source::Timer> timers;
+    std::vector<std::optional<typename Source::Timer>> timers(50);
     const auto arm = [&](std::size_t which) {
-        if (!cancels && !timers[which].isIdle()) {
+        if (!cancels && !timers[which]->isIdle()) {
             return;
         }
         const double now = at.clock.now();
         const double atTheSameTime = std::round(now + 0.5 + draw(0, 8));
         const double expiries[] = {atTheSameTime, cancels ? Clock::idle : now, now - !cancels};
         const auto kind = random() % 10;  // Mostly from microseconds to years.
-        timers[which].expiryIs(
+        timers[which]->expiryIs(
             kind < 3 && (kind != 2 || !cancels) ? expiries[kind] : now + std::pow(10, draw(-6, 8)));
     };
-    for (int i = 0; i < 50; ++i) {
-        timers.emplace_back(at.source(), [&, i] {
-            calls.emplace_back(i, at.clock.now());
+    const std::function<void(std::size_t)> replace = [&](std::size_t which) {
+        timers[which].emplace(at.source(), [&, which] {
+            calls.emplace_back(which, at.clock.now());
             const auto kind = random() % 8;
             if (kind < 4) {
-                arm(kind < 3 ? static_cast<uint32_t>(i) : random() % timers.size());
+                arm(kind < 3 ? which : random() % timers.size());
             }
             if (kind == 0) {
                 throw std::runtime_error("thrown");
             }
+            if (kind == 4 && cancels) {
+                replace(random() % timers.size());  // Last, since this one may end with it.
+            }
         });
+    };
+    for (std::size_t which = 0; which < timers.size(); ++which) {
+        replace(which);
     }
     Timer outside(&at.clock, [&] { arm(random() % timers.size()); });  // In no call of a wheel.
     for (int step = 0; step < 5000; ++step) {
@@ -79,6 +84,9 @@ std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) 
         if (random() % 4 == 0) {
             try {
                 at.clock.advance(std::pow(10, draw(-5, random() % 100 == 0 ? 7 : 1)));
+                for (const auto& each : timers) {
+                    EXPECT_TRUE(!cancels || each->expiry() > at.clock.now()) << "passed over";
+                }
             } catch (const std::runtime_error&) {
                 calls.emplace_back(-1, at.clock.now());
             }

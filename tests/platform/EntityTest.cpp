@@ -1,16 +1,135 @@
+// Pointers, collections and entities.
 #include "Mox/Entity.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "Mox/Collections.h"
+#include "Mox/Ptr.h"
 
 namespace Mox {
 namespace {
+
+// Makes references to itself at both ends of its life.
+struct SelfHolder : PtrInterface {
+    explicit SelfHolder(int* deaths) : deaths_(deaths) { const Ptr<SelfHolder> self(this); }
+    ~SelfHolder() override {
+        ++*deaths_;
+        const Ptr<SelfHolder> self(this);
+    }
+    int* deaths_;
+};
+
+TEST(Ptr, ReferencesToItselfDeleteNothingAtBirthAndNothingTwiceAtDeath) {
+    const uint32_t before = liveObjects();
+    int deaths = 0;
+    {
+        Ptr<SelfHolder> made = make<SelfHolder>(&deaths);
+        SelfHolder onStack(&deaths);
+        const Ptr<SelfHolder> borrowed(&onStack);
+        const Ptr<PtrInterface> converted = std::move(made);
+        EXPECT_EQ(made, nullptr);
+        EXPECT_EQ(converted->references(), 1u);
+        EXPECT_EQ(deaths, 0);
+    }
+    EXPECT_EQ(deaths, 2);
+    EXPECT_EQ(liveObjects(), before);
+}
+
+TEST(Ptr, IsWholeAgainBeforeTheOldObjectGoes) {
+    struct LooksBack : PtrInterface {
+        explicit LooksBack(const Ptr<LooksBack>* place) : place_(place) {}
+        ~LooksBack() override { EXPECT_EQ(*place_, nullptr); }
+        const Ptr<LooksBack>* place_;
+    };
+    Ptr<LooksBack> place = make<LooksBack>(&place);
+    const Ptr<LooksBack>& same = place;
+    place = same;
+    EXPECT_TRUE(place);
+    place = nullptr;
+}
+
+TEST(Ptr, CountsRightWhenThreadsShareAnObjectAndDropItLast) {
+    class Shared : public PtrInterface {};
+    PtrInterface::threadSafePointersIs(true);
+    const uint32_t before = liveObjects();
+    Ptr<Shared> shared = make<Shared>();
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([held = shared] {
+            for (int j = 0; j < 20000; ++j) {
+                const Ptr<PtrInterface> copy = held;
+                (void)make<Shared>();
+            }
+        });
+    }
+    shared = nullptr;
+    threads.clear();
+    EXPECT_EQ(liveObjects(), before);
+    PtrInterface::threadSafePointersIs(false);
+}
+
+// Sets are part of the entities below, directories of the random programs.
+
+// Deletes all members in the order of `keys`, with an exception after the first: each is announced
+// once, and what was not announced is a member still.
+template <class Key, class Collection>
+void expectDeletes(Collection& collection, const std::vector<Key>& keys) {
+    const uint32_t version = collection.version();
+    std::vector<Key> deleted;
+    const auto announce = [&](const Key& key) {
+        deleted.push_back(key);
+        EXPECT_EQ(collection.members(), keys.size() - deleted.size());
+        if (deleted.size() == 1) {
+            throw 1;
+        }
+    };
+    EXPECT_THROW(collection.delAll(announce), int);
+    collection.delAll(announce);
+    collection.delAll(announce);
+    EXPECT_EQ(deleted, keys);
+    EXPECT_EQ(collection.version(), version + keys.size());
+}
+
+TEST(Array, ChangesWhereAValueDoes) {
+    Array<int> array;
+    EXPECT_TRUE(array.is(2, 5));  // Past the end.
+    EXPECT_FALSE(array.is(2, 5));
+    EXPECT_TRUE(array.is(0, 1) && array.is(3, 0));
+    EXPECT_EQ(array.members(), 4u);
+    EXPECT_TRUE(array.del(3));  // The last one is removed,
+    EXPECT_FALSE(array.del(3));
+    EXPECT_TRUE(array.del(0));  // another one back to the default.
+    EXPECT_FALSE(array.del(0));
+    EXPECT_EQ(array.version(), 5u);
+    EXPECT_EQ(array.at(2), 5);
+    EXPECT_EQ(array.at(UINT32_MAX), 0);
+    expectDeletes<uint32_t>(array, {2, 1, 0});
+    EXPECT_DEATH(array.is(UINT32_MAX, 1), "assertion failed: index < UINT32_MAX");
+
+    Array<bool> flags;  // One by one, not packed.
+    flags.is(1, false);
+    const bool& first = flags.at(0);
+    flags.is(0, true);
+    EXPECT_TRUE(first && !flags.at(1));
+}
+
+TEST(Map, ChangesWhereAKeyOrItsValueDoes) {
+    Map<uint32_t, int> map;
+    EXPECT_TRUE(map.is(7, 0) && map.is(7, 1) && map.is(4, 1) && map.del(4) && map.is(3, 9));
+    EXPECT_FALSE(map.is(7, 1) || map.del(4));
+    EXPECT_EQ(map.version(), 5u);
+    EXPECT_EQ(*map.find(7), 1);
+    EXPECT_EQ(map.find(4), nullptr);
+    expectDeletes<uint32_t>(map, {3, 7});
+}
 
 class Link : public EntityOf<Link> {
   public:
@@ -60,23 +179,13 @@ struct Reactor : Notifiee {
     void handleChange(const Change&) override {}
 };
 
-template <class T, class Token>
-concept Watchable = requires(Ptr<T> entity, Token token) {
-    Watch<T>(entity, token, [] {});
-};
 template <class T>
 concept Newable = requires {
     new T;
 };
-template <uint8_t number>
-concept Numbered = requires {
-    typename std::bool_constant<(Attribute<Link>(number, ""), true)>;
-};
 
-static_assert(Watchable<Tunnel, Attribute<Link>> && !Watchable<Link, Attribute<Tunnel>>);
 static_assert(!Newable<Link>);
 static_assert(std::is_abstract_v<Reactor>);  // Neither on the stack nor a member.
-static_assert(Numbered<63> && !Numbered<64>);
 
 template <std::size_t count>
 constexpr bool isFaulty(const AttributeRecord (&attributes)[count]) {

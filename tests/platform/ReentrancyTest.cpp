@@ -1,6 +1,6 @@
 /// @file
 /// Random programs in which everything that is notified acts: observers of entities and
-/// descriptors, members of directories, timers and deferred calls.
+/// descriptors, members of directories and deferred calls.
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -12,12 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "Keel/TimerWheel.h"
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
 #include "Mox/EventLoop.h"
 #include "Mox/FileDescriptor.h"
-#include "sandbox/Sandbox.h"
 #include "support/RandomProgram.h"
 
 namespace Mox {
@@ -46,7 +44,7 @@ struct Child : Entity {
     bool hasParent = false;
 };
 
-// An entity with two attributes, a set and a directory. `known` is what an observer knows that
+// An entity with two attributes and a directory. `known` is what an observer knows that
 // looks for a member whenever it is notified of it.
 struct Node : EntityOf<Node> {
     static constexpr Attribute<Node> levelAttr{0, "level"};
@@ -70,41 +68,33 @@ struct Node : EntityOf<Node> {
         attributeIs(values[which], value, attribute);  // This object may end with it.
         notification.complete();
     }
-    bool contains(bool inSet, const String& key) const {
-        return inSet ? set.contains(key) : directory.find(key) != nullptr;
-    }
-    void notifyOf(bool inSet, const String& key) {
+    void notifyOf(const String& key) {
         const auto index = static_cast<uint32_t>(key.view()[0] - '0');
-        known[inSet][index] = contains(inSet, key);
+        known[index] = directory.find(key) != nullptr;
         const RandomProgram::Notification notification(program, this, 2, index);
         notify(memberAttr, index);
         notification.complete();
     }
-    void memberIs(bool inSet, const String& key, bool isMember) {
+    void memberIs(const String& key, bool isMember) {
         const Ptr<Node> hold(this);
         const auto create = [this](const String&) {
             program.act();
             return make<Child>(program);
         };
-        const uint32_t versions = set.version() + directory.version();
-        const bool changed =
-            isMember ? (inSet ? set.add(key) : directory.add(key, Ptr<Entity>(this), create))
-                     : bool(inSet ? set.del(key) : directory.del(key));
-        if (changed) {
-            EXPECT_GT(set.version() + directory.version(), versions);
-            notifyOf(inSet, key);
+        const uint32_t version = directory.version();
+        if (isMember ? directory.add(key, hold, create) : bool(directory.del(key))) {
+            EXPECT_GT(directory.version(), version);
+            notifyOf(key);
         }
     }
-    void memberDelAll(bool inSet) {
+    void memberDelAll() {
         const Ptr<Node> hold(this);
-        const auto removed = [&](const String& key) { notifyOf(inSet, key); };
-        inSet ? set.delAll(removed) : directory.delAll(removed);
+        directory.delAll([&](const String& key) { notifyOf(key); });
     }
 
     RandomProgram& program;
     int values[2] = {};
-    bool known[2][3] = {};
-    Set<String> set;
+    bool known[3] = {};
     Directory<Child> directory;
 };
 
@@ -188,16 +178,6 @@ struct World : RandomProgram {
         uint32_t reportedIn[2] = {};  // The turns.
     };
 
-    // A timer of the manual clock, 0, of the wheel on it, 1, or of the loop, 2.
-    struct Alarm {
-        uint32_t source;
-        std::function<void(double)> expiryIs;
-        double due = Clock::idle;
-        uint64_t armedAs = 0;
-        uint32_t armedIn = 0;    // The turn.
-        bool isOrdered = false;  // Armed for the future.
-    };
-
     Node* anyNode() {
         auto* seen = observers.empty() ? nullptr : any(observers)->notifier();
         if (seen != nullptr && !oneIn(3)) {
@@ -229,68 +209,26 @@ struct World : RandomProgram {
     void dropObserver(Observer* observer) { drop(*observer->owner, observer); }
     Channel* openChannel() { return channels.emplace_back(std::make_unique<Channel>(*this)).get(); }
     Channel* anyChannel() { return channels.empty() ? openChannel() : any(channels).get(); }
-    template <class Timer, class Source>
-    Alarm* addAlarm(uint32_t number, Source* source) {
-        Alarm* alarm = alarms.emplace_back(std::make_unique<Alarm>()).get();
-        const auto timer = std::make_shared<Timer>(source, [this, alarm] { fired(alarm); });
-        alarm->source = number;
-        alarm->expiryIs = [timer](double due) { timer->expiryIs(due); };
-        return alarm;
-    }
-    Alarm* anyAlarm() {
-        return alarms.empty() ? addAlarm<Keel::Timer>(1, &wheel) : any(alarms).get();
-    }
-    double now(const Alarm& alarm) { return alarm.source < 2 ? clock.now() : loop.clock()->now(); }
-    void fired(Alarm* alarm) {
-        const std::pair<double, uint64_t> place(alarm->due, alarm->armedAs);
-        EXPECT_LE(alarm->due, now(*alarm)) << "or it is idle";
-        alarm->due = Clock::idle;
-        EXPECT_TRUE(alarm->source != 2 || alarm->armedIn < turns);
-        if (alarm->isOrdered) {
-            EXPECT_LT(std::exchange(lastFired[alarm->source], place), place);
-        }
-        respond();
-    }
-    void checkFired(bool byLoop, uint64_t armedBefore) {
-        for (const auto& each : alarms) {
-            if ((each->source == 2) == byLoop && each->armedAs <= armedBefore) {
-                EXPECT_GT(each->due, now(*each)) << "a timer is passed over";
-            }
-        }
-    }
     void turn() {
-        const uint64_t armedBefore = armed;
         print("turn " + std::to_string(++turns));
         loop.turn(0);
         EXPECT_TRUE(calls.empty() || calls.front().second == turns) << "a call is left out";
-        checkFired(true, armedBefore);
-    }
-    void advance() {
-        const uint64_t armedBefore = armed;
-        print("advance");
-        clock.advance(0.5 * below(3));
-        checkFired(false, armedBefore);
     }
     std::vector<Actions> kinds();
     void run();
     void checkAtRest();
 
     EventLoop loop;
-    ManualClock clock;
-    Keel::TimerWheel wheel{&clock};
     std::vector<Ptr<Node>> nodes;
     std::vector<Ptr<Observer>> roots;
     std::vector<Observer*> observers;  // All that have references.
     Observer* current = nullptr;       // The last one called; it may have gone.
     std::vector<std::unique_ptr<Channel>> channels;
-    std::vector<std::unique_ptr<Alarm>> alarms;
     std::deque<std::pair<uint32_t, uint32_t>> calls;  // Deferred: the number and the turn.
     uint32_t callsDeferred = 0, turns = 0;
-    uint64_t armed = 0;
-    std::pair<double, uint64_t> lastFired[3] = {};
 };
 
-// Of observers, of members, of descriptors and of time.
+// Of observers, of members, and of descriptors and calls.
 std::vector<World::Actions> World::kinds() {
     return {
         {
@@ -333,9 +271,8 @@ std::vector<World::Actions> World::kinds() {
         },
         {
             {"add observer", [this] { addObserver(); }},
-            {"member",
-             [this] { anyNode()->memberIs(oneIn(2), std::to_string(below(3)), !oneIn(3)); }},
-            {"delete members", [this] { anyNode()->memberDelAll(oneIn(2)); }},
+            {"member", [this] { anyNode()->memberIs(std::to_string(below(3)), !oneIn(3)); }},
+            {"delete members", [this] { anyNode()->memberDelAll(); }},
             {"add node", [this] { nodes.push_back(make<Node>(*this)); }},
             {"drop node", [this] { nodes.empty() ? void() : drop(nodes, any(nodes).ptr()); }},
         },
@@ -374,24 +311,6 @@ std::vector<World::Actions> World::kinds() {
                      oneIn(2) ? channel->read() : channel->write();
                  }
              }},
-        },
-        {
-            {"add timer", [this] { addAlarm<Timer>(0, static_cast<Clock*>(&clock)); }},
-            {"arm",
-             [this] {
-                 Alarm* alarm = anyAlarm();
-                 const double ahead[] = {-1, 0, 0.25, 0.5, 0.5, 2, 300, Clock::idle};
-                 alarm->due = now(*alarm) + (alarm->source < 2 ? ahead[below(8)]
-                                             : oneIn(2)        ? -1
-                                                               : Clock::idle);
-                 alarm->isOrdered = alarm->due > now(*alarm);
-                 alarm->armedAs = ++armed;
-                 alarm->armedIn = turns;
-                 alarm->expiryIs(alarm->due);
-             }},
-            {"add timer of the wheel", [this] { addAlarm<Keel::Timer>(1, &wheel); }},
-            {"add timer of the loop", [this] { addAlarm<Timer>(2, loop.clock()); }},
-            {"drop timer", [this] { drop(alarms, anyAlarm()); }},
             {"defer",
              [this] {
                  calls.emplace_back(++callsDeferred, turns);
@@ -408,7 +327,7 @@ std::vector<World::Actions> World::kinds() {
 
 void World::run() {
     perform(
-        kinds(), [this] { oneIn(2) ? turn() : advance(); }, [this] { checkAtRest(); });
+        kinds(), [this] { turn(); }, [this] { checkAtRest(); });
 }
 
 // Nothing acts now: what was left is done, and a plain change reaches every observer.
@@ -432,13 +351,10 @@ void World::checkAtRest() {
                 << "a descriptor is ready and not reported";
         }
     }
-    advance();
-    checkFired(true, armed);
-    checkFired(false, armed);
     for (uint32_t count = 6; count > 0; --count) {
         const Ptr<Node> node = anyNode();
-        for (uint32_t i = 0; i < 6; ++i) {
-            EXPECT_EQ(node->known[i / 3][i % 3], node->contains(i / 3, std::to_string(i % 3)));
+        for (uint32_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(node->known[i], node->directory.find(std::to_string(i)) != nullptr);
         }
         node->valueIs(0, node->values[0] + 1);
     }
