@@ -382,21 +382,5 @@ TEST_F(NamespaceTest, CreatesAndSharesTheRunDirectory) {
     EXPECT_EQ(umount2(runDir.c_str(), MNT_DETACH), 0);
 }
 
-TEST(NamespaceEntities, NotifyObserversOfTheNameThatWasAddedOrRemoved) {
-    std::string notified;
-    const auto note = [&notified](const NamespaceName& key) { notified += key.value().c_str(); };
-    const NamespaceName a("a");
-    const auto dir = namespaceStatusLocalDirFactory("dir");
-    const Mox::Watch<NamespaceStatusLocalDir> dirWatch(dir, NamespaceStatusLocalDir::nsAttr, note);
-    EXPECT_EQ(dir->nsIs(a)->state(), NamespaceStateInstance("initializing"));
-    dir->nsIs(NamespaceName("b"));
-    dir->nsDelAll();
-    const auto factory = netnsFactoryFactory("factory");
-    const Mox::Watch<NetnsFactory> factoryWatch(factory, NetnsFactory::netnsAttr, note);
-    EXPECT_EQ(factory->netnsIs(a)->ns(), a);
-    factory->netnsDel(a);
-    EXPECT_EQ(notified, "ababaa");
-}
-
 }  // namespace
 }  // namespace Pavo
