@@ -2,7 +2,6 @@
 #include "Pavo/BpfFilter.h"
 
 #include <random>
-#include <sstream>
 
 #include "Mox/Trace.h"
 #include "pam/PamFixture.h"

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <sys/socket.h>
 
 #include <functional>
@@ -15,12 +14,12 @@
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/RawIpPam.h"
-#include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
 namespace Pavo {
 
+using PavoTest::Wire;
 using Texts = std::vector<std::string>;
 
 inline Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
@@ -98,21 +97,6 @@ inline std::string rxAttributes(const RawIpPam& pam) {
     return textOf(pam.rxSrcIpAddr(), pam.rxDstIpAddr(), pam.rxOrigDstIpAddr(), pam.rxIfIndex(),
                   pam.rxTOS(), pam.rxTTL());
 }
-
-// Two namespaces and a wire, with addresses of both families.
-struct Wire {
-    Wire() {
-        PavoTest::makeWire();
-        PavoSandbox::addWire6();
-    }
-    ~Wire() { PavoTest::removeWire(); }
-
-    // The index of an end.
-    uint32_t index(const std::string& netNs) const {
-        const ScopedNetNs inside(netNs.c_str());
-        return if_nametoindex(("veth-" + netNs).c_str());
-    }
-};
 
 // Endpoints for an experimental protocol.
 class PamFixture : public PavoTest::SandboxTest {

@@ -1,18 +1,15 @@
 /// @file
 /// Random programs of raw endpoints of both families, whose observers act.
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <memory>
 #include <vector>
 
-#include "Mox/EventLoop.h"
-#include "Mox/Exception.h"
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
+#include "pam/PamFixture.h"
 #include "support/RandomProgram.h"
-#include "support/SandboxTest.h"
 
 namespace Pavo {
 namespace {
@@ -20,15 +17,6 @@ namespace {
 using Mox::Change;
 using Mox::Ptr;
 using Mox::Watch;
-
-IpGenAddr loopback(bool six) {
-    return Mox::fromText<IpGenAddr>(six ? "::1" : "127.0.0.1");
-}
-Ptr<Pkt> packet() {
-    const Ptr<Pkt> pkt = globalPktManager()->newPkt();
-    pkt->stringValueIs("a packet", /*atTail=*/true);
-    return pkt;
-}
 
 struct End {
     // Else every read fails, or takes nothing.
@@ -52,20 +40,11 @@ struct World : PavoTest::RandomProgram {
     using RandomProgram::RandomProgram;
     ~World() { raws.clear(); }
 
-    // What is configured may be refused; traffic never throws.
-    template <class Act>
-    static void configure(Act act) {
-        try {
-            act();
-        } catch (const Mox::ErrnoException&) {
-        }
-    }
-
     static Ptr<RawIpPam> newRaw(bool six) {
         constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
         const Ptr<RawIpPam> pam = six ? Ptr<RawIpPam>(ip6SocketPamFactory("six", protocol, {}))
                                       : Ptr<RawIpPam>(ipSocketPamFactory("four", protocol, {}));
-        pam->txDstIpAddrIs(loopback(six));
+        pam->txDstIpAddrIs(addr(six ? "::1" : "127.0.0.1"));
         pam->enabledIs(true);
         return pam;
     }
@@ -95,7 +74,7 @@ struct World : PavoTest::RandomProgram {
         raw.slots = raw.pam->socketReadLimit();  // For as long as it is on.
         raw.pam->enableBulkReadIs(!raw.pam->enableBulkRead());
     }
-    static void sendRaw(RawIpPam& pam) { pam.enabled() ? pam.txPktIs(packet()) : void(); }
+    static void sendRaw(RawIpPam& pam) { pam.enabled() ? pam.txPktIs(pktOf("a packet")) : void(); }
     void dropRaw(End& raw) {
         std::erase_if(raws, [&](const auto& each) { return each.get() == &raw; });
         raw.pam = nullptr;
@@ -107,7 +86,6 @@ struct World : PavoTest::RandomProgram {
             kinds(), [this] { loop.turn(0); }, [this] { checkAtRest(); });
     }
     void checkAtRest();
-    void settle();
     const char* missing() const;
 
     Mox::EventLoop loop;
@@ -144,25 +122,15 @@ void World::checkAtRest() {
             readRaw(*each, each->pam->enableBulkRead());  // Else it would not be reported.
         }
     }
-    settle();
+    settle(loop, [this] { return missing(); });
     for (const auto& each : raws) {
         each->reports = each->pam->enabled() ? each->pam->readableCount() + 1 : 0;
     }
     for (const Ptr<RawIpPam>& sender : senders) {
-        sender->txPktIs(packet());
+        sender->txPktIs(pktOf("a packet"));
     }
-    settle();
+    settle(loop, [this] { return missing(); });
     isAtRest = false;
-}
-
-// Makes turns until nothing happens any more.
-void World::settle() {
-    uint32_t turns = 0;
-    while (turns < 300 && (loop.turn(missing() ? 0.01 : 0) != 0 || missing())) {
-        ++turns;
-    }
-    EXPECT_STREQ(missing(), nullptr) << "was not announced";
-    EXPECT_LT(turns, 300u) << "the loop spins";
 }
 
 // What has arrived and should have been announced, or null.
@@ -178,7 +146,7 @@ const char* World::missing() const {
     return nullptr;
 }
 
-class PamReentrancy : public PavoTest::SandboxTest {};
+using PamReentrancy = PavoTest::SandboxTest;
 
 TEST_F(PamReentrancy, ObserversOfEndpointsMayDoAnything) {
     (void)globalPktManager();  // Lives from now on.

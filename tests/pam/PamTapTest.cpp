@@ -13,7 +13,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
@@ -40,11 +40,19 @@ class CaptureTest : public PamFixture {
 
     // The fields of each packet, joined by blanks.
     Texts tshark(const Texts& fields) const {
-        std::vector<std::string> command = {"tshark", "-r", path_,        "-T",
-                                            "fields", "-E", "separator= "};
-        for (const char* layer : {"ip", "tcp", "udp"}) {
-            command.insert(command.end(), {"-o", std::string(layer) + ".check_checksum:TRUE"});
-        }
+        Texts command = {"tshark",
+                         "-r",
+                         path_,
+                         "-T",
+                         "fields",
+                         "-E",
+                         "separator= ",
+                         "-o",
+                         "ip.check_checksum:TRUE",
+                         "-o",
+                         "tcp.check_checksum:TRUE",
+                         "-o",
+                         "udp.check_checksum:TRUE"};
         for (const std::string& field : fields) {
             command.insert(command.end(), {"-e", field});
         }
@@ -121,99 +129,74 @@ TEST_F(CaptureTest, ASessionOverAConnectorIsCompleteWithItsTags) {
     EXPECT_EQ(file->stats().packets, 6u);
 }
 
-Mox::Ptr<RawIpPam> rawPam(bool isFour) {
+// An enabled endpoint that sends to itself, to be recorded.
+Mox::Ptr<RawIpPam> openRaw(const Mox::Ptr<CaptureFile>& file, bool isFour) {
+    Mox::Ptr<RawIpPam> pam = ip6SocketPamFactory("six", IpProtocolNumber::ipv6Icmp, {});
     if (isFour) {
-        return ipSocketPamFactory("four", IpProtocolNumber::icmp, NamespaceName());
+        pam = ipSocketPamFactory("four", IpProtocolNumber::icmp, {});
     }
-    return ip6SocketPamFactory("six", IpProtocolNumber::ipv6Icmp, NamespaceName());
-}
-
-void readAll(const Mox::Ptr<RawIpPam>& pam) {
-    while (pam->enableBulkRead() ? pam->rxPktBulk() != 0 : pam->rxPkt() != nullptr) {
-    }
+    pam->tapIs(pamTapFactory(file, pam->name(), CaptureLinkType::rawIp));
+    pam->enabledIs(true);
+    pam->txDstIpAddrIs(addr(isFour ? "127.0.0.1" : "::1"));
+    return pam;
 }
 
 TEST_F(CaptureTest, RawIpEndpointsGetTheHeadersThatTheKernelKeeps) {
     const auto file = captureFileFactory(path_);
-    for (const bool bulk : {false, true}) {
-        for (const bool isFour : {true, false}) {
-            const Mox::Ptr<RawIpPam> pam = rawPam(isFour);
-            const IpGenAddr self = addr(isFour ? "127.0.0.1" : "::1");
-            pam->tapIs(pamTapFactory(file, pam->name(), CaptureLinkType::rawIp));
-            pam->enableBulkReadIs(bulk);
-            pam->optionsIs(ipPktInfo | ipRecvTTL | ipRecvTOS);
-            pam->enabledIs(true);
-            pam->txTOSIs(0x28);
-            pam->txSrcIpAddrIs(self);
-            pam->txDstIpAddrIs(self);
-            // An echo request. The kernel has given it back, and answered it, within the send.
-            const auto pkt = pktOf(bytesOf(isFour ? "0800e5ca12340001" : "80006d8612340001"));
-            pkt->newSeparateVlanTag(0x6064, 0x8100);  // Means nothing without Ethernet.
-            *pkt->newPrivateHeadData(1) = 8;
-            pkt->delPrivateHeadData(1);
-            pam->txPktIs(pkt);
-            readAll(pam);
+    for (const bool isFour : {true, false}) {  // The first reads singly, the other in bulk.
+        const Mox::Ptr<RawIpPam> pam = openRaw(file, isFour);
+        pam->enableBulkReadIs(!isFour);
+        pam->optionsIs(ipPktInfo | ipRecvTTL | ipRecvTOS);
+        pam->txTOSIs(0x28);
+        pam->txSrcIpAddrIs(pam->txDstIpAddr());
+        // An echo request. The kernel has given it back, and answered it, within the send.
+        const auto pkt = pktOf(bytesOf(isFour ? "0800e5ca12340001" : "80006d8612340001"));
+        pkt->newSeparateVlanTag(0x6064, 0x8100);  // Means nothing without Ethernet.
+        *pkt->newPrivateHeadData(1) = 8;
+        pkt->delPrivateHeadData(1);
+        pam->txPktIs(pkt);
+        while (isFour ? pam->rxPkt() != nullptr : pam->rxPktBulk() != 0) {
         }
     }
     file->flush();
-    Texts expected;
-    for (int reading = 0; reading < 2; ++reading) {  // One at a time, and in bulk.
-        for (const char* echo : {"0x00000002 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
-                                 "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
-                                 "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 0  1 ",
-                                 "0x00000002 six   ::1 ::1  64  0x00000028   128  1",
-                                 "0x00000001 six   ::1 ::1  64  0x00000028   128  1",
-                                 "0x00000001 six   ::1 ::1  64  0x00000028   129  1"}) {
-            expected.push_back(echo);
-        }
-    }
-    EXPECT_EQ(tshark({"frame.packet_flags_direction", "frame.interface_name", "ip.src", "ip.dst",
-                      "ipv6.src", "ipv6.dst", "ip.ttl", "ipv6.hlim", "ip.dsfield", "ipv6.tclass",
-                      "ip.checksum.status", "icmp.type", "icmpv6.type", "icmp.checksum.status",
-                      "icmpv6.checksum.status"}),
-              expected);
+    EXPECT_THAT(tshark({"frame.packet_flags_direction", "frame.interface_name", "ip.src", "ip.dst",
+                        "ipv6.src", "ipv6.dst", "ip.ttl", "ipv6.hlim", "ip.dsfield", "ipv6.tclass",
+                        "ip.checksum.status", "icmp.type", "icmpv6.type", "icmp.checksum.status",
+                        "icmpv6.checksum.status"}),
+                ElementsAre("0x00000002 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
+                            "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 8  1 ",
+                            "0x00000001 four 127.0.0.1 127.0.0.1   64  0x28  1 0  1 ",
+                            "0x00000002 six   ::1 ::1  64  0x00000028   128  1",
+                            "0x00000001 six   ::1 ::1  64  0x00000028   128  1",
+                            "0x00000001 six   ::1 ::1  64  0x00000028   129  1"));
 }
 
 TEST_F(CaptureTest, MadeHeadersHaveTheAlertAndNothingOfOtherPackets) {
     const auto file = captureFileFactory(path_);
     for (const bool isFour : {true, false}) {
-        const Mox::Ptr<RawIpPam> pam = rawPam(isFour);
-        pam->enabledIs(true);
-        pam->txDstIpAddrIs(addr(isFour ? "127.0.0.1" : "::1"));
+        const Mox::Ptr<RawIpPam> pam = openRaw(file, isFour);
         pam->rxDstIpAddrIs(addr("2001:db8::bad"));  // Of an earlier packet.
         pam->rxTTLIs(200);
-        pam->tapIs(pamTapFactory(file, pam->name(), CaptureLinkType::rawIp));
         pam->ipPktOptionIs(ipPktRouterAlert, true);
         pam->txPktIs(pktOf(bytesOf(isFour ? "0000e5ca12340001" : "81006d8612340001")));
-        readAll(pam);
-        pam->ipPktOptionIs(ipPktRouterAlert, false);
-        const auto huge = globalPktManager()->newPkt(65536);
-        huge->newSharedHeadData(65536);
-        pam->txPktIs(huge);
-        EXPECT_EQ(pam->txErrno(), EMSGSIZE);
+        (void)pam->rxPkt();
     }
     file->flush();
     EXPECT_EQ(tshark({"ip.hdr_len", "ip.opt.ra", "ip.len", "ipv6.opt.router_alert", "ipv6.plen",
                       "ipv6.dst", "ipv6.hlim"}),
-              (Texts{"24 0 32    ", "24 0 32    ", "20  65535    ", "   0 16 ::1 64", "    8 :: 0",
-                     "    0 ::1 64"}));
+              (Texts{"24 0 32    ", "24 0 32    ", "   0 16 ::1 64", "    8 :: 0"}));
 }
 
 TEST_F(CaptureTest, PacketsWithoutRoomAreCountedAndTheFileStaysValid) {
-    struct {
-        CaptureFile::Limits limits;
-        uint32_t pkts;
-    } const rows[] = {
-        {{1000, 1 << 20}, 10},  // Blocks of 92 bytes, after 68 bytes at the start of the file.
-        {{1 << 20, 91}, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.pkts);
-        const auto file = captureFileFactory(path_, row.limits);
+    // Blocks of 92 bytes, after 68 bytes at the start of the file.
+    const std::pair<CaptureFile::Limits, uint32_t> rows[] = {{{1000, 1 << 20}, 10},
+                                                             {{1 << 20, 91}, 0}};
+    for (const auto& [limits, pkts] : rows) {
+        const auto file = captureFileFactory(path_, limits);
         hundredPkts(file, file->newInterface("lo", CaptureLinkType::ethernet));
-        EXPECT_EQ(file->stats().packets, row.pkts);
-        EXPECT_EQ(file->stats().drops, 100 - row.pkts);
-        EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(row.pkts, "1"));
+        EXPECT_EQ(file->stats().packets, pkts);
+        EXPECT_EQ(file->stats().drops, 100 - pkts);
+        EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(pkts, "1"));
     }
 }
 
@@ -223,11 +206,10 @@ TEST_F(CaptureTest, KeepsTheBeginningOfAHugePacket) {
     const CaptureFile::Piece piece{reinterpret_cast<const uint8_t*>(huge.data()),
                                    static_cast<uint32_t>(huge.size())};
     const CaptureFile::Piece pieces[] = {piece, piece};
-    const uint32_t interface = file->newInterface("lo", CaptureLinkType::user0);
-    file->pktIs(interface, CaptureDirection::outbound, pieces, 2);
-    file->pktIs(interface, CaptureDirection::outbound, pieces, 1);
+    file->pktIs(file->newInterface("lo", CaptureLinkType::user0), CaptureDirection::outbound,
+                pieces, 2);
     file->flush();
-    EXPECT_EQ(tshark({"frame.len", "frame.cap_len"}), (Texts{"524286 262144", "262143 262143"}));
+    EXPECT_EQ(tshark({"frame.len", "frame.cap_len"}), (Texts{"524286 262144"}));
 }
 
 TEST_F(CaptureTest, AFullDiskLosesOnlyPacketsWithoutRoom) {
