@@ -17,14 +17,12 @@
 
 namespace PavoTest {
 
-using Pavo::TcpClientStatus;
-using Status = Pavo::TcpClientStatus::ConnectionStatus;
-
 inline Pavo::IpGenAddr addressOf(const char* text) {
     return Mox::fromText<Pavo::IpGenAddr>(text);
 }
 
 struct TestClient {
+    TestClient() = default;
     TestClient(Pavo::TcpFileDescriptorEventRegistrationFactory* factory, Keel::TimerWheel* wheel,
                const char* server, uint16_t port)
         : config(Pavo::tcpClientConfigFactory(addressOf(server), port)),
@@ -46,6 +44,7 @@ struct TestClient {
 };
 
 struct TestServer {
+    TestServer() = default;
     TestServer(Pavo::TcpFileDescriptorEventRegistrationFactory* factory, Keel::TimerWheel* wheel,
                const char* address, uint16_t port)
         : config(Pavo::tcpServerConfigFactory(addressOf(address), port)),
@@ -108,23 +107,6 @@ class TcpTest : public SandboxTest {
   private:
     static void injectInto(const TestClient& client) { client.sm->fd()->handleWritable(); }
     static void injectInto(const TestServer& server) { server.sm->fd()->handleReadable(); }
-};
-
-/// With the wire of the sandbox, both families on it.
-class WireTest : public TcpTest {
-  protected:
-    void SetUp() override {
-        TcpTest::SetUp();
-        if (!IsSkipped()) {
-            makeWire();
-            addWire6();
-        }
-    }
-    void TearDown() override {
-        if (!IsSkipped()) {
-            removeWire();
-        }
-    }
 };
 
 }  // namespace PavoTest

@@ -12,24 +12,63 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "support/ValueLaws.h"
-#include "tcp/PduAgent.h"
 
 namespace Pavo {
 namespace {
 
-using PavoTest::PduAgent;
-using PavoTest::pduOf;
 using Strings = std::vector<std::string>;
 
 constexpr auto none = tcpEnableModeNone;
 constexpr auto readOnly = tcpEnableModeReadOnly;
 constexpr auto writeOnly = tcpEnableModeWriteOnly;
 constexpr auto both = tcpEnableModeReadWrite;
+
+// A message of `bytes` bytes that differ from their neighbours, whose length field has `length`.
+std::string pduOf(uint16_t length, uint32_t bytes) {
+    std::string pdu(bytes, '\0');
+    for (uint32_t i = 0; i < bytes; ++i) {
+        pdu[i] = static_cast<char>(length + i * 7 + (i >> 8));
+    }
+    pdu[2] = static_cast<char>(length >> 8);
+    pdu[3] = static_cast<char>(length);
+    return pdu;
+}
+std::string pduOf(uint16_t length) {
+    return pduOf(length, length);
+}
+
+Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
+    const Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
+    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<uint32_t>(bytes.size())));
+    pkt->stringValueIs(Mox::String(bytes), /*atTail=*/false);
+    return pkt;
+}
+
+// Sends messages, and takes one of those that came at each notification.
+struct PduAgent {
+    explicit PduAgent(const Mox::Ptr<TcpFileDescriptor>& stream, TcpPduPamEnableMode mode = both)
+        : pam(simpleTcpPduPamFactory(stream,
+                                     tcpFileDescriptorEventRegistrationFactoryMoxcFactory())) {
+        pam->enableModeIs(mode);
+    }
+    void send(std::string_view bytes) const { pam->txPktIs(pktOf(bytes)); }
+
+    const Mox::Ptr<SimpleTcpPduPam> pam;
+    Strings taken;
+    bool takes = true;
+    Mox::Watch<SimpleTcpPduPam> readable{
+        pam, Pam::readableCountAttr, [this] {
+            if (const Mox::Ptr<Pkt> pkt = takes ? pam->rxPkt() : nullptr) {
+                taken.emplace_back(pkt->stringValue().view());
+            }
+        }};
+};
 
 // A stream with an endpoint at one end and plain calls at the other, which delivers within the
 // send.
@@ -71,10 +110,12 @@ class TcpPduPamTest : public testing::TestWithParam<bool> {
             ASSERT_GT(--left, 0) << "it spins";
         } while (loop_.turn(0) != 0);
     }
-    // Sends until the socket takes no more.
+    // Sends until the socket takes no more, and ends in the first of two pieces.
     static void fill(const PduAgent& agent) {
+        std::string pdu = pduOf(50000);
+        SocketIovec pieces[] = {{pdu.data(), 40000}, {pdu.data() + 40000, 10000}};
         for (int left = 1000; agent.pam->writable() && left > 0; --left) {
-            agent.send(pduOf(50000));
+            agent.pam->sendIov(pieces, 2);
         }
         EXPECT_FALSE(agent.pam->writable());
     }
@@ -123,6 +164,13 @@ TEST_P(TcpPduPamTest, ServesALimitedNumberOfPdusATurn) {
     EXPECT_THAT(served, testing::IsSupersetOf({32, 64, 96, 100}));
 }
 
+TEST_P(TcpPduPamTest, APduThatIsNotTakenIsReportedOnce) {
+    agent_.takes = false;
+    stream_.write(pduOf(30) + pduOf(31));
+    turns();
+    EXPECT_EQ(pam_->readableCount(), 1u);
+}
+
 TEST_P(TcpPduPamTest, CountsNothingFromInsideRxPkt) {
     stream_.write(pduOf(30) + pduOf(65535, 20));
     EXPECT_EQ(pam_->rxPkt()->stringValue(), pduOf(30));
@@ -146,7 +194,7 @@ TEST_P(TcpPduPamTest, AnObserverThatSendsWhenThereIsRoomNeverMeetsAFullSocket) {
     EXPECT_DEATH(agent_.send("x"), "!txPktHolderShadow\\(\\)");
     std::string arrived;
     turns([&] { arrived += stream_.read(); });
-    EXPECT_EQ(arrived.back(), 'y');
+    EXPECT_TRUE(arrived == pduOf(50000) + 'y') << "pieces are not whole, or out of order";
     pam_->enableModeIs(readOnly);
     EXPECT_DEATH(agent_.send("x"), "\"?writable\\(\\)");
 }

@@ -1,7 +1,8 @@
-// Socket options that the machines set, as the kernel reports them.
+// Sockets, and the options that the machines set, as the kernel reports them.
 #include "Pavo/TcpSockOpt.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -23,6 +24,36 @@ using PavoTest::addressOf;
 using PavoTest::TestClient;
 using PavoTest::TestServer;
 
+TEST(TcpFd, OpensNonBlockingSocketsThatTheLastHolderCloses) {
+    const auto before = PavoTest::openDescriptors();
+    for (const AddressFamily af : {ipv4, ipv6}) {
+        const auto fd = TcpFileDescriptor::socket(af, NamespaceName(), /*edgeTriggered=*/true);
+        ASSERT_TRUE(fd);
+        EXPECT_NE(fcntl(fd->descriptor(), F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_EQ(fcntl(fd->descriptor(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(fd->stringValue(), "Value('Pavo::TcpFileDescriptor', ** {'descriptor': " +
+                                         Mox::String(std::to_string(fd->descriptor())) +
+                                         ", 'edgeTriggered': true})");
+    }
+    EXPECT_EQ(PavoTest::openDescriptors(), before);
+    EXPECT_FALSE(TcpFileDescriptor::socket(ipv4, NamespaceName("nowhere"), false));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_DEATH(TcpFileDescriptor::socket(ipunknown, NamespaceName(), false), "Unknown af");
+    EXPECT_DEATH(TcpFileDescriptor::socketAccept(0, ipunknown, NamespaceName(), false),
+                 "Unknown af");
+}
+
+TEST(TcpFd, TakesInjectedEventsOfItsInterests) {
+    TcpFileDescriptorEventRegistrationFactory factory;
+    const auto registration = factory.createEventRegistration(tcpFileDescriptorFactory(-1, false));
+    EXPECT_DEATH(registration->handleReadable(), ": enabled\\(\\)");
+    registration->enabledIs(true);
+    EXPECT_DEATH(registration->handleReadable(), "notifyOnReadable\\(\\)");
+    EXPECT_DEATH(registration->handleWritable(), "notifyOnWritable\\(\\)");
+    registration->notifyOnReadableIs(true);
+    EXPECT_EQ(registration->stringValue(), "<fd=-1;read=1;write=0>");
+}
+
 struct SockOpt {
     int level, optname;
 
@@ -34,11 +65,11 @@ struct SockOpt {
     }
 };
 
-class TcpSockOptTest : public PavoTest::TcpTest {};
+using TcpSockOptTest = PavoTest::TcpTest;
 
 TEST_F(TcpSockOptTest, EachOptionReachesItsSocketAndLeavesItAgain) {
     const int lo = static_cast<int>(htonl(1));
-    const SockOpt maxSegSize{IPPROTO_TCP, TCP_MAXSEG}, v6Only{IPPROTO_IPV6, IPV6_V6ONLY};
+    const SockOpt v6Only{IPPROTO_IPV6, IPV6_V6ONLY};
     const struct {
         TcpSocketOption option;
         SockOpt v4, v6;
@@ -47,12 +78,8 @@ TEST_F(TcpSockOptTest, EachOptionReachesItsSocketAndLeavesItAgain) {
         {optionTxTtl, {IPPROTO_IP, IP_TTL}, {IPPROTO_IPV6, IPV6_UNICAST_HOPS}, 33, 64},
         {optionTxDs, {IPPROTO_IP, IP_TOS}, {IPPROTO_IPV6, IPV6_TCLASS}, 44, 0},  // Without ECN.
         {optionRxMinTtl, {IPPROTO_IP, IP_MINTTL}, {IPPROTO_IPV6, IPV6_MINHOPCOUNT}, 17, 0},
-        {optionSockMaxSegSize, maxSegSize, maxSegSize, 700, 536},
-        {optionPathMtuDiscovery,
-         {IPPROTO_IP, IP_MTU_DISCOVER},
-         {IPPROTO_IPV6, IPV6_MTU_DISCOVER},
-         2,
-         0},
+        {optionSockMaxSegSize, {IPPROTO_TCP, TCP_MAXSEG}, {IPPROTO_TCP, TCP_MAXSEG}, 700, 536},
+        {optionPathMtuDiscovery, {0, IP_MTU_DISCOVER}, {IPPROTO_IPV6, IPV6_MTU_DISCOVER}, 2, 0},
         {optionDontRoute, {SOL_SOCKET, SO_DONTROUTE}, {IPPROTO_IPV6, IPV6_UNICAST_IF}, lo, 0},
     };
     const struct {
@@ -131,9 +158,8 @@ long tcpCounter(const std::string& name) {
     return at == std::string::npos ? -1 : std::stol(line.substr(at + name.size()));
 }
 
-using PavoTest::WireTest;
-
-TEST_F(WireTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
+TEST_F(TcpSockOptTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
+    const PavoTest::Wire wire;
     const TestServer server(byLoop_.ptr(), &wheel_, "::", 4001);
     server.config->networkNamespaceIs(NamespaceName("right"));
     ASSERT_TRUE(server.sm->startListener());
@@ -150,7 +176,8 @@ TEST_F(WireTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
     }
 }
 
-TEST_F(WireTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
+TEST_F(TcpSockOptTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
+    const PavoTest::Wire wire;
     const char* const in = "";
     const struct {
         const char *listen, *connect;
