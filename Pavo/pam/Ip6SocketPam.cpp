@@ -9,6 +9,7 @@
 
 #include "Mox/Exception.h"
 #include "Pavo/pam/RawIpFamily.h"
+#include "Pavo/value/SockAddr.h"
 
 namespace Pavo {
 
@@ -53,12 +54,6 @@ constexpr RawIpOption first[] = {
 constexpr auto table = rawIpOptions(
     first, row(ipTransparent, IPV6_TRANSPARENT, "setsockopt(IPV6_TRANSPARENT)"),
     row(ipNoMulticastLoop, IPV6_MULTICAST_LOOP, loopFailure, RawIpOptionSteps::noMulticastLoop));
-
-Ip6Addr addressOf(const in6_addr& address) {
-    Ip6Addr value;
-    value.copyFromBuffer(address.s6_addr);
-    return value;
-}
 
 struct Six {
     using Name = sockaddr_in6;
@@ -110,21 +105,19 @@ struct Six {
 
     // The interface of a scoped destination is in the packet information.
     static void nameIs(sockaddr* name, const IpGenAddr& address) {
-        sockaddr_in6 image{};
-        image.sin6_family = AF_INET6;
-        address.v6Addr().copyToBuffer(image.sin6_addr.s6_addr);
+        const sockaddr_in6 image = sockaddrIn6From(address.v6Addr());
         std::memcpy(name, &image, sizeof(image));
     }
     static void takeName(const void* name, PktInfo* info) {
         sockaddr_in6 source{};
         std::memcpy(&source, name, sizeof(source));
-        info->srcIpAddr = addressOf(source.sin6_addr);
+        info->srcIpAddr = ip6AddrFrom(source.sin6_addr);
         info->ifIndex = source.sin6_scope_id;
     }
     static void pktInfoIs(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source) {
         in6_pktinfo info{};
         info.ipi6_ifindex = ifIndex;
-        source.v6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
+        info.ipi6_addr = in6AddrFrom(source.v6Addr());
         writeControl(message, IPPROTO_IPV6, IPV6_PKTINFO, info);
     }
     static bool takePktInfo(const cmsghdr* message, PktInfo* info) {
@@ -133,7 +126,7 @@ struct Six {
             return false;
         }
         info->ifIndex = image.ipi6_ifindex;
-        info->dstIpAddr = addressOf(image.ipi6_addr);
+        info->dstIpAddr = ip6AddrFrom(image.ipi6_addr);
         return true;
     }
 };

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Pavo/pam/RawIpFamily.h"
+#include "Pavo/value/SockAddr.h"
 
 namespace Pavo {
 
@@ -34,10 +35,6 @@ constexpr RawIpOption first[] = {
 constexpr auto table = rawIpOptions(
     first, row(ipTransparent, IP_TRANSPARENT, "setsockopt(IP_TRANSPARENT)"),
     row(ipNoMulticastLoop, IP_MULTICAST_LOOP, loopFailure, RawIpOptionSteps::noMulticastLoop));
-
-IpAddr addressOf(const in_addr& address) {
-    return IpAddr(ntohl(address.s_addr));
-}
 
 struct Four {
     using Name = sockaddr_in;
@@ -76,20 +73,18 @@ struct Four {
     }
 
     static void nameIs(sockaddr* name, const IpGenAddr& address) {
-        sockaddr_in image{};
-        image.sin_family = AF_INET;
-        image.sin_addr.s_addr = htonl(address.v4Addr().value());
+        const sockaddr_in image = sockaddrInFrom(address.v4Addr());
         std::memcpy(name, &image, sizeof(image));
     }
     static void takeName(const void* name, PktInfo* info) {
         sockaddr_in source{};
         std::memcpy(&source, name, sizeof(source));
-        info->srcIpAddr = addressOf(source.sin_addr);
+        info->srcIpAddr = ipAddrFrom(source.sin_addr);
     }
     static void pktInfoIs(cmsghdr* message, uint32_t ifIndex, const IpGenAddr& source) {
         in_pktinfo info{};
         info.ipi_ifindex = static_cast<int>(ifIndex);
-        info.ipi_spec_dst.s_addr = htonl(source.v4Addr().value());
+        info.ipi_spec_dst = inAddrFrom(source.v4Addr());
         writeControl(message, IPPROTO_IP, IP_PKTINFO, info);
     }
     static bool takePktInfo(const cmsghdr* message, PktInfo* info) {
@@ -98,7 +93,7 @@ struct Four {
             return false;
         }
         info->ifIndex = static_cast<uint32_t>(image.ipi_ifindex);
-        info->dstIpAddr = addressOf(image.ipi_addr);
+        info->dstIpAddr = ipAddrFrom(image.ipi_addr);
         return true;
     }
 };

@@ -13,20 +13,13 @@
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Pavo/value/SockAddr.h"
 
 namespace Pavo {
 
 namespace {
 
 constexpr RawSocket::Protocol defaultEthProtocol = 3;
-
-sockaddr_in socketAddress(RawSocket::Protocol port, IpAddr address) {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(port);
-    address.copyToBuffer(reinterpret_cast<unsigned char*>(&name.sin_addr));
-    return name;
-}
 
 // A name that is too long would be cut, and what is left may be the name of another interface.
 void requireDeviceName(const Mox::String& device, const char* failure) {
@@ -92,7 +85,7 @@ void RawSocket::open(int domain, Protocol protocol) {
 }
 
 int32_t RawSocket::sendPkt(Mox::Ptr<Pkt> pkt, IpAddr dst) {
-    const int32_t sent = sendmsg(pkt, socketAddress(/*port=*/0, dst));
+    const int32_t sent = sendmsg(pkt, sockaddrInFrom(dst));
     if (sent < 0 && errno != EAGAIN) {
         Mox::throwErrnoException("sendmsg");
     }
@@ -139,7 +132,7 @@ void IpSocket::deviceIs(Mox::String device) {
 }
 
 void IpSocket::bind(IpAddr addr) {
-    const sockaddr_in name = socketAddress(effectiveProtocol_, addr);
+    const sockaddr_in name = sockaddrInFrom(addr, effectiveProtocol_);
     if (::bind(fd(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)) < 0) {
         Mox::throwErrnoException("bind");
     }

@@ -10,6 +10,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
+#include "Pavo/value/SockAddr.h"
 
 namespace Pavo {
 
@@ -53,25 +54,10 @@ int keptBits(int level, int optname) {
     return isTrafficClass ? ~congestionBits : ~0;
 }
 
-// A socket address of either family.
-struct SocketAddress {
-    SocketAddress(const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
-        length = constructSockAddr(generic(), addr);
-        if (addr.af() == ipv4) {
-            v4.sin_port = htons(port.value());
-            return;
-        }
-        v6.sin6_port = htons(port.value());
-        v6.sin6_scope_id = addr.isV6LinkLocal() ? ifIndex : 0;
-    }
-    sockaddr* generic() { return reinterpret_cast<sockaddr*>(this); }
-
-    union {
-        sockaddr_in v4;
-        sockaddr_in6 v6;
-    };
-    socklen_t length;
-};
+SockAddr nameOf(const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
+    Mox::require(addr.af() == ipv4 || addr.af() == ipv6, "Unknown af");
+    return SockAddr(addr, port.value(), addr.isV6LinkLocal() ? ifIndex : 0);
+}
 
 }  // namespace
 
@@ -126,8 +112,7 @@ int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask, const Mo
     Mox::require(key.bytes() < md5KeyLimit, "key.bytes() < 80");
     const IpGenAddr addr = addrWithMask.ipGenAddr();
     tcp_md5sig record{};
-    SocketAddress peer(addr, Port(), 0);
-    std::memcpy(&record.tcpm_addr, peer.generic(), peer.length);
+    record.tcpm_addr = nameOf(addr, Port(), 0).storage;
     record.tcpm_keylen = static_cast<uint16_t>(key.bytes());
     std::copy(key.begin(), key.end(), record.tcpm_key);
     if (!addrWithMask.isHost()) {
@@ -157,25 +142,15 @@ IpGenAddrWithMask v4MappedPeer(const IpGenAddrWithMask& peer) {
 }
 
 socklen_t constructSockAddr(sockaddr* out, const IpGenAddr& addr) {
-    Mox::require(addr.af() == ipv4 || addr.af() == ipv6, "Unknown af");
-    if (addr.af() == ipv4) {
-        sockaddr_in v4{};
-        v4.sin_family = AF_INET;
-        addr.copyToBuffer(reinterpret_cast<unsigned char*>(&v4.sin_addr));
-        std::memcpy(out, &v4, sizeof(v4));
-        return sizeof(v4);
-    }
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    addr.copyToBuffer(reinterpret_cast<unsigned char*>(&v6.sin6_addr));
-    std::memcpy(out, &v6, sizeof(v6));
-    return sizeof(v6);
+    const SockAddr name = nameOf(addr, Port(), 0);
+    std::memcpy(out, &name.storage, name.length);
+    return name.length;
 }
 
 int socketBind(int sd, const IpGenAddr& addr, const Port& port) {
     MOX_TRACE(facility, 5, "Bind: sd=", sd, " addr=", addr, " port=", port);
-    SocketAddress local(addr, port, 0);
-    return bind(sd, local.generic(), local.length);
+    const SockAddr local = nameOf(addr, port, 0);
+    return bind(sd, local.get(), local.length);
 }
 
 int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr, uint32_t ifIndex,
@@ -188,8 +163,9 @@ int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr, uint32_t i
         // share a port. A kernel without this option chooses the port in bind(2).
         (void)setSocketOptionInteger(sd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1, /*verify=*/false);
         MOX_TRACE(facility, 5, "Bind: sd=", sd, " addr=", addr, " ifIndex=", ifIndex);
-        SocketAddress local(addr.af() == ipunknown ? IpGenAddr(af) : addr, Port(), ifIndex);
-        result = bind(sd, local.generic(), local.length);
+        const SockAddr local =
+            nameOf(addr.af() == ipunknown ? IpGenAddr(af) : addr, Port(), ifIndex);
+        result = bind(sd, local.get(), local.length);
     }
     if (result < 0 && failed != nullptr) {
         *failed = step;
@@ -199,8 +175,8 @@ int socketBindClient(int sd, AddressFamily af, const IpGenAddr& addr, uint32_t i
 
 int socketConnect(int sd, const IpGenAddr& addr, const Port& port, uint32_t ifIndex) {
     MOX_TRACE(facility, 5, "Connect: sd=", sd, " addr=", addr, " port=", port);
-    SocketAddress peer(addr, port, ifIndex);
-    const int result = connect(sd, peer.generic(), peer.length);
+    const SockAddr peer = nameOf(addr, port, ifIndex);
+    const int result = connect(sd, peer.get(), peer.length);
     if (result < 0 && errno == EINPROGRESS) {
         MOX_TRACE(facility, 5, "Connection is in progress");
     }

@@ -1,0 +1,68 @@
+/// @file
+/// Addresses as the structures of the system's calls, and back.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "Pavo/base/Export.h"
+#include "Pavo/value/Ip6Addr.h"
+#include "Pavo/value/IpAddr.h"
+#include "Pavo/value/IpGenAddr.h"
+
+namespace Pavo {
+
+inline in_addr inAddrFrom(const IpAddr& address) {
+    return {htonl(address.value())};
+}
+inline IpAddr ipAddrFrom(const in_addr& address) {
+    return IpAddr(ntohl(address.s_addr));
+}
+inline in6_addr in6AddrFrom(const Ip6Addr& address) {
+    in6_addr image;
+    address.copyToBuffer(image.s6_addr);
+    return image;
+}
+inline Ip6Addr ip6AddrFrom(const in6_addr& address) {
+    Ip6Addr value;
+    value.copyFromBuffer(address.s6_addr);
+    return value;
+}
+
+/// One end of an IPv4 connection; `port` is in host order.
+PAVO_EXPORT sockaddr_in sockaddrInFrom(const IpAddr& address, uint16_t port = 0);
+/// One end of an IPv6 connection; `port` is in host order. `scopeId` is the index of the interface
+/// that a link-local address belongs to.
+PAVO_EXPORT sockaddr_in6 sockaddrIn6From(const Ip6Addr& address, uint16_t port = 0,
+                                         uint32_t scopeId = 0);
+
+/// The address of a socket of either family, with the length that the system's calls take beside
+/// it: `bind(fd, name.get(), name.length)`, and, from a default one, which has room for any family,
+/// `getsockname(fd, name.get(), &name.length)`.
+struct SockAddr {
+    SockAddr() = default;
+    /// `port` is in host order; `scopeId` counts for IPv6 only. An unknown family is AF_UNSPEC,
+    /// without a port.
+    PAVO_EXPORT explicit SockAddr(const IpGenAddr& address, uint16_t port = 0,
+                                  uint32_t scopeId = 0);
+
+    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+
+    /// The address, of an unknown family where this is neither AF_INET nor AF_INET6, or is shorter
+    /// than an address of its family; port and scope are then 0.
+    PAVO_EXPORT IpGenAddr address() const;
+    /// In host order.
+    PAVO_EXPORT uint16_t port() const;
+    /// 0 for IPv4.
+    PAVO_EXPORT uint32_t scopeId() const;
+
+    sockaddr_storage storage{};
+    /// The number of bytes that count.
+    socklen_t length = sizeof(storage);
+};
+
+}  // namespace Pavo
