@@ -31,6 +31,7 @@ class Ordinal : public Mox::ValueType<T> {
     constexpr Ordinal(uint32_t value) { valueIs(value); }
     /// @throws Mox::RangeException `T::invalidText`
     Ordinal(TextIt& it, const TextIt& end) { this->readText(it, end); }
+    explicit Ordinal(std::string_view text) { this->readWhole(text); }
     /// @throws Mox::RangeException `T::rangeText` past `max`.
     Ordinal(Mox::NboAttrLog::In* in, Mox::StreamBogon) { valueIs(in->u32()); }
 

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/String.h"
@@ -31,6 +32,7 @@ class IntfId : public Mox::ValueType<IntfId> {
     constexpr explicit IntfId(uint64_t value) : value_(value) {}
     /// @throws Mox::RangeException "Error deserializing IntfId"
     IntfId(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IntfId(std::string_view text) { readWhole(text); }
     /// Reads any number, since a log may come from a process that has other types.
     IntfId(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
     /// The id of the short name `name`, such as Et3/1.
@@ -81,6 +83,7 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     constexpr GenericIntfId(IntfId id) : value_(id.value()) {}
     /// @throws Mox::RangeException "Invalid GenericIntfId"
     GenericIntfId(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit GenericIntfId(std::string_view text) { readWhole(text); }
     GenericIntfId(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr IntfId intfId() const { return IntfId(value_); }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -46,6 +47,7 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
     }
     /// @throws Mox::RangeException "Invalid IntfIdPartKey", "Invalid SubIntfIdKey", or as above
     IntfIdPartKey(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IntfIdPartKey(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException as the other constructors
     IntfIdPartKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

@@ -43,6 +43,7 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
     }
     /// @throws Mox::RangeException "Invalid IntfIdPart", or as above
     IntfIdPart(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IntfIdPart(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException as above, also for a part without width that is not the default
     IntfIdPart(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

@@ -79,6 +79,7 @@ class BoundedMplsLabelStack : public MplsLabelStackBase<BoundedMplsLabelStack, B
     /// The longest part of the calculated stack, from the top, that fits.
     PAVO_EXPORT explicit BoundedMplsLabelStack(const DynamicMplsLabelStack& stack);
     BoundedMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit BoundedMplsLabelStack(std::string_view text) { readWhole(text); }
     BoundedMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As `extend`, but explicit nulls are appended below other labels too.

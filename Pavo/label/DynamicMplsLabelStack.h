@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "Mox/ValueType.h"
@@ -53,6 +54,7 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
     DynamicMplsLabelStack() = default;
     PAVO_EXPORT explicit DynamicMplsLabelStack(const BoundedMplsLabelStack& stack);
     DynamicMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit DynamicMplsLabelStack(std::string_view text) { readWhole(text); }
     DynamicMplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The stack in bytes, for shared memory: 32-bit words in network order, at any address. They

@@ -186,6 +186,7 @@ class MplsLabelOperation
                                 uint8_t rawValue = 0)
         : MplsLabelOperationBase(operation, rawValue, stack) {}
     MplsLabelOperation(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit MplsLabelOperation(std::string_view text) { readWhole(text); }
     MplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     const BoundedMplsLabelStack& boundedLabelStack() const { return stack(); }
@@ -230,6 +231,7 @@ class UnboundedMplsLabelOperation
                                          DynamicMplsLabelStack stack = {}, uint8_t rawValue = 0)
         : MplsLabelOperationBase(operation, rawValue, std::move(stack)) {}
     UnboundedMplsLabelOperation(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit UnboundedMplsLabelOperation(std::string_view text) { readWhole(text); }
     UnboundedMplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     const DynamicMplsLabelStack& dynamicLabelStack() const { return stack(); }
@@ -261,6 +263,7 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
         actionIs(action);
     }
     MplsLabelAndAction(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit MplsLabelAndAction(std::string_view text) { readWhole(text); }
     MplsLabelAndAction(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint32_t value() const { return value_; }
@@ -312,6 +315,7 @@ class SmushResult : public Mox::ValueType<SmushResult> {
         /// @throws Mox::RangeException "SmushResult::SmushError::value < 0 or > 7 not allowed"
         constexpr explicit SmushError(uint32_t value) { valueIs(value); }
         SmushError(TextIt& it, const TextIt& end) { readText(it, end); }
+        explicit SmushError(std::string_view text) { readWhole(text); }
         SmushError(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
         /// The bits.
@@ -365,6 +369,7 @@ class SmushResult : public Mox::ValueType<SmushResult> {
     constexpr SmushResult(SmushError smushError, BoundedMplsLabelStackResult stackResult)
         : smushError_(smushError), stackResult_(stackResult) {}
     SmushResult(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit SmushResult(std::string_view text) { readWhole(text); }
     SmushResult(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr SmushError smushError() const { return smushError_; }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -61,6 +62,7 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
     /// @throws Mox::RangeException `rangeText` past `luWithdrawLabelValue`.
     constexpr MplsLabel(uint32_t value) { valueIs(value); }
     MplsLabel(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit MplsLabel(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException `rangeText` past `luWithdrawLabelValue`.
     MplsLabel(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
@@ -136,6 +138,7 @@ class MplsStackEntryIndex : public Ordinal<MplsStackEntryIndex, uint8_t, 7> {
         "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > MplsStackEntryIndex::nullValue "
         "not allowed";
     MplsStackEntryIndex(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit MplsStackEntryIndex(std::string_view text) { readWhole(text); }
     /// Gives `rangeText` for any number past 7.
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
 };

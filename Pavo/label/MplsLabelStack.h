@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -40,6 +41,7 @@ class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
     /// "MplsLabelEntry::cos > 7 not allowed"
     PAVO_EXPORT MplsLabelEntry(MplsLabel label, uint32_t cos, bool bos, uint8_t ttl);
     MplsLabelEntry(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit MplsLabelEntry(std::string_view text) { readWhole(text); }
     MplsLabelEntry(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// All 32 bits in host order.

@@ -6,6 +6,7 @@
 #include <bit>
 #include <compare>
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/Enum.h"
 #include "Mox/ValueType.h"
@@ -65,6 +66,7 @@ class BoundedMplsLabelStackResult : public Mox::ValueType<BoundedMplsLabelStackR
     constexpr BoundedMplsLabelStackResult() = default;
     constexpr BoundedMplsLabelStackResult(Error error) : error_(error) {}
     BoundedMplsLabelStackResult(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit BoundedMplsLabelStackResult(std::string_view text) { readWhole(text); }
     BoundedMplsLabelStackResult(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr Error error() const { return error_; }

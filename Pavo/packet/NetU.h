@@ -96,6 +96,7 @@ class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     /// From a number in host order.
     constexpr explicit NetField(Number value) { valueIs(value); }
     NetField(TextIt& it, const TextIt& end) { this->readText(it, end); }
+    explicit NetField(std::string_view text) { this->readWhole(text); }
     NetField(Mox::NboAttrLog::In* in, Mox::StreamBogon) { this->readLog(in); }
 
     /// The number in host order.

@@ -5,6 +5,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include "Mox/Ptr.h"
@@ -38,6 +39,7 @@ class PseudoHdr : public Mox::ValueType<T> {
     constexpr PseudoHdr(IpAddr src, IpAddr dst, uint16_t bytes)
         : src_(src), dst_(dst), len_(bytes) {}
     PseudoHdr(TextIt& it, const TextIt& end) { this->readText(it, end); }
+    explicit PseudoHdr(std::string_view text) { this->readWhole(text); }
     PseudoHdr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { this->readLog(in); }
 
     IpAddr src() const { return src_; }
@@ -83,6 +85,7 @@ class PseudoHdrIpv6 : public Mox::ValueType<T> {
     constexpr PseudoHdrIpv6(const Ip6Addr& src, const Ip6Addr& dst, uint32_t bytes)
         : src_(src), dst_(dst), len_(bytes) {}
     PseudoHdrIpv6(TextIt& it, const TextIt& end) { this->readText(it, end); }
+    explicit PseudoHdrIpv6(std::string_view text) { this->readWhole(text); }
     PseudoHdrIpv6(Mox::NboAttrLog::In* in, Mox::StreamBogon) { this->readLog(in); }
 
     Ip6Addr src() const { return src_; }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/Collections.h"
 #include "Mox/Enum.h"
@@ -110,6 +111,7 @@ class IpFilter : public Mox::ValueType<IpFilter> {
     constexpr IpFilter(uint16_t code, uint8_t jt, uint8_t jf, uint32_t k)
         : code_(code), jt_(jt), jf_(jf), k_(k) {}
     IpFilter(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpFilter(std::string_view text) { readWhole(text); }
     IpFilter(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint16_t code() const { return code_; }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/Collections.h"
@@ -49,6 +50,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
     constexpr explicit TcpSocketOptions(uint8_t value) { valueIs(value); }
     TcpSocketOptions(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit TcpSocketOptions(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
     TcpSocketOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

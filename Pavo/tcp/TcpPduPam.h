@@ -7,6 +7,7 @@
 #include <compare>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "Mox/Enum.h"
 #include "Mox/Ptr.h"
@@ -63,6 +64,7 @@ class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
     TcpPduPamReadReturn(Result result, Mox::String reason)
         : result_(result), reason_(std::move(reason)) {}
     TcpPduPamReadReturn(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit TcpPduPamReadReturn(std::string_view text) { readWhole(text); }
     TcpPduPamReadReturn(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     Result result() const { return result_; }

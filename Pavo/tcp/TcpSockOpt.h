@@ -11,6 +11,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/String.h"
 #include "Mox/ValueType.h"
@@ -83,6 +84,7 @@ class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
     constexpr TcpKeepaliveOptions(uint32_t idleTime, uint32_t probeInterval, uint32_t probeCount)
         : idleTime_(idleTime), probeInterval_(probeInterval), probeCount_(probeCount) {}
     TcpKeepaliveOptions(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit TcpKeepaliveOptions(std::string_view text) { readWhole(text); }
     TcpKeepaliveOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint32_t idleTime() const { return idleTime_; }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -23,6 +24,7 @@ class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
     constexpr explicit AutonomousSystem(uint32_t value) : value_(value) {}
     /// @throws Mox::RangeException "Invalid AutonomousSystem"
     AutonomousSystem(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit AutonomousSystem(std::string_view text) { readWhole(text); }
     AutonomousSystem(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr uint32_t value() const { return value_; }

@@ -5,6 +5,7 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -36,6 +37,7 @@ class EthAddr : public Mox::ValueType<EthAddr> {
     }
     /// @throws Mox::RangeException "Invalid EthAddr"
     EthAddr(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit EthAddr(std::string_view text) { readWhole(text); }
     EthAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// Word `i`, 0 to 2, in host order.
@@ -179,6 +181,7 @@ class Eui64 : public Mox::ValueType<Eui64> {
     }
     /// @throws Mox::RangeException "Invalid EthAddr"
     Eui64(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Eui64(std::string_view text) { readWhole(text); }
     Eui64(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// Word `i`, 0 to 3: bytes 2i (high) and 2i + 1 (low), in host order.
@@ -230,6 +233,7 @@ class EthAddrWithMask : public Mox::ValueType<EthAddrWithMask> {
     constexpr EthAddrWithMask() = default;
     constexpr EthAddrWithMask(const EthAddr& mac, const EthAddr& mask) : mac_(mac), mask_(mask) {}
     EthAddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit EthAddrWithMask(std::string_view text) { readWhole(text); }
     EthAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const EthAddr& mac() const { return mac_; }

@@ -6,6 +6,7 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -66,6 +67,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
     }
     /// @throws Mox::RangeException with one of the texts above
     Ip6Addr(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Ip6Addr(std::string_view text) { readWhole(text); }
     Ip6Addr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     // Slices: bytes 0 to 15, groups 0 to 7, 32-bit words 0 to 3, halves 0 to 1. They are numbers in
@@ -348,6 +350,7 @@ class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
     /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithMask: prefix size
     /// expected" without "/" and a digit; "Ip6AddrWithMask: prefix too long" above 128
     Ip6AddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Ip6AddrWithMask(std::string_view text) { readWhole(text); }
     Ip6AddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The same without host bits.
@@ -374,6 +377,7 @@ class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
     /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithFullMask: mask expected"
     /// without "/" and a digit or ":", and for a length above 128
     Ip6AddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Ip6AddrWithFullMask(std::string_view text) { readWhole(text); }
     Ip6AddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const Ip6Addr& address() const { return address_; }
@@ -414,6 +418,7 @@ class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
     /// @throws Mox::RangeException with a text of `Ip6AddrWithMask`, or "Invalid Prefix - non-zero
     /// after prefixlen"
     Ip6Prefix(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Ip6Prefix(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
     Ip6Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

@@ -6,6 +6,7 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -32,6 +33,7 @@ class IpAddr : public Mox::ValueType<IpAddr> {
     constexpr explicit IpAddr(uint32_t value) { valueIs(value); }
     /// @throws Mox::RangeException "Invalid IpAddr"
     IpAddr(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpAddr(std::string_view text) { readWhole(text); }
     IpAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The address as a number in host order.
@@ -123,6 +125,7 @@ class IpAddrWithMask : public Mox::ValueType<IpAddrWithMask> {
     constexpr IpAddrWithMask(const IpAddr& address, uint32_t len) : address_(address), len_(len) {}
     /// @throws Mox::RangeException "Invalid IpAddr", "premature end of Prefix type"
     IpAddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpAddrWithMask(std::string_view text) { readWhole(text); }
     IpAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const IpAddr& address() const { return address_; }
@@ -157,6 +160,7 @@ class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
         : address_(address), mask_(mask) {}
     /// @throws Mox::RangeException "Invalid IpAddrWithFullMask", "Invalid IpAddr"
     IpAddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpAddrWithFullMask(std::string_view text) { readWhole(text); }
     IpAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const IpAddr& address() const { return address_; }
@@ -195,6 +199,7 @@ class Prefix : public Mox::ValueType<Prefix> {
     /// @throws Mox::RangeException "Invalid IpAddr"; "premature end of Prefix type";
     /// "Invalid Prefix - non-zero after prefixlen", also for every length above 32
     Prefix(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit Prefix(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Prefix::validAsPrefix != true not allowed"
     Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
@@ -244,6 +249,7 @@ class IpAndPort : public Mox::ValueType<IpAndPort> {
     constexpr IpAndPort(const IpAddr& ip, uint16_t port) : ip_(ip), port_(port) {}
     /// @throws Mox::RangeException "Invalid IpAndPort", "Invalid IpAddr"
     IpAndPort(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpAndPort(std::string_view text) { readWhole(text); }
     IpAndPort(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     constexpr const IpAddr& ip() const { return ip_; }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/Enum.h"
@@ -59,6 +60,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     }
     /// @throws Mox::RangeException "Invalid IpGenAddr", or a text of the family's type
     IpGenAddr(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpGenAddr(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
     IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }

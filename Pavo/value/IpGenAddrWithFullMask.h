@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -59,6 +60,7 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
         : IpGenAddrWithFullMask(ipv6, address, maskOfLength(ipv6, len)) {}
     /// @throws Mox::RangeException with one of the texts above
     IpGenAddrWithFullMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpGenAddrWithFullMask(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
     IpGenAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -41,6 +42,7 @@ class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
         : IpGenAddrAndLen(address, addressBits(address.af())) {}
     /// @throws Mox::RangeException "Invalid prefix", or a text of the family's type
     IpGenAddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpGenAddrWithMask(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
     IpGenAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }

@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/ValueType.h"
@@ -31,6 +32,7 @@ class IpGenPrefixBase : public IpGenAddrAndLen<IpGenPrefixBase> {
     /// @throws Mox::RangeException "Invalid IpGenPrefixBase", "Invalid AddressFamily", or a text of
     /// `Ip6Addr`
     IpGenPrefixBase(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpGenPrefixBase(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid AddressFamily"; "Invalid IpGenAddr" for bytes that the
     /// family has no use for and that are not zero
     IpGenPrefixBase(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
@@ -94,6 +96,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
         : IpGenPrefix(parts.ipGenAddr(), parts.len()) {}
     /// @throws Mox::RangeException "Invalid prefix", or a text of the family's type
     IpGenPrefix(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit IpGenPrefix(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid AddressFamily", or as the family's constructor
     IpGenPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

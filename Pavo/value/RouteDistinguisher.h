@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
 
 #include "Mox/Assert.h"
@@ -43,6 +44,7 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
         : rdNboInternal_(rdNbo), valid_(valid), type0LocalType_(type0LocalType) {}
     /// @throws Mox::RangeException "Invalid RouteDistinguisher", "Invalid type0LocalType"
     RouteDistinguisher(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit RouteDistinguisher(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "Invalid type0LocalType"
     RouteDistinguisher(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 

@@ -32,7 +32,11 @@
 ///     void toLog(Mox::NboAttrLog::Out&) const;
 ///     void fromLog(Mox::NboAttrLog::In&);
 ///
-/// Its constructors from text and from a log call `readText` and `readLog`.
+/// Its constructors from text and from a log call `readText`, `readWhole` and `readLog`:
+///
+///     T(TextIt& it, const TextIt& end) { readText(it, end); }
+///     explicit T(std::string_view text) { readWhole(text); }
+///     T(NboAttrLog::In* in, StreamBogon) { readLog(in); }
 #pragma once
 
 #include <array>
@@ -200,9 +204,7 @@ class ValueType {
     /// @throws Mox::RangeException with the type's text; the value is then unchanged.
     void stringValueIs(const String& text) {
         T fresh{};
-        if (const char* error = parseWhole(text.view(), &fresh)) {
-            throwRangeException(error);
-        }
+        static_cast<ValueType&>(fresh).readWhole(text);
         self() = std::move(fresh);
     }
 
@@ -252,6 +254,14 @@ class ValueType {
             throwRangeException(error);
         }
         it = in.at();
+    }
+
+    /// Reads the whole of `text`. For the explicit constructor from a `std::string_view`.
+    /// @throws Mox::RangeException with the type's text.
+    void readWhole(std::string_view text) {
+        if (const char* error = parseWhole(text, &self())) {
+            throwRangeException(error);
+        }
     }
 
     /// Checks the rules between the fields. For constructors from parts.

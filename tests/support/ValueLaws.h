@@ -43,6 +43,9 @@ std::string textErrorOf(std::string_view text, T* value) {
     const auto quiet = Mox::tryParse<T>(guarded.view());
     EXPECT_EQ(rangeErrorOf([&] { value->stringValueIs(Mox::String(text)); }), wholeError) << text;
     EXPECT_EQ(*value, whole ? read : before) << text;
+    if constexpr (std::is_constructible_v<T, std::string_view>) {
+        EXPECT_EQ(rangeErrorOf([&] { T(guarded.view()); }), wholeError) << text;
+    }
     EXPECT_EQ(quiet.has_value(), whole) << text;
     EXPECT_TRUE(!quiet || *quiet == read) << text;
     return wholeError;

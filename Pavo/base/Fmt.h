@@ -1,0 +1,20 @@
+/// @file
+/// Values in `fmt::format`, for programs that use {fmt}; the library itself does not.
+///
+/// `{}` is the canonical text, that of `stringValue()`. Fill, alignment, width and precision are
+/// those of a string: `fmt::format("{:>15}", address)`.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string_view>
+
+#include "Mox/ValueType.h"
+
+template <Mox::Value T>
+struct fmt::formatter<T, char> : fmt::formatter<std::string_view, char> {
+    template <class Context>
+    auto format(const T& value, Context& context) const {
+        return fmt::formatter<std::string_view, char>::format(value.stringValue().view(), context);
+    }
+};
