@@ -3,6 +3,7 @@
 #include <array>
 
 #include "Pavo/value/EthAddr.h"
+#include "Pavo/value/Ip6Text.h"
 #include "Pavo/value/IpText.h"
 
 namespace Pavo {
@@ -10,157 +11,6 @@ namespace Pavo {
 namespace {
 
 constexpr const char* notExpandedText = "Ip6Addr: address is not expanded";
-
-const char* dottedFaultText(DottedFault fault) {
-    switch (fault) {
-        case DottedFault::none:
-            return nullptr;
-        case DottedFault::digitExpected:
-            return "Ip6Addr: decimal digit expected";
-        case DottedFault::tooManyDigits:
-            return "Ip6Addr: too many consecutive decimal digits";
-        case DottedFault::valueTooLarge:
-            return "Ip6Addr: decimal value too large";
-        case DottedFault::dotExpected:
-            return "Ip6Addr: expected '.'";
-    }
-    return nullptr;
-}
-
-// The end of up to four hexadecimal digits from `at` on.
-inline const char* readDigits(const char* at, const char* end, uint32_t* group) {
-    const char* const limit = end - at < 4 ? end : at + 4;
-    uint32_t sum = 0;
-    for (; at != limit; ++at) {
-        const int digit = Mox::TextCursor::hexValue(*at);
-        if (digit < 0) {
-            break;
-        }
-        sum = sum << 4 | static_cast<uint32_t>(digit);
-    }
-    *group = sum;
-    return at;
-}
-
-// Reads one address. Every step returns null or the text of the error, and sets `done_` when
-// no more text can belong to the address.
-class Reader {
-  public:
-    Reader(const char* at, const char* end) : at_(at), end_(end) {}
-
-    const char* read() {
-        const char* error = readStart();
-        while (error == nullptr && !done_) {
-            error = readGroup();
-            if (error == nullptr && !done_) {
-                error = readColons();
-            }
-        }
-        return error;
-    }
-
-    const char* at() const { return at_; }
-
-    void store(uint8_t* bytes) const {
-        std::memcpy(bytes, head_, 16);
-        if (hasGap_) {
-            for (int i = 0; i < 16; ++i) {
-                bytes[i] |= into_[i - 16];
-            }
-        }
-    }
-
-  private:
-    bool atChar(char c) const { return at_ != end_ && *at_ == c; }
-    bool atHexDigit() const { return at_ != end_ && Mox::TextCursor::hexValue(*at_) >= 0; }
-
-    const char* readStart() {
-        if (atHexDigit()) {
-            return nullptr;
-        }
-        if (!atChar(':')) {
-            return "Ip6Addr: leading hex digit expected";
-        }
-        ++at_;
-        if (!atChar(':')) {
-            return "Ip6Addr: ':' expected";
-        }
-        return readGap();
-    }
-
-    // At the second colon of "::".
-    const char* readGap() {
-        if (hasGap_) {
-            return "Ip6Addr: only one '::' allowed";
-        }
-        ++at_;
-        if (atChar(':')) {
-            return "Ip6Addr: too many colons";
-        }
-        hasGap_ = true;
-        into_ = tail_ + 16;
-        --room_;
-        done_ = room_ == 0 || !atHexDigit();
-        return nullptr;
-    }
-
-    // At a hexadecimal digit.
-    const char* readGroup() {
-        const char* const begin = at_;
-        uint32_t group = 0;
-        at_ = readDigits(at_, end_, &group);
-        if (atChar('.') && (hasGap_ || into_ != head_) && room_ >= 2) {
-            return readQuad(begin);
-        }
-        if (atHexDigit()) {
-            return "Ip6Addr: too many consecutive hex digits";
-        }
-        storeNet(into_, static_cast<uint16_t>(group));
-        into_ += 2;
-        done_ = --room_ == 0;
-        return nullptr;
-    }
-
-    // At the first octet of the last 32 bits, which began like a group.
-    const char* readQuad(const char* begin) {
-        Mox::TextCursor quad(begin, end_);
-        if (const char* error = dottedFaultText(readDottedQuad<3>(quad, into_))) {
-            return error;
-        }
-        at_ = quad.at();
-        into_ += 4;
-        room_ -= 2;
-        done_ = true;
-        return room_ == 0 || hasGap_ ? nullptr : "Ip6Addr: incomplete ipv6 address";
-    }
-
-    // After a group that is not the last possible one.
-    const char* readColons() {
-        if (!atChar(':')) {
-            done_ = hasGap_;
-            if (done_) {
-                return nullptr;
-            }
-            return at_ == end_ ? "Ip6Addr: incomplete ipv6 address" : "Ip6Addr: ':' expected";
-        }
-        ++at_;
-        if (atHexDigit()) {
-            return nullptr;
-        }
-        return atChar(':') ? readGap() : "Ip6Addr: hex digit expected";
-    }
-
-    const char* at_;
-    const char* end_;
-    // The groups before "::" are written to their final place. Those after it are written after
-    // sixteen zeros, so that the last sixteen bytes written are the end of the address.
-    uint8_t head_[16] = {};
-    uint8_t tail_[32] = {};
-    uint8_t* into_ = head_;
-    int room_ = 8;  // Groups that may still follow; "::" replaces at least one.
-    bool hasGap_ = false;
-    bool done_ = false;
-};
 
 // The groups that "::" replaces: the leftmost longest run of two or more zero groups.
 struct Run {
@@ -209,18 +59,6 @@ char* groupsAt(char* at, const Ip6Addr& address, unsigned first, unsigned last) 
     return at;
 }
 
-const char* readAddressAndLength(Mox::TextCursor& in, Ip6Addr* address, uint32_t* len) {
-    if (const char* error = address->parse(in)) {
-        return error;
-    }
-    const LengthFault fault = readLengthSuffix(in, len);
-    if (fault == LengthFault::missing) {
-        return Ip6AddrWithMask::invalidText;
-    }
-    const bool tooLong = fault == LengthFault::tooLarge || *len > 128;
-    return tooLong ? "Ip6AddrWithMask: prefix too long" : nullptr;
-}
-
 }  // namespace
 
 EthAddr Ip6Addr::mcastEtherAddress() const {
@@ -242,7 +80,7 @@ void Ip6Addr::stringValueExpandedIs(const Mox::String& text) {
     for (unsigned i = 0; i < 8; ++i) {
         const char* const group = text.begin() + 5 * i;
         uint32_t value = 0;
-        if (readDigits(group, text.end(), &value) != group + 4 || (i < 7 && group[4] != ':')) {
+        if (readHexGroup(group, text.end(), &value) != group + 4 || (i < 7 && group[4] != ':')) {
             Mox::throwRangeException(notExpandedText);
         }
         fresh.u16Is(i, static_cast<uint16_t>(value));
@@ -251,13 +89,7 @@ void Ip6Addr::stringValueExpandedIs(const Mox::String& text) {
 }
 
 const char* Ip6Addr::parse(Mox::TextCursor& in) {
-    Reader reader(in.at(), in.end());
-    if (const char* error = reader.read()) {
-        return error;
-    }
-    reader.store(bytes_);
-    in.atIs(reader.at());
-    return nullptr;
+    return readIp6Text(in, this);
 }
 
 void Ip6Addr::print(Mox::TextWriter& out) const {
@@ -306,7 +138,7 @@ Ip6Addr ip6LinkLocalFromMac(const EthAddr& mac) {
 }
 
 const char* Ip6AddrWithMask::parse(Mox::TextCursor& in) {
-    return readAddressAndLength(in, &address_, &len_);
+    return readIp6TextAndLength(in, &address_, &len_);
 }
 
 const char* Ip6AddrWithFullMask::parse(Mox::TextCursor& in) {
@@ -344,7 +176,7 @@ Ip6Addr Ip6Prefix::subnetHost(const Ip6Addr& host) const {
 }
 
 const char* Ip6Prefix::parse(Mox::TextCursor& in) {
-    if (const char* error = readAddressAndLength(in, &address_, &len_)) {
+    if (const char* error = readIp6TextAndLength(in, &address_, &len_)) {
         return error;
     }
     return validAsPrefix() ? nullptr : invalidText;

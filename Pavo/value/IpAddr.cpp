@@ -74,22 +74,6 @@ std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) {
     return bLen <=> aLen;
 }
 
-const char* Prefix::parse(Mox::TextCursor& in) {
-    if (const char* error = address_.parse(in)) {
-        return error;
-    }
-    switch (readLengthSuffix(in, &len_)) {
-        case LengthFault::missing:
-            return IpAddrWithMask::invalidText;
-        case LengthFault::tooLarge:
-            return invalidText;
-        case LengthFault::none:
-            break;
-    }
-    // Text allows none of the lengths above 32, parts allow one.
-    return len_ <= 32 && validAsPrefix(address_, len_) ? nullptr : invalidText;
-}
-
 void Prefix::print(Mox::TextWriter& out) const {
     printAddressAndLength(out, address_, len_);
 }

@@ -102,7 +102,7 @@ class IpAddr : public Mox::ValueType<IpAddr> {
     static constexpr auto description() {
         return Mox::record("Pavo::IpAddr", Mox::field("bytes", &IpAddr::bytes_));
     }
-    const char* parse(Mox::TextCursor& in) {
+    constexpr const char* parse(Mox::TextCursor& in) {
         return readDottedQuad(in, bytes_) == DottedFault::none ? nullptr : invalidText;
     }
     void print(Mox::TextWriter& out) const {
@@ -229,7 +229,19 @@ class Prefix : public Mox::ValueType<Prefix> {
         return Mox::record("Pavo::Prefix", Mox::field("address", &Prefix::address_),
                            Mox::field("len", &Prefix::len_));
     }
-    PAVO_EXPORT const char* parse(Mox::TextCursor& in);
+    constexpr const char* parse(Mox::TextCursor& in) {
+        if (const char* error = address_.parse(in)) {
+            return error;
+        }
+        const LengthFault fault = readLengthSuffix(in, &len_);
+        if (fault == LengthFault::missing) {
+            return IpAddrWithMask::invalidText;
+        }
+        // Text allows none of the lengths above 32, parts allow one.
+        const bool valid =
+            fault == LengthFault::none && len_ <= 32 && validAsPrefix(address_, len_);
+        return valid ? nullptr : invalidText;
+    }
     PAVO_EXPORT void print(Mox::TextWriter& out) const;
     constexpr const char* check() const {
         return validAsPrefix(address_, len_) ? nullptr

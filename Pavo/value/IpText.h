@@ -17,7 +17,7 @@ enum class DottedFault { none, digitExpected, tooManyDigits, valueTooLarge, dotE
 /// most `mostDigits` digits, leading zeros included. Returns the first fault from the left; `bytes`
 /// may then be half-written.
 template <uint32_t mostDigits = UINT32_MAX>
-inline DottedFault readDottedQuad(Mox::TextCursor& in, uint8_t* bytes) {
+constexpr DottedFault readDottedQuad(Mox::TextCursor& in, uint8_t* bytes) {
     const char* at = in.at();
     const char* const end = in.end();
     for (int i = 0;; ++i) {
@@ -82,7 +82,7 @@ enum class LengthFault { none, missing, tooLarge };
 
 /// Reads "/" and the decimal number that must follow at once. `missing` when either is not there,
 /// `tooLarge` when the number passes 32 bits.
-inline LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
+constexpr LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
     Mox::TextCursor ahead = in;
     if (!ahead.take('/') || !ahead.atDigit()) {
         return LengthFault::missing;
@@ -97,7 +97,7 @@ inline LengthFault readLengthSuffix(Mox::TextCursor& in, uint32_t* length) {
 /// Whether "/" and a length stand at the cursor, and not "/" and a mask written as an address,
 /// whose first digits alone look like a length: "/255.0" and "/64:1" are masks, "/24: up" is a
 /// length.
-inline bool atMaskLength(Mox::TextCursor in, bool isIp6) {
+constexpr bool atMaskLength(Mox::TextCursor in, bool isIp6) {
     if (!in.take('/') || !in.atDigit()) {
         return false;
     }

@@ -28,53 +28,9 @@ inline constexpr auto hexValues = [] {
 /// A position in a text that is being parsed. A call that fails does not move it, and nothing at or
 /// past `end` is ever read.
 class TextCursor {
-  public:
-    TextCursor(const char* at, const char* end) : at_(at), end_(end) {}
-    explicit TextCursor(std::string_view text)
-        : TextCursor(text.data(), text.data() + text.size()) {}
-
-    const char* at() const { return at_; }
-    const char* end() const { return end_; }
-    bool atEnd() const { return at_ == end_; }
-    std::string_view rest() const { return {at_, static_cast<std::size_t>(end_ - at_)}; }
-
-    /// The next character, or NUL at the end.
-    char peek() const { return at_ == end_ ? '\0' : *at_; }
-    /// Moves past one character.
-    /// @pre `!atEnd()`.
-    void skip() { ++at_; }
-    void atIs(const char* at) { at_ = at; }
-
-    /// Moves past `c`, or past `literal`; false when it is not next.
-    bool take(char c) {
-        if (at_ == end_ || *at_ != c) {
-            return false;
-        }
-        ++at_;
-        return true;
-    }
-    bool take(std::string_view literal) {
-        if (rest().substr(0, literal.size()) != literal) {
-            return false;
-        }
-        at_ += literal.size();
-        return true;
-    }
-
-    bool atDigit() const { return at_ != end_ && isDigit(*at_); }
-
-    /// Reads all decimal digits from here on, without sign or blank; leading zeros are accepted.
-    /// False when there is no digit, or when the number does not fit.
-    bool decimal(uint32_t* value) { return number(value); }
-    bool decimal64(uint64_t* value) { return number(value); }
-
-    /// The value of a hexadecimal digit of either case, or -1.
-    static constexpr int hexValue(char c) { return hexValues[static_cast<unsigned char>(c)]; }
-    static constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-  private:
+    // Above its callers: clang 14 evaluates at compile time only what stands before the call.
     template <class Number>
-    bool number(Number* value) {
+    constexpr bool number(Number* value) {
         const char* at = at_;
         Number sum = 0;
         for (; at != end_ && isDigit(*at); ++at) {
@@ -91,6 +47,51 @@ class TextCursor {
         return true;
     }
 
+  public:
+    constexpr TextCursor(const char* at, const char* end) : at_(at), end_(end) {}
+    constexpr explicit TextCursor(std::string_view text)
+        : TextCursor(text.data(), text.data() + text.size()) {}
+
+    constexpr const char* at() const { return at_; }
+    constexpr const char* end() const { return end_; }
+    constexpr bool atEnd() const { return at_ == end_; }
+    constexpr std::string_view rest() const { return {at_, static_cast<std::size_t>(end_ - at_)}; }
+
+    /// The next character, or NUL at the end.
+    constexpr char peek() const { return at_ == end_ ? '\0' : *at_; }
+    /// Moves past one character.
+    /// @pre `!atEnd()`.
+    constexpr void skip() { ++at_; }
+    constexpr void atIs(const char* at) { at_ = at; }
+
+    /// Moves past `c`, or past `literal`; false when it is not next.
+    constexpr bool take(char c) {
+        if (at_ == end_ || *at_ != c) {
+            return false;
+        }
+        ++at_;
+        return true;
+    }
+    constexpr bool take(std::string_view literal) {
+        if (rest().substr(0, literal.size()) != literal) {
+            return false;
+        }
+        at_ += literal.size();
+        return true;
+    }
+
+    constexpr bool atDigit() const { return at_ != end_ && isDigit(*at_); }
+
+    /// Reads all decimal digits from here on, without sign or blank; leading zeros are accepted.
+    /// False when there is no digit, or when the number does not fit.
+    constexpr bool decimal(uint32_t* value) { return number(value); }
+    constexpr bool decimal64(uint64_t* value) { return number(value); }
+
+    /// The value of a hexadecimal digit of either case, or -1.
+    static constexpr int hexValue(char c) { return hexValues[static_cast<unsigned char>(c)]; }
+    static constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+  private:
     const char* at_;
     const char* end_;
 };
