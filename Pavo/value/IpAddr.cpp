@@ -1,7 +1,5 @@
 #include "Pavo/value/IpAddr.h"
 
-#include <algorithm>
-
 #include "toggle/toggle.h"
 
 #include "Pavo/value/EthAddr.h"
@@ -60,18 +58,6 @@ IpAddr Prefix::subnetHost(const IpAddr& host) const {
         Mox::throwRangeException("Host address too long");
     }
     return IpAddr(address_.value() | host.value());
-}
-
-std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) {
-    // As signed numbers, the length 0xffffffff is shorter than any other.
-    const auto aLen = static_cast<int32_t>(a.len_);
-    const auto bLen = static_cast<int32_t>(b.len_);
-    const int32_t shorter = std::min(aLen, bLen);
-    if (shorter > 0 &&
-        a.address_.longestCommonPrefix(b.address_) < static_cast<uint32_t>(shorter)) {
-        return a.address_ <=> b.address_;
-    }
-    return bLen <=> aLen;
 }
 
 void Prefix::print(Mox::TextWriter& out) const {

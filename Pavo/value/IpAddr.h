@@ -222,7 +222,9 @@ class Prefix : public Mox::ValueType<Prefix> {
 
     friend constexpr bool operator==(const Prefix&, const Prefix&) = default;
     /// Weak, since prefixes of the length 0xffffffff are equivalent whatever their address.
-    PAVO_EXPORT friend std::weak_ordering operator<=>(const Prefix& a, const Prefix& b);
+    friend constexpr std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) {
+        return a.orderKey() <=> b.orderKey();
+    }
 
     static constexpr const char* invalidText = "Invalid Prefix - non-zero after prefixlen";
     static constexpr auto description() {
@@ -249,6 +251,15 @@ class Prefix : public Mox::ValueType<Prefix> {
     }
 
   private:
+    // The last address of the network, then the length, the greatest first: a network comes after
+    // all that end before it does, and of those that end with it after the more specific ones. The
+    // length 0xffffffff counts as -1, which covers every address and differs in none.
+    constexpr uint64_t orderKey() const {
+        const auto len = static_cast<int32_t>(len_);
+        const uint64_t last = address_.value() | uint64_t{0xffffffff} >> (len_ & 63);
+        return len < 0 ? uint64_t{0xffffffff} << 32 | 33 : last << 32 | (32 - len_);
+    }
+
     IpAddr address_;
     uint32_t len_ = 0;
 };

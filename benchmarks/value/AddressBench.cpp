@@ -1,12 +1,15 @@
-// Address text beside the C library's.
+// Address text beside the C library's, and sorting beside that of a plain struct.
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <netinet/ether.h>
 
+#include <algorithm>
+#include <compare>
 #include <cstdio>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Pavo/EthAddr.h"
@@ -119,6 +122,45 @@ void printSnprintf(benchmark::State& state, const std::vector<Pavo::EthAddr>& va
     });
 }
 
+// What stands in for a `Prefix` elsewhere, with the order that the compiler makes.
+struct AddressAndLen {
+    uint32_t address;
+    uint32_t len;
+    friend auto operator<=>(const AddressAndLen&, const AddressAndLen&) = default;
+};
+
+template <class T>
+T makePrefix(uint32_t network, uint32_t len) {
+    if constexpr (std::is_same_v<T, Pavo::Prefix>) {
+        return Pavo::Prefix(Pavo::IpAddr(network), len);
+    } else {
+        return {network, len};
+    }
+}
+
+// As in a routing table: mostly /24, with networks that cover them.
+template <class T>
+std::vector<T> prefixes() {
+    std::mt19937 random(4);
+    std::vector<T> all;
+    for (uint32_t i = 0; i < 100'000; ++i) {
+        const uint32_t len = i % 2 == 0 ? 24 : 8 + random() % 25;
+        const auto network = static_cast<uint32_t>(random()) & ~uint32_t{0} << (32 - len);
+        all.push_back(makePrefix<T>(network, len));
+    }
+    return all;
+}
+
+template <class T>
+void sortCopies(benchmark::State& state, const std::vector<T>& values) {
+    for (auto _ : state) {
+        std::vector<T> copy = values;
+        std::sort(copy.begin(), copy.end());
+        benchmark::DoNotOptimize(copy.data());
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(values.size()));
+}
+
 const bool registered = [] {
     using benchmark::RegisterBenchmark;
     const auto ip4 = ip4Addresses();
@@ -136,6 +178,8 @@ const bool registered = [] {
     RegisterBenchmark("EthAddrParse/ether_aton_r", parseEther, eth);
     RegisterBenchmark("EthAddrPrint/pavo", printPavo<Pavo::EthAddr>, eth);
     RegisterBenchmark("EthAddrPrint/snprintf", printSnprintf, eth);
+    RegisterBenchmark("PrefixSort/pavo", sortCopies<Pavo::Prefix>, prefixes<Pavo::Prefix>());
+    RegisterBenchmark("PrefixSort/struct", sortCopies<AddressAndLen>, prefixes<AddressAndLen>());
     return true;
 }();
 
