@@ -168,7 +168,7 @@ class Eui64U8Key : public Ordinal<Eui64U8Key, uint8_t, 7> {
 
 /// A 64-bit extended identifier: eight bytes in transmission order. Text is eight two-digit
 /// lowercase hexadecimal bytes joined by ":", and is read in all forms that `EthAddr` reads, with
-/// eight bytes or four words.
+/// eight bytes or four words. Order is that of the 64-bit number.
 class Eui64 : public Mox::ValueType<Eui64> {
   public:
     constexpr Eui64() = default;
@@ -206,7 +206,7 @@ class Eui64 : public Mox::ValueType<Eui64> {
     /// Zeroes all bytes.
     constexpr void byteDelAll() { *this = Eui64(); }
 
-    friend constexpr bool operator==(const Eui64&, const Eui64&) = default;
+    friend constexpr auto operator<=>(const Eui64&, const Eui64&) = default;
 
     static constexpr auto description() {
         return Mox::record("Pavo::Eui64", Mox::field("bytes", &Eui64::bytes_));

@@ -16,6 +16,7 @@
 #include "Pavo/base/NetOrder.h"
 #include "Pavo/base/Ordinal.h"
 #include "Pavo/base/ValueFunctions.h"
+#include "Pavo/value/PrefixOps.h"
 
 namespace Pavo {
 
@@ -309,6 +310,10 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
     constexpr bool contains(const Ip6Addr& address) const {
         return address.ip6AddrMaskedByLength(len_) == address_.ip6AddrMaskedByLength(len_);
     }
+    /// All addresses of `other` lie in this network.
+    constexpr bool contains(const T& other) const {
+        return len_ <= other.len() && contains(other.address());
+    }
     /// Either contains the other's address.
     constexpr bool overlaps(const T& other) const {
         return contains(other.address()) || other.contains(address_);
@@ -408,7 +413,7 @@ static_assert(std::is_trivially_copyable_v<Ip6AddrWithFullMask> &&
               sizeof(Ip6AddrWithFullMask) == 32);
 
 /// A network: an address without host bits, and a length of at most 128.
-class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
+class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix>, public PrefixOps<Ip6Prefix> {
   public:
     constexpr Ip6Prefix() = default;
     /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
@@ -421,6 +426,12 @@ class Ip6Prefix : public Ip6AddrAndLen<Ip6Prefix> {
     explicit Ip6Prefix(std::string_view text) { readWhole(text); }
     /// @throws Mox::RangeException "len <= 128", "Ip6Prefix::validAsPrefix != true not allowed"
     Ip6Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
+
+    /// The prefix of the length `len` that `address` lies in: its host bits are cleared.
+    /// @throws Mox::RangeException "len <= 128" above
+    static constexpr Ip6Prefix containing(const Ip6Addr& address, uint32_t len) {
+        return Ip6Prefix(address.ip6AddrMaskedByLength(len), len);
+    }
 
     /// ::/0.
     constexpr bool isDefaultRoutePrefix() const { return len_ == 0 && address_.isZero(); }

@@ -16,6 +16,7 @@
 #include "Pavo/base/NetOrder.h"
 #include "Pavo/base/ValueFunctions.h"
 #include "Pavo/value/IpText.h"
+#include "Pavo/value/PrefixOps.h"
 
 namespace Pavo {
 
@@ -88,6 +89,11 @@ class IpAddr : public Mox::ValueType<IpAddr> {
         return static_cast<uint32_t>(std::countl_zero(value() ^ other.value()));
     }
 
+    /// The address with every bit past the first `len` cleared; the address itself from 32 on.
+    constexpr IpAddr ipAddrMaskedByLength(uint32_t len) const {
+        return IpAddr(len == 0 ? 0 : value() & ~uint32_t{0} << (len < 32 ? 32 - len : 0));
+    }
+
     /// The same in every process, on both word sizes. Read with the first octet least significant.
     constexpr uint32_t hash() const { return intMix(__builtin_bswap32(value())); }
 
@@ -115,6 +121,11 @@ class IpAddr : public Mox::ValueType<IpAddr> {
     uint8_t bytes_[4] = {};
 };
 static_assert(std::is_trivially_copyable_v<IpAddr> && sizeof(IpAddr) == 4 && alignof(IpAddr) == 1);
+
+/// A mask of `len` ones, at most 32, in the shape of an address.
+constexpr IpAddr ipAddrFromPrefixLen(uint32_t len) {
+    return IpAddr(0xffffffff).ipAddrMaskedByLength(len);
+}
 
 /// An address that keeps its host bits, with a mask length. No relation between the two is
 /// enforced, and any length is stored as given: 10.1.2.3/99 is a value. Ordered by address, then by
@@ -188,7 +199,7 @@ static_assert(std::is_trivially_copyable_v<IpAddrWithFullMask> && sizeof(IpAddrW
 ///
 /// The more specific prefix comes first: 10.1.0.0/16 before 10.0.0.0/8, and 0.0.0.0/0 after
 /// everything. Prefixes that differ within the shorter length are ordered by address.
-class Prefix : public Mox::ValueType<Prefix> {
+class Prefix : public Mox::ValueType<Prefix>, public PrefixOps<Prefix> {
   public:
     constexpr Prefix() = default;
     /// Valid are 32; 0 to 31 without host bits; and 0xffffffff, whatever the address.
@@ -203,6 +214,13 @@ class Prefix : public Mox::ValueType<Prefix> {
     /// @throws Mox::RangeException "Prefix::validAsPrefix != true not allowed"
     Prefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The prefix of the length `len` that `address` lies in: its host bits are cleared.
+    /// @throws Mox::RangeException "Prefix::validAsPrefix != true not allowed" above 32, except for
+    /// 0xffffffff
+    static constexpr Prefix containing(const IpAddr& address, uint32_t len) {
+        return Prefix(address.ipAddrMaskedByLength(len), len);
+    }
+
     constexpr const IpAddr& address() const { return address_; }
     constexpr uint32_t len() const { return len_; }
 
@@ -214,6 +232,19 @@ class Prefix : public Mox::ValueType<Prefix> {
     constexpr bool isHost() const { return len_ == 32; }
     /// The prefix's address is unicast.
     constexpr bool isUnicast() const { return address_.isUnicast(); }
+
+    /// `address` agrees with the prefix's in the first `len` bits; in all of them from 32 on.
+    constexpr bool contains(const IpAddr& address) const {
+        return address.ipAddrMaskedByLength(len_) == address_.ipAddrMaskedByLength(len_);
+    }
+    /// All addresses of `other` lie in this prefix.
+    constexpr bool contains(const Prefix& other) const {
+        return len_ <= other.len_ && contains(other.address_);
+    }
+    /// Some address lies in both: one of the two contains the other.
+    constexpr bool overlaps(const Prefix& other) const {
+        return contains(other.address_) || other.contains(address_);
+    }
 
     /// The prefix's address with the bits of `host`.
     /// @throws Mox::RangeException "Host address too long" when the length is 1 to 32 and `host`

@@ -46,6 +46,10 @@ class IpGenAddrAndLen : public Mox::ValueType<T> {
                address_.ip6AddrMaskedByLength(len_) ==
                    address.address().ip6AddrMaskedByLength(len_);
     }
+    /// All addresses of `other` lie in this network.
+    constexpr bool contains(const T& other) const {
+        return len_ <= other.len() && contains(other.ipGenAddr());
+    }
     /// Either contains the other's address.
     constexpr bool overlaps(const T& other) const {
         return contains(other.ipGenAddr()) || other.contains(ipGenAddr());

@@ -14,6 +14,7 @@
 #include "Pavo/value/IpAddr.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/IpGenAddrAndLen.h"
+#include "Pavo/value/PrefixOps.h"
 
 namespace Pavo {
 
@@ -55,12 +56,11 @@ static_assert(std::is_trivially_copyable_v<IpGenPrefixBase> && sizeof(IpGenPrefi
 ///
 /// Text is the family's own form, and "::/0" for an unknown family. The first ":" or "." in the
 /// text decides the family; a "/" before either, or neither, is "Invalid prefix". IPv4 text without
-/// any
-/// "/" is "premature end of Prefix type". All other errors, also for text after the length, have
-/// the texts of `Prefix` and `Ip6Prefix`.
+/// any "/" is "premature end of Prefix type". All other errors, also for text after the length,
+/// have the texts of `Prefix` and `Ip6Prefix`.
 ///
 /// Ordered by family, then as the family's prefixes are: the more specific one comes first.
-class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
+class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenPrefix> {
   public:
     constexpr IpGenPrefix() = default;
     /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" for the length 0xffffffff
@@ -81,7 +81,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     }
     /// The prefix of one host.
     constexpr explicit IpGenPrefix(const IpGenAddr& address)
-        : IpGenPrefix(address, addressBits(address.af())) {}
+        : IpGenPrefix(address, Pavo::addressBits(address.af())) {}
     /// The address from 32-bit words in host order, most significant first; IPv4 has one.
     /// @throws Mox::RangeException as the family's constructor
     constexpr IpGenPrefix(AddressFamily af, uint32_t len, uint32_t word0, uint32_t word1 = 0,
@@ -100,6 +100,14 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
     /// @throws Mox::RangeException "Invalid AddressFamily", or as the family's constructor
     IpGenPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The prefix of the length `len` that `address` lies in: its host bits are cleared.
+    /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" above 32, "Invalid IPv6 Prefix
+    /// Length" above 128, "Invalid prefix" for a length of an unknown family
+    static constexpr IpGenPrefix containing(const IpGenAddr& address, uint32_t len) {
+        const Ip6Addr network = address.address().ip6AddrMaskedByLength(len);
+        return IpGenPrefix(IpGenAddr(address.af(), network), len);
+    }
+
     /// The IPv4 prefix, or 0.0.0.0/0 when the family is another.
     constexpr Prefix v4Prefix() const { return af_ == ipv4 ? Prefix(v4Addr(), len_) : Prefix(); }
     /// The IPv6 prefix, or ::/0 when the family is another.
@@ -114,12 +122,18 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix> {
 
     PAVO_EXPORT friend std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b);
 
+    // In place of those of `PrefixOps`.
+    constexpr uint32_t addressBits() const { return Pavo::addressBits(af_); }
+    constexpr IpGenPrefix networkOf(const Ip6Addr& address, uint32_t len) const {
+        return containing(IpGenAddr(af_, address), len);
+    }
+
     static constexpr const char* typeName = "Pavo::IpGenPrefix";
     static constexpr const char* invalidText = "Invalid prefix";
     PAVO_EXPORT const char* parse(Mox::TextCursor& in);
     void print(Mox::TextWriter& out) const { printAddressAndLength(out); }
     constexpr const char* check() const {
-        if (len_ > addressBits(af_)) {
+        if (len_ > addressBits()) {
             return longLengthText();
         }
         return validAsPrefix() ? nullptr : "Invalid prefix - Non-zero after prefix length";

@@ -201,7 +201,21 @@ TEST(IpGenPrefix, ContainsAndOrdersByTheBitsThatAddressesShare) {
         EXPECT_EQ(fullMask.contains(other), shared >= len);
         const bool overlap = shared >= std::min(len, otherLen);
         EXPECT_TRUE(net.overlaps(otherNet) == overlap && otherNet.overlaps(net) == overlap);
-        EXPECT_TRUE(af == ipv4 || net.v6Prefix().overlaps(otherNet.v6Prefix()) == overlap);
+        const bool holds = shared >= len && otherLen >= len;
+        EXPECT_TRUE(net.contains(otherNet) == holds && net.supernet(upTo(len)).contains(net));
+        EXPECT_EQ(IpGenPrefix::containing(address, len), net);
+        EXPECT_EQ(rangeErrorOf([&] { (void)net.supernet(len + 1); }), "Invalid supernet length");
+        if (af == ipv4) {
+            const Prefix v4 = Prefix::containing(address.v4Addr(), len);
+            EXPECT_EQ(v4, net.v4Prefix());
+            EXPECT_EQ(v4.contains(other.v4Addr()), shared >= len);
+            EXPECT_EQ(v4.contains(otherNet.v4Prefix()), holds);
+            EXPECT_EQ(v4.overlaps(otherNet.v4Prefix()), overlap);
+        } else {
+            EXPECT_EQ(Ip6Prefix::containing(a, len), net.v6Prefix());
+            EXPECT_EQ(net.v6Prefix().contains(otherNet.v6Prefix()), holds);
+            EXPECT_EQ(net.v6Prefix().overlaps(otherNet.v6Prefix()), overlap);
+        }
         EXPECT_EQ(net < otherNet, overlap ? len > otherLen : a < b);
 
         const bool valid = a == net.address();

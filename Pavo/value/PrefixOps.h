@@ -1,0 +1,124 @@
+/// @file
+/// The networks above and below a prefix, for the prefix types of all families.
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <utility>
+
+#include "Mox/Exception.h"
+
+namespace Pavo {
+
+/// The address next to the last one of the network; zero when that is the last of all. `len` is at
+/// most that of an address.
+template <class Address>
+constexpr Address addressAfterNetwork(const Address& network, uint32_t len) {
+    if constexpr (sizeof(Address) == 4) {
+        return Address(network.value() + (len == 0 ? 0 : uint32_t{1} << (32 - len)));
+    } else {
+        const uint64_t low = network.u64(1) + (len > 64 ? uint64_t{1} << (128 - len) : 0);
+        const bool isHighStep = len > 64 ? low == 0 : len > 0;
+        const uint64_t step = isHighStep ? uint64_t{1} << (len > 64 ? 0 : 64 - len) : 0;
+        return Address(network.u64(0) + step, low);
+    }
+}
+
+/// The networks of one length that a prefix consists of, in ascending order of address:
+/// `for (const Prefix& subnet : prefix.subnets(24))`. Each is made when the loop comes to it, so
+/// that a range of 2^128 takes no memory either.
+template <class T>
+class Subnets {
+  public:
+    class Iterator {
+      public:
+        using value_type = T;
+        using difference_type = std::ptrdiff_t;
+        using iterator_concept = std::forward_iterator_tag;
+        using iterator_category = std::input_iterator_tag;
+
+        constexpr Iterator() = default;
+        constexpr Iterator(const T& whole, uint32_t len)
+            : whole_(whole), at_(whole.networkOf(whole.address(), len)) {}
+
+        constexpr T operator*() const { return at_; }
+        constexpr Iterator& operator++() {
+            const auto next = addressAfterNetwork(at_.address(), at_.len());
+            at_ = whole_.networkOf(next, at_.len());
+            // After the last network of all addresses comes the first.
+            isAtEnd_ = next == whole_.address() || !whole_.contains(at_);
+            return *this;
+        }
+        constexpr Iterator operator++(int) {
+            const Iterator before = *this;
+            ++*this;
+            return before;
+        }
+
+        friend constexpr bool operator==(const Iterator&, const Iterator&) = default;
+        friend constexpr bool operator==(const Iterator& it, std::default_sentinel_t) {
+            return it.isAtEnd_;
+        }
+
+      private:
+        T whole_;
+        T at_;
+        bool isAtEnd_ = false;
+    };
+
+    constexpr Subnets(const T& whole, uint32_t len) : begin_(whole, len) {}
+
+    constexpr Iterator begin() const { return begin_; }
+    constexpr std::default_sentinel_t end() const { return {}; }
+
+  private:
+    Iterator begin_;
+};
+
+/// A base of prefix type `T`, which needs `address()`, `len()`, `contains(const T&)` and
+/// `containing(address, len)`, and, for several families, `addressBits` and `networkOf` of its own.
+template <class T>
+class PrefixOps {
+  public:
+    /// The prefix of the length `len` that covers this one.
+    /// @throws Mox::RangeException "Invalid supernet length" for a `len` above this one's own
+    constexpr T supernet(uint32_t len) const {
+        if (len > ownLen()) {
+            Mox::throwRangeException("Invalid supernet length");
+        }
+        return self().networkOf(self().address(), len);
+    }
+    /// The prefixes of the length `len` that this one consists of, itself for its own length.
+    /// @throws Mox::RangeException "Invalid subnet length" for a `len` below this one's own, or
+    /// above that of an address
+    constexpr Subnets<T> subnets(uint32_t len) const {
+        if (len < ownLen() || len > self().addressBits()) {
+            Mox::throwRangeException("Invalid subnet length");
+        }
+        return Subnets<T>(self(), len);
+    }
+
+    /// The length of an address of the family.
+    static constexpr uint32_t addressBits() { return 8 * sizeof(std::declval<T>().address()); }
+    // The prefix of the family that `address` lies in.
+    template <class Address>
+    static constexpr T networkOf(const Address& address, uint32_t len) {
+        return T::containing(address, len);
+    }
+
+    // The defaulted comparisons of T compare this empty base too.
+    template <std::same_as<PrefixOps> Base>
+    friend constexpr bool operator==(const Base&, const Base&) {
+        return true;
+    }
+
+  private:
+    constexpr const T& self() const { return static_cast<const T&>(*this); }
+    // A `Prefix` of the length 0xffffffff is one address.
+    constexpr uint32_t ownLen() const { return std::min(self().len(), self().addressBits()); }
+};
+
+}  // namespace Pavo
