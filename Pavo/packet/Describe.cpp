@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <iterator>
 #include <locale>
 
 #include "Pavo/packet/DescribeLayers.h"

@@ -91,7 +91,8 @@ class PktDescription {
 /// is `computed`, which is not 0.
 uint16_t rightChecksum(uint16_t field, uint16_t computed);
 
-// Layers. Each begins at the first byte of its header.
+// Layers. Each begins at the first byte of its header. A new one is declared here and gets a row in
+// the table of EtherTypes (Describe.cpp) or of protocol numbers (DescribeIp.cpp).
 void describeEthernet(PktDescription& description);
 void describeMpls(PktDescription& description);
 /// IPv4 or IPv6, by its version.
