@@ -82,8 +82,8 @@ class NetBytes<8> : public NetBytes<4> {
 };
 
 /// A field of a header: a `Number` in network order, as the type `T`, which derives from it and
-/// adds its `typeName`. Strep and hash are those of a record of the bytes `v0`, `v1` and on; a
-/// field of one byte has its number as text. The log holds the bytes as they are, without widening.
+/// adds its `typeName`. Strep and hash are those of a record of the bytes `v0`, `v1` and on. The
+/// log holds the bytes as they are, without widening.
 template <class T, std::unsigned_integral Number>
 class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     using Bytes = NetBytes<sizeof(Number)>;
@@ -121,15 +121,6 @@ class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     static constexpr auto description() {
         return describe(std::make_index_sequence<sizeof(Number)>());
     }
-    const char* parse(Mox::TextCursor& in) requires(sizeof(Number) == 1) {
-        uint32_t number = 0;
-        if (!in.decimal(&number) || number > 0xff) {
-            return T::invalidText;
-        }
-        this->v0_ = static_cast<uint8_t>(number);
-        return nullptr;
-    }
-    void print(Mox::TextWriter& out) const requires(sizeof(Number) == 1) { out.decimal(this->v0_); }
     void toLog(Mox::NboAttrLog::Out& out) const {
         out.raw(static_cast<const Bytes*>(this), sizeof(Bytes));
     }
@@ -143,11 +134,21 @@ class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     }
 };
 
+/// A byte, whose text is its number.
 class NetU8 : public NetField<NetU8, uint8_t> {
   public:
     using NetField::NetField;
 
     static constexpr std::string_view typeName = "Pavo::NetU8";
+    const char* parse(Mox::TextCursor& in) {
+        uint32_t number = 0;
+        if (!in.decimal(&number) || number > 0xff) {
+            return invalidText;
+        }
+        valueIs(static_cast<uint8_t>(number));
+        return nullptr;
+    }
+    void print(Mox::TextWriter& out) const { out.decimal(value()); }
 };
 
 class NetU16 : public NetField<NetU16, uint16_t> {
