@@ -11,9 +11,7 @@ namespace {
 
 const EthAddr sampleMac(0x0011, 0x220a, 0x0b0c);
 
-EthAddr mac(const char* text) {
-    return Mox::fromText<EthAddr>(text);
-}
+constexpr auto mac = Mox::fromText<EthAddr>;
 
 TEST(EthAddr, KeepsTheValueLaws) {
     expectValueLaws<EthAddr>({EthAddr(), EthAddr(0, 0, 1), sampleMac, EthAddr(0x0012, 0, 0),
@@ -50,10 +48,7 @@ TEST(EthAddr, ReadsOneSeparatorThroughout) {
 }
 
 TEST(EthAddr, SortsMacsIntoTheirKinds) {
-    const struct {
-        const char* kinds;
-        std::vector<const char*> macs;
-    } cases[] = {
+    const std::pair<const char*, std::vector<const char*>> cases[] = {
         {"unicast ", {"00:11:22:0a:0b:0c", "fe:ff:ff:ff:ff:ff"}},
         {"broadcast ", {"ff:ff:ff:ff:ff:ff"}},
         {"multicast ", {"ff:ff:ff:ff:ff:fe", "33:32:00:00:00:01", "01:80:c1:ff:ff:ff"}},
@@ -64,8 +59,8 @@ TEST(EthAddr, SortsMacsIntoTheirKinds) {
         {"multicast IPv4 ", {"01:00:5e:00:01:00", "01:00:5e:7f:ff:ff"}},
         {"multicast constrained ", {"01:80:c2:00:00:00", "01:80:c2:00:00:0f", "01:00:0c:cc:cc:cd"}},
     };
-    for (const auto& c : cases) {
-        for (const char* text : c.macs) {
+    for (const auto& [expected, macs] : cases) {
+        for (const char* text : macs) {
             const EthAddr value = mac(text);
             std::string kinds;
             kinds += value.isUnicast() ? "unicast " : "";
@@ -75,7 +70,7 @@ TEST(EthAddr, SortsMacsIntoTheirKinds) {
             kinds += isIpMcastMacAddr(value) ? "IPv4 " : "";
             kinds += value.isIp4LinkLocalMulticast() ? "IPv4-local " : "";
             kinds += value.isIEEELinkConstrained() ? "constrained " : "";
-            EXPECT_EQ(kinds, c.kinds) << text;
+            EXPECT_EQ(kinds, expected) << text;
         }
     }
 }

@@ -8,9 +8,7 @@
 namespace Pavo {
 namespace {
 
-Ip6Addr ip6(const char* text) {
-    return Mox::fromText<Ip6Addr>(text);
-}
+constexpr auto ip6 = Mox::fromText<Ip6Addr>;
 
 TEST(Ip6Addr, KeepsTheValueLaws) {
     expectValueLawsOf<Ip6Addr>({"::", "::1", "::102:304", "::ffff:10.1.2.3", "::1:0:0:0:0",

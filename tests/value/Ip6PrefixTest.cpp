@@ -6,12 +6,8 @@
 namespace Pavo {
 namespace {
 
-Ip6Addr ip6(const char* text) {
-    return Mox::fromText<Ip6Addr>(text);
-}
-Ip6AddrWithMask withMask(const char* text) {
-    return Mox::fromText<Ip6AddrWithMask>(text);
-}
+constexpr auto ip6 = Mox::fromText<Ip6Addr>;
+constexpr auto withMask = Mox::fromText<Ip6AddrWithMask>;
 
 // A network follows all addresses and networks in it, with host bits or without.
 TEST(Ip6AddrWithMask, KeepsTheValueLaws) {

@@ -12,9 +12,7 @@
 namespace Pavo {
 namespace {
 
-IpAddr ip(const char* text) {
-    return Mox::fromText<IpAddr>(text);
-}
+constexpr auto ip = Mox::fromText<IpAddr>;
 
 TEST(IpAddr, KeepsTheValueLaws) {
     expectValueLawsOf<IpAddr>({"0.0.0.0", "0.0.0.1", "1.2.3.4", "10.0.0.1", "127.255.255.255",

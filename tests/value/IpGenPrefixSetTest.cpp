@@ -7,9 +7,7 @@
 namespace Pavo {
 namespace {
 
-IpGenPrefix prefix(const char* text) {
-    return Mox::fromText<IpGenPrefix>(text);
-}
+constexpr auto prefix = Mox::fromText<IpGenPrefix>;
 
 TEST(IpGenPrefixSet, NotifiesOnceOfEachChange) {
     const auto config = ipGenPrefixSetConfigFactory("peers");

@@ -14,24 +14,12 @@
 namespace Pavo {
 namespace {
 
-IpAddr ip(const char* text) {
-    return Mox::fromText<IpAddr>(text);
-}
-Ip6Addr ip6(const char* text) {
-    return Mox::fromText<Ip6Addr>(text);
-}
-IpGenAddr gen(const char* text) {
-    return Mox::fromText<IpGenAddr>(text);
-}
-IpGenPrefix prefix(const char* text) {
-    return Mox::fromText<IpGenPrefix>(text);
-}
-IpGenAddrWithMask withMask(const char* text) {
-    return Mox::fromText<IpGenAddrWithMask>(text);
-}
-IpGenAddrWithFullMask fullMask(const char* text) {
-    return Mox::fromText<IpGenAddrWithFullMask>(text);
-}
+constexpr auto ip = Mox::fromText<IpAddr>;
+constexpr auto ip6 = Mox::fromText<Ip6Addr>;
+constexpr auto gen = Mox::fromText<IpGenAddr>;
+constexpr auto prefix = Mox::fromText<IpGenPrefix>;
+constexpr auto withMask = Mox::fromText<IpGenAddrWithMask>;
+constexpr auto fullMask = Mox::fromText<IpGenAddrWithFullMask>;
 
 constexpr const char* nonZeroText = "Invalid Prefix - non-zero after prefixlen";
 constexpr const char* noEnd = "premature end of Prefix type";
