@@ -20,7 +20,8 @@
 ///     // With `print` alone: reads what it prints. Texts read as a whole may then have this form
 ///     // too; `stringValueIs` and `tryParse` take what is no record for it.
 ///     const char* parseText(Mox::TextCursor&);
-///     // The rules between fields, checked when a record or a log has been read. A constructor from
+///     // The rules between fields, checked when a record or a log has been read. A constructor
+///     from
 ///     // parts calls `requireValid`, which throws the text.
 ///     const char* check() const;
 ///     // The error for text after the value, where it depends on the value.
@@ -71,6 +72,10 @@ concept HasPrint = requires(const T& value, TextWriter& out) {
     value.print(out);
 };
 template <class T>
+concept HasTextForm = requires(T& value, TextCursor& in) {
+    { value.parseText(in) } -> std::same_as<const char*>;
+};
+template <class T>
 concept HasCheck = requires(const T& value) {
     { value.check() } -> std::same_as<const char*>;
 };
@@ -88,7 +93,7 @@ concept HasLogForm = requires(const T& value, T& target, NboAttrLog::Out& out, N
 namespace Detail {
 
 struct HookNames {
-    int parse, print, check, parseStrep, printStrep, toLog, fromLog;
+    int parse, print, parseText, check, parseStrep, printStrep, toLog, fromLog;
 };
 // A name is ambiguous in this class when `T` has a member of that name, which may be private.
 template <class T>
@@ -105,6 +110,9 @@ consteval bool hooksFit() {
     static_assert(
         HasPrint<T> || requires { &Probe::print; },
         "the hook is `void print(Mox::TextWriter&) const`, and public");
+    static_assert(
+        HasTextForm<T> || requires { &Probe::parseText; },
+        "the hook is `const char* parseText(Mox::TextCursor&)`, and public");
     static_assert(
         HasCheck<T> || requires { &Probe::check; },
         "the hook is `const char* check() const`, and public");
@@ -138,11 +146,6 @@ const char* parseValue(TextCursor& in, T* value) {
         return error;
     }
 }
-
-template <class T>
-concept HasTextForm = requires(T& value, TextCursor& in) {
-    { value.parseText(in) } -> std::same_as<const char*>;
-};
 
 /// Reads the whole of `text`, which is a strep, or a text of the type's own. Returns as
 /// `parseValue` does.
