@@ -72,15 +72,17 @@ class Eth8021QHdr {
     /// 0 to 4095.
     uint16_t vlanId() const { return tci() & vlanIdMask; }
     /// Uses the low 12 bits.
-    void vlanIdIs(uint16_t vlanId) { bitsIs(vlanIdMask, vlanId & vlanIdMask); }
+    void vlanIdIs(uint16_t vlanId) { tci_.bitsIs(vlanIdMask, vlanId); }
     /// 0 to 7.
     uint8_t priority() const { return static_cast<uint8_t>(tci() >> priorityShift); }
     /// Uses the low 3 bits.
     void priorityIs(uint8_t priority) {
-        bitsIs(static_cast<uint16_t>(7u << priorityShift), (priority & 7u) << priorityShift);
+        tci_.bitsIs(7u << priorityShift, uint32_t{priority} << priorityShift);
     }
     bool dropEligible() const { return (tci() & dropEligibleBit) != 0; }
-    void dropEligibleIs(bool eligible) { bitsIs(dropEligibleBit, eligible ? dropEligibleBit : 0); }
+    void dropEligibleIs(bool eligible) {
+        tci_.bitsIs(dropEligibleBit, eligible ? dropEligibleBit : 0);
+    }
     /// One of `EthType`, or the length of an LLC frame.
     uint16_t type() const { return type_.value(); }
     void typeIs(uint16_t type) { type_.valueIs(type); }
@@ -92,10 +94,6 @@ class Eth8021QHdr {
     static constexpr uint16_t vlanIdMask = 0x0fff;
     static constexpr uint16_t dropEligibleBit = 0x1000;
     static constexpr int priorityShift = 13;
-
-    void bitsIs(uint16_t mask, uint32_t bits) {
-        tci_.valueIs(static_cast<uint16_t>((tci() & ~mask) | bits));
-    }
 
     NetU16 tci_;
     NetU16 type_;
@@ -142,13 +140,6 @@ inline Mox::Ptr<EthHdrWrapper> ethHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, ui
 inline Mox::Ptr<Eth8021QHdrWrapper> eth8021QHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt,
                                                               uint32_t offset) {
     return Mox::make<Eth8021QHdrWrapper>(pkt, offset);
-}
-
-inline HdrView<EthHdr> tryEthHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<EthHdr>(pkt, offset);
-}
-inline HdrView<Eth8021QHdr> tryEth8021QHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Eth8021QHdr>(pkt, offset);
 }
 
 }  // namespace Pavo

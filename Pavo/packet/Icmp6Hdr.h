@@ -184,11 +184,4 @@ inline Mox::Ptr<Icmp6EchoHdrWrapper> icmp6EchoHdrWrapperFactory(const Mox::Ptr<P
     return Mox::make<Icmp6EchoHdrWrapper>(pkt, offset);
 }
 
-inline HdrView<Icmp6Hdr> tryIcmp6Hdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Icmp6Hdr>(pkt, offset);
-}
-inline HdrView<Icmp6EchoHdr> tryIcmp6EchoHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Icmp6EchoHdr>(pkt, offset);
-}
-
 }  // namespace Pavo

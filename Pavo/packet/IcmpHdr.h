@@ -203,11 +203,4 @@ inline Mox::Ptr<IcmpEchoHdrWrapper> icmpEchoHdrWrapperFactory(const Mox::Ptr<Pkt
     return Mox::make<IcmpEchoHdrWrapper>(pkt, offset);
 }
 
-inline HdrView<IcmpHdr> tryIcmpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<IcmpHdr>(pkt, offset);
-}
-inline HdrView<IcmpEchoHdr> tryIcmpEchoHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<IcmpEchoHdr>(pkt, offset);
-}
-
 }  // namespace Pavo

@@ -43,14 +43,15 @@ class Ip6Hdr {
 
     IpVersion version() const { return first_.value() >> versionShift; }
     void versionIs(IpVersion version) {
-        firstIs(~0u << versionShift, uint32_t{version.value()} << versionShift);
+        first_.bitsIs(~0u << versionShift, uint32_t{version.value()} << versionShift);
     }
     IpTrafficClass trafficClass() const { return first_.value() >> trafficClassShift & 0xff; }
     void trafficClassIs(IpTrafficClass trafficClass) {
-        firstIs(0xffu << trafficClassShift, uint32_t{trafficClass.value()} << trafficClassShift);
+        first_.bitsIs(0xffu << trafficClassShift,
+                      uint32_t{trafficClass.value()} << trafficClassShift);
     }
     IpFlowLabel flowLabel() const { return first_.value() & IpFlowLabel::max; }
-    void flowLabelIs(IpFlowLabel label) { firstIs(IpFlowLabel::max, label.value()); }
+    void flowLabelIs(IpFlowLabel label) { first_.bitsIs(IpFlowLabel::max, label.value()); }
 
     /// What follows these 40 bytes, extension headers included, in bytes.
     uint16_t payloadLen() const { return payloadLen_.value(); }
@@ -86,8 +87,6 @@ class Ip6Hdr {
   private:
     static constexpr int versionShift = 28;
     static constexpr int trafficClassShift = 20;
-
-    void firstIs(uint32_t mask, uint32_t bits) { first_.valueIs((first_.value() & ~mask) | bits); }
 
     IpVersionTrafficClassAndFlowLabel first_;
     NetU16 payloadLen_;
@@ -325,24 +324,6 @@ inline Mox::Ptr<Ip6HdrPadNWrapper> ip6HdrPadNWrapperFactory(const Mox::Ptr<Pkt>&
 inline Mox::Ptr<Ip6HdrRouterAlertOptionWrapper> ip6HdrRouterAlertOptionWrapperFactory(
     const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
     return Mox::make<Ip6HdrRouterAlertOptionWrapper>(pkt, offset);
-}
-
-inline HdrView<Ip6Hdr> tryIp6Hdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Ip6Hdr>(pkt, offset);
-}
-inline HdrView<Ip6HdrOptionCommon> tryIp6HdrOptionCommon(const Mox::Ptr<Pkt>& pkt,
-                                                         uint32_t offset) {
-    return tryHdr<Ip6HdrOptionCommon>(pkt, offset);
-}
-inline HdrView<Ip6HdrPad1> tryIp6HdrPad1(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Ip6HdrPad1>(pkt, offset);
-}
-inline HdrView<Ip6HdrPadN> tryIp6HdrPadN(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<Ip6HdrPadN>(pkt, offset);
-}
-inline HdrView<Ip6HdrRouterAlertOption> tryIp6HdrRouterAlertOption(const Mox::Ptr<Pkt>& pkt,
-                                                                   uint32_t offset) {
-    return tryHdr<Ip6HdrRouterAlertOption>(pkt, offset);
 }
 
 }  // namespace Pavo

@@ -140,18 +140,19 @@ class IpHdr {
 
     /// In units of 8 bytes.
     IpFragmentOffset fragmentOffset() const { return fragment_.value() & offsetMask; }
-    void fragmentOffsetIs(IpFragmentOffset offset) { fragmentIs(offsetMask, offset.value()); }
+    void fragmentOffsetIs(IpFragmentOffset offset) { fragment_.bitsIs(offsetMask, offset.value()); }
     IpFlags flags() const { return fragment_.value() >> flagsShift; }
     void flagsIs(IpFlags flags) {
-        fragmentIs(static_cast<uint16_t>(~offsetMask),
-                   static_cast<uint16_t>(flags.value() << flagsShift));
+        fragment_.bitsIs(flagsMask, uint32_t{flags.value()} << flagsShift);
     }
     bool moreFrag() const { return (fragment_.value() & moreFragBit) != 0; }
-    void moreFragIs(bool more) { fragmentIs(moreFragBit, more ? moreFragBit : 0); }
+    void moreFragIs(bool more) { fragment_.bitsIs(moreFragBit, more ? moreFragBit : 0); }
     bool dontFrag() const { return (fragment_.value() & dontFragBit) != 0; }
-    void dontFragIs(bool dont) { fragmentIs(dontFragBit, dont ? dontFragBit : 0); }
+    void dontFragIs(bool dont) { fragment_.bitsIs(dontFragBit, dont ? dontFragBit : 0); }
     bool reservedFragFlag() const { return (fragment_.value() & reservedBit) != 0; }
-    void reservedFragFlagIs(bool reserved) { fragmentIs(reservedBit, reserved ? reservedBit : 0); }
+    void reservedFragFlagIs(bool reserved) {
+        fragment_.bitsIs(reservedBit, reserved ? reservedBit : 0);
+    }
 
     IpTtl ttl() const { return ttl_; }
     void ttlIs(IpTtl ttl) { ttl_ = ttl; }
@@ -194,11 +195,8 @@ class IpHdr {
     static constexpr uint16_t dontFragBit = 0x4000;
     static constexpr uint16_t moreFragBit = 0x2000;
     static constexpr uint16_t offsetMask = 0x1fff;
+    static constexpr uint16_t flagsMask = 0xe000;
     static constexpr int flagsShift = 13;
-
-    void fragmentIs(uint16_t mask, uint16_t bits) {
-        fragment_.valueIs(static_cast<uint16_t>((fragment_.value() & ~mask) | bits));
-    }
 
     IpVersionAndHeaderLen versionAndHeaderLen_;
     uint8_t tos_ = 0;
@@ -320,17 +318,6 @@ inline Mox::Ptr<IpHdrOptionCommonWrapper> ipHdrOptionCommonWrapperFactory(const 
 inline Mox::Ptr<IpHdrRouterAlertOptionWrapper> ipHdrRouterAlertOptionWrapperFactory(
     const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
     return Mox::make<IpHdrRouterAlertOptionWrapper>(pkt, offset);
-}
-
-inline HdrView<IpHdr> tryIpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<IpHdr>(pkt, offset);
-}
-inline HdrView<IpHdrOptionCommon> tryIpHdrOptionCommon(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<IpHdrOptionCommon>(pkt, offset);
-}
-inline HdrView<IpHdrRouterAlertOption> tryIpHdrRouterAlertOption(const Mox::Ptr<Pkt>& pkt,
-                                                                 uint32_t offset) {
-    return tryHdr<IpHdrRouterAlertOption>(pkt, offset);
 }
 
 }  // namespace Pavo

@@ -88,8 +88,4 @@ inline Mox::Ptr<MplsHdrWrapper> mplsHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, 
     return Mox::make<MplsHdrWrapper>(pkt, offset);
 }
 
-inline HdrView<MplsHdr> tryMplsHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<MplsHdr>(pkt, offset);
-}
-
 }  // namespace Pavo

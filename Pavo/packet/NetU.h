@@ -88,6 +88,7 @@ template <class T, std::unsigned_integral Number>
 class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
     using Bytes = NetBytes<sizeof(Number)>;
     using Image = std::array<uint8_t, sizeof(Number)>;
+    using Bits = std::common_type_t<Number, uint32_t>;  // Which a narrower number is promoted to.
 
   public:
     using typename Mox::ValueType<T>::TextIt;
@@ -108,6 +109,10 @@ class NetField : public Mox::ValueType<T>, public NetBytes<sizeof(Number)> {
         Image image{};
         storeNet(image.data(), value);
         static_cast<Bytes&>(*this) = std::bit_cast<Bytes>(image);
+    }
+    /// Replaces the bits that are set in `mask` by those of `bits`; the others stay.
+    constexpr void bitsIs(Bits mask, Bits bits) {
+        valueIs(static_cast<Number>((value() & ~mask) | (bits & mask)));
     }
 
     // The first byte that differs decides, which is the order of the numbers.

@@ -89,8 +89,4 @@ inline Mox::Ptr<SctpHdrWrapper> sctpHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, 
     return Mox::make<SctpHdrWrapper>(pkt, offset);
 }
 
-inline HdrView<SctpHdr> trySctpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<SctpHdr>(pkt, offset);
-}
-
 }  // namespace Pavo

@@ -158,35 +158,36 @@ class TcpHdr {
 
     TcpDataOffset dataOffset() const { return dataOffsetAndFlags_.value() >> dataOffsetShift; }
     void dataOffsetIs(TcpDataOffset words) {
-        bitsAre(0xf << dataOffsetShift, words.value() << dataOffsetShift);
+        dataOffsetAndFlags_.bitsIs(0xf << dataOffsetShift,
+                                   uint32_t{words.value()} << dataOffsetShift);
     }
     /// The length of header and options, in bytes: 0 to 60.
     uint16_t headerBytes() const { return static_cast<uint16_t>(dataOffset().value() * 4); }
     TcpReserved reserved() const { return dataOffsetAndFlags_.value() >> reservedShift & 7; }
     void reservedIs(TcpReserved reserved) {
-        bitsAre(7 << reservedShift, reserved.value() << reservedShift);
+        dataOffsetAndFlags_.bitsIs(7 << reservedShift, uint32_t{reserved.value()} << reservedShift);
     }
     /// The nonce sum of RFC 3540, which RFC 9768 calls AE.
     bool ns() const { return (dataOffsetAndFlags_.value() & nsBit) != 0; }
-    void nsIs(bool ns) { bitsAre(nsBit, ns ? nsBit : 0); }
+    void nsIs(bool ns) { dataOffsetAndFlags_.bitsIs(nsBit, ns ? nsBit : 0); }
     /// Congestion window reduced (RFC 3168).
     bool cwr() const { return (dataOffsetAndFlags_.value() & cwrBit) != 0; }
-    void cwrIs(bool cwr) { bitsAre(cwrBit, cwr ? cwrBit : 0); }
+    void cwrIs(bool cwr) { dataOffsetAndFlags_.bitsIs(cwrBit, cwr ? cwrBit : 0); }
     /// Congestion echo (RFC 3168).
     bool ece() const { return (dataOffsetAndFlags_.value() & eceBit) != 0; }
-    void eceIs(bool ece) { bitsAre(eceBit, ece ? eceBit : 0); }
+    void eceIs(bool ece) { dataOffsetAndFlags_.bitsIs(eceBit, ece ? eceBit : 0); }
     bool urg() const { return (dataOffsetAndFlags_.value() & urgBit) != 0; }
-    void urgIs(bool urg) { bitsAre(urgBit, urg ? urgBit : 0); }
+    void urgIs(bool urg) { dataOffsetAndFlags_.bitsIs(urgBit, urg ? urgBit : 0); }
     bool ack() const { return (dataOffsetAndFlags_.value() & ackBit) != 0; }
-    void ackIs(bool ack) { bitsAre(ackBit, ack ? ackBit : 0); }
+    void ackIs(bool ack) { dataOffsetAndFlags_.bitsIs(ackBit, ack ? ackBit : 0); }
     bool psh() const { return (dataOffsetAndFlags_.value() & pshBit) != 0; }
-    void pshIs(bool psh) { bitsAre(pshBit, psh ? pshBit : 0); }
+    void pshIs(bool psh) { dataOffsetAndFlags_.bitsIs(pshBit, psh ? pshBit : 0); }
     bool rst() const { return (dataOffsetAndFlags_.value() & rstBit) != 0; }
-    void rstIs(bool rst) { bitsAre(rstBit, rst ? rstBit : 0); }
+    void rstIs(bool rst) { dataOffsetAndFlags_.bitsIs(rstBit, rst ? rstBit : 0); }
     bool syn() const { return (dataOffsetAndFlags_.value() & synBit) != 0; }
-    void synIs(bool syn) { bitsAre(synBit, syn ? synBit : 0); }
+    void synIs(bool syn) { dataOffsetAndFlags_.bitsIs(synBit, syn ? synBit : 0); }
     bool fin() const { return (dataOffsetAndFlags_.value() & finBit) != 0; }
-    void finIs(bool fin) { bitsAre(finBit, fin ? finBit : 0); }
+    void finIs(bool fin) { dataOffsetAndFlags_.bitsIs(finBit, fin ? finBit : 0); }
 
     /// In bytes, before scaling.
     uint16_t window() const { return window_.value(); }
@@ -235,11 +236,6 @@ class TcpHdr {
     static constexpr uint16_t rstBit = 1 << 2;
     static constexpr uint16_t synBit = 1 << 1;
     static constexpr uint16_t finBit = 1 << 0;
-
-    void bitsAre(int mask, int bits) {
-        dataOffsetAndFlags_.valueIs(
-            static_cast<uint16_t>((dataOffsetAndFlags_.value() & ~mask) | bits));
-    }
 
     TcpPort srcPort_;
     TcpPort dstPort_;
@@ -293,10 +289,6 @@ inline Mox::Ptr<TcpHdrWrapper> tcpHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, ui
 inline Mox::Ptr<TcpHdrWrapperIpv6> tcpHdrWrapperIpv6Factory(const Mox::Ptr<Pkt>& pkt,
                                                             uint32_t offset) {
     return Mox::make<TcpHdrWrapperIpv6>(pkt, offset);
-}
-
-inline HdrView<TcpHdr> tryTcpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<TcpHdr>(pkt, offset);
 }
 
 }  // namespace Pavo

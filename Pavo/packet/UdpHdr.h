@@ -153,8 +153,4 @@ inline Mox::Ptr<UdpHdrWrapperIpv6> udpHdrWrapperIpv6Factory(const Mox::Ptr<Pkt>&
     return Mox::make<UdpHdrWrapperIpv6>(pkt, offset);
 }
 
-inline HdrView<UdpHdr> tryUdpHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
-    return tryHdr<UdpHdr>(pkt, offset);
-}
-
 }  // namespace Pavo

@@ -63,12 +63,13 @@ std::optional<Packet> readPacket(const Mox::Ptr<Pavo::Pkt>& pkt, const Pavo::Raw
     packet.tos = pam.rxTOS();
     packet.bytes = pkt->totalBytes();
     if (packet.from.af() == Pavo::ipv6) {  // The kernel has looked at the checksum.
-        return take<Pavo::Icmp6Type>(Pavo::tryIcmp6EchoHdr(pkt, 0), &packet) ? std::optional(packet)
-                                                                             : std::nullopt;
+        return take<Pavo::Icmp6Type>(Pavo::tryHdr<Pavo::Icmp6EchoHdr>(pkt, 0), &packet)
+                   ? std::optional(packet)
+                   : std::nullopt;
     }
-    const auto ip = Pavo::tryIpHdr(pkt, 0);
+    const auto ip = Pavo::tryHdr<Pavo::IpHdr>(pkt, 0);
     packet.headerBytes = ip ? ip->headerBytes() : 0;
-    const auto icmp = Pavo::tryIcmpEchoHdr(pkt, packet.headerBytes);
+    const auto icmp = Pavo::tryHdr<Pavo::IcmpEchoHdr>(pkt, packet.headerBytes);
     const bool isSound = ip && take<Pavo::IcmpType>(icmp, &packet) &&
                          icmp->computedChecksum(ip->payloadLen()) == Pavo::IpChecksum();
     return isSound ? std::optional(packet) : std::nullopt;

@@ -59,7 +59,7 @@ void Courier::takeFrame() {
     if (!pkt) {
         return;
     }
-    const auto eth = Pavo::tryEthHdr(pkt, 0);
+    const auto eth = Pavo::tryHdr<Pavo::EthHdr>(pkt, 0);
     if (!eth || eth->type() != ethType || eth->dst() != config_.own || eth->src() != config_.peer) {
         return;
     }

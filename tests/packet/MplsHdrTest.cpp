@@ -32,8 +32,8 @@ TEST(MplsHdr, ReadsAndWritesWhatLiesInThePacket) {
     mpls->bosIs(true);
     mpls->ttlIs(255);
     EXPECT_EQ(Mox::Bytes(pkt->frontData(), 6), (Mox::Bytes{0xee, 0xfe, 0xdc, 0xb5, 0xff, 0xee}));
-    EXPECT_TRUE(tryMplsHdr(pkt, 2));
-    EXPECT_EQ(tryMplsHdr(pkt, 3).error(), PktErrors::pktTooShort);
+    EXPECT_TRUE(tryHdr<MplsHdr>(pkt, 2));
+    EXPECT_EQ(tryHdr<MplsHdr>(pkt, 3).error(), PktErrors::pktTooShort);
 }
 
 }  // namespace
