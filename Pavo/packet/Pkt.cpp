@@ -30,26 +30,6 @@ void copyBytes(uint8_t* to, const void* from, uint32_t bytes) {
 
 }  // namespace
 
-void Pkt::zeroReferencesIs(bool zero) {
-    const bool isSole = sharedBuffer_ && sharedBuffer_->references() == 1;
-    if (!zero || !isSole || !PktPool::give(this)) {
-        PtrInterface::zeroReferencesIs(zero);
-    }
-}
-
-// Back to what a new packet is.
-void Pkt::clear() {
-    privateData_ = privateArea_ + privateAreaBytes;
-    privateDataBytes_ = 0;
-    iovecs_[0] = {};
-    firstIoVec_ = 1;
-    sharedBuffer_->placeEmptyData(/*tailRoom=*/0);
-    updateSharedIovec();
-    separateVlanTci_ = 0;
-    separateVlanTpid_ = 0;
-    hasSeparateVlanTag_ = false;
-}
-
 Pkt::Pkt() {}
 
 Pkt::~Pkt() {
@@ -105,20 +85,17 @@ uint32_t Pkt::maxSharedData() const {
     return sharedBuffer_ ? sharedBuffer_->size() : 0;
 }
 
-void Pkt::growHead(uint32_t n) {
+uint8_t* Pkt::growHead(uint32_t n) {
     growInto(grownSize(sharedBuffer_->size(), n), /*tailRoom=*/0);
+    return newSharedHeadData(n);
 }
 
 // Never moves data within the buffer, which another packet may share.
-void Pkt::growTail(uint32_t n) {
+uint8_t* Pkt::growTail(uint32_t n) {
     const uint32_t size = sharedBuffer_->size();
     const bool fits = headRoom() >= n || tailRoom() >= n;
-    if (fits && iovecs_[1].bytes == 0 && sharedBuffer_->references() == 1) {
-        sharedBuffer_->placeEmptyData(/*tailRoom=*/n);
-        updateSharedIovec();
-    } else {
-        growInto(fits ? size : grownSize(size, n), /*tailRoom=*/n);
-    }
+    growInto(fits ? size : grownSize(size, n), /*tailRoom=*/n);
+    return newSharedTailData(n);
 }
 
 // Changes to a buffer of `size` bytes, in which the data ends `tailRoom` bytes before the end. The
@@ -221,10 +198,6 @@ void Pkt::tciVlanIdIs(uint16_t vlanId) {
     separateVlanTci_ = static_cast<uint16_t>((separateVlanTci_ & 0xf000) | vlanId);
 }
 
-void Pkt::checkMagic() const {
-    Mox::require(magicBarrier0_ == magicValue && magic_ == magicValue, "magicBarrier0_ == magic_");
-}
-
 void Pkt::copyPrivateAndTag(const Pkt& other) {
     if (other.privateDataBytes_ != 0) {
         copyBytes(newPrivateHeadData(other.privateDataBytes_), other.privateData_,
@@ -255,20 +228,6 @@ Mox::Ptr<Pkt::SharedBuffer> Pkt::SharedBuffer::create(uint32_t size) {
 }
 
 Pkt::Manager::Manager(Mox::String name) : name_(std::move(name)) {}
-
-Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
-    return newPkt(defaultBufferSize_);
-}
-
-Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
-    if (Pkt* const used = PktPool::take(bufferSize)) {
-        used->PtrInterface::hasNotificationActiveIs(true);
-        return {used, Mox::AdoptReference()};
-    }
-    Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
-    pkt->sharedBufferIs(newSharedBuffer(bufferSize));
-    return pkt;
-}
 
 Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize, uint32_t tailRoom) {
     Mox::Ptr<Pkt> pkt = newPkt(bufferSize);

@@ -32,10 +32,11 @@ struct PktPool;
 /// room. Bytes that an operation adds are not initialised: the caller writes them.
 ///
 /// Packets that share a buffer each keep a range of their own in it. Removing bytes moves only the
-/// packet's own range. Appending goes on in the buffer only behind the buffer's own last byte, and
-/// else copies the packet's bytes into a buffer of its own, so neither changes a byte of another
-/// packet. Prepending writes in place: nothing is to be prepended to a shared buffer while another
-/// packet is still in use; the private head data is there for that.
+/// packet's own range. Appending goes on in the buffer where the packet is its only holder, or
+/// where its range is the buffer's own and pointers are not thread-safe; else it copies the
+/// packet's bytes into a buffer of its own. So neither changes a byte of another packet. Prepending
+/// writes in place: nothing is to be prepended to a shared buffer while another packet is still in
+/// use; the private head data is there for that.
 ///
 /// Beside its bytes a packet may carry one VLAN tag, the outermost, as devices deliver it. A packet
 /// is used by one thread at a time.
@@ -55,15 +56,15 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     /// Entry 0 of the iovec table is the private data, entry 1 the shared.
     static constexpr uint8_t maxIovecs_ = 2;
     static constexpr uint32_t privateAreaBytes = 64;
-    /// A size of buffers for whole messages, used again as those of the default size are.
+    /// A size of buffers for whole messages, recycled as those of the default size are.
     static constexpr uint32_t largeBufferSize = 10000;
 
     /// A packet without data and without a buffer.
     Pkt();
     ~Pkt() override;
     // Memory is recycled as the manager recycles buffers.
-    /// Keeps a packet with a buffer of the default or the large size, held by nobody else, for the
-    /// manager to hand out again; ends any other.
+    /// Keeps a packet that alone holds a buffer of the default or the large size, for the manager
+    /// to hand out again; deletes any other.
     void zeroReferencesIs(bool zero) override;
 
     static void* operator new(std::size_t bytes);
@@ -140,14 +141,14 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     // Head and tail of the shared data. All are fatal without a shared buffer: "sharedBuffer_ !=
     // 0".
 
-    /// Makes room for `n` more bytes in front and returns where they begin. Where the head room is
-    /// short, the data moves to the end of a new buffer that is larger by exactly `n`.
+    /// Makes room for `n` more bytes before the data and returns where they begin. Where the head
+    /// room is short, the data moves to the end of a new buffer that is larger by exactly `n`.
     inline uint8_t* newSharedHeadData(uint32_t n);
     /// Removes `n` bytes from the front.
     inline void delSharedHeadData(uint32_t n);
     /// Makes room for `n` more bytes after the data and returns where they begin. Where the tail
-    /// room is short, or the packet shares its buffer and is not the one that ends where the
-    /// buffer's data does, the data moves to `n` bytes before the end of a new buffer: of the same
+    /// room is short, or the packet shares its buffer and may not go on in it (see above), the
+    /// data moves to `n` bytes before the end of a new buffer: of the same
     /// size if head room or tail room alone is at least `n`, else larger by `n`. A buffer that
     /// holds no data and is not shared is used as it is where its size is the right one.
     inline uint8_t* newSharedTailData(uint32_t n);
@@ -159,7 +160,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
 
     // Head of the packet inside the object, for headers that must not touch a shared buffer.
 
-    /// Makes room for `n` more private bytes in front of all data and returns where they begin.
+    /// Makes room for `n` more private bytes before all data and returns where they begin.
     /// Fatal past the private area: "ptrWithinRegion( privateData_, privateArea_,
     /// privateAreaBytes )".
     uint8_t* newPrivateHeadData(uint32_t n);
@@ -175,11 +176,11 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     /// All bytes of the packet.
     Mox::String stringValue() const;
     Mox::Bytes bytesValue() const;
-    /// As `stringValue()`, with the separate VLAN tag, if there is one, behind the first 12 bytes
+    /// As `stringValue()`, with the separate VLAN tag, if there is one, after the first 12 bytes
     /// (the two MAC addresses), or at the end of a shorter packet: TPID, then TCI, in network
     /// order.
     Mox::String stringValueMaybeWithVlan() const;
-    /// Adds bytes to the shared data: behind it, or in front. What is there is kept.
+    /// Adds bytes to the shared data, after it or before it. The bytes that are there are kept.
     void stringValueIs(const Mox::String& value, bool atTail);
     void bytesValueIs(const Mox::Bytes& value, bool atTail);
 
@@ -197,7 +198,10 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     void tciVlanIdIs(uint16_t vlanId);
 
     /// Fatal when a word that fences the private area was overwritten: "magicBarrier0_ == magic_".
-    void checkMagic() const;
+    void checkMagic() const {
+        Mox::require(magicBarrier0_ == magicValue && magic_ == magicValue,
+                     "magicBarrier0_ == magic_");
+    }
 
   private:
     friend struct PktPool;
@@ -206,16 +210,16 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
         Mox::require(sharedBuffer_ != nullptr, "sharedBuffer_ != 0");
     }
     void requireLinear() const { Mox::require(isLinear(), "isLinear()"); }
-    // Of the packet's own range in its buffer.
+    // The packet's own range in its buffer, which is always within the buffer.
     inline uint32_t headRoom() const;
     inline uint32_t tailRoom() const;
     inline bool mayMoveBuffersRange() const;
-    inline void sharedDataIs(int64_t headRoom, int64_t bytes, bool movesBuffersRange);
-    void growHead(uint32_t n);
-    void growTail(uint32_t n);
+    inline void sharedDataIs(uint8_t* data, uint32_t bytes, bool movesBuffersRange);
+    // What `newSharedHeadData` and `newSharedTailData` do where they cannot add in place.
+    uint8_t* growHead(uint32_t n);
+    uint8_t* growTail(uint32_t n);
     void growInto(uint32_t size, uint32_t tailRoom);
     void copyPrivateAndTag(const Pkt& other);
-    void clear();
 
     static constexpr uint32_t magicValue = 0xbeefcafe;
 
@@ -231,7 +235,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     uint16_t separateVlanTci_ = 0;
     uint16_t separateVlanTpid_ = 0;
     bool hasSeparateVlanTag_ = false;
-    Pkt* nextFree_ = nullptr;  // While it waits to be used again.
+    Pkt* nextFree_ = nullptr;  // In a free list.
 };
 
 /// An allocation, and the range of data in it. Fresh, it is all head room. The operations move the
@@ -252,7 +256,7 @@ class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::Described<Pkt::SharedBuf
     uint32_t dataBytes() const { return dataBytes_; }
     /// Bytes before the data.
     uint32_t headRoom() const { return static_cast<uint32_t>(data_ - buffer_); }
-    /// Bytes behind the data.
+    /// Bytes after the data.
     uint32_t tailRoom() const { return size_ - headRoom() - dataBytes_; }
 
     void newHeadData(uint32_t n) { rangeIs(headRoom() - int64_t{n}, dataBytes_ + int64_t{n}); }
@@ -301,54 +305,66 @@ inline uint32_t Pkt::tailRoom() const {
     return sharedBuffer_->size_ - headRoom() - iovecs_[1].bytes;
 }
 
-// The buffer's range is the packet's own, or nobody else's.
+// The buffer has no other holder, or its range is the packet's own. With thread-safe pointers the
+// other holder may be moving that range on another thread, so it is not looked at.
 inline bool Pkt::mayMoveBuffersRange() const {
-    return sharedBuffer_->references() == 1 || (sharedBuffer_->data_ == iovecs_[1].data &&
-                                                sharedBuffer_->dataBytes_ == iovecs_[1].bytes);
+    const SharedBuffer& buffer = *sharedBuffer_;
+    if (__builtin_expect(buffer.references() == 1, 1)) {
+        return true;
+    }
+    return !threadSafePointers() && buffer.data_ == iovecs_[1].data &&
+           buffer.dataBytes_ == iovecs_[1].bytes;
 }
 
-inline void Pkt::sharedDataIs(int64_t headRoom, int64_t bytes, bool movesBuffersRange) {
-    Mox::require(firstIoVec_ != maxIovecs_, "firstIoVec_ != maxIovecs_");
-    if (movesBuffersRange) {
-        sharedBuffer_->rangeIs(headRoom, bytes);
-    } else {
-        sharedBuffer_->requireRange(headRoom, bytes);
+inline void Pkt::sharedDataIs(uint8_t* data, uint32_t bytes, bool movesBuffersRange) {
+    SharedBuffer* const buffer = sharedBuffer_.ptr();
+    iovecs_[1] = {data, bytes};
+    if (__builtin_expect(movesBuffersRange, 1)) {
+        buffer->data_ = data;
+        buffer->dataBytes_ = bytes;
     }
-    iovecs_[1] = {sharedBuffer_->buffer_ + headRoom, static_cast<uint32_t>(bytes)};
 }
 
 inline uint8_t* Pkt::newSharedHeadData(uint32_t n) {
     requireSharedBuffer();
-    if (n > headRoom()) {
-        growHead(n);
+    const bool movesBuffersRange = mayMoveBuffersRange();
+    if (__builtin_expect(n > headRoom(), 0)) {
+        return growHead(n);
     }
-    sharedDataIs(headRoom() - int64_t{n}, iovecs_[1].bytes + int64_t{n}, mayMoveBuffersRange());
-    return iovecs_[1].data;
+    uint8_t* const data = iovecs_[1].data - n;
+    sharedDataIs(data, iovecs_[1].bytes + n, movesBuffersRange);
+    return data;
 }
 
 inline void Pkt::delSharedHeadData(uint32_t n) {
     requireSharedBuffer();
-    sharedDataIs(headRoom() + int64_t{n}, iovecs_[1].bytes - int64_t{n},
-                 sharedBuffer_->references() == 1);
+    sharedBuffer_->requireRange(int64_t{headRoom()} + n, int64_t{iovecs_[1].bytes} - n);
+    sharedDataIs(iovecs_[1].data + n, iovecs_[1].bytes - n, sharedBuffer_->references() == 1);
 }
 
 inline uint8_t* Pkt::newSharedTailData(uint32_t n) {
     requireSharedBuffer();
-    if (n > tailRoom() || !mayMoveBuffersRange()) {
-        growTail(n);
-    }
+    const bool mayStay = mayMoveBuffersRange();
     const uint32_t before = iovecs_[1].bytes;
-    sharedDataIs(headRoom(), before + int64_t{n}, /*movesBuffersRange=*/true);
-    return iovecs_[1].data + before;
+    uint8_t* data = iovecs_[1].data;
+    if (!mayStay || n > tailRoom()) {
+        if (before != 0 || n > headRoom() || sharedBuffer_->references() != 1) {
+            return growTail(n);
+        }
+        data = sharedBuffer_->buffer_ + (sharedBuffer_->size_ - n);
+    }
+    sharedDataIs(data, before + n, /*movesBuffersRange=*/true);
+    return data + before;
 }
 
 inline void Pkt::delSharedTailData(uint32_t n) {
     requireSharedBuffer();
-    sharedDataIs(headRoom(), iovecs_[1].bytes - int64_t{n}, sharedBuffer_->references() == 1);
+    sharedBuffer_->requireRange(headRoom(), int64_t{iovecs_[1].bytes} - n);
+    sharedDataIs(iovecs_[1].data, iovecs_[1].bytes - n, sharedBuffer_->references() == 1);
 }
 
 /// Where packets come from. Packets with a buffer of the default size or of `largeBufferSize` are
-/// used again when they have gone, and so is the memory of other packets and buffers, so that a
+/// recycled, and so is the memory of other packets and buffers, so that a
 /// steady flow of packets does not reach the allocator; each thread keeps its own.
 class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
   public:
@@ -367,7 +383,7 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     /// The same, with `tailRoom` bytes of the buffer reserved for appending: the head room is the
     /// rest. Fatal where that is more than the buffer: "ptrWithinRegion( data_, buffer_, size_ )".
     Mox::Ptr<Pkt> newPkt(uint32_t bufferSize, uint32_t tailRoom);
-    Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize_); }
+    Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize); }
     Mox::Ptr<SharedBuffer> newSharedBuffer(uint32_t size);
     /// A packet with the same bytes, which shares the buffer of `pkt`; private bytes and separate
     /// VLAN tag are copied.
@@ -375,7 +391,6 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
 
   private:
     Mox::String name_;
-    uint32_t defaultBufferSize_ = defaultBufferSize;
 };
 
 /// The manager of the process, "Pkt::Manager", made at the first call and held to the end.

@@ -6,39 +6,45 @@ namespace Pavo {
 
 namespace {
 
-constexpr uint32_t maxKept = 256;
-constexpr uint32_t maxKeptLarge = 64;
-
-// Without a destructor, which every access would have to ask for: `Closer` stands in.
+// Without a destructor, for which every access would have to ask: `Closer` stands in.
 struct Lists {
-    PktPool::PktList pkts{sizeof(Pkt), maxKept};
-    PktPool::PktList largePkts{sizeof(Pkt), maxKeptLarge};
+    PktPool::PktList pkts{sizeof(Pkt)};
+    PktPool::PktList largePkts{sizeof(Pkt)};
     PktPool::MemoryList memory[3] = {
-        PktPool::MemoryList(sizeof(Pkt), maxKept),
-        PktPool::MemoryList(sizeof(Pkt::SharedBuffer), maxKept),
-        PktPool::MemoryList(Pkt::Manager::defaultBufferSize, maxKept),
+        PktPool::MemoryList(sizeof(Pkt)),
+        PktPool::MemoryList(sizeof(Pkt::SharedBuffer)),
+        PktPool::MemoryList(Pkt::Manager::defaultBufferSize),
     };
-    bool closesAtExit = false;
+    bool wereOpened = false;
 
     PktPool::PktList* pktsOn(uint32_t bufferSize) {
-        return bufferSize == Pkt::Manager::defaultBufferSize ? &pkts
-               : bufferSize == Pkt::largeBufferSize          ? &largePkts
-                                                             : nullptr;
+        if (__builtin_expect(bufferSize == Pkt::Manager::defaultBufferSize, 1)) {
+            return &pkts;
+        }
+        return bufferSize == Pkt::largeBufferSize ? &largePkts : nullptr;
+    }
+    void limitsAre(uint32_t limit, uint32_t largeLimit) {
+        pkts.limitIs(limit);
+        largePkts.limitIs(largeLimit);
+        for (PktPool::MemoryList& each : memory) {
+            each.limitIs(limit);
+        }
     }
 };
 [[gnu::tls_model("initial-exec")]] thread_local constinit Lists lists;
 
-// Packets of static storage, and of other objects of the thread, end after this.
+// Empties the lists at the thread's end. Packets of static storage, and of objects of the thread
+// that were made earlier, end after this.
 struct Closer {
+    Closer() { lists.limitsAre(/*limit=*/256, /*largeLimit=*/64); }
     ~Closer() {
+        lists.limitsAre(0, 0);
         for (const uint32_t size : {Pkt::Manager::defaultBufferSize, Pkt::largeBufferSize}) {
-            lists.pktsOn(size)->close();
             while (const Pkt* pkt = PktPool::take(size)) {
                 delete pkt;
             }
         }
         for (PktPool::MemoryList& each : lists.memory) {
-            each.close();
             while (void* memory = each.take()) {
                 ::operator delete(memory);
             }
@@ -48,40 +54,85 @@ struct Closer {
 };
 thread_local Closer closer;
 
-void closeAtExit() {
-    if (!lists.closesAtExit) {
-        lists.closesAtExit = true;
+// Opens the lists of this thread, once: after they were closed, they stay so.
+[[gnu::noinline, gnu::cold]] void openOnce() {
+    if (!lists.wereOpened) {
+        lists.wereOpened = true;
         closer.made();
     }
 }
 
+// Whether it has room.
+template <class List>
+bool mayGive(const List& list) {
+    if (__builtin_expect(list.isFull(), 0)) {
+        openOnce();
+    }
+    return !list.isFull();
+}
+
+// Apart, so that a recycled packet does not save registers for this.
+[[gnu::noinline]] Mox::Ptr<Pkt> newlyAllocatedPkt(uint32_t bufferSize) {
+    Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
+    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(bufferSize));
+    return pkt;
+}
+
 }  // namespace
 
-Pkt* PktPool::take(uint32_t bufferSize) {
+inline Pkt* PktPool::take(uint32_t bufferSize) {
     PktList* const list = lists.pktsOn(bufferSize);
     Pkt* const pkt = list != nullptr ? list->take() : nullptr;
     if (pkt != nullptr) {
         ASAN_UNPOISON_MEMORY_REGION(pkt->sharedBuffer_->buffer_, bufferSize);
-        pkt->takeBack();
-        pkt->sharedBuffer_->takeBack();
+        pkt->renew();
+        Pkt::takeBack(/*objects=*/2);
     }
     return pkt;
 }
 
-bool PktPool::give(Pkt* pkt) {
+inline void PktPool::clear(Pkt* pkt) {
+    if (pkt->firstIoVec_ == 0) {
+        pkt->delPrivateHeadData(pkt->privateDataBytes_);
+    }
+    Pkt::SharedBuffer& buffer = *pkt->sharedBuffer_;
+    pkt->sharedDataIs(buffer.buffer_ + buffer.size_, 0, /*movesBuffersRange=*/true);
+    pkt->separateVlanTci_ = 0;
+    pkt->separateVlanTpid_ = 0;
+    pkt->hasSeparateVlanTag_ = false;
+}
+
+inline bool PktPool::give(Pkt* pkt) {
     const uint32_t bufferSize = pkt->sharedBuffer_->size_;
     PktList* const list = lists.pktsOn(bufferSize);
-    if (list == nullptr || list->isFull()) {
+    if (list == nullptr || !mayGive(*list)) {
         return false;
     }
-    closeAtExit();
     pkt->checkMagic();
-    pkt->clear();
-    pkt->putAside();
-    pkt->sharedBuffer_->putAside();
+    clear(pkt);
+    Pkt::putAside(/*objects=*/2);  // The packet and its buffer, which keeps its one reference.
     ASAN_POISON_MEMORY_REGION(pkt->sharedBuffer_->buffer_, bufferSize);
     list->give(pkt);
     return true;
+}
+
+// The two ends of a packet's life are here, so that the lists are looked at without a call.
+Mox::Ptr<Pkt> Pkt::Manager::newPkt() {
+    return newPkt(defaultBufferSize);
+}
+
+Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
+    if (Pkt* const recycled = PktPool::take(bufferSize)) {
+        return {recycled, Mox::AdoptReference()};
+    }
+    return newlyAllocatedPkt(bufferSize);
+}
+
+void Pkt::zeroReferencesIs(bool zero) {
+    const bool isSole = sharedBuffer_ && sharedBuffer_->references() == 1;
+    if (!zero || !isSole || !PktPool::give(this)) {
+        PtrInterface::zeroReferencesIs(zero);
+    }
 }
 
 void* PktPool::allocate(MemoryKind kind, std::size_t bytes) {
@@ -90,11 +141,10 @@ void* PktPool::allocate(MemoryKind kind, std::size_t bytes) {
 }
 
 void PktPool::release(MemoryKind kind, void* memory) {
-    closeAtExit();
-    if (lists.memory[kind].isFull()) {
-        ::operator delete(memory);
-    } else {
+    if (mayGive(lists.memory[kind])) {
         lists.memory[kind].give(new (memory) Memory);
+    } else {
+        ::operator delete(memory);
     }
 }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Packets and their memory that wait to be used again. For `Pkt`; an agent does not need it.
+/// The free lists of packets and of their memory. For `Pkt`; an agent does not need it.
 #pragma once
 
 #include <sanitizer/asan_interface.h>
@@ -12,14 +12,16 @@
 namespace Pavo {
 
 /// Objects or pieces of memory of one size, linked by their member `next`; bounded, so that a
-/// thread that only releases packets does not hoard. While they wait, their bytes are poisoned for
-/// AddressSanitizer, which so finds a use after the last reference.
+/// thread that only releases packets does not hoard. While they are in the list, their bytes are
+/// poisoned for AddressSanitizer, which so finds a use after the last reference.
 template <class Node, Node* Node::*next>
 class FreeList {
   public:
-    explicit constexpr FreeList(std::size_t nodeBytes, uint32_t limit)
-        : nodeBytes_(nodeBytes), limit_(limit) {}
+    /// Closed until `limitIs`.
+    explicit constexpr FreeList(std::size_t nodeBytes) : nodeBytes_(nodeBytes) {}
 
+    /// The most that it keeps; 0 closes it, and it takes nothing from then on.
+    void limitIs(uint32_t limit) { limit_ = limit; }
     bool isFull() const { return count_ >= limit_; }
     /// @pre not full
     void give(Node* node) {
@@ -38,19 +40,17 @@ class FreeList {
         }
         return node;
     }
-    /// Takes nothing from now on.
-    void close() { limit_ = 0; }
 
   private:
     Node* first_ = nullptr;
     std::size_t nodeBytes_;
     uint32_t count_ = 0;
-    uint32_t limit_;
+    uint32_t limit_ = 0;
 };
 
-/// What one thread keeps, so that a packet may end on another thread than the one it began on
-/// without a lock: whole packets on buffers of the default and of the large size, and the memory of
-/// other packets, buffer objects, and bytes of the default size.
+/// The free lists of each thread: whole packets on buffers of the default and of the large size,
+/// and the memory of other packets, of buffer objects, and of buffers of the default size. A packet
+/// goes to the lists of the thread that drops its last reference, so there is no lock.
 struct PktPool {
     struct Memory {
         Memory* next;
@@ -58,10 +58,10 @@ struct PktPool {
     using MemoryList = FreeList<Memory, &Memory::next>;
     using PktList = FreeList<Pkt, &Pkt::nextFree_>;
 
-    /// A packet of this thread's on a buffer of that size, empty and with one reference; or null.
+    /// A recycled packet on a buffer of that size, empty and with one reference; or null.
     static Pkt* take(uint32_t bufferSize);
-    /// Keeps a packet without references that alone holds its buffer. False when it does not, and
-    /// nothing is changed.
+    /// Keeps a packet without references that alone holds its buffer. False, with nothing changed,
+    /// where no list has room for it.
     static bool give(Pkt* pkt);
 
     enum MemoryKind { pktMemory, bufferObjects, bufferBytes };
@@ -69,6 +69,9 @@ struct PktPool {
     static void release(MemoryKind kind, void* memory);
     static uint8_t* allocateBuffer(uint32_t size);
     static void releaseBuffer(uint8_t* buffer, uint32_t size);
+
+    /// Makes a packet on a buffer of its own what a new one is.
+    static void clear(Pkt* pkt);
 
     ~PktPool() = delete;
 };

@@ -73,12 +73,16 @@ class MOX_EXPORT PtrInterface {
 
     // For a class that keeps objects whose last reference has gone, to use them again.
 
-    /// Takes this object out of `liveObjects()`.
-    void putAside() const { Detail::countChanged(Detail::liveObjects, ~0u); }
-    /// Counts it again, with the one reference that an object starts with.
-    void takeBack() const {
+    /// Takes `objects` of them out of `liveObjects()`.
+    static void putAside(uint32_t objects) {
+        Detail::countChanged(Detail::liveObjects, 0u - objects);
+    }
+    /// Counts `objects` of them again.
+    static void takeBack(uint32_t objects) { Detail::countChanged(Detail::liveObjects, objects); }
+    /// Gives this object what `Mox::make` gives a new one: one reference, and notifications on.
+    void renew() {
         references_.store(1, std::memory_order_relaxed);
-        Detail::countChanged(Detail::liveObjects, 1);
+        notificationActive_ = true;
     }
 
   public:
