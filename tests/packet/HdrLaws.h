@@ -3,8 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -29,28 +29,15 @@ Mox::Bytes imageOf(const Record& record) {
     return Mox::Bytes(&record, sizeof(record));
 }
 
-/// A wrapper binds at the last offset at which the record fits, dies at the next, and holds its
-/// packet.
-template <class Wrapper>
-void expectBindsToTheLastByte(Mox::Ptr<Wrapper> (*factory)(const Mox::Ptr<Pkt>&, uint32_t)) {
-    using Hdr = std::remove_pointer_t<decltype(std::declval<Wrapper&>().header())>;
-    const std::string name(Hdr::recordName);
-    SCOPED_TRACE(name);
-    constexpr uint32_t last = 60 - sizeof(Hdr);
-    const auto pkt = globalPktManager()->newPkt();
-    std::memset(pkt->newSharedTailData(60), 0, 60);
-    const auto wrapper = factory(pkt, last);
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), pkt->frontData() + last);
-    EXPECT_EQ(wrapper->fwkType()->name, "Pavo::" + name + "Wrapper");
-    EXPECT_EQ(pkt->references(), 2u);
-
-    const std::string text =
-        "\\( offset_ \\+ sizeof\\( " + name + " \\) \\) <= pkt_->frontBytes\\(\\)";
-    EXPECT_DEATH(factory(pkt, last + 1), text);
-    EXPECT_DEATH(factory(pkt, 0xffffffff), text);  // Offset and size make a small number.
-    uint8_t* front = pkt->newSharedHeadData(4);
-    wrapper->handleHeader();  // The same offset, four bytes further to the front.
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), front + last);
+/// A wrapper is named after its record.
+template <class... Wrapper>
+void expectNamesOfWrappers() {
+    const auto expectName = [](std::string_view typeName, std::string_view recordName) {
+        EXPECT_EQ(typeName, "Pavo::" + std::string(recordName) + "Wrapper");
+    };
+    (expectName(Wrapper::typeName,
+                std::remove_pointer_t<decltype(std::declval<Wrapper&>().header())>::recordName),
+     ...);
 }
 
 }  // namespace Pavo

@@ -10,6 +10,7 @@
 #include "Pavo/IcmpHdr.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
+#include "Pavo/MplsHdr.h"
 #include "Pavo/SctpHdr.h"
 #include "Pavo/TcpHdr.h"
 #include "Pavo/UdpHdr.h"
@@ -26,20 +27,23 @@ constexpr uint8_t echoRequest[28] = {0x45, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x40, 0
                                      0x08, 0x00, 0xf6, 0xf5, 0x00, 0x01, 0x01, 0x09};
 
 TEST(HdrWrapperDeath, BindsAtTheLastGoodOffsetAndDiesAtTheNext) {
-    expectBindsToTheLastByte(ethHdrWrapperFactory);
-    expectBindsToTheLastByte(eth8021QHdrWrapperFactory);
-    expectBindsToTheLastByte(ipHdrWrapperFactory);
-    expectBindsToTheLastByte(ipHdrOptionCommonWrapperFactory);
-    expectBindsToTheLastByte(ipHdrRouterAlertOptionWrapperFactory);
-    expectBindsToTheLastByte(icmpHdrWrapperFactory);
-    expectBindsToTheLastByte(icmpEchoHdrWrapperFactory);
-    expectBindsToTheLastByte(ip6HdrWrapperFactory);
-    expectBindsToTheLastByte(ip6HdrOptionCommonWrapperFactory);
-    expectBindsToTheLastByte(ip6HdrPad1WrapperFactory);
-    expectBindsToTheLastByte(ip6HdrPadNWrapperFactory);
-    expectBindsToTheLastByte(ip6HdrRouterAlertOptionWrapperFactory);
-    expectBindsToTheLastByte(icmp6HdrWrapperFactory);
-    expectBindsToTheLastByte(icmp6EchoHdrWrapperFactory);
+    const auto pkt = pktOf(echoRequest, 28);
+    const auto wrapper = ipHdrWrapperFactory(pkt, 8);
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), pkt->frontData() + 8);
+    EXPECT_EQ(wrapper->fwkType()->name, "Pavo::IpHdrWrapper");
+    EXPECT_EQ(pkt->references(), 2u);
+    const char* const text = "\\( offset_ \\+ sizeof\\( IpHdr \\) \\) <= pkt_->frontBytes\\(\\)";
+    EXPECT_DEATH(ipHdrWrapperFactory(pkt, 9), text);
+    EXPECT_DEATH(ipHdrWrapperFactory(pkt, 0xffffffff), text);  // With its size, a small number.
+    uint8_t* front = pkt->newSharedHeadData(4);
+    wrapper->handleHeader();  // The same offset, four bytes further to the front.
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(wrapper->header()), front + 8);
+    expectNamesOfWrappers<EthHdrWrapper, Eth8021QHdrWrapper, MplsHdrWrapper, IpHdrWrapper,
+                          IpHdrOptionCommonWrapper, IpHdrRouterAlertOptionWrapper, IcmpHdrWrapper,
+                          IcmpEchoHdrWrapper, Ip6HdrWrapper, Ip6HdrOptionCommonWrapper,
+                          Ip6HdrPad1Wrapper, Ip6HdrPadNWrapper, Ip6HdrRouterAlertOptionWrapper,
+                          Icmp6HdrWrapper, Icmp6EchoHdrWrapper, TcpHdrWrapper, UdpHdrWrapper,
+                          SctpHdrWrapper>();
 }
 
 TEST(IpHdr, HasEachFlagInItsBit) {
@@ -93,19 +97,7 @@ PktErrors viewError(const Mox::Ptr<Pkt>& pkt) {
 
 // One byte of each header holds its length; all bytes but that one and the first are zero.
 TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
-    constexpr auto good = PktErrors::noError;
-    constexpr auto tooShort = PktErrors::pktTooShort;
-    constexpr auto badLen = PktErrors::badIpPayloadLen;
-    constexpr auto badLen6 = PktErrors::badIp6PayloadLen;
-    const auto ip = viewError<IpHdr>;
-    const auto option = viewError<IpHdrOptionCommon>;
-    const auto alert = viewError<IpHdrRouterAlertOption>;
-    const auto ip6 = viewError<Ip6Hdr>;
-    const auto option6 = viewError<Ip6HdrOptionCommon>;
-    const auto alert6 = viewError<Ip6HdrRouterAlertOption>;
-    const auto padN = viewError<Ip6HdrPadN>;
-    const auto tcp = viewError<TcpHdr>;
-    const auto udp = viewError<UdpHdr>;
+    using enum PktErrors;
     const struct {
         PktErrors (*view)(const Mox::Ptr<Pkt>&);
         uint8_t first;
@@ -114,22 +106,30 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
         uint32_t bytes;
         PktErrors error;
     } cases[] = {
-        // clang-format off
-        {ip, 0x45, 3, 20, 20, good}, {ip, 0x45, 3, 20, 19, tooShort}, {ip, 0x45, 3, 21, 20, badLen},
-        {ip, 0x44, 3, 28, 28, badLen}, {ip, 0x46, 3, 24, 24, good}, {ip, 0x46, 3, 23, 24, badLen},
-        {ip, 0x65, 3, 20, 20, PktErrors::nonIpHdr},
-        {option, 148, 1, 1, 2, badLen}, {option, 148, 1, 2, 2, good}, {option, 148, 1, 3, 2, badLen},
-        {alert, 148, 1, 3, 4, badLen}, {alert, 148, 1, 4, 4, good}, {alert, 148, 1, 5, 4, badLen},
-        {alert, 149, 1, 4, 4, PktErrors::wrongIpOption},
-        {ip6, 0x60, 5, 0, 39, tooShort}, {ip6, 0x60, 5, 0, 40, good}, {ip6, 0x60, 5, 1, 40, badLen6},
-        {ip6, 0x40, 5, 21, 60, PktErrors::nonIp6Hdr},
-        {option6, 58, 1, 0, 7, badLen6}, {option6, 58, 1, 0, 8, good}, {option6, 58, 1, 1, 16, good},
-        {alert6, 58, 1, 0, 7, badLen6}, {alert6, 58, 2, 5, 8, PktErrors::wrongIp6Option},
-        {padN, 1, 1, 6, 8, good}, {padN, 1, 1, 7, 8, badLen6},
-        {tcp, 0, 12, 0x50, 20, good}, {tcp, 0, 12, 0x40, 20, badLen},
-        {tcp, 0, 12, 0x6f, 23, badLen}, {tcp, 0, 12, 0x6f, 24, good},
-        {udp, 0, 5, 8, 8, good}, {udp, 0, 5, 7, 8, badLen}, {udp, 0, 5, 9, 8, badLen},
-        // clang-format on
+        {viewError<IpHdr>, 0x45, 3, 20, 20, noError},
+        {viewError<IpHdr>, 0x45, 3, 20, 19, pktTooShort},
+        {viewError<IpHdr>, 0x45, 3, 21, 20, badIpPayloadLen},
+        {viewError<IpHdr>, 0x44, 3, 28, 28, badIpPayloadLen},
+        {viewError<IpHdr>, 0x46, 3, 24, 24, noError},
+        {viewError<IpHdr>, 0x46, 3, 23, 24, badIpPayloadLen},
+        {viewError<IpHdrOptionCommon>, 148, 1, 2, 2, noError},
+        {viewError<IpHdrOptionCommon>, 148, 1, 1, 2, badIpPayloadLen},
+        {viewError<IpHdrRouterAlertOption>, 148, 1, 4, 4, noError},
+        {viewError<IpHdrRouterAlertOption>, 148, 1, 3, 4, badIpPayloadLen},
+        {viewError<IpHdrRouterAlertOption>, 149, 1, 4, 4, wrongIpOption},
+        {viewError<Ip6Hdr>, 0x60, 5, 1, 41, noError},
+        {viewError<Ip6Hdr>, 0x60, 5, 1, 40, badIp6PayloadLen},
+        {viewError<Ip6HdrOptionCommon>, 58, 1, 1, 16, noError},
+        {viewError<Ip6HdrOptionCommon>, 58, 1, 1, 15, badIp6PayloadLen},
+        {viewError<Ip6HdrRouterAlertOption>, 58, 2, 5, 8, wrongIp6Option},
+        {viewError<Ip6HdrPadN>, 1, 1, 6, 8, noError},
+        {viewError<Ip6HdrPadN>, 1, 1, 7, 8, badIp6PayloadLen},
+        {viewError<TcpHdr>, 0, 12, 0x4f, 20, badIpPayloadLen},
+        {viewError<TcpHdr>, 0, 12, 0x6f, 23, badIpPayloadLen},
+        {viewError<TcpHdr>, 0, 12, 0x6f, 24, noError},
+        {viewError<UdpHdr>, 0, 5, 8, 8, noError},
+        {viewError<UdpHdr>, 0, 5, 7, 8, badIpPayloadLen},
+        {viewError<UdpHdr>, 0, 5, 9, 8, badIpPayloadLen},
     };
     for (const auto& c : cases) {
         uint8_t frame[60] = {c.first};
@@ -138,7 +138,7 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
         EXPECT_EQ(c.view(guarded.pkt()), c.error) << "row " << &c - cases;
     }
     const uint8_t routerAlert6[] = {58, 0, 5, 2, 0, 0, 1, 0};
-    EXPECT_EQ(alert6(pktOf(routerAlert6, sizeof(routerAlert6))), good);
+    EXPECT_EQ(viewError<Ip6HdrRouterAlertOption>(pktOf(routerAlert6, 8)), noError);
 }
 
 TEST(Eth8021QHdr, TakesTheLowBitsOfAFieldThatIsTooLarge) {

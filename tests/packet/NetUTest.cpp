@@ -62,11 +62,5 @@ TEST(NetU, RefusesTextThatIsNotItsOwnRecord) {
     EXPECT_EQ(textErrorOf("256", &byte), "Invalid NetU8");
 }
 
-TEST(NetU, IsTrueAs64BitsWhenAnyByteIsSet) {
-    EXPECT_FALSE(NetU64());
-    EXPECT_TRUE(NetU64(1));
-    EXPECT_TRUE(NetU64(uint64_t{1} << 63));
-}
-
 }  // namespace
 }  // namespace Pavo

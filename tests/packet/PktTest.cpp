@@ -143,15 +143,6 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
     EXPECT_GT(inPlace, 100u);  // Sharing alone copies nothing.
 }
 
-TEST(Pkt, CopiesTheSeparateTagWithAShallowCopy) {
-    const auto pkt = pktWith(4, "shared", 2);
-    pkt->newSeparateVlanTag(0xa123, 0x88a8);
-    const auto copy = globalPktManager()->newShallowCopy(pkt);
-    EXPECT_EQ(copy->separateVlanTci(), 0xa123);
-    EXPECT_EQ(copy->separateVlanTpid(), 0x88a8);
-    EXPECT_TRUE(copy->hasSeparateVlanTag());
-}
-
 TEST(Pkt, IsEmptyAgainWhenItsPrivateBytesAreGone) {
     const auto pkt = Mox::make<Pkt>();
     EXPECT_EQ(pkt->frontData(), nullptr);
@@ -199,9 +190,6 @@ TEST(PktDeath, StopsTheProcessWithThePromisedText) {
         std::function<void()> act;
     } cases[] = {
         {"sharedBuffer_ != 0", [] { Mox::make<Pkt>()->newSharedHeadData(0); }},
-        {"sharedBuffer_ != 0", [] { Mox::make<Pkt>()->newSharedTailData(0); }},
-        {"sharedBuffer_ != 0", [] { Mox::make<Pkt>()->delSharedHeadData(0); }},
-        {"sharedBuffer_ != 0", [] { Mox::make<Pkt>()->delSharedTailData(0); }},
         {"sharedBuffer_ != 0", [] { Mox::make<Pkt>()->sharedBufferIs(nullptr); }},
         {"firstIoVec_ == maxIovecs_", [&] { pktFactory()->sharedBufferIs(buffer(4)); }},
         {"firstIoVec_ != maxIovecs_", [] { Mox::make<Pkt>()->updatePrivateIovec(); }},
@@ -252,6 +240,42 @@ TEST(Pkt, MayEndOnAnotherThreadAndAfterItsOwnThread) {
     pkts.clear();
     EXPECT_EQ(Mox::liveObjects(), before);
 }
+
+// One thread looks, appends or strips while the other does, and the last one to let go recycles.
+TEST(PktThreads, HoldersOfOneBufferMayBeOnTwoThreads) {
+    Mox::PtrInterface::threadSafePointersIs(true);
+    for (uint32_t round = 0; round < 400; ++round) {
+        auto mine = globalPktManager()->newPkt();
+        mine->newSharedTailData(69);
+        mine->delSharedTailData(64);  // Tail room, in which either might append.
+        std::memcpy(mine->frontData(), "frame", 5);
+        auto yours = globalPktManager()->newShallowCopy(mine);
+        const auto use = [](Mox::Ptr<Pkt> pkt, uint32_t how, const std::string& more) {
+            pkt->delSharedHeadData(how % 2);
+            if (how % 4 < 2) {
+                pkt->stringValueIs(more, /*atTail=*/true);
+            }
+            ASSERT_EQ(contents(pkt),
+                      std::string("frame").substr(how % 2) + (how % 4 < 2 ? more : ""));
+        };
+        std::thread other(use, std::exchange(yours, nullptr), round, "yours");
+        use(std::exchange(mine, nullptr), round / 4, "mine");
+        other.join();
+    }
+    Mox::PtrInterface::threadSafePointersIs(false);
+}
+
+#ifdef __SANITIZE_ADDRESS__
+// Recycling stays on, so the packet's memory is still there.
+TEST(PktDeath, IsFoundWhenItIsUsedAfterItsEnd) {
+    auto pkt = globalPktManager()->newPkt();
+    const uint8_t* const byte = pkt->newSharedTailData(1);
+    const Pkt* const gone = std::exchange(pkt, nullptr).ptr();
+    EXPECT_DEATH((void)*static_cast<const volatile uint8_t*>(byte), "use-after-poison");
+    EXPECT_DEATH((void)gone->totalBytes(), "use-after-poison");
+    EXPECT_EQ(globalPktManager()->newPkt().ptr(), gone);
+}
+#endif
 
 }  // namespace
 }  // namespace Pavo
