@@ -103,7 +103,7 @@ constexpr uint32_t stride = 64;
 using Taker = uint32_t(uint32_t crc, const uint8_t* data, uint32_t len);
 
 // Folds the data into its last sixteen whole bytes (V. Gopal et al., "Fast CRC Computation for
-// Generic Polynomials Using PCLMULQDQ Instruction"), and leaves these and what is behind them to
+// Generic Polynomials Using PCLMULQDQ Instruction"), and leaves these and what is after them to
 // `rest`. Takes `stride` bytes at least.
 template <class Crc, Taker rest>
 [[gnu::target("pclmul")]] uint32_t carryless(uint32_t crc, const uint8_t* data, uint32_t len) {

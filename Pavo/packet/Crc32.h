@@ -51,8 +51,8 @@ class Crc32c {
   public:
     static constexpr uint32_t polynomial = 0x1edc6f41;
 
-    /// The CRC of `len` bytes at any address, behind those whose CRC is `before`. Of no bytes at
-    /// all it is 0, so a chain of areas begins with that.
+    /// The CRC of `len` bytes at any address that follow bytes whose CRC is `before`. The CRC of no
+    /// bytes is 0, the value to begin with.
     PAVO_EXPORT static uint32_t crc(const void* data, uint32_t len, uint32_t before = 0);
     /// The same, without the instructions that only some processors have.
     PAVO_EXPORT static uint32_t crcByTables(const void* data, uint32_t len, uint32_t before = 0);

@@ -4,7 +4,7 @@ namespace Pavo {
 
 namespace {
 
-// Where the IP header begins behind a record of `recordBytes` bytes that ends in the field `type`.
+// Where the IP header begins after a record of `recordBytes` bytes that ends in the field `type`.
 // What follows the record is a tag only if `len` holds all of it.
 uint32_t offsetBehind(uint16_t type, uint32_t recordBytes, const uint8_t* next, uint32_t len) {
     while (type == EthType::dot1Q) {

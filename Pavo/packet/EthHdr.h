@@ -1,5 +1,5 @@
 /// @file
-/// The Ethernet header, the VLAN tag behind it, and where the IP header begins.
+/// The Ethernet header, the VLAN tag after it, and where the IP header begins.
 #pragma once
 
 #include <cstdint>
@@ -100,12 +100,12 @@ class Eth8021QHdr {
 };
 static_assert(isOverlay<Eth8021QHdr>(4));
 
-/// The offset of the IP header from the start of `eth`, of which `len` bytes may be read: 14 behind
+/// The offset of the IP header from the start of `eth`, of which `len` bytes may be read: 14 after
 /// an untagged header, and 4 more for each 0x8100 tag. 0 when there is none: for any other type,
 /// 0x88a8 among them, for an LLC frame, and where `len` ends before the type does. Only type fields
 /// are read, so the IP header itself may be missing or cut short.
 PAVO_EXPORT uint32_t ipHdrOffset(const EthHdr* eth, uint32_t len);
-/// The same from the start of `tag`: 4 behind a single tag.
+/// The same from the start of `tag`: 4 after a single tag.
 PAVO_EXPORT uint32_t ipHdrOffset(const Eth8021QHdr* tag, uint32_t len);
 
 class PAVO_EXPORT EthHdrWrapper : public HdrWrapper<EthHdrWrapper, EthHdr> {

@@ -136,7 +136,7 @@ class Icmp6Hdr : public IcmpFields<Icmp6Type> {
 };
 static_assert(isOverlay<Icmp6Hdr>(4));
 
-/// The header of an echo request or reply, in front of the data that is to come back (RFC 4443, 4.1
+/// The header of an echo request or reply, before the data that is to come back (RFC 4443, 4.1
 /// and 4.2):
 ///
 ///     | type (1) | code (1)       | checksum (2)        |

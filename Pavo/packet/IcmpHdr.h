@@ -157,7 +157,7 @@ class IcmpHdr : public IcmpFields<IcmpType> {
 };
 static_assert(isOverlay<IcmpHdr>(4));
 
-/// The header of an echo request or reply, in front of the data that is to come back:
+/// The header of an echo request or reply, before the data that is to come back:
 ///
 ///     | type (1) | code (1)       | checksum (2)        |
 ///     | identifier (2)            | sequence number (2) |

@@ -100,11 +100,12 @@ static_assert(isOverlay<IpVersionTrafficClassAndFlowLabel>(4) && isOverlay<Ip6Hd
 /// The fields on one line, for traces.
 PAVO_EXPORT std::ostream& operator<<(std::ostream& out, const Ip6Hdr& header);
 
-/// Finds the header with the number `proto` behind the IPv6 header and its extension headers, and
-/// sets `*out` to its first byte. Followed are hop-by-hop options (0), routing (43), fragment (44)
-/// and destination options (60); any other header ends the way. It ends too where the payload does,
-/// or the `len` bytes that may be read from `hdr` on: an extension header must begin before that,
-/// and what it points at must not begin behind it. Nothing of the header that is found is read.
+/// Finds the header with the number `proto` after the IPv6 header and its extension headers, and
+/// sets `*out` to its first byte. Hop-by-hop options (0), routing (43), fragment (44) and
+/// destination options (60) are passed over; the search ends at any other header, at the end of the
+/// payload, and at the end of the `len` bytes that may be read from `hdr` on. An extension header
+/// must begin before that end; the header after it may begin there, since nothing of the header
+/// that is found is read.
 /// @return 0, or -1 with `*out` unchanged
 PAVO_EXPORT int getNextProtoHdr(Ip6Hdr* hdr, uint32_t proto, char** out, uint32_t len);
 
@@ -165,7 +166,7 @@ class Ip6HdrOptionCommon {
   public:
     static constexpr std::string_view recordName = "Ip6HdrOptionCommon";
 
-    /// The number of the header behind this one, as it is.
+    /// The number of the header after this one, as it is.
     uint8_t nextHdrNum() const { return nextHdrNum_; }
     void nextHdrNumIs(uint8_t number) { nextHdrNum_ = number; }
     /// The length of the extension header in units of 8 bytes, without the first 8.
@@ -200,7 +201,7 @@ class Ip6HdrPad1 {
 };
 static_assert(isOverlay<Ip6HdrPad1>(1));
 
-/// Two bytes of padding or more (RFC 8200, 4.2). The record is the two; the zeros lie behind it:
+/// Two bytes of padding or more (RFC 8200, 4.2). The record is the two; the zeros lie after it:
 ///
 ///     | type (1): 1 | length (1) | that many zeros |
 class Ip6HdrPadN {

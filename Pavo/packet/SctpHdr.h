@@ -32,7 +32,7 @@ class SctpChecksum : public NetField<SctpChecksum, uint32_t> {
 
 static_assert(isOverlay<SctpPort>(2) && isOverlay<SctpChecksum>(4));
 
-/// The header in front of the chunks of a packet, laid over its bytes, or free-standing and all
+/// The header before the chunks of a packet, laid over its bytes, or free-standing and all
 /// zero to build one from:
 ///
 ///     | source port (2) | destination port (2) |
@@ -48,7 +48,7 @@ class SctpHdr {
     void srcPortIs(uint16_t port) { srcPort_.valueIs(port); }
     uint16_t dstPort() const { return dstPort_.value(); }
     void dstPortIs(uint16_t port) { dstPort_.valueIs(port); }
-    /// Tells whether the sender is the peer of the association; 0 in front of an INIT.
+    /// Tells whether the sender is the peer of the association; 0 before an INIT.
     uint32_t verificationTag() const { return verificationTag_.value(); }
     void verificationTagIs(uint32_t tag) { verificationTag_.valueIs(tag); }
     SctpChecksum checksum() const { return checksum_; }

@@ -211,7 +211,7 @@ class TcpHdr {
         return computedChecksumIpv6(pseudo).value();
     }
     /// The checksum over IPv6, with the whole pseudo header (RFC 8200, 8.1). Takes the low 16 bits
-    /// of `tcpLen` as the length of what is summed behind it.
+    /// of `tcpLen` as the length of what is summed after it.
     PAVO_EXPORT IpChecksum computedChecksumRfc8200(const TcpPseudoHdrIpv6& pseudo) const;
     uint16_t computedChecksumRfc8200U16(const TcpPseudoHdrIpv6& pseudo) const {
         return computedChecksumRfc8200(pseudo).value();

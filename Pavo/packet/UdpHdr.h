@@ -98,7 +98,7 @@ class UdpHdr {
         return computedChecksum(pseudo).value();
     }
     /// The checksum over IPv6 (RFC 8200, 8.1). Takes the low 16 bits of `udpLen` as the length of
-    /// what is summed behind the pseudo header.
+    /// what is summed after the pseudo header.
     PAVO_EXPORT IpChecksum computedChecksumIpv6(const UdpPseudoHdrIpv6& pseudo) const;
     uint16_t computedChecksumIpv6U16(const UdpPseudoHdrIpv6& pseudo) const {
         return computedChecksumIpv6(pseudo).value();

@@ -1,10 +1,10 @@
 /// @file
 /// VLAN tags of Ethernet frames: in the frame, and beside it (`Pkt::hasSeparateVlanTag`).
 ///
-/// A tag is the four bytes behind the two MAC addresses, TPID and TCI, and counts only where a type
+/// A tag is the four bytes after the two MAC addresses, TPID and TCI, and counts only where a type
 /// field follows it: in frames of 18 bytes or more. Where a frame is too short for what is asked,
-/// these functions leave it as it is. They work wherever the two pieces of a packet meet. In the
-/// shared data they write in place: to a buffer that another packet shares nothing is to be added.
+/// these functions leave it unchanged. The two pieces of the packet may meet at any byte. Shared
+/// data is changed in place, so the packet must be the only one in use that holds its buffer.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace Pavo {
 
-/// Puts a tag with the identifier `vlanId & 0x0fff`, priority and DEI zero, behind the MAC
+/// Puts a tag with the identifier `vlanId & 0x0fff`, priority and DEI zero, after the MAC
 /// addresses; the shared head data grows by 4 bytes. A frame of fewer than 14 bytes, or without a
 /// shared buffer, stays as it is.
 PAVO_EXPORT void addTagToSharedHeadData(const Mox::Ptr<Pkt>& pkt, uint16_t vlanId, uint16_t tpid);

@@ -29,6 +29,8 @@ namespace Pavo {
 ///
 /// The separate VLAN tag of a packet is no part of its bytes and is not looked at. Names of hosts
 /// in an expression are looked up while it is compiled, which may take as long as DNS does.
+/// Names of protocols are looked up in /etc/protocols: where that file or the name is missing,
+/// libpcap may compile `proto ospf` as protocol 0 without an error. Write numbers: `ip proto 89`.
 ///
 /// Use it only on the thread of the event loop: `match` has a buffer that it uses again, and
 /// libpcap before 1.8 keeps the state of its compiler in globals.

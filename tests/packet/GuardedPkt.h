@@ -16,7 +16,7 @@
 
 namespace Pavo {
 
-/// A packet whose buffer has an inaccessible page inside, right behind the data. The first
+/// A packet whose buffer has an inaccessible page inside, right after the data. The first
 /// `privateBytes` bytes of the frame lie in the private area.
 class GuardedPkt {
   public:

@@ -52,15 +52,5 @@ TEST(NetU, KeepsTheValueLaws) {
     expectValueLaws<IpHdrLen>({IpHdrLen(), IpHdrLen(5), IpHdrLen(15)});
 }
 
-TEST(NetU, RefusesTextThatIsNotItsOwnRecord) {
-    NetU16 value(7);
-    for (const char* text : {"258", "Value('Pavo::NetU16', ** {'v1': 1, 'v0': 2})",
-                             "Value('Pavo::NetU16', ** {'v0': 1, 'v1': 256})"}) {
-        EXPECT_EQ(textErrorOf(text, &value), "Invalid NetU16");
-    }
-    NetU8 byte(7);
-    EXPECT_EQ(textErrorOf("256", &byte), "Invalid NetU8");
-}
-
 }  // namespace
 }  // namespace Pavo

@@ -94,9 +94,9 @@ TEST(PktChecks, FindTheFirstFaultOfAnIpHeader) {
         {
             {"33 bytes", resized(good, 33), 0, PktErrors::pktTooShort,
              "Packet has 33 bytes which is less than needed"},
-            {"33 bytes in front", good, 33, PktErrors::pktTooShort,
+            {"33 bytes in the first piece", good, 33, PktErrors::pktTooShort,
              "Headers do not lie in the first 33 bytes"},
-            {"38 bytes in front", good, 38, PktErrors::noError, ""},
+            {"38 bytes in the first piece", good, 38, PktErrors::noError, ""},
             {"type before version", changed(changed(good, 12, 0x86), 14, 0x60), 0,
              PktErrors::wrongEthType,
              "Got required Type: 0x8600 vs. 0x800 src MAC: 02:00:00:00:00:01"
@@ -120,9 +120,9 @@ TEST(PktChecks, FindTheFirstFaultOfAnIp6Header) {
         {
             {"53 bytes", resized(good, 53), 0, PktErrors::pktTooShort,
              "Packet has 53 bytes which is less than needed"},
-            {"53 bytes in front", good, 53, PktErrors::pktTooShort,
+            {"53 bytes in the first piece", good, 53, PktErrors::pktTooShort,
              "Headers do not lie in the first 53 bytes"},
-            {"54 bytes in front", good, 54, PktErrors::noError, ""},
+            {"54 bytes in the first piece", good, 54, PktErrors::noError, ""},
             {"IPv4", resized(ipFrame, 60), 0, PktErrors::wrongEthType,
              "Got required Type: 0x800 vs. 0x86dd src MAC: 02:00:00:00:00:01"
              " dst MAC: 02:00:00:00:00:02"},
@@ -138,8 +138,6 @@ TEST(PktChecks, FindTheFirstFaultOfAnIcmp6Message) {
     const std::string tooShort = "IP6 payload is too small to contain Icmp6";
     const Frame good = icmp6Frame(9);
     const std::vector<Case> cases = {
-        {"good", icmp6Frame(8), 0, PktErrors::noError, ""},
-        {"odd", good, 0, PktErrors::noError, ""},
         {"shortest", icmp6Frame(4), 0, PktErrors::noError, ""},
         {"3 bytes", icmp6Frame(3), 0, PktErrors::badIp6PayloadLen, tooShort},
         {"next header before length", changed(icmp6Frame(3), 20, 0), 0,
@@ -156,7 +154,7 @@ TEST(PktChecks, FindTheFirstFaultOfAnIcmp6Message) {
     }
 }
 
-// Of a message of 6 bytes and more, in two pieces of every size.
+// Messages of 6 to 9 bytes, in two pieces of every size.
 TEST(PktChecks, SumAMessageInPieces) {
     for (uint8_t payload = 6; payload < 10; ++payload) {
         const Frame good = icmp6Frame(payload);
