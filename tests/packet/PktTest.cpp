@@ -257,6 +257,8 @@ TEST(PktThreads, HoldersOfOneBufferMayBeOnTwoThreads) {
             }
             ASSERT_EQ(contents(pkt),
                       std::string("frame").substr(how % 2) + (how % 4 < 2 ? more : ""));
+            pkt = nullptr;
+            std::memcpy(globalPktManager()->newPkt()->newSharedTailData(69), "reuse", 5);
         };
         std::thread other(use, std::exchange(yours, nullptr), round, "yours");
         use(std::exchange(mine, nullptr), round / 4, "mine");
