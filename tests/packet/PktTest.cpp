@@ -229,6 +229,9 @@ TEST(Pkt, MayEndOnAnotherThreadAndAfterItsOwnThread) {
     std::vector<Mox::Ptr<Pkt>> pkts;
     for (int round = 0; round < 3; ++round) {
         std::thread([&pkts] {
+            // It ends after the free lists of the thread.
+            thread_local const Mox::Ptr<Pkt> last = globalPktManager()->newPkt();
+            EXPECT_EQ(last->references(), 1u);
             pkts.clear();  // Made by the previous thread.
             for (int i = 0; i < 400; ++i) {
                 pkts.push_back(globalPktManager()->newPkt());
