@@ -2,7 +2,6 @@
 /// The networks above and below a prefix, for the prefix types of all families.
 #pragma once
 
-#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -118,7 +117,9 @@ class PrefixOps {
   private:
     constexpr const T& self() const { return static_cast<const T&>(*this); }
     // A `Prefix` of the length 0xffffffff is one address.
-    constexpr uint32_t ownLen() const { return std::min(self().len(), self().addressBits()); }
+    constexpr uint32_t ownLen() const {
+        return self().len() < self().addressBits() ? self().len() : self().addressBits();
+    }
 };
 
 }  // namespace Pavo
