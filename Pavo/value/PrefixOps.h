@@ -5,7 +5,6 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <utility>
 
 #include "Mox/Exception.h"
@@ -32,12 +31,11 @@ constexpr Address addressAfterNetwork(const Address& network, uint32_t len) {
 template <class T>
 class Subnets {
   public:
+    struct End {};
     class Iterator {
       public:
         using value_type = T;
         using difference_type = std::ptrdiff_t;
-        using iterator_concept = std::forward_iterator_tag;
-        using iterator_category = std::input_iterator_tag;
 
         constexpr Iterator() = default;
         constexpr Iterator(const T& whole, uint32_t len)
@@ -58,9 +56,7 @@ class Subnets {
         }
 
         friend constexpr bool operator==(const Iterator&, const Iterator&) = default;
-        friend constexpr bool operator==(const Iterator& it, std::default_sentinel_t) {
-            return it.isAtEnd_;
-        }
+        friend constexpr bool operator==(const Iterator& it, End) { return it.isAtEnd_; }
 
       private:
         T whole_;
@@ -71,7 +67,7 @@ class Subnets {
     constexpr Subnets(const T& whole, uint32_t len) : begin_(whole, len) {}
 
     constexpr Iterator begin() const { return begin_; }
-    constexpr std::default_sentinel_t end() const { return {}; }
+    constexpr End end() const { return {}; }
 
   private:
     Iterator begin_;
