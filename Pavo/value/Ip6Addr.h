@@ -14,22 +14,13 @@
 #include "Pavo/base/Export.h"
 #include "Pavo/base/IntMix.h"
 #include "Pavo/base/NetOrder.h"
-#include "Pavo/base/Ordinal.h"
 #include "Pavo/base/ValueFunctions.h"
+#include "Pavo/value/Ip6Numbers.h"
 #include "Pavo/value/PrefixOps.h"
 
 namespace Pavo {
 
 class EthAddr;
-
-/// The index of a byte in an `Ip6Addr`, 0 to 15.
-class Ip6AddrU8Key : public Ordinal<Ip6AddrU8Key, uint8_t, 15> {
-  public:
-    using Ordinal::Ordinal;
-
-    static constexpr const char* typeName = "Pavo::Ip6AddrU8Key";
-    static constexpr const char* rangeText = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
-};
 
 /// An IPv6 address: sixteen bytes in network order, so that the value may lie over a packet. Slices
 /// of 8 to 64 bits are numbers in host order, and the order is that of the 128-bit number.
@@ -267,23 +258,6 @@ inline constexpr Ip6Addr ip6AddrMld(0xff02, 0, 0, 0, 0, 0, 0, 0x16);
 inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02, 0, 0, 0, 0, 0, 0, 0);
 inline constexpr Ip6Addr ip6AddrV4MappedLoopback(0, 0, 0, 0, 0, 0xffff, 0x7f00, 1);
 inline constexpr Ip6Addr ip6AddrV4MappedLoopbackBase(0, 0, 0, 0, 0, 0xffff, 0x7f00, 0);
-
-/// A prefix length in bits, 0 to 128, or 129 where a mask has none.
-class Ip6PrefixLen : public Ordinal<Ip6PrefixLen, uint8_t, 129> {
-  public:
-    using Ordinal::Ordinal;
-
-    static constexpr uint8_t min = 0;
-    /// The length of a host prefix.
-    static constexpr uint8_t max = 128;
-    /// The mask is not ones followed by zeros.
-    static constexpr uint8_t invalid = 129;
-
-    static constexpr const char* typeName = "Pavo::Ip6PrefixLen";
-    static constexpr const char* rangeText =
-        "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed";
-};
-static_assert(sizeof(Ip6PrefixLen) == 1);
 
 /// An address with a length in bits: the common part of `Ip6AddrWithMask` and `Ip6Prefix`. Text is
 /// the address, "/" and the length.
