@@ -103,7 +103,7 @@ void printTable(benchmark::State& state) {
     });
 }
 
-// The names at i and behind it.
+// The names at i and after it.
 uint32_t after(uint32_t i) {
     return i + 1 == count ? 0 : i + 1;
 }

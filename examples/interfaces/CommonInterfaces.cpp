@@ -1,4 +1,4 @@
-// The types of interfaces that most systems have. Numbers in front of "." lie in the high half of
+// The types of interfaces that most systems have. Numbers before "." are in the high half of
 // an id, that of a sub-interface in the 25 low bits.
 
 #include <cstdint>

@@ -17,12 +17,11 @@
 ///     // that text, while strep and parsing stay those of the record.
 ///     const char* parse(Mox::TextCursor&);
 ///     void print(Mox::TextWriter&) const;
-///     // With `print` alone: reads what it prints. Texts read as a whole may then have this form
-///     // too; `stringValueIs` and `tryParse` take what is no record for it.
+///     // Where the strep is the record: reads another text form. `stringValueIs` and `tryParse`
+///     // read both then; texts that do not begin like a record are passed to this.
 ///     const char* parseText(Mox::TextCursor&);
 ///     // The rules between fields, checked when a record or a log has been read. A constructor
-///     from
-///     // parts calls `requireValid`, which throws the text.
+///     // from parts calls `requireValid`, which throws the text.
 ///     const char* check() const;
 ///     // The error for text after the value, where it depends on the value.
 ///     const char* leftoverText() const;

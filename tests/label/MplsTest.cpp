@@ -305,7 +305,6 @@ TEST(MplsLabelStacks, RefuseNumbersOutOfRange) {
               "DynamicMplsLabelStack::label: index out of range");
     EXPECT_EQ(rangeErrorOf([] { (void)Dynamic().calculatedTop(); }), placeText);
     EXPECT_EQ(rangeErrorOf([] { MplsLabel(0x800001); }), labelText);
-    EXPECT_EQ(rangeErrorOf([] { MplsStackEntryIndex(8); }), indexText);
     expectRefuses(MplsStackEntryIndex(1), {{indexText, {"8", "4294967296"}}});
     stack.deleteBitFromEntropyLabelAndIndicatorBitMaps(1);  // The indicator alone.
     EXPECT_EQ(stack.stringValue(), "TOP ( 16 EL ) BOTTOM");
@@ -318,15 +317,11 @@ TEST(MplsLabelStacks, RefuseNumbersOutOfRange) {
 
 TEST(MplsLabelOperation, FoldsOneIntoAnother) {
     using Action = MplsLabelAction;
+    // clang-format off
     const struct {
-        Action action, otherAction;
-        uint8_t otherFlags;
-        const char* stack;
-        uint32_t error;
-        bool success;
-        const char* after;
+        Action action, otherAction; uint8_t otherFlags;
+        const char* stack; uint32_t error; bool success; const char* after;
     } cases[] = {
-        // clang-format off
         {Action::push, Action::push, 0, "16", 0, true, "16 17 P"},
         {Action::push, Action::push, 1, "16", 1, false, "16 17 P"},
         {Action::push, Action::push, 2, "16", 4, false, "16 17 P"},
@@ -334,8 +329,8 @@ TEST(MplsLabelOperation, FoldsOneIntoAnother) {
         {Action::push, Action::pop, 0, "3", 2, true, "17 P"},
         {Action::swap, Action::swap, 3, "16", 7, false, "16 17 P"},
         {Action::push, Action::push, 0, "16*7", 0, false, "16*7 P"},
-        // clang-format on
     };
+    // clang-format on
     for (const auto& c : cases) {
         MplsLabelOperation into(c.action, bounded(c.stack), 3);  // Its own flags are ignored.
         const auto result =
@@ -356,6 +351,8 @@ TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
     const UnboundedMplsLabelOperation unbounded = boundedOpToUnboundedOp(operation);
     EXPECT_EQ(Mox::fromText<UnboundedMplsLabelOperation>(valueToStrep(unbounded)), unbounded);
     EXPECT_EQ(unboundedOpToBoundedOp(unbounded), operation);
+    EXPECT_EQ(stackOf<Bounded>(list("P 16*8 P")), bounded("P 16*7"));
+    EXPECT_EQ(stackOf<Bounded>(list("P*13 16*7")), bounded("P*13 16*6"));
     std::ostringstream stream;
     stream << operation;
     EXPECT_EQ(stream.str(),
