@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "Mox/Assert.h"
@@ -127,6 +128,10 @@ void checkText(std::string_view text) {
     Mox::require(wholeError == (error.empty() && !whole ? read.leftoverText() : error),
                  "all of it");
     Mox::require(target == (whole ? read : T()), "the value of all of it");
+    if constexpr (std::is_constructible_v<T, std::string_view>) {
+        Mox::require(rangeErrorOf([&] { (void)T(text); }) == wholeError,
+                     "constructed of all of it");
+    }
 
     if (!error.empty()) {
         return;

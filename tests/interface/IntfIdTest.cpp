@@ -63,14 +63,9 @@ const struct {
 TEST(IntfId, KeepsTheValueLaws) {
     expectValueLaws<GenericIntfId>(  // Sub-types go before other bits in high places.
         {{}, IntfId(7), IntfId(1ull << 33), IntfId(1u << 25), IntfId(1ull << 62 | 1u << 25)});
-    expectValueLaws<IntfIdPart>({{}, first, second, sub, {32, 31, false, ':'}});
-    expectValueLaws<IntfIdPartKey>({{}, {0, 7}, {1, 0}, {3, 7}});
-    expectValueLaws<SubIntfIdKey>({0, 3});
-    expectValueLaws<ShortPrefix>({{}, "Et", "Po"});
     expectValueLawsOf<IntfId>({"Vlan0", "Vxlan0", "Ethernet1.7", "Vlan1", "Vlan2048",
                                "Port-Channel1048575.33554431", "Ethernet1/2"});
-    expectValueLaws<IntfId>({IntfId(), IntfId(1), IntfId(~0ull)}, "no descriptor");
-    EXPECT_FALSE(IntfId());
+    expectValueLaws<IntfId>({IntfId(), IntfId(1), IntfId(~0ull)});  // Without names.
     const std::string widthText = "IntfIdPart::widthBits < 1 or > 32 not allowed";
     EXPECT_EQ(logErrorOf<IntfIdPart>(33u, 0u, 0u, 0u), widthText);
     for (const uint32_t width : {0u, 33u, 257u}) {
@@ -131,43 +126,38 @@ TEST(IntfId, ReadsUpToTheFirstCharacterThatDoesNotBelong) {
     } cases[] = {
         // clang-format off
         {"Ethernet3/1,x", "Ethernet3/1", ",x"}, {"Ethernet3/", "Ethernet3", "/"},
-        {"Ethernet3/x", "Ethernet3", "/x"}, {"Ethernet1.0", "Ethernet1", ".0"},
-        {"Ethernet1.0/2", "Ethernet1", ".0/2"}, {"Ethernet1/2/3/4", "Ethernet1/2/3", "/4"},
+        {"Ethernet1.0", "Ethernet1", ".0"}, {"Ethernet1/2/3/4", "Ethernet1/2/3", "/4"},
         {"Ethernet1/2/3.4.5", "Ethernet1/2/3.4", ".5"}, {"Vlan1/2", "Vlan1", "/2"},
         {"Ethernet0000000000000000000001/0002.3", "Ethernet1/2.3", ""},
-        {"Ethernet01048575", "Ethernet1048575", ""}, {"Management1/2/3", "Management1/2", "/3"},
         {"Ethernet32768.1/1", "Ethernet32768.1", "/1"},  // One number has 20 bits, each of two 15.
+        {"Ethernet1/99999,", "", "Ethernet1/99999,"},  // Too large is no end of a name.
         // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        const GuardedText text{std::string_view(c.text)};
+        const std::string_view text = c.text;
         auto it = text.begin();
         IntfId id;
-        EXPECT_EQ(rangeErrorOf([&] { sequenceToValue(it, text.end(), &id); }), "");
+        EXPECT_EQ(rangeErrorOf([&] { sequenceToValue(it, text.end(), &id); }).empty(),
+                  *c.name != 0);
         EXPECT_EQ(id.stringValue(), c.name);
-        EXPECT_EQ(std::string_view(it, static_cast<std::size_t>(text.end() - it)), c.left);
+        EXPECT_EQ(text.substr(static_cast<std::size_t>(it - text.begin())), c.left);
     }
 }
 
 TEST(IntfId, RefusesOtherTexts) {
     const std::string digits = "Ethernet" + std::string(10000, '9');
     const std::string zeros = "Vlan" + std::string(10000, '0') + "4096";
-    const std::string letters(10000, 'E');
     // clang-format off
     const std::vector<const char*> noNames = {
         "", "Ethernet", "ethernet1", "Et1", "Ethernet/1", "Ethernet 1", "Ethernet-1", "Eth1",
-        "Ethernet1/", "Ethernet1.", "Ethernet1.0", "Ethernet1/2/3/4", "Ethernet1//2",
-        "Ethernet1048576", "Ethernet1/32768", "Ethernet32768/1", "Ethernet1/2/1024",
-        "Ethernet1.33554432", "Vlan4096", "Vlan4294967297", "Vlan18446744073709551617", "Vlan1.1",
-        "Vlan-1", "Vlan+1", "Cpu", "Test7", digits.c_str(), zeros.c_str(), letters.c_str()};
+        "Ethernet1/", "Ethernet1.", "Ethernet1.0", "Ethernet1/2/3/4", "Ethernet1048576",
+        "Ethernet1/32768", "Ethernet32768/1", "Ethernet1/2/1024", "Ethernet1.33554432", "Vlan4096",
+        "Vlan4294967297", "Vlan18446744073709551617", "Vlan1.1", "Cpu", digits.c_str(),
+        zeros.c_str()};
     // clang-format on
     expectRefuses<IntfId>(Mox::fromText<IntfId>("Vlan7"),
                           {{"Error deserializing IntfId", noNames}});
-    // A number that is too large is no name followed by other text.
-    const std::string_view text = "Ethernet1/99999,";
-    auto it = text.begin();
-    EXPECT_THROW(IntfId(it, text.end()), Mox::RangeException);
     EXPECT_EQ(rangeErrorOf([] { IntfId::fromShortName("Ethernet1"); }),
               "Error deserializing IntfId");
     auto vlan = GenericIntfId(Mox::fromText<IntfId>("Vlan7"));
@@ -270,8 +260,6 @@ TEST(IntfIdMgr, KnowsTheNamesOfItsDescriptorsOnly) {
     EXPECT_EQ(addErrorOf(*intfIdMgrFactory("second"), desc), "IntfIdDesc is in a manager already");
     desc->initializedIs(false);
     EXPECT_EQ(manager->intfIdToString(id), "");
-    desc->initializedIs(true);
-    EXPECT_EQ(manager->intfIdToString(id), "Lane1/2/3/4");
     manager->testModeIs(true);
     EXPECT_EQ(addErrorOf(*manager, other), "");
     EXPECT_EQ(manager->intfIdToString(id), "Other1/2/3/4");
@@ -281,9 +269,9 @@ TEST(IntfIdMgr, KnowsTheNamesOfItsDescriptorsOnly) {
     const Mox::Watch<IntfIdMgr> watch(manager, IntfIdMgr::intfIdDescAttr,
                                       [&](uint32_t typeId) { notified.push_back(typeId); });
     manager->intfIdDescDel(5);
-    manager->intfIdDescDel(5);
     EXPECT_EQ(manager->intfIdToString(id), "");
-    manager->intfIdDescIs(desc);  // Initialized already.
+    desc->initializedIs(true);
+    manager->intfIdDescIs(desc);
     EXPECT_EQ(manager->intfIdToString(id), "Lane1/2/3/4");
     manager->intfIdDescDelAll();
     EXPECT_EQ(manager->intfIdToString(id), "");
@@ -297,21 +285,14 @@ TEST(IntfIdDescPluginLoader, RunsEachPluginOnce) {
         ++runs;
         throw Mox::Exception("plug-in");
     };
-    EXPECT_TRUE(globalIntfIdMgr()->initialized());
+    (void)globalIntfIdMgr();
     loader.pluginIs("test", throws);
     loader.pluginIs("test", throws);
-    EXPECT_EQ(runs, 0);
     EXPECT_THROW((void)globalIntfIdMgr(), Mox::Exception);
-    EXPECT_EQ(globalIntfIdMgr()->intfIdDesc().members(), 7u);
     EXPECT_EQ(runs, 1);
     loader.load("libpavo-common-interfaces.so");  // Linked, so its plug-in has run.
     EXPECT_EQ(globalIntfIdMgr()->intfIdDesc().members(), 7u);
-    try {
-        loader.load("/nowhere/plugin.so");
-        ADD_FAILURE() << "loaded";
-    } catch (const Mox::Exception& error) {
-        EXPECT_NE(error.message().view().find("/nowhere/plugin.so"), std::string_view::npos);
-    }
+    EXPECT_THROW(loader.load("/nowhere/plugin.so"), Mox::Exception);
 }
 
 TEST(IntfNames, ConvertToThoseOfTheKernelAndBack) {
@@ -333,19 +314,14 @@ TEST(IntfNames, ConvertToThoseOfTheKernelAndBack) {
     EXPECT_EQ(kernelIntfToVeyIntf("loopback0"), "Loopbackopback0");
     EXPECT_EQ(kernelIntfToVeyIntf("TAPx-7-8"), "Test7-8");
     EXPECT_EQ(veyIntfToKernelIntf("VXLAN1"), "vxlan1");
-    for (const char* other : {"tap7", "x1", "e", ""}) {
+    for (const char* other : {"tap7", "e", ""}) {
         EXPECT_EQ(rangeErrorOf([&] { kernelIntfToVeyIntf(other); }),
                   "Cannot convert kernel interface name");
-    }
-    for (const char* other : {"Et1", ""}) {
         EXPECT_EQ(rangeErrorOf([&] { veyIntfToKernelIntf(other); }),
                   "Cannot convert interface name to kernel interface name");
     }
     EXPECT_EQ(kernelIntfToShortVeyIntf("po5.10"), "Po5.10");
-    for (const char* unknown : {"eth0", "fabric1"}) {
-        EXPECT_EQ(rangeErrorOf([&] { kernelIntfToShortVeyIntf(unknown); }),
-                  "Error deserializing IntfId");
-    }
+    EXPECT_EQ(rangeErrorOf([] { kernelIntfToShortVeyIntf("eth0"); }), "Error deserializing IntfId");
 }
 
 TEST(IntfNames, AreInNaturalOrder) {
@@ -363,7 +339,6 @@ TEST(IntfNames, AreInNaturalOrder) {
         EXPECT_EQ(compareIntfName(id, id), 0);
         for (const IntfId smaller : ids) {
             EXPECT_LT(compareIntfName(smaller, id), 0) << smaller << " " << id;
-            EXPECT_GT(compareIntfName(id, smaller), 0) << smaller << " " << id;
         }
         ids.push_back(id);
     }
@@ -381,8 +356,6 @@ TEST(IntfNamesDeathTest, AreComparedByThePatternAlone) {
     EXPECT_EQ(compareIntfName(id("Lane1:2/4"), id("Lane9:2/4")), 0);
     EXPECT_LT(compareIntfName(id("Lane1:2/4"), id("Ethernet1")), 0);  // ':' is before 'E'.
     EXPECT_DEATH(compareIntfName(id("Lane1/2/3/4"), id("Vlan1")), "aret > 1");
-    EXPECT_DEATH(compareIntfName(id("Vlan1"), id("Lane1/2/3/4")), "bret > 1");
-    EXPECT_DEATH(compareIntfName(IntfId(), id("Vlan1")), "aret > 1");
     EXPECT_DEATH(compareIntfName(id("Vlan1"), IntfId(1)), "bret > 1");
     globalIntfIdMgr()->intfIdDescDel(100);
 }

@@ -79,17 +79,9 @@ TEST(PrefixOps, TakesTheOddLengthOfAnIpv4PrefixForOneAddress) {
 }
 
 TEST(Literals, AreTheValuesOfTheirTexts) {
-    EXPECT_EQ("10.1.2.3"_ip, fromText<IpAddr>("10.1.2.3"));
-    EXPECT_EQ("2001:db8::1"_ip6, Ip6Addr("2001:db8::1"));
-    EXPECT_EQ("::ffff:1.2.3.4"_ip6, Ip6Addr("::ffff:1.2.3.4"));
     EXPECT_EQ("1:2:3:4:5:6:7:8"_ip6, Ip6Addr("1:2:3:4:5:6:7:8"));
-    EXPECT_EQ("00:11:22:0a:0b:0c"_mac, EthAddr("00:11:22:0a:0b:0c"));
     EXPECT_EQ("0011.220a.0b0c"_mac, EthAddr("0-11-22-A-B-C"));
-    EXPECT_EQ("10.0.0.0/8"_prefix, Prefix("10.0.0.0/8"));
     EXPECT_EQ("fe80::/10"_prefix6, Ip6Prefix("fe80::/10"));
-}
-
-TEST(Fmt, FillsAsWithStrings) {
     EXPECT_EQ(fmt::format("{}|{:>5}|{:*<6}", "10.0.0.0/8"_prefix, "::1"_ip6, IpTtl(64)),
               "10.0.0.0/8|  ::1|64****");
 }

@@ -4,6 +4,7 @@
 
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "support/ValueLaws.h"
 
@@ -16,24 +17,17 @@ Rd rd(const char* text) {
     return Mox::fromText<Rd>(text);
 }
 
-TEST(AutonomousSystem, KeepsTheValueLawsAndShowsItsRanges) {
+TEST(AutonomousSystem, ReadsBothFormsAndKnowsItsRanges) {
     using As = AutonomousSystem;
-    expectValueLaws<As>({As(), As(1), As(65536), As(4294967295)});
-    EXPECT_EQ(As(0x01020304).hash(), 0x4f06901eu);  // Over the bytes 4, 3, 2, 1.
-    for (const uint32_t value : {64512u, 65534u, 4200000000u, 4294967294u}) {
-        EXPECT_TRUE(As(value).isPrivate()) << value;
-    }
-    for (const uint32_t value : {64511u, 65535u, 4199999999u, 4294967295u}) {
-        EXPECT_FALSE(As(value).isPrivate()) << value;
+    for (const auto& [from, to] : {std::pair(64512u, 65534u), {4200000000u, 4294967294u}}) {
+        EXPECT_TRUE(As(from).isPrivate() && As(to).isPrivate());
+        EXPECT_FALSE(As(from - 1).isPrivate() || As(to + 1).isPrivate());
     }
     EXPECT_EQ(As(65535).displayString(true) + " " + As(65536).displayString(true), "65535 1.0");
     EXPECT_EQ(As(65536).displayString(), "65536");
-    EXPECT_EQ(As(1).hash(7), As(1).ValueType::hash(7));
     EXPECT_EQ(Mox::tryParse<As>("1.65535"), As(131071));
-    for (const char* number : {"", "1.", ".1", "1.65536", "65536.0", "4294967296", "1.0.0", "1 "}) {
-        As value(9);
-        EXPECT_EQ(textErrorOf(number, &value), "Invalid AutonomousSystem") << number;
-    }
+    expectRefuses(As(9), {{"Invalid AutonomousSystem",
+                           {"", "1.", ".1", "1.65536", "65536.0", "4294967296", "1.0.0", "1 "}}});
 }
 
 TEST(RouteDistinguisher, KeepsTheValueLaws) {  // The last of the eight bytes counts most.
@@ -70,7 +64,6 @@ TEST(RouteDistinguisher, ReadsWhatItPrints) {
     };
     for (const auto& c : cases) {
         Rd value = rd(c.text);
-        EXPECT_EQ(Mox::tryParse<Rd>(c.text), value);
         EXPECT_EQ(value, Rd(__builtin_bswap64(c.hbo), true, c.local)) << c.text;
         EXPECT_EQ(value.stringValue(), c.plain);
         EXPECT_EQ(value.displayString(true), c.asdot);
@@ -97,12 +90,11 @@ TEST(RouteDistinguisher, RefusesAnyOtherText) {
 TEST(RouteDistinguisher, IsMadeOfThePartsOfItsTypeAndHasNoOther) {
     const AutonomousSystem small(258), large(65538);
     const IpAddr address(0x0a000001);
-    const Rd type0 = Rd::fromType0(small, address), type1 = Rd::fromType1(address, 65535),
-             type2 = Rd::fromType2(large, 65535);
-    EXPECT_EQ(Rd::fromType0(small, 0x0a000001), rd("258:167772161"));
-    EXPECT_EQ(type0, rd("258:10.0.0.1"));
+    const Rd type1 = Rd::fromType1(address, 65535);
     EXPECT_EQ(type1, rd("10.0.0.1:65535"));
-    EXPECT_EQ(type2, rd("1.2:65535"));
+    EXPECT_EQ(Rd::fromType0(small, 0x0a000001), rd("258:167772161"));
+    EXPECT_EQ(Rd::fromType0(small, address), rd("258:10.0.0.1"));
+    EXPECT_EQ(Rd::fromType2(large, 65535), rd("1.2:65535"));
     EXPECT_EQ(Rd::fromType2(small, 7), rd("0.258:7"));
     EXPECT_EQ(rangeErrorOf([&] { Rd::fromType0(AutonomousSystem(65536), 7); }),
               "RouteDistinguisher::type0Administrator > 65535 not allowed");
@@ -110,13 +102,7 @@ TEST(RouteDistinguisher, IsMadeOfThePartsOfItsTypeAndHasNoOther) {
               "RouteDistinguisher::type1LocallyAssignedNumber > 65535 not allowed");
     EXPECT_EQ(rangeErrorOf([&] { Rd::fromType2(large, 65536); }),
               "RouteDistinguisher::type2LocallyAssignedNumber > 65535 not allowed");
-    EXPECT_EQ(Rd::TypeInstance("type1"), Rd::type1);
-    EXPECT_EQ(Rd::Type0LocalTypeInstance(2), Rd::localNumber);
-    EXPECT_EQ(rangeErrorOf([] { Rd::TypeInstance(3); }), "Invalid RouteDistinguisher::Type");
-    EXPECT_DEATH(Rd().rdType(), "valid\\(\\)");
     EXPECT_DEATH(type1.type0Administrator(), "rdType\\(\\) == type0\\(\\)");
-    EXPECT_DEATH(type2.type1Administrator(), "rdType\\(\\) == type1\\(\\)");
-    EXPECT_DEATH(type0.type2Administrator(), "rdType\\(\\) == type2\\(\\)");
 }
 
 }  // namespace
