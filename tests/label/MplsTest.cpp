@@ -45,12 +45,8 @@ List list(const std::string& text) {
     return entries;
 }
 
-bool isMarker(uint32_t entry) {
-    return entry == eli || entry == el;
-}
-
 List labelsOf(List entries) {
-    std::erase_if(entries, isMarker);
+    std::erase_if(entries, [](uint32_t entry) { return entry == eli || entry == el; });
     return entries;
 }
 
@@ -84,15 +80,6 @@ Bounded bounded(const char* text) {
     return stackOf<Bounded>(list(text));
 }
 
-template <class Stack>
-List listOf(const Stack& stack) {
-    List entries;
-    for (uint32_t i = 0; i < stack.calculatedStackSize(); ++i) {
-        entries.push_back(stack.calculatedLabel(i).value());
-    }
-    return entries;
-}
-
 // Does one change: a word, then labels, a position or an index with a label.
 template <class Stack>
 int changed(Stack& stack, const std::string& change) {
@@ -121,15 +108,6 @@ int changed(Stack& stack, const std::string& change) {
     }
 }
 
-template <class Stack>
-void expectHolds(const Stack& stack, const List& entries) {
-    ASSERT_EQ(listOf(stack), entries);
-    ASSERT_EQ(stack, stackOf<Stack>(entries));
-    const List labels = labelsOf(entries);
-    ASSERT_EQ(stack.top().value(), labels.empty() ? none : labels[0]);
-    ASSERT_EQ(bool(stack), !entries.empty());
-}
-
 // Each of `changes`, by itself, turns `before` into `after` ("=" for no change), with `result`.
 struct Row {
     const char* before;
@@ -146,7 +124,9 @@ void expectRows(const std::vector<Row>& rows) {
             SCOPED_TRACE(std::string(before) + " | " + change);
             auto stack = stackOf<Stack>(list(before));
             EXPECT_EQ(changed(stack, change), result);
-            expectHolds(stack, list(*after == '=' ? before : after));
+            const List expected = list(*after == '=' ? before : after), labels = labelsOf(expected);
+            EXPECT_EQ(stack, stackOf<Stack>(expected));
+            EXPECT_EQ(stack.top(), MplsLabel(labels.empty() ? none : labels[0]));
         }
     }
 }
@@ -210,19 +190,13 @@ TEST(MplsLabelStacks, KeepTheRulesOfEachChange) {
     expectRows<Dynamic>(rowsOfDynamicStacks);
 }
 
-TEST(MplsLabel, KeepsTheValueLawsAndPrintsNames) {
-    expectValueLaws<MplsLabel>({0u, 1u, 7u, 16u, 1048575u, none, 0x100001u, el, 0x800000u});
-    expectValueLaws<MplsStackEntryIndex>({0u, 6u, 7u});
-    expectValueLaws<Result>({Error::noOp, Error::other});
-    expectValueLaws<Bounded>(
-        {{}, bounded("P 16"), bounded("16 P"), bounded("17 P"), bounded("16*7 P*12")});
-    expectValueLaws<Dynamic>({{}, stackOf<Dynamic>(list("17")), stackOf<Dynamic>(list("16*30 P"))});
+TEST(MplsLabel, PrintsNames) {
+    expectValueLaws<Bounded>({{}, bounded("P 16"), bounded("17 P"), bounded("16*7 P*12")});
     EXPECT_EQ(valueToStrep(MplsLabel(16)), "Value('Pavo::MplsLabel', ** {'value': 16})");
-    for (const char* number : {"8388609", "4294967296", "x"}) {
-        MplsLabel label;
+    MplsLabel label;
+    for (const char* number : {"8388609", "4294967296"}) {
         const std::string record = std::string("Value('Pavo::MplsLabel', ** {'value': ") + number;
-        EXPECT_EQ(textErrorOf(record + "})", &label),
-                  *number == 'x' ? "Invalid MplsLabel" : labelText);
+        EXPECT_EQ(textErrorOf(record + "})", &label), labelText);
     }
     EXPECT_EQ(valueToStrep(stackOf<Dynamic>(list("16 17 P"))),
               "DynamicMplsLabelStack(stackSize:2, labels:[16, 17], entropyLabelBitMap:8, "
@@ -249,47 +223,48 @@ TEST(MplsLabel, KeepsTheValueLawsAndPrintsNames) {
 TEST(MplsLabelStacks, RefuseInvalidStacks) {
     const std::string mapText = "Entropy label bit map position index out of range";
     const std::string sizeText = "BoundedMplsLabelStack::stackSize < 0 or > 7 not allowed";
-    const std::string dynamicText = "Invalid DynamicMplsLabelStack";
     const struct {
         uint32_t size;
         List labels;
         uint32_t elMap, eliMap;
-        std::string bounded, dynamic;
+        std::string error;  // Of a bounded stack, and of one without bound where the flag is set.
+        bool isForBoth = true;
     } cases[] = {
         // clang-format off
-        {7, List(7, 16), 0xaaaaaa, 0x555555, "", ""}, {1, {0x800000}, 0, 0, "", ""},
+        {7, List(7, 16), 0xaaaaaa, 0x555555, ""}, {1, {0x800000}, 0, 0, ""},
         // One without the other; both at one position.
-        {2, {16, 17}, 0b10, 0, "", ""}, {0, {}, 0, 0b1, "", ""}, {0, {}, 0b10, 0, mapText, mapText},
-        {2, {16, 17}, 0b110, 0b011, mapText, mapText},
+        {2, {16, 17}, 0b10, 0, ""}, {0, {}, 0, 0b1, ""}, {0, {}, 0b10, 0, mapText},
+        {2, {16, 17}, 0b110, 0b011, mapText},
         // Past the stack; 35 positions; labels that are none, and more or fewer than the size.
-        {2, {16, 17}, 1u << 4, 1u << 3, mapText, mapText}, {1, {eli}, 0, 0, labelText, labelText},
-        {7, List(7, 16), 0xaaaaaaa, 0x5555555, mapText, ""}, {1, {el}, 0, 0, labelText, labelText},
-        {1, {16, 17}, 0, 0, labelText, dynamicText}, {2, {16}, 0, 0, "", dynamicText},
-        {8, List(7, 16), 0, 0, sizeText, dynamicText},
-        {263, List(7, 16), 0, 0, sizeText, dynamicText},
+        {2, {16, 17}, 1u << 4, 1u << 3, mapText}, {1, {eli}, 0, 0, labelText},
+        {7, List(7, 16), 0xaaaaaaa, 0x5555555, mapText, false}, {1, {el}, 0, 0, labelText},
+        {1, {16, 17}, 0, 0, labelText, false}, {2, {16}, 0, 0, "", false},
+        {8, List(7, 16), 0, 0, sizeText, false}, {263, List(7, 16), 0, 0, sizeText, false},
         // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.labels) + std::to_string(c.elMap));
-        Mox::NboAttrLog::Out log;
-        log.u32(c.size);
-        for (uint32_t i = 0; i < 7; ++i) {
-            log.u32(i < c.labels.size() ? c.labels[i] : none);
+        for (const bool isBounded : {true, false}) {
+            Mox::NboAttrLog::Out log;
+            log.u32(c.size);
+            for (uint32_t i = 0; i < (isBounded ? 7 : c.labels.size()); ++i) {
+                log.u32(i < c.labels.size() ? c.labels[i] : none);
+            }
+            log.u32(c.elMap);
+            log.u32(c.eliMap);
+            Mox::NboAttrLog::In in(log.bytes);
+            const std::string error = rangeErrorOf([&] {
+                isBounded ? void(Bounded(&in, Mox::StreamBogon()))
+                          : void(Dynamic(&in, Mox::StreamBogon()));
+            });
+            EXPECT_TRUE(error == c.error || !(isBounded || c.isForBoth)) << error;
         }
-        log.u32(c.elMap);
-        log.u32(c.eliMap);
-        Mox::NboAttrLog::In in(log.bytes);
-        EXPECT_EQ(rangeErrorOf([&] { Bounded(&in, Mox::StreamBogon()); }), c.bounded);
-
-        std::ostringstream text;
-        text << "DynamicMplsLabelStack(stackSize:" << c.size << ", labels:[";
-        for (const uint32_t& label : c.labels) {
-            text << (&label == c.labels.data() ? "" : ", ") << label;
-        }
-        text << "], entropyLabelBitMap:" << c.elMap << ", entropyLabelIndicatorBitMap:" << c.eliMap
-             << ")";
+    }
+    const std::string maps = "], entropyLabelBitMap:0, entropyLabelIndicatorBitMap:0)";
+    for (const char* labels : {"1, labels:[16, 17", "2, labels:[16"}) {
         Dynamic read = stackOf<Dynamic>(list("18"));
-        EXPECT_EQ(textErrorOf(text.str(), &read), c.dynamic);
+        EXPECT_EQ(textErrorOf("DynamicMplsLabelStack(stackSize:" + (labels + maps), &read),
+                  "Invalid DynamicMplsLabelStack");
     }
 }
 
@@ -297,7 +272,6 @@ TEST(MplsLabelStacks, RefuseNumbersOutOfRange) {
     const char* const indexText =
         "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > MplsStackEntryIndex::nullValue "
         "not allowed";
-    const char* const bitText = "Deleting bits above the bit map size";
     Bounded stack = bounded("16 P");
     EXPECT_EQ(rangeErrorOf([&] { stack.labelIs(1, 17); }),
               "BoundedMplsLabelStack::labelIs: index out of range");
@@ -309,10 +283,9 @@ TEST(MplsLabelStacks, RefuseNumbersOutOfRange) {
     stack.deleteBitFromEntropyLabelAndIndicatorBitMaps(1);  // The indicator alone.
     EXPECT_EQ(stack.stringValue(), "TOP ( 16 EL ) BOTTOM");
     expectValueLaws<Bounded>({stack});
-    expectValueLaws<Dynamic>({Dynamic(stack)});
     EXPECT_EQ(Bounded(Dynamic(stack)), stack);
-    EXPECT_DEATH(Bounded().deleteBitFromEntropyLabelAndIndicatorBitMaps(32), bitText);
-    EXPECT_DEATH(Dynamic().deleteBitFromEntropyLabelAndIndicatorBitMaps(0xffffffff), bitText);
+    EXPECT_DEATH(stack.deleteBitFromEntropyLabelAndIndicatorBitMaps(32),
+                 "Deleting bits above the bit map size");
 }
 
 TEST(MplsLabelOperation, FoldsOneIntoAnother) {
@@ -339,7 +312,6 @@ TEST(MplsLabelOperation, FoldsOneIntoAnother) {
         EXPECT_EQ(result.success(), c.success);
         EXPECT_EQ(into, MplsLabelOperation(c.action, bounded(c.after), 3));
     }
-    EXPECT_THROW(SmushResult::SmushError(8), Mox::RangeException);
 }
 
 TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
@@ -353,9 +325,7 @@ TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
     EXPECT_EQ(unboundedOpToBoundedOp(unbounded), operation);
     EXPECT_EQ(stackOf<Bounded>(list("P 16*8 P")), bounded("P 16*7"));
     EXPECT_EQ(stackOf<Bounded>(list("P*13 16*7")), bounded("P*13 16*6"));
-    std::ostringstream stream;
-    stream << operation;
-    EXPECT_EQ(stream.str(),
+    EXPECT_EQ(testing::PrintToString(operation),
               "Operation: pop Stack Size: 3 MPLS Label Stack: TOP ( 3 ELI EL 16 3 ) BOTTOM");
     for (const auto action : {MplsLabelAction::push, MplsLabelAction::swap, MplsLabelAction::pop}) {
         MplsLabelOperation each(action, bounded("3 P 16 3"));
@@ -366,21 +336,19 @@ TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
     using Operation = MplsLabelOperation;
     Operation seven(MplsLabelAction::push, bounded("16*7"));
     uint32_t label = 20;
-    for (const auto labelIs : {&Operation::label0Is, &Operation::label1Is, &Operation::label2Is,
-                               &Operation::label3Is, &Operation::label4Is, &Operation::label5Is,
-                               &Operation::label6Is}) {
-        (seven.*labelIs)(label++);
-    }
-    EXPECT_EQ(seven.boundedLabelStack(), bounded("20 21 22 23 24 25 26"));
-    for (const auto get : {&Operation::label6, &Operation::label5, &Operation::label4,
-                           &Operation::label3, &Operation::label2, &Operation::label1,
-                           &Operation::label0}) {
-        EXPECT_EQ((seven.*get)(), MplsLabel(--label));
+    for (const auto& [labelIs, get] : {
+             std::pair(&Operation::label0Is, &Operation::label0),
+             {&Operation::label1Is, &Operation::label1},
+             {&Operation::label2Is, &Operation::label2}, {&Operation::label3Is, &Operation::label3},
+             {&Operation::label4Is, &Operation::label4}, {&Operation::label5Is, &Operation::label5},
+             {&Operation::label6Is, &Operation::label6}}) {
+        (seven.*labelIs)(label);
+        EXPECT_EQ((seven.*get)(), MplsLabel(label++));
     }
     // clang-format on
+    EXPECT_EQ(seven.boundedLabelStack(), bounded("20 21 22 23 24 25 26"));
     EXPECT_EQ(operation.label3(), MplsLabel::null);
     EXPECT_EQ(rangeErrorOf([&] { operation.label3Is(16); }), placeText);
-    EXPECT_EQ(rangeErrorOf([&] { operation.labelStackIs(MplsStackEntryIndex(7), 16); }), placeText);
     EXPECT_EQ(rangeErrorOf([] { (void)MplsLabelOperation().topLabel(); }),
               "MplsLabelOperation::topLabel: label stack size 0");
     UnboundedMplsLabelOperation large;
@@ -392,7 +360,6 @@ TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
         const auto action = static_cast<MplsLabelAction>(number);
         const char* const error = number == 15 ? "" : "Invalid MplsLabelAction";
         EXPECT_EQ(rangeErrorOf([&] { large.operationIs(action); }), error) << number;
-        EXPECT_EQ(rangeErrorOf([&] { MplsLabelOperation{action}; }), error) << number;
     }
 }
 
@@ -400,8 +367,7 @@ TEST(MplsLabelAndAction, PacksALabelAboveAnAction) {
     MplsLabelAndAction packed(0xf0);
     packed.labelIs(0xfffff);
     packed.actionIs(MplsLabelAction::lookup);
-    EXPECT_EQ(packed.value(), 0x0ffffff4u);
-    EXPECT_TRUE(packed.isValid());
+    EXPECT_TRUE(packed.value() == 0x0ffffff4u && packed.isValid());
     packed.actionIs(static_cast<MplsLabelAction>(0x1f));
     EXPECT_FALSE(packed.isValid());
     EXPECT_FALSE(MplsLabelAndAction(0x10000000).isValid());
