@@ -1,6 +1,7 @@
 // Prints what must not depend on the word size, since processes of both kinds share keys and logs:
 // text, strep, log, hash and order of values of every type, and the members of every enumeration.
-// What packets hold is stated in numbers by the tests, which run in both kinds of processes.
+// What packets hold, and names of interfaces, are stated by the tests, which run in both kinds of
+// processes.
 
 #include <cstdint>
 #include <cstdio>
@@ -16,8 +17,6 @@
 #include "Mox/Exception.h"
 #include "Mox/NboAttrLog.h"
 #include "Mox/ValueType.h"
-
-#include "Pavo/IntfIdDesc.h"
 
 #include "fuzz/ValueTypes.h"
 
@@ -39,15 +38,14 @@ Mox::Bytes logOf(const T& value) {
     return log.bytes;
 }
 
-// Draws logs of values, the same on every machine: either afresh, of three kinds of words at most,
-// so that zeros and masks are frequent, or with few changes to the value before.
+// Draws logs of values, the same on every machine: few words of the log before are changed.
 class Logs {
   public:
     // A value whose log is not in `seen` yet, or nothing when no more is found.
     template <class T>
     std::optional<T> next(const T& before, std::set<Mox::Bytes>* seen) {
         for (int attempt = 0; attempt < attemptsPerSample; ++attempt) {
-            const Mox::Bytes log = attempt % 2 == 0 ? fresh() : changed(before);
+            const Mox::Bytes log = changed(logOf(attempt % 8 == 0 ? T() : before));
             Mox::NboAttrLog::In in(log);
             try {
                 const T value(&in, Mox::StreamBogon());
@@ -63,23 +61,8 @@ class Logs {
   private:
     static constexpr uint32_t wordsPerLog = 64;
 
-    Mox::Bytes fresh() {
-        const uint32_t kinds[] = {any(), any(), any()};
-        const uint32_t first = any() % 8;
-        const bool inRuns = any() % 2 == 0;
-        const bool mapped = any() % 16 == 0;  // An IPv4-mapped address, whose text is special.
-        Mox::NboAttrLog::Out out;
-        for (uint32_t i = 0; i < wordsPerLog; ++i) {
-            const uint32_t next = word(kinds[inRuns ? (i >= first) + (i > first) : any() % 3]);
-            out.u32(!mapped || i > 2 ? next : i == 2 ? 0xffff : 0);
-        }
-        return out.bytes;
-    }
-
-    template <class T>
-    Mox::Bytes changed(const T& before) {
-        const Mox::Bytes log = logOf(before);
-        Mox::NboAttrLog::In in(log);
+    Mox::Bytes changed(const Mox::Bytes& before) {
+        Mox::NboAttrLog::In in(before);
         uint32_t words[wordsPerLog] = {};
         uint32_t count = 0;
         while (in.left() >= 4 && count < wordsPerLog) {
@@ -87,7 +70,7 @@ class Logs {
         }
         for (uint32_t changes = any() % 3 + 1; changes != 0; --changes) {
             uint32_t& each = words[any() % (count + 1) % wordsPerLog];
-            each = any() % 4 == 0 ? each + 1 : word(any());
+            each = any() % 4 == 0 ? each + 1 : word();
         }
         Mox::NboAttrLog::Out result;
         for (const uint32_t each : words) {
@@ -98,7 +81,7 @@ class Logs {
 
     uint32_t any() { return static_cast<uint32_t>(random_()); }
 
-    uint32_t word(uint32_t kind) {
+    uint32_t word() {
         const uint32_t words[] = {
             0,
             any() % 2 == 0 ? 0xffffffff : 0xffff,
@@ -106,11 +89,11 @@ class Logs {
             any() << (any() % 32),
             any() >> (any() % 32),
             any() % 4,
-            any() % (kind % 2 == 0 ? 33 : 129),  // Lengths of prefixes.
+            any() % (any() % 2 == 0 ? 33 : 129),  // Lengths of prefixes.
             any() % 0x10000,
             any(),
         };
-        return words[kind % std::size(words)];
+        return words[any() % std::size(words)];
     }
 
     std::mt19937 random_{20240501};
@@ -165,26 +148,9 @@ void printValues(Logs& logs) {
     }
 }
 
-// Interface types such that most ids have names.
-void describeInterfaces() {
-    const auto manager = Pavo::globalIntfIdMgr();
-    manager->intfIdDescDelAll();
-    for (uint32_t type = 1; type <= 127; ++type) {
-        const std::string letters = {static_cast<char>('a' + type / 26),
-                                     static_cast<char>('a' + type % 26)};
-        const auto desc =
-            Pavo::intfIdDescFactory(type, "Interface" + letters, Pavo::ShortPrefix("If" + letters));
-        desc->partIs({0, 0}, {30, 0, true, '\0'});
-        desc->partIs({0, 1}, {25, 0, false, '.'});
-        desc->initializedIs(true);
-        manager->intfIdDescIs(desc);
-    }
-}
-
 }  // namespace
 
 int main() {
-    describeInterfaces();
     Logs logs;
     const auto print = [&logs]<class T>(std::type_identity<T>) { printValues<T>(logs); };
     fuzz::forEachType(fuzz::ValueTypes(), print);
