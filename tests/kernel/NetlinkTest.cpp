@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Mox/Exception.h"
 #include "Mox/Trace.h"
@@ -21,7 +22,6 @@
 #include "Pavo/IpAddr.h"
 #include "Pavo/NetlinkUtils.h"
 #include "support/FailSyscall.h"
-#include "support/GuardedText.h"
 #include "support/SandboxTest.h"
 #include "support/ValueLaws.h"
 
@@ -179,7 +179,7 @@ TEST_F(NetlinkTest, AddsAnAttributeUpToTheBound) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.bound << " " << c.payload);
-        const GuardedBuffer memory(28);
+        std::vector<char> memory(28);
         std::memset(memory.data(), 0x55, memory.size());
         auto* const msg = reinterpret_cast<nlmsghdr*>(memory.data());
         msg->nlmsg_len = c.lengthBefore;
@@ -195,12 +195,12 @@ TEST_F(NetlinkTest, AddsAnAttributeUpToTheBound) {
     }
 }
 
-// Passes attributes that end at an unmapped page: one with `payload`, then ones that are too short,
-// the last even for its header.
+// Passes attributes that end where an allocation does: one with `payload`, then ones that are too
+// short, the last even for its header.
 template <class Read>
 void readAttributes(const std::string& payload, Read read) {
     for (const size_t bytes : {4 + payload.size(), payload.size(), size_t{3}}) {
-        const GuardedBuffer memory((bytes + 3) / 4 * 4);
+        std::vector<char> memory((bytes + 3) / 4 * 4);
         std::memcpy(memory.data(), (std::string(4, '\0') + payload).data(), memory.size());
         auto* const attribute = reinterpret_cast<rtattr*>(memory.data());
         attribute->rta_len = static_cast<uint16_t>(bytes);
