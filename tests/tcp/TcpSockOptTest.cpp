@@ -14,7 +14,7 @@
 #include <string>
 
 #include "Pavo/ScopedNetNs.h"
-#include "support/ValueLaws.h"
+#include "support/Errors.h"
 #include "tcp/TcpMachines.h"
 
 namespace Pavo {
@@ -39,8 +39,6 @@ TEST(TcpFd, OpensNonBlockingSocketsThatTheLastHolderCloses) {
     EXPECT_FALSE(TcpFileDescriptor::socket(ipv4, NamespaceName("nowhere"), false));
     EXPECT_EQ(errno, ENOENT);
     EXPECT_DEATH(TcpFileDescriptor::socket(ipunknown, NamespaceName(), false), "Unknown af");
-    EXPECT_DEATH(TcpFileDescriptor::socketAccept(0, ipunknown, NamespaceName(), false),
-                 "Unknown af");
 }
 
 TEST(TcpFd, TakesInjectedEventsOfItsInterests) {
@@ -49,7 +47,6 @@ TEST(TcpFd, TakesInjectedEventsOfItsInterests) {
     EXPECT_DEATH(registration->handleReadable(), ": enabled\\(\\)");
     registration->enabledIs(true);
     EXPECT_DEATH(registration->handleReadable(), "notifyOnReadable\\(\\)");
-    EXPECT_DEATH(registration->handleWritable(), "notifyOnWritable\\(\\)");
     registration->notifyOnReadableIs(true);
     EXPECT_EQ(registration->stringValue(), "<fd=-1;read=1;write=0>");
 }
@@ -129,9 +126,7 @@ TEST_F(TcpSockOptTest, EachOptionReachesItsSocketAndLeavesItAgain) {
 }
 
 TEST_F(TcpSockOptTest, WrongUseFailsOrStopsTheProcess) {
-    sockaddr room{};
     EXPECT_DEATH(setSockOptTxTtl(ipunknown, 0, true, 1), "Unexpected af");
-    EXPECT_DEATH(constructSockAddr(&room, IpGenAddr()), "Unknown af");
     const IpGenAddrWithMask peer(addressOf("192.0.2.1"));
     const auto fd = TcpFileDescriptor::socket(ipv4, NamespaceName(), false);
     EXPECT_EQ(setSockMd5AuthOption(fd->descriptor(), peer, ""), 0);  // Removes an absent key.
@@ -144,9 +139,7 @@ TEST_F(TcpSockOptTest, WrongUseFailsOrStopsTheProcess) {
     EXPECT_DEATH(server.sm->startListener(), "!key.empty\\(\\)");
 }
 
-TEST(TcpSocketOptions, KeepTheValueLaws) {
-    expectValueLaws<TcpSocketOptions>({TcpSocketOptions(), optionTxTtl, optionTxTtl | optionTxDs,
-                                       optionDontRoute, TcpSocketOptions(TcpSocketOptions::all)});
+TEST(TcpSocketOptions, HaveNamesAndNoOtherBits) {
     EXPECT_EQ(rangeErrorOf([] { TcpSocketOptions(uint8_t{0x80}); }), "Invalid TcpSocketOptions");
     EXPECT_EQ(tcpOptionsToStrep(optionTxTtl | optionMd5Auth), "TxTtl|Md5Auth");
 }
@@ -189,7 +182,6 @@ TEST_F(TcpSockOptTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
         {"192.0.2.2", "192.0.2.2", "192.0.2.0/24 B 192.0.2.15/28 A ::/0 B", "192.0.2.0/30 A", in},
         {"192.0.2.2", "192.0.2.2", "", "192.0.2.2/32 A", "TCPMD5Unexpected"},
         {"2001:db8::2", "2001:db8::2", "::/0 A", "2001:db8::2/128 B", "TCPMD5Failure"},
-        {"192.0.2.2", "192.0.2.2", "", "", "TCPMinTTLDrop", 65},
         // Listeners for both families.
         {"::", "192.0.2.2", "192.0.2.1/32 A", "192.0.2.2/32 A", in, 64},
         {"::", "192.0.2.2", "0.0.0.0/0 B 192.0.2.77/24 A", "192.0.2.2/32 A", in},
