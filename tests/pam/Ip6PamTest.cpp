@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 
 #include <cerrno>
-#include <stdexcept>
 
 #include "Pavo/Ip6HdrInclSocketPam.h"
 #include "pam/PamFixture.h"
@@ -47,10 +46,6 @@ TEST_F(Ip6PamTest, PacketsWithTheirOwnHeadersGoThroughTheInnerEndpoint) {
     EXPECT_EQ(pam->rxInfo().ttl, 33);
     EXPECT_EQ(pam->rxSrcIpAddr(), stranger);
     EXPECT_EQ(pam->txPktCount(), 1u);
-    pam->txIfNameIs("nowhere0");
-    pam->txPktIs(pkt);
-    EXPECT_EQ(pam->txErrno(), ENODEV);
-    EXPECT_EQ(pam->txErrors(), 1u);
 
     pam->optionsIs(ipFreeBind);
     EXPECT_EQ(optionOf(*pam->txPam(), IPPROTO_IPV6, IPV6_FREEBIND), 1);
@@ -87,18 +82,12 @@ TEST_F(Ip6PamTest, AnIcmp6EndpointReportsFromTheStartAndCountsWhatIsMissing) {
 TEST(Ip6PamInATest, NeedsNoSocket) {
     const auto pam = ip6PamFactory("test", Ip6Pam::Mode::test, NamespaceName());
     Texts seen;
-    bool throws = true;
     const Mox::Watch<Ip6Pam> readable(pam, Pam::readableCountAttr, [&] {
-        if (std::exchange(throws, false)) {
-            throw std::runtime_error("from an observer");
-        }
         const auto pkt = pam->rxPkt();
         seen.push_back(pkt ? pkt->stringValue().c_str() : "none");
     });
     const Ip6Addr router(0xfe80000000000000, 9);
     pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("early"), router, ip6AddrVrrp, 3, 255, 0xc0});
-    EXPECT_THROW(pam->enabledIs(true), std::runtime_error);
-    EXPECT_FALSE(pam->enabled());
     pam->enabledIs(true);
     pam->testBuffPush(Ip6Pam::TestBuff::rx, {pktOf("late"), router, ip6AddrAllNodes, 4, 1, 0});
     EXPECT_EQ(seen, (Texts{"early", "late"}));
@@ -110,11 +99,8 @@ TEST(Ip6PamInATest, NeedsNoSocket) {
     pam->txTTLIs(255);
     pam->txIfIndexIs(4);
     const auto pkt = pktOf("sent");
-    for (const IpGenAddr& bad : {IpGenAddr(), IpGenAddr(IpAddr(0x7f000001))}) {
-        pam->txDstIpAddrIs(bad);
-        pam->txPktIs(pkt);
-        EXPECT_EQ(pam->txErrno(), bad == IpGenAddr() ? EDESTADDRREQ : EAFNOSUPPORT);
-    }
+    pam->txPktIs(pkt);
+    EXPECT_EQ(pam->txErrno(), EDESTADDRREQ);
     pam->txDstIpAddrIs(ip6AddrVrrp);
     pam->txPktIs(pkt);
     *pkt->newSharedTailData(1) = '!';  // The record is a copy.

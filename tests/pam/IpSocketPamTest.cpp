@@ -4,7 +4,6 @@
 #include <linux/filter.h>
 #include <netinet/in.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "Pavo/Ip6HdrInclSocketPam.h"
@@ -212,10 +211,6 @@ TEST_P(RawIpPamTest, ReceivesFromAGroupWhileItIsAMember) {
     EXPECT_EQ(errorOf([&] { right->doJoinMcastGroup(4711, group); }), thrown(join, ENODEV));
     EXPECT_EQ(errorOf([&] { right->doJoinMcastGroup(index, addr(pick("ff02::1", "224.0.0.1"))); }),
               thrown(join, EAFNOSUPPORT));
-    right->doJoinMcastGroup(index, group);
-    right->enabledIs(false);
-    right->enabledIs(true);  // Memberships end with the socket.
-    expectReceives(false);
 }
 
 TEST_P(RawIpPamTest, APacketLargerThanTheRoomIsCutAndSaysSo) {
@@ -288,7 +283,7 @@ TEST_P(RawIpPamTest, ReadsBatchesWithTheMetadataOfEachPacket) {
     EXPECT_EQ(pam->rxPktCount(), 4u);
 }
 
-TEST_P(RawIpPamTest, CountsEverySendThatFailsAndSendsPacketsOfTwoPieces) {
+TEST_P(RawIpPamTest, CountsEverySendThatFails) {
     const auto pam = openPam();
     const IpGenAddr other = addr(pick("::1", "127.0.0.1"));
     const IpGenAddr self = loopback();
@@ -320,17 +315,12 @@ TEST_P(RawIpPamTest, CountsEverySendThatFailsAndSendsPacketsOfTwoPieces) {
     }
     EXPECT_EQ(pam->txPktCount(), 0u);
     pam->txIfNameIs("lo");
-    const auto pieces = pktOf("rear");
-    std::copy_n("front ", 6, pieces->newPrivateHeadData(6));
-    pam->txPktIs(pieces);
-    EXPECT_EQ(pam->txErrno(), 0);
-    EXPECT_EQ(payload(receive(pam)), "front rear");
     sendTo(pam, IpGenAddr(GetParam()), "self");  // The kernel sends 0.0.0.0 and :: to this host.
     EXPECT_EQ(payload(receive(pam)), "self");
-    EXPECT_EQ(pam->txPktCount(), 2u);
-    EXPECT_DEATH(pam->txPktIs(nullptr), "pkt != nullptr");
+    EXPECT_EQ(pam->txErrno(), 0);
+    EXPECT_EQ(pam->txPktCount(), 1u);
     pam->enabledIs(false);
-    EXPECT_DEATH(pam->txPktIs(pieces), "enabled\\(\\)");
+    EXPECT_DEATH(sendAll(pam, {"x"}), "enabled\\(\\)");
 }
 
 TEST_P(RawIpPamTest, ForwardedPacketsWithTheAlertReachTheRouterThatEnabledIt) {
@@ -351,41 +341,31 @@ TEST_P(RawIpPamTest, ForwardedPacketsWithTheAlertReachTheRouterThatEnabledIt) {
     left->ipPktOptionIs(ipPktRouterAlert, true);
     sendAll(left, {"alert"});
     EXPECT_TRUE(receive(right)->stringValue().view().ends_with("alert"));
-    right->optionsIs(none);
-    sendAll(left, {"forwarded"});
-    EXPECT_EQ(right->rxPkt(), nullptr);
 }
 
 TEST_P(RawIpPamTest, NotifiesOnceWhenAFullSendBufferHasRoomAgain) {
     const Wire wire;
-    for (const bool withHeader : {false, true}) {  // The kernel says ENOBUFS, or EAGAIN.
-        SCOPED_TRACE(withHeader);
-        // An address that nobody has: packets wait for its MAC address.
-        const std::string text =
-            pick("192.0.2.", "2001:db8::") + std::string(withHeader ? "7" : "8");
-        const IpGenAddr nobody = addr(text.c_str());
-        const auto outer = ip6HdrInclSocketPamFactory("test", protocol, NamespaceName("left"));
-        outer->txPamIs();
-        const bool isOuter = withHeader && isV6();
-        const auto pam = isOuter ? Mox::Ptr<RawIpPam>(outer) : newPam(protocol, "left");
-        pam->optionsIs(withHeader ? ipHdrIncl : none);
-        pam->enabledIs(true);
-        optionIs(isOuter ? *outer->txPam() : *pam, SO_SNDBUF, 1);
-        pam->txDstIpAddrIs(nobody);
-        const auto pkt =
-            withHeader ? pktWithHeader("x", 9, IpGenAddr(GetParam()), nobody) : pktOf("x");
-        for (int i = 0; i < 100 && pam->txErrors() == 0; ++i) {
-            pam->txPktIs(pkt);
-        }
-        EXPECT_EQ(pam->txErrno(), withHeader ? EAGAIN : ENOBUFS);
-        EXPECT_EQ(turnsUntilQuiet(), 0u);
-        EXPECT_EQ(pam->writableCount(), 1u);
-        PavoTest::run({"ip", "-n", "left", "neigh", "replace", text, "lladdr", "02:00:00:00:00:77",
-                       "dev", "veth-left", "nud", "permanent"});  // Now they leave.
-        loop_.turn(2);
-        EXPECT_EQ(pam->writableCount(), 2u);
-        EXPECT_EQ(turnsUntilQuiet(), 0u);
+    // An address that nobody has: packets wait for its MAC address.
+    const char* const text = pick("192.0.2.7", "2001:db8::7");
+    const IpGenAddr nobody = addr(text);
+    const auto outer = ip6HdrInclSocketPamFactory("test", protocol, NamespaceName("left"));
+    outer->txPamIs();
+    const auto pam = isV6() ? Mox::Ptr<RawIpPam>(outer) : newPam(protocol, "left");
+    pam->enabledIs(true);
+    optionIs(isV6() ? *outer->txPam() : *pam, SO_SNDBUF, 1);
+    pam->txDstIpAddrIs(nobody);
+    const auto pkt = isV6() ? pktWithHeader("x", 9, IpGenAddr(ipv6), nobody) : pktOf("x");
+    for (int i = 0; i < 100 && pam->txErrors() == 0; ++i) {
+        pam->txPktIs(pkt);
     }
+    EXPECT_EQ(pam->txErrno(), pick(ENOBUFS, EAGAIN));  // The kernel's choice.
+    EXPECT_EQ(turnsUntilQuiet(), 0u);
+    EXPECT_EQ(pam->writableCount(), 1u);
+    PavoTest::run({"ip", "-n", "left", "neigh", "replace", text, "lladdr", "02:00:00:00:00:77",
+                   "dev", "veth-left", "nud", "permanent"});  // Now they leave.
+    loop_.turn(2);
+    EXPECT_EQ(pam->writableCount(), 2u);
+    EXPECT_EQ(turnsUntilQuiet(), 0u);
 }
 
 TEST_P(RawIpPamTest, TheErrorQueueIsDrainedAndCounted) {

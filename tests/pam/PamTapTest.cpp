@@ -40,19 +40,10 @@ class CaptureTest : public PamFixture {
 
     // The fields of each packet, joined by blanks.
     Texts tshark(const Texts& fields) const {
-        Texts command = {"tshark",
-                         "-r",
-                         path_,
-                         "-T",
-                         "fields",
-                         "-E",
-                         "separator= ",
-                         "-o",
-                         "ip.check_checksum:TRUE",
-                         "-o",
-                         "tcp.check_checksum:TRUE",
-                         "-o",
-                         "udp.check_checksum:TRUE"};
+        Texts command = {"tshark", "-r", path_, "-T", "fields", "-E", "separator= "};
+        for (const char* protocol : {"ip", "tcp", "udp"}) {
+            command.insert(command.end(), {"-o", protocol + std::string(".check_checksum:TRUE")});
+        }
         for (const std::string& field : fields) {
             command.insert(command.end(), {"-e", field});
         }
@@ -113,7 +104,8 @@ TEST_F(CaptureTest, ASessionOverAConnectorIsCompleteWithItsTags) {
     agent->txPktIs(tagged);
     peer->txPktIs(pktOf(macs + bytesOf("88a80007") + tcp));  // The connector moves it out.
     clock.advance(1);
-    while (agent->rxPkt() || peer->rxPkt()) {
+    EXPECT_EQ(agent->rxPkt()->stringValue(), macs + tcp);
+    while (peer->rxPkt()) {
     }
     agent->tapIs(nullptr);
     agent->txPktIs(pktOf("unseen"));

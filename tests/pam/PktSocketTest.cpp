@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -55,9 +54,7 @@ using PktSocketTest = PavoTest::SandboxTest;
 
 TEST_F(PktSocketTest, SendsAndReceivesOnLoopback) {
     const auto socket = Mox::make<IpSocket>("ip", experiment, 0);
-    const uint32_t objects = Mox::liveObjects();
     EXPECT_EQ(socket->recvPkt(nullptr), nullptr);
-    EXPECT_EQ(Mox::liveObjects(), objects);
     const auto pieces = pktOf("rear");
     std::memcpy(pieces->newPrivateHeadData(6), "front ", 6);
     EXPECT_EQ(socket->sendPkt(pieces, loopback), 10);
@@ -135,30 +132,16 @@ TEST_F(PktSocketTest, SocketsOfADeviceReceiveItsPacketsAndOutliveItsFailures) {
     const auto send = [&](const auto& socket) {
         EXPECT_EQ(socket->sendPkt(pktOf(frame), loopback), 29);  // The frame has the destination.
     };
-    // Until one arrives: the kernel drops frames before it has noticed the carrier.
-    const auto sendUntilSeen = [&](const auto& from, const auto& to) {
-        int bytes = 0;
-        for (int i = 0; i < 1000000 && bytes == 0; ++i) {
-            send(from);
-            ioctl(to->fileDescriptor()->descriptor(), SIOCINQ, &bytes);
-        }
-        EXPECT_GT(bytes, 0);
-    };
-    const auto bounce = [] {  // Leaves ENETDOWN pending.
-        PavoTest::run({"ip", "link", "set", "left", "down"});
-        PavoTest::setUp("", "left");
-    };
     EXPECT_EQ(errorOf([&] { send(left); }), thrown("sendmsg", ENETDOWN));
     PavoTest::setUp("", "left");
-    left->sendPkt(pktOf(macs + "\x88\xb5 local experiment"), sockaddr_in{});
-    bounce();
-    sendUntilSeen(left, right);
-    Texts reads = reportedReads(*right);  // Of IPv4 only.
-    EXPECT_EQ(reads.back(), "");
-    EXPECT_EQ(std::size_t(std::count(reads.begin(), reads.end(), frame)) + 1, reads.size());
-    bounce();
-    sendUntilSeen(right, left);
-    reads = reportedReads(*left);
+    PavoTest::run({"ip", "link", "set", "left", "down"});  // Leaves ENETDOWN pending.
+    PavoTest::setUp("", "left");
+    int bytes = 0;  // Of a frame: the kernel drops those that come before it noticed the carrier.
+    for (int i = 0; i < 1000000 && bytes == 0; ++i) {
+        send(right);
+        ioctl(left->fileDescriptor()->descriptor(), SIOCINQ, &bytes);
+    }
+    const Texts reads = reportedReads(*left);
     EXPECT_EQ(reads.at(0), thrown("recvfrom", ENETDOWN));
     EXPECT_EQ(reads.at(1), frame);
 
@@ -167,6 +150,7 @@ TEST_F(PktSocketTest, SocketsOfADeviceReceiveItsPacketsAndOutliveItsFailures) {
     send(right);
     EXPECT_EQ(read(*left, 0), "");
     left->sendOnlyIs(false);
+    right->sendPkt(pktOf(macs + "\x88\xb5 local experiment"), sockaddr_in{});  // Only IPv4 comes.
     send(right);
     EXPECT_EQ(receive(*left, 0), frame);
     PavoTest::run({"ip", "link", "del", "left"});
