@@ -187,7 +187,6 @@ TYPED_TEST(TimerTest, RepeatsAtMultiplesOfItsPeriodWithoutDriftAndSkipsThoseThat
     at.clock.fire();
     EXPECT_EQ(dues.back(), at.clock.time);
     EXPECT_TRUE(timer->isIdle());
-    EXPECT_DEATH(timer->every(0), "assertion failed: period > 0");
     EXPECT_DEATH(timer->expiryIs(std::nan("")), "assertion failed: !isnan\\( expiry \\)");
 }
 

@@ -31,26 +31,21 @@ using Watching = FileDescriptor::Watching;
 using Ownership = FileDescriptor::Ownership;
 using PavoSandbox::openDescriptors;
 
-// Two connected ends: sockets of `type`, or a pipe's reading and writing end for 0. The interest is
-// that in reading `end`.
+// Two connected sockets, or a pipe's reading and writing end. The interest is that in reading
+// `end`.
 struct Ends {
-    explicit Ends(int type = SOCK_STREAM, Watching watching = Watching::tracked) {
+    explicit Ends(bool isPipe = false, Watching watching = Watching::tracked) {
+        constexpr int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
         int numbers[2];
-        const int made = type == 0
-                             ? pipe2(numbers, O_CLOEXEC | O_NONBLOCK)
-                             : socketpair(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, numbers);
-        EXPECT_EQ(made, 0);
+        EXPECT_EQ(
+            isPipe ? pipe2(numbers, O_CLOEXEC | O_NONBLOCK) : socketpair(AF_UNIX, type, 0, numbers),
+            0);
         end = fileDescriptorFactory(numbers[0]);
         peer = fileDescriptorFactory(numbers[1]);
         end->watchingIs(watching);
         end->notifyOnReadableIs(true);
     }
-    // What `end` then has to read, a byte a message.
-    void send(int messages = 1) const {
-        for (int i = 0; i < messages; ++i) {
-            EXPECT_EQ(write(peer->descriptor(), "x", 1), 1);
-        }
-    }
+    void send() const { EXPECT_EQ(write(peer->descriptor(), "x", 1), 1); }
 
     Fd end;
     Fd peer;
@@ -114,25 +109,6 @@ class EventLoopTest : public testing::Test {
 };
 using ThreadsEventLoopTest = EventLoopTest;
 
-TEST_F(EventLoopTest, ReportsWhatWaitsAsOftenAsTheOwnerTriesToRead) {
-    const Ends ignored(SOCK_DGRAM);
-    const Ends served(SOCK_DGRAM);
-    const Watch<FileDescriptor> serve(served.end, FileDescriptor::readableCountAttr,
-                                      [&] { readOne(*served.end); });
-    for (const uint32_t reports : {1, 0}) {  // No more until its owner reads.
-        ignored.send();
-        EXPECT_EQ(turns(100), reports);
-    }
-    served.send(3);
-    EXPECT_EQ(turns(1), 1u);
-    EXPECT_EQ(turns(100), 3u);  // The last meets EAGAIN.
-    EXPECT_TRUE(readOne(*ignored.end));
-    EXPECT_EQ(turns(100), 1u);
-    EXPECT_TRUE(readOne(*ignored.end));
-    EXPECT_FALSE(readOne(*ignored.end));  // Withdraws what the read before it reported.
-    EXPECT_EQ(turns(100), 0u);
-}
-
 TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatFoundNone) {
     const Ends ends;
     const Fd& writer = ends.end;
@@ -162,6 +138,11 @@ TEST_F(EventLoopTest, WatchesByLevelAndByEdge) {
     } steps[] = {
         {[](const Ends& ends) { ends.send(); }, {1, 10, 1}},  // Nobody reads it.
         {[](const Ends& ends) { ends.send(); }, {0, 10, 1}},
+        {[](const Ends& ends) { readOne(*ends.end); }, {1, 10, 0}},  // One is left.
+        {[](const Ends& ends) { readOne(*ends.end); }, {1, 0, 0}},
+        {[](const Ends& ends) { ends.send(), readOne(*ends.end); }, {1, 0, 0}},
+        {[](const Ends& ends) { readOne(*ends.end) || readOne(*ends.end); }, {0, 0, 0}},  // EAGAIN.
+        {[](const Ends& ends) { ends.send(); }, {1, 10, 1}},
         {[](const Ends& ends) { ends.end->notifyOnReadableIs(true); }, {0, 10, 1}},
         {[](const Ends& ends) { ends.end->notifyOnReadableIs(false); }, {0, 0, 0}},
         {[](const Ends& ends) { ends.end->notifyOnReadableIs(true); }, {1, 10, 1}},
@@ -171,7 +152,7 @@ TEST_F(EventLoopTest, WatchesByLevelAndByEdge) {
         {[](const Ends& ends) { ends.end->watchingIs(Watching::tracked); }, {1, 1, 1}},
     };
     for (const Watching watching : {Watching::tracked, Watching::level, Watching::edge}) {
-        const Ends ends(SOCK_STREAM, watching);
+        const Ends ends(/*isPipe=*/false, watching);
         for (const auto& step : steps) {
             SCOPED_TRACE(&step - steps);
             step.act(ends);
@@ -191,7 +172,7 @@ TEST_F(EventLoopTest, CountsHangUpsAndErrorsAsReadinessForEachInterest) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        Ends ends(0);
+        Ends ends(/*isPipe=*/true);
         if (c.isWriter) {
             std::swap(ends.end, ends.peer);
             ends.peer->notifyOnReadableIs(false);
@@ -278,13 +259,6 @@ TEST_F(EventLoopTest, AStopBeforeTheWaitIsNotLost) {
     loop->defer([&] { loop->stop(); });
     loop->run();
     EXPECT_FALSE(isReady());
-    loop->defer([&] {
-        loop->stop();
-        loop->defer([] {});
-    });
-    loop->run();
-    EXPECT_TRUE(isReady());  // For the call that is left.
-    turns(1);
 }
 
 TEST_F(EventLoopTest, AnOuterLoopSeesAllWorkInItsDescriptor) {
@@ -339,7 +313,6 @@ TEST_F(EventLoopTest, CountsEachSignalAndThenRestoresTheMask) {
         EXPECT_EQ(signalFactory(number), signal);  // The new loop watches it.
         turns(10);
         EXPECT_EQ(signal->count(), kept + 1);
-        EXPECT_DEATH(make<Signal>(number), "assertion failed: !signals\\[ number \\]");
         EXPECT_TRUE(isBlocked(number));
         signal = nullptr;
         EXPECT_FALSE(isBlocked(number));
@@ -367,12 +340,9 @@ TEST_F(EventLoopTest, ItsDescriptorsMayOutliveItAndPendingCallsAreDestroyed) {
     EXPECT_EQ(turns(10), 1u);
 }
 
-TEST_F(EventLoopTest, RefusesToTurnOrEndInsideATurn) {
+TEST_F(EventLoopTest, RefusesToTurnInsideATurn) {
     loop->defer([&] { loop->turn(0); });
     EXPECT_DEATH(loop->turn(0), "assertion failed: !inTurn_");
-    loop->defer([&] { loop.reset(); });
-    EXPECT_DEATH(loop->turn(0), "assertion failed: !inTurn_");
-    EXPECT_DEATH(EventLoop(), "assertion failed: !EventLoop::current\\(\\)");
 }
 
 // Each thread waits for each of its calls: a wake-up that is lost would stop it.

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -11,7 +10,6 @@
 
 #include "Mox/Enum.h"
 #include "Mox/GenericIf.h"
-#include "Mox/Hash.h"
 #include "Mox/NboAttrLog.h"
 #include "Mox/Record.h"
 #include "Mox/Strep.h"
@@ -29,13 +27,11 @@ using Mox::strepToValue;
 using Mox::stringValue;
 using Mox::valueToStrep;
 
-enum class Colour : uint32_t { red = 1, green = 2, greenest = 2, below = 255, above = 256 };
+enum class Colour : uint32_t { red = 1, green = 2, greenest = 2 };
 constexpr auto enumDescription(Colour) {
-    return Mox::enumeration<Colour>("Invalid Colour", {{Colour::red, "red"},
-                                                       {Colour::green, "green"},
-                                                       {Colour::greenest, "greenest"},
-                                                       {Colour::below, "below"},
-                                                       {Colour::above, "above"}});
+    return Mox::enumeration<Colour>(
+        "Invalid Colour",
+        {{Colour::red, "red"}, {Colour::green, "green"}, {Colour::greenest, "greenest"}});
 }
 
 namespace {
@@ -144,11 +140,6 @@ void expectIntegerForms(const char* below, const char* above) {
         EXPECT_EQ(Codec::parse(in, &read, "bad"), nullptr) << text;
         EXPECT_EQ(read, value);
         EXPECT_TRUE(in.atEnd()) << text;
-        Mox::NboAttrLog::Out out;
-        Codec::toLog(out, value);
-        Mox::NboAttrLog::In log(out.bytes);
-        Codec::fromLog(log, &read);
-        EXPECT_EQ(read, value);
     }
     for (const char* text : {below, above, "", "-", "+1", " 1"}) {
         Mox::TextCursor in(text);
@@ -170,27 +161,11 @@ TEST(Record, HoldsNumbersUpToTheBoundsOfTheirFields) {
     EXPECT_EQ((logErrorOf<Wide>(80u, 2u, 2u)), "NboAttrLog: value out of range");
 }
 
-TEST(Enum, ReadsAllNamesAndPrintsTheFirst) {
-    for (const uint32_t number : {0u, 3u, 254u, 257u, UINT32_MAX}) {  // No member's.
-        EXPECT_EQ(rangeErrorOf([&] { enumValue<Colour>(number); }), "Invalid Colour");
-        EXPECT_EQ(stringValue(static_cast<Colour>(number)), std::to_string(number));
-    }
-    Colour colour = Colour::red;
-    for (const char* name : {"", "gre", "red ", " red", "1"}) {
-        EXPECT_EQ(rangeErrorOf([&] { strepToValue(name, &colour); }), "Invalid Colour") << name;
-    }
-    for (const char* name : {"green", "greenest", "below", "above"}) {
-        const Mox::String text(name + std::string(",red"));
-        auto it = text.begin();
-        sequenceToValue(it, text.end(), &colour);
-        EXPECT_EQ(*it, ',');
-        EXPECT_EQ(colour, enumValue<Colour>(name));
-        EXPECT_EQ(colour, enumValue<Colour>(static_cast<uint32_t>(colour)));
-        std::ostringstream stream;
-        stream << colour;
-        EXPECT_EQ(stream.str(), valueToStrep(colour).view());
-        EXPECT_EQ(stream.str(), name == std::string("greenest") ? "green" : name);
-    }
+TEST(Enum, PrintsTheFirstOfTwoNamesAndANumberThatHasNone) {
+    std::ostringstream stream;
+    stream << enumValue<Colour>("greenest") << static_cast<Colour>(3);
+    EXPECT_EQ(stream.str(), "green3");
+    EXPECT_EQ(rangeErrorOf([] { enumValue<Colour>(3); }), "Invalid Colour");
 }
 
 TEST(Strep, HelpersMoveOnlyPastWhatTheyRead) {
@@ -206,13 +181,6 @@ TEST(Strep, HelpersMoveOnlyPastWhatTheyRead) {
               "unexpected trailing characters");
     Mox::needString(it, end, " left");
     Mox::strepToValueEnd(it, end);
-}
-
-// The first is a published vector of MurmurHash3; the others come from another program.
-TEST(Hash, GivesTheKnownResults) {
-    EXPECT_EQ(Mox::Hash(1).result(), 0x514e28b7u);
-    EXPECT_EQ(Mox::Hash(5).mix(80).mix(2).result(), 0xe445ed0eu);
-    EXPECT_EQ(Mox::Hash(5).mix64(0x200000050).result(), 0xe445ed0eu);
 }
 
 TEST(Trace, EvaluatesItsPiecesOnlyWhenEnabledAndKeepsErrno) {
@@ -254,9 +222,6 @@ TEST(Trace, AppliesListsOfSettings) {
         Mox::traceSettingsIs(settings);
         EXPECT_EQ(levelsOf(facility), levels) << settings;
     }
-    setenv("MOX_TRACE", "agent::Late/1-2", 1);
-    EXPECT_EQ(levelsOf(Mox::TraceFacility("agent::Late")), "12");
-    unsetenv("MOX_TRACE");
 }
 
 }  // namespace

@@ -188,17 +188,4 @@ TEST_F(NetnsTest, NoticesThatItsDescriptorWasClosed) {
         testing::ExitedWithCode(0), "");
 }
 
-TEST_F(NetnsTest, OpensSocketsOfItsOwnNamespaceWithoutProc) {
-    EXPECT_EXIT(
-        {
-            const int blue = getnsByName("blue", CLONE_NEWNET);
-            const bool isInside = chroot("/var/run/netns") == 0 && chdir("/") == 0;
-            const bool isGood = netnsOfSocket(udpSocketAt("")) == start_;
-            const bool isRefused = setns(blue, CLONE_NEWNET) == 0 && udpSocketAt("") == -1 &&
-                                   errno == ENOENT && udpSocketAt("blue") == -1 && errno == ENOENT;
-            _exit(isInside && isGood && isRefused ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
 }  // namespace
