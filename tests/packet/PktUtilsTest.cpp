@@ -7,6 +7,7 @@
 
 #include "Mox/Trace.h"
 
+#include "Pavo/NetOrder.h"
 #include "Pavo/PktUtils.h"
 #include "packet/GuardedPkt.h"
 
@@ -20,22 +21,17 @@ const Frame ipFrame = {0x02, 0,    0,    0,    0, 2, 0x02, 0, 0, 0, 0,    1,    
                        0x46, 0x00, 0x00, 0x1c, 0, 0, 0,    0, 0, 0, 0xb9, 0xe3, 0,    0,
                        0,    0,    0,    0,    0, 0, 0,    0, 0, 0, 0,    0,    0,    0};
 
-// ICMPv6 echo requests with `payload` bytes, one of data among them. All but five words are zero.
+// ICMPv6 messages with `payload` bytes, the last of them 0x77. All but five words are zero.
 Frame icmp6Frame(uint8_t payload) {
     Frame frame(54u + payload);
-    frame[12] = 0x86;
-    frame[13] = 0xdd;
+    storeNet<uint16_t>(&frame[12], 0x86dd);
     frame[14] = 0x60;
     frame[19] = payload;
     frame[20] = 58;
-    if (payload >= 4) {
-        const uint32_t data = payload > 4 ? 0x77 : 0;
-        frame[54] = 128;
-        frame.back() = static_cast<uint8_t>(data);
-        const uint32_t dataWord = payload % 2 == 0 ? data : data << 8;
-        const uint32_t sum = ~(0x8000u + 58 + payload + dataWord);
-        frame[56] = static_cast<uint8_t>(sum >> 8);
-        frame[57] = static_cast<uint8_t>(sum);
+    frame.back() = 0x77;
+    if (payload > 4) {
+        const uint32_t lastWord = payload % 2 == 0 ? 0x77 : 0x7700;
+        storeNet(&frame[56], static_cast<uint16_t>(~(58 + payload + lastWord)));
     }
     return frame;
 }
@@ -50,108 +46,76 @@ Frame resized(Frame frame, uint32_t bytes) {
     return frame;
 }
 
-struct Case {
-    const char* what;
-    Frame frame;
-    uint32_t privateBytes;
-    PktErrors error;
-    std::string trace;
-};
+PktErrors ipError(const Mox::Ptr<Pkt>& pkt) {
+    EthHdr* eth = nullptr;
+    IpHdr* ip = nullptr;
+    return checkEthIpHdr(pkt, eth, ip);
+}
 
-// Runs `check` over the frames, each of which ends at a page not to be read.
-template <class Check>
-void expectResults(const std::vector<Case>& cases, Check check) {
+PktErrors ip6Error(const Mox::Ptr<Pkt>& pkt) {
+    EthHdr* eth = nullptr;
+    Ip6Hdr* ip6 = nullptr;
+    return checkEthIp6Hdr(pkt, eth, ip6);
+}
+
+PktErrors icmp6Error(const Mox::Ptr<Pkt>& pkt) {
+    Icmp6Hdr* icmp6 = nullptr;
+    return checkIcmp6CheckSum(pkt, reinterpret_cast<Ip6Hdr*>(pkt->frontData() + 14), icmp6);
+}
+
+// Each frame ends at a page that must not be read.
+TEST(PktChecks, TraceTheFirstFault) {
+    using enum PktErrors;
+    const Frame& good = ipFrame;
+    const Frame good6 = icmp6Frame(6);
+    const struct {
+        PktErrors (*check)(const Mox::Ptr<Pkt>&);
+        Frame frame;
+        uint32_t privateBytes;
+        PktErrors error;
+        const char* trace;
+    } cases[] = {
+        {ipError, resized(good, 33), 0, pktTooShort,
+         "Packet has 33 bytes which is less than needed"},
+        {ipError, good, 33, pktTooShort, "Headers do not lie in the first 33 bytes"},
+        {ipError, good, 38, noError, ""},
+        {ipError, changed(changed(good, 12, 0x86), 14, 0x60), 0, wrongEthType,
+         "Got required Type: 0x8600 vs. 0x800 src MAC: 02:00:00:00:00:01"
+         " dst MAC: 02:00:00:00:00:02"},
+        {ipError, changed(good, 14, 0x50), 0, nonIpHdr, "Ip hdr is not IPv4"},
+        {ipError, changed(good, 22, 1), 0, badIpHdrChecksum, "IPv4 header checksum is invalid"},
+        // Less 20 makes 65535, which so large a packet could hold.
+        {ipError, changed(changed(resized(good, 70000), 17, 19), 14, 0x45), 0, badIpPayloadLen,
+         "IPv4 payload length is larger than the actual packet size"},
+        {ip6Error, resized(good6, 53), 0, pktTooShort,
+         "Packet has 53 bytes which is less than needed"},
+        {ip6Error, good6, 53, pktTooShort, "Headers do not lie in the first 53 bytes"},
+        {ip6Error, resized(good, 60), 0, wrongEthType,
+         "Got required Type: 0x800 vs. 0x86dd src MAC: 02:00:00:00:00:01"
+         " dst MAC: 02:00:00:00:00:02"},
+        {ip6Error, changed(changed(good6, 19, 7), 14, 0x70), 0, nonIp6Hdr, "Ip hdr is not IPv6"},
+        {ip6Error, changed(good6, 19, 7), 0, badIp6PayloadLen,
+         "IPv6 payload length is larger than the actual packet size. "},
+        {icmp6Error, icmp6Frame(3), 0, badIp6PayloadLen,
+         "IP6 payload is too small to contain Icmp6"},
+        {icmp6Error, changed(icmp6Frame(3), 20, 0), 0, nextHdrIsNotIcmp6,
+         "Next header is not Icmp6"},
+        {icmp6Error, changed(good6, 53, 1), 0, badIcmp6Checksum, "Icmp6 checksum is invalid"},
+    };
     static std::string traced;
     const auto before =
         Mox::traceSinkIs([](const char*, int, std::string_view message) { traced += message; });
     Mox::traceSettingsIs("Pavo::PktUtils/1");
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(&c - cases);
         traced.clear();
         const GuardedPkt guarded(c.frame.data(), static_cast<uint32_t>(c.frame.size()),
                                  c.privateBytes);
-        EXPECT_EQ(check(guarded.pkt()), c.error);
+        EXPECT_EQ(c.check(guarded.pkt()), c.error);
         EXPECT_EQ(traced, c.trace);
     }
     Mox::traceSettingsIs("Pavo::PktUtils/");
     Mox::traceSinkIs(before);
-}
-
-template <class Hdr>
-auto resultOf(PktErrors (*check)(const Mox::Ptr<Pkt>&, EthHdr*&, Hdr*&)) {
-    return [check](const Mox::Ptr<Pkt>& pkt) {
-        EthHdr* eth = nullptr;
-        Hdr* ip = nullptr;
-        return check(pkt, eth, ip);
-    };
-}
-
-TEST(PktChecks, FindTheFirstFaultOfAnIpHeader) {
-    const std::string badLen = "IPv4 payload length is larger than the actual packet size";
-    const std::string badSum = "IPv4 header checksum is invalid";
-    const Frame& good = ipFrame;
-    expectResults(
-        {
-            {"33 bytes", resized(good, 33), 0, PktErrors::pktTooShort,
-             "Packet has 33 bytes which is less than needed"},
-            {"33 bytes in the first piece", good, 33, PktErrors::pktTooShort,
-             "Headers do not lie in the first 33 bytes"},
-            {"38 bytes in the first piece", good, 38, PktErrors::noError, ""},
-            {"type before version", changed(changed(good, 12, 0x86), 14, 0x60), 0,
-             PktErrors::wrongEthType,
-             "Got required Type: 0x8600 vs. 0x800 src MAC: 02:00:00:00:00:01"
-             " dst MAC: 02:00:00:00:00:02"},
-            {"version before length", changed(good, 14, 0x50), 0, PktErrors::nonIpHdr,
-             "Ip hdr is not IPv4"},
-            {"total length one too long", changed(good, 17, 29), 0, PktErrors::badIpPayloadLen,
-             badLen},
-            {"checksum", changed(good, 22, 1), 0, PktErrors::badIpHdrChecksum, badSum},
-            // Less 20 makes 65535, which so large a packet could hold.
-            {"total length 19", changed(changed(resized(good, 70000), 17, 19), 14, 0x45), 0,
-             PktErrors::badIpPayloadLen, badLen},
-        },
-        resultOf(checkEthIpHdr));
-}
-
-TEST(PktChecks, FindTheFirstFaultOfAnIp6Header) {
-    const Frame good = icmp6Frame(6);
-    const std::string badLen = "IPv6 payload length is larger than the actual packet size. ";
-    expectResults(
-        {
-            {"53 bytes", resized(good, 53), 0, PktErrors::pktTooShort,
-             "Packet has 53 bytes which is less than needed"},
-            {"53 bytes in the first piece", good, 53, PktErrors::pktTooShort,
-             "Headers do not lie in the first 53 bytes"},
-            {"54 bytes in the first piece", good, 54, PktErrors::noError, ""},
-            {"IPv4", resized(ipFrame, 60), 0, PktErrors::wrongEthType,
-             "Got required Type: 0x800 vs. 0x86dd src MAC: 02:00:00:00:00:01"
-             " dst MAC: 02:00:00:00:00:02"},
-            {"version before length", changed(changed(good, 19, 7), 14, 0x70), 0,
-             PktErrors::nonIp6Hdr, "Ip hdr is not IPv6"},
-            {"payload one too long", changed(good, 19, 7), 0, PktErrors::badIp6PayloadLen, badLen},
-        },
-        resultOf(checkEthIp6Hdr));
-}
-
-TEST(PktChecks, FindTheFirstFaultOfAnIcmp6Message) {
-    const std::string badSum = "Icmp6 checksum is invalid";
-    const std::string tooShort = "IP6 payload is too small to contain Icmp6";
-    const Frame good = icmp6Frame(9);
-    const std::vector<Case> cases = {
-        {"shortest", icmp6Frame(4), 0, PktErrors::noError, ""},
-        {"3 bytes", icmp6Frame(3), 0, PktErrors::badIp6PayloadLen, tooShort},
-        {"next header before length", changed(icmp6Frame(3), 20, 0), 0,
-         PktErrors::nextHdrIsNotIcmp6, "Next header is not Icmp6"},
-        {"last byte", changed(good, 62, 0), 0, PktErrors::badIcmp6Checksum, badSum},
-        {"destination", changed(good, 53, 1), 0, PktErrors::badIcmp6Checksum, badSum},
-    };
-    for (const bool hasPkt : {false, true}) {
-        expectResults(cases, [hasPkt](const Mox::Ptr<Pkt>& pkt) {
-            auto* ip6 = reinterpret_cast<Ip6Hdr*>(pkt->frontData() + 14);
-            Icmp6Hdr* icmp6 = nullptr;
-            return hasPkt ? checkIcmp6CheckSum(pkt, ip6, icmp6) : checkIcmp6CheckSum(ip6, icmp6);
-        });
-    }
 }
 
 // Messages of 6 to 9 bytes, in two pieces of every size.
@@ -162,11 +126,8 @@ TEST(PktChecks, SumAMessageInPieces) {
         const Frame tooLong = changed(good, 19, payload + 1);
         for (uint32_t front = 54; front <= Pkt::privateAreaBytes && front <= good.size(); ++front) {
             const auto result = [front](const Frame& frame) {
-                const GuardedPkt guarded(frame.data(), static_cast<uint32_t>(frame.size()), front);
-                Icmp6Hdr* icmp6 = nullptr;
-                return checkIcmp6CheckSum(
-                    guarded.pkt(), reinterpret_cast<Ip6Hdr*>(guarded.pkt()->frontData() + 14),
-                    icmp6);
+                const auto bytes = static_cast<uint32_t>(frame.size());
+                return icmp6Error(GuardedPkt(frame.data(), bytes, front).pkt());
             };
             const PktErrors cut = PktErrors::pktTooShort;
             EXPECT_EQ(result(good), front < 58 ? cut : PktErrors::noError) << front;
