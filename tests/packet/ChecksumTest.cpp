@@ -1,3 +1,7 @@
+#include "Pavo/Checksum.h"
+
+#include <zlib.h>
+
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -5,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Pavo/Checksum.h"
+#include "Pavo/Crc32.h"
 #include "fuzz/Frames.h"
 
 namespace Pavo {
@@ -15,28 +19,23 @@ uint32_t plainSum(const uint8_t* data, uint32_t len, uint32_t sum) {
     return fuzz::plainSum({reinterpret_cast<const char*>(data), len}, sum);
 }
 
-// What `ipChksum` returns, as the two bytes that come to lie in the packet.
-IpChecksum stored(uint16_t checksum) {
-    IpChecksum image;
-    std::memcpy(static_cast<void*>(&image), &checksum, sizeof(image));
-    return image;
-}
-
-TEST(Checksum, GivesPublishedAndBoundaryValues) {
-    const uint8_t rfc1071[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
-    EXPECT_EQ(ipChecksumChunk(rfc1071, 8, 0), 0x2ddf0u);  // RFC 1071, 3: not folded.
-    EXPECT_EQ(ipChecksumCalc(rfc1071, 8, 0).value(), 0x220d);
-    EXPECT_EQ(stored(ipChksum(rfc1071, 8)).value(), 0x220d);
-    EXPECT_EQ(ipChecksumCalc(rfc1071, 0, 0xffffffff).value(), 0);  // A fold that carries again.
-    EXPECT_EQ(ipChecksumCalc(rfc1071 + 1, 1, 0).value(), 0xfeff);  // An odd byte is the high one.
+// Bit by bit, as the polynomial is defined.
+uint32_t plainCrc32c(const uint8_t* data, uint32_t len) {
+    uint32_t crc = 0xffffffff;
+    for (uint32_t bit = 0; bit < len * 8; ++bit) {
+        const uint32_t feedback = (crc ^ data[bit / 8] >> bit % 8) & 1;
+        crc = crc >> 1 ^ feedback * 0x82f63b78;
+    }
+    return ~crc;
 }
 
 // Random bytes and all-ones bytes, each area up to the end of an allocation, at every
 // alignment; lengths around the block sizes and the largest.
-TEST(Checksum, AgreesWithAPlainLoopInEveryBitOfTheUnfoldedSum) {
+TEST(Checksum, AgreesWithZlibAndPlainLoops) {
     constexpr uint32_t most = 131072;
     std::vector<uint8_t> memory(most);
     uint8_t* const first = memory.data();
+    const uint8_t* const end = first + most;
     std::mt19937 random(2);
     for (const bool ones : {false, true}) {
         for (uint32_t i = 0; i < most; ++i) {
@@ -45,21 +44,33 @@ TEST(Checksum, AgreesWithAPlainLoopInEveryBitOfTheUnfoldedSum) {
         for (uint32_t i = 0; i < 1000; ++i) {
             const auto len = static_cast<uint32_t>(i <= 300 ? i : random() % 4200);
             for (const uint32_t bytes : {len, 65535 - len, most - len}) {
-                const uint8_t* data = first + most - bytes;
                 const auto sum = static_cast<uint32_t>(random());
+                const uint32_t expected = plainSum(end - bytes, bytes, sum);
                 const auto short16 = static_cast<uint16_t>(bytes);
-                if (bytes % 2 == 0 && bytes <= 65535) {
-                    ASSERT_EQ(ipChecksumChunk(data, short16, sum), plainSum(data, bytes, sum));
+                if (bytes % 2 == 0 && bytes == short16) {
+                    ASSERT_EQ(ipChecksumChunk(end - bytes, short16, sum), expected) << bytes;
                 }
-                if (bytes <= 65535) {
-                    ASSERT_EQ(ipChecksumCalc(data, short16, sum).value(),
-                              fuzz::folded(plainSum(data, bytes, sum)));
+                if (bytes == short16) {
+                    ASSERT_EQ(ipChecksumCalc(end - bytes, short16, sum).value(),
+                              fuzz::folded(expected));
                 }
-                ASSERT_EQ(stored(ipChksum(data, bytes)).value(),
-                          fuzz::folded(plainSum(data, bytes, 0)));
+                const IpChecksum stored(fuzz::folded(plainSum(end - bytes, bytes, 0)));
+                const uint16_t image = ipChksum(end - bytes, bytes);
+                ASSERT_EQ(std::memcmp(&image, &stored, sizeof(image)), 0) << bytes;
             }
+            const uint8_t* const data = end - len;
+            const auto crc = static_cast<uint32_t>(crc32(0, data, len));
+            ASSERT_EQ(Crc32::crc(data, len), crc) << len;
+            ASSERT_EQ(Crc32::crcByTables(data, len), crc) << len;
+            const uint32_t half = len / 2;
+            const uint32_t crc32c = plainCrc32c(data, len);
+            const uint32_t before = Crc32c::crc(data, half);
+            ASSERT_EQ(Crc32c::crc(data, len), crc32c) << len;
+            ASSERT_EQ(Crc32c::crc(data + half, len - half, before), crc32c) << len;
+            ASSERT_EQ(Crc32c::crcByTables(data + half, len - half, before), crc32c) << len;
         }
     }
+    EXPECT_EQ(Crc32c::crc("123456789", 9), 0xe3069283u);  // The published check value.
     EXPECT_DEATH((void)ipChecksumChunk(first, 3, 0), "\\(len % 2\\) == 0");
 }
 
