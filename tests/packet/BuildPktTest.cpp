@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -48,9 +49,9 @@ uint16_t port(Random& random) {  // One that tshark gives no meaning.
     return static_cast<uint16_t>(40000 + random() % 256);
 }
 
-std::span<const uint8_t> someOptions(Random& random) {
-    static constexpr uint8_t doNothing[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
-    return std::span(doNothing).first(random() % sizeof(doNothing));
+std::span<const uint8_t> nops(Random& random) {
+    static constexpr uint8_t nops[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+    return std::span(nops).first(random() % sizeof(nops));
 }
 
 template <class Echo, class... Outer>
@@ -67,7 +68,7 @@ Built withTransport(Random& random, const Echo& echo, const Outer&... outer) {
                             .sequenceNumber = u16(random),
                             .psh = true,
                             .window = u16(random),
-                            .options = someOptions(random)});
+                            .options = nops(random)});
         case 2:
             return with(Sctp{.srcPort = 1, .dstPort = 2, .verificationTag = u16(random)});
         default:
@@ -85,7 +86,7 @@ Built withIp(Random& random, const Outer&... outer) {
                 .tos = static_cast<uint8_t>(random()),
                 .id = u16(random),
                 .flags = 2,
-                .options = someOptions(random)};
+                .options = nops(random)};
     const Ip6 ip6{.src = Ip6Addr(0x20010db800000000, u16(random)),
                   .dst = Ip6Addr(0x20010db800010000, u16(random)),
                   .flowLabel = u16(random)};
@@ -172,21 +173,23 @@ TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
 }
 
 TEST(BuildPkt, WritesWhatTheCallerSets) {
-    const auto pkt =
-        buildPkt(Eth{.type = 0x1234}, Vlan{.type = 0x2345}, Mpls{.bos = false},
-                 Ip{.protocol = IpProtocolNumber::gre,
-                    .version = 5,
-                    .headerLen = 15,
-                    .totalLen = 7,
-                    .checksum = IpChecksum(0x3456)},
-                 Ip6{.nextHeader = IpProtocolNumber::ah, .version = 7, .payloadLen = 9},
-                 Tcp{.dataOffset = 3, .checksum = IpChecksum(0x4567)},
-                 Udp{.len = 11, .checksum = IpChecksum()}, Icmp{.checksum = IpChecksum(0x5678)},
-                 Icmp6{.checksum = IpChecksum(0x6789)}, Sctp{.checksum = SctpChecksum(0x789a)});
+    const auto pkt = buildPkt(
+        Eth{.type = 0x1234}, Vlan{.vlanId = 7, .priority = 2, .dropEligible = true, .type = 0x2345},
+        Mpls{.bos = false},
+        Ip{.protocol = IpProtocolNumber::gre,
+           .version = 5,
+           .headerLen = 15,
+           .totalLen = 7,
+           .checksum = IpChecksum(0x3456)},
+        Ip6{.nextHeader = IpProtocolNumber::ah, .version = 7, .payloadLen = 9},
+        Tcp{.ack = true, .fin = true, .dataOffset = 3, .checksum = IpChecksum(0x4567)},
+        Udp{.len = 11, .checksum = IpChecksum()}, Icmp{.checksum = IpChecksum(0x5678)},
+        Icmp6{.checksum = IpChecksum(0x6789)}, Sctp{.checksum = SctpChecksum(0x789a)});
     const std::pair<uint32_t, uint16_t> fields[] = {
-        {12, 0x1234}, {16, 0x2345}, {20, 0x0040},  {22, 0x5f00},  {24, 7},      {30, 0x402f},
-        {32, 0x3456}, {42, 0x7000}, {46, 9},       {48, 0x3340},  {94, 0x3000}, {98, 0x4567},
-        {106, 11},    {108, 0},     {112, 0x5678}, {120, 0x6789}, {134, 0},     {136, 0x789a}};
+        {12, 0x1234},  {14, 0x5007},  {16, 0x2345}, {20, 0x0040}, {22, 0x5f00},
+        {24, 7},       {30, 0x402f},  {32, 0x3456}, {42, 0x7000}, {46, 9},
+        {48, 0x3340},  {94, 0x3011},  {98, 0x4567}, {106, 11},    {108, 0},
+        {112, 0x5678}, {120, 0x6789}, {134, 0},     {136, 0x789a}};
     for (const auto& [offset, value] : fields) {
         EXPECT_EQ(loadNet<uint16_t>(pkt->frontData() + offset), value) << offset;
     }

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <sstream>
 #include <utility>
 
@@ -39,32 +38,21 @@ Mox::Bytes imageOf(const Record& record) {
     return Mox::Bytes(&record, sizeof(record));
 }
 
-template <class T>
-void expectNetworkImage(T value, std::initializer_list<uint8_t> bytes, const char* strep) {
-    SCOPED_TRACE(strep);
-    const Mox::Bytes image(bytes);
-    ASSERT_EQ(sizeof(value), image.bytes());
-    EXPECT_EQ(Mox::Bytes(&value, sizeof(value)), image);
-    EXPECT_EQ(T(value.value()), value);
-    EXPECT_EQ(valueToStrep(value), strep);
-
+TEST(NetU, LiesInMemoryLogAndHashAsItIsSent) {
+    const NetU64 value(0x0102030405060708);
+    const Mox::Bytes image{1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(imageOf(value), image);
+    EXPECT_EQ(valueToStrep(value),
+              "Value('Pavo::NetU64', ** {'v0': 1, 'v1': 2, 'v2': 3, 'v3': 4, 'v4': 5, "
+              "'v5': 6, 'v6': 7, 'v7': 8})");
     Mox::NboAttrLog::Out log;
-    log << value;
-    EXPECT_EQ(log.bytes, image);
+    log << TcpPort(0x0102) << value;
+    EXPECT_EQ(log.bytes, (Mox::Bytes{1, 2, 1, 2, 3, 4, 5, 6, 7, 8}));
     Mox::Hash hash(7);
     for (const uint8_t byte : image) {
         hash.mix(byte);
     }
     EXPECT_EQ(value.hash(7), hash.result());
-}
-
-TEST(NetU, LiesInMemoryLogAndHashAsItIsSent) {
-    expectNetworkImage(NetU8(0xfe), {0xfe}, "254");
-    expectNetworkImage(NetU64(0x0102030405060708), {1, 2, 3, 4, 5, 6, 7, 8},
-                       "Value('Pavo::NetU64', ** {'v0': 1, 'v1': 2, 'v2': 3, 'v3': 4, 'v4': 5, "
-                       "'v5': 6, 'v6': 7, 'v7': 8})");
-    expectNetworkImage(TcpLen(0x220d), {0x22, 0x0d},
-                       "Value('Pavo::TcpLen', ** {'v0': 34, 'v1': 13})");
     EXPECT_LT(NetU64(0xff), NetU64(0x100));  // By value.
 }
 
@@ -256,8 +244,6 @@ TEST(IcmpHdr, IsInWireFormatAndComputesItsChecksum) {
     EXPECT_EQ(pkt->bytesValue()[1], 0xfe);
 
     EXPECT_DEATH((void)echo->computedChecksum(9), "\\( offset_ \\+ bytes \\) <= pkt_->frontBytes");
-    EXPECT_EQ(stringValue(static_cast<IcmpType>(200)), "200");
-    EXPECT_EQ(rangeErrorOf([] { (void)IcmpTypeInstance(200); }), "Invalid IcmpType");
 }
 
 TEST(Icmp6Hdr, IsInWireFormatAndComputesItsChecksum) {
@@ -271,8 +257,6 @@ TEST(Icmp6Hdr, IsInWireFormatAndComputesItsChecksum) {
     echo->checksumIs(echo->computedChecksum(nodeLocal, group, 11));
     EXPECT_EQ(pkt->bytesValue(), sent);
     EXPECT_EQ(echo->computedChecksum(nodeLocal, group, 11), IpChecksum());
-    EXPECT_EQ(rangeErrorOf([] { (void)Icmp6TypeInstance(5); }), "Invalid Icmp6Type");
-    EXPECT_EQ(Icmp6TypeInstance(135), Icmp6TypeInstance("neighborSolicitation"));
 }
 
 // Headers with checksum field zero, followed by data. The checksums were computed in Python, the
