@@ -20,17 +20,15 @@
 #include "Pavo/SctpHdr.h"
 #include "Pavo/TcpHdr.h"
 #include "Pavo/UdpHdr.h"
-#include "packet/GuardedPkt.h"
+#include "fuzz/Frames.h"
 #include "support/Errors.h"
 
 namespace Pavo {
 namespace {
 
-// A packet with these bytes in one iovec.
+// A packet with these bytes in one iovec, at the end of memory of their own.
 Mox::Ptr<Pkt> pktOf(const void* bytes, uint32_t length) {
-    const auto pkt = globalPktManager()->newPkt();
-    pkt->bytesValueIs(Mox::Bytes(bytes, length), /*atTail=*/false);
-    return pkt;
+    return fuzz::pktOf({static_cast<const char*>(bytes), length}, /*privateBytes=*/0);
 }
 
 template <class Record>
@@ -89,8 +87,7 @@ TEST(IpHdr, PrintsTheFieldsOfAPacketOnOneLine) {
               " checksum: 0x14ab computed checksum: 0x0000 16");
 
     const uint8_t cut[20] = {0x4f};  // Options that are not there are not read.
-    const GuardedPkt guarded(cut, sizeof(cut));
-    text << *ipHdrWrapperFactory(guarded.pkt(), 0)->header();
+    text << *ipHdrWrapperFactory(pktOf(cut, sizeof(cut)), 0)->header();
     EXPECT_TRUE(text.str().ends_with(" computed checksum: unknown"));
 }
 
@@ -174,8 +171,7 @@ TEST(HdrView, IsGivenWhenTheHeaderFitsAndElseTheFirstFault) {
     for (const auto& c : cases) {
         uint8_t frame[60] = {c.first};
         frame[c.at] |= c.length;
-        const GuardedPkt guarded(frame, c.bytes);
-        EXPECT_EQ(c.view(guarded.pkt()), c.error) << "row " << &c - cases;
+        EXPECT_EQ(c.view(pktOf(frame, c.bytes)), c.error) << "row " << &c - cases;
     }
     const uint8_t routerAlert6[] = {58, 0, 5, 2, 0, 0, 1, 0};
     EXPECT_EQ(viewError<Ip6HdrRouterAlertOption>(pktOf(routerAlert6, 8)), noError);
@@ -310,14 +306,13 @@ TEST(TransportHdr, IsInWireFormat) {
     EXPECT_EQ(imageOf(sctp), (Mox::Bytes{0x30, 0x39, 0x0b, 0x58, 1, 2, 3, 4, 0, 0, 0, 0}));
 }
 
-// The data ends at a page that must not be read.
 TEST(TransportHdr, SumsPseudoHeaderHeaderAndDataOfOddLength) {
-    const GuardedPkt segment(tcpSegment, sizeof(tcpSegment));
-    const GuardedPkt datagram(udpDatagram, sizeof(udpDatagram));
-    const auto tcp = tcpHdrWrapperFactory(segment.pkt(), 0);
-    const auto tcp6 = tcpHdrWrapperIpv6Factory(segment.pkt(), 0);
-    const auto udp = udpHdrWrapperFactory(datagram.pkt(), 0);
-    const auto udp6 = udpHdrWrapperIpv6Factory(datagram.pkt(), 0);
+    const auto segment = pktOf(tcpSegment, sizeof(tcpSegment));
+    const auto datagram = pktOf(udpDatagram, sizeof(udpDatagram));
+    const auto tcp = tcpHdrWrapperFactory(segment, 0);
+    const auto tcp6 = tcpHdrWrapperIpv6Factory(segment, 0);
+    const auto udp = udpHdrWrapperFactory(datagram, 0);
+    const auto udp6 = udpHdrWrapperIpv6Factory(datagram, 0);
     const auto addresses = [](const auto& wrapper, const auto& from, const auto& to) {
         wrapper->srcIs(from);
         wrapper->dstIs(to);
@@ -331,8 +326,8 @@ TEST(TransportHdr, SumsPseudoHeaderHeaderAndDataOfOddLength) {
     const TcpPseudoHdrIpv6 longTcp(src6, dst6, 0x10000 + sizeof(tcpSegment));
     const UdpPseudoHdrIpv6 longUdp(src6, dst6, 0x10000 + sizeof(udpDatagram));
 
-    uint8_t* const inTcp = segment.pkt()->frontData() + 16;
-    uint8_t* const inUdp = datagram.pkt()->frontData() + 6;
+    uint8_t* const inTcp = segment->frontData() + 16;
+    uint8_t* const inUdp = datagram->frontData() + 6;
     const struct {
         const char* what;
         std::function<uint16_t()> computed;
@@ -360,8 +355,8 @@ TEST(TransportHdr, SumsPseudoHeaderHeaderAndDataOfOddLength) {
 }
 
 TEST(SctpHdr, ComputesItsChecksumWhateverTheFieldHolds) {
-    const GuardedPkt init(sctpInit, sizeof(sctpInit));
-    const auto sctp = sctpHdrWrapperFactory(init.pkt(), 0);
+    const auto init = pktOf(sctpInit, sizeof(sctpInit));
+    const auto sctp = sctpHdrWrapperFactory(init, 0);
     const uint8_t sent[4] = {0x71, 0x78, 0xfd, 0x04};  // The CRC is 0x04fd7871.
     EXPECT_EQ(imageOf(sctp->computedChecksum(sizeof(sctpInit))), imageOf(sent));
     sctp->header()->checksumIs(SctpChecksum(0x7178fd04));

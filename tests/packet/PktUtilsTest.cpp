@@ -7,9 +7,8 @@
 
 #include "Mox/Trace.h"
 
-#include "Pavo/NetOrder.h"
 #include "Pavo/PktUtils.h"
-#include "packet/GuardedPkt.h"
+#include "fuzz/Frames.h"
 
 namespace Pavo {
 namespace {
@@ -46,6 +45,10 @@ Frame resized(Frame frame, uint32_t bytes) {
     return frame;
 }
 
+Mox::Ptr<Pkt> pktOf(const Frame& frame, uint32_t privateBytes) {
+    return fuzz::pktOf({reinterpret_cast<const char*>(frame.data()), frame.size()}, privateBytes);
+}
+
 PktErrors ipError(const Mox::Ptr<Pkt>& pkt) {
     EthHdr* eth = nullptr;
     IpHdr* ip = nullptr;
@@ -63,7 +66,6 @@ PktErrors icmp6Error(const Mox::Ptr<Pkt>& pkt) {
     return checkIcmp6CheckSum(pkt, reinterpret_cast<Ip6Hdr*>(pkt->frontData() + 14), icmp6);
 }
 
-// Each frame ends at a page that must not be read.
 TEST(PktChecks, TraceTheFirstFault) {
     using enum PktErrors;
     const Frame& good = ipFrame;
@@ -109,9 +111,7 @@ TEST(PktChecks, TraceTheFirstFault) {
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         traced.clear();
-        const GuardedPkt guarded(c.frame.data(), static_cast<uint32_t>(c.frame.size()),
-                                 c.privateBytes);
-        EXPECT_EQ(c.check(guarded.pkt()), c.error);
+        EXPECT_EQ(c.check(pktOf(c.frame, c.privateBytes)), c.error);
         EXPECT_EQ(traced, c.trace);
     }
     Mox::traceSettingsIs("Pavo::PktUtils/");
@@ -126,8 +126,7 @@ TEST(PktChecks, SumAMessageInPieces) {
         const Frame tooLong = changed(good, 19, payload + 1);
         for (uint32_t front = 54; front <= Pkt::privateAreaBytes && front <= good.size(); ++front) {
             const auto result = [front](const Frame& frame) {
-                const auto bytes = static_cast<uint32_t>(frame.size());
-                return icmp6Error(GuardedPkt(frame.data(), bytes, front).pkt());
+                return icmp6Error(pktOf(frame, front));
             };
             const PktErrors cut = PktErrors::pktTooShort;
             EXPECT_EQ(result(good), front < 58 ? cut : PktErrors::noError) << front;
