@@ -119,7 +119,7 @@ TEST(Pkt, IsAllHeadRoomAndHasNoTagWhenNew) {
         EXPECT_FALSE(made->hasSeparateVlanTag());
         EXPECT_EQ(made->separateVlanTci(), 0);
         EXPECT_EQ(made->separateVlanTpid(), 0);
-        EXPECT_EQ(rangeErrorOf([&] { (void)made->iovec(2); }), "no such iovec");
+        EXPECT_EQ(rangeErrorOf([&pkt = made] { (void)pkt->iovec(2); }), "no such iovec");
     }
 }
 
