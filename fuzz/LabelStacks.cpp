@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Mox::require(length <= bytes, "a stack lies within the bytes");
 
     DynamicMplsLabelStack stack;
-    stack.append(16);
+    (void)stack.append(16);
     const DynamicMplsLabelStack before = stack;
     const std::string error = fuzz::rangeErrorOf([&] { stack.deserialize(data, bytes); });
     if (!error.empty()) {

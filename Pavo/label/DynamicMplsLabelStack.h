@@ -5,6 +5,7 @@
 #include <compare>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Mox/ValueType.h"
@@ -52,6 +53,16 @@ class DynamicMplsLabels {
 class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, DynamicMplsLabels> {
   public:
     DynamicMplsLabelStack() = default;
+    DynamicMplsLabelStack(const DynamicMplsLabelStack&) = default;
+    DynamicMplsLabelStack& operator=(const DynamicMplsLabelStack&) = default;
+    /// Leaves `other` empty.
+    DynamicMplsLabelStack(DynamicMplsLabelStack&& other) noexcept { *this = std::move(other); }
+    /// Exchanges the two, so that both stay values.
+    DynamicMplsLabelStack& operator=(DynamicMplsLabelStack&& other) noexcept {
+        labels_.swap(other.labels_);
+        std::swap(static_cast<EntropyLabelMaps&>(*this), static_cast<EntropyLabelMaps&>(other));
+        return *this;
+    }
     PAVO_EXPORT explicit DynamicMplsLabelStack(const BoundedMplsLabelStack& stack);
     DynamicMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit DynamicMplsLabelStack(std::string_view text) { readWhole(text); }

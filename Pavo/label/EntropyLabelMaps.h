@@ -21,9 +21,9 @@ class EntropyLabelMaps {
     static constexpr uint32_t mapBits = 32;
     static constexpr const char* positionText = "Entropy label bit map position index out of range";
 
-    /// Bit i is set where an entropy label stands at position i.
+    /// Bit i is set where an entropy label is at position i.
     constexpr uint32_t entropyLabelBitMap() const { return entropyLabelBitMap_; }
-    /// Bit i is set where an entropy label indicator stands at position i.
+    /// Bit i is set where an entropy label indicator is at position i.
     constexpr uint32_t entropyLabelIndicatorBitMap() const { return entropyLabelIndicatorBitMap_; }
 
     constexpr bool hasEntropyLabel() const { return bothMaps() != 0; }

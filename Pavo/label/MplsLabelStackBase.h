@@ -59,7 +59,8 @@ constexpr auto enumDescription(BoundedMplsLabelStackError) {
 // clang-format on
 
 /// The result of one change of a stack, or the worst of several.
-class BoundedMplsLabelStackResult : public Mox::ValueType<BoundedMplsLabelStackResult> {
+class [[nodiscard]] BoundedMplsLabelStackResult
+    : public Mox::ValueType<BoundedMplsLabelStackResult> {
   public:
     using Error = BoundedMplsLabelStackError;
 

@@ -145,9 +145,9 @@ template <class Stack>
 void appendAll(Stack& stack, const Entries& entries) {
     for (const uint32_t each : entries) {
         if (each == MplsLabel::entropyLabelIndicatorValue) {
-            stack.entropyLabelAndIndicatorIs(stack.calculatedStackSize());
+            (void)stack.entropyLabelAndIndicatorIs(stack.calculatedStackSize());
         } else {
-            stack.append(each);
+            (void)stack.append(each);
         }
     }
 }
@@ -156,9 +156,9 @@ template <class Stack>
 void prependAll(Stack& stack, const Entries& entries) {
     for (auto each = entries.rbegin(); each != entries.rend(); ++each) {
         if (*each == MplsLabel::entropyLabelIndicatorValue) {
-            stack.entropyLabelAndIndicatorIs(0);
+            (void)stack.entropyLabelAndIndicatorIs(0);
         } else {
-            stack.prepend(*each);
+            (void)stack.prepend(*each);
         }
     }
 }
