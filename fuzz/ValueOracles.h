@@ -13,6 +13,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "Mox/Assert.h"
 #include "Mox/Hash.h"
@@ -128,7 +129,9 @@ void checkText(std::string_view text) {
     Mox::require(wholeError == (error.empty() && !whole ? read.leftoverText() : error),
                  "all of it");
     Mox::require(target == (whole ? read : T()), "the value of all of it");
-    if constexpr (std::is_constructible_v<T, std::string_view>) {
+    // A name that is made of a string without a cast takes it as it is.
+    if constexpr (std::is_constructible_v<T, std::string_view> &&
+                  !std::is_convertible_v<const char*, T>) {
         Mox::require(rangeErrorOf([&] { (void)T(text); }) == wholeError,
                      "constructed of all of it");
     }
@@ -137,7 +140,7 @@ void checkText(std::string_view text) {
         return;
     }
     checkValue(read);
-    // What was taken is the value, without what stands behind it.
+    // The value is that of the characters taken, whatever follows them.
     const auto alone = Mox::tryParse<T>(text.substr(0, static_cast<std::size_t>(it - begin)));
     Mox::require(alone && *alone == read, "the same without the rest");
 }
@@ -148,9 +151,49 @@ void checkTextAs(TypeList<T...> types, const uint8_t* data, std::size_t size) {
         types, [text = asText(data, size)]<class U>(std::type_identity<U>) { checkText<U>(text); });
 }
 
-/// Splits an input into a first line, which names a type, and what stands behind it. A name that is
-/// none stands for some type as well, so every type is reached, with a seed of its own or without.
-/// Calls `visit(std::type_identity<T>(), rest)`.
+/// Any two values are ordered one way, and the order of any three is transitive.
+template <class T>
+void checkOrder(const std::vector<T>& values) {
+    for (const T& a : values) {
+        for (const T& b : values) {
+            Mox::require((a == b) == (b == a) && !(a == b && a != b), "equal is mutual");
+            Mox::require(!(a == b) || a.hash() == b.hash(), "equal values, equal hashes");
+            if constexpr (requires { a < b; }) {
+                Mox::require((a < b) + (b < a) <= 1 && !(a == b && a < b), "one way");
+                Mox::require((a < b) == (b > a) && (a <= b) == !(b < a), "the four agree");
+                for (const T& c : values) {
+                    Mox::require(!(a < b && b < c) || a < c, "below what is below");
+                }
+            }
+        }
+    }
+}
+
+/// The values that bytes can be read as, at most three of them.
+template <class T>
+void checkLogs(std::string_view log) {
+    Mox::NboAttrLog::In in(log.data(), static_cast<uint32_t>(log.size()));
+    std::vector<T> values;
+    const std::string error = rangeErrorOf([&] {
+        while (values.size() < 3 && in.left() != 0) {
+            const uint32_t left = in.left();
+            const std::string_view image = log.substr(log.size() - left);
+            values.push_back(T(&in, Mox::StreamBogon()));
+            Mox::require(in.left() <= left, "reads forwards");
+            const Mox::Bytes again = checkLog(values.back());
+            Mox::require(asText(again.data(), again.bytes()) == image.substr(0, left - in.left()),
+                         "log, value, log");
+        }
+    });
+    for (const T& value : values) {
+        checkValue(value);
+    }
+    checkOrder(values);
+}
+
+/// Splits an input into a first line, which names a type, and the rest. An unknown name also
+/// chooses a type, by its hash, so that every type is reached. Calls
+/// `visit(std::type_identity<T>(), rest)`.
 template <class... T, class Visit>
 void withNamedType(TypeList<T...> types, std::string_view input, Visit visit) {
     const std::size_t newline = input.find('\n');
