@@ -18,7 +18,7 @@ Mox::TraceFacility facility("Pavo::TcpConnSocket");
 template <class Ask>
 std::optional<SockAddr> endOf(const TcpFileDescriptor& fd, const char* askName, Ask ask) {
     SockAddr name;
-    if (ask(fd.descriptor(), name.get(), &name.length) == 0) {
+    if (ask(fd.descriptor(), name.get(), name.room()) == 0) {
         return name;
     }
     const int error = errno;

@@ -45,13 +45,13 @@ sockaddr_in6 sockaddrIn6From(const Ip6Addr& address, uint16_t port, uint32_t sco
     return image;
 }
 
-SockAddr::SockAddr(const IpGenAddr& address, uint16_t port, uint32_t scopeId) {
+SockAddr::SockAddr(const IpGenAddr& address, Port port, uint32_t scopeId) {
     switch (address.af()) {
         case ipv4:
-            imageIs(*this, sockaddrInFrom(address.v4Addr(), port));
+            imageIs(*this, sockaddrInFrom(address.v4Addr(), port.value()));
             break;
         case ipv6:
-            imageIs(*this, sockaddrIn6From(address.v6Addr(), port, scopeId));
+            imageIs(*this, sockaddrIn6From(address.v6Addr(), port.value(), scopeId));
             break;
         default:
             imageIs(*this, sockaddr{});
@@ -68,7 +68,7 @@ IpGenAddr SockAddr::address() const {
 }
 
 // Only one of the two is not zero.
-uint16_t SockAddr::port() const {
+Port SockAddr::port() const {
     return ntohs(v4Image(*this).sin_port | v6Image(*this).sin6_port);
 }
 

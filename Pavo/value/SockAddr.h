@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Pavo/base/Export.h"
+#include "Pavo/value/Ip.h"
 #include "Pavo/value/Ip6Addr.h"
 #include "Pavo/value/IpAddr.h"
 #include "Pavo/value/IpGenAddr.h"
@@ -40,23 +41,25 @@ PAVO_EXPORT sockaddr_in6 sockaddrIn6From(const Ip6Addr& address, uint16_t port =
                                          uint32_t scopeId = 0);
 
 /// The address of a socket of either family, with the length that the system's calls take beside
-/// it: `bind(fd, name.get(), name.length)`, and, from a default one, which has room for any family,
-/// `getsockname(fd, name.get(), &name.length)`.
+/// it: `bind(fd, name.get(), name.length)`, `getsockname(fd, name.get(), name.room())`.
 struct SockAddr {
     SockAddr() = default;
-    /// `port` is in host order; `scopeId` counts for IPv6 only. An unknown family is AF_UNSPEC,
+    /// `scopeId` counts for IPv6 only. An unknown family is AF_UNSPEC,
     /// without a port.
-    PAVO_EXPORT explicit SockAddr(const IpGenAddr& address, uint16_t port = 0,
-                                  uint32_t scopeId = 0);
+    PAVO_EXPORT explicit SockAddr(const IpGenAddr& address, Port port = 0, uint32_t scopeId = 0);
 
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    /// For a call that writes an address of any family and its length.
+    socklen_t* room() {
+        length = sizeof(storage);
+        return &length;
+    }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 
     /// The address, of an unknown family where this is neither AF_INET nor AF_INET6, or is shorter
     /// than an address of its family; port and scope are then 0.
     PAVO_EXPORT IpGenAddr address() const;
-    /// In host order.
-    PAVO_EXPORT uint16_t port() const;
+    PAVO_EXPORT Port port() const;
     /// 0 for IPv4.
     PAVO_EXPORT uint32_t scopeId() const;
 
