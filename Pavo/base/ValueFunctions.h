@@ -9,7 +9,8 @@
 /// - `sequenceToValue(it, end, &value)`: as much text as belongs to the value, `it` then after it
 ///
 /// and written by `value.stringValue()`, by `value.printToBuffer(buffer, size)`, which allocates
-/// nothing, by `<<` to a stream, and by `{}` in a format (`Pavo/Format.h`, `Pavo/Fmt.h`).
+/// nothing, and by `{}` in a format (`Pavo/Format.h`, `Pavo/Fmt.h`). `<<` to a stream writes the
+/// strep, which for types whose strep is a record, such as labels, is another text.
 #pragma once
 
 #include "Mox/Strep.h"

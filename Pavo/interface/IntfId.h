@@ -177,6 +177,9 @@ PAVO_EXPORT Mox::String stringToVeyIntf(const Mox::String& text);
 /// natural order: by type name, then number by number, where one that is missing between others
 /// counts as 0, then the name with fewer numbers first. Ethernet2 comes before Ethernet10,
 /// Ethernet3/1 before Ethernet3/1.5.
+/// Of a prefix that has a digit, only what follows its last digit counts: "Ip6Tunnel3",
+/// "Ip4Tunnel3" and "Tunnel3" compare as equal, so this is the order of a display, not that of a
+/// set.
 /// @pre both ids have a name of a type, up to three numbers with "/" between them, and a number
 /// after "." (assertions "aret > 1" and "bret > 1").
 PAVO_EXPORT int compareIntfName(IntfId a, IntfId b);

@@ -1,13 +1,16 @@
 /// @file
 /// Whole packets in one expression:
 ///
-///     buildPkt(Eth{.dst = router, .src = own}, Vlan{.vlanId = 7}, Ip{.src = a, .dst = b, .ttl =
-///     1},
-///              Udp{.srcPort = 1024, .dstPort = 53}, "the payload")
+///     buildPkt(Eth{.dst = router, .src = own}, Vlan{.vlanId = 7},
+///              Ip{.src = a, .dst = b, .ttl = 1}, Udp{.srcPort = 1024, .dstPort = 53}, "a
+///              question")
+///     buildPkt(Ip{.src = a, .dst = b, .protocol = IpProtocolNumber::ospf}, hello)
 ///
 /// Fields that are not named keep their initial values. EtherTypes, protocol numbers, lengths,
-/// header lengths and checksums are filled in from the inside out, unless the caller sets them.
-/// Numbers are in host order.
+/// header lengths and checksums are filled in from the inside out, unless the caller sets them; a
+/// number that no layer implies, as before a payload, has to be set. Numbers are in host order.
+///
+/// Layers hold no bytes: options and payloads have to be there until `buildPkt` has returned.
 #pragma once
 
 #include <concepts>
@@ -210,7 +213,8 @@ struct Sctp {
     PAVO_EXPORT void write(const LayerSite& site) const;
 };
 
-/// Bytes as they are, at any place in the packet. A text literal ends before its NUL.
+/// Bytes as they are, at any place in the packet. It refers to them and holds none. A text, an
+/// array of characters too, ends before its first NUL: pass binary data as a span.
 class Payload {
   public:
     template <std::convertible_to<std::string_view> T>

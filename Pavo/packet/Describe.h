@@ -31,7 +31,8 @@ enum class FirstHdr {
 ///
 /// (the second is one line). Known are Ethernet, VLAN tags, the packet's separate tag too, MPLS,
 /// IPv4, IPv6 with its extension headers, ICMP, ICMPv6, UDP, TCP and SCTP, whatever their nesting,
-/// and the packets in ICMP errors. Checksums are checked where all that they cover is there.
+/// and the packets in ICMP errors. Of TCP options and IPv6 extension headers only the length is
+/// given. Checksums are checked where all that they cover is there.
 ///
 /// Any bytes in any pieces give a description. Where it ends early, the last line says where, in
 /// bytes from the start of the packet, and why: "stopped at byte 14: [|ip] 6 of 20 bytes" for a

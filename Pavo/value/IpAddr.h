@@ -237,7 +237,7 @@ class Prefix : public Mox::ValueType<Prefix>, public PrefixOps<Prefix> {
     constexpr bool contains(const IpAddr& address) const {
         return address.ipAddrMaskedByLength(len_) == address_.ipAddrMaskedByLength(len_);
     }
-    /// All addresses of `other` lie in this prefix.
+    /// `other` is this prefix, or a longer one inside it.
     constexpr bool contains(const Prefix& other) const {
         return len_ <= other.len_ && contains(other.address_);
     }

@@ -108,9 +108,9 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenP
         return IpGenPrefix(IpGenAddr(address.af(), network), len);
     }
 
-    /// The IPv4 prefix, or 0.0.0.0/0 when the family is another.
+    /// The IPv4 prefix, or 0.0.0.0/0, which contains every address, when the family is another.
     constexpr Prefix v4Prefix() const { return af_ == ipv4 ? Prefix(v4Addr(), len_) : Prefix(); }
-    /// The IPv6 prefix, or ::/0 when the family is another.
+    /// The IPv6 prefix, or ::/0, which contains every address, when the family is another.
     constexpr Ip6Prefix v6Prefix() const {
         return af_ == ipv6 ? Ip6Prefix(v6Addr(), len_) : Ip6Prefix();
     }

@@ -22,7 +22,7 @@
 
 namespace Pavo {
 
-// Throwing is no constant expression: the compiler shows this call, with the text.
+// Throwing is no constant expression, so the compiler refuses the literal at this call.
 consteval void requireLiteral(const char* error, const Mox::TextCursor& rest,
                               const char* invalidText) {
     if (error != nullptr || !rest.atEnd()) {

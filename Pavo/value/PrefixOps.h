@@ -79,8 +79,9 @@ template <class T>
 class PrefixOps {
   public:
     /// The prefix of the length `len` that covers this one.
-    /// @throws Mox::RangeException "Invalid supernet length" for a `len` above this one's own
-    constexpr T supernet(uint32_t len) const {
+    /// @throws Mox::RangeException "Invalid supernet length" for a `len` above this one's own, or
+    /// above that of an address
+    [[nodiscard]] constexpr T supernet(uint32_t len) const {
         if (len > ownLen()) {
             Mox::throwRangeException("Invalid supernet length");
         }
@@ -89,7 +90,7 @@ class PrefixOps {
     /// The prefixes of the length `len` that this one consists of, itself for its own length.
     /// @throws Mox::RangeException "Invalid subnet length" for a `len` below this one's own, or
     /// above that of an address
-    constexpr Subnets<T> subnets(uint32_t len) const {
+    [[nodiscard]] constexpr Subnets<T> subnets(uint32_t len) const {
         if (len < ownLen() || len > self().addressBits()) {
             Mox::throwRangeException("Invalid subnet length");
         }

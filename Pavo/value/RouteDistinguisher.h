@@ -28,8 +28,9 @@ namespace Pavo {
 ///     type 2    2      4-byte AS number   2-byte number
 ///
 /// `stringValue` is "65000:7", "65000:10.0.0.1", "10.0.0.1:7", "INVALID", or all eight bytes as
-/// "0x0003000000000001" where the type is above 2. Strep, streams and the text constructor use the
-/// text of the record; `stringValueIs`, `Mox::fromText` and `Mox::tryParse` read both forms.
+/// "0x0003000000000001" where the type is above 2. Strep, streams and the constructor from two
+/// iterators use the text of the record; whole texts (`RouteDistinguisher(text)`, `stringValueIs`,
+/// `Mox::fromText`, `Mox::tryParse`) may have both forms.
 class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
   public:
     enum Type : uint32_t { type0 = 0, type1 = 1, type2 = 2 };
@@ -39,7 +40,8 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     enum Type0LocalType : uint32_t { localInvalid = 0, localIpAddr = 1, localNumber = 2 };
 
     constexpr RouteDistinguisher() = default;
-    /// From the fields as they are; no relation between them is enforced.
+    /// From the fields as they are, the first in network order; no relation between them is
+    /// enforced. `fromType0`, `fromType1` and `fromType2` take numbers.
     constexpr RouteDistinguisher(uint64_t rdNbo, bool valid, Type0LocalType type0LocalType)
         : rdNboInternal_(rdNbo), valid_(valid), type0LocalType_(type0LocalType) {}
     /// @throws Mox::RangeException "Invalid RouteDistinguisher", "Invalid type0LocalType"
@@ -134,7 +136,8 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
                                      const RouteDistinguisher&) = default;
     /// By the number whose least significant byte is the first of the eight, on purpose: tables
     /// are sorted by it. Then by `valid`, false first. Neither of two values that differ in
-    /// `type0LocalType` alone comes before the other.
+    /// `type0LocalType` alone comes before the other: a sorted map takes both for one key, a hashed
+    /// map does not.
     friend constexpr bool operator<(const RouteDistinguisher& a, const RouteDistinguisher& b) {
         const uint64_t left = __builtin_bswap64(a.rdHbo());
         const uint64_t right = __builtin_bswap64(b.rdHbo());
@@ -159,7 +162,7 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     void print(Mox::TextWriter& out) const { printDisplay(out, /*asdot=*/false); }
     /// Reads what `stringValue` and `displayString` print. The administrator chooses the type: 1
     /// for an IPv4 address, 0 for a number up to 65535, 2 for a larger one or for asdot ("0.100").
-    /// So a type-2 value with a small administrator reads back as type 0, except in asdot.
+    /// So a type-2 value with an administrator up to 65535 reads back as type 0.
     PAVO_EXPORT const char* parseText(Mox::TextCursor& in);
 
   private:

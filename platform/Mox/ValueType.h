@@ -350,7 +350,7 @@ void sequenceToValue(String::IteratorConst& it, const String::IteratorConst& end
 
 /// The value that the whole of `text` stands for, or nothing. Never throws.
 template <Value T>
-std::optional<T> tryParse(std::string_view text) {
+[[nodiscard]] std::optional<T> tryParse(std::string_view text) {
     T value{};
     if (parseWhole(text, &value) != nullptr) {
         return std::nullopt;
