@@ -22,9 +22,17 @@
 
 namespace Pavo {
 
+// clang 14 fails to compile the use of an immediate function that returns a class whose members are
+// those of its base. There a bad `_prefix6` throws, unless a constant is made of it.
+#if defined(__clang__) && __clang_major__ < 15
+#define PAVO_CONSTEVAL constexpr
+#else
+#define PAVO_CONSTEVAL consteval
+#endif
+
 // Throwing is no constant expression, so the compiler refuses the literal at this call.
-consteval void requireLiteral(const char* error, const Mox::TextCursor& rest,
-                              const char* invalidText) {
+PAVO_CONSTEVAL void requireLiteral(const char* error, const Mox::TextCursor& rest,
+                                   const char* invalidText) {
     if (error != nullptr || !rest.atEnd()) {
         Mox::throwRangeException(error != nullptr ? error : invalidText);
     }
@@ -62,7 +70,7 @@ consteval Prefix operator""_prefix(const char* text, std::size_t length) {
     return prefix;
 }
 
-consteval Ip6Prefix operator""_prefix6(const char* text, std::size_t length) {
+PAVO_CONSTEVAL Ip6Prefix operator""_prefix6(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     Ip6Addr address;
     uint32_t len = 0;
@@ -72,3 +80,5 @@ consteval Ip6Prefix operator""_prefix6(const char* text, std::size_t length) {
 
 }  // namespace literals
 }  // namespace Pavo
+
+#undef PAVO_CONSTEVAL
