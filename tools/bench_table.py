@@ -44,6 +44,8 @@ MARKS = {
     ("Crc32_1500", "zlib"): 1,
     ("PktLife64", "malloc"): 2,
     ("PktLife1400", "malloc"): 2,
+    ("PktBuild64", "malloc"): 1.8,
+    ("PktBuild1400", "malloc"): 1.8,
     ("Notify1", "virtual_calls"): 0.5,
     ("Notify8", "virtual_calls"): 0.5,
     ("Notify1", "signals2"): 5,
