@@ -9,15 +9,6 @@
 
 namespace Pavo {
 
-namespace {
-
-template <class Address>
-uint32_t sumOf(const Address& src, const Address& dst) {
-    return ipChecksumChunk(&dst, sizeof(dst), ipChecksumChunk(&src, sizeof(src), 0));
-}
-
-}  // namespace
-
 void Eth::write(const LayerSite& site) const {
     auto& eth = site.newHdr<EthHdr>();
     eth.dstIs(dst);
@@ -50,7 +41,7 @@ void Mpls::write(const LayerSite& site) const {
 }
 
 uint32_t Ip::addressSum() const {
-    return sumOf(src, dst);
+    return addressSumOf(src, dst);
 }
 
 void Ip::write(const LayerSite& site) const {
@@ -74,7 +65,7 @@ void Ip::write(const LayerSite& site) const {
 }
 
 uint32_t Ip6::addressSum() const {
-    return sumOf(src, dst);
+    return addressSumOf(src, dst);
 }
 
 void Ip6::write(const LayerSite& site) const {

@@ -25,4 +25,10 @@ PAVO_EXPORT IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t s
 /// a byte swap.
 PAVO_EXPORT uint16_t ipChksum(const void* data, uint32_t len);
 
+/// The unfolded sum of the addresses of a pseudo header.
+template <class Address>
+uint32_t addressSumOf(const Address& src, const Address& dst) {
+    return ipChecksumChunk(&dst, sizeof(dst), ipChecksumChunk(&src, sizeof(src), 0));
+}
+
 }  // namespace Pavo

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <iterator>
 #include <locale>
 
 #include "Pavo/packet/DescribeLayers.h"
 #include "Pavo/packet/EthHdr.h"
 #include "Pavo/packet/MplsHdr.h"
+#include "Pavo/packet/PktPieces.h"
 #include "Pavo/packet/PktUtils.h"
 
 namespace Pavo {
@@ -21,16 +21,8 @@ constexpr int maxLayers = 64;
 // The bytes from `offset` on, which are there, wherever the pieces meet.
 void copyOut(const Pkt& pkt, uint32_t offset, void* to, uint32_t bytes) {
     auto* at = static_cast<uint8_t*>(to);
-    for (const Pkt::Iovec& piece : pkt.iovecs()) {
-        const uint32_t skipped = std::min(offset, piece.bytes);
-        const uint32_t n = std::min(bytes, piece.bytes - skipped);
-        if (n != 0) {
-            std::memcpy(at, piece.data + skipped, n);
-        }
-        at += n;
-        offset -= skipped;
-        bytes -= n;
-    }
+    forEachPiece(pkt, offset, bytes,
+                 [&at](const uint8_t* data, uint32_t n) { at = std::copy(data, data + n, at); });
 }
 
 }  // namespace

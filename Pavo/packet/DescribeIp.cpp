@@ -15,13 +15,6 @@ namespace Pavo {
 
 namespace {
 
-template <class Hdr>
-uint32_t addressSum(const Hdr& hdr) {
-    const auto src = hdr.src();
-    const auto dst = hdr.dst();
-    return ipChecksumChunk(&dst, sizeof(dst), ipChecksumChunk(&src, sizeof(src), 0));
-}
-
 void writeMissing(std::ostream& out, const char* what, uint32_t missing) {
     if (missing != 0) {
         out << ", truncated-" << what << " - " << missing << " bytes missing!";
@@ -112,7 +105,7 @@ void describeIp4(PktDescription& description) {
     const uint32_t missing = description.limitIs(ip.payloadLen());
     writeMissing(out, "ip", missing);
     description.isPartialIs(missing != 0 || ip.moreFrag());
-    description.addressSumIs(addressSum(ip));
+    description.addressSumIs(addressSumOf(ip.src(), ip.dst()));
     if (ip.fragmentOffset() != IpFragmentOffset(0)) {
         return description.stop("fragment of " + protocolText(ip.protocol()) +
                                 description.leftText());
@@ -138,7 +131,7 @@ void describeIp6(PktDescription& description) {
     const uint32_t missing = description.limitIs(ip6.payloadLen());
     writeMissing(out, "ip6", missing);
     description.isPartialIs(missing != 0);
-    description.addressSumIs(addressSum(ip6));
+    description.addressSumIs(addressSumOf(ip6.src(), ip6.dst()));
     describeProtocol(description, ip6.nextHeader());
 }
 

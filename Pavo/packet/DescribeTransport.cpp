@@ -1,6 +1,5 @@
 // What follows IP: ICMP, ICMPv6, UDP, TCP, SCTP.
 
-#include <algorithm>
 #include <ostream>
 #include <utility>
 
@@ -10,6 +9,7 @@
 #include "Pavo/packet/DescribeLayers.h"
 #include "Pavo/packet/Icmp6Hdr.h"
 #include "Pavo/packet/IcmpHdr.h"
+#include "Pavo/packet/PktPieces.h"
 #include "Pavo/packet/SctpHdr.h"
 #include "Pavo/packet/TcpHdr.h"
 #include "Pavo/packet/UdpHdr.h"
@@ -24,6 +24,17 @@ std::string typeText(Type type) {
     const auto number = static_cast<uint32_t>(type);
     const auto* member = Mox::findEnumerator<Type>(number);
     return member == nullptr ? "type-" + std::to_string(number) : wordsOf(member->name);
+}
+
+// A checksum over a pseudo header, where it was computed: 0 is what a good one gives.
+void writeSum(std::ostream& out, const char* name, uint16_t field,
+              std::optional<uint16_t> computed) {
+    if (computed == 0) {
+        out << "[" << name << " sum ok] ";
+    } else if (computed) {
+        out << "[bad " << name << " cksum " << hexText(field, 4) << " -> "
+            << hexText(rightChecksum(field, *computed), 4) << "!] ";
+    }
 }
 
 // The fields of echo messages; else the code, where there is one.
@@ -78,13 +89,7 @@ void describeIcmp6(PktDescription& description) {
         return;
     }
     std::ostream& out = description.out();
-    if (computed == 0) {
-        out << "[icmp6 sum ok] ";
-    } else if (computed) {
-        const uint16_t field = icmp6.checksum().value();
-        out << "[bad icmp6 cksum " << hexText(field, 4) << " -> "
-            << hexText(rightChecksum(field, *computed), 4) << "!] ";
-    }
+    writeSum(out, "icmp6", icmp6.checksum().value(), computed);
     out << "ICMP6, ";
     writeIcmp<Icmp6Type>(out, icmp6);
     out << ", length " << length;
@@ -114,11 +119,8 @@ void describeUdp(PktDescription& description) {
         description.messageChecksum(start, IpProtocolNumber::udp);
     if (field == 0) {
         out << "[no cksum] ";
-    } else if (computed == 0) {
-        out << "[udp sum ok] ";
-    } else if (computed) {
-        out << "[bad udp cksum " << hexText(field, 4) << " -> "
-            << hexText(rightChecksum(field, *computed), 4) << "!] ";
+    } else {
+        writeSum(out, "udp", field, computed);
     }
     out << "length " << udp.udpLen() - sizeof(UdpHdr);
 }
@@ -188,23 +190,6 @@ void describeTcp(PktDescription& description) {
     writeTcp(out, tcp, description.left());
 }
 
-namespace {
-
-// The CRC of the bytes from `offset` to `end`, after those whose CRC is `before`.
-uint32_t crcOf(const Pkt& pkt, uint32_t offset, uint32_t end, uint32_t before) {
-    uint32_t left = end - offset;
-    for (const Pkt::Iovec& piece : pkt.iovecs()) {
-        const uint32_t skipped = std::min(offset, piece.bytes);
-        const uint32_t n = std::min(left, piece.bytes - skipped);
-        before = Crc32c::crc(piece.data + skipped, n, before);
-        offset -= skipped;
-        left -= n;
-    }
-    return before;
-}
-
-}  // namespace
-
 void describeSctp(PktDescription& description) {
     SctpHdr sctp;
     if (!description.take(&sctp, "sctp")) {
@@ -216,10 +201,10 @@ void describeSctp(PktDescription& description) {
     if (!description.isPartial()) {
         const uint32_t field = sctp.checksum().value();
         sctp.checksumIs({});
-        const uint32_t header = Crc32c::crc(&sctp, sizeof(sctp));
-        const uint32_t offset = description.offset();
-        const uint32_t right = __builtin_bswap32(
-            crcOf(description.pkt(), offset, offset + description.left(), header));
+        uint32_t crc = Crc32c::crc(&sctp, sizeof(sctp));
+        forEachPiece(description.pkt(), description.offset(), description.left(),
+                     [&crc](const uint8_t* data, uint32_t n) { crc = Crc32c::crc(data, n, crc); });
+        const uint32_t right = __builtin_bswap32(crc);
         out << ", cksum " << hexText(field, 8)
             << (field == right ? " (correct)" : " (incorrect -> " + hexText(right, 8) + ")");
     }

@@ -1,12 +1,12 @@
 #include "Pavo/packet/PktUtils.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <ios>
 
 #include "Mox/Trace.h"
 
 #include "Pavo/packet/Checksum.h"
+#include "Pavo/packet/PktPieces.h"
 #include "Pavo/value/Ip.h"
 
 namespace Pavo {
@@ -157,17 +157,10 @@ PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6, Icmp6Hdr*& icmp6) {
 IpChecksum pktChecksum(const Pkt& pkt, uint32_t offset, uint16_t bytes, uint32_t sum) {
     Mox::require(uint64_t{offset} + bytes <= pkt.totalBytes(),
                  "offset + bytes <= pkt.totalBytes()");
-    uint32_t left = bytes;
     uint8_t word[2];
     bool isHalf = false;  // The first byte of `word` was the last of the piece before.
-    for (uint32_t i = pkt.firstIoVec(); i < Pkt::maxIovecs_; ++i) {
-        const Pkt::Iovec& piece = pkt.iovec(i);
-        const uint32_t skipped = std::min(offset, piece.bytes);
-        offset -= skipped;
-        const uint8_t* data = piece.data + skipped;
-        uint32_t n = std::min(left, piece.bytes - skipped);
-        left -= n;
-        if (isHalf && n != 0) {
+    forEachPiece(pkt, offset, bytes, [&](const uint8_t* data, uint32_t n) {
+        if (isHalf) {
             word[1] = *data++;
             --n;
             isHalf = false;
@@ -178,7 +171,7 @@ IpChecksum pktChecksum(const Pkt& pkt, uint32_t offset, uint16_t bytes, uint32_t
             word[0] = data[n - 1];
             isHalf = true;
         }
-    }
+    });
     return ipChecksumCalc(word, isHalf ? 1 : 0, sum);
 }
 
