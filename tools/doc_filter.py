@@ -3,8 +3,9 @@
 to the names that mean the same in every class. No line is added or removed, so that warnings keep
 their line numbers.
 
-A setter has the text of its getter, and an overload that follows another without a blank line has
-the text of that one, if they have none of their own."""
+A member without a text of its own has that of its getter if it is a setter, that of the overload
+in the line before, or the paragraph of its class's text that begins with "Members:". A member whose
+name ends in "_" is left out."""
 
 import pathlib
 import re
@@ -29,8 +30,6 @@ RULES = [
      "log and hash (Mox/ValueType.h, Mox/FwkType.h)."),
     (r"static constexpr const char\* invalidText\b",
      "The text of the error for bad text and for text after the value."),
-    (r"static constexpr std::string_view (typeName|recordName)\b",
-     "The name of the type in the text of its record."),
     (r"const char\* parse(Text|Strep)?\(",
      "A hook of Mox::ValueType, which reads with it: null, or the text of the error."),
     (r"void print(Strep)?\((Mox::)?TextWriter& \w+\) const",
@@ -43,14 +42,33 @@ RULES = [
     (r"uint32_t hash\(", "The same in every process, on both word sizes."),
     (r"friend .*operator(==|<=>|<)\(", "The order is the one that the class describes."),
     (r"(std::ostream& )operator<<\(", "Writes the canonical text."),
+    (r"static constexpr (const char\*|std::string_view) (typeName|recordName)\b",
+     "The name of the type in the text of its record."),
+    (r"static constexpr const char\* rangeText\b",
+     "The text of the error for a number that is out of range."),
+    (r"static constexpr const char\* \w+Text\b", "The text of an error."),
+    (r"static (constexpr )?(const char\*|void) (parse|print|toLog|fromLog|mix)\((Mox::)?"
+     r"(TextCursor|TextWriter|NboAttrLog::Out|NboAttrLog::In|Hash)&",
+     "A member of Mox::Codec: the form of the type as a field of a record."),
+    (r"struct std::hash<", "For unordered containers: the hash of the value."),
+    (r"std::size_t operator\(\)\(const ", "The hash of the value."),
+    (r"(String|Mox::String) name\(\) const override",
+     "The name with which the object was made."),
+    (r"explicit CLASS\((Mox::)?String name\)", "With that name, which never changes."),
+    (r"bool \w+\(const [\w:]+& \w+\) const \{ return \w+_\.contains", "Whether it is a member."),
+    (r"const (Mox::)?(Set|Map|Directory)<.*>& \w+\(\) const", "All members, for reading."),
+    (r"void \w+DelAll\(\)", "Removes all members, and notifies of each."),
+    (r"void \w+Del\(const ", "Removes the member; nothing happens if there is none."),
+    (r"Mox::Ptr<\w+> \w+Factory\($|Mox::Ptr<\w+> \w+Factory\(.*\)( \{|;)",
+     "Makes the object; the arguments are those of its constructor."),
+    (r"(auto|[\w:<>]+\*?|IteratorConst) (begin|end)\(\) const", "For range-based loops."),
     (r"static constexpr (Mox::)?Attribute<.*> (\w+)Attr\{",
      r"The token of the attribute `\2`, which notifications carry."),
     (r"(constexpr|inline) auto enumDescription\(",
      "The names of the enumerators, which are their text."),
     (r"using (CLASS|\w+)::\1;", "The constructors of the base."),
 ]
-PREFIXES = re.compile(r"^(?:template <.*?> (?=[a-z\[~A-Z])|\[\[nodiscard\]\] |(?:PAVO|MOX|KEEL)_EXPORT "
-                      r"|constexpr (?!auto)|inline (?!auto))+")
+PREFIXES = re.compile(r"(?:\[\[\w+\]\] |\w+_EXPORT |constexpr (?!auto)|inline (?!auto))+")
 NAME = re.compile(r"(operator[^\w\s]+|operator \w+|~?\w+)\s*(?:\(|\[|=|\{|;)")
 
 
@@ -64,22 +82,42 @@ def declaration(lines, at):
     return text.strip()
 
 
+def shared_form(decl):
+    """The declaration without template parameters, attributes and the like before it."""
+    if decl.startswith("template <"):
+        depth, at = 1, len("template <")
+        while depth and at < len(decl):
+            depth += {"<": 1, ">": -1}.get(decl[at], 0)
+            at += 1
+        decl = decl[at:].strip()
+    return PREFIXES.sub("", decl) if PREFIXES.match(decl) else decl
+
+
 def layer(path):
     folder = pathlib.Path(path).parent.name
     return folder if folder[0].islower() else folder.lower()
 
 
+def members_text(comment):
+    """The paragraph for all members in the text of a class, or None."""
+    for paragraph in " ".join(line or "\n" for line in comment).split("\n"):
+        if paragraph.strip().startswith("Members:"):
+            return paragraph.strip().removeprefix("Members:").strip()
+    return None
+
+
 class Filter:
     def __init__(self, text):
         self.lines = text.splitlines()
-        self.scopes = [("", "")]  # The classes around a line: the indentation and the name.
+        # The classes around a line: the indentation inside, the name, the text for all members.
+        self.scopes = [("", "", None)]
         self.texts = {}  # What is said about each name of the class.
         self.last = None  # The name before, if no blank line follows it.
         self.comment = []
-        self.grouped = False
+        self.group = ""
 
     def text_for(self, decl, name):
-        shared = PREFIXES.sub("", decl)
+        shared = shared_form(decl)
         for pattern, text in RULES:
             pattern = pattern.replace("CLASS", self.scopes[-1][1] or "NONE")
             found = re.match(pattern, shared) or re.match(pattern, decl)
@@ -90,7 +128,7 @@ class Filter:
             return "Changes: " + self.texts[getter]
         if name == self.last and name in self.texts:
             return self.texts[name]
-        return None
+        return self.scopes[-1][2]
 
     def begins(self, at):
         """Whether a declaration of the scope begins in this line."""
@@ -108,8 +146,13 @@ class Filter:
         line = self.lines[at]
         stripped = line.strip()
         if stripped.startswith("///"):
-            self.comment.append(stripped[3:].strip())
-            self.grouped = "@{" in stripped or (self.grouped and "@}" not in stripped)
+            text = stripped[3:].strip()
+            if text == "@{":  # Each member of the group has its text.
+                self.group = " ".join(self.comment)
+            if text in ("@{", "@}"):
+                self.group = self.group if text == "@{" else ""
+                return ""
+            self.comment.append(text)
             return line
         if re.match(self.scopes[-1][0][:-4] + r"\};?", line) and len(self.scopes) > 1:
             self.scopes.pop()
@@ -120,23 +163,26 @@ class Filter:
             self.last = None
         elif self.begins(at):
             result = self.declared(at)
-        self.comment = []
+        comment, self.comment = self.comment, []
         opened = re.match(r"\s*(?:class|struct|union) (?:\w+_EXPORT )?(\w+)\b.*", line)
         if opened and (line.endswith("{") or declaration(self.lines, at).endswith("{")):
-            self.scopes.append((re.match(r"\s*", line).group() + "    ", opened.group(1)))
+            indent = re.match(r"\s*", line).group() + "    "
+            self.scopes.append((indent, opened.group(1), members_text(comment)))
             self.texts = {}
         return result
 
     def declared(self, at):
         line = self.lines[at]
         decl = declaration(self.lines, at)
-        found = NAME.search(PREFIXES.sub("", decl))
+        found = NAME.search(shared_form(decl))
         name = found.group(1) if found else ""
         text = " ".join(self.comment).split("  ")[0].strip()
-        if not text and not self.grouped:
-            text = self.text_for(decl, name)
+        if not text:
+            text = self.group or self.text_for(decl, name)
             if text:
                 line = re.sub(r"^\s*", lambda m: m.group() + f"/** {text} */ ", line, count=1)
+        if not text and re.fullmatch(r".*\w_(\[\w*\])?( = .*|\{.*\})?;( *//.*)?", decl):
+            line = f"/** @cond */ {line} /** @endcond */"
         if text and name:
             self.texts[name] = text
         self.last = name

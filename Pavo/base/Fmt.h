@@ -11,8 +11,10 @@
 
 #include "Mox/ValueType.h"
 
+/// Formats every value type as its canonical text.
 template <Mox::Value T>
 struct fmt::formatter<T, char> : fmt::formatter<std::string_view, char> {
+    /// Writes the canonical text under the format of a string.
     template <class Context>
     auto format(const T& value, Context& context) const {
         return fmt::formatter<std::string_view, char>::format(value.stringValue().view(), context);

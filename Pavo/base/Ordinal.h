@@ -24,6 +24,7 @@ class Ordinal : public Mox::ValueType<T> {
   public:
     using typename Mox::ValueType<T>::TextIt;
 
+    /// The greatest number that the type holds; the least is 0.
     static constexpr Number max = most;
 
     constexpr Ordinal() = default;
@@ -35,6 +36,7 @@ class Ordinal : public Mox::ValueType<T> {
     /// @throws Mox::RangeException `T::rangeText` past `max`.
     Ordinal(Mox::NboAttrLog::In* in, Mox::StreamBogon) { valueIs(in->u32()); }
 
+    /// The number, in host order.
     constexpr Number value() const { return value_; }
     /// @throws Mox::RangeException `T::rangeText` past `max`; the value is then unchanged.
     constexpr void valueIs(uint32_t value) {

@@ -21,12 +21,14 @@ namespace Pavo {
 class AutonomousSystem : public Mox::ValueType<AutonomousSystem> {
   public:
     constexpr AutonomousSystem() = default;
+    /// Every number is valid.
     constexpr explicit AutonomousSystem(uint32_t value) : value_(value) {}
     /// @throws Mox::RangeException "Invalid AutonomousSystem"
     AutonomousSystem(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit AutonomousSystem(std::string_view text) { readWhole(text); }
     AutonomousSystem(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The number, of two or four bytes alike.
     constexpr uint32_t value() const { return value_; }
     constexpr void valueIs(uint32_t value) { value_ = value; }
 

@@ -83,6 +83,7 @@ class EthAddr : public Mox::ValueType<EthAddr> {
 
     /// Copies the six bytes in transmission order.
     void copyToBuffer(unsigned char* buffer) const { std::memcpy(buffer, bytes_, sizeof(bytes_)); }
+    /// Reads the six bytes in transmission order.
     void copyFromBuffer(const unsigned char* buffer) {
         std::memcpy(bytes_, buffer, sizeof(bytes_));
     }
@@ -199,6 +200,7 @@ class Eui64 : public Mox::ValueType<Eui64> {
         storeNet(bytes_ + checkedWord(i, "Eui64::wordDel: index out of range"), uint16_t{0});
     }
 
+    /// Byte 0 is sent first.
     constexpr uint8_t byte(Eui64U8Key key) const { return bytes_[key.value()]; }
     constexpr void byteIs(Eui64U8Key key, uint8_t value) { bytes_[key.value()] = value; }
     /// Zeroes the byte.
@@ -236,7 +238,9 @@ class EthAddrWithMask : public Mox::ValueType<EthAddrWithMask> {
     explicit EthAddrWithMask(std::string_view text) { readWhole(text); }
     EthAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// As it was given: bits outside the mask are kept.
     constexpr const EthAddr& mac() const { return mac_; }
+    /// Its one bits are those that count.
     constexpr const EthAddr& mask() const { return mask_; }
 
     friend constexpr auto operator<=>(const EthAddrWithMask&, const EthAddrWithMask&) = default;

@@ -12,7 +12,7 @@
 
 namespace Pavo {
 
-// The end of the hexadecimal digits from `at` on, or null when there is none or they pass 0xffff.
+/// The end of the hexadecimal digits from `at` on, or null when there is none or they pass 0xffff.
 constexpr const char* readEthGroup(const char* at, const char* end, uint32_t* value) {
     const char* const first = at;
     uint32_t sum = 0;
@@ -30,9 +30,9 @@ constexpr const char* readEthGroup(const char* at, const char* end, uint32_t* va
     return at == first ? nullptr : at;
 }
 
-// Reads up to four bytes of two hexadecimal digits each, with one character between them; negative
-// when a character is not a digit. `*differences` is unchanged only when each character between
-// the bytes is `separator`.
+/// Reads up to four bytes of two hexadecimal digits each, with one character between them; negative
+/// when a character is not a digit. `*differences` is unchanged only when each character between
+/// the bytes is `separator`.
 template <unsigned count>
 constexpr int64_t digitPairs(const char* at, char separator, int* differences) {
     int64_t number = 0;
@@ -46,8 +46,8 @@ constexpr int64_t digitPairs(const char* at, char separator, int* differences) {
     return number;
 }
 
-// Reads `count` bytes of two digits each, joined by ":" or "-": by far the most frequent form, read
-// without a branch for each character. False for every other form.
+/// Reads `count` bytes of two digits each, joined by ":" or "-": by far the most frequent form, read
+/// without a branch for each character. False for every other form.
 template <unsigned count>
 constexpr bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     constexpr unsigned length = 3 * count - 1;
@@ -72,7 +72,7 @@ constexpr bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     return true;
 }
 
-// Reads `count` bytes in one of the three forms.
+/// Reads `count` bytes in one of the three forms.
 template <unsigned count>
 constexpr bool readHexBytes(Mox::TextCursor& in, uint8_t* bytes) {
     if (readDigitPairs<count>(in, bytes)) {

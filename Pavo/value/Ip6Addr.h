@@ -112,6 +112,7 @@ class Ip6Addr : public Mox::ValueType<Ip6Addr> {
 
     /// Copies the sixteen bytes in network order.
     void copyToBuffer(unsigned char* buffer) const { std::memcpy(buffer, bytes_, sizeof(bytes_)); }
+    /// Reads the sixteen bytes in network order.
     void copyFromBuffer(const unsigned char* buffer) {
         std::memcpy(bytes_, buffer, sizeof(bytes_));
     }
@@ -246,17 +247,27 @@ constexpr Ip6Addr ip6AddrFromPrefixLen(uint32_t len) {
     return Ip6Addr(~uint64_t{0}, ~uint64_t{0}).ip6AddrMaskedByLength(len);
 }
 
+/// ::, the unspecified address (RFC 4291, 2.5.2).
 inline constexpr Ip6Addr ip6AddrZero;
+/// ::1 (RFC 4291, 2.5.3).
 inline constexpr Ip6Addr ip6AddrLoopback(0, 1);
+/// ff02::1, all nodes of the link (RFC 4291, 2.7.1).
 inline constexpr Ip6Addr ip6AddrAllNodes(0xff02, 0, 0, 0, 0, 0, 0, 1);
+/// ff02::2, all routers of the link (RFC 4291, 2.7.1).
 inline constexpr Ip6Addr ip6AddrAllRouters(0xff02, 0, 0, 0, 0, 0, 0, 2);
+/// ff02::3.
 inline constexpr Ip6Addr ip6AddrAllHosts(0xff02, 0, 0, 0, 0, 0, 0, 3);
+/// ff02::d (RFC 7761).
 inline constexpr Ip6Addr ip6AddrPimRouters(0xff02, 0, 0, 0, 0, 0, 0, 0xd);
+/// ff02::12 (RFC 5798, 5.1.2.2).
 inline constexpr Ip6Addr ip6AddrVrrp(0xff02, 0, 0, 0, 0, 0, 0, 0x12);
+/// ff02::16, to which reports of MLDv2 are sent (RFC 3810, 5.2.14).
 inline constexpr Ip6Addr ip6AddrMld(0xff02, 0, 0, 0, 0, 0, 0, 0x16);
 /// ff02::, the base of the multicast addresses of link-local scope.
 inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02, 0, 0, 0, 0, 0, 0, 0);
+/// ::%ffff:127.0.0.1.
 inline constexpr Ip6Addr ip6AddrV4MappedLoopback(0, 0, 0, 0, 0, 0xffff, 0x7f00, 1);
+/// ::%ffff:127.0.0.0.
 inline constexpr Ip6Addr ip6AddrV4MappedLoopbackBase(0, 0, 0, 0, 0, 0xffff, 0x7f00, 0);
 
 /// An address with a length in bits: the common part of `Ip6AddrWithMask` and `Ip6Prefix`. Text is
@@ -268,6 +279,7 @@ inline constexpr Ip6Addr ip6AddrV4MappedLoopbackBase(0, 0, 0, 0, 0, 0xffff, 0x7f
 template <class T>
 class Ip6AddrAndLen : public Mox::ValueType<T> {
   public:
+    /// As it was given, with its host bits where the type allows them.
     constexpr const Ip6Addr& address() const { return address_; }
     /// In bits.
     constexpr uint32_t len() const { return len_; }
@@ -313,6 +325,7 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
 
   protected:
     constexpr Ip6AddrAndLen() = default;
+    /// Checks nothing.
     constexpr Ip6AddrAndLen(const Ip6Addr& address, uint32_t len) : address_(address), len_(len) {}
 
     static constexpr const char* longLengthText = "len <= 128";
@@ -359,7 +372,9 @@ class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
     explicit Ip6AddrWithFullMask(std::string_view text) { readWhole(text); }
     Ip6AddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// As it was given, bits outside the mask included.
     constexpr const Ip6Addr& address() const { return address_; }
+    /// Its one bits are those that count; they need not be contiguous.
     constexpr const Ip6Addr& mask() const { return mask_; }
 
     /// The mask's length, `Ip6PrefixLen::invalid` when it is not ones followed by zeros.

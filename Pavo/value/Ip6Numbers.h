@@ -22,6 +22,7 @@ class Ip6PrefixLen : public Ordinal<Ip6PrefixLen, uint8_t, 129> {
   public:
     using Ordinal::Ordinal;
 
+    /// The length of the prefix of all addresses.
     static constexpr uint8_t min = 0;
     /// The length of a host prefix.
     static constexpr uint8_t max = 128;

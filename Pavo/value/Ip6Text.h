@@ -13,6 +13,7 @@
 
 namespace Pavo {
 
+/// The text of the error of `Ip6Addr` for a fault in its dotted quad; null for none.
 constexpr const char* ip6DottedFaultText(DottedFault fault) {
     switch (fault) {
         case DottedFault::none:
@@ -29,7 +30,7 @@ constexpr const char* ip6DottedFaultText(DottedFault fault) {
     return nullptr;
 }
 
-// The end of up to four hexadecimal digits from `at` on.
+/// The end of up to four hexadecimal digits from `at` on.
 constexpr const char* readHexGroup(const char* at, const char* end, uint32_t* group) {
     const char* const limit = end - at < 4 ? end : at + 4;
     uint32_t sum = 0;
@@ -44,12 +45,14 @@ constexpr const char* readHexGroup(const char* at, const char* end, uint32_t* gr
     return at;
 }
 
-// Reads one address. Every step returns null or the text of the error, and sets `done_` when
-// no more text can belong to the address.
+/// Reads one address. Every step returns null or the text of the error, and sets `done_` when
+/// no more text can belong to the address.
 class Ip6TextReader {
   public:
+    /// Of the text from `at` up to `end`.
     constexpr Ip6TextReader(const char* at, const char* end) : at_(at), end_(end) {}
 
+    /// Reads the longest address that begins at the start.
     constexpr const char* read() {
         const char* error = readStart();
         while (error == nullptr && !done_) {
@@ -61,8 +64,10 @@ class Ip6TextReader {
         return error;
     }
 
+    /// The first character after the address.
     constexpr const char* at() const { return at_; }
 
+    /// The address, after `read` without an error.
     constexpr Ip6Addr address() const {
         const uint8_t* const tail = hasGap_ ? into_ - 16 : tail_;  // Zeros where there is no "::".
         return Ip6Addr(loadNet<uint64_t>(head_) | loadNet<uint64_t>(tail),

@@ -41,11 +41,13 @@ class IpAddr : public Mox::ValueType<IpAddr> {
     constexpr uint32_t value() const { return loadNet<uint32_t>(bytes_); }
     constexpr void valueIs(uint32_t value) { storeNet(bytes_, value); }
 
-    /// Copies the four bytes in network order.
+    /// Copies the four bytes in network order, out of the value or into it.
+    /// @{
     void copyToBuffer(unsigned char* buffer) const { std::memcpy(buffer, bytes_, sizeof(bytes_)); }
     void copyFromBuffer(const unsigned char* buffer) {
         std::memcpy(bytes_, buffer, sizeof(bytes_));
     }
+    /// @}
 
     /// 0.0.0.0.
     constexpr bool isZero() const { return value() == 0; }
@@ -133,12 +135,14 @@ constexpr IpAddr ipAddrFromPrefixLen(uint32_t len) {
 class IpAddrWithMask : public Mox::ValueType<IpAddrWithMask> {
   public:
     constexpr IpAddrWithMask() = default;
+    /// Checks nothing.
     constexpr IpAddrWithMask(const IpAddr& address, uint32_t len) : address_(address), len_(len) {}
     /// @throws Mox::RangeException "Invalid IpAddr", "premature end of Prefix type"
     IpAddrWithMask(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit IpAddrWithMask(std::string_view text) { readWhole(text); }
     IpAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// As it was given, with its host bits.
     constexpr const IpAddr& address() const { return address_; }
     /// The mask length in bits.
     constexpr uint32_t len() const { return len_; }
@@ -167,6 +171,7 @@ static_assert(std::is_trivially_copyable_v<IpAddrWithMask> && sizeof(IpAddrWithM
 class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
   public:
     constexpr IpAddrWithFullMask() = default;
+    /// Checks nothing; `mask` is in host order.
     constexpr IpAddrWithFullMask(const IpAddr& address, uint32_t mask)
         : address_(address), mask_(mask) {}
     /// @throws Mox::RangeException "Invalid IpAddrWithFullMask", "Invalid IpAddr"
@@ -174,6 +179,7 @@ class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
     explicit IpAddrWithFullMask(std::string_view text) { readWhole(text); }
     IpAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// As it was given, bits outside the mask included.
     constexpr const IpAddr& address() const { return address_; }
     /// The mask in host order: the most significant bit is the first mask bit.
     constexpr uint32_t mask() const { return mask_; }
@@ -221,7 +227,9 @@ class Prefix : public Mox::ValueType<Prefix>, public PrefixOps<Prefix> {
         return Prefix(address.ipAddrMaskedByLength(len), len);
     }
 
+    /// The address of the network: its host bits are zero, except at the length 0xffffffff.
     constexpr const IpAddr& address() const { return address_; }
+    /// In bits: 0 to 32, or 0xffffffff.
     constexpr uint32_t len() const { return len_; }
 
     /// The rule for constructors from parts.
@@ -229,6 +237,7 @@ class Prefix : public Mox::ValueType<Prefix>, public PrefixOps<Prefix> {
         return len < 32 ? address.value() << len == 0 : len == 32 || len == 0xffffffff;
     }
 
+    /// The length is 32.
     constexpr bool isHost() const { return len_ == 32; }
     /// The prefix's address is unicast.
     constexpr bool isUnicast() const { return address_.isUnicast(); }
@@ -300,12 +309,14 @@ static_assert(std::is_trivially_copyable_v<Prefix> && sizeof(Prefix) == 8);
 class IpAndPort : public Mox::ValueType<IpAndPort> {
   public:
     constexpr IpAndPort() = default;
+    /// `port` is in host order.
     constexpr IpAndPort(const IpAddr& ip, uint16_t port) : ip_(ip), port_(port) {}
     /// @throws Mox::RangeException "Invalid IpAndPort", "Invalid IpAddr"
     IpAndPort(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit IpAndPort(std::string_view text) { readWhole(text); }
     IpAndPort(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// Any address, the wildcard 0.0.0.0 among them.
     constexpr const IpAddr& ip() const { return ip_; }
     /// In host order.
     constexpr uint16_t port() const { return port_; }

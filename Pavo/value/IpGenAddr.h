@@ -17,6 +17,7 @@
 
 namespace Pavo {
 
+/// The numbers are Pavo's own, not AF_INET and AF_INET6; they are those of the log.
 enum AddressFamily : uint32_t { ipunknown = 0, ipv4 = 1, ipv6 = 2 };
 
 constexpr auto enumDescription(AddressFamily) {
@@ -48,6 +49,7 @@ PAVO_EXPORT AddressFamily detectedFamily(const Mox::TextCursor& in);
 class IpGenAddr : public Mox::ValueType<IpGenAddr> {
   public:
     constexpr IpGenAddr() = default;
+    /// Family and address.
     constexpr IpGenAddr(const IpAddr& address) { handleV4Addr(address); }
     constexpr IpGenAddr(const Ip6Addr& address) { handleV6Addr(address); }
     /// The zero address of a family.
@@ -65,6 +67,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// family has no use for and that are not zero
     IpGenAddr(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// `ipunknown` until an address is given.
     constexpr AddressFamily af() const { return af_; }
     /// The sixteen bytes that hold the address.
     constexpr const Ip6Addr& address() const { return address_; }
@@ -99,12 +102,12 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// ::ffff:a.b.c.d for the IPv4 address a.b.c.d; for any other value an unknown one.
     PAVO_EXPORT static IpGenAddr getV4MappedV6Addr(const IpGenAddr& address);
 
-    // Each is the family's own predicate, and false for a family that has none.
-
     /// 0.0.0.0 of IPv4. The :: of IPv6 is "unspecified".
     constexpr bool isAny() const { return af_ == ipv4 && v4Addr().isAny(); }
     /// The :: of IPv6.
     constexpr bool isUnspecified() const { return af_ == ipv6 && address_.isUnspecified(); }
+    /// The predicate of the family's type; false for an unknown family.
+    /// @{
     constexpr bool isUnicast() const {
         return ofFamily(false, [](const auto& address) { return address.isUnicast(); });
     }
@@ -120,8 +123,10 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     constexpr bool isLoopbackBase() const {
         return ofFamily(false, [](const auto& address) { return address.isLoopbackBase(); });
     }
+    /// @}
     /// IPv4 only; `routable` as in `IpAddr::isReserved`.
     PAVO_EXPORT bool isReserved(bool routable) const;
+    /// The predicate of the family's type; false for an unknown family.
     constexpr bool isLinkLocal() const {
         return ofFamily(false, [](const auto& address) { return address.isLinkLocal(); });
     }
@@ -129,8 +134,11 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     constexpr bool isThisNetwork() const { return af_ == ipv4 && v4Addr().isThisNetwork(); }
     /// IPv4 only.
     constexpr bool isBroadcast() const { return af_ == ipv4 && v4Addr().isBroadcast(); }
+    /// 169.254.0.0/16.
     constexpr bool isV4LinkLocal() const { return af_ == ipv4 && isLinkLocal(); }
+    /// As `Ip6Addr::isLinkLocal`.
     constexpr bool isV6LinkLocal() const { return af_ == ipv6 && isLinkLocal(); }
+    /// 224.0.0.13 or ff02::d.
     constexpr bool isPimRouters() const {
         return ofFamily(false, [](const auto& address) { return address.isPimRouters(); });
     }

@@ -21,12 +21,14 @@ namespace Pavo {
 template <class T>
 class IpGenAddrAndLen : public Mox::ValueType<T> {
   public:
+    /// `ipunknown` until an address is given.
     constexpr AddressFamily af() const { return af_; }
     /// The sixteen bytes that hold the address.
     constexpr const Ip6Addr& address() const { return address_; }
     /// In bits.
     constexpr uint32_t len() const { return len_; }
 
+    /// Family and address.
     constexpr IpGenAddr ipGenAddr() const { return IpGenAddr(af_, address_); }
     /// The IPv4 address, or 0.0.0.0 when the family is another.
     constexpr IpAddr v4Addr() const { return ipGenAddr().v4Addr(); }
@@ -57,9 +59,12 @@ class IpGenAddrAndLen : public Mox::ValueType<T> {
 
     /// IPv4 only; `routable` as in `IpAddr::isReserved`.
     bool isReserved(bool routable) const { return ipGenAddr().isReserved(routable); }
+    /// The predicate of `IpGenAddr` for the address, whatever the length.
+    /// @{
     constexpr bool isMulticast() const { return ipGenAddr().isMulticast(); }
     constexpr bool isLoopback() const { return ipGenAddr().isLoopback(); }
     constexpr bool isLinkLocal() const { return ipGenAddr().isLinkLocal(); }
+    /// @}
     /// IPv6 only.
     constexpr bool isRoutableMulticast() const { return ipGenAddr().isRoutableMulticast(); }
     /// The :: of IPv6.
@@ -81,10 +86,11 @@ class IpGenAddrAndLen : public Mox::ValueType<T> {
 
   protected:
     constexpr IpGenAddrAndLen() = default;
+    /// Checks nothing.
     constexpr IpGenAddrAndLen(const IpGenAddr& address, uint32_t len)
         : af_(address.af()), address_(address.address()), len_(len) {}
 
-    // The address, "/" and the length.
+    /// The address, "/" and the length.
     void printAddressAndLength(Mox::TextWriter& out) const {
         ipGenAddr().print(out);
         out.put('/');

@@ -65,7 +65,9 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     /// family has no use for and that are not zero
     IpGenAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// `ipunknown` until an address is given.
     constexpr AddressFamily af() const { return af_; }
+    /// As it was given, bits outside the mask included.
     constexpr IpGenAddr ipGenAddr() const { return IpGenAddr(af_, address_); }
     /// The mask, in the shape of an address.
     constexpr IpGenAddr mask() const { return IpGenAddr(af_, mask_); }

@@ -114,7 +114,9 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenP
     constexpr Ip6Prefix v6Prefix() const {
         return af_ == ipv6 ? Ip6Prefix(v6Addr(), len_) : Ip6Prefix();
     }
+    /// As `v4Prefix`.
     constexpr explicit operator Prefix() const { return v4Prefix(); }
+    /// As `v6Prefix`.
     constexpr explicit operator Ip6Prefix() const { return v6Prefix(); }
 
     /// 0.0.0.0/0 or ::/0; not the prefix of an unknown family.
@@ -122,7 +124,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenP
 
     PAVO_EXPORT friend std::weak_ordering operator<=>(const IpGenPrefix& a, const IpGenPrefix& b);
 
-    // In place of those of `PrefixOps`.
+    /// In place of those of `PrefixOps`.
     constexpr uint32_t addressBits() const { return Pavo::addressBits(af_); }
     constexpr IpGenPrefix networkOf(const Ip6Addr& address, uint32_t len) const {
         return containing(IpGenAddr(af_, address), len);

@@ -23,8 +23,10 @@ class PAVO_EXPORT IpGenPrefixRef : public Mox::EntityOf<IpGenPrefixRef> {
                                 Mox::attribute(prefixAttr, &IpGenPrefixRef::prefix));
     }
 
+    /// With that prefix.
     explicit IpGenPrefixRef(const IpGenPrefix& prefix) : prefix_(prefix) {}
 
+    /// The setter notifies if the prefix changes.
     const IpGenPrefix& prefix() const { return prefix_; }
     void prefixIs(const IpGenPrefix& prefix) { attributeIs(prefix_, prefix, prefixAttr); }
 

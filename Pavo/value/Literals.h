@@ -30,7 +30,7 @@ namespace Pavo {
 #define PAVO_CONSTEVAL consteval
 #endif
 
-// Throwing is no constant expression, so the compiler refuses the literal at this call.
+/// Throwing is no constant expression, so the compiler refuses the literal at this call.
 PAVO_CONSTEVAL void requireLiteral(const char* error, const Mox::TextCursor& rest,
                                    const char* invalidText) {
     if (error != nullptr || !rest.atEnd()) {
@@ -40,6 +40,7 @@ PAVO_CONSTEVAL void requireLiteral(const char* error, const Mox::TextCursor& res
 
 namespace literals {
 
+/// The address in the text: "10.0.0.1"_ip. A text that `IpAddr` would refuse does not compile.
 consteval IpAddr operator""_ip(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     IpAddr address;
@@ -47,6 +48,7 @@ consteval IpAddr operator""_ip(const char* text, std::size_t length) {
     return address;
 }
 
+/// "2001:db8::1"_ip6. A text that `Ip6Addr` would refuse does not compile.
 consteval Ip6Addr operator""_ip6(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     Ip6Addr address;
@@ -54,6 +56,7 @@ consteval Ip6Addr operator""_ip6(const char* text, std::size_t length) {
     return address;
 }
 
+/// "00:11:22:aa:bb:cc"_mac. A text that `EthAddr` would refuse does not compile.
 consteval EthAddr operator""_mac(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     uint8_t bytes[6] = {};
@@ -63,6 +66,7 @@ consteval EthAddr operator""_mac(const char* text, std::size_t length) {
                    loadNet<uint16_t>(bytes + 4));
 }
 
+/// "10.0.0.0/8"_prefix. A text that `Prefix` would refuse does not compile.
 consteval Prefix operator""_prefix(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     Prefix prefix;
@@ -70,6 +74,7 @@ consteval Prefix operator""_prefix(const char* text, std::size_t length) {
     return prefix;
 }
 
+/// "2001:db8::/32"_prefix6. A text that `Ip6Prefix` would refuse does not compile.
 PAVO_CONSTEVAL Ip6Prefix operator""_prefix6(const char* text, std::size_t length) {
     Mox::TextCursor in(text, text + length);
     Ip6Addr address;

@@ -23,6 +23,7 @@ namespace Pavo {
 /// "NamespaceName::value::bytes > 150 not allowed" or, for a NUL, "Invalid NamespaceName".
 class NamespaceName : public Mox::ValueType<NamespaceName> {
   public:
+    /// The greatest length, without the NUL.
     static constexpr uint32_t maxBytes = 150;
 
     NamespaceName() = default;
@@ -33,6 +34,7 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     /// The name of the namespace in which the process started.
     PAVO_EXPORT static NamespaceName defaultNamespace();
 
+    /// Empty for the default, and equal to no other name.
     const Mox::String& value() const { return value_; }
     /// A name that is refused leaves the value unchanged.
     PAVO_EXPORT void valueIs(const Mox::String& value);

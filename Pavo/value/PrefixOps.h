@@ -31,17 +31,24 @@ constexpr Address addressAfterNetwork(const Address& network, uint32_t len) {
 template <class T>
 class Subnets {
   public:
+    /// The end of the range, which holds nothing.
     struct End {};
+    /// At one network. It holds the whole prefix, and is valid without the range.
     class Iterator {
       public:
+        /// What `std::input_iterator` asks for.
         using value_type = T;
+        /// What `std::input_iterator` asks for.
         using difference_type = std::ptrdiff_t;
 
         constexpr Iterator() = default;
+        /// At the first network.
         constexpr Iterator(const T& whole, uint32_t len)
             : whole_(whole), at_(whole.networkOf(whole.address(), len)) {}
 
+        /// The network, by value.
         constexpr T operator*() const { return at_; }
+        /// Moves to the next network; at the last one to the end.
         constexpr Iterator& operator++() {
             const auto next = addressAfterNetwork(at_.address(), at_.len());
             at_ = whole_.networkOf(next, at_.len());
@@ -49,6 +56,7 @@ class Subnets {
             isAtEnd_ = next == whole_.address() || !whole_.contains(at_);
             return *this;
         }
+        /// As `++it`; yields the iterator before.
         constexpr Iterator operator++(int) {
             const Iterator before = *this;
             ++*this;
@@ -64,6 +72,7 @@ class Subnets {
         bool isAtEnd_ = false;
     };
 
+    /// `len` is at least the length of `whole`, as `PrefixOps::subnets` checks.
     constexpr Subnets(const T& whole, uint32_t len) : begin_(whole, len) {}
 
     constexpr Iterator begin() const { return begin_; }
@@ -99,7 +108,7 @@ class PrefixOps {
 
     /// The length of an address of the family.
     static constexpr uint32_t addressBits() { return 8 * sizeof(std::declval<T>().address()); }
-    // The prefix of the family that `address` lies in.
+    /// The prefix of the family that `address` lies in.
     template <class Address>
     static constexpr T networkOf(const Address& address, uint32_t len) {
         return T::containing(address, len);

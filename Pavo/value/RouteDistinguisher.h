@@ -33,6 +33,7 @@ namespace Pavo {
 /// `Mox::fromText`, `Mox::tryParse`) may have both forms.
 class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
   public:
+    /// The number in the first two bytes (RFC 4364, 4.2).
     enum Type : uint32_t { type0 = 0, type1 = 1, type2 = 2 };
 
     /// How the local part of a type-0 value was entered, and so how it is printed: as an IPv4
@@ -99,7 +100,9 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     /// The eight bytes as a number in host order.
     constexpr uint64_t rdHbo() const { return hostOrder(rdNboInternal_); }
 
+    /// False for the default value and for the text "INVALID".
     constexpr bool valid() const { return valid_; }
+    /// `localInvalid` for every type but 0.
     constexpr Type0LocalType type0LocalType() const { return type0LocalType_; }
 
     /// Any 16-bit number, `type0`, `type1` and `type2` among them. Asserts "valid()".
@@ -112,11 +115,14 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     AutonomousSystem type0Administrator() const {
         return AutonomousSystem(type0Bits(rdHbo() >> 32) & 0xffff);
     }
+    /// In host order.
     uint32_t type0LocallyAssignedNumber() const { return type0Bits(rdHbo()); }
+    /// The same four bytes as an address, however they were entered.
     IpAddr type0LocallyAssignedIpAddr() const { return IpAddr(type0Bits(rdHbo())); }
 
     /// Asserts "rdType() == type1()", as the next one does.
     IpAddr type1Administrator() const { return IpAddr(type1Bits(rdHbo() >> 16)); }
+    /// In host order.
     uint16_t type1LocallyAssignedNumber() const {
         return static_cast<uint16_t>(type1Bits(rdHbo()));
     }
@@ -125,6 +131,7 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     AutonomousSystem type2Administrator() const {
         return AutonomousSystem(type2Bits(rdHbo() >> 16));
     }
+    /// In host order.
     uint16_t type2LocallyAssignedNumber() const {
         return static_cast<uint16_t>(type2Bits(rdHbo()));
     }
@@ -143,6 +150,8 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
         const uint64_t right = __builtin_bswap64(b.rdHbo());
         return left != right ? left < right : a.valid_ < b.valid_;
     }
+    /// From `operator<`.
+    /// @{
     friend constexpr bool operator>(const RouteDistinguisher& a, const RouteDistinguisher& b) {
         return b < a;
     }
@@ -152,6 +161,7 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     friend constexpr bool operator>=(const RouteDistinguisher& a, const RouteDistinguisher& b) {
         return !(a < b);
     }
+    /// @}
 
     static constexpr auto description() {
         return Mox::record("Pavo::RouteDistinguisher",

@@ -16,6 +16,8 @@
 
 namespace Pavo {
 
+/// The address as the system's calls take it, in network order, and back.
+/// @{
 inline in_addr inAddrFrom(const IpAddr& address) {
     return {htonl(address.value())};
 }
@@ -32,6 +34,7 @@ inline Ip6Addr ip6AddrFrom(const in6_addr& address) {
     value.copyFromBuffer(address.s6_addr);
     return value;
 }
+/// @}
 
 /// One end of an IPv4 connection; `port` is in host order.
 PAVO_EXPORT sockaddr_in sockaddrInFrom(const IpAddr& address, uint16_t port = 0);
@@ -48,21 +51,25 @@ struct SockAddr {
     /// without a port.
     PAVO_EXPORT explicit SockAddr(const IpGenAddr& address, Port port = 0, uint32_t scopeId = 0);
 
+    /// For the system's calls, with `length` or `room()`.
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
     /// For a call that writes an address of any family and its length.
     socklen_t* room() {
         length = sizeof(storage);
         return &length;
     }
+    /// For the system's calls, with `length`.
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 
     /// The address, of an unknown family where this is neither AF_INET nor AF_INET6, or is shorter
     /// than an address of its family; port and scope are then 0.
     PAVO_EXPORT IpGenAddr address() const;
+    /// In host order; 0 where `address` is of an unknown family.
     PAVO_EXPORT Port port() const;
     /// 0 for IPv4.
     PAVO_EXPORT uint32_t scopeId() const;
 
+    /// The bytes, of which the first `length` count.
     sockaddr_storage storage{};
     /// The number of bytes that count.
     socklen_t length = sizeof(storage);
