@@ -25,6 +25,8 @@ RULES = [
     (r"CLASS\((const CLASS&|CLASS&&)\)( noexcept)? = (default|delete);|"
      r"CLASS& operator=\((const CLASS&|CLASS&&)\)( noexcept)? = (default|delete);|"
      r"(virtual )?~CLASS\(\)", "Copying, moving and the end of life are those of the class."),
+    (r"(explicit )?CLASS\([^)]*\)( noexcept)? : (\w+_\((std::move\()?\w+\)?\)(, )?)+ \{",
+     "The fields are the arguments."),
     (r"static constexpr auto description\(\)",
      "The name of the type with its fields or attributes, from which the framework derives text, "
      "log and hash (Mox/ValueType.h, Mox/FwkType.h)."),
@@ -44,6 +46,9 @@ RULES = [
     (r"(std::ostream& )operator<<\(", "Writes the canonical text."),
     (r"static constexpr (const char\*|std::string_view) (typeName|recordName)\b",
      "The name of the type in the text of its record."),
+    (r"static constexpr (const char\*|std::string_view) \w+Name\b",
+     "The name of the field in the text of the record."),
+    (r"using (Error|Result|Self|Base|Address) = ", "A short name for use in the class."),
     (r"static constexpr const char\* rangeText\b",
      "The text of the error for a number that is out of range."),
     (r"static constexpr const char\* \w+Text\b", "The text of an error."),
@@ -61,7 +66,7 @@ RULES = [
     (r"void \w+Del\(const ", "Removes the member; nothing happens if there is none."),
     (r"Mox::Ptr<\w+> \w+Factory\($|Mox::Ptr<\w+> \w+Factory\(.*\)( \{|;)",
      "Makes the object; the arguments are those of its constructor."),
-    (r"(auto|[\w:<>]+\*?|IteratorConst) (begin|end)\(\) const", "For range-based loops."),
+    (r"(const )?[\w:<>]+\*? (begin|end)\(\) const", "For range-based loops."),
     (r"static constexpr (Mox::)?Attribute<.*> (\w+)Attr\{",
      r"The token of the attribute `\2`, which notifications carry."),
     (r"(constexpr|inline) auto enumDescription\(",
@@ -126,7 +131,7 @@ class Filter:
         getter = re.sub(r"(Is|Inc|Del|DelAll)$", "", name)
         if getter != name and getter in self.texts:
             return "Changes: " + self.texts[getter]
-        if name == self.last and name in self.texts:
+        if name == self.last and name in self.texts and name != self.scopes[-1][1]:
             return self.texts[name]
         return self.scopes[-1][2]
 
@@ -163,8 +168,10 @@ class Filter:
             self.last = None
         elif self.begins(at):
             result = self.declared(at)
-        comment, self.comment = self.comment, []
-        opened = re.match(r"\s*(?:class|struct|union) (?:\w+_EXPORT )?(\w+)\b.*", line)
+        comment = self.comment
+        if not stripped.startswith("template <"):
+            self.comment = []
+        opened = re.match(r"\s*(?:class|struct|union) (?:\[\[\w+\]\] )?(?:\w+_EXPORT )?(\w+)\b.*", line)
         if opened and (line.endswith("{") or declaration(self.lines, at).endswith("{")):
             indent = re.match(r"\s*", line).group() + "    "
             self.scopes.append((indent, opened.group(1), members_text(comment)))
@@ -176,15 +183,16 @@ class Filter:
         decl = declaration(self.lines, at)
         found = NAME.search(shared_form(decl))
         name = found.group(1) if found else ""
-        text = " ".join(self.comment).split("  ")[0].strip()
-        if not text:
-            text = self.group or self.text_for(decl, name)
+        own = " ".join(self.comment).split("  ")[0].strip() or self.group
+        text = own
+        if not self.comment:
+            text = own or self.text_for(decl, name)
             if text:
                 line = re.sub(r"^\s*", lambda m: m.group() + f"/** {text} */ ", line, count=1)
         if not text and re.fullmatch(r".*\w_(\[\w*\])?( = .*|\{.*\})?;( *//.*)?", decl):
             line = f"/** @cond */ {line} /** @endcond */"
-        if text and name:
-            self.texts[name] = text
+        if own and name:
+            self.texts[name] = own
         self.last = name
         return line
 
@@ -196,9 +204,11 @@ def main():
     path = sys.argv[1]
     group = layer(path)
     for line in Filter(pathlib.Path(path).read_text()).run():
-        if re.match(r"namespace \w+ \{$", line):
+        if "//" in line:
+            line = line.replace("::ffff", "\\::ffff")  # An address, not a name.
+        if re.match(r"namespace (Pavo|Mox|Keel) \{$", line):
             line += f" /** @addtogroup {group} */ /** @{{ */"
-        elif re.match(r"\}  // namespace \w+$", line) and "Detail" not in line:
+        elif re.match(r"\}  // namespace (Pavo|Mox|Keel)$", line):
             line = "/** @} */ " + line
         print(line)
 

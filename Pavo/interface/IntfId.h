@@ -29,6 +29,7 @@ namespace Pavo {
 class IntfId : public Mox::ValueType<IntfId> {
   public:
     constexpr IntfId() = default;
+    /// Every number is valid, described or not.
     constexpr explicit IntfId(uint64_t value) : value_(value) {}
     /// @throws Mox::RangeException "Error deserializing IntfId"
     IntfId(TextIt& it, const TextIt& end) { readText(it, end); }
@@ -39,6 +40,7 @@ class IntfId : public Mox::ValueType<IntfId> {
     /// @throws Mox::RangeException "Error deserializing IntfId"
     PAVO_EXPORT static IntfId fromShortName(const Mox::String& name);
 
+    /// The number in host order; 0 is no interface.
     constexpr uint64_t value() const { return value_; }
     constexpr void valueIs(uint64_t value) { value_ = value; }
 
@@ -74,19 +76,24 @@ static_assert(std::is_trivially_copyable_v<IntfId> && sizeof(IntfId) == 8);
 /// is read back, described or not. Ordered by type, then by sub-type, then by the other bits.
 class GenericIntfId : public Mox::ValueType<GenericIntfId> {
   public:
+    /// The greatest type.
     static constexpr uint32_t maxTypeId = 127;
+    /// The greatest sub-type.
     static constexpr uint32_t maxSubType = 3;
     /// Bits 25 to 31 and 62 to 63; all others are for parts.
     static constexpr uint64_t typeBits = 0xc0000000'fe000000;
 
     constexpr GenericIntfId() = default;
+    /// The same number.
     constexpr GenericIntfId(IntfId id) : value_(id.value()) {}
     /// @throws Mox::RangeException "Invalid GenericIntfId"
     GenericIntfId(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit GenericIntfId(std::string_view text) { readWhole(text); }
     GenericIntfId(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The same number.
     constexpr IntfId intfId() const { return IntfId(value_); }
+    /// As `intfId`.
     constexpr operator IntfId() const { return intfId(); }
 
     /// The type of the id's descriptor, 1 to 127; 0 is none.
@@ -122,10 +129,12 @@ class GenericIntfId : public Mox::ValueType<GenericIntfId> {
     /// descriptor.
     uint32_t parts() const { return parts(*this); }
 
-    // The same for any id.
+    /// As the members of that name, for any id.
+    /// @{
     PAVO_EXPORT static uint32_t part(const GenericIntfId& id, uint32_t k);
     PAVO_EXPORT static void partIs(GenericIntfId& id, uint32_t k, uint32_t value);
     PAVO_EXPORT static uint32_t parts(const GenericIntfId& id);
+    /// @}
 
     /// The same in every process, on both word sizes.
     constexpr uint32_t hash() const { return oneAtATimeHash(value_); }

@@ -51,7 +51,9 @@ class IntfIdPartKey : public Mox::ValueType<IntfIdPartKey> {
     /// @throws Mox::RangeException as the other constructors
     IntfIdPartKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// Whose names have the number.
     constexpr SubIntfIdKey subType() const { return subType_; }
+    /// 0 to 7, from the left.
     constexpr uint32_t part() const { return part_; }
 
     friend constexpr bool operator==(const IntfIdPartKey&, const IntfIdPartKey&) = default;
@@ -79,11 +81,13 @@ class ShortPrefix : public Mox::ValueType<ShortPrefix> {
   public:
     ShortPrefix() = default;
     explicit ShortPrefix(Mox::String value) : value_(std::move(value)) {}
+    /// `value` is not null.
     ShortPrefix(const char* value) : value_(value) {}
     /// @throws Mox::RangeException "Invalid ShortPrefix"
     ShortPrefix(TextIt& it, const TextIt& end) { readText(it, end); }
     ShortPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// Empty for the long prefix.
     const Mox::String& value() const { return value_; }
     /// Not empty.
     explicit operator bool() const { return !value_.empty(); }
@@ -125,14 +129,18 @@ class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
 
     /// The prefix of the names of all sub-types that have none of their own, such as Ethernet.
     Mox::String name() const override { return name_; }
+    /// Called by the manager that it is added to.
     void handleParent(Mox::Ptr<Mox::Entity> parent) override;
 
+    /// 1 to 127.
     uint32_t typeId() const { return typeId_; }
     /// The manager that it was added to, or null.
     IntfIdMgr* manager() const { return manager_; }
 
     // All setters below throw Mox::RangeException "IntfIdDesc is initialized" once it is.
 
+    /// That of all sub-types without one of their own.
+    /// @throws Mox::RangeException "IntfIdDesc is initialized" from the setter
     const ShortPrefix& shortPrefix() const { return shortPrefix_; }
     void shortPrefixIs(ShortPrefix shortPrefix);
     /// The short prefixes of sub-types that have one of their own, in place of `shortPrefix`.
@@ -152,6 +160,7 @@ class PAVO_EXPORT IntfIdDesc : public Mox::EntityOf<IntfIdDesc> {
     void partDel(IntfIdPartKey key);
     void partDelAll();
 
+    /// Checked, and used by the manager.
     bool initialized() const { return initialized_; }
     /// @throws Mox::RangeException as `IntfIdTrie::setPrefix`, `setShortPrefix` and `build` do for
     /// all descriptors of the manager, and "Invalid interface parts" also for a part that is
@@ -218,6 +227,7 @@ class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
         attributeIs(initialized_, initialized, initializedAttr);
     }
 
+    /// The tables of all initialized descriptors.
     const IntfIdTrie& trie() const { return trie_; }
     /// Whether names with short prefixes are read as ids too; at first false.
     void shortNameTrieIs(bool on) { trie_.shortNameTrieIs(on); }
@@ -258,11 +268,13 @@ class PAVO_EXPORT IntfIdMgr : public Mox::EntityOf<IntfIdMgr> {
 /// again.
 class PAVO_EXPORT IntfIdDescPluginLoader {
   public:
+    /// Adds descriptors to the manager.
     using Plugin = void (*)(IntfIdMgr& manager);
 
     /// Registers a plug-in, as an object of static storage. It is never unregistered: its library
     /// has to stay loaded, as those that `load` loads do.
     struct Registrar {
+        /// Registers `plugin` with `DefaultPluginLoader()`; see `pluginIs`.
         Registrar(const char* name, Plugin plugin) { DefaultPluginLoader().pluginIs(name, plugin); }
     };
 

@@ -47,9 +47,13 @@ class IntfIdPart : public Mox::ValueType<IntfIdPart> {
     /// @throws Mox::RangeException as above, also for a part without width that is not the default
     IntfIdPart(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// 1 to 32; 0 for the default, which is no part.
     constexpr uint32_t widthBits() const { return widthBits_; }
+    /// The lowest bit in its half of the id, 0 to 31.
     constexpr uint32_t shift() const { return shift_; }
+    /// In bits 32 to 63 of the id.
     constexpr bool isInHighHalf() const { return isInHighHalf_; }
+    /// The character before the number; NUL for none.
     constexpr char separator() const { return static_cast<char>(separator_); }
 
     /// The largest number, which has the width's bits set.
@@ -108,7 +112,9 @@ static_assert(std::is_trivially_copyable_v<IntfIdPart> && sizeof(IntfIdPart) == 
 /// nothing, and any number of threads may convert while none builds.
 class PAVO_EXPORT IntfIdTrie {
   public:
+    /// The most numbers that a name has.
     static constexpr uint32_t maxParts = 8;
+    /// The longest prefix.
     static constexpr uint32_t maxPrefixBytes = 64;
     /// Room for the longest name: a prefix, and eight numbers of ten digits with their separators.
     static constexpr uint32_t maxNameBytes = maxPrefixBytes + maxParts * 11;
@@ -144,7 +150,9 @@ class PAVO_EXPORT IntfIdTrie {
 
     /// The id at the beginning of a text and the length of its name, or no interface and 0.
     struct Reading {
+        /// No interface where nothing was read.
         IntfId id;
+        /// In bytes.
         uint32_t length = 0;
     };
     /// Reads the longest name that `text` begins with. A number that is too large for its part

@@ -18,6 +18,8 @@ namespace Pavo {
 class DynamicMplsLabelStack;
 
 /// Up to 7 ordinary labels; unused places hold the null label.
+///
+/// Members: those that `MplsLabelStackBase` asks of its labels; they check nothing.
 class BoundedMplsLabels {
   public:
     static constexpr bool isBounded = true;

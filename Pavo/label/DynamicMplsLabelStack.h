@@ -19,6 +19,8 @@
 namespace Pavo {
 
 /// Ordinary labels in a sequence that grows.
+///
+/// Members: those that `MplsLabelStackBase` asks of its labels; they check nothing.
 class DynamicMplsLabels {
   public:
     static constexpr bool isBounded = false;
@@ -63,6 +65,7 @@ class DynamicMplsLabelStack : public MplsLabelStackBase<DynamicMplsLabelStack, D
         std::swap(static_cast<EntropyLabelMaps&>(*this), static_cast<EntropyLabelMaps&>(other));
         return *this;
     }
+    /// The same labels and pairs.
     PAVO_EXPORT explicit DynamicMplsLabelStack(const BoundedMplsLabelStack& stack);
     DynamicMplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
     explicit DynamicMplsLabelStack(std::string_view text) { readWhole(text); }

@@ -26,7 +26,9 @@ class EntropyLabelMaps {
     /// Bit i is set where an entropy label indicator is at position i.
     constexpr uint32_t entropyLabelIndicatorBitMap() const { return entropyLabelIndicatorBitMap_; }
 
+    /// Either map has a bit set.
     constexpr bool hasEntropyLabel() const { return bothMaps() != 0; }
+    /// Both of each pair count.
     constexpr uint32_t numEntropyLabelsAndIndicators() const {
         return hasEntropyLabel() ? bitCount(bothMaps()) : 0;
     }
@@ -65,15 +67,19 @@ class EntropyLabelMaps {
         map = (map & 0x33333333) + (map >> 2 & 0x33333333);
         return ((map + (map >> 4)) & 0x0f0f0f0f) * 0x01010101 >> 24;
     }
+    /// A bit for each position that is no ordinary label's.
     constexpr uint32_t bothMaps() const {
         return entropyLabelBitMap_ | entropyLabelIndicatorBitMap_;
     }
+    /// False from position 32 on.
     constexpr bool isEntropyLabelAt(uint32_t position) const {
         return position < mapBits && (entropyLabelBitMap_ >> position & 1) != 0;
     }
+    /// False from position 32 on.
     constexpr bool isIndicatorAt(uint32_t position) const {
         return position < mapBits && (entropyLabelIndicatorBitMap_ >> position & 1) != 0;
     }
+    /// Bit 31 of either map is set.
     constexpr bool isLastPositionUsed() const { return bothMaps() >> (mapBits - 1) != 0; }
 
     /// Makes room for a label on top. The last position must be unused.

@@ -54,8 +54,10 @@ constexpr auto enumDescription(MplsLabelAction) {
 template <class Self, class Stack>
 class MplsLabelOperationBase : public Mox::ValueType<Self> {
   public:
+    /// What a change of the stack yields.
     using Result = BoundedMplsLabelStackResult;
 
+    /// What is done with the stack; `push` at first.
     constexpr MplsLabelAction operation() const { return operation_; }
     /// @throws Mox::RangeException "Invalid MplsLabelAction" for a number that no action has, as
     /// the constructors do.
@@ -109,9 +111,13 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
         return stack_.top();
     }
 
+    /// As the stack's `append` and `prepend`.
+    /// @{
     Result appendLabel(MplsLabel label) { return stack_.append(label); }
     Result prependLabel(MplsLabel label) { return stack_.prepend(label); }
+    /// @}
 
+    /// As the stack's.
     uint32_t calculatedStackSize() const { return stack_.calculatedStackSize(); }
     /// @throws Mox::RangeException "MplsLabelOperation::labelStack: index out of range"
     MplsLabel calculatedLabelStack(uint32_t position) const {
@@ -124,6 +130,7 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
     Result entropyLabelAndIndicatorIs(uint32_t position) {
         return stack_.entropyLabelAndIndicatorIs(position);
     }
+    /// As the stack's.
     bool hasEntropyLabel() const { return stack_.hasEntropyLabel(); }
 
     /// Removes the implicit nulls from the stack of a push or a swap; other actions keep theirs.
@@ -145,9 +152,11 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
 
   protected:
     constexpr MplsLabelOperationBase() = default;
+    /// @throws Mox::RangeException "Invalid MplsLabelAction"
     MplsLabelOperationBase(MplsLabelAction operation, uint8_t rawValue, Stack stack)
         : operation_(checked(operation)), rawValue_(rawValue), stack_(std::move(stack)) {}
 
+    /// The stack, to be changed by its own rules.
     const Stack& stack() const { return stack_; }
     Stack& stack() { return stack_; }
 
@@ -182,6 +191,7 @@ class MplsLabelOperation
     : public MplsLabelOperationBase<MplsLabelOperation, BoundedMplsLabelStack> {
   public:
     constexpr MplsLabelOperation() = default;
+    /// @throws Mox::RangeException "Invalid MplsLabelAction"
     explicit MplsLabelOperation(MplsLabelAction operation, BoundedMplsLabelStack stack = {},
                                 uint8_t rawValue = 0)
         : MplsLabelOperationBase(operation, rawValue, stack) {}
@@ -189,10 +199,12 @@ class MplsLabelOperation
     explicit MplsLabelOperation(std::string_view text) { readWhole(text); }
     MplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The whole stack, pairs included.
     const BoundedMplsLabelStack& boundedLabelStack() const { return stack(); }
     void boundedLabelStackIs(const BoundedMplsLabelStack& labels) { stack() = labels; }
 
     /// The ordinary label of that index, the null label past the stack; set as `labelStackIs` does.
+    /// @{
     MplsLabel label0() const { return labelOrNull(0); }
     void label0Is(MplsLabel label) { labelStackIs(0, label); }
     MplsLabel label1() const { return labelOrNull(1); }
@@ -207,6 +219,7 @@ class MplsLabelOperation
     void label5Is(MplsLabel label) { labelStackIs(5, label); }
     MplsLabel label6() const { return labelOrNull(6); }
     void label6Is(MplsLabel label) { labelStackIs(6, label); }
+    /// @}
 
     /// Folds `other` into this operation: the stack is extended by that of `other`, even where the
     /// result says that the operations cannot be combined; action and flags stay as they are.
@@ -227,6 +240,7 @@ class UnboundedMplsLabelOperation
     : public MplsLabelOperationBase<UnboundedMplsLabelOperation, DynamicMplsLabelStack> {
   public:
     UnboundedMplsLabelOperation() = default;
+    /// @throws Mox::RangeException "Invalid MplsLabelAction"
     explicit UnboundedMplsLabelOperation(MplsLabelAction operation,
                                          DynamicMplsLabelStack stack = {}, uint8_t rawValue = 0)
         : MplsLabelOperationBase(operation, rawValue, std::move(stack)) {}
@@ -234,6 +248,7 @@ class UnboundedMplsLabelOperation
     explicit UnboundedMplsLabelOperation(std::string_view text) { readWhole(text); }
     UnboundedMplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The whole stack, pairs included.
     const DynamicMplsLabelStack& dynamicLabelStack() const { return stack(); }
     void dynamicLabelStackIs(DynamicMplsLabelStack labels) { stack() = std::move(labels); }
 
@@ -258,6 +273,7 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
   public:
     constexpr MplsLabelAndAction() = default;
     constexpr explicit MplsLabelAndAction(uint32_t value) : value_(value) {}
+    /// The label moves to bits 8 to 31, of which it may need all.
     constexpr MplsLabelAndAction(MplsLabel label, MplsLabelAction action) {
         labelIs(label);
         actionIs(action);
@@ -266,6 +282,7 @@ class MplsLabelAndAction : public Mox::ValueType<MplsLabelAndAction> {
     explicit MplsLabelAndAction(std::string_view text) { readWhole(text); }
     MplsLabelAndAction(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// In host order.
     constexpr uint32_t value() const { return value_; }
     constexpr void valueIs(uint32_t value) { value_ = value; }
 
@@ -372,7 +389,9 @@ class SmushResult : public Mox::ValueType<SmushResult> {
     explicit SmushResult(std::string_view text) { readWhole(text); }
     SmushResult(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// What the operation that was folded in has and cannot pass on.
     constexpr SmushError smushError() const { return smushError_; }
+    /// How the extension of the stack went.
     constexpr BoundedMplsLabelStackResult stackResult() const { return stackResult_; }
 
     /// Whether the stack was extended, and the operation that was folded in has neither control

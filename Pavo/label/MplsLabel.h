@@ -26,6 +26,7 @@ PAVO_EXPORT const char* parseUpTo(Mox::TextCursor& in, uint32_t most, uint32_t* 
 /// constant of this type: `MplsLabel::implicitNull`.
 class MplsLabel : public Mox::ValueType<MplsLabel> {
   public:
+    /// The numbers with a meaning of their own.
     enum WellKnownValue : uint32_t {
         explicitNullIpv4Value = 0,
         routerAlertValue = 1,
@@ -43,6 +44,8 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
         /// Withdraws a label in labelled unicast; the greatest number that is accepted.
         luWithdrawLabelValue = 0x800000,
     };
+    /// The label of that number in `WellKnownValue`; `min` is 0.
+    /// @{
     static const MplsLabel min;
     static const MplsLabel explicitNullIpv4;
     static const MplsLabel routerAlert;
@@ -54,6 +57,7 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
     static const MplsLabel anyLabel;
     static const MplsLabel entropyLabel;
     static const MplsLabel luWithdraw;
+    /// @}
 
     static constexpr const char* rangeText =
         "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed";
@@ -66,6 +70,7 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
     /// @throws Mox::RangeException `rangeText` past `luWithdrawLabelValue`.
     MplsLabel(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// In host order; more than 20 bits for the markers.
     constexpr uint32_t value() const { return value_; }
     /// @throws Mox::RangeException `rangeText` past `luWithdrawLabelValue`; nothing changes then.
     constexpr void valueIs(uint32_t value) {
@@ -79,6 +84,7 @@ class MplsLabel : public Mox::ValueType<MplsLabel> {
     constexpr bool isExplicitNull() const {
         return value() == explicitNullIpv4Value || value() == explicitNullIpv6Value;
     }
+    /// 3.
     constexpr bool isImplicitNull() const { return value() == implicitNullValue; }
     /// An entropy label indicator or an entropy label, whose positions stacks record in bit maps
     /// instead of holding them as labels.
@@ -128,6 +134,7 @@ class MplsStackEntryIndex : public Ordinal<MplsStackEntryIndex, uint8_t, 7> {
   public:
     using Ordinal::Ordinal;
 
+    /// No place.
     static constexpr uint8_t nullValue = 7;
 
     /// Not `nullValue`.

@@ -24,11 +24,14 @@ namespace Pavo {
 /// Ordered as 32-bit numbers.
 class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
   public:
+    /// The greatest traffic class.
     static constexpr uint8_t maxCos = 7;
-    // The lowest bits of the fields.
+    /// The lowest bit of the field in the 32-bit number.
+    /// @{
     static constexpr uint32_t labelShift = 12;
     static constexpr uint32_t cosShift = 9;
     static constexpr uint32_t bosShift = 8;
+    /// @}
 
     constexpr MplsLabelEntry() = default;
     /// From all 32 bits in host order, the label in the highest ones.
@@ -49,11 +52,14 @@ class MplsLabelEntry : public Mox::ValueType<MplsLabelEntry> {
         return uint32_t{v0_} << 24 | uint32_t{v1_} << 16 | uint32_t{v2_} << 8 | v3_;
     }
     /// The first to the fourth byte of the entry.
+    /// @{
     constexpr uint8_t v0() const { return v0_; }
     constexpr uint8_t v1() const { return v1_; }
     constexpr uint8_t v2() const { return v2_; }
     constexpr uint8_t v3() const { return v3_; }
+    /// @}
 
+    /// 0 to 1048575.
     constexpr MplsLabel label() const { return value() >> labelShift; }
     /// The traffic class, 0 to 7.
     constexpr uint8_t cos() const { return v2_ >> 1 & maxCos; }
@@ -90,6 +96,7 @@ class MplsLabelStack : public Mox::ValueType<MplsLabelStack> {
     MplsLabelStack(TextIt& it, const TextIt& end) { readText(it, end); }
     MplsLabelStack(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The number of entries.
     uint32_t size() const { return static_cast<uint32_t>(entries_.size()); }
 
     /// @throws Mox::RangeException "MplsLabelStack::labelEntry: index out of range"
@@ -100,6 +107,7 @@ class MplsLabelStack : public Mox::ValueType<MplsLabelStack> {
     /// Removes an entry; those below it move up.
     /// @throws Mox::RangeException "MplsLabelStack::labelEntryDel: index out of range"
     PAVO_EXPORT void labelEntryDel(uint32_t index);
+    /// Leaves no entry.
     void labelEntryDelAll() { entries_.clear(); }
 
     /// Whether there are entries, and the last one, and no other, is marked as the bottom.

@@ -36,7 +36,6 @@ enum class BoundedMplsLabelStackError : uint32_t {
 
 /// @throws Mox::RangeException "Invalid BoundedMplsLabelStackError"
 PAVO_EXPORT BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(uint32_t value);
-/// @throws Mox::RangeException "Invalid BoundedMplsLabelStackError"
 PAVO_EXPORT BoundedMplsLabelStackError BoundedMplsLabelStackErrorInstance(const Mox::String& name);
 
 // clang-format off
@@ -70,9 +69,10 @@ class [[nodiscard]] BoundedMplsLabelStackResult
     explicit BoundedMplsLabelStackResult(std::string_view text) { readWhole(text); }
     BoundedMplsLabelStackResult(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The exact outcome.
     constexpr Error error() const { return error_; }
     constexpr void errorIs(Error error) { error_ = error; }
-
+    /// Nothing was refused; a label may have been ignored.
     constexpr bool success() const { return error_ <= Error::labelIgnored; }
     /// Keeps the worse of the two.
     constexpr void combine(Error error) { error_ = error > error_ ? error : error_; }
@@ -110,7 +110,6 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
   public:
     using Error = BoundedMplsLabelStackError;
     using Result = BoundedMplsLabelStackResult;
-
     using Labels::stackSize;
 
     /// The number of ordinary labels. Growing adds null labels at the bottom; shrinking takes the
@@ -208,9 +207,10 @@ class MplsLabelStackBase : public Mox::ValueType<Self>, public Labels, public En
     friend auto operator<=>(const MplsLabelStackBase&, const MplsLabelStackBase&) = default;
 
   protected:
+    /// As `extend`; the flag also appends explicit nulls below other labels.
     template <class OtherSelf, class OtherLabels>
-    Result extendBy(const MplsLabelStackBase<OtherSelf, OtherLabels>& other,
-                    bool nonBosExplicitNulls);
+    BoundedMplsLabelStackResult extendBy(const MplsLabelStackBase<OtherSelf, OtherLabels>& other,
+                                         bool nonBosExplicitNulls);
 
     /// Appends a label, or a pair for `MplsLabel::entropyLabel`.
     /// @throws Mox::RangeException "Can't append the entropy label indicator"

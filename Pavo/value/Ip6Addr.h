@@ -265,9 +265,9 @@ inline constexpr Ip6Addr ip6AddrVrrp(0xff02, 0, 0, 0, 0, 0, 0, 0x12);
 inline constexpr Ip6Addr ip6AddrMld(0xff02, 0, 0, 0, 0, 0, 0, 0x16);
 /// ff02::, the base of the multicast addresses of link-local scope.
 inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02, 0, 0, 0, 0, 0, 0, 0);
-/// ::%ffff:127.0.0.1.
+/// ::ffff:127.0.0.1.
 inline constexpr Ip6Addr ip6AddrV4MappedLoopback(0, 0, 0, 0, 0, 0xffff, 0x7f00, 1);
-/// ::%ffff:127.0.0.0.
+/// ::ffff:127.0.0.0.
 inline constexpr Ip6Addr ip6AddrV4MappedLoopbackBase(0, 0, 0, 0, 0, 0xffff, 0x7f00, 0);
 
 /// An address with a length in bits: the common part of `Ip6AddrWithMask` and `Ip6Prefix`. Text is
@@ -338,6 +338,7 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
 class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
   public:
     constexpr Ip6AddrWithMask() = default;
+    /// Checks nothing.
     constexpr Ip6AddrWithMask(const Ip6Addr& address, uint32_t len) : Ip6AddrAndLen(address, len) {}
     /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithMask: prefix size
     /// expected" without "/" and a digit; "Ip6AddrWithMask: prefix too long" above 128

@@ -51,6 +51,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     constexpr IpGenAddr() = default;
     /// Family and address.
     constexpr IpGenAddr(const IpAddr& address) { handleV4Addr(address); }
+    /// Family and address.
     constexpr IpGenAddr(const Ip6Addr& address) { handleV6Addr(address); }
     /// The zero address of a family.
     constexpr explicit IpGenAddr(AddressFamily af) : af_(af) {}

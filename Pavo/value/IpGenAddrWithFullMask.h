@@ -48,8 +48,10 @@ class IpGenAddrWithFullMask : public Mox::ValueType<IpGenAddrWithFullMask> {
     };
 
     constexpr IpGenAddrWithFullMask() = default;
+    /// Any mask, in the shape of an address of the same family.
     constexpr IpGenAddrWithFullMask(const IpAddr& address, const IpAddr& mask)
         : IpGenAddrWithFullMask(ipv4, IpGenAddr(address).address(), IpGenAddr(mask).address()) {}
+    /// Any mask, in the shape of an address of the same family.
     constexpr IpGenAddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask)
         : IpGenAddrWithFullMask(ipv6, address, mask) {}
     /// @throws Mox::RangeException "Invalid IPv4 prefix length" above 32

@@ -27,6 +27,8 @@ namespace Pavo {
 class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
   public:
     constexpr IpGenAddrWithMask() = default;
+    /// Address and length as they are; none is checked.
+    /// @{
     constexpr IpGenAddrWithMask(const IpAddrWithMask& value)
         : IpGenAddrWithMask(value.address(), value.len()) {}
     constexpr IpGenAddrWithMask(const Ip6AddrWithMask& value)
@@ -37,6 +39,7 @@ class IpGenAddrWithMask : public IpGenAddrAndLen<IpGenAddrWithMask> {
         : IpGenAddrAndLen(address, len) {}
     constexpr IpGenAddrWithMask(const IpGenAddr& address, uint32_t len)
         : IpGenAddrAndLen(address, len) {}
+    /// @}
     /// With the length of a host: 32 or 128, and 0 for an unknown family.
     constexpr explicit IpGenAddrWithMask(const IpGenAddr& address)
         : IpGenAddrAndLen(address, addressBits(address.af())) {}

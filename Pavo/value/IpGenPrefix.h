@@ -27,8 +27,10 @@ class IpGenPrefix;
 class IpGenPrefixBase : public IpGenAddrAndLen<IpGenPrefixBase> {
   public:
     constexpr IpGenPrefixBase() = default;
+    /// Address and length as they are; none is checked.
     constexpr IpGenPrefixBase(const IpGenAddr& address, uint32_t len)
         : IpGenAddrAndLen(address, len) {}
+    /// Converts without loss.
     constexpr IpGenPrefixBase(const IpGenPrefix& prefix);
     /// @throws Mox::RangeException "Invalid IpGenPrefixBase", "Invalid AddressFamily", or a text of
     /// `Ip6Addr`
@@ -65,6 +67,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenP
     constexpr IpGenPrefix() = default;
     /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" for the length 0xffffffff
     constexpr IpGenPrefix(const Prefix& prefix) : IpGenPrefix(prefix.address(), prefix.len()) {}
+    /// Converts without loss.
     constexpr IpGenPrefix(const Ip6Prefix& prefix) : IpGenPrefix(prefix.address(), prefix.len()) {}
     /// @throws Mox::RangeException "Invalid IPv4 Prefix Length" above 32; "Invalid prefix -
     /// Non-zero after prefix length"
@@ -126,6 +129,7 @@ class IpGenPrefix : public IpGenAddrAndLen<IpGenPrefix>, public PrefixOps<IpGenP
 
     /// In place of those of `PrefixOps`.
     constexpr uint32_t addressBits() const { return Pavo::addressBits(af_); }
+    /// As `containing`, for an address of this prefix's family.
     constexpr IpGenPrefix networkOf(const Ip6Addr& address, uint32_t len) const {
         return containing(IpGenAddr(af_, address), len);
     }

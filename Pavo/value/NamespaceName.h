@@ -27,6 +27,7 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     static constexpr uint32_t maxBytes = 150;
 
     NamespaceName() = default;
+    /// Copies the name.
     explicit NamespaceName(const Mox::String& value) { valueIs(value); }
     NamespaceName(TextIt& it, const TextIt& end) { readText(it, end); }
     NamespaceName(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }

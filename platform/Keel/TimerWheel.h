@@ -29,10 +29,12 @@ namespace Keel {
 /// single call, at its expiry, however far away that is.
 class KEEL_EXPORT TimerWheel {
   public:
+    /// The expiry of a timer that is not armed.
     static constexpr double idle = std::numeric_limits<double>::infinity();
 
     class Notifiee;
 
+    /// `clock` is not null; it may end before the wheel.
     explicit TimerWheel(Mox::Clock* clock);
     TimerWheel(const TimerWheel&) = delete;
     TimerWheel& operator=(const TimerWheel&) = delete;
@@ -69,6 +71,7 @@ class KEEL_EXPORT TimerWheel {
 /// What a wheel calls at its expiry.
 class KEEL_EXPORT TimerWheel::Notifiee : private Mox::Due, private InSlot, private InWheel {
   public:
+    /// Idle at first.
     explicit Notifiee(TimerWheel* wheel);
     Notifiee(const Notifiee&) = delete;
     Notifiee& operator=(const Notifiee&) = delete;
@@ -78,6 +81,7 @@ class KEEL_EXPORT TimerWheel::Notifiee : private Mox::Due, private InSlot, priva
     Mox::Clock* clock() const;
     /// +infinity while idle.
     double expiry() const { return expiry_; }
+    /// Not armed.
     bool isIdle() const { return expiry_ == idle; }
     /// Arms it for an absolute time, also a past one; +infinity makes it idle. NaN is refused with
     /// the assertion "!isnan( expiry )", arming after the end of the wheel or of the clock with

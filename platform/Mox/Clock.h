@@ -24,6 +24,7 @@ namespace Mox {
 /// the past counts as due at the time of the last round, so it never delays those that are due now.
 class MOX_EXPORT Clock {
   public:
+    /// The expiry of a notifiee that is not armed.
     static constexpr double idle = std::numeric_limits<double>::infinity();
 
     class Notifiee;
@@ -34,6 +35,7 @@ class MOX_EXPORT Clock {
     Clock(const Clock&) = delete;
     Clock& operator=(const Clock&) = delete;
 
+    /// In seconds; never less than before.
     virtual double now() const = 0;
 
     /// The expiry of the notifiee that is called next; +infinity when all are idle.
@@ -75,6 +77,7 @@ class MOX_EXPORT Clock {
 /// What a clock calls at its expiry.
 class MOX_EXPORT Clock::Notifiee : private Due {
   public:
+    /// Idle at first.
     explicit Notifiee(Clock* clock);
     virtual ~Notifiee();
     Notifiee(const Notifiee&) = delete;
@@ -82,7 +85,9 @@ class MOX_EXPORT Clock::Notifiee : private Due {
 
     /// Null after the end of the clock.
     Clock* clock() const { return clock_; }
+    /// In seconds of the clock; +infinity while idle.
     double expiry() const { return expiry_; }
+    /// Not armed.
     bool isIdle() const { return expiry_ == idle; }
     /// Arms it for an absolute time, also a past one; +infinity makes it idle. NaN is refused with
     /// the assertion "!isnan( expiry )", arming after the end of the clock with "clock()".
@@ -113,6 +118,7 @@ class BasicTimer : public Source::Notifiee {
     using Base = typename Source::Notifiee;
 
   public:
+    /// Idle at first. `handler` is called from the event loop.
     [[nodiscard]] BasicTimer(Source* source, std::function<void()> handler)
         : Base(source),
           handler_(std::make_shared<const std::function<void()>>(std::move(handler))) {}
@@ -144,6 +150,7 @@ class BasicTimer : public Source::Notifiee {
     /// In the handler: the time at which the call was due. The handler runs then or later.
     double due() const { return due_; }
 
+    /// Calls the handler; a periodic timer is armed again before that.
     void handleExpiry() override {
         due_ = Base::due();
         if (periodSeconds_ > 0) {
@@ -171,11 +178,13 @@ class BasicTimer : public Source::Notifiee {
     double periodSeconds_ = 0;  // 0 for a single call.
 };
 
+/// A timer of a clock that calls a function: once, or periodically.
 using Timer = BasicTimer<Clock>;
 
 /// The machine's monotonic clock (clock_gettime(2), CLOCK_MONOTONIC).
 class MOX_EXPORT MonotonicClock : public Clock {
   public:
+    /// Seconds since an arbitrary time, as a rule since the machine was started.
     double now() const override;
 };
 
@@ -183,6 +192,7 @@ class MOX_EXPORT MonotonicClock : public Clock {
 /// machine.
 class MOX_EXPORT ManualClock : public Clock {
   public:
+    /// 0 at first.
     double now() const override { return now_; }
     /// Moves on by `seconds`. The clock stops at each expiry on the way, and last at the end, and
     /// makes one round at each stop; it makes one before it moves if a notifiee is due already.

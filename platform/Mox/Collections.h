@@ -42,8 +42,10 @@ template <class Key>
 class Deleted {
   public:
     Deleted() = default;
+    /// Of a member with that key.
     explicit Deleted(Key key) : key_(std::move(key)) {}
 
+    /// There was one.
     operator bool() const { return key_.has_value(); }
     /// @pre there was one.
     const Key& operator*() const { return *key_; }
@@ -94,6 +96,7 @@ class Array : public Detail::Versioned {
   public:
     /// The number of members up to the last one set.
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
+    /// The member; the default value for one that was never set.
     const T& at(uint32_t index) const {
         static const T none{};
         return index < members() ? items_[index].value : none;
@@ -142,12 +145,14 @@ class Array : public Detail::Versioned {
 template <class Key, class T>
 class Map : public Detail::Versioned {
   public:
+    /// How many there are.
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
     /// The value, or null.
     const T* find(const Key& key) const {
         const auto it = items_.find(key);
         return it == items_.end() ? nullptr : &it->second;
     }
+    /// Adds the value, or replaces the one there; true when that changed the map.
     bool is(const Key& key, T value) {
         const auto [it, added] = items_.try_emplace(key, value);
         if (!added && it->second == value) {
@@ -178,8 +183,11 @@ class Map : public Detail::Versioned {
 template <class T>
 class Set : public Detail::Versioned {
   public:
+    /// How many there are.
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
+    /// In logarithmic time.
     bool contains(const T& value) const { return items_.count(value) != 0; }
+    /// True when it was not a member before.
     bool add(const T& value) { return bump(items_.insert(value).second); }
     /// The deleted member, or nothing where there was none.
     Deleted<T> del(const T& value) {
@@ -203,10 +211,13 @@ class Set : public Detail::Versioned {
 template <class T>
 class Queue : public Detail::Versioned {
   public:
+    /// How many there are.
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
+    /// No value is left.
     bool empty() const { return items_.empty(); }
     /// @pre not empty.
     const T& front() const { return items_.front(); }
+    /// Puts the value at the end.
     void push(T value) {
         items_.push_back(std::move(value));
         bump(true);
@@ -227,6 +238,7 @@ class Queue : public Detail::Versioned {
 template <std::derived_from<Entity> T>
 class Directory : public Detail::Versioned {
   public:
+    /// How many there are.
     uint32_t members() const { return static_cast<uint32_t>(items_.size()); }
     /// The entity, or null.
     Ptr<T> find(const String& name) const {

@@ -28,10 +28,12 @@ concept TokenOf = std::derived_from<Token, AttributeBase> && BaseOf<typename Tok
 
 /// One change of one attribute.
 struct Change {
+    /// The attribute that changed.
     const AttributeBase& attribute;
     /// The member of a collection that changed; null for a plain attribute.
     const void* keyAddress;
 
+    /// Whether this is a change of that attribute.
     bool is(const AttributeBase& token) const {
         return attribute.number == token.number && std::string_view(attribute.name) == token.name;
     }
@@ -44,6 +46,7 @@ struct Change {
     }
 };
 
+/// The type of `allAttributes`.
 struct AllAttributes {};
 /// The set of all attributes of an entity.
 inline constexpr AllAttributes allAttributes;
@@ -52,9 +55,11 @@ inline constexpr AllAttributes allAttributes;
 template <class T>
 class AttributeSet {
   public:
+    /// The attributes of the tokens; none without one.
     template <TokenOf<T>... Tokens>
     constexpr AttributeSet(const Tokens&... tokens)
         : bits_((uint64_t{0} | ... | (uint64_t{1} << tokens.number))) {}
+    /// Every attribute, those of derived classes too.
     constexpr AttributeSet(AllAttributes) : bits_(~uint64_t{0}) {}
 
     /// Bit i stands for the attribute with the number i.
@@ -80,6 +85,7 @@ class MOX_EXPORT NotifieeList {
     NotifieeList(const NotifieeList&) = delete;
     NotifieeList& operator=(const NotifieeList&) = delete;
 
+    /// Nothing observes the entity.
     bool empty() const { return first_ == nullptr; }
     /// Removes every observer.
     void delAll();
@@ -203,6 +209,7 @@ class MOX_EXPORT EntityOf : public Described<Self, Base> {
         collection.delAll([&](const auto& gone) { notify(token, static_cast<TokenKey>(gone)); });
     }
 
+    /// Notifies the observers of a change of the attribute that is stored already.
     template <BaseOf<Self> Owner>
     void notify(const Attribute<Owner>& token) {
         this->notifyObservers({token, nullptr});
@@ -229,6 +236,7 @@ class MOX_EXPORT Notifiee : public PtrInterface {
     template <class T>
     class Made;
 
+    /// The entity that is observed; null when there is none.
     Entity* notifier() const { return notifier_.ptr(); }
     /// Leaves the entity observed so far and observes `notifier`, unless it is null.
     /// @pre `notifier` is of the class whose attributes are wanted (assertion "notifier is of a
@@ -236,6 +244,7 @@ class MOX_EXPORT Notifiee : public PtrInterface {
     void notifierIs(Ptr<Entity> notifier);
 
     void zeroReferencesIs(bool zero) override;
+    /// Called after each change of an attribute that is wanted. It may do what `NotifieeList` says.
     virtual void handleChange(const Change& change) = 0;
 
   protected:
@@ -279,6 +288,7 @@ class Watch {
   public:
     /// Watches nothing, until another one is assigned.
     Watch() = default;
+    /// Calls `handler` when the attribute changes.
     template <BaseOf<T> Owner>
     [[nodiscard]] Watch(const Ptr<T>& notifier, const Attribute<Owner>& attribute,
                         std::function<void()> handler)
@@ -292,11 +302,13 @@ class Watch {
                 [&attribute, handler = std::move(handler)](const Change& change) {
                     handler(change.key(attribute));
                 }) {}
+    /// For several attributes: the function gets the change.
     [[nodiscard]] Watch(const Ptr<T>& notifier, AttributeSet<std::type_identity_t<T>> wanted,
                         std::function<void(const Change&)> handler)
         : reactor_(make<Reactor>(notifier, wanted, std::move(handler))) {}
 
     Watch(Watch&&) noexcept = default;
+    /// Ends what this one watched before.
     Watch& operator=(Watch&& other) noexcept {
         Watch taken(std::move(other));
         std::swap(reactor_, taken.reactor_);  // `taken` ends what this one watched before.

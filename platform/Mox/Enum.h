@@ -37,6 +37,9 @@
 
 namespace Mox {
 
+/// One row of the table: a value and a name of it.
+///
+/// Members: the two parts of the row.
 template <class E>
 struct Enumerator {
     E value;
@@ -47,10 +50,13 @@ struct Enumerator {
 /// value may have several names: all are read, the first is printed. A name twice does not compile.
 template <class E, std::size_t count>
 struct EnumDescription {
+    /// The text of the range error.
     const char* invalidText;
+    /// In any order; of several names of a value the first is printed.
     std::array<Enumerator<E>, count> members;
 };
 
+/// The table that an `enumDescription` returns.
 template <class E, std::size_t count>
 constexpr EnumDescription<E, count> enumeration(const char* invalidText,
                                                 const Enumerator<E> (&members)[count]) {
@@ -75,6 +81,7 @@ constexpr bool hasUniqueNames(const EnumDescription<E, count>& about) {
     return true;
 }
 
+/// The table of `E`, checked at compile time.
 template <Enum E>
 inline constexpr auto enumTable = [] {
     constexpr auto table = enumDescription(E());
@@ -206,6 +213,7 @@ std::ostream& operator<<(std::ostream& out, E value) {
     return out << stringValue(value);
 }
 
+/// The number, in 32 bits.
 template <Enum E>
 NboAttrLog::Out& operator<<(NboAttrLog::Out& out, E value) {
     out.u32(static_cast<uint32_t>(value));

@@ -10,13 +10,16 @@
 
 namespace Mox {
 
+/// The base of the exceptions below.
 class MOX_EXPORT Exception : public std::exception {
   public:
+    /// `message` is what `message()` and `what()` yield.
     explicit Exception(String message) : message_(std::move(message)) {}
     ~Exception() override;
 
     /// The text as the thrower gave it.
     const String& message() const { return message_; }
+    /// The text, as long as the exception lives.
     const char* what() const noexcept override { return message_.c_str(); }
 
   private:
@@ -34,10 +37,13 @@ class MOX_EXPORT RangeException : public Exception {
 /// option; `what()` adds ": " and the text of strerror(3).
 class MOX_EXPORT ErrnoException : public Exception {
   public:
+    /// `message` is the name of the call or option.
     ErrnoException(int errnoValue, const String& message);
     ~ErrnoException() override;
 
+    /// The number of errno(3).
     int errnoValue() const { return errno_; }
+    /// "bind: Address already in use".
     const char* what() const noexcept override { return what_.c_str(); }
 
   private:
@@ -59,6 +65,7 @@ class MOX_EXPORT MemoryException : public Exception {
     ~MemoryException() override;
 };
 
+/// Throws a `RangeException` with that text.
 [[noreturn]] MOX_EXPORT void throwRangeException(const char* message);
 /// Throws an `ErrnoException` with `errno` as it is now.
 [[noreturn]] MOX_EXPORT void throwErrnoException(const char* message);

@@ -38,6 +38,7 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
   public:
     /// Whether this object closes the descriptor, with its last reference, or its caller does.
     enum class Ownership { owned, borrowed };
+    /// How readiness is watched; see above.
     enum class Watching { tracked, level, edge };
 
     static constexpr Attribute<FileDescriptor> readableCountAttr{0, "readableCount"};
@@ -70,15 +71,18 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
     /// were on. The last reference does the same, without notifications.
     void close();
 
+    /// `tracked` at first.
     Watching watching() const { return watching_; }
     /// @throws Mox::ErrnoException "epoll_ctl" when the number was closed early; nothing changes.
     void watchingIs(Watching watching);
 
+    /// Reports of data to read, of an end of the stream or of an error, since the object was made.
     uint32_t readableCount() const { return readableCount_; }
     void readableCountIs(uint32_t count) { attributeIs(readableCount_, count, readableCountAttr); }
     uint32_t readableCountInc(uint32_t delta) {
         return attributeInc(readableCount_, delta, readableCountAttr);
     }
+    /// Reports of room to write since the object was made.
     uint32_t writableCount() const { return writableCount_; }
     void writableCountIs(uint32_t count) { attributeIs(writableCount_, count, writableCountAttr); }
     uint32_t writableCountInc(uint32_t delta) {

@@ -36,7 +36,9 @@ inline constexpr uint32_t maxAttributes = 64;
 
 /// The number and the name of an attribute, each unique in the chain of an entity's classes.
 struct AttributeBase {
+    /// Below `maxAttributes`.
     uint8_t number;
+    /// Of static storage, as every name here.
     const char* name;
 };
 
@@ -45,8 +47,10 @@ struct AttributeBase {
 /// not compile.
 template <class T, class... Key>
 struct Attribute : AttributeBase {
+    /// The class that has the attribute.
     using Owner = T;
 
+    /// A number above 63 does not compile.
     constexpr Attribute(uint8_t attributeNumber, const char* attributeName)
         : AttributeBase{checked(attributeNumber), attributeName} {}
 
@@ -64,10 +68,14 @@ struct AttributeRecord : AttributeBase {
 
 /// A class's qualified name, its base's record, and the attributes that it adds.
 struct FwkType {
+    /// With its namespace: "Mox::Entity".
     const char* name;
-    const FwkType* base;  // Null for `PtrInterface`.
+    /// Null for `PtrInterface`.
+    const FwkType* base;
+    /// In the order of their numbers, without those of the bases.
     std::span<const AttributeRecord> attributes;
-    uint32_t baseAttributes;  // The number of those that the bases have.
+    /// The number of those that the bases have.
+    uint32_t baseAttributes;
 
     /// Whether this is the record of `other` or of a class derived from it.
     bool isA(const FwkType& other) const {
@@ -111,20 +119,26 @@ constexpr const char* attributeFault(const FwkType& type) {
 /// An attribute as a description lists it; `Getter` is null for a collection.
 template <class Owner, class Getter>
 struct AttributeDescription : AttributeBase {
+    /// The member function that yields the value.
     Getter getter;
 };
 
+/// An attribute with the getter of its value.
 template <class Owner, class Class, class Value>
 constexpr AttributeDescription<Owner, Value (Class::*)() const> attribute(
     const Attribute<Owner>& token, Value (Class::*getter)() const) {
     return {token, getter};
 }
+/// An attribute that is a collection, whose values are not printed.
 template <class Owner, class Key>
 constexpr AttributeDescription<Owner, std::nullptr_t> attribute(
     const Attribute<Owner, Key>& token) {
     return {token, nullptr};
 }
 
+/// What `classRecord` yields.
+///
+/// Members: the arguments of `classRecord`.
 template <class... Attributes>
 struct ClassDescription {
     const char* name;
@@ -223,12 +237,16 @@ constexpr const FwkType& fwkTypeOf() {
 template <class Self, std::derived_from<PtrInterface> Base = PtrInterface>
 class MOX_EXPORT Described : public Base {
   public:
+    /// The class that wrote the record.
     using DescribedClass = Self;
+    /// The class whose record is the base of it.
     using DescribedBase = Base;
 
+    /// The record of `Self`.
     const FwkType* fwkType() const override { return &fwkTypeOf<Self>(); }
 
   protected:
+    /// The arguments are those of the base.
     template <class... Args>
     explicit Described(Args&&... args) : Base(std::forward<Args>(args)...) {}
     ~Described() override = default;

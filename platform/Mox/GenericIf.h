@@ -25,6 +25,7 @@ template <Value T>
 T* genericIfConstruct(void* memory) {
     return new (memory) T();
 }
+/// The strep of the value.
 template <Value T>
 String genericIfStrRep(const T& value) {
     return valueToStrep(value);
@@ -34,6 +35,7 @@ template <Value T>
 void genericIfStrepToValue(const String& strep, T* value) {
     strepToValue(strep, value);
 }
+/// The hash of the value, without a seed.
 template <Value T>
 uint32_t genericIfHash(const T& value) {
     return value.hash();
@@ -41,17 +43,27 @@ uint32_t genericIfHash(const T& value) {
 
 /// The operations of one value type on memory that holds such a value.
 struct GenericIf {
+    /// A field, and the function that writes its strep; `value` is the address of the whole value.
+    ///
+    /// Members: the name of the field, and the function.
     struct Attribute {
         std::string_view name;
         String (*strep)(const void* value);
     };
 
+    /// With its namespace.
     std::string_view typeName;
+    /// Of a value, in bytes.
     uint32_t size;
+    /// As `genericIfConstruct`.
     void (*construct)(void* memory);
+    /// Calls the destructor; the memory is the caller's.
     void (*destroy)(void* value);
+    /// As `genericIfStrRep`.
     String (*strRep)(const void* value);
+    /// As `genericIfStrepToValue`.
     void (*strepToValue)(const String& strep, void* value);
+    /// As `genericIfHash`.
     uint32_t (*hash)(const void* value);
     /// The fields that have a strep, in declaration order.
     std::vector<Attribute> attributes;

@@ -11,8 +11,10 @@ namespace Mox {
 /// with the length counted in words.
 class Hash {
   public:
+    /// Hashes of different seeds are independent.
     constexpr explicit Hash(uint32_t seed = 0) : state_(seed) {}
 
+    /// Mixes one word in.
     constexpr Hash& mix(uint32_t word) {
         word *= 0xcc9e2d51u;
         word = rotated(word, 15) * 0x1b873593u;
@@ -25,6 +27,7 @@ class Hash {
         return mix(static_cast<uint32_t>(value)).mix(static_cast<uint32_t>(value >> 32));
     }
 
+    /// The hash of the words so far; more may follow.
     constexpr uint32_t result() const {
         uint32_t h = state_ ^ words_;
         h = (h ^ (h >> 16)) * 0x85ebca6bu;

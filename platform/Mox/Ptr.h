@@ -46,6 +46,7 @@ inline uint32_t countChanged(std::atomic<uint32_t>& count, uint32_t delta) {
 /// Counting is plain until the process says that it shares objects between threads.
 class MOX_EXPORT PtrInterface {
   public:
+    /// A class without a record of its own has that of its nearest base.
     using DescribedClass = PtrInterface;
 
     PtrInterface(const PtrInterface&) = delete;
@@ -89,12 +90,15 @@ class MOX_EXPORT PtrInterface {
     /// Makes counting atomic in the whole process, or plain again. To be called before the first
     /// object is shared, and while no other thread counts.
     static void threadSafePointersIs(bool threadSafe) { Detail::threadSafePointers = threadSafe; }
+    /// False at first.
     static bool threadSafePointers() { return Detail::threadSafePointers; }
 
+    /// True once `Mox::make` has made the object.
     bool hasNotificationActive() const { return notificationActive_; }
 
     /// Counted by `Ptr`; for callers that hand a reference through a C interface.
     void referencesInc() const { Detail::countChanged(references_, 1); }
+    /// Drops a reference; the last one deletes the object.
     void referencesDec() const {
         if (Detail::countChanged(references_, ~0u) == 0) {
             lastReferenceGone();
@@ -128,13 +132,18 @@ template <class T>
 class Ptr {
   public:
     constexpr Ptr() = default;
+    /// Null.
     constexpr Ptr(std::nullptr_t) {}
     Ptr(T* object) : object_(object) { retain(); }
     Ptr(T* object, AdoptReference) : object_(object) {}
+    /// Shares the object.
     Ptr(const Ptr& other) : Ptr(other.object_) {}
+    /// Leaves `other` null.
     Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    /// Shares the object of a pointer to a derived class.
     template <PointsTo<T> U>
     Ptr(const Ptr<U>& other) : Ptr(other.ptr()) {}
+    /// Leaves `other` null.
     template <PointsTo<T> U>
     Ptr(Ptr<U>&& other) noexcept : object_(other.release()) {}
     ~Ptr() {
@@ -143,16 +152,19 @@ class Ptr {
         }
     }
 
-    // By value, so that the old object is dropped only after this one is whole again: its
-    // destructor may come back here.
+    /// Drops the old object after this pointer is whole again: its destructor may come back here.
     Ptr& operator=(Ptr other) noexcept {
         std::swap(object_, other.object_);
         return *this;
     }
 
+    /// The object, or null.
+    /// @{
     T* ptr() const { return object_; }
     T* operator->() const { return object_; }
     T& operator*() const { return *object_; }
+    /// @}
+    /// Not null.
     explicit operator bool() const { return object_ != nullptr; }
 
     /// Gives the reference up without dropping it.

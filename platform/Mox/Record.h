@@ -23,12 +23,15 @@
 namespace Mox {
 
 /// One field of a record: its name and its member.
+///
+/// Members: what `field` was given.
 template <class Owner, class Member>
 struct Field {
     std::string_view name;
     Member Owner::*member;
 };
 
+/// A field for `record`. The name is the one in the text.
 template <class Owner, class Member>
 constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*member) {
     return {name, member};
@@ -38,7 +41,9 @@ constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*membe
 /// follow.
 template <class... Fields>
 struct RecordDescription {
+    /// With its namespace.
     std::string_view typeName;
+    /// In declaration order.
     std::tuple<Fields...> fields;
 
     /// Calls `visit(field)` for each field in order.
@@ -48,6 +53,7 @@ struct RecordDescription {
     }
 };
 
+/// The description of a value type: its qualified name and its fields.
 template <class... Fields>
 constexpr RecordDescription<Fields...> record(std::string_view typeName, Fields... fields) {
     return {typeName, {fields...}};
@@ -59,6 +65,7 @@ constexpr RecordDescription<Fields...> record(std::string_view typeName, Fields.
 template <class T>
 struct Codec;
 
+/// "true" or "false" in text, 32 bits in the log.
 template <>
 struct Codec<bool> {
     static const char* parse(TextCursor& in, bool* value, const char* invalid) {

@@ -43,6 +43,7 @@ class MOX_EXPORT Signal : public EntityOf<Signal> {
     void zeroReferencesIs(bool zero) override;
     String name() const override;
 
+    /// As in signal(7).
     int number() const { return number_; }
     /// Signals received since the object was made.
     uint32_t count() const { return count_; }

@@ -48,13 +48,18 @@ class TextCursor {
     }
 
   public:
+    /// The text from `at` up to `end`, which has to outlive the cursor.
     constexpr TextCursor(const char* at, const char* end) : at_(at), end_(end) {}
     constexpr explicit TextCursor(std::string_view text)
         : TextCursor(text.data(), text.data() + text.size()) {}
 
+    /// The next character.
     constexpr const char* at() const { return at_; }
+    /// The end of the text.
     constexpr const char* end() const { return end_; }
+    /// Nothing is left.
     constexpr bool atEnd() const { return at_ == end_; }
+    /// What is left.
     constexpr std::string_view rest() const { return {at_, static_cast<std::size_t>(end_ - at_)}; }
 
     /// The next character, or NUL at the end.
@@ -62,6 +67,7 @@ class TextCursor {
     /// Moves past one character.
     /// @pre `!atEnd()`.
     constexpr void skip() { ++at_; }
+    /// @pre `at` is in the text, or at its end.
     constexpr void atIs(const char* at) { at_ = at; }
 
     /// Moves past `c`, or past `literal`; false when it is not next.
@@ -80,15 +86,18 @@ class TextCursor {
         return true;
     }
 
+    /// A decimal digit is next.
     constexpr bool atDigit() const { return at_ != end_ && isDigit(*at_); }
 
     /// Reads all decimal digits from here on, without sign or blank; leading zeros are accepted.
     /// False when there is no digit, or when the number does not fit.
     constexpr bool decimal(uint32_t* value) { return number(value); }
+    /// As `decimal`, of 64 bits.
     constexpr bool decimal64(uint64_t* value) { return number(value); }
 
     /// The value of a hexadecimal digit of either case, or -1.
     static constexpr int hexValue(char c) { return hexValues[static_cast<unsigned char>(c)]; }
+    /// "0" to "9".
     static constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
   private:
@@ -120,11 +129,14 @@ inline constexpr auto hexPairs = [] {
 /// the NUL, nothing at all for size 0; text that does not fit is truncated, and counted.
 class TextWriter {
   public:
+    /// `size` counts the NUL. The buffer may be null for size 0.
     TextWriter(char* buffer, uint32_t size)
         : buffer_(buffer), room_(size == 0 ? 0 : size - 1), hasRoomForNul_(size != 0) {}
 
+    /// One character.
     void put(char c) { text({&c, 1}); }
 
+    /// The characters as they are.
     void text(std::string_view more) {
         const auto length = static_cast<uint32_t>(more.size());
         if (needed_ < room_) {
@@ -146,9 +158,11 @@ class TextWriter {
         text({copy, static_cast<std::size_t>(fill(copy) - copy)});
     }
 
+    /// Without leading zeros.
     void decimal(uint64_t value) {
         bounded<20>([value](char* at) { return decimalAt(at, value); });
     }
+    /// "-" before a negative number, else no sign.
     void decimalSigned(int64_t value) {
         if (value < 0) {
             put('-');

@@ -21,14 +21,18 @@ namespace Mox {
 /// changed while other threads trace.
 class MOX_EXPORT TraceFacility {
   public:
+    /// The number of levels: 0 to 9.
     static constexpr int levels = 10;
 
+    /// `name` is of static storage. The settings of `MOX_TRACE` apply from here on.
     explicit TraceFacility(const char* name);
     ~TraceFacility();
     TraceFacility(const TraceFacility&) = delete;
     TraceFacility& operator=(const TraceFacility&) = delete;
 
+    /// As the settings and the sink have it: "Pavo::SockBufUtils".
     const char* name() const { return name_; }
+    /// @pre `level` is 0 to 9.
     bool isEnabled(int level) const {
         return (enabled_.load(std::memory_order_relaxed) >> level & 1) != 0;
     }
@@ -73,6 +77,7 @@ class ErrnoKeeper {
     ErrnoKeeper(const ErrnoKeeper&) = delete;
     ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
 
+    /// The number that is restored.
     int saved() const { return saved_; }
 
   private:

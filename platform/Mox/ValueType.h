@@ -160,6 +160,7 @@ const char* parseWhole(std::string_view text, T* value) {
     return error == nullptr && !in.atEnd() ? value->leftoverText() : error;
 }
 
+/// Writes the strep.
 template <class T>
 void printStrep(TextWriter& out, const T& value) {
     if constexpr (HasParse<T>) {
@@ -186,9 +187,11 @@ inline constexpr auto invalidTextOf = [] {
 
 }  // namespace Detail
 
+/// The base of a value type `T`, which the head of this file describes.
 template <class T>
 class ValueType {
   public:
+    /// Where a constructor from text reads.
     using TextIt = String::IteratorConst;
 
     /// The error for bad text, unless the type has one of its own: "Invalid T", where T stands for
@@ -226,6 +229,7 @@ class ValueType {
         return mixer.result();
     }
 
+    /// Writes the canonical text.
     void printText(TextWriter& out) const {
         if constexpr (HasPrint<T>) {
             self().print(out);
@@ -295,6 +299,7 @@ class ValueType {
     constexpr const T& self() const { return static_cast<const T&>(*this); }
 };
 
+/// Writes the log form: the fields in declaration order, unless the type has a form of its own.
 template <Value T>
 NboAttrLog::Out& operator<<(NboAttrLog::Out& out, const T& value) {
     if constexpr (HasLogForm<T>) {
