@@ -55,6 +55,10 @@ RULES = [
     (r"static (constexpr )?(const char\*|void) (parse|print|toLog|fromLog|mix)\((Mox::)?"
      r"(TextCursor|TextWriter|NboAttrLog::Out|NboAttrLog::In|Hash)&",
      "A member of Mox::Codec: the form of the type as a field of a record."),
+    (r"class (?:\w+_EXPORT )?(\w+)Wrapper : public", r"The record `\1` of a packet, which it holds."),
+    (r"static constexpr bool (nextHas\w+|needsAddresses) = true;|void write\(const "
+     r"LayerSite&|std::size_t hdrBytes\(\)|(uint16_t etherType|\w+ ipProtocol|uint32_t addressSum)"
+     r"\(\) const", "What Pavo::PktLayer asks of a layer."),
     (r"struct std::hash<", "For unordered containers: the hash of the value."),
     (r"std::size_t operator\(\)\(const ", "The hash of the value."),
     (r"(String|Mox::String) name\(\) const override",
@@ -128,9 +132,10 @@ class Filter:
             found = re.match(pattern, shared) or re.match(pattern, decl)
             if found:
                 return found.expand(text) if "\\" in text else text
-        getter = re.sub(r"(Is|Inc|Del|DelAll)$", "", name)
+        getter = re.sub(r"(Is|Inc|Del|DelAll|U16)$", "", name)
         if getter != name and getter in self.texts:
-            return "Changes: " + self.texts[getter]
+            before = "As a number in host order: " if name.endswith("U16") else "Changes: "
+            return before + self.texts[getter]
         if name == self.last and name in self.texts and name != self.scopes[-1][1]:
             return self.texts[name]
         return self.scopes[-1][2]
@@ -184,13 +189,13 @@ class Filter:
         found = NAME.search(shared_form(decl))
         name = found.group(1) if found else ""
         own = " ".join(self.comment).split("  ")[0].strip() or self.group
+        if not own and re.fullmatch(r".*\w_(\[\w*\])?( = .*|\{.*\})?;( *//.*)?", decl):
+            return f"/** @cond */ {line} /** @endcond */"
         text = own
         if not self.comment:
             text = own or self.text_for(decl, name)
             if text:
                 line = re.sub(r"^\s*", lambda m: m.group() + f"/** {text} */ ", line, count=1)
-        if not text and re.fullmatch(r".*\w_(\[\w*\])?( = .*|\{.*\})?;( *//.*)?", decl):
-            line = f"/** @cond */ {line} /** @endcond */"
         if own and name:
             self.texts[name] = own
         self.last = name

@@ -42,6 +42,8 @@ namespace Pavo {
 
 /// An Ethernet header.
 /// @throws Mox::RangeException "Eth::type not set, and no layer follows that has one"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Eth {
     EthAddr dst = {};
     EthAddr src = {};
@@ -55,6 +57,8 @@ struct Eth {
 /// An IEEE 802.1Q tag. Tags may be stacked.
 /// @throws Mox::RangeException "Vlan::vlanId > 4095 not allowed", "Vlan::priority > 7 not allowed",
 /// "Vlan::type not set, and no layer follows that has one"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Vlan {
     uint16_t vlanId = 0;
     uint8_t priority = 0;
@@ -70,6 +74,8 @@ struct Vlan {
 
 /// An MPLS label stack entry. `bos` is set where no other entry follows.
 /// @throws Mox::RangeException as `MplsHdr::labelIs` and `MplsHdr::cosIs`
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Mpls {
     MplsLabel label = 0;
     uint8_t cos = 0;
@@ -85,6 +91,8 @@ struct Mpls {
 /// @throws Mox::RangeException "Ip::protocol not set, and no layer follows that has one",
 /// "Ip::totalLen > 65535 not allowed", and for more than 40 bytes of options "IpHdrLen::value < 0
 /// or > 15 not allowed"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Ip {
     IpAddr src = {};
     IpAddr dst = {};
@@ -111,6 +119,8 @@ struct Ip {
 /// An IPv6 header. Where nothing follows, the next header is 59, "no next header".
 /// @throws Mox::RangeException "Ip6::nextHeader not set, and no layer follows that has one",
 /// "Ip6::payloadLen > 65535 not allowed"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Ip6 {
     Ip6Addr src = {};
     Ip6Addr dst = {};
@@ -132,6 +142,8 @@ struct Ip6 {
 /// The first 8 bytes of an ICMP message. `id` and `sequenceNumber` are those of an echo message;
 /// in other messages they are the two halves of the last four bytes, for example the MTU of the
 /// next hop in `sequenceNumber` (RFC 1191, 4).
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Icmp {
     IcmpType type = IcmpType::echoRequest;
     uint8_t code = 0;
@@ -145,6 +157,8 @@ struct Icmp {
 };
 
 /// The first 8 bytes of an ICMPv6 message, as in `Icmp`.
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Icmp6 {
     Icmp6Type type = Icmp6Type::echoRequest;
     uint8_t code = 0;
@@ -160,6 +174,8 @@ struct Icmp6 {
 
 /// A UDP header. A computed checksum of 0 is sent as 0xffff (RFC 768); set 0 to send none.
 /// @throws Mox::RangeException "Udp::len > 65535 not allowed"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Udp {
     uint16_t srcPort = 0;
     uint16_t dstPort = 0;
@@ -176,6 +192,8 @@ struct Udp {
 /// `TcpHdr::computedChecksumRfc8200`.
 /// @throws Mox::RangeException for more than 40 bytes of options "TcpDataOffset::value < 0 or > 15
 /// not allowed"
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Tcp {
     uint16_t srcPort = 0;
     uint16_t dstPort = 0;
@@ -202,6 +220,8 @@ struct Tcp {
 };
 
 /// The common header of SCTP. Its chunks are the payload.
+///
+/// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Sctp {
     uint16_t srcPort = 0;
     uint16_t dstPort = 0;
@@ -217,11 +237,13 @@ struct Sctp {
 /// array of characters too, ends before its first NUL: pass binary data as a span.
 class Payload {
   public:
+    /// The characters before the first NUL.
     template <std::convertible_to<std::string_view> T>
     Payload(const T& text) {
         const std::string_view view = text;
         bytes_ = {reinterpret_cast<const uint8_t*>(view.data()), view.size()};
     }
+    /// All bytes of the span.
     template <std::convertible_to<std::span<const uint8_t>> T>
     Payload(const T& bytes) : bytes_(bytes) {}
 

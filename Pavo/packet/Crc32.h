@@ -35,6 +35,7 @@ constexpr void initReflectedTable(uint32_t* table, uint32_t polynomial) {
 /// The CRC with the polynomial 0x04c11db7. The check value, that of "123456789", is 0xcbf43926.
 class Crc32 {
   public:
+    /// The coefficient of x^31 in the highest bit.
     static constexpr uint32_t polynomial = 0x04c11db7;
 
     /// The CRC of `len` bytes at any address; 0 when there are none.
@@ -49,6 +50,7 @@ class Crc32 {
 /// The CRC with the polynomial 0x1edc6f41 (Castagnoli). The check value is 0xe3069283.
 class Crc32c {
   public:
+    /// The coefficient of x^31 in the highest bit.
     static constexpr uint32_t polynomial = 0x1edc6f41;
 
     /// The CRC of `len` bytes at any address that follow bytes whose CRC is `before`. The CRC of no

@@ -15,6 +15,8 @@
 namespace Pavo {
 
 /// Numbers of the type field, in host order (IEEE "EtherType" registry).
+///
+/// Members: the number that IEEE has assigned to what follows.
 struct EthType {
     static constexpr uint16_t ip = 0x0800;
     static constexpr uint16_t arp = 0x0806;
@@ -35,6 +37,8 @@ struct EthType {
 /// The first 14 bytes of a frame:
 ///
 ///     | destination (6) | source (6) | type (2) |
+///
+/// Members: the fields, in host order.
 class EthHdr {
   public:
     static constexpr std::string_view recordName = "EthHdr";
@@ -62,6 +66,8 @@ static_assert(isOverlay<EthHdr>(14));
 /// bytes before this record.
 ///
 ///     | priority (3 bits), drop eligible (1 bit), VLAN identifier (12 bits) | type (2) |
+///
+/// Members: the fields, in host order.
 class Eth8021QHdr {
   public:
     static constexpr std::string_view recordName = "Eth8021QHdr";

@@ -54,10 +54,12 @@ class HdrWrapper : public Mox::Described<Self> {
 
     static constexpr auto description() { return Mox::classRecord(Self::typeName); }
 
+    /// Held for the life of the wrapper.
     const Mox::Ptr<Pkt>& pkt() const { return pkt_; }
     /// Bytes from the start of the first iovec to the record.
     uint32_t offset() const { return offset_; }
 
+    /// The record itself, in the packet.
     Hdr* header() { return header_; }
     const Hdr* header() const { return header_; }
     /// Binds to a record elsewhere, until the next `handleHeader()`.
@@ -92,15 +94,20 @@ class HdrWrapper : public Mox::Described<Self> {
 template <class Hdr>
 class HdrView {
   public:
+    /// @pre `header` is not null.
     constexpr HdrView(Hdr* header) : header_(header), error_(PktErrors::noError) {}
     /// Null, for `error`, which is not `noError`.
     constexpr HdrView(PktErrors error) : error_(error) {}
     /// Null, where there was nothing to look at.
     constexpr HdrView(std::nullptr_t = nullptr) {}
 
+    /// The record, or null.
+    /// @{
     constexpr Hdr* ptr() const { return header_; }
     constexpr Hdr* operator->() const { return header_; }
     constexpr Hdr& operator*() const { return *header_; }
+    /// @}
+    /// Not null.
     constexpr explicit operator bool() const { return header_ != nullptr; }
 
     /// `noError` for a view that is not null.

@@ -97,6 +97,8 @@ constexpr auto enumDescription(IcmpType) {
 // clang-format on
 
 /// The fields that begin every message of ICMP and ICMPv6, whose kinds `Type` names.
+///
+/// Members: the fields, in host order.
 template <class Type>
 class IcmpFields {
   public:
@@ -117,6 +119,8 @@ class IcmpFields {
 };
 
 /// What echo messages of both add to their header `Hdr`.
+///
+/// Members: the fields, in host order.
 template <class Hdr>
 class IcmpEchoFields : public Hdr {
   public:
@@ -131,6 +135,8 @@ class IcmpEchoFields : public Hdr {
 };
 
 /// A wrapper with the fields of its header as its own.
+///
+/// Members: as those of the header.
 template <class Self, class Hdr>
 class IcmpFieldsWrapper : public HdrWrapper<Self, Hdr> {
   public:

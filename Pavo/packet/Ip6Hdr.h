@@ -37,6 +37,8 @@ class IpVersionTrafficClassAndFlowLabel
 ///     | destination (16)                                               |
 ///
 /// Numbers are in host order. A setter changes the bits of its field only.
+///
+/// Members: the fields of the drawing.
 class Ip6Hdr {
   public:
     static constexpr std::string_view recordName = "Ip6Hdr";
@@ -191,6 +193,7 @@ class Ip6HdrPad1 {
   public:
     static constexpr std::string_view recordName = "Ip6HdrPad1";
 
+    /// As it is in the packet; see `Ip6HdrOptionType`.
     uint8_t optionType() const { return optionType_; }
 
     /// Any byte is the type of an option.
@@ -208,6 +211,7 @@ class Ip6HdrPadN {
   public:
     static constexpr std::string_view recordName = "Ip6HdrPadN";
 
+    /// As it is in the packet; see `Ip6HdrOptionType`.
     uint8_t optionType() const { return optionType_; }
     /// The number of zeros.
     uint8_t optionLen() const { return optionLen_; }
@@ -234,6 +238,7 @@ class Ip6HdrRouterAlertOption : public Ip6HdrOptionCommon {
   public:
     static constexpr std::string_view recordName = "Ip6HdrRouterAlertOption";
 
+    /// As it is in the packet; see `Ip6HdrOptionType`.
     uint8_t optionType() const { return optionType_; }
     /// The length of what follows, in bytes.
     uint8_t optionLen() const { return optionLen_; }

@@ -103,6 +103,8 @@ static_assert(isOverlay<IpFragmentOffsetAndFlags>(2) && isOverlay<IpVersionAndHe
 ///     | destination (4)                                                                         |
 ///
 /// Numbers are in host order. A setter changes the bits of its field only.
+///
+/// Members: the fields of the drawing.
 class IpHdr {
   public:
     static constexpr std::string_view recordName = "IpHdr";
@@ -111,6 +113,7 @@ class IpHdr {
     void versionIs(IpVersion version) {
         versionAndHeaderLen_.valueIs(uint32_t{version.value()} << 4 | headerLen().value());
     }
+    /// In words of 32 bits.
     IpHdrLen headerLen() const { return versionAndHeaderLen_.value() & 0xf; }
     void headerLenIs(IpHdrLen len) {
         versionAndHeaderLen_.valueIs(uint32_t{version().value()} << 4 | len.value());
@@ -123,6 +126,7 @@ class IpHdr {
         Mox::require((b % 4) == 0, "(b % 4) == 0");
         headerLenIs(b / 4u);
     }
+    /// The header is longer than 20 bytes.
     bool hasOptions() const { return headerBytes() > 20; }
 
     /// The whole byte: code point and congestion notification (RFC 2474, RFC 3168).
@@ -145,10 +149,13 @@ class IpHdr {
     void flagsIs(IpFlags flags) {
         fragment_.bitsIs(flagsMask, uint32_t{flags.value()} << flagsShift);
     }
+    /// The last bit of the flags: this is not the last fragment.
     bool moreFrag() const { return (fragment_.value() & moreFragBit) != 0; }
     void moreFragIs(bool more) { fragment_.bitsIs(moreFragBit, more ? moreFragBit : 0); }
+    /// The second bit of the flags: no router fragments the packet.
     bool dontFrag() const { return (fragment_.value() & dontFragBit) != 0; }
     void dontFragIs(bool dont) { fragment_.bitsIs(dontFragBit, dont ? dontFragBit : 0); }
+    /// The first bit of the flags, which is sent as 0.
     bool reservedFragFlag() const { return (fragment_.value() & reservedBit) != 0; }
     void reservedFragFlagIs(bool reserved) {
         fragment_.bitsIs(reservedBit, reserved ? reservedBit : 0);
@@ -235,6 +242,7 @@ class IpHdrOptionCommon {
     PktErrors check(uint32_t bytes) const { return checkLength(sizeof(IpHdrOptionCommon), bytes); }
 
   protected:
+    /// `badIpPayloadLen` unless `length()` is from `least` to `most`.
     PktErrors checkLength(uint32_t least, uint32_t most) const {
         return length_ >= least && length_ <= most ? PktErrors::noError
                                                    : PktErrors::badIpPayloadLen;
@@ -261,6 +269,7 @@ class IpHdrRouterAlertOption : public IpHdrOptionCommon {
         lengthIs(4);
     }
 
+    /// 0: every router looks at the packet (RFC 2113, 2.1).
     uint16_t value() const { return value_.value(); }
     void valueIs(uint16_t value) { value_.valueIs(value); }
 

@@ -21,9 +21,11 @@ class MplsHdr {
   public:
     static constexpr std::string_view recordName = "MplsHdr";
 
+    /// All four fields.
     MplsLabelEntry entry() const { return entry_; }
     void entryIs(MplsLabelEntry entry) { entry_ = entry; }
 
+    /// 0 to 1048575.
     MplsLabel label() const { return entry_.label(); }
     /// @throws Mox::RangeException "MplsHdrWrapper::label < MplsHdrWrapper::min or >
     /// MplsHdrWrapper::null not allowed" past 20 bits; nothing changes then.
@@ -65,6 +67,8 @@ class MplsHdr {
 static_assert(isOverlay<MplsHdr>(4));
 
 /// For one label stack entry; the next one is 4 bytes on, unless `bos()`.
+///
+/// Members: as those of `MplsHdr`.
 class PAVO_EXPORT MplsHdrWrapper : public HdrWrapper<MplsHdrWrapper, MplsHdr> {
   public:
     using HdrWrapper::HdrWrapper;

@@ -24,6 +24,9 @@ namespace Pavo {
 template <std::size_t count>
 class NetBytes;
 
+/// One byte.
+///
+/// Members: see `NetBytes`.
 template <>
 class NetBytes<1> {
   public:
@@ -35,6 +38,9 @@ class NetBytes<1> {
     uint8_t v0_ = 0;
 };
 
+/// Two bytes.
+///
+/// Members: see `NetBytes`.
 template <>
 class NetBytes<2> : public NetBytes<1> {
   public:
@@ -48,6 +54,9 @@ class NetBytes<2> : public NetBytes<1> {
     uint8_t v1_ = 0;
 };
 
+/// Four bytes.
+///
+/// Members: see `NetBytes`.
 template <>
 class NetBytes<4> : public NetBytes<2> {
   public:
@@ -63,6 +72,9 @@ class NetBytes<4> : public NetBytes<2> {
     uint8_t v2_ = 0, v3_ = 0;
 };
 
+/// Eight bytes.
+///
+/// Members: see `NetBytes`.
 template <>
 class NetBytes<8> : public NetBytes<4> {
   public:
@@ -156,6 +168,7 @@ class NetU8 : public NetField<NetU8, uint8_t> {
     void print(Mox::TextWriter& out) const { out.decimal(value()); }
 };
 
+/// Two bytes, whose text is the record of them.
 class NetU16 : public NetField<NetU16, uint16_t> {
   public:
     using NetField::NetField;
@@ -163,6 +176,7 @@ class NetU16 : public NetField<NetU16, uint16_t> {
     static constexpr std::string_view typeName = "Pavo::NetU16";
 };
 
+/// Four bytes, whose text is the record of them.
 class NetU32 : public NetField<NetU32, uint32_t> {
   public:
     using NetField::NetField;
@@ -170,10 +184,12 @@ class NetU32 : public NetField<NetU32, uint32_t> {
     static constexpr std::string_view typeName = "Pavo::NetU32";
 };
 
+/// Eight bytes, whose text is the record of them.
 class NetU64 : public NetField<NetU64, uint64_t> {
   public:
     using NetField::NetField;
 
+    /// Not 0.
     explicit constexpr operator bool() const { return *this != NetU64(); }
 
     static constexpr std::string_view typeName = "Pavo::NetU64";

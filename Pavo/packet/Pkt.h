@@ -47,14 +47,18 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
 
     /// One piece of the data. Not the system's `iovec`, whose length has another width.
     struct Iovec {
+        /// Where it begins.
         uint8_t* data = nullptr;
+        /// Its length.
         uint32_t bytes = 0;
 
+        /// All of it.
         std::span<uint8_t> span() const { return {data, bytes}; }
     };
 
     /// Entry 0 of the iovec table is the private data, entry 1 the shared.
     static constexpr uint8_t maxIovecs_ = 2;
+    /// The most private bytes that a packet has.
     static constexpr uint32_t privateAreaBytes = 64;
     /// A size of buffers for whole messages, recycled as those of the default size are.
     static constexpr uint32_t largeBufferSize = 10000;
@@ -62,13 +66,15 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     /// A packet without data and without a buffer.
     Pkt();
     ~Pkt() override;
-    // Memory is recycled as the manager recycles buffers.
     /// Keeps a packet that alone holds a buffer of the default or the large size, for the manager
     /// to hand out again; deletes any other.
     void zeroReferencesIs(bool zero) override;
 
+    /// Memory is recycled as the manager recycles buffers.
+    /// @{
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory, std::size_t bytes);
+    /// @}
     static constexpr auto description() { return Mox::classRecord("Pavo::Pkt"); }
 
     /// The first entry of the iovec table in use: 2 while there is no data, 1 with shared data
@@ -84,6 +90,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
         }
         return iovecs_[i];
     }
+    /// @throws Mox::RangeException "no such iovec"
     [[noreturn]] static void throwNoSuchIovec();
     /// The entries in use, in the order of their bytes.
     std::span<const Iovec> iovecs() const { return {iovecs_ + firstIoVec_, numIovecs()}; }
@@ -131,6 +138,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     /// only. A copy that shares nothing is made by `newShallowCopy` and this.
     void unshare();
 
+    /// Null for a packet without one.
     const Mox::Ptr<SharedBuffer>& sharedBuffer() const { return sharedBuffer_; }
     /// Gives a packet without data its buffer, whose data becomes the packet's. Fatal with data:
     /// "firstIoVec_ == maxIovecs_".
@@ -175,6 +183,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
 
     /// All bytes of the packet.
     Mox::String stringValue() const;
+    /// All bytes of the packet.
     Mox::Bytes bytesValue() const;
     /// As `stringValue()`, with the separate VLAN tag, if there is one, after the first 12 bytes
     /// (the two MAC addresses), or at the end of a shorter packet: TPID, then TCI, in network
@@ -186,10 +195,13 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
 
     // The separate VLAN tag (IEEE 802.1Q-2018, 9.6), in host order.
 
+    /// Set by `newSeparateVlanTag`, cleared by `delSeparateVlanTag`.
     bool hasSeparateVlanTag() const { return hasSeparateVlanTag_; }
     /// Priority in the top 3 bits, then DEI, then the 12-bit VLAN identifier.
     uint16_t separateVlanTci() const { return separateVlanTci_; }
+    /// 0x8100, or 0x88a8 for a service tag.
     uint16_t separateVlanTpid() const { return separateVlanTpid_; }
+    /// Sets the tag, in place of one that is there.
     void newSeparateVlanTag(uint16_t tci, uint16_t tpid);
     /// The TPID stays as it was.
     void delSeparateVlanTag();
@@ -245,24 +257,32 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
 class PAVO_EXPORT Pkt::SharedBuffer final : public Mox::Described<Pkt::SharedBuffer> {
   public:
     ~SharedBuffer() override;
+    /// Memory is recycled.
+    /// @{
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory, std::size_t bytes);
+    /// @}
     static constexpr auto description() { return Mox::classRecord("Pavo::Pkt::SharedBuffer"); }
 
     /// Bytes allocated.
     uint32_t size() const { return size_; }
+    /// Where the data begins.
     uint8_t* data() { return data_; }
     const uint8_t* data() const { return data_; }
+    /// The length of the data.
     uint32_t dataBytes() const { return dataBytes_; }
     /// Bytes before the data.
     uint32_t headRoom() const { return static_cast<uint32_t>(data_ - buffer_); }
     /// Bytes after the data.
     uint32_t tailRoom() const { return size_ - headRoom() - dataBytes_; }
 
+    /// Moves the start or the end of the data by `n` bytes.
+    /// @{
     void newHeadData(uint32_t n) { rangeIs(headRoom() - int64_t{n}, dataBytes_ + int64_t{n}); }
     void delHeadData(uint32_t n) { rangeIs(headRoom() + int64_t{n}, dataBytes_ - int64_t{n}); }
     void newTailData(uint32_t n) { rangeIs(headRoom(), dataBytes_ + int64_t{n}); }
     void delTailData(uint32_t n) { rangeIs(headRoom(), dataBytes_ - int64_t{n}); }
+    /// @}
 
   private:
     friend class Pkt;
@@ -371,9 +391,11 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     /// The size of the buffer that a new packet gets.
     static constexpr uint32_t defaultBufferSize = 1536;
 
+    /// The name is for traces.
     explicit Manager(Mox::String name);
     static constexpr auto description() { return Mox::classRecord("Pavo::Pkt::Manager"); }
 
+    /// As it was made with.
     const Mox::String& name() const { return name_; }
 
     /// A packet without data, on a fresh buffer of the default size.
@@ -383,8 +405,11 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     /// The same, with `tailRoom` bytes of the buffer reserved for appending: the head room is the
     /// rest. Fatal where that is more than the buffer: "ptrWithinRegion( data_, buffer_, size_ )".
     Mox::Ptr<Pkt> newPkt(uint32_t bufferSize, uint32_t tailRoom);
+    /// A fresh buffer, without data, of `size` or of the default size.
+    /// @{
     Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize); }
     Mox::Ptr<SharedBuffer> newSharedBuffer(uint32_t size);
+    /// @}
     /// A packet with the same bytes, which shares the buffer of `pkt`; private bytes and separate
     /// VLAN tag are copied.
     Mox::Ptr<Pkt> newShallowCopy(const Mox::Ptr<Pkt>& pkt);

@@ -27,6 +27,7 @@ class LayerSite {
 
     /// The first byte of the header. The bytes are not initialised.
     uint8_t* data() const { return data_; }
+    /// The length of the header.
     uint32_t hdrBytes() const { return hdrBytes_; }
     /// The length of all that follows the header.
     uint32_t payloadBytes() const { return payloadBytes_; }

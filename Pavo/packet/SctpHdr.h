@@ -40,6 +40,8 @@ static_assert(isOverlay<SctpPort>(2) && isOverlay<SctpChecksum>(4));
 ///     | checksum (4)                           |
 ///
 /// Numbers are in host order.
+///
+/// Members: the fields, in host order.
 class SctpHdr {
   public:
     static constexpr std::string_view recordName = "SctpHdr";

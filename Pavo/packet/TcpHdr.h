@@ -108,6 +108,7 @@ class TcpPseudoHdr : public PseudoHdr<TcpPseudoHdr, TcpLen, IpProtocolNumber::tc
   public:
     using PseudoHdr::PseudoHdr;
 
+    /// Header and data, in bytes.
     uint16_t tcpLen() const { return len_.value(); }
     void tcpLenIs(uint16_t bytes) { len_.valueIs(bytes); }
 
@@ -121,6 +122,7 @@ class TcpPseudoHdrIpv6 : public PseudoHdrIpv6<TcpPseudoHdrIpv6, TcpLenIp6, IpPro
   public:
     using PseudoHdrIpv6::PseudoHdrIpv6;
 
+    /// Header and data, in bytes.
     uint32_t tcpLen() const { return len_.value(); }
     void tcpLenIs(uint32_t bytes) { len_.valueIs(bytes); }
 
@@ -143,6 +145,8 @@ static_assert(isOverlay<TcpPseudoHdrIpv6>(40));
 /// Checksums are taken over the header as it stands, the checksum field included: 0 when that is
 /// right. To fill the field in, it is zeroed first. They read as many bytes from the header on as
 /// the pseudo header has for length, so that is checked beforehand.
+///
+/// Members: the fields of the drawing, and the flags of RFC 9293, 3.1.
 class TcpHdr {
   public:
     static constexpr std::string_view recordName = "TcpHdr";
@@ -156,6 +160,7 @@ class TcpHdr {
     uint32_t acknowledgementNumber() const { return acknowledgementNumber_.value(); }
     void acknowledgementNumberIs(uint32_t number) { acknowledgementNumber_.valueIs(number); }
 
+    /// In words of 32 bits.
     TcpDataOffset dataOffset() const { return dataOffsetAndFlags_.value() >> dataOffsetShift; }
     void dataOffsetIs(TcpDataOffset words) {
         dataOffsetAndFlags_.bitsIs(0xf << dataOffsetShift,

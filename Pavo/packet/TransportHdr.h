@@ -29,6 +29,8 @@ namespace Pavo {
 ///
 /// The type `T` derives from this, inherits the constructors, gives access to its length, which is
 /// a `Len`, and names `typeName` and the length's `lenName`.
+///
+/// Members: the fields of the drawing, in host order.
 template <class T, class Len, IpProtocolNumber number>
 class PseudoHdr : public Mox::ValueType<T> {
   public:
@@ -75,6 +77,8 @@ class PseudoHdr : public Mox::ValueType<T> {
 ///     | destination (16)              |
 ///     | length of header and data (4) |
 ///     | zeros (2) | zero (1) | protocol (1) |
+///
+/// Members: the fields of the drawing, in host order.
 template <class T, class Len, IpProtocolNumber number>
 class PseudoHdrIpv6 : public Mox::ValueType<T> {
   public:
@@ -122,6 +126,8 @@ class PseudoHdrIpv6 : public Mox::ValueType<T> {
 
 /// A wrapper that holds what the checksum needs beside the packet: the addresses, which are zero
 /// until they are set.
+///
+/// Members: the addresses of the pseudo header.
 template <class Self, class Hdr, class Pseudo>
 class TransportHdrWrapper : public HdrWrapper<Self, Hdr> {
   public:

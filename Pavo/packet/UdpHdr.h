@@ -46,6 +46,7 @@ class UdpPseudoHdr : public PseudoHdr<UdpPseudoHdr, UdpLen, IpProtocolNumber::ud
   public:
     using PseudoHdr::PseudoHdr;
 
+    /// Header and data, in bytes.
     uint16_t udpLen() const { return len_.value(); }
     void udpLenIs(uint16_t bytes) { len_.valueIs(bytes); }
 
@@ -59,6 +60,7 @@ class UdpPseudoHdrIpv6 : public PseudoHdrIpv6<UdpPseudoHdrIpv6, UdpLenIp6, IpPro
   public:
     using PseudoHdrIpv6::PseudoHdrIpv6;
 
+    /// Header and data, in bytes.
     uint32_t udpLen() const { return len_.value(); }
     void udpLenIs(uint32_t bytes) { len_.valueIs(bytes); }
 
@@ -78,6 +80,8 @@ static_assert(isOverlay<UdpPseudoHdrIpv6>(40));
 /// field says that there is none, a sum of 0 gives 0xffff: that is what a datagram with a right
 /// checksum computes to. To fill the field in, it is zeroed first. As many bytes are read from the
 /// header on as the pseudo header has for length, so that is checked beforehand.
+///
+/// Members: the fields, in host order.
 class UdpHdr {
   public:
     static constexpr std::string_view recordName = "UdpHdr";
