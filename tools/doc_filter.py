@@ -7,6 +7,7 @@ A member without a text of its own has that of its getter if it is a setter, tha
 in the line before, or the paragraph of its class's text that begins with "Members:". A member whose
 name ends in "_" is left out."""
 
+import functools
 import pathlib
 import re
 import sys
@@ -115,6 +116,17 @@ def members_text(comment):
     return None
 
 
+@functools.cache
+def overridden():
+    """What is said of each virtual function; Doxygen does not find it through template bases."""
+    texts = {}
+    for header in [*pathlib.Path("Pavo").rglob("*.h"), *pathlib.Path("platform").rglob("*.h")]:
+        for found in re.finditer(r"((?: *///.*\n)+) *virtual [^;(]*?(\w+)\(", header.read_text()):
+            text = " ".join(line.strip()[3:].strip() for line in found.group(1).splitlines())
+            texts.setdefault(found.group(2), set()).add(text)
+    return {name: all_of.pop() for name, all_of in texts.items() if len(all_of) == 1}
+
+
 class Filter:
     def __init__(self, text):
         self.lines = text.splitlines()
@@ -132,6 +144,8 @@ class Filter:
             found = re.match(pattern, shared) or re.match(pattern, decl)
             if found:
                 return found.expand(text) if "\\" in text else text
+        if re.search(r"\boverride\b( \{|;)", decl):
+            return overridden().get(name) or "The text of the function of the base holds here."
         getter = re.sub(r"(Is|Inc|Del|DelAll|U16)$", "", name)
         if getter != name and getter in self.texts:
             before = "As a number in host order: " if name.endswith("U16") else "Changes: "

@@ -46,7 +46,9 @@ class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLoc
 
     Mox::String name() const override { return nsName_.value(); }
 
+    /// As it was made with.
     const NamespaceName& nsName() const { return nsName_; }
+    /// At first `initializing`.
     NamespaceState state() const { return state_; }
     void stateIs(NamespaceState state) { attributeIs(state_, state, stateAttr); }
 
@@ -95,6 +97,7 @@ class PAVO_EXPORT Netns : public Mox::EntityOf<Netns> {
 
     Mox::String name() const override { return name_; }
 
+    /// At first the namespace in which the process started.
     const NamespaceName& ns() const { return ns_; }
     void nsIs(NamespaceName ns) { attributeIs(ns_, std::move(ns), nsAttr); }
 

@@ -27,6 +27,7 @@ struct netlinkHandle {
     sockaddr_nl local = {};  ///< As bound: port id and multicast groups.
     sockaddr_nl peer = {};   ///< All zero: the kernel.
     uint32_t seq = 0;        ///< When it was opened, in seconds since 1970; numbers no message.
+    /// Not used.
     uint32_t dump = 0;
 };
 
@@ -79,14 +80,18 @@ PAVO_EXPORT int addattr_l(nlmsghdr* n, int bound, int type, const void* data, in
 template <class Body, int bound>
 class NetlinkRequest {
   public:
+    /// Without attributes; the body is all zero.
     NetlinkRequest(uint16_t type, uint16_t flags) {
         message_.header.nlmsg_len = sizeof(Message);
         message_.header.nlmsg_type = type;
         message_.header.nlmsg_flags = flags;
     }
 
+    /// The message, to be changed and sent; `nlmsg_len` counts header, body and attributes.
+    /// @{
     nlmsghdr* header() { return &message_.header; }
     Body& body() { return message_.body; }
+    /// @}
     /// As `addattr_l`, for a payload type without padding.
     template <class Payload>
     int addAttribute(int type, const Payload& payload) {
@@ -108,9 +113,8 @@ class NetlinkRequest {
     };
 };
 
-/// @name Addresses in attributes, 16, 4 or 6 bytes in network byte order
-/// An attribute of fewer bytes leaves the address unchanged, with a trace; of more, the first
-/// count.
+/// Reads the address in an attribute: 16, 4 or 6 bytes in network byte order. An attribute of fewer
+/// bytes leaves the address unchanged, with a trace; of more, the first count.
 /// @{
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, Ip6Addr* address);
 PAVO_EXPORT void getRtaAddr(rtattr* attribute, IpAddr* address);

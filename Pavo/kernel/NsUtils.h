@@ -10,8 +10,10 @@ namespace Pavo {
 
 /// The name of the namespace in which the process started: as a C string, initialized before any
 /// code runs, and as text, initialized when this library is loaded.
+/// @{
 PAVO_EXPORT extern const char* const DEFAULT_NS;
 PAVO_EXPORT extern const Mox::String defaultNsStr;
+/// @}
 
 /// The network namespace of the main thread, whichever thread opens it. Traces and errors show this
 /// path also where a function uses the calling thread's namespace.

@@ -20,6 +20,7 @@ class PAVO_EXPORT NetNsReturn {
     NetNsReturn& operator=(const NetNsReturn&) = delete;
     ~NetNsReturn();
 
+    /// Whether the way back is open.
     bool isOpen() const { return fd_ >= 0; }
     /// To be called when the thread has left. A thread that stays needs no return, for which it may
     /// lack the privilege.
@@ -51,6 +52,7 @@ class PAVO_EXPORT ScopedNetNs {
     /// @throws Mox::ErrnoException "Cannot open /proc/self/ns/net", or "Cannot setns to " and the
     /// name; the thread is then where it was.
     [[nodiscard]] explicit ScopedNetNs(const char* name);
+    /// As with the text of the name.
     [[nodiscard]] explicit ScopedNetNs(const NamespaceName& name)
         : ScopedNetNs(name.value().c_str()) {}
 

@@ -41,6 +41,7 @@ class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
     /// A filter without a program. The name stands in trace lines only.
     explicit BpfFilter(Mox::String name);
 
+    /// As it was made with.
     const Mox::String& name() const { return name_; }
 
     /// The expression in use, or empty.
@@ -68,6 +69,7 @@ class PAVO_EXPORT BpfFilter : public Mox::Described<BpfFilter> {
     /// Holds the program that this object compiled.
     const bpf_program& bpfFilterHolder() const { return bpfFilterHolder_; }
     void bpfFilterHolderIs(bpf_program program) { bpfFilterHolder_ = program; }
+    /// The program is released by this object.
     bool initialized() const { return initialized_; }
     void initializedIs(bool initialized) { initialized_ = initialized; }
 

@@ -41,10 +41,13 @@ enum class CaptureDirection : uint32_t {
 class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
   public:
     /// The largest sizes of the file and of the queue, in bytes.
+    ///
+    /// Members: 100 MiB and 4 MiB by default.
     struct Limits {
         uint64_t fileBytes = 100 << 20;
         uint32_t queueBytes = 4 << 20;
     };
+    /// Counts since the file was created.
     struct Stats {
         uint64_t packets = 0;      ///< Queued, and written unless counted as lost.
         uint64_t drops = 0;        ///< Not queued: no room in the queue or the file.
@@ -53,6 +56,8 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
         int32_t writeErrno = 0;    ///< The `errno` of the last failed write.
     };
     /// A part of a packet.
+    ///
+    /// Members: its first byte, and how many there are.
     struct Piece {
         const uint8_t* data;
         uint32_t bytes;
@@ -87,6 +92,7 @@ class PAVO_EXPORT CaptureFile final : public Mox::Described<CaptureFile> {
     /// Waits until all queued packets are written or lost.
     void flush();
 
+    /// The counts as they are now, while the writer runs.
     Stats stats() const;
 
   protected:

@@ -25,6 +25,7 @@ class PAVO_EXPORT Ip6HdrInclSocketPam : public Mox::EntityOf<Ip6HdrInclSocketPam
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::Ip6HdrInclSocketPam"); }
 
+    /// Disabled, for `protocol` in the namespace `netNs`.
     Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
     /// @pre as for `RawIpPam`.

@@ -13,6 +13,8 @@
 namespace Pavo {
 
 /// A packet and what goes with it, as an endpoint in a test sends or receives it.
+///
+/// Members: the packet and the fields of its header; `ifIndex` is the interface, 0 for any.
 struct Ip6PktInfo {
     Mox::Ptr<Pkt> pkt;
     Ip6Addr src;
@@ -42,6 +44,7 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
                                 Mox::attribute(numCmsgDataErrorsAttr, &Ip6Pam::numCmsgDataErrors));
     }
 
+    /// Disabled, in the namespace `netNs`.
     Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs);
 
     /// @pre as for `RawIpPam`.
@@ -50,11 +53,14 @@ class PAVO_EXPORT Ip6Pam : public Mox::EntityOf<Ip6Pam, Ip6SocketPam> {
     void doGetRxPktSingle() override;
     int32_t doGetRxPktBulk() override;
 
+    /// As it was made with.
     Mode mode() const { return mode_; }
 
     /// Packets received and sent.
+    /// @{
     uint64_t rxPkts() const { return rxPktCount(); }
     uint64_t txPkts() const { return txPktCount(); }
+    /// @}
     /// Reads that failed, without those that found nothing to read.
     uint32_t numRecvMsgErrors() const { return numRecvMsgErrors_; }
     void numRecvMsgErrorsIs(uint32_t errors) {
@@ -111,11 +117,13 @@ class PAVO_EXPORT Ip6PamVrrp : public Mox::EntityOf<Ip6PamVrrp, Ip6Pam> {
                                 Mox::attribute(mcastGroupAttr, &Ip6PamVrrp::mcastGroup));
     }
 
+    /// Disabled, for the interface with the index `ifIndex` in the namespace `netNs`.
     Ip6PamVrrp(Mox::String name, uint32_t ifIndex, NamespaceName netNs);
 
     /// @throws Mox::ErrnoException "setsockopt(IPV6_JOIN_GROUP)" too.
     void enabledIsImpl(bool enabled) override;
 
+    /// As it was made with.
     uint32_t ifIndex() const { return ifIndex_; }
     /// The group, ff02::12 by default. While enabled, a change joins the new group and leaves the
     /// old one; a `txDstIpAddr` that is the old group becomes the new one.

@@ -36,6 +36,7 @@ class PAVO_EXPORT Ip6SocketPam : public Mox::EntityOf<Ip6SocketPam, RawIpPam> {
                                 Mox::attribute(checksumOffsetAttr, &Ip6SocketPam::checksumOffset));
     }
 
+    /// Disabled, for `protocol` in the namespace `netNs`.
     Ip6SocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
     /// Where in a sent packet the kernel fills in the checksum that covers it and the pseudo

@@ -114,10 +114,14 @@ class IpFilter : public Mox::ValueType<IpFilter> {
     explicit IpFilter(std::string_view text) { readWhole(text); }
     IpFilter(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// What the instruction does, as in <linux/bpf_common.h>.
     constexpr uint16_t code() const { return code_; }
     /// Instructions to skip when the test of a jump holds, and when it does not.
+    /// @{
     constexpr uint8_t jt() const { return jt_; }
     constexpr uint8_t jf() const { return jf_; }
+    /// @}
+    /// The operand; its meaning depends on the code.
     constexpr uint32_t k() const { return k_; }
 
     friend constexpr auto operator<=>(const IpFilter&, const IpFilter&) = default;
@@ -197,6 +201,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
             Mox::attribute(rxTruncatedPktsAttr, &IpPam::rxTruncatedPkts));
     }
 
+    /// Disabled, for `protocol` in the namespace `netNs`.
     IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
     /// Fails with the assertion "!\"IpPam doesn't use this interface.\"".
@@ -204,13 +209,18 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
 
     /// Called when the attribute has changed, before any observer; the base does nothing. When one
     /// throws, the attribute keeps the value it had.
+    /// @{
     virtual void handleTxTOS();
     virtual void handleTxTTL();
     virtual void handlePriority();
+    /// @}
     /// Makes the change; the base only stores it.
+    /// @{
     virtual void optionsIsImpl(uint32_t options);
     virtual void enabledIsImpl(bool enabled);
+    /// @}
 
+    /// As it was made with.
     IpProtocolNumber protocol() const { return protocol_; }
     /// The network namespace in which the socket is opened.
     const NamespaceName& netNs() const { return netNs_; }
@@ -289,6 +299,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void txDstIpAddrIs(const IpGenAddr& address) {
         attributeIs(txDstIpAddr_, address, txDstIpAddrAttr);
     }
+    /// Packets sent.
     uint64_t txPktCount() const { return txPktCount_; }
     void txPktCountIs(uint64_t count) { attributeIs(txPktCount_, count, txPktCountAttr); }
     uint64_t txPktCountInc(uint64_t delta) {
@@ -298,6 +309,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// Flags for recvmsg(2).
     int rxFlags() const { return rxFlags_; }
     void rxFlagsIs(int flags);
+    /// The source in the header.
     const IpGenAddr& rxSrcIpAddr() const { return rxSrcIpAddr_; }
     void rxSrcIpAddrIs(const IpGenAddr& address) {
         attributeIs(rxSrcIpAddr_, address, rxSrcIpAddrAttr);
@@ -321,6 +333,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// Needs `ipRecvTTL`.
     uint8_t rxTTL() const { return rxTTL_; }
     void rxTTLIs(uint8_t ttl) { attributeIs(rxTTL_, ttl, rxTTLAttr); }
+    /// Packets received.
     uint64_t rxPktCount() const { return rxPktCount_; }
     void rxPktCountIs(uint64_t count) { attributeIs(rxPktCount_, count, rxPktCountAttr); }
     uint64_t rxPktCountInc(uint64_t delta) {
@@ -337,14 +350,19 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     }
 
     /// The socket and the machine that watches it; null while disabled.
+    /// @{
     const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }
     const Mox::Ptr<PamFdSm>& fdSm() const { return fdSm_; }
+    /// @}
 
   protected:
     ~IpPam() override;
 
+    /// Stores the attribute and notifies, without opening or closing anything.
+    /// @{
     void enabledStore(bool enabled) { attributeIs(enabled_, enabled, enabledAttr); }
     void optionsStore(uint32_t options) { attributeIs(options_, options, optionsAttr); }
+    /// @}
     void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { fileDesc_ = std::move(fd); }
     /// Makes the machine that watches `fileDesc`, unless there is none. It increments both counts
     /// at once; observers of these may disable the endpoint or open it again.

@@ -14,6 +14,7 @@ class PAVO_EXPORT IpSocketPam : public Mox::EntityOf<IpSocketPam, RawIpPam> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::IpSocketPam"); }
 
+    /// Disabled, for `protocol` in the namespace `netNs`.
     IpSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
   protected:

@@ -66,6 +66,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
 
     /// Called when `readableCount` has changed, before any observer; the base does nothing.
     virtual void handleReadableCount();
+    /// Called when `writableCount` has changed, before any observer; the base does nothing.
     virtual void handleWritableCount();
 
     /// Packets received and dropped. Notifies no observer, so that a device endpoint may answer
@@ -126,6 +127,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     uint32_t txErrors() const { return txErrors_; }
     void txErrorsIs(uint32_t errors) { attributeIs(txErrors_, errors, txErrorsAttr); }
     uint32_t txErrorsInc(uint32_t delta) { return attributeInc(txErrors_, delta, txErrorsAttr); }
+    /// The `errno` of the last attempt to send, 0 when it succeeded.
     int32_t txErrno() const { return txErrno_; }
     void txErrnoIs(int32_t value) { attributeIs(txErrno_, value, txErrnoAttr); }
     /// Reads that failed; on raw endpoints, reads that found nothing count too.

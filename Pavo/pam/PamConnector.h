@@ -84,8 +84,10 @@ class PAVO_EXPORT PamConnectorPam : public Mox::EntityOf<PamConnectorPam, Pam> {
     /// Removes and returns the first packet, or null.
     Mox::Ptr<Pkt> inputQueueDeq();
     /// The first and the last packet, or null.
+    /// @{
     Mox::Ptr<Pkt> inputQueueFront() const;
     Mox::Ptr<Pkt> inputQueueBack() const;
+    /// @}
     void inputQueueDel(uint32_t index);
     void inputQueueDelAll() { inputQueue_.clear(); }
 

@@ -25,8 +25,11 @@ class PAVO_EXPORT PamFdSm : public ReadinessSm<PamFdSm, Mox::FileDescriptor> {
 
     /// Switches the watching of the descriptor with the machine.
     void hasNotificationActiveIs(bool active) override;
+    /// Increments the count of the PAM; called when that of the descriptor has changed.
+    /// @{
     virtual void handleReadable();
     virtual void handleWritable();
+    /// @}
     /// With true, detaches the reactor on the descriptor: nothing calls the machine any more.
     virtual void moxDoZombieReactors(bool zombie);
 

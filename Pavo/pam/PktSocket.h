@@ -51,7 +51,9 @@ class PAVO_EXPORT PktSocket : public Mox::Described<PktSocket> {
     virtual int32_t sendmsg(Mox::Ptr<Pkt> pkt, sockaddr_in dest);
     /// @}
 
+    /// As it was made with.
     const Mox::String& name() const { return name_; }
+    /// Owned by the socket; null in one that is not open.
     const Mox::Ptr<Mox::FileDescriptor>& fileDescriptor() const { return fileDescriptor_; }
 
   protected:

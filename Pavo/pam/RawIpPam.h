@@ -73,11 +73,13 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
 
     /// The IP options that sent packets carry, applied while the socket is open.
     /// @throws Mox::ErrnoException "setsockopt(IP_OPTIONS)" or "setsockopt(IPV6_HOPOPTS)".
+    /// @{
     bool ipPktOption(IpPktOption option) const { return ipPktOptions_.contains(option); }
     void ipPktOptionIs(IpPktOption option, bool wanted);
     void ipPktOptionDel(IpPktOption option) { ipPktOptionIs(option, false); }
     void ipPktOptionDelAll();
     void setIpPktOptions();
+    /// @}
 
     /// Joins a multicast group on an interface of the endpoint's namespace (0: the kernel's
     /// choice), or leaves it. Memberships end with the socket: one that is enabled again has none.
@@ -85,13 +87,16 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// @throws Mox::ErrnoException "setsockopt(IP_ADD_MEMBERSHIP)" or
     /// "setsockopt(IPV6_JOIN_GROUP)", "setsockopt(IP_DROP_MEMBERSHIP)" or
     /// "setsockopt(IPV6_LEAVE_GROUP)"; with EAFNOSUPPORT for a group of the other family.
+    /// @{
     void doJoinMcastGroup(uint32_t ifIndex, const IpGenAddr& group);
     void doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group);
+    /// @}
 
     /// The same as `rxInfo(slot)`.
     RxInfo savedPacketInfo(uint32_t slot) const { return rxInfo(slot); }
 
   protected:
+    /// Disabled; `family` is of static storage.
     RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs,
              const RawIpFamily& family);
     ~RawIpPam() override;
@@ -132,8 +137,10 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// What was counted since the last call: failed reads, without those that found nothing;
     /// packets whose control data was cut, or lacked what `ipPktInfo`, `ipRecvTOS` and `ipRecvTTL`
     /// ask for.
+    /// @{
     uint32_t takeFailedReads() { return std::exchange(failedReads_, 0); }
     uint32_t takeFaultyControlData() { return std::exchange(faultyControlData_, 0); }
+    /// @}
 
   private:
     struct BulkRead;

@@ -79,6 +79,7 @@ class PAVO_EXPORT IpSocket : public Mox::Described<IpSocket, RawSocket> {
 
     /// The protocol that the socket has: 255 where none was given.
     Protocol effectiveProtocol() const { return effectiveProtocol_; }
+    /// As it was made with.
     Options options() const { return options_; }
 
     /// The interface to which the socket is bound, empty for all.
@@ -122,6 +123,7 @@ class PAVO_EXPORT EthSocket : public Mox::Described<EthSocket, RawSocket> {
     /// and so does a name of more than 15 bytes.
     EthSocket(Mox::String name, Mox::String device, Protocol protocol);
 
+    /// The name of the interface.
     const Mox::String& device() const { return device_; }
     /// The interface's index.
     int32_t ifIndex() const { return ifIndex_; }

@@ -22,6 +22,7 @@ namespace Pavo {
 template <class Machine, class Notifier>
 class PAVO_EXPORT ReadinessSm : public Mox::Described<Machine> {
   public:
+    /// Detaches the machine before it is deleted.
     void zeroReferencesIs(bool zero) override {
         if (zero) {
             machine()->moxDoZombieReactors(true);
@@ -30,10 +31,12 @@ class PAVO_EXPORT ReadinessSm : public Mox::Described<Machine> {
     }
 
   protected:
+    /// Attached, unless `notifier` is null.
     explicit ReadinessSm(const Mox::Ptr<Notifier>& notifier)
         : reactor_(notifier ? Mox::make<Reactor>(notifier, this) : nullptr) {}
     ~ReadinessSm() override = default;
 
+    /// Until `detach`.
     bool isAttached() const { return reactor_ != nullptr; }
     /// @pre attached.
     Notifier* notifier() const { return static_cast<Notifier*>(reactor_->notifier()); }

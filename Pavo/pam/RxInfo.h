@@ -12,16 +12,22 @@ namespace Pavo {
 /// Metadata of a packet in either direction. A member that is not known is zero, an address then of
 /// no family.
 struct PktInfo {
+    /// The source and the destination in the IP header.
+    /// @{
     IpGenAddr srcIpAddr;
     IpGenAddr dstIpAddr;
+    /// @}
     /// The interface on which it arrived or leaves.
     uint32_t ifIndex = 0;
     /// The TOS byte or traffic class, and the TTL or hop limit.
+    /// @{
     uint8_t tos = 0;
     uint8_t ttl = 0;
+    /// @}
     /// Whether the kernel removes the IP header of a received packet, or adds that of a sent one:
     /// the packet then begins with what follows the header, which is of `protocol`.
     bool isIpHdrWithKernel = false;
+    /// Of what follows the IP header.
     IpProtocolNumber protocol = IpProtocolNumber::hopopt;
 };
 

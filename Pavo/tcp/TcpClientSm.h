@@ -53,6 +53,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpClientSm"); }
 
+    /// For the factory function, which also makes the machine ready for work.
     TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                 Keel::TimerWheel* timerWheel, uint32_t clientId,
                 Mox::Ptr<TcpClientConfig> tcpClientConfig,
@@ -75,8 +76,11 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
 
     /// For traces.
     uint32_t clientId() const { return clientId_; }
+    /// What the machine follows; null in a machine without a configuration.
     const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const { return tcpClientConfig_; }
+    /// What the machine writes.
     const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const { return tcpClientStatus_; }
+    /// Whether its registrations are served by the event loop.
     bool useMoxEventLoop() const { return useMoxEventLoop_; }
 
     /// Tries to connect, from the beginning; an unfinished attempt is given up. True while an
@@ -92,6 +96,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     /// "tcpClientStatus()->connectionStatus() ==
     /// TcpClientStatus::ConnectionStatus::connecting_").
     void restartRetryTimer();
+    /// Drops the planned attempt.
     void stopRetryTimer();
     /// Records a failure, "Connect (Connection refused)", and drops socket and connection. Plans
     /// no retry.

@@ -38,6 +38,7 @@ enum TcpSocketOption : uint8_t {
 /// byte. Text is that of a record of seven booleans.
 class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
   public:
+    /// Every option.
     static constexpr uint8_t all = 0x7f;
 
     static constexpr auto description() {
@@ -54,6 +55,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f
     TcpSocketOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// The bits of the members.
     constexpr uint8_t value() const { return value_; }
     /// @throws Mox::RangeException "Invalid TcpSocketOptions" past 0x7f; nothing is then changed.
     constexpr void valueIs(uint8_t value) {
@@ -63,7 +65,9 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
         value_ = value;
     }
 
+    /// Whether it is a member.
     constexpr bool option(TcpSocketOption option) const { return (value_ & option) != 0; }
+    /// Adds the member, or with false removes it.
     constexpr void optionIs(TcpSocketOption option, bool on) {
         value_ = static_cast<uint8_t>(on ? value_ | option : value_ & ~option);
     }
@@ -71,6 +75,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
     /// Not empty.
     constexpr explicit operator bool() const { return value_ != 0; }
 
+    /// The members of both.
     friend constexpr TcpSocketOptions operator|(TcpSocketOptions a, TcpSocketOptions b) {
         return TcpSocketOptions(static_cast<uint8_t>(a.value_ | b.value_));
     }
@@ -85,6 +90,7 @@ class TcpSocketOptions : public Mox::ValueType<TcpSocketOptions> {
 };
 static_assert(std::is_trivially_copyable_v<TcpSocketOptions> && sizeof(TcpSocketOptions) == 1);
 
+/// The set of the two.
 constexpr TcpSocketOptions operator|(TcpSocketOption a, TcpSocketOption b) {
     return TcpSocketOptions(a) | TcpSocketOptions(b);
 }
@@ -212,6 +218,7 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
 /// The configuration of a `TcpClientSm`: where to connect to, from where, and how long to try.
 class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpConfigBase> {
   public:
+    /// The default of `kernelTcpTimeout`, in seconds.
     static constexpr uint32_t kernelTcpTimeoutDefault = 20;
 
     static constexpr Mox::Attribute<TcpClientConfig> clientIpAddrAttr{12, "clientIpAddr"};
@@ -234,6 +241,7 @@ class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpCon
 
     /// Determines the family of the connection.
     const IpGenAddr& serverIpAddr() const { return serverIpAddr_; }
+    /// In host order, as every `Port`.
     Port serverPort() const { return serverPort_; }
     /// The local address. The kernel chooses one if this is the wildcard, or of unknown family, as
     /// it is at first.

@@ -26,6 +26,8 @@ namespace Pavo {
 
 /// An established connection: its descriptor, which this value shares, and its two ends; "src" is
 /// the local one. The default value is empty and stands for no connection.
+///
+/// Members: those of the constructor.
 class TcpConnSocket : public Mox::ValueType<TcpConnSocket> {
   public:
     TcpConnSocket() = default;

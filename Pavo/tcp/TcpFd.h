@@ -36,6 +36,7 @@ class PAVO_EXPORT TcpFileDescriptor : public Mox::Described<TcpFileDescriptor> {
     static Mox::Ptr<TcpFileDescriptor> socketAccept(int serverFd, AddressFamily af,
                                                     const NamespaceName& ns, bool edgeTriggered);
 
+    /// The number, for system calls; this object closes it.
     int descriptor() const { return descriptor_; }
     /// Whether readiness is reported edge-triggered, or else level-triggered (epoll(7)).
     bool edgeTriggered() const { return edgeTriggered_; }
@@ -92,26 +93,37 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistration
     /// Called when the attribute has changed, before any observer is notified; the base does
     /// nothing. When it throws, the attribute gets its former value again, no observer is notified,
     /// and the setter passes the exception on.
+    /// @{
     virtual void handleEnabled();
     virtual void handleNotifyOnReadable();
     virtual void handleNotifyOnWritable();
+    /// @}
     /// An event has come: adds one to `readableCount`, or `writableCount`.
     /// @pre enabled, with that interest (assertions "enabled()", "notifyOnReadable()",
     /// "notifyOnWritable()").
+    /// @{
     virtual void handleReadable();
     virtual void handleWritable();
+    /// @}
     /// Disables.
     virtual void handleDel();
 
+    /// Shared with the registration.
     const Mox::Ptr<TcpFileDescriptor>& fileDescriptor() const { return fileDescriptor_; }
+    /// Whether events are counted; at first false.
     bool enabled() const { return enabled_; }
     void enabledIs(bool enabled);
+    /// Interest in data to read; at first false.
     bool notifyOnReadable() const { return notifyOnReadable_; }
     void notifyOnReadableIs(bool notify);
+    /// Interest in room to write; at first false.
     bool notifyOnWritable() const { return notifyOnWritable_; }
     void notifyOnWritableIs(bool notify);
+    /// Events since the registration was made.
+    /// @{
     uint32_t readableCount() const { return readableCount_; }
     uint32_t writableCount() const { return writableCount_; }
+    /// @}
 
     /// "<fd=%d;read=%d;write=%d>": the number and the two interests.
     Mox::String stringValue() const;
@@ -145,6 +157,7 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactory
     TcpFileDescriptorEventRegistrationFactory() = default;
     ~TcpFileDescriptorEventRegistrationFactory() override;
 
+    /// A disabled registration of the descriptor.
     virtual Mox::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
         Mox::Ptr<TcpFileDescriptor> fileDescriptor);
 };
@@ -187,14 +200,21 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationMoxcSm
         return Mox::classRecord("Pavo::TcpFileDescriptorEventRegistrationMoxcSm");
     }
 
+    /// For the registration, which owns the machine.
     explicit TcpFileDescriptorEventRegistrationMoxcSm(
         TcpFileDescriptorEventRegistrationMoxc* registration);
 
+    /// The attribute of the registration has changed.
+    /// @{
     virtual void handleEnabled();
     virtual void handleNotifyOnReadable();
     virtual void handleNotifyOnWritable();
+    /// @}
+    /// The loop has reported the descriptor: an event of the registration.
+    /// @{
     virtual void handleReadable();
     virtual void handleWritable();
+    /// @}
     /// With true, ends all watching and detaches the inner reactor.
     virtual void moxDoZombieReactors(bool zombie);
 

@@ -67,7 +67,9 @@ class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
     explicit TcpPduPamReadReturn(std::string_view text) { readWhole(text); }
     TcpPduPamReadReturn(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// `error` by default.
     Result result() const { return result_; }
+    /// Empty but for an error.
     const Mox::String& reason() const { return reason_; }
 
     friend auto operator<=>(const TcpPduPamReadReturn&, const TcpPduPamReadReturn&) = default;
@@ -161,6 +163,7 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
             Mox::attribute(txErrorReasonAttr, &TcpPduPam::txErrorReason));
     }
 
+    /// Disabled, on the stream, with a registration from `fdFactory`.
     TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
               Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory);
 
@@ -217,6 +220,7 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     void keepaliveOptsIs(const TcpKeepaliveOptions& options);
     /// Applies `keepaliveOpts` to the socket.
     void handleKeepaliveOptions();
+    /// Keep-alive options that could not be applied.
     uint32_t tcpOptErrors() const { return tcpOptErrors_; }
     /// "Setsockopt failed with " and the error, of the last failure.
     const Mox::String& tcpOptErrorReason() const { return tcpOptErrorReason_; }
@@ -249,9 +253,12 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// "Epoll_ctl failed with " and the error; empty while there was none.
     const Mox::String& txErrorReason() const { return txErrorReason_; }
     /// A packet of the bytes that wait for room, and these as pieces; null while none do.
+    /// @{
     const Mox::Ptr<Pkt>& txPktHolderShadow() const;
     const SocketIovec* txIovHolderShadow() const;
     uint16_t txIovLenHolderShadow() const { return txPktHolderShadow() ? 1 : 0; }
+    /// @}
+    /// Bytes that wait for room.
     uint16_t txRemainingLength() const;
     /// Bytes of the packet that was handed over last.
     uint16_t writeLength() const;
@@ -328,9 +335,11 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 /// in network order.
 class PAVO_EXPORT SimpleTcpPduPam : public Mox::EntityOf<SimpleTcpPduPam, TcpPduPam> {
   public:
+    /// The least length of a PDU.
     static constexpr uint16_t headerBytes = 20;
     static constexpr auto description() { return Mox::classRecord("Pavo::SimpleTcpPduPam"); }
 
+    /// Disabled, on the stream, with a registration from `fdFactory`.
     SimpleTcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
                     Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory)
         : EntityOf(std::move(fileDescriptor), std::move(fdFactory)) {}

@@ -35,22 +35,32 @@ class PAVO_EXPORT TcpPduPamBase : public Mox::EntityOf<TcpPduPamBase, Pam> {
     void zeroReferencesIs(bool zero) override;
 
     /// An event of the registration has come; the base only counts it.
+    /// @{
     virtual void handleSocketReadable();
     virtual void handleSocketWritable();
+    /// @}
 
+    /// The stream, which the endpoint shares.
     const Mox::Ptr<TcpFileDescriptor>& fileDescriptor() const { return fileDescriptor_; }
+    /// As it was made with.
     const Mox::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const {
         return fdFactory_;
     }
     /// The registration; null once the endpoint has given up the stream.
     const Mox::Ptr<TcpFileDescriptorEventRegistration>& fd() const { return fd_; }
+    /// Null where `fd` is.
     const Mox::Ptr<TcpPduFdSm>& tcpPduFdSm() const { return tcpPduFdSm_; }
+    /// Else the descriptor is watched edge-triggered.
     bool levelTriggered() const { return !fileDescriptor_->edgeTriggered(); }
 
+    /// Events of the registration.
+    /// @{
     uint32_t socketReadableCount() const { return socketReadableCount_; }
     uint32_t socketWritableCount() const { return socketWritableCount_; }
+    /// @}
 
   protected:
+    /// Registers the descriptor, without interest in its events.
     TcpPduPamBase(Mox::String name, Mox::Ptr<TcpFileDescriptor> fileDescriptor,
                   Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory);
     ~TcpPduPamBase() override;
@@ -76,10 +86,14 @@ class PAVO_EXPORT TcpPduFdSm : public ReadinessSm<TcpPduFdSm, TcpFileDescriptorE
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpPduFdSm"); }
 
+    /// `pam` is not held, and outlives the machine.
     TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam);
 
+    /// Calls the function of the endpoint.
+    /// @{
     virtual void handleReadable();
     virtual void handleWritable();
+    /// @}
     /// With true, detaches the inner reactor: nothing calls the machine any more.
     virtual void moxDoZombieReactors(bool zombie);
 

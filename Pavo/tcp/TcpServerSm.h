@@ -45,6 +45,7 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerSm"); }
 
+    /// For the factory function, which also makes the machine ready for work.
     TcpServerSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
                 Keel::TimerWheel* timerWheel, Mox::Ptr<TcpServerConfig> tcpServerConfig,
                 Mox::Ptr<TcpServerStatus> tcpServerStatus);
@@ -60,7 +61,9 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     void handleSocketMd5AuthOption(IpGenAddrWithMask addrWithMask) override;
     void moxDoZombieReactors(bool zombie) override;
 
+    /// What the machine follows; null in a machine without a configuration.
     const Mox::Ptr<TcpServerConfig>& tcpServerConfig() const { return tcpServerConfig_; }
+    /// What the machine writes.
     const Mox::Ptr<TcpServerStatus>& tcpServerStatus() const { return tcpServerStatus_; }
     /// Has no effect: the machine restarts its listener in any case. True by default.
     bool restartOnSetSockOptError() const { return restartOnSetSockOptError_; }
@@ -80,6 +83,7 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     /// @pre an event loop on this thread, where registrations need one (assertion
     /// "EventLoop::current()").
     bool startListener();
+    /// Closes the listening socket, and drops the connections that wait.
     void stopListener();
     /// `stopListener` and `startListener`, published as one step.
     bool restartListener();
@@ -87,6 +91,7 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     void restartListenerDeferred();
     /// Plans the next start, after the retry interval.
     void restartRetryTimer();
+    /// Drops the planned start.
     void stopRetryTimer();
     /// The listening descriptor has become readable: accepts one connection.
     void handleAccept();

@@ -62,6 +62,7 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     /// The retry timer has expired. The base fails with the assertion "Need to implement
     /// handleRetry in derived class".
     virtual void handleRetry();
+    /// Makes the retry timer idle.
     virtual void stopRetryTimerImpl();
     /// Arms the retry timer for `intervalSeconds` from now.
     virtual void restartRetryTimerImpl(uint32_t intervalSeconds);
@@ -70,9 +71,11 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     /// The overall time-out has expired. The base fails with the assertion "Need to implement
     /// handleTimeout in derived class".
     virtual void handleTimeout();
+    /// Makes the overall time-out idle.
     virtual void stopTimeoutTimerImpl();
     /// Arms the overall time-out for `timeout()` seconds from now.
     virtual void startTimeoutTimerImpl();
+    /// In seconds of the clock; +infinity while idle.
     virtual double timeoutTimerExpireTime() const;
     /// How traces name the machine.
     virtual Mox::String formatDerivedType() const;
@@ -97,19 +100,27 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
 
     /// Starts the overall time-out, unless it runs already or none is configured.
     void startTimeoutTimer();
+    /// Makes the overall time-out idle.
     void stopTimeoutTimer() { stopTimeoutTimerImpl(); }
 
+    /// As it was made with.
+    /// @{
     const Mox::Ptr<TcpConfigBase>& tcpConfig() const { return tcpConfig_; }
     const Mox::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdEventRegistrationFactory() const {
         return fdEventRegistrationFactory_;
     }
     Keel::TimerWheel* timerWheel() const { return timerWheel_; }
+    /// @}
+    /// The timers, to be looked at.
+    /// @{
     const Keel::Timer& retryTimer() const { return retryTimer_; }
     const Keel::Timer& timeoutTimer() const { return timeoutTimer_; }
+    /// @}
     /// The registration of the socket that is listening, or connecting; null when there is none.
     const Mox::Ptr<TcpFileDescriptorEventRegistration>& fd() const { return fd_; }
     /// Retries since the owner's start, or since the last connection.
     uint32_t retryTimes() const { return retryTimes_; }
+    /// Set by the factory.
     bool initialized() const { return initialized_; }
     /// For tests: makes the options of the next accepted connection fail, once.
     bool failApplySocketOptionsInTest() const { return failApplySocketOptionsInTest_; }
@@ -117,8 +128,8 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     /// What the machine's own socket, listening, connecting or connected, carries.
     TcpSocketOptions lastOptionsApplied() const { return lastOptionsApplied_; }
 
-    // Read through from the configuration; without one, the default value of the type.
-
+    /// Read through from the configuration; without one, the default value of the type.
+    /// @{
     NamespaceName networkNamespace() const;
     uint32_t retryInterval() const;
     double timeout() const;
@@ -130,6 +141,7 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     uint16_t sockMaxSegSize() const;
     bool pathMtuDiscovery() const;
     uint32_t dstIntfIfIndex() const;
+    /// @}
 
     /// For factories, once: lets the machine work, and calls `handleInitialized`.
     void initializedIs();
@@ -137,10 +149,13 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
   protected:
     /// A call that failed, by its function word ("Bind"), and its `errno`.
     struct Failure {
+        /// Of static storage.
         const char* function;
+        /// Never 0.
         int error;
     };
 
+    /// `fdEventRegistrationFactory` is held; `timerWheel` is not, and outlives the machine.
     TcpSmBase(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
               Keel::TimerWheel* timerWheel, Mox::Ptr<TcpConfigBase> tcpConfig);
     ~TcpSmBase() override;
@@ -149,7 +164,9 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     /// takes IPv4 connections too.
     void takesIp4Is(bool takesIp4) { takesIp4_ = takesIp4; }
 
+    /// Read through from the configuration.
     bool edgeTriggeredFileDescriptor() const;
+    /// Sets the count of retries.
     void retryTimesIs(uint32_t times) { retryTimes_ = times; }
 
     /// Makes the changes of `changes()` and publishes them, or adds them to those that are being

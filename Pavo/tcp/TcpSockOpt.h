@@ -61,6 +61,7 @@ PAVO_EXPORT IpGenAddrWithMask v4MappedPeer(const IpGenAddrWithMask& peer);
 /// IPv4, 28 for IPv6, for which the caller has room.
 PAVO_EXPORT socklen_t constructSockAddr(sockaddr* out, const IpGenAddr& addr);
 
+/// Calls bind(2), with the scope 0.
 PAVO_EXPORT int socketBind(int sd, const IpGenAddr& addr, const Port& port);
 /// Sets SO_REUSEADDR and binds a client's socket to an address, with a port that the kernel
 /// chooses. An address of unknown family is the wildcard of `af`; `ifIndex` is the scope of an IPv6
@@ -87,8 +88,11 @@ class TcpKeepaliveOptions : public Mox::ValueType<TcpKeepaliveOptions> {
     explicit TcpKeepaliveOptions(std::string_view text) { readWhole(text); }
     TcpKeepaliveOptions(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
+    /// In seconds.
     constexpr uint32_t idleTime() const { return idleTime_; }
+    /// In seconds.
     constexpr uint32_t probeInterval() const { return probeInterval_; }
+    /// Probes without an answer after which the connection fails.
     constexpr uint32_t probeCount() const { return probeCount_; }
     /// Any value but the off one.
     constexpr bool enabled() const { return *this != TcpKeepaliveOptions(); }

@@ -21,6 +21,7 @@ namespace Pavo {
 /// up to date, and may start, stop or drop the machine, or drop this.
 class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
   public:
+    /// Where the machine is.
     enum class ConnectionStatus : uint32_t {
         idle = 0,        ///< not started, or stopped
         failed = 1,      ///< the last attempt failed, another one follows
@@ -69,6 +70,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     uint32_t connectionAttemptCountInc(uint32_t delta) {
         return publisher_.inc(connectionAttemptCount_, delta, connectionAttemptCountAttr);
     }
+    /// Attempts that failed.
     uint32_t connectionErrorCount() const { return connectionErrorCount_; }
     void connectionErrorCountIs(uint32_t count) {
         publisher_.set(connectionErrorCount_, count, connectionErrorCountAttr);
@@ -76,6 +78,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     uint32_t connectionErrorCountInc(uint32_t delta) {
         return publisher_.inc(connectionErrorCount_, delta, connectionErrorCountAttr);
     }
+    /// Connections that were established.
     uint32_t connectionSuccessCount() const { return connectionSuccessCount_; }
     void connectionSuccessCountIs(uint32_t count) {
         publisher_.set(connectionSuccessCount_, count, connectionSuccessCountAttr);
@@ -99,6 +102,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     void connSocketIs(const TcpConnSocket& connection) {
         publisher_.set(connSocket_, connection, connSocketAttr);
     }
+    /// Lets go of the connection.
     void resetConnSocket() { connSocketIs(TcpConnSocket()); }
 
   protected:
@@ -155,12 +159,14 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
             Mox::attribute(connSocketAttr));
     }
 
+    /// A socket is open on the port.
     bool listening() const { return listening_; }
     void listeningIs(bool listening) { publisher_.set(listening_, listening, listeningAttr); }
     /// "Not started", "Listening", "Listening port is 0", or what failed: "Bind (Address already in
     /// use)". A stop and the overall time-out leave it as it was.
     const Mox::String& reason() const { return reason_; }
     void reasonIs(const Mox::String& reason) { publisher_.set(reason_, reason, reasonAttr); }
+    /// Starts of the listener that succeeded.
     uint32_t serverStartTimes() const { return serverStartTimes_; }
     void serverStartTimesIs(uint32_t count) {
         publisher_.set(serverStartTimes_, count, serverStartTimesAttr);
@@ -168,6 +174,7 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     uint32_t serverStartTimesInc(uint32_t delta) {
         return publisher_.inc(serverStartTimes_, delta, serverStartTimesAttr);
     }
+    /// Times that the overall time-out has ended the listener.
     uint32_t serverTimedOutTimes() const { return serverTimedOutTimes_; }
     void serverTimedOutTimesIs(uint32_t count) {
         publisher_.set(serverTimedOutTimes_, count, serverTimedOutTimesAttr);
@@ -200,8 +207,10 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     /// The connection with the index; an empty value when there is none.
     TcpConnSocket connSocket(uint32_t index) const;
     /// The oldest, and the newest; an empty value when none waits.
+    /// @{
     TcpConnSocket connSocketFront() const;
     TcpConnSocket connSocketBack() const;
+    /// @}
     /// Queues a connection and gives its index.
     uint32_t connSocketEnq(const TcpConnSocket& connection);
     /// Takes the oldest; an empty value when none waits.
