@@ -23,9 +23,11 @@ RULES = [
      f"Reads the whole of `text`. {ERROR}, which is `invalidText` for text after the value"),
     (r"CLASS\((Mox::)?NboAttrLog::In\* in, (Mox::)?StreamBogon\)",
      f"Reads the value from a log. {ERROR} for a value that the type does not have"),
-    (r"CLASS\((const CLASS&|CLASS&&)\)( noexcept)? = (default|delete);|"
-     r"CLASS& operator=\((const CLASS&|CLASS&&)\)( noexcept)? = (default|delete);|"
-     r"(virtual )?~CLASS\(\)", "Copying, moving and the end of life are those of the class."),
+    (r"(CLASS|CLASS& operator=)\((const CLASS&|CLASS&&)\)( noexcept)? = delete;",
+     "Objects of this class are neither copied nor moved."),
+    (r"(CLASS|CLASS& operator=)\((const CLASS&|CLASS&&)\)( noexcept)? = default;",
+     "Member by member."),
+    (r"(virtual )?~CLASS\(\)", "Gives up what the object holds."),
     (r"(explicit )?CLASS\([^)]*\)( noexcept)? : (\w+_\((std::move\()?\w+\)?\)(, )?)+ \{",
      "The fields are the arguments."),
     (r"static constexpr auto description\(\)",
@@ -43,7 +45,7 @@ RULES = [
      "A hook of Mox::ValueType: the form of the value in a log."),
     (r"const char\* leftoverText\(\) const", "The text of the error for text after the value."),
     (r"uint32_t hash\(", "The same in every process, on both word sizes."),
-    (r"friend .*operator(==|<=>|<)\(", "The order is the one that the class describes."),
+    (r"friend .*operator(==|<=>|<)\(", "Compares as the text of the class says, else member by member."),
     (r"(std::ostream& )operator<<\(", "Writes the canonical text."),
     (r"static constexpr (const char\*|std::string_view) (typeName|recordName)\b",
      "The name of the type in the text of its record."),
@@ -62,13 +64,13 @@ RULES = [
      r"\(\) const", "What Pavo::PktLayer asks of a layer."),
     (r"struct std::hash<", "For unordered containers: the hash of the value."),
     (r"std::size_t operator\(\)\(const ", "The hash of the value."),
-    (r"(String|Mox::String) name\(\) const override",
+    (r"(Mox::)?String name\(\) const override \{",
      "The name with which the object was made."),
     (r"explicit CLASS\((Mox::)?String name\)", "With that name, which never changes."),
     (r"bool \w+\(const [\w:]+& \w+\) const \{ return \w+_\.contains", "Whether it is a member."),
     (r"const (Mox::)?(Set|Map|Directory)<.*>& \w+\(\) const", "All members, for reading."),
-    (r"void \w+DelAll\(\)", "Removes all members, and notifies of each."),
-    (r"void \w+Del\(const ", "Removes the member; nothing happens if there is none."),
+    (r"void \w+DelAll\(\) \{ memberDelAll", "Removes all members, and notifies of each."),
+    (r"void \w+Del\(.*\{ (memberDel|\w+Is)\(", "Removes the member; nothing happens if there is none."),
     (r"Mox::Ptr<\w+> \w+Factory\($|Mox::Ptr<\w+> \w+Factory\(.*\)( \{|;)",
      "Makes the object; the arguments are those of its constructor."),
     (r"(const )?[\w:<>]+\*? (begin|end)\(\) const", "For range-based loops."),
@@ -122,7 +124,8 @@ def overridden():
     texts = {}
     for header in [*pathlib.Path("Pavo").rglob("*.h"), *pathlib.Path("platform").rglob("*.h")]:
         for found in re.finditer(r"((?: *///.*\n)+) *virtual [^;(]*?(\w+)\(", header.read_text()):
-            text = " ".join(line.strip()[3:].strip() for line in found.group(1).splitlines())
+            lines = (line.strip()[3:].strip() for line in found.group(1).splitlines())
+            text = " ".join(line for line in lines if line not in ("@{", "@}"))
             texts.setdefault(found.group(2), set()).add(text)
     return {name: all_of.pop() for name, all_of in texts.items() if len(all_of) == 1}
 
@@ -148,8 +151,8 @@ class Filter:
             return overridden().get(name) or "The text of the function of the base holds here."
         getter = re.sub(r"(Is|Inc|Del|DelAll|U16)$", "", name)
         if getter != name and getter in self.texts:
-            before = "As a number in host order: " if name.endswith("U16") else "Changes: "
-            return before + self.texts[getter]
+            what = {"U16": "As a number in host order", "Del": "Removes", "All": "Removes all"}
+            return what.get(name[-3:], "Changes") + ": " + self.texts[getter]
         if name == self.last and name in self.texts and name != self.scopes[-1][1]:
             return self.texts[name]
         return self.scopes[-1][2]
@@ -225,6 +228,7 @@ def main():
     for line in Filter(pathlib.Path(path).read_text()).run():
         if "//" in line:
             line = line.replace("::ffff", "\\::ffff")  # An address, not a name.
+        line = line.replace("struct fmt::formatter<", "struct formatter<")  # Not a known namespace.
         if re.match(r"namespace (Pavo|Mox|Keel) \{$", line):
             line += f" /** @addtogroup {group} */ /** @{{ */"
         elif re.match(r"\}  // namespace (Pavo|Mox|Keel)$", line):

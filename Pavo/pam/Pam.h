@@ -169,8 +169,10 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     }
     /// Puts packets into the slots from 0 on; removes all slots. Observers are notified when that
     /// is done.
+    /// @{
     void slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts);
     void slotsDelAll();
+    /// @}
     /// What is known of the packets of a batch, by slot: as long as the batch.
     std::vector<RxInfo>& slotInfos() { return slotInfos_; }
     /// Shows the tap the packet in a slot of a batch, which `slotInfos` already describes, before

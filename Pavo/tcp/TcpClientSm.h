@@ -80,7 +80,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const { return tcpClientConfig_; }
     /// What the machine writes.
     const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const { return tcpClientStatus_; }
-    /// Whether its registrations are served by the event loop.
+    /// True once the machine is initialized.
     bool useMoxEventLoop() const { return useMoxEventLoop_; }
 
     /// Tries to connect, from the beginning; an unfinished attempt is given up. True while an

@@ -86,7 +86,7 @@ class PAVO_EXPORT TcpPduFdSm : public ReadinessSm<TcpPduFdSm, TcpFileDescriptorE
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpPduFdSm"); }
 
-    /// `pam` is not held, and outlives the machine.
+    /// `pam` is not held.
     TcpPduFdSm(Mox::Ptr<TcpFileDescriptorEventRegistration> fd, TcpPduPamBase* pam);
 
     /// Calls the function of the endpoint.

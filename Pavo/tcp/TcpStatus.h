@@ -166,7 +166,7 @@ class PAVO_EXPORT TcpServerStatus : public Mox::EntityOf<TcpServerStatus> {
     /// use)". A stop and the overall time-out leave it as it was.
     const Mox::String& reason() const { return reason_; }
     void reasonIs(const Mox::String& reason) { publisher_.set(reason_, reason, reasonAttr); }
-    /// Starts of the listener that succeeded.
+    /// Attempts to listen, those that failed among them.
     uint32_t serverStartTimes() const { return serverStartTimes_; }
     void serverStartTimesIs(uint32_t count) {
         publisher_.set(serverStartTimes_, count, serverStartTimesAttr);

@@ -46,8 +46,8 @@ constexpr int64_t digitPairs(const char* at, char separator, int* differences) {
     return number;
 }
 
-/// Reads `count` bytes of two digits each, joined by ":" or "-": by far the most frequent form, read
-/// without a branch for each character. False for every other form.
+/// Reads `count` bytes of two digits each, joined by ":" or "-": by far the most frequent form,
+/// read without a branch for each character. False for every other form.
 template <unsigned count>
 constexpr bool readDigitPairs(Mox::TextCursor& in, uint8_t* bytes) {
     constexpr unsigned length = 3 * count - 1;

@@ -60,6 +60,7 @@ class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
     explicit FileDescriptor(int descriptor, Ownership ownership = Ownership::owned);
     ~FileDescriptor() override;
 
+    /// "fd 5"; "fd -1" after the number was given up.
     String name() const override;
 
     /// The number, or -1 after it was given up or lost to another object.

@@ -41,6 +41,7 @@ class MOX_EXPORT Signal : public EntityOf<Signal> {
     /// Restores the mask. On the thread that made the object: assertion "signals[ number ] ==
     /// this".
     void zeroReferencesIs(bool zero) override;
+    /// "signal 15".
     String name() const override;
 
     /// As in signal(7).
