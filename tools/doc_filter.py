@@ -151,8 +151,9 @@ class Filter:
             return overridden().get(name) or "The text of the function of the base holds here."
         getter = re.sub(r"(Is|Inc|Del|DelAll|U16)$", "", name)
         if getter != name and getter in self.texts:
-            what = {"U16": "As a number in host order", "Del": "Removes", "All": "Removes all"}
-            return what.get(name[-3:], "Changes") + ": " + self.texts[getter]
+            what = {"U16": "As a number in host order", "Del": "Removes", "All": "Removes all",
+                    "Inc": "Adds to"}
+            return what.get(name[-3:], "Sets") + ": " + self.texts[getter]
         if name == self.last and name in self.texts and name != self.scopes[-1][1]:
             return self.texts[name]
         return self.scopes[-1][2]
@@ -224,16 +225,22 @@ class Filter:
 
 def main():
     path = sys.argv[1]
-    group = layer(path)
-    for line in Filter(pathlib.Path(path).read_text()).run():
+    group = f"/** @addtogroup {layer(path)} */ /** @{{ */"
+    lines = Filter(pathlib.Path(path).read_text()).run()
+    is_c = not any(line.startswith("namespace ") for line in lines)
+    for before, line in zip(["", *lines], lines):
         if "//" in line:
             line = line.replace("::ffff", "\\::ffff")  # An address, not a name.
         line = line.replace("struct fmt::formatter<", "struct formatter<")  # Not a known namespace.
         if re.match(r"namespace (Pavo|Mox|Keel) \{$", line):
-            line += f" /** @addtogroup {group} */ /** @{{ */"
+            line += " " + group
         elif re.match(r"\}  // namespace (Pavo|Mox|Keel)$", line):
             line = "/** @} */ " + line
+        elif is_c and before == "#pragma once":
+            line += group
         print(line)
+    if is_c:
+        print("/** @} */")
 
 
 if __name__ == "__main__":
