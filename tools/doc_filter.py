@@ -28,7 +28,7 @@ RULES = [
     (r"(CLASS|CLASS& operator=)\((const CLASS&|CLASS&&)\)( noexcept)? = default;",
      "Member by member."),
     (r"(virtual )?~CLASS\(\)", "Gives up what the object holds."),
-    (r"(explicit )?CLASS\([^)]*\)( noexcept)? : (\w+_\((std::move\()?\w+\)?\)(, )?)+ \{",
+    (r"(explicit )?CLASS\([^)]*\)( noexcept)? : (\w+\((std::move\()?\w+\)?(, \w+)*\)(, )?)+ \{\}",
      "The fields are the arguments."),
     (r"static constexpr auto description\(\)",
      "The name of the type with its fields or attributes, from which the framework derives text, "

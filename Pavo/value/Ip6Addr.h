@@ -247,16 +247,13 @@ constexpr Ip6Addr ip6AddrFromPrefixLen(uint32_t len) {
     return Ip6Addr(~uint64_t{0}, ~uint64_t{0}).ip6AddrMaskedByLength(len);
 }
 
-/// ::, the unspecified address (RFC 4291, 2.5.2).
-inline constexpr Ip6Addr ip6AddrZero;
-/// ::1 (RFC 4291, 2.5.3).
-inline constexpr Ip6Addr ip6AddrLoopback(0, 1);
+inline constexpr Ip6Addr ip6AddrZero;            ///< ::, the unspecified address (RFC 4291, 2.5.2).
+inline constexpr Ip6Addr ip6AddrLoopback(0, 1);  ///< ::1 (RFC 4291, 2.5.3).
 /// ff02::1, all nodes of the link (RFC 4291, 2.7.1).
 inline constexpr Ip6Addr ip6AddrAllNodes(0xff02, 0, 0, 0, 0, 0, 0, 1);
 /// ff02::2, all routers of the link (RFC 4291, 2.7.1).
 inline constexpr Ip6Addr ip6AddrAllRouters(0xff02, 0, 0, 0, 0, 0, 0, 2);
-/// ff02::3.
-inline constexpr Ip6Addr ip6AddrAllHosts(0xff02, 0, 0, 0, 0, 0, 0, 3);
+inline constexpr Ip6Addr ip6AddrAllHosts(0xff02, 0, 0, 0, 0, 0, 0, 3);  ///< ff02::3.
 /// ff02::d (RFC 7761).
 inline constexpr Ip6Addr ip6AddrPimRouters(0xff02, 0, 0, 0, 0, 0, 0, 0xd);
 /// ff02::12 (RFC 5798, 5.1.2.2).
@@ -325,7 +322,6 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
 
   protected:
     constexpr Ip6AddrAndLen() = default;
-    /// Checks nothing.
     constexpr Ip6AddrAndLen(const Ip6Addr& address, uint32_t len) : address_(address), len_(len) {}
 
     static constexpr const char* longLengthText = "len <= 128";
@@ -338,7 +334,6 @@ class Ip6AddrAndLen : public Mox::ValueType<T> {
 class Ip6AddrWithMask : public Ip6AddrAndLen<Ip6AddrWithMask> {
   public:
     constexpr Ip6AddrWithMask() = default;
-    /// Checks nothing.
     constexpr Ip6AddrWithMask(const Ip6Addr& address, uint32_t len) : Ip6AddrAndLen(address, len) {}
     /// @throws Mox::RangeException with a text of `Ip6Addr`; "Ip6AddrWithMask: prefix size
     /// expected" without "/" and a digit; "Ip6AddrWithMask: prefix too long" above 128

@@ -134,7 +134,9 @@ class Ptr {
     constexpr Ptr() = default;
     /// Null.
     constexpr Ptr(std::nullptr_t) {}
+    /// Shares the object, which may be null.
     Ptr(T* object) : object_(object) { retain(); }
+    /// Takes a reference over without counting it.
     Ptr(T* object, AdoptReference) : object_(object) {}
     /// Shares the object.
     Ptr(const Ptr& other) : Ptr(other.object_) {}
