@@ -389,7 +389,7 @@ class SmushResult : public Mox::ValueType<SmushResult> {
     explicit SmushResult(std::string_view text) { readWhole(text); }
     SmushResult(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
-    /// What the operation that was folded in has and cannot pass on.
+    /// Why the operations cannot be combined; empty where they can.
     constexpr SmushError smushError() const { return smushError_; }
     /// How the extension of the stack went.
     constexpr BoundedMplsLabelStackResult stackResult() const { return stackResult_; }

@@ -269,7 +269,7 @@ class IpHdrRouterAlertOption : public IpHdrOptionCommon {
         lengthIs(4);
     }
 
-    /// 0: every router looks at the packet (RFC 2113, 2.1).
+    /// 0 where every router looks at the packet (RFC 2113, 2.1).
     uint16_t value() const { return value_.value(); }
     void valueIs(uint16_t value) { value_.valueIs(value); }
 

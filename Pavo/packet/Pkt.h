@@ -199,7 +199,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     bool hasSeparateVlanTag() const { return hasSeparateVlanTag_; }
     /// Priority in the top 3 bits, then DEI, then the 12-bit VLAN identifier.
     uint16_t separateVlanTci() const { return separateVlanTci_; }
-    /// 0x8100, or 0x88a8 for a service tag.
+    /// The EtherType of the tag: 0x8100, or 0x88a8 for a service tag.
     uint16_t separateVlanTpid() const { return separateVlanTpid_; }
     /// Sets the tag, in place of one that is there.
     void newSeparateVlanTag(uint16_t tci, uint16_t tpid);
@@ -391,7 +391,7 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     /// The size of the buffer that a new packet gets.
     static constexpr uint32_t defaultBufferSize = 1536;
 
-    /// The name is for traces.
+    /// The name serves callers only.
     explicit Manager(Mox::String name);
     static constexpr auto description() { return Mox::classRecord("Pavo::Pkt::Manager"); }
 

@@ -14,7 +14,7 @@ namespace Pavo {
 
 /// A packet and what goes with it, as an endpoint in a test sends or receives it.
 ///
-/// Members: the packet and the fields of its header; `ifIndex` is the interface, 0 for any.
+/// Members: the packet and the fields of its header; `ifIndex` is the interface.
 struct Ip6PktInfo {
     Mox::Ptr<Pkt> pkt;
     Ip6Addr src;

@@ -96,7 +96,7 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     RxInfo savedPacketInfo(uint32_t slot) const { return rxInfo(slot); }
 
   protected:
-    /// Disabled; `family` is of static storage.
+    /// Disabled; `family` outlives the endpoint.
     RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs,
              const RawIpFamily& family);
     ~RawIpPam() override;

@@ -78,7 +78,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     uint32_t clientId() const { return clientId_; }
     /// What the machine follows; null in a machine without a configuration.
     const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const { return tcpClientConfig_; }
-    /// What the machine writes.
+    /// What the machine writes; never null.
     const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const { return tcpClientStatus_; }
     /// True once the machine is initialized.
     bool useMoxEventLoop() const { return useMoxEventLoop_; }

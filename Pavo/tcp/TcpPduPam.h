@@ -335,7 +335,7 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 /// in network order.
 class PAVO_EXPORT SimpleTcpPduPam : public Mox::EntityOf<SimpleTcpPduPam, TcpPduPam> {
   public:
-    /// The least length of a PDU.
+    /// The length of the header.
     static constexpr uint16_t headerBytes = 20;
     static constexpr auto description() { return Mox::classRecord("Pavo::SimpleTcpPduPam"); }
 

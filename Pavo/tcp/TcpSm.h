@@ -151,11 +151,11 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     struct Failure {
         /// Of static storage.
         const char* function;
-        /// Never 0.
+        /// As the call left it.
         int error;
     };
 
-    /// `fdEventRegistrationFactory` is held; `timerWheel` is not, and outlives the machine.
+    /// `fdEventRegistrationFactory` is held, `timerWheel` is not.
     TcpSmBase(TcpFileDescriptorEventRegistrationFactory* fdEventRegistrationFactory,
               Keel::TimerWheel* timerWheel, Mox::Ptr<TcpConfigBase> tcpConfig);
     ~TcpSmBase() override;

@@ -70,7 +70,7 @@ class PAVO_EXPORT TcpClientStatus : public Mox::EntityOf<TcpClientStatus> {
     uint32_t connectionAttemptCountInc(uint32_t delta) {
         return publisher_.inc(connectionAttemptCount_, delta, connectionAttemptCountAttr);
     }
-    /// Attempts that failed.
+    /// Attempts that failed, without those that `kernelTcpTimeout` has ended.
     uint32_t connectionErrorCount() const { return connectionErrorCount_; }
     void connectionErrorCountIs(uint32_t count) {
         publisher_.set(connectionErrorCount_, count, connectionErrorCountAttr);

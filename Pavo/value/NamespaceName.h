@@ -35,7 +35,7 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     /// The name of the namespace in which the process started.
     PAVO_EXPORT static NamespaceName defaultNamespace();
 
-    /// Empty for the default, and equal to no other name.
+    /// Empty by default, which is not equal to `defaultNamespace()`.
     const Mox::String& value() const { return value_; }
     /// A name that is refused leaves the value unchanged.
     PAVO_EXPORT void valueIs(const Mox::String& value);

@@ -100,9 +100,9 @@ class RouteDistinguisher : public Mox::ValueType<RouteDistinguisher> {
     /// The eight bytes as a number in host order.
     constexpr uint64_t rdHbo() const { return hostOrder(rdNboInternal_); }
 
-    /// False for the default value and for the text "INVALID".
+    /// False by default; the text is then "INVALID".
     constexpr bool valid() const { return valid_; }
-    /// `localInvalid` for every type but 0.
+    /// Has a meaning for type 0 only.
     constexpr Type0LocalType type0LocalType() const { return type0LocalType_; }
 
     /// Any 16-bit number, `type0`, `type1` and `type2` among them. Asserts "valid()".

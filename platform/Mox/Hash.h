@@ -11,7 +11,7 @@ namespace Mox {
 /// with the length counted in words.
 class Hash {
   public:
-    /// Hashes of different seeds are independent.
+    /// The hash of no words depends on the seed alone.
     constexpr explicit Hash(uint32_t seed = 0) : state_(seed) {}
 
     /// Mixes one word in.
