@@ -45,7 +45,8 @@ RULES = [
      "A hook of Mox::ValueType: the form of the value in a log."),
     (r"const char\* leftoverText\(\) const", "The text of the error for text after the value."),
     (r"uint32_t hash\(", "The same in every process, on both word sizes."),
-    (r"friend .*operator(==|<=>|<)\(", "Compares as the text of the class says, else member by member."),
+    (r"friend .*operator(==|<=>|<)\(",
+     "Compares as the text of the class says, else member by member."),
     (r"(std::ostream& )operator<<\(", "Writes the canonical text."),
     (r"static constexpr (const char\*|std::string_view) (typeName|recordName)\b",
      "The name of the type in the text of its record."),
@@ -58,7 +59,8 @@ RULES = [
     (r"static (constexpr )?(const char\*|void) (parse|print|toLog|fromLog|mix)\((Mox::)?"
      r"(TextCursor|TextWriter|NboAttrLog::Out|NboAttrLog::In|Hash)&",
      "A member of Mox::Codec: the form of the type as a field of a record."),
-    (r"class (?:\w+_EXPORT )?(\w+)Wrapper : public", r"The record `\1` of a packet, which it holds."),
+    (r"class (?:\w+_EXPORT )?(\w+)Wrapper : public",
+     r"The record `\1` of a packet, which it holds."),
     (r"static constexpr bool (nextHas\w+|needsAddresses) = true;|void write\(const "
      r"LayerSite&|std::size_t hdrBytes\(\)|(uint16_t etherType|\w+ ipProtocol|uint32_t addressSum)"
      r"\(\) const", "What Pavo::PktLayer asks of a layer."),
@@ -70,7 +72,8 @@ RULES = [
     (r"bool \w+\(const [\w:]+& \w+\) const \{ return \w+_\.contains", "Whether it is a member."),
     (r"const (Mox::)?(Set|Map|Directory)<.*>& \w+\(\) const", "All members, for reading."),
     (r"void \w+DelAll\(\) \{ memberDelAll", "Removes all members, and notifies of each."),
-    (r"void \w+Del\(.*\{ (memberDel|\w+Is)\(", "Removes the member; nothing happens if there is none."),
+    (r"void \w+Del\(.*\{ (memberDel|\w+Is)\(",
+     "Removes the member; nothing happens if there is none."),
     (r"Mox::Ptr<\w+> \w+Factory\($|Mox::Ptr<\w+> \w+Factory\(.*\)( \{|;)",
      "Makes the object; the arguments are those of its constructor."),
     (r"(const )?[\w:<>]+\*? (begin|end)\(\) const", "For range-based loops."),
@@ -114,7 +117,8 @@ def members_text(comment):
     """The paragraph for all members in the text of a class, or None."""
     for paragraph in " ".join(line or "\n" for line in comment).split("\n"):
         if paragraph.strip().startswith("Members:"):
-            return paragraph.strip().removeprefix("Members:").strip()
+            text = paragraph.strip().removeprefix("Members:").strip()
+            return text[0].upper() + text[1:]
     return None
 
 
@@ -123,11 +127,17 @@ def overridden():
     """What is said of each virtual function; Doxygen does not find it through template bases."""
     texts = {}
     for header in [*pathlib.Path("Pavo").rglob("*.h"), *pathlib.Path("platform").rglob("*.h")]:
-        for found in re.finditer(r"((?: *///.*\n)+) *virtual [^;(]*?(\w+)\(", header.read_text()):
-            lines = (line.strip()[3:].strip() for line in found.group(1).splitlines())
-            text = " ".join(line for line in lines if line not in ("@{", "@}"))
-            texts.setdefault(found.group(2), set()).add(text)
-    return {name: all_of.pop() for name, all_of in texts.items() if len(all_of) == 1}
+        comment, group = [], ""
+        for line in map(str.strip, header.read_text().splitlines()):
+            found = re.match(r"virtual [^;(]*?(\w+)\(", line)
+            if found and (comment or group):
+                texts.setdefault(found.group(1), set()).add(" ".join(comment) or group)
+            if line in ("/// @{", "/// @}"):
+                group = " ".join(comment) if line == "/// @{" else ""
+            else:
+                comment = [*comment, line[3:].strip()] if line.startswith("///") else []
+    return {name: "From the base: " + all_of.pop()
+            for name, all_of in texts.items() if len(all_of) == 1}
 
 
 class Filter:
@@ -194,7 +204,8 @@ class Filter:
         comment = self.comment
         if not stripped.startswith("template <"):
             self.comment = []
-        opened = re.match(r"\s*(?:class|struct|union) (?:\[\[\w+\]\] )?(?:\w+_EXPORT )?(\w+)\b.*", line)
+        opened = re.match(
+            r"\s*(?:class|struct|union) (?:\[\[\w+\]\] )?(?:\w+_EXPORT )?(\w+)\b", line)
         if opened and (line.endswith("{") or declaration(self.lines, at).endswith("{")):
             indent = re.match(r"\s*", line).group() + "    "
             self.scopes.append((indent, opened.group(1), members_text(comment)))
