@@ -257,14 +257,17 @@ class Payload {
 // What follows serves `buildPkt` only.
 namespace layers {
 
+/// The layer has an EtherType.
 template <class T>
 concept HasEtherType = requires(const T& layer) {
     layer.etherType();
 };
+/// The layer has a protocol number in IP.
 template <class T>
 concept HasIpProtocol = requires(const T& layer) {
     layer.ipProtocol();
 };
+/// The layer has addresses that checksums cover.
 template <class T>
 concept HasAddresses = requires(const T& layer) {
     layer.addressSum();

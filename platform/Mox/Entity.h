@@ -20,6 +20,7 @@ namespace Mox {
 class Entity;
 class Notifiee;
 
+/// `Owner` is `T`, or a base of it.
 template <class Owner, class T>
 concept BaseOf = std::derived_from<T, Owner>;
 /// The token of an attribute that entities of class `T` have.

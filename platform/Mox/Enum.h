@@ -63,6 +63,7 @@ constexpr EnumDescription<E, count> enumeration(const char* invalidText,
     return {invalidText, std::to_array(members)};
 }
 
+/// An enumeration of 32 bits with an `enumDescription`: it has a text and a log form.
 template <class E>
 concept Enum = std::is_enum_v<E> && sizeof(E) == 4 && requires(E e) {
     enumDescription(e);

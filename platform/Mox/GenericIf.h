@@ -69,6 +69,7 @@ struct GenericIf {
     std::vector<Attribute> attributes;
 };
 
+/// The strep of a record shows a field of this type.
 template <class Member>
 concept HasFieldStrep = requires(TextWriter& out, const Member& member) {
     Codec<Member>::print(out, member);

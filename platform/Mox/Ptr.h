@@ -124,6 +124,7 @@ inline uint32_t liveObjects() {
 /// Makes `Ptr` take over the reference that an object starts with.
 struct AdoptReference {};
 
+/// A pointer to `U` converts to one to `T`, without a cast.
 template <class U, class T>
 concept PointsTo = std::is_convertible_v<U*, T*>;
 

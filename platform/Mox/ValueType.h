@@ -59,30 +59,37 @@ namespace Mox {
 template <class T>
 class ValueType;
 
+/// A value type: it derives from `ValueType<T>`.
 template <class T>
 concept Value = std::derived_from<T, ValueType<T>>;
 
+/// `T` has the hook `parse`: a text form of its own that is read.
 template <class T>
 concept HasParse = requires(T& value, TextCursor& in) {
     { value.parse(in) } -> std::same_as<const char*>;
 };
+/// `T` has the hook `print`: a text form of its own that is written.
 template <class T>
 concept HasPrint = requires(const T& value, TextWriter& out) {
     value.print(out);
 };
+/// `T` has the hook `parseText`: a text form beside the record.
 template <class T>
 concept HasTextForm = requires(T& value, TextCursor& in) {
     { value.parseText(in) } -> std::same_as<const char*>;
 };
+/// `T` has the hook `check`: a rule between its fields.
 template <class T>
 concept HasCheck = requires(const T& value) {
     { value.check() } -> std::same_as<const char*>;
 };
+/// `T` has the hooks `parseStrep` and `printStrep`: a strep of its own.
 template <class T>
 concept HasStrepForm = requires(const T& value, T& target, TextWriter& out, TextCursor& in) {
     value.printStrep(out);
     { target.parseStrep(in) } -> std::same_as<const char*>;
 };
+/// `T` has the hooks `toLog` and `fromLog`: a log form of its own.
 template <class T>
 concept HasLogForm = requires(const T& value, T& target, NboAttrLog::Out& out, NboAttrLog::In& in) {
     value.toLog(out);

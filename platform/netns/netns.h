@@ -13,6 +13,7 @@
 #pragma once
 
 #if defined(__GNUC__)
+/// Before a function: its symbol is visible outside the library.
 #define NETNS_EXPORT __attribute__((visibility("default")))
 #else
 #define NETNS_EXPORT

@@ -3,6 +3,7 @@
 #pragma once
 
 #if defined(__GNUC__)
+/// Before a function: its symbol is visible outside the library.
 #define TOGGLE_EXPORT __attribute__((visibility("default")))
 #else
 #define TOGGLE_EXPORT
