@@ -149,6 +149,7 @@ class Filter:
         self.last = None  # The name before, if no blank line follows it.
         self.comment = []
         self.group = ""
+        self.access = {}  # The last access label by the number of scopes.
 
     def text_for(self, decl, name):
         shared = shared_form(decl)
@@ -194,10 +195,13 @@ class Filter:
                 return ""
             self.comment.append(text)
             return line
+        if stripped in ("public:", "protected:", "private:"):
+            self.access[len(self.scopes)] = stripped
         if re.match(self.scopes[-1][0][:-4] + r"\};?", line) and len(self.scopes) > 1:
+            self.access.pop(len(self.scopes), None)
             self.scopes.pop()
             self.texts = {}
-            return line
+            return line + " /** @endcond */" * self.is_private()
         result = line
         if stripped == "":
             self.last = None
@@ -210,9 +214,15 @@ class Filter:
             r"\s*(?:class|struct|union) (?:\[\[\w+\]\] )?(?:\w+_EXPORT )?(\w+)\b", line)
         if opened and (line.endswith("{") or declaration(self.lines, at).endswith("{")):
             indent = re.match(r"\s*", line).group() + "    "
-            self.scopes.append((indent, opened.group(1), members_text(comment)))
+            hidden = "/** @cond */ " * self.is_private()
             self.texts = {}
+            self.scopes.append((indent, opened.group(1), members_text(comment)))
+            return hidden + result
         return result
+
+    def is_private(self):
+        """Private classes are hidden as a whole: Doxygen would leave their headings."""
+        return self.access.get(len(self.scopes)) == "private:"
 
     def declared(self, at):
         line = self.lines[at]
