@@ -2,6 +2,7 @@
 
 #include "Mox/GenericIf.h"
 
+#include "fuzz/ValueChecks.h"
 #include "fuzz/ValueOracles.h"
 
 namespace {
@@ -54,9 +55,8 @@ void checkStrep(const Mox::GenericIf& about, bool isRecord, const Mox::String& t
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    fuzz::withNamedType(fuzz::ValueTypes(), fuzz::asText(data, size),
-                        []<class T>(std::type_identity<T>, std::string_view text) {
-                            checkStrep(Mox::genericIf<T>(), !Mox::HasParse<T>, Mox::String(text));
-                        });
+    std::string_view text = fuzz::asText(data, size);
+    const fuzz::ValueChecks& type = fuzz::takeNamedType(&text);
+    checkStrep(*type.about, type.isRecord, Mox::String(text));
     return 0;
 }

@@ -6,7 +6,6 @@
 /// AddressSanitizer sees a reader that looks past the end.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include "Mox/Assert.h"
-#include "Mox/Hash.h"
 #include "Mox/Strep.h"
 #include "Mox/ValueType.h"
 
@@ -189,32 +187,6 @@ void checkLogs(std::string_view log) {
         checkValue(value);
     }
     checkOrder(values);
-}
-
-/// Splits an input into a first line, which names a type, and the rest. An unknown name also
-/// chooses a type, by its hash, so that every type is reached. Calls
-/// `visit(std::type_identity<T>(), rest)`.
-template <class... T, class Visit>
-void withNamedType(TypeList<T...> types, std::string_view input, Visit visit) {
-    const std::size_t newline = input.find('\n');
-    const std::string_view name = input.substr(0, newline);
-    const std::string_view rest =
-        newline == std::string_view::npos ? "" : input.substr(newline + 1);
-    constexpr std::array names = {std::string_view(T::description().typeName)...};
-    Mox::Hash mixer(0);
-    for (const char c : name) {
-        mixer.mix(static_cast<uint8_t>(c));
-    }
-    std::size_t chosen = mixer.result() % names.size();
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        chosen = names[i] == name ? i : chosen;
-    }
-    std::size_t i = 0;
-    forEachType(types, [&](auto type) {
-        if (i++ == chosen) {
-            visit(type, rest);
-        }
-    });
 }
 
 }  // namespace fuzz

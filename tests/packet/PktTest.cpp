@@ -209,7 +209,7 @@ TEST(PktThreads, HoldersOfOneBufferMayBeOnTwoThreads) {
     Mox::PtrInterface::threadSafePointersIs(false);
 }
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef PAVO_ADDRESS_SANITIZER
 // Recycling stays on, so the packet's memory is still there.
 TEST(PktDeath, IsFoundWhenItIsUsedAfterItsEnd) {
     auto pkt = globalPktManager()->newPkt();
