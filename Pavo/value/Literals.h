@@ -27,6 +27,7 @@ namespace Pavo {
 #if defined(__clang__) && __clang_major__ < 15
 #define PAVO_CONSTEVAL constexpr
 #else
+/// `consteval`, where the compiler is able to compile it.
 #define PAVO_CONSTEVAL consteval
 #endif
 
