@@ -232,7 +232,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// The options that are wanted, bits of `IpSocketOptions`; they describe the socket while it is
     /// open.
     uint32_t options() const { return options_; }
-    /// @throws Mox::ErrnoException naming the option that failed.
+    /// @throws Mox::ErrnoException naming the option that failed; `options` then describes the
+    /// socket. A socket that refuses `ipPriority` is closed.
     void optionsIs(uint32_t options);
 
     /// Whether packets are read in batches. While it is on, call only `rxPktBulk`: `rxPkt` returns

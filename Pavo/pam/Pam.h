@@ -123,7 +123,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     uint32_t txDrops() const { return txDrops_; }
     void txDropsIs(uint32_t drops) { attributeIs(txDrops_, drops, txDropsAttr); }
     uint32_t txDropsInc(uint32_t delta) { return attributeInc(txDrops_, delta, txDropsAttr); }
-    /// Sends that failed, and the `errno` of the last attempt (0 when it succeeded).
+    /// Sends that failed; `txErrno` says why, of the last one.
     uint32_t txErrors() const { return txErrors_; }
     void txErrorsIs(uint32_t errors) { attributeIs(txErrors_, errors, txErrorsAttr); }
     uint32_t txErrorsInc(uint32_t delta) { return attributeInc(txErrors_, delta, txErrorsAttr); }

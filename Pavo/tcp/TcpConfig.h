@@ -157,8 +157,8 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     IpDscp txDs() const { return txDs_; }
     void txDsIs(IpDscp dscp) { attributeIs(txDs_, dscp, txDsAttr); }
     /// The smallest TTL, or hop limit, that is accepted: segments below it are dropped silently.
-    /// With `txTtl` and `rxMinTtl` 255 and both options on at both ends, only a direct neighbour is
-    /// heard (GTSM, RFC 5082).
+    /// With `txTtl` and `rxMinTtl` 255 and both options on at both ends, only the segments of a
+    /// direct neighbour are accepted (GTSM, RFC 5082).
     IpTtl rxMinTtl() const { return rxMinTtl_; }
     void rxMinTtlIs(IpTtl ttl) { attributeIs(rxMinTtl_, ttl, rxMinTtlAttr); }
     /// The largest segment announced, in bytes: 88 to 32767, or 0 for the interface's limit.
