@@ -267,7 +267,4 @@ def main():
 
 
 if __name__ == "__main__":
-    if sys.argv[1].endswith(".h"):
-        main()
-    else:
-        sys.stdout.write(pathlib.Path(sys.argv[1]).read_text())
+    main()
