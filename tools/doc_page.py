@@ -3,7 +3,7 @@
 files and layers of the reference. No line is added or removed.
 
 A link whose text is its target, as in a table of contents, also puts the page below this one. What
-has no page, such as a folder of tests, stays as text."""
+has no page, such as a folder of tests, is given by its path."""
 
 import os
 import pathlib
@@ -39,7 +39,7 @@ def reference(text, target, folder):
         return f"[{name}](@ref {path})"
     if re.fullmatch(r"(Pavo|platform)/\w+", path):
         return f"[{name}](@ref {os.path.basename(path).lower()})"
-    return text
+    return text if name == path else f"{text} (`{path}`)"
 
 
 def main():
