@@ -3,9 +3,9 @@
 to the names that mean the same in every class. No line is added or removed, so that warnings keep
 their line numbers.
 
-A member without a text of its own has that of its getter if it is a setter, that of the overload
-in the line before, or the paragraph of its class's text that begins with "Members:". A member whose
-name ends in "_" is left out."""
+A member without a text of its own, or with commands such as @throws alone, has that of its getter
+if it is a setter, that of the overload in the line before, or the paragraph of its class's text that
+begins with "Members:". A member whose name ends in "_" is left out."""
 
 import functools
 import pathlib
@@ -81,6 +81,8 @@ RULES = [
      r"The token of the attribute `\2`, which notifications carry."),
     (r"(constexpr|inline) auto enumDescription\(",
      "The names of the enumerators, which are their text."),
+    (r"(static )?(\w+) \2Instance\(uint32_t value\);", "The enumerator of that number."),
+    (r"(static )?(\w+) \2Instance\(const Mox::String& name\);", "The enumerator of that name."),
     (r"using (CLASS|\w+)::\1;", "The constructors of the base."),
 ]
 PREFIXES = re.compile(r"(?:\[\[\w+\]\] |\w+_EXPORT |constexpr (?!auto)|inline (?!auto))+")
@@ -232,11 +234,14 @@ class Filter:
         own = " ".join(self.comment).split("  ")[0].strip() or self.group
         if not own and re.fullmatch(r".*\w_(\[\w*\])?( = .*|\{.*\})?;( *//.*)?", decl):
             return f"/** @cond */ {line} /** @endcond */"
-        text = own
+        text = ""
         if not self.comment:
             text = own or self.text_for(decl, name)
-            if text:
-                line = re.sub(r"^\s*", lambda m: m.group() + f"/** {text} */ ", line, count=1)
+        elif self.comment[0].startswith("@"):  # The sentence to which the commands belong.
+            text = (self.text_for(decl, name) or "").split("@")[0].strip()
+            own = f"{text} {own}".strip()
+        if text:
+            line = re.sub(r"^\s*", lambda m: m.group() + f"/** {text} */ ", line, count=1)
         if own and name:
             self.texts[name] = own
         self.last = name
