@@ -2,16 +2,17 @@
 
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
+include(PavoExports)
 
 set(PAVO_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/Pavo")
 set(CMAKE_INSTALL_RPATH "$ORIGIN")
 
-# pavo_library(<name> INCLUDE_ROOT <folder> INSTALL_INCLUDES <folder>)
+# pavo_library(<name> INCLUDE_ROOT <folder> INSTALL_INCLUDES <folder> [C_SYMBOLS <name>...])
 # A shared library, known as Pavo::<name> here and to those who find the package. Its headers are
 # included with their path below INCLUDE_ROOT, and installed with that path below INSTALL_INCLUDES.
-# Only what a header marks for export is visible outside.
+# Only what a header marks for export is visible outside; C_SYMBOLS names what of it is plain C.
 function(pavo_library name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE_ROOT;INSTALL_INCLUDES" "")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE_ROOT;INSTALL_INCLUDES" "C_SYMBOLS")
     add_library(${name} SHARED)
     add_library(Pavo::${name} ALIAS ${name})
     set_target_properties(
@@ -27,6 +28,7 @@ function(pavo_library name)
     if(NOT PAVO_SANITIZE)  # The sanitizers' own functions come with the program.
         target_link_options(${name} PRIVATE LINKER:--no-undefined)
     endif()
+    pavo_exports(${name} ${arg_C_SYMBOLS})
     pavo_compile(${name})
     pavo_abi(${name} PUBLIC)
     target_sources(
