@@ -10,9 +10,9 @@ if(PAVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER "${PAVO_CCACHE}")
 endif()
 
-# Warnings are errors here and stay here: a consumer's warnings are its own.
+# Warnings stay here: a consumer's are its own.
 add_library(pavo_warnings INTERFACE)
-target_compile_options(pavo_warnings INTERFACE -Wall -Wextra -Werror)
+target_compile_options(pavo_warnings INTERFACE -Wall -Wextra $<$<BOOL:${PAVO_WERROR}>:-Werror>)
 
 add_library(pavo_sanitizers INTERFACE)
 if(PAVO_SANITIZE)
@@ -29,13 +29,19 @@ function(pavo_compile target)
     )
 endfunction()
 
+# What library and agent must agree on beside the language. On 32-bit x86, time_t and off_t are 64
+# bits wide, and double is computed in SSE registers: in x87 registers the same sum made twice can
+# compare unequal.
+set(PAVO_ABI_DEFINITIONS "")
+set(PAVO_ABI_OPTIONS "")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    set(PAVO_ABI_DEFINITIONS _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+    set(PAVO_ABI_OPTIONS -msse2 -mfpmath=sse)
+endif()
+
 # pavo_abi(<target> PUBLIC|INTERFACE)
-# What library and agent must agree on. On 32-bit x86, time_t and off_t are 64 bits wide, and double
-# is computed in SSE registers: in x87 registers the same sum made twice can compare unequal.
 function(pavo_abi target scope)
     target_compile_features(${target} ${scope} cxx_std_20)
-    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-        target_compile_definitions(${target} ${scope} _FILE_OFFSET_BITS=64 _TIME_BITS=64)
-        target_compile_options(${target} ${scope} -msse2 -mfpmath=sse)
-    endif()
+    target_compile_definitions(${target} ${scope} ${PAVO_ABI_DEFINITIONS})
+    target_compile_options(${target} ${scope} ${PAVO_ABI_OPTIONS})
 endfunction()

@@ -7,13 +7,19 @@ include(PavoExports)
 set(PAVO_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/Pavo")
 set(CMAKE_INSTALL_RPATH "$ORIGIN")
 
+set(PAVO_LIBRARY_TYPE SHARED)
+if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
+    set(PAVO_LIBRARY_TYPE STATIC)
+endif()
+
 # pavo_library(<name> INCLUDE_ROOT <folder> INSTALL_INCLUDES <folder> [C_SYMBOLS <name>...])
-# A shared library, known as Pavo::<name> here and to those who find the package. Its headers are
-# included with their path below INCLUDE_ROOT, and installed with that path below INSTALL_INCLUDES.
-# Only what a header marks for export is visible outside; C_SYMBOLS names what of it is plain C.
+# A library, shared unless BUILD_SHARED_LIBS is off, known as Pavo::<name> here and to those who find
+# the package. Its headers are included with their path below INCLUDE_ROOT, and installed with that
+# path below INSTALL_INCLUDES. Only what a header marks for export is visible outside a shared one;
+# C_SYMBOLS names what of it is plain C.
 function(pavo_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE_ROOT;INSTALL_INCLUDES" "C_SYMBOLS")
-    add_library(${name} SHARED)
+    add_library(${name} ${PAVO_LIBRARY_TYPE})
     add_library(Pavo::${name} ALIAS ${name})
     set_target_properties(
         ${name}
@@ -25,10 +31,12 @@ function(pavo_library name)
     )
     # No program replaces a function of a library by one of the same name: calls inside go straight.
     target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    if(PAVO_LIBRARY_TYPE STREQUAL SHARED)
+        pavo_exports(${name} ${arg_C_SYMBOLS})
+    endif()
     if(NOT PAVO_SANITIZE)  # The sanitizers' own functions come with the program.
         target_link_options(${name} PRIVATE LINKER:--no-undefined)
     endif()
-    pavo_exports(${name} ${arg_C_SYMBOLS})
     pavo_compile(${name})
     pavo_abi(${name} PUBLIC)
     target_sources(
@@ -36,12 +44,14 @@ function(pavo_library name)
         PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_INCLUDE_ROOT}"
         PUBLIC FILE_SET forwards TYPE HEADERS BASE_DIRS "${PROJECT_BINARY_DIR}/include"
     )
-    install(
-        TARGETS ${name}
-        EXPORT PavoTargets
-        FILE_SET HEADERS DESTINATION "${arg_INSTALL_INCLUDES}"
-        FILE_SET forwards DESTINATION "${arg_INSTALL_INCLUDES}"
-    )
+    if(PAVO_INSTALL)
+        install(
+            TARGETS ${name}
+            EXPORT PavoTargets
+            FILE_SET HEADERS DESTINATION "${arg_INSTALL_INCLUDES}"
+            FILE_SET forwards DESTINATION "${arg_INSTALL_INCLUDES}"
+        )
+    endif()
 endfunction()
 
 # pavo_units(<library> [PRIVATE <unit>...])
@@ -55,7 +65,9 @@ function(pavo_units library)
     foreach(header IN LISTS headers)
         pavo_check_header(${library} "${header}")
         cmake_path(GET header STEM unit)
-        if(NOT unit IN_LIST arg_PRIVATE)
+        if(unit IN_LIST arg_PRIVATE)
+            set_property(GLOBAL APPEND_STRING PROPERTY PAVO_PRIVATE_HEADERS "${unit}.h\n")
+        else()
             target_sources(${library} PUBLIC FILE_SET HEADERS FILES "${header}")
             pavo_forward_header(${library} ${unit})
         endif()
@@ -96,10 +108,36 @@ function(pavo_check_header library header)
     target_sources(${library}_header_check PRIVATE "${source}")
 endfunction()
 
+# pavo.pc, for projects built without CMake. It finds its own folder, so the installed tree can be
+# moved.
+function(pavo_install_pkgconfig)
+    set(folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+    cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+               BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}/${folder}" OUTPUT_VARIABLE prefix
+    )
+    set(cflags -std=c++20 ${PAVO_ABI_OPTIONS})
+    foreach(definition IN LISTS PAVO_ABI_DEFINITIONS)
+        list(APPEND cflags "-D${definition}")
+    endforeach()
+    list(JOIN cflags " " cflags)
+    # Headers use Mox and Keel, so programs link them too. Of what only sources use, shared libraries
+    # know themselves.
+    set(libs "-lPavo -lKeel -lMox")
+    set(requires "")
+    if(PAVO_LIBRARY_TYPE STREQUAL STATIC)
+        string(APPEND libs " -lnetns -ltoggle")
+        set(requires "libpcap libpcre2-8")
+    endif()
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/pavo.pc.in" "${PROJECT_BINARY_DIR}/pavo.pc" @ONLY)
+    install(FILES "${PROJECT_BINARY_DIR}/pavo.pc" DESTINATION "${folder}")
+endfunction()
+
 # pavo_install_package()
 # Lets other projects say find_package(Pavo) and link Pavo::Pavo: with the installed package, and
 # with the build tree as Pavo_DIR.
 function(pavo_install_package)
+    get_property(private GLOBAL PROPERTY PAVO_PRIVATE_HEADERS)
+    file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/private-headers.txt" CONTENT "${private}" @ONLY)
     set(config "${PROJECT_BINARY_DIR}/PavoConfig.cmake")
     configure_package_config_file(
         "${PROJECT_SOURCE_DIR}/cmake/PavoConfig.cmake.in" "${config}"
@@ -113,4 +151,5 @@ function(pavo_install_package)
     )
     install(EXPORT PavoTargets NAMESPACE Pavo:: DESTINATION "${PAVO_INSTALL_CMAKEDIR}")
     export(EXPORT PavoTargets NAMESPACE Pavo:: FILE "${PROJECT_BINARY_DIR}/PavoTargets.cmake")
+    pavo_install_pkgconfig()
 endfunction()

@@ -1,6 +1,6 @@
 # Test, benchmark and example programs.
 
-if(BUILD_TESTING)
+if(PAVO_TESTS)
     find_package(GTest REQUIRED)
     find_package(Python3 REQUIRED COMPONENTS Interpreter)
     include(GoogleTest)

@@ -1,5 +1,6 @@
-# Installs the build into an empty folder, then configures, builds and runs the consumer against what
-# was installed, and against the build tree. Private headers are installed nowhere.
+# Installs the build into an empty folder and moves that, then builds and runs consumers: by the
+# installed CMake package, by pkg-config, by the build tree, and with the source tree taken in.
+# Private headers are installed nowhere.
 #
 #   cmake -DBUILD=<build tree> -DSOURCE=<this folder> -DGENERATOR=<generator> -DCXX=<compiler>
 #         -DCXX_FLAGS=<flags> -P check.cmake
@@ -21,26 +22,52 @@ function(run)
     message("${output}")
 endfunction()
 
-# consume(<name> <definition>): the consumer finds the package by that definition.
-function(consume name definition)
-    run("${CMAKE_COMMAND}" -G "${GENERATOR}" -S "${SOURCE}" -B "${work}/${name}"
+# configure(<name> <folder> <definition>)
+function(configure name folder definition)
+    run("${CMAKE_COMMAND}" -G "${GENERATOR}" -S "${folder}" -B "${work}/${name}"
         "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "${definition}"
     )
+endfunction()
+
+# consume(<name> <definition>): the consumer finds the package by that definition.
+function(consume name definition)
+    configure(${name} "${SOURCE}" "${definition}")
     run("${CMAKE_COMMAND}" --build "${work}/${name}")
     run("${work}/${name}/consumer")
 endfunction()
 
+set(prefix "${work}/moved")
 run("${CMAKE_COMMAND}" --install "${BUILD}" --prefix "${work}/prefix")
+file(RENAME "${work}/prefix" "${prefix}")
 foreach(header IN ITEMS IpAddr.h value/IpAddr.h pam/PamFdSm.h platform/Mox/Ptr.h)
-    if(NOT EXISTS "${work}/prefix/include/Pavo/${header}")
+    if(NOT EXISTS "${prefix}/include/Pavo/${header}")
         message(FATAL_ERROR "include/Pavo/${header} is not installed")
     endif()
 endforeach()
-file(GLOB_RECURSE private "${work}/prefix/include/*/RawIpFamily.h"
-     "${work}/prefix/include/*/TcpPduReader.h" "${work}/prefix/include/*/ServiceThread.h"
-)
-if(private)
-    message(FATAL_ERROR "private headers are installed: ${private}")
+file(STRINGS "${BUILD}/private-headers.txt" private)
+if(NOT private)
+    message(FATAL_ERROR "no header is private")
 endif()
-consume(installed "-DCMAKE_PREFIX_PATH=${work}/prefix")
+foreach(header IN LISTS private)
+    file(GLOB_RECURSE installed "${prefix}/include/${header}")
+    if(installed)
+        message(FATAL_ERROR "a private header is installed: ${installed}")
+    endif()
+endforeach()
+
+consume(installed "-DCMAKE_PREFIX_PATH=${prefix}")
 consume(build-tree "-DPavo_DIR=${BUILD}")
+
+file(GLOB_RECURSE pc "${prefix}/pavo.pc")
+cmake_path(GET pc PARENT_PATH folder)
+file(COPY "${SOURCE}/Makefile" "${SOURCE}/main.cpp" DESTINATION "${work}/plain-make")
+run("${CMAKE_COMMAND}" -E env "PKG_CONFIG_PATH=${folder}" "CXX=${CXX}" "CXXFLAGS=${CXX_FLAGS}"
+    make -C "${work}/plain-make"
+)
+cmake_path(GET folder PARENT_PATH libraries)
+run("${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${libraries}" "${work}/plain-make/consumer")
+
+# The framework alone is built with the consumer here; `./dev package --check` builds all.
+configure(tree "${SOURCE}/tree" "-DPAVO_SOURCE=${SOURCE}/../..")
+run("${CMAKE_COMMAND}" --build "${work}/tree" --target entity-consumer)
+run("${work}/tree/entity-consumer")
