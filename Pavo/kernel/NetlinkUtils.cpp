@@ -239,7 +239,7 @@ int addattr_l(nlmsghdr* n, int bound, int type, const void* data, int alen) {
         return -1;
     }
     auto* const bytes = reinterpret_cast<unsigned char*>(n);
-    std::memset(bytes + n->nlmsg_len, 0, end - n->nlmsg_len);
+    std::memset(bytes + n->nlmsg_len, 0, static_cast<std::size_t>(end - n->nlmsg_len));
     const rtattr attribute = {static_cast<uint16_t>(length), static_cast<uint16_t>(type)};
     std::memcpy(bytes + start, &attribute, sizeof(attribute));
     if (alen > 0) {

@@ -45,7 +45,7 @@ void addWords(Blocks* to, Number... number) {
 }
 
 constexpr uint32_t padding(uint32_t bytes) {
-    return -bytes % sizeof(uint32_t);
+    return (0u - bytes) % sizeof(uint32_t);
 }
 
 void addPadding(Blocks* to, uint32_t bytes) {

@@ -71,7 +71,7 @@ Mox::Ptr<Pkt> roomAgain(const Mox::Ptr<Pkt>& pkt, uint32_t bytes) {
 // than the packet.
 void shrinkTo(Pkt& pkt, std::size_t received) {
     const uint32_t room = pkt.totalBytes();
-    pkt.delSharedTailData(room - std::min<std::size_t>(received, room));
+    pkt.delSharedTailData(received < room ? room - static_cast<uint32_t>(received) : 0);
 }
 
 // Takes a byte, or an int that holds one (TTL, hop limit, traffic class).

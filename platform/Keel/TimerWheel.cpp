@@ -120,7 +120,7 @@ void TimerWheel::Wheel::place(Notifiee* timer) {
         return;
     }
     const auto level = (63u - static_cast<uint32_t>(std::countl_zero(tick ^ current))) / levelBits;
-    const uint64_t index = tick >> (level * levelBits) & (levelSlots - 1);
+    const auto index = static_cast<uint32_t>(tick >> (level * levelBits) & (levelSlots - 1));
     Slot& slot = byLevel[level].slots[index];
     if (slot.ring.isAlone()) {
         slot.earliest = idle;

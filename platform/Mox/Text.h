@@ -184,14 +184,15 @@ class TextWriter {
         char* first = digits + sizeof(digits);
         while (value >= 100) {
             first -= 2;
-            std::memcpy(first, &decimalPairs[2 * (value % 100)], 2);
+            std::memcpy(first, &decimalPairs[2 * static_cast<std::size_t>(value % 100)], 2);
             value /= 100;
         }
-        if (value >= 10) {
+        const auto rest = static_cast<std::size_t>(value);
+        if (rest >= 10) {
             first -= 2;
-            std::memcpy(first, &decimalPairs[2 * value], 2);
+            std::memcpy(first, &decimalPairs[2 * rest], 2);
         } else {
-            *--first = static_cast<char>('0' + value);
+            *--first = static_cast<char>('0' + rest);
         }
         const auto length = static_cast<std::size_t>(digits + sizeof(digits) - first);
         std::memcpy(at, first, length);
