@@ -10,6 +10,7 @@
 
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
+#include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Mox/ValueType.h"
@@ -88,7 +89,7 @@ class ShortPrefix : public Mox::ValueType<ShortPrefix> {
     ShortPrefix(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// Empty for the long prefix.
-    const Mox::String& value() const { return value_; }
+    const Mox::String& value() const MOX_LIFETIME_BOUND { return value_; }
     /// Not empty.
     explicit operator bool() const { return !value_.empty(); }
 

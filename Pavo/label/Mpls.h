@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "Mox/Enum.h"
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
@@ -157,8 +158,8 @@ class MplsLabelOperationBase : public Mox::ValueType<Self> {
         : operation_(checked(operation)), rawValue_(rawValue), stack_(std::move(stack)) {}
 
     /// The stack, to be changed by its own rules.
-    const Stack& stack() const { return stack_; }
-    Stack& stack() { return stack_; }
+    const Stack& stack() const MOX_LIFETIME_BOUND { return stack_; }
+    Stack& stack() MOX_LIFETIME_BOUND { return stack_; }
 
   private:
     static constexpr uint8_t controlWordBit = 1;
@@ -200,7 +201,7 @@ class MplsLabelOperation
     MplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The whole stack, pairs included.
-    const BoundedMplsLabelStack& boundedLabelStack() const { return stack(); }
+    const BoundedMplsLabelStack& boundedLabelStack() const MOX_LIFETIME_BOUND { return stack(); }
     void boundedLabelStackIs(const BoundedMplsLabelStack& labels) { stack() = labels; }
 
     /// The ordinary label of that index, the null label past the stack; set as `labelStackIs` does.
@@ -249,7 +250,7 @@ class UnboundedMplsLabelOperation
     UnboundedMplsLabelOperation(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The whole stack, pairs included.
-    const DynamicMplsLabelStack& dynamicLabelStack() const { return stack(); }
+    const DynamicMplsLabelStack& dynamicLabelStack() const MOX_LIFETIME_BOUND { return stack(); }
     void dynamicLabelStackIs(DynamicMplsLabelStack labels) { stack() = std::move(labels); }
 
     static constexpr const char* typeName = "Pavo::UnboundedMplsLabelOperation";

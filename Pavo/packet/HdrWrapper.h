@@ -18,6 +18,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/FwkType.h"
+#include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"
 
 #include "Pavo/packet/Pkt.h"
@@ -121,7 +122,7 @@ class HdrView {
 /// The record at `offset` of the first iovec. Null with `pktTooShort` where the iovec ends before
 /// the record does, else with what the record's own `check` finds.
 template <class Hdr>
-HdrView<Hdr> tryHdr(const Mox::Ptr<Pkt>& pkt, uint32_t offset) {
+HdrView<Hdr> tryHdr(const Mox::Ptr<Pkt>& pkt MOX_LIFETIME_BOUND, uint32_t offset) {
     const uint32_t frontBytes = pkt->frontBytes();
     if (uint64_t{offset} + sizeof(Hdr) > frontBytes) {
         return PktErrors::pktTooShort;

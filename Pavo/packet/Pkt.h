@@ -8,6 +8,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/FwkType.h"
+#include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 
@@ -84,7 +85,7 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     uint32_t numIovecs() const { return maxIovecs_ - firstIoVec_; }
     /// Entry `i` of the table, in use or not.
     /// @throws Mox::RangeException "no such iovec" from `maxIovecs_` on.
-    const Iovec& iovec(uint32_t i) const {
+    const Iovec& iovec(uint32_t i) const MOX_LIFETIME_BOUND {
         if (i >= maxIovecs_) {
             throwNoSuchIovec();
         }
@@ -93,7 +94,9 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     /// @throws Mox::RangeException "no such iovec"
     [[noreturn]] static void throwNoSuchIovec();
     /// The entries in use, in the order of their bytes.
-    std::span<const Iovec> iovecs() const { return {iovecs_ + firstIoVec_, numIovecs()}; }
+    std::span<const Iovec> iovecs() const MOX_LIFETIME_BOUND {
+        return {iovecs_ + firstIoVec_, numIovecs()};
+    }
     /// Writes them into a table of `{data, bytes}` records as system calls take it, such as `iovec`
     /// (readv(2)), and returns how many.
     template <class Piece>
@@ -106,8 +109,10 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     }
 
     /// The start of the first iovec in use, null without data.
-    uint8_t* frontData() { return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data; }
-    const uint8_t* frontData() const {
+    uint8_t* frontData() MOX_LIFETIME_BOUND {
+        return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data;
+    }
+    const uint8_t* frontData() const MOX_LIFETIME_BOUND {
         return firstIoVec_ == maxIovecs_ ? nullptr : iovecs_[firstIoVec_].data;
     }
     /// The length of the first iovec in use, 0 without data: how far a header may reach.
@@ -121,11 +126,11 @@ class PAVO_EXPORT Pkt final : public Mox::Described<Pkt> {
     bool isLinear() const { return frontBytes() == totalBytes(); }
     /// All bytes of a packet in one piece. Fatal for one in two: "isLinear()". The bytes of one
     /// piece are `iovec(i).span()`.
-    std::span<uint8_t> span() {
+    std::span<uint8_t> span() MOX_LIFETIME_BOUND {
         requireLinear();
         return {frontData(), frontBytes()};
     }
-    std::span<const uint8_t> span() const {
+    std::span<const uint8_t> span() const MOX_LIFETIME_BOUND {
         requireLinear();
         return {frontData(), frontBytes()};
     }

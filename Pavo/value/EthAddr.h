@@ -8,6 +8,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
@@ -239,9 +240,9 @@ class EthAddrWithMask : public Mox::ValueType<EthAddrWithMask> {
     EthAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As it was given: bits outside the mask are kept.
-    constexpr const EthAddr& mac() const { return mac_; }
+    constexpr const EthAddr& mac() const MOX_LIFETIME_BOUND { return mac_; }
     /// Its one bits are those that count.
-    constexpr const EthAddr& mask() const { return mask_; }
+    constexpr const EthAddr& mask() const MOX_LIFETIME_BOUND { return mask_; }
 
     friend constexpr auto operator<=>(const EthAddrWithMask&, const EthAddrWithMask&) = default;
 

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
@@ -277,7 +278,7 @@ template <class T>
 class Ip6AddrAndLen : public Mox::ValueType<T> {
   public:
     /// As it was given, with its host bits where the type allows them.
-    constexpr const Ip6Addr& address() const { return address_; }
+    constexpr const Ip6Addr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// In bits.
     constexpr uint32_t len() const { return len_; }
 
@@ -369,9 +370,9 @@ class Ip6AddrWithFullMask : public Mox::ValueType<Ip6AddrWithFullMask> {
     Ip6AddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As it was given, bits outside the mask included.
-    constexpr const Ip6Addr& address() const { return address_; }
+    constexpr const Ip6Addr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// Its one bits are those that count; they need not be contiguous.
-    constexpr const Ip6Addr& mask() const { return mask_; }
+    constexpr const Ip6Addr& mask() const MOX_LIFETIME_BOUND { return mask_; }
 
     /// The mask's length, `Ip6PrefixLen::invalid` when it is not ones followed by zeros.
     constexpr Ip6PrefixLen prefixLen() const { return ip6AddrToPrefixLen(mask_); }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
@@ -143,7 +144,7 @@ class IpAddrWithMask : public Mox::ValueType<IpAddrWithMask> {
     IpAddrWithMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As it was given, with its host bits.
-    constexpr const IpAddr& address() const { return address_; }
+    constexpr const IpAddr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// The mask length in bits.
     constexpr uint32_t len() const { return len_; }
 
@@ -180,7 +181,7 @@ class IpAddrWithFullMask : public Mox::ValueType<IpAddrWithFullMask> {
     IpAddrWithFullMask(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// As it was given, bits outside the mask included.
-    constexpr const IpAddr& address() const { return address_; }
+    constexpr const IpAddr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// The mask in host order: the most significant bit is the first mask bit.
     constexpr uint32_t mask() const { return mask_; }
 
@@ -228,7 +229,7 @@ class Prefix : public Mox::ValueType<Prefix>, public PrefixOps<Prefix> {
     }
 
     /// The address of the network: its host bits are zero, except at the length 0xffffffff.
-    constexpr const IpAddr& address() const { return address_; }
+    constexpr const IpAddr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// In bits: 0 to 32, or 0xffffffff.
     constexpr uint32_t len() const { return len_; }
 
@@ -317,7 +318,7 @@ class IpAndPort : public Mox::ValueType<IpAndPort> {
     IpAndPort(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// Any address, the wildcard 0.0.0.0 among them.
-    constexpr const IpAddr& ip() const { return ip_; }
+    constexpr const IpAddr& ip() const MOX_LIFETIME_BOUND { return ip_; }
     /// In host order.
     constexpr uint16_t port() const { return port_; }
 

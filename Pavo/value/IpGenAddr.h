@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "Mox/Enum.h"
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
@@ -71,7 +72,7 @@ class IpGenAddr : public Mox::ValueType<IpGenAddr> {
     /// `ipunknown` until an address is given.
     constexpr AddressFamily af() const { return af_; }
     /// The sixteen bytes that hold the address.
-    constexpr const Ip6Addr& address() const { return address_; }
+    constexpr const Ip6Addr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// No byte is set that the family has no use for.
     static constexpr bool isAddress(AddressFamily af, const Ip6Addr& address) {
         return address == address.ip6AddrMaskedByLength(addressBits(af));

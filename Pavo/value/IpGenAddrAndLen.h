@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "Mox/Lifetime.h"
 #include "Mox/ValueType.h"
 
 #include "Pavo/value/Ip6Addr.h"
@@ -24,7 +25,7 @@ class IpGenAddrAndLen : public Mox::ValueType<T> {
     /// `ipunknown` until an address is given.
     constexpr AddressFamily af() const { return af_; }
     /// The sixteen bytes that hold the address.
-    constexpr const Ip6Addr& address() const { return address_; }
+    constexpr const Ip6Addr& address() const MOX_LIFETIME_BOUND { return address_; }
     /// In bits.
     constexpr uint32_t len() const { return len_; }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "Mox/Lifetime.h"
 #include "Mox/String.h"
 #include "Mox/ValueType.h"
 
@@ -36,7 +37,7 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
     PAVO_EXPORT static NamespaceName defaultNamespace();
 
     /// Empty by default, which is not equal to `defaultNamespace()`.
-    const Mox::String& value() const { return value_; }
+    const Mox::String& value() const MOX_LIFETIME_BOUND { return value_; }
     /// A name that is refused leaves the value unchanged.
     PAVO_EXPORT void valueIs(const Mox::String& value);
 

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Mox/Lifetime.h"
+
 #include "Pavo/base/Export.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/Ip6Addr.h"
@@ -52,14 +54,16 @@ struct SockAddr {
     PAVO_EXPORT explicit SockAddr(const IpGenAddr& address, Port port = 0, uint32_t scopeId = 0);
 
     /// For the system's calls, with `length` or `room()`.
-    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    sockaddr* get() MOX_LIFETIME_BOUND { return reinterpret_cast<sockaddr*>(&storage); }
     /// For a call that writes an address of any family and its length.
-    socklen_t* room() {
+    socklen_t* room() MOX_LIFETIME_BOUND {
         length = sizeof(storage);
         return &length;
     }
     /// For the system's calls, with `length`.
-    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+    const sockaddr* get() const MOX_LIFETIME_BOUND {
+        return reinterpret_cast<const sockaddr*>(&storage);
+    }
 
     /// The address, of an unknown family where this is neither AF_INET nor AF_INET6, or is shorter
     /// than an address of its family; port and scope are then 0.

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Mox/Export.h"
+#include "Mox/Lifetime.h"
 
 namespace Mox {
 
@@ -164,7 +165,7 @@ class Ptr {
     /// The object, or null.
     /// @{
     T* ptr() const { return object_; }
-    T* operator->() const { return object_; }
+    T* operator->() const MOX_LIFETIME_BOUND { return object_; }
     T& operator*() const { return *object_; }
     /// @}
     /// Not null.

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "Mox/Lifetime.h"
+
 namespace Mox {
 
 /// A text: contiguous, with storage for short texts inside the object, made from and viewed as a
@@ -35,16 +37,16 @@ class String {
     /// Without a byte.
     bool empty() const { return text_.empty(); }
 
-    IteratorConst begin() const { return text_.data(); }
-    IteratorConst end() const { return text_.data() + text_.size(); }
+    IteratorConst begin() const MOX_LIFETIME_BOUND { return text_.data(); }
+    IteratorConst end() const MOX_LIFETIME_BOUND { return text_.data() + text_.size(); }
     /// The bytes, `bytes()` of them and a NUL.
-    const char* data() const { return text_.data(); }
+    const char* data() const MOX_LIFETIME_BOUND { return text_.data(); }
     /// The text, terminated by a NUL.
-    const char* c_str() const { return text_.c_str(); }
+    const char* c_str() const MOX_LIFETIME_BOUND { return text_.c_str(); }
     /// A view that is valid until the string changes.
     /// @{
-    std::string_view view() const { return text_; }
-    operator std::string_view() const { return text_; }
+    std::string_view view() const MOX_LIFETIME_BOUND { return text_; }
+    operator std::string_view() const MOX_LIFETIME_BOUND { return text_; }
     /// @}
 
     /// Appends the bytes.
@@ -87,9 +89,9 @@ class Bytes {
     /// Without a byte.
     bool empty() const { return bytes_.empty(); }
     /// The bytes, `bytes()` of them.
-    const uint8_t* data() const { return bytes_.data(); }
-    const uint8_t* begin() const { return data(); }
-    const uint8_t* end() const { return data() + bytes_.size(); }
+    const uint8_t* data() const MOX_LIFETIME_BOUND { return bytes_.data(); }
+    const uint8_t* begin() const MOX_LIFETIME_BOUND { return data(); }
+    const uint8_t* end() const MOX_LIFETIME_BOUND { return data() + bytes_.size(); }
     /// @pre `i < bytes()`.
     uint8_t operator[](uint32_t i) const { return bytes_[i]; }
 
