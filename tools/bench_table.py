@@ -7,7 +7,7 @@ PROGRAMS-FILE names a program a line. A benchmark called LINE/pavo is compared w
 the same program. All figures of a program come from one run, in which repetitions of all its
 benchmarks are interleaved at random; the figure is the median. The ratio says how many times faster
 Pavo is. With --write, the table is also written as a Markdown page with a description of the
-machine.
+machine, and drawn beside it (bench_plot.py).
 """
 
 import json
@@ -16,6 +16,8 @@ import platform
 import re
 import subprocess
 import sys
+
+import bench_plot
 
 REPETITIONS = 9
 
@@ -112,19 +114,24 @@ def show(rows):
 
 
 def machine():
+    """The processor and the kernel."""
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         model = re.search(r"model name\s*: (.*)", file.read())
-    compiler = subprocess.run(["c++", "--version"], check=True, stdout=subprocess.PIPE,
-                              text=True).stdout.splitlines()[0]
     return (f"{model.group(1) if model else 'unknown processor'}, {os.cpu_count()} cores, "
-            f"Linux {platform.release()} {platform.machine()}, {compiler}, -O2")
+            f"Linux {platform.release()} {platform.machine()}")
 
 
-def page(rows):
+def compiler():
+    return subprocess.run(["c++", "--version"], check=True, stdout=subprocess.PIPE,
+                          text=True).stdout.splitlines()[0] + ", -O2"
+
+
+def page(rows, plot):
     lines = ["# Benchmarks", "",
              "Written by `./dev bench --write docs/benchmarks.md`: medians of repetitions, Pavo and",
              "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
-             "within 10 %. A line of socket work is a burst of 64 packets.", "", machine() + ".", "",
+             "within 10 %. A line of socket work is a burst of 64 packets.", "", f"{machine()}, {compiler()}.", "",
+             f"![The ratio to the best peer, by line]({plot})", "",
              "| " + " | ".join(HEADINGS) + " |", "|" + " --- |" * len(HEADINGS)]
     lines += ["| " + " | ".join(row) + " |" for row in rows]
     return "\n".join(lines) + "\n"
@@ -154,8 +161,10 @@ def main():
             with open(path, encoding="utf-8") as file:
                 text = file.read()
             notes = "\n" + text[text.index("## "):] if "## " in text else ""
+        plot = os.path.splitext(path)[0] + ".svg"
         with open(path, "w", encoding="utf-8") as file:
-            file.write(page(rows) + notes)
+            file.write(page(rows, os.path.basename(plot)) + notes)
+        bench_plot.write(path, plot)
 
 
 if __name__ == "__main__":
