@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Mox/Assert.h"
+#include "Pavo/base/FirstException.h"
 
 namespace Pavo {
 
@@ -121,9 +122,11 @@ void Ip6Pam::testRead() {
         return;
     }
     const RxInfo rx = rxInfoOf(info);
-    packetInfoIs(rx, options() & reported);
-    rxPktCountInc(1);
+    FirstException exception;
+    exception.collect([&] { packetInfoIs(rx, options() & reported); });
+    exception.collect([&] { rxPktCountInc(1); });
     rxPktIs(info.pkt, rx);
+    exception.rethrow();
 }
 
 int32_t Ip6Pam::testBulkRead() {
