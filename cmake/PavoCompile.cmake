@@ -10,23 +10,22 @@ if(PAVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER "${PAVO_CCACHE}")
 endif()
 
-# Warnings stay here: a consumer's are its own.
-add_library(pavo_warnings INTERFACE)
-target_compile_options(pavo_warnings INTERFACE -Wall -Wextra $<$<BOOL:${PAVO_WERROR}>:-Werror>)
+set(PAVO_WARNINGS -Wall -Wextra)
+if(PAVO_WERROR)
+    list(APPEND PAVO_WARNINGS -Werror)
+endif()
 
-add_library(pavo_sanitizers INTERFACE)
+set(PAVO_SANITIZERS "")
 if(PAVO_SANITIZE)
-    set(pavo_sanitize_flags "-fsanitize=${PAVO_SANITIZE}" -fno-sanitize-recover=all)
-    target_compile_options(pavo_sanitizers INTERFACE ${pavo_sanitize_flags})
-    target_link_options(pavo_sanitizers INTERFACE ${pavo_sanitize_flags})
+    set(PAVO_SANITIZERS "-fsanitize=${PAVO_SANITIZE}" -fno-sanitize-recover=all)
 endif()
 
 # pavo_compile(<target>)
-# Builds <target> the way this tree does, with nothing passed on to those who link it.
+# Builds <target> the way this tree does, with nothing passed on to those who link it. These are
+# options and no interface targets, which a static library would pass on to be linked.
 function(pavo_compile target)
-    target_link_libraries(
-        ${target} PRIVATE $<BUILD_INTERFACE:pavo_warnings> $<BUILD_INTERFACE:pavo_sanitizers>
-    )
+    target_compile_options(${target} PRIVATE ${PAVO_WARNINGS} ${PAVO_SANITIZERS})
+    target_link_options(${target} PRIVATE ${PAVO_SANITIZERS})
 endfunction()
 
 # What library and agent must agree on beside the language. On 32-bit x86, time_t and off_t are 64
