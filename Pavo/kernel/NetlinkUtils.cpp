@@ -90,7 +90,8 @@ bool sendNumbered(netlinkHandle* h, nlmsghdr* msg) {
 
 // The bytes after the header of an attribute, whose `rta_len` may hold any number.
 uint32_t payloadBytes(const rtattr* attribute) {
-    return attribute->rta_len < RTA_LENGTH(0) ? 0 : attribute->rta_len - RTA_LENGTH(0);
+    constexpr uint32_t headBytes = RTA_LENGTH(0);
+    return attribute->rta_len < headBytes ? 0 : attribute->rta_len - headBytes;
 }
 
 template <class Address>

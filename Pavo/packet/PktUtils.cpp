@@ -62,7 +62,7 @@ PktErrors checkEthIpHdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, IpHdr*& ip) {
         MOX_TRACE(facility, faultLevel, "Ip hdr is not IPv4");
         return PktErrors::nonIpHdr;
     }
-    if (!areLengthsGood(*ip, pkt->totalBytes() - sizeof(EthHdr))) {
+    if (!areLengthsGood(*ip, pkt->totalBytes() - uint32_t{sizeof(EthHdr)})) {
         MOX_TRACE(facility, faultLevel,
                   "IPv4 payload length is larger than the actual packet size");
         return PktErrors::badIpPayloadLen;
