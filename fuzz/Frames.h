@@ -76,7 +76,7 @@ inline uint32_t plainSum(std::string_view bytes, uint32_t sum) {
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
         sum += loadAt<uint16_t>(bytes, i);
     }
-    return bytes.size() % 2 == 0 ? sum : sum + (static_cast<uint8_t>(bytes.back()) << 8);
+    return bytes.size() % 2 == 0 ? sum : sum + (uint32_t{static_cast<uint8_t>(bytes.back())} << 8);
 }
 
 /// The checksum that such a sum folds to.

@@ -64,7 +64,7 @@ class LossyLink {
     void launch(Side* to, Mox::Ptr<Pavo::Pkt> pkt);
     void land();
     // Evenly from 0 up to, but not including, 1.
-    double draw() { return random_() / 4294967296.0; }
+    double draw() { return static_cast<double>(random_()) / 4294967296.0; }
 
     LinkFaults faults_;
     std::mt19937 random_;

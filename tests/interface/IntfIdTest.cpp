@@ -96,8 +96,8 @@ TEST(IntfId, IsReadBackFromItsNames) {
         std::string numbers;
         uint32_t shown = 0;
         for (uint32_t k = 0; k < about.widths.size(); ++k) {
-            const uint32_t number =
-                (random() & ((1u << about.widths[k]) - 1)) >> (random() % (about.widths[k] + 1));
+            const auto number = static_cast<uint32_t>((random() & ((1u << about.widths[k]) - 1)) >>
+                                                      (random() % (about.widths[k] + 1)));
             id.partIs(k, number);
             const bool isSub = about.hasSub && k + 1 == about.widths.size();
             if (!isSub || number != 0) {

@@ -150,7 +150,7 @@ TEST_F(NamespaceTest, FollowsAModelInARandomProgramThatSharesNamesWithIp) {
     std::mt19937 random(4711);
     const char* const names[] = {"a", "b", DEFAULT_NS};
     for (int step = 0; step < 150; ++step) {
-        const unsigned operation = random() % 6;
+        const auto operation = static_cast<unsigned>(random() % 6);
         const char* const name = names[random() % std::size(names)];
         SCOPED_TRACE(testing::Message() << "step " << step << ": " << operation << " " << name);
         model.step(operation, name);
@@ -288,7 +288,7 @@ TEST_F(NamespaceTest, ReturnsAtTheSecondAttemptOrEndsTheProcess) {
     hereAndAway([&] {
         const auto before = state();
         traces.clear();
-        for (const unsigned n : {1, 2}) {  // The return, and entering it for `lo`.
+        for (const unsigned n : {1u, 2u}) {  // The return, and entering it for `lo`.
             EXPECT_EQ(failing(n, false, add), -1);
             EXPECT_EQ(errno, EPERM);
             EXPECT_EQ(state(), before);

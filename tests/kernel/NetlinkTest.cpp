@@ -32,7 +32,8 @@ using testing::HasSubstr;
 
 std::string hex(std::string_view bytes) {
     std::ostringstream out;
-    for (const unsigned char byte : bytes) {
+    for (const char each : bytes) {
+        const auto byte = static_cast<uint8_t>(each);
         out << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 0xf];
     }
     return out.str();

@@ -202,8 +202,8 @@ TEST(MplsLabel, PrintsNames) {
               "DynamicMplsLabelStack(stackSize:2, labels:[16, 17], entropyLabelBitMap:8, "
               "entropyLabelIndicatorBitMap:4)");
     std::string pretty;
-    for (const uint32_t label : {0u, 1u, 2u, 3u, 7u, 16u, none, 0x100001u, el, 0x800000u}) {
-        pretty += MplsLabel(label).prettyString() + " ";
+    for (const uint32_t value : {0u, 1u, 2u, 3u, 7u, 16u, none, 0x100001u, el, 0x800000u}) {
+        pretty += MplsLabel(value).prettyString() + " ";
     }
     EXPECT_EQ(pretty,
               "exp-null-v4(0) router-alert(1) exp-null-v6(2) imp-null(3) entropy-indicator(7) 16 "

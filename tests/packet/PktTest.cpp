@@ -36,20 +36,21 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
         std::string bytes;
     };
     std::mt19937 random(1);
+    const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };
     uint32_t inPlace = 0;
     for (int program = 0; program < 500; ++program) {
         std::vector<Holder> holders;
         for (int step = 0; step < 60; ++step) {
             if (holders.empty() || random() % 16 == 0) {
                 const bool isRecycled = random() % 2 == 0;
-                holders.push_back({isRecycled ? globalPktManager()->newPkt()
-                                              : pktWith(random() % 9, "", random() % 40),
-                                   ""});
+                holders.push_back(
+                    {isRecycled ? globalPktManager()->newPkt() : pktWith(below(9), "", below(40)),
+                     ""});
             }
             const std::size_t at = random() % holders.size();
             auto& [pkt, bytes] = holders[at];
             const uint32_t mine = pkt->iovec(1).bytes;
-            const uint32_t n = random() % (mine + 1);
+            const uint32_t n = below(mine + 1);
             const std::string more(random() % 12, static_cast<char>('a' + step % 26));
             const bool isShared = pkt->sharedBuffer()->references() != 1;
             switch (random() % 9) {

@@ -24,7 +24,7 @@ class RawIpPamTest : public PamFixture, public testing::WithParamInterface<Addre
     static IpGenAddr loopback() { return addr(pick("127.0.0.1", "::1")); }
     static IpGenAddr rightAddr() { return addr(pick("192.0.2.2", "2001:db8::2")); }
     // Of the header that a packet is received with.
-    static uint32_t headerBytes() { return pick(20, 0); }
+    static uint32_t headerBytes() { return pick(20u, 0u); }
     static int level() { return pick<int>(IPPROTO_IP, IPPROTO_IPV6); }
 
     static Mox::Ptr<RawIpPam> newPam(IpProtocolNumber number = protocol, const char* netNs = "") {
@@ -69,7 +69,7 @@ class RawIpPamTest : public PamFixture, public testing::WithParamInterface<Addre
 };
 
 INSTANTIATE_TEST_SUITE_P(Family, RawIpPamTest, testing::Values(ipv4, ipv6),
-                         [](const auto& info) { return info.param == ipv4 ? "ipv4" : "ipv6"; });
+                         [](const auto& test) { return test.param == ipv4 ? "ipv4" : "ipv6"; });
 
 TEST_P(RawIpPamTest, AppliesEachOptionWhenEnabledAndWhenChanged) {
     constexpr int notRead = -2;
@@ -134,7 +134,7 @@ TEST_P(RawIpPamTest, AFailedChangeLeavesOptionsAndValuesThatDescribeTheSocket) {
         EXPECT_EQ(errorOfFailing(n, EPERM, change), thrown("setsockopt(" + option + ")", EPERM));
     };
     expectError(1, pick("IP_TOS", "IPV6_TCLASS"), [&] { pam->txTOSIs(0x20); });
-    expectError(pick(1, 2), pick("IP_TTL", "IPV6_MULTICAST_HOPS"), [&] { pam->txTTLIs(9); });
+    expectError(pick(1u, 2u), pick("IP_TTL", "IPV6_MULTICAST_HOPS"), [&] { pam->txTTLIs(9); });
     EXPECT_EQ(pam->txTOS(), IpDscp(0x10));
     EXPECT_EQ(pam->txTTL(), IpTtl(0));
     EXPECT_EQ(optionOf(*pam, level(), pick(IP_TTL, IPV6_UNICAST_HOPS)), 64);
@@ -260,7 +260,7 @@ TEST_P(RawIpPamTest, ReadsBatchesWithTheMetadataOfEachPacket) {
     pam->socketReadLimitIs(3);
     pam->enableBulkReadIs(true);
     for (const char* text : {"1", "2", "3", "4"}) {
-        pam->txTTLIs(*text);
+        pam->txTTLIs(static_cast<uint8_t>(*text));
         sendAll(pam, {text});
     }
     EXPECT_EQ(pam->rxPktBulk(), 3);

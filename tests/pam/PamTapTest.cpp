@@ -41,8 +41,8 @@ class CaptureTest : public PamFixture {
     // The fields of each packet, joined by blanks.
     Texts tshark(const Texts& fields) const {
         Texts command = {"tshark", "-r", path_, "-T", "fields", "-E", "separator= "};
-        for (const char* protocol : {"ip", "tcp", "udp"}) {
-            command.insert(command.end(), {"-o", protocol + std::string(".check_checksum:TRUE")});
+        for (const char* layer : {"ip", "tcp", "udp"}) {
+            command.insert(command.end(), {"-o", layer + std::string(".check_checksum:TRUE")});
         }
         for (const std::string& field : fields) {
             command.insert(command.end(), {"-e", field});

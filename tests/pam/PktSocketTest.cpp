@@ -53,7 +53,7 @@ Texts reportedReads(PktSocket& socket) {
 using PktSocketTest = PavoTest::SandboxTest;
 
 TEST_F(PktSocketTest, SendsAndReceivesOnLoopback) {
-    const auto socket = Mox::make<IpSocket>("ip", experiment, 0);
+    const auto socket = Mox::make<IpSocket>("ip", experiment, 0u);
     EXPECT_EQ(socket->recvPkt(nullptr), nullptr);
     const auto pieces = pktOf("rear");
     std::memcpy(pieces->newPrivateHeadData(6), "front ", 6);
@@ -111,12 +111,12 @@ TEST_F(PktSocketTest, ATapIsReadAtEachReportAndAnErrorThatStaysIsReportedTwice) 
 TEST_F(PktSocketTest, SocketsOfADeviceReceiveItsPacketsAndOutliveItsFailures) {
     PavoTest::makeVethPair("left", "", "fifteen-bytes-0", "");
     PavoTest::setUp("", "fifteen-bytes-0");
-    const auto bound = Mox::make<IpSocket>("ip", experiment, 0);
+    const auto bound = Mox::make<IpSocket>("ip", experiment, 0u);
     for (const std::string device : {"left", "lo", "left", ""}) {
         bound->deviceIs(device);
         EXPECT_EQ(errorOf([&] { bound->deviceIs("fifteen-bytes-00"); }),
                   thrown("setsockopt(SO_BINDTODEVICE)", ENODEV));
-        Mox::make<IpSocket>("sender", experiment, 0)->sendPkt(pktOf("over lo"), loopback);
+        Mox::make<IpSocket>("sender", experiment, 0u)->sendPkt(pktOf("over lo"), loopback);
         EXPECT_EQ(read(*bound, 20), device == "left" ? "" : "over lo") << device;
     }
 

@@ -92,7 +92,7 @@ TEST_F(TcpClientServerTest, WaitingConnectionsAreTakenInTheOrderOfTheirIndices) 
     const auto connection = [](uint32_t n) {
         return TcpConnSocket(nullptr, IpGenAddr(), 0, IpGenAddr(), 0, n);
     };
-    for (const uint32_t n : {1, 2, 3, 4}) {
+    for (const uint32_t n : {1u, 2u, 3u, 4u}) {
         status->connSocketEnq(connection(n));
     }
     status->connSocketIs(2, connection(5));

@@ -254,7 +254,9 @@ std::vector<World::Actions> World::kinds() {
             {"longest",
              end([this](auto&, auto& e) { e.pam->maxPduLengthIs(oneIn(2) ? 5000 : 9600); })},
             {"close", end([](auto& s, auto& e) { spoil(s, e), e = {}; })},
-            {"half close", end([this](auto& s, auto& e) { shutdown(spoil(s, e), below(2)); })},
+            {"half close", end([this](auto& s, auto& e) {
+                 shutdown(spoil(s, e), oneIn(2) ? SHUT_RD : SHUT_WR);
+             })},
             {"other bytes",
              end([](auto& s, auto& e) { ::send(spoil(s, e), "other", 5, MSG_NOSIGNAL); })},
         },

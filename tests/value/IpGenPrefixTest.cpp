@@ -226,14 +226,14 @@ TEST(IpGenPrefix, ContainsAndOrdersByTheBitsThatAddressesShare) {
         const IpGenAddr address(af, a), other(af, b);
         const IpGenPrefix net(IpGenAddr(af, a.ip6AddrMaskedByLength(len)), len);
         const IpGenPrefix otherNet(IpGenAddr(af, b.ip6AddrMaskedByLength(otherLen)), otherLen);
-        const auto fullMask = af == ipv4 ? IpGenAddrWithFullMask(address.v4Addr(), len)
-                                         : IpGenAddrWithFullMask(a, len);
+        const auto masked = af == ipv4 ? IpGenAddrWithFullMask(address.v4Addr(), len)
+                                       : IpGenAddrWithFullMask(a, len);
         SCOPED_TRACE((net.stringValue() + " " + otherNet.stringValue()).c_str());
 
         EXPECT_EQ(address.longestCommonPrefix(other), shared);
         EXPECT_EQ(net.contains(other), shared >= len);
         EXPECT_EQ(IpGenAddrWithMask(address, len).contains(other), shared >= len);
-        EXPECT_EQ(fullMask.contains(other), shared >= len);
+        EXPECT_EQ(masked.contains(other), shared >= len);
         const bool overlap = shared >= std::min(len, otherLen);
         EXPECT_TRUE(net.overlaps(otherNet) == overlap && otherNet.overlaps(net) == overlap);
         const bool holds = shared >= len && otherLen >= len;
@@ -258,9 +258,9 @@ TEST(IpGenPrefix, ContainsAndOrdersByTheBitsThatAddressesShare) {
         EXPECT_EQ(af == ipv4 ? partsErrorOf<Prefix>(address.v4Addr(), len)
                              : partsErrorOf<Ip6Prefix>(a, len),
                   valid ? "" : (af == ipv4 ? hostBitsText4 : hostBitsText6));
-        EXPECT_EQ(fullMask.prefixLen(), len);
-        EXPECT_EQ(fullMask.validAsPrefix(), valid);
-        EXPECT_TRUE(net.isHost() == (len == bits) && fullMask.isHost() == (len == bits));
+        EXPECT_EQ(masked.prefixLen(), len);
+        EXPECT_EQ(masked.validAsPrefix(), valid);
+        EXPECT_TRUE(net.isHost() == (len == bits) && masked.isHost() == (len == bits));
         EXPECT_EQ(net.isDefaultRoutePrefix(), len == 0);
         EXPECT_TRUE(af == ipv4 || net.v6Prefix().isHostRoutePrefix() == (len == 128));
 
