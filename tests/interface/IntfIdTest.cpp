@@ -8,6 +8,7 @@
 #include "Pavo/IntfId.h"
 #include "Pavo/IntfIdDesc.h"
 #include "Pavo/OneAtATimeHash.h"
+#include "support/Seeds.h"
 #include "support/ValueLaws.h"
 
 namespace Pavo {
@@ -87,9 +88,9 @@ TEST(IntfId, IsReadBackFromItsNames) {
         {5, 15, false, '/'}, {5, 20, false, '.'}}});
     // clang-format on
     ASSERT_EQ(addErrorOf(*manager, card), "");
-    std::mt19937 random(11);
-    for (uint32_t i = 0; i < 2000 * std::size(commonNames); ++i) {
-        const auto& about = commonNames[i % std::size(commonNames)];
+    for (const uint32_t seed : PavoTest::Seeds(2000 * std::size(commonNames))) {
+        std::mt19937 random(seed);
+        const auto& about = commonNames[random() % std::size(commonNames)];
         GenericIntfId id;
         id.typeIdIs(about.typeId);
         id.subTypeIs(about.subType);

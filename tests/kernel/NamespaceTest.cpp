@@ -30,6 +30,7 @@
 #include "Pavo/ScopedNetNs.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
+#include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
@@ -146,20 +147,22 @@ class Model {
 TEST_F(NamespaceTest, FollowsAModelInARandomProgramThatSharesNamesWithIp) {
     ASSERT_EQ(netNsDelete("away") | remountNsRunDir(), 0);  // As the first `ip netns add` does.
     const auto before = state();
-    Model model;
-    std::mt19937 random(4711);
-    const char* const names[] = {"a", "b", DEFAULT_NS};
-    for (int step = 0; step < 150; ++step) {
-        const auto operation = static_cast<unsigned>(random() % 6);
-        const char* const name = names[random() % std::size(names)];
-        SCOPED_TRACE(testing::Message() << "step " << step << ": " << operation << " " << name);
-        model.step(operation, name);
-        model.expectNames();
+    for (const uint32_t seed : PavoTest::Seeds(1)) {
+        Model model;
+        std::mt19937 random(seed);
+        const char* const names[] = {"a", "b", DEFAULT_NS};
+        for (int step = 0; step < 150; ++step) {
+            const auto operation = static_cast<unsigned>(random() % 6);
+            const char* const name = names[random() % std::size(names)];
+            SCOPED_TRACE(testing::Message() << "step " << step << ": " << operation << " " << name);
+            model.step(operation, name);
+            model.expectNames();
+        }
+        for (const char* name : names) {
+            model.step(4, name);
+        }
+        EXPECT_EQ(state(), before);
     }
-    for (const char* name : names) {
-        model.step(4, name);
-    }
-    EXPECT_EQ(state(), before);
 }
 
 TEST_F(NamespaceTest, BringsLoUpAndMovesInterfaces) {

@@ -19,6 +19,7 @@
 #include "Pavo/NetOrder.h"
 #include "sandbox/Sandbox.h"
 #include "support/Errors.h"
+#include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
@@ -154,9 +155,9 @@ TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
     const std::string path = std::string(folder) + "/built.pcapng";
     const auto file = captureFileFactory(path, {});
     const uint32_t interface = file->newInterface("built", CaptureLinkType::ethernet);
-    Random random(1);
     Texts sums;
-    for (int i = 0; i < 400; ++i) {
+    for (const uint32_t seed : PavoTest::Seeds(400)) {
+        Random random(seed);
         const Built built = randomPkt(random);
         const std::string text(describe(built.pkt).view());
         EXPECT_EQ(linesOf(text).size(), built.lines) << text;

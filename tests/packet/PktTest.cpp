@@ -13,6 +13,7 @@
 #include "Pavo/Pkt.h"
 #include "Pavo/VlanUtils.h"
 #include "support/Errors.h"
+#include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
@@ -35,10 +36,11 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
         Mox::Ptr<Pkt> pkt;
         std::string bytes;
     };
-    std::mt19937 random(1);
-    const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };
-    uint32_t inPlace = 0;
-    for (int program = 0; program < 500; ++program) {
+    uint32_t inPlace = 0, programs = 0;
+    for (const uint32_t seed : PavoTest::Seeds(500)) {
+        ++programs;
+        std::mt19937 random(seed);
+        const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };
         std::vector<Holder> holders;
         for (int step = 0; step < 60; ++step) {
             if (holders.empty() || random() % 16 == 0) {
@@ -98,11 +100,11 @@ TEST(Pkt, HoldersOfOneBufferDoNotChangeEachOther) {
                     }
             }
             for (const Holder& each : holders) {
-                ASSERT_EQ(contents(each.pkt), each.bytes) << program << ", step " << step;
+                ASSERT_EQ(contents(each.pkt), each.bytes) << "step " << step;
             }
         }
     }
-    EXPECT_GT(inPlace, 100u);  // Sharing alone copies nothing.
+    EXPECT_GE(inPlace, programs / 5);  // Sharing alone copies nothing.
 }
 
 TEST(Pkt, IsAllHeadRoomAndHasNoTagWhenNew) {

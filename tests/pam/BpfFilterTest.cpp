@@ -5,6 +5,7 @@
 
 #include "Mox/Trace.h"
 #include "pam/PamFixture.h"
+#include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
@@ -50,8 +51,9 @@ class BpfFilterTest : public PamFixture {
 TEST_F(BpfFilterTest, MatchesThePacketsThatTheKernelPasses) {
     const auto sender = open(protocol, ipHdrIncl, "");
     sender->txDstIpAddrIs(addr("127.0.0.1"));
-    std::mt19937 random{179};
-    for (const char* expression : expressions) {
+    for (const uint32_t seed : PavoTest::Seeds(7)) {
+        std::mt19937 random{seed};
+        const char* const expression = expressions[seed % std::size(expressions)];
         SCOPED_TRACE(expression);
         EXPECT_EQ(filter_->tryCompile(expression), "");
         uint32_t passed = 0;

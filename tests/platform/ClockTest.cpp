@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Keel/TimerWheel.h"
+#include "support/Seeds.h"
 
 namespace Mox {
 namespace {
@@ -96,14 +97,12 @@ std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) 
 }
 
 TEST(TimerWheel, CallsItsTimersLikeTheClockItsOwn) {
-    std::size_t calls = 0;
-    for (uint32_t seed = 1; seed <= 30; ++seed) {
+    for (const uint32_t seed : PavoTest::Seeds(30)) {
         const bool cancels = seed % 2 == 0;
         const auto ofClock = callsOfProgram<OfClock<ManualClock>>(seed, cancels);
         ASSERT_EQ(callsOfProgram<OfWheel<ManualClock>>(seed, cancels), ofClock) << seed;
-        calls += ofClock.size();
+        ASSERT_GT(ofClock.size(), 50u);  // As many as there are timers.
     }
-    EXPECT_GT(calls, 30000u);
 }
 
 TEST(TimerWheel, WakesItsClockOnlyWhenATimerIsDue) {

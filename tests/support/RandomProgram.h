@@ -3,18 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
-#include <new>
 #include <random>
 #include <string>
 #include <utility>
@@ -24,6 +21,7 @@
 #include "Mox/Exception.h"
 #include "Mox/Ptr.h"
 #include "sandbox/Sandbox.h"
+#include "support/Seeds.h"
 
 namespace PavoTest {
 
@@ -201,20 +199,20 @@ class RandomProgram {
     uint32_t lastObserver_ = 0;
 };
 
-/// Runs programs 1, 2, 3 and so on, `count` of them, or with PAVO_LONG_TESTS in the environment
-/// forty times as many. They run in a child process, so that the seed of a crash or a hang is
-/// known; PAVO_SEED=7 runs program 7 alone and prints what it does.
+/// Runs a program for each of `count` seeds. They run in a child process, so that the seed of a
+/// crash or a hang is known. One that is asked for alone runs here, and prints what it does.
 inline void runPrograms(uint32_t count, void (*run)(uint32_t seed, bool prints)) {
-    if (const char* only = getenv("PAVO_SEED")) {
-        return run(static_cast<uint32_t>(atoi(only)), true);
+    const Seeds seeds(count);
+    if (seeds.rounds() == 1) {
+        for (const uint32_t seed : seeds) {
+            run(seed, true);
+        }
+        return;
     }
-    const uint32_t programs = getenv("PAVO_LONG_TESTS") == nullptr ? count : 40 * count;
-    auto* seed = new (mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
-                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<uint32_t>(0);
-    const auto runAll = [=] {
-        while (!testing::Test::HasFailure() && ++*seed <= programs) {
+    const auto runAll = [&] {
+        for (const uint32_t seed : seeds) {
             alarm(60);
-            run(*seed, false);
+            run(seed, false);
         }
         const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
         for (int i = 0; i < result->total_part_count(); ++i) {
@@ -222,8 +220,7 @@ inline void runPrograms(uint32_t count, void (*run)(uint32_t seed, bool prints))
         }
         exit(testing::Test::HasFailure() ? 1 : 0);
     };
-    EXPECT_EXIT(runAll(), testing::ExitedWithCode(0), "") << "Run it alone: PAVO_SEED=" << *seed;
-    munmap(seed, sizeof *seed);
+    EXPECT_EXIT(runAll(), testing::ExitedWithCode(0), "");
 }
 
 /// Runs one program in a `World` of its own, and expects that it leaves nothing.

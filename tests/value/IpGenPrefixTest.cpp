@@ -12,6 +12,7 @@
 #include "Pavo/IpGenAddrWithFullMask.h"
 #include "Pavo/IpGenAddrWithMask.h"
 #include "Pavo/IpGenPrefixSet.h"
+#include "support/Seeds.h"
 #include "support/ValueLaws.h"
 
 namespace Pavo {
@@ -211,9 +212,9 @@ IpGenAddr subnetHost(const IpGenPrefix& net, const IpGenAddr& host) {
 
 // Two addresses that share exactly `shared` bits, as networks of any two lengths.
 TEST(IpGenPrefix, ContainsAndOrdersByTheBitsThatAddressesShare) {
-    std::mt19937_64 random(14);
-    for (uint32_t i = 0; i < 4000; ++i) {
-        const AddressFamily af = i % 2 == 0 ? ipv4 : ipv6;
+    for (const uint32_t seed : PavoTest::Seeds(4000)) {
+        std::mt19937_64 random(seed);
+        const AddressFamily af = random() % 2 == 0 ? ipv4 : ipv6;
         const uint32_t bits = addressBits(af);
         const auto upTo = [&](uint32_t most) {
             return static_cast<uint32_t>(random() % (most + 1));

@@ -17,13 +17,14 @@
 #include "Pavo/SockAddr.h"
 #include "Pavo/ValueFunctions.h"
 #include "support/Errors.h"
+#include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
 
 using namespace Pavo::literals;
 
-std::mt19937_64 randomBits(7);
+std::mt19937_64 randomBits;
 
 uint32_t below(uint32_t limit) {
     return static_cast<uint32_t>(randomBits() % limit);
@@ -50,10 +51,11 @@ void expectAllSubnets(const P& whole, uint32_t len) {
 }
 
 TEST(PrefixOps, DividesAPrefixIntoItsSubnets) {
-    for (uint32_t i = 0; i < 4000; ++i) {
+    for (const uint32_t seed : PavoTest::Seeds(4000)) {
+        randomBits.seed(seed);
         const IpGenAddr address = anyAddress();
         const uint32_t bits = addressBits(address.af());
-        const uint32_t len = i % 8 == 0 ? 0 : below(bits + 1);
+        const uint32_t len = below(8) == 0 ? 0 : below(bits + 1);
         const uint32_t subnetLen = std::min(bits, len + below(7));
         const IpGenPrefix whole = IpGenPrefix::containing(address, len);
         expectAllSubnets(whole, subnetLen);
@@ -87,7 +89,8 @@ TEST(Literals, AreTheValuesOfTheirTexts) {
 }
 
 TEST(SockAddr, IsReadBackAndByTheSystem) {
-    for (int i = 0; i < 1000; ++i) {
+    for (const uint32_t seed : PavoTest::Seeds(1000)) {
+        randomBits.seed(seed);
         const IpGenAddr address = anyAddress();
         const auto port = static_cast<uint16_t>(randomBits());
         const uint32_t scope = address.af() == ipv6 ? below(100) : 0;
