@@ -130,7 +130,8 @@ def page(rows, plot):
     lines = ["# Benchmarks", "",
              "Written by `./dev bench --write docs/benchmarks.md`: medians of repetitions, Pavo and",
              "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
-             "within 10 %. A line of socket work is a burst of 64 packets.", "", f"{machine()}, {compiler()}.", "",
+             "within 10 %. A line of socket work is a burst of 64 packets.", "",
+             f"{machine()}, {compiler()}.", "",
              f"![The ratio to the best peer, by line]({plot})", "",
              "| " + " | ".join(HEADINGS) + " |", "|" + " --- |" * len(HEADINGS)]
     lines += ["| " + " | ".join(row) + " |" for row in rows]
