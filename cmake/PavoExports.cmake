@@ -14,6 +14,7 @@ set(PAVO_EXPORT_PREFIXES
 # Every library has the same version node: what two of them instantiate, such as the type record of
 # a class template, has to be one object in the process.
 function(pavo_exports target)
+    set_property(GLOBAL APPEND PROPERTY PAVO_C_SYMBOLS ${ARGN})
     set(patterns ${ARGN})
     foreach(ns IN ITEMS 3Mox 4Keel 4Pavo)
         foreach(prefix IN LISTS PAVO_EXPORT_PREFIXES)
