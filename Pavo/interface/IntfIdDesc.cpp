@@ -153,7 +153,8 @@ IntfIdTrie IntfIdMgr::trieOf(const Descs& descs) const {
 
 void IntfIdMgr::intfIdDescIs(const Mox::Ptr<IntfIdDesc>& desc) {
     Mox::require(bool(desc), "desc");
-    const Mox::Ptr<IntfIdDesc> added = desc;  // `desc` may refer to a member.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): `desc` may refer to a member.
+    const Mox::Ptr<IntfIdDesc> added = desc;
     const auto before = intfIdDesc(added->typeId());
     if (before == added) {
         return;
