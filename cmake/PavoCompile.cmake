@@ -10,7 +10,9 @@ if(PAVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER "${PAVO_CCACHE}")
 endif()
 
-set(PAVO_WARNINGS -Wall -Wextra)
+# -Wshadow and -Wconversion keep the public headers clean for agents that compile with them; clang's
+# -Wconversion includes changes of sign.
+set(PAVO_WARNINGS -Wall -Wextra -Wshadow -Wconversion)
 if(PAVO_WERROR)
     list(APPEND PAVO_WARNINGS -Werror)
 endif()
