@@ -133,7 +133,8 @@ std::vector<Entries> samples(bool withPairs, uint32_t mostLabels) {
             each.push_back(16 + static_cast<uint32_t>(random()) % 1000000);
             --labels;
         }
-        for (uint32_t pairs = withPairs ? 1 + random() % 3 : 0; pairs != 0; --pairs) {
+        for (uint32_t pairs = withPairs ? 1 + static_cast<uint32_t>(random() % 3) : 0; pairs != 0;
+             --pairs) {
             const auto at = static_cast<std::ptrdiff_t>(1 + random() % each.size());
             each.insert(each.begin() + at, MplsLabel::entropyLabelIndicatorValue);
         }

@@ -79,7 +79,9 @@ void crcPavo(benchmark::State& state) {
     });
 }
 void crcZlib(benchmark::State& state) {
-    run(state, [](const uint8_t* data, std::size_t length) { return crc32(0, data, length); });
+    run(state, [](const uint8_t* data, std::size_t length) {
+        return crc32(0, data, static_cast<uInt>(length));
+    });
 }
 void crc32cPavo(benchmark::State& state) {
     run(state, [](const uint8_t* data, std::size_t length) {

@@ -144,7 +144,7 @@ std::vector<T> prefixes() {
     std::mt19937 random(4);
     std::vector<T> all;
     for (uint32_t i = 0; i < 100'000; ++i) {
-        const uint32_t len = i % 2 == 0 ? 24 : 8 + random() % 25;
+        const uint32_t len = i % 2 == 0 ? 24 : 8 + static_cast<uint32_t>(random() % 25);
         const auto network = static_cast<uint32_t>(random()) & ~uint32_t{0} << (32 - len);
         all.push_back(makePrefix<T>(network, len));
     }
