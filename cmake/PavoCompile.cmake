@@ -20,6 +20,10 @@ endif()
 set(PAVO_SANITIZERS "")
 if(PAVO_SANITIZE)
     set(PAVO_SANITIZERS "-fsanitize=${PAVO_SANITIZE}" -fno-sanitize-recover=all)
+    # clang compares the types of functions by address, and each library has its own copy of them.
+    if(PAVO_SANITIZE MATCHES undefined AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+        list(APPEND PAVO_SANITIZERS -fno-sanitize=function)
+    endif()
 endif()
 
 # pavo_compile(<target>)

@@ -67,7 +67,9 @@ run("${CMAKE_COMMAND}" -E env "PKG_CONFIG_PATH=${folder}" "CXX=${CXX}" "CXXFLAGS
 cmake_path(GET folder PARENT_PATH libraries)
 run("${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${libraries}" "${work}/plain-make/consumer")
 
-# The framework alone is built with the consumer here; `./dev package --check` builds all.
+# The framework alone is built with the consumer here, without this build's sanitizers; `./dev package
+# --check` builds all.
+set(CXX_FLAGS "")
 configure(tree "${SOURCE}/tree" "-DPAVO_SOURCE=${SOURCE}/../..")
 run("${CMAKE_COMMAND}" --build "${work}/tree" --target entity-consumer)
 run("${work}/tree/entity-consumer")
