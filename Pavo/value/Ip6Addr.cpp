@@ -1,6 +1,8 @@
 #include "Pavo/value/Ip6Addr.h"
 
 #include <array>
+#include <cstring>
+#include <string_view>
 
 #include "Pavo/value/EthAddr.h"
 #include "Pavo/value/Ip6Text.h"
@@ -95,8 +97,8 @@ const char* Ip6Addr::parse(Mox::TextCursor& in) {
 void Ip6Addr::print(Mox::TextWriter& out) const {
     out.bounded<39>([this](char* at) {
         if (isV4MappedV6()) {
-            std::memcpy(at, "::ffff:", 7);
-            return dottedQuadAt(at + 7, bytes_ + 12);
+            constexpr std::string_view mapped = "::ffff:";
+            return dottedQuadAt(at + mapped.copy(at, mapped.size()), bytes_ + 12);
         }
         unsigned zeros = 0;
         for (unsigned i = 0; i < 8; ++i) {

@@ -281,6 +281,7 @@ uint64_t netnsInode(const std::string& name) {
 std::string run(const std::vector<std::string>& command) {
     const std::vector<std::string> paths = pathsOf(command[0]);
     std::vector<char*> arguments;  // Before the fork: a child of many threads must not allocate.
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
