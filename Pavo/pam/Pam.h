@@ -135,7 +135,8 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     void rxErrorsIs(uint32_t errors) { attributeIs(rxErrors_, errors, rxErrorsAttr); }
     uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }
 
-    /// The packets of a bulk read by slot, null past the last one.
+    /// The packets of a bulk read by slot, null past the last one. Keep the pointer while you use
+    /// what it leads to: the next read changes the slot.
     Mox::Ptr<Pkt> savedPacket(uint32_t slot) const { return savedPacket_.at(slot); }
     const Mox::Array<Mox::Ptr<Pkt>>& savedPacket() const { return savedPacket_; }
     void savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt);

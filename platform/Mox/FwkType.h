@@ -55,8 +55,8 @@ struct Attribute : AttributeBase {
         : AttributeBase{checked(attributeNumber), attributeName} {}
 
   private:
-    static constexpr uint8_t checked(uint8_t number) {
-        return number < maxAttributes ? number : throw "attribute numbers are 0 to 63";
+    static constexpr uint8_t checked(uint8_t given) {
+        return given < maxAttributes ? given : throw "attribute numbers are 0 to 63";
     }
 };
 
@@ -77,9 +77,11 @@ struct FwkType {
     /// The number of those that the bases have.
     uint32_t baseAttributes;
 
-    /// Whether this is the record of `other` or of a class derived from it.
+    /// Whether this is the record of the class of `other` or of one derived from it. Plug-ins that
+    /// show no symbols have records of their own, so an equal name is the same class.
     bool isA(const FwkType& other) const {
-        return this == &other || (base != nullptr && base->isA(other));
+        return this == &other || std::string_view(name) == other.name ||
+               (base != nullptr && base->isA(other));
     }
     /// The attribute of that name, or null.
     const AttributeRecord* attribute(std::string_view attributeName) const {
@@ -96,7 +98,7 @@ struct FwkType {
 constexpr uint32_t attributesNamed(const FwkType& type, std::string_view name) {
     uint32_t count = 0;
     for (const AttributeRecord& each : type.attributes) {
-        count += each.name == name ? 1 : 0;
+        count += each.name == name ? 1U : 0U;
     }
     // The base is not compared with null, which g++ does not evaluate with its sanitizers on.
     return type.baseAttributes == 0 ? count : count + attributesNamed(*type.base, name);

@@ -204,6 +204,8 @@ TEST_F(EntityTest, GivesTheValueOfAnAttributeByName) {
     tunnel->lowerIs(make<Tunnel>());
     EXPECT_EQ(attributeText(*tunnel, "lower"), "tunnel");
     EXPECT_EQ(tunnel->fwkType()->base, &fwkTypeOf<Link>());
+    const FwkType copyOfAPlugin = fwkTypeOf<Link>();
+    EXPECT_TRUE(tunnel->fwkType()->isA(copyOfAPlugin));
     EXPECT_EQ(dynamicPtrCast<Tunnel>(tunnel->lower())->mtu(), 0u);
     EXPECT_EQ(dynamicPtrCast<Tunnel>(Ptr<Link>(make<Link>())), nullptr);
 }
