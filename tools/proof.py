@@ -13,6 +13,7 @@ import argparse
 import concurrent.futures
 import hashlib
 import json
+import math
 import os
 import pathlib
 import re
@@ -46,9 +47,12 @@ class Processes:
         with self.lock:
             if self.stopped.is_set():
                 return -signal.SIGTERM, "", 0
-            process = subprocess.Popen(command, cwd=ROOT, env={**os.environ, **environment},
-                                       stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                       stderr=subprocess.STDOUT, start_new_session=True)
+            try:
+                process = subprocess.Popen(command, cwd=ROOT, env={**os.environ, **environment},
+                                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                           stderr=subprocess.STDOUT, start_new_session=True)
+            except OSError as error:
+                return 127, str(error), 0
             self.running[process.pid] = process
         try:
             output, status = process.communicate(timeout=timeout)[0], process.returncode
@@ -94,11 +98,13 @@ class Proof:
         self.jobs, self.run_command = jobs, run
         self.total = state["minutes"] * 60 * jobs  # Seconds of jobs.
 
-    def run(self):
+    def run(self, publish=lambda state: None):
+        """Returns the number of findings. The proof has ended when `publish` has kept its figures."""
         for stage in self.stages:
             commands = self.prepare(stage)
             if commands:
                 self.run_stage(stage, commands)
+        publish(self.state)
         self.state["finished"] = True
         self.save()
         return self.findings()
@@ -223,12 +229,12 @@ def finding(piece, status, output):
     seed = re.search(r"PAVO_TEST_SEED=(\d+)$", output, re.MULTILINE)
     if seed:  # One round, and not all that the command was asked for.
         environment["PAVO_TEST_SEED"] = seed[1]
-        del environment["PAVO_TEST_ROUNDS"]
+        environment.pop("PAVO_TEST_ROUNDS", None)
     words = [f"{name}={shlex.quote(value)}" for name, value in environment.items()]
     again = " ".join([*words, shlex.join(piece.command)])
-    if command:
+    if command and "tools/fuzz" in piece.command:
         again = " ".join([*piece.command[:piece.command.index("tools/fuzz")], command[1]])
-    return {"what": "; ".join([what, *lines[max(0, at):at + 2]]),
+    return {"what": "; ".join([what, *(line[:200] for line in lines[max(0, at):at + 2])]),
             "reproduce": again.replace(f"{ROOT}/", "")}
 
 
@@ -249,10 +255,10 @@ def load(path, version, minutes):
     here = {"version": version, "minutes": minutes}
     try:
         state = json.loads(path.read_text(encoding="utf-8"))
-        if not state["finished"] and here.items() <= state.items():
+        if here.items() <= state.items() and not state["finished"]:
             print(f"proof: goes on with the proof begun at {state['begun']}")
             return state
-    except (OSError, ValueError, KeyError):
+    except (OSError, ValueError, KeyError, AttributeError):
         pass
     return {**here, "seed": int(time.time()), "begun": time.strftime("%Y-%m-%d %H:%M"),
             "finished": False, "stages": {}}
@@ -262,24 +268,24 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--minutes", type=float, default=90)
     minutes = parser.parse_args().minutes
-    if minutes <= 0:
-        parser.error("--minutes has to be more than 0")
+    if not 0 < minutes < math.inf:
+        parser.error("--minutes has to be a number above 0")
     jobs = int(os.environ.get("PAVO_JOBS") or os.cpu_count())
     path = FOLDER / "state.json"
     processes = Processes()
-    signal.signal(signal.SIGINT, processes.stop)
-    signal.signal(signal.SIGTERM, processes.stop)
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, processes.stop)
     state = load(path, version(), minutes)
     proof = Proof(proof_stages.STAGES, state, path, jobs, processes)
+    page = ROOT / "docs/proof.md"
+    machine = bench_table.machine()
     try:
-        findings = proof.run()
+        findings = proof.run(lambda state: page.write_text(
+            proof_page.page(state, proof_stages.STAGES, jobs, machine), encoding="utf-8"))
     except Interrupted:
         proof.save()
         print("proof: interrupted; ./dev proof with the same --minutes goes on from here")
         return 130
-    page = ROOT / "docs/proof.md"
-    page.write_text(proof_page.page(state, proof_stages.STAGES, jobs, bench_table.machine()),
-                    encoding="utf-8")
     print(f"proof: {findings} findings; the figures are in {page.relative_to(ROOT)}")
     return 1 if findings else 0
 
