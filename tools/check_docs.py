@@ -1,12 +1,22 @@
 #!/usr/bin/env python3
-"""Checks the links of the documentation: `check_docs.py ROOT [HTML-FOLDER]`.
+"""Checks the links of the documentation.
 
-In the Markdown files of the tree at ROOT that git knows, and in the pages of the reference, each
-link to a file leads to one, and each link to a place in a page leads to a heading or an anchor.
-Prints every link that does not, and fails if there is one. Links to the network are not followed,
-and none is allowed in the reference but that to Doxygen itself."""
+usage: check_docs.py ROOT [HTML-FOLDER]
 
+In the Markdown files of the git tree at ROOT, each link to a file or folder leads to one of that
+tree, ignored files excepted, and each link to a place in a page leads to a heading. Their links are
+of the form [text](target); each other form, and a tag of HTML with an attribute, is a fault, since
+it would not be checked.
+In the pages of the reference, each link leads to a file of their folder and to an anchor of it.
+
+Prints every fault, and exits with 1 if there is one. Links to the network are not followed; the
+reference may have none but that to Doxygen itself."""
+
+import collections
+import html.parser
+import os
 import pathlib
+import posixpath
 import re
 import subprocess
 import sys
@@ -15,66 +25,111 @@ import urllib.parse
 # Doxygen's link at the head of a page to a list that is not there where all of it is hidden.
 HIDDEN_LISTS = {"define-members", "nested-classes"}
 
-
-def is_remote(link):
-    return re.match(r"[a-z]+:", link) is not None
-
-
-def markdown_text(path):
-    """The file without its code."""
-    return re.sub(r"^```.*?^```$|`[^`\n]*`", "", path.read_text(), flags=re.S | re.M)
-
-
-def markdown_anchors(path):
-    """The names that hosts of Markdown give to headings."""
-    headings = re.findall(r"^#+ (.*)$", re.sub(r"^```.*?^```$", "", path.read_text(),
-                                               flags=re.S | re.M), flags=re.M)
-    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+# A code block, a comment, or code within a paragraph.
+NO_PROSE = re.compile(
+    r"^ *(?P<fence>`{3,}|~{3,})[^`\n]*\n.*?^ *(?P=fence)[`~]* *$"
+    r"|<!--.*?-->"
+    r"|(?<![`\\])(?P<ticks>`+)(?!`)(?:(?!\n\s*\n).)+?(?<!`)(?P=ticks)(?!`)", re.S | re.M)
+# A link as its target, or the beginning of a link in another form.
+LINK = re.compile(r"\]\(([^()<>\s]+)\)|\]\(|\]\[|\]:|<\w+[\s/]+\w[^<>]*=")
 
 
-def check_markdown(root):
+def text_of(path):
+    try:
+        return path.read_text(encoding="utf-8")
+    except (OSError, UnicodeDecodeError) as error:
+        sys.exit(f"{path}: {error}")
+
+
+def files_of(root):
+    """The names of the files that git knows or would add."""
     listed = subprocess.run(
-        ["git", "ls-files", "--cached", "--others", "--exclude-standard", "*.md"],
-        cwd=root, capture_output=True, text=True, check=True).stdout
-    files = [root / name for name in listed.splitlines() if (root / name).exists()]
-    if not files:
+        ["git", "-C", root, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+        stdout=subprocess.PIPE)
+    if listed.returncode != 0:
+        sys.exit(f"{root}: the files of the git tree cannot be listed")
+    names = {os.fsdecode(name) for name in listed.stdout.split(b"\0") if name}
+    return {name for name in names if (root / name).exists()}
+
+
+def anchors_of(text):
+    """The names that hosts of Markdown give to headings: "a", then "a-1" for an equal one."""
+    text = NO_PROSE.sub(lambda match: match[0] if match["ticks"] else "", text)
+    seen, names = collections.Counter(), set()
+    for heading in re.findall(r"^#{1,6} +(.*?)[ #]*$", re.sub(r"\]\(.*?\)", "", text), flags=re.M):
+        name = re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+        names.add(f"{name}-{seen[name]}" if seen[name] else name)
+        seen[name] += 1
+    return names
+
+
+def check_markdown(root, files):
+    known = files | {str(folder) for name in files for folder in pathlib.PurePath(name).parents}
+    texts = {name: text_of(root / name) for name in files if name.endswith(".md")}
+    anchors = {name: anchors_of(text) for name, text in texts.items()}
+    if not texts:
         yield f"{root}: no Markdown file"
-    for path in files:
-        for link in re.findall(r"\]\(([^)\s]+)\)", markdown_text(path)):
-            name, _, anchor = link.partition("#")
-            target = path.parent / name if name else path
-            if is_remote(link):
-                continue
-            if not target.exists():
-                yield f"{path.relative_to(root)}: no file for {link}"
-            elif anchor and anchor not in markdown_anchors(target):
-                yield f"{path.relative_to(root)}: no heading for {link}"
+    for name, text in texts.items():
+        prose = NO_PROSE.sub("", text)
+        for match in LINK.finditer(prose):
+            link = match[1]
+            if link is None:
+                found = prose[match.start():match.start() + 60].partition("\n")[0]
+                yield f"{name}: a link is written as [text](target), not with {found}"
+            elif not link.startswith(("https://", "http://")):
+                path, _, anchor = (urllib.parse.unquote(part) for part in link.partition("#"))
+                target = posixpath.join(posixpath.dirname(name), path) if path else name
+                target = posixpath.normpath(target)
+                if target not in known:
+                    yield f"{name}: no file for {link}"
+                elif anchor and anchor not in anchors.get(target, ()):
+                    yield f"{name}: no heading for {link}"
+
+
+class Page(html.parser.HTMLParser):
+    """The links and anchors of a page of the reference."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.links, self.anchors = set(), set()
+        self.feed(text)
+        self.close()
+
+    def handle_starttag(self, tag, attrs):
+        for name, value in attrs:
+            if value and name in ("href", "src", "data"):
+                self.links.add(value)
+            elif name == "id" or (tag, name) == ("a", "name"):
+                self.anchors.add(value)
 
 
 def check_html(folder):
-    links, anchors = {}, {}
-    for page in folder.rglob("*.html"):
-        text = page.read_text(errors="replace")
-        links[page] = set(re.findall(r'\b(?:href|src|data)="([^"]+)"', text))
-        anchors[page] = set(re.findall(r'\b(?:id|name)="([^"]+)"', text))
-    if not links:
+    pages = {path: Page(text_of(path)) for path in folder.rglob("*.html")}
+    if not pages:
         yield f"{folder}: no page"
-    for page, wanted in links.items():
-        for link in wanted:
-            name, _, anchor = urllib.parse.unquote(link).partition("#")
-            target = (page.parent / name).resolve() if name else page
-            if is_remote(link):
+    for path, page in pages.items():
+        for link in page.links:
+            if re.match(r"[a-zA-Z]+:", link):
                 if not link.startswith(("javascript:", "https://www.doxygen.org/")):
-                    yield f"{page.name}: a link that needs the network: {link}"
-            elif not target.exists():
-                yield f"{page.name}: no file for {link}"
-            elif anchor and anchor not in anchors.get(target, ()) and anchor not in HIDDEN_LISTS:
-                yield f"{page.name}: no anchor for {link}"
+                    yield f"{path.name}: a link that needs the network: {link}"
+                continue
+            name, _, anchor = (urllib.parse.unquote(part) for part in link.partition("#"))
+            target = (path.parent / name).resolve() if name else path
+            if not target.is_file() or not target.is_relative_to(folder):
+                yield f"{path.name}: no file for {link}"
+            elif anchor and target not in pages:
+                yield f"{path.name}: no page for {link}"
+            elif anchor and anchor not in pages[target].anchors | HIDDEN_LISTS:
+                yield f"{path.name}: no anchor for {link}"
 
 
-def main():
-    faults = list(check_markdown(pathlib.Path(sys.argv[1]).resolve()))
-    for folder in sys.argv[2:]:
+def main(arguments):
+    if len(arguments) not in (1, 2):
+        sys.exit("usage: check_docs.py ROOT [HTML-FOLDER]")
+    sys.stdout.reconfigure(errors="backslashreplace")  # A name of a file need not be UTF-8.
+    root = pathlib.Path(arguments[0])
+    faults = list(check_markdown(root, files_of(root)))
+    for folder in arguments[1:]:
         faults += check_html(pathlib.Path(folder).resolve())
     for fault in sorted(faults):
         print(fault)
@@ -82,4 +137,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))
