@@ -17,6 +17,7 @@ import sys
 # local variable of it.
 OURS = re.compile(r"_Z(?:T[A-Zhvc](?:[hvn0-9_]*_)?|GV|GR)?Z?N[KRO]*(?:3Mox|4Keel|4Pavo)")
 C_DECLARATION = re.compile(r"_EXPORT\b[^;{}]*?\b(\w+)\s*(?:\(|\[|;)")
+COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.S)
 
 
 def c_names(folders):
@@ -24,26 +25,32 @@ def c_names(folders):
     names = set()
     for folder in folders:
         for header in sorted(pathlib.Path(folder).rglob("*.h")):
-            names.update(C_DECLARATION.findall(header.read_text(encoding="utf-8")))
+            text = COMMENT.sub(" ", header.read_text(encoding="utf-8"))
+            names.update(C_DECLARATION.findall(text))
     return names
 
 
 def visible(library):
     """Yields (name, version) of each visible symbol."""
-    lines = subprocess.run(
-        ["nm", "-D", "--defined-only", library], check=True, text=True, capture_output=True
-    ).stdout.splitlines()
-    for line in lines:
-        _, kind, symbol = line.rsplit(" ", 2)
-        if kind != "A":  # The version itself.
-            name, _, version = symbol.partition("@@")
-            yield name, version
+    try:
+        listed = subprocess.run(
+            ["nm", "-D", "--defined-only", library], text=True, stdout=subprocess.PIPE
+        )
+    except OSError as error:
+        sys.exit(str(error))
+    if listed.returncode != 0:
+        sys.exit(f"{library}: its symbols cannot be listed")  # nm has said why.
+    for line in listed.stdout.splitlines():
+        name, _, version = line.rsplit(" ", 1)[1].partition("@@")
+        yield name, version
 
 
 def faults(library, version, c_declared):
     """Returns a line for each symbol that should not be visible as it is."""
     found, lines = 0, []
     for name, its_version in visible(library):
+        if (name, its_version) == (version, ""):
+            continue  # The version's own symbol.
         found += 1
         if its_version != version:
             lines.append(f"{library}: {name} has the version '{its_version}'")
@@ -53,9 +60,11 @@ def faults(library, version, c_declared):
 
 
 def main(arguments):
-    end = arguments.index("--")
-    version, folders, libraries = arguments[0], arguments[1:end], arguments[end + 1 :]
-    declared = c_names(folders)
+    end = arguments.index("--") if "--" in arguments else 0
+    folders, libraries = arguments[1:end], arguments[end + 1 :]
+    if not folders or not libraries:
+        sys.exit("usage: check_exports.py VERSION HEADER-FOLDER... -- LIBRARY...")
+    version, declared = arguments[0], c_names(folders)
     lines = [line for library in libraries for line in faults(library, version, declared)]
     if lines:
         print("\n".join(lines))
