@@ -30,15 +30,29 @@ svg { background: #0d1117; } text { fill: #f0f6fc; } .faint { fill: #9198a1; }
 }"""
 
 
-def rows_of(page):
-    """Of the page's table {work, beside, ratio, wanted}: one row a line of work, its best peer's."""
-    best = {}
-    for line in page.splitlines():
-        cells = [cell.strip() for cell in line.strip("|").split("|")]
-        if not line.startswith("|") or len(cells) != 7 or cells[0] in ("work", "---"):
-            continue
+def row_of(line):
+    """(work, beside, ratio, wanted) of a line of the table. Ends the program for a bad line."""
+    cells = [cell.strip() for cell in line.strip().removeprefix("|").removesuffix("|").split("|")]
+    if len(cells) != 7:
+        sys.exit(f"{line}: not seven cells")
+    try:
         work, _, beside, _, ratio, wanted, _ = cells
         row = (work, beside, float(ratio), float(wanted) if wanted else None)
+    except ValueError as error:
+        sys.exit(f"{line}: {error}")
+    if not all(TICKS[0] <= each <= TICKS[-1] for each in row[2:] if each is not None):
+        sys.exit(f"{line}: a ratio is not within {TICKS[0]} to {TICKS[-1]}")
+    return row
+
+
+def rows_of(page):
+    """The rows of the page's table, for each line of work that of its best peer."""
+    best = {}
+    for line in page.splitlines():
+        if not line.startswith("|") or line.startswith(("| work |", "| --- |")):
+            continue
+        row = row_of(line)
+        work = row[0]
         if work not in best or row[2] < best[work][2]:
             best[work] = row
     return sorted(best.values(), key=lambda row: (-row[2], row[0]))
@@ -111,4 +125,6 @@ def write(page_path, plot_path):
 
 
 if __name__ == "__main__":
+    if len(sys.argv) != 3:
+        sys.exit("usage: bench_plot.py PAGE.md PLOT.svg")
     write(*sys.argv[1:])
