@@ -64,8 +64,7 @@ file(COPY "${SOURCE}/Makefile" "${SOURCE}/main.cpp" DESTINATION "${work}/plain-m
 run("${CMAKE_COMMAND}" -E env "PKG_CONFIG_PATH=${folder}" "CXX=${CXX}" "CXXFLAGS=${CXX_FLAGS}"
     make -C "${work}/plain-make"
 )
-cmake_path(GET folder PARENT_PATH libraries)
-run("${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${libraries}" "${work}/plain-make/consumer")
+run("${work}/plain-make/consumer")
 
 # The framework alone is built with the consumer here, without this build's sanitizers; `./dev package
 # --check` builds all.
