@@ -220,7 +220,8 @@ TEST_F(CaptureTest, AFullDiskLosesOnlyPacketsWithoutRoom) {
     std::filesystem::remove(filler);
     hundredPkts(file, interface);
     EXPECT_EQ(file->stats().lost, full.lost);
-    EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(file->stats().packets - full.lost, "1"));
+    const auto written = static_cast<std::size_t>(file->stats().packets - full.lost);
+    EXPECT_EQ(tshark({"udp.checksum.status"}), Texts(written, "1"));
     umount2(folder_.c_str(), MNT_DETACH);
 }
 
