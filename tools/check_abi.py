@@ -1,21 +1,27 @@
 #!/usr/bin/env python3
 """Compares the ABI of the libraries with the kept baseline, and says in words what changed.
 
-usage: check_abi.py [--update] BASELINE LIBRARY HEADERS
+usage: check_abi.py [--update] BASELINE LIBRARY HEADERS TYPES
 
-LIBRARY has all that programs can see, with its debug information; HEADERS lists the public headers.
-Types that no public header defines are opaque, and those of the C++ library are left out. BASELINE
-is what abidw wrote of an earlier LIBRARY; --update writes it anew.
+LIBRARY has all that programs can see, with its debug information; HEADERS lists the public headers,
+and TYPES is what tools/abi_types.py wrote of them. BASELINE is what abidw wrote of an earlier
+LIBRARY; the earlier TYPES are beside it, in a file of the same name that ends in ".txt". --update
+writes both anew.
 
-Exits with 1 for a change that a compiled agent may not survive: a removed function or variable, and
-a changed type: its size, members, virtual functions or enumerators. What was only added passes and
-is listed. Each exported class with virtual functions has to have its slots in the baseline, so a new
-class of this kind needs an update.
+abidiff compares functions and variables. It does not compare types of the C++ library, nor what it
+takes for harmless: a destructor that makes a type travel by address, a function that becomes pure.
+So the members, bases and virtual functions of our own types are compared as text.
+
+Exits with 1 for a change that a compiled agent may not survive: a removed function, variable or
+type, and a changed type. What was only added passes and is listed. Each exported class with virtual
+functions has to be in the baseline, so a new class of this kind needs an update.
 """
 
+import difflib
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -55,6 +61,10 @@ FAILED, INCOMPATIBLE = 1 | 2, 8
 BREAKS = re.compile(r"summary:.*?\b[1-9]\d* (?:Removed|Changed|leaf types? changed)")
 
 
+# A member with its offset: what leads to its name, the name, the width of a bit field.
+MEMBER = re.compile(r"^(\s*\d.*?)(\w+)( : \d+)?$")
+
+
 class ToolError(Exception):
     """A tool failed."""
 
@@ -65,6 +75,10 @@ def run(*command):
     if done.returncode < 0 or done.returncode & FAILED:
         raise ToolError(f"{command[0]} ended with {done.returncode}\n{done.stdout}{done.stderr}")
     return done.returncode, done.stdout
+
+
+def kept_types_of(baseline):
+    return pathlib.Path(baseline).with_suffix(".txt")
 
 
 def write_abi(library, headers, output):
@@ -96,20 +110,56 @@ def drop_second_names(abi):
     document.write(abi)
 
 
-def classes_of(abi):
-    """Returns the names of the classes that `abi` describes with their slots."""
+def blocks_of(types):
+    """Returns {name: lines} of a file that tools/abi_types.py wrote."""
+    blocks = {}
+    for line in pathlib.Path(types).read_text(encoding="utf-8").splitlines():
+        if line.startswith(" "):
+            lines.append(line[4:])
+        else:
+            lines = blocks[line] = []
+    return blocks
 
-    def walk(element, scope):
-        for child in element:
-            if child.tag in ("namespace-decl", "class-decl"):
-                name = scope + [child.get("name")]
-                if child.tag == "class-decl" and child.get("is-declaration-only") is None:
-                    yield "::".join(name)
-                yield from walk(child, name)
-            elif child.tag in ("abi-instr", "member-type"):
-                yield from walk(child, scope)
 
-    return set(walk(ElementTree.parse(abi).getroot(), []))
+def only_renames(old, new):
+    """Whether members of `new` have names that `old` has not, and all else is the same."""
+    names = {found[2] for found in map(MEMBER.match, old) if found}
+    if len(old) != len(new):
+        return False
+    for was, now in zip(old, new):
+        was_member, now_member = MEMBER.match(was), MEMBER.match(now)
+        if was == now:
+            continue
+        if not (was_member and now_member) or now_member[2] in names:
+            return False
+        if (was_member[1], was_member[3]) != (now_member[1], now_member[3]):
+            return False
+    return True
+
+
+def compare_types(baseline, types):
+    """Returns (whether a compiled agent may break, the lines of the report)."""
+    old, new = blocks_of(baseline), blocks_of(types)
+    breaks, report = False, []
+    for name in sorted(old.keys() | new.keys()):
+        if name not in old:
+            report.append(f"{name} is new")
+        elif name not in new:
+            breaks = True
+            report.append(f"{name} is gone")
+        elif old[name] != new[name]:
+            breaks = breaks or not only_renames(old[name], new[name])
+            report.append(f"{name} changed:")
+            lines = list(difflib.unified_diff(old[name], new[name], n=0, lineterm=""))[2:]
+            report += [f"    {line[0]} {line[1:]}" for line in lines if not line.startswith("@@")]
+    return breaks, report
+
+
+def without_arguments(name):
+    """Leaves the arguments of templates out: "A<B<C>>::D" gives "A::D"."""
+    while (shorter := re.sub(r"<[^<>]*>", "", name)) != name:
+        name = shorter
+    return name
 
 
 def exported_virtual_classes(library):
@@ -124,16 +174,20 @@ def compare(baseline, abi):
     return bool(status & INCOMPATIBLE or BREAKS.search(report)), report
 
 
-def check(baseline, library, headers):
+def check(baseline, library, headers, types):
+    kept_types = kept_types_of(baseline)
     with tempfile.TemporaryDirectory() as folder:
         abi = os.path.join(folder, "abi.xml")
         write_abi(library, headers, abi)
         breaks, report = compare(baseline, abi)
-    print(report.strip() or f"abi: as {baseline} has it")
-    missing = exported_virtual_classes(library) - classes_of(baseline)
+    types_break, types_report = compare_types(kept_types, types)
+    report = "\n".join([*types_report, report.strip()]).strip()
+    print(report or f"abi: as {baseline} and {kept_types} have it")
+    kept = {without_arguments(name) for name in blocks_of(kept_types)}
+    missing = {without_arguments(name) for name in exported_virtual_classes(library)} - kept
     for name in sorted(missing):
-        print(f"{name} has virtual functions, and {baseline} does not have its slots")
-    if breaks:
+        print(f"{name} has virtual functions, and {kept_types} does not have it")
+    if breaks or types_break:
         sys.exit("abi: agents that are compiled already would break; see docs/compatibility.md")
     if missing:
         sys.exit("abi: add what is new to the baseline by ./dev abi --update")
@@ -143,14 +197,15 @@ def check(baseline, library, headers):
 
 def main(arguments):
     update = arguments[:1] == ["--update"]
-    if len(arguments) != 3 + update:
+    if len(arguments) != 4 + update:
         sys.exit(__doc__)
-    baseline, library, headers = arguments[update:]
+    baseline, library, headers, types = arguments[update:]
     try:
         if update:
             write_abi(library, headers, baseline)
+            shutil.copyfile(types, kept_types_of(baseline))
         else:
-            check(baseline, library, headers)
+            check(baseline, library, headers, types)
     except ToolError as error:
         sys.exit(f"abi: {error}")
 

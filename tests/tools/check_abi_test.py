@@ -6,9 +6,11 @@ import sys
 import tempfile
 import unittest
 
-TOOL = pathlib.Path(__file__).parents[2] / "tools" / "check_abi.py"
+TOOLS = pathlib.Path(__file__).parents[2] / "tools"
 HEADER = """
 #pragma once
+#include <optional>
+#include <utility>
 namespace Pavo {
 enum class Mode { off = 0, on = 1 };
 struct Value { int x; };
@@ -19,6 +21,10 @@ struct Base {
 };
 int take(Value value, Mode mode, const Hidden* hidden, const Base* base);
 extern Value shared;
+struct Std { std::pair<int, int> range; std::optional<int> number; };
+struct Unit { virtual ~Unit() = default; virtual void turn(); };
+template <class T> struct Pair { T* first; int second; };
+std::optional<int> find(const Std* std, const Pair<int>* pair);
 // More.
 }
 """
@@ -30,6 +36,8 @@ void Base::first() {}
 void Base::last() {}
 int take(Value value, Mode, const Hidden* hidden, const Base*) { return value.x + hidden->y; }
 Value shared;
+void Unit::turn() {}
+std::optional<int> find(const Std*, const Pair<int>*) { return {}; }
 // The end.
 }
 """
@@ -42,6 +50,7 @@ class Abi:
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
         self.headers = self.folder / "headers.txt"
+        self.types = self.folder / "types.txt"
         self.headers.write_text(str(self.folder / "public.h"), encoding="utf-8")
 
     def build(self, *edits):
@@ -55,12 +64,15 @@ class Abi:
         source, library = self.folder / "source.cpp", self.folder / "library.so"
         command = ["g++", "-std=c++20", "-g", "-shared", "-fPIC", source, "-o", library]
         subprocess.run(command, check=True)
+        # Debian's Python has libclang's binding.
+        command = ["/usr/bin/python3", TOOLS / "abi_types.py", self.headers, self.types]
+        subprocess.run([*command, "-std=c++20"], check=True)
 
     def check(self, *option):
         """Returns (whether the check failed, what it printed)."""
         done = subprocess.run(
-            [sys.executable, TOOL, *option, self.folder / "baseline.xml",
-             self.folder / "library.so", self.headers],
+            [sys.executable, TOOLS / "check_abi.py", *option, self.folder / "baseline.xml",
+             self.folder / "library.so", self.headers, self.types],
             text=True,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
@@ -85,6 +97,17 @@ class CheckAbiTest(unittest.TestCase):
             (FAILS, "return type changed", [("int take", "long take")]),
             (FAILS, "size changed from 4 to 8 (in bytes)", [("int x;", "int x; int added;")]),
             (FAILS, "from value '1' to '2'", [("on = 1", "on = 2")]),
+            (PASSES, "+ 0 int y", [("int x;", "int y;"), ("value.x", "value.y")]),
+            (FAILS, "passed by address", [("int x;", "int x; ~Value() {}")]),
+            (FAILS, "+ 0 std::optional<int>", [("std::pair<int, int> range; ", ""),
+                                               ("number;", "number; std::pair<int, int> range;")]),
+            (FAILS, "+ 8 std::optional<unsigned int>", [("<int> number", "<unsigned> number")]),
+            (FAILS, "+ std::optional<unsigned int>", [("std::optional<int> find",
+                                                       "std::optional<unsigned> find")]),
+            (FAILS, "Pavo::Pair<T> changed", [("T* first; int second;", "int second; T* first;")]),
+            (FAILS, "+ virtual last: void () = 0", [("void last();", "void last() = 0;")]),
+            (FAILS, "+ virtual ~Base", [("void last();", "& virtual ~Base() = default;")]),
+            (FAILS, "final", [("struct Unit", "& final")]),
             (FAILS, "Pavo::shared", [("extern Value shared;", ""), ("\nValue shared", "static &")]),
         ]
         with tempfile.TemporaryDirectory() as folder:
