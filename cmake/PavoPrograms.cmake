@@ -49,15 +49,7 @@ function(pavo_benchmark program)
     set_property(GLOBAL APPEND PROPERTY PAVO_BENCHMARK_PROGRAMS "$<TARGET_FILE:${program}>")
 endfunction()
 
-# pavo_example(<program> SOURCES <source>... [LIBS <library>...])
-# Its headers are included with their path below examples/.
-function(pavo_example program)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
-    add_executable(${program} ${arg_SOURCES})
-    target_include_directories(${program} PRIVATE "${PROJECT_SOURCE_DIR}/examples")
-    target_link_libraries(${program} PRIVATE ${arg_LIBS})
-    pavo_compile(${program})
-endfunction()
+include("${PROJECT_SOURCE_DIR}/examples/PavoExample.cmake")
 
 # pavo_snippet(<source> <markdown> <name>)
 # Makes <source> in the build tree of the C++ blocks of that name in a Markdown file.
