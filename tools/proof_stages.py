@@ -152,6 +152,6 @@ STAGES = (
            LIST_TARGETS),
           fuzz_units("tools/fuzz", "--no-keep", "build/i386-fuzz"), fuzz_slice(*IN_CHROOT)),
     Stage("fuzz", "Fuzz targets", "executions", 55,
-          (("./dev", "fuzz", "--build"), LIST_TARGETS),
+          (("./dev", "build", "fuzz"), LIST_TARGETS),
           fuzz_units("tools/fuzz", "build/fuzz"), fuzz_slice(), slice_seconds=120),
 )
