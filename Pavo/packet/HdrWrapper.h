@@ -21,23 +21,27 @@
 #include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"
 
+#include "Pavo/base/Export.h"
 #include "Pavo/packet/Pkt.h"
 #include "Pavo/packet/PktErrors.h"
 
 namespace Pavo {
 
+/// The record's name between two literals.
+template <class Hdr, std::size_t before, std::size_t after>
+constexpr auto aroundRecordName(const char (&head)[before], const char (&tail)[after]) {
+    std::array<char, before + Hdr::recordName.size() + after - 1> text{};
+    auto at = std::copy_n(head, before - 1, text.begin());
+    at = std::copy(Hdr::recordName.begin(), Hdr::recordName.end(), at);
+    std::copy_n(tail, after, at);
+    return text;
+}
+
 /// The assertion for a record that runs past the first iovec, with the record's name:
 /// "( offset_ + sizeof( IpHdr ) ) <= pkt_->frontBytes()".
 template <class Hdr>
-inline constexpr auto bindText = [] {
-    constexpr std::string_view before = "( offset_ + sizeof( ";
-    constexpr std::string_view after = " ) ) <= pkt_->frontBytes()";
-    std::array<char, before.size() + Hdr::recordName.size() + after.size() + 1> text{};
-    auto at = std::copy(before.begin(), before.end(), text.begin());
-    at = std::copy(Hdr::recordName.begin(), Hdr::recordName.end(), at);
-    std::copy(after.begin(), after.end(), at);
-    return text;
-}();
+inline constexpr auto bindText = aroundRecordName<Hdr>("( offset_ + sizeof( ",
+                                                       " ) ) <= pkt_->frontBytes()");
 
 /// What all wrappers share: the packet, the record's offset in the packet's first iovec, and the
 /// record there. The wrapper `Self` derives from this, inherits the constructor and names its
@@ -88,6 +92,19 @@ class HdrWrapper : public Mox::Described<Self> {
     Mox::Ptr<Pkt> pkt_;
     uint32_t offset_;
     Hdr* header_ = nullptr;
+};
+
+/// "Pavo::ArpHdrWrapper" for the record "ArpHdr".
+template <class Hdr>
+inline constexpr auto wrapperName = aroundRecordName<Hdr>("Pavo::", "Wrapper");
+
+/// A wrapper that has nothing to add to the record.
+template <class Hdr>
+class PAVO_EXPORT PlainHdrWrapper : public HdrWrapper<PlainHdrWrapper<Hdr>, Hdr> {
+  public:
+    using HdrWrapper<PlainHdrWrapper<Hdr>, Hdr>::HdrWrapper;
+
+    static constexpr const char* typeName = wrapperName<Hdr>.data();
 };
 
 /// A pointer to a record that was checked, or null and the reason. It does not hold the packet, and
