@@ -4,15 +4,24 @@
 #include <sstream>
 #include <type_traits>
 
+#include "Pavo/ArpHdr.h"
 #include "Pavo/EthHdr.h"
+#include "Pavo/GreHdr.h"
 #include "Pavo/Icmp6Hdr.h"
+#include "Pavo/Icmp6NdHdr.h"
 #include "Pavo/IcmpHdr.h"
+#include "Pavo/IgmpHdr.h"
 #include "Pavo/Ip6Hdr.h"
 #include "Pavo/IpHdr.h"
+#include "Pavo/MimHdr.h"
 #include "Pavo/MplsHdr.h"
+#include "Pavo/PimHdr.h"
+#include "Pavo/PwControlWord.h"
 #include "Pavo/SctpHdr.h"
 #include "Pavo/TcpHdr.h"
 #include "Pavo/UdpHdr.h"
+#include "Pavo/VrrpHdr.h"
+#include "Pavo/VxlanHdr.h"
 
 #include "fuzz/Frames.h"
 
@@ -20,8 +29,7 @@ namespace {
 
 using namespace Pavo;
 
-// What a header is rebuilt from: every bit has to be set by the setter of its field, and by no
-// other.
+// The header with every bit turned over.
 template <class Hdr>
 Hdr complementOf(const Hdr& header) {
     uint8_t image[sizeof(Hdr)];
@@ -34,11 +42,23 @@ Hdr complementOf(const Hdr& header) {
     return complement;
 }
 
-// A header that has every field of the other is the other.
-template <class Hdr>
-void requireSame(const Hdr& rebuilt, const Hdr& header) {
-    Mox::require(std::memcmp(&rebuilt, &header, sizeof(Hdr)) == 0, "the fields are the header");
+// Each pair of getter and setter: the field takes any other value, and its own again, which gives
+// the header again.
+template <class Hdr, class Get, class Set, class... More>
+void requireFields(const Hdr& header, Get get, Set set, More... more) {
+    const Hdr complement = complementOf(header);
+    Hdr changed = header;
+    (changed.*set)((complement.*get)());
+    Mox::require((changed.*get)() == (complement.*get)(), "the field takes the value");
+    (changed.*set)((header.*get)());
+    Mox::require(std::memcmp(&changed, &header, sizeof(Hdr)) == 0, "no other bit changes");
+    if constexpr (sizeof...(more) != 0) {
+        requireFields(header, more...);
+    }
 }
+
+// Getter and setter of a field of `H`.
+#define FIELD(name) &H::name, &H::name##Is
 
 // Bytes from the record on that its lengths speak of, each of which is read. A record without one
 // speaks of itself.
@@ -48,51 +68,30 @@ uint32_t extentOf(const Hdr&) {
 }
 
 uint32_t extentOf(const EthHdr& header) {
-    EthHdr rebuilt = complementOf(header);
-    rebuilt.dstIs(header.dst());
-    rebuilt.srcIs(header.src());
-    rebuilt.typeIs(header.type());
-    requireSame(rebuilt, header);
+    using H = EthHdr;
+    requireFields(header, FIELD(dst), FIELD(src), FIELD(type));
     return sizeof(header);
 }
 
 uint32_t extentOf(const Eth8021QHdr& header) {
-    Eth8021QHdr rebuilt = complementOf(header);
-    rebuilt.vlanIdIs(header.vlanId());
-    rebuilt.priorityIs(header.priority());
-    rebuilt.dropEligibleIs(header.dropEligible());
-    rebuilt.typeIs(header.type());
-    requireSame(rebuilt, header);
+    using H = Eth8021QHdr;
+    requireFields(header, FIELD(vlanId), FIELD(priority), FIELD(dropEligible), FIELD(type));
     return sizeof(header);
 }
 
 uint32_t extentOf(const MplsHdr& header) {
-    MplsHdr rebuilt = complementOf(header);
-    rebuilt.labelIs(header.label());
-    rebuilt.cosIs(header.cos());
-    rebuilt.bosIs(header.bos());
-    rebuilt.ttlIs(header.ttl());
-    requireSame(rebuilt, header);
+    using H = MplsHdr;
+    requireFields(header, &H::label, static_cast<void (H::*)(MplsLabel)>(&H::labelIs), FIELD(cos),
+                  FIELD(bos), FIELD(ttl));
     return sizeof(header);
 }
 
 uint32_t extentOf(const IpHdr& header) {
-    IpHdr rebuilt = complementOf(header);
-    rebuilt.versionIs(header.version());
-    rebuilt.headerBytesIs(header.headerBytes());
-    rebuilt.tosIs(header.tos());
-    rebuilt.totalLenIs(header.totalLen());
-    rebuilt.idIs(header.id());
-    rebuilt.fragmentOffsetIs(header.fragmentOffset());
-    rebuilt.moreFragIs(header.moreFrag());
-    rebuilt.dontFragIs(header.dontFrag());
-    rebuilt.reservedFragFlagIs(header.reservedFragFlag());
-    rebuilt.ttlIs(header.ttl());
-    rebuilt.protocolIs(header.protocol());
-    rebuilt.checksumIs(header.checksum());
-    rebuilt.srcIs(header.src());
-    rebuilt.dstIs(header.dst());
-    requireSame(rebuilt, header);
+    using H = IpHdr;
+    requireFields(header, FIELD(version), FIELD(headerBytes), FIELD(tos), FIELD(totalLen),
+                  FIELD(id), FIELD(fragmentOffset), FIELD(moreFrag), FIELD(dontFrag),
+                  FIELD(reservedFragFlag), FIELD(ttl), FIELD(protocol), FIELD(checksum), FIELD(src),
+                  FIELD(dst));
     (void)header.computedChecksum();
     (void)(std::ostringstream() << header);
     Mox::require(header.headerBytes() >= sizeof(header), "a whole header");
@@ -109,16 +108,9 @@ uint32_t extentOf(const IpHdrRouterAlertOption& header) {
 }
 
 uint32_t extentOf(const Ip6Hdr& header) {
-    Ip6Hdr rebuilt = complementOf(header);
-    rebuilt.versionIs(header.version());
-    rebuilt.trafficClassIs(header.trafficClass());
-    rebuilt.flowLabelIs(header.flowLabel());
-    rebuilt.payloadLenIs(header.payloadLen());
-    rebuilt.nextHeaderIs(header.nextHeader());
-    rebuilt.hopLimitIs(header.hopLimit());
-    rebuilt.srcIs(header.src());
-    rebuilt.dstIs(header.dst());
-    requireSame(rebuilt, header);
+    using H = Ip6Hdr;
+    requireFields(header, FIELD(version), FIELD(trafficClass), FIELD(flowLabel), FIELD(payloadLen),
+                  FIELD(nextHeader), FIELD(hopLimit), FIELD(src), FIELD(dst));
     (void)(std::ostringstream() << header);
     return static_cast<uint32_t>(sizeof(header)) + header.payloadLen();
 }
@@ -136,26 +128,11 @@ uint32_t extentOf(const Ip6HdrPadN& header) {
 }
 
 uint32_t extentOf(const TcpHdr& header) {
-    TcpHdr rebuilt = complementOf(header);
-    rebuilt.srcPortIs(header.srcPort());
-    rebuilt.dstPortIs(header.dstPort());
-    rebuilt.sequenceNumberIs(header.sequenceNumber());
-    rebuilt.acknowledgementNumberIs(header.acknowledgementNumber());
-    rebuilt.dataOffsetIs(header.dataOffset());
-    rebuilt.reservedIs(header.reserved());
-    rebuilt.nsIs(header.ns());
-    rebuilt.cwrIs(header.cwr());
-    rebuilt.eceIs(header.ece());
-    rebuilt.urgIs(header.urg());
-    rebuilt.ackIs(header.ack());
-    rebuilt.pshIs(header.psh());
-    rebuilt.rstIs(header.rst());
-    rebuilt.synIs(header.syn());
-    rebuilt.finIs(header.fin());
-    rebuilt.windowIs(header.window());
-    rebuilt.checksumIs(header.checksum());
-    rebuilt.urgentPointerIs(header.urgentPointer());
-    requireSame(rebuilt, header);
+    using H = TcpHdr;
+    requireFields(header, FIELD(srcPort), FIELD(dstPort), FIELD(sequenceNumber),
+                  FIELD(acknowledgementNumber), FIELD(dataOffset), FIELD(reserved), FIELD(ns),
+                  FIELD(cwr), FIELD(ece), FIELD(urg), FIELD(ack), FIELD(psh), FIELD(rst),
+                  FIELD(syn), FIELD(fin), FIELD(window), FIELD(checksum), FIELD(urgentPointer));
     (void)header.computedChecksum({{}, {}, header.headerBytes()});
     Mox::require(header.headerBytes() >= sizeof(header), "a whole header");
     return header.headerBytes();
@@ -173,12 +150,8 @@ void requireUdpChecksum(const UdpHdr& header, const Pseudo& pseudo, uint16_t fou
 }
 
 uint32_t extentOf(const UdpHdr& header) {
-    UdpHdr rebuilt = complementOf(header);
-    rebuilt.srcPortIs(header.srcPort());
-    rebuilt.dstPortIs(header.dstPort());
-    rebuilt.udpLenIs(header.udpLen());
-    rebuilt.checksumIs(header.checksum());
-    requireSame(rebuilt, header);
+    using H = UdpHdr;
+    requireFields(header, FIELD(srcPort), FIELD(dstPort), FIELD(udpLen), FIELD(checksum));
     const UdpPseudoHdr pseudo(IpAddr(1), IpAddr(2), header.udpLen());
     requireUdpChecksum(header, pseudo, header.computedChecksumU16(pseudo));
     const UdpPseudoHdrIpv6 pseudo6(Ip6Addr(1, 2), Ip6Addr(3, 4), header.udpLen());
@@ -188,13 +161,129 @@ uint32_t extentOf(const UdpHdr& header) {
 }
 
 uint32_t extentOf(const SctpHdr& header) {
-    SctpHdr rebuilt = complementOf(header);
-    rebuilt.srcPortIs(header.srcPort());
-    rebuilt.dstPortIs(header.dstPort());
-    rebuilt.verificationTagIs(header.verificationTag());
-    rebuilt.checksumIs(header.checksum());
-    requireSame(rebuilt, header);
+    using H = SctpHdr;
+    requireFields(header, FIELD(srcPort), FIELD(dstPort), FIELD(verificationTag), FIELD(checksum));
     return sizeof(header);
+}
+
+uint32_t extentOf(const ArpHdr& header) {
+    using H = ArpHdr;
+    requireFields(header, FIELD(hwType), FIELD(protoType), FIELD(hwLen), FIELD(protoLen), FIELD(op),
+                  FIELD(senderMac), FIELD(senderIp), FIELD(targetMac), FIELD(targetIp));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const VrrpHdr& header) {
+    using H = VrrpHdr;
+    requireFields(header, FIELD(version), FIELD(type), FIELD(vrid), FIELD(priority),
+                  FIELD(addressCount), FIELD(authType), FIELD(intervalSeconds), FIELD(reserved),
+                  FIELD(intervalCentiseconds), FIELD(checksum));
+    return header.totalBytes(sizeof(IpAddr));
+}
+
+uint32_t extentOf(const IgmpHdr& header) {
+    using H = IgmpHdr;
+    requireFields(header, FIELD(type), FIELD(maxRespCode), FIELD(checksum), FIELD(group));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const Igmp3QueryHdr& header) {
+    using H = Igmp3QueryHdr;
+    requireFields(header, FIELD(suppress), FIELD(robustness), FIELD(intervalCode),
+                  FIELD(sourceCount));
+    return static_cast<uint32_t>(sizeof(header) + header.sources().size_bytes());
+}
+
+uint32_t extentOf(const Igmp3ReportHdr& header) {
+    using H = Igmp3ReportHdr;
+    requireFields(header, FIELD(type), FIELD(checksum), FIELD(recordCount));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const IgmpRecordHdr& header) {
+    using H = IgmpRecordHdr;
+    requireFields(header, FIELD(type), FIELD(auxWords), FIELD(sourceCount), FIELD(group));
+    return header.totalBytes();
+}
+
+uint32_t extentOf(const PimRegisterHdr& header) {
+    using H = PimRegisterHdr;
+    requireFields(header, FIELD(version), FIELD(type), FIELD(reserved), FIELD(checksum),
+                  FIELD(border), FIELD(nullRegister));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const GreHdr& header) {
+    using H = GreHdr;
+    requireFields(header, FIELD(hasChecksum), FIELD(hasKey), FIELD(hasSequenceNumber),
+                  FIELD(version), FIELD(type));
+    (void)header.checksum();
+    (void)header.key();
+    (void)header.sequenceNumber();
+    return header.headerBytes();
+}
+
+uint32_t extentOf(const VxlanHdr& header) {
+    using H = VxlanHdr;
+    requireFields(header, FIELD(hasVni), FIELD(vni));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const PwControlWord& header) {
+    using H = PwControlWord;
+    requireFields(header, FIELD(nibble), FIELD(flags), FIELD(fragmentation), FIELD(length),
+                  FIELD(sequenceNumber));
+    return std::max<uint32_t>(header.length(), sizeof(header));
+}
+
+uint32_t extentOf(const MimHdr& header) {
+    using H = MimHdr;
+    requireFields(header, FIELD(priority), FIELD(dropEligible), FIELD(uca), FIELD(serviceId));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const Icmp6RaHdr& header) {
+    using H = Icmp6RaHdr;
+    requireFields(header, FIELD(hopLimit), FIELD(managed), FIELD(otherConfig), FIELD(preference),
+                  FIELD(lifetimeSeconds), FIELD(reachableMs), FIELD(retransMs));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const Icmp6NaHdr& header) {
+    using H = Icmp6NaHdr;
+    requireFields(header, FIELD(router), FIELD(solicited), FIELD(overriding), FIELD(target));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const Icmp6RedirectHdr& header) {
+    using H = Icmp6RedirectHdr;
+    requireFields(header, FIELD(target), FIELD(destination));
+    return sizeof(header);
+}
+
+uint32_t extentOf(const NdOptionHdr& header) {
+    using H = NdOptionHdr;
+    requireFields(header, FIELD(type), FIELD(len));
+    return header.totalBytes();
+}
+
+uint32_t extentOf(const NdLinkAddrOption& header) {
+    using H = NdLinkAddrOption;
+    requireFields(header, FIELD(mac));
+    return header.totalBytes();
+}
+
+uint32_t extentOf(const NdMtuOption& header) {
+    using H = NdMtuOption;
+    requireFields(header, FIELD(mtu));
+    return header.totalBytes();
+}
+
+uint32_t extentOf(const NdPrefixOption& header) {
+    using H = NdPrefixOption;
+    requireFields(header, FIELD(prefixLen), FIELD(onLink), FIELD(autonomous), FIELD(validSeconds),
+                  FIELD(preferredSeconds), FIELD(prefix));
+    return header.totalBytes();
 }
 
 template <class Hdr, class Wrapper>
@@ -246,5 +335,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     check<UdpHdr, UdpHdrWrapper>(pkt, offset);
     check<UdpHdr, UdpHdrWrapperIpv6>(pkt, offset);
     check<SctpHdr, SctpHdrWrapper>(pkt, offset);
+    check<ArpHdr, ArpHdrWrapper>(pkt, offset);
+    check<VrrpHdr, VrrpHdrWrapper>(pkt, offset);
+    check<IgmpHdr, IgmpHdrWrapper>(pkt, offset);
+    check<Igmp3QueryHdr, Igmp3QueryHdrWrapper>(pkt, offset);
+    check<Igmp3ReportHdr, Igmp3ReportHdrWrapper>(pkt, offset);
+    check<IgmpRecordHdr, IgmpRecordHdrWrapper>(pkt, offset);
+    check<PimRegisterHdr, PimRegisterHdrWrapper>(pkt, offset);
+    check<GreHdr, GreHdrWrapper>(pkt, offset);
+    check<VxlanHdr, VxlanHdrWrapper>(pkt, offset);
+    check<PwControlWord, PwControlWordWrapper>(pkt, offset);
+    check<MimHdr, MimHdrWrapper>(pkt, offset);
+    check<Icmp6RaHdr, Icmp6RaHdrWrapper>(pkt, offset);
+    check<Icmp6NaHdr, Icmp6NaHdrWrapper>(pkt, offset);
+    check<Icmp6RedirectHdr, Icmp6RedirectHdrWrapper>(pkt, offset);
+    check<NdOptionHdr, PlainHdrWrapper<NdOptionHdr>>(pkt, offset);
+    check<NdLinkAddrOption, PlainHdrWrapper<NdLinkAddrOption>>(pkt, offset);
+    check<NdMtuOption, PlainHdrWrapper<NdMtuOption>>(pkt, offset);
+    check<NdPrefixOption, PlainHdrWrapper<NdPrefixOption>>(pkt, offset);
     return 0;
 }

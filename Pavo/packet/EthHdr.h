@@ -22,6 +22,8 @@ struct EthType {
     static constexpr uint16_t arp = 0x0806;
     /// A VLAN tag follows: its TPID (IEEE 802.1Q).
     static constexpr uint16_t dot1Q = 0x8100;
+    /// A whole frame follows, as in GRE (RFC 1701).
+    static constexpr uint16_t bridging = 0x6558;
     static constexpr uint16_t ip6 = 0x86dd;
     static constexpr uint16_t slowProtocols = 0x8809;
     static constexpr uint16_t mpls = 0x8847;
@@ -30,6 +32,8 @@ struct EthType {
     /// A service VLAN tag follows: its TPID (IEEE 802.1ad).
     static constexpr uint16_t dot1Ad = 0x88a8;
     static constexpr uint16_t lldp = 0x88cc;
+    /// An I-TAG and the customer's frame follow (IEEE 802.1Q-2018, 9.7).
+    static constexpr uint16_t mim = 0x88e7;
     /// A type field below this is the length of an LLC frame (IEEE 802.3-2018, 3.2.6).
     static constexpr uint16_t firstType = 0x0600;
 };

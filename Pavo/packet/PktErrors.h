@@ -23,6 +23,7 @@ enum class PktErrors : int32_t {
     badIpPayloadLen = -51,
     nonIpHdr = -52,
     wrongIpOption = -53,
+    ipFragment = -54,
 
     // IPv6.
     nonIp6Hdr = -101,
@@ -45,6 +46,10 @@ enum class PktErrors : int32_t {
     notIcmp6NaType = -212,
     icmp6NaTgtMcast = -213,
     icmp6McastDstIpAndNonZeroSolicitation = -214,
+    badIcmp6Code = -215,
+    nonLinkLocalSrc = -216,
+    icmp6RedirectDstMcast = -217,
+    icmp6RedirectTgt = -218,
 
     // ARP.
     badArpPkt = -300,
@@ -59,11 +64,37 @@ enum class PktErrors : int32_t {
     badVrrpAuth = -406,
     badVrrpLinkLocal = -407,
     vrrpVridMacMismatch = -408,
+    badVrrpType = -409,
 
     // The authentication header (RFC 4302).
     nextHdrIsNotAh = -500,
     badAhLen = -501,
     nonAhHmac96 = -502,
+
+    // IGMP (RFC 2236, RFC 3376).
+    nonIgmpProto = -600,
+    badIgmpChecksum = -601,
+    badIgmpType = -602,
+    badIgmpLen = -603,
+    badIgmpGroup = -604,
+
+    // PIM (RFC 7761, 4.9).
+    nonPimProto = -700,
+    badPimVersion = -701,
+    badPimLen = -702,
+    badPimChecksum = -703,
+
+    // Tunnels: GRE (RFC 2784, RFC 2890), VXLAN (RFC 7348), pseudowires (RFC 4385), I-TAGs
+    // (IEEE 802.1Q, 9.7).
+    nonGreProto = -800,
+    badGreVersion = -801,
+    badGreFlags = -802,
+    badGreLen = -803,
+    badGreChecksum = -804,
+    badVxlanFlags = -805,
+    nonPwControlWord = -806,
+    badPwLen = -807,
+    badMimReserved = -808,
 };
 
 /// @throws Mox::RangeException "Invalid PktErrors"
@@ -81,6 +112,7 @@ constexpr auto enumDescription(PktErrors) {
         {PktErrors::badIpPayloadLen, "badIpPayloadLen"},
         {PktErrors::nonIpHdr, "nonIpHdr"},
         {PktErrors::wrongIpOption, "wrongIpOption"},
+        {PktErrors::ipFragment, "ipFragment"},
         {PktErrors::nonIp6Hdr, "nonIp6Hdr"},
         {PktErrors::badIp6PayloadLen, "badIp6PayloadLen"},
         {PktErrors::wrongIp6Option, "wrongIp6Option"},
@@ -101,6 +133,10 @@ constexpr auto enumDescription(PktErrors) {
         {PktErrors::icmp6NaTgtMcast, "icmp6NaTgtMcast"},
         {PktErrors::icmp6McastDstIpAndNonZeroSolicitation,
          "icmp6McastDstIpAndNonZeroSolicitation"},
+        {PktErrors::badIcmp6Code, "badIcmp6Code"},
+        {PktErrors::nonLinkLocalSrc, "nonLinkLocalSrc"},
+        {PktErrors::icmp6RedirectDstMcast, "icmp6RedirectDstMcast"},
+        {PktErrors::icmp6RedirectTgt, "icmp6RedirectTgt"},
         {PktErrors::badArpPkt, "badArpPkt"},
         {PktErrors::nonVrrpProto, "nonVrrpProto"},
         {PktErrors::nonVrrpMac, "nonVrrpMac"},
@@ -111,9 +147,28 @@ constexpr auto enumDescription(PktErrors) {
         {PktErrors::badVrrpAuth, "badVrrpAuth"},
         {PktErrors::badVrrpLinkLocal, "badVrrpLinkLocal"},
         {PktErrors::vrrpVridMacMismatch, "vrrpVridMacMismatch"},
+        {PktErrors::badVrrpType, "badVrrpType"},
         {PktErrors::nextHdrIsNotAh, "nextHdrIsNotAh"},
         {PktErrors::badAhLen, "badAhLen"},
         {PktErrors::nonAhHmac96, "nonAhHmac96"},
+        {PktErrors::nonIgmpProto, "nonIgmpProto"},
+        {PktErrors::badIgmpChecksum, "badIgmpChecksum"},
+        {PktErrors::badIgmpType, "badIgmpType"},
+        {PktErrors::badIgmpLen, "badIgmpLen"},
+        {PktErrors::badIgmpGroup, "badIgmpGroup"},
+        {PktErrors::nonPimProto, "nonPimProto"},
+        {PktErrors::badPimVersion, "badPimVersion"},
+        {PktErrors::badPimLen, "badPimLen"},
+        {PktErrors::badPimChecksum, "badPimChecksum"},
+        {PktErrors::nonGreProto, "nonGreProto"},
+        {PktErrors::badGreVersion, "badGreVersion"},
+        {PktErrors::badGreFlags, "badGreFlags"},
+        {PktErrors::badGreLen, "badGreLen"},
+        {PktErrors::badGreChecksum, "badGreChecksum"},
+        {PktErrors::badVxlanFlags, "badVxlanFlags"},
+        {PktErrors::nonPwControlWord, "nonPwControlWord"},
+        {PktErrors::badPwLen, "badPwLen"},
+        {PktErrors::badMimReserved, "badMimReserved"},
     });
 }
 // clang-format on
