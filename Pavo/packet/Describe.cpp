@@ -151,7 +151,8 @@ struct NamedType {
 
 constexpr NamedType namedTypes[] = {
     {EthType::ip, "IPv4", describeIp},
-    {EthType::arp, "ARP", nullptr},
+    {EthType::bridging, "TEB", describeEthernet},
+    {EthType::arp, "ARP", describeArp},
     {EthType::dot1Q, "802.1Q", describeVlan},
     {EthType::ip6, "IPv6", describeIp},
     {EthType::slowProtocols, "Slow Protocols", nullptr},
@@ -160,6 +161,7 @@ constexpr NamedType namedTypes[] = {
     {EthType::eapol, "EAPOL", nullptr},
     {EthType::dot1Ad, "802.1Q-QinQ", describeVlan},
     {EthType::lldp, "LLDP", nullptr},
+    {EthType::mim, "802.1ah", describeMim},
 };
 
 const NamedType& namedType(uint16_t type) {
@@ -169,15 +171,16 @@ const NamedType& namedType(uint16_t type) {
     return found == std::end(namedTypes) ? unknown : *found;
 }
 
-std::string typeText(uint16_t type) {
+}  // namespace
+
+std::string etherTypeText(uint16_t type) {
     if (type < EthType::firstType) {
         return "802.3, length " + std::to_string(type);
     }
     return std::string("ethertype ") + namedType(type).name + " (" + hexText(type, 4) + ")";
 }
 
-// Goes on with what a type field says.
-void describeType(PktDescription& description, uint16_t type) {
+void describeEtherType(PktDescription& description, uint16_t type) {
     if (type < EthType::firstType) {
         (void)description.limitIs(type);
         return description.stop("LLC is not decoded" + description.leftText());
@@ -186,8 +189,10 @@ void describeType(PktDescription& description, uint16_t type) {
     if (layer != nullptr) {
         return description.nextIs(layer);
     }
-    description.stop(typeText(type) + " is not decoded" + description.leftText());
+    description.stop(etherTypeText(type) + " is not decoded" + description.leftText());
 }
+
+namespace {
 
 void writeTag(std::ostream& out, const Eth8021QHdr& tag) {
     out << "vlan " << tag.vlanId() << ", p " << +tag.priority()
@@ -198,8 +203,8 @@ void describeVlan(PktDescription& description) {
     Eth8021QHdr tag;
     if (description.take(&tag, "vlan")) {
         writeTag(description.out(), tag);
-        description.out() << typeText(tag.type());
-        describeType(description, tag.type());
+        description.out() << etherTypeText(tag.type());
+        describeEtherType(description, tag.type());
     }
 }
 
@@ -207,24 +212,25 @@ void describeVlan(PktDescription& description) {
 
 void describeEthernet(PktDescription& description) {
     const uint32_t length = description.left();
+    const bool isOuter = description.isFirstLayer();
     EthHdr eth;
     if (!description.take(&eth, "ether")) {
         return;
     }
     std::ostream& out = description.out();
-    out << eth.src() << " > " << eth.dst() << ", " << typeText(eth.type());
+    out << eth.src() << " > " << eth.dst() << ", " << etherTypeText(eth.type());
     if (eth.type() >= EthType::firstType) {
         out << ", length " << length;
     }
     const Pkt& pkt = description.pkt();
-    if (pkt.hasSeparateVlanTag()) {
+    if (pkt.hasSeparateVlanTag() && isOuter) {
         Eth8021QHdr tag;
         tag.tciIs(pkt.separateVlanTci());
         out << "\n";
         writeTag(out, tag);
         out << "separate tag, tpid " << hexText(pkt.separateVlanTpid(), 4);
     }
-    describeType(description, eth.type());
+    describeEtherType(description, eth.type());
 }
 
 // What follows the last entry is not named: the first four bits tell IP versions apart.
@@ -258,6 +264,8 @@ Mox::String describe(const Mox::Ptr<Pkt>& pkt, uint32_t offset, FirstHdr first) 
             return describeFrom(pkt, offset, describeIp);
         case FirstHdr::mpls:
             return describeFrom(pkt, offset, describeMpls);
+        case FirstHdr::controlWord:
+            return describeFrom(pkt, offset, describeControlWord);
         case FirstHdr::ethernet:
             break;
     }

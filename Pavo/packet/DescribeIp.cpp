@@ -105,7 +105,7 @@ void describeIp4(PktDescription& description) {
     const uint32_t missing = description.limitIs(ip.payloadLen());
     writeMissing(out, "ip", missing);
     description.isPartialIs(missing != 0 || ip.moreFrag());
-    description.addressSumIs(addressSumOf(ip.src(), ip.dst()));
+    description.addressSumIs(addressSumOf(ip.src(), ip.dst()), /*isIp6=*/false);
     if (ip.fragmentOffset() != IpFragmentOffset(0)) {
         return description.stop("fragment of " + protocolText(ip.protocol()) +
                                 description.leftText());
@@ -131,7 +131,7 @@ void describeIp6(PktDescription& description) {
     const uint32_t missing = description.limitIs(ip6.payloadLen());
     writeMissing(out, "ip6", missing);
     description.isPartialIs(missing != 0);
-    description.addressSumIs(addressSumOf(ip6.src(), ip6.dst()));
+    description.addressSumIs(addressSumOf(ip6.src(), ip6.dst()), /*isIp6=*/true);
     describeProtocol(description, ip6.nextHeader());
 }
 
@@ -197,22 +197,22 @@ struct NamedProtocol {
 constexpr NamedProtocol namedProtocols[] = {
     {0, "Options", describeHopByHop},
     {1, "ICMP", describeIcmp},
-    {2, "IGMP", nullptr},
+    {2, "IGMP", describeIgmp},
     {4, "IPIP", describeIp},
     {6, "TCP", describeTcp},
     {17, "UDP", describeUdp},
     {41, "IPv6", describeIp},
     {43, "Routing", describeRouting},
     {44, "Fragment", describeFragment},
-    {47, "GRE", nullptr},
+    {47, "GRE", describeGre},
     {50, "ESP", nullptr},
     {51, "AH", nullptr},
     {58, "ICMPv6", describeIcmp6},
     {59, "no next header", describeNothing},
     {60, "DSTOPT", describeDestination},
     {89, "OSPF", nullptr},
-    {103, "PIM", nullptr},
-    {112, "VRRP", nullptr},
+    {103, "PIM", describePim},
+    {112, "VRRP", describeVrrp},
     {132, "SCTP", describeSctp},
 };
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "Pavo/packet/Icmp6Hdr.h"
 #include "Pavo/packet/NetU.h"
 #include "Pavo/packet/Pkt.h"
 #include "Pavo/value/Ip.h"
@@ -54,12 +55,18 @@ class PktDescription {
     uint8_t peek() const;
     void nextIs(Layer layer) { next_ = layer; }
     void stop(const std::string& reason);
+    bool isStopped() const { return isStopped_; }
 
     /// The packet ends where it does, or `bytes` bytes further on, if that is less. Returns the
     /// bytes that are missing for that.
     uint32_t limitIs(uint32_t bytes);
     /// The sum of the addresses of the IP header, for what follows it.
-    void addressSumIs(uint32_t sum) { addressSum_ = sum; }
+    void addressSumIs(uint32_t sum, bool isIp6) {
+        addressSum_ = sum;
+        isAfterIp6_ = isIp6;
+    }
+    /// Whether that is the header of IPv6; none where no IP header was seen.
+    std::optional<bool> isAfterIp6() const { return isAfterIp6_; }
     /// What follows lacks bytes, as part of a datagram: no checksum can be checked.
     void isPartialIs(bool isPartial) { isPartial_ = isPartial; }
 
@@ -68,6 +75,8 @@ class PktDescription {
     std::optional<uint16_t> messageChecksum(uint32_t start,
                                             std::optional<IpProtocolNumber> protocol) const;
     bool isPartial() const { return isPartial_; }
+    /// No layer was described before this one.
+    bool isFirstLayer() const { return text_.empty(); }
 
     /// Describes layer by layer and returns the text.
     std::string run(Layer first);
@@ -83,6 +92,7 @@ class PktDescription {
     bool isStopped_ = false;
     bool isPartial_ = false;
     std::optional<uint32_t> addressSum_;
+    std::optional<bool> isAfterIp6_;
     std::ostringstream line_;
     std::string text_;
 };
@@ -102,6 +112,23 @@ void describeIcmp6(PktDescription& description);
 void describeUdp(PktDescription& description);
 void describeTcp(PktDescription& description);
 void describeSctp(PktDescription& description);
+void describeArp(PktDescription& description);
+void describeIgmp(PktDescription& description);
+void describePim(PktDescription& description);
+void describeVrrp(PktDescription& description);
+void describeGre(PktDescription& description);
+void describeVxlan(PktDescription& description);
+void describeMim(PktDescription& description);
+void describeControlWord(PktDescription& description);
+
+/// What follows the first 8 bytes of a message of neighbour discovery: fields and options. `flags`
+/// is the word before them. False for another type of message.
+bool describeNd(PktDescription& description, Icmp6Type type, uint32_t flags);
+
+/// A type field with its name, such as "ethertype IPv4 (0x0800)".
+std::string etherTypeText(uint16_t type);
+/// Goes on with what a type field says, or stops.
+void describeEtherType(PktDescription& description, uint16_t type);
 
 /// A protocol number with its name, such as "UDP (17)".
 std::string protocolText(uint8_t number);

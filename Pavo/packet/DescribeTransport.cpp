@@ -13,6 +13,7 @@
 #include "Pavo/packet/SctpHdr.h"
 #include "Pavo/packet/TcpHdr.h"
 #include "Pavo/packet/UdpHdr.h"
+#include "Pavo/packet/VxlanHdr.h"
 
 namespace Pavo {
 
@@ -93,6 +94,10 @@ void describeIcmp6(PktDescription& description) {
     out << "ICMP6, ";
     writeIcmp<Icmp6Type>(out, icmp6);
     out << ", length " << length;
+    const uint32_t flags = uint32_t{icmp6.id()} << 16 | icmp6.sequenceNumber();
+    if (describeNd(description, icmp6.type(), flags)) {
+        return;
+    }
     if (static_cast<uint32_t>(icmp6.type()) < firstInformational) {
         description.nextIs(describeIp);  // The packet that the error is about.
     }
@@ -123,6 +128,9 @@ void describeUdp(PktDescription& description) {
         writeSum(out, "udp", field, computed);
     }
     out << "length " << udp.udpLen() - sizeof(UdpHdr);
+    if (udp.dstPort() == VxlanHdr::udpPort) {
+        description.nextIs(describeVxlan);
+    }
 }
 
 namespace {
