@@ -18,12 +18,8 @@ void Eth::write(const LayerSite& site) const {
 }
 
 void Vlan::write(const LayerSite& site) const {
-    if (vlanId > 4095) {
-        Mox::throwRangeException("Vlan::vlanId > 4095 not allowed");
-    }
-    if (priority > 7) {
-        Mox::throwRangeException("Vlan::priority > 7 not allowed");
-    }
+    requireField(vlanId <= 4095, "Vlan::vlanId > 4095 not allowed");
+    requireField(priority <= 7, "Vlan::priority > 7 not allowed");
     auto& tag = site.newHdr<Eth8021QHdr>();
     tag.vlanIdIs(vlanId);
     tag.priorityIs(priority);

@@ -25,6 +25,9 @@
 
 #include "Pavo/base/Export.h"
 #include "Pavo/label/MplsLabel.h"
+#include "Pavo/packet/BuildControl.h"
+#include "Pavo/packet/BuildNd.h"
+#include "Pavo/packet/BuildTunnel.h"
 #include "Pavo/packet/EthHdr.h"
 #include "Pavo/packet/Icmp6Hdr.h"
 #include "Pavo/packet/IcmpHdr.h"
@@ -40,7 +43,7 @@
 
 namespace Pavo {
 
-/// An Ethernet header.
+/// An Ethernet header, also of a frame in a tunnel.
 /// @throws Mox::RangeException "Eth::type not set, and no layer follows that has one"
 ///
 /// Members: the fields, in host order; `PktLayer` says what one that is not set means.
@@ -50,6 +53,7 @@ struct Eth {
     std::optional<uint16_t> type = {};
 
     static constexpr bool nextHasEtherType = true;
+    uint16_t etherType() const { return EthType::bridging; }
     std::size_t hdrBytes() const { return sizeof(EthHdr); }
     PAVO_EXPORT void write(const LayerSite& site) const;
 };
@@ -132,6 +136,7 @@ struct Ip6 {
     std::optional<uint16_t> payloadLen = {};
 
     static constexpr bool nextHasIpProtocol = true;
+    static constexpr bool hasIp6Addresses = true;
     uint16_t etherType() const { return EthType::ip6; }
     IpProtocolNumber ipProtocol() const { return IpProtocolNumber::ipv6; }
     PAVO_EXPORT uint32_t addressSum() const;
@@ -307,23 +312,38 @@ void setNext(LayerSite& site, const Next& next, const Rest&...) {
     }
 }
 
+// What is known of the IP layer before a layer.
+enum class IpBefore { none, ip4, ip6 };
+
+template <class Layer>
+constexpr IpBefore ipAfter(IpBefore before) {
+    if constexpr (HasAddresses<Layer>) {
+        return requires {
+            Layer::hasIp6Addresses;
+        }
+        ? IpBefore::ip6 : IpBefore::ip4;
+    }
+    return before;
+}
+
 // Writes the layers into `bytes` bytes at `at`, the last one first.
-template <bool isAfterIp, class Layer, class... Rest>
+template <IpBefore ipBefore, class Layer, class... Rest>
 void writeLayers(uint8_t* at, uint32_t bytes, uint32_t addressSum, const Layer& layer,
                  const Rest&... rest) {
     if constexpr (requires { Layer::needsAddresses; }) {
-        static_assert(isAfterIp, "the checksum needs the addresses of an IP layer before this one");
+        static_assert(ipBefore != IpBefore::none,
+                      "the checksum needs the addresses of an IP layer before this one");
     }
     const auto hdrBytes = static_cast<uint32_t>(layer.hdrBytes());
     LayerSite site(at, hdrBytes, bytes - hdrBytes);
     site.addressSumIs(addressSum);
+    site.isAfterIp6Is(ipBefore == IpBefore::ip6);
     if constexpr (HasAddresses<Layer>) {
         addressSum = layer.addressSum();
     }
     if constexpr (sizeof...(rest) != 0) {
         setNext<Layer>(site, rest...);
-        writeLayers<isAfterIp || HasAddresses<Layer>>(at + hdrBytes, bytes - hdrBytes, addressSum,
-                                                      rest...);
+        writeLayers<ipAfter<Layer>(ipBefore)>(at + hdrBytes, bytes - hdrBytes, addressSum, rest...);
     }
     layer.write(site);
 }
@@ -331,7 +351,7 @@ void writeLayers(uint8_t* at, uint32_t bytes, uint32_t addressSum, const Layer& 
 template <class... Layers>
 Mox::Ptr<Pkt> build(const Layers&... layers) {
     Mox::Ptr<Pkt> pkt = newPktWith((uint64_t{layers.hdrBytes()} + ...));
-    writeLayers<false>(pkt->frontData(), pkt->frontBytes(), 0, layers...);
+    writeLayers<IpBefore::none>(pkt->frontData(), pkt->frontBytes(), 0, layers...);
     return pkt;
 }
 

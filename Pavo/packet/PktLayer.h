@@ -42,6 +42,9 @@ class LayerSite {
     /// The unfolded sum of both addresses of the nearest IP layer before this one; 0 without one.
     uint32_t addressSum() const { return addressSum_; }
     void addressSumIs(uint32_t sum) { addressSum_ = sum; }
+    /// Whether that layer is IPv6.
+    bool isAfterIp6() const { return isAfterIp6_; }
+    void isAfterIp6Is(bool isAfterIp6) { isAfterIp6_ = isAfterIp6; }
 
     /// A header record with its initial values at the start of the header.
     template <class Hdr>
@@ -66,6 +69,7 @@ class LayerSite {
     std::optional<uint16_t> nextEtherType_;
     std::optional<IpProtocolNumber> nextProtocol_;
     uint32_t addressSum_ = 0;
+    bool isAfterIp6_ = false;
 };
 
 /// What a layer has: the length of its header, and a function that writes it. A layer is a plain
@@ -77,22 +81,25 @@ class LayerSite {
 /// - `uint32_t addressSum() const`: the sum of its addresses, for the checksums of layers after it
 /// - `static constexpr bool nextHasEtherType = true`, `nextHasIpProtocol = true`: the header names
 ///   the next layer by such a number. A layer without the number after it does not compile.
+/// - `static constexpr bool hasIp6Addresses = true`: the addresses are those of IPv6
 /// - `static constexpr bool needsAddresses = true`: its checksum takes in the addresses of an IP
 ///   header. Without an IP layer before it, it does not compile.
 ///
 /// `write` throws a `Mox::RangeException` for values that do not fit into their fields. For
 /// example:
 ///
-///     struct Gre {  // RFC 2784.
-///         std::optional<uint16_t> type = {};
+///     struct Fragment {  // RFC 8200, 4.5: a datagram in one fragment.
+///         uint32_t id = 0;
+///         std::optional<IpProtocolNumber> nextHeader = {};
 ///
-///         static constexpr bool nextHasEtherType = true;
-///         IpProtocolNumber ipProtocol() const { return IpProtocolNumber::gre; }
-///         std::size_t hdrBytes() const { return 4; }
+///         static constexpr bool nextHasIpProtocol = true;
+///         IpProtocolNumber ipProtocol() const { return IpProtocolNumber::ipv6Frag; }
+///         std::size_t hdrBytes() const { return 8; }
 ///         void write(const LayerSite& site) const {
-///             storeNet<uint16_t>(site.data(), 0);
-///             storeNet(site.data() + 2, numberOfNext(type, site.nextEtherType(),
-///                                                    "Gre::type not set"));
+///             const auto next = numberOfNext(nextHeader, site.nextProtocol(),
+///                                            "Fragment::nextHeader not set");
+///             storeNet(site.data(), static_cast<uint32_t>(next) << 24);
+///             storeNet(site.data() + 4, id);
 ///         }
 ///     };
 template <class T>
@@ -110,6 +117,13 @@ Number numberOfNext(const std::optional<Number>& set, const std::optional<Number
         Mox::throwRangeException(notSet);
     }
     return set ? *set : *next;
+}
+
+/// @throws Mox::RangeException `text` unless `fits`
+inline void requireField(bool fits, const char* text) {
+    if (!fits) {
+        Mox::throwRangeException(text);
+    }
 }
 
 /// The length that the caller set; else `bytes`.
