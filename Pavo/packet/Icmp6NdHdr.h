@@ -206,6 +206,8 @@ static_assert(isOverlay<NdOptionHdr>(2));
 /// The MAC of the sender or of the target, on Ethernet (RFC 2464, 6):
 ///
 ///     | type (1): 1 or 2 | length (1): 1 | MAC (6) |
+///
+/// Members: the fields, in host order.
 class NdLinkAddrOption : public NdOptionHdr {
   public:
     static constexpr std::string_view recordName = "NdLinkAddrOption";
