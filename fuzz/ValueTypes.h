@@ -18,6 +18,7 @@
 #include "Pavo/Ip6Pam.h"
 #include "Pavo/IpAddr.h"
 #include "Pavo/IpGenAddr.h"
+#include "Pavo/IpGenAddrAndPort.h"
 #include "Pavo/IpGenAddrWithFullMask.h"
 #include "Pavo/IpGenAddrWithMask.h"
 #include "Pavo/IpGenPrefix.h"
@@ -63,8 +64,9 @@ using IpTypes = TypeList<Pavo::IpAddr, Pavo::IpAddrWithMask, Pavo::IpAddrWithFul
                          Pavo::IpAndPort>;
 using Ip6Types =
     TypeList<Pavo::Ip6Addr, Pavo::Ip6AddrWithMask, Pavo::Ip6AddrWithFullMask, Pavo::Ip6Prefix>;
-using IpGenTypes = TypeList<Pavo::IpGenAddr, Pavo::IpGenPrefixBase, Pavo::IpGenPrefix,
-                            Pavo::IpGenAddrWithMask, Pavo::IpGenAddrWithFullMask>;
+using IpGenTypes =
+    TypeList<Pavo::IpGenAddr, Pavo::IpGenPrefixBase, Pavo::IpGenPrefix, Pavo::IpGenAddrWithMask,
+             Pavo::IpGenAddrWithFullMask, Pavo::IpGenAddrAndPort>;
 using FieldTypes =
     TypeList<Pavo::IpVersion, Pavo::IpTtl, Pavo::IpDscp, Pavo::IpTrafficClass, Pavo::IpFlowLabel,
              Pavo::Port, Pavo::Eui64U8Key, Pavo::Ip6AddrU8Key, Pavo::Ip6PrefixLen,
@@ -123,6 +125,9 @@ inline bool readsBack(const Pavo::Ip6AddrWithFullMask& value) {
 /// What has no family prints as IPv6.
 inline bool readsBack(const Pavo::IpGenAddr& value) {
     return value.af() != Pavo::ipunknown;
+}
+inline bool readsBack(const Pavo::IpGenAddrAndPort& value) {
+    return value.address().af() != Pavo::ipunknown;
 }
 inline bool readsBack(const Pavo::IpGenPrefix& value) {
     return value.af() != Pavo::ipunknown;

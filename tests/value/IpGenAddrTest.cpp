@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Pavo/EthAddr.h"
+#include "Pavo/IpGenAddrAndPort.h"
 #include "support/ValueLaws.h"
 
 namespace Pavo {
@@ -27,6 +28,20 @@ TEST(IpGenAddr, DetectsTheFamilyByTheFirstColonOrDot) {
                    {"Ip6Addr: unexpected trailing characters", {"::1/64", "::1x"}},
                    {"Ip6Addr: incomplete ipv6 address", {"a:b"}},
                    {"Ip6Addr: expected '.'", {"1:2.3"}}});
+}
+
+TEST(IpGenAddrAndPort, KeepsTheValueLawsAndNamesTheFirstFault) {
+    expectValueLawsOf<IpGenAddrAndPort>({"0.0.0.0:0", "192.0.2.1:53", "192.0.2.1:65535", "[::]:0",
+                                         "[::ffff:10.0.0.1]:80", "[2001:db8::1]:53"});
+    EXPECT_EQ(IpGenAddrAndPort().stringValue(), "[::]:0");
+    EXPECT_EQ(IpGenAddrAndPort(gen("fe80::1"), 7).stringValue(), "[fe80::1]:7");
+    expectRefuses(
+        IpGenAddrAndPort(gen("::1"), 7),
+        {{"Invalid IpGenAddrAndPort",
+          {"", "::1", "2001:db8::1:53", "192.0.2.1", "192.0.2.1:", "192.0.2.1:65536",
+           "192.0.2.1:-1", "192.0.2.1:53x", "[::1]", "[::1]53", "[::1:53", "[::1]:65536"}},
+         {"Invalid IpAddr", {"192.0.2:53", "192.0.2.256:53"}},
+         {"Ip6Addr: ':' expected", {"[a:b]:1"}}});
 }
 
 TEST(IpGenAddr, HoldsOneFamilyAtATime) {
