@@ -18,7 +18,9 @@ constexpr uint32_t txOptions =
 
 Ip6HdrInclSocketPam::Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs)
-    : EntityOf(std::move(name), protocol, std::move(netNs)) {}
+    : EntityOf(std::move(name), protocol, std::move(netNs)) {
+    batchSenderIs(nullptr);
+}
 
 Ip6HdrInclSocketPam::~Ip6HdrInclSocketPam() = default;
 

@@ -28,6 +28,9 @@ IpProtocolNumber protocolOf(Ip6Pam::Mode mode) {
 Ip6Pam::Ip6Pam(Mox::String name, Mode mode, NamespaceName netNs)
     : EntityOf(std::move(name), protocolOf(mode), std::move(netNs)), mode_(mode) {
     optionsStore(reported);
+    if (mode == Mode::test) {
+        batchSenderIs(nullptr);
+    }
 }
 
 Ip6Pam::~Ip6Pam() = default;

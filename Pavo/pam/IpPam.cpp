@@ -8,26 +8,6 @@
 
 namespace Pavo {
 
-namespace {
-
-// Sets `field`, lets `handle` act on it, and takes the value back when that throws.
-template <class Field, class Handle>
-bool handled(Field& field, Field value, Handle handle) {
-    if (field == value) {
-        return false;
-    }
-    const Field before = std::exchange(field, value);
-    try {
-        handle();
-    } catch (...) {
-        field = before;
-        throw;
-    }
-    return true;
-}
-
-}  // namespace
-
 Mox::String ipSocketOptionsText(uint32_t options) {
     if (options == none) {
         return stringValue(none);
@@ -48,9 +28,7 @@ Mox::String ipSocketOptionsText(uint32_t options) {
 IpPam::IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
     : EntityOf(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}
 
-IpPam::~IpPam() {
-    fileDescDel();
-}
+IpPam::~IpPam() = default;
 
 void IpPam::doGetRxPkt() {
     Mox::require(false, "!\"IpPam doesn't use this interface.\"");
@@ -89,13 +67,10 @@ void IpPam::enableBulkReadIs(bool enable) {
         return;
     }
     const Mox::Ptr<IpPam> hold(this);
-    std::vector<Mox::Ptr<Pkt>> pkts(enable ? socketReadLimit_ : 0);
-    for (Mox::Ptr<Pkt>& each : pkts) {
-        each = globalPktManager()->newPkt(rxBufferBytes_);
-    }
+    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
     enableBulkRead_ = enable;
     bulkSlots_ = static_cast<uint8_t>(pkts.size());
-    readIsPossibleAgain();
+    socket_.readIsPossibleAgain();
     if (enable) {
         slotsFill(pkts);
     } else {
@@ -108,25 +83,8 @@ void IpPam::enableBulkReadIs(bool enable) {
 
 void IpPam::rxFlagsIs(int flags) {
     if (changed(rxFlags_, flags)) {
-        readIsPossibleAgain();
+        socket_.readIsPossibleAgain();
         notify(rxFlagsAttr);
-    }
-}
-
-// Packets may wait behind an error that the kernel reports once, so the first failure in a row asks
-// for one more report. A failure that stays then waits for the next event.
-void IpPam::readEnded(ReadEnd end) {
-    const bool failed = end == ReadEnd::failed;
-    const bool failedBefore = std::exchange(lastReadFailed_, failed);
-    if (fileDesc_) {
-        fileDesc_->readTried(end == ReadEnd::packets || (failed && !failedBefore));
-    }
-}
-
-// After reads that failed, packets may wait of which no event will come.
-void IpPam::readIsPossibleAgain() {
-    if (fileDesc_ && std::exchange(lastReadFailed_, false)) {
-        fileDesc_->readTried(true);
     }
 }
 
@@ -151,26 +109,6 @@ void IpPam::txTTLIs(IpTtl ttl) {
 void IpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
     if (rxFilter_.is(index, instruction)) {
         notify(rxFilterAttr, index);
-    }
-}
-
-void IpPam::fdSmIs() {
-    const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc_;
-    if (!fd || fdSm_) {  // An observer of `enabled` may have disabled or reopened the endpoint.
-        return;
-    }
-    const Mox::Ptr<PamFdSm> machine = PamFdSmIs(fd, this);
-    if (fileDesc_ == fd) {
-        fdSm_ = machine;
-    }
-}
-
-void IpPam::fileDescDel() {
-    if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
-        machine->moxDoZombieReactors(true);  // It points here, and others may hold it.
-    }
-    if (const Mox::Ptr<Mox::FileDescriptor> fd = std::exchange(fileDesc_, nullptr)) {
-        fd->close();
     }
 }
 

@@ -12,7 +12,7 @@
 #include "Pavo/base/Export.h"
 #include "Pavo/base/ValueFunctions.h"
 #include "Pavo/pam/Pam.h"
-#include "Pavo/pam/PamFdSm.h"
+#include "Pavo/pam/PamSocket.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/NamespaceName.h"
@@ -45,6 +45,10 @@ enum IpSocketOptions : uint32_t {
     ipNoMulticastLoop = 0x4000,
     /// SO_RXQ_OVFL: the kernel's drops are added to `rxDrops`, when the next packet is read.
     ipRecvDrops = 0x8000,
+    ipRecvTimestamp = 0x10000,  ///< SO_TIMESTAMPNS: fills `RxInfo::timestampNs`
+    ipBroadcast = 0x20000,      ///< SO_BROADCAST
+    ipReuseAddr = 0x40000,      ///< SO_REUSEADDR, of UDP endpoints
+    ipReusePort = 0x80000,      ///< SO_REUSEPORT, of UDP endpoints
 };
 
 constexpr auto enumDescription(IpSocketOptions) {
@@ -65,7 +69,11 @@ constexpr auto enumDescription(IpSocketOptions) {
                                               {ipPriority, "ipPriority"},
                                               {ipv6Checksum, "ipv6Checksum"},
                                               {ipNoMulticastLoop, "ipNoMulticastLoop"},
-                                              {ipRecvDrops, "ipRecvDrops"}});
+                                              {ipRecvDrops, "ipRecvDrops"},
+                                              {ipRecvTimestamp, "ipRecvTimestamp"},
+                                              {ipBroadcast, "ipBroadcast"},
+                                              {ipReuseAddr, "ipReuseAddr"},
+                                              {ipReusePort, "ipReusePort"}});
 }
 
 /// A set of option bits as text, in ascending order: "ipPktInfo|ipRecvTTL". Bits that are no option
@@ -352,8 +360,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
 
     /// The socket and the machine that watches it; null while disabled.
     /// @{
-    const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return fileDesc_; }
-    const Mox::Ptr<PamFdSm>& fdSm() const { return fdSm_; }
+    const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return socket_.fileDesc(); }
+    const Mox::Ptr<PamFdSm>& fdSm() const { return socket_.fdSm(); }
     /// @}
 
   protected:
@@ -364,29 +372,31 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     void enabledStore(bool enabled) { attributeIs(enabled_, enabled, enabledAttr); }
     void optionsStore(uint32_t options) { attributeIs(options_, options, optionsAttr); }
     /// @}
-    void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { fileDesc_ = std::move(fd); }
+    void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { socket_.fileDescIs(std::move(fd)); }
     /// Makes the machine that watches `fileDesc`, unless there is none. It increments both counts
     /// at once; observers of these may disable the endpoint or open it again.
-    void fdSmIs();
+    void fdSmIs() { socket_.watchFor(this); }
     /// Drops the machine and closes the socket.
-    void fileDescDel();
+    void fileDescDel() { socket_.close(); }
+    /// The socket, for what reads from it.
+    /// @{
+    PamSocket& pamSocket() { return socket_; }
+    const PamSocket& pamSocket() const { return socket_; }
+    /// @}
     /// The slots of a bulk read: `socketReadLimit` as it was when bulk reading was enabled.
     uint32_t bulkSlots() const { return bulkSlots_; }
 
-    /// How an attempt to read ended: with packets, with none there (EAGAIN), or with none for
-    /// another reason, also before the kernel was asked.
-    enum class ReadEnd { packets, empty, failed };
-    /// For every attempt, before observers are notified of its result.
-    void readEnded(ReadEnd end);
+    /// For every attempt to read.
+    /// @{
+    using ReadEnd = PamSocket::ReadEnd;
+    void readEnded(ReadEnd end) { socket_.readEnded(end); }
+    /// @}
 
   private:
-    void readIsPossibleAgain();
-
     IpProtocolNumber protocol_;
     NamespaceName netNs_;
     bool enabled_ = false;
     bool enableBulkRead_ = false;
-    bool lastReadFailed_ = false;
     uint8_t socketReadLimit_ = 32;
     uint8_t bulkSlots_ = 0;
     uint8_t rxTOS_ = 0;
@@ -412,8 +422,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     IpGenAddr rxOrigDstIpAddr_;
     uint64_t txPktCount_ = 0;
     uint64_t rxPktCount_ = 0;
-    Mox::Ptr<Mox::FileDescriptor> fileDesc_;
-    Mox::Ptr<PamFdSm> fdSm_;
+    PamSocket socket_;  // Last, so that it is closed first.
 };
 
 /// A disabled endpoint for `protocol` in the namespace `netNs`.

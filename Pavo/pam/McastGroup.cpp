@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "Pavo/value/SockAddr.h"
+
 namespace Pavo {
 
 int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const Ip6Addr& group, bool join) {
@@ -18,6 +20,17 @@ int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpAddr& group, bool jo
     group.copyToBuffer(reinterpret_cast<unsigned char*>(&request.imr_multiaddr));
     request.imr_ifindex = static_cast<int>(ifIndex);
     return setsockopt(fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request,
+                      sizeof(request));
+}
+
+int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr& source,
+                          bool join) {
+    group_source_req request{};
+    request.gsr_interface = ifIndex;
+    request.gsr_group = SockAddr(group).storage;
+    request.gsr_source = SockAddr(source).storage;
+    return setsockopt(fd, group.af() == ipv6 ? IPPROTO_IPV6 : IPPROTO_IP,
+                      join ? MCAST_JOIN_SOURCE_GROUP : MCAST_LEAVE_SOURCE_GROUP, &request,
                       sizeof(request));
 }
 

@@ -7,6 +7,7 @@
 #include "Pavo/base/Export.h"
 #include "Pavo/value/Ip6Addr.h"
 #include "Pavo/value/IpAddr.h"
+#include "Pavo/value/IpGenAddr.h"
 
 namespace Pavo {
 
@@ -20,5 +21,10 @@ namespace Pavo {
 /// EINVAL for no multicast address, ENODEV for no interface (ipv6(7), ip(7)).
 PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const Ip6Addr& group, bool join);
 PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpAddr& group, bool join);
+
+/// The same for what one source sends to the group (RFC 4607), for addresses of one family. A
+/// socket is a member for several sources, or for all: not for both (EINVAL).
+PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpGenAddr& group,
+                                      const IpGenAddr& source, bool join);
 
 }  // namespace Pavo

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "Mox/Assert.h"
+#include "Pavo/base/FirstException.h"
+#include "Pavo/pam/PamSocket.h"
 
 namespace Pavo {
 
@@ -78,6 +80,31 @@ int32_t Pam::rxPktBulk() const {
     return self->doGetBulkRxPkt();
 }
 
+uint32_t Pam::txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts) {
+    const Mox::Ptr<Pam> hold(this);
+    for (const Mox::Ptr<Pkt>& each : pkts) {
+        Mox::require(each != nullptr, "pkt != nullptr");
+    }
+    if (batchSender_ != nullptr) {
+        for (std::size_t i = 0; tap_ && !tapsWhatItSends_ && i < pkts.size(); ++i) {
+            tap_->handleTxPkt(*this, *pkts[i], TxInfo());
+        }
+        return batchSender_(this, pkts);
+    }
+    uint32_t taken = 0;
+    bool noRoom = false;
+    int32_t lastError = 0;
+    txErrnoIs(0);
+    for (const Mox::Ptr<Pkt>& each : pkts) {
+        txPktIs(each);
+        lastError = txErrno_ != 0 ? txErrno_ : lastError;
+        noRoom = noRoom || isNoRoom(txErrno_);
+        taken += noRoom ? 0 : 1;
+    }
+    txErrnoIs(lastError);
+    return taken;
+}
+
 RxInfo Pam::rxInfo(uint32_t slot) const {
     return slot < slotInfos_.size() ? slotInfos_[slot] : RxInfo();
 }
@@ -86,6 +113,14 @@ void Pam::savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt) {
     if (savedPacket_.is(slot, std::move(pkt))) {
         notify(savedPacketAttr, slot);
     }
+}
+
+std::vector<Mox::Ptr<Pkt>> Pam::newSlots(uint32_t count, uint32_t bufferBytes) {
+    std::vector<Mox::Ptr<Pkt>> pkts(count);
+    for (Mox::Ptr<Pkt>& each : pkts) {
+        each = globalPktManager()->newPkt(bufferBytes);
+    }
+    return pkts;
 }
 
 void Pam::slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts) {
@@ -110,6 +145,28 @@ void Pam::slotsDelAll() {
     }
     while (flags-- != 0) {
         notify(savedPacketRxAttr, flags);
+    }
+}
+
+void Pam::slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos) {
+    slotInfos_.assign(infos.begin(), infos.end());
+    for (uint32_t slot = 0; slot < infos.size(); ++slot) {
+        tapSlot(slot, *(*pkts)[slot]);
+    }
+    FirstException exception;
+    isPublishingSlots_ = true;
+    for (uint32_t slot = 0; slot < pkts->size(); ++slot) {
+        exception.collect([&] { savedPacketIs(slot, std::move((*pkts)[slot])); });
+        exception.collect([&] { savedPacketRxIs(slot, slot < infos.size()); });
+    }
+    isPublishingSlots_ = false;
+    exception.rethrow();
+}
+
+void Pam::slotsReceivedNone() {
+    slotInfos_.clear();
+    for (uint32_t slot = 0; slot < savedPacketRx_.members(); ++slot) {
+        savedPacketRxIs(slot, false);
     }
 }
 

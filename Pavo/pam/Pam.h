@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -111,6 +113,12 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
         }
         txPktIsImpl(std::move(pkt));
     }
+    /// Sends packets in order, each of which is counted as `txPktIs` counts it; an endpoint on a
+    /// socket makes one system call for many of them. Returns how many, from the first one, were
+    /// sent or refused for good: those after them found no room, which is announced by
+    /// `writableCount`. `txErrno` is then why the last one that failed did, or 0.
+    /// @pre every packet is there (assertion "pkt != nullptr").
+    uint32_t txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts);
     /// The last packet handed to the base's `txPktIsImpl`.
     Mox::Ptr<Pkt> txPkt() const { return txPkt_; }
 
@@ -156,6 +164,23 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
 
     /// Whether `rxPktIs` has left a packet that `rxPkt` has not returned yet.
     bool hasRxPkt() const { return rxPkt_ != nullptr; }
+    /// Sets `field`, lets `handle` act on it, and takes the value back when that throws. False when
+    /// it is the value already.
+    template <class Field, class Handle>
+    static bool handled(Field& field, std::type_identity_t<Field> value, Handle handle) {
+        if (field == value) {
+            return false;
+        }
+        const Field before = std::exchange(field, std::move(value));
+        try {
+            handle();
+        } catch (...) {
+            field = before;
+            throw;
+        }
+        return true;
+    }
+
     /// Where `doGetRxPkt` leaves what it read, and what is known of it.
     void rxPktIs(Mox::Ptr<Pkt> pkt) {
         rxPkt_ = std::move(pkt);
@@ -168,12 +193,22 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
         rxInfo_ = info;
         hasRxInfo_ = true;
     }
+    /// New packets for the slots of a batch, with buffers of that size.
+    static std::vector<Mox::Ptr<Pkt>> newSlots(uint32_t count, uint32_t bufferBytes);
     /// Puts packets into the slots from 0 on; removes all slots. Observers are notified when that
     /// is done.
     /// @{
     void slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts);
     void slotsDelAll();
     /// @}
+    /// Puts the packets of a batch into the slots from 0 on, of which those with an entry in
+    /// `infos` were received, and leaves none in `pkts`. Each slot is changed, also where an
+    /// observer of another one throws.
+    void slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos);
+    /// Whether observers of the slots are being notified of a batch: no other one can be read.
+    bool isPublishingSlots() const { return isPublishingSlots_; }
+    /// Nothing was read: no slot holds a received packet.
+    void slotsReceivedNone();
     /// What is known of the packets of a batch, by slot: as long as the batch.
     std::vector<RxInfo>& slotInfos() { return slotInfos_; }
     /// Shows the tap the packet in a slot of a batch, which `slotInfos` already describes, before
@@ -187,6 +222,12 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     /// bytes: it shows them to the tap in its `txPktIsImpl`, with `TxInfo`. For all others
     /// `txPktIs` does so.
     void tapsWhatItSendsIs(bool taps) { tapsWhatItSends_ = taps; }
+    /// Sends a batch for an endpoint, as `txPktsIs` says.
+    using BatchSender = uint32_t (*)(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
+    /// For the constructor of an endpoint that sends many packets at once. A class that overrides
+    /// `txPktIsImpl` of such an endpoint sets null: its batches then go there, one packet after the
+    /// other.
+    void batchSenderIs(BatchSender sender) { batchSender_ = sender; }
 
   private:
     // Released from the last to the first when the endpoint dies.
@@ -199,7 +240,9 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     RxInfo rxInfo_;
     std::vector<RxInfo> slotInfos_;
     bool hasRxInfo_ = false;
+    BatchSender batchSender_ = nullptr;
     bool tapsWhatItSends_ = false;
+    bool isPublishingSlots_ = false;
     uint32_t readableCount_ = 0;
     uint32_t writableCount_ = 0;
     uint32_t txDrops_ = 0;

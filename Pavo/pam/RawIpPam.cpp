@@ -8,16 +8,30 @@
 #include "Mox/Assert.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
-#include "Mox/Trace.h"
-#include "Pavo/pam/McastGroup.h"
+#include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/RawIpFamily.h"
-#include "Pavo/pam/RawIpOptions.h"
 #include "Pavo/socket/SocketAt.h"
 
 namespace Pavo {
 
+RawIpPam::RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs,
+                   const RawIpFamily& family)
+    : EntityOf(std::move(name), protocol, std::move(netNs)),
+      family_(family),
+      receiver_(std::make_unique<PktReceiver>(*family.trace, family.className)) {
+    tapsWhatItSendsIs(true);
+    batchSenderIs(sendBatch);
+}
+
+RawIpPam::~RawIpPam() = default;
+
 int RawIpPam::socket() const {
-    return fileDesc()->descriptor();
+    return pamSocket().number();
+}
+
+SocketSettings RawIpPam::socketSettings() const {
+    return {*this,      *family_.trace, &family_.ip(), options(),
+            rxFilter(), rxBuf(),        priority(),    txTOS()};
 }
 
 void RawIpPam::enabledIsImpl(bool enable) {
@@ -29,26 +43,18 @@ void RawIpPam::enabledIsImpl(bool enable) {
     start();
 }
 
-void RawIpPam::applyOption(const RawIpOption& option, int fd, bool on, bool isEnabling) const {
-    option.apply({family_, option, *this, fd, on, isEnabling});
-}
-
 void RawIpPam::open() {
     Mox::require(Mox::EventLoop::current() != nullptr,
                  "EventLoop::current(): enabling needs an event loop on this thread");
-    const int fd =
-        socketAt(family_.domain, SOCK_RAW, static_cast<int>(protocol()), netNs().value().c_str());
+    const int fd = socketAt(family_.ip().names().domain, SOCK_RAW, static_cast<int>(protocol()),
+                            netNs().value().c_str());
     if (fd < 0) {
         Mox::throwErrnoException("socketAt");
     }
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
-    for (const RawIpOption& each : family_.options) {
-        if (each.bit == none || (options() & each.bit) != 0) {
-            applyOption(each, fd, /*on=*/true, /*isEnabling=*/true);
-        }
-    }
+    configureSocket(family_.options, socketSettings(), fd);
     descriptor->nonBlockingIs(true);
-    socketDrops_ = 0;
+    receiver_->formatIs(family_.ip());
     fileDescIs(descriptor);
 }
 
@@ -68,27 +74,21 @@ void RawIpPam::handleCleanup() {
     enabledStore(false);
 }
 
-// One bit after the other, so that after a failure `options` describes the socket.
 void RawIpPam::optionsIsImpl(uint32_t wanted) {
     if (!fileDesc()) {
         optionsStore(wanted);
         return;
     }
     uint32_t reached = options();
-    for (const RawIpOption& each : family_.options) {
-        if (((wanted ^ reached) & each.bit) == 0) {
-            continue;
+    bool closes = false;
+    try {
+        changeSocketOptions(family_.options, socketSettings(), socket(), wanted, &reached, &closes);
+    } catch (...) {
+        optionsStore(reached);
+        if (closes) {
+            handleCleanup();
         }
-        try {
-            applyOption(each, socket(), (wanted & each.bit) != 0, /*isEnabling=*/false);
-        } catch (...) {
-            optionsStore(reached);
-            if (each.closesOnFailure) {
-                handleCleanup();
-            }
-            throw;
-        }
-        reached ^= each.bit;
+        throw;
     }
     optionsStore(wanted);
 }
@@ -106,10 +106,7 @@ void RawIpPam::handleTxTTL() {
 }
 
 void RawIpPam::handleTxTos() const {
-    family_.tosIs(socket(), txTOS().value());
-    if ((options() & ipPriority) != 0) {
-        socketPriorityIs(family_, socket(), priority());
-    }
+    socketTosIs(socketSettings(), socket());
 }
 
 void RawIpPam::handleTxTtl() const {
@@ -151,18 +148,8 @@ void RawIpPam::doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group) {
 }
 
 void RawIpPam::membershipIs(uint32_t ifIndex, const IpGenAddr& group, bool member) {
-    const char* failure = member ? family_.joinFailure : family_.leaveFailure;
-    if (group.af() != family_.addressFamily) {
-        throw Mox::ErrnoException(EAFNOSUPPORT, failure);
-    }
-    if (!fileDesc()) {
-        return;
-    }
-    const int result = group.af() == ipv4
-                           ? doJoinLeaveMcastGroup(socket(), ifIndex, group.v4Addr(), member)
-                           : doJoinLeaveMcastGroup(socket(), ifIndex, group.v6Addr(), member);
-    if (result < 0) {
-        Mox::throwErrnoException(failure);
+    if (group.af() != family_.ip().addressFamily() || fileDesc()) {
+        family_.ip().membershipIs(fileDesc() ? socket() : -1, ifIndex, group, member);
     }
 }
 

@@ -4,19 +4,23 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <utility>
+#include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
 #include "Pavo/pam/IpPam.h"
 
-struct msghdr;
-
 namespace Pavo {
 
+struct IpTxSettings;
 struct RawIpFamily;
-struct RawIpOption;
+struct RxRound;
+struct RxSettings;
+struct SocketSettings;
+class PktReceiver;
 
 /// The former name of `RxInfo`.
 using RxPacketInfo = RxInfo;
@@ -34,7 +38,8 @@ using RxPacketInfo = RxInfo;
 ///
 /// A send that finds no room is counted and dropped, as every other failure is; `writableCount` is
 /// then incremented once, as soon as there is room. A missing destination is such a failure too,
-/// EDESTADDRREQ, and so is a destination or source of the other family, EAFNOSUPPORT.
+/// EDESTADDRREQ, and so is a destination or source of the other family, EAFNOSUPPORT. All packets
+/// of a batch (`txPktsIs`) have the same destination.
 class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
   public:
     static constexpr Mox::Attribute<RawIpPam, IpPktOption> ipPktOptionAttr{34, "ipPktOption"};
@@ -92,6 +97,10 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     void doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group);
     /// @}
 
+    /// With the option `ipRecvErr`, what the last failed read took from the socket's error queue:
+    /// which destinations could not be reached, and why.
+    const std::vector<QueuedError>& queuedErrors() const;
+
     /// The same as `rxInfo(slot)`.
     RxInfo savedPacketInfo(uint32_t slot) const { return rxInfo(slot); }
 
@@ -143,37 +152,20 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// @}
 
   private:
-    struct BulkRead;
-    // What the packets of one read said beside their descriptions.
-    struct RxRound {
-        uint32_t carried = 0;  // By the last one.
-        uint32_t truncated = 0;
-        uint32_t drops = 0;
-    };
+    static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
 
     int socket() const;
-    void applyOption(const RawIpOption& option, int fd, bool on, bool isEnabling) const;
-
-    Mox::Ptr<Pkt> newRoom() const;
-    bool prepareBulkRead();
-    void publishBatch(BulkRead* round, uint32_t count);
-    void readMessage(const msghdr& message, RxInfo* info, RxRound* round);
-    uint32_t readControls(const msghdr& message, RxInfo* info, RxRound* round);
-    void readEnded(int error);
-    void countPackets(uint32_t packets, const RxRound& round);
-    void countFailedRead(int error);
-    uint32_t drainErrorQueue();
-
-    void armForRoom(const Mox::Ptr<Mox::FileDescriptor>& fd) const;
-    int sendOn(int fd, const Pkt& pkt) const;
+    SocketSettings socketSettings() const;
+    RxSettings rxSettings() const;
+    IpTxSettings txSettings() const;
+    bool sendsIpHdrWithKernel() const;
+    void countRead(const RxRound& round);
 
     const RawIpFamily& family_;
     uint32_t failedReads_ = 0;
     uint32_t faultyControlData_ = 0;
-    uint32_t socketDrops_ = 0;  // As the socket last said; it counts from its beginning.
     Mox::Set<IpPktOption> ipPktOptions_;
-    std::unique_ptr<BulkRead> bulkRead_;
-    bool isPublishingBatch_ = false;
+    std::unique_ptr<PktReceiver> receiver_;
 };
 
 }  // namespace Pavo

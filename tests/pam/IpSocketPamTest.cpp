@@ -323,6 +323,33 @@ TEST_P(RawIpPamTest, CountsEverySendThatFails) {
     EXPECT_DEATH(sendAll(pam, {"x"}), "enabled\\(\\)");
 }
 
+TEST_P(RawIpPamTest, SendsABatchAndSaysWhichPacketsFoundNoRoom) {
+    const auto pam = openPam(ipRecvTTL);
+    std::vector<Mox::Ptr<Pkt>> pkts(100, pktOf("x"));  // More than one call takes.
+    pkts[1] = globalPktManager()->newPkt(65600);
+    pkts[1]->newSharedTailData(65600);
+    EXPECT_EQ(pam->txPktsIs(pkts), 100u);  // A packet that is refused stops no other one.
+    EXPECT_EQ(pam->txErrno(), EMSGSIZE);
+    EXPECT_EQ(pam->txErrors(), 1u);
+    EXPECT_EQ(pam->txPktCount(), 99u);
+    (void)receive(pam);
+
+    (void)turnsUntilQuiet();
+    {
+        const PavoTest::FailSyscall full(2, ENOBUFS, "sendmmsg");  // After the first 64.
+        EXPECT_EQ(pam->txPktsIs(std::span(pkts).subspan(2)), 64u);
+    }
+    EXPECT_EQ(pam->txErrno(), ENOBUFS);
+    EXPECT_EQ(pam->txErrors(), 1u + 34);
+    EXPECT_EQ(pam->writableCount(), 1u);
+    loop_.turn(0.2);
+    EXPECT_EQ(pam->writableCount(), 2u);
+    pam->txDstIpAddrIs(IpGenAddr());
+    EXPECT_EQ(pam->txPktsIs(pkts), 100u);
+    EXPECT_EQ(pam->txErrno(), EDESTADDRREQ);
+    EXPECT_EQ(pam->txErrors(), 35u + 100);
+}
+
 TEST_P(RawIpPamTest, ForwardedPacketsWithTheAlertReachTheRouterThatEnabledIt) {
     const Wire wire;
     PavoTest::run({"ip", "netns", "exec", "right", "sysctl", "-qw",

@@ -69,14 +69,16 @@ inline std::string errorOfFailing(unsigned n, int error, const std::function<voi
     return errorOf(call);
 }
 
-inline int optionOf(const RawIpPam& pam, int level, int option) {
+template <class Endpoint>
+int optionOf(const Endpoint& pam, int level, int option) {
     int value = 0;
     socklen_t length = sizeof(value);
     EXPECT_EQ(getsockopt(pam.fileDesc()->descriptor(), level, option, &value, &length), 0);
     return value;
 }
 
-inline void optionIs(const RawIpPam& pam, int option, int value) {
+template <class Endpoint>
+void optionIs(const Endpoint& pam, int option, int value) {
     ASSERT_EQ(setsockopt(pam.fileDesc()->descriptor(), SOL_SOCKET, option, &value, sizeof(value)),
               0);
 }
@@ -104,7 +106,7 @@ class PamFixture : public PavoTest::SandboxTest {
     static constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
 
     // Turns until a packet has come; one from the same host is there within the send.
-    Mox::Ptr<Pkt> receive(const Mox::Ptr<RawIpPam>& pam) {
+    Mox::Ptr<Pkt> receive(const Mox::Ptr<Pam>& pam) {
         for (int i = 0; i < 10; ++i) {
             if (const auto pkt = pam->rxPkt()) {
                 return pkt;

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string>
@@ -62,6 +63,31 @@ TEST_F(PamTest, TheMachineIncrementsBothCountsAtCreationAndOnEachReport) {
     EXPECT_EQ(log_, (Texts{"readable", "writable", "readable", "writable"}));
 }
 
+// An endpoint with room for a few packets.
+class NarrowPam : public Pam {
+  public:
+    explicit NarrowPam(uint32_t room) : Pam("narrow"), room_(room) {}
+
+    void txPktIsImpl(Mox::Ptr<Pkt>) override {
+        const bool isSent = room_ != 0;
+        room_ -= isSent ? 1 : 0;
+        txErrnoIs(isSent ? 0 : EAGAIN);
+    }
+    void doGetRxPkt() override {}
+
+  private:
+    uint32_t room_;
+};
+
+TEST(PamBatch, GoesOneByOneWhereTheEndpointSendsNoBatches) {
+    const std::vector<Mox::Ptr<Pkt>> pkts(3, pktOf("x"));
+    for (const uint32_t room : {0u, 2u, 3u}) {
+        const auto pam = Mox::make<NarrowPam>(room);
+        EXPECT_EQ(pam->txPktsIs(pkts), room);
+        EXPECT_EQ(pam->txErrno(), room < 3 ? EAGAIN : 0);
+    }
+}
+
 TEST_F(PamTest, MisuseStopsTheProcess) {
     EXPECT_DEATH(pam_->rxPktBulk(), "0 && \"Need to implement doGetBulkRxPkt in a derived class\"");
     const auto ip = ipPamFactory("ip", IpProtocolNumber::icmp, NamespaceName());
@@ -73,7 +99,7 @@ TEST_F(PamTest, MisuseStopsTheProcess) {
 TEST_F(PamTest, GivesOptionsAsText) {
     EXPECT_EQ(ipSocketOptionsText(ipRecvTTL | ipPktInfo), "ipPktInfo|ipRecvTTL");
     EXPECT_EQ(ipSocketOptionsText(none), "none");
-    EXPECT_EQ(ipSocketOptionsText(ipRecvDrops | 0x30000), "ipRecvDrops|196608");
+    EXPECT_EQ(ipSocketOptionsText(ipRecvDrops | 0x300000), "ipRecvDrops|3145728");
 }
 
 // A connector with an observer at each end, which appends "0" or "1" to `notified`, takes a packet

@@ -1,0 +1,99 @@
+/// @file
+/// Packets sent on a socket, one at a time or in batches. For the endpoints themselves; an agent
+/// does not need it.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cstdint>
+#include <span>
+
+#include "Mox/FileDescriptor.h"
+#include "Mox/Ptr.h"
+#include "Mox/Trace.h"
+#include "Pavo/base/FirstException.h"
+#include "Pavo/packet/Pkt.h"
+
+namespace Pavo {
+
+class IpFamily;
+class IpGenAddr;
+class Port;
+
+/// What the packets of one send have in common: where they go, what the kernel is asked to do with
+/// them.
+struct TxHead {
+    /// No destination for a connected socket.
+    uint32_t nameBytes = 0;
+    sockaddr_in6 name;  // Has room for those of IPv4 and of packet sockets.
+    uint32_t controlBytes = 0;
+    /// Has room for interface and source of either family, and for the size of a segment.
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(uint16_t))];
+    int flags = 0;
+
+    /// The message that consists of the given pieces.
+    msghdr message(iovec* pieces, std::size_t count) const;
+};
+
+/// What the attributes of an IP endpoint say of the next packet.
+struct IpTxSettings {
+    const IpFamily& family;
+    const IpGenAddr& source;
+    const IpGenAddr& destination;
+    const Mox::String& ifName;
+    uint32_t ifIndex;
+    int flags;
+};
+
+/// Why a packet cannot be sent so, as an `errno`: a missing destination, an address of another
+/// family; or 0.
+int ipTxAddressError(const IpTxSettings& settings);
+/// Fills in the head for the IP packets that `fd` sends to a port, 0 without one; a `connected`
+/// socket has its destination. Makes one system call where the interface is given by name. Returns
+/// 0, or why nothing can be sent, as an `errno`.
+int ipTxHeadIs(TxHead* head, int fd, const IpTxSettings& settings, Port port, bool connected);
+
+/// What became of a batch.
+struct TxResult {
+    /// Packets that were sent, and that were not.
+    uint32_t sent = 0;
+    uint32_t failed = 0;
+    /// Packets from the first one that were sent or refused; those after them found no room.
+    uint32_t taken = 0;
+    /// Why the last packet that failed did, as an `errno`; 0 when all were sent.
+    int error = 0;
+};
+
+/// One packet with one sendmsg(2). Returns 0, or why it was not sent, as an `errno`.
+int sendPkt(int fd, const TxHead& head, const Pkt& pkt, const Mox::TraceFacility& trace);
+
+/// Packets with one sendmmsg(2) for each 64 of them, and two more for each that is refused. It
+/// stops where there is no room.
+TxResult sendPkts(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts,
+                  const Mox::TraceFacility& trace);
+
+/// Traces why a send failed. When there was no room on `fd`, which may be null, room is reported
+/// later.
+void sendHasFailed(const Mox::Ptr<Mox::FileDescriptor>& fd, int error,
+                   const Mox::TraceFacility& trace);
+
+/// Counts packets on the endpoint that sent them on `fd`, and returns how many were taken.
+template <class Endpoint>
+uint32_t countSent(Endpoint* pam, const Mox::Ptr<Mox::FileDescriptor>& fd, const TxResult& result,
+                   const Mox::TraceFacility& trace) {
+    FirstException exception;
+    if (result.sent != 0) {
+        exception.collect([&] { pam->txPktCountInc(result.sent); });
+    }
+    if (result.failed != 0) {
+        exception.collect([&] { sendHasFailed(fd, result.error, trace); });
+        exception.collect([&] { pam->txErrnoIs(result.error); });
+        exception.collect([&] { pam->txErrorsInc(result.failed); });
+    }
+    exception.rethrow();
+    return result.taken;
+}
+
+}  // namespace Pavo
