@@ -12,8 +12,18 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::IpSocketPam");
 
+const IpSocketPam& pamOf(const RawIpPam& pam) {
+    return static_cast<const IpSocketPam&>(pam);
+}
+
 void ttlIs(int fd, int ttl) {
     ip4Family().ttlIs(fd, ttl);
+}
+
+void applyMcastTtl(const SocketOptionChange& change) {
+    if (const IpTtl ttl = pamOf(rawPamOf(change)).txMcastTTL(); ttl != IpTtl()) {
+        ip4Family().mcastTtlIs(change.fd, ttl.value());
+    }
 }
 
 void routerAlertIs(int fd, bool on) {
@@ -22,10 +32,12 @@ void routerAlertIs(int fd, bool on) {
                    "setsockopt(IP_OPTIONS)");
 }
 
-constexpr auto table = rawIpOptions(
-    ip4OptionRows, std::array{ip4Option(ipHdrIncl, IP_HDRINCL, "setsockopt(IP_HDRINCL)")},
-    std::array{ip4Option(ipRouterAlert, IP_ROUTER_ALERT, "setsockopt(IP_ROUTER_ALERT)")},
-    applyRawTtl<ttlIs>, applyRawPktOptions<routerAlertIs>);
+constexpr auto table = joinedOptions(
+    rawIpOptions(
+        ip4OptionRows, std::array{ip4Option(ipHdrIncl, IP_HDRINCL, "setsockopt(IP_HDRINCL)")},
+        std::array{ip4Option(ipRouterAlert, IP_ROUTER_ALERT, "setsockopt(IP_ROUTER_ALERT)")},
+        applyRawTtl<ttlIs>, applyRawPktOptions<routerAlertIs>),
+    std::array{SocketOption{none, applyMcastTtl}});
 
 constexpr RawIpFamily family{
     .className = "IpSocketPam",
@@ -33,7 +45,7 @@ constexpr RawIpFamily family{
     .ip = ip4Family,
     .options = table,
     .isRxIpHdrWithKernel = false,
-    .groupTtl = [](const RawIpPam&) { return uint8_t{0}; },
+    .groupTtl = [](const RawIpPam& pam) { return pamOf(pam).txMcastTTL().value(); },
     .ttlIs = ttlIs,
     .routerAlertIs = routerAlertIs,
 };
@@ -44,6 +56,18 @@ IpSocketPam::IpSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceN
     : EntityOf(std::move(name), protocol, std::move(netNs), family) {}
 
 IpSocketPam::~IpSocketPam() = default;
+
+void IpSocketPam::txMcastTTLIs(IpTtl ttl) {
+    const auto apply = [this] {
+        if (fileDesc()) {
+            const int value = txMcastTTL_ == IpTtl() ? -1 : int{txMcastTTL_.value()};
+            ip4Family().mcastTtlIs(fileDesc()->descriptor(), value);
+        }
+    };
+    if (handled(txMcastTTL_, ttl, apply)) {
+        notify(txMcastTTLAttr);
+    }
+}
 
 Mox::Ptr<IpSocketPam> ipSocketPamFactory(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs) {

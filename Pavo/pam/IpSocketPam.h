@@ -12,13 +12,25 @@ namespace Pavo {
 /// packet is sent without one, unless `ipHdrIncl` is on. `ipv6Checksum` changes nothing.
 class PAVO_EXPORT IpSocketPam : public Mox::EntityOf<IpSocketPam, RawIpPam> {
   public:
-    static constexpr auto description() { return Mox::classRecord("Pavo::IpSocketPam"); }
+    static constexpr Mox::Attribute<IpSocketPam> txMcastTTLAttr{35, "txMcastTTL"};
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::IpSocketPam",
+                                Mox::attribute(txMcastTTLAttr, &IpSocketPam::txMcastTTL));
+    }
 
     /// Disabled, for `protocol` in the namespace `netNs`.
     IpSocketPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs);
 
+    /// The TTL of packets that are sent to groups; 0 leaves it to the kernel, which sends with 1.
+    /// @throws Mox::ErrnoException "setsockopt(IP_MULTICAST_TTL)"; the attribute keeps its value.
+    IpTtl txMcastTTL() const { return txMcastTTL_; }
+    void txMcastTTLIs(IpTtl ttl);
+
   protected:
     ~IpSocketPam() override;
+
+  private:
+    IpTtl txMcastTTL_;
 };
 
 /// A disabled endpoint for `protocol` in the namespace `netNs`.

@@ -175,6 +175,14 @@ TEST_P(RawIpPamTest, ReportsTheMetadataOfEachPacketOverAWire) {
         EXPECT_EQ(rxAttributes(*right), known);
         EXPECT_EQ(textOf(right->rxInfo()), known);
     }
+    if (!isV6()) {  // Chosen apart from that of packets to one host.
+        static_cast<IpSocketPam&>(*left).txMcastTTLIs(33);
+        sendTo(left, addr(cases[0].destination), "group");
+        (void)receive(right);
+        EXPECT_EQ(right->rxInfo().ttl, 33);
+        sendTo(left, addr(cases[1].destination), "host");
+        (void)receive(right);
+    }
     // Attributes that the next packet does not carry are unchanged, except that a link-local sender
     // gives the interface; the packet's own description has nothing of the packet before.
     const std::string before = rxAttributes(*right);
