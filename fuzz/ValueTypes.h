@@ -38,6 +38,7 @@
 #include "Pavo/TcpPduPam.h"
 #include "Pavo/TcpStatus.h"
 #include "Pavo/UdpHdr.h"
+#include "Pavo/UdpPam.h"
 
 namespace fuzz {
 
@@ -102,7 +103,7 @@ using EnumTypes =
              Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type,
              Pavo::RouteDistinguisher::Type0LocalType, Pavo::MplsLabelAction,
              Pavo::BoundedMplsLabelStackError, Pavo::IpSocketOptions, Pavo::IpTrafficControl,
-             Pavo::IpPktOption, Pavo::Ip6Pam::Mode>;
+             Pavo::IpPktOption, Pavo::Ip6Pam::Mode, Pavo::UdpPam::Mode>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>

@@ -8,6 +8,7 @@
 #include "Pavo/packet/Ip6Hdr.h"
 #include "Pavo/packet/IpHdr.h"
 #include "Pavo/packet/NetU.h"
+#include "Pavo/packet/UdpHdr.h"
 
 namespace Pavo {
 
@@ -47,6 +48,15 @@ class PamTap::Pieces {
             addExtra(tag, sizeof(tag));
         }
     }
+    // The header of a datagram that carries `payloadBytes`.
+    void addUdpHdr(const PktInfo& info, uint32_t payloadBytes) {
+        UdpHdr header;
+        header.srcPortIs(info.srcPort.value());
+        header.dstPortIs(info.dstPort.value());
+        header.udpLenIs(static_cast<uint16_t>(
+            std::min<uint64_t>(sizeof(header) + uint64_t{payloadBytes}, maxLength)));
+        addExtra(header, sizeof(header));
+    }
     // The header of a packet of `payloadBytes`, of the family of its addresses.
     void addIpHdr(const PktInfo& info, bool hasRouterAlert, uint32_t payloadBytes) {
         if (info.srcIpAddr.af() == ipv6 || info.dstIpAddr.af() == ipv6) {
@@ -76,12 +86,14 @@ class PamTap::Pieces {
             pieces_[count_++] = {data, bytes};
         }
     }
-    // Bytes that the packet does not hold; once for each packet.
+    // Bytes that the packet does not hold: a tag, or an IP header and a UDP header.
     template <class Record>
     void addExtra(const Record& record, uint32_t bytes) {
-        static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) <= sizeof(extra_));
-        std::memcpy(extra_, &record, bytes);
-        add(extra_, bytes);
+        static_assert(std::is_trivially_copyable_v<Record> &&
+                      sizeof(Record) + sizeof(UdpHdr) <= sizeof(extra_));
+        std::memcpy(extra_ + extraBytes_, &record, bytes);
+        add(extra_ + extraBytes_, bytes);
+        extraBytes_ += bytes;
     }
 
     void addIp4Hdr(const PktInfo& info, bool hasRouterAlert, uint32_t payloadBytes) {
@@ -119,7 +131,8 @@ class PamTap::Pieces {
     // A piece of the packet may be cut in two by the one that is added.
     CaptureFile::Piece pieces_[Pkt::maxIovecs_ + 2];
     uint32_t count_ = 0;
-    uint8_t extra_[sizeof(Ip6Image)];
+    uint8_t extra_[sizeof(Ip6Image) + sizeof(UdpHdr)];
+    uint32_t extraBytes_ = 0;
 };
 
 PamTap::PamTap(Mox::Ptr<CaptureFile> file, const Mox::String& name, CaptureLinkType linkType)
@@ -134,7 +147,11 @@ void PamTap::write(const Pkt& pkt, const PktInfo& info, bool hasRouterAlert,
                    CaptureDirection direction) {
     Pieces pieces;
     if (linkType_ == CaptureLinkType::rawIp && info.isIpHdrWithKernel) {
-        pieces.addIpHdr(info, hasRouterAlert, pkt.totalBytes());
+        const uint32_t udpBytes = info.isUdpHdrWithKernel ? sizeof(UdpHdr) : 0;
+        pieces.addIpHdr(info, hasRouterAlert, udpBytes + pkt.totalBytes());
+        if (info.isUdpHdrWithKernel) {
+            pieces.addUdpHdr(info, pkt.totalBytes());
+        }
     }
     if (linkType_ == CaptureLinkType::ethernet && pkt.hasSeparateVlanTag()) {
         pieces.addTaggedPkt(pkt);

@@ -17,13 +17,13 @@ namespace Pavo {
 /// as packets of one interface. The separate VLAN tag of an Ethernet packet is put back where it
 /// stood. Times are those of the system, even when the agent uses another clock.
 ///
-/// A tap of `CaptureLinkType::rawIp` gives packets the IP header that the kernel has removed or
-/// will add, with the router alert that it adds, from what the endpoint knows of them (`RxInfo`,
-/// `TxInfo`). Unknown members, such as the source address of a packet whose source the kernel
-/// chooses, are zero in it; checksums that the kernel fills in are missing too. The length of a
-/// packet that has no room in the header's length field is 65535 there for IPv4, and 0 for IPv6 as
-/// for a jumbogram (RFC 2675). The file has the received bytes of a truncated packet, and their
-/// number as its length.
+/// A tap of `CaptureLinkType::rawIp` gives packets the IP and UDP headers that the kernel has
+/// removed or will add, with the router alert that it adds, from what the endpoint knows of them
+/// (`RxInfo`, `TxInfo`). Unknown members, such as the source address of a packet whose source the
+/// kernel chooses, are zero in it; checksums that the kernel fills in are missing too. The length
+/// of a packet that has no room in the header's length field is 65535 there for IPv4, and 0 for
+/// IPv6 as for a jumbogram (RFC 2675). The file has the received bytes of a truncated packet, and
+/// their number as its length.
 class PAVO_EXPORT PamTap final : public Mox::Described<PamTap, PktTap> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::PamTap"); }

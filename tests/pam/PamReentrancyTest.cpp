@@ -1,13 +1,15 @@
 /// @file
-/// Random programs of raw endpoints of both families, whose observers act.
+/// Random programs of endpoints on sockets of both families, whose observers act.
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
+#include "Pavo/UdpPam.h"
 #include "pam/PamFixture.h"
 #include "support/RandomProgram.h"
 
@@ -18,6 +20,7 @@ using Mox::Change;
 using Mox::Ptr;
 using Mox::Watch;
 
+template <class Endpoint>
 struct End {
     // Else every read fails, or takes nothing.
     bool canRead() const {
@@ -28,30 +31,40 @@ struct End {
         return poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0;
     }
 
-    Ptr<RawIpPam> pam;
-    Watch<RawIpPam> watch;
+    Ptr<Endpoint> pam;
+    Watch<Endpoint> watch;
     uint32_t slots = 0;      // Of a bulk read.
     bool hasTried = false;   // To read, since the last report.
     bool wasInVain = false;  // That could not take anything.
     uint32_t reports = 0;    // What `readableCount` has to reach.
 };
 
+template <class Endpoint>
 struct World : PavoTest::RandomProgram {
     using RandomProgram::RandomProgram;
+    using RawEnd = End<Endpoint>;
+    static constexpr bool isUdp = std::is_same_v<Endpoint, UdpPam>;
     ~World() { raws.clear(); }
 
-    static Ptr<RawIpPam> newRaw(bool six) {
-        constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
-        const Ptr<RawIpPam> pam = six ? Ptr<RawIpPam>(ip6SocketPamFactory("six", protocol, {}))
-                                      : Ptr<RawIpPam>(ipSocketPamFactory("four", protocol, {}));
-        pam->txDstIpAddrIs(addr(six ? "::1" : "127.0.0.1"));
+    static IpGenAddr self(bool six) { return addr(six ? "::1" : "127.0.0.1"); }
+    static Ptr<Endpoint> newRaw(bool six) {
+        Ptr<Endpoint> pam;
+        if constexpr (isUdp) {
+            pam = udpPamFactory("udp");
+            pam->localAddrIs(self(six));
+        } else {
+            constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
+            pam = six ? Ptr<RawIpPam>(ip6SocketPamFactory("six", protocol, {}))
+                      : Ptr<RawIpPam>(ipSocketPamFactory("four", protocol, {}));
+            pam->txDstIpAddrIs(self(six));
+        }
         pam->enabledIs(true);
         return pam;
     }
     // Has an endpoint until it is dropped.
-    std::shared_ptr<End> anyRaw() {
+    std::shared_ptr<RawEnd> anyRaw() {
         if (raws.empty() || oneIn(8)) {
-            End* raw = raws.emplace_back(std::make_shared<End>()).get();
+            RawEnd* raw = raws.emplace_back(std::make_shared<RawEnd>()).get();
             raw->pam = newRaw(oneIn(2));
             const auto notified = [this, raw, pam = raw->pam.ptr()](const Change& change) {
                 EXPECT_EQ(pam->enabled(), pam->fileDesc() != nullptr) << "it is half changed";
@@ -65,17 +78,38 @@ struct World : PavoTest::RandomProgram {
         }
         return any(raws);
     }
-    static void readRaw(End& raw, bool inBulk) {
+    static void readRaw(RawEnd& raw, bool inBulk) {
         raw.hasTried = raw.pam->enabled();
         raw.wasInVain = !raw.canRead() || (inBulk && !raw.pam->enableBulkRead());
         inBulk ? (void)raw.pam->rxPktBulk() : (void)raw.pam->rxPkt();
     }
-    static void switchBulk(End& raw) {
+    // To every endpoint of its family.
+    void sendTo(Endpoint& sender) {
+        if constexpr (isUdp) {
+            for (const auto& each : raws) {
+                sender.remoteIs({each->pam->localAddr(), each->pam->boundPort()});
+                sender.txPktIs(pktOf("a packet"));
+            }
+        } else {
+            sender.txPktIs(pktOf("a packet"));
+        }
+    }
+    static void switchBulk(RawEnd& raw) {
         raw.slots = raw.pam->socketReadLimit();  // For as long as it is on.
         raw.pam->enableBulkReadIs(!raw.pam->enableBulkRead());
     }
-    static void sendRaw(RawIpPam& pam) { pam.enabled() ? pam.txPktIs(pktOf("a packet")) : void(); }
-    void dropRaw(End& raw) {
+    // To itself.
+    static void sendRaw(Endpoint& pam, uint32_t packets) {
+        if constexpr (isUdp) {
+            pam.remoteIs({pam.localAddr(), pam.boundPort()});
+        }
+        if (pam.enabled() && packets == 1) {
+            pam.txPktIs(pktOf("a packet"));
+        } else if (pam.enabled()) {
+            pam.txPktsIs(std::vector(packets, pktOf("a packet")));
+        }
+    }
+    void dropRaw(RawEnd& raw) {
         std::erase_if(raws, [&](const auto& each) { return each.get() == &raw; });
         raw.pam = nullptr;
     }
@@ -89,21 +123,22 @@ struct World : PavoTest::RandomProgram {
     const char* missing() const;
 
     Mox::EventLoop loop;
-    const Ptr<RawIpPam> senders[2] = {newRaw(false), newRaw(true)};
-    std::vector<std::shared_ptr<End>> raws;
+    const Ptr<Endpoint> senders[2] = {newRaw(false), newRaw(true)};
+    std::vector<std::shared_ptr<RawEnd>> raws;
     bool isAtRest = false;  // Only readers act: they read once when they are notified.
 };
 
-std::vector<World::Actions> World::kinds() {
+template <class Endpoint>
+std::vector<PavoTest::RandomProgram::Actions> World<Endpoint>::kinds() {
     const auto raw = [this](auto act) {
         return [=, this] {
-            const std::shared_ptr<End> each = anyRaw();
+            const std::shared_ptr<RawEnd> each = anyRaw();
             configure([&] { act(*each, *each->pam); });
         };
     };
     return {{
         {"read raw", [this] { readRaw(*anyRaw(), oneIn(2)); }},
-        {"send raw", [this] { sendRaw(*anyRaw()->pam); }},
+        {"send raw", [this] { sendRaw(*Ptr(anyRaw()->pam), 1 + 2 * below(2)); }},
         {"enable", raw([this](auto&, auto& pam) { pam.enabledIs(!oneIn(4)); })},
         {"options", raw([this](auto&, auto& pam) { pam.optionsIs(1u << below(11)); })},
         {"bulk", raw([this](auto&, auto& pam) { pam.enableBulkReadIs(oneIn(2)); })},
@@ -114,7 +149,8 @@ std::vector<World::Actions> World::kinds() {
     }};
 }
 
-void World::checkAtRest() {
+template <class Endpoint>
+void World<Endpoint>::checkAtRest() {
     print("at rest");
     isAtRest = true;
     for (const auto& each : raws) {
@@ -126,15 +162,16 @@ void World::checkAtRest() {
     for (const auto& each : raws) {
         each->reports = each->pam->enabled() ? each->pam->readableCount() + 1 : 0;
     }
-    for (const Ptr<RawIpPam>& sender : senders) {
-        sender->txPktIs(pktOf("a packet"));
+    for (const Ptr<Endpoint>& sender : senders) {
+        sendTo(*sender);
     }
     settle(loop, [this] { return missing(); });
     isAtRest = false;
 }
 
 // What has arrived and should have been announced, or null.
-const char* World::missing() const {
+template <class Endpoint>
+const char* World<Endpoint>::missing() const {
     for (const auto& each : raws) {
         if (each->pam->readableCount() < each->reports) {
             return "a new packet";
@@ -150,7 +187,12 @@ using PamReentrancy = PavoTest::SandboxTest;
 
 TEST_F(PamReentrancy, ObserversOfEndpointsMayDoAnything) {
     (void)globalPktManager();  // Lives from now on.
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World>);
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam>>);
+}
+
+TEST_F(PamReentrancy, ObserversOfUdpEndpointsMayDoAnything) {
+    (void)globalPktManager();
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam>>);
 }
 
 }  // namespace

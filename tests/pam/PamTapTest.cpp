@@ -18,6 +18,7 @@
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
 #include "Pavo/PamConnector.h"
+#include "Pavo/UdpPam.h"
 #include "pam/PamFixture.h"
 
 namespace Pavo {
@@ -177,6 +178,33 @@ TEST_F(CaptureTest, MadeHeadersHaveTheAlertAndNothingOfOtherPackets) {
     EXPECT_EQ(tshark({"ip.hdr_len", "ip.opt.ra", "ip.len", "ipv6.opt.router_alert", "ipv6.plen",
                       "ipv6.dst", "ipv6.hlim"}),
               (Texts{"24 0 32    ", "24 0 32    ", "   0 16 ::1 64", "    8 :: 0"}));
+}
+
+TEST_F(CaptureTest, UdpEndpointsGetBothHeadersThatTheKernelKeeps) {
+    const auto file = captureFileFactory(path_);
+    for (const bool isFour : {true, false}) {
+        const auto pam = udpPamFactory(isFour ? "four" : "six");
+        pam->tapIs(pamTapFactory(file, pam->name(), CaptureLinkType::rawIp));
+        pam->localAddrIs(addr(isFour ? "127.0.0.1" : "::1"));
+        pam->localPortIs(4321);
+        pam->optionsIs(ipPktInfo | ipRecvTTL);
+        pam->txTtlIs(9);
+        pam->remoteIs({pam->localAddr(), 4321});
+        pam->enabledIs(true);
+        pam->txPktIs(pktOf("one"));
+        pam->txPktsIs(std::vector(1, pktOf("three")));
+        (void)receive(pam);
+    }
+    file->flush();
+    EXPECT_THAT(
+        tshark({"frame.packet_flags_direction", "ip.src", "ip.dst", "ipv6.src", "ipv6.dst",
+                "ip.ttl", "ipv6.hlim", "udp.srcport", "udp.dstport", "udp.length", "data.data"}),
+        ElementsAre("0x00000002 127.0.0.1 127.0.0.1   9  4321 4321 11 6f6e65",
+                    "0x00000002 127.0.0.1 127.0.0.1   9  4321 4321 13 7468726565",
+                    "0x00000001 127.0.0.1 127.0.0.1   9  4321 4321 11 6f6e65",
+                    "0x00000002   ::1 ::1  9 4321 4321 11 6f6e65",
+                    "0x00000002   ::1 ::1  9 4321 4321 13 7468726565",
+                    "0x00000001   ::1 ::1  9 4321 4321 11 6f6e65"));
 }
 
 TEST_F(CaptureTest, PacketsWithoutRoomAreCountedAndTheFileStaysValid) {

@@ -1,0 +1,365 @@
+// UDP endpoints: each test runs for IPv4 and for IPv6.
+#include "Pavo/UdpPam.h"
+
+#include <linux/filter.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "pam/PamFixture.h"
+
+namespace Pavo {
+namespace {
+
+constexpr uint32_t allMetadata =
+    ipPktInfo | ipRecvTTL | ipRecvTOS | ipRecvOrigDstAddr | ipRecvTimestamp;
+
+class UdpPamTest : public PamFixture, public testing::WithParamInterface<AddressFamily> {
+  protected:
+    static bool isV6() { return GetParam() == ipv6; }
+    template <class T>
+    static T pick(T four, T six) {
+        return isV6() ? six : four;
+    }
+    static IpGenAddr loopback() { return addr(pick("127.0.0.1", "::1")); }
+    static IpGenAddr leftAddr() { return addr(pick("192.0.2.1", "2001:db8::1")); }
+    static IpGenAddr rightAddr() { return addr(pick("192.0.2.2", "2001:db8::2")); }
+
+    static Mox::Ptr<UdpPam> newServer(const IpGenAddr& address, const char* netNs = "",
+                                      uint32_t options = none) {
+        const auto pam = udpPamFactory("server", NamespaceName(netNs));
+        pam->localAddrIs(address);
+        pam->optionsIs(options);
+        return pam;
+    }
+    static Mox::Ptr<UdpPam> openServer(const IpGenAddr& address, const char* netNs = "",
+                                       uint32_t options = none) {
+        const auto pam = newServer(address, netNs, options);
+        pam->enabledIs(true);
+        return pam;
+    }
+    static Mox::Ptr<UdpPam> newClient(const IpGenAddrAndPort& remote) {
+        const auto pam = udpPamFactory("client");
+        pam->modeIs(UdpPam::Mode::client);
+        pam->remoteIs(remote);
+        return pam;
+    }
+    static Mox::Ptr<UdpPam> openClient(const IpGenAddrAndPort& remote) {
+        const auto pam = newClient(remote);
+        pam->enabledIs(true);
+        return pam;
+    }
+    static IpGenAddrAndPort endOf(const IpGenAddr& address, const Mox::Ptr<UdpPam>& pam) {
+        return {address, pam->boundPort()};
+    }
+    static void sendTo(const Mox::Ptr<UdpPam>& pam, const IpGenAddrAndPort& to, const char* text) {
+        pam->remoteIs(to);
+        pam->txPktIs(pktOf(text));
+        EXPECT_EQ(pam->txErrno(), 0);
+    }
+    std::string textFrom(const Mox::Ptr<UdpPam>& pam) {
+        return std::string(receive(pam)->stringValue());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Family, UdpPamTest, testing::Values(ipv4, ipv6),
+                         [](const auto& test) { return test.param == ipv4 ? "ipv4" : "ipv6"; });
+
+TEST_P(UdpPamTest, DatagramsOfEverySizeArriveAndAreAnswered) {
+    const uint32_t largest = pick(65507u, 65527u);
+    const auto server = openServer(loopback());
+    const auto client = openClient(endOf(loopback(), server));
+    const auto expectPasses = [&](uint32_t bytes, uint32_t arrives) {
+        const std::string text(bytes, 'x');
+        client->txPktIs(pktOf(text));
+        EXPECT_EQ(receive(server)->totalBytes(), arrives);
+        EXPECT_EQ(server->rxInfo().truncated, arrives != bytes);
+    };
+    expectPasses(0, 0);
+    expectPasses(1536, 1536);
+    expectPasses(1537, 1536);
+    expectPasses(largest, 1536);
+    EXPECT_EQ(server->rxTruncatedPkts(), 2u);
+    server->rxBufferBytesIs(largest);
+    server->maxRxPktDataIs(largest);
+    expectPasses(largest, largest);
+    client->txPktIs(pktOf(std::string(largest + 1, 'x')));
+    EXPECT_EQ(client->txErrno(), EMSGSIZE);
+
+    EXPECT_EQ(server->rxInfo().source(), endOf(loopback(), client));
+    EXPECT_EQ(server->rxInfo().dstPort, server->boundPort());
+    sendTo(server, server->rxInfo().source(), "answer");
+    EXPECT_EQ(textFrom(client), "answer");
+    EXPECT_EQ(client->txPktCount(), 5u);
+    EXPECT_EQ(server->rxPktCount(), 5u);
+}
+
+TEST_P(UdpPamTest, ReportsTheMetadataOfEachPacketOverAWire) {
+    const Wire wire;
+    const auto left = openServer(leftAddr(), "left");
+    const auto right = openServer(IpGenAddr(GetParam()), "right", allMetadata);
+    left->txTosIs(0xb9);
+    left->txTtlIs(77);
+    const int64_t before = int64_t{std::time(nullptr)} * 1'000'000'000;
+    sendTo(left, endOf(rightAddr(), right), "hello");
+    EXPECT_EQ(textFrom(right), "hello");
+    const RxInfo& info = right->rxInfo();
+    EXPECT_EQ(textOf(info),
+              textOf(leftAddr(), rightAddr(), rightAddr(), wire.index("right"), 0xb9, 77));
+    EXPECT_EQ(info.origDstPort, right->boundPort());
+    EXPECT_GE(info.timestampNs, before);
+    EXPECT_LT(info.timestampNs, before + int64_t{60} * 1'000'000'000);
+
+    // Between link-local addresses of one device; the kernel needs it to bind.
+    const auto local = newServer(addr(pick("192.0.2.1", "fe80::1")), "left");
+    local->deviceIs("veth-left");
+    local->enabledIs(true);
+    sendTo(local, endOf(addr(pick("192.0.2.2", "fe80::2")), right), "near");
+    EXPECT_EQ(textFrom(right), "near");
+    EXPECT_EQ(info.source(), endOf(local->localAddr(), local));
+}
+
+TEST_P(UdpPamTest, AClientReceivesFromItsPeerOnlyAndCountsWhatIcmpReports) {
+    auto server = openServer(loopback());
+    const auto stranger = openServer(loopback());
+    const auto client = openClient(endOf(loopback(), server));
+    sendTo(stranger, endOf(loopback(), client), "stray");
+    sendTo(server, endOf(loopback(), client), "mine");
+    EXPECT_EQ(textFrom(client), "mine");
+    client->modeIs(UdpPam::Mode::server);  // Takes effect at the next enabling.
+    client->remoteIs(endOf(loopback(), stranger));
+    client->txPktIs(pktOf("to the peer"));
+    EXPECT_EQ(textFrom(server), "to the peer");
+
+    server->enabledIs(false);
+    const uint32_t errors = client->rxErrors();
+    client->txPktIs(pktOf("nobody listens"));
+    EXPECT_EQ(client->rxPkt(), nullptr);  // ECONNREFUSED.
+    client->txPktIs(pktOf("nobody listens"));
+    client->txPktIs(pktOf("meets the error"));
+    EXPECT_EQ(client->txErrno(), ECONNREFUSED);
+    EXPECT_EQ(client->txErrors(), 1u);
+    EXPECT_EQ(client->rxErrors(), errors + 1);
+    EXPECT_LT(turnsUntilQuiet(), 5u);
+}
+
+TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
+    const auto gone = openServer(loopback());
+    const IpGenAddrAndPort nobody = endOf(loopback(), gone);
+    gone->enabledIs(false);
+    const auto pam = openServer(loopback(), "", ipRecvErr);
+    const Mox::Watch<UdpPam> readable(pam, Pam::readableCountAttr, [&] { (void)pam->rxPkt(); });
+    (void)turnsUntilQuiet();
+    const uint32_t errors = pam->rxErrors();
+    pam->remoteIs(nobody);
+    pam->txPktIs(pktOf("nobody listens"));
+    std::vector<QueuedError> seen;
+    const Mox::Watch<UdpPam> failed(pam, Pam::rxErrorsAttr, [&] {
+        seen.insert(seen.end(), pam->queuedErrors().begin(), pam->queuedErrors().end());
+    });
+    EXPECT_LT(turnsUntilQuiet(), 5u);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].error, ECONNREFUSED);
+    EXPECT_EQ(IpGenAddrAndPort(seen[0].dstIpAddr, seen[0].dstPort), nobody);
+    EXPECT_EQ(seen[0].reporter, loopback());
+    EXPECT_EQ(seen[0].icmpType, pick(3, 1));  // Destination unreachable.
+    EXPECT_EQ(seen[0].icmpCode, pick(3, 4));  // The port.
+    EXPECT_GE(pam->rxErrors(), errors + 2);
+}
+
+TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
+    const auto before = PavoTest::openDescriptors();
+    const auto pam = newClient({loopback(), 9});
+    pam->optionsIs(allMetadata | ipReuseAddr | ipRecvErr | ipPriority);
+    pam->txTosIs(4);
+    pam->txTtlIs(5);
+    pam->txMcastTtlIs(6);
+    pam->txMcastIfIndexIs(1);
+    pam->rxMinTtlIs(7);
+    pam->deviceIs("lo");
+    std::string failed;
+    const unsigned failures = PavoTest::failEachSyscall(
+        EPERM,
+        [&] {
+            const std::string error = errorOf([&] { pam->enabledIs(true); });
+            failed += error.substr(0, error.find_first_of("( ")) + " ";
+            return error;
+        },
+        [&](const auto& fail, const std::string& error, int) {
+            const std::string name = fail.name();  // The namespace is looked up with stat(2).
+            EXPECT_NE(error.find(name == "stat" ? "socketAt" : name), std::string::npos) << error;
+            EXPECT_FALSE(pam->enabled());
+            EXPECT_EQ(pam->boundPort(), 0);
+            EXPECT_EQ(PavoTest::openDescriptors(), before);
+        });
+    EXPECT_GT(failures, 20u);
+    EXPECT_NE(failed.find("bind connect"), std::string::npos) << failed;
+    EXPECT_NE(pam->boundPort(), 0);
+    pam->enabledIs(false);
+
+    const auto taken = openServer(loopback());
+    const auto expectError = [&](const Mox::Ptr<UdpPam>& each, const char* call, int error) {
+        EXPECT_EQ(errorOf([&] { each->enabledIs(true); }), thrown(call, error));
+        EXPECT_EQ(each->fileDesc(), nullptr);
+    };
+    const auto second = newServer(loopback());
+    second->localPortIs(taken->boundPort());
+    expectError(second, "bind", EADDRINUSE);
+    expectError(udpPamFactory("no family"), "socketAt", EAFNOSUPPORT);
+    expectError(newServer(loopback(), "nowhere"), "socketAt", ENOENT);
+    const auto mixed = newClient({addr(pick("::1", "127.0.0.1")), 9});
+    mixed->localAddrIs(loopback());
+    expectError(mixed, "connect", EAFNOSUPPORT);
+    second->localPortIs(0);
+    second->deviceIs("a-name-that-is-too-long");
+    expectError(second, "setsockopt(SO_BINDTODEVICE)", ENODEV);
+}
+
+TEST_P(UdpPamTest, PacketsFromFartherThanTheLeastTtlAllowsAreDropped) {
+    const auto server = newServer(loopback(), "", ipRecvTTL | ipRecvDrops);
+    server->rxMinTtlIs(255);
+    server->enabledIs(true);
+    const auto sender = openServer(loopback());
+    const auto expectReceives = [&](const std::string& expected) {
+        std::string seen;
+        for (const uint8_t ttl : {uint8_t{254}, uint8_t{255}}) {
+            sender->txTtlIs(ttl);
+            for (const char* text : {"one", "three"}) {
+                sendTo(sender, endOf(loopback(), server), text);
+            }
+        }
+        while (const auto pkt = server->rxPkt()) {
+            seen += std::string(pkt->stringValue()) + std::to_string(server->rxInfo().ttl) + " ";
+        }
+        EXPECT_EQ(seen, expected);
+    };
+    expectReceives("one255 three255 ");
+    EXPECT_EQ(server->rxDrops(), 2u);
+    // With a program too: 8 bytes of header, then at least 5.
+    server->rxFilterIs(0, {BPF_LD | BPF_W | BPF_LEN, 0, 0, 0});
+    server->rxFilterIs(1, {BPF_JMP | BPF_JGE | BPF_K, 0, 1, 13});
+    server->rxFilterIs(2, {BPF_RET | BPF_K, 0, 0, 0xffff});
+    server->rxFilterIs(3, {BPF_RET | BPF_K, 0, 0, 0});
+    server->optionsIs(server->options() | ipAttachFilter);
+    expectReceives("three255 ");
+    server->rxMinTtlIs(0);
+    expectReceives("three254 three255 ");
+    server->optionsIs(ipRecvTTL);
+    expectReceives("one254 three254 one255 three255 ");
+}
+
+TEST_P(UdpPamTest, GroupsAreReceivedByTheirMembersOnly) {
+    const Wire wire;
+    const uint32_t index = wire.index("right");
+    const IpGenAddr group = addr(pick("232.1.2.3", "ff3e::99"));
+    const auto left = openServer(leftAddr(), "left");
+    left->txMcastIfIndexIs(wire.index("left"));
+    left->txMcastTtlIs(9);
+    const auto right = openServer(IpGenAddr(GetParam()), "right", ipRecvTTL);
+    const auto member = openServer(IpGenAddr(GetParam()), "right");
+    member->doJoinMcastGroup(index, group);
+    // The marker goes to the host's own address, after the packet to the group.
+    const auto expectReceives = [&](bool fromGroup) {
+        sendTo(left, endOf(group, right), "group");
+        sendTo(left, endOf(rightAddr(), right), "marker");
+        EXPECT_EQ(textFrom(right), fromGroup ? "group" : "marker");
+        if (fromGroup) {
+            EXPECT_EQ(right->rxInfo().ttl, 9);
+            EXPECT_EQ(textFrom(right), "marker");
+        }
+    };
+    expectReceives(false);  // Although another socket of the host is a member.
+    right->doJoinMcastGroup(index, group);
+    expectReceives(true);
+    right->doLeaveMcastGroup(index, group);
+    right->doJoinMcastGroup(index, group, addr(pick("192.0.2.9", "2001:db8::9")));
+    expectReceives(false);
+    right->doJoinMcastGroup(index, group, leftAddr());
+    expectReceives(true);
+    right->doLeaveMcastGroup(index, group, leftAddr());
+    expectReceives(false);
+    EXPECT_EQ(errorOf([&] { right->doJoinMcastGroup(index, group, IpGenAddr()); }),
+              thrown("setsockopt(MCAST_JOIN_SOURCE_GROUP)", EAFNOSUPPORT));
+}
+
+TEST_P(UdpPamTest, BatchesArriveInOrderAndEachPacketIsCounted) {
+    const auto server = openServer(loopback());
+    server->socketReadLimitIs(255);
+    server->enableBulkReadIs(true);
+    const auto client = openClient(endOf(loopback(), server));
+    // Equal sizes, which are segmented, among others; one that is too large.
+    std::vector<Mox::Ptr<Pkt>> pkts;
+    std::string sent;
+    const auto addPkt = [&](char text, uint32_t bytes) {
+        pkts.push_back(pktOf(std::string(bytes, text)));
+        const bool isSent = bytes < 60000;
+        sent += isSent ? text + std::to_string(bytes) + " " : "";
+    };
+    for (int i = 0; i < 70; ++i) {
+        addPkt('a', 100);
+    }
+    addPkt('b', 0);
+    addPkt('c', 60000 + 6000);
+    addPkt('d', 300);
+    addPkt('e', 300);
+    addPkt('f', 299);
+    addPkt('g', 0);
+    const auto expectArrives = [&](uint32_t taken) {
+        EXPECT_EQ(client->txPktsIs(pkts), taken);
+        std::string seen;
+        for (int32_t i = server->rxPktBulk(), slot = 0; slot < i; ++slot) {
+            const auto pkt = server->savedPacket(static_cast<uint32_t>(slot));
+            const uint32_t bytes = pkt->totalBytes();
+            seen += (bytes != 0 ? static_cast<char>(*pkt->frontData()) : sent[seen.size()]) +
+                    std::to_string(bytes) + " ";
+        }
+        EXPECT_EQ(seen, sent);
+    };
+    expectArrives(76);
+    EXPECT_EQ(client->txErrno(), EMSGSIZE);
+    EXPECT_EQ(client->txErrors(), 1u);
+    EXPECT_EQ(client->txPktCount(), 75u);
+    for (const int error : {EIO, EINVAL}) {  // Where the kernel refuses segments.
+        const PavoTest::FailSyscall refuses(1, error, "sendmsg");
+        expectArrives(76);
+        EXPECT_TRUE(refuses.happened());
+        client->enabledIs(false);
+        client->enabledIs(true);
+    }
+    const PavoTest::FailSyscall full(2, EAGAIN, "sendmsg");  // After the first 64.
+    EXPECT_EQ(client->txPktsIs(pkts), 64u);
+    EXPECT_EQ(client->txErrors(), 3u + 12);
+    EXPECT_EQ(client->txErrno(), EAGAIN);
+    const uint32_t reports = client->writableCount();
+    loop_.turn(0.2);
+    EXPECT_EQ(client->writableCount(), reports + 1);
+}
+
+TEST_P(UdpPamTest, AppliesTheOptionsOfUdpWhenEnabledAndWhenChanged) {
+    const std::pair<uint32_t, int> rows[] = {{ipReuseAddr, SO_REUSEADDR},
+                                             {ipReusePort, SO_REUSEPORT},
+                                             {ipBroadcast, SO_BROADCAST},
+                                             {ipRecvTimestamp, SO_TIMESTAMPNS_NEW},
+                                             {ipRecvDrops, SO_RXQ_OVFL}};
+    for (const auto& [bit, option] : rows) {
+        const auto pam = openServer(loopback(), "", bit);
+        for (const bool on : {true, false, true}) {
+            pam->optionsIs(on ? bit : none);
+            EXPECT_EQ(optionOf(*pam, SOL_SOCKET, option), on) << ipSocketOptionsText(bit);
+        }
+    }
+    const auto pam = openServer(loopback(), "", ipPriority);
+    pam->priorityIs(tcPrioControl);
+    pam->txTosIs(0x10);  // With which the kernel of IPv4 overwrites the priority.
+    EXPECT_EQ(optionOf(*pam, SOL_SOCKET, SO_PRIORITY), tcPrioControl);
+    EXPECT_EQ(errorOfFailing(1, EPERM, [&] { pam->rxMinTtlIs(9); }),
+              thrown("setsockopt(SO_ATTACH_FILTER)", EPERM));
+    EXPECT_EQ(pam->rxMinTtl(), IpTtl());
+    EXPECT_EQ(errorOfFailing(1, EPERM, [&] { pam->optionsIs(none); }),
+              thrown("setsockopt(SO_PRIORITY)", EPERM));
+    EXPECT_FALSE(pam->enabled());
+}
+
+}  // namespace
+}  // namespace Pavo
