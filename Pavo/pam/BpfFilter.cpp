@@ -190,20 +190,4 @@ Mox::String ipFilterFromText(const Mox::String& expression, std::vector<IpFilter
     return {};
 }
 
-Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam) {
-    std::vector<IpFilter> program;
-    Mox::String error = ipFilterFromText(expression, &program);
-    if (!error.empty()) {
-        return error;
-    }
-    const auto count = static_cast<uint32_t>(program.size());
-    for (uint32_t i = 0; i < count; ++i) {
-        pam->rxFilterIs(static_cast<uint8_t>(i), program[i]);
-    }
-    for (uint32_t i = pam->rxFilter().members(); i > count; --i) {
-        pam->rxFilterDel(static_cast<uint8_t>(i - 1));
-    }
-    return {};
-}
-
 }  // namespace Pavo

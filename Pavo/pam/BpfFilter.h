@@ -15,8 +15,7 @@
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
 #include "Pavo/packet/Pkt.h"
-#include "Pavo/pam/IpPam.h"
-#include "Pavo/pam/IpSocketPam.h"
+#include "Pavo/pam/IpSocketOptions.h"
 
 namespace Pavo {
 
@@ -107,11 +106,5 @@ constexpr uint32_t maxIpFilterInstructions = 256;
 /// event loop.
 PAVO_EXPORT Mox::String ipFilterFromText(const Mox::String& expression,
                                          std::vector<IpFilter>* program);
-
-/// Replaces the `rxFilter` of an endpoint by a compiled expression; each instruction that changes
-/// is notified. Returns what `ipFilterFromText` returns; after an error the endpoint is unchanged.
-/// A socket keeps the filter that is attached to it until the option `ipAttachFilter` is next
-/// switched on, or the endpoint enabled.
-PAVO_EXPORT Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam);
 
 }  // namespace Pavo

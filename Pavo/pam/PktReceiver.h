@@ -18,7 +18,7 @@
 #include "Mox/Trace.h"
 #include "Pavo/base/FirstException.h"
 #include "Pavo/packet/Pkt.h"
-#include "Pavo/pam/IpPam.h"
+#include "Pavo/pam/IpSocketOptions.h"
 #include "Pavo/pam/PamSocket.h"
 #include "Pavo/pam/RxFormat.h"
 #include "Pavo/pam/RxInfo.h"

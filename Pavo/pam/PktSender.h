@@ -18,10 +18,6 @@
 
 namespace Pavo {
 
-class IpFamily;
-class IpGenAddr;
-class Port;
-
 /// What the packets of one send have in common: where they go, what the kernel is asked to do with
 /// them.
 struct TxHead {
@@ -36,24 +32,6 @@ struct TxHead {
     /// The message that consists of the given pieces.
     msghdr message(iovec* pieces, std::size_t count) const;
 };
-
-/// What the attributes of an IP endpoint say of the next packet.
-struct IpTxSettings {
-    const IpFamily& family;
-    const IpGenAddr& source;
-    const IpGenAddr& destination;
-    const Mox::String& ifName;
-    uint32_t ifIndex;
-    int flags;
-};
-
-/// Why a packet cannot be sent so, as an `errno`: a missing destination, an address of another
-/// family; or 0.
-int ipTxAddressError(const IpTxSettings& settings);
-/// Fills in the head for the IP packets that `fd` sends to a port, 0 without one; a `connected`
-/// socket has its destination. Makes one system call where the interface is given by name. Returns
-/// 0, or why nothing can be sent, as an `errno`.
-int ipTxHeadIs(TxHead* head, int fd, const IpTxSettings& settings, Port port, bool connected);
 
 /// What became of a batch.
 struct TxResult {

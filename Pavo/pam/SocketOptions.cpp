@@ -6,7 +6,6 @@
 #include <new>
 
 #include "Mox/Exception.h"
-#include "Pavo/pam/IpFamily.h"
 
 namespace Pavo {
 
@@ -40,13 +39,6 @@ void socketOptionIs(int fd, int level, int option, const void* value, uint32_t b
 void socketPriorityIs(const Mox::TraceFacility& trace, int fd, uint32_t priority) {
     MOX_TRACE(trace, 9, "Socket priority is ", priority);
     socketOptionIs(fd, SOL_SOCKET, SO_PRIORITY, priority, "setsockopt(SO_PRIORITY)");
-}
-
-void socketTosIs(const SocketSettings& settings, int fd) {
-    settings.family->tosIs(fd, settings.tos.value());
-    if ((settings.options & ipPriority) != 0) {
-        socketPriorityIs(settings.trace, fd, settings.priority);
-    }
 }
 
 void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const sock_filter> first,
@@ -106,15 +98,6 @@ void SocketOptionSteps::rcvBuf(const Change& change) {
     const bool isLaterChange = change.on && !change.isEnabling;
     socketOptionIs(change.fd, SOL_SOCKET, SO_RCVBUFFORCE, change.on ? change.settings.rxBuf : 0,
                    isLaterChange ? "setsockopt(SO_RCVBUFFIRCE)" : "setsockopt(SO_RCVBUFFORCE)");
-}
-
-// The row of the priority comes later.
-void SocketOptionSteps::tos(const Change& change) {
-    const SocketSettings& settings = change.settings;
-    if (settings.tos != IpDscp()) {
-        MOX_TRACE(settings.trace, 9, "TOS=", settings.tos);
-        settings.family->tosIs(change.fd, settings.tos.value());
-    }
 }
 
 void SocketOptionSteps::priority(const Change& change) {

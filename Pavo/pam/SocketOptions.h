@@ -11,7 +11,9 @@
 
 #include "Mox/Collections.h"
 #include "Mox/Trace.h"
-#include "Pavo/pam/IpPam.h"
+#include "Pavo/pam/IpSocketOptions.h"
+#include "Pavo/pam/Pam.h"
+#include "Pavo/value/Ip.h"
 
 namespace Pavo {
 
@@ -83,11 +85,6 @@ void socketOptionIs(int fd, int level, int option, const Value& value, const cha
 /// @throws Mox::ErrnoException "setsockopt(SO_PRIORITY)"
 void socketPriorityIs(const Mox::TraceFacility& trace, int fd, uint32_t priority);
 
-/// Sets the TOS of an IP socket, and then the priority where the option asks for one, since the
-/// kernel overwrites it with the TOS.
-/// @throws Mox::ErrnoException "setsockopt(SO_PRIORITY)", or naming the family's option.
-void socketTosIs(const SocketSettings& settings, int fd);
-
 /// Attaches one program that consists of the instructions `first` and those of `filter`.
 /// @throws Mox::ErrnoException "setsockopt(SO_ATTACH_FILTER)"; with EINVAL and "SO_ATTACH_FILTER
 /// option must be supplied with a valid filter" when there are no instructions.
@@ -104,7 +101,6 @@ struct SocketOptionSteps {
     static void noMulticastLoop(const Change& change);
     static void filter(const Change& change);
     static void rcvBuf(const Change& change);
-    static void tos(const Change& change);
     static void priority(const Change& change);
 };
 

@@ -1,4 +1,4 @@
-#include "Pavo/pam/RawSocket.h"
+#include "Pavo/socket/RawSocket.h"
 
 #include <arpa/inet.h>
 #include <linux/filter.h>

@@ -1,4 +1,4 @@
-#include "Pavo/pam/PktSocket.h"
+#include "Pavo/socket/PktSocket.h"
 
 #include <sys/uio.h>
 #include <unistd.h>

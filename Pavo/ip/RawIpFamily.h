@@ -7,8 +7,10 @@
 #include <cstddef>
 
 #include "Mox/Trace.h"
-#include "Pavo/pam/IpFamily.h"
-#include "Pavo/pam/RawIpPam.h"
+#include "Pavo/ip/IpFamily.h"
+#include "Pavo/ip/IpOptions.h"
+#include "Pavo/ip/IpTx.h"
+#include "Pavo/ip/RawIpPam.h"
 #include "Pavo/pam/SocketOptions.h"
 
 namespace Pavo {

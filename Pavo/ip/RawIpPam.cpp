@@ -1,4 +1,4 @@
-#include "Pavo/pam/RawIpPam.h"
+#include "Pavo/ip/RawIpPam.h"
 
 #include <sys/socket.h>
 
@@ -8,8 +8,8 @@
 #include "Mox/Assert.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Pavo/ip/RawIpFamily.h"
 #include "Pavo/pam/PktReceiver.h"
-#include "Pavo/pam/RawIpFamily.h"
 #include "Pavo/socket/SocketAt.h"
 
 namespace Pavo {

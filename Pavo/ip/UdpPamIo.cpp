@@ -9,10 +9,11 @@
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
-#include "Pavo/pam/IpFamily.h"
+#include "Pavo/ip/IpFamily.h"
+#include "Pavo/ip/IpTx.h"
+#include "Pavo/ip/UdpPam.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/PktSender.h"
-#include "Pavo/pam/UdpPam.h"
 
 namespace Pavo {
 

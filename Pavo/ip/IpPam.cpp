@@ -1,4 +1,4 @@
-#include "Pavo/pam/IpPam.h"
+#include "Pavo/ip/IpPam.h"
 
 #include <string>
 #include <utility>
@@ -7,23 +7,6 @@
 #include "Mox/Assert.h"
 
 namespace Pavo {
-
-Mox::String ipSocketOptionsText(uint32_t options) {
-    if (options == none) {
-        return stringValue(none);
-    }
-    std::string text;
-    for (const auto& each : Mox::enumTable<IpSocketOptions>.members) {
-        if ((options & each.value) != 0) {
-            text.append(text.empty() ? "" : "|").append(each.name);
-            options &= ~uint32_t{each.value};
-        }
-    }
-    if (options != 0) {
-        text.append(text.empty() ? "" : "|").append(std::to_string(options));
-    }
-    return Mox::String(text);
-}
 
 IpPam::IpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName netNs)
     : EntityOf(std::move(name)), protocol_(protocol), netNs_(std::move(netNs)) {}

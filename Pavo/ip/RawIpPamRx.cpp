@@ -2,9 +2,9 @@
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
+#include "Pavo/ip/RawIpFamily.h"
+#include "Pavo/ip/RawIpPam.h"
 #include "Pavo/pam/PktReceiver.h"
-#include "Pavo/pam/RawIpFamily.h"
-#include "Pavo/pam/RawIpPam.h"
 
 namespace Pavo {
 

@@ -1,4 +1,4 @@
-#include "Pavo/pam/McastGroup.h"
+#include "Pavo/ip/McastGroup.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -1,10 +1,12 @@
-#include "Pavo/pam/IpSocketPam.h"
+#include "Pavo/ip/IpSocketPam.h"
 
 #include <netinet/in.h>
 
 #include <utility>
+#include <vector>
 
-#include "Pavo/pam/RawIpFamily.h"
+#include "Pavo/ip/RawIpFamily.h"
+#include "Pavo/pam/BpfFilter.h"
 
 namespace Pavo {
 
@@ -72,6 +74,22 @@ void IpSocketPam::txMcastTTLIs(IpTtl ttl) {
 Mox::Ptr<IpSocketPam> ipSocketPamFactory(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs) {
     return Mox::make<IpSocketPam>(std::move(name), protocol, std::move(netNs));
+}
+
+Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam) {
+    std::vector<IpFilter> program;
+    Mox::String error = ipFilterFromText(expression, &program);
+    if (!error.empty()) {
+        return error;
+    }
+    const auto count = static_cast<uint32_t>(program.size());
+    for (uint32_t i = 0; i < count; ++i) {
+        pam->rxFilterIs(static_cast<uint8_t>(i), program[i]);
+    }
+    for (uint32_t i = pam->rxFilter().members(); i > count; --i) {
+        pam->rxFilterDel(static_cast<uint8_t>(i - 1));
+    }
+    return {};
 }
 
 }  // namespace Pavo

@@ -4,7 +4,7 @@
 
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/RawIpPam.h"
+#include "Pavo/ip/RawIpPam.h"
 
 namespace Pavo {
 
@@ -36,5 +36,11 @@ class PAVO_EXPORT IpSocketPam : public Mox::EntityOf<IpSocketPam, RawIpPam> {
 /// A disabled endpoint for `protocol` in the namespace `netNs`.
 PAVO_EXPORT Mox::Ptr<IpSocketPam> ipSocketPamFactory(Mox::String name, IpProtocolNumber protocol,
                                                      NamespaceName netNs);
+
+/// Replaces the `rxFilter` of an endpoint by a compiled expression; each instruction that changes
+/// is notified. Returns what `ipFilterFromText` returns; after an error the endpoint is unchanged.
+/// A socket keeps the filter that is attached to it until the option `ipAttachFilter` is next
+/// switched on, or the endpoint enabled.
+PAVO_EXPORT Mox::String rxFilterFromText(const Mox::String& expression, Mox::Ptr<IpSocketPam> pam);
 
 }  // namespace Pavo

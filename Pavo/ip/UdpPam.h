@@ -14,7 +14,7 @@
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/IpPam.h"
+#include "Pavo/ip/IpPam.h"
 #include "Pavo/pam/Pam.h"
 #include "Pavo/pam/PamSocket.h"
 #include "Pavo/value/Ip.h"

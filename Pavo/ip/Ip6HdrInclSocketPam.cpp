@@ -1,4 +1,4 @@
-#include "Pavo/pam/Ip6HdrInclSocketPam.h"
+#include "Pavo/ip/Ip6HdrInclSocketPam.h"
 
 #include <cerrno>
 #include <utility>

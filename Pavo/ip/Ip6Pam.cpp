@@ -1,4 +1,4 @@
-#include "Pavo/pam/Ip6Pam.h"
+#include "Pavo/ip/Ip6Pam.h"
 
 #include <algorithm>
 #include <utility>

@@ -6,7 +6,7 @@
 
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/RawIpPam.h"
+#include "Pavo/ip/RawIpPam.h"
 
 namespace Pavo {
 

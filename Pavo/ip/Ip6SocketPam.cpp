@@ -1,4 +1,4 @@
-#include "Pavo/pam/Ip6SocketPam.h"
+#include "Pavo/ip/Ip6SocketPam.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "Mox/Exception.h"
-#include "Pavo/pam/RawIpFamily.h"
+#include "Pavo/ip/RawIpFamily.h"
 
 namespace Pavo {
 

@@ -1,9 +1,9 @@
 #include <cerrno>
 
 #include "Mox/Assert.h"
+#include "Pavo/ip/RawIpFamily.h"
+#include "Pavo/ip/RawIpPam.h"
 #include "Pavo/pam/PktSender.h"
-#include "Pavo/pam/RawIpFamily.h"
-#include "Pavo/pam/RawIpPam.h"
 
 namespace Pavo {
 

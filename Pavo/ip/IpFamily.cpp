@@ -1,4 +1,4 @@
-#include "Pavo/pam/IpFamily.h"
+#include "Pavo/ip/IpFamily.h"
 
 #include <linux/errqueue.h>
 #include <net/if.h>
@@ -8,7 +8,8 @@
 #include <cstring>
 
 #include "Mox/Exception.h"
-#include "Pavo/pam/McastGroup.h"
+#include "Pavo/ip/McastGroup.h"
+#include "Pavo/pam/SocketOptions.h"
 #include "Pavo/value/SockAddr.h"
 
 namespace Pavo {

@@ -11,7 +11,7 @@
 #include "Mox/Collections.h"
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/IpPam.h"
+#include "Pavo/ip/IpPam.h"
 
 namespace Pavo {
 

@@ -7,7 +7,7 @@
 #include "Mox/Collections.h"
 #include "Mox/Ptr.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/Ip6SocketPam.h"
+#include "Pavo/ip/Ip6SocketPam.h"
 #include "Pavo/value/Ip6Addr.h"
 
 namespace Pavo {

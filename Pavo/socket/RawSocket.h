@@ -8,7 +8,7 @@
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/pam/PktSocket.h"
+#include "Pavo/socket/PktSocket.h"
 #include "Pavo/value/IpAddr.h"
 
 namespace Pavo {

@@ -1,4 +1,4 @@
-#include "Pavo/pam/UdpPam.h"
+#include "Pavo/ip/UdpPam.h"
 
 #include <net/if.h>
 #include <netinet/in.h>
@@ -12,7 +12,9 @@
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/base/FirstException.h"
-#include "Pavo/pam/IpFamily.h"
+#include "Pavo/ip/IpFamily.h"
+#include "Pavo/ip/IpOptions.h"
+#include "Pavo/ip/IpTx.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/SocketOptions.h"
 #include "Pavo/socket/SocketAt.h"
