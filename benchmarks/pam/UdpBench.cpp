@@ -1,6 +1,6 @@
-// UDP datagrams over a wire between two namespaces, beside bare system calls with the same options.
-// Bursts are sent and then read; each half is timed alone. The `main` of RawIpBench.cpp makes the
-// wire.
+// UDP datagrams over a wire between two namespaces, beside bare system calls with the same options
+// and, through its event loop, Boost.Asio. Bursts are sent and then read; each half is timed alone.
+// The `main` of RawIpBench.cpp makes the wire.
 
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
@@ -8,8 +8,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <boost/asio.hpp>
+#include <optional>
 #include <vector>
 
+#include "Mox/Entity.h"
 #include "Mox/EventLoop.h"
 #include "Pavo/SocketAt.h"
 #include "Pavo/UdpPam.h"
@@ -23,7 +26,7 @@ const Pavo::IpGenAddr right{Pavo::IpAddr(0xc0000202)};
 
 // What is timed of a round, and how packets are handed over.
 enum class Half { send, receive };
-enum class Way { single, batch };
+enum class Way { single, batch, loop };
 // Of equal sizes, or each larger than the one before.
 enum class Sizes { equal, rising };
 
@@ -43,6 +46,9 @@ class PavoEnds {
         right_->socketReadLimitIs(burst);
         right_->enableBulkReadIs(way == Way::batch);
         right_->enabledIs(true);
+        if (way == Way::loop) {
+            readable_.emplace(right_, Pavo::Pam::readableCountAttr, [this] { readAll(); });
+        }
         for (int i = 0; i < burst; ++i) {
             pkts_.push_back(Pavo::globalPktManager()->newPkt());
             pkts_.back()->newSharedHeadData(bytesOf(sizes, i));
@@ -62,19 +68,31 @@ class PavoEnds {
         if (way_ == Way::batch) {
             return right_->rxPktBulk();
         }
-        int received = 0;
-        while (received < burst && right_->rxPkt()) {
-            ++received;
+        received_ = 0;
+        if (way_ == Way::loop) {
+            for (int turns = 0; received_ < burst && turns < burst; ++turns) {
+                loop_.turn(/*timeoutSeconds=*/0);
+            }
+            return received_;
         }
-        return received;
+        readAll();
+        return received_;
     }
 
   private:
+    void readAll() {
+        while (received_ < burst && right_->rxPkt()) {
+            ++received_;
+        }
+    }
+
     Mox::EventLoop loop_;
     Mox::Ptr<Pavo::UdpPam> left_ = Pavo::udpPamFactory("left", Pavo::NamespaceName("left"));
     Mox::Ptr<Pavo::UdpPam> right_ = Pavo::udpPamFactory("right", Pavo::NamespaceName("right"));
+    std::optional<Mox::Watch<Pavo::Pam>> readable_;
     std::vector<Mox::Ptr<Pavo::Pkt>> pkts_;
     Way way_;
+    int received_ = 0;
 };
 
 // The same with buffers that stay where they are. An event loop watches the receiver here too,
@@ -175,6 +193,60 @@ class BareEnds {
     mmsghdr rxMessages_[burst] = {};
 };
 
+// Of a datagram it says the sender, and nothing else of what the others ask for.
+class AsioEnds {
+  public:
+    AsioEnds(Way /*way*/, Sizes sizes) {
+        const auto open = [](const char* netNs) {
+            return Pavo::socketAt(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0, netNs);
+        };
+        left_.assign(Udp::v4(), open("left"));
+        right_.assign(Udp::v4(), open("right"));
+        right_.bind(peer_);
+        for (int i = 0; i < burst; ++i) {
+            bytes_[i] = bytesOf(sizes, i);
+        }
+        receiveOne();
+    }
+
+    void send() {
+        for (const uint32_t bytes : bytes_) {
+            left_.send_to(boost::asio::buffer(data_, bytes), peer_);
+        }
+    }
+    int receive() {
+        received_ = 0;
+        for (int turns = 0; received_ < burst && turns < burst; ++turns) {
+            context_.poll();
+        }
+        return received_;
+    }
+
+  private:
+    using Udp = boost::asio::ip::udp;
+
+    void receiveOne() {
+        right_.async_receive_from(boost::asio::buffer(room_), sender_,
+                                  [this](boost::system::error_code error, std::size_t bytes) {
+                                      if (!error) {
+                                          benchmark::DoNotOptimize(bytes);
+                                          ++received_;
+                                          receiveOne();
+                                      }
+                                  });
+    }
+
+    boost::asio::io_context context_{1};
+    Udp::socket left_{context_};
+    Udp::socket right_{context_};
+    Udp::endpoint peer_{boost::asio::ip::address_v4(right.v4Addr().value()), port};
+    Udp::endpoint sender_;
+    uint32_t bytes_[burst] = {};
+    char data_[1536] = {};
+    char room_[1536] = {};
+    int received_ = 0;
+};
+
 template <class Ends>
 void rounds(benchmark::State& state, Half half, Way way, Sizes sizes) {
     Ends ends(way, sizes);
@@ -200,10 +272,14 @@ void registerLines() {
     };
     const auto pavo = rounds<PavoEnds>;
     const auto bare = rounds<BareEnds>;
+    const auto asio = rounds<AsioEnds>;
     line("UdpSend/pavo", pavo, Half::send, Way::single, Sizes::equal);
     line("UdpSend/sendmsg", bare, Half::send, Way::single, Sizes::equal);
+    line("UdpSend/asio", asio, Half::send, Way::single, Sizes::equal);
     line("UdpReceive/pavo", pavo, Half::receive, Way::single, Sizes::equal);
     line("UdpReceive/recvmsg", bare, Half::receive, Way::single, Sizes::equal);
+    line("UdpLoop/pavo", pavo, Half::receive, Way::loop, Sizes::equal);
+    line("UdpLoop/asio", asio, Half::receive, Way::loop, Sizes::equal);
     line("UdpReceiveBulk/pavo", pavo, Half::receive, Way::batch, Sizes::rising);
     line("UdpReceiveBulk/recvmsg", bare, Half::receive, Way::single, Sizes::rising);
     line("UdpReceiveBulk/recvmmsg", bare, Half::receive, Way::batch, Sizes::rising);

@@ -4,6 +4,7 @@
 #include <random>
 
 #include "Mox/Trace.h"
+#include "Pavo/IpSocketPam.h"
 #include "pam/PamFixture.h"
 #include "support/Seeds.h"
 

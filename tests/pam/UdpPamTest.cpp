@@ -336,6 +336,28 @@ TEST_P(UdpPamTest, BatchesArriveInOrderAndEachPacketIsCounted) {
     EXPECT_EQ(client->writableCount(), reports + 1);
 }
 
+TEST_P(UdpPamTest, AReaderThatStopsIsNotReportedAndLosesNothingUncounted) {
+    const auto server = openServer(loopback(), "", ipRecvDrops);
+    const auto client = openClient(endOf(loopback(), server));
+    const std::vector<Mox::Ptr<Pkt>> pkts(50, pktOf("flood"));
+    for (int i = 0; i < 400; ++i) {
+        EXPECT_EQ(client->txPktsIs(pkts), 50u);
+    }
+    turnsUntilQuiet();
+    const uint32_t reports = server->readableCount();
+    for (int turns = 0; turns < 1000; ++turns) {
+        EXPECT_EQ(loop_.turn(0), 0u);
+    }
+    EXPECT_EQ(server->readableCount(), reports);
+    while (server->rxPkt()) {
+    }
+    client->txPktIs(pktOf("after it"));  // The drops are known with the next packet.
+    EXPECT_EQ(textFrom(server), "after it");
+    EXPECT_GT(server->rxDrops(), 0u);
+    EXPECT_EQ(server->rxPktCount() + server->rxDrops(), 20001u);
+    EXPECT_EQ(client->txPktCount(), 20001u);
+}
+
 TEST_P(UdpPamTest, AppliesTheOptionsOfUdpWhenEnabledAndWhenChanged) {
     const std::pair<uint32_t, int> rows[] = {{ipReuseAddr, SO_REUSEADDR},
                                              {ipReusePort, SO_REUSEPORT},
