@@ -26,7 +26,7 @@ int32_t RawIpPam::doGetBulkRxPkt() {
 }
 
 RxSettings RawIpPam::rxSettings() const {
-    return {options(), rxFlags(), maxRxPktData(), rxBufferBytes(), newRxInfo()};
+    return {options(), rxFlags(), maxRxPktData(), rxBufferBytes()};
 }
 
 const std::vector<QueuedError>& RawIpPam::queuedErrors() const {
@@ -35,7 +35,7 @@ const std::vector<QueuedError>& RawIpPam::queuedErrors() const {
 
 void RawIpPam::doGetRxPktSingle() {
     Mox::Ptr<Pkt> pkt;
-    RxInfo info;
+    RxInfo info = newRxInfo();
     const RxRound round = receiver_->readOne(&pamSocket(), rxSettings(), &pkt, &info);
     if (!pkt) {
         round.wasTried ? countRead(round) : void();
@@ -58,7 +58,7 @@ int32_t RawIpPam::doGetRxPktBulk() {
         return 0;
     }
     std::unique_ptr<RxBatch> batch =
-        receiver_->readBatch(&pamSocket(), rxSettings(), savedPacket(), bulkSlots());
+        receiver_->readBatch(&pamSocket(), rxSettings(), newRxInfo(), savedPacket(), bulkSlots());
     if (!batch) {
         return nothingInBulk();
     }

@@ -323,6 +323,7 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     bool applied(Field& field, Field value, Apply apply);
 
     RxSettings rxSettings() const;
+    RxInfo newRxInfo() const;
     void readSingle();
     int32_t readBulk();
 

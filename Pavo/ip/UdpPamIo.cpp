@@ -92,12 +92,17 @@ int32_t UdpPam::doGetBulkRxPkt() {
 }
 
 RxSettings UdpPam::rxSettings() const {
-    RxSettings settings{options_, rxFlags_, maxRxPktData_, rxBufferBytes_, {}};
-    settings.first.dstPort = boundPort_;
-    settings.first.isIpHdrWithKernel = true;
-    settings.first.isUdpHdrWithKernel = true;
-    settings.first.protocol = IpProtocolNumber::udp;
-    return settings;
+    return {options_, rxFlags_, maxRxPktData_, rxBufferBytes_};
+}
+
+// What the description of every packet begins with.
+RxInfo UdpPam::newRxInfo() const {
+    RxInfo info;
+    info.dstPort = boundPort_;
+    info.isIpHdrWithKernel = true;
+    info.isUdpHdrWithKernel = true;
+    info.protocol = IpProtocolNumber::udp;
+    return info;
 }
 
 const std::vector<QueuedError>& UdpPam::queuedErrors() const {
@@ -106,7 +111,7 @@ const std::vector<QueuedError>& UdpPam::queuedErrors() const {
 
 void UdpPam::readSingle() {
     Mox::Ptr<Pkt> pkt;
-    RxInfo info;
+    RxInfo info = newRxInfo();
     const RxRound round = receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
     if (!round.wasTried) {
         return;
@@ -124,7 +129,7 @@ int32_t UdpPam::readBulk() {
         return 0;
     }
     std::unique_ptr<RxBatch> batch =
-        receiver_->readBatch(&socket_, rxSettings(), savedPacket(), bulkSlots_);
+        receiver_->readBatch(&socket_, rxSettings(), newRxInfo(), savedPacket(), bulkSlots_);
     if (!batch) {
         slotsReceivedNone();
         return 0;

@@ -98,7 +98,6 @@ RxRound PktReceiver::readOne(PamSocket* socket, const RxSettings& settings, Mox:
     socket->readEnded(round.error);
     if (round.error == 0) {
         round.packets = 1;
-        *info = settings.first;
         readMessage(message, settings, info, &round);
         shrinkTo(*into, static_cast<std::size_t>(received));
         *pkt = std::move(into);
@@ -130,6 +129,7 @@ bool PktReceiver::prepare(const RxSettings& settings, const Mox::Array<Mox::Ptr<
 }
 
 std::unique_ptr<RxBatch> PktReceiver::readBatch(PamSocket* socket, const RxSettings& settings,
+                                                const RxInfo& first,
                                                 const Mox::Array<Mox::Ptr<Pkt>>& slots,
                                                 uint32_t count) {
     if (!socket->isOpen()) {
@@ -148,7 +148,7 @@ std::unique_ptr<RxBatch> PktReceiver::readBatch(PamSocket* socket, const RxSetti
     socket->readEnded(round.error);
     round.packets = round.error == 0 ? static_cast<uint32_t>(received) : 0;
     for (uint32_t slot = 0; slot < round.packets; ++slot) {
-        batch->infos[slot] = settings.first;
+        batch->infos[slot] = first;
         readMessage(batch->messages[slot].msg_hdr, settings, &batch->infos[slot], &round);
         shrinkTo(*batch->pkts[slot], batch->messages[slot].msg_len);
     }

@@ -33,8 +33,6 @@ struct RxSettings {
     /// The room for a packet, and the size of the buffer that has it.
     uint32_t maxBytes;
     uint32_t bufferBytes;
-    /// What the description of every packet begins with.
-    RxInfo first;
 };
 
 /// What the packets of one read said beside their descriptions.
@@ -72,16 +70,19 @@ class PktReceiver {
         socketDrops_ = 0;
     }
 
-    /// One packet with one recvmsg(2); `*pkt` and `*info` are set when there was one.
+    /// One packet with one recvmsg(2). When there was one, `*pkt` is set, and `*info` gets what the
+    /// kernel says of it.
     RxRound readOne(PamSocket* socket, const RxSettings& settings, Mox::Ptr<Pkt>* pkt,
                     RxInfo* info);
 
-    /// A batch with one recvmmsg(2), of as many packets as there are `slots`. It reads into packets
-    /// of these that nobody else holds. Null when the kernel was not asked: the socket is closed,
-    /// or there is no memory or no slot. The batch is the caller's until it is given back by
-    /// `batchIs`, since another one may be read while observers are notified.
+    /// A batch with one recvmmsg(2), of at most `count` packets, whose descriptions begin with
+    /// `first`. It reads into those packets of `slots` that nobody else holds. Null when the kernel
+    /// was not asked: the socket is closed, or there is no memory or no slot. The batch is the
+    /// caller's until it is given back by `batchIs`, since another one may be read while observers
+    /// are notified.
     std::unique_ptr<RxBatch> readBatch(PamSocket* socket, const RxSettings& settings,
-                                       const Mox::Array<Mox::Ptr<Pkt>>& slots, uint32_t count);
+                                       const RxInfo& first, const Mox::Array<Mox::Ptr<Pkt>>& slots,
+                                       uint32_t count);
     void batchIs(std::unique_ptr<RxBatch> batch) { batch_ = std::move(batch); }
 
     /// Empties the error queue, since a queued error keeps the socket in EPOLLERR. Returns how many
