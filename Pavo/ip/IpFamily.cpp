@@ -167,7 +167,7 @@ bool IpFamily::takeOrigDst(const cmsghdr* message, RxInfo* info) const {
     return true;
 }
 
-uint32_t IpFamily::takeControl(const cmsghdr* message, RxInfo* info) const {
+uint32_t IpFamily::takeControl(const cmsghdr* message, Pkt*, RxInfo* info) const {
     const int type = message->cmsg_type;
     if (type == names_.pktInfoType) {
         return takePktInfo(message, info) ? ipPktInfo : none;

@@ -39,7 +39,7 @@ class IpFamily : public RxFormat {
     uint32_t txControlBytes() const { return txControlBytes_; }
 
     void takeName(const void* name, RxInfo* info) const override = 0;
-    uint32_t takeControl(const cmsghdr* message, RxInfo* info) const override;
+    uint32_t takeControl(const cmsghdr* message, Pkt* pkt, RxInfo* info) const override;
     bool takeError(const msghdr& message, QueuedError* error) const override;
 
     /// Writes `nameBytes` for a destination of this family.

@@ -98,7 +98,7 @@ RxRound PktReceiver::readOne(PamSocket* socket, const RxSettings& settings, Mox:
     socket->readEnded(round.error);
     if (round.error == 0) {
         round.packets = 1;
-        readMessage(message, settings, info, &round);
+        readMessage(message, settings, into.ptr(), info, &round);
         shrinkTo(*into, static_cast<std::size_t>(received));
         *pkt = std::move(into);
     }
@@ -149,8 +149,9 @@ std::unique_ptr<RxBatch> PktReceiver::readBatch(PamSocket* socket, const RxSetti
     round.packets = round.error == 0 ? static_cast<uint32_t>(received) : 0;
     for (uint32_t slot = 0; slot < round.packets; ++slot) {
         batch->infos[slot] = first;
-        readMessage(batch->messages[slot].msg_hdr, settings, &batch->infos[slot], &round);
-        shrinkTo(*batch->pkts[slot], batch->messages[slot].msg_len);
+        Pkt* const pkt = batch->pkts[slot].ptr();
+        readMessage(batch->messages[slot].msg_hdr, settings, pkt, &batch->infos[slot], &round);
+        shrinkTo(*pkt, batch->messages[slot].msg_len);
     }
     return batch;
 }
@@ -162,8 +163,8 @@ void PktReceiver::traceFailure(int error) const {
 }
 
 // Fills in what the kernel says of a packet.
-void PktReceiver::readMessage(const msghdr& message, const RxSettings& settings, RxInfo* info,
-                              RxRound* round) {
+void PktReceiver::readMessage(const msghdr& message, const RxSettings& settings, Pkt* pkt,
+                              RxInfo* info, RxRound* round) {
     format_->takeName(message.msg_name, info);
     const bool controlCut = (message.msg_flags & MSG_CTRUNC) != 0;
     info->truncated = (message.msg_flags & MSG_TRUNC) != 0;
@@ -171,7 +172,7 @@ void PktReceiver::readMessage(const msghdr& message, const RxSettings& settings,
     if (controlCut || info->truncated) {
         MOX_TRACE(trace_, 1, "packet or control data cut short, flags ", message.msg_flags);
     }
-    round->carried = readControls(message, info, round);
+    round->carried = readControls(message, pkt, info, round);
     if (controlCut || (settings.options & promisedControl & ~round->carried) != 0) {
         ++round->faulty;
     }
@@ -185,14 +186,15 @@ void PktReceiver::readMessage(const msghdr& message, const RxSettings& settings,
 }
 
 // Returns the bits of the options whose messages were there.
-uint32_t PktReceiver::readControls(const msghdr& message, RxInfo* info, RxRound* round) {
+uint32_t PktReceiver::readControls(const msghdr& message, Pkt* pkt, RxInfo* info,
+                                   RxRound* round) {
     uint32_t carried = none;
     for (const cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
          each = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(each))) {
         uint32_t drops = 0;
         int64_t time[2];  // Seconds, nanoseconds.
         if (each->cmsg_level == format_->level) {
-            carried |= format_->takeControl(each, info);
+            carried |= format_->takeControl(each, pkt, info);
         } else if (each->cmsg_level != SOL_SOCKET) {
             continue;
         } else if (each->cmsg_type == SO_RXQ_OVFL && readControl(each, &drops)) {

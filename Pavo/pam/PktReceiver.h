@@ -96,9 +96,9 @@ class PktReceiver {
   private:
     bool prepare(const RxSettings& settings, const Mox::Array<Mox::Ptr<Pkt>>& slots,
                  uint32_t count);
-    void readMessage(const msghdr& message, const RxSettings& settings, RxInfo* info,
+    void readMessage(const msghdr& message, const RxSettings& settings, Pkt* pkt, RxInfo* info,
                      RxRound* round);
-    uint32_t readControls(const msghdr& message, RxInfo* info, RxRound* round);
+    uint32_t readControls(const msghdr& message, Pkt* pkt, RxInfo* info, RxRound* round);
     bool takeQueuedError(int fd);
 
     const Mox::TraceFacility& trace_;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Pavo/packet/Pkt.h"
 #include "Pavo/pam/RxInfo.h"
 
 namespace Pavo {
@@ -23,9 +24,9 @@ class RxFormat {
 
     /// Fills in the sender.
     virtual void takeName(const void* name, RxInfo* info) const = 0;
-    /// Takes one message of `level`. Returns the bit of the option that asked for it; 0 for one
-    /// that no option asked for, or that was cut.
-    virtual uint32_t takeControl(const cmsghdr* message, RxInfo* info) const = 0;
+    /// Takes one message of `level`, which concerns the packet. Returns the bit of the option that
+    /// asked for it; 0 for one that no option asked for, or that was cut.
+    virtual uint32_t takeControl(const cmsghdr* message, Pkt* pkt, RxInfo* info) const = 0;
     /// Takes one entry of the error queue; false for one that is no error.
     virtual bool takeError(const msghdr& message, QueuedError* error) const = 0;
 
