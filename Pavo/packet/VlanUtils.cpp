@@ -160,6 +160,29 @@ void maybeOffloadAnyVlanTag(const Mox::Ptr<Pkt>& pkt) {
     pkt->newSeparateVlanTag(tagged.tci(), tagged.type());
 }
 
+Mox::Ptr<Pkt> pktWithTagInFrame(const Mox::Ptr<Pkt>& pkt) {
+    if (!pkt->hasSeparateVlanTag() || pkt->totalBytes() < untaggedBytes) {
+        return pkt;
+    }
+    const uint32_t before = privateBytes(*pkt);
+    const uint32_t bytes = std::max(before, addressBytes);
+    if (bytes + tagBytes > Pkt::privateAreaBytes) {
+        const Mox::Ptr<Pkt> copy = globalPktManager()->newPkt(pkt->totalBytes() + tagBytes);
+        copy->stringValueIs(pkt->stringValueMaybeWithVlan(), /*atTail=*/true);
+        return copy;
+    }
+    Front front(*pkt, bytes);
+    front.insertTag(bytes, pkt->separateVlanTpid(), pkt->separateVlanTci());
+    const Mox::Ptr<Pkt> tagged = globalPktManager()->newShallowCopy(pkt);
+    tagged->delSeparateVlanTag();
+    if (bytes > before) {
+        tagged->delSharedHeadData(bytes - before);
+    }
+    tagged->newPrivateHeadData(bytes + tagBytes - before);
+    front.writeTo(*tagged, bytes + tagBytes);
+    return tagged;
+}
+
 void fixupPktVlanTag(const Mox::Ptr<Pkt>& pkt, uint16_t vlanId, bool rewrite) {
     if (!rewrite) {
         return;

@@ -38,6 +38,11 @@ PAVO_EXPORT void stripPktVlanTag(const Mox::Ptr<Pkt>& pkt);
 /// or 0x88a8 and the packet has no separate tag yet.
 PAVO_EXPORT void maybeOffloadAnyVlanTag(const Mox::Ptr<Pkt>& pkt);
 
+/// The frame with its separate tag, whole, in its bytes, as devices send it: a new packet that
+/// shares the data of `pkt`, which is unchanged. A packet without a separate tag, or of fewer than
+/// 14 bytes, is returned itself. A frame with more than 60 private bytes is copied.
+PAVO_EXPORT Mox::Ptr<Pkt> pktWithTagInFrame(const Mox::Ptr<Pkt>& pkt);
+
 /// With `rewrite`, replaces the identifier in the outermost tag, if its TPID is 0x8100; priority
 /// and DEI stay. Without it nothing changes. Fatal for an identifier above 12 bits where there is
 /// such a tag: "( _tciVlanId & ~0x0fff) == 0".
