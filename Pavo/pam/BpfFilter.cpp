@@ -23,7 +23,8 @@ constexpr int compileLevel = 7;
 
 // A program returns this for a packet that passes; the kernel keeps so many bytes of the packet.
 constexpr int etherSnapBytes = 65535;
-constexpr int ipSnapBytes = 262144;  // Longer than any packet.
+constexpr int kernelSnapBytes = 262144;              // Longer than any packet.
+constexpr uint32_t maxEthFilterInstructions = 4096;  // The kernel's limit.
 
 // Compiles into `*program`, which the caller releases. Returns the error, or an empty string.
 Mox::String compileWith(pcap_t* handle, const Mox::String& expression, bpf_program* program) {
@@ -170,17 +171,20 @@ Mox::Ptr<BpfFilter> bpfFilterFactory(Mox::String name) {
     return Mox::make<BpfFilter>(std::move(name));
 }
 
-Mox::String ipFilterFromText(const Mox::String& expression, std::vector<IpFilter>* program) {
+namespace {
+
+Mox::String kernelFilterFromText(int linkType, uint32_t maxInstructions,
+                                 const Mox::String& expression, std::vector<IpFilter>* program) {
     bpf_program compiled{};
     const Mox::String error =
-        compilePcapFilter("rxFilter", DLT_RAW, ipSnapBytes, expression, &compiled);
+        compilePcapFilter("rxFilter", linkType, kernelSnapBytes, expression, &compiled);
     if (!error.empty()) {
         return error;
     }
     const std::unique_ptr<bpf_program, void (*)(bpf_program*)> owner(&compiled, pcap_freecode);
-    if (compiled.bf_len > maxIpFilterInstructions) {
+    if (compiled.bf_len > maxInstructions) {
         return std::to_string(compiled.bf_len) + " instructions, and a receive filter has " +
-               std::to_string(maxIpFilterInstructions) + " at most";
+               std::to_string(maxInstructions) + " at most";
     }
     std::vector<IpFilter> instructions = instructionsOf(compiled);
     if (hasLoop(instructions)) {
@@ -188,6 +192,16 @@ Mox::String ipFilterFromText(const Mox::String& expression, std::vector<IpFilter
     }
     *program = std::move(instructions);
     return {};
+}
+
+}  // namespace
+
+Mox::String ipFilterFromText(const Mox::String& expression, std::vector<IpFilter>* program) {
+    return kernelFilterFromText(DLT_RAW, maxIpFilterInstructions, expression, program);
+}
+
+Mox::String ethFilterFromText(const Mox::String& expression, std::vector<IpFilter>* program) {
+    return kernelFilterFromText(DLT_EN10MB, maxEthFilterInstructions, expression, program);
 }
 
 }  // namespace Pavo

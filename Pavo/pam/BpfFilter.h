@@ -107,4 +107,10 @@ constexpr uint32_t maxIpFilterInstructions = 256;
 PAVO_EXPORT Mox::String ipFilterFromText(const Mox::String& expression,
                                          std::vector<IpFilter>* program);
 
+/// The same for a socket whose packets begin with their Ethernet header, with the kernel's limit of
+/// 4096 instructions in the text. The kernel takes the outermost VLAN tag out of a frame before a
+/// filter sees it, so `vlan` does not match that one.
+PAVO_EXPORT Mox::String ethFilterFromText(const Mox::String& expression,
+                                          std::vector<IpFilter>* program);
+
 }  // namespace Pavo
