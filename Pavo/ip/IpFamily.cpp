@@ -1,8 +1,6 @@
 #include "Pavo/ip/IpFamily.h"
 
 #include <linux/errqueue.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
@@ -235,16 +233,6 @@ void IpFamily::membershipIs(int fd, uint32_t ifIndex, const IpGenAddr& group,
     if (doJoinLeaveMcastGroup(fd, ifIndex, group, source, member) < 0) {
         Mox::throwErrnoException(failure);
     }
-}
-
-int interfaceIndexAt(int fd, const Mox::String& name) {
-    ifreq request{};
-    if (name.bytes() >= sizeof(request.ifr_name)) {
-        errno = ENODEV;
-        return -1;
-    }
-    std::memcpy(request.ifr_name, name.data(), name.bytes());
-    return ioctl(fd, SIOCGIFINDEX, &request) < 0 ? -1 : request.ifr_ifindex;
 }
 
 }  // namespace Pavo

@@ -88,7 +88,4 @@ const IpFamily& ip4Family();
 const IpFamily& ip6Family();
 /// @}
 
-/// The index of an interface in the namespace of a socket, or -1 with `errno` set.
-int interfaceIndexAt(int fd, const Mox::String& name);
-
 }  // namespace Pavo

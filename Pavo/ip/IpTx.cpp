@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "Pavo/ip/IpFamily.h"
+#include "Pavo/pam/SocketOptions.h"
 
 namespace Pavo {
 

@@ -1,7 +1,11 @@
 #include "Pavo/pam/SocketOptions.h"
 
+#include <net/if.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -62,6 +66,16 @@ void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const
     }
     const sock_fprog image{static_cast<unsigned short>(count), program.get()};
     socketOptionIs(fd, SOL_SOCKET, SO_ATTACH_FILTER, image, "setsockopt(SO_ATTACH_FILTER)");
+}
+
+int interfaceIndexAt(int fd, const Mox::String& name) {
+    ifreq request{};
+    if (name.bytes() >= sizeof(request.ifr_name)) {
+        errno = ENODEV;
+        return -1;
+    }
+    std::memcpy(request.ifr_name, name.data(), name.bytes());
+    return ioctl(fd, SIOCGIFINDEX, &request) < 0 ? -1 : request.ifr_ifindex;
 }
 
 namespace {

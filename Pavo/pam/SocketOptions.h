@@ -10,6 +10,7 @@
 #include <span>
 
 #include "Mox/Collections.h"
+#include "Mox/String.h"
 #include "Mox/Trace.h"
 #include "Pavo/pam/IpSocketOptions.h"
 #include "Pavo/pam/Pam.h"
@@ -90,6 +91,9 @@ void socketPriorityIs(const Mox::TraceFacility& trace, int fd, uint32_t priority
 /// option must be supplied with a valid filter" when there are no instructions.
 void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const sock_filter> first,
                         const Mox::Array<IpFilter>& filter);
+
+/// The index of an interface in the namespace of a socket, or -1 with `errno` set.
+int interfaceIndexAt(int fd, const Mox::String& name);
 
 /// What the rows of tables apply.
 struct SocketOptionSteps {
