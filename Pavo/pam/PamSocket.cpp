@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/pam/Pam.h"
+#include "Pavo/socket/deferClose.h"
 
 namespace Pavo {
 
@@ -19,13 +21,29 @@ void PamSocket::watchFor(Pam* pam) {
     }
 }
 
-void PamSocket::close() {
+Mox::Ptr<Mox::FileDescriptor> PamSocket::giveUp() {
     if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
         machine->moxDoZombieReactors(true);  // It points to the endpoint, and others may hold it.
     }
-    if (const Mox::Ptr<Mox::FileDescriptor> fd = std::exchange(fileDesc_, nullptr)) {
+    return std::exchange(fileDesc_, nullptr);
+}
+
+void PamSocket::close() {
+    if (const Mox::Ptr<Mox::FileDescriptor> fd = giveUp()) {
         fd->close();
     }
+}
+
+void PamSocket::closeLater() {
+    const Mox::Ptr<Mox::FileDescriptor> fd = giveUp();
+    if (!fd || fd->descriptor() < 0) {
+        return;
+    }
+    const int number = fd->descriptor();
+    FirstException exception;
+    exception.collect([&] { (void)fd->descriptorRelease(); });  // Notifies of the interests.
+    (void)deferClose(number);
+    exception.rethrow();
 }
 
 void PamSocket::readEnded(ReadEnd end) {

@@ -52,6 +52,8 @@ class PAVO_EXPORT PamSocket {
     void watchFor(Pam* pam);
     /// Ends the watching and closes the descriptor.
     void close();
+    /// The same with `deferClose`, for a descriptor whose close may block.
+    void closeLater();
 
     /// For every attempt to read.
     void readEnded(ReadEnd end);
@@ -62,6 +64,8 @@ class PAVO_EXPORT PamSocket {
     void readIsPossibleAgain();
 
   private:
+    Mox::Ptr<Mox::FileDescriptor> giveUp();
+
     Mox::Ptr<Mox::FileDescriptor> fileDesc_;
     Mox::Ptr<PamFdSm> fdSm_;
     bool lastReadFailed_ = false;

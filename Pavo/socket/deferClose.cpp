@@ -32,6 +32,7 @@ void closer(void*) {
         const uint32_t closed = stats.closedByThread.load(std::memory_order_relaxed);
         (void)close(queue[closed % maxQueued]);
         stats.closedByThread.store(closed + 1, std::memory_order_release);
+        stats.closedByThread.notify_all();
     }
 }
 
@@ -66,6 +67,14 @@ int deferClose(int fd) {
     queue[queued % maxQueued] = fd;
     stats.queued.store(queued + 1, std::memory_order_release);
     return sem_post(&waiting);
+}
+
+void deferCloseWait() {
+    const uint32_t queued = stats.queued.load(std::memory_order_relaxed);
+    for (uint32_t closed = 0;
+         (closed = stats.closedByThread.load(std::memory_order_acquire)) != queued;) {
+        stats.closedByThread.wait(closed, std::memory_order_acquire);
+    }
 }
 
 const DeferCloseStats* deferCloseStats() {

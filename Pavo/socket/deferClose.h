@@ -30,6 +30,11 @@ static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_
 /// and blocks signals. A child of fork(2) does not inherit the thread and must not call this.
 PAVO_EXPORT int deferClose(int fd);
 
+/// Waits until every descriptor that was passed to the closer thread is closed, for callers that
+/// need what an open one still occupies, such as the name of a tap device. It takes as long as
+/// close(2) does. Call it only on the thread of the event loop.
+PAVO_EXPORT void deferCloseWait();
+
 /// The counters of the process.
 PAVO_EXPORT const DeferCloseStats* deferCloseStats();
 
