@@ -42,6 +42,10 @@ struct PktInfo {
     IpGenAddrAndPort source() const { return {srcIpAddr, srcPort}; }
 };
 
+/// To whom a frame was addressed, as this host sees it (packet(7)); `outgoing` is one that it sent
+/// itself.
+enum class RxPktType : uint8_t { host, broadcast, multicast, otherHost, outgoing };
+
 /// Metadata of one received packet, without values of earlier ones.
 struct RxInfo : PktInfo {
     /// The destination before any redirection; the port for UDP only.
@@ -51,6 +55,11 @@ struct RxInfo : PktInfo {
     /// @}
     /// The packet was longer than the room for it: its end is missing.
     bool truncated = false;
+    /// Of a frame; the type of its receiver.
+    RxPktType pktType = RxPktType::host;
+    /// The checksum in the TCP or UDP header of a frame is not there yet, since this host sent the
+    /// frame and left the checksum to a device.
+    bool isChecksumPending = false;
     /// When the kernel received it, in nanoseconds since 1970-01-01 00:00 UTC by the system's
     /// clock; needs `ipRecvTimestamp`.
     int64_t timestampNs = 0;
