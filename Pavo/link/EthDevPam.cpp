@@ -14,6 +14,7 @@
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/link/EthFormat.h"
+#include "Pavo/link/EthRing.h"
 #include "Pavo/pam/BpfFilter.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/SocketOptions.h"
@@ -87,13 +88,20 @@ void EthDevPam::open() {
     if (!program_.empty()) {
         attach(fd, program_);
     }
+    std::unique_ptr<EthRing> ring;
+    if (rxRingBlocks_ != 0) {
+        ring = std::make_unique<EthRing>(
+            fd, EthRingSize{rxRingBlocks_, rxRingBlockBytes_, rxRingTimeoutMs_});
+    }
+    const EthAddr ethAddr = bindTo(fd, ifIndex);
     if (promiscuous_) {
         membershipIs(fd, ifIndex, PACKET_MR_PROMISC, {}, /*member=*/true);
     }
     descriptor->nonBlockingIs(true);
-    ethAddr_ = bindTo(fd, ifIndex);
+    ethAddr_ = ethAddr;
     boundIfIndex_ = ifIndex;
     unread_ = 0;
+    ring_ = std::move(ring);
     receiver_->formatIs(ethFormat());
     socket_.fileDescIs(descriptor);
 }
@@ -159,6 +167,7 @@ void EthDevPam::cleanup() {
     drops_ += addStatistics() ? unread_ : 0;
     boundIfIndex_ = 0;
     ethAddr_ = EthAddr();
+    ring_ = nullptr;
     socket_.closeLater();
     attributeIs(enabled_, false, enabledAttr);
 }

@@ -20,10 +20,12 @@
 
 namespace Pavo {
 
+struct RxBatch;
 struct RxRound;
 struct RxSettings;
 struct SocketSettings;
 struct TxHead;
+class EthRing;
 class PktReceiver;
 
 /// Frames of one network device, on a Linux packet socket (packet(7)). A packet is a frame from its
@@ -34,8 +36,13 @@ class PktReceiver;
 ///
 /// Enabling opens the socket in `netNs`, applies what the attributes ask for and binds it to the
 /// device; it either succeeds whole or leaves no descriptor. It needs an event loop on the calling
-/// thread, and CAP_NET_RAW. `netNs`, `device`, `ifIndex` and `etherType` describe that: a change of
-/// one takes effect at the next enabling. Disabling hands the socket to `deferClose`.
+/// thread, and CAP_NET_RAW. `netNs`, `device`, `ifIndex`, `etherType` and the ring describe that: a
+/// change of one takes effect at the next enabling. Disabling hands the socket to `deferClose`.
+///
+/// With a ring (`rxRingBlocks`) the kernel leaves frames in memory that it shares with the process,
+/// from where reads copy them without a system call. It hands over a block of many frames at a
+/// time, so a frame waits until its block is full, or until `rxRingTimeoutMs` have passed. Without
+/// a ring a frame is there at once. All else is the same.
 ///
 /// A device that is down, or goes down, is one failed read (ENETDOWN), which counts an `rxErrors`;
 /// frames arrive again when it is up. A device that goes away is one too, and then the endpoint
@@ -62,11 +69,14 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     static constexpr Mox::Attribute<EthDevPam> ifIndexAttr{19, "ifIndex"};
     static constexpr Mox::Attribute<EthDevPam> etherTypeAttr{20, "etherType"};
     static constexpr Mox::Attribute<EthDevPam> promiscuousAttr{21, "promiscuous"};
-    static constexpr Mox::Attribute<EthDevPam> boundIfIndexAttr{22, "boundIfIndex"};
-    static constexpr Mox::Attribute<EthDevPam> ethAddrAttr{23, "ethAddr"};
-    static constexpr Mox::Attribute<EthDevPam> txPktCountAttr{24, "txPktCount"};
-    static constexpr Mox::Attribute<EthDevPam> rxPktCountAttr{25, "rxPktCount"};
-    static constexpr Mox::Attribute<EthDevPam> rxTruncatedPktsAttr{26, "rxTruncatedPkts"};
+    static constexpr Mox::Attribute<EthDevPam> rxRingBlocksAttr{22, "rxRingBlocks"};
+    static constexpr Mox::Attribute<EthDevPam> rxRingBlockBytesAttr{23, "rxRingBlockBytes"};
+    static constexpr Mox::Attribute<EthDevPam> rxRingTimeoutMsAttr{24, "rxRingTimeoutMs"};
+    static constexpr Mox::Attribute<EthDevPam> boundIfIndexAttr{25, "boundIfIndex"};
+    static constexpr Mox::Attribute<EthDevPam> ethAddrAttr{26, "ethAddr"};
+    static constexpr Mox::Attribute<EthDevPam> txPktCountAttr{27, "txPktCount"};
+    static constexpr Mox::Attribute<EthDevPam> rxPktCountAttr{28, "rxPktCount"};
+    static constexpr Mox::Attribute<EthDevPam> rxTruncatedPktsAttr{29, "rxTruncatedPkts"};
     static constexpr auto description() {
         return Mox::classRecord("Pavo::EthDevPam", Mox::attribute(enabledAttr, &EthDevPam::enabled),
                                 Mox::attribute(optionsAttr, &EthDevPam::options),
@@ -82,6 +92,9 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
                                 Mox::attribute(ifIndexAttr, &EthDevPam::ifIndex),
                                 Mox::attribute(etherTypeAttr, &EthDevPam::etherType),
                                 Mox::attribute(promiscuousAttr, &EthDevPam::promiscuous),
+                                Mox::attribute(rxRingBlocksAttr, &EthDevPam::rxRingBlocks),
+                                Mox::attribute(rxRingBlockBytesAttr, &EthDevPam::rxRingBlockBytes),
+                                Mox::attribute(rxRingTimeoutMsAttr, &EthDevPam::rxRingTimeoutMs),
                                 Mox::attribute(boundIfIndexAttr, &EthDevPam::boundIfIndex),
                                 Mox::attribute(ethAddrAttr, &EthDevPam::ethAddr),
                                 Mox::attribute(txPktCountAttr, &EthDevPam::txPktCount),
@@ -108,9 +121,9 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     /// @pre to enable: an event loop on this thread (assertion "EventLoop::current(): enabling
     /// needs an event loop on this thread").
     /// @throws Mox::ErrnoException naming the call that failed: "socketAt", "ioctl(SIOCGIFINDEX)"
-    /// (ENODEV: no such device), "setsockopt(...)", "bind" (ENODEV: no such index) or
-    /// "getsockname" (EAFNOSUPPORT: the frames of the device are not those of Ethernet); the
-    /// endpoint is then disabled.
+    /// (ENODEV: no such device), "setsockopt(...)" (EINVAL of PACKET_RX_RING: an impossible size),
+    /// "mmap", "bind" (ENODEV: no such index) or "getsockname" (EAFNOSUPPORT: the frames of the
+    /// device are not those of Ethernet); the endpoint is then disabled.
     void enabledIs(bool enabled);
     /// The options that are wanted: of `IpSocketOptions` these sockets have `ipRcvBuf`,
     /// `ipPriority` and `ipRecvTimestamp`. Other bits change nothing.
@@ -169,6 +182,25 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     /// @throws Mox::ErrnoException "setsockopt(SO_ATTACH_FILTER)" or
     /// "setsockopt(SO_DETACH_FILTER)"; the filter is then unchanged.
     [[nodiscard]] Mox::String tryRxFilter(const Mox::String& expression);
+
+    /// The receive ring (the kernel's packet_mmap.rst): the number of its blocks, 0 for no ring,
+    /// which is the default; the size of a block, a multiple of the page size (65536); the longest
+    /// time in milliseconds that a block is filled (10), which the kernel rounds up to its timer,
+    /// and chooses itself for 0. A frame takes its length and some 100 bytes more, and one that is
+    /// longer than a block is cut. Frames that find all blocks full are dropped. With a ring
+    /// `ipRcvBuf` has no effect.
+    /// @{
+    uint32_t rxRingBlocks() const { return rxRingBlocks_; }
+    void rxRingBlocksIs(uint32_t blocks) { attributeIs(rxRingBlocks_, blocks, rxRingBlocksAttr); }
+    uint32_t rxRingBlockBytes() const { return rxRingBlockBytes_; }
+    void rxRingBlockBytesIs(uint32_t bytes) {
+        attributeIs(rxRingBlockBytes_, bytes, rxRingBlockBytesAttr);
+    }
+    uint32_t rxRingTimeoutMs() const { return rxRingTimeoutMs_; }
+    void rxRingTimeoutMsIs(uint32_t milliseconds) {
+        attributeIs(rxRingTimeoutMs_, milliseconds, rxRingTimeoutMsAttr);
+    }
+    /// @}
 
     /// The index and the MAC address that the device had when the endpoint was enabled, else 0.
     /// They change with `enabled`, and notify no observer of their own.
@@ -232,6 +264,7 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     RxSettings rxSettings() const;
     void readSingle();
     int32_t readBulk();
+    std::unique_ptr<RxBatch> readBatch();
     void countRead(const RxRound& round);
     TxHead txHead() const;
 
@@ -251,6 +284,9 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     uint32_t ifIndex_ = 0;
     Mox::String rxFilter_;
     std::vector<IpFilter> program_;  // That of `rxFilter_`.
+    uint32_t rxRingBlocks_ = 0;
+    uint32_t rxRingBlockBytes_ = 65536;
+    uint32_t rxRingTimeoutMs_ = 10;
     uint32_t boundIfIndex_ = 0;
     EthAddr ethAddr_;
     uint64_t txPktCount_ = 0;
@@ -261,6 +297,7 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, Pam> {
     mutable uint32_t unread_ = 0;  // Frames the kernel has reported, less those that were read.
     PamSocket socket_;
     std::unique_ptr<PktReceiver> receiver_;
+    std::unique_ptr<EthRing> ring_;  // Null while there is none.
 };
 
 /// A disabled endpoint for frames of a device, which `deviceIs` or `ifIndexIs` names, in the

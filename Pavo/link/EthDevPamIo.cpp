@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <new>
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
 #include "Pavo/link/EthDevPam.h"
+#include "Pavo/link/EthRing.h"
 #include "Pavo/packet/VlanUtils.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/PktSender.h"
@@ -43,7 +46,8 @@ void EthDevPam::countRead(const RxRound& round) {
 void EthDevPam::readSingle() {
     Mox::Ptr<Pkt> pkt;
     RxInfo info;
-    const RxRound round = receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
+    const RxRound round = ring_ ? ring_->readOne(&socket_, rxSettings(), &pkt, &info)
+                                : receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
     if (!round.wasTried) {
         return;
     }
@@ -56,12 +60,23 @@ void EthDevPam::readSingle() {
     exception.rethrow();
 }
 
+// Null when nothing was looked for.
+std::unique_ptr<RxBatch> EthDevPam::readBatch() try {
+    if (!ring_) {
+        return receiver_->readBatch(&socket_, rxSettings(), RxInfo(), savedPacket(), bulkSlots_);
+    }
+    std::unique_ptr<RxBatch> batch = receiver_->newBatch(bulkSlots_);
+    return ring_->readBatch(&socket_, rxSettings(), batch.get()) ? std::move(batch) : nullptr;
+} catch (const std::bad_alloc&) {
+    socket_.readEnded(PamSocket::ReadEnd::failed);
+    return nullptr;
+}
+
 int32_t EthDevPam::readBulk() {
     if (isPublishingSlots()) {
         return 0;
     }
-    std::unique_ptr<RxBatch> batch =
-        receiver_->readBatch(&socket_, rxSettings(), RxInfo(), savedPacket(), bulkSlots_);
+    std::unique_ptr<RxBatch> batch = readBatch();
     if (!batch) {
         slotsReceivedNone();
         return 0;

@@ -105,27 +105,33 @@ RxRound PktReceiver::readOne(PamSocket* socket, const RxSettings& settings, Mox:
     return round;
 }
 
-// Puts a packet to read into in every slot. False when there is no memory.
-bool PktReceiver::prepare(const RxSettings& settings, const Mox::Array<Mox::Ptr<Pkt>>& slots,
-                          uint32_t count) try {
-    if (!batch_ || batch_->slots() != count) {
-        batch_ = std::make_unique<RxBatch>(count);
+std::unique_ptr<RxBatch> PktReceiver::newBatch(uint32_t slots) {
+    if (!batch_ || batch_->slots() != slots) {
+        batch_ = std::make_unique<RxBatch>(slots);
     }
     batch_->round = RxRound();
+    return std::move(batch_);
+}
+
+// A batch with a packet to read into in every slot; null when there is no memory.
+std::unique_ptr<RxBatch> PktReceiver::prepare(const RxSettings& settings,
+                                              const Mox::Array<Mox::Ptr<Pkt>>& slots,
+                                              uint32_t count) try {
+    std::unique_ptr<RxBatch> batch = newBatch(count);
     for (uint32_t slot = 0; slot < count; ++slot) {
         Mox::Ptr<Pkt> pkt = roomAgain(slots.at(slot), settings.maxBytes);
         if (!pkt) {
             pkt = newRoom(settings);
         }
-        mmsghdr& message = batch_->messages[slot];
-        batch_->rooms[slot].prepare(&message.msg_hdr, *pkt, *format_, settings.options);
+        mmsghdr& message = batch->messages[slot];
+        batch->rooms[slot].prepare(&message.msg_hdr, *pkt, *format_, settings.options);
         message.msg_len = 0;
-        batch_->pkts[slot] = std::move(pkt);
+        batch->pkts[slot] = std::move(pkt);
     }
-    return true;
+    return batch;
 } catch (const std::bad_alloc&) {
     MOX_TRACE(trace_, 0, "no packets to receive into");
-    return false;
+    return nullptr;
 }
 
 std::unique_ptr<RxBatch> PktReceiver::readBatch(PamSocket* socket, const RxSettings& settings,
@@ -136,11 +142,11 @@ std::unique_ptr<RxBatch> PktReceiver::readBatch(PamSocket* socket, const RxSetti
         MOX_TRACE(trace_, 1, className_, " not enabled. Aborting action");
         return nullptr;
     }
-    if (count == 0 || !prepare(settings, slots, count)) {
+    std::unique_ptr<RxBatch> batch = count != 0 ? prepare(settings, slots, count) : nullptr;
+    if (!batch) {
         socket->readEnded(PamSocket::ReadEnd::failed);
         return nullptr;
     }
-    std::unique_ptr<RxBatch> batch = std::move(batch_);
     RxRound& round = batch->round;
     const int received = recvmmsg(socket->number(), batch->messages.data(), count,
                                   settings.flags | MSG_DONTWAIT, nullptr);
@@ -186,8 +192,7 @@ void PktReceiver::readMessage(const msghdr& message, const RxSettings& settings,
 }
 
 // Returns the bits of the options whose messages were there.
-uint32_t PktReceiver::readControls(const msghdr& message, Pkt* pkt, RxInfo* info,
-                                   RxRound* round) {
+uint32_t PktReceiver::readControls(const msghdr& message, Pkt* pkt, RxInfo* info, RxRound* round) {
     uint32_t carried = none;
     for (const cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr;
          each = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(each))) {

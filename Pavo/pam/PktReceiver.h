@@ -83,6 +83,9 @@ class PktReceiver {
     std::unique_ptr<RxBatch> readBatch(PamSocket* socket, const RxSettings& settings,
                                        const RxInfo& first, const Mox::Array<Mox::Ptr<Pkt>>& slots,
                                        uint32_t count);
+    /// A batch of so many slots, for another way of reading: the one that was given back, if it has
+    /// so many. Throws std::bad_alloc.
+    std::unique_ptr<RxBatch> newBatch(uint32_t slots);
     void batchIs(std::unique_ptr<RxBatch> batch) { batch_ = std::move(batch); }
 
     /// Empties the error queue, since a queued error keeps the socket in EPOLLERR. Returns how many
@@ -94,8 +97,8 @@ class PktReceiver {
     void traceFailure(int error) const;
 
   private:
-    bool prepare(const RxSettings& settings, const Mox::Array<Mox::Ptr<Pkt>>& slots,
-                 uint32_t count);
+    std::unique_ptr<RxBatch> prepare(const RxSettings& settings,
+                                     const Mox::Array<Mox::Ptr<Pkt>>& slots, uint32_t count);
     void readMessage(const msghdr& message, const RxSettings& settings, Pkt* pkt, RxInfo* info,
                      RxRound* round);
     uint32_t readControls(const msghdr& message, Pkt* pkt, RxInfo* info, RxRound* round);

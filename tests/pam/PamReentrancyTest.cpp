@@ -7,9 +7,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "Pavo/EthDevPam.h"
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
 #include "Pavo/UdpPam.h"
+#include "Pavo/deferClose.h"
 #include "pam/PamFixture.h"
 #include "support/RandomProgram.h"
 
@@ -20,11 +22,30 @@ using Mox::Change;
 using Mox::Ptr;
 using Mox::Watch;
 
+// As a frame, it goes to the host that sends it.
+const std::string packet = std::string(12, '\0') + "\x88\xb5 a packet";
+
+// Frames have none.
+template <class Endpoint>
+int rxFlagsOf(const Endpoint& pam) {
+    return pam.rxFlags();
+}
+int rxFlagsOf(const EthDevPam&) {
+    return 0;
+}
+template <class Endpoint>
+void rxFlagsIs(Endpoint& pam, int flags) {
+    pam.rxFlagsIs(flags);
+}
+void rxFlagsIs(EthDevPam& pam, int) {
+    pam.promiscuousIs(!pam.promiscuous());
+}
+
 template <class Endpoint>
 struct End {
     // Else every read fails, or takes nothing.
     bool canRead() const {
-        return (pam->rxFlags() & MSG_OOB) == 0 && (!pam->enableBulkRead() || slots != 0);
+        return (rxFlagsOf(*pam) & MSG_OOB) == 0 && (!pam->enableBulkRead() || slots != 0);
     }
     bool hasData() const {
         pollfd ready{pam->fileDesc()->descriptor(), POLLIN, 0};
@@ -44,6 +65,7 @@ struct World : PavoTest::RandomProgram {
     using RandomProgram::RandomProgram;
     using RawEnd = End<Endpoint>;
     static constexpr bool isUdp = std::is_same_v<Endpoint, UdpPam>;
+    static constexpr bool isEth = std::is_same_v<Endpoint, EthDevPam>;
     ~World() { raws.clear(); }
 
     static IpGenAddr self(bool six) { return addr(six ? "::1" : "127.0.0.1"); }
@@ -52,6 +74,12 @@ struct World : PavoTest::RandomProgram {
         if constexpr (isUdp) {
             pam = udpPamFactory("udp");
             pam->localAddrIs(self(six));
+        } else if constexpr (isEth) {  // With a ring, or without.
+            pam = ethDevPamFactory("eth");
+            pam->deviceIs("lo");
+            pam->etherTypeIs(0x88b5);
+            pam->rxRingBlocksIs(six ? 2 : 0);
+            pam->rxRingTimeoutMsIs(1);
         } else {
             constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
             pam = six ? Ptr<RawIpPam>(ip6SocketPamFactory("six", protocol, {}))
@@ -88,10 +116,10 @@ struct World : PavoTest::RandomProgram {
         if constexpr (isUdp) {
             for (const auto& each : raws) {
                 sender.remoteIs({each->pam->localAddr(), each->pam->boundPort()});
-                sender.txPktIs(pktOf("a packet"));
+                sender.txPktIs(pktOf(packet));
             }
         } else {
-            sender.txPktIs(pktOf("a packet"));
+            sender.txPktIs(pktOf(packet));
         }
     }
     static void switchBulk(RawEnd& raw) {
@@ -104,9 +132,9 @@ struct World : PavoTest::RandomProgram {
             pam.remoteIs({pam.localAddr(), pam.boundPort()});
         }
         if (pam.enabled() && packets == 1) {
-            pam.txPktIs(pktOf("a packet"));
+            pam.txPktIs(pktOf(packet));
         } else if (pam.enabled()) {
-            pam.txPktsIs(std::vector(packets, pktOf("a packet")));
+            pam.txPktsIs(std::vector(packets, pktOf(packet)));
         }
     }
     void dropRaw(RawEnd& raw) {
@@ -122,6 +150,10 @@ struct World : PavoTest::RandomProgram {
     void checkAtRest();
     const char* missing() const;
 
+    // Destroyed last: the program compares descriptors.
+    struct Closer {
+        ~Closer() { deferCloseWait(); }
+    } closer;
     Mox::EventLoop loop;
     const Ptr<Endpoint> senders[2] = {newRaw(false), newRaw(true)};
     std::vector<std::shared_ptr<RawEnd>> raws;
@@ -143,7 +175,7 @@ std::vector<PavoTest::RandomProgram::Actions> World<Endpoint>::kinds() {
         {"options", raw([this](auto&, auto& pam) { pam.optionsIs(1u << below(11)); })},
         {"bulk", raw([this](auto&, auto& pam) { pam.enableBulkReadIs(oneIn(2)); })},
         {"limit", raw([this](auto&, auto& pam) { pam.socketReadLimitIs(oneIn(2)); })},
-        {"flags", raw([this](auto&, auto& pam) { pam.rxFlagsIs(oneIn(3) ? MSG_OOB : 0); })},
+        {"flags", raw([this](auto&, auto& pam) { rxFlagsIs(pam, oneIn(3) ? MSG_OOB : 0); })},
         {"size", raw([this](auto&, auto& pam) { pam.maxRxPktDataIs(40 + below(1497)); })},
         {"drop raw", raw([this](auto& each, auto&) { dropRaw(each); })},
     }};
@@ -193,6 +225,11 @@ TEST_F(PamReentrancy, ObserversOfEndpointsMayDoAnything) {
 TEST_F(PamReentrancy, ObserversOfUdpEndpointsMayDoAnything) {
     (void)globalPktManager();
     PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam>>);
+}
+
+TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {
+    (void)globalPktManager();
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<EthDevPam>>);
 }
 
 }  // namespace
