@@ -66,7 +66,8 @@ std::unique_ptr<RxBatch> EthDevPam::readBatch() try {
         return receiver_->readBatch(&socket_, rxSettings(), RxInfo(), savedPacket(), bulkSlots_);
     }
     std::unique_ptr<RxBatch> batch = receiver_->newBatch(bulkSlots_);
-    return ring_->readBatch(&socket_, rxSettings(), batch.get()) ? std::move(batch) : nullptr;
+    return ring_->readBatch(&socket_, rxSettings(), savedPacket(), batch.get()) ? std::move(batch)
+                                                                                : nullptr;
 } catch (const std::bad_alloc&) {
     socket_.readEnded(PamSocket::ReadEnd::failed);
     return nullptr;

@@ -93,18 +93,18 @@ void EthRing::releaseBlock() {
     current_ = current_ + 1 == size_.blocks ? 0 : current_ + 1;
 }
 
-// A copy of the next frame, or null; throws std::bad_alloc. The copy ends where its buffer does, so
-// that there is room for more headers.
-Mox::Ptr<Pkt> EthRing::take(const RxSettings& settings, RxInfo* info, RxRound* round) {
+// Copies the next frame into the packet of a slot or a new one. Null when there is no frame, or no
+// memory, which is then the error.
+Mox::Ptr<Pkt> EthRing::take(const RxSettings& settings, const Mox::Ptr<Pkt>& slot, RxInfo* info,
+                            RxRound* round) try {
     const tpacket3_hdr* const frame = front();
     if (frame == nullptr) {
         return nullptr;
     }
-    Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt(settings.bufferBytes);
-    const uint32_t maxSize = pkt->maxSharedData();
-    Mox::require(maxSize >= settings.maxBytes, "maxSize >= maxRxPktData()");
+    Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slot);
     const uint32_t bytes = std::min(frame->tp_snaplen, settings.maxBytes);
-    std::memcpy(pkt->newSharedTailData(bytes), frame_ + frame->tp_mac, bytes);
+    std::memcpy(pkt->frontData(), frame_ + frame->tp_mac, bytes);
+    pkt->delSharedTailData(settings.maxBytes - bytes);
     takeFrameStatus(frame->tp_status, static_cast<uint16_t>(frame->hv1.tp_vlan_tci),
                     frame->hv1.tp_vlan_tpid, pkt.ptr(), info);
     takeFrameAddress(*reinterpret_cast<const sockaddr_ll*>(frame_ + TPACKET_ALIGN(sizeof(*frame))),
@@ -117,47 +117,44 @@ Mox::Ptr<Pkt> EthRing::take(const RxSettings& settings, RxInfo* info, RxRound* r
     ++round->packets;
     pop();
     return pkt;
+} catch (const std::bad_alloc&) {
+    round->error = ENOMEM;
+    return nullptr;
+}
+
+// Reports how a read ended. False when nothing was looked for.
+bool EthRing::ended(PamSocket* socket, RxRound* round) {
+    if (round->packets != 0) {
+        round->error = 0;
+    } else if (round->error == 0) {
+        round->error = errorOf(socket->number());
+    }
+    socket->readEnded(round->error);
+    return round->error != ENOMEM;
 }
 
 RxRound EthRing::readOne(PamSocket* socket, const RxSettings& settings, Mox::Ptr<Pkt>* pkt,
                          RxInfo* info) {
     RxRound round;
-    try {
-        *pkt = take(settings, info, &round);
-    } catch (const std::bad_alloc&) {
-        socket->readEnded(PamSocket::ReadEnd::failed);
-        return round;
-    }
-    round.wasTried = true;
-    round.error = *pkt ? 0 : errorOf(socket->number());
-    socket->readEnded(round.error);
+    *pkt = take(settings, nullptr, info, &round);
+    round.wasTried = ended(socket, &round);
     return round;
 }
 
-bool EthRing::readBatch(PamSocket* socket, const RxSettings& settings, RxBatch* batch) {
+bool EthRing::readBatch(PamSocket* socket, const RxSettings& settings,
+                        const Mox::Array<Mox::Ptr<Pkt>>& slots, RxBatch* batch) {
     RxRound& round = batch->round;
-    if (batch->slots() == 0) {
-        socket->readEnded(PamSocket::ReadEnd::failed);
-        return false;
-    }
-    try {
-        for (uint32_t slot = 0; slot < batch->slots(); ++slot) {
-            RxInfo info;
-            batch->pkts[slot] = take(settings, &info, &round);
-            if (!batch->pkts[slot]) {
-                break;
-            }
-            batch->infos[slot] = info;
+    round.error = batch->slots() == 0 ? ENOMEM : 0;  // As PktReceiver has it.
+    for (uint32_t slot = 0; slot < batch->slots(); ++slot) {
+        const Mox::Ptr<Pkt>& before = slots.at(slot);
+        Mox::Ptr<Pkt> pkt;
+        if (slot == round.packets && round.error == 0) {
+            batch->infos[slot] = RxInfo();
+            pkt = take(settings, before, &batch->infos[slot], &round);
         }
-    } catch (const std::bad_alloc&) {
-        if (round.packets == 0) {
-            socket->readEnded(PamSocket::ReadEnd::failed);
-            return false;
-        }
+        batch->pkts[slot] = pkt ? std::move(pkt) : before;
     }
-    round.error = round.packets != 0 ? 0 : errorOf(socket->number());
-    socket->readEnded(round.error);
-    return true;
+    return ended(socket, &round);
 }
 
 }  // namespace Pavo

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Mox/Collections.h"
 #include "Mox/Ptr.h"
 #include "Pavo/packet/Pkt.h"
 #include "Pavo/pam/PamSocket.h"
@@ -43,16 +44,20 @@ class EthRing {
     /// As `PktReceiver::readOne`. Makes a system call only when there is nothing to read.
     RxRound readOne(PamSocket* socket, const RxSettings& settings, Mox::Ptr<Pkt>* pkt,
                     RxInfo* info);
-    /// Reads into the slots of `*batch` while there are frames. False when none was looked for,
+    /// Reads a frame for each slot of `*batch`, while there are any, into those packets of `slots`
+    /// that nobody else holds. False when none was looked for,
     /// since there is no slot or no memory.
-    bool readBatch(PamSocket* socket, const RxSettings& settings, RxBatch* batch);
+    bool readBatch(PamSocket* socket, const RxSettings& settings,
+                   const Mox::Array<Mox::Ptr<Pkt>>& slots, RxBatch* batch);
 
   private:
     const tpacket3_hdr* front();
     void pop();
     tpacket_block_desc* block() const;
     void releaseBlock();
-    Mox::Ptr<Pkt> take(const RxSettings& settings, RxInfo* info, RxRound* round);
+    Mox::Ptr<Pkt> take(const RxSettings& settings, const Mox::Ptr<Pkt>& slot, RxInfo* info,
+                       RxRound* round);
+    static bool ended(PamSocket* socket, RxRound* round);
 
     EthRingSize size_;
     std::size_t bytes_;

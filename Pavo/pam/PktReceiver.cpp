@@ -19,7 +19,6 @@ constexpr uint32_t promisedControl = ipPktInfo | ipRecvTOS | ipRecvTTL;
 constexpr uint32_t errorControlBytes =
     rxMaxControlBytes + CMSG_SPACE(sizeof(sock_extended_err) + sizeof(sockaddr_in6));
 
-// A new packet with room to read into; throws std::bad_alloc.
 Mox::Ptr<Pkt> newRoom(const RxSettings& settings) {
     const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt(settings.bufferBytes);
     const uint32_t maxSize = pkt->maxSharedData();
@@ -47,6 +46,15 @@ Mox::Ptr<Pkt> roomAgain(const Mox::Ptr<Pkt>& pkt, uint32_t bytes) {
     pkt->newSharedTailData(bytes);
     return pkt;
 }
+
+}  // namespace
+
+Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot) {
+    const Mox::Ptr<Pkt> again = roomAgain(slot, settings.maxBytes);
+    return again ? again : newRoom(settings);
+}
+
+namespace {
 
 // Cuts the packet to what was received; with MSG_TRUNC among the flags, the number may be larger
 // than the packet.
@@ -83,7 +91,7 @@ RxRound PktReceiver::readOne(PamSocket* socket, const RxSettings& settings, Mox:
     }
     Mox::Ptr<Pkt> into;
     try {
-        into = newRoom(settings);
+        into = pktToReadInto(settings);
     } catch (const std::bad_alloc&) {
         MOX_TRACE(trace_, 0, "no packet to receive into");
         socket->readEnded(PamSocket::ReadEnd::failed);
@@ -119,10 +127,7 @@ std::unique_ptr<RxBatch> PktReceiver::prepare(const RxSettings& settings,
                                               uint32_t count) try {
     std::unique_ptr<RxBatch> batch = newBatch(count);
     for (uint32_t slot = 0; slot < count; ++slot) {
-        Mox::Ptr<Pkt> pkt = roomAgain(slots.at(slot), settings.maxBytes);
-        if (!pkt) {
-            pkt = newRoom(settings);
-        }
+        Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slots.at(slot));
         mmsghdr& message = batch->messages[slot];
         batch->rooms[slot].prepare(&message.msg_hdr, *pkt, *format_, settings.options);
         message.msg_len = 0;

@@ -35,6 +35,10 @@ struct RxSettings {
     uint32_t bufferBytes;
 };
 
+/// A packet whose data is the room to read into: that of a slot, if nobody else holds it, or a new
+/// one. Throws std::bad_alloc.
+Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot = nullptr);
+
 /// What the packets of one read said beside their descriptions.
 struct RxRound {
     /// Of a single read: false when the kernel was not asked, since the socket is closed or there
