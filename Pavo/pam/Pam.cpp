@@ -165,9 +165,11 @@ void Pam::slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo>
 
 void Pam::slotsReceivedNone() {
     slotInfos_.clear();
+    FirstException exception;
     for (uint32_t slot = 0; slot < savedPacketRx_.members(); ++slot) {
-        savedPacketRxIs(slot, false);
+        exception.collect([&] { savedPacketRxIs(slot, false); });
     }
+    exception.rethrow();
 }
 
 void Pam::savedPacketRxIs(uint32_t slot, bool received) {

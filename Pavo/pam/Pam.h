@@ -207,7 +207,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     void slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos);
     /// Whether observers of the slots are being notified of a batch: no other one can be read.
     bool isPublishingSlots() const { return isPublishingSlots_; }
-    /// Nothing was read: no slot holds a received packet.
+    /// Nothing was read: no slot holds a received packet, also where an observer throws.
     void slotsReceivedNone();
     /// What is known of the packets of a batch, by slot: as long as the batch.
     std::vector<RxInfo>& slotInfos() { return slotInfos_; }
