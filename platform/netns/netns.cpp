@@ -208,20 +208,32 @@ int openSocket(int domain, int type, int protocol, const char* name) {
     return fd;
 }
 
-int openSocketElsewhere(int domain, int type, int protocol, const Namespace& target) {
+// Calls `open` with the thread in the target.
+template <class Open>
+int openElsewhere(const Namespace& target, Open open) {
     if (!target.isUsable()) {
         return -1;
     }
-    const OwnedFd from(open(threadNamespacePath, O_RDONLY | O_CLOEXEC));
+    const OwnedFd from(::open(threadNamespacePath, O_RDONLY | O_CLOEXEC));
     if (!from.isOpen()) {
         return failed("open", threadNamespacePath);
     }
     if (setns(target.fd(), CLONE_NEWNET) != 0) {
         return failed("setns", target.name());
     }
-    const int fd = openSocket(domain, type, protocol, target.name());
+    const int fd = open();
     goBack(from);
     return fd;
+}
+
+// The same for a thread that is in `here`, and perhaps in the target already.
+template <class Open>
+int openFrom(const struct stat& here, Namespace& target, Open open) {
+    Identity there;
+    if (!target.open() || !target.getIdentity(&there)) {
+        return -1;
+    }
+    return identityIn(here) == there ? open() : openElsewhere(target, open);
 }
 
 // Opens a socket of the start namespace where there is no /proc by which the thread could learn
@@ -266,14 +278,20 @@ int netnsSocketAt(int domain, int type, int protocol, const char* name) {
     if (!isHereKnown) {
         return failed("stat", threadNamespacePath);
     }
-    Identity there;
-    if (!target.open() || !target.getIdentity(&there)) {
-        return -1;
+    return openFrom(here, target,
+                    [&] { return openSocket(domain, type, protocol, target.name()); });
+}
+
+int netnsOpenAt(const char* path, int flags, const char* name) {
+    Namespace target(name);
+    struct stat here;
+    if (stat(threadNamespacePath, &here) != 0) {
+        return failed("stat", threadNamespacePath);
     }
-    if (identityIn(here) == there) {
-        return openSocket(domain, type, protocol, target.name());
-    }
-    return openSocketElsewhere(domain, type, protocol, target);
+    return openFrom(here, target, [&] {
+        const int fd = open(path, flags | O_CLOEXEC);
+        return fd >= 0 ? fd : failed("open", path);
+    });
 }
 
 int netnsRunPath(char* buffer, unsigned size, const char* name) {

@@ -1,6 +1,6 @@
 /// @file
-/// Named network namespaces for the calling thread: opening a socket in one, entering one, getting
-/// a descriptor of one. A C interface, usable alone.
+/// Named network namespaces for the calling thread: opening a socket or a file in one, entering
+/// one, getting a descriptor of one. A C interface, usable alone.
 ///
 /// A namespace is named by a file below "/var/run/netns", in the layout of ip-netns(8).
 /// `DEFAULT_NS`, the empty name and a null pointer mean the namespace in which the process
@@ -35,6 +35,11 @@ extern NETNS_EXPORT const char DEFAULT_NS[];
 /// a thread cannot be switched: then only sockets of the namespace in which the process started can
 /// be opened, by a thread that is in it (Linux 5.14); others fail with ENOENT.
 NETNS_EXPORT int netnsSocketAt(int domain, int type, int protocol, const char* name);
+
+/// A descriptor of the file `path`, opened with `flags` (open(2), without O_CREAT) by a thread that
+/// is in the named namespace, or -1: for devices that belong to the namespace of their opener, such
+/// as /dev/net/tun. The rest is as for `netnsSocketAt`, but without /proc it fails with ENOENT.
+NETNS_EXPORT int netnsOpenAt(const char* path, int flags, const char* name);
 
 /// Writes "/var/run/netns/<name>" and its terminating zero to `buffer`, which holds `size` bytes.
 /// Returns 0, or -1 with the buffer unchanged: EINVAL for a name that is null, empty, "." or "..",

@@ -71,6 +71,7 @@ const struct {
     int (*call)(const char* name);
 } entryPoints[] = {
     {"netnsSocketAt", udpSocketAt},
+    {"netnsOpenAt", [](const char* name) { return netnsOpenAt("/dev/null", O_RDONLY, name); }},
     {"setnsByName", [](const char* name) { return setnsByName(name, CLONE_NEWNET); }},
     {"getnsByName", [](const char* name) { return getnsByName(name, CLONE_NEWNET); }},
 };
@@ -142,6 +143,7 @@ TEST_F(NetnsTest, OpensInTheNamedNamespaceAndStaysWhereItWas) {
                 ASSERT_GE(fd, 0) << netnsGetTracebuffer();
                 EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
                 EXPECT_EQ(netnsOfSocket(fd), there);
+                EXPECT_EQ(inodeOf(netnsOpenAt("/proc/thread-self/ns/net", O_RDONLY, name)), there);
                 const int namespaceFd = getnsByName(name, CLONE_NEWNET);
                 EXPECT_EQ(fcntl(namespaceFd, F_GETFD), FD_CLOEXEC);
                 EXPECT_EQ(inodeOf(namespaceFd), there);
