@@ -36,9 +36,20 @@ void closer(void*) {
     }
 }
 
+// In a child of fork(2), which has no thread.
+void forgetCloser() {
+    closerStarted = false;
+    stats.closedByThread.store(stats.queued.load(std::memory_order_relaxed));
+}
+
 // Returns whether the thread was started.
 bool startCloser() {
     const Mox::ErrnoKeeper errnoKeeper;
+    static const int isForgotten = pthread_atfork(nullptr, nullptr, forgetCloser);
+    if (isForgotten != 0) {
+        MOX_TRACE(facility, 0, "no closer thread, error ", isForgotten);
+        return false;
+    }
     (void)sem_init(&waiting, /*pshared=*/0, /*value=*/0);
     pthread_t thread;
     const int error = startServiceThread(&thread, "deferClose", closer, nullptr);

@@ -25,9 +25,10 @@ static_assert(sizeof(DeferCloseStats) == 12 && std::atomic<uint32_t>::is_always_
 /// Returns 0. When 512 are waiting, or the thread could not be started, it closes `fd` at once and
 /// returns the result of close(2), with its `errno`.
 ///
-/// Call it only on the thread of the event loop. The closer thread runs in
-/// the network namespace in which the process started, so that it keeps no other namespace alive,
-/// and blocks signals. A child of fork(2) does not inherit the thread and must not call this.
+/// Call it only on the thread of the event loop. The closer thread runs in the network namespace in
+/// which the process started, so that it keeps no other namespace alive, and blocks signals. A
+/// child of fork(2) gets a thread of its own; its copies of descriptors that were waiting stay
+/// open.
 PAVO_EXPORT int deferClose(int fd);
 
 /// Waits until every descriptor that was passed to the closer thread is closed, for callers that
