@@ -7,9 +7,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "Pavo/BuildPkt.h"
 #include "Pavo/EthDevPam.h"
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
+#include "Pavo/RawTxPam.h"
+#include "Pavo/TapPam.h"
 #include "Pavo/UdpPam.h"
 #include "Pavo/deferClose.h"
 #include "pam/PamFixture.h"
@@ -41,6 +44,33 @@ void rxFlagsIs(EthDevPam& pam, int) {
     pam.promiscuousIs(!pam.promiscuous());
 }
 
+// A tap endpoint, and one that sends to it. Attributes of other endpoints change its device.
+struct TestTap : Mox::EntityOf<TestTap, TapPam> {
+    explicit TestTap(const char* device) : EntityOf("tap", device, NamespaceName()) {
+        raw->bypassesQdiscIs(true);
+        raw->enabledIs(true);
+    }
+    static constexpr auto description() { return Mox::classRecord("Pavo::TestTap"); }
+
+    // They persist, so that opening one takes little time.
+    static constexpr const char* devices[] = {"tap0", "tap1", "tap2", "tap3", "tap4", "tap5"};
+    void sendToItself(uint32_t packets) {
+        const auto frame = buildPkt(Eth{.dst = EthAddr(0xffff, 0xffff, 0xffff), .type = 0x88b5});
+        enabled() ? raw->txPktsIs(ifIndex(), std::vector(packets, frame)) : 0;
+    }
+    int32_t doGetBulkRxPkt() override { return rxPkt() ? 0 : 0; }
+
+    bool enableBulkRead() const { return false; }
+    uint8_t socketReadLimit() const { return 0; }
+    int rxFlags() const { return 0; }
+    void enableBulkReadIs(bool) { isUpIs(true); }
+    void optionsIs(uint32_t bits) { bits == ipHdrIncl ? isUpIs(false) : mtuIs(1000 + bits); }
+    void socketReadLimitIs(uint8_t low) { macIs(EthAddr(0x0200, 0, low)); }
+    void rxFlagsIs(int flags) { raw->bypassesQdiscIs(flags == 0); }
+
+    const Ptr<RawTxPam> raw = rawTxPamFactory("raw");
+};
+
 template <class Endpoint>
 struct End {
     // Else every read fails, or takes nothing.
@@ -54,6 +84,7 @@ struct End {
 
     Ptr<Endpoint> pam;
     Watch<Endpoint> watch;
+    Watch<RawTxPam> rawWatch;
     uint32_t slots = 0;      // Of a bulk read.
     bool hasTried = false;   // To read, since the last report.
     bool wasInVain = false;  // That could not take anything.
@@ -66,6 +97,7 @@ struct World : PavoTest::RandomProgram {
     using RawEnd = End<Endpoint>;
     static constexpr bool isUdp = std::is_same_v<Endpoint, UdpPam>;
     static constexpr bool isEth = std::is_same_v<Endpoint, EthDevPam>;
+    static constexpr bool isTap = std::is_same_v<Endpoint, TestTap>;
     ~World() { raws.clear(); }
 
     static IpGenAddr self(bool six) { return addr(six ? "::1" : "127.0.0.1"); }
@@ -81,6 +113,11 @@ struct World : PavoTest::RandomProgram {
             pam->rxRingBlocksIs(six ? 64 : 0);  // A full ring reports no new frame.
             pam->rxRingBlockBytesIs(4096);
             pam->rxRingTimeoutMsIs(1);
+        } else if constexpr (isTap) {
+            static uint32_t next = 0;
+            pam = Mox::make<TestTap>(TestTap::devices[next++ % std::size(TestTap::devices)]);
+            configure([&] { pam->enabledIs(true); });  // Another one may have the device.
+            return pam;
         } else {
             constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
             pam = six ? Ptr<RawIpPam>(ip6SocketPamFactory("six", protocol, {}))
@@ -104,6 +141,10 @@ struct World : PavoTest::RandomProgram {
                 respond();
             };
             raw->watch = {raw->pam, Mox::allAttributes, notified};
+            if constexpr (isTap) {
+                raw->rawWatch = {raw->pam->raw, Mox::allAttributes,
+                                 [this](const Change&) { respond(); }};
+            }
         }
         return any(raws);
     }
@@ -119,6 +160,12 @@ struct World : PavoTest::RandomProgram {
                 sender.remoteIs({each->pam->localAddr(), each->pam->boundPort()});
                 sender.txPktIs(pktOf(packet));
             }
+        } else if constexpr (isTap) {
+            for (const auto& each : raws) {
+                each->pam->isUpIs(true);
+                each->pam->raw->bypassesQdiscIs(true);
+                each->pam->sendToItself(1);
+            }
         } else {
             sender.txPktIs(pktOf(packet));
         }
@@ -131,6 +178,8 @@ struct World : PavoTest::RandomProgram {
     static void sendRaw(Endpoint& pam, uint32_t packets) {
         if constexpr (isUdp) {
             pam.remoteIs({pam.localAddr(), pam.boundPort()});
+        } else if constexpr (isTap) {
+            pam.sendToItself(packets);
         }
         if (pam.enabled() && packets == 1) {
             pam.txPktIs(pktOf(packet));
@@ -151,10 +200,8 @@ struct World : PavoTest::RandomProgram {
     void checkAtRest();
     const char* missing() const;
 
-    // Destroyed last: the program compares descriptors.
-    struct Closer {
-        ~Closer() { deferCloseWait(); }
-    } closer;
+    // Last, after the endpoints have passed their descriptors on.
+    const std::unique_ptr<void, void (*)(void*)> closed{this, [](void*) { deferCloseWait(); }};
     Mox::EventLoop loop;
     const Ptr<Endpoint> senders[2] = {newRaw(false), newRaw(true)};
     std::vector<std::shared_ptr<RawEnd>> raws;
@@ -231,6 +278,17 @@ TEST_F(PamReentrancy, ObserversOfUdpEndpointsMayDoAnything) {
 TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {
     (void)globalPktManager();
     PavoTest::runPrograms(20, PavoTest::runProgram<World<EthDevPam>>);  // Closing takes long.
+}
+
+TEST_F(PamReentrancy, ObserversOfTapEndpointsMayDoAnything) {
+    (void)globalPktManager();
+    for (const char* each : TestTap::devices) {
+        PavoTest::run({"ip", "tuntap", "add", "dev", each, "mode", "tap"});
+    }
+    PavoTest::runPrograms(100, PavoTest::runProgram<World<TestTap>>);
+    for (const char* each : TestTap::devices) {
+        PavoTest::run({"ip", "link", "del", each});
+    }
 }
 
 }  // namespace

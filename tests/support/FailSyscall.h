@@ -17,9 +17,9 @@ namespace PavoTest {
 /// here too; those of other threads and of the C library itself do not.
 ///
 /// Counted are the calls of the libraries that open, set up, switch, mount, look up or transfer
-/// (the list is in the source), but not `close`, and not `read`, `write` and `writev`, which traces
-/// and test output use. A function and its variants count under the plain name: `fcntl64` is
-/// "fcntl".
+/// (the list is in the source), but not `close`, and not `read` and `write`, which traces and test
+/// output use; `writev`, which they use too, only where the filter names it. A function and its
+/// variants count under the plain name: `fcntl64` is "fcntl".
 ///
 /// A filter is empty, a name ("setns": count only these) or an exclamation mark and a name
 /// ("!setns": count all but these, for calls whose failure ends the process).
