@@ -8,7 +8,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,11 +18,11 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 
 #include "Pavo/NetnsUtils.h"
 #include "Pavo/NsUtils.h"
+#include "sandbox/SystemCalls.h"
 
 namespace PavoSandbox {
 namespace {
@@ -34,44 +33,6 @@ constexpr char threadNetnsPath[] = "/proc/thread-self/ns/net";
 constexpr char enteredVariable[] = "PAVO_SANDBOX";
 
 std::string reasonNotEntered = "it was not entered";
-
-std::runtime_error systemError(const std::string& what) {
-    return std::runtime_error(what + ": " + strerror(errno));
-}
-
-void check(bool good, const std::string& what) {
-    if (!good) {
-        throw systemError(what);
-    }
-}
-
-class OwnedFd {
-  public:
-    explicit OwnedFd(int fd) : fd_(fd) {}
-    OwnedFd(const OwnedFd&) = delete;
-    OwnedFd& operator=(const OwnedFd&) = delete;
-    ~OwnedFd() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-
-    int fd() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-  private:
-    int fd_;
-};
-
-int openOrThrow(const std::string& path, int flags) {
-    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0600);
-    check(fd >= 0, "open " + path);
-    return fd;
-}
 
 void writeFile(const std::string& path, const std::string& text) {
     const OwnedFd file(openOrThrow(path, O_WRONLY));
@@ -163,41 +124,9 @@ void mountRunDir() {
     throw systemError("execute the program again inside");
 }
 
-// The paths to try for a program: execvp searches PATH, which for an ordinary user may lack the
-// others.
-std::vector<std::string> pathsOf(const std::string& program) {
-    return {program, "/usr/sbin/" + program, "/sbin/" + program};
-}
-
-// Returns only when no path leads to the program.
-void replaceByCommand(const std::vector<std::string>& paths, char* const* arguments) {
-    for (const std::string& path : paths) {
-        execvp(path.c_str(), arguments);
-    }
-}
-
 struct CloseDir {
     void operator()(DIR* directory) const { closedir(directory); }
 };
-
-std::string readAll(int fd) {
-    std::string text;
-    char part[4096];
-    for (ssize_t got = 1; got != 0;) {
-        got = read(fd, part, sizeof(part));
-        check(got >= 0 || errno == EINTR, "read from a command");
-        text.append(part, got > 0 ? static_cast<size_t>(got) : 0);
-    }
-    return text;
-}
-
-std::string joined(const std::vector<std::string>& command) {
-    std::ostringstream out;
-    for (const std::string& word : command) {
-        out << word << ' ';
-    }
-    return out.str();
-}
 
 std::vector<std::string> ipCommand(const std::string& ns) {
     return ns.empty() ? std::vector<std::string>{"ip"} : std::vector<std::string>{"ip", "-n", ns};
@@ -276,39 +205,6 @@ uint64_t netnsInode(const std::string& name) {
     const int64_t inode = Pavo::netNsInode(name.c_str());
     check(inode >= 0, "stat namespace " + name);
     return static_cast<uint64_t>(inode);
-}
-
-std::string run(const std::vector<std::string>& command) {
-    const std::vector<std::string> paths = pathsOf(command[0]);
-    std::vector<char*> arguments;  // Before the fork: a child of many threads must not allocate.
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    int ends[2];
-    check(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-    const OwnedFd readEnd(ends[0]);
-    OwnedFd writeEnd(ends[1]);
-    const pid_t child = fork();
-    check(child >= 0, "fork");
-    if (child == 0) {
-        dup2(writeEnd.fd(), STDOUT_FILENO);
-        dup2(writeEnd.fd(), STDERR_FILENO);
-        replaceByCommand(paths, arguments.data());
-        perror("exec");
-        _exit(127);
-    }
-    close(writeEnd.release());
-    const std::string output = readAll(readEnd.fd());
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        check(errno == EINTR, "waitpid");
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        throw std::runtime_error(joined(command) + "failed: " + output);
-    }
-    return output;
 }
 
 void makeVethPair(const std::string& a, const std::string& nsA, const std::string& b,

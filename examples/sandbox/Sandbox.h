@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/Process.h"
+
 namespace PavoSandbox {
 
 /// The process in mount and network namespaces of its own: nothing that is mounted, bound or
@@ -39,10 +41,6 @@ void removeNetns(const std::string& name);
 /// The inode numbers, which identify network namespaces, of the calling thread's and of a name's.
 uint64_t threadNetnsInode();
 uint64_t netnsInode(const std::string& name);
-
-/// Runs a program (no shell; searched in PATH and the system directories) and returns what it wrote
-/// to standard output and standard error.
-std::string run(const std::vector<std::string>& command);
 
 /// @name Interfaces, through ip(8)
 /// The empty namespace name is the sandbox's own.
