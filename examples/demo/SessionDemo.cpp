@@ -4,13 +4,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <functional>
 #include <string>
 
 #include "Keel/TimerWheel.h"
-#include "Mox/EventLoop.h"
+#include "demo/Stage.h"
 #include "sandbox/Sandbox.h"
 #include "session/Speaker.h"
 
@@ -30,12 +28,13 @@ constexpr char usage[] =
 class Show {
   public:
     Show()
-        : started_(loop_.clock()->now()),
-          wheel_(loop_.clock()),
-          server_({2, 3}, {Pavo::NamespaceName("right"), right(), left(), port(), key()}, &loop_,
-                  &wheel_, [this](const std::string& line) { print("server", line); }),
-          client_({1, 3}, {Pavo::NamespaceName("left"), left(), right(), port(), key()}, &loop_,
-                  &wheel_, [this](const std::string& line) { print("client", line); }) {}
+        : wheel_(stage_.clock()),
+          server_({2, 3}, {Pavo::NamespaceName("right"), right(), left(), port(), key()},
+                  stage_.loop(), &wheel_,
+                  [this](const std::string& line) { print("server", line); }),
+          client_({1, 3}, {Pavo::NamespaceName("left"), left(), right(), port(), key()},
+                  stage_.loop(), &wheel_,
+                  [this](const std::string& line) { print("client", line); }) {}
 
     bool run() {
         return comesUp() && movesMessages() && survivesRestart() && survivesLossOfTheWire();
@@ -47,23 +46,9 @@ class Show {
     static Pavo::Port port() { return Pavo::Port(1790); }
     static Mox::String key() { return "a secret that both know"; }
 
-    double elapsed() const { return wheel_.now() - started_; }
-    void print(const char* who, const std::string& line) const {
-        std::printf("%7.3f s  %-6s  %s\n", elapsed(), who, line.c_str());
-    }
-
-    // Turns the loop until `done`, for a bounded time.
+    void print(const char* who, const std::string& line) const { stage_.print(who, line); }
     bool reaches(const char* what, double seconds, const std::function<bool()>& done) {
-        bool late = false;
-        Mox::Timer giveUp(loop_.clock(), [&late] { late = true; });
-        giveUp.expiryIs(loop_.clock()->now() + seconds);
-        while (!done() && !late) {
-            loop_.turn();
-        }
-        if (late) {
-            print("demo", std::string("gave up waiting: ") + what);
-        }
-        return !late;
+        return stage_.reaches(what, seconds, done);
     }
     bool bothEstablished() const { return client_.isEstablished() && server_.isEstablished(); }
 
@@ -74,12 +59,12 @@ class Show {
 
     bool movesMessages() {
         print("demo", "-- the client sends " + std::to_string(messages) + " updates");
-        const double start = elapsed();
+        const double start = stage_.elapsedSeconds();
         client_.updatesToSendInc(messages);
         if (!reaches("all updates", 30, [this] { return server_.updatesReceived() == messages; })) {
             return false;
         }
-        const double seconds = elapsed() - start;
+        const double seconds = stage_.elapsedSeconds() - start;
         print("server", "received " + std::to_string(server_.updatesReceived()) + " updates in " +
                             std::to_string(seconds) + " s, " +
                             std::to_string(static_cast<uint32_t>(messages / seconds)) +
@@ -112,8 +97,7 @@ class Show {
         return noticed && reaches("the last session", 20, [this] { return bothEstablished(); });
     }
 
-    Mox::EventLoop loop_;
-    double started_;
+    Demo::Stage stage_;
     Keel::TimerWheel wheel_;
     Session::ServerSpeaker server_;
     Session::ClientSpeaker client_;
@@ -126,18 +110,5 @@ int main(int argc, char**) {
         std::fputs(usage, stdout);
         return 2;
     }
-    std::string why;
-    if (!PavoSandbox::Sandbox::enter(&why)) {
-        std::fprintf(stderr,
-                     "pavo-session-demo needs namespaces of its own and cannot have them: %s\n",
-                     why.c_str());
-        return 1;
-    }
-    try {
-        PavoSandbox::makeWire();
-        return Show().run() ? 0 : 1;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "pavo-session-demo: %s\n", error.what());
-        return 1;
-    }
+    return Demo::inSandbox("pavo-session-demo", [] { return Show().run(); });
 }
