@@ -1,0 +1,43 @@
+#!/usr/bin/env python3
+"""Runs the demonstration of an agent with a daemon, and lets tshark judge what the agent sent.
+
+usage: agents_test.py bfd DEMO
+
+The demonstration itself fails where one of the two does not see the other as it should. Beside it,
+tshark must find no fault in a frame of the agent, and in its fields what is expected.
+"""
+
+import os
+import subprocess
+import sys
+import tempfile
+
+FAULTS = ["_ws.malformed", "_ws.expert"]
+# By agent: the demonstration's arguments, the agent's frames, their fields, and rows of values: all
+# that may occur, and each has to. On a busy machine the end of the BFD session may be noticed late,
+# by up to three seconds.
+AGENTS = {
+    "bfd": (["3000"], "bfd && !icmp && ip.src == 192.0.2.1",
+            ["ip.ttl", "ip.dsfield", "udp.dstport", "bfd.version", "bfd.message_length"],
+            [["255", "0xc0", "3784", "1", "24"]]),
+}
+
+
+def main():
+    arguments, frames, fields, expected = AGENTS[sys.argv[1]]
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "exchange.pcap")
+        subprocess.run([sys.argv[2], *arguments, path], check=True)
+        command = ["tshark", "-r", path, "-Y", frames, "-T", "fields"]
+        for field in fields + FAULTS:
+            command += ["-e", field]
+        output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    rows = sorted(set(output.splitlines()))
+    wanted = sorted("\t".join(row + [""] * len(FAULTS)) for row in expected)
+    if rows != wanted:
+        raise AssertionError(f"tshark finds {rows}, not {wanted}")
+    print(f"{len(output.splitlines())} frames of {len(rows)} kinds, all good")
+
+
+if __name__ == "__main__":
+    main()
