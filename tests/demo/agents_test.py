@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the demonstration of an agent with a daemon, and lets tshark judge what the agent sent.
 
-usage: agents_test.py bfd DEMO
+usage: agents_test.py bfd|lldp DEMO
 
 The demonstration itself fails where one of the two does not see the other as it should. Beside it,
 tshark must find no fault in a frame of the agent, and in its fields what is expected.
@@ -13,13 +13,19 @@ import sys
 import tempfile
 
 FAULTS = ["_ws.malformed", "_ws.expert"]
-# By agent: the demonstration's arguments, the agent's frames, their fields, and rows of values: all
-# that may occur, and each has to. On a busy machine the end of the BFD session may be noticed late,
-# by up to three seconds.
+SYSTEM = ["pavo-lldp", "veth-left", "192.0.2.1", "2001:db8::1", "0x0090", "0x0080"]
+# By agent: the demonstration's arguments, the agent's frames, their fields, and each row of values
+# that has to occur. On a busy machine the end of the BFD session may be noticed three seconds late.
 AGENTS = {
     "bfd": (["3000"], "bfd && !icmp && ip.src == 192.0.2.1",
             ["ip.ttl", "ip.dsfield", "udp.dstport", "bfd.version", "bfd.message_length"],
             [["255", "0xc0", "3784", "1", "24"]]),
+    "lldp": ([], "lldp.port.id == veth-left && eth.dst == 01:80:c2:00:00:0e",
+             ["lldp.tlv.type", "lldp.time_to_live", "lldp.tlv.system.name", "lldp.port.id",
+              "lldp.mgn.addr.ip4", "lldp.mgn.addr.ip6", "lldp.tlv.system_cap",
+              "lldp.tlv.enable_system_cap"],
+             [["1,2,3,4,5,6,7,8,8,0", "121", *SYSTEM],
+              ["1,2,3,0", "0", "", "veth-left", "", "", "", ""]]),
 }
 
 

@@ -1,0 +1,195 @@
+// The LLDP agent: its frames, its table and its machine in virtual time, its endpoint on a wire.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mox/Clock.h"
+#include "Mox/EventLoop.h"
+#include "Pavo/BuildPkt.h"
+#include "Pavo/EthHdr.h"
+#include "lldp/LldpAgent.h"
+#include "support/SandboxTest.h"
+#include "support/Seeds.h"
+#include "testing/LossyLink.h"
+
+namespace Lldp {
+namespace {
+
+Pdu pduOf(const std::string& name, uint16_t ttlSeconds) {
+    Pdu pdu{.key = {{chassisMac, std::string("\2\0\0\0\0\1", 6)}, {portInterfaceName, name}}};
+    pdu.ttlSeconds = ttlSeconds;
+    pdu.portDescription = "a port";
+    pdu.systemName = name;
+    pdu.systemDescription = std::string(255, 'x');
+    pdu.capabilities = router | bridge;
+    pdu.enabledCapabilities = router;
+    pdu.managementAddresses = {Pavo::IpAddr("192.0.2.1"), Pavo::Ip6Addr("2001:db8::1")};
+    return pdu;
+}
+
+// Of bytes that end where the memory does, so that the address sanitizer sees a read past them.
+std::optional<Pdu> parseExact(const std::string& bytes) {
+    const auto copy = std::make_unique<uint8_t[]>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    return parse({copy.get(), bytes.size()});
+}
+
+std::string tlv(uint8_t type, const std::string& value) {
+    const size_t head = static_cast<size_t>(type) << 9 | value.size();
+    return std::string{static_cast<char>(head >> 8), static_cast<char>(head)} + value;
+}
+
+TEST(LldpPdu, TakesWholeFieldsOnly) {
+    const Pdu pdu = pduOf("eth0", 120);
+    const std::string good = image(pdu);
+    EXPECT_EQ(parseExact(good), pdu);
+    EXPECT_EQ(parseExact(good + "padding"), pdu);
+    uint32_t accepted = 0;
+    for (size_t bytes = 0; bytes < good.size(); ++bytes) {
+        accepted += parseExact(good.substr(0, bytes)) ? 1 : 0;
+    }
+    EXPECT_EQ(accepted, 7u);  // After the time to live, and after each field but the last.
+}
+
+TEST(LldpPdu, RefusesWhatIsNotInItsPlace) {
+    const std::string chassis = tlv(1, "\4chassi"), port = tlv(2, "\5p"), ttl = tlv(3, {0, 9});
+    const std::string head = chassis + port + ttl;
+    const struct {
+        std::string bytes;
+        bool isGood;
+    } rows[] = {
+        {head, true},
+        {port + chassis + ttl, false},
+        {chassis + ttl + port, false},
+        {chassis + port + tlv(5, "name"), false},
+        {head + chassis, false},
+        {head + ttl, false},
+        {head + tlv(0, "") + chassis, true},
+        {tlv(1, "\4") + port + ttl, false},
+        {tlv(1, std::string(256, 'i')) + port + ttl, true},
+        {tlv(1, std::string(257, 'i')) + port + ttl, false},
+        {chassis + port + tlv(3, "9"), false},
+        {head + tlv(127, std::string(511, 'o')), true},
+        {head + tlv(8, {5, 1, 1, 2, 3, 4}), true},                    // Cut after the address,
+        {head + tlv(8, {0, 1, 0, 0, 0, 0, 0, 0}), true},              // without one,
+        {head + tlv(8, {5, 2, 1, 2, 3, 4, 1, 0, 0, 0, 0, 0}), true},  // and of another length.
+        {head + tlv(7, {0, 4}), true},
+    };
+    for (const auto& row : rows) {
+        const auto pdu = parseExact(row.bytes);
+        EXPECT_EQ(pdu.has_value(), row.isGood) << printable(row.bytes);
+        EXPECT_TRUE(!pdu || (pdu->managementAddresses.empty() && pdu->capabilities == 0));
+    }
+    EXPECT_EQ(parseExact(head + tlv(5, "one") + tlv(5, "two"))->systemName, "one");
+    EXPECT_EQ(printable("a\x1b[2J\xff"), "a\\x1b[2J\\xff");
+}
+
+TEST(NeighbourTable, RemovesEachNeighbourInTime) {
+    Mox::ManualClock clock;
+    const auto table = Mox::make<NeighbourTable>(&clock);
+    std::vector<std::string> events;
+    const Mox::Watch<NeighbourTable> watch(
+        table, NeighbourTable::neighbourAttr, [&](const Key& key) {
+            events.push_back((table->neighbour(key) ? "+" : "-") + key.port.bytes + " at " +
+                             std::to_string(static_cast<int>(clock.now())));
+        });
+    table->neighbourIs(pduOf("a", 3));
+    table->neighbourIs(pduOf("b", 3));
+    table->neighbourIs(pduOf("c", 10));
+    clock.advance(2);
+    table->neighbourIs(pduOf("a", 3));  // Nothing new.
+    table->neighbourIs(pduOf("b", 9));
+    clock.advance(7);
+    table->neighbourIs(pduOf("c", 0));
+    clock.advance(100);
+    EXPECT_EQ(events, (std::vector<std::string>{"+a at 0", "+b at 0", "+c at 0", "+b at 2",
+                                                "-a at 5", "-c at 9", "-b at 11"}));
+    for (uint32_t i = 0; i < 40; ++i) {
+        table->neighbourIs(pduOf(std::to_string(i), 3));
+    }
+    EXPECT_EQ(table->neighbour().members(), NeighbourTable::maxNeighbours);
+    EXPECT_EQ(table->tooManyNeighbours(), 8u);
+}
+
+TEST(LldpAgent, NeighboursKnowEachOtherOverABadWire) {
+    for (const uint32_t seed : PavoTest::Seeds(200)) {
+        SCOPED_TRACE(seed);
+        Mox::ManualClock clock;
+        Guide::LossyLink link(&clock, {.loss = 0.2, .duplication = 0.2, .maxDelaySeconds = 0.3},
+                              seed);
+        LldpAgent left({.own = pduOf("left", 0)}, link.left(), &clock);
+        clock.advance(100);
+        auto right = std::make_unique<LldpAgent>(AgentConfig{.own = pduOf("right", 0)},
+                                                 link.right(), &clock);
+        clock.advance(130);
+        ASSERT_EQ(left.table()->neighbour().members(), 1u);
+        ASSERT_EQ(right->table()->neighbour().members(), 1u);
+        EXPECT_EQ(left.table()->neighbour().begin()->second, pduOf("right", 121));
+        // The regular ones, and once four faster ones for each side.
+        EXPECT_LE(link.counters().taken, 8u + 5u + 2u * LldpAgent::fastFrames);
+        right = nullptr;
+        clock.advance(121);
+        EXPECT_EQ(left.table()->neighbour().members(), 0u);
+    }
+}
+
+TEST(LldpAgent, AnswersNewNeighboursAndMayBeDestroyedByAnObserver) {
+    Mox::ManualClock clock;
+    const auto wire = Pavo::pamConnectorFactory(&clock);
+    const auto sent = wire->pam("pam0");
+    auto agent = std::make_unique<LldpAgent>(AgentConfig{.own = pduOf("a", 0)}, sent, &clock);
+    const auto receive = [&](const std::string& name) {
+        wire->pam("pam1")->txPktIs(Pavo::buildPkt(
+            Pavo::Eth{.dst = nearestBridge, .type = Pavo::EthType::lldp}, image(pduOf(name, 100))));
+        clock.advance(0.5);
+    };
+    clock.advance(10);
+    EXPECT_EQ(sent->peekPktCount(), 1u);
+    receive("b");
+    receive("b");
+    clock.advance(10);
+    EXPECT_EQ(sent->peekPktCount(), 5u);
+    for (int i = 0; i < 20; ++i) {  // In ten seconds.
+        receive(std::to_string(i));
+    }
+    EXPECT_LE(sent->peekPktCount(), 16u);
+    const Mox::Watch<NeighbourTable> watch(agent->table(), NeighbourTable::neighbourAttr,
+                                           [&](const Key&) { agent = nullptr; });
+    receive("c");
+    EXPECT_EQ(agent, nullptr);
+}
+
+class LldpEndpoint : public PavoTest::SandboxTest {};
+
+TEST_F(LldpEndpoint, ReceivesNothingButUntaggedFramesOfTheGroup) {
+    const PavoTest::Wire wire;
+    Mox::EventLoop loop;
+    const auto pam = newEndpoint(Pavo::NamespaceName("left"), "veth-left");
+    LldpAgent agent({.mac = pam->ethAddr(), .own = pduOf("left", 0)}, pam, loop.clock());
+    const auto peer = Pavo::ethDevPamFactory("peer", Pavo::NamespaceName("right"));
+    peer->deviceIs("veth-right");
+    peer->enabledIs(true);
+    const auto send = [&](const Pavo::Eth& eth, const std::string& name) {
+        const auto pkt = Pavo::buildPkt(eth, image(pduOf(name, 100)));
+        if (name == "tagged") {
+            pkt->newSeparateVlanTag(/*tci=*/7, Pavo::EthType::dot1Q);
+        }
+        peer->txPktIs(pkt);
+        EXPECT_EQ(peer->txErrno(), 0);
+    };
+    send({.dst = nearestBridge, .type = Pavo::EthType::lldp}, "tagged");
+    send({.dst = pam->ethAddr(), .type = Pavo::EthType::lldp}, "for one host");
+    send({.dst = nearestBridge, .type = Pavo::EthType::slowProtocols}, "of another protocol");
+    send({.dst = nearestBridge, .type = Pavo::EthType::lldp}, "good");
+    for (int turns = 0; turns < 100 && agent.table()->neighbour().members() == 0; ++turns) {
+        loop.turn(/*timeoutSeconds=*/0.1);
+    }
+    ASSERT_EQ(agent.table()->neighbour().members(), 1u);
+    EXPECT_EQ(agent.table()->neighbour().begin()->second.systemName, "good");
+    EXPECT_EQ(pam->rxPktCount(), 2u);  // The tagged one, and the good one.
+}
+
+}  // namespace
+}  // namespace Lldp
