@@ -101,10 +101,9 @@ Mox::Ptr<Pkt> EthRing::take(const RxSettings& settings, const Mox::Ptr<Pkt>& slo
     if (frame == nullptr) {
         return nullptr;
     }
-    Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slot);
     const uint32_t bytes = std::min(frame->tp_snaplen, settings.maxBytes);
+    Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slot, bytes);
     std::memcpy(pkt->frontData(), frame_ + frame->tp_mac, bytes);
-    pkt->delSharedTailData(settings.maxBytes - bytes);
     takeFrameStatus(frame->tp_status, static_cast<uint16_t>(frame->hv1.tp_vlan_tci),
                     frame->hv1.tp_vlan_tpid, pkt.ptr(), info);
     takeFrameAddress(*reinterpret_cast<const sockaddr_ll*>(frame_ + TPACKET_ALIGN(sizeof(*frame))),

@@ -19,11 +19,11 @@ constexpr uint32_t promisedControl = ipPktInfo | ipRecvTOS | ipRecvTTL;
 constexpr uint32_t errorControlBytes =
     rxMaxControlBytes + CMSG_SPACE(sizeof(sock_extended_err) + sizeof(sockaddr_in6));
 
-Mox::Ptr<Pkt> newRoom(const RxSettings& settings) {
+Mox::Ptr<Pkt> newRoom(const RxSettings& settings, uint32_t bytes) {
     const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt(settings.bufferBytes);
     const uint32_t maxSize = pkt->maxSharedData();
     Mox::require(maxSize >= settings.maxBytes, "maxSize >= maxRxPktData()");
-    pkt->newSharedTailData(settings.maxBytes);
+    pkt->newSharedTailData(bytes);
     return pkt;
 }
 
@@ -38,20 +38,21 @@ Mox::Ptr<Pkt> roomAgain(const Mox::Ptr<Pkt>& pkt, uint32_t bytes) {
         pkt->delPrivateHeadData(pkt->iovec(0).bytes);
     }
     pkt->delSeparateVlanTag();
-    // To the front of the buffer, from where the data has room for all of it.
     pkt->delSharedTailData(pkt->iovec(1).bytes);
-    const uint32_t headRoom = pkt->sharedBuffer()->headRoom();
-    pkt->newSharedHeadData(headRoom);
-    pkt->delSharedTailData(headRoom);
+    if (pkt->sharedBuffer()->tailRoom() < bytes) {  // To the front of the buffer.
+        const uint32_t headRoom = pkt->sharedBuffer()->headRoom();
+        pkt->newSharedHeadData(headRoom);
+        pkt->delSharedTailData(headRoom);
+    }
     pkt->newSharedTailData(bytes);
     return pkt;
 }
 
 }  // namespace
 
-Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot) {
-    const Mox::Ptr<Pkt> again = roomAgain(slot, settings.maxBytes);
-    return again ? again : newRoom(settings);
+Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot, uint32_t bytes) {
+    Mox::Ptr<Pkt> again = roomAgain(slot, bytes);
+    return again ? again : newRoom(settings, bytes);
 }
 
 namespace {
@@ -91,7 +92,7 @@ RxRound PktReceiver::readOne(PamSocket* socket, const RxSettings& settings, Mox:
     }
     Mox::Ptr<Pkt> into;
     try {
-        into = pktToReadInto(settings);
+        into = pktToReadInto(settings, nullptr, settings.maxBytes);
     } catch (const std::bad_alloc&) {
         MOX_TRACE(trace_, 0, "no packet to receive into");
         socket->readEnded(PamSocket::ReadEnd::failed);
@@ -127,7 +128,7 @@ std::unique_ptr<RxBatch> PktReceiver::prepare(const RxSettings& settings,
                                               uint32_t count) try {
     std::unique_ptr<RxBatch> batch = newBatch(count);
     for (uint32_t slot = 0; slot < count; ++slot) {
-        Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slots.at(slot));
+        Mox::Ptr<Pkt> pkt = pktToReadInto(settings, slots.at(slot), settings.maxBytes);
         mmsghdr& message = batch->messages[slot];
         batch->rooms[slot].prepare(&message.msg_hdr, *pkt, *format_, settings.options);
         message.msg_len = 0;

@@ -35,9 +35,9 @@ struct RxSettings {
     uint32_t bufferBytes;
 };
 
-/// A packet whose data is the room to read into: that of a slot, if nobody else holds it, or a new
-/// one. Throws std::bad_alloc.
-Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot = nullptr);
+/// A packet of so many bytes to read into, at most `settings.maxBytes`: that of a slot, if nobody
+/// else holds it, or a new one. Throws std::bad_alloc.
+Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot, uint32_t bytes);
 
 /// What the packets of one read said beside their descriptions.
 struct RxRound {
