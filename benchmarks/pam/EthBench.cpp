@@ -31,10 +31,10 @@ constexpr uint32_t frameBytes = 128;
 constexpr uint8_t header[] = {2, 0, 0, 0, 0, 2, 2, 0, 0, 0, 0, 1, type >> 8, type & 0xff};
 
 enum class Half { send, receive };
-enum class Way { single, batch };
+enum class Way { single, batch, batchInPlace };
 using Mox::Ptr;
 
-// What a program without Pavo keeps of a frame: one of its own, or one of a batch.
+// What a program without Pavo copies a frame into.
 struct Frame {
     void keep(const uint8_t* from, uint32_t count) {
         bytes = count;
@@ -186,6 +186,8 @@ class BareEnds : public BareSender {
     uint8_t bytes_[1536];
 };
 
+// Each frame becomes one of its own, which may be kept, as a packet of Pavo may be. In place, the
+// frames of a batch go into the same memory again.
 class PcapEnds : public BareSender {
   public:
     explicit PcapEnds(Way way) : BareSender(Way::single), way_(way) {
@@ -206,10 +208,14 @@ class PcapEnds : public BareSender {
     int fd() const { return pcap_get_selectable_fd(pcap_); }
     int receive(int most) {
         int received = 0;
-        if (way_ == Way::batch) {
+        if (way_ != Way::single) {
             const auto take = [](u_char* self, const pcap_pkthdr* head, const u_char* data) {
                 auto* const ends = reinterpret_cast<PcapEnds*>(self);
-                ends->batch_[ends->next_++ % batchFrames].keep(data, head->caplen);
+                auto& frame = ends->batch_[ends->next_++ % batchFrames];
+                if (!frame || ends->way_ == Way::batch) {
+                    frame = std::make_unique_for_overwrite<Frame>();
+                }
+                frame->keep(data, head->caplen);
             };
             while (received < most) {
                 const int count =
@@ -232,7 +238,7 @@ class PcapEnds : public BareSender {
   private:
     pcap_t* pcap_;
     Way way_;
-    Frame batch_[batchFrames];
+    std::unique_ptr<Frame> batch_[batchFrames];
     uint32_t next_ = 0;
 };
 
@@ -287,6 +293,7 @@ void registerLines() {
     line("EthRing/recvmsg", bare, Half::receive, Way::single);
     line("EthRingBulk/pavo", ring, Half::receive, Way::batch);
     line("EthRingBulk/pcap_dispatch", pcap, Half::receive, Way::batch);
+    line("EthRingBulk/pcap_dispatch_in_place", pcap, Half::receive, Way::batchInPlace);
     line("EthRingBulk/recvmsg", bare, Half::receive, Way::single);
 }
 
