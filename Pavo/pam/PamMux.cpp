@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
@@ -99,9 +100,10 @@ void PamMuxPam::waitingDel() {
     firstWaiting_ = 0;
 }
 
-void PamMuxPam::readTried() {
+void PamMuxPam::readTried(bool reportsAgain) {
     isReported_ = false;
-    if (mux_ != nullptr && waiting() != 0 && !isListed_) {
+    isDue_ = reportsAgain && waiting() != 0;
+    if (isDue_ && mux_ != nullptr && !isListed_) {
         mux_->reportNextTurn(Mox::Ptr(this));
     }
 }
@@ -113,7 +115,7 @@ void PamMuxPam::doGetRxPkt() {
         Waiting first = take();
         rxPktIs(std::move(first.pkt), first.info);
     }
-    readTried();
+    readTried(true);
 }
 
 int32_t PamMuxPam::doGetBulkRxPkt() {
@@ -127,7 +129,7 @@ int32_t PamMuxPam::doGetBulkRxPkt() {
         pkts.push_back(std::move(first.pkt));
         infos.push_back(first.info);
     }
-    readTried();
+    readTried(true);
     if (infos.empty()) {
         slotsReceivedNone();
         return 0;
@@ -140,7 +142,7 @@ int32_t PamMuxPam::doGetBulkRxPkt() {
 
 void PamMuxPam::report() {
     isListed_ = false;
-    if (waiting() != 0 && !isReported_) {
+    if (std::exchange(isDue_, false)) {
         isReported_ = true;
         readableCountInc(1);
     }
@@ -222,6 +224,7 @@ void PamMux::stop() {
         each->waitingDel();
         each->isListed_ = false;
         each->isReported_ = false;
+        each->isDue_ = false;
     }
 }
 
@@ -236,6 +239,7 @@ Mox::Ptr<PamMuxPam> PamMux::clientIs(const Mox::String& name, PamMuxMatch match)
         leave(before);
     }
     const auto made = Mox::make<PamMuxPam>(name, std::move(match), this);
+    made->addedAs_ = ++clientsAdded_;
     client_.is(name, made);
     inOrder_.push_back(made);
     isIndexStale_ = true;
@@ -271,8 +275,9 @@ void PamMux::leave(const Mox::Ptr<PamMuxPam>& client) {
 
 void PamMux::updateIndex() {
     if (std::exchange(isIndexStale_, false)) {
-        std::stable_sort(inOrder_.begin(), inOrder_.end(),
-                         [](const auto& a, const auto& b) { return a->place_ < b->place_; });
+        std::sort(inOrder_.begin(), inOrder_.end(), [](const auto& a, const auto& b) {
+            return std::tie(a->place_, a->addedAs_) < std::tie(b->place_, b->addedAs_);
+        });
         index_->clientsAre(inOrder_);
     }
 }
@@ -327,9 +332,9 @@ void PamMux::distribute(const Mox::Ptr<Pkt>& pkt, const RxInfo& info, FirstExcep
         const bool takesCopy = client->takesCopies_;
         if (client->hasRoom()) {
             client->add(takesCopy ? globalPktManager()->newShallowCopy(pkt) : pkt, info);
+            client->isDue_ = !client->isReported_;
         }
-        if (!client->isListed_ && !client->isReported_) {
-            client->isListed_ = true;
+        if (client->isDue_ && !std::exchange(client->isListed_, true)) {
             toReport_.push_back(client);
         }
         return takesCopy;
@@ -354,9 +359,9 @@ void PamMux::handleNextTurn() {
     for (auto count = nextTurn_.size(); count != 0 && !nextTurn_.empty(); --count) {
         const Mox::Ptr<PamMuxPam> client = std::move(nextTurn_.front());
         nextTurn_.pop_front();
-        const bool isReported = client->waiting() != 0 && !client->isReported_;
+        const bool isDue = client->isDue_;
         exception.collect([&] { client->report(); });
-        if (isReported && client->mux_ == this && enabled_ && !client->isListed_) {
+        if (isDue && client->mux_ == this && enabled_ && !client->isListed_) {
             reportNextTurn(client);
         }
     }

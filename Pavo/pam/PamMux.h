@@ -83,6 +83,10 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     /// Packets that wait.
     uint32_t waiting() const { return static_cast<uint32_t>(waiting_.size() - firstWaiting_); }
 
+    /// For an endpoint that hands the packets of this one on: an attempt to read was made, after
+    /// which the packets that wait are reported again in the next turn, or not before more come.
+    void readTried(bool reportsAgain);
+
   protected:
     ~PamMuxPam() override;
 
@@ -99,7 +103,6 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     bool hasRoom();
     void add(Mox::Ptr<Pkt> pkt, const RxInfo& info) { waiting_.push_back({std::move(pkt), info}); }
     Waiting take();
-    void readTried();
     void waitingDel();
     void report();
 
@@ -110,8 +113,10 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     uint32_t maxWaiting_ = 1024;
     uint32_t bulkReadLimit_ = 32;
     int32_t place_ = 0;
+    uint32_t addedAs_ = 0;
     bool takesCopies_ = false;
     bool isReported_ = false;  // Since the last attempt to read.
+    bool isDue_ = false;       // To be reported when its turn in the list comes.
     bool isListed_ = false;    // In a list of clients to report.
 };
 
@@ -216,6 +221,7 @@ class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
     CaptureLinkType linkType_;
     bool enabled_ = false;
     bool isIndexStale_ = false;
+    uint32_t clientsAdded_ = 0;
     uint32_t noRooms_ = 0;  // Sends of clients that found no room.
     uint64_t unclaimedPkts_ = 0;
     uint64_t unclaimedInRead_ = 0;

@@ -208,7 +208,9 @@ PamMuxIndex::Cursor* PamMuxIndex::first(std::array<Cursor, 3>& cursors) const {
 bool PamMuxIndex::isMatch(const PamMuxPam& client, const Mox::Ptr<Pkt>& pkt, const RxInfo& info,
                           FirstException* exception) {
     bool isMatch = false;
-    exception->collect([&] { isMatch = client.match().function()(pkt, info); });
+    if (client.mux() != nullptr) {  // Else a function before it has taken the client out.
+        exception->collect([&] { isMatch = client.match().function()(pkt, info); });
+    }
     return isMatch;
 }
 
