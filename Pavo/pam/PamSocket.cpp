@@ -6,11 +6,52 @@
 #include "Mox/Exception.h"
 #include "Pavo/base/FirstException.h"
 #include "Pavo/pam/Pam.h"
+#include "Pavo/pam/PamMux.h"
+#include "Pavo/pam/ReadinessSm.h"
 #include "Pavo/socket/deferClose.h"
 
 namespace Pavo {
 
+/// Does for a client of a multiplexer what `PamFdSm` does for a descriptor.
+class PamClientSm : public ReadinessSm<PamClientSm, Pam> {
+  public:
+    static constexpr auto description() { return Mox::classRecord("Pavo::PamClientSm"); }
+
+    PamClientSm(const Mox::Ptr<Pam>& client, Pam* pam) : ReadinessSm(client), pam_(pam) {}
+
+    void handleReadable() { pam_->readableCountInc(1); }
+    void handleWritable() { pam_->writableCountInc(1); }
+    void moxDoZombieReactors(bool zombie) {
+        if (zombie) {
+            detach();
+        }
+    }
+
+  private:
+    Pam* pam_;
+};
+
+PamSocket::PamSocket() = default;
+
+PamSocket::~PamSocket() {
+    close();
+}
+
+void PamSocket::clientIs(Mox::Ptr<PamMuxPam> client) {
+    client_ = std::move(client);
+}
+
 void PamSocket::watchFor(Pam* pam) {
+    if (client_ && !clientSm_) {
+        const auto machine = Mox::make<PamClientSm>(client_, pam);
+        clientSm_ = machine;
+        const Mox::Ptr<Pam> hold(pam);
+        pam->readableCountInc(1);
+        if (clientSm_ == machine) {
+            pam->writableCountInc(1);
+        }
+        return;
+    }
     const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc_;
     if (!fd || fdSm_) {  // An observer of `enabled` may have disabled or reopened the endpoint.
         return;
@@ -22,6 +63,10 @@ void PamSocket::watchFor(Pam* pam) {
 }
 
 Mox::Ptr<Mox::FileDescriptor> PamSocket::giveUp() {
+    if (const Mox::Ptr<PamClientSm> machine = std::exchange(clientSm_, nullptr)) {
+        machine->moxDoZombieReactors(true);
+    }
+    client_ = nullptr;
     if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
         machine->moxDoZombieReactors(true);  // It points to the endpoint, and others may hold it.
     }
@@ -49,8 +94,14 @@ void PamSocket::closeLater() {
 void PamSocket::readEnded(ReadEnd end) {
     const bool failed = end == ReadEnd::failed;
     const bool failedBefore = std::exchange(lastReadFailed_, failed);
+    readTried(end == ReadEnd::packets || (failed && !failedBefore));
+}
+
+void PamSocket::readTried(bool reportsAgain) {
     if (fileDesc_) {
-        fileDesc_->readTried(end == ReadEnd::packets || (failed && !failedBefore));
+        fileDesc_->readTried(reportsAgain);
+    } else if (client_) {
+        client_->readTried(reportsAgain);
     }
 }
 
@@ -59,8 +110,8 @@ void PamSocket::readEnded(int error) {
 }
 
 void PamSocket::readIsPossibleAgain() {
-    if (fileDesc_ && std::exchange(lastReadFailed_, false)) {
-        fileDesc_->readTried(true);
+    if (std::exchange(lastReadFailed_, false)) {
+        readTried(true);
     }
 }
 

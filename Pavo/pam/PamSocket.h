@@ -13,10 +13,12 @@
 namespace Pavo {
 
 class Pam;
+class PamClientSm;
+class PamMuxPam;
 
 /// The descriptor of an endpoint while it is enabled, with the machine that increments the
 /// endpoint's counts. Every endpoint that reads from a descriptor has one as a member, which closes
-/// the descriptor when it dies.
+/// the descriptor when it dies. In a test the packets may come from a client of a `PamMux` instead.
 ///
 /// Each attempt to read reports how it ended, before observers are notified of its result. After
 /// the first failure in a row the endpoint is reported readable once more, since packets may wait
@@ -29,8 +31,8 @@ class PAVO_EXPORT PamSocket {
     /// another reason, also before the kernel was asked.
     enum class ReadEnd { packets, empty, failed };
 
-    PamSocket() = default;
-    ~PamSocket() { close(); }
+    PamSocket();
+    ~PamSocket();
     PamSocket(const PamSocket&) = delete;
     PamSocket& operator=(const PamSocket&) = delete;
 
@@ -47,10 +49,12 @@ class PAVO_EXPORT PamSocket {
 
     /// Holds a descriptor that is not watched yet.
     void fileDescIs(Mox::Ptr<Mox::FileDescriptor> fd) { fileDesc_ = std::move(fd); }
-    /// Makes the machine for `pam`, unless there is one, or no descriptor. It increments both
+    /// Takes a client in place of a descriptor.
+    void clientIs(Mox::Ptr<PamMuxPam> client);
+    /// Makes the machine for `pam`, unless there is one, or nothing to watch. It increments both
     /// counts at once; observers of these may close the descriptor or open another.
     void watchFor(Pam* pam);
-    /// Ends the watching and closes the descriptor.
+    /// Ends the watching, and closes the descriptor or drops the client.
     void close();
     /// The same with `deferClose`, for a descriptor whose close may block.
     void closeLater();
@@ -65,9 +69,12 @@ class PAVO_EXPORT PamSocket {
 
   private:
     Mox::Ptr<Mox::FileDescriptor> giveUp();
+    void readTried(bool reportsAgain);
 
     Mox::Ptr<Mox::FileDescriptor> fileDesc_;
     Mox::Ptr<PamFdSm> fdSm_;
+    Mox::Ptr<PamMuxPam> client_;
+    Mox::Ptr<PamClientSm> clientSm_;
     bool lastReadFailed_ = false;
 };
 
