@@ -8,6 +8,7 @@
 #include "Mox/Assert.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/RawIpFamily.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/socket/SocketAt.h"
@@ -24,6 +25,11 @@ RawIpPam::RawIpPam(Mox::String name, IpProtocolNumber protocol, NamespaceName ne
 }
 
 RawIpPam::~RawIpPam() = default;
+
+void RawIpPam::transportIs(std::unique_ptr<IpTransport> transport) {
+    Mox::require(!enabled(), "!enabled()");
+    transport_ = std::move(transport);
+}
 
 int RawIpPam::socket() const {
     return pamSocket().number();
@@ -44,6 +50,10 @@ void RawIpPam::enabledIsImpl(bool enable) {
 }
 
 void RawIpPam::open() {
+    if (transport_) {
+        transport_->open(family_.ip().addressFamily(), &pamSocket());
+        return;
+    }
     Mox::require(Mox::EventLoop::current() != nullptr,
                  "EventLoop::current(): enabling needs an event loop on this thread");
     const int fd = socketAt(family_.ip().names().domain, SOCK_RAW, static_cast<int>(protocol()),
@@ -71,6 +81,9 @@ void RawIpPam::start() {
 
 void RawIpPam::handleCleanup() {
     fileDescDel();
+    if (transport_) {
+        transport_->close();
+    }
     enabledStore(false);
 }
 
@@ -148,7 +161,9 @@ void RawIpPam::doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group) {
 }
 
 void RawIpPam::membershipIs(uint32_t ifIndex, const IpGenAddr& group, bool member) {
-    if (group.af() != family_.ip().addressFamily() || fileDesc()) {
+    if (transport_) {
+        transport_->membershipIs(ifIndex, group, nullptr, member);
+    } else if (group.af() != family_.ip().addressFamily() || fileDesc()) {
         family_.ip().membershipIs(fileDesc() ? socket() : -1, ifIndex, group, member);
     }
 }

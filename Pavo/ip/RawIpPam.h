@@ -20,6 +20,9 @@ struct RawIpFamily;
 struct RxRound;
 struct RxSettings;
 struct SocketSettings;
+struct TxInfo;
+class IpHost;
+class IpTransport;
 class PktReceiver;
 
 /// The former name of `RxInfo`.
@@ -152,8 +155,13 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// @}
 
   private:
+    friend class IpHost;
+
     static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
 
+    void transportIs(std::unique_ptr<IpTransport> transport);
+    int send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt) const;
+    TxInfo txInfo(bool isIpHdrWithKernel) const;
     int socket() const;
     SocketSettings socketSettings() const;
     RxSettings rxSettings() const;
@@ -166,6 +174,7 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     uint32_t faultyControlData_ = 0;
     Mox::Set<IpPktOption> ipPktOptions_;
     std::unique_ptr<PktReceiver> receiver_;
+    std::unique_ptr<IpTransport> transport_;  // In place of a socket, where there is one.
 };
 
 }  // namespace Pavo

@@ -2,6 +2,7 @@
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
+#include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/RawIpFamily.h"
 #include "Pavo/ip/RawIpPam.h"
 #include "Pavo/pam/PktReceiver.h"
@@ -36,7 +37,8 @@ const std::vector<QueuedError>& RawIpPam::queuedErrors() const {
 void RawIpPam::doGetRxPktSingle() {
     Mox::Ptr<Pkt> pkt;
     RxInfo info = newRxInfo();
-    const RxRound round = receiver_->readOne(&pamSocket(), rxSettings(), &pkt, &info);
+    const RxRound round = transport_ ? transport_->readOne(&pamSocket(), rxSettings(), &pkt, &info)
+                                     : receiver_->readOne(&pamSocket(), rxSettings(), &pkt, &info);
     if (!pkt) {
         round.wasTried ? countRead(round) : void();
         return;
@@ -58,7 +60,9 @@ int32_t RawIpPam::doGetRxPktBulk() {
         return 0;
     }
     std::unique_ptr<RxBatch> batch =
-        receiver_->readBatch(&pamSocket(), rxSettings(), newRxInfo(), savedPacket(), bulkSlots());
+        transport_ ? transport_->readBatch(&pamSocket(), rxSettings(), newRxInfo(), bulkSlots())
+                   : receiver_->readBatch(&pamSocket(), rxSettings(), newRxInfo(), savedPacket(),
+                                          bulkSlots());
     if (!batch) {
         return nothingInBulk();
     }

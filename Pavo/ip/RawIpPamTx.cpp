@@ -1,6 +1,7 @@
 #include <cerrno>
 
 #include "Mox/Assert.h"
+#include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/RawIpFamily.h"
 #include "Pavo/ip/RawIpPam.h"
 #include "Pavo/pam/PktSender.h"
@@ -28,13 +29,23 @@ void RawIpPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc();
     tapTx(*pkt, sendsIpHdrWithKernel());
     txErrnoIs(0);
-    int error = EBADF;
-    if (fd) {
-        TxHead head;
-        error = ipTxHeadIs(&head, fd->descriptor(), txSettings(), Port(), /*connected=*/false);
-        error = error != 0 ? error : sendPkt(fd->descriptor(), head, *pkt, *family_.trace);
+    sendEnded(fd, send(fd, *pkt));
+}
+
+// Returns 0, or why the packet was not sent, as an `errno`.
+int RawIpPam::send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt) const {
+    if (transport_) {
+        const int error = addressError();
+        return error != 0 ? error
+                          : transport_->send(pkt, txInfo(sendsIpHdrWithKernel()), txIfName());
     }
-    sendEnded(fd, error);
+    if (!fd) {
+        return EBADF;
+    }
+    TxHead head;
+    const int error =
+        ipTxHeadIs(&head, fd->descriptor(), txSettings(), Port(), /*connected=*/false);
+    return error != 0 ? error : sendPkt(fd->descriptor(), head, pkt, *family_.trace);
 }
 
 uint32_t RawIpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
@@ -47,7 +58,13 @@ uint32_t RawIpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
     self.txErrnoIs(0);
     const auto count = static_cast<uint32_t>(pkts.size());
     TxResult result{0, count, count, EBADF};
-    if (fd) {
+    if (self.transport_) {
+        result.error = self.addressError();
+        if (result.error == 0) {
+            result = self.transport_->sendEach(pkts, self.txInfo(self.sendsIpHdrWithKernel()),
+                                               self.txIfName());
+        }
+    } else if (fd) {
         TxHead head;
         result.error = ipTxHeadIs(&head, fd->descriptor(), self.txSettings(), Port(),
                                   /*connected=*/false);
@@ -59,9 +76,12 @@ uint32_t RawIpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
 }
 
 void RawIpPam::tapTx(const Pkt& pkt, bool isIpHdrWithKernel) const {
-    if (!tap()) {
-        return;
+    if (tap()) {
+        tap()->handleTxPkt(*this, pkt, txInfo(isIpHdrWithKernel));
     }
+}
+
+TxInfo RawIpPam::txInfo(bool isIpHdrWithKernel) const {
     TxInfo info;
     info.srcIpAddr = txSrcIpAddr();
     info.dstIpAddr = txDstIpAddr();
@@ -71,7 +91,7 @@ void RawIpPam::tapTx(const Pkt& pkt, bool isIpHdrWithKernel) const {
     info.isIpHdrWithKernel = isIpHdrWithKernel;
     info.protocol = protocol();
     info.hasRouterAlert = isIpHdrWithKernel && ipPktOption(ipPktRouterAlert);
-    tap()->handleTxPkt(*this, pkt, info);
+    return info;
 }
 
 void RawIpPam::sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, int error) {

@@ -14,6 +14,7 @@
 #include "Pavo/base/FirstException.h"
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpOptions.h"
+#include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/IpTx.h"
 #include "Pavo/pam/PktReceiver.h"
 #include "Pavo/pam/SocketOptions.h"
@@ -157,22 +158,35 @@ void UdpPam::enabledIs(bool enabled) {
     }
 }
 
+void UdpPam::transportIs(std::unique_ptr<IpTransport> transport) {
+    Mox::require(!enabled_, "!enabled()");
+    transport_ = std::move(transport);
+}
+
 void UdpPam::open() {
-    Mox::require(Mox::EventLoop::current() != nullptr,
+    Mox::require(transport_ || Mox::EventLoop::current() != nullptr,
                  "EventLoop::current(): enabling needs an event loop on this thread");
     const AddressFamily af = localAddr_.af() != ipunknown ? localAddr_.af() : remoteAddr_.af();
     if (af == ipunknown) {
         throw Mox::ErrnoException(EAFNOSUPPORT, "socketAt");
     }
     family_ = af == ipv4 ? &ip4Family() : &ip6Family();
+    if (transport_) {
+        boundPort_ = transport_->open(af, &socket_);
+    } else {
+        openSocket();
+    }
+    peer_ = mode_ == Mode::client ? remote() : IpGenAddrAndPort();
+}
+
+void UdpPam::openSocket() {
     const int fd = socketAt(family_->names().domain, SOCK_DGRAM, 0, netNs_.value().c_str());
     if (fd < 0) {
         Mox::throwErrnoException("socketAt");
     }
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
     configureSocket(tableOf(*family_), socketSettings(), fd);
-    const bool isClient = mode_ == Mode::client;
-    if (isClient) {
+    if (mode_ == Mode::client) {
         connectTo(fd);
     } else {
         bindTo(fd);
@@ -184,7 +198,6 @@ void UdpPam::open() {
     descriptor->nonBlockingIs(true);
     receiver_->formatIs(*family_);
     boundPort_ = bound.port();
-    peer_ = isClient ? remote() : IpGenAddrAndPort();
     maxSegmentBytes_ = 0xffff;
     socket_.fileDescIs(descriptor);
 }
@@ -227,6 +240,9 @@ void UdpPam::start() {
 
 void UdpPam::cleanup() {
     socket_.close();
+    if (transport_) {
+        transport_->close();
+    }
     boundPort_ = 0;
     peer_ = IpGenAddrAndPort();
     attributeIs(enabled_, false, enabledAttr);
@@ -360,24 +376,32 @@ void UdpPam::remoteIs(const IpGenAddrAndPort& remote) {
     }
 }
 
-void UdpPam::doJoinMcastGroup(uint32_t ifIndex, const IpGenAddr& group) {
+void UdpPam::membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr* source,
+                          bool member) {
     Mox::require(enabled_, "enabled()");
-    family_->membershipIs(socket_.number(), ifIndex, group, /*member=*/true);
+    if (transport_) {
+        transport_->membershipIs(ifIndex, group, source, member);
+    } else if (source == nullptr) {
+        family_->membershipIs(socket_.number(), ifIndex, group, member);
+    } else {
+        family_->membershipIs(socket_.number(), ifIndex, group, *source, member);
+    }
+}
+
+void UdpPam::doJoinMcastGroup(uint32_t ifIndex, const IpGenAddr& group) {
+    membershipIs(ifIndex, group, nullptr, /*member=*/true);
 }
 
 void UdpPam::doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group) {
-    Mox::require(enabled_, "enabled()");
-    family_->membershipIs(socket_.number(), ifIndex, group, /*member=*/false);
+    membershipIs(ifIndex, group, nullptr, /*member=*/false);
 }
 
 void UdpPam::doJoinMcastGroup(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr& source) {
-    Mox::require(enabled_, "enabled()");
-    family_->membershipIs(socket_.number(), ifIndex, group, source, /*member=*/true);
+    membershipIs(ifIndex, group, &source, /*member=*/true);
 }
 
 void UdpPam::doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr& source) {
-    Mox::require(enabled_, "enabled()");
-    family_->membershipIs(socket_.number(), ifIndex, group, source, /*member=*/false);
+    membershipIs(ifIndex, group, &source, /*member=*/false);
 }
 
 Mox::Ptr<UdpPam> udpPamFactory(Mox::String name, NamespaceName netNs) {

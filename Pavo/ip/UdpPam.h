@@ -28,8 +28,11 @@ struct IpTxSettings;
 struct RxSettings;
 struct SocketSettings;
 struct TxHead;
+struct TxInfo;
 struct TxResult;
 class IpFamily;
+class IpHost;
+class IpTransport;
 class PktReceiver;
 
 /// A UDP endpoint of either family on a Linux socket (udp(7)). A packet is what one datagram
@@ -311,14 +314,20 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     ~UdpPam() override;
 
   private:
+    friend class IpHost;
+
     static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
 
     SocketSettings socketSettings() const;
+    void transportIs(std::unique_ptr<IpTransport> transport);
     void open();
+    void openSocket();
     void bindTo(int fd) const;
     void connectTo(int fd) const;
     void start();
     void cleanup();
+    void membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr* source,
+                      bool member);
     template <class Field, class Apply>
     bool applied(Field& field, Field value, Apply apply);
 
@@ -329,6 +338,8 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
 
     IpTxSettings txSettings() const;
     int txHeadIs(TxHead* head, int fd) const;
+    TxInfo txInfo() const;
+    int send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt);
     void tapTx(const Pkt& pkt) const;
     TxResult sendRun(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> run);
     TxResult sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts);
@@ -368,7 +379,8 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     uint64_t rxPktCount_ = 0;
     const IpFamily* family_ = nullptr;  // Of the socket that was opened last.
     std::unique_ptr<PktReceiver> receiver_;
-    PamSocket socket_;  // Last, so that it is closed first.
+    std::unique_ptr<IpTransport> transport_;  // In place of a socket, where there is one.
+    PamSocket socket_;                        // Last, so that it is closed first.
 };
 
 constexpr auto enumDescription(UdpPam::Mode) {

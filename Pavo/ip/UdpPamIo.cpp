@@ -10,6 +10,7 @@
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
 #include "Pavo/ip/IpFamily.h"
+#include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/IpTx.h"
 #include "Pavo/ip/UdpPam.h"
 #include "Pavo/pam/PktReceiver.h"
@@ -112,7 +113,8 @@ const std::vector<QueuedError>& UdpPam::queuedErrors() const {
 void UdpPam::readSingle() {
     Mox::Ptr<Pkt> pkt;
     RxInfo info = newRxInfo();
-    const RxRound round = receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
+    const RxRound round = transport_ ? transport_->readOne(&socket_, rxSettings(), &pkt, &info)
+                                     : receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
     if (!round.wasTried) {
         return;
     }
@@ -129,7 +131,9 @@ int32_t UdpPam::readBulk() {
         return 0;
     }
     std::unique_ptr<RxBatch> batch =
-        receiver_->readBatch(&socket_, rxSettings(), newRxInfo(), savedPacket(), bulkSlots_);
+        transport_
+            ? transport_->readBatch(&socket_, rxSettings(), newRxInfo(), bulkSlots_)
+            : receiver_->readBatch(&socket_, rxSettings(), newRxInfo(), savedPacket(), bulkSlots_);
     if (!batch) {
         slotsReceivedNone();
         return 0;
@@ -162,17 +166,26 @@ void UdpPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc();
     tapTx(*pkt);
     txErrnoIs(0);
-    int error = EBADF;
-    if (fd) {
-        TxHead head;
-        error = txHeadIs(&head, fd->descriptor());
-        error = error != 0 ? error : sendPkt(fd->descriptor(), head, *pkt, receiver_->trace());
-    }
+    const int error = send(fd, *pkt);
     if (error == 0) {
         txPktCountInc(1);
     } else {
         countSent(this, fd, {0, 1, 1, error}, receiver_->trace());
     }
+}
+
+// Returns 0, or why the packet was not sent, as an `errno`.
+int UdpPam::send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt) {
+    if (transport_) {
+        const int error = ipTxAddressError(txSettings());
+        return error != 0 ? error : transport_->send(pkt, txInfo(), txIfName_);
+    }
+    if (!fd) {
+        return EBADF;
+    }
+    TxHead head;
+    const int error = txHeadIs(&head, fd->descriptor());
+    return error != 0 ? error : sendPkt(fd->descriptor(), head, pkt, receiver_->trace());
 }
 
 uint32_t UdpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
@@ -185,7 +198,12 @@ uint32_t UdpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
     self.txErrnoIs(0);
     const auto count = static_cast<uint32_t>(pkts.size());
     TxResult result{0, count, count, EBADF};
-    if (fd) {
+    if (self.transport_) {
+        result.error = ipTxAddressError(self.txSettings());
+        if (result.error == 0) {
+            result = self.transport_->sendEach(pkts, self.txInfo(), self.txIfName_);
+        }
+    } else if (fd) {
         TxHead head;
         result.error = self.txHeadIs(&head, fd->descriptor());
         if (result.error == 0) {
@@ -234,9 +252,12 @@ TxResult UdpPam::sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
 }
 
 void UdpPam::tapTx(const Pkt& pkt) const {
-    if (!tap()) {
-        return;
+    if (tap()) {
+        tap()->handleTxPkt(*this, pkt, txInfo());
     }
+}
+
+TxInfo UdpPam::txInfo() const {
     const bool isConnected = peer_.address().af() != ipunknown;
     TxInfo info;
     info.srcIpAddr = txSrcIpAddr_.address().isZero() ? localAddr_ : txSrcIpAddr_;
@@ -249,7 +270,7 @@ void UdpPam::tapTx(const Pkt& pkt) const {
     info.isIpHdrWithKernel = true;
     info.isUdpHdrWithKernel = true;
     info.protocol = IpProtocolNumber::udp;
-    tap()->handleTxPkt(*this, pkt, info);
+    return info;
 }
 
 }  // namespace Pavo

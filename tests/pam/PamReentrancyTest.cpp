@@ -1,5 +1,6 @@
 /// @file
-/// Random programs of endpoints on sockets of both families, whose observers act.
+/// Random programs of endpoints of both families, on sockets and on a host inside the process, and
+/// of a multiplexer. All observers act.
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -10,7 +11,9 @@
 #include "Pavo/BuildPkt.h"
 #include "Pavo/EthDevPam.h"
 #include "Pavo/Ip6SocketPam.h"
+#include "Pavo/IpHost.h"
 #include "Pavo/IpSocketPam.h"
+#include "Pavo/PamMux.h"
 #include "Pavo/RawTxPam.h"
 #include "Pavo/TapPam.h"
 #include "Pavo/UdpPam.h"
@@ -78,6 +81,9 @@ struct End {
         return (rxFlagsOf(*pam) & MSG_OOB) == 0 && (!pam->enableBulkRead() || slots != 0);
     }
     bool hasData() const {
+        if (!pam->fileDesc()) {
+            return false;  // A host does not say.
+        }
         pollfd ready{pam->fileDesc()->descriptor(), POLLIN, 0};
         return poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0;
     }
@@ -91,7 +97,7 @@ struct End {
     uint32_t reports = 0;    // What `readableCount` has to reach.
 };
 
-template <class Endpoint>
+template <class Endpoint, bool isOnHost>
 struct World : PavoTest::RandomProgram {
     using RandomProgram::RandomProgram;
     using RawEnd = End<Endpoint>;
@@ -101,7 +107,7 @@ struct World : PavoTest::RandomProgram {
     ~World() { raws.clear(); }
 
     static IpGenAddr self(bool six) { return addr(six ? "::1" : "127.0.0.1"); }
-    static Ptr<Endpoint> newRaw(bool six) {
+    Ptr<Endpoint> newRaw(bool six) {
         Ptr<Endpoint> pam;
         if constexpr (isUdp) {
             pam = udpPamFactory("udp");
@@ -124,8 +130,19 @@ struct World : PavoTest::RandomProgram {
                       : Ptr<RawIpPam>(ipSocketPamFactory("four", protocol, {}));
             pam->txDstIpAddrIs(self(six));
         }
+        isOnHost ? (void)host->attach(pam) : void();
         pam->enabledIs(true);
         return pam;
+    }
+    void advance() { isOnHost ? clock.advance(0.002) : (void)loop.turn(0); }
+    void settleAll() {
+        if (!isOnHost) {
+            settle(loop, [this] { return missing(); });
+            return;
+        }
+        clock.advance(1);
+        EXPECT_STREQ(missing(), nullptr) << "was not announced";
+        EXPECT_EQ(clock.nextExpiry(), Mox::Clock::idle) << "the clock is kept busy";
     }
     // Has an endpoint until it is dropped.
     std::shared_ptr<RawEnd> anyRaw() {
@@ -133,7 +150,8 @@ struct World : PavoTest::RandomProgram {
             RawEnd* raw = raws.emplace_back(std::make_shared<RawEnd>()).get();
             raw->pam = newRaw(oneIn(2));
             const auto notified = [this, raw, pam = raw->pam.ptr()](const Change& change) {
-                EXPECT_EQ(pam->enabled(), pam->fileDesc() != nullptr) << "it is half changed";
+                EXPECT_TRUE(isOnHost || pam->enabled() == (pam->fileDesc() != nullptr))
+                    << "it is half changed";
                 if (change.is(Pam::readableCountAttr)) {
                     raw->hasTried = false;
                     isAtRest ? readRaw(*raw, pam->enableBulkRead()) : void();
@@ -195,7 +213,7 @@ struct World : PavoTest::RandomProgram {
     std::vector<Actions> kinds();
     void run() {
         perform(
-            kinds(), [this] { loop.turn(0); }, [this] { checkAtRest(); });
+            kinds(), [this] { advance(); }, [this] { checkAtRest(); });
     }
     void checkAtRest();
     const char* missing() const;
@@ -203,13 +221,16 @@ struct World : PavoTest::RandomProgram {
     // Last, after the endpoints have passed their descriptors on.
     const std::unique_ptr<void, void (*)(void*)> closed{this, [](void*) { deferCloseWait(); }};
     Mox::EventLoop loop;
+    Mox::ManualClock clock;
+    const Ptr<PamConnector> link = pamConnectorFactory(&clock);
+    const Ptr<IpHost> host = ipHostFactory("host", link->pam("pam0"), &clock);
     const Ptr<Endpoint> senders[2] = {newRaw(false), newRaw(true)};
     std::vector<std::shared_ptr<RawEnd>> raws;
     bool isAtRest = false;  // Only readers act: they read once when they are notified.
 };
 
-template <class Endpoint>
-std::vector<PavoTest::RandomProgram::Actions> World<Endpoint>::kinds() {
+template <class Endpoint, bool isOnHost>
+std::vector<PavoTest::RandomProgram::Actions> World<Endpoint, isOnHost>::kinds() {
     const auto raw = [this](auto act) {
         return [=, this] {
             const std::shared_ptr<RawEnd> each = anyRaw();
@@ -229,8 +250,8 @@ std::vector<PavoTest::RandomProgram::Actions> World<Endpoint>::kinds() {
     }};
 }
 
-template <class Endpoint>
-void World<Endpoint>::checkAtRest() {
+template <class Endpoint, bool isOnHost>
+void World<Endpoint, isOnHost>::checkAtRest() {
     print("at rest");
     isAtRest = true;
     for (const auto& each : raws) {
@@ -238,20 +259,20 @@ void World<Endpoint>::checkAtRest() {
             readRaw(*each, each->pam->enableBulkRead());  // Else it would not be reported.
         }
     }
-    settle(loop, [this] { return missing(); });
+    settleAll();
     for (const auto& each : raws) {
         each->reports = each->pam->enabled() ? each->pam->readableCount() + 1 : 0;
     }
     for (const Ptr<Endpoint>& sender : senders) {
         sendTo(*sender);
     }
-    settle(loop, [this] { return missing(); });
+    settleAll();
     isAtRest = false;
 }
 
 // What has arrived and should have been announced, or null.
-template <class Endpoint>
-const char* World<Endpoint>::missing() const {
+template <class Endpoint, bool isOnHost>
+const char* World<Endpoint, isOnHost>::missing() const {
     for (const auto& each : raws) {
         if (each->pam->readableCount() < each->reports) {
             return "a new packet";
@@ -263,16 +284,148 @@ const char* World<Endpoint>::missing() const {
     return nullptr;
 }
 
+// A multiplexer over an endpoint of a host.
+struct MuxWorld : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
+    struct Client {
+        Ptr<PamMuxPam> pam;
+        Watch<PamMuxPam> watch;
+    };
+    static constexpr uint16_t port = 7;
+
+    Ptr<UdpPam> newEnd(uint16_t local) {
+        const auto pam = host->attach(udpPamFactory("udp"));
+        pam->localAddrIs(addr("127.0.0.1"));
+        pam->localPortIs(local);
+        pam->remoteIs({addr("127.0.0.1"), port});
+        pam->enabledIs(true);
+        return pam;
+    }
+    // Is made again after it was dropped.
+    Ptr<PamMux> anyMux() {
+        Ptr<PamMux> held = mux;
+        if (!held) {
+            mux = held = pamMuxFactory("mux", lower, &clock, CaptureLinkType::rawIp);
+            watch = {held, Mox::allAttributes, [this](const Change&) { respond(); }};
+            held->enabledIs(true);  // An observer may drop it.
+        }
+        return held;
+    }
+    void dropMux() {
+        watch = {};
+        mux = nullptr;
+    }
+    PamMuxMatch anyMatch() {
+        switch (below(4)) {
+            case 0:
+                return PamMuxMatch::udpPort(port);
+            case 1:
+                return PamMuxMatch::ipProtocol(IpProtocolNumber::udp);
+            case 2:
+                return PamMuxMatch::all();
+            default:
+                return PamMuxMatch::function([this](const Ptr<Pkt>&, const RxInfo&) {
+                    return oneIn(3) && !isAtRest ? throw Thrown() : oneIn(2);
+                });
+        }
+    }
+    void addClient() {
+        const auto pam = anyMux()->clientIs(std::to_string(below(4)), anyMatch());
+        const auto notified = [this, pam = pam.ptr()](const Change& change) {
+            if (isAtRest && change.is(Pam::readableCountAttr)) {
+                pam->rxPkt();
+            }
+            respond();
+        };
+        clients.push_back(std::make_shared<Client>());
+        clients.back()->pam = pam;
+        clients.back()->watch = {pam, Mox::allAttributes, notified};
+    }
+    std::shared_ptr<Client> anyClient() {
+        if (clients.empty()) {
+            addClient();
+        }
+        return any(clients);
+    }
+    void forgetClient() {
+        const auto gone = anyClient();
+        std::erase(clients, gone);
+    }
+
+    std::vector<Actions> kinds() {
+        const auto client = [this](auto act) { return [=, this] { act(*Ptr(anyClient()->pam)); }; };
+        return {{
+            {"arrive", [this] { sender->txPktIs(pktOf("a packet")); }},
+            {"read", client([](auto& pam) { pam.rxPkt(); })},
+            {"read batch", client([](auto& pam) { pam.rxPktBulk(); })},
+            {"send", client([](auto& pam) { pam.txPktIs(pktOf("a packet")); })},
+            {"send batch", client([](auto& pam) { pam.txPktsIs(std::vector(3, pktOf("x"))); })},
+            {"add", [this] { addClient(); }},
+            {"delete", [this] { anyMux()->clientDel(std::to_string(below(4))); }},
+            {"forget", [this] { forgetClient(); }},
+            {"place", client([this](auto& pam) { pam.placeIs(static_cast<int>(below(3))); })},
+            {"copies", client([this](auto& pam) { pam.takesCopiesIs(!oneIn(3)); })},
+            {"limit", client([this](auto& pam) { pam.maxWaitingIs(below(4)); })},
+            {"enable", [this] { anyMux()->enabledIs(!oneIn(4)); }},
+            {"bulk", [this] { lower->enableBulkReadIs(oneIn(2)); }},
+            {"drop", [this] { dropMux(); }},
+        }};
+    }
+    void run() {
+        perform(
+            kinds(), [this] { clock.advance(0.002); }, [this] { checkAtRest(); });
+    }
+    // Whoever waits and reads one packet for each report receives all.
+    void checkAtRest() {
+        print("at rest");
+        isAtRest = true;
+        for (int packets = 0; packets < 3; ++packets) {
+            sender->txPktIs(pktOf("a packet"));
+        }
+        for (const auto& each : clients) {
+            each->pam->rxPkt();  // Else it would not be reported.
+        }
+        clock.advance(1);
+        for (const auto& each : clients) {
+            const bool isServed = each->pam->mux() != nullptr && each->pam->mux()->enabled();
+            EXPECT_TRUE(!isServed || each->pam->waiting() == 0) << "was not announced";
+        }
+        EXPECT_EQ(clock.nextExpiry(), Mox::Clock::idle) << "the clock is kept busy";
+        isAtRest = false;
+    }
+
+    Mox::ManualClock clock;
+    const Ptr<PamConnector> link = pamConnectorFactory(&clock);
+    const Ptr<IpHost> host = ipHostFactory("host", link->pam("pam0"), &clock);
+    const Ptr<UdpPam> lower = newEnd(port);
+    const Ptr<UdpPam> sender = newEnd(0);
+    Ptr<PamMux> mux;
+    Watch<PamMux> watch;
+    std::vector<std::shared_ptr<Client>> clients;
+    bool isAtRest = false;
+};
+
 using PamReentrancy = PavoTest::SandboxTest;
 
 TEST_F(PamReentrancy, ObserversOfEndpointsMayDoAnything) {
     (void)globalPktManager();  // Lives from now on.
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam>>);
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam, false>>);
 }
 
 TEST_F(PamReentrancy, ObserversOfUdpEndpointsMayDoAnything) {
     (void)globalPktManager();
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam>>);
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam, false>>);
+}
+
+TEST_F(PamReentrancy, ObserversOfEndpointsOnAHostMayDoAnything) {
+    (void)globalPktManager();
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam, true>>);
+    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam, true>>);
+}
+
+TEST_F(PamReentrancy, ObserversOfMultiplexersMayDoAnything) {
+    (void)globalPktManager();
+    PavoTest::runPrograms(2000, PavoTest::runProgram<MuxWorld>);
 }
 
 TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {

@@ -1,0 +1,42 @@
+#include "Pavo/ip/IpTransport.h"
+
+namespace Pavo {
+
+TxResult IpTransport::sendEach(std::span<const Mox::Ptr<Pkt>> pkts, const TxInfo& info,
+                               const Mox::String& ifName) {
+    TxResult result;
+    for (const Mox::Ptr<Pkt>& each : pkts) {
+        const int error = send(*each, info, ifName);
+        ++(error == 0 ? result.sent : result.failed);
+        ++result.taken;
+        result.error = error != 0 ? error : result.error;
+    }
+    return result;
+}
+
+std::unique_ptr<RxBatch> IpTransport::readBatch(PamSocket* socket, const RxSettings& settings,
+                                                const RxInfo& first, uint32_t count) {
+    if (count == 0) {
+        socket->readEnded(PamSocket::ReadEnd::failed);
+        return nullptr;
+    }
+    auto batch = std::make_unique<RxBatch>(count);
+    RxRound& all = batch->round;
+    all.wasTried = true;
+    while (all.packets < count) {
+        const uint32_t slot = all.packets;
+        batch->infos[slot] = first;
+        const RxRound one = readOne(socket, settings, &batch->pkts[slot], &batch->infos[slot]);
+        if (one.error != 0 || !one.wasTried) {
+            all.error = slot == 0 ? one.error : 0;
+            break;
+        }
+        ++all.packets;
+        all.carried = one.carried;
+        all.truncated += one.truncated;
+        all.drops += one.drops;
+    }
+    return batch;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,302 @@
+// Hosts inside the process, compared with the kernel: random programs run on endpoints of two
+// namespaces and on those of two hosts.
+#include "Pavo/IpHost.h"
+
+#include <fstream>
+#include <random>
+#include <type_traits>
+
+#include "Pavo/BpfFilter.h"
+#include "Pavo/Ip6SocketPam.h"
+#include "Pavo/IpSocketPam.h"
+#include "pam/PamFixture.h"
+#include "support/Seeds.h"
+
+namespace Pavo {
+namespace {
+
+using Mox::Ptr;
+
+// One endpoint on a socket, and its counterpart on a host.
+template <class Endpoint>
+struct Twin {
+    int side;
+    Ptr<Endpoint> real;
+    Ptr<Endpoint> sim;
+};
+
+template <class Endpoint>
+class TwinWorld {
+  public:
+    static constexpr bool isUdp = std::is_same_v<Endpoint, UdpPam>;
+
+    TwinWorld(uint32_t seed, const Wire& wire, Mox::EventLoop& loop)
+        : random_(seed), six_(oneIn(2)), loop_(loop) {
+        for (const int side : {0, 1}) {
+            index_[side] = wire.index(side == 0 ? "left" : "right");
+            hosts_[side] = ipHostFactory("host", link_->pam(side == 0 ? "pam0" : "pam1"), &clock_);
+            for (const char* text : {"192.0.2.", "2001:db8::", "fe80::"}) {
+                hosts_[side]->addressIs(addr((text + std::to_string(side + 1)).c_str()));
+            }
+        }
+    }
+
+    void run() {
+        for (int steps = 0; steps < 60 && !testing::Test::HasFailure(); ++steps) {
+            if (twins_.size() < 4 || oneIn(12)) {
+                twins_.push_back(newTwin());
+            }
+            Twin<Endpoint>& twin = twins_[below(twins_.size())];
+            const uint32_t action = below(12);
+            SCOPED_TRACE("step " + std::to_string(steps) + ", action " + std::to_string(action));
+            if (action == 0 && oneIn(4)) {
+                std::swap(twin, twins_.back());
+                twins_.pop_back();
+            } else if (twin.real->enabled() && action < 7) {
+                send(twin);
+            } else if (twin.real->enabled() && action < 9) {
+                join(twin);
+            } else if (action < 10) {
+                enable(twin);
+            } else {
+                configure(twin);
+            }
+            clock_.advance(0.01);
+            compareReceived();
+        }
+    }
+
+  private:
+    uint32_t below(std::size_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    bool oneIn(uint32_t chances) { return below(chances) == 0; }
+    IpGenAddr pick(const char* four, const char* six) const { return addr(six_ ? six : four); }
+    IpGenAddr host(int side) const {
+        return side == 0 ? pick("192.0.2.1", "2001:db8::1") : pick("192.0.2.2", "2001:db8::2");
+    }
+    IpGenAddr group() {
+        return oneIn(2) ? pick("239.1.1.1", "ff02::99") : pick("239.1.1.2", "ff05::7");
+    }
+    IpGenAddr anyAddress() {
+        switch (below(6)) {
+            case 0:
+                return group();
+            case 1:
+                return pick("127.0.0.1", "::1");
+            case 2:
+                return IpGenAddr(six_ ? ipv6 : ipv4);
+            default:
+                return host(static_cast<int>(below(2)));
+        }
+    }
+
+    Twin<Endpoint> newTwin() {
+        const int side = static_cast<int>(below(2));
+        const NamespaceName netNs(side == 0 ? "left" : "right");
+        const auto make = [&]() -> Ptr<Endpoint> {
+            constexpr IpProtocolNumber protocol = IpProtocolNumber::experiment1;
+            if constexpr (isUdp) {
+                return udpPamFactory("udp", netNs);
+            } else if (six_) {
+                return ip6SocketPamFactory("raw", protocol, netNs);
+            } else {
+                return ipSocketPamFactory("raw", protocol, netNs);
+            }
+        };
+        Twin<Endpoint> twin{side, make(), hosts_[side]->attach(make())};
+        both(twin, [&](auto& pam, uint32_t) {
+            if constexpr (isUdp) {
+                pam.localAddrIs(IpGenAddr(six_ ? ipv6 : ipv4));
+            }
+        });
+        configure(twin);
+        enable(twin);
+        return twin;
+    }
+    // What the two throw has to be the same. An action knows the index of the interface.
+    template <class Act>
+    void both(const Twin<Endpoint>& twin, Act act) {
+        const std::string expected = errorOf([&] { act(*twin.real, index_[twin.side]); });
+        EXPECT_EQ(errorOf([&] { act(*twin.sim, IpHost::ethIfIndex); }), expected) << of(twin);
+    }
+    static std::string of(const Twin<Endpoint>& twin) {
+        std::ostringstream out;
+        if constexpr (isUdp) {
+            out << twin.sim->mode() << " " << twin.sim->localAddr() << " to "
+                << twin.sim->remoteAddr() << " port " << twin.sim->boundPort() << " on '"
+                << twin.sim->device().c_str() << "'";
+        }
+        return out.str();
+    }
+
+    void configure(const Twin<Endpoint>& twin) {
+        uint32_t options = ipPktInfo | ipRecvDrops;
+        for (const uint32_t bit : {ipNoMulticastLoop, ipRecvOrigDstAddr, ipReuseAddr, ipBroadcast,
+                                   ipRecvTTL, ipRecvTOS}) {
+            options |= oneIn(3) ? bit : none;
+        }
+        const auto size = oneIn(3) ? 30 + below(20) : 1536;
+        const bool isBulk = oneIn(2);
+        const IpTtl ttl = oneIn(2) ? 0u : 200 + below(50);
+        const IpTtl groupTtl = oneIn(2) ? 0u : 1 + below(254);
+        const IpDscp tos = 4 * below(64);
+        const IpTtl minTtl = oneIn(3) ? 220u : 0u;
+        const uint16_t port = oneIn(4) ? 0 : static_cast<uint16_t>(5000 + below(3));
+        const IpGenAddr local = anyAddress();
+        const bool isClient = oneIn(3);
+        const bool hasDevice = !isClient && oneIn(4);
+        const IpGenAddr remote = anyAddress();
+        both(twin, [&](auto& pam, uint32_t eth) {
+            pam.optionsIs(options);
+            pam.maxRxPktDataIs(size);
+            pam.enableBulkReadIs(isBulk);
+            if constexpr (isUdp) {
+                pam.txTtlIs(ttl);
+                pam.txMcastTtlIs(groupTtl);
+                pam.txTosIs(tos);
+                pam.txMcastIfIndexIs(eth);
+                pam.rxMinTtlIs(minTtl);
+                pam.deviceIs(!hasDevice                                            ? ""
+                             : eth == IpHost::ethIfIndex && &pam == twin.sim.ptr() ? "eth0"
+                             : twin.side == 0                                      ? "veth-left"
+                                                                                   : "veth-right");
+                pam.localAddrIs(local);
+                pam.localPortIs(port);
+                pam.modeIs(isClient ? UdpPam::Mode::client : UdpPam::Mode::server);
+                pam.remoteIs({remote, 5001});
+            } else {
+                pam.txTOSIs(tos);
+                pam.txTTLIs(ttl);
+                pam.ipPktOptionIs(ipPktRouterAlert, !six_ && minTtl != IpTtl());
+            }
+        });
+    }
+    void enable(const Twin<Endpoint>& twin) {
+        const bool enables = !twin.real->enabled();
+        both(twin, [&](auto& pam, uint32_t) { pam.enabledIs(enables); });
+    }
+    void join(const Twin<Endpoint>& twin) {
+        const IpGenAddr chosen = group();
+        const IpGenAddr source = host(static_cast<int>(below(2)));
+        const bool hasSource = isUdp && oneIn(3);
+        const bool joins = !oneIn(3);
+        both(twin, [&](auto& pam, uint32_t eth) {
+            if constexpr (isUdp) {
+                if (hasSource) {
+                    joins ? pam.doJoinMcastGroup(eth, chosen, source)
+                          : pam.doLeaveMcastGroup(eth, chosen, source);
+                    return;
+                }
+            }
+            joins ? pam.doJoinMcastGroup(eth, chosen) : pam.doLeaveMcastGroup(eth, chosen);
+        });
+    }
+    void send(const Twin<Endpoint>& twin) {
+        const std::string text(oneIn(6) ? 0 : below(60), static_cast<char>('a' + below(26)));
+        const IpGenAddr to = anyAddress();
+        const IpGenAddr from = oneIn(3) ? host(oneIn(4) ? 1 - twin.side : twin.side) : IpGenAddr();
+        const auto port = static_cast<uint16_t>(5000 + below(3));
+        const bool isNamed = !isUdp && to.isMulticast();
+        const auto sendTo = [&](Endpoint& pam, uint32_t eth) {
+            pam.txSrcIpAddrIs(from);
+            pam.txIfIndexIs(isNamed ? eth : 0);
+            if constexpr (isUdp) {
+                pam.remoteIs({to, port});
+            } else {
+                pam.txDstIpAddrIs(to);
+            }
+            const Ptr<Pkt> pkt = pktOf(text);
+            pam.txPktIs(pkt);
+            EXPECT_EQ(pkt->stringValue(), text.c_str());
+        };
+        sendTo(*twin.real, index_[twin.side]);
+        sendTo(*twin.sim, IpHost::ethIfIndex);
+        EXPECT_EQ(twin.sim->txErrno(), twin.real->txErrno())
+            << of(twin) << ", to " << to << " port " << port << " from " << from;
+    }
+
+    static std::string describe(const Pkt& pkt, const RxInfo& info, uint32_t eth) {
+        const uint32_t ifIndex = info.ifIndex == eth ? IpHost::ethIfIndex : info.ifIndex;
+        std::string bytes(pkt.stringValue());
+        if (!isUdp && bytes[0] >> 4 == 4) {  // The identification is any, and so the checksum.
+            for (const std::size_t i : {4, 5, 10, 11}) {
+                bytes[i] = '-';
+            }
+        }
+        return bytes + " " +
+               textOf(info.srcIpAddr, info.dstIpAddr, info.origDstIpAddr, ifIndex, info.tos,
+                      info.ttl) +
+               (isUdp ? " " + std::to_string(info.dstPort.value()) : "") +
+               (info.truncated ? " truncated" : "");
+    }
+    // A failed read, such as of an error, does not end it.
+    static void read(Endpoint& pam, uint32_t eth, Texts* texts) {
+        for (int failed = 0; failed < 2;) {
+            const std::size_t before = texts->size();
+            if (pam.enableBulkRead()) {
+                const auto packets = static_cast<uint32_t>(pam.rxPktBulk());
+                for (uint32_t slot = 0; slot < packets; ++slot) {
+                    texts->push_back(describe(*pam.savedPacket(slot), pam.rxInfo(slot), eth));
+                }
+            } else if (const Ptr<Pkt> pkt = pam.rxPkt()) {
+                texts->push_back(describe(*pkt, pam.rxInfo(), eth));
+            }
+            failed += texts->size() == before ? 1 : 0;
+        }
+    }
+    void compareReceived() {
+        for (const Twin<Endpoint>& twin : twins_) {
+            if (!twin.real->enabled()) {
+                continue;
+            }
+            Texts expected, received;
+            read(*twin.sim, IpHost::ethIfIndex, &received);
+            for (int turns = 0; turns < 20; ++turns) {
+                read(*twin.real, index_[twin.side], &expected);
+                if (expected.size() >= received.size()) {
+                    break;
+                }
+                loop_.turn(0.05);
+            }
+            EXPECT_EQ(received, expected) << of(twin);
+            EXPECT_EQ(twin.sim->rxTruncatedPkts(), twin.real->rxTruncatedPkts());
+        }
+    }
+
+    std::mt19937 random_;
+    bool six_;
+    Mox::EventLoop& loop_;
+    Mox::ManualClock clock_;
+    Ptr<PamConnector> link_ = pamConnectorFactory(&clock_);
+    Ptr<IpHost> hosts_[2];
+    uint32_t index_[2];
+    std::vector<Twin<Endpoint>> twins_;
+};
+
+class IpHostTest : public PamFixture {
+  protected:
+    template <class Endpoint>
+    void runTwins() {
+        const Wire wire;
+        for (const char* netNs : {"left", "right"}) {  // Every error is sent.
+            const ScopedNetNs inside(netNs);
+            for (const char* file : {"ipv4/icmp_ratelimit", "ipv6/icmp/ratelimit"}) {
+                std::ofstream(std::string("/proc/sys/net/") + file) << 0;
+            }
+        }
+        for (const uint32_t seed : PavoTest::Seeds(200)) {
+            SCOPED_TRACE(seed);
+            TwinWorld<Endpoint>(seed, wire, loop_).run();
+        }
+    }
+};
+
+TEST_F(IpHostTest, UdpEndpointsDoWhatTheKernelDoes) {
+    runTwins<UdpPam>();
+}
+
+TEST_F(IpHostTest, RawEndpointsDoWhatTheKernelDoes) {
+    runTwins<RawIpPam>();
+}
+
+}  // namespace
+}  // namespace Pavo
