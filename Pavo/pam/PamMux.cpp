@@ -82,9 +82,10 @@ bool PamMuxPam::hasRoom() {
     return false;
 }
 
-PamMuxPam::Waiting PamMuxPam::take() {
+// Removes the first packet that waits, which was moved out.
+void PamMuxPam::firstDel() {
     constexpr std::size_t manyTaken = 64;
-    Waiting first = std::move(waiting_[firstWaiting_++]);
+    ++firstWaiting_;
     if (firstWaiting_ == waiting_.size()) {
         waitingDel();
     } else if (firstWaiting_ >= manyTaken && firstWaiting_ * 2 >= waiting_.size()) {
@@ -92,7 +93,6 @@ PamMuxPam::Waiting PamMuxPam::take() {
                        waiting_.begin() + static_cast<std::ptrdiff_t>(firstWaiting_));
         firstWaiting_ = 0;
     }
-    return first;
 }
 
 void PamMuxPam::waitingDel() {
@@ -112,8 +112,9 @@ void PamMuxPam::doGetRxPkt() {
     if (waiting() == 0) {
         rxPktIs(nullptr);
     } else {
-        Waiting first = take();
+        Waiting& first = waiting_[firstWaiting_];
         rxPktIs(std::move(first.pkt), first.info);
+        firstDel();
     }
     readTried(true);
 }
@@ -125,9 +126,10 @@ int32_t PamMuxPam::doGetBulkRxPkt() {
     std::vector<Mox::Ptr<Pkt>> pkts;
     std::vector<RxInfo> infos;
     while (waiting() != 0 && pkts.size() < std::max(bulkReadLimit_, 1u)) {
-        Waiting first = take();
+        Waiting& first = waiting_[firstWaiting_];
         pkts.push_back(std::move(first.pkt));
         infos.push_back(first.info);
+        firstDel();
     }
     readTried(true);
     if (infos.empty()) {

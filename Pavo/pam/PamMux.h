@@ -102,7 +102,7 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     uint32_t send(std::span<const Mox::Ptr<Pkt>> pkts);
     bool hasRoom();
     void add(Mox::Ptr<Pkt> pkt, const RxInfo& info) { waiting_.push_back({std::move(pkt), info}); }
-    Waiting take();
+    void firstDel();
     void waitingDel();
     void report();
 

@@ -167,12 +167,14 @@ PamMuxKeys pamMuxKeysOf(const Pkt& pkt, const RxInfo& info, CaptureLinkType link
 void PamMuxIndex::clientsAre(std::span<const Mox::Ptr<PamMuxPam>> clients) {
     keyed_.clear();
     functions_.clear();
+    std::fill(std::begin(hasNumber_), std::end(hasNumber_), false);
     uint32_t rank = 0;
     for (const Mox::Ptr<PamMuxPam>& each : clients) {
         const PamMuxMatch& match = each->match();
         if (match.function()) {
             functions_.push_back({0, rank++, each});
         } else {
+            hasNumber_[static_cast<std::size_t>(match.number())] = true;
             keyed_.push_back({PamMuxKeys::keyOf(match.number(), match.value()), rank++, each});
         }
     }
@@ -185,7 +187,7 @@ std::array<PamMuxIndex::Cursor, 3> PamMuxIndex::cursorsOf(const PamMuxKeys& keys
     std::array<Cursor, 3> cursors;
     for (std::size_t i = 0; i < cursors.size(); ++i) {
         const auto isBefore = [](const Entry& entry, uint32_t key) { return entry.key < key; };
-        cursors[i].key = keys.keys[i];
+        cursors[i].key = hasNumber_[i] ? keys.keys[i] : 0;
         if (cursors[i].key != 0) {
             cursors[i].next =
                 std::lower_bound(keyed_.begin(), keyed_.end(), cursors[i].key, isBefore);

@@ -81,8 +81,9 @@ class PamMuxIndex {
     static bool isMatch(const PamMuxPam& client, const Mox::Ptr<Pkt>& pkt, const RxInfo& info,
                         FirstException* exception);
 
-    Entries keyed_;      // By key, then by rank.
-    Entries functions_;  // By rank.
+    Entries keyed_;           // By key, then by rank.
+    Entries functions_;       // By rank.
+    bool hasNumber_[3] = {};  // Of a kind that clients look for.
     bool isMatching_ = false;
 };
 
