@@ -9,9 +9,7 @@
 #include <cstring>
 
 #include "Mox/Assert.h"
-#include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
-#include "Pavo/base/FirstException.h"
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpOptions.h"
 #include "Pavo/ip/IpTransport.h"
@@ -132,47 +130,37 @@ int kernelTtl(IpTtl ttl) {
 }  // namespace
 
 UdpPam::UdpPam(Mox::String name, NamespaceName netNs)
-    : EntityOf(std::move(name)),
-      netNs_(std::move(netNs)),
-      receiver_(std::make_unique<PktReceiver>(facility, "UdpPam")) {
+    : EntityOf(std::move(name), stepsOf<UdpPam>(), socketStepsOf<UdpPam>(), facility, "UdpPam"),
+      netNs_(std::move(netNs)) {
     tapsWhatItSendsIs(true);
-    batchSenderIs(sendBatch);
 }
 
 UdpPam::~UdpPam() = default;
 
-SocketSettings UdpPam::socketSettings() const {
-    return {*this, facility, family_, options_, rxFilter_, rxBuf_, priority_, txTos_};
-}
-
-void UdpPam::enabledIs(bool enabled) {
-    if (enabled == enabled_) {
-        return;
-    }
-    const Mox::Ptr<UdpPam> hold(this);  // An observer may drop the endpoint.
-    if (enabled) {
-        open();
-        start();
-    } else {
-        cleanup();
-    }
-}
-
 void UdpPam::transportIs(std::unique_ptr<IpTransport> transport) {
-    Mox::require(!enabled_, "!enabled()");
+    Mox::require(!enabled(), "!enabled()");
     transport_ = std::move(transport);
 }
 
+SocketOptionTable UdpPam::optionTable() const {
+    return tableOf(*family_);
+}
+
+SocketSettings UdpPam::socketSettings() const {
+    return {*this, facility, family_, options(), rxFilter_, rxBuf(), priority(), txTos_};
+}
+
 void UdpPam::open() {
-    Mox::require(transport_ || Mox::EventLoop::current() != nullptr,
-                 "EventLoop::current(): enabling needs an event loop on this thread");
+    if (!transport_) {
+        requireEventLoop();
+    }
     const AddressFamily af = localAddr_.af() != ipunknown ? localAddr_.af() : remoteAddr_.af();
     if (af == ipunknown) {
         throw Mox::ErrnoException(EAFNOSUPPORT, "socketAt");
     }
     family_ = af == ipv4 ? &ip4Family() : &ip6Family();
     if (transport_) {
-        boundPort_ = transport_->open(af, &socket_);
+        boundPort_ = transport_->open(af, &socket());
     } else {
         openSocket();
     }
@@ -185,7 +173,7 @@ void UdpPam::openSocket() {
         Mox::throwErrnoException("socketAt");
     }
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
-    configureSocket(tableOf(*family_), socketSettings(), fd);
+    configureSocket(optionTable(), socketSettings(), fd);
     if (mode_ == Mode::client) {
         connectTo(fd);
     } else {
@@ -196,10 +184,10 @@ void UdpPam::openSocket() {
         Mox::throwErrnoException("getsockname");
     }
     descriptor->nonBlockingIs(true);
-    receiver_->formatIs(*family_);
+    receiver().formatIs(*family_);
     boundPort_ = bound.port();
     maxSegmentBytes_ = 0xffff;
-    socket_.fileDescIs(descriptor);
+    socket().fileDescIs(descriptor);
 }
 
 void UdpPam::bindTo(int fd) const {
@@ -224,66 +212,16 @@ void UdpPam::connectTo(int fd) const {
     if (connect(fd, name.get(), name.length) < 0) {
         Mox::throwErrnoException("connect");
     }
-    filterIs(socketSettings(), fd, rxMinTtl_.value(), (options_ & ipAttachFilter) != 0);
+    filterIs(socketSettings(), fd, rxMinTtl_.value(), (options() & ipAttachFilter) != 0);
 }
 
-void UdpPam::start() {
-    try {
-        // Before the machine first increments the counts, on which agents read and write.
-        attributeIs(enabled_, true, enabledAttr);
-        socket_.watchFor(this);
-    } catch (...) {
-        cleanup();
-        throw;
-    }
-}
-
-void UdpPam::cleanup() {
-    socket_.close();
+void UdpPam::close() {
+    socket().close();
     if (transport_) {
         transport_->close();
     }
     boundPort_ = 0;
     peer_ = IpGenAddrAndPort();
-    attributeIs(enabled_, false, enabledAttr);
-}
-
-void UdpPam::optionsIs(uint32_t wanted) {
-    const Mox::Ptr<UdpPam> hold(this);
-    uint32_t reached = options_;
-    bool closes = false;
-    try {
-        if (socket_.isOpen()) {
-            changeSocketOptions(tableOf(*family_), socketSettings(), socket_.number(), wanted,
-                                &reached, &closes);
-        }
-    } catch (...) {
-        attributeIs(options_, reached, optionsAttr);
-        if (closes) {
-            cleanup();
-        }
-        throw;
-    }
-    attributeIs(options_, wanted, optionsAttr);
-}
-
-void UdpPam::enableBulkReadIs(bool enable) {
-    if (enable == enableBulkRead_) {
-        return;
-    }
-    const Mox::Ptr<UdpPam> hold(this);
-    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
-    enableBulkRead_ = enable;
-    bulkSlots_ = static_cast<uint8_t>(pkts.size());
-    socket_.readIsPossibleAgain();
-    if (enable) {
-        slotsFill(pkts);
-    } else {
-        slotsDelAll();
-    }
-    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
-        notify(enableBulkReadAttr);
-    }
 }
 
 void UdpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
@@ -294,7 +232,7 @@ void UdpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
 
 void UdpPam::rxFlagsIs(int flags) {
     if (changed(rxFlags_, flags)) {
-        socket_.readIsPossibleAgain();
+        socket().readIsPossibleAgain();
         notify(rxFlagsAttr);
     }
 }
@@ -304,8 +242,8 @@ void UdpPam::handleMode() {}
 void UdpPam::handleNetNs() {}
 
 void UdpPam::handleTxTos() {
-    if (socket_.isOpen()) {
-        socketTosIs(socketSettings(), socket_.number());
+    if (socket().isOpen()) {
+        socketTosIs(socketSettings(), socket().number());
     }
 }
 
@@ -325,16 +263,6 @@ void UdpPam::txTosIs(IpDscp tos) {
     if (handled(txTos_, tos, [this] { handleTxTos(); })) {
         notify(txTosAttr);
     }
-}
-
-// Sets an attribute, and lets `apply` change the socket while it is open.
-template <class Field, class Apply>
-bool UdpPam::applied(Field& field, Field value, Apply apply) {
-    return handled(field, value, [&] {
-        if (socket_.isOpen()) {
-            apply(socket_.number());
-        }
-    });
 }
 
 void UdpPam::txTtlIs(IpTtl ttl) {
@@ -357,7 +285,7 @@ void UdpPam::txMcastIfIndexIs(uint32_t ifIndex) {
 
 void UdpPam::rxMinTtlIs(IpTtl ttl) {
     const auto apply = [&](int fd) {
-        filterIs(socketSettings(), fd, ttl.value(), (options_ & ipAttachFilter) != 0);
+        filterIs(socketSettings(), fd, ttl.value(), (options() & ipAttachFilter) != 0);
     };
     if (applied(rxMinTtl_, ttl, apply)) {
         notify(rxMinTtlAttr);
@@ -378,13 +306,13 @@ void UdpPam::remoteIs(const IpGenAddrAndPort& remote) {
 
 void UdpPam::membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr* source,
                           bool member) {
-    Mox::require(enabled_, "enabled()");
+    Mox::require(enabled(), "enabled()");
     if (transport_) {
         transport_->membershipIs(ifIndex, group, source, member);
     } else if (source == nullptr) {
-        family_->membershipIs(socket_.number(), ifIndex, group, member);
+        family_->membershipIs(socket().number(), ifIndex, group, member);
     } else {
-        family_->membershipIs(socket_.number(), ifIndex, group, *source, member);
+        family_->membershipIs(socket().number(), ifIndex, group, *source, member);
     }
 }
 

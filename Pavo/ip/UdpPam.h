@@ -3,20 +3,17 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "Mox/Collections.h"
 #include "Mox/Enum.h"
-#include "Mox/FileDescriptor.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/ip/IpPam.h"
-#include "Pavo/pam/Pam.h"
-#include "Pavo/pam/PamSocket.h"
+#include "Pavo/pam/IpSocketOptions.h"
+#include "Pavo/pam/SocketPam.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/IpGenAddrAndPort.h"
@@ -25,15 +22,14 @@
 namespace Pavo {
 
 struct IpTxSettings;
+struct QueuedError;
 struct RxSettings;
-struct SocketSettings;
 struct TxHead;
 struct TxInfo;
 struct TxResult;
 class IpFamily;
 class IpHost;
 class IpTransport;
-class PktReceiver;
 
 /// A UDP endpoint of either family on a Linux socket (udp(7)). A packet is what one datagram
 /// carries, possibly no byte; its addresses, ports and header fields are in `rxInfo`. The family is
@@ -46,64 +42,49 @@ class PktReceiver;
 /// is counted.
 ///
 /// Enabling opens the socket in `netNs`, applies what the attributes ask for, binds it, and for a
-/// client connects it; it either succeeds whole or leaves no descriptor. It needs an event loop on
-/// the calling thread. `netNs`, `mode`, `device`, `localAddr` and `localPort` describe that: a
+/// client connects it. `netNs`, `mode`, `device`, `localAddr` and `localPort` describe that: a
 /// change of one takes effect at the next enabling, and so does a change of a client's `remoteAddr`
 /// and `remotePort`. Memberships end with the socket. The endpoint receives what is sent to a group
 /// only where it is itself a member.
 ///
-/// A failed read counts an `rxErrors`, also where there was nothing to read. A send that fails is
-/// counted and dropped; when there was no room, `writableCount` is incremented once, as soon as
-/// there is some. A missing destination is EDESTADDRREQ, an address of the other family
-/// EAFNOSUPPORT. Packets of equal size that are sent together (`txPktsIs`) leave as segments of one
-/// large datagram, which the kernel or the device cuts, where the socket can do so.
-class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
+/// Where that fails, the exception names "socketAt", "setsockopt(...)", "bind" (EADDRINUSE: the
+/// port is taken; EINVAL: a link-local address without `device`), "connect" or "getsockname"; it is
+/// EAFNOSUPPORT where no address has a family ("socketAt"), or a client's remote address another
+/// one ("connect"). Of the options, `ipReuseAddr` and `ipReusePort` count when the socket is bound,
+/// and `ipHdrIncl`, `ipRouterAlert` and `ipv6Checksum` change nothing.
+///
+/// A failed read counts an `rxErrors`, also where there was nothing to read. A missing destination
+/// of a send is EDESTADDRREQ, an address of the other family EAFNOSUPPORT. A datagram of IPv4
+/// carries up to 65507 bytes. Packets of equal size that are sent together (`txPktsIs`) leave as
+/// segments of one large datagram, which the kernel or the device cuts, where the socket can do so.
+class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, SocketPam> {
   public:
     /// Whose packets are received, and where packets go.
     enum class Mode : uint32_t { server, client };
 
-    static constexpr Mox::Attribute<UdpPam> enabledAttr{8, "enabled"};
-    static constexpr Mox::Attribute<UdpPam> optionsAttr{9, "options"};
-    static constexpr Mox::Attribute<UdpPam> enableBulkReadAttr{10, "enableBulkRead"};
-    static constexpr Mox::Attribute<UdpPam> socketReadLimitAttr{11, "socketReadLimit"};
-    static constexpr Mox::Attribute<UdpPam> maxRxPktDataAttr{12, "maxRxPktData"};
-    static constexpr Mox::Attribute<UdpPam> rxBufferBytesAttr{13, "rxBufferBytes"};
-    static constexpr Mox::Attribute<UdpPam> rxBufAttr{14, "rxBuf"};
-    static constexpr Mox::Attribute<UdpPam> priorityAttr{15, "priority"};
-    static constexpr Mox::Attribute<UdpPam, uint8_t> rxFilterAttr{16, "rxFilter"};
-    static constexpr Mox::Attribute<UdpPam> modeAttr{17, "mode"};
-    static constexpr Mox::Attribute<UdpPam> netNsAttr{18, "netNs"};
-    static constexpr Mox::Attribute<UdpPam> deviceAttr{19, "device"};
-    static constexpr Mox::Attribute<UdpPam> localAddrAttr{20, "localAddr"};
-    static constexpr Mox::Attribute<UdpPam> localPortAttr{21, "localPort"};
-    static constexpr Mox::Attribute<UdpPam> boundPortAttr{22, "boundPort"};
-    static constexpr Mox::Attribute<UdpPam> remoteAddrAttr{23, "remoteAddr"};
-    static constexpr Mox::Attribute<UdpPam> remotePortAttr{24, "remotePort"};
-    static constexpr Mox::Attribute<UdpPam> txSrcIpAddrAttr{25, "txSrcIpAddr"};
-    static constexpr Mox::Attribute<UdpPam> txIfNameAttr{26, "txIfName"};
-    static constexpr Mox::Attribute<UdpPam> txIfIndexAttr{27, "txIfIndex"};
-    static constexpr Mox::Attribute<UdpPam> txTosAttr{28, "txTos"};
-    static constexpr Mox::Attribute<UdpPam> txTtlAttr{29, "txTtl"};
-    static constexpr Mox::Attribute<UdpPam> txMcastTtlAttr{30, "txMcastTtl"};
-    static constexpr Mox::Attribute<UdpPam> txMcastIfIndexAttr{31, "txMcastIfIndex"};
-    static constexpr Mox::Attribute<UdpPam> txFlagsAttr{32, "txFlags"};
-    static constexpr Mox::Attribute<UdpPam> txPktCountAttr{33, "txPktCount"};
-    static constexpr Mox::Attribute<UdpPam> rxFlagsAttr{34, "rxFlags"};
-    static constexpr Mox::Attribute<UdpPam> rxMinTtlAttr{35, "rxMinTtl"};
-    static constexpr Mox::Attribute<UdpPam> rxPktCountAttr{36, "rxPktCount"};
-    static constexpr Mox::Attribute<UdpPam> rxTruncatedPktsAttr{37, "rxTruncatedPkts"};
+    static constexpr Mox::Attribute<UdpPam, uint8_t> rxFilterAttr{19, "rxFilter"};
+    static constexpr Mox::Attribute<UdpPam> modeAttr{20, "mode"};
+    static constexpr Mox::Attribute<UdpPam> netNsAttr{21, "netNs"};
+    static constexpr Mox::Attribute<UdpPam> deviceAttr{22, "device"};
+    static constexpr Mox::Attribute<UdpPam> localAddrAttr{23, "localAddr"};
+    static constexpr Mox::Attribute<UdpPam> localPortAttr{24, "localPort"};
+    static constexpr Mox::Attribute<UdpPam> boundPortAttr{25, "boundPort"};
+    static constexpr Mox::Attribute<UdpPam> remoteAddrAttr{26, "remoteAddr"};
+    static constexpr Mox::Attribute<UdpPam> remotePortAttr{27, "remotePort"};
+    static constexpr Mox::Attribute<UdpPam> txSrcIpAddrAttr{28, "txSrcIpAddr"};
+    static constexpr Mox::Attribute<UdpPam> txIfNameAttr{29, "txIfName"};
+    static constexpr Mox::Attribute<UdpPam> txIfIndexAttr{30, "txIfIndex"};
+    static constexpr Mox::Attribute<UdpPam> txTosAttr{31, "txTos"};
+    static constexpr Mox::Attribute<UdpPam> txTtlAttr{32, "txTtl"};
+    static constexpr Mox::Attribute<UdpPam> txMcastTtlAttr{33, "txMcastTtl"};
+    static constexpr Mox::Attribute<UdpPam> txMcastIfIndexAttr{34, "txMcastIfIndex"};
+    static constexpr Mox::Attribute<UdpPam> txFlagsAttr{35, "txFlags"};
+    static constexpr Mox::Attribute<UdpPam> rxFlagsAttr{36, "rxFlags"};
+    static constexpr Mox::Attribute<UdpPam> rxMinTtlAttr{37, "rxMinTtl"};
     static constexpr auto description() {
         return Mox::classRecord(
-            "Pavo::UdpPam", Mox::attribute(enabledAttr, &UdpPam::enabled),
-            Mox::attribute(optionsAttr, &UdpPam::options),
-            Mox::attribute(enableBulkReadAttr, &UdpPam::enableBulkRead),
-            Mox::attribute(socketReadLimitAttr, &UdpPam::socketReadLimit),
-            Mox::attribute(maxRxPktDataAttr, &UdpPam::maxRxPktData),
-            Mox::attribute(rxBufferBytesAttr, &UdpPam::rxBufferBytes),
-            Mox::attribute(rxBufAttr, &UdpPam::rxBuf),
-            Mox::attribute(priorityAttr, &UdpPam::priority), Mox::attribute(rxFilterAttr),
-            Mox::attribute(modeAttr, &UdpPam::mode), Mox::attribute(netNsAttr, &UdpPam::netNs),
-            Mox::attribute(deviceAttr, &UdpPam::device),
+            "Pavo::UdpPam", Mox::attribute(rxFilterAttr), Mox::attribute(modeAttr, &UdpPam::mode),
+            Mox::attribute(netNsAttr, &UdpPam::netNs), Mox::attribute(deviceAttr, &UdpPam::device),
             Mox::attribute(localAddrAttr, &UdpPam::localAddr),
             Mox::attribute(localPortAttr, &UdpPam::localPort),
             Mox::attribute(boundPortAttr, &UdpPam::boundPort),
@@ -116,20 +97,12 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
             Mox::attribute(txMcastTtlAttr, &UdpPam::txMcastTtl),
             Mox::attribute(txMcastIfIndexAttr, &UdpPam::txMcastIfIndex),
             Mox::attribute(txFlagsAttr, &UdpPam::txFlags),
-            Mox::attribute(txPktCountAttr, &UdpPam::txPktCount),
             Mox::attribute(rxFlagsAttr, &UdpPam::rxFlags),
-            Mox::attribute(rxMinTtlAttr, &UdpPam::rxMinTtl),
-            Mox::attribute(rxPktCountAttr, &UdpPam::rxPktCount),
-            Mox::attribute(rxTruncatedPktsAttr, &UdpPam::rxTruncatedPkts));
+            Mox::attribute(rxMinTtlAttr, &UdpPam::rxMinTtl));
     }
 
     /// Disabled: a server on a port that the kernel picks, in the namespace `netNs`.
     UdpPam(Mox::String name, NamespaceName netNs);
-
-    /// @pre enabled (assertion "enabled()"), with a packet (assertion "pkt != nullptr").
-    void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
-    void doGetRxPkt() override;
-    int32_t doGetBulkRxPkt() override;
 
     /// Called when the attribute has changed, before any observer: applies `txTos`, and after it
     /// the priority, which the kernel overwrites with the TOS. When it throws, the attribute keeps
@@ -144,42 +117,6 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     virtual void handleNetNs();
     /// @}
 
-    /// Whether the socket is open.
-    bool enabled() const { return enabled_; }
-    /// @pre to enable: an event loop on this thread (assertion "EventLoop::current(): enabling
-    /// needs an event loop on this thread").
-    /// @throws Mox::ErrnoException naming the call that failed: "socketAt", "setsockopt(...)",
-    /// "bind" (EADDRINUSE: the port is taken; EINVAL: a link-local address without `device`),
-    /// "connect" or "getsockname"; the endpoint is then disabled. EAFNOSUPPORT where no address
-    /// has a family ("socketAt"), or a client's remote address another one ("connect").
-    void enabledIs(bool enabled);
-    /// The options that are wanted, bits of `IpSocketOptions`; they describe the socket while it is
-    /// open. `ipReuseAddr` and `ipReusePort` count when it is bound. `ipHdrIncl`, `ipRouterAlert`
-    /// and `ipv6Checksum` change nothing.
-    uint32_t options() const { return options_; }
-    /// @throws Mox::ErrnoException naming the option that failed; `options` then describes the
-    /// socket. A socket that refuses `ipPriority` or `ipTransparent` is closed.
-    void optionsIs(uint32_t options);
-
-    /// As `IpPam` has them: reading in batches, the most packets of a batch (32), the room for a
-    /// packet and the size of its buffer in bytes (1536 each; a datagram of IPv4 carries up to
-    /// 65507), the receive buffer of `ipRcvBuf`, the priority of `ipPriority`.
-    /// @{
-    bool enableBulkRead() const { return enableBulkRead_; }
-    void enableBulkReadIs(bool enable);
-    uint8_t socketReadLimit() const { return socketReadLimit_; }
-    void socketReadLimitIs(uint8_t packets) {
-        attributeIs(socketReadLimit_, packets, socketReadLimitAttr);
-    }
-    uint32_t maxRxPktData() const { return maxRxPktData_; }
-    void maxRxPktDataIs(uint32_t bytes) { attributeIs(maxRxPktData_, bytes, maxRxPktDataAttr); }
-    uint32_t rxBufferBytes() const { return rxBufferBytes_; }
-    void rxBufferBytesIs(uint32_t bytes) { attributeIs(rxBufferBytes_, bytes, rxBufferBytesAttr); }
-    uint32_t rxBuf() const { return rxBuf_; }
-    void rxBufIs(uint32_t bytes) { attributeIs(rxBuf_, bytes, rxBufAttr); }
-    uint32_t priority() const { return priority_; }
-    void priorityIs(uint32_t priority) { attributeIs(priority_, priority, priorityAttr); }
-    /// @}
     /// The program that `ipAttachFilter` attaches; it sees the UDP header first. Member i is
     /// instruction i.
     /// @{
@@ -258,13 +195,6 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     /// Flags for sendmsg(2).
     int txFlags() const { return txFlags_; }
     void txFlagsIs(int flags) { attributeIs(txFlags_, flags, txFlagsAttr); }
-    /// Packets sent.
-    uint64_t txPktCount() const { return txPktCount_; }
-    void txPktCountIs(uint64_t count) { attributeIs(txPktCount_, count, txPktCountAttr); }
-    uint64_t txPktCountInc(uint64_t delta) {
-        return attributeInc(txPktCount_, delta, txPktCountAttr);
-    }
-
     /// Flags for recvmsg(2).
     int rxFlags() const { return rxFlags_; }
     void rxFlagsIs(int flags);
@@ -274,20 +204,6 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     /// "setsockopt(SO_DETACH_FILTER)"; the attribute keeps its value.
     IpTtl rxMinTtl() const { return rxMinTtl_; }
     void rxMinTtlIs(IpTtl ttl);
-    /// Packets received.
-    uint64_t rxPktCount() const { return rxPktCount_; }
-    void rxPktCountIs(uint64_t count) { attributeIs(rxPktCount_, count, rxPktCountAttr); }
-    uint64_t rxPktCountInc(uint64_t delta) {
-        return attributeInc(rxPktCount_, delta, rxPktCountAttr);
-    }
-    /// Packets received truncated, see `maxRxPktData`.
-    uint32_t rxTruncatedPkts() const { return rxTruncatedPkts_; }
-    void rxTruncatedPktsIs(uint32_t packets) {
-        attributeIs(rxTruncatedPkts_, packets, rxTruncatedPktsAttr);
-    }
-    uint32_t rxTruncatedPktsInc(uint32_t delta) {
-        return attributeInc(rxTruncatedPkts_, delta, rxTruncatedPktsAttr);
-    }
     /// With the option `ipRecvErr`, what the last failed read took from the socket's error queue:
     /// which destinations could not be reached, and why. The read counted each as an `rxErrors`.
     const std::vector<QueuedError>& queuedErrors() const;
@@ -304,52 +220,39 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     void doLeaveMcastGroup(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr& source);
     /// @}
 
-    /// The socket and the machine that watches it; null while disabled.
-    /// @{
-    const Mox::Ptr<Mox::FileDescriptor>& fileDesc() const { return socket_.fileDesc(); }
-    const Mox::Ptr<PamFdSm>& fdSm() const { return socket_.fdSm(); }
-    /// @}
-
   protected:
     ~UdpPam() override;
 
   private:
+    friend class FdPam;
     friend class IpHost;
+    friend class SocketPam;
 
-    static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
-
-    SocketSettings socketSettings() const;
     void transportIs(std::unique_ptr<IpTransport> transport);
     void open();
     void openSocket();
     void bindTo(int fd) const;
     void connectTo(int fd) const;
-    void start();
-    void cleanup();
+    void close();
+    std::span<const SocketOption> optionTable() const;
+    SocketSettings socketSettings() const;
     void membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr* source,
                       bool member);
-    template <class Field, class Apply>
-    bool applied(Field& field, Field value, Apply apply);
 
     RxSettings rxSettings() const;
     RxInfo newRxInfo() const;
-    void readSingle();
-    int32_t readBulk();
+    RxRound readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info);
+    std::unique_ptr<RxBatch> readBatch();
 
     IpTxSettings txSettings() const;
     int txHeadIs(TxHead* head, int fd) const;
     TxInfo txInfo() const;
-    int send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt);
-    void tapTx(const Pkt& pkt) const;
+    TxResult send(int fd, std::span<const Mox::Ptr<Pkt>> pkts);
     TxResult sendRun(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> run);
     TxResult sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts);
 
     Mode mode_ = Mode::server;
     NamespaceName netNs_;
-    bool enabled_ = false;
-    bool enableBulkRead_ = false;
-    uint8_t socketReadLimit_ = 32;
-    uint8_t bulkSlots_ = 0;
     IpDscp txTos_;
     IpTtl txTtl_;
     IpTtl txMcastTtl_;
@@ -357,12 +260,6 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     Port localPort_;
     Port boundPort_;
     Port remotePort_;
-    uint32_t options_ = none;
-    uint32_t maxRxPktData_ = Pkt::Manager::defaultBufferSize;
-    uint32_t rxBufferBytes_ = Pkt::Manager::defaultBufferSize;
-    uint32_t rxTruncatedPkts_ = 0;
-    uint32_t rxBuf_ = 0;
-    uint32_t priority_ = 0;
     uint32_t txIfIndex_ = 0;
     uint32_t txMcastIfIndex_ = 0;
     uint32_t maxSegmentBytes_ = 0;  // As far as known, what the kernel cuts large datagrams into.
@@ -375,12 +272,8 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, Pam> {
     IpGenAddr remoteAddr_;
     IpGenAddr txSrcIpAddr_;
     IpGenAddrAndPort peer_;  // To which the socket is connected; of no family for a server.
-    uint64_t txPktCount_ = 0;
-    uint64_t rxPktCount_ = 0;
-    const IpFamily* family_ = nullptr;  // Of the socket that was opened last.
-    std::unique_ptr<PktReceiver> receiver_;
+    const IpFamily* family_ = nullptr;        // Of the socket that was opened last.
     std::unique_ptr<IpTransport> transport_;  // In place of a socket, where there is one.
-    PamSocket socket_;                        // Last, so that it is closed first.
 };
 
 constexpr auto enumDescription(UdpPam::Mode) {

@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Mox/Assert.h"
-#include "Pavo/base/FirstException.h"
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/IpTx.h"
@@ -75,25 +73,8 @@ int sendSegments(int fd, TxHead head, std::span<const Mox::Ptr<Pkt>> pkts) {
 
 }  // namespace
 
-void UdpPam::doGetRxPkt() {
-    if (hasRxPkt()) {
-        socket_.readEnded(PamSocket::ReadEnd::packets);
-        return;  // An observer of its arrival has thrown.
-    }
-    rxPktIs(nullptr);
-    if (enableBulkRead_) {
-        readBulk();
-    } else {
-        readSingle();
-    }
-}
-
-int32_t UdpPam::doGetBulkRxPkt() {
-    return readBulk();
-}
-
 RxSettings UdpPam::rxSettings() const {
-    return {options_, rxFlags_, maxRxPktData_, rxBufferBytes_};
+    return {options(), rxFlags_, maxRxPktData(), rxBufferBytes()};
 }
 
 // What the description of every packet begins with.
@@ -107,44 +88,19 @@ RxInfo UdpPam::newRxInfo() const {
 }
 
 const std::vector<QueuedError>& UdpPam::queuedErrors() const {
-    return receiver_->queuedErrors();
+    return receiver().queuedErrors();
 }
 
-void UdpPam::readSingle() {
-    Mox::Ptr<Pkt> pkt;
-    RxInfo info = newRxInfo();
-    const RxRound round = transport_ ? transport_->readOne(&socket_, rxSettings(), &pkt, &info)
-                                     : receiver_->readOne(&socket_, rxSettings(), &pkt, &info);
-    if (!round.wasTried) {
-        return;
-    }
-    FirstException exception;
-    exception.collect([&] { countRead(this, receiver_.get(), socket_, round); });
-    if (pkt) {
-        rxPktIs(pkt, info);
-    }
-    exception.rethrow();
+RxRound UdpPam::readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info) {
+    *info = newRxInfo();
+    return transport_ ? transport_->readOne(&socket(), rxSettings(), pkt, info)
+                      : receiver().readOne(&socket(), rxSettings(), pkt, info);
 }
 
-int32_t UdpPam::readBulk() {
-    if (isPublishingSlots()) {
-        return 0;
-    }
-    std::unique_ptr<RxBatch> batch =
-        transport_
-            ? transport_->readBatch(&socket_, rxSettings(), newRxInfo(), bulkSlots_)
-            : receiver_->readBatch(&socket_, rxSettings(), newRxInfo(), savedPacket(), bulkSlots_);
-    if (!batch) {
-        slotsReceivedNone();
-        return 0;
-    }
-    const RxRound round = batch->round;
-    FirstException exception;
-    exception.collect([&] { slotsPublish(&batch->pkts, batch->read()); });
-    receiver_->batchIs(std::move(batch));
-    exception.collect([&] { countRead(this, receiver_.get(), socket_, round); });
-    exception.rethrow();
-    return static_cast<int32_t>(round.packets);
+std::unique_ptr<RxBatch> UdpPam::readBatch() {
+    return transport_ ? transport_->readBatch(&socket(), rxSettings(), newRxInfo(), bulkSlots())
+                      : receiver().readBatch(&socket(), rxSettings(), newRxInfo(), savedPacket(),
+                                             bulkSlots());
 }
 
 IpTxSettings UdpPam::txSettings() const {
@@ -158,59 +114,17 @@ int UdpPam::txHeadIs(TxHead* head, int fd) const {
                       /*connected=*/peer_.address().af() != ipunknown);
 }
 
-void UdpPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
-    Mox::require(enabled_, "enabled()");
-    Mox::require(pkt != nullptr, "pkt != nullptr");
-    // An observer of a count may close the socket, or drop the endpoint.
-    const Mox::Ptr<UdpPam> hold(this);
-    const Mox::Ptr<Mox::FileDescriptor> fd = fileDesc();
-    tapTx(*pkt);
-    txErrnoIs(0);
-    const int error = send(fd, *pkt);
-    if (error == 0) {
-        txPktCountInc(1);
-    } else {
-        countSent(this, fd, {0, 1, 1, error}, receiver_->trace());
-    }
-}
-
-// Returns 0, or why the packet was not sent, as an `errno`.
-int UdpPam::send(const Mox::Ptr<Mox::FileDescriptor>& fd, const Pkt& pkt) {
-    if (transport_) {
-        const int error = ipTxAddressError(txSettings());
-        return error != 0 ? error : transport_->send(pkt, txInfo(), txIfName_);
-    }
-    if (!fd) {
-        return EBADF;
+TxResult UdpPam::send(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
+    for (std::size_t i = 0; tap() && i < pkts.size(); ++i) {
+        tap()->handleTxPkt(*this, *pkts[i], txInfo());
     }
     TxHead head;
-    const int error = txHeadIs(&head, fd->descriptor());
-    return error != 0 ? error : sendPkt(fd->descriptor(), head, pkt, receiver_->trace());
-}
-
-uint32_t UdpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
-    UdpPam& self = *static_cast<UdpPam*>(pam);
-    Mox::require(self.enabled_, "enabled()");
-    const Mox::Ptr<Mox::FileDescriptor> fd = self.fileDesc();
-    for (const Mox::Ptr<Pkt>& each : pkts) {
-        self.tapTx(*each);
+    const int error = transport_ ? ipTxAddressError(txSettings()) : txHeadIs(&head, fd);
+    if (error != 0) {
+        const auto count = static_cast<uint32_t>(pkts.size());
+        return {0, count, count, error};
     }
-    self.txErrnoIs(0);
-    const auto count = static_cast<uint32_t>(pkts.size());
-    TxResult result{0, count, count, EBADF};
-    if (self.transport_) {
-        result.error = ipTxAddressError(self.txSettings());
-        if (result.error == 0) {
-            result = self.transport_->sendEach(pkts, self.txInfo(), self.txIfName_);
-        }
-    } else if (fd) {
-        TxHead head;
-        result.error = self.txHeadIs(&head, fd->descriptor());
-        if (result.error == 0) {
-            result = self.sendAll(fd->descriptor(), head, pkts);
-        }
-    }
-    return countSent(&self, fd, result, self.receiver_->trace());
+    return transport_ ? transport_->sendEach(pkts, txInfo(), txIfName_) : sendAll(fd, head, pkts);
 }
 
 // Sends packets as segments of one datagram, or as they are where the kernel refuses segments:
@@ -224,7 +138,7 @@ TxResult UdpPam::sendRun(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
     if (error != EIO && error != EINVAL) {  // It concerns the socket, or the first packet.
         return isNoRoom(error) ? TxResult{0, count, 0, error} : TxResult{0, 1, 1, error};
     }
-    const TxResult result = sendPkts(fd, head, run, receiver_->trace());
+    const TxResult result = sendPkts(fd, head, run, receiver().trace());
     if (result.sent != 0) {
         maxSegmentBytes_ = error == EIO ? 0 : run[0]->totalBytes() - 1;
     }
@@ -238,7 +152,7 @@ TxResult UdpPam::sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
         const auto rest = pkts.subspan(result.taken);
         TxResult part;
         if (const std::size_t count = unsegmentable(rest, maxSegmentBytes_)) {
-            part = sendPkts(fd, head, rest.first(count), receiver_->trace());
+            part = sendPkts(fd, head, rest.first(count), receiver().trace());
         } else {
             part = sendRun(fd, head, rest.first(segmentable(rest, maxSegmentBytes_)));
         }
@@ -249,12 +163,6 @@ TxResult UdpPam::sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
     }
     result.failed = static_cast<uint32_t>(pkts.size()) - result.sent;
     return result;
-}
-
-void UdpPam::tapTx(const Pkt& pkt) const {
-    if (tap()) {
-        tap()->handleTxPkt(*this, pkt, txInfo());
-    }
 }
 
 TxInfo UdpPam::txInfo() const {

@@ -9,14 +9,16 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 
 #include "Mox/Assert.h"
-#include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/link/EthFormat.h"
+#include "Pavo/link/EthFrames.h"
 #include "Pavo/link/EthRing.h"
 #include "Pavo/pam/BpfFilter.h"
 #include "Pavo/pam/PktReceiver.h"
+#include "Pavo/pam/PktSender.h"
 #include "Pavo/pam/SocketOptions.h"
 #include "Pavo/socket/SocketAt.h"
 
@@ -37,7 +39,7 @@ void attach(int fd, const std::vector<IpFilter>& program) {
 }
 
 // Before the socket is bound, it receives nothing. The options that every endpoint has come first.
-constexpr std::array<SocketOption, 5> optionTable{
+constexpr std::array<SocketOption, 5> ethOptions{
     {{none, SocketOptionSteps::plain, SOL_PACKET, PACKET_AUXDATA, "setsockopt(PACKET_AUXDATA)"},
      {none, SocketOptionSteps::plain, SOL_PACKET, PACKET_IGNORE_OUTGOING,
       "setsockopt(PACKET_IGNORE_OUTGOING)"},
@@ -48,43 +50,31 @@ constexpr std::array<SocketOption, 5> optionTable{
 }  // namespace
 
 EthDevPam::EthDevPam(Mox::String name, NamespaceName netNs)
-    : EntityOf(std::move(name)),
-      netNs_(std::move(netNs)),
-      receiver_(std::make_unique<PktReceiver>(facility, "EthDevPam")) {
-    batchSenderIs(sendBatch);
-}
+    : EntityOf(std::move(name), stepsOf<EthDevPam>(), socketStepsOf<EthDevPam>(), facility,
+               "EthDevPam"),
+      netNs_(std::move(netNs)) {}
 
 EthDevPam::~EthDevPam() {
-    socket_.closeLater();
+    socket().closeLater();
+}
+
+SocketOptionTable EthDevPam::optionTable() const {
+    return ethOptions;
 }
 
 SocketSettings EthDevPam::socketSettings() const {
-    return {*this, facility, nullptr, options_, noFilter, rxBuf_, priority_, {}};
-}
-
-void EthDevPam::enabledIs(bool enabled) {
-    if (enabled == enabled_) {
-        return;
-    }
-    const Mox::Ptr<EthDevPam> hold(this);  // An observer may drop the endpoint.
-    if (enabled) {
-        open();
-        start();
-    } else {
-        cleanup();
-    }
+    return {*this, facility, nullptr, options(), noFilter, rxBuf(), priority(), {}};
 }
 
 void EthDevPam::open() {
-    Mox::require(Mox::EventLoop::current() != nullptr,
-                 "EventLoop::current(): enabling needs an event loop on this thread");
+    requireEventLoop();
     const int fd = socketAt(AF_PACKET, SOCK_RAW, 0, netNs_.value().c_str());
     if (fd < 0) {
         Mox::throwErrnoException("socketAt");
     }
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
     const uint32_t ifIndex = wantedIfIndex(fd);
-    configureSocket(optionTable, socketSettings(), fd);
+    configureSocket(ethOptions, socketSettings(), fd);
     if (!program_.empty()) {
         attach(fd, program_);
     }
@@ -102,8 +92,8 @@ void EthDevPam::open() {
     boundIfIndex_ = ifIndex;
     unread_ = 0;
     ring_ = std::move(ring);
-    receiver_->formatIs(ethFormat());
-    socket_.fileDescIs(descriptor);
+    receiver().formatIs(ethFormat());
+    socket().fileDescIs(descriptor);
 }
 
 uint32_t EthDevPam::wantedIfIndex(int fd) const {
@@ -152,32 +142,20 @@ void EthDevPam::membershipIs(int fd, uint32_t ifIndex, uint16_t type, const EthA
         member ? "setsockopt(PACKET_ADD_MEMBERSHIP)" : "setsockopt(PACKET_DROP_MEMBERSHIP)");
 }
 
-void EthDevPam::start() {
-    try {
-        // Before the machine first increments the counts, on which agents read and write.
-        attributeIs(enabled_, true, enabledAttr);
-        socket_.watchFor(this);
-    } catch (...) {
-        cleanup();
-        throw;
-    }
-}
-
-void EthDevPam::cleanup() {
+void EthDevPam::close() {
     drops_ += addStatistics() ? unread_ : 0;
     boundIfIndex_ = 0;
     ethAddr_ = EthAddr();
     ring_ = nullptr;
-    socket_.closeLater();
-    attributeIs(enabled_, false, enabledAttr);
+    socket().closeLater();
 }
 
 // Adds up what the kernel has counted since the last look. False while there is no socket.
 bool EthDevPam::addStatistics() const {
     tpacket_stats counts{};
     socklen_t bytes = sizeof(counts);
-    if (!socket_.isOpen() ||
-        getsockopt(socket_.number(), SOL_PACKET, PACKET_STATISTICS, &counts, &bytes) < 0) {
+    if (!socket().isOpen() ||
+        getsockopt(socket().number(), SOL_PACKET, PACKET_STATISTICS, &counts, &bytes) < 0) {
         return false;
     }
     drops_ += counts.tp_drops;
@@ -195,51 +173,11 @@ void EthDevPam::rxDropsIs(uint32_t drops) {
     drops_ = drops;
 }
 
-void EthDevPam::optionsIs(uint32_t wanted) {
-    const Mox::Ptr<EthDevPam> hold(this);
-    uint32_t reached = options_;
-    bool closes = false;
-    try {
-        if (socket_.isOpen()) {
-            changeSocketOptions(optionTable, socketSettings(), socket_.number(), wanted, &reached,
-                                &closes);
-        }
-    } catch (...) {
-        attributeIs(options_, reached, optionsAttr);
-        if (closes) {
-            cleanup();
-        }
-        throw;
-    }
-    attributeIs(options_, wanted, optionsAttr);
-}
-
-void EthDevPam::enableBulkReadIs(bool enable) {
-    if (enable == enableBulkRead_) {
-        return;
-    }
-    const Mox::Ptr<EthDevPam> hold(this);
-    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
-    enableBulkRead_ = enable;
-    bulkSlots_ = static_cast<uint8_t>(pkts.size());
-    socket_.readIsPossibleAgain();
-    if (enable) {
-        slotsFill(pkts);
-    } else {
-        slotsDelAll();
-    }
-    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
-        notify(enableBulkReadAttr);
-    }
-}
-
 void EthDevPam::promiscuousIs(bool promiscuous) {
-    const auto apply = [&] {
-        if (socket_.isOpen()) {
-            membershipIs(socket_.number(), boundIfIndex_, PACKET_MR_PROMISC, {}, promiscuous);
-        }
+    const auto apply = [&](int fd) {
+        membershipIs(fd, boundIfIndex_, PACKET_MR_PROMISC, {}, promiscuous);
     };
-    if (handled(promiscuous_, promiscuous, apply)) {
+    if (applied(promiscuous_, promiscuous, apply)) {
         notify(promiscuousAttr);
     }
 }
@@ -255,10 +193,10 @@ Mox::String EthDevPam::tryRxFilter(const Mox::String& expression) {
             return error;
         }
     }
-    if (socket_.isOpen() && !program.empty()) {
-        attach(socket_.number(), program);
-    } else if (socket_.isOpen()) {
-        socketOptionIs(socket_.number(), SOL_SOCKET, SO_DETACH_FILTER, 0,
+    if (socket().isOpen() && !program.empty()) {
+        attach(socket().number(), program);
+    } else if (socket().isOpen()) {
+        socketOptionIs(socket().number(), SOL_SOCKET, SO_DETACH_FILTER, 0,
                        "setsockopt(SO_DETACH_FILTER)");
     }
     program_ = std::move(program);
@@ -267,13 +205,50 @@ Mox::String EthDevPam::tryRxFilter(const Mox::String& expression) {
 }
 
 void EthDevPam::doJoinMcastGroup(const EthAddr& group) {
-    Mox::require(enabled_, "enabled()");
-    membershipIs(socket_.number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/true);
+    Mox::require(enabled(), "enabled()");
+    membershipIs(socket().number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/true);
 }
 
 void EthDevPam::doLeaveMcastGroup(const EthAddr& group) {
-    Mox::require(enabled_, "enabled()");
-    membershipIs(socket_.number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/false);
+    Mox::require(enabled(), "enabled()");
+    membershipIs(socket().number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/false);
+}
+
+RxSettings EthDevPam::rxSettings() const {
+    return {options() & ipRecvTimestamp, /*flags=*/0, maxRxPktData(), rxBufferBytes()};
+}
+
+// A read that finds nothing is not counted.
+RxRound EthDevPam::readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info) {
+    RxRound round = ring_ ? ring_->readOne(&socket(), rxSettings(), pkt, info)
+                          : receiver().readOne(&socket(), rxSettings(), pkt, info);
+    round.wasTried = round.wasTried && round.error != EAGAIN;
+    unread_ -= round.packets;
+    return round;
+}
+
+std::unique_ptr<RxBatch> EthDevPam::readBatch() try {
+    std::unique_ptr<RxBatch> batch;
+    if (!ring_) {
+        batch = receiver().readBatch(&socket(), rxSettings(), RxInfo(), savedPacket(), bulkSlots());
+    } else {
+        batch = receiver().newBatch(bulkSlots());
+        if (!ring_->readBatch(&socket(), rxSettings(), savedPacket(), batch.get())) {
+            batch = nullptr;
+        }
+    }
+    if (batch) {
+        batch->round.error = batch->round.error == EAGAIN ? 0 : batch->round.error;
+        unread_ -= batch->round.packets;
+    }
+    return batch;
+} catch (const std::bad_alloc&) {
+    socket().readEnded(PamSocket::ReadEnd::failed);
+    return nullptr;
+}
+
+TxResult EthDevPam::send(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
+    return sendFrames(fd, boundIfIndex_, pkts, receiver().trace());
 }
 
 Mox::Ptr<EthDevPam> ethDevPamFactory(Mox::String name, NamespaceName netNs) {

@@ -10,8 +10,6 @@
 #include <cstring>
 #include <new>
 
-#include "Mox/Assert.h"
-#include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Mox/Trace.h"
 #include "Pavo/base/FirstException.h"
@@ -77,81 +75,53 @@ Mox::String nameOfTap(int fd) {
 
 }  // namespace
 
-TapPamBase::TapPamBase(Mox::String name) : EntityOf(std::move(name)) {
-    batchSenderIs(sendBatch);
-}
+TapPamBase::TapPamBase(Mox::String name) : EntityOf(std::move(name), stepsOf<TapPamBase>()) {}
 
 TapPamBase::~TapPamBase() {
-    socket_.closeLater();
-}
-
-void TapPamBase::enabledIs(bool enabled) {
-    if (enabled == enabled_) {
-        return;
-    }
-    const Mox::Ptr<TapPamBase> hold(this);  // An observer may drop the endpoint.
-    if (enabled) {
-        open();
-        start();
-    } else {
-        cleanup();
-    }
+    socket().closeLater();
 }
 
 void TapPamBase::open() {
-    Mox::require(Mox::EventLoop::current() != nullptr,
-                 "EventLoop::current(): enabling needs an event loop on this thread");
+    requireEventLoop();
     try {
         const Mox::Ptr<Mox::FileDescriptor> tap = newTap();
         Mox::String ifName = nameOfTap(tap->descriptor());
         tap->nonBlockingIs(true);
         ifName_ = std::move(ifName);
-        socket_.fileDescIs(tap);
+        socket().fileDescIs(tap);
     } catch (...) {
         handleTapGone();
         throw;
     }
 }
 
-void TapPamBase::start() {
-    try {
-        // Before the machine first increments the counts, on which agents read and write.
-        attributeIs(enabled_, true, enabledAttr);
-        socket_.watchFor(this);
-    } catch (...) {
-        cleanup();
-        throw;
-    }
-}
-
-void TapPamBase::cleanup() {
-    socket_.closeLater();
+void TapPamBase::close() {
+    socket().closeLater();
     ifName_ = Mox::String();
     handleTapGone();
-    attributeIs(enabled_, false, enabledAttr);
 }
 
 void TapPamBase::doGetRxPkt() {
     if (hasRxPkt()) {
-        socket_.readEnded(PamSocket::ReadEnd::packets);
+        socket().readEnded(PamSocket::ReadEnd::packets);
         return;  // An observer of its arrival has thrown.
     }
     rxPktIs(nullptr);
-    if (!socket_.isOpen()) {
+    if (!socket().isOpen()) {
         MOX_TRACE(facility, 1, "not enabled. Aborting action");
         return;
     }
     Mox::Ptr<Pkt> pkt;
     try {
-        pkt = globalPktManager()->newPkt(std::max(maxRxPktData_, Pkt::Manager::defaultBufferSize));
+        pkt = globalPktManager()->newPkt(std::max(maxRxPktData(), Pkt::Manager::defaultBufferSize));
     } catch (const std::bad_alloc&) {
         MOX_TRACE(facility, 0, "no packet to receive into");
-        socket_.readEnded(PamSocket::ReadEnd::failed);
+        socket().readEnded(PamSocket::ReadEnd::failed);
         return;
     }
     RxInfo info;
-    const int error = readFrame(socket_.number(), maxRxPktData_, *pkt, &info);
-    socket_.readEnded(error);
+    const int error = readFrame(socket().number(), maxRxPktData(), *pkt, &info);
+    socket().readEnded(error);
     if (error == 0) {
         FirstException exception;
         if (info.truncated) {
@@ -166,22 +136,8 @@ void TapPamBase::doGetRxPkt() {
     }
 }
 
-void TapPamBase::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
-    Mox::require(pkt != nullptr, "pkt != nullptr");
-    (void)sendBatch(this, {&pkt, 1});
-}
-
-uint32_t TapPamBase::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
-    TapPamBase& self = *static_cast<TapPamBase*>(pam);
-    Mox::require(self.enabled_, "enabled()");
-    // An observer of a count may close the device, or drop the endpoint.
-    const Mox::Ptr<TapPamBase> hold(&self);
-    const Mox::Ptr<Mox::FileDescriptor> fd = self.fileDesc();
-    self.txErrnoIs(0);
-    const auto count = static_cast<uint32_t>(pkts.size());
-    const TxResult result =
-        fd ? writeFrames(fd->descriptor(), pkts) : TxResult{0, count, count, EBADF};
-    return countSent(&self, fd, result, facility);
+TxResult TapPamBase::send(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
+    return writeFrames(fd, pkts);
 }
 
 }  // namespace Pavo

@@ -48,6 +48,13 @@ int sendSome(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts) {
 TxResult sendPkts(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts,
                   const Mox::TraceFacility& trace) {
     TxResult result;
+    if (pkts.size() == 1) {
+        result.error = sendPkt(fd, head, *pkts[0], trace);
+        result.sent = result.error == 0 ? 1 : 0;
+        result.failed = 1 - result.sent;
+        result.taken = isNoRoom(result.error) ? 0 : 1;
+        return result;
+    }
     while (result.taken < pkts.size()) {
         const auto rest = pkts.subspan(result.taken);
         MOX_TRACE(trace, 9, "sendmmsg( ) with flags : ", head.flags);

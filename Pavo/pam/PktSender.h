@@ -47,7 +47,8 @@ struct TxResult {
 /// One packet with one sendmsg(2). Returns 0, or why it was not sent, as an `errno`.
 int sendPkt(int fd, const TxHead& head, const Pkt& pkt, const Mox::TraceFacility& trace);
 
-/// Packets with one sendmmsg(2) for each 64 of them, and two more for each that is refused. It
+/// One packet with sendmsg(2); more with one sendmmsg(2) for each 64 of them, and two more for each
+/// that is refused. It
 /// stops where there is no room.
 TxResult sendPkts(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts,
                   const Mox::TraceFacility& trace);

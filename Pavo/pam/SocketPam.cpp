@@ -1,0 +1,108 @@
+#include "Pavo/pam/SocketPam.h"
+
+#include <utility>
+#include <vector>
+
+#include "Pavo/base/FirstException.h"
+#include "Pavo/pam/PktReceiver.h"
+#include "Pavo/pam/SocketOptions.h"
+
+namespace Pavo {
+
+SocketPam::SocketPam(Mox::String name, const Steps& steps, const SocketSteps& socketSteps,
+                     const Mox::TraceFacility& trace, const char* className)
+    : EntityOf(std::move(name), steps),
+      socketSteps_(socketSteps),
+      receiver_(std::make_unique<PktReceiver>(trace, className)) {}
+
+SocketPam::~SocketPam() = default;
+
+void SocketPam::optionsIs(uint32_t wanted) {
+    const Mox::Ptr<SocketPam> hold(this);
+    uint32_t reached = options_;
+    bool closes = false;
+    try {
+        if (socket().isOpen()) {
+            changeSocketOptions(socketSteps_.optionTable(this), socketSteps_.socketSettings(this),
+                                socket().number(), wanted, &reached, &closes);
+        }
+    } catch (...) {
+        attributeIs(options_, reached, optionsAttr);
+        if (closes) {
+            cleanup();
+        }
+        throw;
+    }
+    attributeIs(options_, wanted, optionsAttr);
+}
+
+void SocketPam::enableBulkReadIs(bool enable) {
+    if (enable == enableBulkRead_) {
+        return;
+    }
+    const Mox::Ptr<SocketPam> hold(this);
+    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
+    enableBulkRead_ = enable;
+    bulkSlots_ = static_cast<uint8_t>(pkts.size());
+    socket().readIsPossibleAgain();
+    if (enable) {
+        slotsFill(pkts);
+    } else {
+        slotsDelAll();
+    }
+    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
+        notify(enableBulkReadAttr);
+    }
+}
+
+void SocketPam::doGetRxPkt() {
+    if (hasRxPkt()) {
+        socket().readEnded(PamSocket::ReadEnd::packets);
+        return;  // An observer of its arrival has thrown.
+    }
+    rxPktIs(nullptr);
+    if (enableBulkRead_) {
+        readBulk();
+    } else {
+        readSingle();
+    }
+}
+
+int32_t SocketPam::doGetBulkRxPkt() {
+    return readBulk();
+}
+
+void SocketPam::readSingle() {
+    Mox::Ptr<Pkt> pkt;
+    RxInfo info;
+    const RxRound round = socketSteps_.readOne(this, &pkt, &info);
+    if (!round.wasTried) {
+        return;
+    }
+    FirstException exception;
+    exception.collect([&] { countRead(this, receiver_.get(), socket(), round); });
+    if (pkt) {
+        rxPktIs(pkt, info);
+    }
+    exception.rethrow();
+}
+
+int32_t SocketPam::readBulk() {
+    if (isPublishingSlots()) {
+        return 0;
+    }
+    std::unique_ptr<RxBatch> batch = socketSteps_.readBatch(this);
+    if (!batch) {
+        slotsReceivedNone();
+        return 0;
+    }
+    const RxRound round = batch->round;
+    FirstException exception;
+    exception.collect([&] { slotsPublish(&batch->pkts, batch->read()); });
+    receiver_->batchIs(std::move(batch));
+    exception.collect([&] { countRead(this, receiver_.get(), socket(), round); });
+    exception.rethrow();
+    return static_cast<int32_t>(round.packets);
+}
+
+}  // namespace Pavo
