@@ -46,6 +46,8 @@ class LossyLink {
     Mox::Ptr<Pavo::PamConnectorPam> left() const { return left_.wire->pam("pam0"); }
     Mox::Ptr<Pavo::PamConnectorPam> right() const { return right_.wire->pam("pam0"); }
     const Counters& counters() const { return counters_; }
+    /// Concerns frames that are sent from now on.
+    void faultsIs(const LinkFaults& faults) { faults_ = faults; }
 
   private:
     struct Side {

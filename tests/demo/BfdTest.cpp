@@ -1,13 +1,15 @@
-// The machine of the BFD agent, in virtual time.
+// The BFD agent, in virtual time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <vector>
 
 #include "Mox/Clock.h"
-#include "bfd/BfdSession.h"
+#include "Pavo/IpHost.h"
+#include "bfd/BfdAgent.h"
 #include "support/Seeds.h"
 #include "testing/LossyLink.h"
 
@@ -25,12 +27,12 @@ struct Lone {
         SessionConfig{.localDiscr = 7}, &clock, [this](const BfdHdr& pkt) { sent.push_back(pkt); },
         [this] { waiting(); });
 
-    static BfdHdr pktOf(State state) {
+    static BfdHdr pktOf(State state, uint32_t discr = 7) {
         BfdHdr pkt;
         pkt.stateIs(state);
         pkt.detectMultIs(3);
         pkt.myDiscrIs(9);
-        pkt.yourDiscrIs(7);
+        pkt.yourDiscrIs(discr);
         pkt.desiredMinTxIs(50'000);
         pkt.requiredMinRxIs(50'000);
         return pkt;
@@ -48,6 +50,7 @@ struct Lone {
     }
 };
 
+// The observer of a change drops the session.
 TEST(BfdSession, FollowsTheTableOfStates) {
     constexpr State states[] = {adminDown, down, init, up};
     constexpr State next[4][4] = {// Received: adminDown, down, init, up.
@@ -61,36 +64,36 @@ TEST(BfdSession, FollowsTheTableOfStates) {
             Lone lone;
             lone.reach(own);
             lone.sent.clear();
+            State changed = own;
+            Mox::Watch<BfdSession> watch;
+            watch = {lone.session, BfdSession::stateAttr, [&] {
+                         changed = lone.session->state();
+                         EXPECT_EQ(lone.session->diag(),
+                                   changed == down ? Diag::signaledDown : Diag::none);
+                         EXPECT_EQ(lone.sent.back().state(), changed);  // Sent at once.
+                         watch = {};
+                         lone.session = nullptr;
+                     }};
             EXPECT_TRUE(lone.receive(received));
-            const State expected = next[static_cast<int>(own)][static_cast<int>(received)];
-            EXPECT_EQ(lone.session->state(), expected);
-            ASSERT_EQ(lone.sent.size(), expected == own ? 0u : 1u);  // A new state is sent at once.
-            if (expected != own) {
-                EXPECT_EQ(lone.sent[0].state(), expected);
-                EXPECT_EQ(lone.session->diag(), expected == down ? Diag::signaledDown : Diag::none);
-            }
+            EXPECT_EQ(changed, next[static_cast<int>(own)][static_cast<int>(received)]);
+            EXPECT_EQ(lone.sent.size(), changed == own ? 0u : 1u);
         }
     }
 }
 
+// Version, authentication, multipoint, multiplier, lengths, and discriminators: none, of another
+// session, and of none in a packet that is up.
 TEST(BfdSession, RefusesWhatIsNotValid) {
-    const struct {
-        const char* what;
-        size_t offset;
-        uint8_t value;
-    } rows[] = {
-        {"version 2", 0, 0x40}, {"authenticated", 1, 0xc4},       {"multipoint", 1, 0xc1},
-        {"multiplier 0", 2, 0}, {"shorter than a header", 3, 23}, {"longer than it is", 3, 25},
-        {"nobody's", 7, 0},     {"of another session", 8, 1},     {"of none, but up", 11, 0},
-    };
-    for (const auto& row : rows) {
+    constexpr uint8_t rows[][2] = {{0, 0x40}, {1, 0xc4}, {1, 0xc1}, {2, 0}, {3, 23},
+                                   {3, 25},   {7, 0},    {8, 1},    {11, 0}};
+    for (const auto& [offset, value] : rows) {
         Lone lone;
         lone.reach(init);
         BfdHdr pkt = Lone::pktOf(up);
-        reinterpret_cast<uint8_t*>(&pkt)[row.offset] = row.value;
+        reinterpret_cast<uint8_t*>(&pkt)[offset] = value;
         const bool isWhole = pkt.check(sizeof(pkt)) == Pavo::PktErrors::noError;
-        EXPECT_FALSE(isWhole && lone.session->receive(pkt)) << row.what;
-        EXPECT_EQ(lone.session->state(), init) << row.what;
+        EXPECT_FALSE(isWhole && lone.session->receive(pkt)) << +offset;
+        EXPECT_EQ(lone.session->state(), init) << +offset;
     }
 }
 
@@ -102,127 +105,153 @@ TEST(BfdSession, CountsWhatWaitsBeforeItGoesDown) {
     EXPECT_EQ(lone.session->state(), up);
     EXPECT_EQ(lone.session->lastRxSeconds(), 0.15);
     lone.waiting = [] {};
+    Mox::Watch<BfdSession> watch;
+    watch = {lone.session, BfdSession::stateAttr, [&] {
+                 EXPECT_EQ(lone.session->diag(), Diag::timeExpired);
+                 watch = {};
+                 lone.session = nullptr;
+             }};
     lone.clock.advance(0.2);
-    EXPECT_EQ(lone.session->diag(), Diag::timeExpired);
+    EXPECT_EQ(lone.session, nullptr);
 }
 
-TEST(BfdSession, MayBeDroppedByItsObserver) {
-    const std::function<void(Lone*)> ways[] = {
-        [](Lone* lone) { lone->receive(down); },
-        [](Lone* lone) { lone->session->isAdminDownIs(true); },
-        [](Lone* lone) { lone->clock.advance(1); },
+TEST(BfdSession, SendsAsThePeerWants) {
+    Lone lone;
+    lone.reach(up);
+    BfdHdr pkt = Lone::pktOf(up);
+    const auto sentAfter = [&](uint32_t requiredMinRx, uint8_t flags) {
+        pkt.requiredMinRxIs(requiredMinRx);
+        reinterpret_cast<uint8_t*>(&pkt)[1] = 0xc0 | flags;
+        lone.session->receive(pkt);
+        lone.sent.clear();
+        lone.clock.advance(0.1);
+        return lone.sent.size();
     };
-    for (const auto& way : ways) {
-        Lone lone;
-        lone.reach(up);
-        Mox::Watch<BfdSession> watch;
-        watch = Mox::Watch<BfdSession>(lone.session, BfdSession::stateAttr, [&] {
-            watch = {};
-            lone.session = nullptr;
-        });
-        way(&lone);
-        EXPECT_EQ(lone.session, nullptr);
-    }
+    constexpr uint8_t demand = 0x02, final = 0x10;
+    EXPECT_EQ(sentAfter(1'000'000, 0), 0u);
+    EXPECT_GE(sentAfter(50'000, 0), 2u);       // Sooner than the present interval ends.
+    EXPECT_GE(sentAfter(50'000, demand), 2u);  // Polls go on.
+    EXPECT_TRUE(lone.sent.back().isPoll());
+    EXPECT_EQ(sentAfter(50'000, demand | final), 0u);
+    EXPECT_GE(sentAfter(50'000, 0), 2u);
+    EXPECT_FALSE(lone.sent.back().isPoll());
+    EXPECT_EQ(sentAfter(0, 0), 0u);
+    lone.clock.advance(2);  // The peer is gone.
+    EXPECT_EQ(lone.session->state(), down);
+    EXPECT_EQ(lone.sent.back().yourDiscr(), 0u);
+    EXPECT_TRUE(lone.sent.back().isPoll());
 }
 
-// One end of a link, which loses what it sends with some chance.
+// A host with an agent, on one end of a link.
 struct Side {
-    Side(const SessionConfig& wanted, const Mox::Ptr<Pavo::Pam>& end, Mox::Clock* clock)
-        : config(wanted),
-          random(wanted.localDiscr),
-          pam(end),
-          session(Mox::make<BfdSession>(
-              config, clock, [this, clock](const BfdHdr& pkt) { send(pkt, clock->now()); }, [] {})),
-          readable(pam, Pavo::Pam::readableCountAttr,
-                   [this] { session->receive(*Pavo::tryHdr<BfdHdr>(pam->rxPkt(), 0)); }),
-          state(session, BfdSession::stateAttr, [this, clock] {
-              ++changes;
-              silentSeconds = clock->now() - session->lastRxSeconds();
-          }) {}
-
-    void send(const BfdHdr& pkt, double now) {
-        sent.push_back(now);
-        if (std::uniform_real_distribution<>()(random) >= loss) {
-            const auto out = Pavo::globalPktManager()->newPkt();
-            new (out->newSharedHeadData(sizeof(pkt))) BfdHdr(pkt);
-            pam->txPktIs(out);
-        }
+    Side(const SessionConfig& wanted, const char* local, const char* peer,
+         const Mox::Ptr<Pavo::PamConnectorPam>& end, Mox::Clock* clock)
+        : config(wanted), host(Pavo::ipHostFactory(local, end, clock)), state() {
+        host->addressIs(Pavo::IpAddr(local));
+        agent.emplace(Place{Pavo::IpAddr(local), Pavo::IpAddr(peer)}, config,
+                      Endpoints{host->attach(Pavo::udpPamFactory("rx")),
+                                host->attach(Pavo::udpPamFactory("tx"))},
+                      clock);
+        state = {agent->session(), BfdSession::stateAttr, [this, clock] {
+                     ++changes;
+                     silentSeconds = clock->now() - agent->session()->lastRxSeconds();
+                 }};
     }
+
+    const BfdSession& session() const { return *agent->session(); }
     void expectUp(const Side& other) const {
-        EXPECT_EQ(session->state(), up);
-        EXPECT_FALSE(session->isPolling());
+        EXPECT_EQ(session().state(), up);
+        EXPECT_FALSE(session().isPolling());
         const uint32_t micros = std::max(config.desiredMinTx, other.config.requiredMinRx);
-        EXPECT_DOUBLE_EQ(session->txIntervalSeconds(), micros / 1e6);
-        EXPECT_DOUBLE_EQ(other.session->detectionSeconds(), config.detectMult * micros / 1e6);
+        EXPECT_DOUBLE_EQ(session().txIntervalSeconds(), micros / 1e6);
+        EXPECT_DOUBLE_EQ(other.session().detectionSeconds(), config.detectMult * micros / 1e6);
     }
 
     SessionConfig config;
-    std::mt19937 random;
-    double loss = 0;
-    std::vector<double> sent;
+    Mox::Ptr<Pavo::IpHost> host;
+    std::optional<BfdAgent> agent;
+    Mox::Watch<BfdSession> state;
     uint32_t changes = 0;
     double silentSeconds = 0;
-    Mox::Ptr<Pavo::Pam> pam;
-    Mox::Ptr<BfdSession> session;
-    Mox::Watch<Pavo::Pam> readable;
-    Mox::Watch<BfdSession> state;
 };
 
-TEST(BfdSession, TwoComeUpAndGoDownOverABadWire) {
-    for (const uint32_t seed : PavoTest::Seeds(50)) {
+TEST(BfdAgent, TwoComeUpAndGoDownOverABadWire) {
+    for (const uint32_t seed : PavoTest::Seeds(25)) {
         SCOPED_TRACE(seed);
         Mox::ManualClock clock;
-        Guide::LossyLink link(&clock,
-                              {.duplication = 0.1,
-                               .reordering = 0.1,
-                               .heldBackSeconds = 0.02,
-                               .maxDelaySeconds = 0.01},
-                              seed);
+        Guide::LinkFaults faults{.duplication = 0.1,
+                                 .reordering = 0.1,
+                                 .heldBackSeconds = 0.02,
+                                 .maxDelaySeconds = 0.01};
+        Guide::LossyLink link(&clock, faults, seed);
         std::mt19937 random(seed);
         const auto draw = [&random](uint32_t discr) -> SessionConfig {
             constexpr uint32_t intervals[] = {50'000, 100'000, 300'000, 1'500'000};
             return {discr, intervals[random() % 4], intervals[random() % 4],
                     static_cast<uint8_t>(2 + random() % 4)};
         };
-        Side left(draw(1), link.left(), &clock);
-        Side right(draw(2), link.right(), &clock);
-        const auto expectUp = [&](double loss) {
-            left.loss = right.loss = loss;
-            clock.advance(20);
-            left.loss = right.loss = 0;
-            clock.advance(40);
+        Side left(draw(1), "192.0.2.1", "192.0.2.2", link.left(), &clock);
+        Side right(draw(2), "192.0.2.2", "192.0.2.1", link.right(), &clock);
+        const auto advance = [&](double seconds, double loss) {
+            faults.loss = loss;
+            link.faultsIs(faults);
+            clock.advance(seconds);
+        };
+        const auto expectUp = [&] {
+            advance(40, 0);
             left.expectUp(right);
             right.expectUp(left);
         };
-        expectUp(/*loss=*/0.3);
+        advance(20, /*loss=*/0.3);
+        expectUp();
 
-        left.sent.clear();
         left.changes = right.changes = 0;
-        clock.advance(10);
+        std::vector<double> sent;
+        const Mox::Watch<Pavo::PamConnectorPam> trace(link.left(),
+                                                      Pavo::PamConnectorPam::peekPktCountAttr,
+                                                      [&] { sent.push_back(clock.now()); });
+        advance(10, 0);
         EXPECT_EQ(left.changes + right.changes, 0u);
-        std::adjacent_difference(left.sent.begin(), left.sent.end(), left.sent.begin());
-        const auto [least, most] = std::minmax_element(left.sent.begin() + 1, left.sent.end());
-        const double interval = left.session->txIntervalSeconds();
+        std::adjacent_difference(sent.begin(), sent.end(), sent.begin());
+        const auto [least, most] = std::minmax_element(sent.begin() + 1, sent.end());
+        const double interval = left.session().txIntervalSeconds();
         EXPECT_GE(*least, 0.75 * interval - 1e-9);
         EXPECT_LE(*most, interval + 1e-9);
         EXPECT_LT(*least + 0.05 * interval, *most);
 
-        const double detection = left.session->detectionSeconds();
-        left.loss = right.loss = 1;
-        clock.advance(60);
+        const double detection = left.session().detectionSeconds();
+        advance(60, /*loss=*/1);
         EXPECT_NEAR(left.silentSeconds, detection, 1e-9);
-        EXPECT_EQ(left.session->diag(), Diag::timeExpired);
-        EXPECT_EQ(right.session->diag(), Diag::timeExpired);
-        expectUp(/*loss=*/0);
-
-        left.session->isAdminDownIs(true);
-        clock.advance(60);
-        EXPECT_EQ(right.session->state(), down);
-        EXPECT_EQ(right.session->remoteState(), adminDown);
-        EXPECT_EQ(right.session->diag(), Diag::signaledDown);
-        left.session->isAdminDownIs(false);
-        expectUp(/*loss=*/0);
+        EXPECT_EQ(left.session().diag(), Diag::timeExpired);
+        EXPECT_EQ(right.session().diag(), Diag::timeExpired);
+        expectUp();
     }
+}
+
+TEST(BfdAgent, ReceivesFromItsNeighbourOnly) {
+    Mox::ManualClock clock;
+    const auto wire = Pavo::pamConnectorFactory(&clock);
+    const Side left({.localDiscr = 1}, "192.0.2.1", "192.0.2.2", wire->pam("pam0"), &clock);
+    const auto host = Pavo::ipHostFactory("right", wire->pam("pam1"), &clock);
+    const auto peer = host->attach(Pavo::udpPamFactory("peer"));
+    host->addressIs(Pavo::IpAddr("192.0.2.2"));
+    host->addressIs(Pavo::IpAddr("192.0.2.3"));
+    peer->remoteIs({Pavo::IpAddr("192.0.2.1"), Pavo::Port(BfdAgent::port)});
+    peer->enabledIs(true);
+    const auto stateAfter = [&](const char* source, uint8_t ttl) {
+        peer->txSrcIpAddrIs(Pavo::IpAddr(source));
+        peer->txTtlIs(Pavo::IpTtl(ttl));
+        const auto pkt = Pavo::globalPktManager()->newPkt();
+        new (pkt->newSharedHeadData(sizeof(BfdHdr))) BfdHdr(Lone::pktOf(down, /*discr=*/1));
+        peer->txPktIs(pkt);
+        clock.advance(0.1);
+        return left.session().state();
+    };
+    EXPECT_EQ(stateAfter("192.0.2.2", 254), down);
+    EXPECT_EQ(left.agent->rxDiscards(), 0u);  // The kernel drops it.
+    EXPECT_EQ(stateAfter("192.0.2.3", 255), down);
+    EXPECT_EQ(left.agent->rxDiscards(), 1u);
+    EXPECT_EQ(stateAfter("192.0.2.2", 255), init);
 }
 
 }  // namespace

@@ -9,10 +9,9 @@
 #include "Mox/EventLoop.h"
 #include "Pavo/BuildPkt.h"
 #include "Pavo/EthHdr.h"
+#include "Pavo/PamConnector.h"
 #include "lldp/LldpAgent.h"
 #include "support/SandboxTest.h"
-#include "support/Seeds.h"
-#include "testing/LossyLink.h"
 
 namespace Lldp {
 namespace {
@@ -111,28 +110,6 @@ TEST(NeighbourTable, RemovesEachNeighbourInTime) {
     }
     EXPECT_EQ(table->neighbour().members(), NeighbourTable::maxNeighbours);
     EXPECT_EQ(table->tooManyNeighbours(), 8u);
-}
-
-TEST(LldpAgent, NeighboursKnowEachOtherOverABadWire) {
-    for (const uint32_t seed : PavoTest::Seeds(200)) {
-        SCOPED_TRACE(seed);
-        Mox::ManualClock clock;
-        Guide::LossyLink link(&clock, {.loss = 0.2, .duplication = 0.2, .maxDelaySeconds = 0.3},
-                              seed);
-        LldpAgent left({.own = pduOf("left", 0)}, link.left(), &clock);
-        clock.advance(100);
-        auto right = std::make_unique<LldpAgent>(AgentConfig{.own = pduOf("right", 0)},
-                                                 link.right(), &clock);
-        clock.advance(130);
-        ASSERT_EQ(left.table()->neighbour().members(), 1u);
-        ASSERT_EQ(right->table()->neighbour().members(), 1u);
-        EXPECT_EQ(left.table()->neighbour().begin()->second, pduOf("right", 121));
-        // The regular ones, and once four faster ones for each side.
-        EXPECT_LE(link.counters().taken, 8u + 5u + 2u * LldpAgent::fastFrames);
-        right = nullptr;
-        clock.advance(121);
-        EXPECT_EQ(left.table()->neighbour().members(), 0u);
-    }
 }
 
 TEST(LldpAgent, AnswersNewNeighboursAndMayBeDestroyedByAnObserver) {
