@@ -81,7 +81,9 @@ TEST_P(EthDevPamTest, FramesArriveWithTheirTagBesideThem) {
         }
     }
     EXPECT_EQ(left_->txPktCount(), 15u);
-    EXPECT_EQ(left_->rxPkt(), nullptr);  // Its own frames.
+    right->txPktIs(pktOf(header));
+    EXPECT_EQ(right->txPktCount(), 1u);
+    EXPECT_EQ(right->rxPkt(), nullptr);  // Its own.
 }
 
 TEST_P(EthDevPamTest, PendingChecksumsOfTheKernelAreMarked) {
