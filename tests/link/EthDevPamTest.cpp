@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <optional>
 
-#include "Pavo/EthHdr.h"
 #include "Pavo/UdpPam.h"
 #include "Pavo/deferClose.h"
 #include "pam/PamFixture.h"
@@ -22,13 +21,12 @@ class EthDevPamTest : public PamFixture, public testing::WithParamInterface<bool
         wire_.emplace();
         left_ = openPam("veth-left", "left");
     }
-    static bool hasRing() { return GetParam(); }
     static Mox::Ptr<EthDevPam> newPam(const char* device, const char* netNs,
                                       uint16_t type = testType) {
         const auto pam = ethDevPamFactory(device, NamespaceName(netNs));
         pam->deviceIs(device);
         pam->etherTypeIs(type);
-        pam->rxRingBlocksIs(hasRing() ? 4 : 0);
+        pam->rxRingBlocksIs(GetParam() ? 4 : 0);
         pam->rxRingTimeoutMsIs(1);
         return pam;
     }
@@ -84,17 +82,16 @@ TEST_P(EthDevPamTest, FramesArriveWithTheirTagBesideThem) {
     right->txPktIs(pktOf(header));
     EXPECT_EQ(right->txPktCount(), 1u);
     EXPECT_EQ(right->rxPkt(), nullptr);  // Its own.
-}
 
-TEST_P(EthDevPamTest, PendingChecksumsOfTheKernelAreMarked) {
-    const auto ip = openPam("veth-right", "right", EthType::ip);
+    // The kernel's stack leaves checksums to the device.
+    EXPECT_EQ(right->tryRxFilter("udp"), "");
     const auto udp = udpPamFactory("udp", NamespaceName("left"));
     udp->remoteIs({addr("192.0.2.2"), 9});
     udp->enabledIs(true);
     udp->txPktIs(pktOf("datagram"));
-    EXPECT_EQ(receive(ip)->totalBytes(), 14u + 20 + 8 + 8);
-    EXPECT_EQ(ip->rxInfo().pktType, RxPktType::host);
-    EXPECT_TRUE(ip->rxInfo().isChecksumPending);
+    EXPECT_EQ(receive(right)->totalBytes(), 14u + 20 + 8 + 8);
+    EXPECT_EQ(right->rxInfo().pktType, RxPktType::host);
+    EXPECT_TRUE(right->rxInfo().isChecksumPending);
 }
 
 TEST_P(EthDevPamTest, FramesOfEverySizeAreSentAndCutAndCounted) {
@@ -104,6 +101,9 @@ TEST_P(EthDevPamTest, FramesOfEverySizeAreSentAndCutAndCounted) {
     std::string expected;
     for (const uint32_t bytes : {13u, 14u, 1000u, 1001u, 1514u, 1515u, 15u}) {
         frames.push_back(pktOf((header + std::string(1501, 'x')).substr(0, bytes)));
+        if (bytes == 1514) {  // A full frame has room for a tag.
+            frames.back()->newSeparateVlanTag(5, 0x8100);
+        }
         if (bytes >= 14 && bytes <= 1514) {
             expected += std::to_string(std::min(bytes, 1000u)) + (bytes > 1000 ? " cut " : " ");
         }
@@ -118,13 +118,6 @@ TEST_P(EthDevPamTest, FramesOfEverySizeAreSentAndCutAndCounted) {
     }
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(right->rxTruncatedPkts(), 2u);
-
-    const PavoTest::FailSyscall full(3, EAGAIN, "sendmmsg");
-    const uint32_t rooms = left_->writableCount();
-    EXPECT_EQ(left_->txPktsIs(frames), 5u);  // The call that stops at a frame does not say why.
-    EXPECT_EQ(left_->txErrors(), 2u + 3);
-    turnsUntil([&] { return left_->writableCount() != rooms; });
-    EXPECT_EQ(left_->writableCount(), rooms + 1);
 }
 
 // Bursts are small enough for the queue between the devices, whose drops no endpoint sees.
@@ -147,20 +140,18 @@ TEST_P(EthDevPamTest, EveryFrameOfAFloodIsReceivedOrCounted) {
     EXPECT_EQ(sum(), all);
     EXPECT_GT(right->rxDrops(), 100u);
     EXPECT_GT(right->rxPktCount(), 100u);
-}
 
-TEST_P(EthDevPamTest, AnObserverMayDisableWhileABatchIsHandedOver) {
-    const auto right = openPam("veth-right", "right");
-    right->socketReadLimitIs(10);
-    right->enableBulkReadIs(true);
-    left_->txPktsIs(std::vector(20, pktOf(header + "frame")));
+    // An observer disables the endpoint while a batch is handed over; some frames are unread.
+    right->rxDropsIs(0);
+    right->rxPktCountIs(0);
+    left_->txPktsIs(burst);
     const Mox::Watch<EthDevPam> watch(right, Pam::savedPacketRxAttr,
                                       [&](uint32_t) { right->enabledIs(false); });
     turnsUntil([&] { return right->rxPktBulk() != 0; });
     EXPECT_FALSE(right->enabled());
-    EXPECT_EQ(right->savedPacket(9)->stringValue(), header + "frame");
-    EXPECT_EQ(right->rxPktCount(), 10u);
-    EXPECT_EQ(right->rxDrops(), 10u);  // Those that were unread.
+    EXPECT_EQ(right->savedPacket(0)->stringValue(), header + "flood");
+    EXPECT_GT(right->rxDrops(), 0u);
+    EXPECT_EQ(sum(), 50u);
 }
 
 TEST_P(EthDevPamTest, ADeviceMayGoDownAndAwayAndComeBack) {
@@ -196,9 +187,6 @@ TEST_P(EthDevPamTest, ADeviceMayGoDownAndAwayAndComeBack) {
     expectWorks("two");
     PavoTest::cutWire();
     expectFails(2, ENXIO);
-    EXPECT_EQ(errorOf([&] { right->promiscuousIs(true); }),
-              thrown("setsockopt(PACKET_ADD_MEMBERSHIP)", ENODEV));
-    EXPECT_FALSE(right->promiscuous());
     PavoTest::connectWire();
     for (const auto& pam : {left_, right}) {
         pam->enabledIs(false);
@@ -248,8 +236,6 @@ TEST_P(EthDevPamTest, AFilterIsChangedWhileFramesArrive) {
               thrown("setsockopt(SO_DETACH_FILTER)", ENOMEM));
     EXPECT_EQ(right->rxFilter(), "ether[14] != 0x6f");
     expectPasses("two end ");
-    EXPECT_EQ(right->tryRxFilter("ether[14] != 0x74"), "");  // Not "t".
-    expectPasses("one end ");
     EXPECT_EQ(right->tryRxFilter(""), "");
     expectPasses("one two end ");
 }
@@ -270,7 +256,7 @@ TEST_P(EthDevPamTest, EnablingSucceedsWholeOrLeavesNothing) {
             deferCloseWait();
             EXPECT_EQ(PavoTest::openDescriptors(), before);
         });
-    EXPECT_GT(failures, hasRing() ? 14u : 12u);
+    EXPECT_GT(failures, GetParam() ? 14u : 12u);
     EXPECT_EQ(pam->boundIfIndex(), 1u);
     pam->enabledIs(false);
 
@@ -283,9 +269,7 @@ TEST_P(EthDevPamTest, EnablingSucceedsWholeOrLeavesNothing) {
         int error;
     } cases[] = {
         {"nothing", 1, 4096, "ioctl(SIOCGIFINDEX)", ENODEV},
-        {"a-name-that-is-too-long", 1, 4096, "ioctl(SIOCGIFINDEX)", ENODEV},
         {"", 0, 4096, "bind", ENODEV},
-        {"", 0x7fffffff, 4096, "bind", ENODEV},
         {"", 0xffffffff, 4096, "bind", ENODEV},
         {"tun0", 0, 4096, "getsockname", EAFNOSUPPORT},
         {"lo", 0, 0, "setsockopt(PACKET_RX_RING)", EINVAL},
