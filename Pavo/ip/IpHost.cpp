@@ -225,7 +225,8 @@ int IpHost::resolve(PktInfo* info, bool* isHere) const {
         *isHere = !six;
         info->ifIndex = info->ifIndex != 0 ? info->ifIndex : loIfIndex;
     }
-    if (hasSource && !isOwn(info->srcIpAddr)) {
+    // Who writes the header of IPv4 may use any source.
+    if (hasSource && (six || info->isIpHdrWithKernel) && !isOwn(info->srcIpAddr)) {
         return six ? EINVAL : ENETUNREACH;
     }
     info->srcIpAddr = hasSource ? info->srcIpAddr : sourceFor(*info);
@@ -308,8 +309,9 @@ void IpHost::route(const Mox::Ptr<Pkt>& pkt) {
     const bool isFromWire = !pkt->hasSeparateVlanTag() ||
                             (arrival.msg.dst.isMulticast() && arrival.msg.dst.af() == ipv6 &&
                              arrival.ifIndex == ethIfIndex);
-    if ((isFromWire && (arrival.msg.src.isLoopback() || arrival.msg.dst.isLoopback())) ||
-        (!arrival.isToMany() && !isOwn(arrival.msg.dst))) {
+    const bool isMartian = arrival.msg.src.isLoopback() || arrival.msg.dst.isLoopback() ||
+                           (arrival.msg.src.af() == ipv4 && isOwn(arrival.msg.src));
+    if ((isFromWire && isMartian) || (!arrival.isToMany() && !isOwn(arrival.msg.dst))) {
         return;
     }
     for (IpHostEnd* each : ends_) {
@@ -345,8 +347,7 @@ void IpHost::routeUdp(const IpArrival& arrival) {
 // RFC 792; RFC 4443, 3.1: the port has no user. The header and the ports come back.
 void IpHost::sendUnreachable(const IpArrival& arrival) {
     const IpMsg& msg = arrival.msg;
-    const auto original =
-        msg.pkt->span().subspan(arrival.ipOffset, msg.offset + sizeof(UdpHdr) - arrival.ipOffset);
+    const auto original = msg.pkt->span().first(msg.offset + sizeof(UdpHdr));
     PktInfo info;
     info.dstIpAddr = msg.src;
     const bool isHere = isForThis(info);
@@ -371,6 +372,7 @@ void IpHost::takeUnreachable(const IpArrival& arrival) {
     const bool isError = arrival.readUnreachable(&sent);
     for (IpHostEnd* each : ends_) {
         if (isError && each->isUdp() && each->port() == sent.srcPort &&
+            each->local() == sent.srcIpAddr &&
             each->peer() == IpGenAddrAndPort(sent.dstIpAddr, sent.dstPort)) {
             each->errorIs(ECONNREFUSED);
             return;

@@ -12,72 +12,9 @@
 #include "Pavo/ip/Ip6SocketPam.h"
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpHostEnd.h"
-#include "Pavo/packet/Icmp6Hdr.h"
-#include "Pavo/packet/IcmpHdr.h"
-#include "Pavo/packet/Ip6Hdr.h"
-#include "Pavo/packet/IpHdr.h"
 #include "Pavo/packet/UdpHdr.h"
 
 namespace Pavo {
-
-bool IpArrival::isBroadcast(const IpGenAddr& address) {
-    return address == IpGenAddr(IpAddr(0xffffffff));
-}
-
-// A datagram whose UDP header is wrong is for nobody.
-bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
-    pkt->linearize();
-    IpMsg& msg = arrival->msg;
-    if (ipMsgAt(pkt, 0, msg) != PktErrors::noError) {
-        return false;
-    }
-    arrival->tos =
-        msg.src.af() == ipv4
-            ? reinterpret_cast<const IpHdr*>(pkt->frontData())->tos()
-            : static_cast<uint8_t>(
-                  reinterpret_cast<const Ip6Hdr*>(pkt->frontData())->trafficClass().value());
-    arrival->ifIndex = pkt->hasSeparateVlanTag() ? pkt->separateVlanTci() : IpHost::ethIfIndex;
-    if (msg.protocol != IpProtocolNumber::udp) {
-        return true;
-    }
-    const auto udp = msg.hdr<UdpHdr>();
-    if (!udp) {
-        return false;
-    }
-    msg.bytes = udp->udpLen();
-    arrival->srcPort = udp->srcPort();
-    arrival->dstPort = udp->dstPort();
-    return udp->checksum() == IpChecksum() ||
-           msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) == IpChecksum();
-}
-
-// What comes back is the IP header with the ports that follow it.
-bool IpArrival::readUnreachable(PktInfo* sent) const {
-    constexpr uint32_t icmpBytes = 8;
-    constexpr uint8_t port4[] = {3, 3};  // Type and code.
-    constexpr uint8_t port6[] = {1, 4};
-    const bool six = msg.src.af() == ipv6;
-    if (msg.protocol != (six ? IpProtocolNumber::ipv6Icmp : IpProtocolNumber::icmp) ||
-        msg.bytes < icmpBytes + (six ? sizeof(Ip6Hdr) : sizeof(IpHdr)) ||
-        std::memcmp(msg.pkt->frontData() + msg.offset, six ? port6 : port4, 2) != 0) {
-        return false;
-    }
-    const uint8_t* const begin = msg.pkt->frontData() + msg.offset + icmpBytes;
-    uint32_t hdrBytes = sizeof(Ip6Hdr);
-    if (six) {
-        sent->dstIpAddr = reinterpret_cast<const Ip6Hdr*>(begin)->dst();
-    } else {
-        sent->dstIpAddr = reinterpret_cast<const IpHdr*>(begin)->dst();
-        hdrBytes = reinterpret_cast<const IpHdr*>(begin)->headerBytes();
-    }
-    if (msg.bytes < icmpBytes + hdrBytes + sizeof(UdpHdr)) {
-        return false;
-    }
-    const auto& udp = *reinterpret_cast<const UdpHdr*>(begin + hdrBytes);
-    sent->srcPort = udp.srcPort();
-    sent->dstPort = udp.dstPort();
-    return true;
-}
 
 IpHostEnd::IpHostEnd(IpHost* host, Pam* pam, bool isUdp, Options optionsOf)
     : host_(host), pam_(pam), options_(optionsOf), isUdp_(isUdp) {
@@ -345,6 +282,7 @@ Port UdpHostEnd::open(AddressFamily family, PamSocket* socket) {
 
 void UdpHostEnd::connect() {
     PktInfo info;
+    info.isIpHdrWithKernel = true;
     info.srcIpAddr = IpArrival::isToMany(local_) ? IpGenAddr(family_) : local_;
     info.dstIpAddr = pam().remoteAddr();
     info.ifIndex = device_ != 0                   ? device_
@@ -414,6 +352,12 @@ Port RawHostEnd::open(AddressFamily family, PamSocket* socket) {
     return Port();
 }
 
+// The kernel puts no options into a header that the packet has already.
+int RawHostEnd::send(const Pkt& pkt, const TxInfo& info, const Mox::String& ifName) {
+    const bool hasOptions = family_ == ipv4 && pam().ipPktOption(ipPktRouterAlert);
+    return hasOptions && !info.isIpHdrWithKernel ? EINVAL : IpHostEnd::send(pkt, info, ifName);
+}
+
 int32_t RawHostEnd::checksumOffset() const {
     constexpr int32_t icmp6Offset = 2;
     if (family_ == ipv6 && pam().protocol() == IpProtocolNumber::ipv6Icmp) {
@@ -433,9 +377,11 @@ bool RawHostEnd::wantsFromGroup(const IpArrival& arrival) const {
                                                       : host_->isMember(arrival);
 }
 
+// The kernel trusts what it sends to a group and takes back itself.
 bool RawHostEnd::passes(const IpArrival& arrival) {
     const IpMsg& msg = arrival.msg;
-    if (checksumOffset() >= 0 &&
+    const bool isTrusted = msg.dst.isMulticast() && msg.pkt->hasSeparateVlanTag();
+    if (checksumOffset() >= 0 && !isTrusted &&
         msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) != IpChecksum()) {
         return false;
     }

@@ -7,35 +7,12 @@
 #include <vector>
 
 #include "Mox/Ptr.h"
+#include "Pavo/ip/IpArrival.h"
 #include "Pavo/ip/IpHost.h"
 #include "Pavo/ip/IpTransport.h"
-#include "Pavo/packet/IpMsg.h"
 #include "Pavo/pam/PamMux.h"
 
 namespace Pavo {
-
-/// A packet that has arrived at a host, and what its headers say. Ports are those of UDP.
-struct IpArrival {
-    IpMsg msg;
-    uint32_t ipOffset = 0;
-    uint32_t ifIndex = 0;
-    uint8_t tos = 0;
-    Port srcPort;
-    Port dstPort;
-
-    /// Reads the headers; false for a packet that no host takes.
-    static bool read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival);
-
-    /// Takes the addresses and ports of the datagram that an ICMP message says has no receiver;
-    /// false for another message.
-    bool readUnreachable(PktInfo* sent) const;
-
-    bool isToMany() const { return isToMany(msg.dst); }
-    static bool isToMany(const IpGenAddr& address) {
-        return address.isMulticast() || isBroadcast(address);
-    }
-    static bool isBroadcast(const IpGenAddr& address);
-};
 
 /// What an endpoint has as long as it is attached to a host.
 class IpHostEnd : public IpTransport {
@@ -141,6 +118,7 @@ class RawHostEnd final : public IpHostEnd {
     RawHostEnd(IpHost* host, RawIpPam* pam);
 
     Port open(AddressFamily family, PamSocket* socket) override;
+    int send(const Pkt& pkt, const TxInfo& info, const Mox::String& ifName) override;
     int32_t checksumOffset() const override;
     const IpGenAddr& txSource() const override { return pam().txSrcIpAddr(); }
     uint32_t fit(const IpArrival& arrival) const override;

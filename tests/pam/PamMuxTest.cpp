@@ -8,6 +8,7 @@
 #include "Mox/Clock.h"
 #include "Pavo/BpfFilter.h"
 #include "Pavo/BuildPkt.h"
+#include "Pavo/IpHost.h"
 #include "Pavo/PamConnector.h"
 #include "pam/PamFixture.h"
 #include "support/Seeds.h"
@@ -274,9 +275,8 @@ PamMuxMatch bytesFrom(char first, char last) {
 struct MuxScene : testing::Test {
     Ptr<PamMuxPam> newClient(const char* name, char first, char last) {
         const auto client = mux->clientIs(name, bytesFrom(first, last));
-        watches.emplace_back(client, Pam::readableCountAttr, [this, client = client.ptr()] {
-            onReport(client);
-        });
+        watches.emplace_back(client, Pam::readableCountAttr,
+                             [this, client = client.ptr()] { onReport(client); });
         return client;
     }
 
@@ -367,21 +367,33 @@ TEST_F(MuxScene, LosesNothingWhenAnObserverThrows) {
     EXPECT_EQ(mux->unclaimedPkts(), 1u);
 }
 
-TEST_F(MuxScene, PassesFramesThatAFilterTakes) {
-    const auto filter = bpfFilterFactory("filter");
-    ASSERT_EQ(filter->tryCompile("ether proto 0x88cc"), "");
-    const auto lldp = mux->clientIs("lldp", PamMuxMatch::filter(filter));
-    mux->enabledIs(true);
-    lower->arrive("x");
-    EXPECT_EQ(mux->unclaimedPkts(), 1u);
+TEST(PamMux, KnowsOfRemovedHeadersAndAsksFilters) {
     Mox::ManualClock clock;
     const auto wire = pamConnectorFactory(&clock);
-    const auto other = pamMuxFactory("other", wire->pam("pam0"), &clock);
-    const auto client = other->clientIs("lldp", PamMuxMatch::filter(filter));
-    other->enabledIs(true);
-    wire->pam("pam1")->txPktIs(buildPkt(Eth{.type = EthType::lldp}));
+    const auto host = ipHostFactory("host", wire->pam("pam0"), &clock);
+    const auto lower = host->attach(udpPamFactory("lower"));
+    lower->localAddrIs(addr("::1"));
+    lower->localPortIs(7);
+    lower->remoteIs({addr("::1"), 7});
+    lower->enabledIs(true);
+    const auto filter = bpfFilterFactory("filter");
+    ASSERT_EQ(filter->tryCompile("ether[0] = 0x41"), "");
+    const auto mux = pamMuxFactory("mux", lower, &clock, CaptureLinkType::rawIp);
+    std::vector<Ptr<PamMuxPam>> clients;
+    for (const PamMuxMatch& each :
+         {PamMuxMatch::filter(filter), PamMuxMatch::udpPort(7), PamMuxMatch::udpPort(0x4242),
+          PamMuxMatch::ipProtocol(IpProtocolNumber::udp), PamMuxMatch::etherType(EthType::ip6)}) {
+        clients.push_back(mux->clientIs(std::to_string(clients.size()), each));
+        clients.back()->takesCopiesIs(true);
+    }
+    mux->enabledIs(true);
+    clients[0]->txPktIs(pktOf("AAAAAAAAAAAAAAAA"));
+    clients[0]->txPktIs(pktOf("BBBBBBBBBBBBBBBB"));  // "BB" is where a header has its port.
     clock.advance(1);
-    EXPECT_EQ(client->waiting(), 1u);
+    for (const uint32_t expected : {1u, 2u, 0u, 2u, 2u}) {
+        EXPECT_EQ(clients.front()->waiting(), expected) << clients.size();
+        clients.erase(clients.begin());
+    }
 }
 
 }  // namespace
