@@ -118,7 +118,9 @@ struct World : PavoTest::RandomProgram {
                       : Ptr<RawIpPam>(ipSocketPamFactory("four", protocol, {}));
             pam->txDstIpAddrIs(self(six));
         }
-        isOnHost ? (void)host->attach(pam) : void();
+        if constexpr (isOnHost) {
+            (void)host->attach(pam);
+        }
         pam->enabledIs(true);
         return pam;
     }
@@ -424,7 +426,7 @@ TEST_F(PamReentrancy, ObserversOfMultiplexersMayDoAnything) {
 
 TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {
     (void)globalPktManager();
-    PavoTest::runPrograms(20, PavoTest::runProgram<World<EthDevPam>>);  // Closing takes long.
+    PavoTest::runPrograms(20, PavoTest::runProgram<World<EthDevPam, false>>);  // Closing takes long.
 }
 
 TEST_F(PamReentrancy, ObserversOfTapEndpointsMayDoAnything) {
@@ -432,7 +434,7 @@ TEST_F(PamReentrancy, ObserversOfTapEndpointsMayDoAnything) {
     for (const char* each : TestTap::devices) {
         PavoTest::run({"ip", "tuntap", "add", "dev", each, "mode", "tap"});
     }
-    PavoTest::runPrograms(100, PavoTest::runProgram<World<TestTap>>);
+    PavoTest::runPrograms(100, PavoTest::runProgram<World<TestTap, false>>);
     for (const char* each : TestTap::devices) {
         PavoTest::run({"ip", "link", "del", each});
     }
