@@ -15,10 +15,11 @@ using namespace Pavo;
 
 constexpr uint32_t options = ipPktInfo | ipRecvTTL | ipRecvTOS | ipRecvOrigDstAddr;
 
-// What the reader finds at the beginning, or null.
+// What the reader finds at the beginning, or null; also for a number that it does not know.
 Mox::Ptr<Pkt> wholeMsg(std::string_view bytes, IpMsg* msg) {
     const Mox::Ptr<Pkt> pkt = fuzz::pktOf(bytes, 0);
-    return ipMsgAt(pkt, 0, *msg) == PktErrors::noError ? pkt : nullptr;
+    const bool isWhole = ipMsgAt(pkt, 0, *msg) == PktErrors::noError;
+    return isWhole && msg->protocol != IpProtocolNumber::reserved ? pkt : nullptr;
 }
 
 void checkMux(std::string_view bytes, uint32_t privateBytes, CaptureLinkType linkType) {

@@ -368,7 +368,9 @@ int32_t RawHostEnd::checksumOffset() const {
 }
 
 uint32_t RawHostEnd::fit(const IpArrival& arrival) const {
-    return arrival.msg.dst.af() == family_ && arrival.msg.protocol == pam().protocol() ? 1 : 0;
+    const bool isOfThis =
+        arrival.msg.protocol == pam().protocol() && pam().protocol() != IpProtocolNumber::reserved;
+    return arrival.msg.dst.af() == family_ && isOfThis ? 1 : 0;
 }
 
 // One that has not joined the group receives what the host does.
