@@ -426,7 +426,8 @@ TEST_F(PamReentrancy, ObserversOfMultiplexersMayDoAnything) {
 
 TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {
     (void)globalPktManager();
-    PavoTest::runPrograms(20, PavoTest::runProgram<World<EthDevPam, false>>);  // Closing takes long.
+    PavoTest::runPrograms(20,
+                          PavoTest::runProgram<World<EthDevPam, false>>);  // Closing takes long.
 }
 
 TEST_F(PamReentrancy, ObserversOfTapEndpointsMayDoAnything) {
