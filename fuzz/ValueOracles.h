@@ -105,6 +105,21 @@ void checkValue(const T& value) {
     checkLog(value);
 }
 
+/// Every way to read the whole of `text` says the same, for a type that has a text form beside its
+/// record.
+template <Mox::HasTextForm T>
+void checkTextForm(std::string_view text) {
+    const auto quiet = Mox::tryParse<T>(text);
+    T target{};
+    const std::string error = rangeErrorOf([&] { target.stringValueIs(Mox::String(text)); });
+    Mox::require(quiet.has_value() == error.empty(), "throwing, quiet");
+    Mox::require(target == quiet.value_or(T()), "the value of all of it");
+    Mox::require(rangeErrorOf([&] { (void)T(text); }) == error, "constructed of all of it");
+    if (quiet) {
+        checkValue(*quiet);
+    }
+}
+
 /// Every way to read `text` says the same; a failure moves nothing.
 template <Mox::Value T>
 void checkText(std::string_view text) {
@@ -120,6 +135,12 @@ void checkText(std::string_view text) {
     Mox::require(constructedIt == it && it >= begin && it <= end, "the place reached");
     Mox::require(error.empty() || (it == begin && read == T()), "a failure moves nothing");
 
+    if constexpr (Mox::HasTextForm<T>) {
+        if (!text.starts_with("Value(")) {
+            checkTextForm<T>(text);
+            return;
+        }
+    }
     const bool whole = error.empty() && it == end;
     const auto quiet = Mox::tryParse<T>(text);
     Mox::require(quiet.has_value() == whole && (!whole || *quiet == read), "throwing, quiet");
