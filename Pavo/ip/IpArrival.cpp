@@ -13,7 +13,7 @@ bool IpArrival::isBroadcast(const IpGenAddr& address) {
     return address == IpGenAddr(IpAddr(0xffffffff));
 }
 
-// A datagram whose UDP header is wrong is for nobody.
+// A datagram whose UDP header is wrong has no receiver.
 bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
     pkt->linearize();
     IpMsg& msg = arrival->msg;

@@ -225,7 +225,7 @@ int IpHost::resolve(PktInfo* info, bool* isHere) const {
         *isHere = !six;
         info->ifIndex = info->ifIndex != 0 ? info->ifIndex : loIfIndex;
     }
-    // Who writes the header of IPv4 may use any source.
+    // An IPv4 header of the agent's own may have any source.
     if (hasSource && (six || info->isIpHdrWithKernel) && !isOwn(info->srcIpAddr)) {
         return six ? EINVAL : ENETUNREACH;
     }

@@ -188,14 +188,13 @@ int IpHostEnd::membershipError(const Membership& wanted, bool member) const {
     return !member && !hasGroup ? EINVAL : isListed == member ? EADDRNOTAVAIL : 0;
 }
 
-// One who is a member for all sources is so no more as soon as one source is named, even where that
-// fails.
+// A membership for all sources ends as soon as a call names one source, even where that call fails.
 void IpHostEnd::sourceIsNamed(const Membership& wanted) {
-    const IpGenAddr nobody(family_);
+    const IpGenAddr noSource(family_);
     for (Membership& each : memberships_) {
         if (each.group == wanted.group && each.ifIndex == wanted.ifIndex &&
             each.source.af() == ipunknown) {
-            each.source = nobody;
+            each.source = noSource;
         }
     }
 }

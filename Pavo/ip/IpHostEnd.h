@@ -79,7 +79,7 @@ class IpHostEnd : public IpTransport {
     struct Membership {
         uint32_t ifIndex;
         IpGenAddr group;
-        IpGenAddr source;  // Of no family for all, zero for nobody.
+        IpGenAddr source;  // Of no family for all, zero for none.
 
         friend bool operator==(const Membership&, const Membership&) = default;
     };

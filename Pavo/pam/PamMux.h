@@ -67,8 +67,8 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     int32_t place() const { return place_; }
     void placeIs(int32_t place);
     /// Whether the client gets a shallow copy of each packet that it wants, so that those after it
-    /// are asked too. By default it takes the packet itself, and nobody else is asked. A client
-    /// that changes the bytes of a copy calls `Pkt::unshare` before.
+    /// are asked too. By default it takes the packet itself, and the clients after it are not
+    /// asked. A client that changes the bytes of a copy calls `Pkt::unshare` before.
     bool takesCopies() const { return takesCopies_; }
     void takesCopiesIs(bool takes) { attributeIs(takesCopies_, takes, takesCopiesAttr); }
     /// The most packets that wait, 1024 by default. Further ones are dropped and counted in
@@ -122,8 +122,8 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
 
 /// Reads one endpoint, and hands each packet to the clients that want it. Which ones do is found by
 /// the numbers in the headers of the packet, or by functions, see `PamMuxMatch`. The first match
-/// takes the packet; a client that `takesCopies` leaves it to the others. What nobody takes is
-/// counted in `unclaimedPkts`.
+/// takes the packet; a client that `takesCopies` leaves it to the others. Packets that no client
+/// wants are counted in `unclaimedPkts`.
 ///
 ///         agents          ARP        UDP port 7       ICMP
 ///                          |             |             |

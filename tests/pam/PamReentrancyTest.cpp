@@ -371,7 +371,7 @@ struct MuxWorld : PavoTest::RandomProgram {
         perform(
             kinds(), [this] { clock.advance(0.002); }, [this] { checkAtRest(); });
     }
-    // Whoever waits and reads one packet for each report receives all.
+    // A client that reads one packet for each report receives all.
     void checkAtRest() {
         print("at rest");
         isAtRest = true;
