@@ -23,7 +23,8 @@ PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const Ip6Addr& g
 PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpAddr& group, bool join);
 
 /// The same for what one source sends to the group (RFC 4607), for addresses of one family. A
-/// socket is a member for several sources, or for all: not for both (EINVAL).
+/// socket is a member for several sources, or for all: naming one ends a membership for all, also
+/// where a leave for it fails (EADDRNOTAVAIL), and joining for all is then refused (EADDRINUSE).
 PAVO_EXPORT int doJoinLeaveMcastGroup(int fd, uint32_t ifIndex, const IpGenAddr& group,
                                       const IpGenAddr& source, bool join);
 
