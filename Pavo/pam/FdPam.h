@@ -97,11 +97,15 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     template <class Endpoint>
     static constexpr Steps stepsOf();
 
+    /// Disabled.
     FdPam(Mox::String name, const Steps& steps);
     ~FdPam() override;
 
+    /// The descriptor, and when it is reported.
+    /// @{
     PamSocket& socket() { return socket_; }
     const PamSocket& socket() const { return socket_; }
+    /// @}
     /// For `open`, where there is a descriptor to watch.
     static void requireEventLoop();
     /// Disables the endpoint, also while it is being enabled.

@@ -72,8 +72,9 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
   protected:
     /// What a class of endpoints does in its own way, beside `Steps`.
     struct SocketSteps {
-        /// The table of options for the socket that is open, and what its rows are applied with.
+        /// The table of options for the socket that is open.
         std::span<const SocketOption> (*optionTable)(const SocketPam* pam);
+        /// What the rows are applied with.
         SocketSettings (*socketSettings)(const SocketPam* pam);
         /// Reads one packet.
         RxRound (*readOne)(SocketPam* pam, Mox::Ptr<Pkt>* pkt, RxInfo* info);
@@ -84,11 +85,12 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
     template <class Endpoint>
     static constexpr SocketSteps socketStepsOf();
 
-    /// `className` is that of the endpoint, for traces.
+    /// Disabled; `className` is that of the endpoint, for traces.
     SocketPam(Mox::String name, const Steps& steps, const SocketSteps& socketSteps,
               const Mox::TraceFacility& trace, const char* className);
     ~SocketPam() override;
 
+    /// Reads the packets of the socket.
     PktReceiver& receiver() const { return *receiver_; }
     /// The packets that fit into a batch.
     uint8_t bulkSlots() const { return bulkSlots_; }
