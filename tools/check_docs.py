@@ -1,17 +1,18 @@
 #!/usr/bin/env python3
 """Checks the links of the documentation.
 
-usage: check_docs.py ROOT [HTML-FOLDER]
+usage: check_docs.py [--markdown ROOT] [--html FOLDER]
 
 In the Markdown files of the git tree at ROOT, each link to a file or folder leads to one of that
 tree, ignored files excepted, and each link to a place in a page leads to a heading. Their links are
 of the form [text](target); each other form, and a tag of HTML with an attribute, is a fault, since
 it would not be checked.
-In the pages of the reference, each link leads to a file of their folder and to an anchor of it.
+In the pages of the reference in FOLDER, each link leads to a file of it and to an anchor.
 
 Prints every fault, and exits with 1 if there is one. Links to the network are not followed; the
 reference may have none but that to Doxygen itself."""
 
+import argparse
 import collections
 import html.parser
 import os
@@ -123,18 +124,23 @@ def check_html(folder):
                 yield f"{path.name}: no anchor for {link}"
 
 
-def main(arguments):
-    if len(arguments) not in (1, 2):
-        sys.exit("usage: check_docs.py ROOT [HTML-FOLDER]")
+def main():
+    usage = argparse.ArgumentParser()
+    usage.add_argument("--markdown", type=pathlib.Path)
+    usage.add_argument("--html", type=pathlib.Path)
+    wanted = usage.parse_args()
+    if not wanted.markdown and not wanted.html:
+        usage.error("nothing to check")
     sys.stdout.reconfigure(errors="backslashreplace")  # A name of a file need not be UTF-8.
-    root = pathlib.Path(arguments[0])
-    faults = list(check_markdown(root, files_of(root)))
-    for folder in arguments[1:]:
-        faults += check_html(pathlib.Path(folder).resolve())
+    faults = []
+    if wanted.markdown:
+        faults += check_markdown(wanted.markdown, files_of(wanted.markdown))
+    if wanted.html:
+        faults += check_html(wanted.html.resolve())
     for fault in sorted(faults):
         print(fault)
     return 1 if faults else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(main())

@@ -61,9 +61,9 @@ fi
 step 'the documentation installs, opens, and leaves nothing'
 if ls "$packages"/libpavo-doc_*.deb >/dev/null 2>&1; then
     cp "$packages"/libpavo-doc_*.deb /tmp/doc.deb
-    install /tmp/doc.deb python3-minimal
-    python3 "$tests/links.py" /usr/share/doc/libpavo-dev/html
-    quiet apt-get -q -y remove --purge libpavo-doc python3-minimal
+    install /tmp/doc.deb python3
+    python3 "$tree/tools/check_docs.py" --html /usr/share/doc/libpavo-dev/html
+    quiet apt-get -q -y remove --purge libpavo-doc python3
     quiet apt-get -q -y autoremove --purge
     files | diff /tmp/before -
 fi
