@@ -36,8 +36,8 @@ bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
     msg.bytes = udp->udpLen();
     arrival->srcPort = udp->srcPort();
     arrival->dstPort = udp->dstPort();
-    return udp->checksum() == IpChecksum() ||
-           msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) == IpChecksum();
+    const bool hasNone = msg.src.af() == ipv4 && udp->checksum() == IpChecksum();  // RFC 8200, 8.1.
+    return hasNone || msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) == IpChecksum();
 }
 
 // What comes back is the IP header with the ports that follow it.

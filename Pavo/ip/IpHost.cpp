@@ -310,6 +310,7 @@ void IpHost::route(const Mox::Ptr<Pkt>& pkt) {
                             (arrival.msg.dst.isMulticast() && arrival.msg.dst.af() == ipv6 &&
                              arrival.ifIndex == ethIfIndex);
     const bool isMartian = arrival.msg.src.isLoopback() || arrival.msg.dst.isLoopback() ||
+                           IpArrival::isToMany(arrival.msg.src) ||
                            (arrival.msg.src.af() == ipv4 && isOwn(arrival.msg.src));
     if ((isFromWire && isMartian) || (!arrival.isToMany() && !isOwn(arrival.msg.dst))) {
         return;

@@ -315,7 +315,7 @@ void UdpHostEnd::bind() {
     }
     const bool isGiven = pam().localPort() != Port();
     port_ = isGiven ? pam().localPort() : host_->freePort(*this);
-    if (isGiven && !host_->isPortFree(*this, port_)) {
+    if (port_ == Port() || (isGiven && !host_->isPortFree(*this, port_))) {
         throw Mox::ErrnoException(EADDRINUSE, "bind");
     }
 }

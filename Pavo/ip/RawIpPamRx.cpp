@@ -43,10 +43,10 @@ void RawIpPam::doGetRxPktSingle() {
         round.wasTried ? countRead(round) : void();
         return;
     }
+    rxPktIs(pkt, info);  // First: an observer of what is counted may read it.
     FirstException exception;
     exception.collect([&] { packetInfoIs(info, round.carried); });
     exception.collect([&] { countRead(round); });
-    rxPktIs(pkt, info);
     exception.rethrow();
 }
 
@@ -68,14 +68,20 @@ int32_t RawIpPam::doGetRxPktBulk() {
     }
     const RxRound round = batch->round;
     FirstException exception;
-    exception.collect([&] { slotsPublish(&batch->pkts, batch->read()); });
-    if (round.packets != 0) {
-        exception.collect([&] { packetInfoIs(batch->read().back(), round.carried); });
-    }
+    int32_t packets = 0;
+    exception.collect([&] {
+        packets = slotsPublish(&batch->pkts, batch->read(), [&] {
+            FirstException counting;
+            if (round.packets != 0) {
+                counting.collect([&] { packetInfoIs(batch->read().back(), round.carried); });
+            }
+            counting.collect([&] { countRead(round); });
+            counting.rethrow();
+        });
+    });
     receiver_->batchIs(std::move(batch));
-    exception.collect([&] { countRead(round); });
     exception.rethrow();
-    return static_cast<int32_t>(round.packets);
+    return packets;
 }
 
 void RawIpPam::slotIs(uint32_t slot, const Mox::Ptr<Pkt>& pkt, const RxInfo& info) {

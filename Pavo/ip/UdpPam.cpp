@@ -216,12 +216,12 @@ void UdpPam::connectTo(int fd) const {
 }
 
 void UdpPam::close() {
-    socket().close();
+    boundPort_ = 0;
+    peer_ = IpGenAddrAndPort();
     if (transport_) {
         transport_->close();
     }
-    boundPort_ = 0;
-    peer_ = IpGenAddrAndPort();
+    socket().close();
 }
 
 void UdpPam::rxFilterIs(uint8_t index, IpFilter instruction) {
@@ -248,18 +248,21 @@ void UdpPam::handleTxTos() {
 }
 
 void UdpPam::modeIs(Mode mode) {
+    const Mox::Ptr<UdpPam> hold(this);  // The handler may drop the endpoint.
     if (handled(mode_, mode, [this] { handleMode(); })) {
         notify(modeAttr);
     }
 }
 
 void UdpPam::netNsIs(const NamespaceName& netNs) {
+    const Mox::Ptr<UdpPam> hold(this);  // The handler may drop the endpoint.
     if (handled(netNs_, netNs, [this] { handleNetNs(); })) {
         notify(netNsAttr);
     }
 }
 
 void UdpPam::txTosIs(IpDscp tos) {
+    const Mox::Ptr<UdpPam> hold(this);  // The handler may drop the endpoint.
     if (handled(txTos_, tos, [this] { handleTxTos(); })) {
         notify(txTosAttr);
     }
@@ -307,12 +310,13 @@ void UdpPam::remoteIs(const IpGenAddrAndPort& remote) {
 void UdpPam::membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpGenAddr* source,
                           bool member) {
     Mox::require(enabled(), "enabled()");
+    const int fd = socket().isOpen() ? socket().number() : -1;  // While it is being disabled.
     if (transport_) {
         transport_->membershipIs(ifIndex, group, source, member);
     } else if (source == nullptr) {
-        family_->membershipIs(socket().number(), ifIndex, group, member);
+        family_->membershipIs(fd, ifIndex, group, member);
     } else {
-        family_->membershipIs(socket().number(), ifIndex, group, *source, member);
+        family_->membershipIs(fd, ifIndex, group, *source, member);
     }
 }
 

@@ -74,7 +74,7 @@ int sendSegments(int fd, TxHead head, std::span<const Mox::Ptr<Pkt>> pkts) {
 }  // namespace
 
 RxSettings UdpPam::rxSettings() const {
-    return {options(), rxFlags_, maxRxPktData(), rxBufferBytes()};
+    return {options(), rxFlags_, maxRxPktData(), std::max(rxBufferBytes(), maxRxPktData())};
 }
 
 // What the description of every packet begins with.
@@ -135,7 +135,8 @@ TxResult UdpPam::sendRun(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
     if (error == 0) {
         return {count, 0, count, 0};
     }
-    if (error != EIO && error != EINVAL) {  // It concerns the socket, or the first packet.
+    if (error != EIO && error != EINVAL &&
+        error != EMSGSIZE) {  // It concerns the socket, or the first packet.
         return isNoRoom(error) ? TxResult{0, count, 0, error} : TxResult{0, 1, 1, error};
     }
     const TxResult result = sendPkts(fd, head, run, receiver().trace());

@@ -5,6 +5,7 @@
 #include <net/if_arp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -52,11 +53,11 @@ constexpr std::array<SocketOption, 5> ethOptions{
 EthDevPam::EthDevPam(Mox::String name, NamespaceName netNs)
     : EntityOf(std::move(name), stepsOf<EthDevPam>(), socketStepsOf<EthDevPam>(), facility,
                "EthDevPam"),
-      netNs_(std::move(netNs)) {}
-
-EthDevPam::~EthDevPam() {
-    socket().closeLater();
+      netNs_(std::move(netNs)) {
+    socket().closesLaterIs();
 }
+
+EthDevPam::~EthDevPam() = default;
 
 SocketOptionTable EthDevPam::optionTable() const {
     return ethOptions;
@@ -147,7 +148,7 @@ void EthDevPam::close() {
     boundIfIndex_ = 0;
     ethAddr_ = EthAddr();
     ring_ = nullptr;
-    socket().closeLater();
+    socket().close();
 }
 
 // Adds up what the kernel has counted since the last look. False while there is no socket.
@@ -206,16 +207,19 @@ Mox::String EthDevPam::tryRxFilter(const Mox::String& expression) {
 
 void EthDevPam::doJoinMcastGroup(const EthAddr& group) {
     Mox::require(enabled(), "enabled()");
-    membershipIs(socket().number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/true);
+    membershipIs(socket().isOpen() ? socket().number() : -1, boundIfIndex_, PACKET_MR_MULTICAST,
+                 group, /*member=*/true);
 }
 
 void EthDevPam::doLeaveMcastGroup(const EthAddr& group) {
     Mox::require(enabled(), "enabled()");
-    membershipIs(socket().number(), boundIfIndex_, PACKET_MR_MULTICAST, group, /*member=*/false);
+    membershipIs(socket().isOpen() ? socket().number() : -1, boundIfIndex_, PACKET_MR_MULTICAST,
+                 group, /*member=*/false);
 }
 
 RxSettings EthDevPam::rxSettings() const {
-    return {options() & ipRecvTimestamp, /*flags=*/0, maxRxPktData(), rxBufferBytes()};
+    return {options() & ipRecvTimestamp, /*flags=*/0, maxRxPktData(),
+            std::max(rxBufferBytes(), maxRxPktData())};
 }
 
 // A read that finds nothing is not counted.

@@ -25,6 +25,10 @@ TxResult sendFrames(int fd, uint32_t ifIndex, std::span<const Mox::Ptr<Pkt>> pkt
     if (!isTagged) {
         return sendPkts(fd, head, pkts, trace);
     }
+    if (pkts.size() == 1) {
+        const Mox::Ptr<Pkt> frame = pktWithTagInFrame(pkts[0]);
+        return sendPkts(fd, head, {&frame, 1}, trace);
+    }
     std::vector<Mox::Ptr<Pkt>> frames(pkts.size());
     std::transform(pkts.begin(), pkts.end(), frames.begin(), pktWithTagInFrame);
     return sendPkts(fd, head, frames, trace);

@@ -5,6 +5,7 @@
 
 #include "Mox/Exception.h"
 #include "Mox/Trace.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/link/EthFrames.h"
 #include "Pavo/pam/SocketOptions.h"
 #include "Pavo/socket/SocketAt.h"
@@ -23,11 +24,11 @@ void bypassIs(int fd, bool bypasses) {
 }  // namespace
 
 RawTxPam::RawTxPam(Mox::String name, NamespaceName netNs)
-    : EntityOf(std::move(name), stepsOf<RawTxPam>()), netNs_(std::move(netNs)) {}
-
-RawTxPam::~RawTxPam() {
-    socket().closeLater();
+    : EntityOf(std::move(name), stepsOf<RawTxPam>()), netNs_(std::move(netNs)) {
+    socket().closesLaterIs();
 }
+
+RawTxPam::~RawTxPam() = default;
 
 void RawTxPam::open() {
     requireEventLoop();
@@ -44,7 +45,7 @@ void RawTxPam::open() {
 }
 
 void RawTxPam::close() {
-    socket().closeLater();
+    socket().close();
 }
 
 void RawTxPam::bypassesQdiscIs(bool bypasses) {
@@ -56,6 +57,17 @@ void RawTxPam::bypassesQdiscIs(bool bypasses) {
 void RawTxPam::doGetRxPkt() {
     rxPktIs(nullptr);
     socket().readEnded(PamSocket::ReadEnd::empty);
+}
+
+uint32_t RawTxPam::txPktsIs(uint32_t ifIndex, std::span<const Mox::Ptr<Pkt>> pkts) {
+    const Mox::Ptr<RawTxPam> hold(this);
+    const bool isOther = changed(txIfIndex_, ifIndex);
+    uint32_t taken = 0;
+    FirstException exception;
+    exception.collect([&] { taken = txPktsIs(pkts); });
+    exception.collect([&] { isOther ? notify(txIfIndexAttr) : void(); });
+    exception.rethrow();
+    return taken;
 }
 
 TxResult RawTxPam::send(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {

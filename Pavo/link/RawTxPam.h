@@ -52,11 +52,8 @@ class PAVO_EXPORT RawTxPam : public Mox::EntityOf<RawTxPam, FdPam> {
     /// The interface of the next frame or batch, as an index in the namespace.
     uint32_t txIfIndex() const { return txIfIndex_; }
     void txIfIndexIs(uint32_t index) { attributeIs(txIfIndex_, index, txIfIndexAttr); }
-    /// Sets `txIfIndex`, and sends a batch there.
-    uint32_t txPktsIs(uint32_t ifIndex, std::span<const Mox::Ptr<Pkt>> pkts) {
-        txIfIndexIs(ifIndex);
-        return txPktsIs(pkts);
-    }
+    /// Sets `txIfIndex`, and sends a batch there, before observers are notified of the index.
+    uint32_t txPktsIs(uint32_t ifIndex, std::span<const Mox::Ptr<Pkt>> pkts);
     using Pam::txPktsIs;
 
     /// Whether frames go to the driver past the queueing discipline of the interface

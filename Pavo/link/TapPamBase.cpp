@@ -44,12 +44,13 @@ TxResult writeFrames(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
         const Mox::Ptr<Pkt> frame = pktWithTagInFrame(each);
         iovec data[Pkt::maxIovecs_];
         const uint32_t pieces = frame->copyIovecs(data);
-        if (writev(fd, data, static_cast<int>(pieces)) >= 0) {
+        const ssize_t written = writev(fd, data, static_cast<int>(pieces));
+        if (written > 0) {
             ++result.sent;
             ++result.taken;
             continue;
         }
-        result.error = errno;
+        result.error = written < 0 ? errno : EINVAL;  // An empty frame does not reach the device.
         if (isNoRoom(result.error)) {
             result.failed += static_cast<uint32_t>(pkts.size()) - result.taken;
             break;
@@ -75,11 +76,11 @@ Mox::String nameOfTap(int fd) {
 
 }  // namespace
 
-TapPamBase::TapPamBase(Mox::String name) : EntityOf(std::move(name), stepsOf<TapPamBase>()) {}
-
-TapPamBase::~TapPamBase() {
-    socket().closeLater();
+TapPamBase::TapPamBase(Mox::String name) : EntityOf(std::move(name), stepsOf<TapPamBase>()) {
+    socket().closesLaterIs();
 }
+
+TapPamBase::~TapPamBase() = default;
 
 void TapPamBase::open() {
     requireEventLoop();
@@ -96,9 +97,11 @@ void TapPamBase::open() {
 }
 
 void TapPamBase::close() {
-    socket().closeLater();
     ifName_ = Mox::String();
-    handleTapGone();
+    FirstException exception;
+    exception.collect([this] { socket().close(); });
+    exception.collect([this] { handleTapGone(); });
+    exception.rethrow();
 }
 
 void TapPamBase::doGetRxPkt() {
@@ -123,12 +126,12 @@ void TapPamBase::doGetRxPkt() {
     const int error = readFrame(socket().number(), maxRxPktData(), *pkt, &info);
     socket().readEnded(error);
     if (error == 0) {
+        rxPktIs(std::move(pkt), info);  // First: an observer of what is counted may read it.
         FirstException exception;
         if (info.truncated) {
             exception.collect([&] { rxTruncatedPktsInc(1); });
         }
         exception.collect([&] { rxPktCountInc(1); });
-        rxPktIs(std::move(pkt), info);
         exception.rethrow();
     } else if (error != EAGAIN) {
         MOX_TRACE(facility, 1, "readv failed : ", std::strerror(error));

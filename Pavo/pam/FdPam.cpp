@@ -50,8 +50,10 @@ void FdPam::start() {
 }
 
 void FdPam::cleanup() {
-    steps_.close(this);
-    attributeIs(enabled_, false, enabledAttr);
+    FirstException exception;
+    exception.collect([this] { steps_.close(this); });
+    exception.collect([this] { attributeIs(enabled_, false, enabledAttr); });
+    exception.rethrow();
 }
 
 void FdPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {

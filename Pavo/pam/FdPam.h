@@ -47,8 +47,8 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     bool enabled() const { return enabled_; }
     /// @pre to enable: an event loop on this thread (assertion "EventLoop::current(): enabling
     /// needs an event loop on this thread").
-    /// @throws Mox::ErrnoException naming the call that failed, one of those that the class of the
-    /// endpoint lists; the endpoint is then disabled.
+    /// @throws Mox::ErrnoException naming the call that failed: one of those that the class of the
+    /// endpoint lists, "fcntl(F_SETFL)" or "epoll_ctl"; the endpoint is then disabled.
     void enabledIs(bool enabled);
 
     /// Packets sent.
@@ -88,7 +88,7 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     struct Steps {
         /// Opens the descriptor and hands it to `socket`. Throws, with nothing left open.
         void (*open)(FdPam* pam);
-        /// Closes it, and forgets what described it.
+        /// Forgets what described the descriptor, and closes it.
         void (*close)(FdPam* pam);
         /// Sends packets on a descriptor, which is -1 where an observer has closed it.
         TxResult (*send)(FdPam* pam, int fd, std::span<const Mox::Ptr<Pkt>> pkts);

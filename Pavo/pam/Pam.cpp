@@ -92,16 +92,19 @@ uint32_t Pam::txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts) {
         return batchSender_(this, pkts);
     }
     uint32_t taken = 0;
-    bool noRoom = false;
     int32_t lastError = 0;
     txErrnoIs(0);
-    for (const Mox::Ptr<Pkt>& each : pkts) {
-        txPktIs(each);
+    while (taken < pkts.size() && !isNoRoom(lastError)) {
+        txPktIs(pkts[taken]);
         lastError = txErrno_ != 0 ? txErrno_ : lastError;
-        noRoom = noRoom || isNoRoom(txErrno_);
-        taken += noRoom ? 0 : 1;
+        taken += isNoRoom(lastError) ? 0 : 1;
     }
-    txErrnoIs(lastError);
+    FirstException exception;
+    exception.collect([&] { txErrnoIs(lastError); });
+    if (taken + 1 < pkts.size()) {  // The first one that found no room is counted already.
+        exception.collect([&] { txErrorsInc(static_cast<uint32_t>(pkts.size()) - taken - 1); });
+    }
+    exception.rethrow();
     return taken;
 }
 
@@ -137,6 +140,7 @@ void Pam::slotsDelAll() {
     const Mox::Ptr<Pam> hold(this);
     uint32_t pkts = savedPacket_.members();
     uint32_t flags = savedPacketRx_.members();
+    isPublishingSlots_ = false;
     savedPacket_.delAll([](uint32_t) {});
     savedPacketRx_.delAll([](uint32_t) {});
     slotInfos_.clear();
@@ -148,18 +152,30 @@ void Pam::slotsDelAll() {
     }
 }
 
-void Pam::slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos) {
+int32_t Pam::slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos,
+                          const std::function<void()>& count) {
+    FirstException exception;
+    isPublishingSlots_ = true;
+    exception.collect([&] { slotsChange(pkts, infos); });
+    exception.collect(count);
+    const bool isThere = std::exchange(isPublishingSlots_, false);
+    exception.rethrow();
+    return isThere ? static_cast<int32_t>(infos.size()) : 0;
+}
+
+// An observer that removes the slots ends the publishing.
+void Pam::slotsChange(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos) {
     slotInfos_.assign(infos.begin(), infos.end());
     for (uint32_t slot = 0; slot < infos.size(); ++slot) {
         tapSlot(slot, *(*pkts)[slot]);
     }
     FirstException exception;
-    isPublishingSlots_ = true;
-    for (uint32_t slot = 0; slot < pkts->size(); ++slot) {
+    for (uint32_t slot = 0; slot < pkts->size() && isPublishingSlots_; ++slot) {
         exception.collect([&] { savedPacketIs(slot, std::move((*pkts)[slot])); });
-        exception.collect([&] { savedPacketRxIs(slot, slot < infos.size()); });
+        if (isPublishingSlots_) {
+            exception.collect([&] { savedPacketRxIs(slot, slot < infos.size()); });
+        }
     }
-    isPublishingSlots_ = false;
     exception.rethrow();
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <type_traits>
 #include <utility>
@@ -202,10 +203,12 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     void slotsDelAll();
     /// @}
     /// Puts the packets of a batch into the slots from 0 on, of which those with an entry in
-    /// `infos` were received, and leaves none in `pkts`. Each slot is changed, also where an
-    /// observer of another one throws.
-    void slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos);
-    /// Whether observers of the slots are being notified of a batch: no other one can be read.
+    /// `infos` were received, and leaves none in `pkts`; then calls `count`. Each slot is changed,
+    /// and `count` is called, also where an observer of a slot throws. Returns how many packets the
+    /// slots hold then: none where an observer has removed the slots.
+    int32_t slotsPublish(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos,
+                         const std::function<void()>& count);
+    /// Whether observers are being notified of a batch: no other one can be read.
     bool isPublishingSlots() const { return isPublishingSlots_; }
     /// Nothing was read: no slot holds a received packet, also where an observer throws.
     void slotsReceivedNone();
@@ -230,6 +233,8 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     void batchSenderIs(BatchSender sender) { batchSender_ = sender; }
 
   private:
+    void slotsChange(std::vector<Mox::Ptr<Pkt>>* pkts, std::span<const RxInfo> infos);
+
     // Released from the last to the first when the endpoint dies.
     Mox::String name_;
     Mox::Ptr<PktTap> tap_;

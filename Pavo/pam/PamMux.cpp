@@ -123,9 +123,12 @@ int32_t PamMuxPam::doGetBulkRxPkt() {
     if (isPublishingSlots()) {
         return 0;
     }
+    const uint32_t count = std::min(waiting(), std::max(bulkReadLimit_, 1u));
     std::vector<Mox::Ptr<Pkt>> pkts;
     std::vector<RxInfo> infos;
-    while (waiting() != 0 && pkts.size() < std::max(bulkReadLimit_, 1u)) {
+    pkts.reserve(count);
+    infos.reserve(count);
+    while (pkts.size() < count) {
         Waiting& first = waiting_[firstWaiting_];
         pkts.push_back(std::move(first.pkt));
         infos.push_back(first.info);
@@ -138,8 +141,7 @@ int32_t PamMuxPam::doGetBulkRxPkt() {
     }
     // The slots of a longer batch before this one are emptied.
     pkts.resize(std::max<std::size_t>(pkts.size(), savedPacket().members()));
-    slotsPublish(&pkts, infos);
-    return static_cast<int32_t>(infos.size());
+    return slotsPublish(&pkts, infos, [] {});
 }
 
 void PamMuxPam::report() {
@@ -196,9 +198,14 @@ void PamMux::enabledIs(bool enabled) {
         return;
     }
     enabled_ = true;
-    sm_ = Mox::make<PamMuxSm>(lower_, this);
-    notify(enabledAttr);
-    start();
+    const auto machine = Mox::make<PamMuxSm>(lower_, this);
+    sm_ = machine;
+    FirstException exception;
+    exception.collect([this] { notify(enabledAttr); });
+    if (sm_ == machine) {
+        exception.collect([this] { start(); });
+    }
+    exception.rethrow();
 }
 
 // What the machine of a socket does when it is made.
@@ -219,6 +226,7 @@ void PamMux::stop() {
         machine->moxDoZombieReactors(true);
     }
     turn_.expiryIs(Mox::Clock::idle);
+    readsNextTurn_ = false;
     for (Clients* each : {&toReport_, &nextTurn_, &roomWaiters_}) {
         each->clear();
     }
@@ -261,9 +269,13 @@ void PamMux::clientDel(Mox::String name) {
 void PamMux::clientDelAll() {
     const Mox::Ptr<PamMux> hold(this);
     const auto clients = client_;
+    FirstException exception;
     for (const auto& [name, each] : clients) {
-        clientDel(name);
+        if (client(name) == each) {  // Observers may put in others.
+            exception.collect([&, &key = name] { clientDel(key); });
+        }
     }
+    exception.rethrow();
 }
 
 void PamMux::leave(const Mox::Ptr<PamMuxPam>& client) {
@@ -302,6 +314,19 @@ void PamMux::handleReadable() {
 // An endpoint has slots while it reads in batches. An observer of what it counts may throw, and may
 // disable the multiplexer.
 void PamMux::readLower(FirstException* exception) {
+    if (!enabled_) {
+        return;
+    }
+    if (std::exchange(isReading_, true)) {  // The packets of the read under way are taken first.
+        readsNextTurn_ = true;
+        wakeNextTurn();
+        return;
+    }
+    readOnce(exception);
+    isReading_ = false;
+}
+
+void PamMux::readOnce(FirstException* exception) {
     if (lower_->savedPacket().members() != 0) {
         readBatch(exception);
         return;
@@ -348,6 +373,10 @@ void PamMux::distribute(const Mox::Ptr<Pkt>& pkt, const RxInfo& info, FirstExcep
 void PamMux::reportNextTurn(const Mox::Ptr<PamMuxPam>& client) {
     client->isListed_ = true;
     nextTurn_.push_back(client);
+    wakeNextTurn();
+}
+
+void PamMux::wakeNextTurn() {
     if (turn_.isIdle()) {
         turn_.expiryIs(std::nextafter(clock_->now(), Mox::Clock::idle));
     }
@@ -358,6 +387,9 @@ void PamMux::reportNextTurn(const Mox::Ptr<PamMuxPam>& client) {
 void PamMux::handleNextTurn() {
     const Mox::Ptr<PamMux> hold(this);
     FirstException exception;
+    if (std::exchange(readsNextTurn_, false)) {
+        exception.collect([this] { handleReadable(); });
+    }
     for (auto count = nextTurn_.size(); count != 0 && !nextTurn_.empty(); --count) {
         const Mox::Ptr<PamMuxPam> client = std::move(nextTurn_.front());
         nextTurn_.pop_front();

@@ -209,9 +209,11 @@ class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
     void handleWritable();
     void handleNextTurn();
     void readLower(FirstException* exception);
+    void readOnce(FirstException* exception);
     void readBatch(FirstException* exception);
     void distribute(const Mox::Ptr<Pkt>& pkt, const RxInfo& info, FirstException* exception);
     void reportNextTurn(const Mox::Ptr<PamMuxPam>& client);
+    void wakeNextTurn();
     void waitForRoom(const Mox::Ptr<PamMuxPam>& client);
     void updateIndex();
 
@@ -221,6 +223,8 @@ class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
     CaptureLinkType linkType_;
     bool enabled_ = false;
     bool isIndexStale_ = false;
+    bool isReading_ = false;      // The endpoint below.
+    bool readsNextTurn_ = false;  // It was reported meanwhile.
     uint32_t clientsAdded_ = 0;
     uint32_t noRooms_ = 0;  // Sends of clients that found no room.
     uint64_t unclaimedPkts_ = 0;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Mox/Assert.h"
 #include "Pavo/pam/BpfFilter.h"
 
 namespace Pavo {
@@ -19,12 +20,14 @@ PamMuxMatch PamMuxMatch::udpPort(Port port) {
 }
 
 PamMuxMatch PamMuxMatch::filter(Mox::Ptr<BpfFilter> filter) {
+    Mox::require(filter != nullptr, "filter != nullptr");
     return function([filter = std::move(filter)](const Mox::Ptr<Pkt>& pkt, const RxInfo&) {
         return filter->match(pkt);
     });
 }
 
 PamMuxMatch PamMuxMatch::function(Function function) {
+    Mox::require(function != nullptr, "function != nullptr");
     return PamMuxMatch(std::move(function));
 }
 

@@ -37,9 +37,11 @@ class PAVO_EXPORT PamMuxMatch {
     /// The destination of a UDP datagram, over IPv4 or IPv6.
     static PamMuxMatch udpPort(Port port);
     /// Frames that pass the filter, which is held. It expects an Ethernet header.
+    /// @pre a filter (assertion "filter != nullptr").
     static PamMuxMatch filter(Mox::Ptr<BpfFilter> filter);
     /// Packets for which it returns true. Where it throws, the packet goes to the next match, and
     /// the exception leaves the multiplexer after all clients are notified.
+    /// @pre not empty (assertion "function != nullptr").
     static PamMuxMatch function(Function function);
     /// Every packet.
     static PamMuxMatch all();

@@ -12,6 +12,12 @@
 
 namespace Pavo {
 
+namespace {
+
+Mox::TraceFacility facility("Pavo::PamSocket");
+
+}  // namespace
+
 /// Does for a client of a multiplexer what `PamFdSm` does for a descriptor.
 class PamClientSm : public ReadinessSm<PamClientSm, Pam> {
   public:
@@ -34,7 +40,11 @@ class PamClientSm : public ReadinessSm<PamClientSm, Pam> {
 PamSocket::PamSocket() = default;
 
 PamSocket::~PamSocket() {
-    close();
+    try {
+        close();
+    } catch (const std::exception& error) {
+        MOX_TRACE(facility, 1, "an observer of a closed descriptor has thrown : ", error.what());
+    }
 }
 
 void PamSocket::clientIs(Mox::Ptr<PamMuxPam> client) {
@@ -67,6 +77,7 @@ Mox::Ptr<Mox::FileDescriptor> PamSocket::giveUp() {
         machine->moxDoZombieReactors(true);
     }
     client_ = nullptr;
+    lastReadFailed_ = false;
     if (const Mox::Ptr<PamFdSm> machine = std::exchange(fdSm_, nullptr)) {
         machine->moxDoZombieReactors(true);  // It points to the endpoint, and others may hold it.
     }
@@ -74,20 +85,15 @@ Mox::Ptr<Mox::FileDescriptor> PamSocket::giveUp() {
 }
 
 void PamSocket::close() {
-    if (const Mox::Ptr<Mox::FileDescriptor> fd = giveUp()) {
-        fd->close();
-    }
-}
-
-void PamSocket::closeLater() {
     const Mox::Ptr<Mox::FileDescriptor> fd = giveUp();
-    if (!fd || fd->descriptor() < 0) {
+    if (!fd || !closesLater_) {
+        fd ? fd->close() : void();
         return;
     }
     const int number = fd->descriptor();
     FirstException exception;
     exception.collect([&] { (void)fd->descriptorRelease(); });  // Notifies of the interests.
-    (void)deferClose(number);
+    number >= 0 ? (void)deferClose(number) : void();
     exception.rethrow();
 }
 

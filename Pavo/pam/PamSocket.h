@@ -32,6 +32,7 @@ class PAVO_EXPORT PamSocket {
     enum class ReadEnd { packets, empty, failed };
 
     PamSocket();
+    /// Closes; what an observer of the descriptor throws is traced.
     ~PamSocket();
     PamSocket(const PamSocket&) = delete;
     PamSocket& operator=(const PamSocket&) = delete;
@@ -56,8 +57,8 @@ class PAVO_EXPORT PamSocket {
     void watchFor(Pam* pam);
     /// Ends the watching, and closes the descriptor or drops the client.
     void close();
-    /// The same with `deferClose`, for a descriptor whose close may block.
-    void closeLater();
+    /// From now on descriptors are closed with `deferClose`, since their close may block.
+    void closesLaterIs() { closesLater_ = true; }
 
     /// For every attempt to read.
     void readEnded(ReadEnd end);
@@ -76,6 +77,7 @@ class PAVO_EXPORT PamSocket {
     Mox::Ptr<PamMuxPam> client_;
     Mox::Ptr<PamClientSm> clientSm_;
     bool lastReadFailed_ = false;
+    bool closesLater_ = false;
 };
 
 /// A send on `fd` found no room: room is reported once, as soon as there is some. Traffic does not

@@ -53,6 +53,9 @@ void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const
         throw Mox::ErrnoException(EINVAL,
                                   "SO_ATTACH_FILTER option must be supplied with a valid filter");
     }
+    if (count > BPF_MAXINSNS) {
+        throw Mox::ErrnoException(EINVAL, "setsockopt(SO_ATTACH_FILTER)");
+    }
     const std::unique_ptr<sock_filter[]> program(new (std::nothrow) sock_filter[count]);
     if (!program) {
         throw Mox::ErrnoException(ENOMEM, "malloc failed. Out of memory");

@@ -27,11 +27,12 @@ void SocketPam::optionsIs(uint32_t wanted) {
                                 socket().number(), wanted, &reached, &closes);
         }
     } catch (...) {
-        attributeIs(options_, reached, optionsAttr);
-        if (closes) {
-            cleanup();
-        }
-        throw;
+        FirstException exception;
+        exception.collect([] { throw; });
+        const bool isOther = changed(options_, reached);
+        exception.collect([&] { closes ? cleanup() : void(); });
+        exception.collect([&] { isOther ? notify(optionsAttr) : void(); });
+        exception.rethrow();
     }
     attributeIs(options_, wanted, optionsAttr);
 }
@@ -79,12 +80,10 @@ void SocketPam::readSingle() {
     if (!round.wasTried) {
         return;
     }
-    FirstException exception;
-    exception.collect([&] { countRead(this, receiver_.get(), socket(), round); });
-    if (pkt) {
+    if (pkt) {  // First: an observer of what is counted may read it.
         rxPktIs(pkt, info);
     }
-    exception.rethrow();
+    countRead(this, receiver_.get(), socket(), round);
 }
 
 int32_t SocketPam::readBulk() {
@@ -98,11 +97,14 @@ int32_t SocketPam::readBulk() {
     }
     const RxRound round = batch->round;
     FirstException exception;
-    exception.collect([&] { slotsPublish(&batch->pkts, batch->read()); });
+    int32_t packets = 0;
+    exception.collect([&] {
+        packets = slotsPublish(&batch->pkts, batch->read(),
+                               [&] { countRead(this, receiver_.get(), socket(), round); });
+    });
     receiver_->batchIs(std::move(batch));
-    exception.collect([&] { countRead(this, receiver_.get(), socket(), round); });
     exception.rethrow();
-    return static_cast<int32_t>(round.packets);
+    return packets;
 }
 
 }  // namespace Pavo

@@ -52,8 +52,8 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
     void optionsIs(uint32_t options);
 
     /// As `IpPam` has them: reading in batches, the most packets of a batch (32), the size of the
-    /// buffer for a packet in bytes (1536), the receive buffer of `ipRcvBuf`, the priority of
-    /// `ipPriority`.
+    /// buffer for a packet in bytes (1536; at least `maxRxPktData` counts), the receive buffer of
+    /// `ipRcvBuf`, the priority of `ipPriority`.
     /// @{
     bool enableBulkRead() const { return enableBulkRead_; }
     void enableBulkReadIs(bool enable);

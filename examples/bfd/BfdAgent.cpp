@@ -61,22 +61,22 @@ BfdAgent::~BfdAgent() {
     endpoints_.tx->enabledIs(false);
 }
 
-// True when the session took the packet: the agent may then be destroyed.
-bool BfdAgent::receiveOne() {
+// When the session took the packet, the agent may be destroyed.
+BfdAgent::Receipt BfdAgent::receiveOne() {
     const Mox::Ptr<Pavo::Pkt> pkt = endpoints_.rx->rxPkt();
     if (!pkt) {
-        return false;
+        return Receipt::nothing;
     }
     const auto header = Pavo::tryHdr<BfdHdr>(pkt, 0);
     if (!header || endpoints_.rx->rxInfo().srcIpAddr != peer_) {
         ++rxDiscards_;
-        return false;
+        return Receipt::discarded;
     }
-    return session_->receive(*header);
+    return session_->receive(*header) ? Receipt::taken : Receipt::discarded;
 }
 
 void BfdAgent::receiveWaiting() {
-    for (uint32_t tries = 0; tries < 100 && !receiveOne(); ++tries) {
+    for (uint32_t tries = 0; tries < 100 && receiveOne() == Receipt::discarded; ++tries) {
     }
 }
 

@@ -45,7 +45,9 @@ class BfdAgent {
     uint32_t rxDiscards() const { return rxDiscards_ + session_->rxDiscards(); }
 
   private:
-    bool receiveOne();
+    enum class Receipt { nothing, discarded, taken };
+
+    Receipt receiveOne();
     void receiveWaiting();
     void send(const BfdHdr& pkt);
 

@@ -24,6 +24,8 @@ class Host {
     /// loop, or of a test.
     Host(const Config& config, Mox::Ptr<Pavo::Pam> frames, Mox::Clock* clock,
          Pavo::Port echoPort = 7);
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
 
     /// The frames that a service has answered: "arp", "icmp", "icmp6" or "udp".
     uint32_t answers(const std::string& service) const;

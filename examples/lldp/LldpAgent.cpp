@@ -42,7 +42,7 @@ void LldpAgent::sendPeriodic() {
     lastTx_ = tx_.clock()->now();
     tx_.expiryIs(lastTx_ + (fastLeft_ > 0 ? fastSeconds : config_.txIntervalSeconds));
     send(static_cast<uint16_t>(
-        std::min(config_.txIntervalSeconds * config_.txHold + 1, UINT16_MAX)));
+        std::min<uint32_t>(uint32_t{config_.txIntervalSeconds} * config_.txHold + 1, UINT16_MAX)));
 }
 
 void LldpAgent::send(uint16_t ttlSeconds) {

@@ -246,9 +246,7 @@ class BatchPam : public Pam {
         for (const char each : std::exchange(pending_, {})) {
             pkts.push_back(pktOf(std::string(1, each)));
         }
-        const auto count = static_cast<int32_t>(pkts.size());
-        slotsPublish(&pkts, std::vector<RxInfo>(pkts.size()));
-        return count;
+        return slotsPublish(&pkts, std::vector<RxInfo>(pkts.size()), [] {});
     }
     void txPktIsImpl(Ptr<Pkt> pkt) override {
         const bool isSent = room != 0;
