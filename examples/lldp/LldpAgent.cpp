@@ -76,7 +76,7 @@ void LldpAgent::receive() {
     table_->neighbourIs(*pdu);
 }
 
-// However many neighbours somebody invents, there is at most one frame a second.
+// However many neighbours a sender invents, there is at most one frame a second.
 void LldpAgent::sendFast() {
     if (!isStopped_) {
         fastLeft_ = fastFrames;
