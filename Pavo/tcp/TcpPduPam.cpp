@@ -339,6 +339,11 @@ void TcpPduPam::readFailed(Mox::String reason) {
 }
 
 void TcpPduPam::doGetRxPkt() {
+    if (taken_ && readable_) {
+        // A PDU came after the one that an observer kept from its reader, which answers its report.
+        mark(readableCounted);
+        deferredServing_->request();
+    }
     if (!taken_) {
         if (!readable_ && !fd()->notifyOnReadable()) {
             settle();  // An exception from an observer may have left the interest off.
