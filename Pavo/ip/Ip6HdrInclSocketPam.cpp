@@ -5,6 +5,7 @@
 
 #include "Mox/Assert.h"
 #include "Pavo/base/FirstException.h"
+#include "Pavo/pam/PktSender.h"
 
 namespace Pavo {
 
@@ -19,7 +20,7 @@ constexpr uint32_t txOptions =
 Ip6HdrInclSocketPam::Ip6HdrInclSocketPam(Mox::String name, IpProtocolNumber protocol,
                                          NamespaceName netNs)
     : EntityOf(std::move(name), protocol, std::move(netNs)) {
-    batchSenderIs(nullptr);
+    batchSenderIs(sendBatch);
 }
 
 Ip6HdrInclSocketPam::~Ip6HdrInclSocketPam() = default;
@@ -102,20 +103,39 @@ void Ip6HdrInclSocketPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
     Mox::require(pkt != nullptr, "pkt != nullptr");
     // An observer of a count may disable the endpoint, or drop it.
     const Mox::Ptr<Ip6HdrInclSocketPam> hold(this);
+    txErrnoIs(0);
+    sendEnded(nullptr, sendInner(std::move(pkt)));
+}
+
+// Returns 0, or why the packet was not sent, as an `errno`.
+int Ip6HdrInclSocketPam::sendInner(Mox::Ptr<Pkt> pkt) {
     const Mox::Ptr<Ip6SocketPam> inner = txPam_;
     tapTx(*pkt, /*isIpHdrWithKernel=*/false);
-    txErrnoIs(0);
     inner->txDstIpAddrIs(txDstIpAddr());
     inner->txSrcIpAddrIs(txSrcIpAddr());
     inner->txIfIndexIs(txIfIndex());
     inner->txIfNameIs(txIfName());
     inner->txFlagsIs(txFlags());
-    int32_t error = EBADF;  // An observer may have disabled it.
-    if (inner->enabled()) {
-        inner->txPktIs(std::move(pkt));
-        error = inner->txErrno();
+    if (!inner->enabled()) {  // An observer has disabled it.
+        return EBADF;
     }
-    sendEnded(nullptr, error);
+    inner->txPktIs(std::move(pkt));
+    return inner->txErrno();
+}
+
+uint32_t Ip6HdrInclSocketPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
+    Ip6HdrInclSocketPam& self = *static_cast<Ip6HdrInclSocketPam*>(pam);
+    Mox::require(self.enabled(), "enabled()");
+    self.txErrnoIs(0);
+    TxResult result;
+    while (result.taken < pkts.size() && !isNoRoom(result.error)) {
+        const int error = self.sendInner(pkts[result.taken]);
+        result.sent += error == 0 ? 1 : 0;
+        result.taken += isNoRoom(error) ? 0 : 1;
+        result.error = error != 0 ? error : result.error;
+    }
+    result.failed = static_cast<uint32_t>(pkts.size()) - result.sent;
+    return self.sendEnded(nullptr, result);
 }
 
 Mox::Ptr<Ip6HdrInclSocketPam> ip6HdrInclSocketPamFactory(Mox::String name,

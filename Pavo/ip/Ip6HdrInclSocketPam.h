@@ -43,6 +43,8 @@ class PAVO_EXPORT Ip6HdrInclSocketPam : public Mox::EntityOf<Ip6HdrInclSocketPam
     ~Ip6HdrInclSocketPam() override;
 
   private:
+    static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
+    int sendInner(Mox::Ptr<Pkt> pkt);
     void txPamDisable();
     void txPamOptionsAre();
     void changeTxPamOptions();

@@ -56,7 +56,8 @@ void routerAlertIs(int fd, bool on) {
 }
 
 constexpr auto table = rawIpOptions(
-    ip6OptionRows, std::array{ip6Option(ipHdrIncl, IPV6_HDRINCL, "setsockopt(IPV6_HDRINCL)")},
+    ip6OptionRows,
+    std::array{ipOption<IPPROTO_IPV6>(ipHdrIncl, IPV6_HDRINCL, "setsockopt(IPV6_HDRINCL)")},
     std::array{SocketOption{ipRouterAlert, applyRouterAlert},
                SocketOption{ipv6Checksum, applyChecksum}},
     applyRawTtl<ttlIs>, applyRawPktOptions<routerAlertIs>);

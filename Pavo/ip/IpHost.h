@@ -34,7 +34,7 @@ struct IpArrival;
 ///
 /// An attached endpoint behaves as it does on a socket of a Linux host with the interface "eth0"
 /// (index 2), the loopback interface "lo" (index 1), and a neighbour that answers for every
-/// address. It is a copy that the receiver gets. In particular:
+/// address. The receiver gets a copy. In particular:
 /// - a port is taken once, unless all ask for `ipReuseAddr` or `ipReusePort`; 0 takes a free one;
 /// - of several UDP endpoints the one with the most definite addresses receives, a group or
 ///   broadcast reaches all; every raw endpoint of the protocol receives a copy;
@@ -42,7 +42,10 @@ struct IpArrival;
 /// - what a host sends to itself, or to a group of which it is a member, comes back to it;
 /// - where no endpoint receives a datagram, the sender gets an ICMP error, and a client fails with
 ///   ECONNREFUSED once;
-/// - `rxMinTtl`, `rxFilter`, `maxRxPktData`, and the options that fill in `rxInfo`.
+/// - `rxMinTtl`, `maxRxPktData`, and the options that fill in `rxInfo`, have their effect;
+/// - so has `rxFilter`, which takes or refuses a packet and does not shorten it, and which refuses
+///   each packet in which it looks for more than bytes (SKF_AD_OFF and SKF_NET_OFF in
+///   linux/filter.h); it is checked when the endpoint is enabled only.
 ///
 /// Some things have no effect: `netNs`, `priority`, `rxBuf`, `txFlags` and `rxFlags`, the error
 /// queue (`ipRecvErr`), fragments. An endpoint holds 1024 packets; further ones are dropped and

@@ -13,6 +13,7 @@
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpHostEnd.h"
 #include "Pavo/packet/UdpHdr.h"
+#include "Pavo/pam/SocketOptions.h"
 
 namespace Pavo {
 
@@ -234,20 +235,49 @@ void IpHostEnd::membershipIs(uint32_t ifIndex, const IpGenAddr& group, const IpG
 
 void IpHostEnd::errorIs(int error) {
     error_ = error;
-    pam_->readableCountInc(1);
+    client_->readableIs();
 }
 
-bool IpHostEnd::passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival& arrival,
-                             uint32_t offset) {
+namespace {
+
+std::vector<bpf_insn> programOf(const Mox::Array<IpFilter>& filter) {
     std::vector<bpf_insn> program;
-    for (uint32_t i = 0; (options() & ipAttachFilter) != 0 && i < filter.members(); ++i) {
+    for (uint32_t i = 0; i < filter.members(); ++i) {
         const IpFilter& each = filter.at(i);
         program.push_back({each.code(), each.jt(), each.jf(), each.k()});
     }
+    return program;
+}
+
+bool isValid(const std::vector<bpf_insn>& program) {
+    return bpf_validate(program.data(), static_cast<int>(program.size())) != 0;
+}
+
+}  // namespace
+
+void IpHostEnd::requireFilter(const Mox::Array<IpFilter>& filter) const {
+    if ((options() & ipAttachFilter) == 0) {
+        return;
+    }
+    if (filter.members() == 0) {
+        throw Mox::ErrnoException(EINVAL, noFilterText);
+    }
+    if (!isValid(programOf(filter))) {
+        throw Mox::ErrnoException(EINVAL, "setsockopt(SO_ATTACH_FILTER)");
+    }
+}
+
+// The attributes may have changed since the end was opened.
+bool IpHostEnd::passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival& arrival,
+                             uint32_t offset) {
+    if ((options() & ipAttachFilter) == 0 || filter.members() == 0) {
+        return true;
+    }
+    const std::vector<bpf_insn> program = programOf(filter);
     const auto bytes = arrival.msg.pkt->span().subspan(offset);
     const auto length = static_cast<u_int>(bytes.size());
     const bool passes =
-        program.empty() || bpf_filter(program.data(), bytes.data(), length, length) != 0;
+        isValid(program) && bpf_filter(program.data(), bytes.data(), length, length) != 0;
     drops_ += passes ? 0 : 1;
     return passes;
 }
@@ -258,6 +288,7 @@ UdpHostEnd::UdpHostEnd(IpHost* host, UdpPam* pam)
 
 Port UdpHostEnd::open(AddressFamily family, PamSocket* socket) {
     IpHost& host = requireHost("socketAt");
+    requireFilter(pam().rxFilter());
     device_ = host.interfaceIndex(pam().device());
     if (device_ == 0 && !pam().device().empty()) {
         throw Mox::ErrnoException(ENODEV, "setsockopt(SO_BINDTODEVICE)");
@@ -346,6 +377,7 @@ RawHostEnd::RawHostEnd(IpHost* host, RawIpPam* pam)
 
 Port RawHostEnd::open(AddressFamily family, PamSocket* socket) {
     (void)requireHost("socketAt");
+    requireFilter(pam().rxFilter());
     family_ = family;
     start(socket);
     return Port();

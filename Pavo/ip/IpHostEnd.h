@@ -50,7 +50,9 @@ class IpHostEnd : public IpTransport {
 
     bool isMember(const IpGenAddr& group, uint32_t ifIndex) const;
     bool isMemberFor(const IpArrival& arrival) const;
-    /// Of an earlier send.
+    /// Keeps an error that the next send or read returns, and has the endpoint reported as readable
+    /// in the next turn.
+    /// @pre it is open.
     void errorIs(int error);
     void hostDel() { host_ = nullptr; }
 
@@ -61,6 +63,8 @@ class IpHostEnd : public IpTransport {
 
     IpHost& requireHost(const char* failure) const;
     void start(PamSocket* socket);
+    /// @throws Mox::ErrnoException as `attachSocketFilter`, where `ipAttachFilter` is on.
+    void requireFilter(const Mox::Array<IpFilter>& filter) const;
     bool passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival& arrival,
                       uint32_t offset);
 
@@ -73,7 +77,7 @@ class IpHostEnd : public IpTransport {
     Port port_;
     IpGenAddrAndPort peer_;  // Of no family, unless connected.
     uint32_t device_ = 0;    // Of the only interface, by index.
-    uint32_t drops_ = 0;     // That no read has reported.
+    uint32_t drops_ = 0;     // Since it was opened.
 
   private:
     struct Membership {
@@ -90,7 +94,7 @@ class IpHostEnd : public IpTransport {
     void sourceIsNamed(const Membership& wanted);
 
     int error_ = 0;
-    uint32_t reportedDrops_ = 0;
+    uint32_t reportedDrops_ = 0;  // As the last read that reported them counted.
     std::vector<Membership> memberships_;
     Mox::Ptr<PamMuxPam> client_;  // While open.
 };

@@ -32,43 +32,39 @@ struct IpOptionRows {
 inline constexpr char ip4LoopFailure[] = "setsockopt(IP_MULTICAST_LOOP)";
 inline constexpr char ip6LoopFailure[] = "setsockopt(IPV6_MULTICAST_LOOP)";
 
-/// A row of a family's level.
-constexpr SocketOption ip4Option(
+/// A row of the level of a family, IPPROTO_IP or IPPROTO_IPV6.
+template <int level>
+constexpr SocketOption ipOption(
     uint32_t bit, int number, const char* failure,
     void (*apply)(const SocketOptionChange&) = SocketOptionSteps::plain) {
-    return {bit, apply, IPPROTO_IP, number, failure, bit == ipTransparent};
+    return {bit, apply, level, number, failure, bit == ipTransparent};
 }
-constexpr SocketOption ip6Option(
-    uint32_t bit, int number, const char* failure,
-    void (*apply)(const SocketOptionChange&) = SocketOptionSteps::plain) {
-    return {bit, apply, IPPROTO_IPV6, number, failure, bit == ipTransparent};
-}
-
 inline constexpr IpOptionRows ip4OptionRows{
-    {{ip4Option(ipPktInfo, IP_PKTINFO, "setsockopt(IP_PKTINFO)"),
-      ip4Option(ipFreeBind, IP_FREEBIND, "setsockopt(IP_FREEBIND)"),
-      ip4Option(ipMulticastLoop, IP_MULTICAST_LOOP, ip4LoopFailure,
-                SocketOptionSteps::multicastLoop),
-      ip4Option(ipRecvErr, IP_RECVERR, "setsockopt(IP_RECVERR)"),
-      ip4Option(ipRecvOrigDstAddr, IP_RECVORIGDSTADDR, "setsockopt(IP_RECVORIGDSTADD)"),
-      ip4Option(ipRecvTOS, IP_RECVTOS, "setsockopt(IP_RECVTOS)"),
-      ip4Option(ipRecvTTL, IP_RECVTTL, "setsockopt(IP_RECVTTL)")}},
-    ip4Option(ipTransparent, IP_TRANSPARENT, "setsockopt(IP_TRANSPARENT)"),
-    ip4Option(ipNoMulticastLoop, IP_MULTICAST_LOOP, ip4LoopFailure,
-              SocketOptionSteps::noMulticastLoop)};
+    {{ipOption<IPPROTO_IP>(ipPktInfo, IP_PKTINFO, "setsockopt(IP_PKTINFO)"),
+      ipOption<IPPROTO_IP>(ipFreeBind, IP_FREEBIND, "setsockopt(IP_FREEBIND)"),
+      ipOption<IPPROTO_IP>(ipMulticastLoop, IP_MULTICAST_LOOP, ip4LoopFailure,
+                           SocketOptionSteps::multicastLoop),
+      ipOption<IPPROTO_IP>(ipRecvErr, IP_RECVERR, "setsockopt(IP_RECVERR)"),
+      ipOption<IPPROTO_IP>(ipRecvOrigDstAddr, IP_RECVORIGDSTADDR, "setsockopt(IP_RECVORIGDSTADD)"),
+      ipOption<IPPROTO_IP>(ipRecvTOS, IP_RECVTOS, "setsockopt(IP_RECVTOS)"),
+      ipOption<IPPROTO_IP>(ipRecvTTL, IP_RECVTTL, "setsockopt(IP_RECVTTL)")}},
+    ipOption<IPPROTO_IP>(ipTransparent, IP_TRANSPARENT, "setsockopt(IP_TRANSPARENT)"),
+    ipOption<IPPROTO_IP>(ipNoMulticastLoop, IP_MULTICAST_LOOP, ip4LoopFailure,
+                         SocketOptionSteps::noMulticastLoop)};
 
 inline constexpr IpOptionRows ip6OptionRows{
-    {{ip6Option(ipPktInfo, IPV6_RECVPKTINFO, "setsockopt(IPV6_RECVPKTINFO)"),
-      ip6Option(ipFreeBind, IPV6_FREEBIND, "setsockopt(IPV6_FREEBIND)"),
-      ip6Option(ipMulticastLoop, IPV6_MULTICAST_LOOP, ip6LoopFailure,
-                SocketOptionSteps::multicastLoop),
-      ip6Option(ipRecvErr, IPV6_RECVERR, "setsockopt(IPV6_RECVERR)"),
-      ip6Option(ipRecvOrigDstAddr, IPV6_RECVORIGDSTADDR, "setsockopt(IPV6_RECVORIGDSTADDR)"),
-      ip6Option(ipRecvTOS, IPV6_RECVTCLASS, "setsockopt(IPV6_RECVTCLASS)"),
-      ip6Option(ipRecvTTL, IPV6_RECVHOPLIMIT, "setsockopt(IPV6_RECVHOPLIMIT)")}},
-    ip6Option(ipTransparent, IPV6_TRANSPARENT, "setsockopt(IPV6_TRANSPARENT)"),
-    ip6Option(ipNoMulticastLoop, IPV6_MULTICAST_LOOP, ip6LoopFailure,
-              SocketOptionSteps::noMulticastLoop)};
+    {{ipOption<IPPROTO_IPV6>(ipPktInfo, IPV6_RECVPKTINFO, "setsockopt(IPV6_RECVPKTINFO)"),
+      ipOption<IPPROTO_IPV6>(ipFreeBind, IPV6_FREEBIND, "setsockopt(IPV6_FREEBIND)"),
+      ipOption<IPPROTO_IPV6>(ipMulticastLoop, IPV6_MULTICAST_LOOP, ip6LoopFailure,
+                             SocketOptionSteps::multicastLoop),
+      ipOption<IPPROTO_IPV6>(ipRecvErr, IPV6_RECVERR, "setsockopt(IPV6_RECVERR)"),
+      ipOption<IPPROTO_IPV6>(ipRecvOrigDstAddr, IPV6_RECVORIGDSTADDR,
+                             "setsockopt(IPV6_RECVORIGDSTADDR)"),
+      ipOption<IPPROTO_IPV6>(ipRecvTOS, IPV6_RECVTCLASS, "setsockopt(IPV6_RECVTCLASS)"),
+      ipOption<IPPROTO_IPV6>(ipRecvTTL, IPV6_RECVHOPLIMIT, "setsockopt(IPV6_RECVHOPLIMIT)")}},
+    ipOption<IPPROTO_IPV6>(ipTransparent, IPV6_TRANSPARENT, "setsockopt(IPV6_TRANSPARENT)"),
+    ipOption<IPPROTO_IPV6>(ipNoMulticastLoop, IPV6_MULTICAST_LOOP, ip6LoopFailure,
+                           SocketOptionSteps::noMulticastLoop)};
 
 /// The rows that follow the family's first ones in the table of every IP endpoint.
 constexpr std::array<SocketOption, 10> ipCommonOptions(const IpOptionRows& family,

@@ -46,20 +46,8 @@ void IpPam::optionsIs(uint32_t options) {
 }
 
 void IpPam::enableBulkReadIs(bool enable) {
-    if (enable == enableBulkRead_) {
-        return;
-    }
     const Mox::Ptr<IpPam> hold(this);
-    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
-    enableBulkRead_ = enable;
-    bulkSlots_ = static_cast<uint8_t>(pkts.size());
-    socket_.readIsPossibleAgain();
-    if (enable) {
-        slotsFill(pkts);
-    } else {
-        slotsDelAll();
-    }
-    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
+    if (bulkIs(&bulk_, enable, socketReadLimit_, rxBufferBytes_, &socket_)) {
         notify(enableBulkReadAttr);
     }
 }

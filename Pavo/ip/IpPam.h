@@ -129,7 +129,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     /// Whether packets are read in batches. While it is on, call only `rxPktBulk`: `rxPkt` returns
     /// null, and the packets that it read are in `savedPacket`. While it is off, `rxPktBulk` reads
     /// nothing.
-    bool enableBulkRead() const { return enableBulkRead_; }
+    bool enableBulkRead() const { return bulk_.isOn; }
     void enableBulkReadIs(bool enable);
     /// The most packets a batch may have, 32 by default. Takes effect when bulk reading is next
     /// enabled.
@@ -266,7 +266,7 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     const PamSocket& pamSocket() const { return socket_; }
     /// @}
     /// The slots of a bulk read: `socketReadLimit` as it was when bulk reading was enabled.
-    uint32_t bulkSlots() const { return bulkSlots_; }
+    uint32_t bulkSlots() const { return bulk_.slots; }
 
     /// For every attempt to read.
     /// @{
@@ -278,9 +278,8 @@ class PAVO_EXPORT IpPam : public Mox::EntityOf<IpPam, Pam> {
     IpProtocolNumber protocol_;
     NamespaceName netNs_;
     bool enabled_ = false;
-    bool enableBulkRead_ = false;
+    Bulk bulk_;
     uint8_t socketReadLimit_ = 32;
-    uint8_t bulkSlots_ = 0;
     uint8_t rxTOS_ = 0;
     uint8_t rxTTL_ = 0;
     IpDscp txTOS_;

@@ -35,10 +35,11 @@ void routerAlertIs(int fd, bool on) {
 }
 
 constexpr auto table = joinedOptions(
-    rawIpOptions(
-        ip4OptionRows, std::array{ip4Option(ipHdrIncl, IP_HDRINCL, "setsockopt(IP_HDRINCL)")},
-        std::array{ip4Option(ipRouterAlert, IP_ROUTER_ALERT, "setsockopt(IP_ROUTER_ALERT)")},
-        applyRawTtl<ttlIs>, applyRawPktOptions<routerAlertIs>),
+    rawIpOptions(ip4OptionRows,
+                 std::array{ipOption<IPPROTO_IP>(ipHdrIncl, IP_HDRINCL, "setsockopt(IP_HDRINCL)")},
+                 std::array{ipOption<IPPROTO_IP>(ipRouterAlert, IP_ROUTER_ALERT,
+                                                 "setsockopt(IP_ROUTER_ALERT)")},
+                 applyRawTtl<ttlIs>, applyRawPktOptions<routerAlertIs>),
     std::array{SocketOption{none, applyMcastTtl}});
 
 constexpr RawIpFamily family{

@@ -29,7 +29,7 @@ class IpTransport {
     /// Returns the port of UDP.
     /// @throws Mox::ErrnoException as the endpoint does when it is enabled; nothing is then left.
     virtual Port open(AddressFamily family, PamSocket* socket) = 0;
-    /// Ends what was opened, also nothing.
+    /// Closes; without effect when it is not open.
     virtual void close() = 0;
     /// Sends a packet whose addresses are right. Returns 0, or why it was not sent, as an `errno`.
     virtual int send(const Pkt& pkt, const TxInfo& info, const Mox::String& ifName) = 0;

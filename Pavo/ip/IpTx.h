@@ -24,8 +24,8 @@ struct IpTxSettings {
     int flags;
 };
 
-/// Why a packet cannot be sent so, as an `errno`: a missing destination, an address of another
-/// family; or 0.
+/// The `errno` for a packet that cannot be sent with these settings: a missing destination, an
+/// address of another family; or 0.
 int ipTxAddressError(const IpTxSettings& settings);
 /// Fills in the head for the IP packets that `fd` sends to a port, 0 without one; a `connected`
 /// socket has its destination. Makes one system call where the interface is given by name. Returns

@@ -8,6 +8,7 @@
 #include "Mox/Assert.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/ip/IpTransport.h"
 #include "Pavo/ip/RawIpFamily.h"
 #include "Pavo/pam/PktReceiver.h"
@@ -80,11 +81,13 @@ void RawIpPam::start() {
 }
 
 void RawIpPam::handleCleanup() {
-    fileDescDel();
+    FirstException exception;
     if (transport_) {
         transport_->close();
     }
-    enabledStore(false);
+    exception.collect([this] { fileDescDel(); });
+    exception.collect([this] { enabledStore(false); });
+    exception.rethrow();
 }
 
 void RawIpPam::optionsIsImpl(uint32_t wanted) {
@@ -97,11 +100,14 @@ void RawIpPam::optionsIsImpl(uint32_t wanted) {
     try {
         changeSocketOptions(family_.options, socketSettings(), socket(), wanted, &reached, &closes);
     } catch (...) {
-        optionsStore(reached);
-        if (closes) {
-            handleCleanup();
+        const Mox::Ptr<Mox::FileDescriptor> refusing = fileDesc();
+        FirstException exception;
+        exception.collect([] { throw; });
+        exception.collect([&] { optionsStore(reached); });
+        if (closes && fileDesc() == refusing) {  // An observer may have opened another one.
+            exception.collect([this] { handleCleanup(); });
         }
-        throw;
+        exception.rethrow();
     }
     optionsStore(wanted);
 }

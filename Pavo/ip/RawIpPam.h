@@ -20,6 +20,7 @@ struct RawIpFamily;
 struct RxRound;
 struct RxSettings;
 struct SocketSettings;
+struct TxResult;
 struct TxInfo;
 class IpHost;
 class IpTransport;
@@ -133,6 +134,8 @@ class PAVO_EXPORT RawIpPam : public Mox::EntityOf<RawIpPam, IpPam> {
     /// Counts a send that ended with `error`, or 0. When there was no room on `fd`, which may be
     /// null, room is reported later.
     void sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, int error);
+    /// The same for a batch. Returns how many packets were taken.
+    uint32_t sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, const TxResult& result);
 
     // For an endpoint that gets its packets elsewhere.
 

@@ -72,7 +72,7 @@ uint32_t RawIpPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts) {
             result = sendPkts(fd->descriptor(), head, pkts, *self.family_.trace);
         }
     }
-    return countSent(&self, fd, result, *self.family_.trace);
+    return self.sendEnded(fd, result);
 }
 
 void RawIpPam::tapTx(const Pkt& pkt, bool isIpHdrWithKernel) const {
@@ -98,8 +98,12 @@ void RawIpPam::sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, int error) {
     if (error == 0) {
         txPktCountInc(1);
     } else {
-        countSent(this, fd, {0, 1, 1, error}, *family_.trace);
+        (void)sendEnded(fd, TxResult{0, 1, 1, error});
     }
+}
+
+uint32_t RawIpPam::sendEnded(const Mox::Ptr<Mox::FileDescriptor>& fd, const TxResult& result) {
+    return countSent(this, fd, result, *family_.trace);
 }
 
 }  // namespace Pavo

@@ -240,7 +240,7 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, SocketPam> {
                       bool member);
 
     RxSettings rxSettings() const;
-    RxInfo newRxInfo() const;
+    void describe(RxInfo* info) const;
     RxRound readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info);
     std::unique_ptr<RxBatch> readBatch();
 

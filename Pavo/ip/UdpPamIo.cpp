@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "Pavo/ip/IpFamily.h"
 #include "Pavo/ip/IpTransport.h"
@@ -44,9 +43,9 @@ std::size_t segmentable(std::span<const Mox::Ptr<Pkt>> pkts, uint32_t maxBytes) 
     return count;
 }
 
-// How many packets from the first one have to be sent as they are.
+// How many packets have to be sent as they are, from the first one, which has to.
 std::size_t unsegmentable(std::span<const Mox::Ptr<Pkt>> pkts, uint32_t maxBytes) {
-    std::size_t count = 0;
+    std::size_t count = 1;
     while (count < pkts.size() && segmentable(pkts.subspan(count), maxBytes) == 1) {
         ++count;
     }
@@ -63,7 +62,7 @@ int sendSegments(int fd, TxHead head, std::span<const Mox::Ptr<Pkt>> pkts) {
         }
     }
     char* const place = head.control + head.controlBytes;
-    std::memset(place, 0, CMSG_SPACE(sizeof(uint16_t)));
+    std::fill_n(place, CMSG_SPACE(sizeof(uint16_t)), '\0');
     writeControl(reinterpret_cast<cmsghdr*>(place), IPPROTO_UDP, UDP_SEGMENT,
                  static_cast<uint16_t>(pkts[0]->totalBytes()));
     head.controlBytes += CMSG_SPACE(sizeof(uint16_t));
@@ -77,14 +76,12 @@ RxSettings UdpPam::rxSettings() const {
     return {options(), rxFlags_, maxRxPktData(), std::max(rxBufferBytes(), maxRxPktData())};
 }
 
-// What the description of every packet begins with.
-RxInfo UdpPam::newRxInfo() const {
-    RxInfo info;
-    info.dstPort = boundPort_;
-    info.isIpHdrWithKernel = true;
-    info.isUdpHdrWithKernel = true;
-    info.protocol = IpProtocolNumber::udp;
-    return info;
+// Puts into a new description what every packet has in common.
+void UdpPam::describe(RxInfo* info) const {
+    info->dstPort = boundPort_;
+    info->isIpHdrWithKernel = true;
+    info->isUdpHdrWithKernel = true;
+    info->protocol = IpProtocolNumber::udp;
 }
 
 const std::vector<QueuedError>& UdpPam::queuedErrors() const {
@@ -92,15 +89,17 @@ const std::vector<QueuedError>& UdpPam::queuedErrors() const {
 }
 
 RxRound UdpPam::readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info) {
-    *info = newRxInfo();
+    describe(info);
     return transport_ ? transport_->readOne(&socket(), rxSettings(), pkt, info)
                       : receiver().readOne(&socket(), rxSettings(), pkt, info);
 }
 
 std::unique_ptr<RxBatch> UdpPam::readBatch() {
-    return transport_ ? transport_->readBatch(&socket(), rxSettings(), newRxInfo(), bulkSlots())
-                      : receiver().readBatch(&socket(), rxSettings(), newRxInfo(), savedPacket(),
-                                             bulkSlots());
+    RxInfo first;
+    describe(&first);
+    return transport_
+               ? transport_->readBatch(&socket(), rxSettings(), first, bulkSlots())
+               : receiver().readBatch(&socket(), rxSettings(), first, savedPacket(), bulkSlots());
 }
 
 IpTxSettings UdpPam::txSettings() const {
@@ -135,8 +134,8 @@ TxResult UdpPam::sendRun(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
     if (error == 0) {
         return {count, 0, count, 0};
     }
-    if (error != EIO && error != EINVAL &&
-        error != EMSGSIZE) {  // It concerns the socket, or the first packet.
+    if (error != EIO && error != EINVAL && error != EMSGSIZE) {
+        // It concerns the socket, or the first packet.
         return isNoRoom(error) ? TxResult{0, count, 0, error} : TxResult{0, 1, 1, error};
     }
     const TxResult result = sendPkts(fd, head, run, receiver().trace());
@@ -151,12 +150,11 @@ TxResult UdpPam::sendAll(int fd, const TxHead& head, std::span<const Mox::Ptr<Pk
     bool hasRoom = true;
     while (hasRoom && result.taken < pkts.size()) {
         const auto rest = pkts.subspan(result.taken);
-        TxResult part;
-        if (const std::size_t count = unsegmentable(rest, maxSegmentBytes_)) {
-            part = sendPkts(fd, head, rest.first(count), receiver().trace());
-        } else {
-            part = sendRun(fd, head, rest.first(segmentable(rest, maxSegmentBytes_)));
-        }
+        const std::size_t segments = segmentable(rest, maxSegmentBytes_);
+        const TxResult part =
+            segments > 1 ? sendRun(fd, head, rest.first(segments))
+                         : sendPkts(fd, head, rest.first(unsegmentable(rest, maxSegmentBytes_)),
+                                    receiver().trace());
         result.sent += part.sent;
         result.taken += part.taken;
         result.error = part.error != 0 ? part.error : result.error;

@@ -29,16 +29,6 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::EthDevPam");
 
-const Mox::Array<IpFilter> noFilter;  // The program is none of the endpoint's attributes.
-
-void attach(int fd, const std::vector<IpFilter>& program) {
-    std::vector<sock_filter> image;
-    for (const IpFilter& each : program) {
-        image.push_back({each.code(), each.jt(), each.jf(), each.k()});
-    }
-    attachSocketFilter(facility, fd, image, noFilter);
-}
-
 // Before the socket is bound, it receives nothing. The options that every endpoint has come first.
 constexpr std::array<SocketOption, 5> ethOptions{
     {{none, SocketOptionSteps::plain, SOL_PACKET, PACKET_AUXDATA, "setsockopt(PACKET_AUXDATA)"},
@@ -64,7 +54,7 @@ SocketOptionTable EthDevPam::optionTable() const {
 }
 
 SocketSettings EthDevPam::socketSettings() const {
-    return {*this, facility, nullptr, options(), noFilter, rxBuf(), priority(), {}};
+    return {*this, facility, nullptr, options(), program_, rxBuf(), priority(), {}};
 }
 
 void EthDevPam::open() {
@@ -76,8 +66,8 @@ void EthDevPam::open() {
     const Mox::Ptr<Mox::FileDescriptor> descriptor = Mox::fileDescriptorFactory(fd);
     const uint32_t ifIndex = wantedIfIndex(fd);
     configureSocket(ethOptions, socketSettings(), fd);
-    if (!program_.empty()) {
-        attach(fd, program_);
+    if (program_.members() != 0) {
+        attachSocketFilter(facility, fd, {}, program_);
     }
     std::unique_ptr<EthRing> ring;
     if (rxRingBlocks_ != 0) {
@@ -187,15 +177,19 @@ Mox::String EthDevPam::tryRxFilter(const Mox::String& expression) {
     if (expression == rxFilter_) {
         return {};
     }
-    std::vector<IpFilter> program;
+    std::vector<IpFilter> instructions;
     if (!expression.empty()) {
-        Mox::String error = ethFilterFromText(expression, &program);
+        Mox::String error = ethFilterFromText(expression, &instructions);
         if (!error.empty()) {
             return error;
         }
     }
-    if (socket().isOpen() && !program.empty()) {
-        attach(socket().number(), program);
+    Mox::Array<IpFilter> program;
+    for (uint32_t i = 0; i < instructions.size(); ++i) {
+        (void)program.is(i, instructions[i]);
+    }
+    if (socket().isOpen() && program.members() != 0) {
+        attachSocketFilter(facility, socket().number(), {}, program);
     } else if (socket().isOpen()) {
         socketOptionIs(socket().number(), SOL_SOCKET, SO_DETACH_FILTER, 0,
                        "setsockopt(SO_DETACH_FILTER)");

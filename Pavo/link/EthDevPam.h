@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "Mox/Collections.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 #include "Pavo/base/Export.h"
@@ -181,7 +182,7 @@ class PAVO_EXPORT EthDevPam : public Mox::EntityOf<EthDevPam, SocketPam> {
     Mox::String device_;
     uint32_t ifIndex_ = 0;
     Mox::String rxFilter_;
-    std::vector<IpFilter> program_;  // That of `rxFilter_`.
+    Mox::Array<IpFilter> program_;  // That of `rxFilter_`.
     uint32_t rxRingBlocks_ = 0;
     uint32_t rxRingBlockBytes_ = 65536;
     uint32_t rxRingTimeoutMs_ = 10;

@@ -18,7 +18,7 @@ struct tpacket_block_desc;
 
 namespace Pavo {
 
-/// What a ring consists of.
+/// The size of a ring.
 struct EthRingSize {
     uint32_t blocks;
     /// A multiple of the size of a page.
@@ -28,8 +28,8 @@ struct EthRingSize {
 };
 
 /// The receive ring of a packet socket (TPACKET_V3 in the kernel's packet_mmap.rst): the kernel
-/// fills one block after the other with frames, and hands each over whole. It has as many functions
-/// to read with as `PktReceiver`, which copy frames out, and a block goes back as soon as its last
+/// fills one block after the other with frames, and hands each over whole. Like `PktReceiver` it
+/// reads one frame or a batch. Both copy the frames, and a block goes back as soon as its last
 /// frame was copied. So no frame is in use while observers are notified.
 class EthRing {
   public:
@@ -45,8 +45,7 @@ class EthRing {
     RxRound readOne(PamSocket* socket, const RxSettings& settings, Mox::Ptr<Pkt>* pkt,
                     RxInfo* info);
     /// Reads a frame for each slot of `*batch`, while there are any, into those packets of `slots`
-    /// that nobody else holds. False when none was looked for,
-    /// since there is no slot or no memory.
+    /// that nobody else holds. False when none was looked for, since there is no slot or no memory.
     bool readBatch(PamSocket* socket, const RxSettings& settings,
                    const Mox::Array<Mox::Ptr<Pkt>>& slots, RxBatch* batch);
 

@@ -4,16 +4,29 @@
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Pavo/socket/deferClose.h"
 
 namespace Pavo {
 
 TapFdPam::TapFdPam(Mox::String name) : EntityOf(std::move(name)) {}
 
-TapFdPam::~TapFdPam() = default;
+TapFdPam::~TapFdPam() {
+    tapDel();
+}
 
 void TapFdPam::tapFdIs(int fd) {
-    tap_ = nullptr;
-    tap_ = Mox::fileDescriptorFactory(fd);
+    if (!tap_ || tap_->descriptor() != fd) {
+        tapDel();
+        tap_ = Mox::fileDescriptorFactory(fd);
+    }
+}
+
+// A device is never closed on the thread of the loop.
+void TapFdPam::tapDel() {
+    const Mox::Ptr<Mox::FileDescriptor> tap = std::exchange(tap_, nullptr);
+    if (tap && tap->descriptor() >= 0) {
+        (void)deferClose(tap->descriptorRelease());
+    }
 }
 
 Mox::Ptr<Mox::FileDescriptor> TapFdPam::newTap() {

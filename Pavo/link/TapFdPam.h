@@ -26,6 +26,7 @@ class PAVO_EXPORT TapFdPam : public Mox::EntityOf<TapFdPam, TapPamBase> {
 
     /// The descriptor for the next enabling, or -1. It is the endpoint's, which closes it.
     int tapFd() const { return tap_ ? tap_->descriptor() : -1; }
+    /// A descriptor that it had already is closed on another thread.
     /// @throws Mox::ErrnoException "fcntl(F_GETFL)" when it is not open; the endpoint then has
     /// none.
     void tapFdIs(int fd);
@@ -38,6 +39,8 @@ class PAVO_EXPORT TapFdPam : public Mox::EntityOf<TapFdPam, TapPamBase> {
     void handleTapGone() override;
 
   private:
+    void tapDel();
+
     Mox::Ptr<Mox::FileDescriptor> tap_;
 };
 

@@ -116,23 +116,13 @@ void TapPam::handleTapGone() {
     ifIndex_ = 0;
 }
 
-// Sets an attribute, and lets `apply` change the device while it is open.
-template <class Field, class Apply>
-bool TapPam::applied(Field& field, Field value, Apply apply) {
-    return handled(field, value, [&] {
-        if (control_) {
-            apply(control_->descriptor());
-        }
-    });
-}
-
 void TapPam::macIs(const EthAddr& mac) {
     const auto apply = [&](int fd) {
         if (mac != EthAddr()) {
             deviceMacIs(fd, ifName(), mac);
         }
     };
-    if (applied(mac_, mac, apply)) {
+    if (appliedOn(control_, mac_, mac, apply)) {
         notify(macAttr);
     }
 }
@@ -143,13 +133,13 @@ void TapPam::mtuIs(uint32_t bytes) {
             deviceMtuIs(fd, ifName(), bytes);
         }
     };
-    if (applied(mtu_, bytes, apply)) {
+    if (appliedOn(control_, mtu_, bytes, apply)) {
         notify(mtuAttr);
     }
 }
 
 void TapPam::isUpIs(bool isUp) {
-    if (applied(isUp_, isUp, [&](int fd) { deviceUpIs(fd, ifName(), isUp); })) {
+    if (appliedOn(control_, isUp_, isUp, [&](int fd) { deviceUpIs(fd, ifName(), isUp); })) {
         notify(isUpAttr);
     }
 }

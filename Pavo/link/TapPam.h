@@ -80,9 +80,6 @@ class PAVO_EXPORT TapPam : public Mox::EntityOf<TapPam, TapPamBase> {
     void handleTapGone() override;
 
   private:
-    template <class Field, class Apply>
-    bool applied(Field& field, Field value, Apply apply);
-
     NamespaceName netNs_;
     Mox::String device_;
     EthAddr mac_;

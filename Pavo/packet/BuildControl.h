@@ -34,12 +34,11 @@ struct Arp {
     PAVO_EXPORT void write(const LayerSite& site) const;
 };
 
-/// A VRRP advertisement. `interval` is in seconds in version 2, in hundredths of a second in
-/// version
-/// 3. Set the addresses of the family; those of IPv4 come first. In version 2 eight bytes of
-/// authentication data follow, all zero.
-/// @throws Mox::RangeException "Vrrp::version > 15 not allowed", "Vrrp::interval too large", "Vrrp:
-/// more than 255 addresses not allowed"
+/// A VRRP advertisement. `interval` is in seconds in the second version and in hundredths of a
+/// second in the third. Set the addresses of the family; those of IPv4 come first. The second
+/// version has eight bytes of authentication data after them, all zero.
+/// @throws Mox::RangeException "Vrrp::version > 15 not allowed", "Vrrp::interval too large" or
+/// "Vrrp: more than 255 addresses not allowed"
 ///
 /// Members: the fields, in host order; `PktLayer` says what one that is not set means.
 struct Vrrp {

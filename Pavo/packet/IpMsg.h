@@ -80,7 +80,9 @@ struct IpMsg {
 /// - `nonIpHdr`: the version is neither 4 nor 6
 /// - `badIpPayloadLen`, `badIp6PayloadLen`: the lengths do not fit each other or the packet
 /// - `badIpHdrChecksum`: of the IPv4 header
-/// - `ipFragment`: the packet holds a part of the message only
+/// - `ipFragment`: the packet holds a part of the message only, or all of it after a fragment
+/// header
+///   of IPv6, as hosts do not send it any more (RFC 8021)
 PAVO_EXPORT PktErrors ipMsgAt(const Mox::Ptr<Pkt>& pkt, uint32_t offset, IpMsg& msg);
 
 }  // namespace Pavo

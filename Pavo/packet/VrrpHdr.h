@@ -23,10 +23,11 @@ namespace Pavo {
 /// The fixed part of an advertisement, laid over the bytes of a packet, or free-standing to build
 /// one from: then of version 3, and all else zero but the type.
 ///
-///     | version (4 bits), type (4 bits): 1 | virtual router (1) | priority (1) | addresses (1) |
-///     version 2: | authentication type (1) | interval in seconds (1)             | checksum (2) |
-///     version 3: | reserved (4 bits) | interval in hundredths of a second (12 bits) | checksum (2)
-///     |
+///     | version, type: 1 (4 bits each) | virtual router (1) | priority (1) | addresses (1) |
+///
+///     version 2: | authentication type (1) | interval in seconds (1) | checksum (2) |
+///
+///     version 3: | reserved (4 bits) | interval in 1/100 s (12 bits) | checksum (2) |
 ///
 /// The addresses follow, and in version 2 after them eight bytes of authentication data.
 ///

@@ -114,11 +114,13 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     /// open; when that throws, the attribute keeps its value. False when it has it already.
     template <class Field, class Apply>
     bool applied(Field& field, std::type_identity_t<Field> value, Apply apply) {
-        return handled(field, value, [&] {
-            if (socket_.isOpen()) {
-                apply(socket_.number());
-            }
-        });
+        return appliedOn(socket_.fileDesc(), field, value, apply);
+    }
+    /// The same for another descriptor, which is open unless it is null.
+    template <class Field, class Apply>
+    static bool appliedOn(const Mox::Ptr<Mox::FileDescriptor>& fd, Field& field,
+                          std::type_identity_t<Field> value, Apply apply) {
+        return handled(field, value, [&] { fd ? apply(fd->descriptor()) : void(); });
     }
 
   private:

@@ -126,6 +126,21 @@ std::vector<Mox::Ptr<Pkt>> Pam::newSlots(uint32_t count, uint32_t bufferBytes) {
     return pkts;
 }
 
+bool Pam::bulkIs(Bulk* bulk, bool on, uint8_t limit, uint32_t bufferBytes, PamSocket* socket) {
+    if (on == bulk->isOn) {
+        return false;
+    }
+    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(on ? limit : 0, bufferBytes);
+    *bulk = {on, static_cast<uint8_t>(pkts.size())};
+    socket->readIsPossibleAgain();
+    if (on) {
+        slotsFill(pkts);
+    } else {
+        slotsDelAll();
+    }
+    return bulk->isOn == on;
+}
+
 void Pam::slotsFill(const std::vector<Mox::Ptr<Pkt>>& pkts) {
     const Mox::Ptr<Pam> hold(this);
     for (uint32_t slot = 0; slot < pkts.size(); ++slot) {

@@ -20,6 +20,7 @@
 namespace Pavo {
 
 class Pam;
+class PamSocket;
 
 /// Sees the packets that pass an endpoint; `Pam::tapIs` attaches one. It changes neither packet nor
 /// endpoint, and does not call back.
@@ -194,8 +195,32 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
         rxInfo_ = info;
         hasRxInfo_ = true;
     }
+    /// The same in two steps: the metadata, all zero, for the read to fill in; then the packet,
+    /// or null where there was none. Nobody is notified between them.
+    /// @{
+    RxInfo* rxInfoToFill() {
+        rxInfo_ = RxInfo();
+        return &rxInfo_;
+    }
+    void rxPktFilledIs(Mox::Ptr<Pkt> pkt) {
+        hasRxInfo_ = true;
+        if (pkt) {
+            rxPkt_ = std::move(pkt);
+        } else {
+            rxPktIs(nullptr);
+        }
+    }
+    /// @}
     /// New packets for the slots of a batch, with buffers of that size.
     static std::vector<Mox::Ptr<Pkt>> newSlots(uint32_t count, uint32_t bufferBytes);
+    /// Whether an endpoint reads in batches, and how many packets fit into one.
+    struct Bulk {
+        bool isOn = false;
+        uint8_t slots = 0;
+    };
+    /// Switches reading in batches, of up to `limit` packets. Returns whether that is a change
+    /// which stands: an observer of a slot may have switched it again.
+    bool bulkIs(Bulk* bulk, bool on, uint8_t limit, uint32_t bufferBytes, PamSocket* socket);
     /// Puts packets into the slots from 0 on; removes all slots. Observers are notified when that
     /// is done.
     /// @{

@@ -50,9 +50,10 @@ uint32_t PamMuxPam::send(std::span<const Mox::Ptr<Pkt>> pkts) {
             }
         });
         error = lower->txErrno();
-        failed = std::max(lower->txErrors() - errors, error != 0 ? 1u : 0u);
-        if (isNoRoom(error)) {
-            taken -= pkts.size() == 1 ? 1 : 0;
+        // Observers may have sent through other clients meanwhile.
+        failed = std::clamp(lower->txErrors() - errors, error != 0 ? 1u : 0u, failed);
+        taken -= pkts.size() == 1 && isNoRoom(error) ? 1 : 0;
+        if (taken < pkts.size()) {
             mux->waitForRoom(hold);
         }
     }
@@ -105,6 +106,15 @@ void PamMuxPam::readTried(bool reportsAgain) {
     isDue_ = reportsAgain && waiting() != 0;
     if (isDue_ && mux_ != nullptr && !isListed_) {
         mux_->reportNextTurn(Mox::Ptr(this));
+    }
+}
+
+void PamMuxPam::readableIs() {
+    if (mux_ != nullptr && !isReported_) {
+        isDue_ = true;
+        if (!isListed_) {
+            mux_->reportNextTurn(Mox::Ptr(this));
+        }
     }
 }
 
@@ -285,6 +295,7 @@ void PamMux::leave(const Mox::Ptr<PamMuxPam>& client) {
     }
     std::erase(inOrder_, client);
     isIndexStale_ = true;
+    index_->clientsDel();
 }
 
 void PamMux::updateIndex() {
@@ -324,6 +335,9 @@ void PamMux::readLower(FirstException* exception) {
     }
     readOnce(exception);
     isReading_ = false;
+    if (isIndexStale_) {
+        index_->clientsDel();  // It may hold one that a match function took out.
+    }
 }
 
 void PamMux::readOnce(FirstException* exception) {
@@ -372,6 +386,7 @@ void PamMux::distribute(const Mox::Ptr<Pkt>& pkt, const RxInfo& info, FirstExcep
 // The smallest step of the clock, so that a manual clock makes a stop of its own for it.
 void PamMux::reportNextTurn(const Mox::Ptr<PamMuxPam>& client) {
     client->isListed_ = true;
+    client->listedIn_ = turnNumber_;
     nextTurn_.push_back(client);
     wakeNextTurn();
 }
@@ -387,10 +402,11 @@ void PamMux::wakeNextTurn() {
 void PamMux::handleNextTurn() {
     const Mox::Ptr<PamMux> hold(this);
     FirstException exception;
+    ++turnNumber_;
     if (std::exchange(readsNextTurn_, false)) {
         exception.collect([this] { handleReadable(); });
     }
-    for (auto count = nextTurn_.size(); count != 0 && !nextTurn_.empty(); --count) {
+    while (!nextTurn_.empty() && nextTurn_.front()->listedIn_ != turnNumber_) {
         const Mox::Ptr<PamMuxPam> client = std::move(nextTurn_.front());
         nextTurn_.pop_front();
         const bool isDue = client->isDue_;

@@ -33,8 +33,9 @@ class PamMuxSm;
 /// what the endpoint below said of each. A read that finds nothing counts no error.
 ///
 /// A packet goes to the endpoint below as it is; `txErrno` and `txErrors` then say what that one
-/// said. Without room, `writableCount` goes up once there is some. A client that was taken out of
-/// the multiplexer sends nothing (ENOTCONN), nor does one of a disabled multiplexer (ENETDOWN).
+/// said, at the end of all that its observers did. A client that found no room is notified by
+/// `writableCount` once there is some. A client that was taken out of the multiplexer sends nothing
+/// (ENOTCONN), nor does one of a disabled multiplexer (ENETDOWN).
 class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
   public:
     static constexpr Mox::Attribute<PamMuxPam> placeAttr{8, "place"};
@@ -86,6 +87,9 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     /// For an endpoint that hands the packets of this one on: an attempt to read was made, after
     /// which the packets that wait are reported again in the next turn, or not before more come.
     void readTried(bool reportsAgain);
+    /// For such an endpoint: something else than a packet is to be read. It is reported in the next
+    /// turn, unless it was reported since the last attempt to read.
+    void readableIs();
 
   protected:
     ~PamMuxPam() override;
@@ -114,6 +118,7 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
     uint32_t bulkReadLimit_ = 32;
     int32_t place_ = 0;
     uint32_t addedAs_ = 0;
+    uint32_t listedIn_ = 0;  // The turn in which it was put into the list for the next one.
     bool takesCopies_ = false;
     bool isReported_ = false;  // Since the last attempt to read.
     bool isDue_ = false;       // To be reported when its turn in the list comes.
@@ -226,6 +231,7 @@ class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
     bool isReading_ = false;      // The endpoint below.
     bool readsNextTurn_ = false;  // It was reported meanwhile.
     uint32_t clientsAdded_ = 0;
+    uint32_t turnNumber_ = 0;
     uint32_t noRooms_ = 0;  // Sends of clients that found no room.
     uint64_t unclaimedPkts_ = 0;
     uint64_t unclaimedInRead_ = 0;

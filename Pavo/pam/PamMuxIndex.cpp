@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "Pavo/packet/EthHdr.h"
+#include "Pavo/packet/NetU.h"
 #include "Pavo/pam/PamMux.h"
 
 namespace Pavo {
@@ -18,7 +19,7 @@ constexpr uint32_t macAddrBytes = 12;
 constexpr uint32_t udpHdrBytes = 8;
 
 uint16_t u16At(Bytes bytes, std::size_t offset) {
-    return static_cast<uint16_t>(bytes[offset] << 8 | bytes[offset + 1]);
+    return loadNet<uint16_t>(bytes.data() + offset);
 }
 
 Bytes after(Bytes bytes, std::size_t count) {

@@ -45,6 +45,12 @@ class PamMuxIndex {
   public:
     /// Clients in the order in which they are asked.
     void clientsAre(std::span<const Mox::Ptr<PamMuxPam>> clients);
+    /// Lets go of all clients, unless a match is under way.
+    void clientsDel() {
+        if (!isMatching_) {
+            clientsAre({});
+        }
+    }
 
     /// Calls `take(client)` for the clients that want the packet, in order, until it returns false.
     /// An exception from a function is collected.

@@ -48,8 +48,7 @@ struct TxResult {
 int sendPkt(int fd, const TxHead& head, const Pkt& pkt, const Mox::TraceFacility& trace);
 
 /// One packet with sendmsg(2); more with one sendmmsg(2) for each 64 of them, and two more for each
-/// that is refused. It
-/// stops where there is no room.
+/// that is refused. It stops where there is no room.
 TxResult sendPkts(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts,
                   const Mox::TraceFacility& trace);
 

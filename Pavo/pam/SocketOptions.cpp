@@ -50,8 +50,7 @@ void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const
     static_assert(sizeof(IpFilter) == sizeof(sock_filter));
     const std::size_t count = first.size() + filter.members();
     if (count == 0) {
-        throw Mox::ErrnoException(EINVAL,
-                                  "SO_ATTACH_FILTER option must be supplied with a valid filter");
+        throw Mox::ErrnoException(EINVAL, noFilterText);
     }
     if (count > BPF_MAXINSNS) {
         throw Mox::ErrnoException(EINVAL, "setsockopt(SO_ATTACH_FILTER)");

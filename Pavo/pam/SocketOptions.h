@@ -86,6 +86,10 @@ void socketOptionIs(int fd, int level, int option, const Value& value, const cha
 /// @throws Mox::ErrnoException "setsockopt(SO_PRIORITY)"
 void socketPriorityIs(const Mox::TraceFacility& trace, int fd, uint32_t priority);
 
+/// What is wrong with a filter without instructions.
+inline constexpr char noFilterText[] =
+    "SO_ATTACH_FILTER option must be supplied with a valid filter";
+
 /// Attaches one program that consists of the instructions `first` and those of `filter`.
 /// @throws Mox::ErrnoException "setsockopt(SO_ATTACH_FILTER)"; with EINVAL and "SO_ATTACH_FILTER
 /// option must be supplied with a valid filter" when there are no instructions.
@@ -95,7 +99,7 @@ void attachSocketFilter(const Mox::TraceFacility& trace, int fd, std::span<const
 /// The index of an interface in the namespace of a socket, or -1 with `errno` set.
 int interfaceIndexAt(int fd, const Mox::String& name);
 
-/// What the rows of tables apply.
+/// The functions that apply the rows of tables.
 struct SocketOptionSteps {
     using Change = SocketOptionChange;
 

@@ -38,20 +38,8 @@ void SocketPam::optionsIs(uint32_t wanted) {
 }
 
 void SocketPam::enableBulkReadIs(bool enable) {
-    if (enable == enableBulkRead_) {
-        return;
-    }
     const Mox::Ptr<SocketPam> hold(this);
-    const std::vector<Mox::Ptr<Pkt>> pkts = newSlots(enable ? socketReadLimit_ : 0, rxBufferBytes_);
-    enableBulkRead_ = enable;
-    bulkSlots_ = static_cast<uint8_t>(pkts.size());
-    socket().readIsPossibleAgain();
-    if (enable) {
-        slotsFill(pkts);
-    } else {
-        slotsDelAll();
-    }
-    if (enableBulkRead_ == enable) {  // Unless an observer of a slot has changed it again.
+    if (bulkIs(&bulk_, enable, socketReadLimit_, rxBufferBytes_, &socket())) {
         notify(enableBulkReadAttr);
     }
 }
@@ -61,8 +49,8 @@ void SocketPam::doGetRxPkt() {
         socket().readEnded(PamSocket::ReadEnd::packets);
         return;  // An observer of its arrival has thrown.
     }
-    rxPktIs(nullptr);
-    if (enableBulkRead_) {
+    if (bulk_.isOn) {
+        rxPktIs(nullptr);
         readBulk();
     } else {
         readSingle();
@@ -75,15 +63,11 @@ int32_t SocketPam::doGetBulkRxPkt() {
 
 void SocketPam::readSingle() {
     Mox::Ptr<Pkt> pkt;
-    RxInfo info;
-    const RxRound round = socketSteps_.readOne(this, &pkt, &info);
-    if (!round.wasTried) {
-        return;
+    const RxRound round = socketSteps_.readOne(this, &pkt, rxInfoToFill());
+    rxPktFilledIs(std::move(pkt));  // First: an observer of what is counted may read it.
+    if (round.wasTried) {
+        countRead(this, receiver_.get(), socket(), round);
     }
-    if (pkt) {  // First: an observer of what is counted may read it.
-        rxPktIs(pkt, info);
-    }
-    countRead(this, receiver_.get(), socket(), round);
 }
 
 int32_t SocketPam::readBulk() {

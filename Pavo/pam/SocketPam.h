@@ -55,7 +55,7 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
     /// buffer for a packet in bytes (1536; at least `maxRxPktData` counts), the receive buffer of
     /// `ipRcvBuf`, the priority of `ipPriority`.
     /// @{
-    bool enableBulkRead() const { return enableBulkRead_; }
+    bool enableBulkRead() const { return bulk_.isOn; }
     void enableBulkReadIs(bool enable);
     uint8_t socketReadLimit() const { return socketReadLimit_; }
     void socketReadLimitIs(uint8_t packets) {
@@ -93,7 +93,7 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
     /// Reads the packets of the socket.
     PktReceiver& receiver() const { return *receiver_; }
     /// The packets that fit into a batch.
-    uint8_t bulkSlots() const { return bulkSlots_; }
+    uint8_t bulkSlots() const { return bulk_.slots; }
 
   private:
     void readSingle();
@@ -101,9 +101,8 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
 
     const SocketSteps socketSteps_;
     const std::unique_ptr<PktReceiver> receiver_;
-    bool enableBulkRead_ = false;
+    Bulk bulk_;
     uint8_t socketReadLimit_ = 32;
-    uint8_t bulkSlots_ = 0;
     uint32_t options_ = none;
     uint32_t rxBufferBytes_ = Pkt::Manager::defaultBufferSize;
     uint32_t rxBuf_ = 0;

@@ -95,8 +95,9 @@ class PavoEnds {
     int received_ = 0;
 };
 
-// The same with buffers that stay where they are. An event loop watches the receiver here too,
-// since the kernel wakes the loop at the sender's expense.
+// The same with buffers that stay where they are. An event loop watches both sockets here too, as
+// those of every agent: the kernel looks for one at the sender's expense, when a packet arrives and
+// when the room of a sent one is free again.
 class BareEnds {
   public:
     BareEnds(Way way, Sizes sizes)
@@ -114,6 +115,7 @@ class BareEnds {
         bind(right_, reinterpret_cast<const sockaddr*>(&name), sizeof(name));
         epoll_event watched{};
         watched.events = EPOLLIN | EPOLLET;
+        epoll_ctl(loop_, EPOLL_CTL_ADD, left_, &watched);
         epoll_ctl(loop_, EPOLL_CTL_ADD, right_, &watched);
         for (int i = 0; i < burst; ++i) {
             Room& room = rooms_[i];

@@ -36,9 +36,11 @@ constexpr auto enumDescription(Diag) {
 /// to build one from: then of version 1, with its length, and all else zero. Intervals are in
 /// microseconds.
 ///
-///     | version (3 bits), diagnostic (5 bits) | state (2 bits), flags P F C A D M | multiplier (1)
-///     | | length (1) | my discriminator (4) | your discriminator (4) | | desired min TX (4) |
-///     required min RX (4) | required min echo RX (4) |
+///     | version (3 bits), diagnostic (5 bits) | state (2 bits), flags P F C A D M |
+///
+///     | multiplier (1) | length (1) | my discriminator (4) | your discriminator (4) |
+///
+///     | desired min TX (4) | required min RX (4) | required min echo RX (4) |
 class BfdHdr {
   public:
     static constexpr std::string_view recordName = "BfdHdr";

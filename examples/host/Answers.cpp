@@ -17,11 +17,19 @@ namespace {
 using Mox::Ptr;
 using Pavo::Pkt;
 
-// A message to the host, and the station that it came from.
+// A message, and the stations that it goes between.
 struct Request {
     Pavo::EthAddr from;
+    Pavo::EthAddr to;
     Pavo::IpMsg msg;
 };
+
+// One sender, to whom an answer can go (RFC 1122, 3.2.1.3).
+bool isSender(const Config& host, const Pavo::IpGenAddr& source) {
+    return !source.isMulticast() && !source.address().isZero() &&
+           source != Pavo::IpGenAddr(Pavo::IpAddr(0xffffffff)) &&
+           source != Pavo::IpGenAddr(host.ip) && source != Pavo::IpGenAddr(host.ip6);
+}
 
 // Nothing for another protocol, and where the headers are not sound, which `ipMsgAt` checks.
 std::optional<Request> requestIn(const Ptr<Pkt>& pkt, Pavo::IpProtocolNumber protocol) {
@@ -32,12 +40,15 @@ std::optional<Request> requestIn(const Ptr<Pkt>& pkt, Pavo::IpProtocolNumber pro
         return std::nullopt;
     }
     request.from = eth->src();
+    request.to = eth->dst();
     return request;
 }
 
+// A device on a bridge also gets frames for other stations.
 bool isFor(const Config& host, const Request& request) {
     const Pavo::IpGenAddr& dst = request.msg.dst;
-    return dst == Pavo::IpGenAddr(host.ip) || dst == Pavo::IpGenAddr(host.ip6);
+    return request.to == host.mac && isSender(host, request.msg.src) &&
+           (dst == Pavo::IpGenAddr(host.ip) || dst == Pavo::IpGenAddr(host.ip6));
 }
 
 // What follows the first `hdrBytes` of the first `bytes` bytes of a message.
@@ -134,7 +145,8 @@ Ptr<Pkt> answerUdp(const Config& host, const Ptr<Pkt>& request) {
     }
     const Pavo::IpMsg& msg = received->msg;
     const auto udp = msg.wholeHdr<Pavo::UdpHdr>();
-    if (!udp) {
+    // Nobody is at port 0, and another host like this one would send the answer back for ever.
+    if (!udp || udp->srcPort() == Pavo::Port() || udp->srcPort() == udp->dstPort()) {
         return nullptr;
     }
     // Over IPv4 a sender may leave the checksum out.

@@ -38,7 +38,7 @@ struct Key {
 /// is not sent.
 struct Pdu {
     Key key = {};
-    /// How long the rest is valid; with 0 it is no longer.
+    /// How long the rest is valid; 0 ends it at once.
     uint16_t ttlSeconds = 0;
     std::string portDescription = {};
     std::string systemName = {};
