@@ -91,14 +91,14 @@ def write_abi(library, headers, output):
         for header in pathlib.Path(headers).read_text(encoding="utf-8").split():
             public.joinpath(pathlib.Path(header).name).touch()
         run(*WRITE, "--headers-dir", public, "--suppr", left_out, "--out-file", output, library)
-    drop_second_names(output)
+    shorten(output)
 
 
-def drop_second_names(abi):
-    """Leaves of static members only their declarations in the class.
+def shorten(abi):
+    """Leaves of static members only their declarations in the class, and no visibility.
 
-    abidw also writes their definitions, without the class. Which of both names abidiff takes depends
-    on the order of the objects.
+    abidw also writes the definitions of the members, without the class. Which of both names abidiff
+    takes depends on the order of the objects. And all that is exported has one visibility.
     """
     document = ElementTree.parse(abi)
     members = {found.get("mangled-name") for found in document.iterfind(".//data-member/var-decl")}
@@ -106,6 +106,8 @@ def drop_second_names(abi):
         for found in unit.findall("var-decl"):
             if found.get("mangled-name") in members:
                 unit.remove(found)
+    for each in document.iter():
+        each.attrib.pop("visibility", None)
     ElementTree.indent(document, space="")
     document.write(abi)
 

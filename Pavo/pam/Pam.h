@@ -213,9 +213,11 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     /// @}
     /// New packets for the slots of a batch, with buffers of that size.
     static std::vector<Mox::Ptr<Pkt>> newSlots(uint32_t count, uint32_t bufferBytes);
-    /// Whether an endpoint reads in batches, and how many packets fit into one.
+    /// How an endpoint reads in batches.
     struct Bulk {
+        /// Whether it does.
         bool isOn = false;
+        /// How many packets fit into a batch.
         uint8_t slots = 0;
     };
     /// Switches reading in batches, of up to `limit` packets. Returns whether that is a change
