@@ -40,7 +40,7 @@ bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
     return hasNone || msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) == IpChecksum();
 }
 
-// What comes back is the IP header with the ports that follow it.
+// The IP header comes back with the ports that follow it.
 bool IpArrival::readUnreachable(PktInfo* sent) const {
     constexpr uint32_t icmpBytes = 8;
     constexpr uint8_t port4[] = {3, 3};  // Type and code.

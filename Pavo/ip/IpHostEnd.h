@@ -14,7 +14,7 @@
 
 namespace Pavo {
 
-/// What an endpoint has as long as it is attached to a host.
+/// The end of an endpoint that is attached to a host.
 class IpHostEnd : public IpTransport {
   public:
     ~IpHostEnd() override;
@@ -29,7 +29,7 @@ class IpHostEnd : public IpTransport {
     /// Whether the packet under way is for this end.
     bool isReceiver = false;
 
-    /// What the endpoint wants as the source of the next packet.
+    /// The source that the endpoint wants for the next packet.
     virtual const IpGenAddr& txSource() const = 0;
     /// How well an end fits a packet that is not to many; 0 for one that does not.
     virtual uint32_t fit(const IpArrival& arrival) const = 0;
@@ -75,15 +75,15 @@ class IpHostEnd : public IpTransport {
     AddressFamily family_ = ipunknown;
     IpGenAddr local_;
     Port port_;
-    IpGenAddrAndPort peer_;  // Of no family, unless connected.
-    uint32_t device_ = 0;    // Of the only interface, by index.
+    IpGenAddrAndPort peer_;  // Without a family, unless connected.
+    uint32_t device_ = 0;    // The index of its interface; 0 for all.
     uint32_t drops_ = 0;     // Since it was opened.
 
   private:
     struct Membership {
         uint32_t ifIndex;
         IpGenAddr group;
-        IpGenAddr source;  // Of no family for all, zero for none.
+        IpGenAddr source;  // Without a family for all, zero for none.
 
         friend bool operator==(const Membership&, const Membership&) = default;
     };

@@ -1,5 +1,5 @@
 /// @file
-/// What an IP endpoint has in place of a socket. For the endpoints themselves; an agent does not
+/// A replacement for the socket of an IP endpoint. For the endpoints themselves; an agent does not
 /// need it.
 #pragma once
 

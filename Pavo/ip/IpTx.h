@@ -14,7 +14,7 @@ namespace Pavo {
 
 class IpFamily;
 
-/// What the attributes of an IP endpoint say of the next packet.
+/// The attributes of an IP endpoint for the next packet.
 struct IpTxSettings {
     const IpFamily& family;
     const IpGenAddr& source;

@@ -1,5 +1,5 @@
 /// @file
-/// What the raw IP endpoints of both families have in common.
+/// The common part of the raw IP endpoints of both families.
 #pragma once
 
 #include <cstdint>

@@ -198,7 +198,7 @@ void UdpPam::bindTo(int fd) const {
     }
 }
 
-// What others send before the socket is connected would stay in its queue, so it takes nothing
+// Datagrams that arrive before the socket is connected would stay in its queue, so it takes nothing
 // until then.
 void UdpPam::connectTo(int fd) const {
     if (remoteAddr_.af() != family_->addressFamily()) {

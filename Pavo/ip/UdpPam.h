@@ -272,7 +272,7 @@ class PAVO_EXPORT UdpPam : public Mox::EntityOf<UdpPam, SocketPam> {
     IpGenAddr remoteAddr_;
     IpGenAddr txSrcIpAddr_;
     IpGenAddrAndPort peer_;  // To which the socket is connected; of no family for a server.
-    const IpFamily* family_ = nullptr;        // Of the socket that was opened last.
+    const IpFamily* family_ = nullptr;        // That of the socket that was opened last.
     std::unique_ptr<IpTransport> transport_;  // In place of a socket, where there is one.
 };
 

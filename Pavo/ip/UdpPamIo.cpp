@@ -17,7 +17,7 @@ namespace Pavo {
 
 namespace {
 
-// What one large datagram may consist of.
+// The limits of one large datagram.
 constexpr std::size_t maxSegments = 64;
 constexpr uint32_t maxSegmentedBytes = 65507;
 

@@ -123,7 +123,7 @@ ssize_t receiveAnswer(int fd, Answer* answer) {
     return bytes;
 }
 
-// What the error field of a complete NLMSG_ERROR message means for the caller.
+// The meaning of the error field of a complete NLMSG_ERROR message for the caller.
 int resultOf(int error) {
     if (error == 0) {
         return 0;

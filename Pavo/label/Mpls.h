@@ -20,7 +20,7 @@
 
 namespace Pavo {
 
-/// What a forwarding entry does to the label stack of a packet.
+/// The operation of a forwarding entry on the label stack of a packet.
 enum class MplsLabelAction : uint32_t {
     push = 0,
     pop = 1,
@@ -55,10 +55,10 @@ constexpr auto enumDescription(MplsLabelAction) {
 template <class Self, class Stack>
 class MplsLabelOperationBase : public Mox::ValueType<Self> {
   public:
-    /// What a change of the stack yields.
+    /// The result of a change of the stack.
     using Result = BoundedMplsLabelStackResult;
 
-    /// What is done with the stack; `push` at first.
+    /// The operation on the stack; `push` at first.
     constexpr MplsLabelAction operation() const { return operation_; }
     /// @throws Mox::RangeException "Invalid MplsLabelAction" for a number that no action has, as
     /// the constructors do.

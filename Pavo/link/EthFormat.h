@@ -1,5 +1,5 @@
 /// @file
-/// What packet sockets say of received frames. For the endpoints themselves; an agent does not need
+/// The messages of packet sockets. For the endpoints themselves; an agent does not need
 /// it.
 #pragma once
 
@@ -13,7 +13,7 @@ struct sockaddr_ll;
 
 namespace Pavo {
 
-/// Of packet sockets that report auxiliary data (PACKET_AUXDATA in packet(7)).
+/// The format of packet sockets that report auxiliary data (PACKET_AUXDATA in packet(7)).
 const RxFormat& ethFormat();
 
 /// Takes the status of a frame (TP_STATUS_ in <linux/if_packet.h>): the VLAN tag that the kernel

@@ -62,7 +62,7 @@ class EthRing {
     std::size_t bytes_;
     uint8_t* memory_;
     uint32_t current_ = 0;            // The block whose frames are read.
-    uint32_t left_ = 0;               // Of its frames.
+    uint32_t left_ = 0;               // Frames of it that were not read yet.
     const uint8_t* frame_ = nullptr;  // The first of those.
 };
 

@@ -1,5 +1,5 @@
 /// @file
-/// What the endpoints of tap devices have in common.
+/// The common part of the endpoints of tap devices.
 #pragma once
 
 #include <span>

@@ -15,7 +15,7 @@
 
 namespace Pavo {
 
-/// What an ARP packet is (IANA, "ARP Parameters").
+/// The operation of an ARP packet (IANA, "ARP Parameters").
 ///
 /// Members: the numbers of the operation field.
 struct ArpOp {

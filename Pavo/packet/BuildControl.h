@@ -49,7 +49,7 @@ struct Vrrp {
     uint16_t interval = 100;
     std::span<const IpAddr> addresses = {};
     std::span<const Ip6Addr> addresses6 = {};
-    /// What the checksum of version 3 covers over IPv4; `either` means `pseudoHdr`.
+    /// The bytes that the checksum of version 3 covers over IPv4; `either` means `pseudoHdr`.
     VrrpSum sum = VrrpSum::pseudoHdr;
     std::optional<uint8_t> addressCount = {};
     std::optional<IpChecksum> checksum = {};

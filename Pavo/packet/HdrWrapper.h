@@ -43,9 +43,9 @@ template <class Hdr>
 inline constexpr auto bindText = aroundRecordName<Hdr>("( offset_ + sizeof( ",
                                                        " ) ) <= pkt_->frontBytes()");
 
-/// What all wrappers share: the packet, the record's offset in the packet's first iovec, and the
-/// record there. The wrapper `Self` derives from this, inherits the constructor and names its
-/// `typeName`. Protocol fields are never checked.
+/// The common part of all wrappers: the packet, the record's offset in the packet's first iovec,
+/// and the record there. The wrapper `Self` derives from this, inherits the constructor and names
+/// its `typeName`. Protocol fields are never checked.
 ///
 /// The record stays where it is until the head of the packet's data changes; then `handleHeader()`
 /// binds it anew at the same offset.

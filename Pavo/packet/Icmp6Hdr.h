@@ -118,7 +118,7 @@ constexpr auto enumDescription(Icmp6Type) {
 }
 // clang-format on
 
-/// What begins every ICMPv6 message:
+/// The beginning of every ICMPv6 message:
 ///
 ///     | type (1) | code (1) | checksum (2) |
 class Icmp6Hdr : public IcmpFields<Icmp6Type> {

@@ -4,7 +4,7 @@ namespace Pavo {
 
 namespace {
 
-// Of the header before the options; 0 for a type that is not of neighbour discovery.
+// The length of the header before the options; 0 for a type that is not of neighbour discovery.
 uint32_t headerBytesOf(Icmp6Type type) {
     switch (type) {
         case Icmp6Type::routerSolicitation:

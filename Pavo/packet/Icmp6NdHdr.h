@@ -80,7 +80,7 @@ class Icmp6RaHdr : public Icmp6Hdr {
 };
 static_assert(isOverlay<Icmp6RaHdr>(16));
 
-/// What neighbour messages have in common: four bytes of flags, and the target.
+/// The common part of neighbour messages: four bytes of flags, and the target.
 ///
 /// Members: the fields, in host order.
 class Icmp6TargetFields : public Icmp6Hdr {
@@ -169,7 +169,7 @@ struct NdOptionType {
     static constexpr uint8_t mtu = 5;
 };
 
-/// What begins every option:
+/// The beginning of every option:
 ///
 ///     | type (1) | length in units of 8 bytes (1) |
 ///

@@ -118,7 +118,7 @@ class IcmpFields {
     IpChecksum checksum_;
 };
 
-/// What echo messages of both add to their header `Hdr`.
+/// The fields that echo messages of both add to their header `Hdr`.
 ///
 /// Members: the fields, in host order.
 template <class Hdr>
@@ -150,7 +150,7 @@ class IcmpFieldsWrapper : public HdrWrapper<Self, Hdr> {
     void checksumIs(IpChecksum checksum) { this->header_->checksumIs(checksum); }
 };
 
-/// What begins every ICMP message:
+/// The beginning of every ICMP message:
 ///
 ///     | type (1) | code (1) | checksum (2) |
 class IcmpHdr : public IcmpFields<IcmpType> {

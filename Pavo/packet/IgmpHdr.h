@@ -41,7 +41,7 @@ struct IgmpRecordType {
     static constexpr uint8_t blockSources = 6;
 };
 
-/// What begins every IGMP message; all of it in versions 1 and 2:
+/// The beginning of every IGMP message; all of it in versions 1 and 2:
 ///
 ///     | type (1) | response code (1) | checksum (2) |
 ///     | group (4)                                   |

@@ -55,7 +55,7 @@ class Ip6Hdr {
     IpFlowLabel flowLabel() const { return first_.value() & IpFlowLabel::max; }
     void flowLabelIs(IpFlowLabel label) { first_.bitsIs(IpFlowLabel::max, label.value()); }
 
-    /// What follows these 40 bytes, extension headers included, in bytes.
+    /// The length after these 40 bytes, extension headers included.
     uint16_t payloadLen() const { return payloadLen_.value(); }
     void payloadLenIs(uint16_t bytes) { payloadLen_.valueIs(bytes); }
 
@@ -161,7 +161,7 @@ constexpr auto enumDescription(Ip6HdrOptionType) {
 }
 // clang-format on
 
-/// What begins an extension header that holds options:
+/// The beginning of an extension header that holds options:
 ///
 ///     | next header (1) | length (1) |
 class Ip6HdrOptionCommon {

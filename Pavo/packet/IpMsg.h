@@ -28,11 +28,11 @@ namespace Pavo {
 struct IpMsg {
     /// The packet, which is held.
     Mox::Ptr<Pkt> pkt;
-    /// Of the first byte of the message, from the start of the packet.
+    /// Where the message begins, in bytes from the start of the packet.
     uint32_t offset = 0;
     /// The length of the message. What follows it is padding of the link.
     uint32_t bytes = 0;
-    /// What the message is, as the IP header says.
+    /// The protocol of the message, as the IP header says.
     IpProtocolNumber protocol = IpProtocolNumber::hopopt;
     /// The addresses in the IP header.
     /// @{

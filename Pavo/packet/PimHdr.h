@@ -29,8 +29,8 @@ struct PimType {
     static constexpr uint8_t candidateRp = 8;
 };
 
-/// What begins every PIM message, laid over the bytes of a packet, or free-standing to build one
-/// from: then of version 2, and all else zero.
+/// The beginning of every PIM message, laid over the bytes of a packet, or free-standing to build
+/// one from: then of version 2, and all else zero.
 ///
 ///     | version (4 bits), type (4 bits) | reserved (1) | checksum (2) |
 ///

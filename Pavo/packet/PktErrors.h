@@ -11,8 +11,8 @@
 
 namespace Pavo {
 
-/// What a check of a packet found: `noError`, or one negative number a fault, in a group of its own
-/// for each protocol.
+/// The result of a check of a packet: `noError`, or one negative number a fault, in a group of its
+/// own for each protocol.
 enum class PktErrors : int32_t {
     noError = 0,
     pktTooShort = -1,

@@ -1,5 +1,5 @@
 /// @file
-/// What a type needs to be a layer of `buildPkt`, and the place where it writes its header.
+/// The requirements on a layer of `buildPkt`, and the place where it writes its header.
 #pragma once
 
 #include <concepts>
@@ -72,7 +72,7 @@ class LayerSite {
     bool isAfterIp6_ = false;
 };
 
-/// What a layer has: the length of its header, and a function that writes it. A layer is a plain
+/// A type that has the length of its header, and a function that writes it. A layer is a plain
 /// struct, so that its fields can be named where a packet is built. A field that can be computed is
 /// a `std::optional`: a value that the caller sets is written as it is. Further members, as far as
 /// the protocol has them:

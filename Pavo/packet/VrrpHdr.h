@@ -129,8 +129,8 @@ inline Mox::Ptr<VrrpHdrWrapper> vrrpHdrWrapperFactory(const Mox::Ptr<Pkt>& pkt, 
     return Mox::make<VrrpHdrWrapper>(pkt, offset);
 }
 
-/// What the checksum of version 3 over IPv4 covers. Agents of both kinds exist. Over IPv6 it always
-/// covers the pseudo header, in version 2 never.
+/// The bytes that the checksum of version 3 covers over IPv4. Agents of both kinds exist. Over IPv6
+/// it always covers the pseudo header, in version 2 never.
 enum class VrrpSum {
     pseudoHdr,  ///< The pseudo header too (RFC 5798, 5.2.8).
     message,    ///< The message alone, as in version 2.

@@ -1,5 +1,5 @@
 /// @file
-/// What endpoints on descriptors of their own have in common.
+/// The common part of endpoints on descriptors of their own.
 #pragma once
 
 #include <cstdint>
@@ -83,8 +83,8 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     /// @}
 
   protected:
-    /// What a class of endpoints does in its own way. The order of the virtual operations of an
-    /// endpoint is known outside, so these are none.
+    /// The functions that each class of endpoints has of its own. The order of the virtual
+    /// operations of an endpoint is known outside, so these are none.
     struct Steps {
         /// Opens the descriptor and hands it to `socket`. Throws, with nothing left open.
         void (*open)(FdPam* pam);

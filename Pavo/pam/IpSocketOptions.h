@@ -107,7 +107,7 @@ class IpFilter : public Mox::ValueType<IpFilter> {
     explicit IpFilter(std::string_view text) { readWhole(text); }
     IpFilter(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
-    /// What the instruction does, as in <linux/bpf_common.h>.
+    /// The operation, as in <linux/bpf_common.h>.
     constexpr uint16_t code() const { return code_; }
     /// Instructions to skip when the test of a jump holds, and when it does not.
     /// @{

@@ -239,7 +239,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     bool isPublishingSlots() const { return isPublishingSlots_; }
     /// Nothing was read: no slot holds a received packet, also where an observer throws.
     void slotsReceivedNone();
-    /// What is known of the packets of a batch, by slot: as long as the batch.
+    /// The metadata of the packets of a batch, by slot: as long as the batch.
     std::vector<RxInfo>& slotInfos() { return slotInfos_; }
     /// Shows the tap the packet in a slot of a batch, which `slotInfos` already describes, before
     /// any observer is notified of it.

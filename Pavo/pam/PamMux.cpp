@@ -218,7 +218,7 @@ void PamMux::enabledIs(bool enabled) {
     exception.rethrow();
 }
 
-// What the machine of a socket does when it is made.
+// As the machine of a socket does when it is made.
 void PamMux::start() {
     FirstException exception;
     exception.collect([&] { handleReadable(); });

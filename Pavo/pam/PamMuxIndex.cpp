@@ -49,7 +49,7 @@ void addProtocol(IpProtocolNumber protocol, PamMuxKeys* keys) {
     keys->add(Number::ipProtocol, static_cast<uint16_t>(protocol));
 }
 
-// What follows the headers of IP.
+// The numbers after the headers of IP.
 void addTransport(IpProtocolNumber protocol, Bytes bytes, PamMuxKeys* keys) {
     addProtocol(protocol, keys);
     if (protocol == IpProtocolNumber::udp && bytes.size() >= udpHdrBytes) {

@@ -61,7 +61,7 @@ class PamMuxIndex {
 
   private:
     struct Entry {
-        uint32_t key;  // Of those that match a number.
+        uint32_t key;  // 0 for a function.
         uint32_t rank;
         Mox::Ptr<PamMuxPam> client;
     };
@@ -89,7 +89,7 @@ class PamMuxIndex {
 
     Entries keyed_;           // By key, then by rank.
     Entries functions_;       // By rank.
-    bool hasNumber_[3] = {};  // Of a kind that clients look for.
+    bool hasNumber_[3] = {};  // Whether a client looks for a number of that kind.
     bool isMatching_ = false;
 };
 

@@ -32,7 +32,7 @@ class PAVO_EXPORT PamMuxMatch {
     /// The type field of a frame, one of `EthType`. Packets that begin with an IP header have that
     /// of their version.
     static PamMuxMatch etherType(uint16_t type);
-    /// What an IPv4 or IPv6 packet carries.
+    /// The protocol that an IPv4 or IPv6 packet carries.
     static PamMuxMatch ipProtocol(IpProtocolNumber protocol);
     /// The destination of a UDP datagram, over IPv4 or IPv6.
     static PamMuxMatch udpPort(Port port);

@@ -25,7 +25,7 @@
 
 namespace Pavo {
 
-/// What the attributes of an endpoint say of a read.
+/// The attributes of an endpoint that concern a read.
 struct RxSettings {
     /// Bits of `IpSocketOptions`.
     uint32_t options;
@@ -39,9 +39,9 @@ struct RxSettings {
 /// else holds it, or a new one. Throws std::bad_alloc.
 Mox::Ptr<Pkt> pktToReadInto(const RxSettings& settings, const Mox::Ptr<Pkt>& slot, uint32_t bytes);
 
-/// What the packets of one read said beside their descriptions.
+/// The result of one read beside the descriptions of its packets.
 struct RxRound {
-    /// Of a single read: false when the kernel was not asked, since the socket is closed or there
+    /// False for a single read when the kernel was not asked, since the socket is closed or there
     /// is no memory.
     bool wasTried = false;
     /// The `errno` of the read; 0 when it took packets.
@@ -50,13 +50,13 @@ struct RxRound {
     /// Bits of the options whose messages the last packet carried.
     uint32_t carried = 0;
     uint32_t truncated = 0;
-    /// What the kernel dropped since the last packet that said so.
+    /// Packets that the kernel dropped since the last packet that said so.
     uint32_t drops = 0;
     /// Packets whose control data was cut, or lacked what the options promise.
     uint32_t faulty = 0;
 };
 
-/// What one recvmmsg(2) works on: an entry for each slot, kept from round to round.
+/// The memory of one recvmmsg(2): an entry for each slot, kept from round to round.
 struct RxBatch;
 
 /// Reads the packets of one endpoint. It changes no attribute and notifies nobody, but reports to

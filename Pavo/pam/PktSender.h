@@ -18,7 +18,7 @@
 
 namespace Pavo {
 
-/// What the packets of one send have in common: where they go, what the kernel is asked to do with
+/// The common part of the packets of one send: where they go, what the kernel is asked to do with
 /// them.
 struct TxHead {
     /// No destination for a connected socket.
@@ -33,7 +33,7 @@ struct TxHead {
     msghdr message(iovec* pieces, std::size_t count) const;
 };
 
-/// What became of a batch.
+/// The result of a batch.
 struct TxResult {
     /// Packets that were sent, and that were not.
     uint32_t sent = 0;

@@ -1,5 +1,5 @@
 /// @file
-/// What sockets of one kind say of received messages. For the endpoints themselves; an agent does
+/// The messages that sockets of one kind receive. For the endpoints themselves; an agent does
 /// not need it.
 #pragma once
 

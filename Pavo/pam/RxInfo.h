@@ -35,7 +35,7 @@ struct PktInfo {
     bool isIpHdrWithKernel = false;
     /// The same of the UDP header: the packet is what a datagram carries.
     bool isUdpHdrWithKernel = false;
-    /// Of what follows the IP header.
+    /// The protocol of what follows the IP header.
     IpProtocolNumber protocol = IpProtocolNumber::hopopt;
 
     /// The sender of a datagram, such as `UdpPam::remoteIs` takes it.
@@ -55,7 +55,7 @@ struct RxInfo : PktInfo {
     /// @}
     /// The packet was longer than the room for it: its end is missing.
     bool truncated = false;
-    /// Of a frame; the type of its receiver.
+    /// The type of the receiver of a frame.
     RxPktType pktType = RxPktType::host;
     /// The checksum in the TCP or UDP header of a frame is not there yet, since this host sent the
     /// frame and left the checksum to a device.
@@ -83,7 +83,7 @@ struct QueuedError {
     /// @}
     /// The host that reported it; of no family for this host.
     IpGenAddr reporter;
-    /// Of the ICMP or ICMPv6 message; 0 for an error of this host.
+    /// As in the ICMP or ICMPv6 message; 0 for an error of this host.
     /// @{
     uint8_t icmpType = 0;
     uint8_t icmpCode = 0;

@@ -21,7 +21,7 @@ namespace Pavo {
 class IpFamily;
 struct SocketOption;
 
-/// What the attributes of an endpoint say of its socket.
+/// The attributes of an endpoint that concern its socket.
 struct SocketSettings {
     /// The endpoint, for the options that only one class has.
     const Pam& pam;
@@ -86,7 +86,7 @@ void socketOptionIs(int fd, int level, int option, const Value& value, const cha
 /// @throws Mox::ErrnoException "setsockopt(SO_PRIORITY)"
 void socketPriorityIs(const Mox::TraceFacility& trace, int fd, uint32_t priority);
 
-/// What is wrong with a filter without instructions.
+/// The error of a filter without instructions.
 inline constexpr char noFilterText[] =
     "SO_ATTACH_FILTER option must be supplied with a valid filter";
 

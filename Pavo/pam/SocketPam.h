@@ -1,5 +1,5 @@
 /// @file
-/// What endpoints on sockets that are read in batches have in common.
+/// The common part of endpoints on sockets that are read in batches.
 #pragma once
 
 #include <cstdint>
@@ -70,11 +70,11 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
     /// @}
 
   protected:
-    /// What a class of endpoints does in its own way, beside `Steps`.
+    /// The functions that each class of endpoints has of its own, beside `Steps`.
     struct SocketSteps {
         /// The table of options for the socket that is open.
         std::span<const SocketOption> (*optionTable)(const SocketPam* pam);
-        /// What the rows are applied with.
+        /// The attribute values that the rows apply.
         SocketSettings (*socketSettings)(const SocketPam* pam);
         /// Reads one packet.
         RxRound (*readOne)(SocketPam* pam, Mox::Ptr<Pkt>* pkt, RxInfo* info);

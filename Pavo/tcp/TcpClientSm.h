@@ -48,7 +48,7 @@ namespace Pavo {
 /// endpoint holds a message or reading is off), and starts again. The old connection stays in
 /// `connSocket` until that start fails, succeeds or is stopped.
 ///
-/// What observers of the status may do stands at `TcpSmBase`.
+/// `TcpSmBase` says what observers of the status may do.
 class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpClientSm"); }
@@ -76,9 +76,9 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
 
     /// For traces.
     uint32_t clientId() const { return clientId_; }
-    /// What the machine follows; null in a machine without a configuration.
+    /// The configuration that the machine follows; null where it has none.
     const Mox::Ptr<TcpClientConfig>& tcpClientConfig() const { return tcpClientConfig_; }
-    /// What the machine writes; never null.
+    /// The status that the machine writes; never null.
     const Mox::Ptr<TcpClientStatus>& tcpClientStatus() const { return tcpClientStatus_; }
     /// True once the machine is initialized.
     bool useMoxEventLoop() const { return useMoxEventLoop_; }

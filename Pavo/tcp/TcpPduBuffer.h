@@ -1,5 +1,5 @@
 /// @file
-/// What the two halves of an endpoint on a TCP stream share.
+/// The buffers of both halves of an endpoint on a TCP stream.
 #pragma once
 
 #include <algorithm>

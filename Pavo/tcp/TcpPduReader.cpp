@@ -19,7 +19,7 @@ using Result = TcpPduPamReadResult;
 
 Mox::TraceFacility facility("Pavo::TcpPduReader");
 
-// What recv(2) returns, or -1 with `errno` set, never EINTR.
+// Returns as recv(2), or -1 with `errno` set, never EINTR.
 ssize_t receive(int fd, void* to, uint32_t bytes) {
     ssize_t got = -1;
     do {

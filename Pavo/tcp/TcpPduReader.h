@@ -46,7 +46,7 @@ class TcpPduReader {
     /// the last one.
     /// @pre the state is `betweenPdus` or `receiving`.
     TcpPduPamReadResult read(bool onlyOne);
-    /// What went wrong in the last read that ended with `error`.
+    /// The reason of the last read that ended with `error`.
     Mox::String failure() const;
     /// The PDU that is held, or null.
     Mox::Ptr<Pkt> take();

@@ -26,7 +26,7 @@ uint64_t bytesOf(const SocketIovec* iov, uint16_t iovLen) {
     return bytes;
 }
 
-// What sendmsg(2) returns, or -1 with `errno` set, never EINTR.
+// Returns as sendmsg(2), or -1 with `errno` set, never EINTR.
 ssize_t transmit(int fd, SocketIovec* iov, uint16_t iovLen) {
     msghdr message{};
     message.msg_iov = iov;

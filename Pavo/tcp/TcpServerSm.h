@@ -40,7 +40,7 @@ namespace Pavo {
 /// socket, it would fail as fast as the event loop turns. Every stop, also that of a restart, drops
 /// the connections that the owner has not taken yet.
 ///
-/// What observers of the status may do stands at `TcpSmBase`.
+/// `TcpSmBase` says what observers of the status may do.
 class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerSm"); }
@@ -61,9 +61,9 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     void handleSocketMd5AuthOption(IpGenAddrWithMask addrWithMask) override;
     void moxDoZombieReactors(bool zombie) override;
 
-    /// What the machine follows; null in a machine without a configuration.
+    /// The configuration that the machine follows; null where it has none.
     const Mox::Ptr<TcpServerConfig>& tcpServerConfig() const { return tcpServerConfig_; }
-    /// What the machine writes.
+    /// The status that the machine writes.
     const Mox::Ptr<TcpServerStatus>& tcpServerStatus() const { return tcpServerStatus_; }
     /// Has no effect: the machine restarts its listener in any case. True by default.
     bool restartOnSetSockOptError() const { return restartOnSetSockOptError_; }

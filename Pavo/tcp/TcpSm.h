@@ -1,5 +1,5 @@
 /// @file
-/// What the machines of both ends of a TCP connection have in common.
+/// The common part of the machines of both ends of a TCP connection.
 #pragma once
 
 #include <cstdint>

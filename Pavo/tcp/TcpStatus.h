@@ -1,5 +1,5 @@
 /// @file
-/// What a TCP machine publishes for its owner.
+/// The status that a TCP machine publishes for its owner.
 #pragma once
 
 #include <cstdint>

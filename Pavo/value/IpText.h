@@ -11,7 +11,7 @@
 
 namespace Pavo {
 
-/// What is wrong with the text of a dotted quad.
+/// The faults of the text of a dotted quad.
 enum class DottedFault { none, digitExpected, tooManyDigits, valueTooLarge, dotExpected };
 
 /// Reads four decimal octets joined by "." into `bytes` and stops after the fourth. An octet has at
@@ -79,7 +79,7 @@ inline char* dottedQuadAt(char* at, const uint8_t* bytes) {
     return at - 1;
 }
 
-/// What is wrong with the text of a length.
+/// The faults of the text of a length.
 enum class LengthFault { none, missing, tooLarge };
 
 /// Reads "/" and the decimal number that must follow at once. `missing` when either is not there,

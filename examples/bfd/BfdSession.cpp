@@ -127,7 +127,7 @@ double BfdSession::txIntervalSeconds() const {
 
 void BfdSession::sendPeriodic() {
     lastTx_ = clock_->now();
-    // Of a peer that misses one packet only, the longest interval leaves a tenth (6.8.7).
+    // With a multiplier of 1 the interval is shortened by at least a tenth (6.8.7).
     jitter_ = std::uniform_real_distribution(0.75, config_.detectMult == 1 ? 0.9 : 1.0)(random_);
     armTx();
     transmit(/*isFinal=*/false);

@@ -12,7 +12,7 @@
 
 namespace Bfd {
 
-/// What this side wants.
+/// The wishes of this side.
 struct SessionConfig {
     /// Identifies the session on this host; not 0.
     uint32_t localDiscr;
@@ -81,7 +81,7 @@ class BfdSession : public Mox::EntityOf<BfdSession> {
     void end();
 
   private:
-    // What the last packet said; as it is here before the first one.
+    // The last packet of the peer; these values before the first one.
     struct Remote {
         uint32_t discr = 0;
         State state = State::down;
@@ -112,7 +112,7 @@ class BfdSession : public Mox::EntityOf<BfdSession> {
     uint32_t rxDiscards_ = 0;
     double lastRx_ = 0;
     double lastTx_ = 0;
-    double jitter_ = 1;  // Of the interval that runs now.
+    double jitter_ = 1;  // The factor of the interval that runs now.
     std::minstd_rand random_;
     Mox::Timer tx_;
     Mox::Timer detection_;

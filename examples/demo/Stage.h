@@ -1,5 +1,5 @@
 /// @file
-/// What demonstrations of agents share: the sandbox, the loop, and the transcript.
+/// The common part of demonstrations of agents: the sandbox, the loop, and the transcript.
 #pragma once
 
 #include <functional>

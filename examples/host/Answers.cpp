@@ -51,7 +51,7 @@ bool isFor(const Config& host, const Request& request) {
            (dst == Pavo::IpGenAddr(host.ip) || dst == Pavo::IpGenAddr(host.ip6));
 }
 
-// What follows the first `hdrBytes` of the first `bytes` bytes of a message.
+// The bytes of a message from `hdrBytes` up to `bytes`.
 std::span<const uint8_t> payloadOf(const Pavo::IpMsg& msg, uint32_t hdrBytes, uint32_t bytes) {
     return {msg.pkt->frontData() + msg.offset + hdrBytes, bytes - hdrBytes};
 }

@@ -1,5 +1,5 @@
 /// @file
-/// What a small host answers to a frame: functions from packet to packet, without endpoints.
+/// The answers of a small host to a frame: functions from packet to packet, without endpoints.
 #pragma once
 
 #include "Mox/Ptr.h"

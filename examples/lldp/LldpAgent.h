@@ -18,7 +18,7 @@ Mox::Ptr<Pavo::EthDevPam> newEndpoint(const Pavo::NamespaceName& netNs, const Mo
 struct AgentConfig {
     /// The source of sent frames.
     Pavo::EthAddr mac = {};
-    /// What the agent says of its system; the time to live is set by the agent.
+    /// The description of the agent's system; the time to live is set by the agent.
     Pdu own = {};
     /// Seconds between frames. They are valid for `txHold` such intervals and a second.
     uint16_t txIntervalSeconds = 30;

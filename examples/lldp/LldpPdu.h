@@ -34,8 +34,8 @@ struct Key {
     friend auto operator<=>(const Key&, const Key&) = default;
 };
 
-/// What a system says of itself. Texts are as they were received, at most 255 bytes; an empty one
-/// is not sent.
+/// The description that a system sends of itself. Texts are as they were received, at most 255
+/// bytes; an empty one is not sent.
 struct Pdu {
     Key key = {};
     /// How long the rest is valid; 0 ends it at once.

@@ -11,9 +11,9 @@
 
 namespace Lldp {
 
-/// What each neighbour last said, until its time to live has passed. An observer is notified of the
-/// key of a neighbour that is new, says something else, or has gone. It may do anything to the
-/// table, and drop the last reference to it.
+/// The last description of each neighbour, until its time to live has passed. An observer is
+/// notified of the key of a neighbour that is new, says something else, or has gone. It may do
+/// anything to the table, and drop the last reference to it.
 class NeighbourTable : public Mox::EntityOf<NeighbourTable> {
   public:
     static constexpr Mox::Attribute<NeighbourTable, Key> neighbourAttr{0, "neighbour"};

@@ -1,5 +1,6 @@
 /// @file
-/// What the sources of the sandbox share: failures as exceptions, and descriptors with an owner.
+/// The common part of the sources of the sandbox: failures as exceptions, and descriptors with an
+/// owner.
 #pragma once
 
 #include <fcntl.h>

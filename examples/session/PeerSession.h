@@ -13,7 +13,7 @@
 
 namespace Session {
 
-/// What all sessions of a speaker share.
+/// The common part of all sessions of a speaker.
 struct SpeakerConfig {
     uint32_t speaker;
     /// When the peer sends nothing for longer, the session ends; keep-alives are sent at a third of

@@ -12,7 +12,7 @@
 
 namespace Guide {
 
-/// What a link does to frames, each drawn by itself. Chances are from 0 to 1.
+/// The faults of a link, each drawn by itself. Chances are from 0 to 1.
 struct LinkFaults {
     double loss = 0;
     /// That a frame arrives a second time, at a time of its own.

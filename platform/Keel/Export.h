@@ -1,5 +1,5 @@
 /// @file
-/// What is visible outside libKeel: everything else is hidden.
+/// The mark of names that are visible outside libKeel: all others are hidden.
 #pragma once
 
 /// Before a class or function: its symbol is visible outside the library.

@@ -68,7 +68,7 @@ class KEEL_EXPORT TimerWheel {
     std::unique_ptr<Wheel> wheel_;
 };
 
-/// What a wheel calls at its expiry.
+/// A receiver that a wheel calls at its expiry.
 class KEEL_EXPORT TimerWheel::Notifiee : private Mox::Due, private InSlot, private InWheel {
   public:
     /// Idle at first.

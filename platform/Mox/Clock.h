@@ -74,7 +74,7 @@ class MOX_EXPORT Clock {
     uint32_t firing_ = 0;  // Calls of `fire` under way.
 };
 
-/// What a clock calls at its expiry.
+/// A receiver that a clock calls at its expiry.
 class MOX_EXPORT Clock::Notifiee : private Due {
   public:
     /// Idle at first.

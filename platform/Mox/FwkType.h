@@ -104,7 +104,7 @@ constexpr uint32_t attributesNamed(const FwkType& type, std::string_view name) {
     return type.baseAttributes == 0 ? count : count + attributesNamed(*type.base, name);
 }
 
-/// What is wrong with the numbers and names that a class adds to those of its bases, or null.
+/// The fault of the numbers and names that a class adds to those of its bases, or null.
 constexpr const char* attributeFault(const FwkType& type) {
     uint32_t next = type.baseAttributes;
     for (const AttributeRecord& each : type.attributes) {

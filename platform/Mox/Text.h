@@ -59,7 +59,7 @@ class TextCursor {
     constexpr const char* end() const { return end_; }
     /// Nothing is left.
     constexpr bool atEnd() const { return at_ == end_; }
-    /// What is left.
+    /// The rest of the text.
     constexpr std::string_view rest() const { return {at_, static_cast<std::size_t>(end_ - at_)}; }
 
     /// The next character, or NUL at the end.
