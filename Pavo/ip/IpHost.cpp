@@ -97,6 +97,13 @@ bool fillChecksum(const Mox::Ptr<Pkt>& pkt, int64_t offset) {
     return true;
 }
 
+// A host without an address sends to all, and to the groups of its link.
+bool isFromNobody(const IpMsg& msg) {
+    const bool mayBe = IpArrival::isBroadcast(msg.dst) ||
+                       (msg.dst.af() == ipv4 && msg.dst.v4Addr().value() >> 8 == 0xe00000);
+    return msg.src.af() == ipv4 && msg.src.address().isZero() && !mayBe;
+}
+
 }  // namespace
 
 IpHost::IpHost(Mox::String name, Mox::Ptr<PamConnectorPam> link, Mox::Clock* clock)
@@ -230,7 +237,8 @@ int IpHost::resolve(PktInfo* info, bool* isHere) const {
         return six ? EINVAL : ENETUNREACH;
     }
     info->srcIpAddr = hasSource ? info->srcIpAddr : sourceFor(*info);
-    if (info->srcIpAddr.address().isZero()) {
+    // Without an address the kernel knows no way, unless the interface is named.
+    if (info->srcIpAddr.address().isZero() && (six || info->ifIndex != ethIfIndex)) {
         return ENETUNREACH;
     }
     *isHere = *isHere || isForThis(*info);
@@ -310,7 +318,7 @@ void IpHost::route(const Mox::Ptr<Pkt>& pkt) {
                             (arrival.msg.dst.isMulticast() && arrival.msg.dst.af() == ipv6 &&
                              arrival.ifIndex == ethIfIndex);
     const bool isMartian = arrival.msg.src.isLoopback() || arrival.msg.dst.isLoopback() ||
-                           IpArrival::isToMany(arrival.msg.src) ||
+                           IpArrival::isToMany(arrival.msg.src) || isFromNobody(arrival.msg) ||
                            (arrival.msg.src.af() == ipv4 && isOwn(arrival.msg.src));
     if ((isFromWire && isMartian) || (!arrival.isToMany() && !isOwn(arrival.msg.dst))) {
         return;

@@ -34,7 +34,9 @@ struct IpArrival;
 ///
 /// An attached endpoint behaves as it does on a socket of a Linux host with the interface "eth0"
 /// (index 2), the loopback interface "lo" (index 1), and a neighbour that answers for every
-/// address. The receiver gets a copy. In particular:
+/// address. There are no subnets, and always room to send; packets are announced one by one, so
+/// that an agent which reads at once gets batches of one. The receiver gets a copy. In particular:
+/// - without an address, IPv4 is sent from 0.0.0.0 where the interface is named;
 /// - a port is taken once, unless all ask for `ipReuseAddr` or `ipReusePort`; 0 takes a free one;
 /// - of several UDP endpoints the one with the most definite addresses receives, a group or
 ///   broadcast reaches all; every raw endpoint of the protocol receives a copy;

@@ -124,7 +124,7 @@ void RawIpPam::packetInfoIs(const RxInfo& info, uint32_t carried) {
 void RawIpPam::countRead(const RxRound& round) {
     faultyControlData_ += round.faulty;
     failedReads_ += round.error != 0 && round.error != EAGAIN ? 1 : 0;
-    Pavo::countRead(this, receiver_.get(), pamSocket(), round);
+    Pavo::countRead(this, receiver_.get(), pamSocket(), round, /*countsEmpty=*/true);
 }
 
 }  // namespace Pavo

@@ -50,10 +50,12 @@ class IpTransport;
 /// Where that fails, the exception names "socketAt", "setsockopt(...)", "bind" (EADDRINUSE: the
 /// port is taken; EINVAL: a link-local address without `device`), "connect" or "getsockname"; it is
 /// EAFNOSUPPORT where no address has a family ("socketAt"), or a client's remote address another
-/// one ("connect"). Of the options, `ipReuseAddr` and `ipReusePort` count when the socket is bound,
-/// and `ipHdrIncl`, `ipRouterAlert` and `ipv6Checksum` change nothing.
+/// one ("connect"). The options `ipReuseAddr` and `ipReusePort` count when this socket is bound,
+/// and when another one is bound to the port later; `ipHdrIncl`, `ipRouterAlert` and `ipv6Checksum`
+/// change nothing. `ipPktInfo` fills `rxInfo().ifIndex` and `.dstIpAddr`; without `ipBroadcast` a
+/// send to a broadcast address fails with EACCES.
 ///
-/// A failed read counts an `rxErrors`, also where there was nothing to read. A missing destination
+/// A failed read counts an `rxErrors`, one that found nothing counts none. A missing destination
 /// of a send is EDESTADDRREQ, an address of the other family EAFNOSUPPORT. A datagram of IPv4
 /// carries up to 65507 bytes. Packets of equal size that are sent together (`txPktsIs`) leave as
 /// segments of one large datagram, which the kernel or the device cuts, where the socket can do so.

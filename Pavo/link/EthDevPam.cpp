@@ -216,11 +216,9 @@ RxSettings EthDevPam::rxSettings() const {
             std::max(rxBufferBytes(), maxRxPktData())};
 }
 
-// A read that finds nothing is not counted.
 RxRound EthDevPam::readOne(Mox::Ptr<Pkt>* pkt, RxInfo* info) {
-    RxRound round = ring_ ? ring_->readOne(&socket(), rxSettings(), pkt, info)
-                          : receiver().readOne(&socket(), rxSettings(), pkt, info);
-    round.wasTried = round.wasTried && round.error != EAGAIN;
+    const RxRound round = ring_ ? ring_->readOne(&socket(), rxSettings(), pkt, info)
+                                : receiver().readOne(&socket(), rxSettings(), pkt, info);
     unread_ -= round.packets;
     return round;
 }
@@ -235,10 +233,7 @@ std::unique_ptr<RxBatch> EthDevPam::readBatch() try {
             batch = nullptr;
         }
     }
-    if (batch) {
-        batch->round.error = batch->round.error == EAGAIN ? 0 : batch->round.error;
-        unread_ -= batch->round.packets;
-    }
+    unread_ -= batch ? batch->round.packets : 0;
     return batch;
 } catch (const std::bad_alloc&) {
     socket().readEnded(PamSocket::ReadEnd::failed);

@@ -151,7 +151,7 @@ bool EthRing::readBatch(PamSocket* socket, const RxSettings& settings,
             batch->infos[slot] = RxInfo();
             pkt = take(settings, before, &batch->infos[slot], &round);
         }
-        batch->pkts[slot] = pkt ? std::move(pkt) : before;
+        batch->pkts[slot] = pkt ? pkt : before;
     }
     return ended(socket, &round);
 }

@@ -20,9 +20,11 @@ namespace Pavo {
 /// A message in a packet. Where the packet has its IP header, `ipMsgAt` reads it; where the kernel
 /// removed it, the metadata of the endpoint has what is needed:
 ///
-///     const RxInfo info = pam->rxInfo();
+///     const RxInfo info = pam->rxInfo();  // With the options `ipPktInfo` and `ipRecvTTL`.
 ///     const IpMsg msg{.pkt = pkt, .bytes = pkt->totalBytes(), .protocol = info.protocol,
 ///                     .src = info.srcIpAddr, .dst = info.dstIpAddr, .ttl = info.ttl};
+///
+/// Without these options `dst` and `ttl` are unknown, and a check says that the sender was wrong.
 ///
 /// `offset + bytes` is at most the size of the packet.
 struct IpMsg {
@@ -80,9 +82,8 @@ struct IpMsg {
 /// - `nonIpHdr`: the version is neither 4 nor 6
 /// - `badIpPayloadLen`, `badIp6PayloadLen`: the lengths do not fit each other or the packet
 /// - `badIpHdrChecksum`: of the IPv4 header
-/// - `ipFragment`: the packet holds a part of the message only, or all of it after a fragment
-/// header
-///   of IPv6, as hosts do not send it any more (RFC 8021)
+/// - `ipFragment`: the packet holds a part of the message only; also a fragment header of IPv6 with
+///   all of the message, which hosts do not send any more (RFC 8021)
 PAVO_EXPORT PktErrors ipMsgAt(const Mox::Ptr<Pkt>& pkt, uint32_t offset, IpMsg& msg);
 
 }  // namespace Pavo

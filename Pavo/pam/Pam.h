@@ -140,7 +140,7 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     /// The `errno` of the last attempt to send, 0 when it succeeded.
     int32_t txErrno() const { return txErrno_; }
     void txErrnoIs(int32_t value) { attributeIs(txErrno_, value, txErrnoAttr); }
-    /// Reads that failed; on raw and UDP endpoints, reads that found nothing count too.
+    /// Reads that failed; on raw IP endpoints, reads that found nothing count too.
     uint32_t rxErrors() const { return rxErrors_; }
     void rxErrorsIs(uint32_t errors) { attributeIs(rxErrors_, errors, rxErrorsAttr); }
     uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }

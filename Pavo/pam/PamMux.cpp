@@ -183,8 +183,8 @@ class PamMuxSm : public ReadinessSm<PamMuxSm, Pam> {
 
 PamMux::PamMux(Mox::String name, Mox::Ptr<Pam> lower, Mox::Clock* clock, CaptureLinkType linkType)
     : name_(std::move(name)),
-      lower_(std::move(lower)),
-      clock_(clock),
+      lower_((Mox::require(lower != nullptr, "lower != nullptr"), std::move(lower))),
+      clock_((Mox::require(clock != nullptr, "clock != nullptr"), clock)),
       linkType_(linkType),
       index_(std::make_unique<PamMuxIndex>()),
       turn_(clock, [this] { handleNextTurn(); }) {}

@@ -167,7 +167,9 @@ class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
     }
 
     /// Disabled, without clients. `clock` is that of the event loop, or of a test, and outlives the
-    /// multiplexer.
+    /// multiplexer. Nobody else reads `lower`, nor does another multiplexer: each packet goes to
+    /// the first that reads it.
+    /// @pre both are there (assertions "lower != nullptr", "clock != nullptr").
     PamMux(Mox::String name, Mox::Ptr<Pam> lower, Mox::Clock* clock, CaptureLinkType linkType);
 
     Mox::String name() const override { return name_; }

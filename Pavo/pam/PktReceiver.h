@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -147,14 +148,15 @@ struct RxBatch {
 };
 
 /// Counts a read on the endpoint that made it: packets, or its failure with the errors of the
-/// queue.
+/// queue. `countsEmpty`: a read that found nothing has failed.
 template <class Endpoint>
-void countRead(Endpoint* pam, PktReceiver* receiver, const PamSocket& socket,
-               const RxRound& round) {
+void countRead(Endpoint* pam, PktReceiver* receiver, const PamSocket& socket, const RxRound& round,
+               bool countsEmpty) {
     if (round.error != 0) {
         receiver->traceFailure(round.error);
+        const uint32_t failed = round.error != EAGAIN || countsEmpty ? 1 : 0;
         const bool drains = (pam->options() & ipRecvErr) != 0;
-        pam->rxErrorsInc(1 + (drains ? receiver->drainErrorQueue(socket) : 0));
+        pam->rxErrorsInc(failed + (drains ? receiver->drainErrorQueue(socket) : 0));
         return;
     }
     FirstException exception;

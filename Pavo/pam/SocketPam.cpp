@@ -66,8 +66,12 @@ void SocketPam::readSingle() {
     const RxRound round = socketSteps_.readOne(this, &pkt, rxInfoToFill());
     rxPktFilledIs(std::move(pkt));  // First: an observer of what is counted may read it.
     if (round.wasTried) {
-        countRead(this, receiver_.get(), socket(), round);
+        count(round);
     }
+}
+
+void SocketPam::count(const RxRound& round) {
+    countRead(this, receiver_.get(), socket(), round, /*countsEmpty=*/false);
 }
 
 int32_t SocketPam::readBulk() {
@@ -82,10 +86,8 @@ int32_t SocketPam::readBulk() {
     const RxRound round = batch->round;
     FirstException exception;
     int32_t packets = 0;
-    exception.collect([&] {
-        packets = slotsPublish(&batch->pkts, batch->read(),
-                               [&] { countRead(this, receiver_.get(), socket(), round); });
-    });
+    exception.collect(
+        [&] { packets = slotsPublish(&batch->pkts, batch->read(), [&] { count(round); }); });
     receiver_->batchIs(std::move(batch));
     exception.rethrow();
     return packets;

@@ -97,6 +97,7 @@ class PAVO_EXPORT SocketPam : public Mox::EntityOf<SocketPam, FdPam> {
 
   private:
     void readSingle();
+    void count(const RxRound& round);
     int32_t readBulk();
 
     const SocketSteps socketSteps_;
