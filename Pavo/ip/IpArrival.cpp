@@ -13,7 +13,6 @@ bool IpArrival::isBroadcast(const IpGenAddr& address) {
     return address == IpGenAddr(IpAddr(0xffffffff));
 }
 
-// A datagram whose UDP header is wrong has no receiver.
 bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
     pkt->linearize();
     IpMsg& msg = arrival->msg;
@@ -26,18 +25,21 @@ bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
             : static_cast<uint8_t>(
                   reinterpret_cast<const Ip6Hdr*>(pkt->frontData())->trafficClass().value());
     arrival->ifIndex = pkt->hasSeparateVlanTag() ? pkt->separateVlanTci() : IpHost::ethIfIndex;
-    if (msg.protocol != IpProtocolNumber::udp) {
-        return true;
-    }
+    arrival->readUdp();
+    return true;
+}
+
+void IpArrival::readUdp() {
     const auto udp = msg.hdr<UdpHdr>();
-    if (!udp) {
-        return false;
+    if (!udp || msg.protocol != IpProtocolNumber::udp) {
+        return;
     }
-    msg.bytes = udp->udpLen();
-    arrival->srcPort = udp->srcPort();
-    arrival->dstPort = udp->dstPort();
+    srcPort = udp->srcPort();
+    dstPort = udp->dstPort();
     const bool hasNone = msg.src.af() == ipv4 && udp->checksum() == IpChecksum();  // RFC 8200, 8.1.
-    return hasNone || msg.checksum(msg.bytes, msg.pseudoHdrSum(msg.bytes)) == IpChecksum();
+    const uint16_t bytes = udp->udpLen();
+    const bool isRight = msg.checksum(bytes, msg.pseudoHdrSum(bytes)) == IpChecksum();
+    udpBytes = hasNone || isRight ? bytes : 0;
 }
 
 // The IP header comes back with the ports that follow it.
@@ -51,17 +53,23 @@ bool IpArrival::readUnreachable(PktInfo* sent) const {
         std::memcmp(msg.pkt->frontData() + msg.offset, six ? port6 : port4, 2) != 0) {
         return false;
     }
+    if (msg.checksum(msg.bytes, six ? msg.pseudoHdrSum(msg.bytes) : 0) != IpChecksum()) {
+        return false;
+    }
     const uint8_t* const begin = msg.pkt->frontData() + msg.offset + icmpBytes;
+    IpProtocolNumber protocol = IpProtocolNumber::udp;
     uint32_t hdrBytes = sizeof(Ip6Hdr);
     if (six) {
+        protocol = reinterpret_cast<const Ip6Hdr*>(begin)->protocolNum();
         sent->srcIpAddr = reinterpret_cast<const Ip6Hdr*>(begin)->src();
         sent->dstIpAddr = reinterpret_cast<const Ip6Hdr*>(begin)->dst();
     } else {
+        protocol = reinterpret_cast<const IpHdr*>(begin)->protocolNum();
         sent->srcIpAddr = reinterpret_cast<const IpHdr*>(begin)->src();
         sent->dstIpAddr = reinterpret_cast<const IpHdr*>(begin)->dst();
         hdrBytes = reinterpret_cast<const IpHdr*>(begin)->headerBytes();
     }
-    if (msg.bytes < icmpBytes + hdrBytes + sizeof(UdpHdr)) {
+    if (protocol != IpProtocolNumber::udp || msg.bytes < icmpBytes + hdrBytes + sizeof(UdpHdr)) {
         return false;
     }
     const auto& udp = *reinterpret_cast<const UdpHdr*>(begin + hdrBytes);

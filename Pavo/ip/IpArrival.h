@@ -22,6 +22,8 @@ struct IpArrival {
     uint8_t tos = 0;
     Port srcPort;
     Port dstPort;
+    /// The length of a datagram, with its header; 0 where header or checksum are wrong.
+    uint32_t udpBytes = 0;
 
     /// Reads the headers; false for a packet that no host takes.
     static bool read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival);
@@ -35,6 +37,9 @@ struct IpArrival {
         return address.isMulticast() || isBroadcast(address);
     }
     static bool isBroadcast(const IpGenAddr& address);
+
+  private:
+    void readUdp();
 };
 
 }  // namespace Pavo

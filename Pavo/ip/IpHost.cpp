@@ -288,6 +288,7 @@ void IpHost::transmit(const Mox::Ptr<Pkt>& pkt, const PktInfo& info, bool leaves
     if (comesBack) {
         // An IP packet has no VLAN tag: that of the copy says on which interface it comes back.
         const Mox::Ptr<Pkt> copy = globalPktManager()->newShallowCopy(pkt);
+        leaves ? copy->unshare() : void();
         const uint32_t ifIndex = info.ifIndex != 0             ? info.ifIndex
                                  : info.dstIpAddr.isLoopback() ? loIfIndex
                                                                : ethIfIndex;
@@ -327,7 +328,7 @@ void IpHost::route(const Mox::Ptr<Pkt>& pkt) {
         each->isReceiver = !each->isUdp() && each->fit(arrival) != 0 &&
                            (!isGroup || each->wantsFromGroup(arrival)) && each->passes(arrival);
     }
-    if (arrival.msg.protocol == IpProtocolNumber::udp) {
+    if (arrival.udpBytes != 0) {
         routeUdp(arrival);
     } else {
         takeUnreachable(arrival);

@@ -47,9 +47,11 @@ struct IpArrival;
 /// - `rxMinTtl`, `maxRxPktData`, and the options that fill in `rxInfo`, have their effect;
 /// - so has `rxFilter`, which takes or refuses a packet and does not shorten it, and which refuses
 ///   each packet in which it looks for more than bytes (SKF_AD_OFF and SKF_NET_OFF in
-///   linux/filter.h); it is checked when the endpoint is enabled only.
+///   linux/filter.h). A bad program is refused at enabling; one that is switched on later is
+///   ignored.
 ///
-/// Some things have no effect: `netNs`, `priority`, `rxBuf`, `txFlags` and `rxFlags`, the error
+/// Some things have no effect: limits of memberships, mapped addresses of IPv4 in IPv6, `netNs`,
+/// `priority`, `rxBuf`, `txFlags` and `rxFlags`, the error
 /// queue (`ipRecvErr`), fragments. An endpoint holds 1024 packets; further ones are dropped and
 /// counted as the kernel's drops are (`ipRecvDrops`).
 ///

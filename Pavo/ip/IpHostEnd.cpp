@@ -1,10 +1,7 @@
-#include <sys/types.h>  // First: pcap/bpf.h needs its types.
-
-#include <pcap/bpf.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -65,8 +62,10 @@ int IpHostEnd::send(const Pkt& pkt, const TxInfo& info, const Mox::String& ifNam
         return std::exchange(error_, 0);
     }
     TxInfo whole = info;
-    if (info.ifIndex == 0) {
-        whole.ifIndex = ifName.empty() ? device_ : host_->interfaceIndex(ifName);
+    if (info.ifIndex == 0 && !ifName.empty()) {
+        whole.ifIndex = host_->interfaceIndex(ifName);
+    } else if (info.ifIndex == 0) {
+        whole.ifIndex = device_ != 0 ? device_ : info.dstIpAddr.isMulticast() ? groupIfIndex() : 0;
     }
     const bool isNamed = info.ifIndex != 0 || !ifName.empty();
     if (whole.ifIndex > IpHost::ethIfIndex || (isNamed && whole.ifIndex == 0)) {
@@ -77,6 +76,8 @@ int IpHostEnd::send(const Pkt& pkt, const TxInfo& info, const Mox::String& ifNam
     }
     if (peer_.address().af() != ipunknown) {
         whole.dstIpAddr = peer_.address();
+    } else if (isUdp_ && info.dstPort == Port()) {
+        return EINVAL;
     }
     // The attribute may be newer than the address that is bound.
     whole.srcIpAddr = txSource();
@@ -92,6 +93,13 @@ RxRound IpHostEnd::readOne(PamSocket* socket, const RxSettings& settings, Mox::P
     if (!client_ || host_ == nullptr) {
         return round;
     }
+    Mox::Ptr<Pkt> room;
+    try {
+        room = pktToReadInto(settings, nullptr, settings.maxBytes);
+    } catch (const std::bad_alloc&) {
+        socket->readEnded(PamSocket::ReadEnd::failed);
+        return round;
+    }
     round.wasTried = true;
     round.error = std::exchange(error_, 0);
     Mox::Ptr<Pkt> arrived;
@@ -104,7 +112,8 @@ RxRound IpHostEnd::readOne(PamSocket* socket, const RxSettings& settings, Mox::P
     if (arrived && IpArrival::read(arrived, &arrival)) {
         round.packets = 1;
         round.carried = describe(arrival, settings, info);
-        *pkt = pktOf(arrival, settings, info);
+        fill(room.ptr(), arrival, settings, info);
+        *pkt = std::move(room);
         round.truncated = info->truncated ? 1 : 0;
     }
     if ((settings.options & ipRecvDrops) != 0) {
@@ -114,22 +123,21 @@ RxRound IpHostEnd::readOne(PamSocket* socket, const RxSettings& settings, Mox::P
     return round;
 }
 
-// A packet of its own for the reader, cut to the room that there is.
-Mox::Ptr<Pkt> IpHostEnd::pktOf(const IpArrival& arrival, const RxSettings& settings, RxInfo* info) {
+// Copies what the reader gets of a packet into `pkt`, cut to the room that there is.
+void IpHostEnd::fill(Pkt* pkt, const IpArrival& arrival, const RxSettings& settings, RxInfo* info) {
     const IpMsg& msg = arrival.msg;
     const uint32_t begin = info->isUdpHdrWithKernel
                                ? msg.offset + static_cast<uint32_t>(sizeof(UdpHdr))
                            : info->isIpHdrWithKernel ? msg.offset
                                                      : 0;
-    const auto bytes = msg.pkt->span().subspan(begin, msg.offset + msg.bytes - begin);
+    const uint32_t msgBytes = info->isUdpHdrWithKernel ? arrival.udpBytes : msg.bytes;
+    const auto bytes = msg.pkt->span().subspan(begin, msg.offset + msgBytes - begin);
     const auto room = static_cast<uint32_t>(std::min<std::size_t>(settings.maxBytes, bytes.size()));
     info->truncated = room < bytes.size();
-    Mox::Ptr<Pkt> pkt = pktToReadInto(settings, nullptr, settings.maxBytes);
     if (room != 0) {
         std::memcpy(pkt->frontData(), bytes.data(), room);
     }
     pkt->delSharedTailData(settings.maxBytes - room);
-    return pkt;
 }
 
 // Returns the bits of the options whose messages the packet carries.
@@ -255,29 +263,33 @@ bool isValid(const std::vector<bpf_insn>& program) {
 
 }  // namespace
 
-void IpHostEnd::requireFilter(const Mox::Array<IpFilter>& filter) const {
-    if ((options() & ipAttachFilter) == 0) {
+void IpHostEnd::attachFilter(const Mox::Array<IpFilter>& filter) {
+    hasProgram_ = (options() & ipAttachFilter) != 0;
+    program_ = hasProgram_ ? programOf(filter) : std::vector<bpf_insn>();
+    if (!hasProgram_) {
         return;
     }
     if (filter.members() == 0) {
         throw Mox::ErrnoException(EINVAL, noFilterText);
     }
-    if (!isValid(programOf(filter))) {
+    if (!isValid(program_)) {
         throw Mox::ErrnoException(EINVAL, "setsockopt(SO_ATTACH_FILTER)");
     }
 }
 
-// The attributes may have changed since the end was opened.
+// A program is attached when the option is switched on, and stays as it was then. A bad one is not.
 bool IpHostEnd::passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival& arrival,
                              uint32_t offset) {
-    if ((options() & ipAttachFilter) == 0 || filter.members() == 0) {
+    const bool isOn = (options() & ipAttachFilter) != 0;
+    if (std::exchange(hasProgram_, isOn) != isOn) {
+        program_ = isOn ? programOf(filter) : std::vector<bpf_insn>();
+    }
+    if (!isOn || !isValid(program_)) {
         return true;
     }
-    const std::vector<bpf_insn> program = programOf(filter);
     const auto bytes = arrival.msg.pkt->span().subspan(offset);
     const auto length = static_cast<u_int>(bytes.size());
-    const bool passes =
-        isValid(program) && bpf_filter(program.data(), bytes.data(), length, length) != 0;
+    const bool passes = bpf_filter(program_.data(), bytes.data(), length, length) != 0;
     drops_ += passes ? 0 : 1;
     return passes;
 }
@@ -288,7 +300,7 @@ UdpHostEnd::UdpHostEnd(IpHost* host, UdpPam* pam)
 
 Port UdpHostEnd::open(AddressFamily family, PamSocket* socket) {
     IpHost& host = requireHost("socketAt");
-    requireFilter(pam().rxFilter());
+    attachFilter(pam().rxFilter());
     device_ = host.interfaceIndex(pam().device());
     if (device_ == 0 && !pam().device().empty()) {
         throw Mox::ErrnoException(ENODEV, "setsockopt(SO_BINDTODEVICE)");
@@ -377,7 +389,7 @@ RawHostEnd::RawHostEnd(IpHost* host, RawIpPam* pam)
 
 Port RawHostEnd::open(AddressFamily family, PamSocket* socket) {
     (void)requireHost("socketAt");
-    requireFilter(pam().rxFilter());
+    attachFilter(pam().rxFilter());
     family_ = family;
     start(socket);
     return Port();

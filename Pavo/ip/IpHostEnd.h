@@ -2,6 +2,10 @@
 /// The endpoints of a host inside the process. For `IpHost` itself; an agent does not need it.
 #pragma once
 
+#include <sys/types.h>  // First: pcap/bpf.h needs its types.
+
+#include <pcap/bpf.h>
+
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -45,6 +49,8 @@ class IpHostEnd : public IpTransport {
     const IpGenAddrAndPort& peer() const { return peer_; }
     uint32_t device() const { return device_; }
     uint32_t options() const { return options_(*pam_); }
+    /// The interface of packets to groups that name none; 0 for any.
+    virtual uint32_t groupIfIndex() const { return 0; }
     /// Where a message has a checksum that the kernel fills in and verifies; -1 for none.
     virtual int32_t checksumOffset() const { return -1; }
 
@@ -64,7 +70,7 @@ class IpHostEnd : public IpTransport {
     IpHost& requireHost(const char* failure) const;
     void start(PamSocket* socket);
     /// @throws Mox::ErrnoException as `attachSocketFilter`, where `ipAttachFilter` is on.
-    void requireFilter(const Mox::Array<IpFilter>& filter) const;
+    void attachFilter(const Mox::Array<IpFilter>& filter);
     bool passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival& arrival,
                       uint32_t offset);
 
@@ -88,7 +94,7 @@ class IpHostEnd : public IpTransport {
         friend bool operator==(const Membership&, const Membership&) = default;
     };
 
-    Mox::Ptr<Pkt> pktOf(const IpArrival& arrival, const RxSettings& settings, RxInfo* info);
+    static void fill(Pkt* pkt, const IpArrival& arrival, const RxSettings& settings, RxInfo* info);
     uint32_t describe(const IpArrival& arrival, const RxSettings& settings, RxInfo* info) const;
     int membershipError(const Membership& wanted, bool member) const;
     void sourceIsNamed(const Membership& wanted);
@@ -96,7 +102,9 @@ class IpHostEnd : public IpTransport {
     int error_ = 0;
     uint32_t reportedDrops_ = 0;  // As the last read that reported them counted.
     std::vector<Membership> memberships_;
-    Mox::Ptr<PamMuxPam> client_;  // While open.
+    bool hasProgram_ = false;
+    std::vector<bpf_insn> program_;  // The filter, while `ipAttachFilter` is on.
+    Mox::Ptr<PamMuxPam> client_;     // While open.
 };
 
 /// The ends of UDP endpoints, and of raw ones.
@@ -108,6 +116,7 @@ class UdpHostEnd final : public IpHostEnd {
     Port open(AddressFamily family, PamSocket* socket) override;
     const IpGenAddr& txSource() const override { return pam().txSrcIpAddr(); }
     uint32_t fit(const IpArrival& arrival) const override;
+    uint32_t groupIfIndex() const override { return pam().txMcastIfIndex(); }
     bool wantsFromGroup(const IpArrival& arrival) const override { return isMemberFor(arrival); }
     bool passes(const IpArrival& arrival) override;
 

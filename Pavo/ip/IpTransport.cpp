@@ -1,5 +1,7 @@
 #include "Pavo/ip/IpTransport.h"
 
+#include <new>
+
 namespace Pavo {
 
 TxResult IpTransport::sendEach(std::span<const Mox::Ptr<Pkt>> pkts, const TxInfo& info,
@@ -16,11 +18,15 @@ TxResult IpTransport::sendEach(std::span<const Mox::Ptr<Pkt>> pkts, const TxInfo
 
 std::unique_ptr<RxBatch> IpTransport::readBatch(PamSocket* socket, const RxSettings& settings,
                                                 const RxInfo& first, uint32_t count) {
-    if (count == 0) {
+    std::unique_ptr<RxBatch> batch;
+    try {
+        batch = count != 0 ? std::make_unique<RxBatch>(count) : nullptr;
+    } catch (const std::bad_alloc&) {
+    }
+    if (!batch) {
         socket->readEnded(PamSocket::ReadEnd::failed);
         return nullptr;
     }
-    auto batch = std::make_unique<RxBatch>(count);
     RxRound& all = batch->round;
     all.wasTried = true;
     while (all.packets < count) {

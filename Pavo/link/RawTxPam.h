@@ -23,12 +23,13 @@ namespace Pavo {
 /// CAP_NET_RAW. Where it fails, the exception names "socketAt" or
 /// "setsockopt(PACKET_QDISC_BYPASS)". Disabling passes the descriptor to `deferClose`.
 ///
-/// Why a send fails: ENXIO for an unknown interface, ENETDOWN for one that
-/// is down, EMSGSIZE for a frame longer than its MTU and the header (with a tag of TPID 0x8100, 4
-/// bytes more are allowed), EINVAL for one of fewer than 14 bytes. A separate VLAN tag is sent in
-/// its place in the frame. EAGAIN, a full send buffer, and ENOBUFS, a full queue of the interface,
-/// are announced by `writableCount` when there is room; the kernel does not report room in the
-/// queue of an interface, so after ENOBUFS this is in the next turn of the loop.
+/// Why a send fails: ENXIO for an unknown interface, ENETDOWN for one that is down, EMSGSIZE for a
+/// frame longer than its MTU and the header (with a tag of TPID 0x8100, 4 bytes more are allowed),
+/// EINVAL for one of fewer than 14 bytes. A separate VLAN tag is sent in its place in the frame.
+/// EAGAIN, a full send buffer, and ENOBUFS, a full queue of the interface, are announced by
+/// `writableCount` when there is room; the kernel does not report room in the queue of an
+/// interface, so after ENOBUFS this is in the next turn of the loop. A frame that the device itself
+/// drops, such as a tap that nobody reads, counts as sent; with `bypassesQdisc` it is ENOBUFS.
 class PAVO_EXPORT RawTxPam : public Mox::EntityOf<RawTxPam, FdPam> {
   public:
     static constexpr Mox::Attribute<RawTxPam> netNsAttr{13, "netNs"};

@@ -99,8 +99,8 @@ void TapPamBase::open() {
 void TapPamBase::close() {
     ifName_ = Mox::String();
     FirstException exception;
-    exception.collect([this] { socket().close(); });
     exception.collect([this] { handleTapGone(); });
+    exception.collect([this] { socket().close(); });
     exception.rethrow();
 }
 

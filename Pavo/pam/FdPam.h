@@ -48,7 +48,8 @@ class PAVO_EXPORT FdPam : public Mox::EntityOf<FdPam, Pam> {
     /// @pre to enable: an event loop on this thread (assertion "EventLoop::current(): enabling
     /// needs an event loop on this thread").
     /// @throws Mox::ErrnoException naming the call that failed: one of those that the class of the
-    /// endpoint lists, "fcntl(F_SETFL)" or "epoll_ctl"; the endpoint is then disabled.
+    /// endpoint lists, "fcntl(F_GETFL)", "fcntl(F_SETFL)" or "epoll_ctl"; the endpoint is then
+    /// disabled.
     void enabledIs(bool enabled);
 
     /// Packets sent.

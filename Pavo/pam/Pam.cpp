@@ -69,6 +69,9 @@ uint32_t Pam::writableCountInc(uint32_t delta) {
 Mox::Ptr<Pkt> Pam::rxPkt() const {
     const Mox::Ptr<Pam> self(const_cast<Pam*>(this));
     self->doGetRxPkt();
+    if (!rxPkt_) {
+        self->rxPktIs(nullptr);  // An observer may have read it.
+    }
     if (tap_ && rxPkt_) {
         tap_->handleRxPkt(*this, *rxPkt_, rxInfo_);
     }

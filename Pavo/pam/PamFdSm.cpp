@@ -41,8 +41,15 @@ void PamFdSm::moxDoZombieReactors(bool zombie) {
     }
 }
 
+// Where an observer throws, those after it are not notified: another report reaches them.
 void PamFdSm::handleReadable() {
-    pam_->readableCountInc(1);
+    const Mox::Ptr<Mox::FileDescriptor> fd(notifier());
+    try {
+        pam_->readableCountInc(1);
+    } catch (...) {
+        fd->readTried(true);
+        throw;
+    }
 }
 
 void PamFdSm::handleWritable() {

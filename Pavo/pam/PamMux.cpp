@@ -299,11 +299,12 @@ void PamMux::leave(const Mox::Ptr<PamMuxPam>& client) {
 }
 
 void PamMux::updateIndex() {
-    if (std::exchange(isIndexStale_, false)) {
+    if (isIndexStale_) {
         std::sort(inOrder_.begin(), inOrder_.end(), [](const auto& a, const auto& b) {
             return std::tie(a->place_, a->addedAs_) < std::tie(b->place_, b->addedAs_);
         });
         index_->clientsAre(inOrder_);
+        isIndexStale_ = false;
     }
 }
 
@@ -330,11 +331,13 @@ void PamMux::readLower(FirstException* exception) {
     }
     if (std::exchange(isReading_, true)) {  // The packets of the read under way are taken first.
         readsNextTurn_ = true;
-        wakeNextTurn();
         return;
     }
-    readOnce(exception);
+    exception->collect([&] { readOnce(exception); });
     isReading_ = false;
+    if (readsNextTurn_) {
+        wakeNextTurn();
+    }
     if (isIndexStale_) {
         index_->clientsDel();  // It may hold one that a match function took out.
     }
@@ -359,7 +362,8 @@ void PamMux::readBatch(FirstException* exception) {
     exception->collect([&] { packets = lower_->rxPktBulk(); });
     updateIndex();
     for (uint32_t slot = 0; enabled_ && slot < packets && lower_->savedPacketRx(slot); ++slot) {
-        distribute(lower_->savedPacket(slot), lower_->rxInfo(slot), exception);
+        exception->collect(
+            [&] { distribute(lower_->savedPacket(slot), lower_->rxInfo(slot), exception); });
     }
 }
 
@@ -403,7 +407,7 @@ void PamMux::handleNextTurn() {
     const Mox::Ptr<PamMux> hold(this);
     FirstException exception;
     ++turnNumber_;
-    if (std::exchange(readsNextTurn_, false)) {
+    if (!isReading_ && std::exchange(readsNextTurn_, false)) {
         exception.collect([this] { handleReadable(); });
     }
     while (!nextTurn_.empty() && nextTurn_.front()->listedIn_ != turnNumber_) {

@@ -153,8 +153,9 @@ class PAVO_EXPORT PamMuxPam : public Mox::EntityOf<PamMuxPam, Pam> {
 ///
 /// The multiplexer holds the endpoint below and the clients; clients do not hold it. While it is
 /// notified, an observer of any of them may read and send, add and take out clients, disable the
-/// multiplexer, and drop the last reference to it. Where an observer throws, all others are still
-/// notified; then the first exception leaves the call. One thread uses a multiplexer and its clock.
+/// multiplexer, and drop the last reference to it. Where an observer of multiplexer or client
+/// throws, all others are still notified; then the first exception leaves the call. One thread uses
+/// a multiplexer and its clock.
 class PAVO_EXPORT PamMux : public Mox::EntityOf<PamMux> {
   public:
     static constexpr Mox::Attribute<PamMux> enabledAttr{0, "enabled"};

@@ -23,9 +23,19 @@ class PamClientSm : public ReadinessSm<PamClientSm, Pam> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::PamClientSm"); }
 
-    PamClientSm(const Mox::Ptr<Pam>& client, Pam* pam) : ReadinessSm(client), pam_(pam) {}
+    PamClientSm(const Mox::Ptr<PamMuxPam>& client, Pam* pam)
+        : ReadinessSm(Mox::Ptr<Pam>(client)), pam_(pam) {}
 
-    void handleReadable() { pam_->readableCountInc(1); }
+    void handleReadable() {
+        const Mox::Ptr<PamMuxPam> client(static_cast<PamMuxPam*>(notifier()));
+        try {
+            pam_->readableCountInc(1);
+        } catch (...) {
+            client->readTried(false);
+            client->readableIs();
+            throw;
+        }
+    }
     void handleWritable() { pam_->writableCountInc(1); }
     void moxDoZombieReactors(bool zombie) {
         if (zombie) {

@@ -75,7 +75,7 @@ void Courier::takeFrame() {
     }
 }
 
-void Courier::takeMessage(uint32_t number, std::string message) {
+void Courier::takeMessage(uint32_t number, const std::string& message) {
     // How far ahead, also where the numbers wrap (RFC 1982). The other one sends none ahead.
     if (static_cast<int32_t>(number - expected_) > 0) {
         return;

@@ -91,7 +91,7 @@ class Courier {
 
   private:
     void takeFrame();
-    void takeMessage(uint32_t number, std::string message);
+    void takeMessage(uint32_t number, const std::string& message);
     void takeReceipt(uint32_t number);
     void sendFirst();
     void handleTimeout();

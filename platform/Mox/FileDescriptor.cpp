@@ -184,8 +184,13 @@ void FileDescriptor::report(const Report& due) {
     notifyOfChanges(before);
 }
 
-Ptr<FileDescriptor> fileDescriptorFactory(int descriptor, FileDescriptor::Ownership ownership) {
+Ptr<FileDescriptor> fileDescriptorFactory(int descriptor, FileDescriptor::Ownership ownership) try {
     return make<FileDescriptor>(descriptor, ownership);
+} catch (const std::bad_alloc&) {
+    if (ownership == FileDescriptor::Ownership::owned) {
+        (void)::close(descriptor);  // Nobody else knows of it.
+    }
+    throw;
 }
 
 }  // namespace Mox
