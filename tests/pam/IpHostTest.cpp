@@ -251,8 +251,8 @@ class TwinWorld {
         return bytes + " " +
                textOf(info.srcIpAddr, info.dstIpAddr, info.origDstIpAddr, ifIndex, info.tos,
                       info.ttl) +
-               (isUdp ? " " + std::to_string(info.dstPort.value()) : "") +
-               (info.truncated ? " truncated" : "");
+               (isUdp ? " " + std::to_string(info.dstPort.value()) : "") + " " +
+               std::to_string(info.origDstPort.value()) + (info.truncated ? " truncated" : "");
     }
     // A failed read, such as of an error, does not end it.
     static void read(Endpoint& pam, uint32_t eth, Texts* texts) {

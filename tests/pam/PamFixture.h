@@ -13,7 +13,9 @@
 
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Pavo/FdPam.h"
 #include "Pavo/RawIpPam.h"
+#include "Pavo/deferClose.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
@@ -67,6 +69,31 @@ inline std::string errorOf(const std::function<void()>& call) {
 inline std::string errorOfFailing(unsigned n, int error, const std::function<void()>& call) {
     const PavoTest::FailSyscall fail(n, error, "setsockopt");
     return errorOf(call);
+}
+
+// Enabling it fails, and opens nothing.
+inline void expectRefuses(const Mox::Ptr<FdPam>& pam, const char* call, int error) {
+    EXPECT_EQ(errorOf([&] { pam->enabledIs(true); }), thrown(call, error));
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(pam->fileDesc(), nullptr);
+}
+
+// Each call of enabling fails in turn: the error names it, and nothing stays open. Those that look
+// for a namespace have the text of `openers`. In the end the endpoint is enabled.
+inline unsigned enableWhole(const Mox::Ptr<FdPam>& pam, const std::string& openers) {
+    (void)deferClose(dup(0));  // Starts its thread.
+    deferCloseWait();
+    const auto before = PavoTest::openDescriptors();
+    return PavoTest::failEachSyscall(
+        EPERM, [&] { return errorOf([&] { pam->enabledIs(true); }); },
+        [&](const auto& fail, const std::string& error, int) {
+            const bool isNamed = error.find(fail.name()) != std::string::npos;
+            EXPECT_TRUE(isNamed || openers.find(error.substr(0, 6)) != std::string::npos) << error;
+            EXPECT_FALSE(pam->enabled());
+            deferCloseWait();
+            EXPECT_EQ(PavoTest::openDescriptors(), before);
+        },
+        "!setns");  // Whose failure on the way back ends the process.
 }
 
 template <class Endpoint>

@@ -1,7 +1,6 @@
 // UDP endpoints: each test runs for IPv4 and for IPv6.
 #include "Pavo/UdpPam.h"
 
-#include <linux/filter.h>
 #include <netinet/in.h>
 
 #include <cerrno>
@@ -23,8 +22,6 @@ class UdpPamTest : public PamFixture, public testing::WithParamInterface<Address
         return isV6() ? six : four;
     }
     static IpGenAddr loopback() { return addr(pick("127.0.0.1", "::1")); }
-    static IpGenAddr leftAddr() { return addr(pick("192.0.2.1", "2001:db8::1")); }
-    static IpGenAddr rightAddr() { return addr(pick("192.0.2.2", "2001:db8::2")); }
 
     static Mox::Ptr<UdpPam> newServer(const IpGenAddr& address, const char* netNs = "",
                                       uint32_t options = none) {
@@ -66,7 +63,7 @@ class UdpPamTest : public PamFixture, public testing::WithParamInterface<Address
 INSTANTIATE_TEST_SUITE_P(Family, UdpPamTest, testing::Values(ipv4, ipv6),
                          [](const auto& test) { return test.param == ipv4 ? "ipv4" : "ipv6"; });
 
-TEST_P(UdpPamTest, DatagramsOfEverySizeArriveAndAreAnswered) {
+TEST_P(UdpPamTest, DatagramsOfEverySizeArrive) {
     const uint32_t largest = pick(65507u, 65527u);
     const auto server = openServer(loopback());
     const auto client = openClient(endOf(loopback(), server));
@@ -86,62 +83,20 @@ TEST_P(UdpPamTest, DatagramsOfEverySizeArriveAndAreAnswered) {
     expectPasses(largest, largest);
     client->txPktIs(pktOf(std::string(largest + 1, 'x')));
     EXPECT_EQ(client->txErrno(), EMSGSIZE);
-
-    EXPECT_EQ(server->rxInfo().source(), endOf(loopback(), client));
-    EXPECT_EQ(server->rxInfo().dstPort, server->boundPort());
-    sendTo(server, server->rxInfo().source(), "answer");
-    EXPECT_EQ(textFrom(client), "answer");
-    EXPECT_EQ(client->txPktCount(), 5u);
-    EXPECT_EQ(server->rxPktCount(), 5u);
 }
 
-TEST_P(UdpPamTest, ReportsTheMetadataOfEachPacketOverAWire) {
+TEST_P(UdpPamTest, KnowsTheTimeOfEachPacketAndTheInterfaceOfLinkLocalAddresses) {
     const Wire wire;
-    const auto left = openServer(leftAddr(), "left");
-    const auto right = openServer(IpGenAddr(GetParam()), "right", allMetadata);
-    left->txTosIs(0xb9);
-    left->txTtlIs(77);
+    const auto right = openServer(IpGenAddr(GetParam()), "right", ipRecvTimestamp);
+    const auto left = newServer(addr(pick("192.0.2.1", "fe80::1")), "left");
+    left->deviceIs("veth-left");  // The kernel needs it to bind.
+    left->enabledIs(true);
     const int64_t before = int64_t{std::time(nullptr)} * 1'000'000'000;
-    sendTo(left, endOf(rightAddr(), right), "hello");
-    EXPECT_EQ(textFrom(right), "hello");
-    const RxInfo& info = right->rxInfo();
-    EXPECT_EQ(textOf(info),
-              textOf(leftAddr(), rightAddr(), rightAddr(), wire.index("right"), 0xb9, 77));
-    EXPECT_EQ(info.origDstPort, right->boundPort());
-    EXPECT_GE(info.timestampNs, before);
-    EXPECT_LT(info.timestampNs, before + int64_t{60} * 1'000'000'000);
-
-    // Between link-local addresses of one device; the kernel needs it to bind.
-    const auto local = newServer(addr(pick("192.0.2.1", "fe80::1")), "left");
-    local->deviceIs("veth-left");
-    local->enabledIs(true);
-    sendTo(local, endOf(addr(pick("192.0.2.2", "fe80::2")), right), "near");
+    sendTo(left, endOf(addr(pick("192.0.2.2", "fe80::2")), right), "near");
     EXPECT_EQ(textFrom(right), "near");
-    EXPECT_EQ(info.source(), endOf(local->localAddr(), local));
-}
-
-TEST_P(UdpPamTest, AClientReceivesFromItsPeerOnlyAndCountsWhatIcmpReports) {
-    auto server = openServer(loopback());
-    const auto stranger = openServer(loopback());
-    const auto client = openClient(endOf(loopback(), server));
-    sendTo(stranger, endOf(loopback(), client), "stray");
-    sendTo(server, endOf(loopback(), client), "mine");
-    EXPECT_EQ(textFrom(client), "mine");
-    client->modeIs(UdpPam::Mode::server);  // Takes effect at the next enabling.
-    client->remoteIs(endOf(loopback(), stranger));
-    client->txPktIs(pktOf("to the peer"));
-    EXPECT_EQ(textFrom(server), "to the peer");
-
-    server->enabledIs(false);
-    const uint32_t errors = client->rxErrors();
-    client->txPktIs(pktOf("nobody listens"));
-    EXPECT_EQ(client->rxPkt(), nullptr);  // ECONNREFUSED.
-    client->txPktIs(pktOf("nobody listens"));
-    client->txPktIs(pktOf("meets the error"));
-    EXPECT_EQ(client->txErrno(), ECONNREFUSED);
-    EXPECT_EQ(client->txErrors(), 1u);
-    EXPECT_EQ(client->rxErrors(), errors + 1);
-    EXPECT_LT(turnsUntilQuiet(), 5u);
+    EXPECT_EQ(right->rxInfo().source(), endOf(left->localAddr(), left));
+    EXPECT_GE(right->rxInfo().timestampNs, before);
+    EXPECT_LT(right->rxInfo().timestampNs, before + int64_t{60} * 1'000'000'000);
 }
 
 TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
@@ -149,12 +104,10 @@ TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
     const IpGenAddrAndPort nobody = endOf(loopback(), gone);
     gone->enabledIs(false);
     const auto pam = openServer(loopback(), "", ipRecvErr);
-    const Mox::Watch<UdpPam> readable(pam, Pam::readableCountAttr, [&] { (void)pam->rxPkt(); });
-    (void)turnsUntilQuiet();
-    const uint32_t errors = pam->rxErrors();
     pam->remoteIs(nobody);
     pam->txPktIs(pktOf("nobody listens"));
     std::vector<QueuedError> seen;
+    const Mox::Watch<UdpPam> readable(pam, Pam::readableCountAttr, [&] { (void)pam->rxPkt(); });
     const Mox::Watch<UdpPam> failed(pam, Pam::rxErrorsAttr, [&] {
         seen.insert(seen.end(), pam->queuedErrors().begin(), pam->queuedErrors().end());
     });
@@ -165,11 +118,10 @@ TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
     EXPECT_EQ(seen[0].reporter, loopback());
     EXPECT_EQ(seen[0].icmpType, pick(3, 1));  // Destination unreachable.
     EXPECT_EQ(seen[0].icmpCode, pick(3, 4));  // The port.
-    EXPECT_GE(pam->rxErrors(), errors + 2);
+    EXPECT_GE(pam->rxErrors(), 2u);
 }
 
 TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
-    const auto before = PavoTest::openDescriptors();
     const auto pam = newClient({loopback(), 9});
     pam->optionsIs(allMetadata | ipReuseAddr | ipRecvErr | ipPriority);
     pam->txTosIs(4);
@@ -178,109 +130,21 @@ TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
     pam->txMcastIfIndexIs(1);
     pam->rxMinTtlIs(7);
     pam->deviceIs("lo");
-    std::string failed;
-    const unsigned failures = PavoTest::failEachSyscall(
-        EPERM,
-        [&] {
-            const std::string error = errorOf([&] { pam->enabledIs(true); });
-            failed += error.substr(0, error.find_first_of("( ")) + " ";
-            return error;
-        },
-        [&](const auto& fail, const std::string& error, int) {
-            const std::string name = fail.name();  // The namespace is looked up with stat(2).
-            EXPECT_NE(error.find(name == "stat" ? "socketAt" : name), std::string::npos) << error;
-            EXPECT_FALSE(pam->enabled());
-            EXPECT_EQ(pam->boundPort(), 0);
-            EXPECT_EQ(PavoTest::openDescriptors(), before);
-        });
-    EXPECT_GT(failures, 20u);
-    EXPECT_NE(failed.find("bind connect"), std::string::npos) << failed;
+    EXPECT_GT(enableWhole(pam, "socketAt"), 20u);
     EXPECT_NE(pam->boundPort(), 0);
-    pam->enabledIs(false);
 
-    const auto taken = openServer(loopback());
-    const auto expectError = [&](const Mox::Ptr<UdpPam>& each, const char* call, int error) {
-        EXPECT_EQ(errorOf([&] { each->enabledIs(true); }), thrown(call, error));
-        EXPECT_EQ(each->fileDesc(), nullptr);
-    };
     const auto second = newServer(loopback());
+    const auto taken = openServer(loopback());
     second->localPortIs(taken->boundPort());
-    expectError(second, "bind", EADDRINUSE);
-    expectError(udpPamFactory("no family"), "socketAt", EAFNOSUPPORT);
-    expectError(newServer(loopback(), "nowhere"), "socketAt", ENOENT);
+    expectRefuses(second, "bind", EADDRINUSE);
+    expectRefuses(udpPamFactory("no family"), "socketAt", EAFNOSUPPORT);
+    expectRefuses(newServer(loopback(), "nowhere"), "socketAt", ENOENT);
     const auto mixed = newClient({addr(pick("::1", "127.0.0.1")), 9});
     mixed->localAddrIs(loopback());
-    expectError(mixed, "connect", EAFNOSUPPORT);
-    second->localPortIs(0);
+    expectRefuses(mixed, "connect", EAFNOSUPPORT);
+    EXPECT_EQ(mixed->boundPort(), 0);
     second->deviceIs("a-name-that-is-too-long");
-    expectError(second, "setsockopt(SO_BINDTODEVICE)", ENODEV);
-}
-
-TEST_P(UdpPamTest, PacketsFromFartherThanTheLeastTtlAllowsAreDropped) {
-    const auto server = newServer(loopback(), "", ipRecvTTL | ipRecvDrops);
-    server->rxMinTtlIs(255);
-    server->enabledIs(true);
-    const auto sender = openServer(loopback());
-    const auto expectReceives = [&](const std::string& expected) {
-        std::string seen;
-        for (const uint8_t ttl : {uint8_t{254}, uint8_t{255}}) {
-            sender->txTtlIs(ttl);
-            for (const char* text : {"one", "three"}) {
-                sendTo(sender, endOf(loopback(), server), text);
-            }
-        }
-        while (const auto pkt = server->rxPkt()) {
-            seen += std::string(pkt->stringValue()) + std::to_string(server->rxInfo().ttl) + " ";
-        }
-        EXPECT_EQ(seen, expected);
-    };
-    expectReceives("one255 three255 ");
-    EXPECT_EQ(server->rxDrops(), 2u);
-    // With a program too: 8 bytes of header, then at least 5.
-    server->rxFilterIs(0, {BPF_LD | BPF_W | BPF_LEN, 0, 0, 0});
-    server->rxFilterIs(1, {BPF_JMP | BPF_JGE | BPF_K, 0, 1, 13});
-    server->rxFilterIs(2, {BPF_RET | BPF_K, 0, 0, 0xffff});
-    server->rxFilterIs(3, {BPF_RET | BPF_K, 0, 0, 0});
-    server->optionsIs(server->options() | ipAttachFilter);
-    expectReceives("three255 ");
-    server->rxMinTtlIs(0);
-    expectReceives("three254 three255 ");
-    server->optionsIs(ipRecvTTL);
-    expectReceives("one254 three254 one255 three255 ");
-}
-
-TEST_P(UdpPamTest, GroupsAreReceivedByTheirMembersOnly) {
-    const Wire wire;
-    const uint32_t index = wire.index("right");
-    const IpGenAddr group = addr(pick("232.1.2.3", "ff3e::99"));
-    const auto left = openServer(leftAddr(), "left");
-    left->txMcastIfIndexIs(wire.index("left"));
-    left->txMcastTtlIs(9);
-    const auto right = openServer(IpGenAddr(GetParam()), "right", ipRecvTTL);
-    const auto member = openServer(IpGenAddr(GetParam()), "right");
-    member->doJoinMcastGroup(index, group);
-    // The marker goes to the host's own address, after the packet to the group.
-    const auto expectReceives = [&](bool fromGroup) {
-        sendTo(left, endOf(group, right), "group");
-        sendTo(left, endOf(rightAddr(), right), "marker");
-        EXPECT_EQ(textFrom(right), fromGroup ? "group" : "marker");
-        if (fromGroup) {
-            EXPECT_EQ(right->rxInfo().ttl, 9);
-            EXPECT_EQ(textFrom(right), "marker");
-        }
-    };
-    expectReceives(false);  // Although another socket of the host is a member.
-    right->doJoinMcastGroup(index, group);
-    expectReceives(true);
-    right->doLeaveMcastGroup(index, group);
-    right->doJoinMcastGroup(index, group, addr(pick("192.0.2.9", "2001:db8::9")));
-    expectReceives(false);
-    right->doJoinMcastGroup(index, group, leftAddr());
-    expectReceives(true);
-    right->doLeaveMcastGroup(index, group, leftAddr());
-    expectReceives(false);
-    EXPECT_EQ(errorOf([&] { right->doJoinMcastGroup(index, group, IpGenAddr()); }),
-              thrown("setsockopt(MCAST_JOIN_SOURCE_GROUP)", EAFNOSUPPORT));
+    expectRefuses(second, "setsockopt(SO_BINDTODEVICE)", ENODEV);
 }
 
 TEST_P(UdpPamTest, BatchesArriveInOrderAndEachPacketIsCounted) {
@@ -372,6 +236,8 @@ TEST_P(UdpPamTest, AppliesTheOptionsOfUdpWhenEnabledAndWhenChanged) {
         }
     }
     const auto pam = openServer(loopback(), "", ipPriority);
+    EXPECT_EQ(errorOf([&] { pam->doJoinMcastGroup(1, loopback(), IpGenAddr()); }),
+              thrown("setsockopt(MCAST_JOIN_SOURCE_GROUP)", EAFNOSUPPORT));
     pam->priorityIs(tcPrioControl);
     pam->txTosIs(0x10);  // With which the kernel of IPv4 overwrites the priority.
     EXPECT_EQ(optionOf(*pam, SOL_SOCKET, SO_PRIORITY), tcPrioControl);
