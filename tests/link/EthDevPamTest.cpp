@@ -19,7 +19,7 @@ class EthDevPamTest : public PamFixture, public testing::WithParamInterface<bool
     void SetUp() override {
         SANDBOX_OR_SKIP();
         wire_.emplace();
-        left_ = openPam("veth-left", "left");
+        left_ = opened(newPam("veth-left", "left"));
     }
     static Mox::Ptr<EthDevPam> newPam(const char* device, const char* netNs,
                                       uint16_t type = testType) {
@@ -28,12 +28,6 @@ class EthDevPamTest : public PamFixture, public testing::WithParamInterface<bool
         pam->etherTypeIs(type);
         pam->rxRingBlocksIs(GetParam() ? 4 : 0);
         pam->rxRingTimeoutMsIs(1);
-        return pam;
-    }
-    static Mox::Ptr<EthDevPam> openPam(const char* device, const char* netNs,
-                                       uint16_t type = testType) {
-        const auto pam = newPam(device, netNs, type);
-        pam->enabledIs(true);
         return pam;
     }
     static void send(const Mox::Ptr<EthDevPam>& pam, const char* text, int error = 0) {
@@ -57,14 +51,14 @@ INSTANTIATE_TEST_SUITE_P(Way, EthDevPamTest, testing::Bool(),
 
 // The kernel takes the tag that was sent in the bytes out of them again.
 TEST_P(EthDevPamTest, FramesArriveWithTheirTagBesideThem) {
-    const auto right = openPam("veth-right", "right", EthDevPam::allTypes);
+    const auto right = newPam("veth-right", "right", EthDevPam::allTypes);
     EXPECT_EQ(right->tryRxFilter("ether dst 02:00:00:00:00:02"), "");
+    right->enabledIs(true);
     for (const uint32_t privateBytes : {0u, 6u, 14u, 60u, 61u}) {
         for (const uint16_t tpid : std::initializer_list<uint16_t>{0, 0x8100, 0x88a8}) {
             const std::string bytes = header + std::string(60, 'x');
             const auto pkt = pktOf(bytes.substr(privateBytes));
-            uint8_t* const front = pkt->newPrivateHeadData(privateBytes);
-            std::copy_n(bytes.begin(), privateBytes, front);
+            std::copy_n(bytes.begin(), privateBytes, pkt->newPrivateHeadData(privateBytes));
             if (tpid != 0) {
                 pkt->newSeparateVlanTag(0xb005, tpid);
             }
@@ -94,7 +88,7 @@ TEST_P(EthDevPamTest, FramesArriveWithTheirTagBesideThem) {
 }
 
 TEST_P(EthDevPamTest, FramesOfEverySizeAreSentAndCutAndCounted) {
-    const auto right = openPam("veth-right", "right");
+    const auto right = opened(newPam("veth-right", "right"));
     right->maxRxPktDataIs(1000);
     std::vector<Mox::Ptr<Pkt>> frames;
     std::string expected;
@@ -154,7 +148,7 @@ TEST_P(EthDevPamTest, EveryFrameOfAFloodIsReceivedOrCounted) {
 }
 
 TEST_P(EthDevPamTest, ADeviceMayGoDownAndAwayAndComeBack) {
-    const auto right = openPam("veth-right", "right");
+    const auto right = opened(newPam("veth-right", "right"));
     std::string seen;
     const Mox::Watch<EthDevPam> readable(right, Pam::readableCountAttr, [&] {
         while (const auto pkt = right->rxPkt()) {
@@ -195,7 +189,7 @@ TEST_P(EthDevPamTest, ADeviceMayGoDownAndAwayAndComeBack) {
 }
 
 TEST_P(EthDevPamTest, TheDeviceDeliversWhatIsAskedForWhileTheEndpointIsEnabled) {
-    const auto pam = openPam("veth-right", "right");
+    const auto pam = opened(newPam("veth-right", "right"));
     const auto expectDevice = [&](bool isMember, bool isPromiscuous) {
         const std::string groups = PavoTest::run({"ip", "-n", "right", "maddr", "show"});
         EXPECT_EQ(groups.find("01:80:c2:00:00:0e") != std::string::npos, isMember) << groups;
@@ -203,8 +197,8 @@ TEST_P(EthDevPamTest, TheDeviceDeliversWhatIsAskedForWhileTheEndpointIsEnabled) 
         EXPECT_EQ(link.find("promiscuity 1") != std::string::npos, isPromiscuous) << link;
     };
     const EthAddr group("01:80:c2:00:00:0e");
-    pam->doJoinMcastGroup(group);
     pam->promiscuousIs(true);
+    pam->doJoinMcastGroup(group);
     expectDevice(true, true);
     pam->doLeaveMcastGroup(group);
     expectDevice(false, true);
@@ -229,7 +223,6 @@ TEST_P(EthDevPamTest, AFilterIsChangedWhileFramesArrive) {
     };
     EXPECT_EQ(right->tryRxFilter("ether[14] != 0x6f"), "");  // Not "o".
     right->enabledIs(true);
-    expectPasses("two end ");
     EXPECT_EQ(right->tryRxFilter("ether[14"), "can't parse filter expression: syntax error");
     EXPECT_EQ(errorOfFailing(1, ENOMEM, [&] { (void)right->tryRxFilter(""); }),
               thrown("setsockopt(SO_DETACH_FILTER)", ENOMEM));

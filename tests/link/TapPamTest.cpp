@@ -43,11 +43,6 @@ class TapPamTest : public PamFixture {
     static Mox::Ptr<TapPam> newTap(const char* device) {
         return tapPamFactory("tap", device, NamespaceName("left"));
     }
-    template <class Endpoint>
-    static Mox::Ptr<Endpoint> opened(const Mox::Ptr<Endpoint>& pam) {
-        pam->enabledIs(true);
-        return pam;
-    }
     // An endpoint on a descriptor of a device that is up, or on one without a device.
     static Mox::Ptr<TapFdPam> newFdTap(const char* device, int flags) {
         const ScopedNetNs inside("left");

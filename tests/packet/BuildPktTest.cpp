@@ -3,9 +3,7 @@
 #include "Pavo/BuildPkt.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <random>
-#include <sstream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -17,9 +15,9 @@
 #include "Pavo/CaptureFile.h"
 #include "Pavo/Describe.h"
 #include "Pavo/NetOrder.h"
-#include "sandbox/Sandbox.h"
 #include "support/Errors.h"
 #include "support/Seeds.h"
+#include "support/Tshark.h"
 
 namespace Pavo {
 namespace {
@@ -29,13 +27,13 @@ using Texts = std::vector<std::string>;
 
 struct Built {
     Mox::Ptr<Pkt> pkt;
-    std::size_t lines;  // Of its description.
-    std::string sums;   // A status of 1, which is good, for each checksum.
+    long lines;        // Of its description.
+    std::string sums;  // A status of 1, which is good, for each checksum.
 };
 
 template <class... Layers>
 Built built(const std::string& payload, const Layers&... layers) {
-    Built all{buildPkt(layers..., payload), sizeof...(layers) + !payload.empty(), "1"};
+    Built all{buildPkt(layers..., payload), int{sizeof...(layers)} + !payload.empty(), "1"};
     (all.sums.append(std::is_same_v<Layers, Ip>, '1'), ...);
     EXPECT_EQ(std::string(all.pkt->stringValue()).substr((layers.hdrBytes() + ...)), payload);
     EXPECT_EQ(all.pkt->sharedBuffer()->tailRoom(), 0u);
@@ -124,37 +122,9 @@ Built randomPkt(Random& random) {
     }
 }
 
-Texts linesOf(const std::string& text) {
-    std::istringstream in(text);
-    Texts lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-// For each packet the status of its checksums, without what divides them.
-Texts checksumsByTshark(const std::string& path) {
-    Texts command = {"tshark", "-r", path, "-T", "fields", "-o", "sctp.checksum:CRC 32c"};
-    for (const std::string layer : {"ip", "tcp", "udp", "sctp", "icmp", "icmpv6"}) {
-        command.insert(command.end(), {"-e", layer + ".checksum.status"});
-        if (layer.size() < 4) {
-            command.insert(command.end(), {"-o", layer + ".check_checksum:TRUE"});
-        }
-    }
-    Texts found = linesOf(PavoSandbox::run(command));
-    // A word about running as root.
-    std::erase_if(found, [](const auto& line) { return line.find("root") != std::string::npos; });
-    for (std::string& line : found) {
-        std::erase_if(line, [](char c) { return c == '\t' || c == ','; });
-    }
-    return found;
-}
-
 TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
-    char folder[] = "/tmp/pavo-build-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string path = std::string(folder) + "/built.pcapng";
+    const PavoTest::TempFolder folder;
+    const std::string path = folder.path + "/built.pcapng";
     const auto file = captureFileFactory(path, {});
     const uint32_t interface = file->newInterface("built", CaptureLinkType::ethernet);
     Texts sums;
@@ -162,7 +132,7 @@ TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
         Random random(seed);
         const Built built = randomPkt(random);
         const std::string text(describe(built.pkt).view());
-        EXPECT_EQ(linesOf(text).size(), built.lines) << text;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n') + 1, built.lines) << text;
         EXPECT_THAT(
             text,
             testing::Not(testing::ContainsRegex("bad (cksum|udp)|wrong icmp|incorrect|stopped")));
@@ -171,8 +141,11 @@ TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
         sums.push_back(built.sums);
     }
     file->flush();
-    EXPECT_EQ(checksumsByTshark(path), sums);
-    std::filesystem::remove_all(folder);
+    Texts fields;
+    for (const char* layer : {"ip", "tcp", "udp", "sctp", "icmp", "icmpv6"}) {
+        fields.push_back(std::string(layer) + ".checksum.status");
+    }
+    EXPECT_EQ(PavoTest::tshark(path, fields, /*isDivided=*/false), sums);
 }
 
 TEST(BuildPkt, WritesWhatTheCallerSets) {

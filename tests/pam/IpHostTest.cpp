@@ -114,10 +114,13 @@ class TwinWorld {
         enable(twin);
         return twin;
     }
-    // What the two throw has to be the same. An action knows the index of the interface.
+    // What the two throw has to be the same. An action knows the index of the interface; what it
+    // draws is the same for both.
     template <class Act>
     void both(const Twin<Endpoint>& twin, Act act) {
+        const std::mt19937 before = random_;
         const std::string expected = errorOf([&] { act(*twin.real, index_[twin.side]); });
+        random_ = before;
         EXPECT_EQ(errorOf([&] { act(*twin.sim, IpHost::ethIfIndex); }), expected) << of(twin);
     }
     static std::string of(const Twin<Endpoint>& twin) {
@@ -131,7 +134,7 @@ class TwinWorld {
         return out.str();
     }
 
-    void configure(const Twin<Endpoint>& twin) {
+    uint32_t randomOptions() {
         uint32_t options = ipPktInfo | ipRecvDrops;
         for (const uint32_t bit : {ipNoMulticastLoop, ipRecvOrigDstAddr, ipReuseAddr, ipBroadcast,
                                    ipRecvTTL, ipRecvTOS}) {
@@ -139,51 +142,45 @@ class TwinWorld {
         }
         options |= (isUdp || !six_) && oneIn(4) ? ipAttachFilter : none;
         const uint32_t rawOption = six_ ? ipv6Checksum : sendsAlerts_ ? none : ipHdrIncl;
-        options |= !isUdp && oneIn(3) ? rawOption : none;
-        // The port, or the TTL: at least so large.
-        const IpFilter filter[] = {{0x30, 0, 0, isUdp ? 3u : 8u},
-                                   {0x35, 0, 1, isUdp ? 5001u % 256 : 210u},
-                                   {0x06, 0, 0, 0xffff},
-                                   {0x06, 0, 0, 0}};
-        const auto size = oneIn(3) ? 30 + below(20) : 1536;
-        const bool isBulk = oneIn(2);
-        const IpTtl ttl = oneIn(2) ? 0u : 200 + below(50);
-        const IpTtl groupTtl = oneIn(2) ? 0u : 1 + below(254);
-        const IpDscp tos = 4 * below(64);
-        const IpTtl minTtl = oneIn(3) ? 220u : 0u;
-        const uint16_t port = oneIn(4) ? 0 : static_cast<uint16_t>(5000 + below(3));
-        const IpGenAddr local = anyAddress();
-        const bool isClient = oneIn(3);
-        const bool hasDevice = !isClient && oneIn(4);
-        const IpGenAddr remote = anyAddress();
+        return options | (!isUdp && oneIn(3) ? rawOption : none);
+    }
+    void configure(const Twin<Endpoint>& twin) {
         both(twin, [&](auto& pam, uint32_t eth) {
+            // The port, or the TTL: at least so large.
+            const IpFilter filter[] = {{0x30, 0, 0, isUdp ? 3u : 8u},
+                                       {0x35, 0, 1, isUdp ? 5001u % 256 : 210u},
+                                       {0x06, 0, 0, 0xffff},
+                                       {0x06, 0, 0, 0}};
             for (uint8_t i = 0; i < std::size(filter); ++i) {
                 pam.rxFilterIs(i, filter[i]);
             }
-            if constexpr (!isUdp) {
-                six_ ? static_cast<Ip6SocketPam&>(pam).checksumOffsetIs(2) : void();
-            }
-            pam.optionsIs(options);
-            pam.maxRxPktDataIs(size);
-            pam.enableBulkReadIs(isBulk);
+            pam.maxRxPktDataIs(oneIn(3) ? 30 + below(20) : 1536);
+            pam.enableBulkReadIs(oneIn(2));
+            const IpTtl ttl = oneIn(2) ? 0u : 200 + below(50);
+            const IpTtl groupTtl = oneIn(2) ? 0u : 1 + below(254);
+            const IpDscp tos = 4 * below(64);
+            const bool isClient = oneIn(3);
             if constexpr (isUdp) {
+                pam.optionsIs(randomOptions());
                 pam.txTtlIs(ttl);
                 pam.txMcastTtlIs(groupTtl);
                 pam.txTosIs(tos);
                 pam.txMcastIfIndexIs(eth);
-                pam.rxMinTtlIs(minTtl);
-                pam.deviceIs(!hasDevice                                            ? ""
-                             : eth == IpHost::ethIfIndex && &pam == twin.sim.ptr() ? "eth0"
-                             : twin.side == 0                                      ? "veth-left"
-                                                                                   : "veth-right");
-                pam.localAddrIs(local);
-                pam.localPortIs(port);
+                pam.rxMinTtlIs(oneIn(3) ? 220u : 0u);
+                const char* const names[] = {"veth-left", "veth-right"};
+                const bool isSim = &pam == twin.sim.ptr();
+                pam.deviceIs(isClient || !oneIn(4) ? "" : isSim ? "eth0" : names[twin.side]);
+                pam.localAddrIs(anyAddress());
+                pam.localPortIs(oneIn(4) ? 0 : static_cast<uint16_t>(5000 + below(3)));
                 pam.modeIs(isClient ? UdpPam::Mode::client : UdpPam::Mode::server);
-                pam.remoteIs({remote, 5001});
+                pam.remoteIs({anyAddress(), 5001});
             } else {
+                six_ ? static_cast<Ip6SocketPam&>(pam).checksumOffsetIs(2)
+                     : static_cast<IpSocketPam&>(pam).txMcastTTLIs(groupTtl);
+                pam.optionsIs(randomOptions());
                 pam.txTOSIs(tos);
                 pam.txTTLIs(ttl);
-                pam.ipPktOptionIs(ipPktRouterAlert, sendsAlerts_ && minTtl != IpTtl());
+                pam.ipPktOptionIs(ipPktRouterAlert, sendsAlerts_ && oneIn(3));
             }
         });
     }
@@ -192,13 +189,12 @@ class TwinWorld {
         both(twin, [&](auto& pam, uint32_t) { pam.enabledIs(enables); });
     }
     void join(const Twin<Endpoint>& twin) {
-        const IpGenAddr chosen = group();
-        const IpGenAddr source = host(static_cast<int>(below(2)));
-        const bool hasSource = isUdp && oneIn(3);
-        const bool joins = !oneIn(3);
         both(twin, [&](auto& pam, uint32_t eth) {
+            const IpGenAddr chosen = group();
+            const IpGenAddr source = host(static_cast<int>(below(2)));
+            const bool joins = !oneIn(3);
             if constexpr (isUdp) {
-                if (hasSource) {
+                if (oneIn(3)) {
                     joins ? pam.doJoinMcastGroup(eth, chosen, source)
                           : pam.doLeaveMcastGroup(eth, chosen, source);
                     return;

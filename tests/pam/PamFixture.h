@@ -71,6 +71,12 @@ inline std::string errorOfFailing(unsigned n, int error, const std::function<voi
     return errorOf(call);
 }
 
+template <class Endpoint>
+Mox::Ptr<Endpoint> opened(const Mox::Ptr<Endpoint>& pam) {
+    pam->enabledIs(true);
+    return pam;
+}
+
 // Enabling it fails, and opens nothing.
 inline void expectRefuses(const Mox::Ptr<FdPam>& pam, const char* call, int error) {
     EXPECT_EQ(errorOf([&] { pam->enabledIs(true); }), thrown(call, error));

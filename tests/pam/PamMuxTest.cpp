@@ -35,79 +35,60 @@ class Maker {
     bool oneIn(uint32_t chances) { return below(chances) == 0; }
 
     Made make(CaptureLinkType linkType, char serial) {
-        Made made{.serial = serial};
-        Ptr<Pkt> pkt = oneIn(2) ? ip4(made) : ip6(made);
+        const bool isSix = oneIn(2);
+        const int protocol = oneIn(3) ? 89 : 17;
+        const uint32_t form = below(4);
+        std::string upper(oneIn(6) ? 1 + below(7) : 8 + below(2), '\0');
+        const auto port = static_cast<char>(below(4));
+        upper[std::min<std::size_t>(3, upper.size() - 1)] = port;
+        upper.back() = serial;
+        const bool hasPort = protocol == 17 && upper.size() >= 8 && form != laterFragment;
+        Made made{isSix ? ip6(form, protocol, upper) : ip4(form, protocol, upper),
+                  serial,
+                  {isSix ? EthType::ip6 : EthType::ip, protocol, hasPort ? port : -1}};
         if (linkType == CaptureLinkType::ethernet) {
-            pkt = frame(std::string(pkt->stringValue()), made);
+            made.numbers = oneIn(6) ? std::array<int, 3>{EthType::arp, -1, -1} : made.numbers;
+            made.pkt = frame(static_cast<uint16_t>(made.numbers[0]), *made.pkt);
         }
         if (oneIn(3)) {  // The first bytes move to the private piece.
-            const uint32_t bytes = 1 + below(std::min(pkt->totalBytes() - 1, 63u));
-            const std::string front(pkt->stringValue().view().substr(0, bytes));
-            pkt->delSharedHeadData(bytes);
-            std::copy(front.begin(), front.end(), pkt->newPrivateHeadData(bytes));
+            const uint32_t bytes = 1 + below(std::min(made.pkt->totalBytes() - 1, 63u));
+            const std::string front(made.pkt->stringValue().view().substr(0, bytes));
+            made.pkt->delSharedHeadData(bytes);
+            std::copy(front.begin(), front.end(), made.pkt->newPrivateHeadData(bytes));
         }
-        made.pkt = pkt;
         return made;
     }
 
   private:
-    static std::span<const uint8_t> spanOf(const std::string& bytes) {
-        return {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
-    }
-    // What follows the IP headers: of UDP as a rule, and cut now and then.
-    std::string datagram(Made& made, bool isLaterFragment) {
-        const int protocol = oneIn(3) ? 89 : 17;
-        std::string bytes(8 + below(2), '\0');
-        bytes[3] = static_cast<char>(below(4));
-        const int port = bytes[3];
-        if (oneIn(6)) {
-            bytes.resize(1 + below(7));
-        }
-        bytes.back() = made.serial;
-        const bool hasPort = protocol == 17 && bytes.size() >= 8 && !isLaterFragment;
-        made.numbers = {made.numbers[0], protocol, hasPort ? port : -1};
-        return bytes;
-    }
-    Ptr<Pkt> ip4(Made& made) {
-        made.numbers[0] = EthType::ip;
-        const bool isLaterFragment = oneIn(4);
-        const std::string upper = datagram(made, isLaterFragment);
+    enum Form : uint32_t { withOptions, laterFragment, firstFragment };
+
+    static Ptr<Pkt> ip4(uint32_t form, int protocol, const std::string& upper) {
         static constexpr uint8_t options[] = {1, 1, 1, 1};
-        return buildPkt(Ip{.protocol = IpProtocolNumber(made.numbers[1]),
-                           .fragmentOffset = isLaterFragment ? 3u : 0u,
-                           .options = std::span(options).first(oneIn(3) ? 4 : 0)},
-                        Payload(spanOf(upper)));
+        return buildPkt(Ip{.protocol = IpProtocolNumber(protocol),
+                           .fragmentOffset = form == laterFragment ? 3u : 0u,
+                           .options = std::span(options).first(form == withOptions ? 4 : 0)},
+                        Payload(upper));
     }
-    Ptr<Pkt> ip6(Made& made) {
-        made.numbers[0] = EthType::ip6;
-        const uint32_t form = below(4);
-        const std::string upper = datagram(made, form == 1);
-        const auto protocol = static_cast<char>(made.numbers[1]);
+    static Ptr<Pkt> ip6(uint32_t form, int protocol, const std::string& upper) {
+        const auto next = static_cast<char>(protocol);
         std::string extensions;
-        if (form == 0) {  // Hop-by-hop and destination options, of 8 and 16 bytes.
-            extensions = {60, 0, 1, 4, 0, 0, 0, 0, protocol, 1, 1, 12};
+        if (form == withOptions) {  // Hop-by-hop and destination options, of 8 and 16 bytes.
+            extensions = {60, 0, 1, 4, 0, 0, 0, 0, next, 1, 1, 12};
             extensions.resize(24);
-        } else if (form <= 2) {  // A later fragment, and a first one.
-            extensions = {protocol, 0, 0, static_cast<char>(form == 1 ? 9 : 1), 1, 2, 3, 4};
+        } else if (form <= firstFragment) {
+            extensions = {next, 0, 0, static_cast<char>(form == laterFragment ? 9 : 1), 1, 2, 3, 4};
         }
-        const int first = form == 0 ? 0 : form <= 2 ? 44 : made.numbers[1];
-        return buildPkt(Ip6{.nextHeader = IpProtocolNumber(first)}, Payload(spanOf(extensions)),
-                        Payload(spanOf(upper)));
+        const int first = form == withOptions ? 0 : form <= firstFragment ? 44 : protocol;
+        return buildPkt(Ip6{.nextHeader = IpProtocolNumber(first)}, Payload(extensions + upper));
     }
-    Ptr<Pkt> frame(const std::string& bytes, Made& made) {
-        if (oneIn(6)) {
-            made.numbers = {EthType::arp, -1, -1};
-        }
-        const auto type = static_cast<uint16_t>(made.numbers[0]);
-        const Payload payload(spanOf(bytes));
-        switch (below(3)) {
-            case 0:
-                return buildPkt(Eth{}, Vlan{.tpid = EthType::dot1Ad}, Vlan{.type = type}, payload);
-            case 1:
-                return buildPkt(Eth{}, Vlan{.type = type}, payload);
-            default:
-                return buildPkt(Eth{.type = type}, payload);
-        }
+    // With up to two tags.
+    Ptr<Pkt> frame(uint16_t type, const Pkt& packet) {
+        const std::string payload(packet.stringValue());
+        const Vlan outer{.tpid = EthType::dot1Ad}, tag{.type = type};
+        const uint32_t tags = below(3);
+        return tags == 0   ? buildPkt(Eth{.type = type}, payload)
+               : tags == 1 ? buildPkt(Eth{}, tag, payload)
+                           : buildPkt(Eth{}, outer, tag, payload);
     }
 
     std::mt19937 random_;
@@ -128,18 +109,14 @@ bool wants(const PamMuxPam& client, const Made& made) {
 }
 
 PamMuxMatch randomMatch(Maker& maker) {
-    switch (maker.below(4)) {
-        case 0:
-            return PamMuxMatch::etherType(maker.oneIn(2) ? EthType::arp : EthType::ip6);
-        case 1:
-            return PamMuxMatch::ipProtocol(IpProtocolNumber(maker.oneIn(2) ? 89 : 17));
-        case 2:
-            return PamMuxMatch::udpPort(maker.below(4));
-        default:
-            return PamMuxMatch::function([](const Ptr<Pkt>& pkt, const RxInfo&) {
-                return pkt->stringValue().view().back() % 3 == 0;
-            });
-    }
+    const PamMuxMatch matches[] = {
+        PamMuxMatch::etherType(maker.oneIn(2) ? EthType::arp : EthType::ip6),
+        PamMuxMatch::ipProtocol(IpProtocolNumber(maker.oneIn(2) ? 89 : 17)),
+        PamMuxMatch::udpPort(maker.below(4)),
+        PamMuxMatch::function([](const Ptr<Pkt>& pkt, const RxInfo&) {
+            return pkt->stringValue().view().back() % 3 == 0;
+        })};
+    return matches[maker.below(std::size(matches))];
 }
 
 // Returns whether a client takes it.
@@ -168,18 +145,16 @@ bool distribute(std::vector<Model>& models, const Made& made) {
 
 std::string readAll(PamMuxPam& client, bool inBatches) {
     std::string serials;
+    const auto add = [&](const Ptr<Pkt>& pkt) { serials += pkt->stringValue().view().back(); };
     if (!inBatches) {
         while (const Ptr<Pkt> pkt = client.rxPkt()) {
-            serials.push_back(pkt->stringValue().view().back());
+            add(pkt);
         }
-        return serials;
     }
     while (const auto packets = static_cast<uint32_t>(client.rxPktBulk())) {
         for (uint32_t slot = 0; slot < client.savedPacketRx().members(); ++slot) {
             EXPECT_EQ(client.savedPacketRx(slot), slot < packets);
-            if (slot < packets) {
-                serials.push_back(client.savedPacket(slot)->stringValue().view().back());
-            }
+            slot < packets ? add(client.savedPacket(slot)) : void();
         }
     }
     return serials;

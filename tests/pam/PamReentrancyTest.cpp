@@ -401,41 +401,32 @@ struct MuxWorld : PavoTest::RandomProgram {
     bool isAtRest = false;
 };
 
-using PamReentrancy = PavoTest::SandboxTest;
+class PamReentrancy : public PavoTest::SandboxTest {
+  protected:
+    template <class World>
+    static void run(uint32_t programs) {
+        (void)globalPktManager();  // Lives from now on.
+        PavoTest::runPrograms(programs, PavoTest::runProgram<World>);
+    }
+};
 
 TEST_F(PamReentrancy, ObserversOfEndpointsMayDoAnything) {
-    (void)globalPktManager();  // Lives from now on.
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam, false>>);
-}
-
-TEST_F(PamReentrancy, ObserversOfUdpEndpointsMayDoAnything) {
-    (void)globalPktManager();
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam, false>>);
+    run<World<RawIpPam, false>>(1000);
+    run<World<UdpPam, false>>(1000);
 }
 
 TEST_F(PamReentrancy, ObserversOfEndpointsOnAHostMayDoAnything) {
-    (void)globalPktManager();
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<RawIpPam, true>>);
-    PavoTest::runPrograms(1000, PavoTest::runProgram<World<UdpPam, true>>);
-}
-
-TEST_F(PamReentrancy, ObserversOfMultiplexersMayDoAnything) {
-    (void)globalPktManager();
-    PavoTest::runPrograms(2000, PavoTest::runProgram<MuxWorld>);
+    run<World<RawIpPam, true>>(1000);
+    run<World<UdpPam, true>>(1000);
+    run<MuxWorld>(2000);
 }
 
 TEST_F(PamReentrancy, ObserversOfEndpointsOfFramesMayDoAnything) {
-    (void)globalPktManager();
-    PavoTest::runPrograms(20,
-                          PavoTest::runProgram<World<EthDevPam, false>>);  // Closing takes long.
-}
-
-TEST_F(PamReentrancy, ObserversOfTapEndpointsMayDoAnything) {
-    (void)globalPktManager();
+    run<World<EthDevPam, false>>(20);  // Closing takes long.
     for (const char* each : TestTap::devices) {
         PavoTest::run({"ip", "tuntap", "add", "dev", each, "mode", "tap"});
     }
-    PavoTest::runPrograms(100, PavoTest::runProgram<World<TestTap, false>>);
+    run<World<TestTap, false>>(100);
     for (const char* each : TestTap::devices) {
         PavoTest::run({"ip", "link", "del", each});
     }

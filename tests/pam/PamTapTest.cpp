@@ -7,11 +7,9 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -20,6 +18,7 @@
 #include "Pavo/PamConnector.h"
 #include "Pavo/UdpPam.h"
 #include "pam/PamFixture.h"
+#include "support/Tshark.h"
 
 namespace Pavo {
 namespace {
@@ -30,36 +29,11 @@ using testing::ElementsAre;
 // A folder for one file, which tshark reads.
 class CaptureTest : public PamFixture {
   protected:
-    void SetUp() override {
-        PamFixture::SetUp();
-        char folder[] = "/tmp/pavo-capture-XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        folder_ = folder;
-        path_ = folder_ + "/agent.pcapng";
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
+    Texts tshark(const Texts& fields) const { return PavoTest::tshark(path_, fields); }
 
-    // The fields of each packet, joined by blanks.
-    Texts tshark(const Texts& fields) const {
-        Texts command = {"tshark", "-r", path_, "-T", "fields", "-E", "separator= "};
-        for (const char* layer : {"ip", "tcp", "udp"}) {
-            command.insert(command.end(), {"-o", layer + std::string(".check_checksum:TRUE")});
-        }
-        for (const std::string& field : fields) {
-            command.insert(command.end(), {"-e", field});
-        }
-        std::istringstream lines(PavoSandbox::run(command));
-        Texts packets;
-        for (std::string line; std::getline(lines, line);) {
-            if (line.find("root") == std::string::npos) {  // A word about running as root.
-                packets.push_back(line);
-            }
-        }
-        return packets;
-    }
-
-    std::string folder_;
-    std::string path_;
+    const PavoTest::TempFolder temp_;
+    const std::string& folder_ = temp_.path;
+    const std::string path_ = folder_ + "/agent.pcapng";
 };
 
 std::string bytesOf(std::string_view hex) {
@@ -191,8 +165,7 @@ TEST_F(CaptureTest, UdpEndpointsGetBothHeadersThatTheKernelKeeps) {
         pam->txTtlIs(9);
         pam->remoteIs({pam->localAddr(), 4321});
         pam->enabledIs(true);
-        pam->txPktIs(pktOf("one"));
-        pam->txPktsIs(std::vector(1, pktOf("three")));
+        isFour ? pam->txPktIs(pktOf("one")) : (void)pam->txPktsIs(std::vector(1, pktOf("three")));
         (void)receive(pam);
     }
     file->flush();
@@ -200,11 +173,9 @@ TEST_F(CaptureTest, UdpEndpointsGetBothHeadersThatTheKernelKeeps) {
         tshark({"frame.packet_flags_direction", "ip.src", "ip.dst", "ipv6.src", "ipv6.dst",
                 "ip.ttl", "ipv6.hlim", "udp.srcport", "udp.dstport", "udp.length", "data.data"}),
         ElementsAre("0x00000002 127.0.0.1 127.0.0.1   9  4321 4321 11 6f6e65",
-                    "0x00000002 127.0.0.1 127.0.0.1   9  4321 4321 13 7468726565",
                     "0x00000001 127.0.0.1 127.0.0.1   9  4321 4321 11 6f6e65",
-                    "0x00000002   ::1 ::1  9 4321 4321 11 6f6e65",
                     "0x00000002   ::1 ::1  9 4321 4321 13 7468726565",
-                    "0x00000001   ::1 ::1  9 4321 4321 11 6f6e65"));
+                    "0x00000001   ::1 ::1  9 4321 4321 13 7468726565"));
 }
 
 TEST_F(CaptureTest, PacketsWithoutRoomAreCountedAndTheFileStaysValid) {

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string>
@@ -61,31 +60,6 @@ TEST_F(PamTest, TheMachineIncrementsBothCountsAtCreationAndOnEachReport) {
     descriptor->writeMetNoRoom();
     EXPECT_EQ(loop.turn(0), 1u);
     EXPECT_EQ(log_, (Texts{"readable", "writable", "readable", "writable"}));
-}
-
-// An endpoint with room for a few packets.
-class NarrowPam : public Pam {
-  public:
-    explicit NarrowPam(uint32_t room) : Pam("narrow"), room_(room) {}
-
-    void txPktIsImpl(Mox::Ptr<Pkt>) override {
-        const bool isSent = room_ != 0;
-        room_ -= isSent ? 1 : 0;
-        txErrnoIs(isSent ? 0 : EAGAIN);
-    }
-    void doGetRxPkt() override {}
-
-  private:
-    uint32_t room_;
-};
-
-TEST(PamBatch, GoesOneByOneWhereTheEndpointSendsNoBatches) {
-    const std::vector<Mox::Ptr<Pkt>> pkts(3, pktOf("x"));
-    for (const uint32_t room : {0u, 2u, 3u}) {
-        const auto pam = Mox::make<NarrowPam>(room);
-        EXPECT_EQ(pam->txPktsIs(pkts), room);
-        EXPECT_EQ(pam->txErrno(), room < 3 ? EAGAIN : 0);
-    }
 }
 
 TEST_F(PamTest, MisuseStopsTheProcess) {

@@ -30,21 +30,10 @@ class UdpPamTest : public PamFixture, public testing::WithParamInterface<Address
         pam->optionsIs(options);
         return pam;
     }
-    static Mox::Ptr<UdpPam> openServer(const IpGenAddr& address, const char* netNs = "",
-                                       uint32_t options = none) {
-        const auto pam = newServer(address, netNs, options);
-        pam->enabledIs(true);
-        return pam;
-    }
     static Mox::Ptr<UdpPam> newClient(const IpGenAddrAndPort& remote) {
         const auto pam = udpPamFactory("client");
         pam->modeIs(UdpPam::Mode::client);
         pam->remoteIs(remote);
-        return pam;
-    }
-    static Mox::Ptr<UdpPam> openClient(const IpGenAddrAndPort& remote) {
-        const auto pam = newClient(remote);
-        pam->enabledIs(true);
         return pam;
     }
     static IpGenAddrAndPort endOf(const IpGenAddr& address, const Mox::Ptr<UdpPam>& pam) {
@@ -65,8 +54,8 @@ INSTANTIATE_TEST_SUITE_P(Family, UdpPamTest, testing::Values(ipv4, ipv6),
 
 TEST_P(UdpPamTest, DatagramsOfEverySizeArrive) {
     const uint32_t largest = pick(65507u, 65527u);
-    const auto server = openServer(loopback());
-    const auto client = openClient(endOf(loopback(), server));
+    const auto server = opened(newServer(loopback()));
+    const auto client = opened(newClient(endOf(loopback(), server)));
     const auto expectPasses = [&](uint32_t bytes, uint32_t arrives) {
         const std::string text(bytes, 'x');
         client->txPktIs(pktOf(text));
@@ -87,7 +76,7 @@ TEST_P(UdpPamTest, DatagramsOfEverySizeArrive) {
 
 TEST_P(UdpPamTest, KnowsTheTimeOfEachPacketAndTheInterfaceOfLinkLocalAddresses) {
     const Wire wire;
-    const auto right = openServer(IpGenAddr(GetParam()), "right", ipRecvTimestamp);
+    const auto right = opened(newServer(IpGenAddr(GetParam()), "right", ipRecvTimestamp));
     const auto left = newServer(addr(pick("192.0.2.1", "fe80::1")), "left");
     left->deviceIs("veth-left");  // The kernel needs it to bind.
     left->enabledIs(true);
@@ -100,10 +89,10 @@ TEST_P(UdpPamTest, KnowsTheTimeOfEachPacketAndTheInterfaceOfLinkLocalAddresses) 
 }
 
 TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
-    const auto gone = openServer(loopback());
+    const auto gone = opened(newServer(loopback()));
     const IpGenAddrAndPort nobody = endOf(loopback(), gone);
     gone->enabledIs(false);
-    const auto pam = openServer(loopback(), "", ipRecvErr);
+    const auto pam = opened(newServer(loopback(), "", ipRecvErr));
     pam->remoteIs(nobody);
     pam->txPktIs(pktOf("nobody listens"));
     std::vector<QueuedError> seen;
@@ -134,7 +123,7 @@ TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
     EXPECT_NE(pam->boundPort(), 0);
 
     const auto second = newServer(loopback());
-    const auto taken = openServer(loopback());
+    const auto taken = opened(newServer(loopback()));
     second->localPortIs(taken->boundPort());
     expectRefuses(second, "bind", EADDRINUSE);
     expectRefuses(udpPamFactory("no family"), "socketAt", EAFNOSUPPORT);
@@ -148,10 +137,10 @@ TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
 }
 
 TEST_P(UdpPamTest, BatchesArriveInOrderAndEachPacketIsCounted) {
-    const auto server = openServer(loopback());
+    const auto server = opened(newServer(loopback()));
     server->socketReadLimitIs(255);
     server->enableBulkReadIs(true);
-    const auto client = openClient(endOf(loopback(), server));
+    const auto client = opened(newClient(endOf(loopback(), server)));
     // Equal sizes, which are segmented, among others; one that is too large.
     std::vector<Mox::Ptr<Pkt>> pkts;
     std::string sent;
@@ -201,8 +190,8 @@ TEST_P(UdpPamTest, BatchesArriveInOrderAndEachPacketIsCounted) {
 }
 
 TEST_P(UdpPamTest, AReaderThatStopsIsNotReportedAndLosesNothingUncounted) {
-    const auto server = openServer(loopback(), "", ipRecvDrops);
-    const auto client = openClient(endOf(loopback(), server));
+    const auto server = opened(newServer(loopback(), "", ipRecvDrops));
+    const auto client = opened(newClient(endOf(loopback(), server)));
     const std::vector<Mox::Ptr<Pkt>> pkts(50, pktOf("flood"));
     for (int i = 0; i < 400; ++i) {
         EXPECT_EQ(client->txPktsIs(pkts), 50u);
@@ -229,13 +218,13 @@ TEST_P(UdpPamTest, AppliesTheOptionsOfUdpWhenEnabledAndWhenChanged) {
                                              {ipRecvTimestamp, SO_TIMESTAMPNS_NEW},
                                              {ipRecvDrops, SO_RXQ_OVFL}};
     for (const auto& [bit, option] : rows) {
-        const auto pam = openServer(loopback(), "", bit);
+        const auto pam = opened(newServer(loopback(), "", bit));
         for (const bool on : {true, false, true}) {
             pam->optionsIs(on ? bit : none);
             EXPECT_EQ(optionOf(*pam, SOL_SOCKET, option), on) << ipSocketOptionsText(bit);
         }
     }
-    const auto pam = openServer(loopback(), "", ipPriority);
+    const auto pam = opened(newServer(loopback(), "", ipPriority));
     EXPECT_EQ(errorOf([&] { pam->doJoinMcastGroup(1, loopback(), IpGenAddr()); }),
               thrown("setsockopt(MCAST_JOIN_SOURCE_GROUP)", EAFNOSUPPORT));
     pam->priorityIs(tcPrioControl);
