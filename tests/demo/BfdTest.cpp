@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Mox/Clock.h"
+#include "Pavo/BuildPkt.h"
 #include "Pavo/IpHost.h"
 #include "bfd/BfdAgent.h"
 #include "support/Seeds.h"
@@ -232,18 +233,13 @@ TEST(BfdAgent, ReceivesFromItsNeighbourOnly) {
     Mox::ManualClock clock;
     const auto wire = Pavo::pamConnectorFactory(&clock);
     const Side left({.localDiscr = 1}, "192.0.2.1", "192.0.2.2", wire->pam("pam0"), &clock);
-    const auto host = Pavo::ipHostFactory("right", wire->pam("pam1"), &clock);
-    const auto peer = host->attach(Pavo::udpPamFactory("peer"));
-    host->addressIs(Pavo::IpAddr("192.0.2.2"));
-    host->addressIs(Pavo::IpAddr("192.0.2.3"));
-    peer->remoteIs({Pavo::IpAddr("192.0.2.1"), Pavo::Port(BfdAgent::port)});
-    peer->enabledIs(true);
     const auto stateAfter = [&](const char* source, uint8_t ttl) {
-        peer->txSrcIpAddrIs(Pavo::IpAddr(source));
-        peer->txTtlIs(Pavo::IpTtl(ttl));
-        const auto pkt = Pavo::globalPktManager()->newPkt();
-        new (pkt->newSharedHeadData(sizeof(BfdHdr))) BfdHdr(Lone::pktOf(down, /*discr=*/1));
-        peer->txPktIs(pkt);
+        const BfdHdr hdr = Lone::pktOf(down, /*discr=*/1);
+        const auto* const bytes = reinterpret_cast<const uint8_t*>(&hdr);
+        wire->pam("pam1")->txPktIs(Pavo::buildPkt(
+            Pavo::Ip{.src = Pavo::IpAddr(source), .dst = Pavo::IpAddr("192.0.2.1"), .ttl = ttl},
+            Pavo::Udp{.srcPort = 49152, .dstPort = BfdAgent::port},
+            Pavo::Payload(std::span(bytes, sizeof(hdr)))));
         clock.advance(0.1);
         return left.session().state();
     };

@@ -53,31 +53,30 @@ TEST(LldpPdu, TakesWholeFieldsOnly) {
 TEST(LldpPdu, RefusesWhatIsNotInItsPlace) {
     const std::string chassis = tlv(1, "\4chassi"), port = tlv(2, "\5p"), ttl = tlv(3, {0, 9});
     const std::string head = chassis + port + ttl;
-    const struct {
-        std::string bytes;
-        bool isGood;
-    } rows[] = {
-        {head, true},
-        {port + chassis + ttl, false},
-        {chassis + ttl + port, false},
-        {chassis + port + tlv(5, "name"), false},
-        {head + chassis, false},
-        {head + ttl, false},
-        {head + tlv(0, "") + chassis, true},
-        {tlv(1, "\4") + port + ttl, false},
-        {tlv(1, std::string(256, 'i')) + port + ttl, true},
-        {tlv(1, std::string(257, 'i')) + port + ttl, false},
-        {chassis + port + tlv(3, "9"), false},
-        {head + tlv(127, std::string(511, 'o')), true},
-        {head + tlv(8, {5, 1, 1, 2, 3, 4}), true},                    // Cut after the address,
-        {head + tlv(8, {0, 1, 0, 0, 0, 0, 0, 0}), true},              // without one,
-        {head + tlv(8, {5, 2, 1, 2, 3, 4, 1, 0, 0, 0, 0, 0}), true},  // and of another length.
-        {head + tlv(7, {0, 4}), true},
-    };
-    for (const auto& row : rows) {
-        const auto pdu = parseExact(row.bytes);
-        EXPECT_EQ(pdu.has_value(), row.isGood) << printable(row.bytes);
-        EXPECT_TRUE(!pdu || (pdu->managementAddresses.empty() && pdu->capabilities == 0));
+    const std::string bad[] = {port + chassis + ttl,
+                               chassis + ttl + port,
+                               chassis + port + tlv(5, "name"),
+                               head + chassis,
+                               head + ttl,
+                               tlv(1, "\4") + port + ttl,
+                               tlv(1, std::string(257, 'i')) + port + ttl,
+                               chassis + port + tlv(3, "9")};
+    const std::string good[] = {
+        head,
+        head + tlv(0, "") + chassis,
+        tlv(1, std::string(256, 'i')) + port + ttl,
+        head + tlv(127, std::string(511, 'o')),
+        head + tlv(7, {0, 4}),
+        head + tlv(8, {5, 1, 1, 2, 3, 4}),                     // Cut after the address,
+        head + tlv(8, {0, 1, 0, 0, 0, 0, 0, 0}),               // without one,
+        head + tlv(8, {5, 2, 1, 2, 3, 4, 1, 0, 0, 0, 0, 0})};  // and of another length.
+    for (const std::string& each : bad) {
+        EXPECT_FALSE(parseExact(each)) << printable(each);
+    }
+    for (const std::string& each : good) {
+        const auto pdu = parseExact(each);
+        EXPECT_TRUE(pdu && pdu->managementAddresses.empty() && pdu->capabilities == 0)
+            << printable(each);
     }
     EXPECT_EQ(parseExact(head + tlv(5, "one") + tlv(5, "two"))->systemName, "one");
     EXPECT_EQ(printable("a\x1b[2J\xff"), "a\\x1b[2J\\xff");
@@ -146,23 +145,20 @@ TEST_F(LldpEndpoint, ReceivesNothingButUntaggedFramesOfTheGroup) {
     const auto peer = Pavo::ethDevPamFactory("peer", Pavo::NamespaceName("right"));
     peer->deviceIs("veth-right");
     peer->enabledIs(true);
-    const auto send = [&](const Pavo::Eth& eth, const std::string& name) {
-        const auto pkt = Pavo::buildPkt(eth, image(pduOf(name, 100)));
-        if (name == "tagged") {
-            pkt->newSeparateVlanTag(/*tci=*/7, Pavo::EthType::dot1Q);
-        }
-        peer->txPktIs(pkt);
-        EXPECT_EQ(peer->txErrno(), 0);
-    };
-    send({.dst = nearestBridge, .type = Pavo::EthType::lldp}, "tagged");
-    send({.dst = pam->ethAddr(), .type = Pavo::EthType::lldp}, "for one host");
-    send({.dst = nearestBridge, .type = Pavo::EthType::slowProtocols}, "of another protocol");
-    send({.dst = nearestBridge, .type = Pavo::EthType::lldp}, "good");
+    const Pavo::Eth toGroup{.dst = nearestBridge, .type = Pavo::EthType::lldp};
+    const Pavo::Eth toHost{.dst = pam->ethAddr(), .type = Pavo::EthType::lldp};
+    const Pavo::Eth other{.dst = nearestBridge, .type = Pavo::EthType::slowProtocols};
+    const auto tagged = Pavo::buildPkt(toGroup, image(pduOf("tagged", 100)));
+    tagged->newSeparateVlanTag(/*tci=*/7, Pavo::EthType::dot1Q);
+    peer->txPktIs(tagged);
+    for (const Pavo::Eth& eth : {toHost, other, toGroup}) {
+        peer->txPktIs(Pavo::buildPkt(eth, image(pduOf("untagged", 100))));
+    }
     for (int turns = 0; turns < 100 && agent.table()->neighbour().members() == 0; ++turns) {
         loop.turn(/*timeoutSeconds=*/0.1);
     }
     ASSERT_EQ(agent.table()->neighbour().members(), 1u);
-    EXPECT_EQ(agent.table()->neighbour().begin()->second.systemName, "good");
+    EXPECT_EQ(agent.table()->neighbour().begin()->second.systemName, "untagged");
     EXPECT_EQ(pam->rxPktCount(), 2u);  // The tagged one, and the good one.
 }
 

@@ -141,10 +141,8 @@ TEST(BuildPkt, FillsInWhatDescribeAndTsharkExpect) {
         sums.push_back(built.sums);
     }
     file->flush();
-    Texts fields;
-    for (const char* layer : {"ip", "tcp", "udp", "sctp", "icmp", "icmpv6"}) {
-        fields.push_back(std::string(layer) + ".checksum.status");
-    }
+    const Texts fields{"ip.checksum.status",   "tcp.checksum.status",  "udp.checksum.status",
+                       "sctp.checksum.status", "icmp.checksum.status", "icmpv6.checksum.status"};
     EXPECT_EQ(PavoTest::tshark(path, fields, /*isDivided=*/false), sums);
 }
 

@@ -50,20 +50,16 @@ Ip6 ip6(const Ip6Addr& dst) {
     return {.src = linkLocal, .dst = dst, .hopLimit = 255};
 }
 
-// Those that tests/packet/scapy_frames.py makes too.
-std::vector<Frame> scapyFrames() {
+std::vector<Frame> frames() {
     const auto vrrpGroup = "224.0.0.18"_ip, group = "239.1.2.3"_ip;
     const IgmpRecord records[] = {{.type = IgmpRecordType::toExclude, .group = group},
                                   {.type = 1, .group = "232.1.2.3"_ip, .sources = both}};
+    const std::string hello("\0\1\0\2\0\x69", 6);
     std::string bytes(59, '\0');
     std::generate(bytes.begin(), bytes.end(), [n = char{0}]() mutable { return n++; });
     return {
         {"arp.request", buildPkt(eth, Arp{.senderMac = mac, .senderIp = a, .targetIp = b}),
          "ARP, Request who-has 192.0.2.2 tell 192.0.2.1, length 28", ""},
-        {"arp.reply",
-         buildPkt(eth,
-                  Arp{.op = 2, .senderMac = mac, .senderIp = a, .targetMac = mac2, .targetIp = b}),
-         "ARP, Reply 192.0.2.1 is-at 00:00:5e:00:53:01, length 28", ""},
         {"vrrp2",
          buildPkt(eth, ip(vrrpGroup, 255),
                   Vrrp{.version = 2, .vrid = 7, .priority = 200, .interval = 3, .addresses = both}),
@@ -86,9 +82,6 @@ std::vector<Frame> scapyFrames() {
         {"igmp2.report",
          buildPkt(eth, ip(group, 1), Igmp{.type = IgmpType::report2, .group = group}),
          "IGMP length 8: v2 report 239.1.2.3", "11"},
-        {"igmp2.leave",
-         buildPkt(eth, ip("224.0.0.2"_ip, 1), Igmp{.type = IgmpType::leave, .group = group}),
-         "IGMP length 8: leave 239.1.2.3", "11"},
         {"igmp3.query",
          buildPkt(eth, ip(group, 1, 0xc0),
                   Igmp3Query{.group = group, .suppress = true, .sources = both}),
@@ -97,8 +90,7 @@ std::vector<Frame> scapyFrames() {
          "v3 report, 2 group record(s) [gaddr 239.1.2.3 to_ex] [gaddr 232.1.2.3 is_in { "
          "192.0.2.1,192.0.2.2 }]",
          "11"},
-        {"pim.hello",
-         buildPkt(eth, ip("224.0.0.13"_ip, 1), Pim(), std::string("\0\1\0\2\0\x69", 6)),
+        {"pim.hello", buildPkt(eth, ip("224.0.0.13"_ip, 1), Pim(), hello),
          "PIMv2, Hello, length 10", "11"},
         {"gre",
          buildPkt(eth, ip(b, 64), Gre(), Ip{.src = b, .dst = a},
@@ -140,31 +132,24 @@ std::vector<Frame> scapyFrames() {
          "tgt is fe80::1, Flags [router, solicited, override], destination link", "1"},
         {"nd.redirect", buildPkt(eth, ip6(linkLocal2), Icmp6Redirect{linkLocal, "2001:db8::1"_ip6}),
          "redirect, length 40, 2001:db8::1 to fe80::1", "1"},
-    };
-}
-
-std::vector<Frame> frames() {
-    std::vector<Frame> all = scapyFrames();
-    const std::string hello("\0\1\0\2\0\x69", 6);
-    const Ip dataPkt{.src = a, .dst = "239.1.2.3"_ip};
-    all.push_back(
+        // scapy does not make these.
         {"vrrp3 without pseudo header",
-         buildPkt(eth, ip("224.0.0.18"_ip, 255), Vrrp{.addresses = both, .sum = VrrpSum::message}),
-         "intvl 100cs, length 16, addrs", "10"});
-    all.push_back(
-        {"pim6.hello", buildPkt(eth, ip6(ip6AddrPimRouters), Pim(), hello), "length 10", "1"});
-    all.push_back({"pim.register",
-                   buildPkt(eth, ip(b, 64), PimRegister{.border = true}, dataPkt, Udp(), "data"),
-                   "PIMv2, Register, length 40, Flags [ Border ]\nIP ", "1111"});
-    all.push_back({"pim6.register",
-                   buildPkt(eth, ip6(linkLocal2), PimRegister(),
-                            Ip6{.src = linkLocal, .dst = linkLocal2}, Udp(), "data"),
-                   "PIMv2, Register, length 60, Flags [none]\nIP6 ", "11"});
-    all.push_back({"nd.dad",  // With an option that is not known to the library, a nonce.
-                   buildPkt(eth, Ip6{.dst = "ff02::1:ff00:2"_ip6, .hopLimit = 255},
-                            Icmp6Ns{linkLocal2}, NdLinkAddr{.type = 14}),
-                   "who has fe80::2, type-14 option (14), length 8 (1)", "1"});
-    return all;
+         buildPkt(eth, ip(vrrpGroup, 255), Vrrp{.addresses = both, .sum = VrrpSum::message}),
+         "intvl 100cs, length 16, addrs", "10"},
+        {"pim6.hello", buildPkt(eth, ip6(ip6AddrPimRouters), Pim(), hello), "length 10", "1"},
+        {"pim.register",
+         buildPkt(eth, ip(b, 64), PimRegister{.border = true}, Ip{.src = a, .dst = group}, Udp(),
+                  "data"),
+         "PIMv2, Register, length 40, Flags [ Border ]\nIP ", "1111"},
+        {"pim6.register",
+         buildPkt(eth, ip6(linkLocal2), PimRegister(), Ip6{.src = linkLocal, .dst = linkLocal2},
+                  Udp(), "data"),
+         "PIMv2, Register, length 60, Flags [none]\nIP6 ", "11"},
+        {"nd.dad",  // With an option that is not known to the library, a nonce.
+         buildPkt(eth, Ip6{.dst = "ff02::1:ff00:2"_ip6, .hopLimit = 255}, Icmp6Ns{linkLocal2},
+                  NdLinkAddr{.type = 14}),
+         "who has fe80::2, type-14 option (14), length 8 (1)", "1"},
+    };
 }
 
 std::string hexOf(const Mox::Ptr<Pkt>& pkt) {
@@ -181,11 +166,12 @@ TEST(Frames, AreTheImagesThatScapyMakes) {
     for (std::string name, image; in >> name >> image;) {
         images[name] = image;
     }
-    const auto made = scapyFrames();
-    EXPECT_EQ(images.size(), made.size());
-    for (const Frame& frame : made) {
-        EXPECT_EQ(hexOf(frame.pkt), images[frame.name]) << frame.name;
+    for (const Frame& frame : frames()) {
+        if (const auto image = images.extract(frame.name)) {
+            EXPECT_EQ(hexOf(frame.pkt), image.mapped()) << frame.name;
+        }
     }
+    EXPECT_TRUE(images.empty());
 }
 
 TEST(Frames, AreGoodToTsharkAndDescribed) {

@@ -40,14 +40,12 @@ def ip6(dst, src=LL, **fields):
 INNER = Ether(dst=MAC, src=MAC2) / IP(src=B, dst=A, id=0) / UDP(sport=1024, dport=40000) / Raw(b"data")
 FRAMES = {
     "arp.request": ether() / ARP(op=1, hwsrc=MAC, psrc=A, hwdst="00:00:00:00:00:00", pdst=B),
-    "arp.reply": ether() / ARP(op=2, hwsrc=MAC, psrc=A, hwdst=MAC2, pdst=B),
     "vrrp2": ip("224.0.0.18", 255, 112) / VRRP(
         vrid=7, priority=200, adv=3, addrlist=[A, B], auth1=0, auth2=0),
     "vrrp3": ip("224.0.0.18", 255, 112) / VRRPv3(vrid=7, priority=200, adv=300, addrlist=[A, B]),
     "vrrp6": ip6("ff02::12", nh=112) / VRRPv3(vrid=7, priority=200, adv=300, addrlist=[LL2]),
     "igmp1.query": ip("224.0.0.1", 1, 2) / IGMP(type=0x11, mrcode=0, gaddr="0.0.0.0"),
     "igmp2.report": ip("239.1.2.3", 1, 2) / IGMP(type=0x16, mrcode=0, gaddr="239.1.2.3"),
-    "igmp2.leave": ip("224.0.0.2", 1, 2) / IGMP(type=0x17, mrcode=0, gaddr="239.1.2.3"),
     "igmp3.query": ip("239.1.2.3", 1, 2) / IGMPv3(type=0x11, mrcode=100) / IGMPv3mq(
         gaddr="239.1.2.3", s=1, qrv=2, qqic=125, srcaddrs=[A, B]),
     "igmp3.report": ip("224.0.0.22", 1, 2) / IGMPv3(type=0x22, mrcode=0) / IGMPv3mr(records=[

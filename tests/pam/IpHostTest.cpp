@@ -8,7 +8,6 @@
 #include <random>
 #include <type_traits>
 
-#include "Pavo/BpfFilter.h"
 #include "Pavo/Ip6SocketPam.h"
 #include "Pavo/IpSocketPam.h"
 #include "pam/PamFixture.h"
@@ -105,11 +104,6 @@ class TwinWorld {
             }
         };
         Twin<Endpoint> twin{side, make(), hosts_[side]->attach(make())};
-        both(twin, [&](auto& pam, uint32_t) {
-            if constexpr (isUdp) {
-                pam.localAddrIs(IpGenAddr(six_ ? ipv6 : ipv4));
-            }
-        });
         configure(twin);
         enable(twin);
         return twin;
@@ -211,6 +205,7 @@ class TwinWorld {
         const IpGenAddr toHdr = to.address().isZero() ? addr("127.0.0.1") : to;
         const auto port = static_cast<uint16_t>(5000 + below(3));
         const bool isNamed = !isUdp && to.isMulticast();
+        const bool isBatch = oneIn(4);
         const auto sendTo = [&](Endpoint& pam, uint32_t eth) {
             pam.txSrcIpAddrIs(from);
             pam.txIfIndexIs(isNamed ? eth : 0);
@@ -221,7 +216,7 @@ class TwinWorld {
             }
             const bool hasHdr = !isUdp && (pam.options() & ipHdrIncl) != 0;
             const Ptr<Pkt> pkt = hasHdr ? pktWithHeader(text, 77, inHdr, toHdr) : pktOf(text);
-            pam.txPktIs(pkt);
+            isBatch ? (void)pam.txPktsIs(std::vector(2, pkt)) : pam.txPktIs(pkt);
         };
         for (int times = oneIn(2) ? 2 : 1; times != 0; --times) {
             sendTo(*twin.sim, IpHost::ethIfIndex);
@@ -250,20 +245,10 @@ class TwinWorld {
                (isUdp ? " " + std::to_string(info.dstPort.value()) : "") + " " +
                std::to_string(info.origDstPort.value()) + (info.truncated ? " truncated" : "");
     }
-    // A failed read, such as of an error, does not end it.
     static void read(Endpoint& pam, uint32_t eth, Texts* texts) {
-        for (int failed = 0; failed < 2;) {
-            const std::size_t before = texts->size();
-            if (pam.enableBulkRead()) {
-                const auto packets = static_cast<uint32_t>(pam.rxPktBulk());
-                for (uint32_t slot = 0; slot < packets; ++slot) {
-                    texts->push_back(describe(*pam.savedPacket(slot), pam.rxInfo(slot), eth));
-                }
-            } else if (const Ptr<Pkt> pkt = pam.rxPkt()) {
-                texts->push_back(describe(*pkt, pam.rxInfo(), eth));
-            }
-            failed += texts->size() == before ? 1 : 0;
-        }
+        readAll(pam, pam.enableBulkRead(), [&](const Pkt& pkt, const RxInfo& info) {
+            texts->push_back(describe(pkt, info, eth));
+        });
     }
     void compareReceived() {
         for (const Twin<Endpoint>& twin : twins_) {
@@ -303,13 +288,11 @@ class IpHostTest : public PamFixture {
         const Wire wire;
         for (const char* netNs : {"left", "right"}) {  // Every error is sent.
             const ScopedNetNs inside(netNs);
-            const std::string sysctl = "/proc/sys/net/";
-            for (const char* file :
-                 {"ipv4/icmp_ratelimit", "ipv4/icmp_ratemask", "ipv6/icmp/ratelimit"}) {
-                std::ofstream(sysctl + file) << 0;
-            }
-            for (const char* file : {"ipv4/icmp_msgs_per_sec", "ipv4/icmp_msgs_burst"}) {
-                std::ofstream(sysctl + file) << 1'000'000;
+            for (const std::string file :
+                 {"4/icmp_ratelimit", "4/icmp_ratemask", "6/icmp/ratelimit", "4/icmp_msgs_per_sec",
+                  "4/icmp_msgs_burst"}) {
+                const bool isLimit = file.find("msgs") != std::string::npos;
+                std::ofstream("/proc/sys/net/ipv" + file) << (isLimit ? 1'000'000 : 0);
             }
         }
         for (const uint32_t seed : PavoTest::Seeds(200)) {

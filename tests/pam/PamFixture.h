@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <functional>
 #include <sstream>
@@ -133,6 +134,20 @@ inline std::string rxAttributes(const RawIpPam& pam) {
                   pam.rxTOS(), pam.rxTTL());
 }
 
+// Passes on all that can be read. A failed read, such as of an error, does not end it.
+template <class Endpoint, class Take>
+void readAll(Endpoint& pam, bool inBatches, Take take) {
+    for (int failed = 0; failed < 2;) {
+        const auto packets = inBatches ? static_cast<uint32_t>(pam.rxPktBulk()) : 0;
+        for (uint32_t slot = 0; slot < packets; ++slot) {
+            take(*pam.savedPacket(slot), pam.rxInfo(slot));
+        }
+        const Mox::Ptr<Pkt> pkt = inBatches ? nullptr : pam.rxPkt();
+        pkt ? take(*pkt, pam.rxInfo()) : void();
+        failed += packets == 0 && !pkt ? 1 : 0;
+    }
+}
+
 // Endpoints for an experimental protocol.
 class PamFixture : public PavoTest::SandboxTest {
   protected:
@@ -166,6 +181,22 @@ class PamFixture : public PavoTest::SandboxTest {
     }
 
     Mox::EventLoop loop_;
+};
+
+// Endpoints of both families: each test runs for IPv4 and for IPv6.
+class FamilyFixture : public PamFixture, public testing::WithParamInterface<AddressFamily> {
+  public:
+    static std::string nameOf(const testing::TestParamInfo<AddressFamily>& test) {
+        return test.param == ipv4 ? "ipv4" : "ipv6";
+    }
+
+  protected:
+    static bool isV6() { return GetParam() == ipv6; }
+    template <class T>
+    static T pick(T four, T six) {
+        return isV6() ? six : four;
+    }
+    static IpGenAddr loopback() { return addr(pick("127.0.0.1", "::1")); }
 };
 
 }  // namespace Pavo

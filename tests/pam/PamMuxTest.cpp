@@ -8,8 +8,8 @@
 #include "Mox/Clock.h"
 #include "Pavo/BpfFilter.h"
 #include "Pavo/BuildPkt.h"
-#include "Pavo/IpHost.h"
 #include "Pavo/PamConnector.h"
+#include "Pavo/UdpPam.h"
 #include "pam/PamFixture.h"
 #include "support/Seeds.h"
 
@@ -96,6 +96,7 @@ class Maker {
 
 // What a client gets, by a walk over all of them.
 struct Model {
+    int age = 0;
     Ptr<PamMuxPam> client = nullptr;
     std::string waiting = {};
     uint32_t drops = 0;
@@ -121,48 +122,34 @@ PamMuxMatch randomMatch(Maker& maker) {
 
 // Returns whether a client takes it.
 bool distribute(std::vector<Model>& models, const Made& made) {
-    std::vector<Model*> order;
-    for (Model& each : models) {
-        order.push_back(&each);
-    }
-    std::stable_sort(order.begin(), order.end(), [](const Model* a, const Model* b) {
-        return a->client->place() < b->client->place();
+    std::sort(models.begin(), models.end(), [](const Model& a, const Model& b) {
+        return std::pair(a.client->place(), a.age) < std::pair(b.client->place(), b.age);
     });
     bool isClaimed = false;
-    for (Model* each : order) {
-        if (!wants(*each->client, made)) {
+    for (Model& each : models) {
+        if (!wants(*each.client, made)) {
             continue;
         }
         isClaimed = true;
-        const bool fits = each->waiting.size() < each->client->maxWaiting();
-        fits ? each->waiting.push_back(made.serial) : (void)++each->drops;
-        if (!each->client->takesCopies()) {
+        const bool fits = each.waiting.size() < each.client->maxWaiting();
+        fits ? each.waiting.push_back(made.serial) : (void)++each.drops;
+        if (!each.client->takesCopies()) {
             break;
         }
     }
     return isClaimed;
 }
 
-std::string readAll(PamMuxPam& client, bool inBatches) {
+std::string serialsOf(PamMuxPam& client, bool inBatches) {
     std::string serials;
-    const auto add = [&](const Ptr<Pkt>& pkt) { serials += pkt->stringValue().view().back(); };
-    if (!inBatches) {
-        while (const Ptr<Pkt> pkt = client.rxPkt()) {
-            add(pkt);
-        }
-    }
-    while (const auto packets = static_cast<uint32_t>(client.rxPktBulk())) {
-        for (uint32_t slot = 0; slot < client.savedPacketRx().members(); ++slot) {
-            EXPECT_EQ(client.savedPacketRx(slot), slot < packets);
-            slot < packets ? add(client.savedPacket(slot)) : void();
-        }
-    }
+    readAll(client, inBatches,
+            [&](const Pkt& pkt, const RxInfo&) { serials += pkt.stringValue().view().back(); });
     return serials;
 }
 
 void changeClients(Maker& maker, PamMux* mux, std::vector<Model>* models, int name) {
     if (models->empty() || !maker.oneIn(3)) {
-        Model model{.client = mux->clientIs("client " + std::to_string(name), randomMatch(maker))};
+        Model model{name, mux->clientIs(std::to_string(name), randomMatch(maker))};
         model.client->takesCopiesIs(maker.oneIn(3));
         model.client->maxWaitingIs(maker.oneIn(3) ? 2 : 1024);
         model.client->bulkReadLimitIs(1 + maker.below(3));
@@ -198,7 +185,7 @@ TEST(PamMux, GivesEachPacketToTheFirstClientThatWantsIt) {
             clock.advance(1);
             EXPECT_EQ(mux->unclaimedPkts(), unclaimed);
             for (Model& each : models) {
-                EXPECT_EQ(readAll(*each.client, maker.oneIn(2)), each.waiting);
+                EXPECT_EQ(serialsOf(*each.client, maker.oneIn(2)), each.waiting);
                 EXPECT_EQ(each.client->rxDrops(), each.drops);
                 each.waiting.clear();
             }
@@ -245,7 +232,7 @@ PamMuxMatch bytesFrom(char first, char last) {
     });
 }
 
-struct MuxScene : testing::Test {
+struct MuxScene : PamFixture {
     Ptr<PamMuxPam> newClient(const char* name, char first, char last) {
         const auto client = mux->clientIs(name, bytesFrom(first, last));
         watches.emplace_back(client, Pam::readableCountAttr,
@@ -253,9 +240,8 @@ struct MuxScene : testing::Test {
         return client;
     }
 
-    Mox::EventLoop loop;
     Ptr<BatchPam> lower = Mox::make<BatchPam>();
-    Ptr<PamMux> mux = pamMuxFactory("mux", lower, loop.clock());
+    Ptr<PamMux> mux = pamMuxFactory("mux", lower, loop_.clock());
     std::string log;
     std::vector<Mox::Watch<PamMuxPam>> watches;
     std::function<void(PamMuxPam*)> onReport = [this](PamMuxPam* client) {
@@ -269,8 +255,8 @@ TEST_F(MuxScene, ReportsEachClientOnceATurnWhileItLeavesPackets) {
     mux->enabledIs(true);
     const auto turn = [&](const char* arriving) {
         log.clear();
-        loop.defer([this, arriving] { lower->arrive(arriving); });
-        loop.turn(0);
+        loop_.defer([this, arriving] { lower->arrive(arriving); });
+        loop_.turn(0);
         return log;
     };
     EXPECT_EQ(turn("ab1cd2!"), "a1");
@@ -283,14 +269,10 @@ TEST_F(MuxScene, ReportsEachClientOnceATurnWhileItLeavesPackets) {
     onReport = [](auto) {};  // Nobody reads: no second report, and nothing to do.
     turn("ghi");
     turn("jkl");
-    uint32_t turns = 0;
-    while (loop.turn(0) != 0 && turns < 10) {
-        ++turns;
-    }
-    EXPECT_LT(turns, 10u);
+    EXPECT_LT(turnsUntilQuiet(), 10u);
     const uint32_t reports = letters->readableCount();
     EXPECT_EQ(letters->rxPkt()->stringValue(), "g");  // From here on it is reported again.
-    loop.turn(0);
+    loop_.turn(0);
     EXPECT_EQ(letters->readableCount(), reports + 1);
     EXPECT_EQ(reports, 7u);
 }
@@ -336,33 +318,30 @@ TEST_F(MuxScene, LosesNothingWhenAnObserverThrows) {
     mux->enabledIs(true);
     onReport = [](auto) { throw 4; };
     EXPECT_THROW(lower->arrive("a1!b2"), int);
-    EXPECT_EQ(readAll(*letters, false) + readAll(*digits, true), "ab12");
+    EXPECT_EQ(serialsOf(*letters, false) + serialsOf(*digits, true), "ab12");
     EXPECT_EQ(mux->unclaimedPkts(), 1u);
 }
 
-TEST(PamMux, KnowsOfRemovedHeadersAndAsksFilters) {
-    Mox::ManualClock clock;
-    const auto wire = pamConnectorFactory(&clock);
-    const auto host = ipHostFactory("host", wire->pam("pam0"), &clock);
-    const auto lower = host->attach(udpPamFactory("lower"));
-    lower->localAddrIs(addr("::1"));
-    lower->localPortIs(7);
-    lower->remoteIs({addr("::1"), 7});
-    lower->enabledIs(true);
+TEST_F(MuxScene, KnowsOfRemovedHeadersAndAsksFilters) {
+    const auto udp = udpPamFactory("udp");
+    udp->localAddrIs(addr("::1"));
+    udp->enabledIs(true);
+    udp->remoteIs({addr("::1"), udp->boundPort()});
     const auto filter = bpfFilterFactory("filter");
     ASSERT_EQ(filter->tryCompile("ether[0] = 0x41"), "");
-    const auto mux = pamMuxFactory("mux", lower, &clock, CaptureLinkType::rawIp);
+    mux = pamMuxFactory("mux", udp, loop_.clock(), CaptureLinkType::rawIp);
     std::vector<Ptr<PamMuxPam>> clients;
     for (const PamMuxMatch& each :
-         {PamMuxMatch::filter(filter), PamMuxMatch::udpPort(7), PamMuxMatch::udpPort(0x4242),
-          PamMuxMatch::ipProtocol(IpProtocolNumber::udp), PamMuxMatch::etherType(EthType::ip6)}) {
+         {PamMuxMatch::filter(filter), PamMuxMatch::udpPort(udp->boundPort()),
+          PamMuxMatch::udpPort(0x4242), PamMuxMatch::ipProtocol(IpProtocolNumber::udp),
+          PamMuxMatch::etherType(EthType::ip6)}) {
         clients.push_back(mux->clientIs(std::to_string(clients.size()), each));
         clients.back()->takesCopiesIs(true);
     }
     mux->enabledIs(true);
     clients[0]->txPktIs(pktOf("AAAAAAAAAAAAAAAA"));
     clients[0]->txPktIs(pktOf("BBBBBBBBBBBBBBBB"));  // "BB" is where a header has its port.
-    clock.advance(1);
+    turnsUntilQuiet();
     for (const uint32_t expected : {1u, 2u, 0u, 2u, 2u}) {
         EXPECT_EQ(clients.front()->waiting(), expected) << clients.size();
         clients.erase(clients.begin());

@@ -307,23 +307,14 @@ struct MuxWorld : PavoTest::RandomProgram {
         }
         return held;
     }
-    void dropMux() {
-        watch = {};
-        mux = nullptr;
-    }
     PamMuxMatch anyMatch() {
-        switch (below(4)) {
-            case 0:
-                return PamMuxMatch::udpPort(port);
-            case 1:
-                return PamMuxMatch::ipProtocol(IpProtocolNumber::udp);
-            case 2:
-                return PamMuxMatch::all();
-            default:
-                return PamMuxMatch::function([this](const Ptr<Pkt>&, const RxInfo&) {
-                    return oneIn(3) && !isAtRest ? throw Thrown() : oneIn(2);
-                });
-        }
+        const auto function = [this](const Ptr<Pkt>&, const RxInfo&) {
+            return oneIn(3) && !isAtRest ? throw Thrown() : oneIn(2);
+        };
+        const PamMuxMatch matches[] = {PamMuxMatch::udpPort(port), PamMuxMatch::all(),
+                                       PamMuxMatch::ipProtocol(IpProtocolNumber::udp),
+                                       PamMuxMatch::function(function)};
+        return matches[below(std::size(matches))];
     }
     void addClient() {
         const auto pam = anyMux()->clientIs(std::to_string(below(4)), anyMatch());
@@ -343,10 +334,6 @@ struct MuxWorld : PavoTest::RandomProgram {
         }
         return any(clients);
     }
-    void forgetClient() {
-        const auto gone = anyClient();
-        std::erase(clients, gone);
-    }
 
     std::vector<Actions> kinds() {
         const auto client = [this](auto act) { return [=, this] { act(*Ptr(anyClient()->pam)); }; };
@@ -358,13 +345,13 @@ struct MuxWorld : PavoTest::RandomProgram {
             {"send batch", client([](auto& pam) { pam.txPktsIs(std::vector(3, pktOf("x"))); })},
             {"add", [this] { addClient(); }},
             {"delete", [this] { anyMux()->clientDel(std::to_string(below(4))); }},
-            {"forget", [this] { forgetClient(); }},
+            {"forget", [this] { std::erase(clients, anyClient()); }},
             {"place", client([this](auto& pam) { pam.placeIs(static_cast<int>(below(3))); })},
             {"copies", client([this](auto& pam) { pam.takesCopiesIs(!oneIn(3)); })},
             {"limit", client([this](auto& pam) { pam.maxWaitingIs(below(4)); })},
             {"enable", [this] { anyMux()->enabledIs(!oneIn(4)); }},
             {"bulk", [this] { lower->enableBulkReadIs(oneIn(2)); }},
-            {"drop", [this] { dropMux(); }},
+            {"drop", [this] { watch = {}, mux = nullptr; }},
         }};
     }
     void run() {
