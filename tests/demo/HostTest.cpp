@@ -50,6 +50,8 @@ TEST(Host, AnswersWhatIsForItAndNothingElse) {
         {"solicitation from afar", in(ip6, forHost, peers)},
         {"ping", in(ip, Icmp(), "data"), "echo reply"},
         {"ping for another", in(Ip{.src = ip.dst, .dst = ip.src}, Icmp())},
+        {"ping to another station", buildPkt(Eth{.dst = peerMac}, ip, Icmp())},
+        {"ping from a group", in(Ip{.src = "224.0.0.5"_ip, .dst = ip.dst}, Icmp())},
         {"bad ping", in(ip, Icmp{.checksum = bad})},
         {"ping of IPv6", in(ip6, Icmp6()), "echo reply"},
         {"bad ping of IPv6", in(ip6, Icmp6{.checksum = bad})},
@@ -58,6 +60,7 @@ TEST(Host, AnswersWhatIsForItAndNothingElse) {
         {"datagram without checksum", in(ip, noSum), "[udp sum ok] length 0"},
         {"datagram of IPv6 without checksum", in(ip6, noSum)},
         {"bad datagram", in(ip, Udp{.srcPort = 1024, .dstPort = 7, .checksum = bad})},
+        {"datagram of another such host", in(ip, Udp{.srcPort = 7, .dstPort = 7})},
         {"datagram to another port", in(ip, Udp{.srcPort = 1024, .dstPort = 8})},
     };
     for (const auto& row : rows) {
