@@ -72,7 +72,7 @@ class TapPamTest : public PamFixture {
     void expectReceives(const Mox::Ptr<TapPam>& tap, const std::vector<Mox::Ptr<Pkt>>& pkts) {
         for (const auto& each : pkts) {
             const auto pkt = receive(tap);
-            EXPECT_EQ(bytesOf(pkt), bytesOf(each).substr(0, tap->maxRxPktData()));
+            ASSERT_EQ(bytesOf(pkt), bytesOf(each).substr(0, tap->maxRxPktData()));
             EXPECT_EQ(tap->rxInfo().truncated, bytesOf(each).size() > tap->maxRxPktData());
             EXPECT_FALSE(pkt->hasSeparateVlanTag());
         }
