@@ -79,10 +79,12 @@ TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
     const IpGenAddrAndPort nobody = endOf(loopback(), gone);
     gone->enabledIs(false);
     const auto pam = opened(newServer(loopback(), "", ipRecvErr));
+    const Mox::Watch<UdpPam> readable(pam, Pam::readableCountAttr, [&] { (void)pam->rxPkt(); });
+    (void)turnsUntilQuiet();
+    const uint32_t errors = pam->rxErrors();
     pam->remoteIs(nobody);
     pam->txPktIs(pktOf("nobody listens"));
     std::vector<QueuedError> seen;
-    const Mox::Watch<UdpPam> readable(pam, Pam::readableCountAttr, [&] { (void)pam->rxPkt(); });
     const Mox::Watch<UdpPam> failed(pam, Pam::rxErrorsAttr, [&] {
         seen.insert(seen.end(), pam->queuedErrors().begin(), pam->queuedErrors().end());
     });
@@ -93,7 +95,7 @@ TEST_P(UdpPamTest, TheErrorQueueNamesTheDestinationThatFailed) {
     EXPECT_EQ(seen[0].reporter, loopback());
     EXPECT_EQ(seen[0].icmpType, pick(3, 1));  // Destination unreachable.
     EXPECT_EQ(seen[0].icmpCode, pick(3, 4));  // The port.
-    EXPECT_GE(pam->rxErrors(), 2u);
+    EXPECT_GE(pam->rxErrors(), errors + 2);
 }
 
 TEST_P(UdpPamTest, EnablingSucceedsWholeOrLeavesNothing) {
