@@ -116,7 +116,7 @@ RxRound IpHostEnd::readOne(PamSocket* socket, const RxSettings& settings, Mox::P
         *pkt = std::move(room);
         round.truncated = info->truncated ? 1 : 0;
     }
-    if ((settings.options & ipRecvDrops) != 0) {
+    if (round.packets != 0 && (settings.options & ipRecvDrops) != 0) {  // A packet reports them.
         const uint32_t drops = drops_ + client_->rxDrops();
         round.drops = drops - std::exchange(reportedDrops_, drops);
     }
