@@ -136,9 +136,7 @@ void TcpPduPam::modeIs(TcpPduPamEnableMode mode) {
         return;
     }
     mark(enableModeChanged);
-    if (enabled() != wasEnabled) {
-        mark(enabledChanged);
-    }
+    enabled() != wasEnabled ? mark(enabledChanged) : void();
     initialized_ = initialized_ || enabled();
 }
 
@@ -162,10 +160,9 @@ void TcpPduPam::settle() {
 
 void TcpPduPam::followStates() {
     if (const auto mode = pendingMode_; mode != tcpEnableModeNone && !mustWait(mode)) {
-        MOX_TRACE(facility, 5,
-                  mode == tcpEnableModeReadOnly
-                      ? "pending txPkt complete, setting enabledMode to readOnly"
-                      : "pending rxPkt complete, setting enabledMode to writeOnly");
+        const bool reads = mode == tcpEnableModeReadOnly;
+        MOX_TRACE(facility, 5, "pending ", reads ? "txPkt" : "rxPkt",
+                  " complete, setting enabledMode to ", reads ? "readOnly" : "writeOnly");
         pendingMode_ = tcpEnableModeNone;
         mark(pendingModeChanged);
         modeIs(mode);
@@ -340,8 +337,7 @@ void TcpPduPam::readFailed(Mox::String reason) {
 
 void TcpPduPam::doGetRxPkt() {
     if (taken_ && readable_) {
-        // A PDU came after the one that an observer kept from its reader, which answers its report.
-        mark(readableCounted);
+        mark(readableCounted);  // Of a later PDU: its report is answered by the one that was kept.
         deferredServing_->request();
     }
     if (!taken_) {
