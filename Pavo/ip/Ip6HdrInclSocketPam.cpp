@@ -127,15 +127,8 @@ uint32_t Ip6HdrInclSocketPam::sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>>
     Ip6HdrInclSocketPam& self = *static_cast<Ip6HdrInclSocketPam*>(pam);
     Mox::require(self.enabled(), "enabled()");
     self.txErrnoIs(0);
-    TxResult result;
-    while (result.taken < pkts.size() && !isNoRoom(result.error)) {
-        const int error = self.sendInner(pkts[result.taken]);
-        result.sent += error == 0 ? 1 : 0;
-        result.taken += isNoRoom(error) ? 0 : 1;
-        result.error = error != 0 ? error : result.error;
-    }
-    result.failed = static_cast<uint32_t>(pkts.size()) - result.sent;
-    return self.sendEnded(nullptr, result);
+    const auto send = [&self](const Mox::Ptr<Pkt>& pkt) { return self.sendInner(pkt); };
+    return self.sendEnded(nullptr, sendEachPkt(pkts, send));
 }
 
 Mox::Ptr<Ip6HdrInclSocketPam> ip6HdrInclSocketPamFactory(Mox::String name,

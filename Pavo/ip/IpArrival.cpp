@@ -30,16 +30,19 @@ bool IpArrival::read(const Mox::Ptr<Pkt>& pkt, IpArrival* arrival) {
 }
 
 void IpArrival::readUdp() {
+    if (msg.protocol != IpProtocolNumber::udp) {
+        return;
+    }
     const auto udp = msg.hdr<UdpHdr>();
-    if (!udp || msg.protocol != IpProtocolNumber::udp) {
+    if (!udp) {
         return;
     }
     srcPort = udp->srcPort();
     dstPort = udp->dstPort();
     const bool hasNone = msg.src.af() == ipv4 && udp->checksum() == IpChecksum();  // RFC 8200, 8.1.
     const uint16_t bytes = udp->udpLen();
-    const bool isRight = msg.checksum(bytes, msg.pseudoHdrSum(bytes)) == IpChecksum();
-    udpBytes = hasNone || isRight ? bytes : 0;
+    const bool isRight = hasNone || msg.checksum(bytes, msg.pseudoHdrSum(bytes)) == IpChecksum();
+    udpBytes = isRight ? bytes : 0;
 }
 
 // The IP header comes back with the ports that follow it.
@@ -57,7 +60,7 @@ bool IpArrival::readUnreachable(PktInfo* sent) const {
         return false;
     }
     const uint8_t* const begin = msg.pkt->frontData() + msg.offset + icmpBytes;
-    IpProtocolNumber protocol = IpProtocolNumber::udp;
+    IpProtocolNumber protocol;
     uint32_t hdrBytes = sizeof(Ip6Hdr);
     if (six) {
         protocol = reinterpret_cast<const Ip6Hdr*>(begin)->protocolNum();

@@ -51,9 +51,9 @@ struct IpArrival;
 ///   ignored.
 ///
 /// Some things have no effect: limits of memberships, mapped addresses of IPv4 in IPv6, `netNs`,
-/// `priority`, `rxBuf`, `txFlags` and `rxFlags`, the error
-/// queue (`ipRecvErr`), fragments. An endpoint holds 1024 packets; further ones are dropped and
-/// counted as the kernel's drops are (`ipRecvDrops`).
+/// `priority`, `rxBuf`, `txFlags` and `rxFlags`, the error queue (`ipRecvErr`), fragments. An
+/// endpoint holds 1024 packets; further ones are dropped and counted as the kernel's drops are
+/// (`ipRecvDrops`).
 ///
 /// The host holds the end of the connector, and does not hold the endpoints, which do not hold it
 /// either. When the host is destroyed, sends of its endpoints fail with ENETDOWN.

@@ -248,32 +248,26 @@ void IpHostEnd::errorIs(int error) {
 
 namespace {
 
-std::vector<bpf_insn> programOf(const Mox::Array<IpFilter>& filter) {
+// Empty for a program that the kernel refuses.
+std::vector<bpf_insn> validProgramOf(const Mox::Array<IpFilter>& filter) {
     std::vector<bpf_insn> program;
     for (uint32_t i = 0; i < filter.members(); ++i) {
         const IpFilter& each = filter.at(i);
         program.push_back({each.code(), each.jt(), each.jf(), each.k()});
     }
-    return program;
-}
-
-bool isValid(const std::vector<bpf_insn>& program) {
-    return bpf_validate(program.data(), static_cast<int>(program.size())) != 0;
+    const bool isValid = bpf_validate(program.data(), static_cast<int>(program.size())) != 0;
+    return isValid ? program : std::vector<bpf_insn>();
 }
 
 }  // namespace
 
 void IpHostEnd::attachFilter(const Mox::Array<IpFilter>& filter) {
     hasProgram_ = (options() & ipAttachFilter) != 0;
-    program_ = hasProgram_ ? programOf(filter) : std::vector<bpf_insn>();
-    if (!hasProgram_) {
-        return;
-    }
-    if (filter.members() == 0) {
-        throw Mox::ErrnoException(EINVAL, noFilterText);
-    }
-    if (!isValid(program_)) {
-        throw Mox::ErrnoException(EINVAL, "setsockopt(SO_ATTACH_FILTER)");
+    program_ = hasProgram_ ? validProgramOf(filter) : std::vector<bpf_insn>();
+    if (hasProgram_ && program_.empty()) {
+        const bool isMissing = filter.members() == 0;
+        throw Mox::ErrnoException(EINVAL,
+                                  isMissing ? noFilterText : "setsockopt(SO_ATTACH_FILTER)");
     }
 }
 
@@ -282,9 +276,9 @@ bool IpHostEnd::passesFilter(const Mox::Array<IpFilter>& filter, const IpArrival
                              uint32_t offset) {
     const bool isOn = (options() & ipAttachFilter) != 0;
     if (std::exchange(hasProgram_, isOn) != isOn) {
-        program_ = isOn ? programOf(filter) : std::vector<bpf_insn>();
+        program_ = isOn ? validProgramOf(filter) : std::vector<bpf_insn>();
     }
-    if (!isOn || !isValid(program_)) {
+    if (program_.empty()) {
         return true;
     }
     const auto bytes = arrival.msg.pkt->span().subspan(offset);

@@ -6,14 +6,7 @@ namespace Pavo {
 
 TxResult IpTransport::sendEach(std::span<const Mox::Ptr<Pkt>> pkts, const TxInfo& info,
                                const Mox::String& ifName) {
-    TxResult result;
-    for (const Mox::Ptr<Pkt>& each : pkts) {
-        const int error = send(*each, info, ifName);
-        ++(error == 0 ? result.sent : result.failed);
-        ++result.taken;
-        result.error = error != 0 ? error : result.error;
-    }
-    return result;
+    return sendEachPkt(pkts, [&](const Mox::Ptr<Pkt>& pkt) { return send(*pkt, info, ifName); });
 }
 
 std::unique_ptr<RxBatch> IpTransport::readBatch(PamSocket* socket, const RxSettings& settings,

@@ -81,10 +81,10 @@ void RawIpPam::start() {
 }
 
 void RawIpPam::handleCleanup() {
-    FirstException exception;
     if (transport_) {
         transport_->close();
     }
+    FirstException exception;
     exception.collect([this] { fileDescDel(); });
     exception.collect([this] { enabledStore(false); });
     exception.rethrow();

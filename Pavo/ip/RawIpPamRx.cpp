@@ -66,16 +66,16 @@ int32_t RawIpPam::doGetRxPktBulk() {
     if (!batch) {
         return nothingInBulk();
     }
-    const RxRound round = batch->round;
     FirstException exception;
     int32_t packets = 0;
     exception.collect([&] {
-        packets = slotsPublish(&batch->pkts, batch->read(), [&] {
+        // Two pointers: more of them would make `std::function` allocate for each batch.
+        packets = slotsPublish(&batch->pkts, batch->read(), [this, all = batch.get()] {
             FirstException counting;
-            if (round.packets != 0) {
-                counting.collect([&] { packetInfoIs(batch->read().back(), round.carried); });
+            if (all->round.packets != 0) {
+                counting.collect([&] { packetInfoIs(all->read().back(), all->round.carried); });
             }
-            counting.collect([&] { countRead(round); });
+            counting.collect([&] { countRead(all->round); });
             counting.rethrow();
         });
     });

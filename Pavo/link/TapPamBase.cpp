@@ -37,28 +37,13 @@ int readFrame(int fd, uint32_t maxBytes, Pkt& pkt, RxInfo* info) {
     return 0;
 }
 
-// A device has no call that writes several frames.
-TxResult writeFrames(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
-    TxResult result;
-    for (const Mox::Ptr<Pkt>& each : pkts) {
-        const Mox::Ptr<Pkt> frame = pktWithTagInFrame(each);
-        iovec data[Pkt::maxIovecs_];
-        const uint32_t pieces = frame->copyIovecs(data);
-        const ssize_t written = writev(fd, data, static_cast<int>(pieces));
-        if (written > 0) {
-            ++result.sent;
-            ++result.taken;
-            continue;
-        }
-        result.error = written < 0 ? errno : EINVAL;  // An empty frame does not reach the device.
-        if (isNoRoom(result.error)) {
-            result.failed += static_cast<uint32_t>(pkts.size()) - result.taken;
-            break;
-        }
-        ++result.failed;
-        ++result.taken;
-    }
-    return result;
+// Returns 0, or why the frame was not sent, as an `errno`. An empty one does not reach the device.
+int writeFrame(int fd, const Mox::Ptr<Pkt>& pkt) {
+    const Mox::Ptr<Pkt> frame = pktWithTagInFrame(pkt);
+    iovec data[Pkt::maxIovecs_];
+    const uint32_t pieces = frame->copyIovecs(data);
+    const ssize_t written = writev(fd, data, static_cast<int>(pieces));
+    return written > 0 ? 0 : written < 0 ? errno : EINVAL;
 }
 
 // The name of a tap device without IFF_VNET_HDR. IFF_NO_PI cannot be checked: its bit is that of
@@ -140,7 +125,7 @@ void TapPamBase::doGetRxPkt() {
 }
 
 TxResult TapPamBase::send(int fd, std::span<const Mox::Ptr<Pkt>> pkts) {
-    return writeFrames(fd, pkts);
+    return sendEachPkt(pkts, [fd](const Mox::Ptr<Pkt>& pkt) { return writeFrame(fd, pkt); });
 }
 
 }  // namespace Pavo

@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Pavo/pam/PamSocket.h"
-
 namespace Pavo {
 
 msghdr TxHead::message(iovec* pieces, std::size_t count) const {

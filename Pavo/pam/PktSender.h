@@ -15,6 +15,7 @@
 #include "Mox/Trace.h"
 #include "Pavo/base/FirstException.h"
 #include "Pavo/packet/Pkt.h"
+#include "Pavo/pam/PamSocket.h"
 
 namespace Pavo {
 
@@ -51,6 +52,21 @@ int sendPkt(int fd, const TxHead& head, const Pkt& pkt, const Mox::TraceFacility
 /// that is refused. It stops where there is no room.
 TxResult sendPkts(int fd, const TxHead& head, std::span<const Mox::Ptr<Pkt>> pkts,
                   const Mox::TraceFacility& trace);
+
+/// Packets one after the other with `send(pkt)`, which returns 0 or why it was not sent, as an
+/// `errno`. It stops where there is no room.
+template <class Send>
+TxResult sendEachPkt(std::span<const Mox::Ptr<Pkt>> pkts, Send send) {
+    TxResult result;
+    while (result.taken < pkts.size() && !isNoRoom(result.error)) {
+        const int error = send(pkts[result.taken]);
+        result.sent += error == 0 ? 1 : 0;
+        result.taken += isNoRoom(error) ? 0 : 1;
+        result.error = error != 0 ? error : result.error;
+    }
+    result.failed = static_cast<uint32_t>(pkts.size()) - result.sent;
+    return result;
+}
 
 /// Traces why a send failed. When there was no room on `fd`, which may be null, room is reported
 /// later.

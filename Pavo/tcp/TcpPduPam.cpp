@@ -136,7 +136,9 @@ void TcpPduPam::modeIs(TcpPduPamEnableMode mode) {
         return;
     }
     mark(enableModeChanged);
-    enabled() != wasEnabled ? mark(enabledChanged) : void();
+    if (enabled() != wasEnabled) {
+        mark(enabledChanged);
+    }
     initialized_ = initialized_ || enabled();
 }
 
@@ -160,9 +162,10 @@ void TcpPduPam::settle() {
 
 void TcpPduPam::followStates() {
     if (const auto mode = pendingMode_; mode != tcpEnableModeNone && !mustWait(mode)) {
-        const bool reads = mode == tcpEnableModeReadOnly;
-        MOX_TRACE(facility, 5, "pending ", reads ? "txPkt" : "rxPkt",
-                  " complete, setting enabledMode to ", reads ? "readOnly" : "writeOnly");
+        MOX_TRACE(facility, 5,
+                  mode == tcpEnableModeReadOnly
+                      ? "pending txPkt complete, setting enabledMode to readOnly"
+                      : "pending rxPkt complete, setting enabledMode to writeOnly");
         pendingMode_ = tcpEnableModeNone;
         mark(pendingModeChanged);
         modeIs(mode);
@@ -371,61 +374,6 @@ void TcpPduPam::afterTaking() {
         changes_ &= ~(1u << readableChanged);
         notify(readableAttr);
     }
-}
-
-void TcpPduPam::txPktIsImpl(Mox::Ptr<Pkt> pkt) {
-    if (!pkt || pkt->totalBytes() == 0) {
-        MOX_TRACE(facility, 5, "Nothing to send");
-        return;
-    }
-    Mox::require(!txPktHolderShadow(), "!txPktHolderShadow()");
-    Mox::require(writable(), "writable()");
-    sendPkt(std::move(pkt));
-}
-
-void TcpPduPam::sendPkt(Mox::Ptr<Pkt> pkt) {
-    SocketIovec iov[Pkt::maxIovecs_];
-    const auto iovLen = static_cast<uint16_t>(pkt->copyIovecs(iov));
-    sendIov(iov, iovLen);
-}
-
-void TcpPduPam::sendIov(SocketIovec* iov, uint16_t iovLen) {
-    const Mox::Ptr<TcpPduPam> hold(this);
-    const bool resumed = writer_->isWaiting() && iov == writer_->rest();
-    Mox::require(resumed || !txPktHolderShadow(), "!txPktHolderShadow()");
-    if (!TcpPduWriter::fits(iov, iovLen)) {
-        writeErrorIs("Send failed with ", EMSGSIZE);
-    } else if (!isWriting()) {
-        txDropsInc(resumed ? 0 : 1);
-        return;
-    } else {
-        mark(txErrnoCleared);
-        if (const int error = writer_->send(fileDescriptor()->descriptor(), iov, iovLen)) {
-            writeErrorIs("Send failed with ", error);
-        }
-    }
-    settle();
-    publish();
-}
-
-void TcpPduPam::writeErrorIs(const char* text, int error) {
-    Mox::String reason = withError(text, error);
-    MOX_TRACE(facility, 1, name(), ": ", reason);
-    unpublishedTxErrno_ = error;
-    mark(txErrnoSet);
-    if (changed(txErrorReason_, std::move(reason))) {
-        mark(txErrorReasonChanged);
-    }
-    ++uncountedTxErrors_;
-    mark(txErrorsCounted);
-}
-
-void TcpPduPam::handleSocketWritable() {
-    const Mox::Ptr<TcpPduPam> hold(this);
-    if (wantsWriteEvents()) {
-        sendIov(writer_->rest(), txIovLenHolderShadow());
-    }
-    TcpPduPamBase::handleSocketWritable();
 }
 
 SimpleTcpPduPam::~SimpleTcpPduPam() = default;
