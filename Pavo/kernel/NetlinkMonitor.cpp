@@ -1,0 +1,297 @@
+#include "Pavo/kernel/NetlinkMonitor.h"
+
+#include <linux/fib_rules.h>
+#include <linux/if_addr.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Pavo/kernel/NetlinkAttributes.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr double firstBackOffSeconds = 0.01;
+constexpr double maxBackOffSeconds = 1;
+// From then on it is quiet.
+constexpr double quietSeconds = 1;
+
+// NEW, DEL, GET and SET of a table are four consecutive types, of which the first is a multiple of
+// four.
+bool isSameTable(uint16_t a, uint16_t b) {
+    return a / 4 == b / 4;
+}
+
+// Every body begins with the family, in one byte.
+bool concerns(const NetlinkMonitor::Followed& table, const nlmsghdr& message) {
+    if (table.follower == nullptr || !isSameTable(table.getType, message.nlmsg_type)) {
+        return false;
+    }
+    const auto* const family = netlinkBody<uint8_t>(message);
+    return table.family == 0 || (family != nullptr && *family == table.family);
+}
+
+// The body of a dump request has to be that of the table, all zero but for the family, or the
+// kernel refuses it (NETLINK_GET_STRICT_CHK).
+NetlinkMessage dumpRequest(uint16_t getType, uint8_t family) {
+    NetlinkMessage request(getType, NLM_F_REQUEST | NLM_F_DUMP);
+    switch (getType) {
+        case RTM_GETLINK:
+            request.bodyIs<ifinfomsg>().ifi_family = family;
+            break;
+        case RTM_GETADDR:
+            request.bodyIs<ifaddrmsg>().ifa_family = family;
+            break;
+        case RTM_GETROUTE:
+            request.bodyIs<rtmsg>().rtm_family = family;
+            break;
+        case RTM_GETNEIGH:
+            request.bodyIs<ndmsg>().ndm_family = family;
+            break;
+        case RTM_GETRULE:
+            request.bodyIs<fib_rule_hdr>().family = family;
+            break;
+        case RTM_GETQDISC:
+        case RTM_GETTCLASS:
+        case RTM_GETTFILTER:
+            request.bodyIs<tcmsg>().tcm_family = family;
+            break;
+        case RTM_GETNEIGHTBL:
+            request.bodyIs<ndtmsg>().ndtm_family = family;
+            break;
+        default:
+            request.bodyIs<rtgenmsg>().rtgen_family = family;
+    }
+    return request;
+}
+
+// Errors that say nothing about the table.
+bool isPassing(int error) {
+    return error == ENOBUFS || error == ENOMEM || error == EBUSY || error == EINTR ||
+           error == EAGAIN;
+}
+
+}  // namespace
+
+NetlinkMonitor::NetlinkMonitor(NetlinkSession* session, Mox::Clock* clock)
+    : NetlinkReader(session),
+      clock_(clock),
+      timer_(clock, [this] { handleTimer(); }),
+      deadline_(clock, [this] { handleDeadline(); }) {}
+
+void NetlinkMonitor::start(Mox::Ptr<NetlinkPort> port) {
+    for (const Owned& table : followed_) {
+        for (const uint32_t group : table->groups) {
+            port->groupIs(group, true);
+        }
+    }
+    portIs(std::move(port));
+    dumpSoon();
+}
+
+void NetlinkMonitor::stop() {
+    portIs(nullptr);
+    for (const Owned& table : followed_) {
+        table->isDue = true;
+    }
+    running_ = nullptr;
+    isEmpty_ = true;
+    timer_.expiryIs(Mox::Clock::idle);
+    deadline_.expiryIs(Mox::Clock::idle);
+}
+
+void NetlinkMonitor::followIs(Followed table) {
+    if (port() != nullptr) {
+        for (const uint32_t group : table.groups) {
+            port()->groupIs(group, true);
+        }
+    }
+    std::erase_if(followed_, [&](const Owned& each) {
+        const bool isSame = each->getType == table.getType && each->family == table.family &&
+                            each->follower == table.follower;
+        each->follower = isSame ? nullptr : each->follower;
+        return isSame;
+    });
+    followed_.push_back(std::make_shared<Followed>(std::move(table)));
+    dumpSoon();
+}
+
+void NetlinkMonitor::followDel(NetlinkFollower* follower) {
+    std::vector<Owned> gone;
+    for (const Owned& each : followed_) {
+        if (each->follower == follower) {
+            each->follower = nullptr;
+            gone.push_back(each);
+        }
+    }
+    std::erase_if(followed_, [](const Owned& each) { return each->follower == nullptr; });
+    const auto isWanted = [this](uint32_t group) {
+        return std::any_of(followed_.begin(), followed_.end(), [group](const Owned& each) {
+            return std::count(each->groups.begin(), each->groups.end(), group) != 0;
+        });
+    };
+    for (const Owned& each : gone) {
+        for (const uint32_t group : each->groups) {
+            if (port() != nullptr && !isWanted(group)) {
+                port()->groupIs(group, false);
+            }
+        }
+    }
+}
+
+bool NetlinkMonitor::isInSync() const {
+    return port() != nullptr && isEmpty_ &&
+           std::none_of(followed_.begin(), followed_.end(),
+                        [](const Owned& each) { return each->isDue; });
+}
+
+// Notifications of a change that a request made carry that request's numbers: those of other ports,
+// since this one only dumps.
+void NetlinkMonitor::handleMessage(nlmsghdr& message, FirstException* exception) {
+    const bool isOwn = message.nlmsg_pid == port()->portId() && message.nlmsg_seq != 0;
+    if (!isOwn) {
+        handleNotification(message, exception);
+    } else if (running_ != nullptr && message.nlmsg_seq == sequence_) {
+        handleDumpMessage(message, exception);
+    } else {
+        staleAnswersInc(exception);
+    }
+}
+
+void NetlinkMonitor::handleNotification(nlmsghdr& message, FirstException* exception) {
+    const std::vector<Owned> tables = followed_;  // A callback may change them.
+    const Mox::Ptr<NetlinkPort> before = port();
+    for (const Owned& table : tables) {
+        if (port() == before && concerns(*table, message)) {
+            exception->collect([&] { table->follower->callback(&message); });
+        }
+    }
+}
+
+void NetlinkMonitor::handleDumpMessage(nlmsghdr& message, FirstException* exception) {
+    hasProgress_ = true;
+    if ((message.nlmsg_flags & NLM_F_DUMP_INTR) != 0 && !std::exchange(isVoid_, true)) {
+        interruptedDumpsInc(exception);
+    }
+    if (running_ == nullptr) {
+        return;  // An observer has disabled the session.
+    }
+    if (message.nlmsg_type == NLMSG_DONE || message.nlmsg_type == NLMSG_ERROR) {
+        handleDumpEnd(message, exception);
+    } else if (const Owned table = running_; table->follower != nullptr) {
+        exception->collect([&] { table->follower->callback(&message); });
+    }
+}
+
+void NetlinkMonitor::handleDumpEnd(const nlmsghdr& message, FirstException* exception) {
+    const Owned table = std::exchange(running_, nullptr);
+    deadline_.expiryIs(Mox::Clock::idle);
+    const NetlinkAnswer answer = netlinkAnswerOf(message);
+    NetlinkFollower* const follower = table->follower;
+    if (follower != nullptr && (isVoid_ || isPassing(answer.error))) {
+        dumpLater();
+    } else if (follower != nullptr) {
+        table->isDue = false;
+        exception->collect([&] {
+            answer.error == 0 ? follower->handleDumpEnd(table->getType)
+                              : follower->handleDumpRefused(table->getType, answer);
+        });
+    }
+    beginDump(exception);
+}
+
+void NetlinkMonitor::beginDump(FirstException* exception) {
+    while (port() != nullptr && running_ == nullptr && timer_.isIdle() && isEmpty_) {
+        const auto due = std::find_if(followed_.begin(), followed_.end(),
+                                      [](const Owned& each) { return each->isDue; });
+        if (due == followed_.end()) {
+            return;
+        }
+        const Owned table = *due;
+        sendDump(table);
+        if (running_ == table) {
+            exception->collect([&] { table->follower->handleDumpBegin(table->getType); });
+        }
+    }
+}
+
+void NetlinkMonitor::sendDump(const Owned& table) {
+    NetlinkMessage request = dumpRequest(table->getType, table->family);
+    sequence_ = sequence_ == UINT32_MAX ? 1 : sequence_ + 1;
+    request.header()->nlmsg_seq = sequence_;
+    if (port()->send(request.bytes()) != 0) {
+        dumpLater();
+        return;
+    }
+    running_ = table;
+    isVoid_ = false;
+    hasProgress_ = false;
+    troubleAt_ = std::exchange(isRepair_, false) ? clock_->now() : troubleAt_;
+    deadline_.expiryIs(clock_->now() + NetlinkSession::defaultDeadlineSeconds);
+}
+
+// What has not come by now says nothing about what exists. While the kernel's buffer has
+// overflowed it drops everything, without saying so again, until all was read: a dump that begins
+// earlier might miss changes.
+void NetlinkMonitor::handleLoss(FirstException*) {
+    for (const Owned& table : followed_) {
+        table->isDue = true;
+    }
+    isVoid_ = true;
+    isEmpty_ = false;
+    dumpLater();
+}
+
+void NetlinkMonitor::handleCut(const nlmsghdr&, FirstException* exception) {
+    handleLoss(exception);
+}
+
+void NetlinkMonitor::handleEmpty(FirstException* exception) {
+    isEmpty_ = true;
+    beginDump(exception);
+}
+
+void NetlinkMonitor::dumpLater() {
+    const double now = clock_->now();
+    const bool isQuiet = now - troubleAt_ > quietSeconds;
+    troubleAt_ = now;
+    isRepair_ = true;
+    if (!timer_.isIdle()) {
+        return;
+    }
+    backOffSeconds_ =
+        isQuiet ? firstBackOffSeconds : std::min(2 * backOffSeconds_, maxBackOffSeconds);
+    timer_.expiryIs(now + backOffSeconds_);
+}
+
+void NetlinkMonitor::dumpSoon() {
+    if (port() != nullptr && timer_.isIdle() && running_ == nullptr) {
+        timer_.expiryIs(clock_->now());
+    }
+}
+
+void NetlinkMonitor::handleTimer() {
+    const Mox::Ptr<NetlinkSession> hold(session());
+    FirstException exception;
+    beginDump(&exception);
+    exception.rethrow();
+}
+
+void NetlinkMonitor::handleDeadline() {
+    const Mox::Ptr<NetlinkSession> hold(session());
+    if (std::exchange(hasProgress_, false)) {
+        deadline_.expiryIs(clock_->now() + NetlinkSession::defaultDeadlineSeconds);
+        return;
+    }
+    running_ = nullptr;
+    dumpLater();
+    FirstException exception;
+    deadlinesInc(&exception);
+    exception.rethrow();
+}
+
+}  // namespace Pavo

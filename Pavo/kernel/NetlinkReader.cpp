@@ -1,0 +1,176 @@
+#include "Pavo/kernel/NetlinkReader.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "Mox/Trace.h"
+
+#include "Pavo/kernel/NetlinkAttributes.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::NetlinkSession");
+
+// In a turn of the event loop, so that a storm leaves time for everything else.
+constexpr uint32_t datagramsPerTurn = 64;
+// The kernel makes dumps of up to 32 KiB; only a link of many virtual functions takes more.
+constexpr std::size_t bufferBytes = 64 << 10;
+constexpr std::size_t maxBufferBytes = 16 << 20;
+
+// The number in the error field, as an errno.
+int errnoOf(int error) {
+    return error > 0 || error == INT_MIN ? EBADMSG : -error;
+}
+
+}  // namespace
+
+NetlinkAnswer netlinkAnswerOf(const nlmsghdr& message) {
+    NetlinkAnswer answer;
+    std::size_t bodyBytes = sizeof(int);
+    if (message.nlmsg_type == NLMSG_ERROR) {
+        const auto* const body = netlinkBody<nlmsgerr>(message);
+        if (body == nullptr) {
+            return {EBADMSG, {}};
+        }
+        answer.error = errnoOf(body->error);
+        // The whole request follows, unless only its header does.
+        const bool isCapped = (message.nlmsg_flags & NLM_F_CAPPED) != 0;
+        const uint32_t echoed = isCapped ? 0 : body->msg.nlmsg_len;
+        bodyBytes = sizeof(nlmsgerr) + (echoed < sizeof(nlmsghdr) ? 0 : echoed - sizeof(nlmsghdr));
+    } else if (const auto* const error = netlinkBody<int>(message)) {
+        answer.error = errnoOf(*error);
+    }  // A bare NLMSG_DONE is success.
+    if ((message.nlmsg_flags & NLM_F_ACK_TLVS) != 0) {
+        const NetlinkAttributes attributes(message, bodyBytes, NLMSGERR_ATTR_MSG);
+        answer.text = Mox::String(attributes.text(NLMSGERR_ATTR_MSG));
+    }
+    return answer;
+}
+
+NetlinkReader::~NetlinkReader() = default;
+
+void NetlinkReader::portIs(Mox::Ptr<NetlinkPort> port) {
+    if (const Mox::Ptr<NetlinkPort> before = std::exchange(port_, nullptr)) {
+        before->readableIs(nullptr);
+    }
+    if (port != nullptr) {
+        buffer_.resize(std::max(buffer_.size(), bufferBytes));
+        port->readableIs([this] { readAll(); });
+        port_ = std::move(port);
+    }
+}
+
+void NetlinkReader::readAll() {
+    const Mox::Ptr<NetlinkSession> hold(session_);
+    const Mox::Ptr<NetlinkPort> port = port_;
+    FirstException exception;
+    Next next = Next::read;
+    for (uint32_t count = 0; count < datagramsPerTurn && next == Next::read; ++count) {
+        next = readOne(&exception);
+        next = port_ != port ? Next::stop : next;  // Closed by what was called.
+    }
+    if (next != Next::stop) {
+        port->receiveTried(/*moreMayWait=*/next == Next::read);
+    }
+    exception.rethrow();
+}
+
+NetlinkReader::Next NetlinkReader::readOne(FirstException* exception) {
+    uint32_t sender = 0;
+    const Mox::Ptr<NetlinkPort> port = port_;
+    const ssize_t got = port->receive(buffer_, &sender);
+    if (got < 0) {
+        return readFailed(errno, exception);
+    }
+    const auto bytes = static_cast<std::size_t>(got);
+    if (sender != 0) {
+        counterInc(&NetlinkSession::foreignDatagrams, &NetlinkSession::foreignDatagramsIs,
+                   exception);
+    } else if (bytes > buffer_.size()) {
+        takeCut(bytes, exception);
+    } else {
+        takeApart(bytes, exception);
+    }
+    return port_ == nullptr || expectsMore() ? Next::read : Next::waitForMore;
+}
+
+NetlinkReader::Next NetlinkReader::readFailed(int error, FirstException* exception) {
+    if (error == EAGAIN) {
+        handleEmpty(exception);
+        return Next::waitForMore;
+    }
+    if (error == EINTR) {
+        return Next::read;
+    }
+    MOX_TRACE(facility, 1, "netlink messages were lost: ", std::strerror(error));
+    overflowsInc(exception);
+    handleLoss(exception);
+    // Any other error may stay, and is not worth a busy loop.
+    return error == ENOBUFS ? Next::read : Next::waitForMore;
+}
+
+void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
+    const Mox::Ptr<NetlinkPort> port = port_;
+    std::size_t offset = 0;
+    while (bytes - offset >= sizeof(nlmsghdr)) {
+        auto& message = *reinterpret_cast<nlmsghdr*>(buffer_.data() + offset);
+        if (message.nlmsg_len < sizeof(nlmsghdr) || message.nlmsg_len > bytes - offset) {
+            break;
+        }
+        // The last one may lack its padding.
+        offset = std::min<std::size_t>(offset + NLMSG_ALIGN(message.nlmsg_len), bytes);
+        if (message.nlmsg_type == NLMSG_OVERRUN) {
+            overflowsInc(exception);
+            handleLoss(exception);
+        } else if (message.nlmsg_type != NLMSG_NOOP) {
+            handleMessage(message, exception);
+        }
+        if (port_ != port) {
+            return;
+        }
+    }
+    if (offset != bytes) {
+        MOX_TRACE(facility, 0, "malformed netlink datagram of ", bytes, " bytes, at ", offset);
+        overflowsInc(exception);
+        handleLoss(exception);
+    }
+}
+
+// Nothing is lost silently: what the datagram said is asked for again, with a buffer that holds it.
+void NetlinkReader::takeCut(std::size_t bytes, FirstException* exception) {
+    MOX_TRACE(facility, 1, "netlink datagram of ", bytes, " bytes was cut");
+    nlmsghdr first;
+    std::memcpy(&first, buffer_.data(), sizeof(first));
+    buffer_.resize(std::min(std::bit_ceil(bytes), maxBufferBytes));
+    overflowsInc(exception);
+    handleCut(first, exception);
+}
+
+void NetlinkReader::counterInc(uint64_t (NetlinkSession::*get)() const,
+                               void (NetlinkSession::*set)(uint64_t), FirstException* exception) {
+    exception->collect([&] { (session_->*set)((session_->*get)() + 1); });
+}
+
+void NetlinkReader::overflowsInc(FirstException* exception) {
+    counterInc(&NetlinkSession::overflows, &NetlinkSession::overflowsIs, exception);
+}
+
+void NetlinkReader::interruptedDumpsInc(FirstException* exception) {
+    counterInc(&NetlinkSession::interruptedDumps, &NetlinkSession::interruptedDumpsIs, exception);
+}
+
+void NetlinkReader::staleAnswersInc(FirstException* exception) {
+    counterInc(&NetlinkSession::staleAnswers, &NetlinkSession::staleAnswersIs, exception);
+}
+
+void NetlinkReader::deadlinesInc(FirstException* exception) {
+    counterInc(&NetlinkSession::deadlines, &NetlinkSession::deadlinesIs, exception);
+}
+
+}  // namespace Pavo
