@@ -18,9 +18,10 @@ namespace Pavo {
 
 /// The header that the packets of an interface begin with (the registry of LINKTYPE values).
 enum class CaptureLinkType : uint16_t {
-    ethernet = 1,  ///< An Ethernet header, without preamble and checksum.
-    rawIp = 101,   ///< An IPv4 or IPv6 header.
-    user0 = 147,   ///< A format that sender and reader agree on.
+    ethernet = 1,   ///< An Ethernet header, without preamble and checksum.
+    rawIp = 101,    ///< An IPv4 or IPv6 header.
+    user0 = 147,    ///< A format that sender and reader agree on.
+    netlink = 253,  ///< The header of 16 bytes that a device nlmon adds, then netlink messages.
 };
 
 /// The direction of a packet, with the values of pcapng.
