@@ -1,6 +1,5 @@
 #include "Pavo/kernel/NetlinkPort.h"
 
-#include <linux/netlink.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -115,6 +114,13 @@ NetlinkPort::~NetlinkPort() = default;
 Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,
                                            uint32_t rcvBufBytes) {
     return Mox::make<NetlinkSocket>(netNs, protocol, rcvBufBytes);
+}
+
+NetlinkPortOpener netlinkSocketOpener(NamespaceName netNs, int protocol, uint32_t rcvBufBytes) {
+    return [netNs = std::move(netNs), protocol, rcvBufBytes](NetlinkPortUse use) {
+        const bool isMonitor = use == NetlinkPortUse::monitor;
+        return netlinkSocketFactory(netNs, protocol, isMonitor ? rcvBufBytes : 0);
+    };
 }
 
 }  // namespace Pavo

@@ -2,6 +2,7 @@
 /// What a netlink session sends to and receives from: a socket, or what stands in for one in tests.
 #pragma once
 
+#include <linux/netlink.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -63,5 +64,8 @@ using NetlinkPortOpener = std::function<Mox::Ptr<NetlinkPort>(NetlinkPortUse use
 /// "getsockname", "getsockopt(SO_RCVBUF)" or "epoll_ctl".
 PAVO_EXPORT Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,
                                                        uint32_t rcvBufBytes);
+/// Opens such sockets, that of the monitor with a receive buffer of `rcvBufBytes`.
+PAVO_EXPORT NetlinkPortOpener netlinkSocketOpener(NamespaceName netNs, int protocol = NETLINK_ROUTE,
+                                                  uint32_t rcvBufBytes = 0);
 
 }  // namespace Pavo

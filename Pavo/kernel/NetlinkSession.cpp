@@ -61,14 +61,8 @@ void NetlinkSession::enabledIs(bool enabled) {
 }
 
 void NetlinkSession::open() {
-    NetlinkPortOpener opener = opener_;
-    if (opener == nullptr) {
-        const uint32_t bytes = rcvBufBytes_ != 0 ? rcvBufBytes_ : rcvBufBytesOfEnvironment();
-        opener = [this, bytes](NetlinkPortUse use) {
-            return netlinkSocketFactory(netNs_, protocol_,
-                                        use == NetlinkPortUse::monitor ? bytes : 0);
-        };
-    }
+    const uint32_t bytes = rcvBufBytes_ != 0 ? rcvBufBytes_ : rcvBufBytesOfEnvironment();
+    const auto opener = opener_ ? opener_ : netlinkSocketOpener(netNs_, protocol_, bytes);
     try {
         requests_->start(opener(NetlinkPortUse::requests));
         monitor_->start(opener(NetlinkPortUse::monitor));
