@@ -237,7 +237,7 @@ void NetlinkMonitor::sendDump(const Owned& table) {
 // What has not come by now says nothing about what exists. While the kernel's buffer has
 // overflowed it drops everything, without saying so again, until all was read: a dump that begins
 // earlier might miss changes.
-void NetlinkMonitor::handleLoss(FirstException*) {
+void NetlinkMonitor::handleLoss() {
     for (const Owned& table : followed_) {
         table->isDue = true;
     }
@@ -246,8 +246,8 @@ void NetlinkMonitor::handleLoss(FirstException*) {
     dumpLater();
 }
 
-void NetlinkMonitor::handleCut(const nlmsghdr&, FirstException* exception) {
-    handleLoss(exception);
+void NetlinkMonitor::handleCut(const nlmsghdr&, FirstException*) {
+    handleLoss();
 }
 
 void NetlinkMonitor::handleEmpty(FirstException* exception) {

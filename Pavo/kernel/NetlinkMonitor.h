@@ -50,7 +50,7 @@ class NetlinkMonitor final : public NetlinkReader {
     using Owned = std::shared_ptr<Followed>;
 
     void handleMessage(nlmsghdr& message, FirstException* exception) override;
-    void handleLoss(FirstException* exception) override;
+    void handleLoss() override;
     void handleCut(const nlmsghdr& message, FirstException* exception) override;
     void handleEmpty(FirstException* exception) override;
     bool expectsMore() const override { return true; }

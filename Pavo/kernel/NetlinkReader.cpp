@@ -108,11 +108,13 @@ NetlinkReader::Next NetlinkReader::readFailed(int error, FirstException* excepti
     if (error == EINTR) {
         return Next::read;
     }
-    MOX_TRACE(facility, 1, "netlink messages were lost: ", std::strerror(error));
+    MOX_TRACE(facility, 1, "netlink messages cannot be read: ", std::strerror(error));
+    if (error != ENOBUFS) {
+        return Next::waitForMore;  // It may stay, and is not worth a busy loop.
+    }
+    handleLoss();
     overflowsInc(exception);
-    handleLoss(exception);
-    // Any other error may stay, and is not worth a busy loop.
-    return error == ENOBUFS ? Next::read : Next::waitForMore;
+    return Next::read;
 }
 
 void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
@@ -126,8 +128,8 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
         // The last one may lack its padding.
         offset = std::min<std::size_t>(offset + NLMSG_ALIGN(message.nlmsg_len), bytes);
         if (message.nlmsg_type == NLMSG_OVERRUN) {
+            handleLoss();
             overflowsInc(exception);
-            handleLoss(exception);
         } else if (message.nlmsg_type != NLMSG_NOOP) {
             handleMessage(message, exception);
         }
@@ -137,8 +139,8 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
     }
     if (offset != bytes) {
         MOX_TRACE(facility, 0, "malformed netlink datagram of ", bytes, " bytes, at ", offset);
+        handleLoss();
         overflowsInc(exception);
-        handleLoss(exception);
     }
 }
 
@@ -148,8 +150,8 @@ void NetlinkReader::takeCut(std::size_t bytes, FirstException* exception) {
     nlmsghdr first;
     std::memcpy(&first, buffer_.data(), sizeof(first));
     buffer_.resize(std::min(std::bit_ceil(bytes), maxBufferBytes));
-    overflowsInc(exception);
     handleCut(first, exception);
+    overflowsInc(exception);
 }
 
 void NetlinkReader::counterInc(uint64_t (NetlinkSession::*get)() const,

@@ -179,28 +179,17 @@ void NetlinkRequests::advance(const Owned& pending, uint32_t to, const NetlinkAn
                               const NetlinkAnswer& last, FirstException* exception) {
     const uint32_t from = pending->answered;
     inFlight_ -= (std::min(to, pending->sent) - from) * pending->weight;
-    hasLoss_ = hasLoss_ && inFlight_ != 0;
     pending->answered = to;
     pending->sent = std::max(pending->sent, to);
-    const bool isAtEnd = to == pending->count;
-    if (isAtEnd) {
+    if (to == pending->count) {
         pending->deadline = Mox::Clock::idle;
         dump_ = dump_ == pending ? nullptr : dump_;
     }
+    pending->toCall.push_back({to - 1, before});
+    pending->toCall.push_back({to, last});
     sendQueued();
     sendNextDump();
-    call(pending, from, to - 1, before, exception);
-    call(pending, to - 1, to, last, exception);
-    if (isAtEnd) {
-        // It was there until now, so that it could be forgotten.
-        const auto found = pending_.find(pending->first);
-        if (found != pending_.end() && found->second == pending) {
-            pending_.erase(found);
-        }
-    } else if (pending->sendError != 0 && pending->answered == pending->sent &&
-               isCurrent(pending)) {
-        finish(pending, {pending->sendError, {}}, exception);
-    }
+    call(pending, exception);
 }
 
 void NetlinkRequests::finish(const Owned& pending, const NetlinkAnswer& answer,
@@ -208,21 +197,37 @@ void NetlinkRequests::finish(const Owned& pending, const NetlinkAnswer& answer,
     advance(pending, pending->count, answer, answer, exception);
 }
 
-void NetlinkRequests::call(const Owned& pending, uint32_t from, uint32_t to,
-                           const NetlinkAnswer& answer, FirstException* exception) {
-    for (uint32_t i = from; i < to && !pending->isForgotten; ++i) {
-        exception->collect([&] {
-            if (pending->eachDone) {
-                pending->eachDone(i, answer);
-            } else if (pending->done) {
-                pending->done(answer);
-            }
-        });
+// One after the other, also where one of them ends the others, as by disabling the session.
+void NetlinkRequests::call(const Owned& pending, FirstException* exception) {
+    if (std::exchange(pending->isCalling, true)) {
+        return;
+    }
+    for (std::size_t i = 0; i < pending->toCall.size(); ++i) {
+        const Ended ended = std::move(pending->toCall[i]);
+        for (; pending->called < ended.to && !pending->isForgotten; ++pending->called) {
+            exception->collect([&] {
+                if (pending->eachDone) {
+                    pending->eachDone(pending->called, ended.answer);
+                } else if (pending->done) {
+                    pending->done(ended.answer);
+                }
+            });
+        }
+    }
+    pending->toCall.clear();
+    pending->isCalling = false;
+    const auto found = pending_.find(pending->first);
+    const bool isKnown = found != pending_.end() && found->second == pending;
+    if (pending->answered == pending->count) {
+        // It was there until now, so that it could be forgotten.
+        isKnown ? (void)pending_.erase(found) : void();
+    } else if (isKnown && pending->sendError != 0 && pending->answered == pending->sent) {
+        finish(pending, {pending->sendError, {}}, exception);
     }
 }
 
 void NetlinkRequests::sendQueued() {
-    while (!queue_.empty()) {
+    while (!queue_.empty() && !hasLoss_) {
         const Owned pending = queue_.front();
         if (pending->sent == pending->count || pending->sendError != 0) {
             queue_.pop_front();
@@ -333,8 +338,8 @@ void NetlinkRequests::handleDeadline(const Owned& pending, FirstException* excep
     }
 }
 
-void NetlinkRequests::handleLoss(FirstException*) {
-    hasLoss_ = inFlight_ != 0;
+void NetlinkRequests::handleLoss() {
+    hasLoss_ = true;
 }
 
 void NetlinkRequests::handleCut(const nlmsghdr& message, FirstException* exception) {
@@ -349,7 +354,8 @@ void NetlinkRequests::handleCut(const nlmsghdr& message, FirstException* excepti
 }
 
 // The kernel adds nothing to a buffer that has overflowed before all was read. So what was in
-// flight at that time, and has no answer now, gets none.
+// flight, and has no answer now, gets none. Until now nothing was sent, or the answer to that would
+// be taken for the end of what was lost.
 void NetlinkRequests::handleEmpty(FirstException* exception) {
     if (!std::exchange(hasLoss_, false)) {
         return;
@@ -366,6 +372,7 @@ void NetlinkRequests::handleEmpty(FirstException* exception) {
             advance(pending, pending->sent, unknown, unknown, exception);
         }
     }
+    sendQueued();
 }
 
 }  // namespace Pavo

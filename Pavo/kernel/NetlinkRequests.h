@@ -30,11 +30,17 @@ namespace Pavo {
 /// one says that those before it, which it did not answer, are done.
 class NetlinkRequests final : public NetlinkReader {
   public:
+    struct Ended {
+        uint32_t to;  // The messages before.
+        NetlinkAnswer answer;
+    };
     struct Pending {
         uint32_t first = 0;  // The sequence number of message 0.
         uint32_t count = 1;
         uint32_t sent = 0;
         uint32_t answered = 0;
+        uint32_t called = 0;
+        std::vector<Ended> toCall;    // Up to `answered`.
         std::vector<uint8_t> bytes;   // Of all messages.
         std::vector<uint32_t> ends;   // Where each message ends; empty for a single one.
         NetlinkSession::Begin begin;  // Of a dump.
@@ -45,6 +51,7 @@ class NetlinkRequests final : public NetlinkReader {
         bool isBegun = false;        // The dump.
         bool isInterrupted = false;  // The dump.
         bool isForgotten = false;
+        bool isCalling = false;
         bool hasProgress = false;  // Since the deadline was set.
         int sendError = 0;         // Of the messages from `sent` on.
         uint32_t interruptions = 0;
@@ -69,10 +76,10 @@ class NetlinkRequests final : public NetlinkReader {
 
   private:
     void handleMessage(nlmsghdr& message, FirstException* exception) override;
-    void handleLoss(FirstException* exception) override;
+    void handleLoss() override;
     void handleCut(const nlmsghdr& message, FirstException* exception) override;
     void handleEmpty(FirstException* exception) override;
-    bool expectsMore() const override { return inFlight_ != 0 || dump_ != nullptr; }
+    bool expectsMore() const override { return inFlight_ != 0 || dump_ != nullptr || hasLoss_; }
 
     Owned find(uint32_t sequence) const;
     void handleDumpMessage(const Owned& pending, const nlmsghdr& message,
@@ -82,8 +89,7 @@ class NetlinkRequests final : public NetlinkReader {
     void advance(const Owned& pending, uint32_t to, const NetlinkAnswer& before,
                  const NetlinkAnswer& last, FirstException* exception);
     void finish(const Owned& pending, const NetlinkAnswer& answer, FirstException* exception);
-    static void call(const Owned& pending, uint32_t from, uint32_t to, const NetlinkAnswer& answer,
-                     FirstException* exception);
+    void call(const Owned& pending, FirstException* exception);
 
     void sendQueued();
     void sendSome(Pending* pending);
@@ -104,7 +110,7 @@ class NetlinkRequests final : public NetlinkReader {
     Owned dump_;               // The one under way.
     uint32_t room_ = 0;        // For answers that did not come yet, in the receive buffer, in KiB.
     uint32_t inFlight_ = 0;    // What of that is taken.
-    bool hasLoss_ = false;     // Answers of what is in flight may be lost.
+    bool hasLoss_ = false;     // Nothing is sent before all was read.
 };
 
 }  // namespace Pavo

@@ -1,0 +1,279 @@
+// Sessions over a model of the kernel, over the kernel, and over recordings.
+#include "Pavo/NetlinkSession.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Mox/EventLoop.h"
+#include "Mox/Exception.h"
+#include "Pavo/NetlinkAttributes.h"
+#include "Pavo/NetlinkRecorder.h"
+#include "kernel/KernelModel.h"
+#include "support/FailSyscall.h"
+#include "support/RandomProgram.h"
+#include "support/SandboxTest.h"
+
+namespace Pavo {
+namespace {
+
+using PavoTest::Item;
+using PavoTest::KernelModel;
+using testing::ElementsAre;
+
+// A table as its messages say that it is.
+class Mirror : public NetlinkFollower {
+  public:
+    void callback(nlmsghdr* message) override {
+        const std::size_t table = tableOf(message->nlmsg_type);
+        const auto* const item = netlinkBody<Item>(*message);
+        if (message->nlmsg_type % 4 == 0) {
+            items[table][item->id] = item->value;
+            named_[table].insert(item->id);
+        } else {
+            items[table].erase(item->id);
+        }
+        then();
+    }
+    void handleDumpBegin(uint16_t getType) override {
+        named_[tableOf(getType)].clear();
+        then();
+    }
+    void handleDumpEnd(uint16_t getType) override {
+        const auto& named = named_[tableOf(getType)];
+        std::erase_if(items[tableOf(getType)],
+                      [&](const auto& each) { return named.count(each.first) == 0; });
+        then();
+    }
+
+    KernelModel::Table items[2];
+    std::function<void()> then = [] {};
+
+  private:
+    static std::size_t tableOf(uint16_t type) { return type / 4 == RTM_GETLINK / 4 ? 0 : 1; }
+
+    std::set<uint32_t> named_[2];
+};
+
+NetlinkMessage itemMessage(std::size_t table, int operation, uint32_t id, uint32_t value) {
+    NetlinkMessage message(static_cast<uint16_t>(KernelModel::types[table] + operation));
+    message.bodyIs(Item{0, id, value});
+    return message;
+}
+
+struct World : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
+
+    // What was asked, and what may come of it.
+    struct Asked {
+        uint32_t ends = 0;
+        bool isForgotten = false;
+        bool mayBeCancelled = false;
+    };
+    // A session with a kernel of its own, kept until the end, since a session that is dropped while
+    // it calls goes on until it has called everything.
+    struct Side {
+        explicit Side(Mox::Clock* clock)
+            : kernel(clock), session(netlinkSessionFactory("session", NamespaceName(), clock)) {
+            session->portOpenerIs(kernel.opener());
+        }
+        KernelModel kernel;
+        Mirror mirrors[2];
+        Mox::Ptr<NetlinkSession> session;
+        Mox::Watch<NetlinkSession> watch;
+        bool follows[2] = {};
+        bool isDropped = false;
+        std::map<uint32_t, std::vector<Asked>> asked;  // By the number of the first.
+    };
+
+    Side& side() {
+        if (sides.empty() || sides.back()->isDropped) {
+            Side* const made = sides.emplace_back(std::make_unique<Side>(&clock)).get();
+            made->watch = Mox::Watch<NetlinkSession>(made->session, Mox::allAttributes,
+                                                     [this](const Mox::Change&) { respond(); });
+            for (Mirror& each : made->mirrors) {
+                each.then = [this] { respond(); };
+            }
+        }
+        return *sides.back();
+    }
+
+    // The end of message `index`, which the kernel has handled as its results say.
+    void ended(Side& on, uint32_t first, std::size_t index, const NetlinkAnswer& answer) {
+        Asked& asked = on.asked[first][index];
+        EXPECT_EQ(++asked.ends, 1u);
+        EXPECT_FALSE(asked.isForgotten);
+        const auto handled = on.kernel.results.find(first + static_cast<uint32_t>(index));
+        const bool isLost =
+            (answer.error == ENOBUFS || answer.error == ETIMEDOUT) && on.kernel.requestLosses != 0;
+        if (answer.error == ECANCELED) {
+            EXPECT_TRUE(asked.mayBeCancelled);
+        } else if (!isLost && answer.error != EMSGSIZE) {
+            ASSERT_TRUE(handled != on.kernel.results.end()) << answer.error << " from nobody";
+            EXPECT_TRUE(answer.error == handled->second ||
+                        handled->second == KernelModel::swallowed);
+            EXPECT_EQ(answer.text, answer.error == EINVAL ? KernelModel::refusedText : "");
+        }
+        respond();
+    }
+    NetlinkMessage anyRequest() {
+        return itemMessage(below(2), static_cast<int>(below(2)), below(12), 12 + below(3));
+    }
+    std::vector<Asked> newAsked(const Side& on, std::size_t count) {
+        return std::vector<Asked>(count, Asked{.mayBeCancelled = !on.session->enabled()});
+    }
+    void request(bool isGet) {
+        Side& on = side();
+        const auto first = std::make_shared<uint32_t>();
+        const uint32_t id = below(12);
+        *first = on.session->requestIs(
+            isGet ? itemMessage(0, 2, id, 0) : anyRequest(),
+            [this, &on, first](const NetlinkAnswer& answer) { ended(on, *first, 0, answer); },
+            [id](const nlmsghdr& message) { EXPECT_EQ(netlinkBody<Item>(message)->id, id); });
+        on.asked[*first] = newAsked(on, 1);
+    }
+    void batch() {
+        Side& on = side();
+        const auto first = std::make_shared<uint32_t>();
+        std::vector<NetlinkMessage> messages;
+        for (uint32_t count = 1 + below(40); count > 0; --count) {
+            messages.push_back(anyRequest());
+        }
+        *first = on.session->requestsAre(
+            messages, [this, &on, first, next = std::size_t{0}](
+                          std::size_t index, const NetlinkAnswer& answer) mutable {
+                EXPECT_EQ(index, next++);
+                ended(on, *first, index, answer);
+            });
+        on.asked[*first] = newAsked(on, messages.size());
+    }
+    // What comes of it is the table, at a time when it did not change.
+    void dump() {
+        Side& on = side();
+        const auto got = std::make_shared<KernelModel::Table>();
+        const auto first = std::make_shared<uint32_t>();
+        *first = on.session->dumpIs(
+            itemMessage(0, 2, 0, 0), [got] { got->clear(); },
+            [got](const nlmsghdr& message) {
+                const auto* const item = netlinkBody<Item>(message);
+                EXPECT_TRUE(got->emplace(item->id, item->value).second);
+            },
+            [this, &on, first](const NetlinkAnswer& answer) {
+                Asked& asked = on.asked[*first][0];
+                EXPECT_EQ(++asked.ends, 1u);
+                EXPECT_FALSE(asked.isForgotten);
+                EXPECT_TRUE(answer.error == 0 || answer.error == EINTR ||
+                            (answer.error == ECANCELED && asked.mayBeCancelled) ||
+                            (on.kernel.requestLosses != 0))
+                    << answer.error;
+                respond();
+            });
+        on.asked[*first] = newAsked(on, 1);
+    }
+    void forget() {
+        Side& on = side();
+        if (!on.asked.empty()) {
+            const auto it = std::next(on.asked.begin(), below(on.asked.size()));
+            for (Asked& each : it->second) {
+                each.isForgotten = each.ends == 0;
+            }
+            on.session->requestDel(it->first);
+        }
+    }
+    void enable(bool enabled) {
+        Side& on = side();
+        for (auto& [first, all] : on.asked) {
+            for (Asked& each : all) {
+                each.mayBeCancelled |= !enabled;
+            }
+        }
+        on.session->enabledIs(enabled);
+    }
+    void follow(std::size_t table, bool follows) {
+        Side& on = side();
+        on.follows[table] = follows;
+        if (follows) {
+            on.session->followIs(static_cast<uint16_t>(KernelModel::types[table] + 2),
+                                 {KernelModel::groups[table]}, &on.mirrors[table]);
+        } else {
+            on.session->followDel(&on.mirrors[table]);
+            on.mirrors[table].items[table].clear();
+        }
+    }
+    void drop() {
+        Side& on = side();
+        on.isDropped = true;
+        on.watch = {};
+        on.session = nullptr;
+    }
+    void change() {
+        for (uint32_t count = 1 + below(4); count > 0; --count) {
+            (void)side().kernel.set(below(2), below(12), oneIn(3) ? 0 : 1 + below(9));
+        }
+    }
+    void silence(bool isSilent) { side().kernel.isSilent = isSilent; }
+    void checkAtRest() {
+        Side& on = side();
+        silence(false);
+        on.kernel.room = 1000;
+        for (int i = 0; i < 40; ++i) {
+            clock.advance(1);
+        }
+        for (const auto& [first, all] : on.asked) {
+            for (const Asked& each : all) {
+                EXPECT_EQ(each.ends, each.isForgotten ? 0u : 1u) << "request " << first;
+            }
+        }
+        EXPECT_EQ(on.session->isInSync(), on.session->enabled());
+        for (std::size_t table = 0; table < 2 && on.session->enabled(); ++table) {
+            if (on.follows[table]) {
+                EXPECT_EQ(on.mirrors[table].items[table], on.kernel.tables[table]);
+            }
+        }
+        EXPECT_EQ(clock.nextExpiry(), Mox::Clock::idle) << "the clock is kept busy";
+    }
+    void run() {
+        perform(
+            {{{"change", [this] { change(); }},
+              {"request", [this] { request(false); }},
+              {"get", [this] { request(true); }},
+              {"batch", [this] { batch(); }},
+              {"dump", [this] { dump(); }},
+              {"forget", [this] { forget(); }}},
+             {{"enable", [this] { enable(true); }},
+              {"follow 0", [this] { follow(0, true); }},
+              {"follow 1", [this] { follow(1, true); }},
+              {"leave 0", [this] { follow(0, false); }},
+              {"disable", [this] { enable(false); }},
+              {"drop", [this] { drop(); }}},
+             {{"enable", [this] { enable(true); }},
+              {"change", [this] { change(); }},
+              {"little room", [this] { side().kernel.room = 1 + below(6); }},
+              {"small datagrams", [this] { side().kernel.sndBuf = 32 + 32 * below(4); }},
+              {"silence", [this] { silence(true); }},
+              {"answers", [this] { silence(false); }}}},
+            [this] { clock.advance(oneIn(4) ? 3 : 0.001); }, [this] { checkAtRest(); });
+        sides.clear();
+    }
+
+    Mox::ManualClock clock;
+    std::vector<std::unique_ptr<Side>> sides;
+};
+
+TEST(NetlinkSession, EndsEachRequestOnceAndFollowsTablesWhateverIsCalledAndLost) {
+    PavoTest::runPrograms(3000, PavoTest::runProgram<World>);
+}
+
+}  // namespace
+}  // namespace Pavo
