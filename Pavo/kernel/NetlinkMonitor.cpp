@@ -109,6 +109,8 @@ void NetlinkMonitor::followIs(Followed table) {
         for (const uint32_t group : table.groups) {
             port()->groupIs(group, true);
         }
+        // What waits may be older than the time for which the groups were not joined.
+        isEmpty_ = false;
     }
     std::erase_if(followed_, [&](const Owned& each) {
         const bool isSame = each->getType == table.getType && each->family == table.family &&
@@ -276,6 +278,10 @@ void NetlinkMonitor::dumpSoon() {
 
 void NetlinkMonitor::handleTimer() {
     const Mox::Ptr<NetlinkSession> hold(session());
+    if (!isEmpty_) {
+        readAll();
+        return;
+    }
     FirstException exception;
     beginDump(&exception);
     exception.rethrow();

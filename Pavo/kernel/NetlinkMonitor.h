@@ -73,7 +73,7 @@ class NetlinkMonitor final : public NetlinkReader {
     bool isVoid_ = false;  // That dump has to be made again.
     bool hasProgress_ = false;
     bool isRepair_ = false;  // The next dump is because of a loss.
-    bool isEmpty_ = true;    // The port was read empty since messages were lost.
+    bool isEmpty_ = true;    // The port was read empty since messages were lost or groups joined.
     uint32_t sequence_ = 0;
     double backOffSeconds_ = 0;
     double troubleAt_ = -Mox::Clock::idle;  // The last loss, or dump because of one.

@@ -45,6 +45,9 @@ class NetlinkReader {
     void deadlinesInc(FirstException* exception);
     /// @}
 
+    /// Reads what there is now, as when the port is readable. May drop the session.
+    void readAll();
+
     /// A message that lies in the buffer with all its bytes.
     virtual void handleMessage(nlmsghdr& message, FirstException* exception) = 0;
     /// Messages were lost, not necessarily before the next that is read. Calls nobody.
@@ -60,7 +63,6 @@ class NetlinkReader {
   private:
     enum class Next { read, stop, waitForMore };
 
-    void readAll();
     Next readOne(FirstException* exception);
     Next readFailed(int error, FirstException* exception);
     void takeApart(std::size_t bytes, FirstException* exception);
