@@ -1,16 +1,23 @@
 // Requests that the kernel acknowledges, beside the same bytes over a bare socket and beside
-// libmnl: each puts `lo` into the group that it is in. And the main function of the program.
+// libmnl: each puts `lo` into the group that it is in. Those of a session run on the event loop,
+// beside a bare socket on epoll(7), and a thousand in a batch beside a thousand one by one. And the
+// main function of the program.
 
 #include <benchmark/benchmark.h>
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
+#include "Mox/EventLoop.h"
+#include "Pavo/NetlinkSession.h"
 #include "Pavo/NetlinkUtils.h"
 #include "Pavo/SocketAt.h"
 #include "sandbox/Sandbox.h"
@@ -40,7 +47,11 @@ class BareRequests {
     BareRequests(const BareRequests&) = delete;
     BareRequests& operator=(const BareRequests&) = delete;
 
-    bool acknowledged() {
+    bool acknowledged() { return isSent() && isAnswered(); }
+
+  protected:
+    int fd() const { return fd_; }
+    bool isSent() {
         struct {
             nlmsghdr header;
             ifinfomsg link;
@@ -55,12 +66,14 @@ class BareRequests {
         request.attribute.rta_len = sizeof(request.attribute) + sizeof(request.group);
         request.attribute.rta_type = IFLA_GROUP;
         request.group = group;
+        return send(fd_, &request, sizeof(request), 0) == sizeof(request);
+    }
+    bool isAnswered() const {
         struct {
             nlmsghdr header;
             nlmsgerr body;
         } answer;
-        return send(fd_, &request, sizeof(request), 0) == sizeof(request) &&
-               recv(fd_, &answer, sizeof(answer), 0) == sizeof(answer) &&
+        return recv(fd_, &answer, sizeof(answer), 0) == sizeof(answer) &&
                answer.header.nlmsg_seq == number_ && answer.header.nlmsg_type == NLMSG_ERROR &&
                answer.body.error == 0;
     }
@@ -115,6 +128,89 @@ void requests(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
 }
+
+// Waits in epoll(7) for each answer, as an agent does.
+class EpollRequests : public BareRequests {
+  public:
+    EpollRequests() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+        epoll_event event{EPOLLIN | EPOLLET, {}};
+        (void)epoll_ctl(epoll_, EPOLL_CTL_ADD, fd(), &event);
+    }
+    ~EpollRequests() { close(epoll_); }
+
+    bool acknowledged() {
+        epoll_event event;
+        return isSent() && epoll_wait(epoll_, &event, 1, -1) == 1 && isAnswered();
+    }
+
+  private:
+    int epoll_;
+};
+
+class SessionRequests {
+  public:
+    explicit SessionRequests(uint32_t requests = 1)
+        : session_(Pavo::netlinkSessionFactory("bench", Pavo::NamespaceName(), loop_.clock())) {
+        session_->enabledIs(true);
+        Pavo::NetlinkMessage message(RTM_SETLINK);
+        message.bodyIs<ifinfomsg>().ifi_index = loIndex;
+        message.attributeIs(IFLA_GROUP, group);
+        messages_.assign(requests, message);
+    }
+
+    bool acknowledged() {
+        good_ = 0;
+        ends_ = 0;
+        if (messages_.size() == 1) {
+            session_->requestIs(messages_[0],
+                                [this](const Pavo::NetlinkAnswer& answer) { ended(answer); });
+        } else {
+            session_->requestsAre(
+                messages_,
+                [this](std::size_t, const Pavo::NetlinkAnswer& answer) { ended(answer); });
+        }
+        while (ends_ != messages_.size()) {
+            loop_.turn();
+        }
+        return good_ == ends_;
+    }
+
+  private:
+    void ended(const Pavo::NetlinkAnswer& answer) {
+        ++ends_;
+        good_ += answer.error == 0 ? 1 : 0;
+    }
+
+    Mox::EventLoop loop_;
+    Mox::Ptr<Pavo::NetlinkSession> session_;
+    std::vector<Pavo::NetlinkMessage> messages_;
+    std::size_t good_ = 0;
+    std::size_t ends_ = 0;
+};
+
+constexpr uint32_t batchSize = 1000;
+
+class SessionBatches : public SessionRequests {
+  public:
+    SessionBatches() : SessionRequests(batchSize) {}
+};
+
+class BareOneByOne : public BareRequests {
+  public:
+    bool acknowledged() {
+        uint32_t good = 0;
+        while (good < batchSize && BareRequests::acknowledged()) {
+            ++good;
+        }
+        return good == batchSize;
+    }
+};
+
+BENCHMARK(requests<SessionRequests>)->Name("NetlinkSessionAck/pavo");
+BENCHMARK(requests<EpollRequests>)->Name("NetlinkSessionAck/epoll");
+BENCHMARK(requests<BareRequests>)->Name("NetlinkSessionAck/bare");
+BENCHMARK(requests<SessionBatches>)->Name("NetlinkBatch1000/pavo");
+BENCHMARK(requests<BareOneByOne>)->Name("NetlinkBatch1000/bare");
 
 BENCHMARK(requests<PavoRequests>)->Name("NetlinkAck/pavo");
 BENCHMARK(requests<BareRequests>)->Name("NetlinkAck/bare");
