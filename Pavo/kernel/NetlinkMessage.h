@@ -10,6 +10,7 @@
 #include <span>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Mox/Lifetime.h"
@@ -78,6 +79,8 @@ class PAVO_EXPORT NetlinkMessage {
     /// @}
     /// All bytes, a multiple of 4; valid until more is appended.
     std::span<const uint8_t> bytes() const MOX_LIFETIME_BOUND { return bytes_; }
+    /// Gives the bytes up. The message must not be used any more.
+    std::vector<uint8_t> bytesRelease() { return std::move(bytes_); }
 
   private:
     void* append(std::size_t bytes);

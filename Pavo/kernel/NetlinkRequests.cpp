@@ -185,11 +185,23 @@ void NetlinkRequests::advance(const Owned& pending, uint32_t to, const NetlinkAn
         pending->deadline = Mox::Clock::idle;
         dump_ = dump_ == pending ? nullptr : dump_;
     }
-    pending->toCall.push_back({to - 1, before});
-    pending->toCall.push_back({to, last});
     sendQueued();
     sendNextDump();
-    call(pending, exception);
+    if (pending->isCalling) {  // One of its calls ends the others, as by disabling the session.
+        pending->toCall.push_back({to - 1, before});
+        pending->toCall.push_back({to, last});
+        return;
+    }
+    pending->isCalling = true;
+    callUpTo(pending, to - 1, before, exception);
+    callUpTo(pending, to, last, exception);
+    for (std::size_t i = 0; i < pending->toCall.size(); ++i) {
+        const Ended ended = std::move(pending->toCall[i]);
+        callUpTo(pending, ended.to, ended.answer, exception);
+    }
+    pending->toCall.clear();
+    pending->isCalling = false;
+    called(pending, exception);
 }
 
 void NetlinkRequests::finish(const Owned& pending, const NetlinkAnswer& answer,
@@ -197,31 +209,28 @@ void NetlinkRequests::finish(const Owned& pending, const NetlinkAnswer& answer,
     advance(pending, pending->count, answer, answer, exception);
 }
 
-// One after the other, also where one of them ends the others, as by disabling the session.
-void NetlinkRequests::call(const Owned& pending, FirstException* exception) {
-    if (std::exchange(pending->isCalling, true)) {
+void NetlinkRequests::callUpTo(const Owned& pending, uint32_t to, const NetlinkAnswer& answer,
+                               FirstException* exception) {
+    for (; pending->called < to && !pending->isForgotten; ++pending->called) {
+        exception->collect([&] {
+            if (pending->eachDone) {
+                pending->eachDone(pending->called, answer);
+            } else if (pending->done) {
+                pending->done(answer);
+            }
+        });
+    }
+}
+
+// It stayed until now, so that it could be forgotten.
+void NetlinkRequests::called(const Owned& pending, FirstException* exception) {
+    const auto found = pending_.find(pending->first);
+    if (found == pending_.end() || found->second != pending) {
         return;
     }
-    for (std::size_t i = 0; i < pending->toCall.size(); ++i) {
-        const Ended ended = std::move(pending->toCall[i]);
-        for (; pending->called < ended.to && !pending->isForgotten; ++pending->called) {
-            exception->collect([&] {
-                if (pending->eachDone) {
-                    pending->eachDone(pending->called, ended.answer);
-                } else if (pending->done) {
-                    pending->done(ended.answer);
-                }
-            });
-        }
-    }
-    pending->toCall.clear();
-    pending->isCalling = false;
-    const auto found = pending_.find(pending->first);
-    const bool isKnown = found != pending_.end() && found->second == pending;
     if (pending->answered == pending->count) {
-        // It was there until now, so that it could be forgotten.
-        isKnown ? (void)pending_.erase(found) : void();
-    } else if (isKnown && pending->sendError != 0 && pending->answered == pending->sent) {
+        pending_.erase(found);
+    } else if (pending->sendError != 0 && pending->answered == pending->sent) {
         finish(pending, {pending->sendError, {}}, exception);
     }
 }

@@ -40,7 +40,7 @@ class NetlinkRequests final : public NetlinkReader {
         uint32_t sent = 0;
         uint32_t answered = 0;
         uint32_t called = 0;
-        std::vector<Ended> toCall;    // Up to `answered`.
+        std::vector<Ended> toCall;    // What came while it was called.
         std::vector<uint8_t> bytes;   // Of all messages.
         std::vector<uint32_t> ends;   // Where each message ends; empty for a single one.
         NetlinkSession::Begin begin;  // Of a dump.
@@ -89,7 +89,9 @@ class NetlinkRequests final : public NetlinkReader {
     void advance(const Owned& pending, uint32_t to, const NetlinkAnswer& before,
                  const NetlinkAnswer& last, FirstException* exception);
     void finish(const Owned& pending, const NetlinkAnswer& answer, FirstException* exception);
-    void call(const Owned& pending, FirstException* exception);
+    static void callUpTo(const Owned& pending, uint32_t to, const NetlinkAnswer& answer,
+                         FirstException* exception);
+    void called(const Owned& pending, FirstException* exception);
 
     void sendQueued();
     void sendSome(Pending* pending);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Mox/Assert.h"
 
@@ -27,9 +28,9 @@ uint32_t rcvBufBytesOfEnvironment() {
     return error == std::errc() && end == text.data() + text.size() ? bytes : 0;
 }
 
-NetlinkRequests::Owned pendingOf(std::span<const uint8_t> bytes, double deadlineSeconds) {
+NetlinkRequests::Owned pendingOf(std::vector<uint8_t> bytes, double deadlineSeconds) {
     const auto pending = std::make_shared<NetlinkRequests::Pending>();
-    pending->bytes.assign(bytes.begin(), bytes.end());
+    pending->bytes = std::move(bytes);
     pending->deadlineSeconds = deadlineSeconds;
     return pending;
 }
@@ -90,7 +91,7 @@ void NetlinkSession::netNsIs(NamespaceName netNs) {
 
 uint32_t NetlinkSession::requestIs(NetlinkMessage message, Done done, Each each,
                                    double deadlineSeconds) {
-    const NetlinkRequests::Owned pending = pendingOf(message.bytes(), deadlineSeconds);
+    const NetlinkRequests::Owned pending = pendingOf(message.bytesRelease(), deadlineSeconds);
     pending->weight = each != nullptr ? dataWeight : 1;
     pending->each = std::move(each);
     pending->done = std::move(done);
@@ -117,7 +118,7 @@ uint32_t NetlinkSession::requestsAre(std::span<const NetlinkMessage> messages, E
 uint32_t NetlinkSession::dumpIs(NetlinkMessage message, Begin begin, Each each, Done done,
                                 double deadlineSeconds) {
     message.header()->nlmsg_flags |= NLM_F_DUMP;
-    const NetlinkRequests::Owned pending = pendingOf(message.bytes(), deadlineSeconds);
+    const NetlinkRequests::Owned pending = pendingOf(message.bytesRelease(), deadlineSeconds);
     pending->isDump = true;
     pending->weight = 0;
     pending->begin = std::move(begin);
