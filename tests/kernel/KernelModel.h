@@ -60,6 +60,12 @@ class KernelModel {
         }
         return 0;
     }
+    /// A process sends a change that is none.
+    void forge() {
+        for (Port* const port : ports_) {
+            port ? port->put(message(types[0], 0, 99, 5, Item{0, 1, 4711}), false, 99) : void();
+        }
+    }
     /// A value that no item may have.
     static constexpr uint32_t refused = 13;
     static constexpr const char* refusedText = "unlucky";
@@ -112,13 +118,13 @@ class KernelModel {
                 errno = error_ != 0 ? std::exchange(error_, 0) : EAGAIN;
                 return -1;
             }
-            const std::vector<uint8_t> bytes = std::move(queue_.front());
+            const auto [bytes, from] = std::move(queue_.front());
             queue_.pop_front();
             if (dump && queue_.size() <= model_->room / 2) {
                 model_->continueDump(*this);
             }
             isCongested_ = isCongested_ && !queue_.empty();
-            *sender = 0;
+            *sender = from;
             std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.size()), buffer.begin());
             return static_cast<ssize_t>(bytes.size());
         }
@@ -130,13 +136,13 @@ class KernelModel {
             readable_ = std::move(readable);
         }
         // The kernel drops what finds no room, and from then on everything until all was read.
-        void put(std::vector<uint8_t> datagram, bool mayBeLost) {
+        void put(std::vector<uint8_t> datagram, bool mayBeLost, uint32_t sender = 0) {
             if (mayBeLost && (isCongested_ || queue_.size() >= model_->room)) {
                 error_ = isCongested_ ? error_ : ENOBUFS;
                 isCongested_ = true;
                 model_->requestLosses += use == NetlinkPortUse::requests ? 1 : 0;
             } else {
-                queue_.push_back(std::move(datagram));
+                queue_.emplace_back(std::move(datagram), sender);
             }
             wake();
         }
@@ -155,7 +161,7 @@ class KernelModel {
         Port** self_;
         Mox::Timer timer_;
         std::function<void()> readable_;
-        std::deque<std::vector<uint8_t>> queue_;
+        std::deque<std::pair<std::vector<uint8_t>, uint32_t>> queue_;  // With their senders.
         int error_ = 0;
         bool isCongested_ = false;
     };
