@@ -9,11 +9,16 @@
 #include <cerrno>
 #include <utility>
 
+#include "Mox/Exception.h"
+#include "Mox/Trace.h"
+
 #include "Pavo/kernel/NetlinkAttributes.h"
 
 namespace Pavo {
 
 namespace {
+
+Mox::TraceFacility facility("Pavo::NetlinkMonitor");
 
 constexpr double firstBackOffSeconds = 0.01;
 constexpr double maxBackOffSeconds = 1;
@@ -139,9 +144,18 @@ void NetlinkMonitor::followDel(NetlinkFollower* follower) {
     for (const Owned& each : gone) {
         for (const uint32_t group : each->groups) {
             if (port() != nullptr && !isWanted(group)) {
-                port()->groupIs(group, false);
+                leave(group);
             }
         }
+    }
+}
+
+// Where that fails there are messages that nobody wants, which is no reason to stop.
+void NetlinkMonitor::leave(uint32_t group) {
+    try {
+        port()->groupIs(group, false);
+    } catch (const Mox::ErrnoException& error) {
+        MOX_TRACE(facility, 1, "cannot leave group ", group, ": ", error.what());
     }
 }
 

@@ -58,6 +58,7 @@ class NetlinkMonitor final : public NetlinkReader {
     void handleNotification(nlmsghdr& message, FirstException* exception);
     void handleDumpMessage(nlmsghdr& message, FirstException* exception);
     void handleDumpEnd(const nlmsghdr& message, FirstException* exception);
+    void leave(uint32_t group);
     void beginDump(FirstException* exception);
     void sendDump(const Owned& table);
     void dumpLater();

@@ -15,12 +15,12 @@ namespace Pavo {
 
 namespace {
 
-Mox::TraceFacility facility("Pavo::NetlinkSession");
+Mox::TraceFacility facility("Pavo::NetlinkReader");
 
 // In a turn of the event loop, so that a storm leaves time for everything else.
 constexpr uint32_t datagramsPerTurn = 64;
 // The kernel makes dumps of up to 32 KiB; only a link of many virtual functions takes more.
-constexpr std::size_t bufferBytes = 64 << 10;
+constexpr std::size_t firstBufferBytes = 64 << 10;
 constexpr std::size_t maxBufferBytes = 16 << 20;
 
 // The number in the error field, as an errno.
@@ -60,9 +60,16 @@ void NetlinkReader::portIs(Mox::Ptr<NetlinkPort> port) {
         before->readableIs(nullptr);
     }
     if (port != nullptr) {
-        buffer_.resize(std::max(buffer_.size(), bufferBytes));
+        bufferBytesIs(std::max(bufferBytes_, firstBufferBytes));
         port->readableIs([this] { readAll(); });
         port_ = std::move(port);
+    }
+}
+
+void NetlinkReader::bufferBytesIs(std::size_t bytes) {
+    if (bytes != bufferBytes_) {
+        buffer_.reset(new uint8_t[bytes]);  // Aligned for headers, as all that is allocated.
+        bufferBytes_ = bytes;
     }
 }
 
@@ -84,7 +91,7 @@ void NetlinkReader::readAll() {
 NetlinkReader::Next NetlinkReader::readOne(FirstException* exception) {
     uint32_t sender = 0;
     const Mox::Ptr<NetlinkPort> port = port_;
-    const ssize_t got = port->receive(buffer_, &sender);
+    const ssize_t got = port->receive({buffer_.get(), bufferBytes_}, &sender);
     if (got < 0) {
         return readFailed(errno, exception);
     }
@@ -92,7 +99,7 @@ NetlinkReader::Next NetlinkReader::readOne(FirstException* exception) {
     if (sender != 0) {
         counterInc(&NetlinkSession::foreignDatagrams, &NetlinkSession::foreignDatagramsIs,
                    exception);
-    } else if (bytes > buffer_.size()) {
+    } else if (bytes > bufferBytes_) {
         takeCut(bytes, exception);
     } else {
         takeApart(bytes, exception);
@@ -121,7 +128,7 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
     const Mox::Ptr<NetlinkPort> port = port_;
     std::size_t offset = 0;
     while (bytes - offset >= sizeof(nlmsghdr)) {
-        auto& message = *reinterpret_cast<nlmsghdr*>(buffer_.data() + offset);
+        auto& message = *reinterpret_cast<nlmsghdr*>(buffer_.get() + offset);
         if (message.nlmsg_len < sizeof(nlmsghdr) || message.nlmsg_len > bytes - offset) {
             break;
         }
@@ -148,8 +155,8 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
 void NetlinkReader::takeCut(std::size_t bytes, FirstException* exception) {
     MOX_TRACE(facility, 1, "netlink datagram of ", bytes, " bytes was cut");
     nlmsghdr first;
-    std::memcpy(&first, buffer_.data(), sizeof(first));
-    buffer_.resize(std::min(std::bit_ceil(bytes), maxBufferBytes));
+    std::memcpy(&first, buffer_.get(), sizeof(first));
+    bufferBytesIs(std::min(std::bit_ceil(bytes), maxBufferBytes));
     handleCut(first, exception);
     overflowsInc(exception);
 }

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <memory>
 
 #include "Mox/Ptr.h"
 
@@ -63,6 +63,7 @@ class NetlinkReader {
   private:
     enum class Next { read, stop, waitForMore };
 
+    void bufferBytesIs(std::size_t bytes);
     Next readOne(FirstException* exception);
     Next readFailed(int error, FirstException* exception);
     void takeApart(std::size_t bytes, FirstException* exception);
@@ -72,7 +73,9 @@ class NetlinkReader {
 
     NetlinkSession* const session_;
     Mox::Ptr<NetlinkPort> port_;
-    std::vector<uint8_t> buffer_;  // Allocated, so aligned for headers.
+    // Not set to zero, so that a session of little traffic takes little memory.
+    std::unique_ptr<uint8_t[]> buffer_;
+    std::size_t bufferBytes_ = 0;
 };
 
 }  // namespace Pavo

@@ -60,7 +60,9 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 /// that are followed, so that both come in the kernel's order.
 ///
 /// **Requests.** Each has a deadline and exactly one end: the kernel's acknowledgement or error, or
-/// - ETIMEDOUT: nothing came within the deadline;
+/// - ETIMEDOUT: nothing came within the deadline, which begins when it is sent; of a batch or a
+/// dump,
+///   nothing since its last message for one to two deadlines;
 /// - ECANCELED: the session was disabled, or was it already;
 /// - ENOBUFS: answers were lost, so that it is unknown what the kernel did;
 /// - EMSGSIZE: an answer was larger than the buffer, which has grown now: ask again;
@@ -130,6 +132,8 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     bool enabled() const { return enabled_; }
     /// Enabling opens the sockets, and begins to follow in the next turn. Disabling closes them and
     /// ends every request with ECANCELED; tables stay registered for the next enabling.
+    /// @pre to enable, with sockets: an event loop on this thread (assertion
+    /// "EventLoop::current()").
     /// @throws Mox::ErrnoException naming the call that failed, as `netlinkSocketFactory` does, or
     /// "setsockopt(NETLINK_ADD_MEMBERSHIP)"; nothing is then open.
     void enabledIs(bool enabled);
@@ -194,7 +198,7 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     /// @throws Mox::ErrnoException "setsockopt(NETLINK_ADD_MEMBERSHIP)"; it is then not followed.
     void followIs(uint16_t getType, std::vector<uint32_t> groups, NetlinkFollower* follower,
                   uint8_t family = 0);
-    /// Ends all that this follower follows; it is not called any more.
+    /// Ends all that this follower follows; it is not called any more. Never throws.
     void followDel(NetlinkFollower* follower);
     /// Whether every followed table is as its last dump and the notifications since have it: no
     /// dump is running or due.
