@@ -102,60 +102,45 @@ class HostilePort final : public Mox::Described<HostilePort, NetlinkPort> {
     std::function<void()> readable_;
 };
 
-class Agent : public NetlinkFollower {
-  public:
-    explicit Agent(fuzz::Input input) : input_(input) {
-        session_->portOpenerIs([this](NetlinkPortUse use) {
-            return Mox::make<HostilePort>(&input_, &ports_[static_cast<std::size_t>(use)]);
-        });
-        session_->followIs(RTM_GETLINK, {RTNLGRP_LINK}, this);
-        session_->followIs(RTM_GETADDR, {RTNLGRP_IPV4_IFADDR}, this, 2);
-    }
+struct Agent : NetlinkFollower {
+    void callback(nlmsghdr* message) override { ports[1]->checkInside(*message); }
 
-    void run() {
-        session_->enabledIs(true);
-        for (int i = 0; i < 8 && !input_.atEnd(); ++i) {
-            request();
-            ports_[input_.u8() % 2]->read();
-            clock_.advance(input_.u8() == 1 ? 10 : 0.001);
-        }
-        session_->enabledIs(false);
-        clock_.advance(20);
-        Mox::require(ends_ == begun_, "each request has one end");
-    }
-    void callback(nlmsghdr* message) override { ports_[1]->checkInside(*message); }
-
-  private:
-    void request() {
-        const auto each = [this](const nlmsghdr& message) { ports_[0]->checkInside(message); };
-        const auto done = [this](const NetlinkAnswer&) { ++ends_; };
-        const NetlinkMessage message(RTM_GETLINK);
-        switch (input_.u8() % 4) {
-            case 0:
-                begun_ += 1;
-                session_->requestIs(message, done, each);
-                break;
-            case 1:
-                begun_ += 1;
-                session_->dumpIs(message, {}, each, done);
-                break;
-            case 2:
-                begun_ += 3;
-                session_->requestsAre(std::array{message, message, message},
-                                      [done](std::size_t, const NetlinkAnswer& a) { done(a); });
-                break;
-            default:
-                break;
-        }
-    }
-
-    fuzz::Input input_;
-    HostilePort* ports_[2] = {};
-    Mox::ManualClock clock_;
-    Mox::Ptr<NetlinkSession> session_ = netlinkSessionFactory("fuzz", NamespaceName(), &clock_);
-    uint32_t begun_ = 0;
-    uint32_t ends_ = 0;
+    HostilePort* ports[2] = {};
 };
+
+void runSession(fuzz::Input input) {
+    Mox::ManualClock clock;
+    const auto session = netlinkSessionFactory("fuzz", NamespaceName(), &clock);
+    Agent agent;
+    uint32_t begun = 0;
+    uint32_t ends = 0;
+    const auto each = [&](const nlmsghdr& message) { agent.ports[0]->checkInside(message); };
+    const auto done = [&](const NetlinkAnswer&) { ++ends; };
+    session->portOpenerIs([&](NetlinkPortUse use) {
+        return Mox::make<HostilePort>(&input, &agent.ports[static_cast<std::size_t>(use)]);
+    });
+    session->followIs(RTM_GETLINK, {RTNLGRP_LINK}, &agent);
+    session->followIs(RTM_GETADDR, {RTNLGRP_IPV4_IFADDR}, &agent, 2);
+    session->enabledIs(true);
+    const NetlinkMessage message(RTM_GETLINK);
+    for (int i = 0; i < 8 && !input.atEnd(); ++i) {
+        const uint8_t kind = input.u8() % 4;
+        begun += kind == 2 ? 3 : kind == 3 ? 0 : 1;
+        if (kind == 0) {
+            session->requestIs(message, done, each);
+        } else if (kind == 1) {
+            session->dumpIs(message, {}, each, done);
+        } else if (kind == 2) {
+            session->requestsAre(std::array{message, message, message},
+                                 [&](std::size_t, const NetlinkAnswer& answer) { done(answer); });
+        }
+        agent.ports[input.u8() % 2]->read();
+        clock.advance(input.u8() == 1 ? 10 : 0.001);
+    }
+    session->enabledIs(false);
+    clock.advance(20);
+    Mox::require(ends == begun, "each request has one end");
+}
 
 }  // namespace
 
@@ -165,6 +150,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const fuzz::ExactBytes list(fuzz::Input(input).rest());
     const std::span<const uint8_t> bytes(list.data(), list.size());
     checkAttributes(bytes, NetlinkAttributes(bytes, highest), highest, /*depth=*/2);
-    Agent(input).run();
+    runSession(input);
     return 0;
 }
