@@ -21,7 +21,7 @@ Mox::TraceFacility facility("Pavo::NetlinkReader");
 constexpr uint32_t datagramsPerTurn = 64;
 // The kernel makes dumps of up to 32 KiB; only a link of many virtual functions takes more.
 constexpr std::size_t firstBufferBytes = 64 << 10;
-constexpr std::size_t maxBufferBytes = 16 << 20;
+constexpr std::size_t maxBufferBytes = 1 << 20;
 
 // The number in the error field, as an errno.
 int errnoOf(int error) {

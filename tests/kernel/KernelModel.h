@@ -74,6 +74,7 @@ class KernelModel {
     std::size_t room = 1000;          ///< Datagrams in a receive buffer.
     std::size_t sndBuf = 1000;        ///< The largest datagram that can be sent.
     bool isSilent = false;            ///< Requests get lost.
+    bool isHuge = false;              ///< The next datagram is too large to be received.
     uint32_t requestLosses = 0;       ///< Requests and answers that got lost.
     std::vector<double> dumpsAt;      ///< When dumps of table 0 began on the monitor.
     std::map<uint32_t, int> results;  ///< Of the requests, by number.
@@ -126,7 +127,8 @@ class KernelModel {
             isCongested_ = isCongested_ && !queue_.empty();
             *sender = from;
             std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.size()), buffer.begin());
-            return static_cast<ssize_t>(bytes.size());
+            const std::size_t more = std::exchange(model_->isHuge, false) ? 2 << 20 : 0;
+            return static_cast<ssize_t>(bytes.size() + more);
         }
         void receiveTried(bool moreMayWait) override { moreMayWait ? wake() : void(); }
         void groupIs(uint32_t group, bool isMember) override {
