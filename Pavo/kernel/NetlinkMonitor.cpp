@@ -204,9 +204,15 @@ void NetlinkMonitor::handleDumpMessage(nlmsghdr& message, FirstException* except
 }
 
 void NetlinkMonitor::handleDumpEnd(const nlmsghdr& message, FirstException* exception) {
+    const NetlinkAnswer answer = netlinkAnswerOf(message);
+    if (message.nlmsg_type == NLMSG_ERROR && answer.error == ENOBUFS) {
+        // The buffer was full when the dump began. The kernel goes on with it as soon as there is
+        // room, and refuses another one until then.
+        isVoid_ = true;
+        return;
+    }
     const Owned table = std::exchange(running_, nullptr);
     deadline_.expiryIs(Mox::Clock::idle);
-    const NetlinkAnswer answer = netlinkAnswerOf(message);
     NetlinkFollower* const follower = table->follower;
     if (follower != nullptr && (isVoid_ || isPassing(answer.error))) {
         dumpLater();

@@ -151,6 +151,11 @@ void NetlinkRequests::handleDumpMessage(const Owned& pending, const nlmsghdr& me
 void NetlinkRequests::handleDumpEnd(const Owned& pending, const nlmsghdr& message,
                                     FirstException* exception) {
     NetlinkAnswer answer = netlinkAnswerOf(message);
+    if (message.nlmsg_type == NLMSG_ERROR && answer.error == ENOBUFS) {
+        // The buffer was full when the dump began. The kernel goes on with it when there is room.
+        pending->isInterrupted = true;
+        return;
+    }
     if (std::exchange(pending->isInterrupted, false) && answer.error == 0) {
         const bool asksAgain =
             ++pending->interruptions <= maxInterruptions && !pending->isForgotten;
