@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -137,6 +138,17 @@ TEST(NetlinkRecorder, PlaysBackRecordingsWithoutAKernel) {
         const std::string path = std::string(PAVO_RECORDINGS "/") + kind.name + ".pcapng";
         EXPECT_EQ(played(kind, path), kind.committed);
     }
+    Mox::ManualClock clock;
+    const auto player = netlinkPlayerFactory(PAVO_RECORDINGS "/links.pcapng", &clock);
+    const auto session = netlinkSessionFactory("other", NamespaceName(), &clock);
+    session->portOpenerIs(player->opener());
+    session->enabledIs(true);
+    int error = 0;
+    session->requestIs(NetlinkMessage(RTM_GETLINK),
+                       [&error](const NetlinkAnswer& answer) { error = answer.error; });
+    clock.advance(1);
+    EXPECT_EQ(error, EPROTO);
+    EXPECT_EQ(player->difference(), "datagram 0 differs");
 }
 
 }  // namespace
