@@ -184,7 +184,7 @@ struct World : PavoTest::RandomProgram {
     void forget() {
         Side& on = side();
         if (!on.asked.empty()) {
-            const auto it = std::next(on.asked.begin(), below(on.asked.size()));
+            const auto it = std::next(on.asked.begin(), static_cast<int>(below(on.asked.size())));
             for (Asked& each : it->second) {
                 each.isForgotten = each.ends == 0;
             }
