@@ -60,9 +60,8 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 /// that are followed, so that both come in the kernel's order.
 ///
 /// **Requests.** Each has a deadline and exactly one end: the kernel's acknowledgement or error, or
-/// - ETIMEDOUT: nothing came within the deadline, which begins when it is sent; of a batch or a
-/// dump,
-///   nothing since its last message for one to two deadlines;
+/// - ETIMEDOUT: nothing came within the deadline, which begins when it is sent; for a batch or a
+///   dump, nothing for one to two deadlines;
 /// - ECANCELED: the session was disabled, or was it already;
 /// - ENOBUFS: answers were lost, so that it is unknown what the kernel did;
 /// - EMSGSIZE: an answer was larger than the buffer, which has grown now: ask again;
