@@ -174,6 +174,8 @@ class Map : public Detail::Versioned {
 
     auto begin() const { return items_.begin(); }
     auto end() const { return items_.end(); }
+    /// The first member whose key is not less than `key`, for a walk over a range of keys.
+    auto lowerBound(const Key& key) const { return items_.lower_bound(key); }
 
   private:
     std::map<Key, T> items_;
