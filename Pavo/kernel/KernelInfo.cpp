@@ -1,0 +1,511 @@
+#include "Pavo/kernel/KernelInfo.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "Pavo/base/FirstException.h"
+#include "Pavo/kernel/NetlinkAttributes.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr double leastSeconds = 0.01;
+constexpr double mostSeconds = 1;
+
+struct FollowedTable {
+    uint16_t getType;
+    std::vector<uint32_t> groups;
+};
+
+// By the number of the table.
+const FollowedTable& followedTable(uint32_t table) {
+    static const FollowedTable all[] = {{RTM_GETLINK, {RTNLGRP_LINK}},
+                                        {RTM_GETADDR, {RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR}},
+                                        {RTM_GETNEIGH, {RTNLGRP_NEIGH}},
+                                        {RTM_GETROUTE, {RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE}}};
+    return all[table];
+}
+
+// Bits of tables.
+constexpr uint32_t bitOf(uint32_t table) {
+    return 1u << table;
+}
+
+bool isFamilyKept(uint8_t family) {
+    return family == AF_INET || family == AF_INET6;
+}
+
+}  // namespace
+
+// The routes are followed by a follower of their own, so that they can be left alone.
+struct KernelInfo::RouteFollower : NetlinkFollower {
+    explicit RouteFollower(KernelInfo* owner) : info(owner) {}
+
+    void callback(nlmsghdr* message) override { info->callback(message); }
+    void handleDumpBegin(uint16_t getType) override { info->handleDumpBegin(getType); }
+    void handleDumpEnd(uint16_t getType) override { info->handleDumpEnd(getType); }
+    void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer) override {
+        info->handleDumpRefused(getType, answer);
+    }
+
+    KernelInfo* const info;
+};
+
+// Objects that are in no collection any more, and of which nobody is notified yet.
+struct KernelInfo::Gone {
+    std::vector<Mox::Ptr<Neighbour>> neighbours;
+    std::vector<Mox::Ptr<LinkAddress>> addresses;
+    std::vector<Mox::Ptr<Link>> links;
+    std::vector<Mox::String> names;
+};
+
+KernelInfo::KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session, Mox::Clock* clock)
+    : name_(std::move(name)),
+      session_(std::move(session)),
+      clock_(clock),
+      pending_(bitOf(linkTable) | bitOf(addressTable) | bitOf(neighbourTable)),
+      askAgainSeconds_(leastSeconds),
+      routes_(Mox::make<RouteTable>(name_)),
+      routeFollower_(std::make_unique<RouteFollower>(this)) {
+    if (!session_) {
+        return;
+    }
+    askAgainTimer_.emplace(clock_, [this] { dumpAgain(); });
+    sessionWatch_ = Mox::Watch<NetlinkSession>(
+        session_, {NetlinkSession::enabledAttr, NetlinkSession::overflowsAttr},
+        [this](const Mox::Change& change) { handleSession(change); });
+    for (const Table each : {linkTable, addressTable, neighbourTable}) {
+        follow(each);
+    }
+}
+
+KernelInfo::~KernelInfo() {
+    if (session_) {
+        session_->followDel(this);
+        session_->followDel(routeFollower_.get());
+    }
+}
+
+void KernelInfo::follow(Table table) {
+    const FollowedTable& about = followedTable(table);
+    NetlinkFollower* const follower =
+        table == routeTable ? static_cast<NetlinkFollower*>(routeFollower_.get()) : this;
+    session_->followIs(about.getType, about.groups, follower);
+}
+
+void KernelInfo::followsRoutesIs(bool follows) {
+    if (follows == followsRoutes_) {
+        return;
+    }
+    const Mox::Ptr<KernelInfo> hold(this);
+    followsRoutes_ = follows;
+    if (follows) {
+        if (session_) {
+            follow(routeTable);
+        }
+        pendingIs(pending_ | bitOf(routeTable));
+    } else {
+        if (session_) {
+            session_->followDel(routeFollower_.get());
+        }
+        askAgain_ &= ~bitOf(routeTable);
+        routes_->clear();
+        pendingIs(pending_ & ~bitOf(routeTable));
+    }
+    notify(followsRoutesAttr);
+}
+
+void KernelInfo::close() {
+    const Mox::Ptr<KernelInfo> hold(this);
+    sessionWatch_ = {};
+    askAgainTimer_.reset();
+    if (session_) {
+        session_->followDel(this);
+        session_->followDel(routeFollower_.get());
+    }
+    session_ = nullptr;
+    FirstException thrown;
+    thrown.collect([&] { pendingIs(pending_ | bitOf(linkTable)); });
+    thrown.collect([&] { routes_->clear(); });
+    Gone gone;
+    while (links_.members() != 0) {
+        takeLink(links_.begin()->first, &gone);
+    }
+    while (addresses_.members() != 0) {  // Of links that were not known.
+        take(LinkAddressKey(addresses_.begin()->first), &gone);
+    }
+    while (neighbours_.members() != 0) {
+        take(NeighbourKey(neighbours_.begin()->first), &gone);
+    }
+    thrown.collect([&] { announce(gone); });
+    thrown.rethrow();
+}
+
+// In an overflow the session asks for dumps of all tables, after a while.
+void KernelInfo::handleSession(const Mox::Change&) {
+    if (!session_->enabled() || !session_->isInSync()) {
+        const uint32_t all = bitOf(linkTable) | bitOf(addressTable) | bitOf(neighbourTable);
+        pendingIs(all | (followsRoutes_ ? bitOf(routeTable) : 0));
+    }
+}
+
+void KernelInfo::pendingIs(uint32_t pending) {
+    pending_ = pending;
+    attributeIs(isInSync_, pending == 0, isInSyncAttr);
+}
+
+void KernelInfo::malformedInc() {
+    attributeInc(malformedMessages_, 1, malformedMessagesAttr);
+}
+
+void KernelInfo::callback(nlmsghdr* message) {
+    const Mox::Ptr<KernelInfo> hold(this);
+    switch (message->nlmsg_type) {
+        case RTM_NEWLINK:
+        case RTM_DELLINK:
+            handleLink(*message);
+            break;
+        case RTM_NEWADDR:
+        case RTM_DELADDR:
+            handleAddress(*message);
+            break;
+        case RTM_NEWNEIGH:
+        case RTM_DELNEIGH:
+            handleNeighbour(*message);
+            break;
+        case RTM_NEWROUTE:
+        case RTM_DELROUTE:
+            if (followsRoutes_) {
+                routes_->messageIs(*message);
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void KernelInfo::handleDumpBegin(uint16_t getType) {
+    const Mox::Ptr<KernelInfo> hold(this);
+    for (uint32_t table = 0; table < tables; ++table) {
+        if (followedTable(table).getType == getType) {
+            ++generations_[table];
+            askAgain_ &= ~bitOf(table);
+            pendingIs(pending_ | bitOf(table));
+        }
+    }
+    if (getType == RTM_GETNEIGH) {
+        isNeighbourDumpSure_ = true;
+    } else if (getType == RTM_GETROUTE) {
+        routes_->dumpBegin();
+    }
+}
+
+void KernelInfo::handleDumpEnd(uint16_t getType) {
+    const Mox::Ptr<KernelInfo> hold(this);
+    if (getType == RTM_GETLINK) {
+        sweep(linkTable);
+    } else if (getType == RTM_GETADDR) {
+        sweep(addressTable);
+    } else if (getType == RTM_GETNEIGH) {
+        isNeighbourDumpSure_ ? sweep(neighbourTable) : askAgain(neighbourTable);
+    } else if (getType == RTM_GETROUTE && followsRoutes_) {
+        if (routes_->dumpEnd()) {
+            sweep(routeTable);
+        } else {
+            askAgain(routeTable);
+        }
+    }
+}
+
+// A table that this kernel does not have is empty.
+void KernelInfo::handleDumpRefused(uint16_t getType, const NetlinkAnswer&) {
+    handleDumpEnd(getType);
+}
+
+// The kernel lists neighbours and IPv6 routes by counting: when some came or went meanwhile, others
+// may have been left out. Such a dump adds what it names but proves nothing gone.
+void KernelInfo::askAgain(Table table) {
+    askAgain_ |= bitOf(table);
+    if (askAgainTimer_ && askAgainTimer_->isIdle()) {
+        askAgainTimer_->expiryIs(clock_->now() + askAgainSeconds_);
+        askAgainSeconds_ = std::min(2 * askAgainSeconds_, mostSeconds);
+    }
+}
+
+void KernelInfo::dumpAgain() {
+    const Mox::Ptr<KernelInfo> hold(this);
+    for (const Table each : {neighbourTable, routeTable}) {
+        if ((std::exchange(askAgain_, askAgain_ & ~bitOf(each)) & bitOf(each)) != 0 && session_) {
+            follow(each);
+        }
+    }
+}
+
+template <class Key, class T>
+std::vector<Key> KernelInfo::unseen(const Mox::Map<Key, Mox::Ptr<T>>& map, Table table) const {
+    std::vector<Key> keys;
+    for (const auto& [key, object] : map) {
+        if (object->generation_ != generations_[table]) {
+            keys.push_back(key);
+        }
+    }
+    return keys;
+}
+
+// The end of a dump of which each object that exists has the number.
+void KernelInfo::sweep(Table table) {
+    Gone gone;
+    if (table == linkTable) {
+        for (const uint32_t each : unseen(links_, table)) {
+            takeLink(each, &gone);
+        }
+    } else if (table == addressTable) {
+        for (const LinkAddressKey& each : unseen(addresses_, table)) {
+            take(each, &gone);
+        }
+    } else if (table == neighbourTable) {
+        for (const NeighbourKey& each : unseen(neighbours_, table)) {
+            take(each, &gone);
+        }
+    }
+    FirstException thrown;
+    thrown.collect([&] { announce(gone); });
+    if (askAgain_ == 0) {
+        askAgainSeconds_ = leastSeconds;
+    }
+    thrown.collect([&] { pendingIs(pending_ & ~bitOf(table)); });
+    thrown.rethrow();
+}
+
+void KernelInfo::handleLink(const nlmsghdr& message) {
+    const auto* const body = netlinkBody<ifinfomsg>(message);
+    const std::optional<Link::Facts> facts = linkFactsOf(message);
+    if (facts && message.nlmsg_type == RTM_NEWLINK) {
+        linkIs(*facts);
+    } else if (facts) {
+        linkDel(facts->index);
+    } else if (body == nullptr || body->ifi_family == AF_UNSPEC) {
+        malformedInc();
+    }
+}
+
+void KernelInfo::linkIs(const Link::Facts& facts) {
+    Mox::Ptr<Link> link = linkByIndex(facts.index);
+    if (link && link->kind() != facts.kind) {  // Another one, which took the index.
+        linkDel(facts.index);
+        link = linkByIndex(facts.index);
+    }
+    if (!link) {
+        linkAdd(facts);
+        return;
+    }
+    link->generation_ = generations_[linkTable];
+    const bool wasUp = link->isUp();
+    const Mox::String before = link->name();
+    const uint64_t changed = link->commit(facts);
+    const bool isRenamed = before != facts.name && linkByName(before) == link && names_.del(before);
+    const bool isNamed = names_.is(facts.name, link);
+    FirstException thrown;
+    thrown.collect([&] { link->announce(changed); });
+    if (isRenamed) {
+        thrown.collect([&] { notify(linkByNameAttr, before); });
+    }
+    if (isNamed) {
+        thrown.collect([&] { notify(linkByNameAttr, facts.name); });
+    }
+    if (wasUp && (facts.flags & IFF_UP) == 0 && followsRoutes_) {
+        thrown.collect([&] {
+            routes_->linkDown(facts.index, [this](uint32_t index) {
+                const Mox::Ptr<Link> other = linkByIndex(index);
+                return other && other->isUp();
+            });
+        });
+    }
+    thrown.rethrow();
+}
+
+void KernelInfo::linkAdd(const Link::Facts& facts) {
+    const auto link = Mox::make<Link>(facts);
+    link->generation_ = generations_[linkTable];
+    links_.is(facts.index, link);
+    names_.is(facts.name, link);
+    FirstException thrown;
+    thrown.collect([&] { notify(linkByIndexAttr, facts.index); });
+    thrown.collect([&] { notify(linkByNameAttr, facts.name); });
+    thrown.rethrow();
+}
+
+void KernelInfo::linkDel(uint32_t index) {
+    Gone gone;
+    takeLink(index, &gone);
+    announce(gone);
+}
+
+void KernelInfo::handleAddress(const nlmsghdr& message) {
+    const auto* const body = netlinkBody<ifaddrmsg>(message);
+    const std::optional<LinkAddress::Facts> facts = linkAddressFactsOf(message);
+    if (facts && message.nlmsg_type == RTM_NEWADDR) {
+        addressIs(*facts);
+    } else if (facts) {
+        addressDel(facts->key);
+    } else if (body == nullptr || isFamilyKept(body->ifa_family)) {
+        malformedInc();
+    }
+}
+
+void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
+    if (const auto known = address(facts.key)) {
+        known->generation_ = generations_[addressTable];
+        known->announce(known->commit(facts));
+        return;
+    }
+    const auto made = Mox::make<LinkAddress>(facts);
+    made->generation_ = generations_[addressTable];
+    addresses_.is(facts.key, made);
+    notify(addressesAttr, facts.key);
+}
+
+void KernelInfo::addressDel(const LinkAddressKey& key) {
+    Gone gone;
+    take(key, &gone);
+    announce(gone);
+}
+
+void KernelInfo::handleNeighbour(const nlmsghdr& message) {
+    const auto* const body = netlinkBody<ndmsg>(message);
+    const std::optional<Neighbour::Facts> facts = neighbourFactsOf(message);
+    if (facts && message.nlmsg_type == RTM_NEWNEIGH) {
+        neighbourIs(*facts, (message.nlmsg_flags & NLM_F_MULTI) != 0);
+    } else if (facts) {
+        neighbourDel(facts->key);
+    } else if (body == nullptr ||
+               (isFamilyKept(body->ndm_family) && (body->ndm_flags & NTF_PROXY) == 0)) {
+        malformedInc();
+    }
+}
+
+void KernelInfo::neighbourIs(const Neighbour::Facts& facts, bool isOfDump) {
+    if (const auto known = neighbour(facts.key)) {
+        known->generation_ = generations_[neighbourTable];
+        known->announce(known->commit(facts));
+        return;
+    }
+    isNeighbourDumpSure_ = isNeighbourDumpSure_ && isOfDump;
+    const auto made = Mox::make<Neighbour>(facts);
+    made->generation_ = generations_[neighbourTable];
+    neighbours_.is(facts.key, made);
+    notify(neighboursAttr, facts.key);
+}
+
+void KernelInfo::neighbourDel(const NeighbourKey& key) {
+    isNeighbourDumpSure_ = false;
+    Gone gone;
+    take(key, &gone);
+    announce(gone);
+}
+
+void KernelInfo::take(const LinkAddressKey& key, Gone* gone) {
+    if (const auto object = address(key)) {
+        object->exists_ = false;
+        addresses_.del(key);
+        gone->addresses.push_back(object);
+    }
+}
+
+void KernelInfo::take(const NeighbourKey& key, Gone* gone) {
+    if (const auto object = neighbour(key)) {
+        object->exists_ = false;
+        neighbours_.del(key);
+        gone->neighbours.push_back(object);
+    }
+}
+
+// With what is on the link.
+void KernelInfo::takeLink(uint32_t index, Gone* gone) {
+    const Mox::Ptr<Link> link = linkByIndex(index);
+    if (!link) {
+        return;
+    }
+    for (auto it = neighbours_.lowerBound({index, {}});
+         it != neighbours_.end() && it->first.ifIndex == index;
+         it = neighbours_.lowerBound({index, {}})) {
+        take(NeighbourKey(it->first), gone);
+    }
+    for (auto it = addresses_.lowerBound({index, {}});
+         it != addresses_.end() && it->first.ifIndex == index;
+         it = addresses_.lowerBound({index, {}})) {
+        take(LinkAddressKey(it->first), gone);
+    }
+    link->exists_ = false;
+    links_.del(index);
+    if (linkByName(link->name()) == link) {
+        names_.del(link->name());
+        gone->names.push_back(link->name());
+    }
+    gone->links.push_back(link);
+}
+
+// Children before their parents; each is in no collection any more.
+void KernelInfo::announce(const Gone& gone) {
+    const Mox::Ptr<KernelInfo> hold(this);
+    FirstException thrown;
+    const auto each = [&](const auto& object, const auto& attribute, const auto& key) {
+        thrown.collect([&] { object->announceEnd(); });
+        thrown.collect([&] { notify(attribute, key); });
+    };
+    for (const auto& link : gone.links) {
+        thrown.collect([&] { routes_->linkGone(link->index()); });
+    }
+    for (const auto& address : gone.addresses) {
+        thrown.collect([&] { routesLoseAddress(*address); });
+    }
+    for (const auto& neighbour : gone.neighbours) {
+        each(neighbour, neighboursAttr, neighbour->key());
+    }
+    for (const auto& address : gone.addresses) {
+        each(address, addressesAttr, address->key());
+    }
+    for (const auto& link : gone.links) {
+        each(link, linkByIndexAttr, link->index());
+    }
+    for (const Mox::String& name : gone.names) {
+        thrown.collect([&] { notify(linkByNameAttr, name); });
+    }
+    thrown.rethrow();
+}
+
+// An IPv4 address may be on several links: routes keep it as their source until the last one goes.
+void KernelInfo::routesLoseAddress(const LinkAddress& address) {
+    if (routes_->members() == 0) {
+        return;
+    }
+    const uint32_t table = tableOf(address.ifIndex());
+    const bool isElsewhere =
+        address.address().af() == ipv4 &&
+        std::any_of(addresses_.begin(), addresses_.end(), [&](const auto& each) {
+            return each.first.address == address.address() && tableOf(each.first.ifIndex) == table;
+        });
+    if (!isElsewhere) {
+        routes_->addressGone(address.address(), address.ifIndex(), table);
+    }
+}
+
+// A link of a VRF has the VRF's table.
+uint32_t KernelInfo::tableOf(uint32_t ifIndex) const {
+    const Mox::Ptr<Link> link = linkByIndex(ifIndex);
+    const Mox::Ptr<Link> master = link ? linkByIndex(link->master()) : nullptr;
+    const uint32_t table = link && link->vrfTable() != 0 ? link->vrfTable()
+                           : master                      ? master->vrfTable()
+                                                         : 0;
+    return table != 0 ? table : uint32_t{RT_TABLE_MAIN};
+}
+
+Mox::Ptr<KernelInfo> kernelInfoFactory(Mox::String name, Mox::Ptr<NetlinkSession> session,
+                                       Mox::Clock* clock) {
+    return Mox::make<KernelInfo>(std::move(name), std::move(session), clock);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,182 @@
+/// @file
+/// What the kernel knows of a namespace, as entities that follow it.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Mox/Clock.h"
+#include "Mox/Collections.h"
+#include "Mox/Entity.h"
+#include "Mox/Lifetime.h"
+#include "Mox/Ptr.h"
+#include "Mox/String.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/kernel/Link.h"
+#include "Pavo/kernel/LinkAddress.h"
+#include "Pavo/kernel/Neighbour.h"
+#include "Pavo/kernel/NetlinkSession.h"
+#include "Pavo/kernel/RouteTable.h"
+
+namespace Pavo {
+
+/// The links, addresses, neighbours and, on request, routes of a network namespace. It follows the
+/// tables of a session, and holds an entity for each object.
+///
+/// Each message is applied as a whole before observers are notified of it: of a link that goes,
+/// first its routes, neighbours and addresses, then the link. When the session has lost messages,
+/// it dumps the tables again, and observers are notified of the differences only: an object that is
+/// unchanged stays the same entity and notifies nobody.
+///
+/// While it is notified, an observer may do what `NotifieeList` says, and with the session what it
+/// wants.
+///
+/// Without a session it is fed by hand through the functions of `NetlinkFollower`, as tests do.
+class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkFollower {
+  public:
+    static constexpr Mox::Attribute<KernelInfo> isInSyncAttr{0, "isInSync"};
+    static constexpr Mox::Attribute<KernelInfo> followsRoutesAttr{1, "followsRoutes"};
+    static constexpr Mox::Attribute<KernelInfo> malformedMessagesAttr{2, "malformedMessages"};
+    static constexpr Mox::Attribute<KernelInfo, uint32_t> linkByIndexAttr{3, "linkByIndex"};
+    static constexpr Mox::Attribute<KernelInfo, Mox::String> linkByNameAttr{4, "linkByName"};
+    static constexpr Mox::Attribute<KernelInfo, LinkAddressKey> addressesAttr{5, "addresses"};
+    static constexpr Mox::Attribute<KernelInfo, NeighbourKey> neighboursAttr{6, "neighbours"};
+    static constexpr auto description() {
+        return Mox::classRecord(
+            "Pavo::KernelInfo", Mox::attribute(isInSyncAttr, &KernelInfo::isInSync),
+            Mox::attribute(followsRoutesAttr, &KernelInfo::followsRoutes),
+            Mox::attribute(malformedMessagesAttr, &KernelInfo::malformedMessages),
+            Mox::attribute(linkByIndexAttr), Mox::attribute(linkByNameAttr),
+            Mox::attribute(addressesAttr), Mox::attribute(neighboursAttr));
+    }
+
+    /// Follows the session, which may be enabled or not, on its clock. Both null: nothing.
+    KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session, Mox::Clock* clock);
+    ~KernelInfo() override;
+
+    Mox::String name() const override { return name_; }
+    /// As it was made with. Requests go through it, such as those of `KernelRequests.h`.
+    const Mox::Ptr<NetlinkSession>& session() const MOX_LIFETIME_BOUND { return session_; }
+
+    /// All followed tables are as the kernel's, but for messages that are on their way. False
+    /// before the first dumps are complete, from an overflow until the fresh dumps are complete,
+    /// and while the session is disabled; objects then stay as they were seen last.
+    bool isInSync() const { return isInSync_; }
+    /// Whether `routes()` is followed; at first it is not, and is empty.
+    bool followsRoutes() const { return followsRoutes_; }
+    /// Switched off, the table is emptied.
+    void followsRoutesIs(bool follows);
+    /// Messages about links, addresses, neighbours and routes that were not understood, without
+    /// those of families and aspects that are not kept.
+    uint32_t malformedMessages() const { return malformedMessages_; }
+
+    /// All links. A link is notified when it comes and when it goes.
+    const Mox::Map<uint32_t, Mox::Ptr<Link>>& linkByIndex() const MOX_LIFETIME_BOUND {
+        return links_;
+    }
+    /// The link, or null.
+    Mox::Ptr<Link> linkByIndex(uint32_t index) const { return found(links_, index); }
+    /// All links by their present names. Notified when a name stands for another link, or for none,
+    /// as for both names of a link that is renamed.
+    const Mox::Map<Mox::String, Mox::Ptr<Link>>& linkByName() const MOX_LIFETIME_BOUND {
+        return names_;
+    }
+    /// The link, or null.
+    Mox::Ptr<Link> linkByName(const Mox::String& name) const { return found(names_, name); }
+
+    /// All addresses, those of a link one after the other.
+    const Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>>& addresses() const MOX_LIFETIME_BOUND {
+        return addresses_;
+    }
+    /// The address, or null.
+    Mox::Ptr<LinkAddress> address(const LinkAddressKey& key) const {
+        return found(addresses_, key);
+    }
+    /// All neighbours, those of a link one after the other.
+    const Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>>& neighbours() const MOX_LIFETIME_BOUND {
+        return neighbours_;
+    }
+    /// The neighbour, or null.
+    Mox::Ptr<Neighbour> neighbour(const NeighbourKey& key) const { return found(neighbours_, key); }
+    /// The same object for life.
+    const Mox::Ptr<RouteTable>& routes() const MOX_LIFETIME_BOUND { return routes_; }
+
+    /// Leaves the session, and ends all objects in order: routes, neighbours and addresses, links.
+    void close();
+
+    void callback(nlmsghdr* message) override;
+    void handleDumpBegin(uint16_t getType) override;
+    void handleDumpEnd(uint16_t getType) override;
+    void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer) override;
+
+  private:
+    enum Table : uint32_t { linkTable, addressTable, neighbourTable, routeTable, tables };
+    struct RouteFollower;
+    struct Gone;
+
+    template <class Key, class T>
+    static Mox::Ptr<T> found(const Mox::Map<Key, Mox::Ptr<T>>& map, const Key& key) {
+        const auto* const value = map.find(key);
+        return value == nullptr ? nullptr : *value;
+    }
+
+    void follow(Table table);
+    void askAgain(Table table);
+    void dumpAgain();
+    void handleSession(const Mox::Change& change);
+    void pendingIs(uint32_t pending);
+    void malformedInc();
+
+    void linkIs(const Link::Facts& facts);
+    void linkAdd(const Link::Facts& facts);
+    void linkDel(uint32_t index);
+    void addressIs(const LinkAddress::Facts& facts);
+    void addressDel(const LinkAddressKey& key);
+    void neighbourIs(const Neighbour::Facts& facts, bool isOfDump);
+    void neighbourDel(const NeighbourKey& key);
+    void handleLink(const nlmsghdr& message);
+    void handleAddress(const nlmsghdr& message);
+    void handleNeighbour(const nlmsghdr& message);
+
+    template <class Key, class T>
+    std::vector<Key> unseen(const Mox::Map<Key, Mox::Ptr<T>>& map, Table table) const;
+    void sweep(Table table);
+    void take(const LinkAddressKey& key, Gone* gone);
+    void take(const NeighbourKey& key, Gone* gone);
+    void takeLink(uint32_t index, Gone* gone);
+    void announce(const Gone& gone);
+    void routesLoseAddress(const LinkAddress& address);
+    uint32_t tableOf(uint32_t ifIndex) const;
+
+    Mox::String name_;
+    Mox::Ptr<NetlinkSession> session_;
+    Mox::Clock* clock_;
+    bool isInSync_ = false;
+    bool followsRoutes_ = false;
+    uint32_t malformedMessages_ = 0;
+    uint32_t pending_;                 // Tables, as bits, that are not in sync.
+    uint32_t askAgain_ = 0;            // Tables whose last dump cannot be trusted.
+    bool isNeighbourDumpSure_ = true;  // No neighbour came or went during the dump.
+    double askAgainSeconds_;
+    uint32_t generations_[tables] = {};  // The number of the last dump.
+    Mox::Map<uint32_t, Mox::Ptr<Link>> links_;
+    Mox::Map<Mox::String, Mox::Ptr<Link>> names_;
+    Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>> addresses_;
+    Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>> neighbours_;
+    Mox::Ptr<RouteTable> routes_;
+    std::unique_ptr<RouteFollower> routeFollower_;
+    std::optional<Mox::Timer> askAgainTimer_;
+    Mox::Watch<NetlinkSession> sessionWatch_;
+};
+
+/// Follows `session` (see `NetlinkSession`) on `clock`, which is the session's.
+PAVO_EXPORT Mox::Ptr<KernelInfo> kernelInfoFactory(Mox::String name,
+                                                   Mox::Ptr<NetlinkSession> session,
+                                                   Mox::Clock* clock);
+
+}  // namespace Pavo

@@ -1,0 +1,140 @@
+#include "Pavo/kernel/KernelInfoMgr.h"
+
+#include <utility>
+#include <vector>
+
+#include "Mox/Exception.h"
+#include "Mox/Trace.h"
+
+#include "Pavo/base/FirstException.h"
+#include "Pavo/kernel/NetNsRunDir.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::KernelInfoMgr");
+
+constexpr double retrySeconds = 1;
+
+}  // namespace
+
+KernelInfoMgr::KernelInfoMgr(Mox::String name, Mox::Ptr<NamespaceStatusLocalDir> status,
+                             Mox::Clock* clock)
+    : name_(std::move(name)),
+      status_(std::move(status)),
+      clock_(clock),
+      runDir_(std::make_unique<NetNsRunDirWatch>([this] { scan(); })),
+      retry_(clock, [this] { scan(); }) {
+    scan();
+}
+
+KernelInfoMgr::~KernelInfoMgr() = default;
+
+void KernelInfoMgr::close() {
+    const Mox::Ptr<KernelInfoMgr> hold(this);
+    runDir_ = nullptr;
+    retry_.expiryIs(Mox::Clock::idle);
+    FirstException thrown;
+    while (!followed_.empty()) {
+        thrown.collect([&] { end(NamespaceName(followed_.begin()->first)); });
+    }
+    thrown.rethrow();
+}
+
+// The default namespace has no file of its own. A file of that name is one more name of it.
+void KernelInfoMgr::scan() {
+    const Mox::Ptr<KernelInfoMgr> hold(this);
+    std::map<NamespaceName, int64_t> inodes = netNsInodes();
+    inodes[NamespaceName::defaultNamespace()] = 0;
+    std::vector<NamespaceName> gone;
+    for (const auto& [netNs, each] : followed_) {
+        const auto now = inodes.find(netNs);
+        if (now == inodes.end() || (each.inode != -1 && now->second != each.inode)) {
+            gone.push_back(netNs);
+        }
+    }
+    FirstException thrown;
+    for (const NamespaceName& each : gone) {
+        thrown.collect([&] { end(each); });
+    }
+    for (const auto& [netNs, inode] : inodes) {
+        if (runDir_) {  // An observer may have closed this.
+            thrown.collect([&, &each = netNs, number = inode] { begin(each, number); });
+        }
+    }
+    thrown.rethrow();
+}
+
+// Does nothing for one that is followed already. A name may have been given to another namespace
+// before the sockets were opened, which the next scan finds.
+void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
+    if (const auto it = followed_.find(netNs); it != followed_.end() && it->second.session) {
+        return;
+    }
+    followed_.try_emplace(netNs);
+    status_->nsIs(netNs);
+    if (inode == -1 || followed_.count(netNs) == 0) {
+        return;
+    }
+    const auto session = netlinkSessionFactory(netNs.value(), netNs, clock_);
+    const auto info = kernelInfoFactory(netNs.value(), session, clock_);
+    try {
+        session->enabledIs(true);
+    } catch (const Mox::ErrnoException& error) {
+        MOX_TRACE(facility, 1, netNs.value(), ": ", error.what());
+    }
+    if (!session->enabled() || (inode != 0 && netNsInodeOf(netNs) != inode)) {
+        session->enabledIs(false);
+        retry_.expiryIs(clock_->now() + retrySeconds);
+        return;
+    }
+    Followed& followed = followed_[netNs];
+    followed.inode = inode;
+    followed.session = session;
+    followed.sync = Mox::Watch<KernelInfo>(info, KernelInfo::isInSyncAttr,
+                                           [this, netNs] { handleSync(NamespaceName(netNs)); });
+    infos_.is(netNs, info);
+    notify(kernelInfosAttr, netNs);
+}
+
+void KernelInfoMgr::handleSync(const NamespaceName& netNs) {
+    const auto info = kernelInfo(netNs);
+    const auto status = status_->ns(netNs);
+    if (info && info->isInSync() && status) {
+        status->stateIs(NamespaceState::active);
+    }
+}
+
+void KernelInfoMgr::end(const NamespaceName& netNs) {
+    const Mox::Ptr<KernelInfoMgr> hold(this);
+    auto node = followed_.extract(netNs);
+    if (node.empty()) {
+        return;
+    }
+    const auto info = kernelInfo(netNs);
+    const auto session = node.mapped().session;
+    node.mapped().sync = {};
+    FirstException thrown;
+    if (const auto status = status_->ns(netNs)) {
+        thrown.collect([&] { status->stateIs(NamespaceState::deleting); });
+    }
+    if (info) {
+        thrown.collect([&] { info->close(); });
+        infos_.del(netNs);
+        thrown.collect([&] { notify(kernelInfosAttr, netNs); });
+    }
+    if (session) {
+        thrown.collect([&] { session->enabledIs(false); });
+    }
+    thrown.collect([&] { status_->nsDel(netNs); });
+    thrown.rethrow();
+}
+
+Mox::Ptr<KernelInfoMgr> kernelInfoMgrFactory(Mox::String name,
+                                             Mox::Ptr<NamespaceStatusLocalDir> status,
+                                             Mox::Clock* clock) {
+    return Mox::make<KernelInfoMgr>(std::move(name), std::move(status), clock);
+}
+
+}  // namespace Pavo

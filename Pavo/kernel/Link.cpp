@@ -1,0 +1,97 @@
+#include "Pavo/kernel/Link.h"
+
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+#include "Pavo/kernel/NetlinkAttributes.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr uint16_t highestLinkAttribute = IFLA_LINKINFO;
+static_assert(IFLA_STATS64 > IFLA_LINKINFO);
+
+LinkOperState operStateOf(const NetlinkAttributes& attributes) {
+    uint8_t number = 0;
+    attributes.read(IFLA_OPERSTATE, &number);
+    return number > static_cast<uint8_t>(LinkOperState::up) ? LinkOperState::unknown
+                                                            : static_cast<LinkOperState>(number);
+}
+
+void readKind(const NetlinkAttributes& attributes, Link::Facts* facts) {
+    const NetlinkAttributes info = attributes.nested(IFLA_LINKINFO, IFLA_INFO_DATA);
+    facts->kind = Mox::String(info.text(IFLA_INFO_KIND));
+    if (facts->kind == "vrf") {
+        info.nested(IFLA_INFO_DATA, IFLA_VRF_TABLE).read(IFLA_VRF_TABLE, &facts->vrfTable);
+    }
+}
+
+// Messages about a bridge port have the bridge's family, those of wireless events say nothing else.
+bool isOfLink(const ifinfomsg* body, const NetlinkAttributes& attributes) {
+    return body->ifi_family == AF_UNSPEC && body->ifi_index > 0 && attributes.isSound() &&
+           attributes.find(IFLA_WIRELESS) == nullptr;
+}
+
+}  // namespace
+
+uint64_t Link::commit(const Facts& facts) {
+    const bool wasUp = isUp();
+    const bool wasRunning = isRunning();
+    uint64_t changed = stored(facts_.name, facts.name, nameAttr) |
+                       stored(facts_.ethAddr, facts.ethAddr, ethAddrAttr) |
+                       stored(facts_.mtu, facts.mtu, mtuAttr) |
+                       stored(facts_.flags, facts.flags, flagsAttr) |
+                       stored(facts_.operState, facts.operState, operStateAttr) |
+                       stored(facts_.master, facts.master, masterAttr);
+    facts_.vrfTable = facts.vrfTable;
+    changed |= wasUp != isUp() ? uint64_t{1} << isUpAttr.number : 0;
+    changed |= wasRunning != isRunning() ? uint64_t{1} << isRunningAttr.number : 0;
+    return changed;
+}
+
+void Link::announce(uint64_t changed) {
+    for (const auto* each : {&nameAttr, &ethAddrAttr, &mtuAttr, &flagsAttr, &isUpAttr,
+                             &isRunningAttr, &operStateAttr, &masterAttr}) {
+        if ((changed >> each->number & 1) != 0) {
+            notify(*each);
+        }
+    }
+}
+
+std::optional<Link::Facts> linkFactsOf(const nlmsghdr& message) {
+    const auto* const body = netlinkBody<ifinfomsg>(message);
+    const NetlinkAttributes attributes(message, sizeof(ifinfomsg), highestLinkAttribute);
+    const std::string_view name = attributes.text(IFLA_IFNAME);
+    if (body == nullptr || !isOfLink(body, attributes) || name.empty() || name.size() >= IFNAMSIZ) {
+        return {};
+    }
+    Link::Facts facts;
+    facts.index = static_cast<uint32_t>(body->ifi_index);
+    facts.name = Mox::String(name);
+    if (attributes.payload(IFLA_ADDRESS).size() == sizeof(EthAddr)) {
+        attributes.read(IFLA_ADDRESS, &facts.ethAddr);
+    }
+    attributes.read(IFLA_MTU, &facts.mtu);
+    facts.flags = body->ifi_flags;
+    facts.operState = operStateOf(attributes);
+    attributes.read(IFLA_MASTER, &facts.master);
+    readKind(attributes, &facts);
+    return facts;
+}
+
+std::optional<LinkStatistics> linkStatisticsOf(const nlmsghdr& message) {
+    const NetlinkAttributes attributes(message, sizeof(ifinfomsg), IFLA_STATS64);
+    rtnl_link_stats64 stats{};
+    // A kernel that has more counters, or fewer, puts them at the end.
+    const std::span<const uint8_t> bytes = attributes.payload(IFLA_STATS64);
+    if (!attributes.isSound() || bytes.size() < offsetof(rtnl_link_stats64, collisions)) {
+        return {};
+    }
+    std::memcpy(&stats, bytes.data(), std::min(bytes.size(), sizeof(stats)));
+    return LinkStatistics{stats.rx_packets, stats.tx_packets, stats.rx_bytes,
+                          stats.tx_bytes,   stats.rx_errors,  stats.tx_errors,
+                          stats.rx_dropped, stats.tx_dropped, stats.multicast};
+}
+
+}  // namespace Pavo

@@ -1,0 +1,69 @@
+#include "Pavo/kernel/LinkAddress.h"
+
+#include <linux/rtnetlink.h>
+
+#include "Pavo/kernel/NetlinkAddress.h"
+#include "Pavo/kernel/NetlinkAttributes.h"
+
+namespace Pavo {
+
+namespace {
+
+// The kernel calls the own address "local", and "address" what the network is made of: the peer's
+// address where there is one, else the own one again. Of IPv6 "local" comes only with a peer.
+bool readAddresses(const NetlinkAttributes& attributes, uint8_t family, LinkAddress::Facts* facts) {
+    IpGenAddr network;
+    if (!readAddress(attributes, IFA_ADDRESS, family, &network)) {
+        return false;
+    }
+    facts->key.address = network;
+    readAddress(attributes, IFA_LOCAL, family, &facts->key.address);
+    facts->peer = network == facts->key.address ? IpGenAddr() : network;
+    if (family == AF_INET) {
+        facts->key.network = IpGenPrefix::containing(network, facts->len);
+    }
+    readAddress(attributes, IFA_BROADCAST, family, &facts->broadcast);
+    return true;
+}
+
+}  // namespace
+
+Mox::String LinkAddress::name() const {
+    return address().stringValue() + "/" + std::to_string(len());
+}
+
+uint64_t LinkAddress::commit(const Facts& facts) {
+    return stored(facts_.len, facts.len, lenAttr) | stored(facts_.peer, facts.peer, peerAttr) |
+           stored(facts_.broadcast, facts.broadcast, broadcastAttr) |
+           stored(facts_.scope, facts.scope, scopeAttr) |
+           stored(facts_.flags, facts.flags, flagsAttr);
+}
+
+void LinkAddress::announce(uint64_t changed) {
+    for (const auto* each : {&lenAttr, &peerAttr, &broadcastAttr, &scopeAttr, &flagsAttr}) {
+        if ((changed >> each->number & 1) != 0) {
+            notify(*each);
+        }
+    }
+}
+
+std::optional<LinkAddress::Facts> linkAddressFactsOf(const nlmsghdr& message) {
+    const auto* const body = netlinkBody<ifaddrmsg>(message);
+    const NetlinkAttributes attributes(message, sizeof(ifaddrmsg), IFA_FLAGS);
+    if (body == nullptr || !attributes.isSound() || body->ifa_index == 0 ||
+        body->ifa_prefixlen > addressBits(familyOf(body->ifa_family))) {
+        return {};
+    }
+    LinkAddress::Facts facts;
+    facts.key.ifIndex = body->ifa_index;
+    facts.len = body->ifa_prefixlen;
+    facts.scope = body->ifa_scope;
+    facts.flags = body->ifa_flags;  // The low byte, from before there were more.
+    attributes.read(IFA_FLAGS, &facts.flags);
+    if (!readAddresses(attributes, body->ifa_family, &facts)) {
+        return {};
+    }
+    return facts;
+}
+
+}  // namespace Pavo

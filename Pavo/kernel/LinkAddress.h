@@ -1,0 +1,100 @@
+/// @file
+/// IP addresses of network interfaces.
+#pragma once
+
+#include <linux/if_addr.h>
+#include <linux/netlink.h>
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+
+#include "Mox/Entity.h"
+#include "Mox/Lifetime.h"
+#include "Mox/String.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/kernel/KernelObject.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/IpGenPrefix.h"
+
+namespace Pavo {
+
+/// What identifies an address among those of a namespace. Ordered by link first.
+struct LinkAddressKey {
+    uint32_t ifIndex = 0;
+    IpGenAddr address;
+    /// For IPv4, the network: a link can have an address once in each of several networks. None
+    /// (`ipunknown`) for IPv6.
+    IpGenPrefix network = {};
+
+    friend auto operator<=>(const LinkAddressKey&, const LinkAddressKey&) = default;
+};
+
+/// An address of a link.
+class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> {
+  public:
+    /// What a message says of an address.
+    ///
+    /// Members: as the functions of `LinkAddress` with these names.
+    struct Facts {
+        LinkAddressKey key;
+        uint32_t len = 0;
+        IpGenAddr peer;
+        IpGenAddr broadcast;
+        uint32_t scope = 0;
+        uint32_t flags = 0;
+    };
+
+    static constexpr Mox::Attribute<LinkAddress> lenAttr{1, "len"};
+    static constexpr Mox::Attribute<LinkAddress> peerAttr{2, "peer"};
+    static constexpr Mox::Attribute<LinkAddress> broadcastAttr{3, "broadcast"};
+    static constexpr Mox::Attribute<LinkAddress> scopeAttr{4, "scope"};
+    static constexpr Mox::Attribute<LinkAddress> flagsAttr{5, "flags"};
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::LinkAddress", Mox::attribute(lenAttr, &LinkAddress::len),
+                                Mox::attribute(peerAttr, &LinkAddress::peer),
+                                Mox::attribute(broadcastAttr, &LinkAddress::broadcast),
+                                Mox::attribute(scopeAttr, &LinkAddress::scope),
+                                Mox::attribute(flagsAttr, &LinkAddress::flags));
+    }
+
+    /// As the kernel described it.
+    explicit LinkAddress(const Facts& facts) : facts_(facts) {}
+
+    /// The address and its length: "192.0.2.1/24".
+    Mox::String name() const override;
+    const LinkAddressKey& key() const MOX_LIFETIME_BOUND { return facts_.key; }
+    /// The index of the link.
+    uint32_t ifIndex() const { return facts_.key.ifIndex; }
+    const IpGenAddr& address() const MOX_LIFETIME_BOUND { return facts_.key.address; }
+    /// The length of the network's prefix, 0 to 32 or 128.
+    uint32_t len() const { return facts_.len; }
+    /// The address of the other end of a point-to-point link; none (`ipunknown`) on other links.
+    const IpGenAddr& peer() const MOX_LIFETIME_BOUND { return facts_.peer; }
+    /// None where there is none, as for IPv6.
+    const IpGenAddr& broadcast() const MOX_LIFETIME_BOUND { return facts_.broadcast; }
+    /// RT_SCOPE_UNIVERSE, RT_SCOPE_LINK and others (rtnetlink(7)).
+    uint32_t scope() const { return facts_.scope; }
+    /// IFA_F_PERMANENT and others.
+    uint32_t flags() const { return facts_.flags; }
+    /// An IPv6 address that is not in use yet: the kernel asks whether another node has it
+    /// (RFC 4862, 5.4).
+    bool isTentative() const { return (facts_.flags & IFA_F_TENTATIVE) != 0; }
+    /// Another node has the address, so that it is not used here.
+    bool isDuplicate() const { return (facts_.flags & IFA_F_DADFAILED) != 0; }
+
+  private:
+    friend class KernelInfo;
+
+    uint64_t commit(const Facts& facts);
+    void announce(uint64_t changed);
+
+    Facts facts_;
+};
+
+/// What a message of the type RTM_NEWADDR or RTM_DELADDR (rtnetlink(7)) says; nothing for one that
+/// is malformed or of another family than IPv4 and IPv6.
+PAVO_EXPORT std::optional<LinkAddress::Facts> linkAddressFactsOf(const nlmsghdr& message);
+
+}  // namespace Pavo

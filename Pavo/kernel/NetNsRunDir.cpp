@@ -1,0 +1,94 @@
+#include "Pavo/kernel/NetNsRunDir.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Mox/Exception.h"
+
+#include "Pavo/kernel/NetnsUtils.h"
+
+namespace Pavo {
+
+namespace {
+
+constexpr char runDir[] = "/var/run/netns";
+constexpr char parentDir[] = "/var/run";
+
+int checkedFd(int fd, const char* call) {
+    if (fd < 0) {
+        throw Mox::ErrnoException(errno, call);
+    }
+    return fd;
+}
+
+}  // namespace
+
+int64_t netNsInodeOf(const NamespaceName& name) {
+    const std::string path = std::string(runDir) + "/" + name.value().c_str();
+    struct statfs fileSystem;
+    struct stat status;
+    const bool isNamespace = statfs(path.c_str(), &fileSystem) == 0 &&
+                             fileSystem.f_type == NSFS_MAGIC && stat(path.c_str(), &status) == 0;
+    return isNamespace ? static_cast<int64_t>(status.st_ino) : -1;
+}
+
+std::map<NamespaceName, int64_t> netNsInodes() {
+    std::map<NamespaceName, int64_t> inodes;
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(runDir), closedir);
+    while (const dirent* const entry = dir ? readdir(dir.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != ".." && name.size() <= NamespaceName::maxBytes) {
+            const NamespaceName nsName{Mox::String(name)};
+            inodes[nsName] = netNsInodeOf(nsName);
+        }
+    }
+    return inodes;
+}
+
+NetNsRunDirWatch::NetNsRunDirWatch(std::function<void()> handler)
+    : handler_(std::move(handler)),
+      inotify_(Mox::fileDescriptorFactory(
+          checkedFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1"))),
+      mounts_(Mox::fileDescriptorFactory(
+          checkedFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC), "open"))),
+      nameWatch_(inotify_, Mox::FileDescriptor::readableCountAttr, [this] { handleNames(); }),
+      mountWatch_(mounts_, Mox::FileDescriptor::readableCountAttr, [this] {
+          watchDirectories();  // A mount may hide the directory that was watched.
+          handler_();
+      }) {
+    watchDirectories();
+    inotify_->watchingIs(Mox::FileDescriptor::Watching::level);
+    inotify_->notifyOnReadableIs(true);
+    // The file is readable at any time, and has an event with each change (proc(5)).
+    mounts_->watchingIs(Mox::FileDescriptor::Watching::edge);
+    mounts_->notifyOnReadableIs(true);
+}
+
+// The parent first, so that a directory that comes between the two calls is noticed. Watching again
+// what is watched changes nothing.
+void NetNsRunDirWatch::watchDirectories() {
+    constexpr uint32_t comings = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
+    inotify_add_watch(inotify_->descriptor(), parentDir, comings);
+    inotify_add_watch(inotify_->descriptor(), runDir, comings | IN_DELETE | IN_MOVED_FROM);
+}
+
+// What the events say is read from the directory instead: they may have been too many.
+void NetNsRunDirWatch::handleNames() {
+    alignas(inotify_event) char buffer[4096];
+    while (read(inotify_->descriptor(), buffer, sizeof(buffer)) > 0) {
+    }
+    watchDirectories();
+    handler_();
+}
+
+}  // namespace Pavo

@@ -1,0 +1,148 @@
+#include "Pavo/kernel/Route.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+
+#include "Pavo/kernel/NetlinkAddress.h"
+#include "Pavo/kernel/NetlinkAttributes.h"
+#include "Pavo/kernel/RouteRecord.h"
+
+namespace Pavo {
+
+namespace {
+
+// A gateway of the route's own family, or with RTA_VIA of any.
+IpGenAddr gatewayOf(const NetlinkAttributes& attributes, uint8_t family) {
+    IpGenAddr gateway;
+    if (readAddress(attributes, RTA_GATEWAY, family, &gateway)) {
+        return gateway;
+    }
+    const std::span<const uint8_t> via = attributes.payload(RTA_VIA);
+    uint16_t viaFamily = 0;
+    if (via.size() >= sizeof(viaFamily)) {
+        std::memcpy(&viaFamily, via.data(), sizeof(viaFamily));
+        const std::span<const uint8_t> bytes = via.subspan(sizeof(viaFamily));
+        if (viaFamily == AF_INET && bytes.size() >= sizeof(IpAddr)) {
+            IpAddr address;
+            address.copyFromBuffer(bytes.data());
+            gateway = address;
+        } else if (viaFamily == AF_INET6 && bytes.size() >= sizeof(Ip6Addr)) {
+            Ip6Addr address;
+            address.copyFromBuffer(bytes.data());
+            gateway = address;
+        }
+    }
+    return gateway;
+}
+
+// The list of RTA_MULTIPATH; false for wrong lengths.
+bool readHops(std::span<const uint8_t> list, uint8_t family, std::vector<RouteHop>* hops) {
+    while (!list.empty()) {
+        rtnexthop head;
+        if (list.size() < sizeof(head)) {
+            return false;
+        }
+        std::memcpy(&head, list.data(), sizeof(head));
+        if (head.rtnh_len < sizeof(head) || head.rtnh_len > list.size()) {
+            return false;
+        }
+        const NetlinkAttributes attributes(list.subspan(sizeof(head), head.rtnh_len - sizeof(head)),
+                                           RTA_VIA);
+        if (!attributes.isSound()) {
+            return false;
+        }
+        hops->push_back({gatewayOf(attributes, family), static_cast<uint32_t>(head.rtnh_ifindex),
+                         static_cast<uint16_t>(head.rtnh_hops + 1),
+                         (head.rtnh_flags & RTNH_F_ONLINK) != 0});
+        list = list.subspan(std::min<std::size_t>(RTNH_ALIGN(head.rtnh_len), list.size()));
+    }
+    return true;
+}
+
+bool isKept(const rtmsg& body, uint8_t family) {
+    return body.rtm_family == family && (body.rtm_flags & RTM_F_CLONED) == 0 &&
+           body.rtm_src_len == 0;
+}
+
+template <class Address>
+void readKey(const rtmsg& body, const NetlinkAttributes& attributes, RouteRecord<Address>* record) {
+    *record = RouteRecord<Address>();
+    attributes.read(RTA_DST, &record->prefix);
+    if constexpr (sizeof(Address) == 4) {
+        record->prefix = record->prefix.ipAddrMaskedByLength(body.rtm_dst_len);
+    } else {
+        record->prefix = record->prefix.ip6AddrMaskedByLength(body.rtm_dst_len);
+    }
+    record->len = body.rtm_dst_len;
+    record->table = body.rtm_table;  // The low byte, from before there were more.
+    attributes.read(RTA_TABLE, &record->table);
+    attributes.read(RTA_PRIORITY, &record->metric);
+    record->tos = body.rtm_tos;
+}
+
+// True unless the next hops are malformed. A single one, the usual case, allocates nothing.
+template <class Address>
+bool readWays(const rtmsg& body, const NetlinkAttributes& attributes, ReadRoute<Address>* route) {
+    RouteRecord<Address>& record = route->record;
+    route->hops.clear();
+    if (attributes.find(RTA_MULTIPATH) != nullptr) {
+        std::vector<RouteHop> hops;
+        if (!readHops(attributes.payload(RTA_MULTIPATH), body.rtm_family, &hops)) {
+            return false;
+        }
+        if (body.rtm_family == AF_INET6) {
+            std::sort(hops.begin(), hops.end());  // The kernel begins with any of them.
+        }
+        setHops(route, hops);
+        return true;
+    }
+    attributes.read(RTA_OIF, &record.ifIndex);
+    record.flags = (body.rtm_flags & RTNH_F_ONLINK) != 0 ? record.onLink : uint8_t{0};
+    if (attributes.find(RTA_VIA) != nullptr) {
+        setHops(route, {{gatewayOf(attributes, body.rtm_family), record.ifIndex, 1,
+                         (record.flags & record.onLink) != 0}});
+    } else {
+        attributes.read(RTA_GATEWAY, &record.gateway);
+    }
+    return true;
+}
+
+template <class Address>
+std::optional<Route> routeOfFamily(const nlmsghdr& message) {
+    ReadRoute<Address> route;
+    if (!readRoute(message, &route)) {
+        return {};
+    }
+    return routeOf(route.record, route.hops);
+}
+
+}  // namespace
+
+template <class Address>
+bool readRoute(const nlmsghdr& message, ReadRoute<Address>* route) {
+    const auto* const body = netlinkBody<rtmsg>(message);
+    const NetlinkAttributes attributes(message, sizeof(rtmsg), RTA_VIA);
+    if (body == nullptr || !attributes.isSound() ||
+        !isKept(*body, kernelFamilyOf(RouteRecord<Address>::family)) ||
+        body->rtm_dst_len > 8 * sizeof(Address)) {
+        return false;
+    }
+    RouteRecord<Address>& record = route->record;
+    readKey(*body, attributes, &record);
+    record.protocol = body->rtm_protocol;
+    record.type = body->rtm_type;
+    record.scope = body->rtm_scope;
+    attributes.read(RTA_PREFSRC, &record.source);
+    return readWays(*body, attributes, route);
+}
+
+template bool readRoute(const nlmsghdr& message, ReadRoute<IpAddr>* route);
+template bool readRoute(const nlmsghdr& message, ReadRoute<Ip6Addr>* route);
+
+std::optional<Route> routeOf(const nlmsghdr& message) {
+    const std::optional<Route> route = routeOfFamily<IpAddr>(message);
+    return route ? route : routeOfFamily<Ip6Addr>(message);
+}
+
+}  // namespace Pavo

@@ -1,0 +1,57 @@
+/// @file
+/// Routes as values.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "Pavo/base/Export.h"
+#include "Pavo/value/IpGenAddr.h"
+#include "Pavo/value/IpGenPrefix.h"
+
+namespace Pavo {
+
+/// What the kernel looks a route up by. Several routes may have one key: to one destination over
+/// several links, or appended to each other.
+struct RouteKey {
+    IpGenPrefix prefix;
+    uint32_t table = 254;  ///< RT_TABLE_MAIN; the local table is 255.
+    uint32_t metric = 0;   ///< The least one is used.
+    uint8_t tos = 0;       ///< Of IPv4, 0 for all packets.
+
+    friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
+};
+
+/// One way of a route.
+struct RouteHop {
+    IpGenAddr gateway;      ///< None for a destination on the link itself.
+    uint32_t ifIndex = 0;   ///< 0 for none.
+    uint16_t weight = 1;    ///< The share of packets, 1 to 256, beside the other next hops.
+    bool isOnLink = false;  ///< The gateway is on the link, whatever its address.
+
+    friend auto operator<=>(const RouteHop&, const RouteHop&) = default;
+};
+
+/// A route of a table of the kernel: what rtnetlink(7) and ip-route(8) say of it, without its
+/// metrics (such as a path MTU), encapsulations and the state of its next hops' links.
+struct Route {
+    RouteKey key;
+    uint8_t type = 1;      ///< RTN_UNICAST; RTN_BLACKHOLE and others.
+    uint8_t protocol = 4;  ///< Who made it: RTPROT_STATIC.
+    uint8_t scope = 0;     ///< RT_SCOPE_UNIVERSE; RT_SCOPE_LINK for what is on a link.
+    IpGenAddr source;      ///< Preferred for packets to it; none (`ipunknown`) where it is not set.
+    std::vector<RouteHop> hops;  ///< None for types without a way, such as RTN_BLACKHOLE.
+
+    friend bool operator==(const Route&, const Route&) = default;
+};
+
+/// What a message of the type RTM_NEWROUTE or RTM_DELROUTE says; nothing for one that is malformed,
+/// of another family than IPv4 and IPv6, about an entry of a cache, or about a route for packets
+/// from certain sources only (RTA_SRC). Next hops of IPv6 come in the order of link and gateway.
+PAVO_EXPORT std::optional<Route> routeOf(const nlmsghdr& message);
+
+}  // namespace Pavo

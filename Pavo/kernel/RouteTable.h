@@ -1,0 +1,87 @@
+/// @file
+/// The routes of a namespace.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "Mox/Entity.h"
+#include "Mox/String.h"
+
+#include "Pavo/base/Export.h"
+#include "Pavo/kernel/Route.h"
+#include "Pavo/value/IpGenAddr.h"
+
+namespace Pavo {
+
+/// All routes of a namespace, of all tables and both families, as messages of the kernel describe
+/// them. `KernelInfo` has one and passes the messages to it.
+///
+/// A million of them has its place: an IPv4 route takes about 45 bytes and an IPv6 route about 80,
+/// without memory of its own unless it has several next hops. Routes are therefore no entities: an
+/// observer is notified with the key of the routes that changed, and reads them here. The table is
+/// complete and consistent whenever it is notified, and may be read, but not end, meanwhile.
+///
+/// Some changes are not announced by the kernel. Routes that go with their link, when it is set
+/// down or deleted, or with their preferred source, are removed here by the kernel's own rules.
+/// Routes over next-hop objects (ip-nexthop(8)) that change or go are correct only after the next
+/// dump.
+class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
+  public:
+    static constexpr Mox::Attribute<RouteTable, RouteKey> routesAttr{0, "routes"};
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::RouteTable", Mox::attribute(routesAttr));
+    }
+
+    explicit RouteTable(Mox::String name);
+    ~RouteTable() override;
+
+    Mox::String name() const override { return name_; }
+
+    /// How many routes there are.
+    uint32_t members() const;
+    /// The memory that they take.
+    uint64_t memoryBytes() const;
+    /// The routes with that key, in the kernel's order, of which it uses the first; most keys have
+    /// one route.
+    std::vector<Route> routes(const RouteKey& key) const;
+    /// Calls `call` for each route, in no order. `call` must not change the table, as by turning
+    /// the event loop.
+    void forEach(const std::function<void(const Route&)>& call) const;
+
+    /// @name The kernel's messages, for `KernelInfo` and for tests
+    /// @{
+    /// A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
+    /// false for one that `routeOf` refuses.
+    bool messageIs(const nlmsghdr& message);
+    /// A dump begins: all routes follow, until `dumpEnd`.
+    void dumpBegin();
+    /// The routes that did not come since `dumpBegin` are removed. Returns false when they were
+    /// not, since routes were deleted during the dump, which may then have skipped others: another
+    /// dump is needed.
+    bool dumpEnd();
+    /// A link was set down. `isUp` says of other links whether they are up.
+    void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    /// A link was deleted.
+    void linkGone(uint32_t ifIndex);
+    /// An address was deleted that no other link has. The routes of the link are in `table`.
+    void addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table);
+    void clear();
+    /// @}
+
+  private:
+    struct Stores;
+
+    std::vector<RouteKey>* changes();
+    void announce();
+
+    Mox::String name_;
+    std::unique_ptr<Stores> stores_;
+    std::vector<RouteKey> changed_;
+};
+
+}  // namespace Pavo
