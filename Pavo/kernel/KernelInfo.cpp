@@ -7,32 +7,11 @@
 
 #include "Pavo/base/FirstException.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
+#include "Pavo/kernel/TableSync.h"
 
 namespace Pavo {
 
 namespace {
-
-constexpr double leastSeconds = 0.01;
-constexpr double mostSeconds = 1;
-
-struct FollowedTable {
-    uint16_t getType;
-    std::vector<uint32_t> groups;
-};
-
-// By the number of the table.
-const FollowedTable& followedTable(uint32_t table) {
-    static const FollowedTable all[] = {{RTM_GETLINK, {RTNLGRP_LINK}},
-                                        {RTM_GETADDR, {RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR}},
-                                        {RTM_GETNEIGH, {RTNLGRP_NEIGH}},
-                                        {RTM_GETROUTE, {RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE}}};
-    return all[table];
-}
-
-// Bits of tables.
-constexpr uint32_t bitOf(uint32_t table) {
-    return 1u << table;
-}
 
 bool isFamilyKept(uint8_t family) {
     return family == AF_INET || family == AF_INET6;
@@ -65,36 +44,13 @@ struct KernelInfo::Gone {
 KernelInfo::KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session, Mox::Clock* clock)
     : name_(std::move(name)),
       session_(std::move(session)),
-      clock_(clock),
-      pending_(bitOf(linkTable) | bitOf(addressTable) | bitOf(neighbourTable)),
-      askAgainSeconds_(leastSeconds),
       routes_(Mox::make<RouteTable>(name_)),
-      routeFollower_(std::make_unique<RouteFollower>(this)) {
-    if (!session_) {
-        return;
-    }
-    askAgainTimer_.emplace(clock_, [this] { dumpAgain(); });
-    sessionWatch_ = Mox::Watch<NetlinkSession>(
-        session_, {NetlinkSession::enabledAttr, NetlinkSession::overflowsAttr},
-        [this](const Mox::Change& change) { handleSession(change); });
-    for (const Table each : {linkTable, addressTable, neighbourTable}) {
-        follow(each);
-    }
-}
+      routeFollower_(std::make_unique<RouteFollower>(this)),
+      sync_(std::make_unique<TableSync>(session_, clock, this, routeFollower_.get())),
+      sessionWatch_(session_, {NetlinkSession::enabledAttr, NetlinkSession::overflowsAttr},
+                    [this](const Mox::Change&) { handleSession(); }) {}
 
-KernelInfo::~KernelInfo() {
-    if (session_) {
-        session_->followDel(this);
-        session_->followDel(routeFollower_.get());
-    }
-}
-
-void KernelInfo::follow(Table table) {
-    const FollowedTable& about = followedTable(table);
-    NetlinkFollower* const follower =
-        table == routeTable ? static_cast<NetlinkFollower*>(routeFollower_.get()) : this;
-    session_->followIs(about.getType, about.groups, follower);
-}
+KernelInfo::~KernelInfo() = default;
 
 void KernelInfo::followsRoutesIs(bool follows) {
     if (follows == followsRoutes_) {
@@ -102,37 +58,24 @@ void KernelInfo::followsRoutesIs(bool follows) {
     }
     const Mox::Ptr<KernelInfo> hold(this);
     followsRoutes_ = follows;
-    if (follows) {
-        if (session_) {
-            follow(routeTable);
-        }
-        pendingIs(pending_ | bitOf(routeTable));
-    } else {
-        if (session_) {
-            session_->followDel(routeFollower_.get());
-        }
-        askAgain_ &= ~bitOf(routeTable);
-        routes_->clear();
-        pendingIs(pending_ & ~bitOf(routeTable));
+    sync_->routesFollow(follows);
+    FirstException thrown;
+    thrown.collect([&] { syncIs(); });
+    if (!follows) {
+        thrown.collect([&] { routes_->clear(); });
     }
-    notify(followsRoutesAttr);
+    thrown.collect([&] { notify(followsRoutesAttr); });
+    thrown.rethrow();
 }
 
 void KernelInfo::close() {
     const Mox::Ptr<KernelInfo> hold(this);
     sessionWatch_ = {};
-    askAgainTimer_.reset();
-    if (session_) {
-        session_->followDel(this);
-        session_->followDel(routeFollower_.get());
-    }
+    sync_ = std::make_unique<TableSync>(nullptr, nullptr, this, nullptr);
     session_ = nullptr;
-    FirstException thrown;
-    thrown.collect([&] { pendingIs(pending_ | bitOf(linkTable)); });
-    thrown.collect([&] { routes_->clear(); });
     Gone gone;
     while (links_.members() != 0) {
-        takeLink(links_.begin()->first, &gone);
+        take(uint32_t{links_.begin()->first}, &gone);
     }
     while (addresses_.members() != 0) {  // Of links that were not known.
         take(LinkAddressKey(addresses_.begin()->first), &gone);
@@ -140,21 +83,23 @@ void KernelInfo::close() {
     while (neighbours_.members() != 0) {
         take(NeighbourKey(neighbours_.begin()->first), &gone);
     }
+    FirstException thrown;
+    thrown.collect([&] { syncIs(); });
+    thrown.collect([&] { routes_->clear(); });
     thrown.collect([&] { announce(gone); });
     thrown.rethrow();
 }
 
 // In an overflow the session asks for dumps of all tables, after a while.
-void KernelInfo::handleSession(const Mox::Change&) {
+void KernelInfo::handleSession() {
     if (!session_->enabled() || !session_->isInSync()) {
-        const uint32_t all = bitOf(linkTable) | bitOf(addressTable) | bitOf(neighbourTable);
-        pendingIs(all | (followsRoutes_ ? bitOf(routeTable) : 0));
+        sync_->lost();
+        syncIs();
     }
 }
 
-void KernelInfo::pendingIs(uint32_t pending) {
-    pending_ = pending;
-    attributeIs(isInSync_, pending == 0, isInSyncAttr);
+void KernelInfo::syncIs() {
+    attributeIs(isInSync_, sync_->isInSync(), isInSyncAttr);
 }
 
 void KernelInfo::malformedInc() {
@@ -188,36 +133,40 @@ void KernelInfo::callback(nlmsghdr* message) {
 }
 
 void KernelInfo::handleDumpBegin(uint16_t getType) {
-    const Mox::Ptr<KernelInfo> hold(this);
-    for (uint32_t table = 0; table < tables; ++table) {
-        if (followedTable(table).getType == getType) {
-            ++generations_[table];
-            askAgain_ &= ~bitOf(table);
-            pendingIs(pending_ | bitOf(table));
-        }
+    const TableSync::Table table = TableSync::tableOf(getType);
+    if (table == TableSync::none) {
+        return;
     }
-    if (getType == RTM_GETNEIGH) {
+    sync_->dumpBegin(table);
+    if (table == TableSync::neighbours) {
         isNeighbourDumpSure_ = true;
-    } else if (getType == RTM_GETROUTE) {
+    } else if (table == TableSync::routes) {
         routes_->dumpBegin();
     }
+    syncIs();
 }
 
+// The kernel lists neighbours and IPv6 routes by counting: when some came or went meanwhile, others
+// may have been left out. Such a dump adds what it names but proves nothing gone.
 void KernelInfo::handleDumpEnd(uint16_t getType) {
     const Mox::Ptr<KernelInfo> hold(this);
-    if (getType == RTM_GETLINK) {
-        sweep(linkTable);
-    } else if (getType == RTM_GETADDR) {
-        sweep(addressTable);
-    } else if (getType == RTM_GETNEIGH) {
-        isNeighbourDumpSure_ ? sweep(neighbourTable) : askAgain(neighbourTable);
-    } else if (getType == RTM_GETROUTE && followsRoutes_) {
-        if (routes_->dumpEnd()) {
-            sweep(routeTable);
-        } else {
-            askAgain(routeTable);
-        }
+    const TableSync::Table table = TableSync::tableOf(getType);
+    if (table == TableSync::none) {
+        return;
     }
+    FirstException thrown;
+    bool isSure = table != TableSync::neighbours || isNeighbourDumpSure_;
+    if (table == TableSync::routes) {
+        thrown.collect([&] {
+            isSure = false;
+            routes_->dumpEnd(&isSure);
+        });
+    } else if (isSure) {
+        thrown.collect([&] { sweep(table); });
+    }
+    sync_->dumpEnd(table, isSure);
+    thrown.collect([&] { syncIs(); });
+    thrown.rethrow();
 }
 
 // A table that this kernel does not have is empty.
@@ -225,59 +174,32 @@ void KernelInfo::handleDumpRefused(uint16_t getType, const NetlinkAnswer&) {
     handleDumpEnd(getType);
 }
 
-// The kernel lists neighbours and IPv6 routes by counting: when some came or went meanwhile, others
-// may have been left out. Such a dump adds what it names but proves nothing gone.
-void KernelInfo::askAgain(Table table) {
-    askAgain_ |= bitOf(table);
-    if (askAgainTimer_ && askAgainTimer_->isIdle()) {
-        askAgainTimer_->expiryIs(clock_->now() + askAgainSeconds_);
-        askAgainSeconds_ = std::min(2 * askAgainSeconds_, mostSeconds);
-    }
-}
-
-void KernelInfo::dumpAgain() {
-    const Mox::Ptr<KernelInfo> hold(this);
-    for (const Table each : {neighbourTable, routeTable}) {
-        if ((std::exchange(askAgain_, askAgain_ & ~bitOf(each)) & bitOf(each)) != 0 && session_) {
-            follow(each);
-        }
-    }
-}
-
+// The objects that a dump has not named.
 template <class Key, class T>
-std::vector<Key> KernelInfo::unseen(const Mox::Map<Key, Mox::Ptr<T>>& map, Table table) const {
+void KernelInfo::takeUnseen(const Mox::Map<Key, Mox::Ptr<T>>& map, uint32_t generation,
+                            Gone* gone) {
     std::vector<Key> keys;
     for (const auto& [key, object] : map) {
-        if (object->generation_ != generations_[table]) {
+        if (object->generation_ != generation) {
             keys.push_back(key);
         }
     }
-    return keys;
+    for (const Key& each : keys) {
+        take(each, gone);
+    }
 }
 
-// The end of a dump of which each object that exists has the number.
-void KernelInfo::sweep(Table table) {
+void KernelInfo::sweep(uint32_t table) {
     Gone gone;
-    if (table == linkTable) {
-        for (const uint32_t each : unseen(links_, table)) {
-            takeLink(each, &gone);
-        }
-    } else if (table == addressTable) {
-        for (const LinkAddressKey& each : unseen(addresses_, table)) {
-            take(each, &gone);
-        }
-    } else if (table == neighbourTable) {
-        for (const NeighbourKey& each : unseen(neighbours_, table)) {
-            take(each, &gone);
-        }
+    const uint32_t generation = sync_->generation(static_cast<TableSync::Table>(table));
+    if (table == TableSync::links) {
+        takeUnseen(links_, generation, &gone);
+    } else if (table == TableSync::addresses) {
+        takeUnseen(addresses_, generation, &gone);
+    } else {
+        takeUnseen(neighbours_, generation, &gone);
     }
-    FirstException thrown;
-    thrown.collect([&] { announce(gone); });
-    if (askAgain_ == 0) {
-        askAgainSeconds_ = leastSeconds;
-    }
-    thrown.collect([&] { pendingIs(pending_ & ~bitOf(table)); });
-    thrown.rethrow();
+    announce(gone);
 }
 
 void KernelInfo::handleLink(const nlmsghdr& message) {
@@ -302,7 +224,7 @@ void KernelInfo::linkIs(const Link::Facts& facts) {
         linkAdd(facts);
         return;
     }
-    link->generation_ = generations_[linkTable];
+    link->generation_ = sync_->generation(TableSync::links);
     const bool wasUp = link->isUp();
     const Mox::String before = link->name();
     const uint64_t changed = link->commit(facts);
@@ -329,7 +251,7 @@ void KernelInfo::linkIs(const Link::Facts& facts) {
 
 void KernelInfo::linkAdd(const Link::Facts& facts) {
     const auto link = Mox::make<Link>(facts);
-    link->generation_ = generations_[linkTable];
+    link->generation_ = sync_->generation(TableSync::links);
     links_.is(facts.index, link);
     names_.is(facts.name, link);
     FirstException thrown;
@@ -340,7 +262,7 @@ void KernelInfo::linkAdd(const Link::Facts& facts) {
 
 void KernelInfo::linkDel(uint32_t index) {
     Gone gone;
-    takeLink(index, &gone);
+    take(index, &gone);
     announce(gone);
 }
 
@@ -358,12 +280,12 @@ void KernelInfo::handleAddress(const nlmsghdr& message) {
 
 void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
     if (const auto known = address(facts.key)) {
-        known->generation_ = generations_[addressTable];
+        known->generation_ = sync_->generation(TableSync::addresses);
         known->announce(known->commit(facts));
         return;
     }
     const auto made = Mox::make<LinkAddress>(facts);
-    made->generation_ = generations_[addressTable];
+    made->generation_ = sync_->generation(TableSync::addresses);
     addresses_.is(facts.key, made);
     notify(addressesAttr, facts.key);
 }
@@ -389,13 +311,13 @@ void KernelInfo::handleNeighbour(const nlmsghdr& message) {
 
 void KernelInfo::neighbourIs(const Neighbour::Facts& facts, bool isOfDump) {
     if (const auto known = neighbour(facts.key)) {
-        known->generation_ = generations_[neighbourTable];
+        known->generation_ = sync_->generation(TableSync::neighbours);
         known->announce(known->commit(facts));
         return;
     }
     isNeighbourDumpSure_ = isNeighbourDumpSure_ && isOfDump;
     const auto made = Mox::make<Neighbour>(facts);
-    made->generation_ = generations_[neighbourTable];
+    made->generation_ = sync_->generation(TableSync::neighbours);
     neighbours_.is(facts.key, made);
     notify(neighboursAttr, facts.key);
 }
@@ -424,7 +346,7 @@ void KernelInfo::take(const NeighbourKey& key, Gone* gone) {
 }
 
 // With what is on the link.
-void KernelInfo::takeLink(uint32_t index, Gone* gone) {
+void KernelInfo::take(uint32_t index, Gone* gone) {
     const Mox::Ptr<Link> link = linkByIndex(index);
     if (!link) {
         return;

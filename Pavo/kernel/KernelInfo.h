@@ -6,8 +6,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <vector>
 
 #include "Mox/Clock.h"
 #include "Mox/Collections.h"
@@ -24,6 +22,8 @@
 #include "Pavo/kernel/RouteTable.h"
 
 namespace Pavo {
+
+class TableSync;
 
 /// The links, addresses, neighbours and, on request, routes of a network namespace. It follows the
 /// tables of a session, and holds an entity for each object.
@@ -115,7 +115,6 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer) override;
 
   private:
-    enum Table : uint32_t { linkTable, addressTable, neighbourTable, routeTable, tables };
     struct RouteFollower;
     struct Gone;
 
@@ -125,11 +124,8 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
         return value == nullptr ? nullptr : *value;
     }
 
-    void follow(Table table);
-    void askAgain(Table table);
-    void dumpAgain();
-    void handleSession(const Mox::Change& change);
-    void pendingIs(uint32_t pending);
+    void handleSession();
+    void syncIs();
     void malformedInc();
 
     void linkIs(const Link::Facts& facts);
@@ -143,34 +139,29 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void handleAddress(const nlmsghdr& message);
     void handleNeighbour(const nlmsghdr& message);
 
+    void sweep(uint32_t table);
     template <class Key, class T>
-    std::vector<Key> unseen(const Mox::Map<Key, Mox::Ptr<T>>& map, Table table) const;
-    void sweep(Table table);
+    void takeUnseen(const Mox::Map<Key, Mox::Ptr<T>>& map, uint32_t generation, Gone* gone);
     void take(const LinkAddressKey& key, Gone* gone);
     void take(const NeighbourKey& key, Gone* gone);
-    void takeLink(uint32_t index, Gone* gone);
+    void take(uint32_t index, Gone* gone);
     void announce(const Gone& gone);
     void routesLoseAddress(const LinkAddress& address);
     uint32_t tableOf(uint32_t ifIndex) const;
 
     Mox::String name_;
     Mox::Ptr<NetlinkSession> session_;
-    Mox::Clock* clock_;
     bool isInSync_ = false;
     bool followsRoutes_ = false;
     uint32_t malformedMessages_ = 0;
-    uint32_t pending_;                 // Tables, as bits, that are not in sync.
-    uint32_t askAgain_ = 0;            // Tables whose last dump cannot be trusted.
     bool isNeighbourDumpSure_ = true;  // No neighbour came or went during the dump.
-    double askAgainSeconds_;
-    uint32_t generations_[tables] = {};  // The number of the last dump.
     Mox::Map<uint32_t, Mox::Ptr<Link>> links_;
     Mox::Map<Mox::String, Mox::Ptr<Link>> names_;
     Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>> addresses_;
     Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>> neighbours_;
     Mox::Ptr<RouteTable> routes_;
     std::unique_ptr<RouteFollower> routeFollower_;
-    std::optional<Mox::Timer> askAgainTimer_;
+    std::unique_ptr<TableSync> sync_;
     Mox::Watch<NetlinkSession> sessionWatch_;
 };
 

@@ -8,37 +8,6 @@ namespace Pavo {
 
 namespace {
 
-uint64_t mixed(uint64_t number) {
-    number *= 0x9e3779b97f4a7c15;
-    return number ^ (number >> 29);
-}
-
-// Addresses as they lie in memory: the table is of this process alone.
-template <class Address>
-uint32_t hashOf(const RouteRecord<Address>& record) {
-    uint64_t hash = uint64_t{record.table} << 32 ^ record.metric ^ uint64_t { record.len } << 24 ^
-                    uint64_t { record.tos } << 16;
-    uint32_t words[sizeof(Address) / 4];
-    std::memcpy(words, &record.prefix, sizeof(words));
-    for (const uint32_t word : words) {
-        hash = mixed(hash ^ word);
-    }
-    return static_cast<uint32_t>(hash ^ hash >> 32);
-}
-
-template <class Address>
-uint32_t bucketOf(const Address& source) {
-    uint8_t bytes[sizeof(Address)];
-    source.copyToBuffer(bytes);
-    return loadNet<uint16_t>(bytes + sizeof(bytes) - 2);
-}
-
-// A route whose source is the kernel's own doing is deleted with a message.
-template <class Address>
-bool isOfUser(const RouteRecord<Address>& record) {
-    return record.source != Address() && record.protocol != RTPROT_KERNEL;
-}
-
 // A route that leads nowhere, which stays when its source goes.
 bool isError(uint8_t type) {
     return type == RTN_BLACKHOLE || type == RTN_UNREACHABLE || type == RTN_PROHIBIT ||
@@ -60,221 +29,19 @@ bool hasAll(const std::vector<RouteHop>& hops, const std::vector<RouteHop>& some
 
 }  // namespace
 
-template <class Address>
-uint64_t RouteStore<Address>::memoryBytes() const {
-    uint64_t bytes = chunks_.size() * (sizeof(chunks_[0]) + chunkRecords * sizeof(Record)) +
-                     slots_.capacity() * sizeof(uint32_t) + lists_.capacity() * sizeof(lists_[0]) +
-                     sizeof(*this);
-    for (const auto& each : lists_) {
-        bytes += each.capacity() * sizeof(RouteHop);
-    }
-    return bytes;
-}
-
-template <class Address>
-const std::vector<RouteHop>& RouteStore<Address>::severalOf(const Record& record) const {
-    static const std::vector<RouteHop> no;
-    return (record.flags & Record::several) != 0 ? lists_[record.ifIndex] : no;
-}
-
-template <class Address>
-bool RouteStore<Address>::hasWays(const Record& record, const Read& route) const {
-    constexpr uint8_t ways = Record::onLink | Record::several;
-    if (((record.flags ^ route.record.flags) & ways) != 0) {
-        return false;
-    }
-    return (record.flags & Record::several) != 0
-               ? lists_[record.ifIndex] == route.hops
-               : record.ifIndex == route.record.ifIndex && record.gateway == route.record.gateway;
-}
-
-template <class Address>
-bool RouteStore<Address>::isSame(const Record& record, const Read& route) const {
-    return record.isLike(route.record) && hasWays(record, route);
-}
-
-// The slot of the key, or the free one where it belongs.
-template <class Address>
-uint32_t RouteStore<Address>::slotOf(const Record& key) const {
-    const auto mask = static_cast<uint32_t>(slots_.size() - 1);
-    uint32_t slot = hashOf(key) & mask;
-    while (slots_[slot] != none && !at(slots_[slot]).hasKeyOf(key)) {
-        slot = (slot + 1) & mask;
-    }
-    return slot;
-}
-
-template <class Address>
-bool RouteStore<Address>::find(const Read& route) const {
-    uint32_t index = headOf(route.record);
-    while (index != none && !has(index, route)) {
-        index = at(index).next;
-    }
-    return index != none;
-}
-
-template <class Address>
-uint32_t RouteStore<Address>::headOf(const Record& key) const {
-    return slots_.empty() ? none : slots_[slotOf(key)];
-}
-
-// The keys after it move up where the search for them passes the free slot.
-template <class Address>
-void RouteStore<Address>::slotDel(uint32_t slot) {
-    const auto mask = static_cast<uint32_t>(slots_.size() - 1);
-    for (uint32_t each = (slot + 1) & mask; slots_[each] != none; each = (each + 1) & mask) {
-        const uint32_t home = hashOf(at(slots_[each])) & mask;
-        if (((each - home) & mask) >= ((each - slot) & mask)) {
-            slots_[slot] = slots_[each];
-            slot = each;
-        }
-    }
-    slots_[slot] = none;
-    --keys_;
-}
-
-template <class Address>
-void RouteStore<Address>::grow() {
-    std::vector<uint32_t> heads;
-    heads.swap(slots_);
-    slots_.assign(std::max<std::size_t>(64, 2 * heads.size()), none);
-    const auto mask = static_cast<uint32_t>(slots_.size() - 1);
-    for (const uint32_t head : heads) {
-        if (head == none) {
-            continue;
-        }
-        uint32_t slot = hashOf(at(head)) & mask;
-        while (slots_[slot] != none) {
-            slot = (slot + 1) & mask;
-        }
-        slots_[slot] = head;
-    }
-}
-
-template <class Address>
-uint32_t RouteStore<Address>::newRecord() {
-    ++members_;
-    if (free_ != none) {
-        const uint32_t index = free_;
-        free_ = at(index).next;
-        return index;
-    }
-    if (end_ >> chunkBits == chunks_.size()) {
-        // Not zeroed: `fill` sets all of a record before it is read.
-        chunks_.push_back(std::make_unique_for_overwrite<Record[]>(chunkRecords));
-    }
-    return end_++;
-}
-
-// Sets all but `next`.
-template <class Address>
-void RouteStore<Address>::fill(uint32_t index, const Read& route) {
-    Record& record = at(index);
-    const uint32_t next = record.next;
-    record = route.record;
-    record.next = next;
-    record.flags |= Record::used;
-    record.generation = generation_;
-    if ((record.flags & Record::several) != 0) {
-        if (freeLists_.empty()) {
-            freeLists_.push_back(static_cast<uint32_t>(lists_.size()));
-            lists_.emplace_back();
-        }
-        record.ifIndex = freeLists_.back();
-        freeLists_.pop_back();
-        lists_[record.ifIndex] = route.hops;
-    }
-    count(record, 1);
-}
-
-template <class Address>
-void RouteStore<Address>::empty(uint32_t index) {
-    Record& record = at(index);
-    count(record, ~0u);
-    if ((record.flags & Record::several) != 0) {
-        std::vector<RouteHop>().swap(lists_[record.ifIndex]);
-        freeLists_.push_back(record.ifIndex);
-    }
-    record.flags = 0;
-}
-
-template <class Address>
-void RouteStore<Address>::count(const Record& record, uint32_t delta) {
-    if ((record.flags & Record::several) == 0) {
-        linkUses_[record.ifIndex % buckets] += delta;
-    }
-    for (const RouteHop& each : severalOf(record)) {
-        linkUses_[each.ifIndex % buckets] += delta;
-    }
-    if (isOfUser(record)) {
-        sourceUses_[bucketOf(record.source) % buckets] += delta;
-    }
-}
-
-template <class Address>
-uint32_t RouteStore<Address>::insert(const Read& route, bool atEnd) {
-    if (slots_.empty() || 4 * (uint64_t{keys_} + 1) > 3 * uint64_t{slots_.size()}) {
-        grow();
-    }
-    const uint32_t slot = slotOf(route.record);
-    const uint32_t index = newRecord();
-    fill(index, route);
-    const uint32_t head = slots_[slot];
-    keys_ += head == none ? 1 : 0;
-    if (head == none || !atEnd) {
-        at(index).next = head;
-        slots_[slot] = index;
-        return index;
-    }
-    uint32_t last = head;
-    while (at(last).next != none) {
-        last = at(last).next;
-    }
-    at(index).next = none;
-    at(last).next = index;
-    return index;
-}
-
-template <class Address>
-void RouteStore<Address>::remove(uint32_t index) {
-    const uint32_t slot = slotOf(at(index));
-    const uint32_t next = at(index).next;
-    if (slots_[slot] != index) {
-        uint32_t before = slots_[slot];
-        while (at(before).next != index) {
-            before = at(before).next;
-        }
-        at(before).next = next;
-    } else if (next != none) {
-        slots_[slot] = next;
-    } else {
-        slotDel(slot);
-    }
-    empty(index);
-    at(index).next = free_;
-    free_ = index;
-    --members_;
-}
-
-template <class Address>
-void RouteStore<Address>::replace(uint32_t index, const Read& route) {
-    empty(index);
-    fill(index, route);
-}
-
 // The record goes with its last next hop.
 template <class Address>
 void RouteStore<Address>::withoutHops(uint32_t index,
                                       const std::function<bool(const RouteHop&)>& isGone) {
-    std::vector<RouteHop> hops = hopsOf(at(index), severalOf(at(index)));
+    std::vector<RouteHop> hops = routes_.allHopsOf(index);
     std::erase_if(hops, isGone);
     if (hops.empty()) {
-        remove(index);
+        routes_.remove(index);
         return;
     }
-    Read left{at(index), {}};
+    Read left{routes_.at(index), {}};
     setHops(&left, hops);
-    replace(index, left);
+    routes_.replace(index, left, generation_);
 }
 
 // Which of the routes of a key a message with NLM_F_REPLACE stands for, or `none`. The kernel takes
@@ -283,8 +50,8 @@ template <class Address>
 uint32_t RouteStore<Address>::replacedBy(const Read& route, uint32_t head) const {
     if constexpr (Record::family == ipv6) {
         const bool wanted = hasGateway(hopsOf(route.record, route.hops));
-        for (uint32_t index = head; index != none; index = at(index).next) {
-            if (hasGateway(hopsOf(at(index), severalOf(at(index)))) == wanted) {
+        for (uint32_t index = head; index != none; index = routes_.at(index).next) {
+            if (hasGateway(routes_.allHopsOf(index)) == wanted) {
                 return index;
             }
         }
@@ -299,9 +66,9 @@ uint32_t RouteStore<Address>::extendedBy(const Read& route, uint32_t head) const
     if (Record::family == ipv4 || (route.record.flags & Record::several) == 0) {
         return none;
     }
-    for (uint32_t index = head; index != none; index = at(index).next) {
-        if (at(index).isLike(route.record) &&
-            hasAll(route.hops, hopsOf(at(index), severalOf(at(index))))) {
+    for (uint32_t index = head; index != none; index = routes_.at(index).next) {
+        if (routes_.at(index).isLike(route.record) &&
+            hasAll(route.hops, routes_.allHopsOf(index))) {
             return index;
         }
     }
@@ -310,20 +77,22 @@ uint32_t RouteStore<Address>::extendedBy(const Read& route, uint32_t head) const
 
 template <class Address>
 void RouteStore<Address>::add(const Read& route, uint16_t flags, Changes* changes) {
-    commitPart(route.record, changes);
-    const uint32_t head = headOf(route.record);
+    if (grouped_ != 0 && group_[0].record.hasKeyOf(route.record)) {
+        commitPart(changes);
+    }
+    const uint32_t head = routes_.headOf(route.record);
     const uint32_t replaced =
         (flags & NLM_F_REPLACE) != 0 ? replacedBy(route, head) : extendedBy(route, head);
-    for (uint32_t index = head; index != none; index = at(index).next) {
-        if (has(index, route) && (replaced == none || replaced == index)) {
-            at(index).generation = generation_;
+    for (uint32_t index = head; index != none; index = routes_.at(index).next) {
+        if (routes_.has(index, route) && (replaced == none || replaced == index)) {
+            routes_.at(index).generation = generation_;
             return;
         }
     }
     if (replaced != none) {
-        replace(replaced, route);
+        routes_.replace(replaced, route, generation_);
     } else {
-        insert(route, Record::family == ipv6 || (flags & NLM_F_APPEND) != 0);
+        routes_.insert(route, generation_, Record::family == ipv6 || (flags & NLM_F_APPEND) != 0);
     }
     note(route.record, changes);
 }
@@ -332,19 +101,21 @@ template <class Address>
 void RouteStore<Address>::del(const Read& route, Changes* changes) {
     isDisturbed_ = isDisturbed_ || Record::family == ipv6 ||
                    (!group_.empty() && group_[0].record.prefix == route.record.prefix);
-    commitPart(route.record, changes);
-    const uint32_t head = headOf(route.record);
-    for (uint32_t index = head; index != none; index = at(index).next) {
-        if (has(index, route)) {
-            remove(index);
+    if (grouped_ != 0 && group_[0].record.hasKeyOf(route.record)) {
+        commitPart(changes);
+    }
+    const uint32_t head = routes_.headOf(route.record);
+    for (uint32_t index = head; index != none; index = routes_.at(index).next) {
+        if (routes_.has(index, route)) {
+            routes_.remove(index);
             note(route.record, changes);
             return;
         }
     }
     if constexpr (Record::family == ipv6) {
         const std::vector<RouteHop> gone = hopsOf(route.record, route.hops);
-        for (uint32_t index = head; index != none; index = at(index).next) {
-            if (hasAll(hopsOf(at(index), severalOf(at(index))), gone)) {
+        for (uint32_t index = head; index != none; index = routes_.at(index).next) {
+            if (hasAll(routes_.allHopsOf(index), gone)) {
                 withoutHops(index, [&](const RouteHop& hop) { return hasAll(gone, {hop}); });
                 note(route.record, changes);
                 return;
@@ -360,8 +131,8 @@ void RouteStore<Address>::dumpBegin() {
     isDisturbed_ = false;
     inDump_ = true;
     if (++generation_ == 0) {
-        for (uint32_t index = 0; index < end_; ++index) {
-            at(index).generation = 0;
+        for (uint32_t index = 0; index < routes_.end(); ++index) {
+            routes_.at(index).generation = 0;
         }
         generation_ = 1;
     }
@@ -389,10 +160,10 @@ bool RouteStore<Address>::dumpEnd(Changes* changes) {
     if (isDisturbed_) {
         return false;
     }
-    for (uint32_t index = 0; index < end_; ++index) {
-        if ((at(index).flags & Record::used) != 0 && at(index).generation != generation_) {
-            note(at(index), changes);
-            remove(index);
+    for (uint32_t index = 0; index < routes_.end(); ++index) {
+        if (routes_.isUsed(index) && routes_.at(index).generation != generation_) {
+            note(routes_.at(index), changes);
+            routes_.remove(index);
         }
     }
     return true;
@@ -405,26 +176,30 @@ void RouteStore<Address>::commitGroup(Changes* changes) {
         return;
     }
     const Read& first = group_[0];
-    const uint32_t head = headOf(first.record);
-    if (grouped_ > 1 || isPartial_ || (head != none && at(head).next != none)) {
+    const uint32_t head = routes_.headOf(first.record);
+    const bool isKnown = head != none && routes_.has(head, first);
+    if (grouped_ > 1 || isPartial_ || (head != none && routes_.at(head).next != none) ||
+        (head != none && !isKnown && routes_.at(head).generation == generation_)) {
         commitChain(changes);
         return;
     }
     grouped_ = 0;
-    if (head != none && has(head, first)) {
-        at(head).generation = generation_;
+    if (isKnown) {
+        routes_.at(head).generation = generation_;
         return;
     }
     if (head == none) {
-        insert(first, true);
+        routes_.insert(first, generation_, /*atEnd=*/true);
     } else {
-        replace(head, first);
+        routes_.replace(head, first, generation_);
     }
     note(first.record, changes);
 }
 
-// Puts the routes of the group in the place of those of its key. When the group may be only a part
-// of what the dump brings, the others stay: what does not come goes at the end of the dump.
+// Puts the routes of the group in the place of those of its key. Those that were seen since the
+// dump began stay: an IPv6 dump goes back where routes were added, and brings some of a key again.
+// When the group may be only a part of its key, all stay: what does not come goes at the end of the
+// dump.
 template <class Address>
 void RouteStore<Address>::commitChain(Changes* changes) {
     std::vector<Read> chain(group_.begin(), group_.begin() + grouped_);
@@ -432,21 +207,23 @@ void RouteStore<Address>::commitChain(Changes* changes) {
     uint32_t before = 0;
     bool isChanged = false;
     for (const Read& each : chain) {
-        isChanged = isChanged || !find(each);
+        isChanged = isChanged || !routes_.contains(each);
     }
-    for (uint32_t index = headOf(key); index != none; index = at(index).next, ++before) {
-        if (isPartial_ && std::none_of(group_.begin(), group_.begin() + grouped_,
-                                       [&](const Read& each) { return has(index, each); })) {
-            chain.push_back({at(index), severalOf(at(index))});
+    for (uint32_t index = routes_.headOf(key); index != none;
+         index = routes_.at(index).next, ++before) {
+        const bool stays = isPartial_ || routes_.at(index).generation == generation_;
+        if (stays && std::none_of(group_.begin(), group_.begin() + grouped_,
+                                  [&](const Read& each) { return routes_.has(index, each); })) {
+            chain.push_back({routes_.at(index), routes_.severalOf(routes_.at(index))});
         }
     }
     isChanged = isChanged || chain.size() != before;
-    for (uint32_t index = headOf(key); index != none; index = headOf(key)) {
-        remove(index);
+    for (uint32_t index = routes_.headOf(key); index != none; index = routes_.headOf(key)) {
+        routes_.remove(index);
     }
     for (std::size_t i = 0; i < chain.size(); ++i) {
-        const uint32_t index = insert(chain[i], /*atEnd=*/true);
-        at(index).generation = i < grouped_ ? generation_ : chain[i].record.generation;
+        const uint8_t seen = i < grouped_ ? generation_ : chain[i].record.generation;
+        routes_.insert(chain[i], seen, /*atEnd=*/true);
     }
     grouped_ = 0;
     isPartial_ = false;
@@ -455,25 +232,32 @@ void RouteStore<Address>::commitChain(Changes* changes) {
     }
 }
 
-// A message about a key of which the dump may not have brought all.
+// Before a message that may concern the group, of which the dump may not have brought all.
 template <class Address>
-void RouteStore<Address>::commitPart(const Record& key, Changes* changes) {
-    if (grouped_ != 0 && group_[0].record.hasKeyOf(key)) {
+void RouteStore<Address>::commitPart(Changes* changes) {
+    if (grouped_ != 0) {
         isPartial_ = true;
         commitChain(changes);
         isPartial_ = true;
     }
 }
 
+// Before routes go without a message of their own.
+template <class Address>
+void RouteStore<Address>::disturb(Changes* changes) {
+    isDisturbed_ = true;
+    commitPart(changes);
+}
+
 template <class Address>
 void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, Changes* changes) {
-    for (uint32_t index = 0; linkUses_[ifIndex % buckets] != 0 && index < end_; ++index) {
-        const Record& record = at(index);
-        if ((record.flags & Record::used) == 0 ||
-            (Record::family == ipv4 && record.scope == RT_SCOPE_HOST)) {
+    disturb(changes);
+    for (uint32_t index = 0; routes_.mayUseLink(ifIndex) && index < routes_.end(); ++index) {
+        const Record& record = routes_.at(index);
+        if (!routes_.isUsed(index) || (Record::family == ipv4 && record.scope == RT_SCOPE_HOST)) {
             continue;
         }
-        const std::vector<RouteHop>& hops = severalOf(record);
+        const std::vector<RouteHop>& hops = routes_.severalOf(record);
         const bool isGone =
             hops.empty()
                 ? record.ifIndex == ifIndex
@@ -484,18 +268,19 @@ void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, Changes* 
                       });
         if (isGone) {
             note(record, changes);
-            remove(index);
+            routes_.remove(index);
         }
     }
 }
 
 template <class Address>
 void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
+    disturb(changes);
     const auto isOn = [&](const RouteHop& hop) { return hop.ifIndex == ifIndex; };
-    for (uint32_t index = 0; linkUses_[ifIndex % buckets] != 0 && index < end_; ++index) {
-        const Record& record = at(index);
-        const std::vector<RouteHop>& hops = severalOf(record);
-        if ((record.flags & Record::used) == 0 ||
+    for (uint32_t index = 0; routes_.mayUseLink(ifIndex) && index < routes_.end(); ++index) {
+        const Record& record = routes_.at(index);
+        const std::vector<RouteHop>& hops = routes_.severalOf(record);
+        if (!routes_.isUsed(index) ||
             (hops.empty() ? record.ifIndex != ifIndex
                           : std::none_of(hops.begin(), hops.end(), isOn))) {
             continue;
@@ -504,7 +289,7 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
         if (Record::family == ipv6 && !hops.empty()) {
             withoutHops(index, isOn);
         } else {
-            remove(index);
+            routes_.remove(index);
         }
     }
 }
@@ -513,20 +298,20 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
 template <class Address>
 void RouteStore<Address>::addressGone(const Address& address, uint32_t ifIndex, uint32_t table,
                                       Changes* changes) {
-    const uint32_t bucket = bucketOf(address) % buckets;
-    for (uint32_t index = 0; sourceUses_[bucket] != 0 && index < end_; ++index) {
-        Record& record = at(index);
-        if ((record.flags & Record::used) == 0 || record.source != address || !isOfUser(record)) {
+    disturb(changes);
+    for (uint32_t index = 0; routes_.mayUseSource(address) && index < routes_.end(); ++index) {
+        const Record& record = routes_.at(index);
+        if (!routes_.isUsed(index) || record.source != address ||
+            !routes_.hasSourceOfUser(record)) {
             continue;
         }
         if (Record::family == ipv4 && record.table == table && !isError(record.type)) {
             note(record, changes);
-            remove(index);
+            routes_.remove(index);
         } else if (Record::family == ipv6 && record.ifIndex == ifIndex &&
                    (record.flags & Record::several) == 0) {
             note(record, changes);
-            --sourceUses_[bucket];
-            record.source = Address();
+            routes_.sourceDel(index);
         }
     }
 }

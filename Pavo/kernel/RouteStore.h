@@ -1,20 +1,17 @@
 /// @file
-/// The routes of one family in little memory.
+/// The routes of one family, kept as the kernel announces and dumps them.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "Pavo/kernel/Route.h"
-#include "Pavo/kernel/RouteRecord.h"
+#include "Pavo/kernel/RouteIndex.h"
 
 namespace Pavo {
 
-/// Routes as messages of the kernel describe them: records in chunks that never move, and a hash
-/// table of the first record of each key, whose others follow it in the kernel's order.
+/// Routes as messages of the kernel describe them, those of a key in the kernel's order.
 ///
 /// Each operation puts the keys whose routes it changed into `changes`, unless that is null; a key
 /// may be there twice.
@@ -31,9 +28,9 @@ class RouteStore {
     using IsUp = std::function<bool(uint32_t ifIndex)>;
 
     /// How many routes there are.
-    uint32_t members() const { return members_; }
+    uint32_t members() const { return routes_.members(); }
     /// The memory of all of them.
-    uint64_t memoryBytes() const;
+    uint64_t memoryBytes() const { return sizeof(*this) + routes_.memoryBytes(); }
 
     /// For RTM_NEWROUTE with these flags, of which NLM_F_REPLACE and NLM_F_APPEND count.
     void add(const Read& route, uint16_t flags, Changes* changes);
@@ -61,77 +58,40 @@ class RouteStore {
     /// Calls `call(record, hops)` for each route, in no order; `call` must not change the store.
     template <class Call>
     void forEach(Call call) const {
-        for (uint32_t index = 0; index < end_; ++index) {
-            if ((at(index).flags & Record::used) != 0) {
-                call(at(index), severalOf(at(index)));
+        for (uint32_t index = 0; index < routes_.end(); ++index) {
+            if (routes_.isUsed(index)) {
+                call(routes_.at(index), routes_.severalOf(routes_.at(index)));
             }
         }
     }
     /// The same for the routes of a key, in the kernel's order.
     template <class Call>
     void forKey(const Record& key, Call call) const {
-        for (uint32_t index = headOf(key); index != none; index = at(index).next) {
-            call(at(index), severalOf(at(index)));
+        for (uint32_t index = routes_.headOf(key); index != none; index = routes_.at(index).next) {
+            call(routes_.at(index), routes_.severalOf(routes_.at(index)));
         }
     }
 
   private:
-    static constexpr uint32_t none = 0xffffffff;
-    static constexpr uint32_t chunkBits = 12;
-    static constexpr uint32_t chunkRecords = 1 << chunkBits;
-    static constexpr uint32_t buckets = 1024;
+    static constexpr uint32_t none = RouteIndex<Address>::none;
 
-    Record& at(uint32_t index) { return chunks_[index >> chunkBits][index & (chunkRecords - 1)]; }
-    const Record& at(uint32_t index) const {
-        return chunks_[index >> chunkBits][index & (chunkRecords - 1)];
-    }
-    const std::vector<RouteHop>& severalOf(const Record& record) const;
-    bool hasWays(const Record& record, const Read& route) const;
-    bool isSame(const Record& record, const Read& route) const;
-    bool has(uint32_t index, const Read& route) const { return isSame(at(index), route); }
-
-    uint32_t slotOf(const Record& key) const;
-    uint32_t headOf(const Record& key) const;
-    bool find(const Read& route) const;
-    void slotDel(uint32_t slot);
-    void grow();
-
-    uint32_t newRecord();
-    void fill(uint32_t index, const Read& route);
-    void empty(uint32_t index);
-    void count(const Record& record, uint32_t delta);
-    uint32_t insert(const Read& route, bool atEnd);
-    void remove(uint32_t index);
-    void replace(uint32_t index, const Read& route);
     void withoutHops(uint32_t index, const std::function<bool(const RouteHop&)>& isGone);
     uint32_t replacedBy(const Read& route, uint32_t head) const;
     uint32_t extendedBy(const Read& route, uint32_t head) const;
 
     void commitGroup(Changes* changes);
     void commitChain(Changes* changes);
-    void commitPart(const Record& key, Changes* changes);
+    void commitPart(Changes* changes);
+    void disturb(Changes* changes);
     void note(const Record& record, Changes* changes) const;
 
-    std::vector<std::unique_ptr<Record[]>> chunks_;
-    std::vector<uint32_t> slots_;  // A power of two; `none` is free.
-    uint32_t keys_ = 0;
-    uint32_t end_ = 0;      // Records that were ever used.
-    uint32_t free_ = none;  // The first of a list through `next`.
-    uint32_t members_ = 0;
-    std::vector<std::vector<RouteHop>> lists_;
-    std::vector<uint32_t> freeLists_;
-
+    RouteIndex<Address> routes_;
     uint8_t generation_ = 0;
     bool inDump_ = false;
     bool isDisturbed_ = false;
     bool isPartial_ = false;   // The group may lack routes of its key.
     std::vector<Read> group_;  // Of one key, as the dump brings them; the first `grouped_`.
     uint32_t grouped_ = 0;
-
-    // How many next hops have a link, and routes a source, by the low bits of the number: most
-    // links and addresses that go are in no route, and need no search.
-    std::array<uint32_t, buckets> linkUses_ = {};
-    std::array<uint32_t, buckets> sourceUses_ = {};
 };
 
 extern template class RouteStore<IpAddr>;

@@ -103,11 +103,10 @@ void RouteTable::dumpBegin() {
     stores_->v6.dumpBegin();
 }
 
-bool RouteTable::dumpEnd() {
-    const bool isSure4 = stores_->v4.dumpEnd(changes());
-    const bool isSure6 = stores_->v6.dumpEnd(changes());
+void RouteTable::dumpEnd(bool* isSure) {
+    *isSure = stores_->v4.dumpEnd(changes());
+    *isSure = stores_->v6.dumpEnd(changes()) && *isSure;
     announce();
-    return isSure4 && isSure6;
 }
 
 void RouteTable::linkDown(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {

@@ -60,10 +60,10 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     bool messageIs(const nlmsghdr& message);
     /// A dump begins: all routes follow, until `dumpEnd`.
     void dumpBegin();
-    /// The routes that did not come since `dumpBegin` are removed. Returns false when they were
-    /// not, since routes were deleted during the dump, which may then have skipped others: another
-    /// dump is needed.
-    bool dumpEnd();
+    /// The routes that did not come since `dumpBegin` are removed. With false in `*isSure`, which
+    /// is set before observers are notified, they were not, since routes were deleted during the
+    /// dump, which may then have skipped others: another dump is needed.
+    void dumpEnd(bool* isSure);
     /// A link was set down. `isUp` says of other links whether they are up.
     void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
     /// A link was deleted.
