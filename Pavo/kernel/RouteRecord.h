@@ -96,6 +96,7 @@ void setHops(ReadRoute<Address>* route, const std::vector<RouteHop>& hops) {
                             hops[0].gateway.af() != RouteRecord<Address>::family)) {
         record.flags |= record.several;
         route->hops = hops;
+        route->hops[0].weight = hops.size() == 1 ? uint16_t{1} : hops[0].weight;
     } else if (hops.size() == 1) {
         record.ifIndex = hops[0].ifIndex;
         record.flags |= hops[0].isOnLink ? record.onLink : uint8_t{0};

@@ -60,14 +60,19 @@ struct Followed {
     bool isInSync() {
         return reaches(loop, [this] { return info->isInSync(); });
     }
-    // What still differs after a while.
+    // What still differs after a while, when no message is left to be read.
     std::string difference() {
         std::string text;
-        reaches(loop, [&] {
-            text = info->isInSync() ? differenceOf(linesOf(*info), IpLines(netNs).lines())
-                                    : "not in sync";
-            return text.empty();
-        });
+        reaches(
+            loop,
+            [&] {
+                for (int turns = 0; loop.turn(0.02) != 0 && turns < 100'000; ++turns) {
+                }
+                text = info->isInSync() ? differenceOf(linesOf(*info), IpLines(netNs).lines())
+                                        : "not in sync";
+                return text.empty();
+            },
+            /*tenths=*/300);
         return text;
     }
     // The answer to a request.
