@@ -77,6 +77,7 @@ MARKS = {
     ("NetlinkSessionAck", "epoll"): 0.909,
     ("NetlinkSessionAck", "bare"): 0.909,
     ("NetlinkBatch1000", "bare"): 1.3,
+    ("RouteDump100k", "libnl"): 1.3,
     ("NetnsAddDelete", "bare"): 0.9,
     ("NetnsAddDelete", "ip_netns"): 1,
     ("PduRead0", "epoll"): 0.9,

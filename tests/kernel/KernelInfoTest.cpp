@@ -245,18 +245,23 @@ class Storm {
     }
     std::string route(uint32_t routes) {
         const bool isV6 = below(4) == 0;
-        const uint32_t prefix = below(routes);
-        std::string line = anyOf({"", "", "", "blackhole "}) +
-                           (isV6 ? "2001:" + std::to_string(prefix / 8192) + ":" +
-                                       std::to_string(prefix % 8192) + "::/48"
-                                 : "10." + std::to_string(prefix / 256 % 190) + "." +
-                                       std::to_string(prefix % 256) + ".0/24") +
-                           anyOf({"", "", " metric 7", " table 100"});
-        if (line[0] != 'b') {
+        const uint32_t prefix = below(isV6 ? routes / 8 + 1 : routes);
+        // The kernel's dump of IPv6 passes over routes without a gateway that were added between
+        // two next hops of a route of the same key, and ip(8) shows it so.
+        const bool hasGateway = isV6 ? prefix % 4 != 0 : below(4) != 0;
+        std::string line = isV6 ? "2001:" + std::to_string(prefix / 1000) + ":" +
+                                      std::to_string(prefix % 1000) + "::/48"
+                                : "10." + std::to_string(prefix / 256 % 190) + "." +
+                                      std::to_string(prefix % 256) + ".0/24";
+        line += anyOf({"", "", " metric 7", " table 100"}) + " ";
+        if (hasGateway) {
             const std::string way = hop(isV6);
-            line += " " + anyOf({way, way, way, "nexthop " + way + " nexthop " + hop(isV6),
-                                 isV6 ? "dev v" + number(links)
-                                      : way + " src 10.201." + number(4) + ".1"});
+            line += anyOf({way, way, way, "nexthop " + way + " nexthop " + hop(isV6),
+                           way + (isV6 ? "" : " src 10.201." + number(4) + ".1")});
+        } else if (!isV6 || below(2) == 0) {
+            line = "blackhole " + line;
+        } else {
+            line += "dev v" + number(links);
         }
         return "route " + anyOf({"add ", "add ", "replace ", "append ", "prepend ", "del "}) +
                line + "\n";
