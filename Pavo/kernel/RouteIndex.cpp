@@ -45,14 +45,14 @@ const std::vector<RouteHop>& RouteIndex<Address>::severalOf(const Record& record
 }
 
 template <class Address>
-bool RouteIndex<Address>::has(uint32_t index, const Read& route) const {
+bool RouteIndex<Address>::isSame(const Record& record, const std::vector<RouteHop>& several,
+                                 const Read& route) {
     constexpr uint8_t ways = Record::onLink | Record::several;
-    const Record& record = at(index);
     if (!record.isLike(route.record) || ((record.flags ^ route.record.flags) & ways) != 0) {
         return false;
     }
     return (record.flags & Record::several) != 0
-               ? lists_[record.ifIndex] == route.hops
+               ? several == route.hops
                : record.ifIndex == route.record.ifIndex && record.gateway == route.record.gateway;
 }
 

@@ -46,8 +46,12 @@ class RouteIndex {
 
     /// The first record of a key, or `none`; the others are at `next`.
     uint32_t headOf(const Record& key) const;
-    /// Whether the record is the same route.
-    bool has(uint32_t index, const Read& route) const;
+    /// Whether a record with these next hops, where it has several, is the same route.
+    static bool isSame(const Record& record, const std::vector<RouteHop>& several,
+                       const Read& route);
+    bool has(uint32_t index, const Read& route) const {
+        return isSame(at(index), severalOf(at(index)), route);
+    }
     /// Whether any record is.
     bool contains(const Read& route) const;
 

@@ -202,19 +202,28 @@ void RouteStore<Address>::commitGroup(Changes* changes) {
 // dump.
 template <class Address>
 void RouteStore<Address>::commitChain(Changes* changes) {
-    std::vector<Read> chain(group_.begin(), group_.begin() + grouped_);
+    std::vector<Read> chain;
+    const auto isInChain = [&](const Record& record, const std::vector<RouteHop>& several) {
+        return std::any_of(chain.begin(), chain.end(), [&](const Read& each) {
+            return RouteIndex<Address>::isSame(record, several, each);
+        });
+    };
+    bool isChanged = false;
+    for (uint32_t i = 0; i < grouped_; ++i) {
+        if (!isInChain(group_[i].record, group_[i].hops)) {
+            chain.push_back(group_[i]);
+            isChanged = isChanged || !routes_.contains(group_[i]);
+        }
+    }
+    const std::size_t seen = chain.size();
     const Record key = chain[0].record;
     uint32_t before = 0;
-    bool isChanged = false;
-    for (const Read& each : chain) {
-        isChanged = isChanged || !routes_.contains(each);
-    }
     for (uint32_t index = routes_.headOf(key); index != none;
          index = routes_.at(index).next, ++before) {
-        const bool stays = isPartial_ || routes_.at(index).generation == generation_;
-        if (stays && std::none_of(group_.begin(), group_.begin() + grouped_,
-                                  [&](const Read& each) { return routes_.has(index, each); })) {
-            chain.push_back({routes_.at(index), routes_.severalOf(routes_.at(index))});
+        const Record& record = routes_.at(index);
+        const bool stays = isPartial_ || record.generation == generation_;
+        if (stays && !isInChain(record, routes_.severalOf(record))) {
+            chain.push_back({record, routes_.severalOf(record)});
         }
     }
     isChanged = isChanged || chain.size() != before;
@@ -222,8 +231,8 @@ void RouteStore<Address>::commitChain(Changes* changes) {
         routes_.remove(index);
     }
     for (std::size_t i = 0; i < chain.size(); ++i) {
-        const uint8_t seen = i < grouped_ ? generation_ : chain[i].record.generation;
-        routes_.insert(chain[i], seen, /*atEnd=*/true);
+        const uint8_t generation = i < seen ? generation_ : chain[i].record.generation;
+        routes_.insert(chain[i], generation, /*atEnd=*/true);
     }
     grouped_ = 0;
     isPartial_ = false;
