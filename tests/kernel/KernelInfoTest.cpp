@@ -231,7 +231,8 @@ class Storm {
         const std::string number = std::to_string(i);
         return "link add v" + number + " type veth peer name w" + number + "\nlink set w" + number +
                " up\nlink set v" + number + " up\naddress add 10.200." + number + ".1/24 dev v" +
-               number + "\naddress add 2001:db8:" + number + "::1/64 dev v" + number + " nodad\n";
+               number + "\naddress add 10.201." + number + ".1/24 dev v" + number +
+               "\naddress add 2001:db8:" + number + "::1/64 dev v" + number + " nodad\n";
     }
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
     std::string number(uint32_t limit) { return std::to_string(below(limit)); }
@@ -258,7 +259,7 @@ class Storm {
         if (hasGateway) {
             const std::string way = hop(isV6);
             line += anyOf({way, way, way, "nexthop " + way + " nexthop " + hop(isV6),
-                           way + (isV6 ? "" : " src 10.201." + number(4) + ".1")});
+                           way + (isV6 ? "" : " src 10.201." + number(links) + ".1")});
         } else if (!isV6 || below(2) == 0) {
             line = "blackhole " + line;
         } else {
@@ -270,21 +271,23 @@ class Storm {
     std::string other() {
         const std::string link = number(links);
         const std::string dev = " dev " + anyOf({"v", "w"}) + link;
-        switch (below(8)) {
+        switch (below(9)) {
             case 0:
-                return "link set v" + link + " " + anyOf({"up", "down", "up", "mtu 1400"}) + "\n";
             case 1:
+                return "link set v" + link + " " + anyOf({"up", "down", "up", "down", "mtu 1400"}) +
+                       "\n";
+            case 2:
                 return "link set v" + link + " " +
                        anyOf({"master br0", "nomaster", "address 02:00:00:00:00:0" + link}) + "\n";
-            case 2:
-                return "link del v" + link + "\n" + linkAdd(static_cast<int>(below(links)));
             case 3:
+                return "link del v" + link + "\n" + linkAdd(static_cast<int>(below(links)));
+            case 4:
                 return "link set v" + link + " name x" + link + "\nlink set x" + number(links) +
                        " name v" + number(links) + "\n";
-            case 4:
-                return "address " + anyOf({"add", "add", "del"}) + " 10.201." + number(4) +
-                       ".1/24" + dev + "\n";
             case 5:
+                return "address " + anyOf({"add", "del"}) + " 10.201." + link + ".1/24" +
+                       anyOf({dev, " dev v" + link, " dev v" + number(links)}) + "\n";
+            case 6:
                 return "address " + anyOf({"add", "del"}) + " 2001:db8:f" + number(3) + "::1/64" +
                        dev + anyOf({"", " nodad"}) + "\n";
             default: {  // A batch ends where there is none to delete.
@@ -564,6 +567,13 @@ TEST_F(KernelInfoTest, ChangesTheKernelAndSaysWhatItRefuses) {
     EXPECT_EQ(errorOf(neighbourDelRequest(neighbour)), 0);
     EXPECT_EQ(errorOf(neighbourDelRequest(neighbour)), ENOENT);
     ASSERT_TRUE(reaches(ns.loop, [&] { return ns.info->neighbour(neighbour) == nullptr; }));
+    routes[0].source = IpAddr("10.0.0.1");
+    routes[2].source = Ip6Addr("2001:db8::1");
+    for (const Route& each : {routes[0], routes[1], routes[2]}) {
+        EXPECT_EQ(errorOf(routeAddRequest(each)), 0);
+    }
+    EXPECT_EQ(ns.difference(), "");
+    // Of the routes that lose their source, that of the main table goes, and nothing is announced.
     for (const auto& [key, address] :
          std::map(ns.info->addresses().begin(), ns.info->addresses().end())) {
         if (key.ifIndex == index) {
