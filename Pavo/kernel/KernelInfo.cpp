@@ -228,6 +228,7 @@ void KernelInfo::linkIs(const Link::Facts& facts) {
     const bool wasUp = link->isUp();
     const Mox::String before = link->name();
     const uint64_t changed = link->commit(facts);
+    link->isWithoutIp_ = link->isWithoutIp_ && (wasUp || !link->isUp());
     const bool isRenamed = before != facts.name && linkByName(before) == link && names_.del(before);
     const bool isNamed = names_.is(facts.name, link);
     FirstException thrown;
@@ -240,10 +241,7 @@ void KernelInfo::linkIs(const Link::Facts& facts) {
     }
     if (wasUp && (facts.flags & IFF_UP) == 0 && followsRoutes_) {
         thrown.collect([&] {
-            routes_->linkDown(facts.index, [this](uint32_t index) {
-                const Mox::Ptr<Link> other = linkByIndex(index);
-                return other && other->isUp();
-            });
+            routes_->linkDown(facts.index, [this](uint32_t index) { return isAlive(index); });
         });
     }
     thrown.rethrow();
@@ -287,6 +285,9 @@ void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
     const auto made = Mox::make<LinkAddress>(facts);
     made->generation_ = sync_->generation(TableSync::addresses);
     addresses_.is(facts.key, made);
+    if (const auto link = linkByIndex(made->ifIndex()); link && made->address().af() == ipv4) {
+        link->isWithoutIp_ = false;
+    }
     notify(addressesAttr, facts.key);
 }
 
@@ -400,19 +401,35 @@ void KernelInfo::announce(const Gone& gone) {
 }
 
 // An IPv4 address may be on several links: routes keep it as their source until the last one goes.
+// Without any IPv4 address, a link loses its IPv4 routes.
 void KernelInfo::routesLoseAddress(const LinkAddress& address) {
     if (routes_->members() == 0) {
         return;
     }
-    const uint32_t table = tableOf(address.ifIndex());
-    const bool isElsewhere =
-        address.address().af() == ipv4 &&
-        std::any_of(addresses_.begin(), addresses_.end(), [&](const auto& each) {
-            return each.first.address == address.address() && tableOf(each.first.ifIndex) == table;
-        });
-    if (!isElsewhere) {
-        routes_->addressGone(address.address(), address.ifIndex(), table);
+    const uint32_t ifIndex = address.ifIndex();
+    const uint32_t table = tableOf(ifIndex);
+    bool isElsewhere = false;
+    bool hasOther = false;
+    for (const auto& [key, each] : addresses_) {
+        isElsewhere =
+            isElsewhere || (key.address == address.address() && tableOf(key.ifIndex) == table);
+        hasOther = hasOther || (key.ifIndex == ifIndex && key.address.af() == ipv4);
     }
+    const bool isV4 = address.address().af() == ipv4;
+    const Mox::Ptr<Link> link = linkByIndex(ifIndex);
+    if (isV4 && !hasOther && link) {
+        link->isWithoutIp_ = true;
+        routes_->linkWithoutIp(ifIndex, [this](uint32_t index) { return isAlive(index); });
+    }
+    if (!isV4 || !isElsewhere) {
+        routes_->addressGone(address.address(), ifIndex, table);
+    }
+}
+
+// Whether the kernel counts on next hops over the link.
+bool KernelInfo::isAlive(uint32_t ifIndex) const {
+    const Mox::Ptr<Link> link = linkByIndex(ifIndex);
+    return link && link->isUp() && !link->isWithoutIp_;
 }
 
 // A link of a VRF has the VRF's table.

@@ -147,6 +147,7 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void take(uint32_t index, Gone* gone);
     void announce(const Gone& gone);
     void routesLoseAddress(const LinkAddress& address);
+    bool isAlive(uint32_t ifIndex) const;
     uint32_t tableOf(uint32_t ifIndex) const;
 
     Mox::String name_;

@@ -129,6 +129,7 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
     void announce(uint64_t changed);
 
     Facts facts_;
+    bool isWithoutIp_ = false;  // The last IPv4 address has gone: next hops over it are dead.
 };
 
 /// What a message of the type RTM_NEWLINK or RTM_DELLINK (rtnetlink(7)) says; nothing for one that

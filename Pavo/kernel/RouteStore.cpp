@@ -259,11 +259,13 @@ void RouteStore<Address>::disturb(Changes* changes) {
 }
 
 template <class Address>
-void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, Changes* changes) {
+void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, bool hasAddress,
+                                   Changes* changes) {
     disturb(changes);
     for (uint32_t index = 0; routes_.mayUseLink(ifIndex) && index < routes_.end(); ++index) {
         const Record& record = routes_.at(index);
-        if (!routes_.isUsed(index) || (Record::family == ipv4 && record.scope == RT_SCOPE_HOST)) {
+        if (!routes_.isUsed(index) ||
+            (Record::family == ipv4 && hasAddress && record.scope == RT_SCOPE_HOST)) {
             continue;
         }
         const std::vector<RouteHop>& hops = routes_.severalOf(record);

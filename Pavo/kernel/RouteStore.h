@@ -46,8 +46,10 @@ class RouteStore {
 
     // What the kernel deletes without a message.
 
-    /// A link was set down.
-    void linkDown(uint32_t ifIndex, const IsUp& isUp, Changes* changes);
+    /// A link was set down, or lost its last address, so that next hops over it are dead; `isUp`
+    /// says whether those over another link are not. IPv4 routes of local addresses outlive the
+    /// first.
+    void linkDown(uint32_t ifIndex, const IsUp& isUp, bool hasAddress, Changes* changes);
     /// A link was deleted.
     void linkGone(uint32_t ifIndex, Changes* changes);
     /// The last address of that value was deleted, from a link whose routes are in `table`.

@@ -110,8 +110,13 @@ void RouteTable::dumpEnd(bool* isSure) {
 }
 
 void RouteTable::linkDown(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {
-    stores_->v4.linkDown(ifIndex, isUp, changes());
-    stores_->v6.linkDown(ifIndex, isUp, changes());
+    stores_->v4.linkDown(ifIndex, isUp, /*hasAddress=*/true, changes());
+    stores_->v6.linkDown(ifIndex, isUp, /*hasAddress=*/true, changes());
+    announce();
+}
+
+void RouteTable::linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {
+    stores_->v4.linkDown(ifIndex, isUp, /*hasAddress=*/false, changes());
     announce();
 }
 

@@ -27,7 +27,8 @@ namespace Pavo {
 /// complete and consistent whenever it is notified, and may be read, but not end, meanwhile.
 ///
 /// Some changes are not announced by the kernel. Routes that go with their link, when it is set
-/// down or deleted, or with their preferred source, are removed here by the kernel's own rules.
+/// down, deleted or left without an IPv4 address, or with their preferred source, are removed here
+/// by the kernel's own rules.
 /// Routes over next-hop objects (ip-nexthop(8)) that change or go are correct only after the next
 /// dump.
 class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
@@ -64,8 +65,10 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     /// is set before observers are notified, they were not, since routes were deleted during the
     /// dump, which may then have skipped others: another dump is needed.
     void dumpEnd(bool* isSure);
-    /// A link was set down. `isUp` says of other links whether they are up.
+    /// A link was set down. `isUp` says of other links whether their next hops are alive.
     void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    /// A link has lost its last IPv4 address.
+    void linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
     /// A link was deleted.
     void linkGone(uint32_t ifIndex);
     /// An address was deleted that no other link has. The routes of the link are in `table`.
