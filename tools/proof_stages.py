@@ -103,6 +103,13 @@ def seeds_slice(preset):
     return next_slice
 
 
+def storm_slice(command, seconds, done, first_seed):
+    """Seeds of a test that takes routes away and brings them, by default fewer."""
+    few = seeds_slice("release")(command, seconds, done, first_seed)
+    return dataclasses.replace(few, environment={**few.environment,
+                                                 "PAVO_STORM_ROUTES": "100000"})
+
+
 def repeated_slice(preset):
     """The whole test again and again."""
 
@@ -137,6 +144,9 @@ STAGES = (
     Stage("programs", "Long tests: random programs of everything that is notified", "programs", 9,
           (("./dev", "build", "release", *RANDOM_PROGRAMS), (*LIST_TESTS, "release")),
           commands_with("runPrograms("), seeds_slice("release"), goal=100_000),
+    Stage("storm", "Storms of 100,000 changes of routes", "storms", 6,
+          (("./dev", "build", "release", "kernel-test"), (*LIST_TESTS, "release")),
+          commands_with("stormRoutes("), storm_slice, goal=20),
     Stage("random", "Random tests", "seeds", 8,
           (("./dev", "build", "release", *RANDOM_PROGRAMS), (*LIST_TESTS, "release")),
           commands_with("PavoTest::Seeds("), seeds_slice("release"), goal=1_000_000),
