@@ -1,0 +1,86 @@
+/// @file
+/// A namespace that is followed.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <iterator>
+#include <sstream>
+#include <string>
+
+#include "Mox/EventLoop.h"
+#include "Pavo/KernelInfo.h"
+#include "Pavo/NetnsUtils.h"
+#include "kernel/KernelText.h"
+#include "support/SandboxTest.h"
+
+namespace PavoTest {
+
+/// Turns the loop until `done`, for a bounded time.
+inline bool reaches(Mox::EventLoop& loop, const std::function<bool()>& done, int tenths = 100) {
+    const double end = loop.clock()->now() + tenths / 10.0;
+    while (!done()) {
+        if (loop.clock()->now() > end) {
+            return false;
+        }
+        loop.turn(0.02);
+    }
+    return true;
+}
+
+/// A namespace that is followed.
+struct Followed {
+    explicit Followed(const std::string& name, uint32_t rcvBufBytes = 0) : netNs(name) {
+        EXPECT_EQ(Pavo::netNsAddEvenIfPresent(name.c_str()), 0);
+        session->rcvBufBytesIs(rcvBufBytes);
+        info->followsRoutesIs(true);
+        session->enabledIs(true);
+    }
+    ~Followed() {
+        info->close();
+        session->enabledIs(false);
+        Pavo::netNsDelete(netNs.c_str());
+    }
+    void ip(const std::string& command) {
+        std::istringstream words("ip -n " + netNs + " " + command);
+        run({std::istream_iterator<std::string>(words), {}});
+    }
+    bool isInSync() {
+        return reaches(loop, [this] { return info->isInSync(); });
+    }
+    /// What still differs after a while, when no message is left to be read.
+    std::string difference() {
+        std::string text;
+        reaches(
+            loop,
+            [&] {
+                for (int turns = 0; loop.turn(0.02) != 0 && turns < 100'000; ++turns) {
+                }
+                text = info->isInSync() ? differenceOf(linesOf(*info), IpLines(netNs).lines())
+                                        : "not in sync";
+                return text.empty();
+            },
+            /*tenths=*/300);
+        return text;
+    }
+    /// The answer to a request.
+    Pavo::NetlinkAnswer ask(const Pavo::NetlinkMessage& message) {
+        Pavo::NetlinkAnswer got{-1, {}};
+        session->requestIs(message, [&](const Pavo::NetlinkAnswer& answer) { got = answer; });
+        EXPECT_TRUE(reaches(loop, [&] { return got.error != -1; }));
+        return got;
+    }
+    Mox::Ptr<Pavo::Link> link(const char* name) {
+        EXPECT_TRUE(reaches(loop, [&] { return info->linkByName(name) != nullptr; })) << name;
+        return info->linkByName(name);
+    }
+
+    const std::string netNs;
+    Mox::EventLoop loop;
+    Mox::Ptr<Pavo::NetlinkSession> session =
+        Pavo::netlinkSessionFactory(netNs, Pavo::NamespaceName(netNs), loop.clock());
+    Mox::Ptr<Pavo::KernelInfo> info = Pavo::kernelInfoFactory(netNs, session, loop.clock());
+};
+
+}  // namespace PavoTest
