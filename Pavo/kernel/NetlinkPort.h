@@ -43,8 +43,8 @@ class PAVO_EXPORT NetlinkPort : public Mox::Described<NetlinkPort> {
     /// Joins or leaves a multicast group, such as RTNLGRP_LINK.
     /// @throws Mox::ErrnoException naming the call.
     virtual void groupIs(uint32_t group, bool isMember) = 0;
-    /// From now on calls `readable` from the event loop when datagrams wait; null ends that. Never
-    /// calls it from inside another function of this class.
+    /// From now on calls `readable` from the event loop when datagrams wait, or may; null ends
+    /// that. Never calls it from inside another function of this class.
     virtual void readableIs(std::function<void()> readable) = 0;
 
   protected:
@@ -62,8 +62,10 @@ using NetlinkPortOpener = std::function<Mox::Ptr<NetlinkPort>(NetlinkPortUse use
 /// process may (SO_RCVBUFFORCE); 0 leaves the system's size.
 /// @throws Mox::ErrnoException "socketAt", "fcntl(F_SETFL)", "setsockopt(SO_RCVBUF)", "bind",
 /// "getsockname", "getsockopt(SO_RCVBUF)" or "epoll_ctl".
+/// @pre an event loop on this thread (assertion "EventLoop::current(): a netlink socket needs an
+/// event loop").
 PAVO_EXPORT Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,
-                                                       uint32_t rcvBufBytes);
+                                                       NetlinkPortUse use, uint32_t rcvBufBytes);
 /// Opens such sockets, that of the monitor with a receive buffer of `rcvBufBytes`.
 PAVO_EXPORT NetlinkPortOpener netlinkSocketOpener(NamespaceName netNs, int protocol = NETLINK_ROUTE,
                                                   uint32_t rcvBufBytes = 0);

@@ -132,7 +132,7 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     /// Enabling opens the sockets, and begins to follow in the next turn. Disabling closes them and
     /// ends every request with ECANCELED; tables stay registered for the next enabling.
     /// @pre to enable, with sockets: an event loop on this thread (assertion
-    /// "EventLoop::current()").
+    /// "EventLoop::current(): a netlink socket needs an event loop").
     /// @throws Mox::ErrnoException naming the call that failed, as `netlinkSocketFactory` does, or
     /// "setsockopt(NETLINK_ADD_MEMBERSHIP)"; nothing is then open.
     void enabledIs(bool enabled);
