@@ -11,6 +11,7 @@
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/Export.h"
+#include "Pavo/base/QuotedCodec.h"
 #include "Pavo/base/ValueFunctions.h"
 
 namespace Pavo {
@@ -62,26 +63,6 @@ class NamespaceName : public Mox::ValueType<NamespaceName> {
 
 }  // namespace Pavo
 
-/// A name has no end mark of its own, so a record shows it as a string.
+/// A record shows a name in quotes.
 template <>
-struct Mox::Codec<Pavo::NamespaceName> {
-    static const char* parse(TextCursor& in, Pavo::NamespaceName* value, const char* invalid) {
-        TextCursor ahead = in;
-        String name;
-        const char* error = Codec<String>::parse(ahead, &name, invalid);
-        TextCursor text(name.view());
-        error = error != nullptr ? error : value->parse(text);
-        if (error == nullptr) {
-            in = ahead;
-        }
-        return error;
-    }
-    static void print(TextWriter& out, const Pavo::NamespaceName& value) {
-        Codec<String>::print(out, value.value());
-    }
-    static void toLog(NboAttrLog::Out& out, const Pavo::NamespaceName& value) { out << value; }
-    static void fromLog(NboAttrLog::In& in, Pavo::NamespaceName* value) {
-        *value = Pavo::NamespaceName(&in, StreamBogon());
-    }
-    static void mix(Hash& hash, const Pavo::NamespaceName& value) { hash.mix(value.hash()); }
-};
+struct Mox::Codec<Pavo::NamespaceName> : Pavo::QuotedCodec<Pavo::NamespaceName> {};
