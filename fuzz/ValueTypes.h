@@ -39,6 +39,8 @@
 #include "Pavo/TcpStatus.h"
 #include "Pavo/UdpHdr.h"
 #include "Pavo/UdpPam.h"
+#include "Pavo/VrfId.h"
+#include "Pavo/VrfName.h"
 
 namespace fuzz {
 
@@ -76,7 +78,8 @@ using FieldTypes =
              Pavo::NetU32, Pavo::NetU64, Pavo::IpChecksum, Pavo::IpTotalLen, Pavo::IpId,
              Pavo::IpFragmentOffsetAndFlags, Pavo::IpVersionTrafficClassAndFlowLabel,
              Pavo::NamespaceName, Pavo::IpFilter, Pavo::NetlinkFamily, Pavo::NetlinkMsgType,
-             Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups>;
+             Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups, Pavo::VrfId,
+             Pavo::VrfName>;
 using TransportTypes =
     TypeList<Pavo::TcpPort, Pavo::TcpSequenceNumber, Pavo::TcpAcknowledgementNumber,
              Pavo::TcpDataOffsetAndFlags, Pavo::TcpWindow, Pavo::TcpUrgentPointer, Pavo::TcpLen,
