@@ -5,6 +5,9 @@
 
 #include <type_traits>
 
+#include "Pavo/ArpEntry.h"
+#include "Pavo/ArpKey.h"
+#include "Pavo/ArpSm.h"
 #include "Pavo/AutonomousSystem.h"
 #include "Pavo/EthAddr.h"
 #include "Pavo/Icmp6Hdr.h"
@@ -78,8 +81,8 @@ using FieldTypes =
              Pavo::NetU32, Pavo::NetU64, Pavo::IpChecksum, Pavo::IpTotalLen, Pavo::IpId,
              Pavo::IpFragmentOffsetAndFlags, Pavo::IpVersionTrafficClassAndFlowLabel,
              Pavo::NamespaceName, Pavo::IpFilter, Pavo::NetlinkFamily, Pavo::NetlinkMsgType,
-             Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups, Pavo::VrfId,
-             Pavo::VrfName>;
+             Pavo::NetlinkMsgFlags, Pavo::NetlinkPortId, Pavo::NetlinkGroups, Pavo::ArpKey,
+             Pavo::VrfId, Pavo::VrfName>;
 using TransportTypes =
     TypeList<Pavo::TcpPort, Pavo::TcpSequenceNumber, Pavo::TcpAcknowledgementNumber,
              Pavo::TcpDataOffsetAndFlags, Pavo::TcpWindow, Pavo::TcpUrgentPointer, Pavo::TcpLen,
@@ -106,7 +109,8 @@ using EnumTypes =
              Pavo::TcpPduPamReadResult, Pavo::RouteDistinguisher::Type,
              Pavo::RouteDistinguisher::Type0LocalType, Pavo::MplsLabelAction,
              Pavo::BoundedMplsLabelStackError, Pavo::IpSocketOptions, Pavo::IpTrafficControl,
-             Pavo::IpPktOption, Pavo::Ip6Pam::Mode, Pavo::UdpPam::Mode>;
+             Pavo::IpPktOption, Pavo::Ip6Pam::Mode, Pavo::UdpPam::Mode, Pavo::ArpState,
+             Pavo::ArpClaim, Pavo::ArpAddressState>;
 
 /// Whether the strep of `value` gives the value again, as it does for all but the few below.
 template <class T>
