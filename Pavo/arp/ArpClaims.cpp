@@ -119,10 +119,12 @@ bool ArpClaims::isVirtualHost(IpAddr address) const {
     return found && found->isHost;
 }
 
+// A request from a virtual address would give neighbours the MAC of the interface for it, and one
+// from the address that it is for would be an announcement.
 IpAddr ArpClaims::sourceFor(IpAddr target) const {
     const IpAddr* best = nullptr;
     for (const auto& [address, state] : address_) {
-        if (state == ArpAddressState::usable &&
+        if (state == ArpAddressState::usable && address != target && !isVirtualHost(address) &&
             (best == nullptr ||
              address.longestCommonPrefix(target) > best->longestCommonPrefix(target))) {
             best = &address;

@@ -197,7 +197,8 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     void settingsIs(const ArpSettings& settings);
 
     /// The own addresses: sources of requests, and answered for. A request has the usable address
-    /// that shares the most leading bits with the one asked for; without any it is 0.0.0.0.
+    /// that shares the most leading bits with the one asked for, and is neither that nor a
+    /// virtual one; without any it is 0.0.0.0.
     const Mox::Map<IpAddr, ArpAddressState>& address() const;
     /// Adds an own address. One that is there begins anew if it is in `conflict`, and is else
     /// unchanged.

@@ -1,0 +1,293 @@
+// The machine of ARP in virtual time.
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "arp/ArpFixture.h"
+#include "support/Errors.h"
+#include "support/Seeds.h"
+
+namespace Pavo {
+namespace {
+
+struct ArpSmTest : testing::Test, Lan {
+    ArpSmTest() {
+        sm->addressIs(h1, ArpClaim::silent);
+        sm->enabledIs(true);
+    }
+};
+
+TEST_F(ArpSmTest, EntriesChangeAsThoseOfTheKernelDo) {
+    sm->txPktIs(pktOf("lost"), h2);
+    EXPECT_EQ(advance(3.5), "ask 10.0.0.2 at 0; ask 10.0.0.2 at 1; ask 10.0.0.2 at 2; ");
+    EXPECT_EQ(stateOf(h2), "failed");
+    const auto entry = table->entry({1, h2});
+    EXPECT_EQ(entry->since(), 3);
+    EXPECT_EQ(entry->queueDrops(), 1u);
+    advance(6.5);
+    sm->txPktIs(pktOf("a"), h2);
+    sm->txPktIs(pktOf("b"), h2);
+    EXPECT_EQ(log(), "ask 10.0.0.2 at 10; ");
+    {
+        const Mox::Watch<ArpEntry> watch(entry, ArpEntry::stateAttr, [this] { out << "known; "; });
+        answer();
+    }
+    EXPECT_EQ(log(), "packet a m2 at 10; packet b m2 at 10; known; ");
+    EXPECT_EQ(stateOf(h2), "reachable m2");
+
+    EXPECT_EQ(advance(60), "");
+    EXPECT_EQ(stateOf(h2), "stale m2");
+    EXPECT_GE(entry->since() - entry->confirmedAt(), 15);
+    EXPECT_LE(entry->since() - entry->confirmedAt(), 45);
+    advance(79.999 - clock.now() + 0.001);
+    sm->txPktIs(pktOf("c"), h2);
+    EXPECT_EQ(stateOf(h2), "delay m2");
+    EXPECT_EQ(advance(7.5),
+              "packet c m2 at 80; ask 10.0.0.2 m2 at 85; ask 10.0.0.2 m2 at 86; "
+              "ask 10.0.0.2 m2 at 87; ");
+    EXPECT_EQ(stateOf(h2), "probe m2");
+    sm->txPktIs(pktOf("d"), h2);
+    EXPECT_EQ(log(), "packet d m2 at 87.5; ");
+    answer();
+    EXPECT_EQ(stateOf(h2), "reachable m2");
+
+    // What is in use is probed when it is old, and not where the layer above confirms it.
+    for (int i = 0; i < 100; ++i) {
+        advance(3);
+        EXPECT_EQ(hasMac(entry->state()), true);
+        sm->txPktIs(pktOf("e"), h2);
+        i < 50 ? sm->confirm(h2) : stateOf(h2) == "probe m2" ? answer() : void();
+        EXPECT_TRUE(i >= 50 || stateOf(h2) == "reachable m2");
+    }
+    EXPECT_EQ(sm->counters().failures, 1u);
+    EXPECT_EQ(sm->counters().queueDrops, 1u);
+    advance(60);
+    sm->resolve(h2);
+    advance(9);
+    EXPECT_EQ(stateOf(h2), "failed");
+}
+
+TEST_F(ArpSmTest, LearnsOnlyFromWhatConcernsIt) {
+    constexpr uint16_t ask = ArpOp::request, tell = ArpOp::reply;
+    const struct {
+        const char* what;
+        const char* before;  // A state, and in it "old" where m2 was learned a long time ago.
+        Arp arp;
+        EthAddr dst;
+        const char* after;
+    } cases[] = {
+        {"a request for the own address", "none", {ask, m3, h2, {}, h1}, everyone, "stale m3"},
+        {"a request for another one", "none", {ask, m3, h2, {}, h3}, everyone, "none"},
+        {"a reply", "none", {tell, m3, h2, m1, h1}, m1, "none"},
+        {"an announcement", "none", {ask, m3, h2, {}, h2}, everyone, "none"},
+        {"an announcement", "incomplete", {ask, m3, h2, {}, h2}, everyone, "stale m3"},
+        {"a reply to another host", "incomplete", {tell, m3, h2, m2, h3}, m2, "incomplete"},
+        {"a reply to all", "incomplete", {tell, m3, h2, m1, h1}, everyone, "stale m3"},
+        {"a reply", "stale", {tell, m2, h2, m1, h1}, m1, "reachable m2"},
+        {"a second answer", "reachable", {tell, m3, h2, m1, h1}, m1, "reachable m2"},
+        {"an announcement", "reachable", {ask, m3, h2, {}, h2}, everyone, "stale m3"},
+        {"a request", "reachable", {ask, m2, h2, {}, h1}, everyone, "reachable m2"},
+        {"another reply", "reachable old", {tell, m3, h2, m1, h1}, m1, "reachable m3"},
+        {"another request", "reachable old", {ask, m3, h2, {}, h3}, everyone, "stale m3"},
+        {"a reply", "permanent", {tell, m3, h2, m1, h1}, m1, "permanent m2"},
+        {"from a group", "reachable old", {ask, everyone, h2, {}, h2}, everyone, "reachable m2"},
+        {"from no MAC", "reachable old", {ask, {}, h2, {}, h2}, everyone, "reachable m2"},
+        {"from the own MAC", "reachable old", {ask, m1, h2, {}, h2}, everyone, "reachable m2"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.before) + ": " + c.what);
+        const std::string before = c.before;
+        if (before == "stale") {
+            receive({ask, m2, h2, {}, h1});
+        } else if (before == "permanent") {
+            sm->permanentIs(h2, m2);
+        } else if (before != "none") {
+            sm->resolve(h2);
+            before == "incomplete" ? void() : answer();
+        }
+        before.ends_with("old") ? clock.advance(1) : void();
+        receive(c.arp, c.dst);
+        EXPECT_EQ(stateOf(h2), c.after);
+        sm->permanentDel(h2);
+        sm->entryDel(h2);
+        EXPECT_EQ(table->entries(), 0u);
+    }
+    EXPECT_EQ(sm->counters().rxBad, 2u);
+}
+
+TEST_F(ArpSmTest, AnswersForItsOwnAndForVirtualAddresses) {
+    sm->proxy()->macIs(Prefix("10.0.0.9/32"), vmac);
+    sm->proxy()->macIs(Prefix("10.7.0.0/16"), m3);
+    const IpAddr far("10.7.1.1");
+    const struct {
+        IpAddr sender, target;
+        EthAddr dst;
+        const char* answer;
+    } cases[] = {
+        {h2, h1, everyone, "reply 10.0.0.1 m1 to m2"},
+        {h2, h1, m1, "reply 10.0.0.1 m1 to m2"},
+        {h2, h1, m3, ""},
+        {h2, h3, everyone, ""},
+        {{}, h1, everyone, "reply 10.0.0.1 m1 to m2"},
+        {h2, vip, vmac, "reply 10.0.0.9 m7 to m2"},
+        {{}, vip, everyone, "reply 10.0.0.9 m7 to m2"},
+        {h2, far, everyone, "reply 10.7.1.1 m3 to m2"},
+        {{}, far, everyone, ""},
+        {far, far, everyone, ""},
+    };
+    for (const auto& c : cases) {
+        receive({ArpOp::request, m2, c.sender, {}, c.target}, c.dst);
+        const std::string seen = log();
+        EXPECT_EQ(seen.substr(0, seen.find(" at")), c.answer) << c.sender << " asks " << c.target;
+    }
+    EXPECT_EQ(sm->counters().txProxyReplies, 3u);
+    EXPECT_EQ(sm->conflicts(), 0u);
+    sm->announce(vip);
+    EXPECT_EQ(advance(9), "announce 10.0.0.9 at 0; announce 10.0.0.9 at 2; ");
+    settings.answers = false;
+    sm->settingsIs(settings);
+    receive({ArpOp::request, m3, h3, {}, h1});
+    EXPECT_EQ(log(), "");
+    EXPECT_EQ(stateOf(h3), "stale m3");
+}
+
+TEST_F(ArpSmTest, ClaimsAddressesAndDefendsThem) {
+    sm->addressIs(h2, ArpClaim::probed);
+    EXPECT_EQ(advance(3), "probe 10.0.0.2 at 0; probe 10.0.0.2 at 1; probe 10.0.0.2 at 2; ");
+    EXPECT_EQ(*sm->address().find(h2), ArpAddressState::probing);
+    EXPECT_EQ(advance(6), "announce 10.0.0.2 at 4; announce 10.0.0.2 at 6; ");
+    EXPECT_EQ(*sm->address().find(h2), ArpAddressState::usable);
+    const Arp theirs{ArpOp::request, m3, h2, {}, h1};
+    for (const char* expected : {"announce 10.0.0.2 at 9; ", "", "announce 10.0.0.2 at 21; "}) {
+        receive(theirs);
+        EXPECT_EQ(log(), expected);
+        advance(6);
+    }
+    EXPECT_EQ(sm->conflicts(), 3u);
+    EXPECT_EQ(sm->lastConflict().address, h2);
+    EXPECT_EQ(sm->lastConflict().mac, m3);
+    EXPECT_EQ(table->entries(), 0u);
+
+    // Other hosts that use the address, or probe for it, before it is claimed.
+    const Arp others[] = {{ArpOp::reply, m3, h3, m2, h2}, {ArpOp::request, m3, {}, {}, h3}};
+    for (const Arp& each : others) {
+        sm->addressIs(h3, ArpClaim::probed);
+        advance(1.5);
+        receive(each);
+        EXPECT_EQ(*sm->address().find(h3), ArpAddressState::conflict);
+        EXPECT_EQ(advance(9), "");
+    }
+    sm->addressDel(h3);
+    EXPECT_EQ(sm->conflicts(), 5u);
+}
+
+TEST_F(ArpSmTest, PacketsWaitInOrderAndTheOldestIsDropped) {
+    settings.maxQueuedPkts = 2;
+    sm->settingsIs(settings);
+    const auto kept = pktOf("kept");
+    const auto full = Mox::make<Pkt>();  // Without room for a header.
+    std::fill_n(full->newPrivateHeadData(64), 64, 'x');
+    for (const auto& each : {pktOf("old"), kept, full}) {
+        sm->txPktIs(each, h2);
+    }
+    EXPECT_EQ(log(), "ask 10.0.0.2 at 0; ");
+    answer();
+    EXPECT_EQ(log(), "packet kept m2 at 0; packet " + std::string(64, 'x') + " m2 at 0; ");
+    EXPECT_EQ(kept->stringValue(), "kept");
+    EXPECT_EQ(table->entry({1, h2})->queueDrops(), 1u);
+    sm->txPktIs(pktOf("g"), IpAddr("224.0.0.5"));
+    sm->txPktIs(pktOf("b"), IpAddr("255.255.255.255"));
+    EXPECT_EQ(log(), "packet g m5 at 0; packet b at 0; ");
+    sm->txPktIs(pktOf("waits"), h3);
+    sm->enabledIs(false);
+    EXPECT_EQ(table->entries(), 0u);
+    EXPECT_EQ(sm->counters().queueDrops, 2u);
+    EXPECT_EQ(advance(99), "ask 10.0.0.3 at 0; ");
+}
+
+TEST_F(ArpSmTest, TenThousandAddressesStayReachable) {
+    constexpr uint32_t many = 10'000;
+    const auto peer = newSm("pam1", m2, 2);
+    peer->proxy()->macIs(Prefix("10.1.0.0/16"), m3);
+    peer->enabledIs(true);
+    uint32_t changes = 0;
+    std::vector<Mox::Watch<ArpEntry>> watches;
+    for (uint32_t i = 0; i < many; ++i) {
+        const IpAddr address(0x0a010000 + i);
+        sm->refreshIs(address);
+        watches.emplace_back(table->entry({1, address}), ArpEntry::stateAttr,
+                             [&changes] { ++changes; });
+    }
+    advance(120);
+    EXPECT_EQ(changes, many);  // Each became reachable, and nothing else.
+    EXPECT_EQ(sm->counters().failures, 0u);
+    EXPECT_GT(sm->counters().txRequests, many * 3);   // At most 42 s after each other,
+    EXPECT_LT(sm->counters().txRequests, many * 11);  // and 12 s at least.
+    peer->enabledIs(false);
+    advance(45);
+    EXPECT_EQ(changes, many * 2);
+    EXPECT_EQ(sm->counters().failures, many);
+}
+
+TEST_F(ArpSmTest, AFullTableGivesUpWhatWasHeardOfFirst) {
+    constexpr uint32_t many = 10'000;
+    table->maxEntriesIs(many);
+    sm->permanentIs(h2, m2);
+    sm->nextHopIs(h3);
+    for (uint32_t i = 0; i < 2 * many; ++i) {
+        receive({ArpOp::request, m2, IpAddr(0x0a010000 + i), {}, h1});
+        i == many - 3 ? receive({ArpOp::request, m2, IpAddr(0x0a010000), {}, h1}) : void();
+    }
+    EXPECT_EQ(table->entries(), many);
+    EXPECT_EQ(table->evictions(), many + 2);
+    EXPECT_EQ(stateOf(h2), "permanent m2");
+    EXPECT_EQ(table->entry().back()->address(), IpAddr(0x0a010000 + 2 * many - 1));
+    EXPECT_EQ(stateOf(IpAddr(0x0a010000 + many + 1)), "none");
+    EXPECT_EQ(stateOf(IpAddr(0x0a010000 + many + 2)), "stale m2");
+    // Those that are being resolved stay.
+    table->maxEntriesIs(3);
+    const IpAddr last("10.2.0.1"), refused("10.2.0.2");
+    EXPECT_NE(sm->resolve(last), nullptr);
+    EXPECT_EQ(sm->resolve(refused), nullptr);
+    EXPECT_EQ(table->entries(), 3u);
+    EXPECT_EQ(sm->counters().tableFull, 1u);
+}
+
+TEST_F(ArpSmTest, ANextHopIsLostAndBackInTime) {
+    for (const uint32_t seed : PavoTest::Seeds(50)) {
+        std::mt19937 random(seed);
+        const auto upTo = [&](double limit) {
+            return limit * static_cast<double>(random() % 1000) / 1000;
+        };
+        const double period = 0.2 + upTo(8);
+        const auto peer = newSm("pam1", m2, 2);
+        peer->addressIs(h2);
+        peer->enabledIs(true);
+        const auto hop = sm->nextHopIs(h2, period);
+        advance(0.01);
+        ASSERT_TRUE(hop->reachable());
+        advance(20 + upTo(9));
+        EXPECT_EQ(hop->mac(), m2);
+        const double off = clock.now();
+        EXPECT_LT(hop->since(), off - 20);
+        peer->enabledIs(false);
+        advance(period + 3.01);
+        EXPECT_FALSE(hop->reachable());
+        EXPECT_GE(hop->since(), off + 2.9);
+        advance(upTo(20));
+        peer->macIs(random() % 2 == 0 ? m2 : m3);
+        peer->enabledIs(true);
+        const double on = clock.now();
+        advance(std::max(period, 1.0) + 0.01);
+        EXPECT_TRUE(hop->reachable());
+        EXPECT_GE(hop->since(), on);
+        EXPECT_EQ(hop->mac(), peer->mac());
+        sm->nextHopDel(h2);
+        sm->entryDel(h2);
+        peer->enabledIs(false);
+    }
+}
+
+}  // namespace
+}  // namespace Pavo
