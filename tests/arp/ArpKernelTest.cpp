@@ -1,0 +1,178 @@
+// The machine of ARP against the kernel and arping in another namespace.
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "Keel/TimerWheel.h"
+#include "Pavo/ArpSm.h"
+#include "Pavo/BuildPkt.h"
+#include "Pavo/EthDevPam.h"
+#include "Pavo/PamTap.h"
+#include "Pavo/UdpPam.h"
+#include "pam/PamFixture.h"
+
+namespace Pavo {
+namespace {
+
+// The machine is in "left", with addresses that the kernel there does not have.
+class ArpKernelTest : public PamFixture {
+  protected:
+    void SetUp() override {
+        SANDBOX_OR_SKIP();
+        wire_.emplace();
+        pam_ = ethDevPamFactory("eth", NamespaceName("left"));
+        pam_->deviceIs("veth-left");
+        pam_->etherTypeIs(EthType::arp);
+        pam_->enabledIs(true);
+        sm_ =
+            arpSmFactory("arp", {pam_, table_, pam_->boundIfIndex(), pam_->ethAddr(), &timers_, 1});
+        sm_->settingsIs({.reachableSeconds = 0.4,
+                         .retransSeconds = 0.1,
+                         .lockSeconds = 0,
+                         .probeWaitSeconds = 0.01,
+                         .probeMinSeconds = 0.01,
+                         .probeMaxSeconds = 0.02,
+                         .announceWaitSeconds = 0.02});
+        sm_->addressIs(own_);
+        sm_->enabledIs(true);
+    }
+    // Turns until it is so, at most 1000 times.
+    template <class Done>
+    void turnsUntil(Done done) {
+        for (int i = 0; i < 1000 && !done(); ++i) {
+            loop_.turn(0.01);
+        }
+        EXPECT_TRUE(done());
+    }
+    // What arping says in "right".
+    std::string arping(std::vector<std::string> arguments) {
+        const std::string path = testing::TempDir() + "arping.log";
+        arguments.insert(arguments.begin(), {"arping", "-I", "veth-right"});
+        const PavoSandbox::Daemon asks("right", arguments, path);
+        std::string text;
+        turnsUntil([&] {
+            std::ostringstream all;
+            all << std::ifstream(path).rdbuf();
+            text = all.str();
+            return text.find("Received ") != text.npos;
+        });
+        return text;
+    }
+    static void ip(const std::vector<std::string>& arguments) {
+        std::vector<std::string> command = {"ip", "-n", "right"};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        PavoTest::run(command);
+    }
+    static bool isMacOfRight(EthAddr mac) {
+        const std::string link = PavoTest::run({"ip", "-n", "right", "link", "show", "veth-right"});
+        return link.find(mac.stringValue().c_str()) != link.npos;
+    }
+
+    const IpAddr own_{"192.0.2.10"}, right_{"192.0.2.2"};
+    std::optional<Wire> wire_;
+    Keel::TimerWheel timers_{loop_.clock()};
+    Mox::Ptr<ArpTable> table_ = arpTableFactory("table");
+    Mox::Ptr<EthDevPam> pam_;
+    Mox::Ptr<ArpSm> sm_;
+};
+
+TEST_F(ArpKernelTest, TheKernelAndTheMachineResolveEachOther) {
+    const std::string path = testing::TempDir() + "arp.pcapng";
+    const auto file = captureFileFactory(path, {});
+    pam_->tapIs(pamTapFactory(file, "veth-left"));
+    const auto udp = udpPamFactory("udp", NamespaceName("right"));
+    udp->localAddrIs(IpGenAddr(right_));
+    udp->localPortIs(7000);
+    udp->enabledIs(true);
+    sm_->txPktIs(buildPkt(Ip{.src = own_, .dst = right_}, Udp{9, 7000}, "hello"), right_);
+    EXPECT_EQ(receive(udp)->stringValue(), "hello");
+    const auto entry = table_->entry({sm_->ifIndex(), right_});
+    EXPECT_EQ(entry->state(), ArpState::reachable);
+    EXPECT_TRUE(isMacOfRight(entry->mac()));
+    udp->remoteIs({IpGenAddr(own_), 9});
+    udp->txPktIs(pktOf("an answer"));
+    turnsUntil([&] {
+        const std::string neighbour =
+            PavoTest::run({"ip", "-n", "right", "neigh", "show", "192.0.2.10"});
+        return neighbour.find(sm_->mac().stringValue().c_str()) != neighbour.npos;
+    });
+
+    sm_->proxy()->macIs(Prefix("192.0.2.20/32"), EthAddr("00:00:5e:00:01:07"));
+    sm_->proxy()->macIs(Prefix("198.51.100.0/24"), EthAddr("00:00:5e:00:01:08"));
+    sm_->announce(IpAddr("192.0.2.20"));
+    const struct {
+        std::vector<std::string> arguments;
+        EthAddr mac;
+        const char* responses;
+    } cases[] = {
+        {{"-c", "2", "192.0.2.10"}, sm_->mac(), "Received 2 resp"},
+        {{"-c", "2", "-D", "192.0.2.10"}, sm_->mac(), "Received 1 resp"},
+        {{"-c", "1", "192.0.2.20"}, EthAddr("00:00:5e:00:01:07"), "Received 1 resp"},
+        {{"-c", "1", "198.51.100.7"}, EthAddr("00:00:5e:00:01:08"), "Received 1 resp"},
+        {{"-c", "1", "-D", "198.51.100.7"}, {}, "Received 0 resp"},
+        {{"-c", "1", "192.0.2.99"}, {}, "Received 0 resp"},
+    };
+    for (const auto& c : cases) {
+        std::string text = arping(c.arguments);
+        EXPECT_NE(text.find(c.responses), text.npos) << text;
+        std::transform(text.begin(), text.end(), text.begin(), ::tolower);
+        EXPECT_EQ(text.find('[' + std::string(c.mac.stringValue().view()) + ']') != text.npos,
+                  c.mac != EthAddr())
+            << text;
+    }
+    pam_->tapIs(nullptr);
+    file->flush();
+    std::istringstream frames(
+        PavoTest::run({"tshark", "-r", path, "-T", "fields", "-e", "arp.opcode", "-e",
+                       "_ws.malformed", "-e", "_ws.expert.message"}));
+    uint32_t good = 0;
+    for (std::string line; std::getline(frames, line);) {
+        const bool isGood = line.ends_with("\t\t");  // The datagram has no operation.
+        EXPECT_TRUE(isGood || line.find("root") != line.npos) << line;
+        good += isGood ? 1 : 0;
+    }
+    EXPECT_GT(good, 15u);
+}
+
+TEST_F(ArpKernelTest, AnotherHostWithTheAddressIsNoticed) {
+    sm_->resolve(right_);
+    const auto entry = table_->entry({sm_->ifIndex(), right_});
+    turnsUntil([&] { return entry->state() == ArpState::reachable; });
+    ip({"link", "set", "veth-right", "address", "02:00:00:00:00:99"});
+    arping({"-U", "-c", "1", "192.0.2.2"});
+    EXPECT_EQ(entry->mac(), EthAddr("02:00:00:00:00:99"));
+    EXPECT_EQ(sm_->conflicts(), 0u);
+
+    ip({"addr", "add", "192.0.2.10/24", "dev", "veth-right"});
+    arping({"-U", "-c", "1", "192.0.2.10"});
+    EXPECT_EQ(sm_->conflicts(), 1u);
+    EXPECT_EQ(sm_->lastConflict().mac, EthAddr("02:00:00:00:00:99"));
+    const IpAddr free("192.0.2.11");
+    sm_->addressIs(right_, ArpClaim::probed);
+    sm_->addressIs(free, ArpClaim::probed);
+    turnsUntil([&] { return *sm_->address().find(free) == ArpAddressState::usable; });
+    EXPECT_EQ(*sm_->address().find(right_), ArpAddressState::conflict);
+}
+
+TEST_F(ArpKernelTest, ARefreshedAddressStaysReachableAndANextHopIsLostAndBack) {
+    ip({"addr", "add", "192.0.2.3/24", "dev", "veth-right"});
+    sm_->refreshIs(right_);
+    const auto entry = table_->entry({sm_->ifIndex(), right_});
+    uint32_t changes = 0;
+    const Mox::Watch<ArpEntry> watch(entry, ArpEntry::stateAttr, [&] { ++changes; });
+    const auto hop = sm_->nextHopIs(IpAddr("192.0.2.3"), 0.05);
+    turnsUntil([&] { return hop->reachable(); });
+    ip({"addr", "del", "192.0.2.3/24", "dev", "veth-right"});
+    turnsUntil([&] { return !hop->reachable(); });
+    ip({"addr", "add", "192.0.2.3/24", "dev", "veth-right"});
+    turnsUntil([&] { return hop->reachable() && entry->requestsSent() >= 10; });
+    EXPECT_TRUE(isMacOfRight(hop->mac()));
+    EXPECT_EQ(changes, 1u);
+    EXPECT_EQ(entry->state(), ArpState::reachable);
+}
+
+}  // namespace
+}  // namespace Pavo
