@@ -10,8 +10,8 @@ from collections.abc import Callable
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 JOBS = os.environ.get("PAVO_JOBS", "2")
 IN_CHROOT = ("env", "PAVO_CHROOT=fuzz", "tools/i386", "run")
-RANDOM_PROGRAMS = ("agents-test", "arp-test", "interface-test", "kernel-test", "mox-test", "packet-test",
-                   "pam-test", "tcp-test", "value-test", "vrf-test")
+RANDOM_PROGRAMS = ("agents-test", "arp-test", "interface-test", "kernel-test", "mox-test",
+                   "packet-test", "pam-test", "tcp-test", "value-test", "vrf-test")
 LONG_PROGRAMS = ("mox-test", "pam-test", "tcp-test")
 
 
