@@ -25,9 +25,10 @@ void ArpClaims::addressIs(IpAddr address, ArpClaim how) {
     }
     Claim& claim = claims_[address];
     claim.how = how;
-    stateIs(address, ArpAddressState::probing);
     if (sm_->enabled_) {
         begin(address, &claim);
+    } else {
+        stateIs(address, ArpAddressState::probing);
     }
 }
 
@@ -49,6 +50,7 @@ void ArpClaims::begin(IpAddr address, Claim* claim) {
         }
         return;
     }
+    stateIs(address, ArpAddressState::probing);
     const ArpSettings& settings = wire_->settings;
     claim->probesSent = 0;
     claim->timer.emplace(wire_->place.timers, [this, address] {

@@ -71,9 +71,13 @@ class PAVO_EXPORT ArpEntry : public Mox::EntityOf<ArpEntry> {
     /// The address as text.
     Mox::String name() const override { return key_.address().stringValue(); }
 
+    /// Where the table has it.
+    /// @{
     const ArpKey& key() const { return key_; }
     IpAddr address() const { return key_.address(); }
+    /// @}
 
+    /// Whether the MAC is known, and how sure that is.
     ArpState state() const { return state_; }
     /// Zero while `hasMac(state())` is false.
     EthAddr mac() const { return mac_; }

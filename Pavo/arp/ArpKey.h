@@ -24,6 +24,7 @@ class ArpKey : public Mox::ValueType<ArpKey> {
 
     /// The kernel's index of the interface.
     constexpr uint32_t ifIndex() const { return ifIndex_; }
+    /// Of the neighbour.
     constexpr IpAddr address() const { return address_; }
 
     /// For tables in the process.

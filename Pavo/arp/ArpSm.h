@@ -198,7 +198,8 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
     /// The own addresses: sources of requests, and answered for. A request has the usable address
     /// that shares the most leading bits with the one asked for, and is neither that nor a
-    /// virtual one; without any it is 0.0.0.0.
+    /// virtual one; without any it is 0.0.0.0,
+    /// as in a probe, which a host that is claiming the address takes for a conflict.
     const Mox::Map<IpAddr, ArpAddressState>& address() const;
     /// Adds an own address. One that is there begins anew if it is in `conflict`, and is else
     /// unchanged.
@@ -211,7 +212,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     const Mox::Ptr<ProxyArp>& proxy() const { return proxy_; }
     /// Sends announcements of an own or virtual address, `ArpSettings::announcements` of them, the
     /// first one now: for example when this router takes over a virtual address. Does nothing while
-    /// disabled.
+    /// disabled, and for other addresses.
     void announce(IpAddr address);
 
     /// Begins to resolve an address, or to confirm a stale MAC, as a packet to it would. Returns
@@ -261,9 +262,11 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
     /// Since the machine was made.
     const ArpCounters& counters() const;
-    /// Packets that show another host on an own address; `lastConflict` has the last of them.
+    /// Packets that show another host on an own address, and the last of them.
+    /// @{
     uint32_t conflicts() const { return conflicts_; }
     const ArpConflict& lastConflict() const { return lastConflict_; }
+    /// @}
 
   protected:
     ~ArpSm() override;

@@ -35,6 +35,7 @@ class PAVO_EXPORT MonitoredNextHop : public Mox::EntityOf<MonitoredNextHop> {
     /// The address as text.
     Mox::String name() const override { return key_.address().stringValue(); }
 
+    /// The neighbour in the table.
     const ArpKey& key() const { return key_; }
     /// From an answer to the next request.
     double periodSeconds() const { return periodSeconds_; }

@@ -1,5 +1,7 @@
 #include "Pavo/arp/ProxyArp.h"
 
+#include <bit>
+
 #include "Mox/Exception.h"
 
 namespace Pavo {
@@ -15,6 +17,7 @@ void ProxyArp::macIs(const Prefix& prefix, EthAddr mac) {
         Mox::throwRangeException("ProxyArp::prefix::len > 32 not allowed");
     }
     ofLength_[prefix.len()] += mac_.find(prefix) == nullptr ? 1 : 0;
+    lengths_ |= uint64_t{1} << prefix.len();
     if (mac_.is(prefix, mac)) {
         notify(macAttr, prefix);
     }
@@ -22,18 +25,19 @@ void ProxyArp::macIs(const Prefix& prefix, EthAddr mac) {
 
 void ProxyArp::macDel(const Prefix& prefix) {
     if (const auto gone = mac_.del(prefix)) {
-        --ofLength_[(*gone).len()];
+        const uint32_t len = (*gone).len();
+        lengths_ &= --ofLength_[len] == 0 ? ~(uint64_t{1} << len) : ~uint64_t{0};
         notify(macAttr, *gone);
     }
 }
 
 std::optional<ProxyArp::Found> ProxyArp::find(IpAddr address) const {
-    for (uint32_t len = 33; len-- > 0;) {
-        if (ofLength_[len] != 0) {
-            if (const EthAddr* mac = mac_.find(Prefix::containing(address, len))) {
-                return Found{len == 32, *mac};
-            }
+    for (uint64_t left = lengths_; left != 0;) {
+        const auto len = static_cast<uint32_t>(std::bit_width(left) - 1);
+        if (const EthAddr* mac = mac_.find(Prefix::containing(address, len))) {
+            return Found{len == 32, *mac};
         }
+        left ^= uint64_t{1} << len;
     }
     return std::nullopt;
 }

@@ -32,10 +32,12 @@ class PAVO_EXPORT ProxyArp : public Mox::EntityOf<ProxyArp> {
     /// Without prefixes.
     ProxyArp();
 
+    /// By prefix.
     const Mox::Map<Prefix, EthAddr>& mac() const { return mac_; }
     /// @throws Mox::RangeException "ProxyArp::mac is not unicast" for zero and for the MAC of a
     /// group, and "ProxyArp::prefix::len > 32 not allowed".
     void macIs(const Prefix& prefix, EthAddr mac);
+    /// Answers with it no more.
     void macDel(const Prefix& prefix);
 
     /// The prefix and the MAC for an address.
@@ -54,6 +56,7 @@ class PAVO_EXPORT ProxyArp : public Mox::EntityOf<ProxyArp> {
   private:
     Mox::Map<Prefix, EthAddr> mac_;
     std::array<uint32_t, 33> ofLength_{};  // How many prefixes there are.
+    uint64_t lengths_ = 0;                 // A bit for each length of which there is one.
 };
 
 }  // namespace Pavo

@@ -11,18 +11,13 @@
 #include "Pavo/ArpSm.h"
 #include "Pavo/BuildPkt.h"
 #include "Pavo/PamConnector.h"
+#include "pam/PamFixture.h"
 
 namespace Pavo {
 
 inline const EthAddr m1("02:00:00:00:00:01"), m2("02:00:00:00:00:02"), m3("02:00:00:00:00:03");
 inline const EthAddr vmac("00:00:5e:00:01:07"), everyone("ff:ff:ff:ff:ff:ff");
 inline const IpAddr h1("10.0.0.1"), h2("10.0.0.2"), h3("10.0.0.3"), vip("10.0.0.9");
-
-inline Mox::Ptr<Pkt> pktOf(std::string_view text) {
-    const Mox::Ptr<Pkt> pkt = globalPktManager()->newPkt();
-    pkt->stringValueIs(Mox::String(text), /*atTail=*/true);
-    return pkt;
-}
 
 struct Lan {
     Lan() {
