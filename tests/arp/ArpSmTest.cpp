@@ -178,8 +178,12 @@ TEST_F(ArpSmTest, ClaimsAddressesAndDefendsThem) {
         EXPECT_EQ(*sm->address().find(h3), ArpAddressState::conflict);
         EXPECT_EQ(advance(9), "");
     }
-    sm->addressDel(h3);
     EXPECT_EQ(sm->conflicts(), 5u);
+    sm->addressIs(h3, ArpClaim::probed);
+    advance(1.5);
+    sm->addressDel(h3);
+    EXPECT_EQ(advance(9), "");
+    EXPECT_EQ(sm->address().find(h3), nullptr);
 }
 
 TEST_F(ArpSmTest, PacketsWaitInOrderAndTheOldestIsDropped) {
