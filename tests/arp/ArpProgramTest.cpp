@@ -142,7 +142,7 @@ void ArpWorld::run() {
           {"MAC", [this] { anySm()->macIs(oneIn(2) ? m1 : m2); }},
           {"drop", [this] { drop(below(2)); }}}},
         [this] { clock.advance(0.25 * (1 + below(20))); }, [this] { checkAtRest(); });
-    for (uint32_t which : {0, 1}) {  // As they are: nothing throws any more.
+    for (const uint32_t which : {0u, 1u}) {  // As they are: nothing throws any more.
         machines[which] = nullptr;
         watches[which] = {};
     }
