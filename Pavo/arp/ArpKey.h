@@ -4,6 +4,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string_view>
 
 #include "Mox/ValueType.h"
 
@@ -20,6 +21,7 @@ class ArpKey : public Mox::ValueType<ArpKey> {
     /// Any two are a key.
     constexpr ArpKey(uint32_t ifIndex, IpAddr address) : ifIndex_(ifIndex), address_(address) {}
     ArpKey(TextIt& it, const TextIt& end) { readText(it, end); }
+    explicit ArpKey(std::string_view text) { readWhole(text); }
     ArpKey(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
 
     /// The kernel's index of the interface.
