@@ -31,7 +31,6 @@ class ArpKernelTest : public PamFixture {
             arpSmFactory("arp", {pam_, table_, pam_->boundIfIndex(), pam_->ethAddr(), &timers_, 1});
         sm_->settingsIs({.reachableSeconds = 0.4,
                          .retransSeconds = 0.1,
-                         .lockSeconds = 0,
                          .probeWaitSeconds = 0.01,
                          .probeMinSeconds = 0.01,
                          .probeMaxSeconds = 0.02,
@@ -60,11 +59,6 @@ class ArpKernelTest : public PamFixture {
             return text.find("Received ") != text.npos;
         });
         return text;
-    }
-    static void ip(const std::vector<std::string>& arguments) {
-        std::vector<std::string> command = {"ip", "-n", "right"};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        PavoTest::run(command);
     }
     static bool isMacOfRight(EthAddr mac) {
         const std::string link = PavoTest::run({"ip", "-n", "right", "link", "show", "veth-right"});
@@ -137,41 +131,34 @@ TEST_F(ArpKernelTest, TheKernelAndTheMachineResolveEachOther) {
     EXPECT_GT(good, 15u);
 }
 
-TEST_F(ArpKernelTest, AnotherHostWithTheAddressIsNoticed) {
-    sm_->resolve(right_);
-    const auto entry = table_->entry({sm_->ifIndex(), right_});
-    turnsUntil([&] { return entry->state() == ArpState::reachable; });
-    ip({"link", "set", "veth-right", "address", "02:00:00:00:00:99"});
-    arping({"-U", "-c", "1", "192.0.2.2"});
-    EXPECT_EQ(entry->mac(), EthAddr("02:00:00:00:00:99"));
-    EXPECT_EQ(sm_->conflicts(), 0u);
-
-    ip({"addr", "add", "192.0.2.10/24", "dev", "veth-right"});
-    arping({"-U", "-c", "1", "192.0.2.10"});
-    EXPECT_EQ(sm_->conflicts(), 1u);
-    EXPECT_EQ(sm_->lastConflict().mac, EthAddr("02:00:00:00:00:99"));
-    const IpAddr free("192.0.2.11");
-    sm_->addressIs(right_, ArpClaim::probed);
-    sm_->addressIs(free, ArpClaim::probed);
-    turnsUntil([&] { return *sm_->address().find(free) == ArpAddressState::usable; });
-    EXPECT_EQ(*sm_->address().find(right_), ArpAddressState::conflict);
-}
-
 TEST_F(ArpKernelTest, ARefreshedAddressStaysReachableAndANextHopIsLostAndBack) {
-    ip({"addr", "add", "192.0.2.3/24", "dev", "veth-right"});
+    const auto changeOther = [](const char* change) {
+        PavoTest::run({"ip", "-n", "right", "addr", change, "192.0.2.3/24", "dev", "veth-right"});
+    };
+    changeOther("add");
     sm_->refreshIs(right_);
     const auto entry = table_->entry({sm_->ifIndex(), right_});
     uint32_t changes = 0;
     const Mox::Watch<ArpEntry> watch(entry, ArpEntry::stateAttr, [&] { ++changes; });
     const auto hop = sm_->nextHopIs(IpAddr("192.0.2.3"), 0.05);
     turnsUntil([&] { return hop->reachable(); });
-    ip({"addr", "del", "192.0.2.3/24", "dev", "veth-right"});
+    sm_->addressIs(right_, ArpClaim::probed);
+    changeOther("del");
     turnsUntil([&] { return !hop->reachable(); });
-    ip({"addr", "add", "192.0.2.3/24", "dev", "veth-right"});
+    changeOther("add");
     turnsUntil([&] { return hop->reachable() && entry->requestsSent() >= 10; });
     EXPECT_TRUE(isMacOfRight(hop->mac()));
     EXPECT_EQ(changes, 1u);
     EXPECT_EQ(entry->state(), ArpState::reachable);
+    EXPECT_EQ(*sm_->address().find(right_), ArpAddressState::conflict);
+
+    // Beside the kernel, with the address that it has: only one of them answers.
+    ArpSettings settings = sm_->settings();
+    settings.answers = false;
+    sm_->settingsIs(settings);
+    sm_->addressIs(IpAddr("192.0.2.1"), ArpClaim::silent);
+    EXPECT_NE(arping({"-c", "2", "192.0.2.1"}).find("Received 2 resp"), std::string::npos);
+    EXPECT_EQ(sm_->conflicts(), 1u);
 }
 
 }  // namespace
