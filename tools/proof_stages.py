@@ -11,7 +11,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 JOBS = os.environ.get("PAVO_JOBS", "2")
 IN_CHROOT = ("env", "PAVO_CHROOT=fuzz", "tools/i386", "run")
 RANDOM_PROGRAMS = ("agents-test", "arp-test", "interface-test", "kernel-test", "mox-test",
-                   "packet-test", "pam-test", "tcp-test", "value-test", "vrf-test")
+                   "packet-test", "pam-test", "tcp-test", "value-test")
 LONG_PROGRAMS = ("mox-test", "pam-test", "tcp-test")
 
 

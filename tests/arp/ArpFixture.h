@@ -20,12 +20,7 @@ inline const EthAddr vmac("00:00:5e:00:01:07"), everyone("ff:ff:ff:ff:ff:ff");
 inline const IpAddr h1("10.0.0.1"), h2("10.0.0.2"), h3("10.0.0.3"), vip("10.0.0.9");
 
 struct Lan {
-    Lan() {
-        for (const char* end : {"pam0", "pam1"}) {
-            wire->pam(end)->maxBufferIs(30'000);
-        }
-        sm->settingsIs(settings);
-    }
+    Lan() { sm->settingsIs(settings); }
     Mox::Ptr<ArpSm> newSm(const char* end, EthAddr mac, uint32_t ifIndex) {
         return arpSmFactory(end, {wire->pam(end), table, ifIndex, mac, &wheel, ifIndex});
     }

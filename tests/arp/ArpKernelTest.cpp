@@ -29,20 +29,15 @@ class ArpKernelTest : public PamFixture {
         pam_->enabledIs(true);
         sm_ =
             arpSmFactory("arp", {pam_, table_, pam_->boundIfIndex(), pam_->ethAddr(), &timers_, 1});
-        sm_->settingsIs({.reachableSeconds = 0.4,
-                         .retransSeconds = 0.1,
-                         .probeWaitSeconds = 0.01,
-                         .probeMinSeconds = 0.01,
-                         .probeMaxSeconds = 0.02,
-                         .announceWaitSeconds = 0.02});
+        sm_->settingsIs({.reachableSeconds = 0.4, .retransSeconds = 0.1});
         sm_->addressIs(own_);
         sm_->enabledIs(true);
     }
-    // Turns until it is so, at most 1000 times.
+    // Turns until it is so, for at most 20 seconds.
     template <class Done>
     void turnsUntil(Done done) {
-        for (int i = 0; i < 1000 && !done(); ++i) {
-            loop_.turn(0.01);
+        for (const double end = timers_.now() + 20; !done() && timers_.now() < end;) {
+            loop_.turn(0.02);
         }
         EXPECT_TRUE(done());
     }
@@ -123,10 +118,9 @@ TEST_F(ArpKernelTest, TheKernelAndTheMachineResolveEachOther) {
         PavoTest::run({"tshark", "-r", path, "-T", "fields", "-e", "arp.opcode", "-e",
                        "_ws.malformed", "-e", "_ws.expert.message"}));
     uint32_t good = 0;
-    for (std::string line; std::getline(frames, line);) {
-        const bool isGood = line.ends_with("\t\t");  // The datagram has no operation.
-        EXPECT_TRUE(isGood || line.find("root") != line.npos) << line;
-        good += isGood ? 1 : 0;
+    for (std::string line; std::getline(frames, line);) {  // One is about running as root.
+        good += line.ends_with("\t\t") ? 1 : 0;
+        EXPECT_TRUE(line.ends_with("\t\t") || line.find("root") != line.npos) << line;
     }
     EXPECT_GT(good, 15u);
 }
@@ -142,7 +136,6 @@ TEST_F(ArpKernelTest, ARefreshedAddressStaysReachableAndANextHopIsLostAndBack) {
     const Mox::Watch<ArpEntry> watch(entry, ArpEntry::stateAttr, [&] { ++changes; });
     const auto hop = sm_->nextHopIs(IpAddr("192.0.2.3"), 0.05);
     turnsUntil([&] { return hop->reachable(); });
-    sm_->addressIs(right_, ArpClaim::probed);
     changeOther("del");
     turnsUntil([&] { return !hop->reachable(); });
     changeOther("add");
@@ -150,7 +143,6 @@ TEST_F(ArpKernelTest, ARefreshedAddressStaysReachableAndANextHopIsLostAndBack) {
     EXPECT_TRUE(isMacOfRight(hop->mac()));
     EXPECT_EQ(changes, 1u);
     EXPECT_EQ(entry->state(), ArpState::reachable);
-    EXPECT_EQ(*sm_->address().find(right_), ArpAddressState::conflict);
 
     // Beside the kernel, with the address that it has: only one of them answers.
     ArpSettings settings = sm_->settings();
@@ -158,7 +150,7 @@ TEST_F(ArpKernelTest, ARefreshedAddressStaysReachableAndANextHopIsLostAndBack) {
     sm_->settingsIs(settings);
     sm_->addressIs(IpAddr("192.0.2.1"), ArpClaim::silent);
     EXPECT_NE(arping({"-c", "2", "192.0.2.1"}).find("Received 2 resp"), std::string::npos);
-    EXPECT_EQ(sm_->conflicts(), 1u);
+    EXPECT_EQ(sm_->conflicts(), 0u);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // Random programs of machines on both ends of a wire, in one table. All observers act.
-#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -69,13 +68,6 @@ struct ArpWorld : PavoTest::RandomProgram, Lan {
         }
         respond();
     }
-    bool isWanted(const ArpKey& key) const {
-        return std::any_of(std::begin(machines), std::end(machines), [&](const auto& each) {
-            return each && each->ifIndex() == key.ifIndex() &&
-                   (each->refresh().find(key.address()) != nullptr ||
-                    each->nextHop().find(key.address()) != nullptr);
-        });
-    }
     void checkAtRest();
     void run();
 
@@ -98,11 +90,9 @@ void ArpWorld::checkAtRest() {
         EXPECT_EQ(of.mac, entry->mac());
         EXPECT_EQ(hasMac(entry->state()), entry->mac() != EthAddr());
         EXPECT_EQ(entry->queued(), 0u);
-        // A refreshed one is asked for again and again where two hosts use an address.
-        EXPECT_TRUE((entry->state() != ArpState::incomplete && entry->state() != ArpState::delay &&
-                     entry->state() != ArpState::probe) ||
-                    isWanted(entry->key()))
-            << entry->state();
+        // A refreshed one may be in `probe` for ever, where two hosts use an address.
+        EXPECT_NE(entry->state(), ArpState::incomplete);
+        EXPECT_NE(entry->state(), ArpState::delay);
     }
     for (const auto& machine : machines) {
         for (const auto& [address, hop] :
