@@ -151,8 +151,8 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
     /// Where a machine works.
     struct Place {
-        /// Carries frames, one by one (`rxPkt`), and is not read by anyone else. It is enabled
-        /// while the machine is, and held.
+        /// Carries frames, one by one (`rxPkt`), and is not read by anyone else. Held. One that has
+        /// to be enabled for sending is enabled before the machine and disabled after it.
         Mox::Ptr<Pam> pam;
         /// Held. No other machine has the same table and interface.
         Mox::Ptr<ArpTable> table;
