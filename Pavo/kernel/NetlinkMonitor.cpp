@@ -165,10 +165,12 @@ bool NetlinkMonitor::isInSync() const {
                         [](const Owned& each) { return each->isDue; });
 }
 
-// Notifications of a change that a request made carry that request's numbers: those of other ports,
-// since this one only dumps.
+// This port only dumps. Notifications of a change that a request made carry that request's numbers:
+// those of other ports, which in another namespace may have this one's number.
 void NetlinkMonitor::handleMessage(nlmsghdr& message, FirstException* exception) {
-    const bool isOwn = message.nlmsg_pid == port()->portId() && message.nlmsg_seq != 0;
+    const bool isAnswer = (message.nlmsg_flags & NLM_F_MULTI) != 0 ||
+                          message.nlmsg_type == NLMSG_ERROR || message.nlmsg_type == NLMSG_DONE;
+    const bool isOwn = isAnswer && message.nlmsg_pid == port()->portId();
     if (!isOwn) {
         handleNotification(message, exception);
     } else if (running_ != nullptr && message.nlmsg_seq == sequence_) {
