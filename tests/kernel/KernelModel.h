@@ -139,7 +139,7 @@ class KernelModel {
         }
         // The kernel drops what finds no room, and from then on everything until all was read.
         void put(std::vector<uint8_t> datagram, bool mayBeLost, uint32_t sender = 0) {
-            if (mayBeLost && (isCongested_ || queue_.size() >= model_->room)) {
+            if (mayBeLost && (isCongested_ || isFull())) {
                 error_ = isCongested_ ? error_ : ENOBUFS;
                 isCongested_ = true;
                 model_->requestLosses += use == NetlinkPortUse::requests ? 1 : 0;
@@ -148,6 +148,8 @@ class KernelModel {
             }
             wake();
         }
+
+        bool isFull() const { return queue_.size() >= model_->room; }
 
         const NetlinkPortUse use;
         std::set<uint32_t> groups;
@@ -180,12 +182,12 @@ class KernelModel {
         made.header()->nlmsg_pid = pid;
         return {made.bytes().begin(), made.bytes().end()};
     }
-    void acknowledge(Port& port, const nlmsghdr& request, int error) {
+    void acknowledge(Port& port, const nlmsghdr& request, int error, bool mayBeLost = true) {
         const bool hasText = error == EINVAL;
         const uint16_t flags = NLM_F_CAPPED | (hasText ? NLM_F_ACK_TLVS : 0);
         port.put(message(NLMSG_ERROR, flags, port.portId(), request.nlmsg_seq,
                          nlmsgerr{-error, request}, hasText ? refusedText : nullptr),
-                 /*mayBeLost=*/true);
+                 mayBeLost);
     }
     void swallow(const nlmsghdr& request) {
         ++requestLosses;
@@ -201,8 +203,9 @@ class KernelModel {
                 if (port.use == NetlinkPortUse::monitor && table == 0) {
                     dumpsAt.push_back(clock_->now());
                 }
+                // It goes on when something is received, also where it cannot begin now.
                 port.dump = Dump{table, request.nlmsg_seq, 0, changes_};
-                continueDump(port);
+                port.isFull() ? acknowledge(port, request, ENOBUFS, false) : continueDump(port);
                 return;
             }
         } else {
