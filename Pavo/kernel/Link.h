@@ -47,15 +47,15 @@ constexpr auto enumDescription(LinkOperState) {
 
 /// Counters of a link since it was made, in packets and bytes.
 struct LinkStatistics {
-    uint64_t rxPackets = 0;
-    uint64_t txPackets = 0;
-    uint64_t rxBytes = 0;
-    uint64_t txBytes = 0;
-    uint64_t rxErrors = 0;
-    uint64_t txErrors = 0;
-    uint64_t rxDropped = 0;
-    uint64_t txDropped = 0;
-    uint64_t multicast = 0;  ///< Received.
+    uint64_t rxPackets = 0;  ///< Received, without errors.
+    uint64_t txPackets = 0;  ///< Sent.
+    uint64_t rxBytes = 0;    ///< Bytes received.
+    uint64_t txBytes = 0;    ///< Bytes sent.
+    uint64_t rxErrors = 0;   ///< Bad packets received.
+    uint64_t txErrors = 0;   ///< Packets that could not be sent.
+    uint64_t rxDropped = 0;  ///< Received, and dropped for lack of room.
+    uint64_t txDropped = 0;  ///< Dropped on the way out.
+    uint64_t multicast = 0;  ///< Packets to groups received.
 
     friend bool operator==(const LinkStatistics&, const LinkStatistics&) = default;
 };
@@ -114,6 +114,7 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
     bool isUp() const { return (facts_.flags & IFF_UP) != 0; }
     /// IFF_RUNNING: it is operational.
     bool isRunning() const { return (facts_.flags & IFF_RUNNING) != 0; }
+    /// The operational state (RFC 2863).
     LinkOperState operState() const { return facts_.operState; }
     /// The index of the bridge, bond or VRF that it belongs to; 0 for none.
     uint32_t master() const { return facts_.master; }

@@ -22,7 +22,9 @@ namespace Pavo {
 
 /// What identifies an address among those of a namespace. Ordered by link first.
 struct LinkAddressKey {
+    /// The index of the link.
     uint32_t ifIndex = 0;
+    /// The address itself.
     IpGenAddr address;
     /// For IPv4, the network: a link can have an address once in each of several networks. None
     /// (`ipunknown`) for IPv6.
@@ -64,9 +66,11 @@ class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> 
 
     /// The address and its length: "192.0.2.1/24".
     Mox::String name() const override;
+    /// Its key in the collection of the namespace.
     const LinkAddressKey& key() const MOX_LIFETIME_BOUND { return facts_.key; }
     /// The index of the link.
     uint32_t ifIndex() const { return facts_.key.ifIndex; }
+    /// The address itself.
     const IpGenAddr& address() const MOX_LIFETIME_BOUND { return facts_.key.address; }
     /// The length of the network's prefix, 0 to 32 or 128.
     uint32_t len() const { return facts_.len; }

@@ -51,8 +51,8 @@ constexpr auto enumDescription(NeighbourState) {
 
 /// What identifies a neighbour among those of a namespace. Ordered by link first.
 struct NeighbourKey {
-    uint32_t ifIndex = 0;
-    IpGenAddr address;
+    uint32_t ifIndex = 0;  ///< The index of the link.
+    IpGenAddr address;     ///< The address of the neighbour.
 
     friend auto operator<=>(const NeighbourKey&, const NeighbourKey&) = default;
 };
@@ -86,12 +86,15 @@ class PAVO_EXPORT Neighbour : public Mox::EntityOf<Neighbour, KernelObject> {
 
     /// The text of the address.
     Mox::String name() const override { return address().stringValue(); }
+    /// Its key in the collection of the namespace.
     const NeighbourKey& key() const MOX_LIFETIME_BOUND { return facts_.key; }
     /// The index of the link.
     uint32_t ifIndex() const { return facts_.key.ifIndex; }
+    /// Its IP address.
     const IpGenAddr& address() const MOX_LIFETIME_BOUND { return facts_.key.address; }
     /// Zero while it is not known, and on links without hardware addresses of 6 bytes.
     const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return facts_.ethAddr; }
+    /// The state of resolution, as the kernel last announced it.
     NeighbourState state() const { return facts_.state; }
     /// NTF_ROUTER, NTF_EXT_LEARNED and others (rtnetlink(7)).
     uint32_t flags() const { return facts_.flags; }

@@ -18,10 +18,10 @@ namespace Pavo {
 /// What the kernel looks a route up by. Several routes may have one key: to one destination over
 /// several links, or appended to each other.
 struct RouteKey {
-    IpGenPrefix prefix;
+    IpGenPrefix prefix;    ///< The destinations.
     uint32_t table = 254;  ///< RT_TABLE_MAIN; the local table is 255.
     uint32_t metric = 0;   ///< The least one is used.
-    uint8_t tos = 0;       ///< Of IPv4, 0 for all packets.
+    uint8_t tos = 0;       ///< For IPv4; 0 for all packets.
 
     friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
 };
@@ -39,7 +39,7 @@ struct RouteHop {
 /// A route of a table of the kernel: what rtnetlink(7) and ip-route(8) say of it, without its
 /// metrics (such as a path MTU), encapsulations and the state of its next hops' links.
 struct Route {
-    RouteKey key;
+    RouteKey key;          ///< How the kernel finds it.
     uint8_t type = 1;      ///< RTN_UNICAST; RTN_BLACKHOLE and others.
     uint8_t protocol = 4;  ///< Who made it: RTPROT_STATIC.
     uint8_t scope = 0;     ///< RT_SCOPE_UNIVERSE; RT_SCOPE_LINK for what is on a link.

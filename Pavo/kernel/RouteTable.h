@@ -73,6 +73,7 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     void linkGone(uint32_t ifIndex);
     /// An address was deleted that no other link has. The routes of the link are in `table`.
     void addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table);
+    /// Removes all.
     void clear();
     /// @}
 
