@@ -13,6 +13,7 @@
 #include "Pavo/PamTap.h"
 #include "Pavo/UdpPam.h"
 #include "pam/PamFixture.h"
+#include "support/Tshark.h"
 
 namespace Pavo {
 namespace {
@@ -43,7 +44,7 @@ class ArpKernelTest : public PamFixture {
     }
     // What arping says in "right".
     std::string arping(std::vector<std::string> arguments) {
-        const std::string path = testing::TempDir() + "arping.log";
+        const std::string path = folder_.path + "/arping.log";
         arguments.insert(arguments.begin(), {"arping", "-I", "veth-right"});
         const PavoSandbox::Daemon asks("right", arguments, path);
         std::string text;
@@ -60,6 +61,7 @@ class ArpKernelTest : public PamFixture {
         return link.find(mac.stringValue().c_str()) != link.npos;
     }
 
+    const PavoTest::TempFolder folder_;
     const IpAddr own_{"192.0.2.10"}, right_{"192.0.2.2"};
     std::optional<Wire> wire_;
     Keel::TimerWheel timers_{loop_.clock()};
@@ -69,7 +71,7 @@ class ArpKernelTest : public PamFixture {
 };
 
 TEST_F(ArpKernelTest, TheKernelAndTheMachineResolveEachOther) {
-    const std::string path = testing::TempDir() + "arp.pcapng";
+    const std::string path = folder_.path + "/arp.pcapng";
     const auto file = captureFileFactory(path, {});
     pam_->tapIs(pamTapFactory(file, "veth-left"));
     const auto udp = udpPamFactory("udp", NamespaceName("right"));
