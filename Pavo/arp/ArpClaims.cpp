@@ -82,7 +82,7 @@ void ArpClaims::handleProbeTimer(IpAddr address) {
 
 void ArpClaims::announce(IpAddr address) {
     const uint32_t count = wire_->settings.announcements;
-    if (!sm_->enabled_ || count == 0 || !(isUsable(address) || isVirtualHost(address))) {
+    if (!sm_->enabled_ || count == 0 || !isOwn(address)) {
         return;
     }
     Announcement& announcement = announcements_[address];
@@ -102,6 +102,10 @@ void ArpClaims::announceAll() {
 }
 
 void ArpClaims::handleAnnounceTimer(IpAddr address) {
+    if (!isOwn(address)) {
+        announcements_.erase(address);
+        return;
+    }
     Announcement& announcement = announcements_.at(address);
     wire_->sendAnnouncement(address, macOf(address));
     if (--announcement.left == 0) {
@@ -109,6 +113,10 @@ void ArpClaims::handleAnnounceTimer(IpAddr address) {
     } else {
         announcement.timer->expiryIs(wire_->now() + wire_->settings.announceIntervalSeconds);
     }
+}
+
+bool ArpClaims::isOwn(IpAddr address) const {
+    return isUsable(address) || isVirtualHost(address);
 }
 
 bool ArpClaims::isUsable(IpAddr address) const {

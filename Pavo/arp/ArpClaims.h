@@ -33,6 +33,8 @@ class ArpClaims {
     void announceAll();
 
     const Mox::Map<IpAddr, ArpAddressState>& address() const { return address_; }
+    /// Usable, or virtual.
+    bool isOwn(IpAddr address) const;
     /// Requests are answered.
     bool isUsable(IpAddr address) const;
     /// The source of a request for `target`.

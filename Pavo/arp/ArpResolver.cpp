@@ -219,11 +219,17 @@ void ArpResolver::beginResolving(ArpEntry* entry) {
     arm(entry, wire_->settings.retransSeconds);
 }
 
+// Requests that have had no answer count also where another MAC is heard of meanwhile: it might
+// change again and again.
 void ArpResolver::beginProbing(ArpEntry* entry, EthAddr mac) {
-    entry->work_->asked = 0;
+    const bool isAsked = entry->state_ == ArpState::probe ||
+                         (entry->state_ == ArpState::reachable && entry->work_->asked != 0);
     stateIs(entry, ArpState::probe, mac);
-    ask(entry);
-    arm(entry, wire_->settings.retransSeconds);
+    if (!isAsked) {
+        entry->work_->asked = 0;
+        ask(entry);
+        arm(entry, wire_->settings.retransSeconds);
+    }
 }
 
 void ArpResolver::beginDelay(ArpEntry* entry, EthAddr mac) {
@@ -391,6 +397,9 @@ void ArpResolver::send(Mox::Ptr<Pkt> pkt, IpAddr neighbour, uint16_t etherType) 
 }
 
 void ArpResolver::enqueue(ArpEntry* entry, Mox::Ptr<Pkt> pkt, uint16_t etherType) {
+    if (pkt->references() != 1) {
+        pkt = globalPktManager()->newShallowCopy(pkt);  // The caller may change its own meanwhile.
+    }
     auto& queue = entry->work_->queue;
     queue.push_back({std::move(pkt), etherType});
     if (queue.size() > wire_->settings.maxQueuedPkts) {

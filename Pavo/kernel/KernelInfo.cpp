@@ -57,8 +57,8 @@ void KernelInfo::followsRoutesIs(bool follows) {
         return;
     }
     const Mox::Ptr<KernelInfo> hold(this);
-    followsRoutes_ = follows;
     sync_->routesFollow(follows);
+    followsRoutes_ = follows;
     FirstException thrown;
     thrown.collect([&] { syncIs(); });
     if (!follows) {

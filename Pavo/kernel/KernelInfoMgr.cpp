@@ -45,7 +45,12 @@ void KernelInfoMgr::close() {
 // The default namespace has no file of its own. A file of that name is one more name of it.
 void KernelInfoMgr::scan() {
     const Mox::Ptr<KernelInfoMgr> hold(this);
-    std::map<NamespaceName, int64_t> inodes = netNsInodes();
+    std::optional<std::map<NamespaceName, int64_t>> read = netNsInodes();
+    if (!read) {
+        retry_.expiryIs(clock_->now() + retrySeconds);
+        return;
+    }
+    std::map<NamespaceName, int64_t>& inodes = *read;
     inodes[NamespaceName::defaultNamespace()] = 0;
     std::vector<NamespaceName> gone;
     for (const auto& [netNs, each] : followed_) {

@@ -31,28 +31,43 @@ int checkedFd(int fd, const char* call) {
     return fd;
 }
 
+// Any other error, such as EMFILE, says nothing about what there is.
+bool isMissing(int error) {
+    return error == ENOENT || error == ENOTDIR;
+}
+
 }  // namespace
 
-int64_t netNsInodeOf(const NamespaceName& name) {
+std::optional<int64_t> netNsInodeOf(const NamespaceName& name) {
     const std::string path = std::string(runDir) + "/" + name.value().c_str();
     struct statfs fileSystem;
     struct stat status;
-    const bool isNamespace = statfs(path.c_str(), &fileSystem) == 0 &&
-                             fileSystem.f_type == NSFS_MAGIC && stat(path.c_str(), &status) == 0;
-    return isNamespace ? static_cast<int64_t>(status.st_ino) : -1;
+    if (statfs(path.c_str(), &fileSystem) != 0 || stat(path.c_str(), &status) != 0) {
+        return isMissing(errno) ? std::optional<int64_t>(-1) : std::nullopt;
+    }
+    return fileSystem.f_type == NSFS_MAGIC ? static_cast<int64_t>(status.st_ino) : -1;
 }
 
-std::map<NamespaceName, int64_t> netNsInodes() {
+std::optional<std::map<NamespaceName, int64_t>> netNsInodes() {
     std::map<NamespaceName, int64_t> inodes;
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(runDir), closedir);
-    while (const dirent* const entry = dir ? readdir(dir.get()) : nullptr) {
+    if (!dir) {
+        return isMissing(errno) ? std::optional(inodes) : std::nullopt;
+    }
+    errno = 0;
+    while (const dirent* const entry = readdir(dir.get())) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != ".." && name.size() <= NamespaceName::maxBytes) {
             const NamespaceName nsName{Mox::String(name)};
-            inodes[nsName] = netNsInodeOf(nsName);
+            const std::optional<int64_t> inode = netNsInodeOf(nsName);
+            if (!inode) {
+                return std::nullopt;
+            }
+            inodes[nsName] = *inode;
         }
+        errno = 0;
     }
-    return inodes;
+    return errno == 0 ? std::optional(inodes) : std::nullopt;
 }
 
 NetNsRunDirWatch::NetNsRunDirWatch(std::function<void()> handler)

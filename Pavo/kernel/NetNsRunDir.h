@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 
 #include "Mox/Entity.h"
 #include "Mox/FileDescriptor.h"
@@ -16,10 +17,10 @@ namespace Pavo {
 
 /// What there is in "/var/run/netns": the inode number of each namespace, and -1 for a file to
 /// which none is bound, as for a moment after its creation. Empty without such a directory.
-/// Names that `NamespaceName` refuses are left out.
-std::map<NamespaceName, int64_t> netNsInodes();
-/// The number of one name; -1 as above, and where there is no such file.
-int64_t netNsInodeOf(const NamespaceName& name);
+/// Names that `NamespaceName` refuses are left out. Null where it cannot be read now.
+std::optional<std::map<NamespaceName, int64_t>> netNsInodes();
+/// The number of one name; -1 as above, and where there is no such file. Null as above.
+std::optional<int64_t> netNsInodeOf(const NamespaceName& name);
 
 /// Calls a function, from the event loop, after names in "/var/run/netns" came or went, or
 /// namespaces were bound to them. The directory may come later. Binding makes no event of inotify,

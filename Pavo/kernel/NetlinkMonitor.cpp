@@ -111,9 +111,7 @@ void NetlinkMonitor::stop() {
 
 void NetlinkMonitor::followIs(Followed table) {
     if (port() != nullptr) {
-        for (const uint32_t group : table.groups) {
-            port()->groupIs(group, true);
-        }
+        join(table.groups);
         // What waits may be older than the time for which the groups were not joined.
         isEmpty_ = false;
     }
@@ -136,26 +134,44 @@ void NetlinkMonitor::followDel(NetlinkFollower* follower) {
         }
     }
     std::erase_if(followed_, [](const Owned& each) { return each->follower == nullptr; });
-    const auto isWanted = [this](uint32_t group) {
-        return std::any_of(followed_.begin(), followed_.end(), [group](const Owned& each) {
-            return std::count(each->groups.begin(), each->groups.end(), group) != 0;
-        });
-    };
     for (const Owned& each : gone) {
-        for (const uint32_t group : each->groups) {
-            if (port() != nullptr && !isWanted(group)) {
-                leave(group);
-            }
+        if (port() != nullptr) {
+            leave(each->groups);
         }
     }
 }
 
-// Where that fails there are messages that nobody wants, which is no reason to stop.
-void NetlinkMonitor::leave(uint32_t group) {
+bool NetlinkMonitor::isWanted(uint32_t group) const {
+    return std::any_of(followed_.begin(), followed_.end(), [group](const Owned& each) {
+        return std::count(each->groups.begin(), each->groups.end(), group) != 0;
+    });
+}
+
+// All, or none.
+void NetlinkMonitor::join(const std::vector<uint32_t>& groups) {
     try {
-        port()->groupIs(group, false);
-    } catch (const Mox::ErrnoException& error) {
-        MOX_TRACE(facility, 1, "cannot leave group ", group, ": ", error.what());
+        for (const uint32_t group : groups) {
+            if (!isWanted(group)) {
+                port()->groupIs(group, true);
+            }
+        }
+    } catch (...) {
+        leave(groups);
+        throw;
+    }
+}
+
+// Those that no table needs. Where that fails there are messages that nobody wants, which is no
+// reason to stop.
+void NetlinkMonitor::leave(const std::vector<uint32_t>& groups) {
+    for (const uint32_t group : groups) {
+        try {
+            if (!isWanted(group)) {
+                port()->groupIs(group, false);
+            }
+        } catch (const Mox::ErrnoException& error) {
+            MOX_TRACE(facility, 1, "cannot leave group ", group, ": ", error.what());
+        }
     }
 }
 

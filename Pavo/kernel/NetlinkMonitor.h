@@ -58,7 +58,9 @@ class NetlinkMonitor final : public NetlinkReader {
     void handleNotification(nlmsghdr& message, FirstException* exception);
     void handleDumpMessage(nlmsghdr& message, FirstException* exception);
     void handleDumpEnd(const nlmsghdr& message, FirstException* exception);
-    void leave(uint32_t group);
+    bool isWanted(uint32_t group) const;
+    void join(const std::vector<uint32_t>& groups);
+    void leave(const std::vector<uint32_t>& groups);
     void beginDump(FirstException* exception);
     void sendDump(const Owned& table);
     void dumpLater();

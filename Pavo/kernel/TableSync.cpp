@@ -53,8 +53,13 @@ TableSync::TableSync(Mox::Ptr<NetlinkSession> session, Mox::Clock* clock, Netlin
       waitSeconds_(leastSeconds) {
     if (session_) {
         timer_.emplace(clock_, [this] { dumpAgain(); });
-        for (const Table each : {links, addresses, neighbours}) {
-            follow(each);
+        try {
+            for (const Table each : {links, addresses, neighbours}) {
+                follow(each);
+            }
+        } catch (...) {
+            session_->followDel(follower_);
+            throw;
         }
     }
 }
@@ -68,9 +73,9 @@ TableSync::~TableSync() {
 
 void TableSync::routesFollow(bool follows) {
     if (follows) {
+        follow(routes);
         followed_ |= bitOf(routes);
         pending_ |= bitOf(routes);
-        follow(routes);
         return;
     }
     followed_ &= ~bitOf(routes);
