@@ -53,7 +53,7 @@ void ArpClaims::begin(IpAddr address, Claim* claim) {
     stateIs(address, ArpAddressState::probing);
     const ArpSettings& settings = wire_->settings;
     claim->probesSent = 0;
-    claim->timer.emplace(wire_->place.timers, [this, address] {
+    claim->timer.emplace(wire_->config.timers, [this, address] {
         wire_->run([this, address] { handleProbeTimer(address); });
     });
     double at = wire_->now() + wire_->between(0, settings.probeWaitSeconds);
@@ -87,7 +87,7 @@ void ArpClaims::announce(IpAddr address) {
     }
     Announcement& announcement = announcements_[address];
     announcement.left = count;
-    announcement.timer.emplace(wire_->place.timers, [this, address] {
+    announcement.timer.emplace(wire_->config.timers, [this, address] {
         wire_->run([this, address] { handleAnnounceTimer(address); });
     });
     handleAnnounceTimer(address);
@@ -146,7 +146,7 @@ IpAddr ArpClaims::sourceFor(IpAddr target) const {
 EthAddr ArpClaims::macOf(IpAddr address) const {
     const auto found = sm_->proxy_->find(address);
     return found && (found->isHost || address_.find(address) == nullptr) ? found->mac
-                                                                         : wire_->place.mac;
+                                                                         : wire_->config.mac;
 }
 
 void ArpClaims::stateIs(IpAddr address, ArpAddressState state) {

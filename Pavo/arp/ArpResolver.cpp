@@ -41,7 +41,7 @@ void ArpResolver::start() {
 }
 
 void ArpResolver::stop() {
-    for (const Mox::Ptr<ArpEntry>& each : wire_->place.table->entry()) {
+    for (const Mox::Ptr<ArpEntry>& each : wire_->config.table->entry()) {
         if (each->work_->resolver == this) {
             remove(each);
         }
@@ -49,7 +49,7 @@ void ArpResolver::stop() {
 }
 
 Mox::Ptr<ArpEntry> ArpResolver::find(IpAddr address) const {
-    return wire_->place.table->entry({wire_->place.ifIndex, address});
+    return wire_->config.table->entry({wire_->config.ifIndex, address});
 }
 
 bool ArpResolver::isWanted(IpAddr address) const {
@@ -72,10 +72,10 @@ Mox::Ptr<ArpEntry> ArpResolver::add(IpAddr address, bool isWanted) {
         ++wire_->counters.tableFull;
         return nullptr;
     }
-    const Mox::Ptr<ArpTable>& table = wire_->place.table;
-    const ArpKey key(wire_->place.ifIndex, address);
+    const Mox::Ptr<ArpTable>& table = wire_->config.table;
+    const ArpKey key(wire_->config.ifIndex, address);
     const auto entry = Mox::make<ArpEntry>(key);
-    entry->work_ = std::make_unique<ArpWork>(wire_->place.timers, this, entry.ptr());
+    entry->work_ = std::make_unique<ArpWork>(wire_->config.timers, this, entry.ptr());
     entry->since_ = wire_->now();
     table->entry_.emplace(key, entry);
     wire_->later([table, key] { table->notify(ArpTable::entryAttr, key); });
@@ -83,7 +83,7 @@ Mox::Ptr<ArpEntry> ArpResolver::add(IpAddr address, bool isWanted) {
 }
 
 bool ArpResolver::makeRoom() {
-    ArpTable& table = *wire_->place.table;
+    ArpTable& table = *wire_->config.table;
     while (table.entries() >= table.maxEntries()) {
         if (table.removable_.empty()) {
             return false;
@@ -96,7 +96,7 @@ bool ArpResolver::makeRoom() {
 
 // Also an entry of another machine, to make room.
 void ArpResolver::remove(const Mox::Ptr<ArpEntry>& entry) {
-    const Mox::Ptr<ArpTable>& table = wire_->place.table;
+    const Mox::Ptr<ArpTable>& table = wire_->config.table;
     dropQueue(entry.ptr());
     stateIs(entry.ptr(), ArpState::none, EthAddr());
     entry->work_.reset();
@@ -106,7 +106,7 @@ void ArpResolver::remove(const Mox::Ptr<ArpEntry>& entry) {
 
 // Puts the entry at the end of those that may be removed, or takes it out.
 void ArpResolver::updateRemovable(ArpEntry* entry) {
-    auto& removable = wire_->place.table->removable_;
+    auto& removable = wire_->config.table->removable_;
     ArpWork& work = *entry->work_;
     if (work.place) {
         removable.erase(*std::exchange(work.place, std::nullopt));
@@ -219,7 +219,7 @@ void ArpResolver::beginResolving(ArpEntry* entry) {
     arm(entry, wire_->settings.retransSeconds);
 }
 
-// Requests that have had no answer count also where another MAC is heard of meanwhile: it might
+// Requests that have had no answer count also where another MAC comes meanwhile: it might
 // change again and again.
 void ArpResolver::beginProbing(ArpEntry* entry, EthAddr mac) {
     const bool isAsked = entry->state_ == ArpState::probe ||
@@ -343,28 +343,28 @@ void ArpResolver::confirmed(ArpEntry* entry, EthAddr mac) {
     sendQueue(entry);
 }
 
-void ArpResolver::learn(const Lesson& lesson) {
-    Mox::Ptr<ArpEntry> entry = find(lesson.address);
-    if (!entry && (!lesson.isNews || !(entry = add(lesson.address, /*isWanted=*/false)))) {
+void ArpResolver::learn(const SenderInfo& sender) {
+    Mox::Ptr<ArpEntry> entry = find(sender.address);
+    if (!entry && (!sender.mayAdd || !(entry = add(sender.address, /*isWanted=*/false)))) {
         return;
     }
-    const bool isOther = hasMac(entry->state_) && entry->mac_ != lesson.mac;
+    const bool isOther = hasMac(entry->state_) && entry->mac_ != sender.mac;
     const bool isLocked = wire_->now() < entry->updatedAt_ + wire_->settings.lockSeconds;
-    if (entry->state_ == ArpState::permanent || (isOther && isLocked && !lesson.isAnnouncement)) {
+    if (entry->state_ == ArpState::permanent || (isOther && isLocked && !sender.isAnnouncement)) {
         return;
     }
     entry->updatedAt_ = wire_->now();
-    if (lesson.isConfirmation) {
-        confirmed(entry.ptr(), lesson.mac);
+    if (sender.isConfirmation) {
+        confirmed(entry.ptr(), sender.mac);
     } else if (!hasMac(entry->state_) || isOther) {
-        heardFrom(entry.ptr(), lesson.mac);
+        unconfirmedMacIs(entry.ptr(), sender.mac);
     } else {
         updateRemovable(entry.ptr());  // It is the last to be removed now.
     }
 }
 
 // A MAC that nothing has confirmed yet.
-void ArpResolver::heardFrom(ArpEntry* entry, EthAddr mac) {
+void ArpResolver::unconfirmedMacIs(ArpEntry* entry, EthAddr mac) {
     if (entry->work_->refreshSeconds) {
         beginProbing(entry, mac);
     } else if (!entry->work_->queue.empty()) {
@@ -431,7 +431,7 @@ void ArpResolver::transmit(Mox::Ptr<Pkt> pkt, EthAddr dst, uint16_t etherType) {
     }
     auto* header = reinterpret_cast<EthHdr*>(pkt->newPrivateHeadData(sizeof(EthHdr)));
     header->dstIs(dst);
-    header->srcIs(wire_->place.mac);
+    header->srcIs(wire_->config.mac);
     header->typeIs(etherType);
     wire_->send(std::move(pkt));
 }

@@ -23,14 +23,14 @@ struct ArpWork;
 class ArpResolver {
   public:
     /// What a packet says of its sender.
-    struct Lesson {
+    struct SenderInfo {
         IpAddr address;
         EthAddr mac;
         /// A reply to this machine.
         bool isConfirmation;
         bool isAnnouncement;
         /// The sender asked for an address that is answered for.
-        bool isNews;
+        bool mayAdd;
     };
 
     ArpResolver(ArpSm* sm, ArpWire* wire, ArpClaims* claims)
@@ -43,7 +43,7 @@ class ArpResolver {
     Mox::Ptr<ArpEntry> use(IpAddr address);
     void send(Mox::Ptr<Pkt> pkt, IpAddr neighbour, uint16_t etherType);
     void confirm(IpAddr address);
-    void learn(const Lesson& lesson);
+    void learn(const SenderInfo& sender);
     void entryDel(IpAddr address);
     /// What the agent wants of an address has changed.
     void update(IpAddr address);
@@ -72,7 +72,7 @@ class ArpResolver {
     void askAgain(ArpEntry* entry, uint32_t limit);
     void fail(ArpEntry* entry);
     void confirmed(ArpEntry* entry, EthAddr mac);
-    void heardFrom(ArpEntry* entry, EthAddr mac);
+    void unconfirmedMacIs(ArpEntry* entry, EthAddr mac);
     void handleReachableTimer(ArpEntry* entry);
     void drawInterval(ArpEntry* entry);
 

@@ -11,7 +11,6 @@
 #include "Pavo/base/FirstException.h"
 #include "Pavo/packet/ArpHdr.h"
 #include "Pavo/packet/HdrWrapper.h"
-#include "Pavo/pam/ReadinessSm.h"
 
 namespace Pavo {
 namespace {
@@ -24,45 +23,32 @@ bool isForUs(const EthHdr& eth, const RxInfo& info, EthAddr own, EthAddr ofTarge
            (eth.dst() == ofTarget && ofTarget != own);
 }
 
+void requireUnicast(IpAddr address, const char* errorText) {
+    if (!address.isUnicast() || address.isZero()) {
+        Mox::throwRangeException(errorText);
+    }
+}
+
 bool isInVlan(const Pkt& pkt) {
     return pkt.hasSeparateVlanTag() && (pkt.separateVlanTci() & 0xfff) != 0;
 }
 
 }  // namespace
 
-/// Follows the endpoint's readable count.
-class ArpReader : public ReadinessSm<ArpReader, Pam> {
-  public:
-    static constexpr auto description() { return Mox::classRecord("Pavo::ArpReader"); }
-
-    ArpReader(const Mox::Ptr<Pam>& pam, ArpSm* sm) : ReadinessSm(pam), sm_(sm) {}
-
-    void handleReadable() { sm_->handleReadable(); }
-    void handleWritable() {}
-    void moxDoZombieReactors(bool zombie) {
-        if (zombie) {
-            detach();
-        }
-    }
-
-  private:
-    ArpSm* sm_;
-};
-
 struct ArpSm::Parts {
-    Parts(ArpSm* sm, Place place)
-        : wire(sm, std::move(place)), claims(sm, &wire), resolver(sm, &wire, &claims) {}
+    Parts(ArpSm* sm, Config config)
+        : wire(sm, std::move(config)), claims(sm, &wire), resolver(sm, &wire, &claims) {}
 
     ArpWire wire;
     ArpClaims claims;
     ArpResolver resolver;
-    Mox::Ptr<ArpReader> reader;  // While enabled.
+    Mox::Watch<Pam> arrivals;  // While enabled.
 };
 
-ArpSm::ArpSm(Mox::String name, Place place)
+ArpSm::ArpSm(Mox::String name, Config config)
     : name_(std::move(name)),
       proxy_(Mox::make<ProxyArp>()),
-      parts_(std::make_unique<Parts>(this, std::move(place))) {}
+      parts_(std::make_unique<Parts>(this, std::move(config))) {}
 
 ArpSm::~ArpSm() {
     if (enabled_) {
@@ -71,15 +57,15 @@ ArpSm::~ArpSm() {
 }
 
 const Mox::Ptr<Pam>& ArpSm::pam() const {
-    return parts_->wire.place.pam;
+    return parts_->wire.config.pam;
 }
 
 const Mox::Ptr<ArpTable>& ArpSm::table() const {
-    return parts_->wire.place.table;
+    return parts_->wire.config.table;
 }
 
 uint32_t ArpSm::ifIndex() const {
-    return parts_->wire.place.ifIndex;
+    return parts_->wire.config.ifIndex;
 }
 
 void ArpSm::enabledIs(bool enabled) {
@@ -102,26 +88,24 @@ void ArpSm::enabledIs(bool enabled) {
 
 void ArpSm::start() {
     enabled_ = true;
-    parts_->reader = Mox::make<ArpReader>(pam(), this);
+    parts_->arrivals = Mox::Watch<Pam>(pam(), Pam::readableCountAttr, [this] { handleReadable(); });
     parts_->claims.start();
     parts_->resolver.start();
 }
 
 void ArpSm::stop() {
     enabled_ = false;
-    if (const Mox::Ptr<ArpReader> reader = std::exchange(parts_->reader, nullptr)) {
-        reader->moxDoZombieReactors(true);
-    }
+    parts_->arrivals = {};
     parts_->claims.stop();
     parts_->resolver.stop();
 }
 
 EthAddr ArpSm::mac() const {
-    return parts_->wire.place.mac;
+    return parts_->wire.config.mac;
 }
 
 void ArpSm::macIs(EthAddr mac) {
-    if (std::exchange(parts_->wire.place.mac, mac) != mac) {
+    if (std::exchange(parts_->wire.config.mac, mac) != mac) {
         parts_->wire.run([this] {
             parts_->claims.announceAll();
             parts_->wire.later([this] { notify(macAttr); });
@@ -145,9 +129,7 @@ const Mox::Map<IpAddr, ArpAddressState>& ArpSm::address() const {
 }
 
 void ArpSm::addressIs(IpAddr address, ArpClaim claim) {
-    if (!address.isUnicast() || address.isZero()) {
-        Mox::throwRangeException("ArpSm::address is not unicast");
-    }
+    requireUnicast(address, "ArpSm::address is not unicast");
     parts_->wire.run([&] { parts_->claims.addressIs(address, claim); });
 }
 
@@ -160,6 +142,7 @@ void ArpSm::announce(IpAddr address) {
 }
 
 Mox::Ptr<ArpEntry> ArpSm::resolve(IpAddr address) {
+    requireUnicast(address, "ArpSm::resolve is not unicast");
     Mox::Ptr<ArpEntry> entry;
     if (enabled_) {
         parts_->wire.run([&] { entry = parts_->resolver.use(address); });
@@ -183,8 +166,10 @@ const Mox::Map<IpAddr, EthAddr>& ArpSm::permanent() const {
 }
 
 void ArpSm::permanentIs(IpAddr address, EthAddr mac) {
+    constexpr char errorText[] = "ArpSm::permanent is not unicast";
+    requireUnicast(address, errorText);
     if (!mac.isUnicast() || mac == EthAddr()) {
-        Mox::throwRangeException("ArpSm::permanent is not unicast");
+        Mox::throwRangeException(errorText);
     }
     parts_->wire.run([&] {
         if (parts_->resolver.permanent.is(address, mac)) {
@@ -215,6 +200,7 @@ void ArpSm::refreshIs(IpAddr address, double periodSeconds) {
     if (!(periodSeconds >= 0) || !std::isfinite(periodSeconds)) {
         Mox::throwRangeException("ArpSm::refresh: a period < 0 not allowed");
     }
+    requireUnicast(address, "ArpSm::refresh is not unicast");
     parts_->wire.run([&] {
         if (parts_->resolver.refresh.is(address, periodSeconds)) {
             parts_->resolver.update(address);
@@ -240,6 +226,7 @@ Mox::Ptr<MonitoredNextHop> ArpSm::nextHopIs(IpAddr address, double periodSeconds
     if (!(periodSeconds > 0) || !std::isfinite(periodSeconds)) {
         Mox::throwRangeException("ArpSm::nextHop: a period <= 0 not allowed");
     }
+    requireUnicast(address, "ArpSm::nextHop is not unicast");
     const auto* found = nextHop().find(address);
     if (found != nullptr && (*found)->periodSeconds() == periodSeconds) {
         return *found;
@@ -328,8 +315,8 @@ void ArpSm::handleArp(const ArpHdr& arp, bool isToMac) {
     }
 }
 
-Mox::Ptr<ArpSm> arpSmFactory(Mox::String name, ArpSm::Place place) {
-    return Mox::make<ArpSm>(std::move(name), std::move(place));
+Mox::Ptr<ArpSm> arpSmFactory(Mox::String name, ArpSm::Config config) {
+    return Mox::make<ArpSm>(std::move(name), std::move(config));
 }
 
 }  // namespace Pavo

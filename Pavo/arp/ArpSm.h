@@ -150,7 +150,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     }
 
     /// Where a machine works.
-    struct Place {
+    struct Config {
         /// Carries frames, one by one (`rxPkt`), and is not read by anyone else. Held. One that has
         /// to be enabled for sending is enabled before the machine and disabled after it.
         Mox::Ptr<Pam> pam;
@@ -166,7 +166,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
         uint32_t seed;
     };
     /// Disabled, without addresses.
-    ArpSm(Mox::String name, Place place);
+    ArpSm(Mox::String name, Config config);
 
     Mox::String name() const override { return name_; }
 
@@ -196,10 +196,10 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     const ArpSettings& settings() const;
     void settingsIs(const ArpSettings& settings);
 
-    /// The own addresses: sources of requests, and answered for. A request has the usable address
-    /// that shares the most leading bits with the one asked for, and is neither that nor a
-    /// virtual one; without any it is 0.0.0.0,
-    /// as in a probe, which a host that is claiming the address takes for a conflict.
+    /// The own addresses. Requests for them are answered, and they are the sources of the machine's
+    /// requests: of the usable ones that are not virtual, the one that shares the most leading bits
+    /// with the address that is asked for. Without such an address the source is 0.0.0.0, as in a
+    /// probe; a host that is claiming the address takes that for a conflict.
     const Mox::Map<IpAddr, ArpAddressState>& address() const;
     /// Adds an own address. One that is there begins anew if it is in `conflict`, and is else
     /// unchanged.
@@ -217,6 +217,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
     /// Begins to resolve an address, or to confirm a stale MAC, as a packet to it would. Returns
     /// its entry; null while disabled, and where the table is full.
+    /// @throws Mox::RangeException "ArpSm::resolve is not unicast", as `addressIs`.
     Mox::Ptr<ArpEntry> resolve(IpAddr address);
     /// Sends a packet to a neighbour: puts an Ethernet header before it, in place where the caller
     /// does not keep the packet, else in a shallow copy. Without the MAC the packet waits for the
@@ -231,7 +232,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     /// MACs that the agent sets. Such an entry is `permanent`, and no packet changes it.
     const Mox::Map<IpAddr, EthAddr>& permanent() const;
     /// @throws Mox::RangeException "ArpSm::permanent is not unicast" for a MAC of zero or of a
-    /// group.
+    /// group, and for such an address, as `addressIs`.
     void permanentIs(IpAddr address, EthAddr mac);
     /// The entry is removed.
     void permanentDel(IpAddr address);
@@ -246,16 +247,16 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     const Mox::Map<IpAddr, double>& refresh() const;
     /// Begins now. 0 is no period.
     /// @throws Mox::RangeException "ArpSm::refresh: a period < 0 not allowed", or one that is not
-    /// finite.
+    /// finite; "ArpSm::refresh is not unicast", as `addressIs`.
     void refreshIs(IpAddr address, double periodSeconds = 0);
     void refreshDel(IpAddr address);
 
     /// The neighbours that are monitored.
     const Mox::Map<IpAddr, Mox::Ptr<MonitoredNextHop>>& nextHop() const;
     /// Monitors a neighbour, and returns it. One that is monitored with this period is returned as
-    /// it is; with another period a new one takes its place.
+    /// it is; with another period a new one takes its config.
     /// @throws Mox::RangeException "ArpSm::nextHop: a period <= 0 not allowed", or one that is not
-    /// finite.
+    /// finite; "ArpSm::nextHop is not unicast", as `addressIs`.
     Mox::Ptr<MonitoredNextHop> nextHopIs(IpAddr address, double periodSeconds = 1);
     /// The next hop does not change any more.
     void nextHopDel(IpAddr address);
@@ -273,7 +274,6 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
   private:
     friend class ArpClaims;
-    friend class ArpReader;
     friend class ArpResolver;
     struct Parts;
 
@@ -292,6 +292,6 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 };
 
 /// A disabled machine.
-PAVO_EXPORT Mox::Ptr<ArpSm> arpSmFactory(Mox::String name, ArpSm::Place place);
+PAVO_EXPORT Mox::Ptr<ArpSm> arpSmFactory(Mox::String name, ArpSm::Config config);
 
 }  // namespace Pavo

@@ -10,8 +10,8 @@ constexpr EthAddr broadcast(0xffff, 0xffff, 0xffff);
 
 }  // namespace
 
-ArpWire::ArpWire(ArpSm* sm, ArpSm::Place placeOfMachine)
-    : place(std::move(placeOfMachine)), sm_(sm), random_(place.seed) {}
+ArpWire::ArpWire(ArpSm* sm, ArpSm::Config configOfMachine)
+    : config(std::move(configOfMachine)), sm_(sm), random_(config.seed) {}
 
 // Observers may come back into the machine: what they cause is sent by their own operation,
 // together with what is left here.
@@ -32,7 +32,7 @@ void ArpWire::flush() {
 void ArpWire::sendFrames() {
     std::vector<Mox::Ptr<Pkt>> frames;
     frames.swap(frames_);
-    const Mox::Ptr<Pam> pam = place.pam;
+    const Mox::Ptr<Pam> pam = config.pam;
     const uint32_t taken = pam->txPktsIs(frames);
     counters.noRoom += frames.size() - taken;
     if (frames_.capacity() == 0) {  // Its memory serves the next ones.
@@ -43,8 +43,8 @@ void ArpWire::sendFrames() {
 
 void ArpWire::sendRequest(IpAddr source, IpAddr target, EthAddr dst) {
     ++counters.txRequests;
-    send(buildPkt(Eth{.dst = dst, .src = place.mac},
-                  Arp{.senderMac = place.mac, .senderIp = source, .targetIp = target}));
+    send(buildPkt(Eth{.dst = dst, .src = config.mac},
+                  Arp{.senderMac = config.mac, .senderIp = source, .targetIp = target}));
 }
 
 void ArpWire::sendReply(EthAddr mac, IpAddr address, EthAddr dst, IpAddr target) {
@@ -58,8 +58,8 @@ void ArpWire::sendReply(EthAddr mac, IpAddr address, EthAddr dst, IpAddr target)
 
 void ArpWire::sendProbe(IpAddr address) {
     ++counters.txProbes;
-    send(buildPkt(Eth{.dst = broadcast, .src = place.mac},
-                  Arp{.senderMac = place.mac, .targetIp = address}));
+    send(buildPkt(Eth{.dst = broadcast, .src = config.mac},
+                  Arp{.senderMac = config.mac, .targetIp = address}));
 }
 
 void ArpWire::sendAnnouncement(IpAddr address, EthAddr mac) {

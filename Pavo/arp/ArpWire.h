@@ -21,7 +21,7 @@ namespace Pavo {
 /// Frames and notifications wait here until the operation is complete that caused them.
 class ArpWire {
   public:
-    ArpWire(ArpSm* sm, ArpSm::Place place);
+    ArpWire(ArpSm* sm, ArpSm::Config config);
 
     /// Makes the changes, and then sends and notifies. Holds the machine meanwhile. Every operation
     /// and every timer of the machine comes in here.
@@ -47,13 +47,13 @@ class ArpWire {
     void sendAnnouncement(IpAddr address, EthAddr mac);
     /// @}
 
-    double now() const { return place.timers->now(); }
+    double now() const { return config.timers->now(); }
     /// Evenly distributed.
     double between(double from, double to) {
         return from + (to - from) * (static_cast<double>(random_()) / 4294967296.0);
     }
 
-    ArpSm::Place place;
+    ArpSm::Config config;
     ArpSettings settings;
     ArpCounters counters;
 

@@ -60,7 +60,7 @@ Mox::Ptr<VrfMapWriter> VrfMapWriter::newWriter(Mox::String name) const {
 }
 
 // The map is complete before an observer of either is notified.
-VrfId VrfMapWriter::vrfIs(const VrfName& name) {
+VrfId VrfMapWriter::vrfIs(VrfName name) {
     const Mox::Ptr<VrfMapWriter> hold(this);
     if (!vrf_.add(name)) {
         return *map_->vrfId(name);

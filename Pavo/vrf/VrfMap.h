@@ -1,5 +1,5 @@
 /// @file
-/// Which number each VRF has.
+/// The numbers of VRFs.
 #pragma once
 
 #include <cstdint>
@@ -87,7 +87,7 @@ class PAVO_EXPORT VrfMapWriter : public Mox::EntityOf<VrfMapWriter> {
     const Mox::Set<VrfName>& vrf() const { return vrf_; }
     /// Holds a name, and returns its number, which is a new one where no writer held the name.
     /// Holding it again changes nothing.
-    VrfId vrfIs(const VrfName& name);
+    VrfId vrfIs(VrfName name);
     /// Releases a name: it leaves the map, unless another writer holds it.
     void vrfDel(VrfName name);
     void vrfDelAll();

@@ -193,7 +193,7 @@ TEST_F(ArpSmTest, TenThousandAddressesStayReachable) {
     EXPECT_EQ(sm->counters().failures, many);
 }
 
-TEST_F(ArpSmTest, AFullTableGivesUpWhatWasHeardOfFirst) {
+TEST_F(ArpSmTest, AFullTableGivesUpTheOldestEntry) {
     constexpr uint32_t many = 10'000;
     table->maxEntriesIs(many);
     sm->permanentIs(h2, m2);
