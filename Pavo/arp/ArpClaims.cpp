@@ -189,7 +189,7 @@ void ArpClaims::conflictIs(IpAddr address, EthAddr mac) {
 // Two hosts that defend one address would otherwise answer each other without end.
 void ArpClaims::defend(IpAddr address) {
     const ArpSettings& settings = wire_->settings;
-    if (!settings.defends || !settings.answers) {
+    if (!settings.defends || !(settings.answers || isVirtualHost(address))) {
         return;
     }
     const double now = wire_->now();

@@ -29,6 +29,8 @@ void ArpWork::Timer::handleExpiry() {
 }
 
 void ArpResolver::start() {
+    Mox::require(wire_->config.table->machines_.insert(wire_->config.ifIndex).second,
+                 "one machine for an interface of a table");
     for (const auto& [address, mac] : permanent) {
         update(address);
     }
@@ -41,6 +43,7 @@ void ArpResolver::start() {
 }
 
 void ArpResolver::stop() {
+    wire_->config.table->machines_.erase(wire_->config.ifIndex);
     for (const Mox::Ptr<ArpEntry>& each : wire_->config.table->entry()) {
         if (each->work_->resolver == this) {
             remove(each);

@@ -33,7 +33,9 @@ struct ArpSettings {
     double failedRetrySeconds = 5;
     /// The most packets that wait for one MAC; a newer one replaces the oldest. 0 drops all.
     uint32_t maxQueuedPkts = 16;
-    /// Whether requests for own and proxied addresses are answered. False where the kernel answers.
+    /// Whether requests for own addresses are answered, and conflicts about them defended. False
+    /// where the kernel has these addresses too, and does so. Virtual MACs are always answered
+    /// with.
     bool answers = true;
     /// Whether an own address that another host uses too is announced again: RFC 5227, 2.4 (c).
     bool defends = true;

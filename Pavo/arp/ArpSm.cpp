@@ -29,6 +29,12 @@ void requireUnicast(IpAddr address, const char* errorText) {
     }
 }
 
+void requireUnicast(EthAddr mac, const char* errorText) {
+    if (!mac.isUnicast() || mac == EthAddr()) {
+        Mox::throwRangeException(errorText);
+    }
+}
+
 bool isInVlan(const Pkt& pkt) {
     return pkt.hasSeparateVlanTag() && (pkt.separateVlanTci() & 0xfff) != 0;
 }
@@ -48,7 +54,12 @@ struct ArpSm::Parts {
 ArpSm::ArpSm(Mox::String name, Config config)
     : name_(std::move(name)),
       proxy_(Mox::make<ProxyArp>()),
-      parts_(std::make_unique<Parts>(this, std::move(config))) {}
+      parts_(std::make_unique<Parts>(this, std::move(config))) {
+    if (ifIndex() == 0) {
+        Mox::throwRangeException("ArpSm::ifIndex is 0");
+    }
+    requireUnicast(mac(), "ArpSm::mac is not unicast");
+}
 
 ArpSm::~ArpSm() {
     if (enabled_) {
@@ -105,6 +116,7 @@ EthAddr ArpSm::mac() const {
 }
 
 void ArpSm::macIs(EthAddr mac) {
+    requireUnicast(mac, "ArpSm::mac is not unicast");
     if (std::exchange(parts_->wire.config.mac, mac) != mac) {
         parts_->wire.run([this] {
             parts_->claims.announceAll();
@@ -168,9 +180,7 @@ const Mox::Map<IpAddr, EthAddr>& ArpSm::permanent() const {
 void ArpSm::permanentIs(IpAddr address, EthAddr mac) {
     constexpr char errorText[] = "ArpSm::permanent is not unicast";
     requireUnicast(address, errorText);
-    if (!mac.isUnicast() || mac == EthAddr()) {
-        Mox::throwRangeException(errorText);
-    }
+    requireUnicast(mac, errorText);
     parts_->wire.run([&] {
         if (parts_->resolver.permanent.is(address, mac)) {
             parts_->resolver.update(address);
@@ -304,7 +314,7 @@ void ArpSm::handleArp(const ArpHdr& arp, bool isToMac) {
     const auto proxied = proxy_->find(target);
     const bool isProxied = proxied && (proxied->isHost || !(sender.isZero() || isAnnouncement));
     const bool isAnswered = isRequest && (claims.isUsable(target) || isProxied);
-    if (isAnswered && settings().answers) {
+    if (isAnswered && (settings().answers || isProxied)) {
         const EthAddr from = claims.macOf(target);
         parts_->wire.counters.txProxyReplies += from != mac() ? 1 : 0;
         parts_->wire.sendReply(from, target, arp.senderMac(), sender);

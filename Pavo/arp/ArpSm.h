@@ -121,8 +121,9 @@ struct ArpConflict {
 ///
 /// **Beside the kernel's table or instead of it.** A packet socket sees all ARP packets, and the
 /// kernel goes on with its own table. For an address that the kernel does not have, this machine
-/// alone answers. For one that the kernel has too, both would answer: set `ArpSettings::answers` to
-/// false then, and the machine resolves, learns, refreshes and counts conflicts from that address.
+/// alone answers. For one that the kernel has too, both would answer, alike: set
+/// `ArpSettings::answers` to false then, and the machine resolves, learns, refreshes and counts
+/// conflicts from that address, and answers with virtual MACs only.
 /// What the machine learns is not put into the kernel's table: send with `txPktIs`, or write it
 /// there by netlink.
 ///
@@ -154,7 +155,7 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
         /// Carries frames, one by one (`rxPkt`), and is not read by anyone else. Held. One that has
         /// to be enabled for sending is enabled before the machine and disabled after it.
         Mox::Ptr<Pam> pam;
-        /// Held. No other machine has the same table and interface.
+        /// Held.
         Mox::Ptr<ArpTable> table;
         /// The interface, as the key of its entries.
         uint32_t ifIndex;
@@ -166,6 +167,8 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
         uint32_t seed;
     };
     /// Disabled, without addresses.
+    /// @throws Mox::RangeException "ArpSm::ifIndex is 0", and "ArpSm::mac is not unicast" for a MAC
+    /// of zero or of a group, such as that of an endpoint that is not enabled yet.
     ArpSm(Mox::String name, Config config);
 
     Mox::String name() const override { return name_; }
@@ -180,11 +183,15 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
     /// Whether the machine works. Enabling reads the endpoint, claims the own addresses, and
     /// resolves what is refreshed or monitored. Disabling drops the packets that wait, and removes
     /// the entries of the machine from the table; what was configured stays.
+    /// @pre to enable: no other enabled machine has the same table and interface (assertion
+    /// "one machine for an interface of a table"); the endpoint can send, which an `FdPam` asserts
+    /// as "enabled()".
     bool enabled() const { return enabled_; }
     void enabledIs(bool enabled);
 
     /// The MAC of the interface. A change announces the own addresses that were not claimed
     /// silently.
+    /// @throws Mox::RangeException "ArpSm::mac is not unicast"; it is then unchanged.
     EthAddr mac() const;
     void macIs(EthAddr mac);
 
@@ -253,8 +260,8 @@ class PAVO_EXPORT ArpSm : public Mox::EntityOf<ArpSm> {
 
     /// The neighbours that are monitored.
     const Mox::Map<IpAddr, Mox::Ptr<MonitoredNextHop>>& nextHop() const;
-    /// Monitors a neighbour, and returns it. One that is monitored with this period is returned as
-    /// it is; with another period a new one takes its config.
+    /// Monitors a neighbour, which is not an own address, and returns it. One that is monitored
+    /// with this period is returned as it is; with another period a new one takes its config.
     /// @throws Mox::RangeException "ArpSm::nextHop: a period <= 0 not allowed", or one that is not
     /// finite; "ArpSm::nextHop is not unicast", as `addressIs`.
     Mox::Ptr<MonitoredNextHop> nextHopIs(IpAddr address, double periodSeconds = 1);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <list>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -62,6 +63,7 @@ class PAVO_EXPORT ArpTable : public Mox::EntityOf<ArpTable> {
 
     Mox::String name_;
     std::unordered_map<ArpKey, Mox::Ptr<ArpEntry>, ArpKey::Hasher> entry_;
+    std::set<uint32_t> machines_;     // The interfaces of those that are enabled.
     std::list<ArpEntry*> removable_;  // The first one is removed first.
     uint32_t maxEntries_ = 16384;
     uint32_t evictions_ = 0;

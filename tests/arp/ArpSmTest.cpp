@@ -139,6 +139,11 @@ TEST_F(ArpSmTest, ClaimsAddressesAndDefendsThem) {
     sm->proxy()->macIs(Prefix(vip, 32), vmac);
     sm->announce(vip);
     EXPECT_EQ(log().substr(0, 18), "announce 10.0.0.9 ");
+    settings.answers = false;  // The kernel does, for its own addresses.
+    sm->settingsIs(settings);
+    receive({ArpOp::request, m3, h3, {}, h1});
+    receive({ArpOp::request, m3, h3, {}, vip});
+    EXPECT_EQ(log(), "reply 10.0.0.9 m7 to m3 at 58.5; ");
     sm->proxy()->macDel(Prefix(vip, 32));  // Another router has taken over.
     EXPECT_EQ(advance(9), "");
 }
