@@ -32,9 +32,13 @@ VrfId VrfMap::hold(const VrfName& name) {
     while (held_.count(++lastId_) != 0) {
     }
     const VrfId id(lastId_);
-    held_.emplace(id, Held{name, 1});
-    vrfId_.is(name, id);
-    notify(vrfIdAttr, name);
+    const auto held = held_.emplace(id, Held{name, 1}).first;
+    try {
+        vrfId_.is(name, id);
+    } catch (...) {  // No memory.
+        held_.erase(held);
+        throw;
+    }
     return id;
 }
 
@@ -62,12 +66,21 @@ Mox::Ptr<VrfMapWriter> VrfMapWriter::newWriter(Mox::String name) const {
 // The map is complete before an observer of either is notified.
 VrfId VrfMapWriter::vrfIs(VrfName name) {
     const Mox::Ptr<VrfMapWriter> hold(this);
+    const std::optional<VrfId> known = map_->vrfId(name);
     if (!vrf_.add(name)) {
-        return *map_->vrfId(name);
+        return *known;
+    }
+    VrfId id;
+    try {
+        id = map_->hold(name);
+    } catch (...) {  // No memory.
+        vrf_.del(name);
+        throw;
     }
     FirstException exception;
-    VrfId id;
-    exception.collect([&] { id = map_->hold(name); });
+    if (!known) {
+        exception.collect([&] { map_->notify(VrfMap::vrfIdAttr, name); });
+    }
     exception.collect([&] { notify(vrfAttr, name); });
     exception.rethrow();
     return id;
