@@ -4,66 +4,44 @@
 
 #include <algorithm>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "Pavo/KernelInfo.h"
 #include "Pavo/KernelRequests.h"
-#include "support/Seeds.h"
+#include "support/RandomProgram.h"
 
 namespace Pavo {
 namespace {
 
 // Messages and dumps at random, and observers that feed more of them, leave, close and drop what
 // they observe, and throw.
-class Chaos {
-  public:
-    struct Thrown {};
+struct ObserversWorld : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
 
-    explicit Chaos(uint32_t seed) : random_(seed) {}
-
-    void run() {
-        for (int step = 0; step < 60; ++step) {
-            if (!info_) {
-                info_ = kernelInfoFactory("chaos", nullptr, nullptr);
-                info_->followsRoutesIs(true);
-            }
-            watch();
-            budget_ = 5;
-            try {
-                feed();
-            } catch (const Thrown&) {
-            }
-            check();
+    // One that was dropped is made again. An observer may drop it, since nobody else holds it.
+    KernelInfo* known() {
+        if (!info) {
+            info = kernelInfoFactory("known", nullptr, nullptr);
+            info->followsRoutesIs(true);
         }
+        return info.ptr();
     }
-
-  private:
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
-
-    // Nobody holds the entity but the member, which an observer may drop.
-    void feed() {
-        KernelInfo* const info = info_.ptr();
+    uint16_t anyTable() {
         const uint16_t tables[] = {RTM_GETLINK, RTM_GETADDR, RTM_GETNEIGH, RTM_GETROUTE};
-        const uint16_t table = tables[below(4)];
-        switch (below(6)) {
-            case 0:
-                return info->handleDumpBegin(table);
-            case 1:
-                return info->handleDumpEnd(table);
-            default: {
-                NetlinkMessage message = messageOf(table, 1 + below(3));
-                message.header()->nlmsg_type = static_cast<uint16_t>(table - 2 + below(3) / 2);
-                message.header()->nlmsg_flags = below(2) == 0 ? NLM_F_MULTI : 0;
-                return info->callback(message.header());
-            }
-        }
+        return any(tables);
+    }
+    void feed() {
+        const uint16_t table = anyTable();
+        NetlinkMessage message = messageOf(table, 1 + below(3));
+        message.header()->nlmsg_type = static_cast<uint16_t>(table - 2 + below(3) / 2);
+        message.header()->nlmsg_flags = oneIn(2) ? NLM_F_MULTI : 0;
+        known()->callback(message.header());
     }
     NetlinkMessage messageOf(uint16_t table, uint32_t index) {
         const IpAddr address(0x0a000000 + below(3));
         if (table == RTM_GETLINK) {
-            NetlinkMessage link = linkUpRequest(index, below(2) == 0);
+            NetlinkMessage link = linkUpRequest(index, oneIn(2));
             link.attributeIs(IFLA_IFNAME, "v" + std::to_string(below(3)));
             return link;
         }
@@ -79,75 +57,52 @@ class Chaos {
         route.hops.resize(1 + below(2), {IpGenAddr(address), index, 1, false});
         return routeAddRequest(route);
     }
-    void react() {
-        if (budget_-- <= 0) {
-            return;
-        }
-        switch (below(12)) {
-            case 0:
-                info_ = nullptr;
-                break;
-            case 1:
-                watches_.clear();
-                break;
-            case 2:
-                throw Thrown();
-            case 3:
-                info_ ? info_->close() : void();
-                break;
-            case 4:
-            case 5:
-                info_ ? feed() : void();
-                break;
-            default:
-                break;
+    template <class T>
+    void watch(const Mox::Ptr<T>& object) {
+        watches.push_back(std::make_shared<Mox::Watch<T>>(
+            object, Mox::allAttributes, [this](const Mox::Change&) { respond(); }));
+    }
+    void watchLink() {
+        if (const auto link = known()->linkByIndex(1 + below(3))) {
+            watch(link);
         }
     }
-    void watch() {
-        const auto reaction = [this](const Mox::Change&) { react(); };
-        if (below(2) == 0) {
-            watches_.push_back(
-                std::make_shared<Mox::Watch<KernelInfo>>(info_, Mox::allAttributes, reaction));
-            watches_.push_back(std::make_shared<Mox::Watch<RouteTable>>(
-                info_->routes(), Mox::allAttributes, reaction));
-        }
-        if (const auto link = info_->linkByIndex(1 + below(3))) {
-            watches_.push_back(
-                std::make_shared<Mox::Watch<Link>>(link, Mox::allAttributes, reaction));
-        }
-    }
-    void check() {
-        if (!info_) {
-            watches_.clear();
-            return;
-        }
+    void checkAtRest() {
         std::size_t named = 0;
-        for (const auto& [index, link] : info_->linkByIndex()) {
+        for (const auto& [index, link] : known()->linkByIndex()) {
             EXPECT_TRUE(link->exists());
-            named += info_->linkByName(link->name()) == link ? 1 : 0;
+            named += info->linkByName(link->name()) == link ? 1 : 0;
         }
-        EXPECT_EQ(named, info_->linkByName().members());
+        EXPECT_EQ(named, info->linkByName().members());
         uint32_t routes = 0;
-        info_->routes()->forEach([&](const Route& route) {
+        info->routes()->forEach([&](const Route& route) {
             ++routes;
-            const auto known = info_->routes()->routes(route.key);
-            EXPECT_EQ(std::count(known.begin(), known.end(), route), 1);
+            const auto all = info->routes()->routes(route.key);
+            EXPECT_EQ(std::count(all.begin(), all.end(), route), 1);
         });
-        EXPECT_EQ(routes, info_->routes()->members());
+        EXPECT_EQ(routes, info->routes()->members());
+    }
+    void run() {
+        perform(
+            {{{"message", [this] { feed(); }},
+              {"another message", [this] { feed(); }},
+              {"begin", [this] { known()->handleDumpBegin(anyTable()); }},
+              {"end", [this] { known()->handleDumpEnd(anyTable()); }}},
+             {{"watch", [this] { watch(Mox::Ptr<KernelInfo>(known())); }},
+              {"watch routes", [this] { watch(Mox::Ptr<RouteTable>(known()->routes())); }},
+              {"watch link", [this] { watchLink(); }},
+              {"leave", [this] { watches.clear(); }},
+              {"close", [this] { known()->close(); }},
+              {"drop", [this] { info = nullptr; }}}},
+            [this] { feed(); }, [this] { checkAtRest(); });
     }
 
-    std::mt19937 random_;
-    Mox::Ptr<KernelInfo> info_;
-    std::vector<std::shared_ptr<void>> watches_;
-    int budget_ = 0;
+    Mox::Ptr<KernelInfo> info;
+    std::vector<std::shared_ptr<void>> watches;
 };
 
 TEST(KernelInfoObservers, MayDoWhatTheyWant) {
-    for (const uint32_t seed : PavoTest::Seeds(300)) {
-        const uint32_t objects = Mox::liveObjects();
-        std::make_unique<Chaos>(seed)->run();
-        EXPECT_EQ(Mox::liveObjects(), objects);
-    }
+    PavoTest::runPrograms(1000, PavoTest::runProgram<ObserversWorld>);
 }
 
 }  // namespace

@@ -6,121 +6,20 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "Pavo/KernelInfo.h"
 #include "kernel/Followed.h"
+#include "kernel/Shadow.h"
 #include "support/Seeds.h"
 
 namespace Pavo {
 namespace {
 
 using namespace PavoTest;
-
-// What observers alone know. A notification of a collection is one change, and of the net
-// difference: what has come was not there, and what has gone was.
-class Shadow {
-  public:
-    explicit Shadow(const Mox::Ptr<KernelInfo>& info)
-        : info_(info),
-          links_(info, KernelInfo::linkByIndexAttr,
-                 [this](uint32_t index) { member(index, info_->linkByIndex(index), &linkLines_); }),
-          names_(info, KernelInfo::linkByNameAttr,
-                 [this](const Mox::String& name) { nameIs(name); }),
-          addresses_(info, KernelInfo::addressesAttr,
-                     [this](const LinkAddressKey& key) {
-                         member(key, info_->address(key), &addressLines_);
-                     }),
-          neighbours_(info, KernelInfo::neighboursAttr,
-                      [this](const NeighbourKey& key) {
-                          member(key, info_->neighbour(key), &neighbourLines_);
-                      }),
-          routes_(info->routes(), RouteTable::routesAttr,
-                  [this](const RouteKey& key) { routesIs(key); }) {}
-
-    Lines lines() const {
-        Lines all;
-        add(linkLines_, &all);
-        add(addressLines_, &all);
-        add(neighbourLines_, &all);
-        for (const auto& [key, lines] : routeLines_) {
-            all.insert(lines.begin(), lines.end());
-        }
-        return all;
-    }
-    const std::map<Mox::String, uint32_t>& names() const { return byName_; }
-    uint64_t notifications() const { return notifications_; }
-
-  private:
-    template <class T>
-    struct Known {
-        std::string line;
-        Mox::Ptr<T> object;
-        Mox::Watch<T> watch;
-    };
-    template <class Key, class T>
-    using Members = std::map<Key, Known<T>>;
-
-    template <class Key, class T>
-    static void add(const Members<Key, T>& members, Lines* lines) {
-        for (const auto& [key, each] : members) {
-            if constexpr (std::is_same_v<T, Neighbour>) {
-                if (each.object->state() == NeighbourState::noArp ||
-                    each.object->state() == NeighbourState::none) {
-                    continue;
-                }
-            }
-            lines->insert(each.line);
-        }
-    }
-    template <class Key, class T>
-    void member(const Key& key, const Mox::Ptr<T>& object, Members<Key, T>* members) {
-        ++notifications_;
-        const bool wasThere = members->erase(key) != 0;
-        EXPECT_NE(wasThere, object != nullptr);
-        if (object) {
-            Known<T>& known = (*members)[key];
-            known.line = lineOf(*object);
-            known.object = object;
-            known.watch =
-                Mox::Watch<T>(object, Mox::allAttributes, [this, &known](const Mox::Change&) {
-                    ++notifications_;
-                    known.line = lineOf(*known.object);
-                });
-        }
-    }
-    void nameIs(const Mox::String& name) {
-        const auto link = info_->linkByName(name);
-        link ? byName_[name] = link->index() : byName_.erase(name);
-    }
-    void routesIs(const RouteKey& key) {
-        ++notifications_;
-        std::vector<std::string> lines;
-        for (const Route& each : info_->routes()->routes(key)) {
-            lines.push_back(lineOf(each));
-        }
-        EXPECT_NE(lines, routeLines_[key]) << "no difference";
-        routeLines_[key] = lines;
-    }
-
-    Mox::Ptr<KernelInfo> info_;
-    Members<uint32_t, Link> linkLines_;
-    Members<LinkAddressKey, LinkAddress> addressLines_;
-    Members<NeighbourKey, Neighbour> neighbourLines_;
-    std::map<Mox::String, uint32_t> byName_;
-    std::map<RouteKey, std::vector<std::string>> routeLines_;
-    uint64_t notifications_ = 0;
-    Mox::Watch<KernelInfo> links_;
-    Mox::Watch<KernelInfo> names_;
-    Mox::Watch<KernelInfo> addresses_;
-    Mox::Watch<KernelInfo> neighbours_;
-    Mox::Watch<RouteTable> routes_;
-};
 
 // Scripts for `ip -batch`, many of whose lines fail.
 class Storm {
@@ -273,13 +172,13 @@ TEST_F(KernelStorm, IsExactAfterAStorm) {
         EXPECT_EQ(ns.difference(), "");
         EXPECT_EQ(ns.link("lo")->mtu(), storm.lastMtu);
         EXPECT_EQ(differenceOf(shadow.lines(), linesOf(*ns.info)), "");
-        std::map<Mox::String, uint32_t> names;
+        Shadow::Names names;
         for (const auto& [index, link] : ns.info->linkByIndex()) {
             names[link->name()] = index;
         }
-        EXPECT_EQ(shadow.names(), names);
+        EXPECT_EQ(shadow.names, names);
         EXPECT_EQ(ns.session->overflows() > 0, isLossy);
-        std::cout << ns.session->overflows() << " overflows, " << shadow.notifications()
+        std::cout << ns.session->overflows() << " overflows, " << shadow.notifications
                   << " notifications, " << ns.info->routes()->members() << " routes\n";
     }
 }

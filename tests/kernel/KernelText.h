@@ -31,19 +31,33 @@ inline std::string textOf(const Pavo::IpGenAddr& address) {
     return address.af() == Pavo::ipunknown ? "-" : address.stringValue().c_str();
 }
 
+inline std::string textOf(const Pavo::IpGenPrefix& prefix) {
+    return prefix.len() == 0 ? "default"
+           : prefix.len() == Pavo::addressBits(prefix.af())
+               ? textOf(prefix.ipGenAddr())
+               : std::string(prefix.stringValue().c_str());
+}
+inline std::string sorted(std::vector<std::string> texts) {
+    std::sort(texts.begin(), texts.end());
+    std::string all;
+    for (const std::string& each : texts) {
+        all += each + ", ";
+    }
+    return all;
+}
+
 /// @name What `KernelInfo` has
 /// @{
 inline std::string lineOf(const Pavo::Link& link) {
-    std::string flags;
     static const std::pair<uint32_t, const char*> names[] = {
         {IFF_UP, "UP"},           {IFF_BROADCAST, "BROADCAST"},     {IFF_LOOPBACK, "LOOPBACK"},
         {IFF_PROMISC, "PROMISC"}, {IFF_POINTOPOINT, "POINTOPOINT"}, {IFF_NOARP, "NOARP"},
         {1u << 16, "LOWER_UP"},   {IFF_MULTICAST, "MULTICAST"},     {IFF_ALLMULTI, "ALLMULTI"}};
+    std::vector<std::string> flags(link.isUp() && !link.isRunning() ? 1 : 0, "NO-CARRIER");
     for (const auto& [bit, name] : names) {
-        flags += (link.flags() & bit) != 0 ? std::string(name) + "," : "";
+        flags.insert(flags.end(), (link.flags() & bit) != 0 ? 1 : 0, name);
     }
-    flags += link.isUp() && !link.isRunning() ? "NO-CARRIER," : "";
-    return joined("link", link.index(), link.name(), link.ethAddr(), link.mtu(), flags,
+    return joined("link", link.index(), link.name(), link.ethAddr(), link.mtu(), sorted(flags),
                   link.operState(), "in", link.master(), link.kind());
 }
 inline std::string lineOf(const Pavo::LinkAddress& address) {
@@ -51,7 +65,12 @@ inline std::string lineOf(const Pavo::LinkAddress& address) {
                   textOf(address.peer()), textOf(address.broadcast()), address.scope(),
                   address.isTentative(), address.isDuplicate());
 }
+/// Empty for what ip(8) does not show: the kernel makes those for groups, in silence.
 inline std::string lineOf(const Pavo::Neighbour& neighbour) {
+    if (neighbour.state() == Pavo::NeighbourState::noArp ||
+        neighbour.state() == Pavo::NeighbourState::none) {
+        return "";
+    }
     return joined("neighbour", neighbour.ifIndex(), textOf(neighbour.address()),
                   neighbour.ethAddr(), neighbour.state());
 }
@@ -60,31 +79,22 @@ inline std::string lineOf(const Pavo::Route& route) {
     for (const Pavo::RouteHop& each : route.hops) {
         hops.push_back(joined(textOf(each.gateway), each.ifIndex, each.weight, each.isOnLink));
     }
-    std::sort(hops.begin(), hops.end());
-    std::string line =
-        joined("route", route.key.prefix, route.key.table, route.key.metric, int{route.key.tos},
-               int{route.type}, int{route.protocol}, int{route.scope}, textOf(route.source));
-    for (const std::string& each : hops) {
-        line += "via " + each;
-    }
-    return line;
+    return joined("route", textOf(route.key.prefix), route.key.table, route.key.metric,
+                  int{route.key.tos}, int{route.type}, int{route.protocol}, int{route.scope},
+                  textOf(route.source), "via", sorted(hops));
 }
 inline Lines linesOf(const Pavo::KernelInfo& info) {
     Lines lines;
-    for (const auto& [index, link] : info.linkByIndex()) {
-        lines.insert(lineOf(*link));
-    }
-    for (const auto& [key, address] : info.addresses()) {
-        lines.insert(lineOf(*address));
-    }
-    for (const auto& [key, each] : info.neighbours()) {
-        // ip(8) shows neither: the kernel makes them for groups, without saying so.
-        if (each->state() != Pavo::NeighbourState::noArp &&
-            each->state() != Pavo::NeighbourState::none) {
+    const auto addAll = [&lines](const auto& members) {
+        for (const auto& [key, each] : members) {
             lines.insert(lineOf(*each));
         }
-    }
+    };
+    addAll(info.linkByIndex());
+    addAll(info.addresses());
+    addAll(info.neighbours());
     info.routes()->forEach([&](const Pavo::Route& route) { lines.insert(lineOf(route)); });
+    lines.erase("");
     return lines;
 }
 /// @}
@@ -113,7 +123,7 @@ class IpLines {
         for (const char* family : {"-4", "-6"}) {
             for (const Json& each :
                  ask({family, "-N", "-d", "-j", "route", "show", "table", "all"})) {
-                addRoute(each, family == std::string("-4"));
+                addRoute(each);
             }
         }
     }
@@ -143,15 +153,11 @@ class IpLines {
     }
 
     void addLink(const Json& each) {
-        const std::vector<std::string> set = each["flags"];
-        std::string flags;
-        for (const char* name : {"UP", "BROADCAST", "LOOPBACK", "PROMISC", "POINTOPOINT", "NOARP",
-                                 "LOWER_UP", "MULTICAST", "ALLMULTI", "NO-CARRIER"}) {
-            flags += std::count(set.begin(), set.end(), name) != 0 ? name + std::string(",") : "";
-        }
+        std::vector<std::string> flags = each["flags"];
+        std::erase(flags, "M-DOWN");  // Of the other end.
         lines_.insert(joined(
             "link", each["ifindex"].get<uint32_t>(), text(each, "ifname"), text(each, "address"),
-            each["mtu"].get<uint32_t>(), flags, lower(each["operstate"]), "in",
+            each["mtu"].get<uint32_t>(), sorted(flags), lower(each["operstate"]), "in",
             each.contains("master") ? index(each["master"]) : 0,
             each.contains("linkinfo") ? each["linkinfo"].value("info_kind", "") : ""));
     }
@@ -169,26 +175,15 @@ class IpLines {
                       each.contains("dev") ? index(each["dev"]) : 0, number(each, "weight", 1),
                       std::count(flags.begin(), flags.end(), "onlink") != 0);
     }
-    void addRoute(const Json& each, bool isV4) {
-        std::string prefix = each["dst"];
-        prefix = prefix == "default" ? isV4 ? "0.0.0.0/0" : "::/0" : prefix;
-        prefix += prefix.find('/') == std::string::npos ? isV4 ? "/32" : "/128" : "";
-        std::vector<std::string> hops;
+    void addRoute(const Json& each) {
+        std::vector<std::string> hops(each.contains("dev") ? 1 : 0, hop(each));
         for (const Json& next : each.value("nexthops", Json::array())) {
             hops.push_back(hop(next));
         }
-        if (each.contains("dev")) {
-            hops.push_back(hop(each));
-        }
-        std::sort(hops.begin(), hops.end());
-        std::string line =
-            joined("route", prefix, number(each, "table", RT_TABLE_MAIN), number(each, "metric"),
-                   number(each, "tos"), number(each, "type", RTN_UNICAST), number(each, "protocol"),
-                   number(each, "scope"), text(each, "prefsrc"));
-        for (const std::string& next : hops) {
-            line += "via " + next;
-        }
-        lines_.insert(line);
+        lines_.insert(joined("route", text(each, "dst"), number(each, "table", RT_TABLE_MAIN),
+                             number(each, "metric"), number(each, "tos"),
+                             number(each, "type", RTN_UNICAST), number(each, "protocol"),
+                             number(each, "scope"), text(each, "prefsrc"), "via", sorted(hops)));
     }
 
     std::string netNs_;
@@ -198,20 +193,14 @@ class IpLines {
 
 /// What only one of both has; empty for equal ones.
 inline std::string differenceOf(const Lines& ours, const Lines& theirs) {
-    std::vector<std::string> only;
-    std::string text;
-    std::set_difference(ours.begin(), ours.end(), theirs.begin(), theirs.end(),
-                        std::back_inserter(only));
-    for (std::size_t i = 0; i < std::min<std::size_t>(only.size(), 20); ++i) {
-        text += "only here:  " + only[i] + "\n";
-    }
-    only.clear();
-    std::set_difference(theirs.begin(), theirs.end(), ours.begin(), ours.end(),
-                        std::back_inserter(only));
-    for (std::size_t i = 0; i < std::min<std::size_t>(only.size(), 20); ++i) {
-        text += "only there: " + only[i] + "\n";
-    }
-    return text;
+    const auto onlyIn = [](const char* where, const Lines& some, const Lines& others) {
+        std::vector<std::string> only;
+        std::set_difference(some.begin(), some.end(), others.begin(), others.end(),
+                            std::back_inserter(only));
+        only.resize(std::min<std::size_t>(only.size(), 20));
+        return only.empty() ? "" : where + sorted(only);
+    };
+    return onlyIn("only here: ", ours, theirs) + onlyIn("only there: ", theirs, ours);
 }
 
 }  // namespace PavoTest

@@ -1,0 +1,111 @@
+/// @file
+/// What observers of `KernelInfo` alone know of a namespace.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Pavo/KernelInfo.h"
+#include "kernel/KernelText.h"
+
+namespace PavoTest {
+
+/// Whether something came or went: "+-+" for what came, went and came. Further messages about what
+/// is there, or gone, are no change.
+struct Comings : std::map<std::string, std::string> {
+    void note(const std::string& what, bool isThere) {
+        std::string& signs = (*this)[what];
+        const char sign = isThere ? '+' : '-';
+        signs += signs.empty() || signs.back() != sign ? std::string(1, sign) : "";
+    }
+};
+
+/// A notification of a collection is one change, and of the net difference: what has come was not
+/// there, and what has gone was.
+class Shadow {
+  public:
+    using Names = std::map<Mox::String, uint32_t>;  // Indices.
+
+    explicit Shadow(const Mox::Ptr<Pavo::KernelInfo>& info) : info_(info) {}
+
+    Lines lines() const {
+        Lines all;
+        for (const auto& [name, each] : members_) {
+            all.insert(each.lines.begin(), each.lines.end());
+        }
+        all.erase("");
+        return all;
+    }
+
+    Comings comings;
+    Names names;
+    uint64_t notifications = 0;
+
+  private:
+    struct Known {
+        Lines lines;
+        std::shared_ptr<void> watch = nullptr;
+    };
+
+    // What follows a '|' in the name of a member is not in that of its coming.
+    void linesAre(const std::string& name, const Lines& lines) {
+        ++notifications;
+        Known& known = members_[name];
+        known.lines = lines;
+        comings.note(name.substr(0, name.find('|')), !lines.empty());
+    }
+    template <class T>
+    void memberIs(const std::string& name, const Mox::Ptr<T>& member) {
+        EXPECT_EQ(members_[name].lines.empty(), member != nullptr) << "no difference";
+        linesAre(name, member ? Lines{lineOf(*member)} : Lines());
+        Known& known = members_[name];
+        const auto change = [this, &known, object = member.ptr()](const Mox::Change&) {
+            ++notifications;
+            known.lines = {lineOf(*object)};
+        };
+        known.watch = member ? std::make_shared<Mox::Watch<T>>(member, Mox::allAttributes, change)
+                             : std::shared_ptr<Mox::Watch<T>>();
+    }
+    void routesAre(const Pavo::RouteKey& key) {
+        Lines lines;
+        for (const Pavo::Route& each : info_->routes()->routes(key)) {
+            lines.insert(lineOf(each));
+        }
+        const std::string name = joined("route", textOf(key.prefix)) + '|' +
+                                 joined(key.prefix, key.table, key.metric, int{key.tos});
+        EXPECT_NE(members_[name].lines, lines) << "no difference";
+        linesAre(name, lines);
+    }
+    void nameIs(const Mox::String& name) {
+        const auto link = info_->linkByName(name);
+        link ? names[name] = link->index() : names.erase(name);
+    }
+
+    template <class T>
+    using Watch = Mox::Watch<T>;
+    using Info = Pavo::KernelInfo;
+
+    const Mox::Ptr<Info> info_;
+    std::map<std::string, Known> members_;
+    Watch<Info> links_{info_, Info::linkByIndexAttr, [this](uint32_t index) {
+                           memberIs(joined("link", index), info_->linkByIndex(index));
+                       }};
+    Watch<Info> names_{info_, Info::linkByNameAttr,
+                       [this](const Mox::String& name) { nameIs(name); }};
+    Watch<Info> addresses_{info_, Info::addressesAttr, [this](const Pavo::LinkAddressKey& key) {
+                               memberIs(joined("address", key.ifIndex, textOf(key.address)),
+                                        info_->address(key));
+                           }};
+    Watch<Info> neighbours_{
+        info_, Info::neighboursAttr, [this](const Pavo::NeighbourKey& key) {
+            memberIs(joined("neighbour", textOf(key.address)) + '|' + std::to_string(key.ifIndex),
+                     info_->neighbour(key));
+        }};
+    Watch<Pavo::RouteTable> routes_{info_->routes(), Pavo::RouteTable::routesAttr,
+                                    [this](const Pavo::RouteKey& key) { routesAre(key); }};
+};
+
+}  // namespace PavoTest
