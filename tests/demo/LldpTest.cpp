@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "Mox/Clock.h"
-#include "Mox/EventLoop.h"
 #include "Pavo/BuildPkt.h"
 #include "Pavo/EthHdr.h"
 #include "Pavo/PamConnector.h"
@@ -154,10 +153,8 @@ TEST_F(LldpEndpoint, ReceivesNothingButUntaggedFramesOfTheGroup) {
     for (const Pavo::Eth& eth : {toHost, other, toGroup}) {
         peer->txPktIs(Pavo::buildPkt(eth, image(pduOf("untagged", 100))));
     }
-    for (int turns = 0; turns < 100 && agent.table()->neighbour().members() == 0; ++turns) {
-        loop.turn(/*timeoutSeconds=*/0.1);
-    }
-    ASSERT_EQ(agent.table()->neighbour().members(), 1u);
+    ASSERT_TRUE(
+        PavoTest::turnsUntil(loop, [&] { return agent.table()->neighbour().members() == 1; }));
     EXPECT_EQ(agent.table()->neighbour().begin()->second.systemName, "untagged");
     EXPECT_EQ(pam->rxPktCount(), 2u);  // The tagged one, and the good one.
 }

@@ -4,30 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <iterator>
 #include <sstream>
 #include <string>
 
-#include "Mox/EventLoop.h"
 #include "Pavo/KernelInfo.h"
 #include "Pavo/NetnsUtils.h"
 #include "kernel/KernelText.h"
 #include "support/SandboxTest.h"
 
 namespace PavoTest {
-
-/// Turns the loop until `done`, for a bounded time.
-inline bool reaches(Mox::EventLoop& loop, const std::function<bool()>& done, int tenths = 100) {
-    const double end = loop.clock()->now() + tenths / 10.0;
-    while (!done()) {
-        if (loop.clock()->now() > end) {
-            return false;
-        }
-        loop.turn(0.02);
-    }
-    return true;
-}
 
 /// A namespace that is followed.
 struct Followed {
@@ -47,32 +33,30 @@ struct Followed {
         run({std::istream_iterator<std::string>(words), {}});
     }
     bool isInSync() {
-        return reaches(loop, [this] { return info->isInSync(); });
+        return turnsUntil(loop, [this] { return info->isInSync(); });
     }
     /// What still differs after a while, when no message is left to be read.
     std::string difference() {
         std::string text;
-        reaches(
-            loop,
-            [&] {
-                for (int turns = 0; loop.turn(0.02) != 0 && turns < 100'000; ++turns) {
-                }
-                text = info->isInSync() ? differenceOf(linesOf(*info), IpLines(netNs).lines())
-                                        : "not in sync";
-                return text.empty();
-            },
-            /*tenths=*/300);
+        const auto isEqual = [&] {
+            for (int turns = 0; loop.turn(0.02) != 0 && turns < 100'000; ++turns) {
+            }
+            text =
+                info->isInSync() ? differenceOf(linesOf(*info), linesOfIp(netNs)) : "not in sync";
+            return text.empty();
+        };
+        turnsUntil(loop, isEqual, /*seconds=*/30);
         return text;
     }
     /// The answer to a request.
     Pavo::NetlinkAnswer ask(const Pavo::NetlinkMessage& message) {
         Pavo::NetlinkAnswer got{-1, {}};
         session->requestIs(message, [&](const Pavo::NetlinkAnswer& answer) { got = answer; });
-        EXPECT_TRUE(reaches(loop, [&] { return got.error != -1; }));
+        EXPECT_TRUE(turnsUntil(loop, [&] { return got.error != -1; }));
         return got;
     }
     Mox::Ptr<Pavo::Link> link(const char* name) {
-        EXPECT_TRUE(reaches(loop, [&] { return info->linkByName(name) != nullptr; })) << name;
+        EXPECT_TRUE(turnsUntil(loop, [&] { return info->linkByName(name) != nullptr; })) << name;
         return info->linkByName(name);
     }
 

@@ -29,10 +29,11 @@ class KernelInfoTest : public SandboxTest {};
 class IpMonitor {
   public:
     explicit IpMonitor(Followed& ns) : ns_(ns) {
-        EXPECT_TRUE(reaches(ns_.loop, [this] { return isShown(); }));  // Silent when it is ready.
+        EXPECT_TRUE(
+            turnsUntil(ns_.loop, [this] { return isShown(); }));  // Silent when it is ready.
     }
     Comings comings() {
-        EXPECT_TRUE(reaches(ns_.loop, [this] { return isShown(); }));
+        EXPECT_TRUE(turnsUntil(ns_.loop, [this] { return isShown(); }));
         Comings comings;
         std::ifstream log(path_);
         for (std::string line; std::getline(log, line);) {
@@ -204,10 +205,10 @@ TEST_F(KernelRequestsTest, ChangeTheKernelAndAllThatIpMonitorShowsIsSeen) {
     LinkStatistics counters;
     linkStatisticsIs(ns_->session, link->index(),
                      [&](const NetlinkAnswer&, const LinkStatistics& got) { counters = got; });
-    EXPECT_TRUE(reaches(ns_->loop, [&] { return counters.txPackets > 0; }));
+    EXPECT_TRUE(turnsUntil(ns_->loop, [&] { return counters.txPackets > 0; }));
     ns_->ip("link add br0 type bridge");
     expectOnce(linkDelRequest(link->index()), ENODEV);
-    EXPECT_TRUE(reaches(ns_->loop, [&] { return !link->exists(); }));
+    EXPECT_TRUE(turnsUntil(ns_->loop, [&] { return !link->exists(); }));
     expectSeenAllOf(monitor.comings(), shadow.comings);
 }
 
@@ -223,14 +224,15 @@ TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
         const auto one = status->ns(name);
         return one && one->state() == NamespaceState::active;
     };
-    EXPECT_TRUE(reaches(loop, [&] { return isActive(NamespaceName::defaultNamespace()); }));
+    EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(NamespaceName::defaultNamespace()); }));
     ASSERT_EQ(netNsAdd("blue"), 0);
-    EXPECT_TRUE(reaches(loop, [&] { return isActive(blue); }));
+    EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(blue); }));
     run({"ip", "-n", "blue", "link", "add", "v0", "type", "veth", "peer", "name", "w0"});
     run({"ip", "-n", "blue", "address", "add", "10.0.0.1/24", "dev", "v0"});
     const auto info = mgr->kernelInfo(blue);
     ASSERT_TRUE(info);
-    EXPECT_TRUE(reaches(loop, [&] { return handle->link() && info->addresses().members() == 3; }));
+    EXPECT_TRUE(
+        turnsUntil(loop, [&] { return handle->link() && info->addresses().members() == 3; }));
 
     std::string order;
     const Mox::Watch<NamespaceStatusLocal> state(
@@ -245,14 +247,14 @@ TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
     const Mox::Watch<NamespaceStatusLocalDir> names(
         status, NamespaceStatusLocalDir::nsAttr, [&](const NamespaceName&) { order += " name"; });
     ASSERT_EQ(netNsAddEvenIfPresent("blue"), 0);  // The loop has no turn between.
-    EXPECT_TRUE(reaches(loop, [&] { return isActive(blue) && mgr->kernelInfo(blue) != info; }));
+    EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(blue) && mgr->kernelInfo(blue) != info; }));
     EXPECT_EQ(order,
               "deleting addresses addresses addresses linkByIndex linkByIndex linkByIndex went "
               "name name came");
     EXPECT_FALSE(handle->link());
     EXPECT_EQ(mgr->kernelInfo(blue)->linkByIndex().members(), 1u);
     ASSERT_EQ(netNsDelete("blue"), 0);
-    EXPECT_TRUE(reaches(loop, [&] { return !status->ns(blue) && !mgr->kernelInfo(blue); }));
+    EXPECT_TRUE(turnsUntil(loop, [&] { return !status->ns(blue) && !mgr->kernelInfo(blue); }));
     mgr->close();
     EXPECT_EQ(status->ns().members(), 0u);
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <string>
@@ -26,10 +27,10 @@ class Storm {
   public:
     explicit Storm(uint32_t seed) : random_(seed) {}
 
-    static std::string setUp() {
+    std::string setUp() {
         std::string script = "link add br0 type bridge\nlink set br0 up\n";
-        for (int i = 0; i < links; ++i) {
-            script += linkAdd(i);
+        for (uint32_t link = 0; link < links; ++link) {
+            script += filled(linkAdd, link);
         }
         return script;
     }
@@ -40,7 +41,7 @@ class Storm {
         for (uint32_t i = 0; i < routes; ++i) {
             scripts.back() += route(routes);
             if (below(routes) < 100) {
-                scripts.back() += other();
+                scripts.back() += filled(anyOf(changes), below(links));
                 scripts.emplace_back();
             }
         }
@@ -51,79 +52,59 @@ class Storm {
     uint32_t lastMtu = 1280;  // Of lo, after all lines of the last script.
 
   private:
-    static constexpr int links = 6;
+    static constexpr uint32_t links = 6;
+    // '#' is the number of a link, '@' that of any, '$' a digit that is the same in all places.
+    static constexpr const char* linkAdd =
+        "link add v# type veth peer name w#\nlink set w# up\nlink set v# up\n"
+        "address add 10.200.#.1/24 dev v#\naddress add 10.201.#.1/24 dev v#\n"
+        "address add 2001:db8:#::1/64 dev v# nodad";
+    using Texts = std::vector<std::string>;
+    static inline const Texts changes = {
+        "link set v# up", "link set v# up", "link set v# down", "link set v# down",
+        "link set v# mtu 1400", "link set v# master br0", "link set v# nomaster",
+        "link set v# address 02:00:00:00:00:0#", std::string("link del v@\n") + linkAdd,
+        std::string("link del v#\n") + linkAdd, "link set v# name x#\nlink set x@ name v@",
+        "link set v# name x#\nlink set x# name v@", "address add 10.201.#.1/24 dev v#",
+        "address add 10.201.#.1/24 dev w@", "address del 10.201.#.1/24 dev v#",
+        "address del 10.201.#.1/24 dev v@", "address add 2001:db8:f$::1/64 dev v# nodad",
+        "address add 2001:db8:f$::1/64 dev w#", "address del 2001:db8:f$::1/64 dev v#",
+        "neigh replace 10.200.#.1$ lladdr 02:00:00:00:01:$@ dev v# nud permanent",
+        "neigh replace 2001:db8::$ lladdr 02:00:00:00:01:$@ dev w# nud permanent",
+        // A batch ends where there is none to delete.
+        "neigh replace 10.200.#.2$ lladdr 02:00:00:00:01:$@ dev v# nud permanent\n"
+        "neigh del 10.200.#.2$ dev v#\nneigh del 10.200.#.1$ dev v#"};
+    // '%' is the prefix.
+    static inline const Texts ways4 = {
+        "% via 10.200.@.1@", "% via 10.200.@.1@", "% via 10.200.#.1@ src 10.201.#.1",
+        "% nexthop via 10.200.@.1@ nexthop via 10.200.@.1@", "blackhole %"};
+    static inline const Texts ways6 = {"% via 2001:db8:@::@",
+                                       "% nexthop via 2001:db8:@::@ nexthop via 2001:db8:@::@"};
+    static inline const Texts ways6WithoutGateway = {"% dev v@", "blackhole %"};
 
-    static std::string linkAdd(int i) {
-        const std::string number = std::to_string(i);
-        return "link add v" + number + " type veth peer name w" + number + "\nlink set w" + number +
-               " up\nlink set v" + number + " up\naddress add 10.200." + number + ".1/24 dev v" +
-               number + "\naddress add 10.201." + number + ".1/24 dev v" + number +
-               "\naddress add 2001:db8:" + number + "::1/64 dev v" + number + " nodad\n";
-    }
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
-    std::string number(uint32_t limit) { return std::to_string(below(limit)); }
-    std::string anyOf(const std::vector<std::string>& texts) {
-        return texts[below(static_cast<uint32_t>(texts.size()))];
-    }
-
-    std::string hop(bool isV6) {
-        const std::string link = number(links);
-        return (isV6 ? "via 2001:db8:" + link + "::" : "via 10.200." + link + ".") +
-               std::to_string(2 + below(5));
+    uint32_t below(std::size_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    const std::string& anyOf(const Texts& texts) { return texts[below(texts.size())]; }
+    std::string filled(std::string text, uint32_t link) {
+        const uint32_t digit = below(10);
+        for (char& each : text) {
+            const uint32_t number = each == '#' ? link : each == '$' ? digit : below(links);
+            each = std::strchr("#@$", each) != nullptr ? static_cast<char>('0' + number) : each;
+        }
+        return text + "\n";
     }
     std::string route(uint32_t routes) {
-        const bool isV6 = below(4) == 0;
-        const uint32_t prefix = below(isV6 ? routes / 8 + 1 : routes);
-        // The kernel's dump of IPv6 passes over routes without a gateway that were added between
-        // two next hops of a route of the same key, and ip(8) shows it so.
-        const bool hasGateway = isV6 ? prefix % 4 != 0 : below(4) != 0;
-        std::string line = isV6 ? "2001:" + std::to_string(prefix / 1000) + ":" +
-                                      std::to_string(prefix % 1000) + "::/48"
-                                : "10." + std::to_string(prefix / 256 % 190) + "." +
-                                      std::to_string(prefix % 256) + ".0/24";
-        line += anyOf({"", "", " metric 7", " table 100"}) + " ";
-        if (hasGateway) {
-            const std::string way = hop(isV6);
-            line += anyOf({way, way, way, "nexthop " + way + " nexthop " + hop(isV6),
-                           way + (isV6 ? "" : " src 10.201." + number(links) + ".1")});
-        } else if (!isV6 || below(2) == 0) {
-            line = "blackhole " + line;
-        } else {
-            line += "dev v" + number(links);
+        const uint32_t number = below(routes);
+        std::string prefix = "10." + std::to_string(number / 256 % 190) + "." +
+                             std::to_string(number % 256) + ".0/24";
+        const Texts* ways = &ways4;
+        if (below(4) == 0) {
+            prefix = "2001:" + std::to_string(number / 8) + "::/48";
+            // The kernel's dump of IPv6 passes over routes without a gateway that were added
+            // between two next hops of a route of the same key, and ip(8) shows it so.
+            ways = number / 8 % 4 == 0 ? &ways6WithoutGateway : &ways6;
         }
-        return "route " + anyOf({"add ", "add ", "replace ", "append ", "prepend ", "del "}) +
-               line + "\n";
-    }
-    std::string other() {
-        const std::string link = number(links);
-        const std::string dev = " dev " + anyOf({"v", "w"}) + link;
-        switch (below(9)) {
-            case 0:
-            case 1:
-                return "link set v" + link + " " + anyOf({"up", "down", "up", "down", "mtu 1400"}) +
-                       "\n";
-            case 2:
-                return "link set v" + link + " " +
-                       anyOf({"master br0", "nomaster", "address 02:00:00:00:00:0" + link}) + "\n";
-            case 3:
-                return "link del v" + link + "\n" + linkAdd(static_cast<int>(below(links)));
-            case 4:
-                return "link set v" + link + " name x" + link + "\nlink set x" + number(links) +
-                       " name v" + number(links) + "\n";
-            case 5:
-                return "address " + anyOf({"add", "del"}) + " 10.201." + link + ".1/24" +
-                       anyOf({dev, " dev v" + link, " dev v" + number(links)}) + "\n";
-            case 6:
-                return "address " + anyOf({"add", "del"}) + " 2001:db8:f" + number(3) + "::1/64" +
-                       dev + anyOf({"", " nodad"}) + "\n";
-            default: {  // A batch ends where there is none to delete.
-                const std::string neighbour =
-                    anyOf({" 10.200." + link + ".", " 2001:db8::"}) + number(50) + dev;
-                return "neigh replace" + neighbour +
-                       " lladdr 02:00:00:00:01:" + std::to_string(10 + below(80)) +
-                       " nud permanent\n" + anyOf({"", "neigh del" + neighbour + "\n"});
-            }
-        }
+        std::string way = filled(anyOf(*ways), below(links));
+        way.replace(way.find('%'), 1, prefix + anyOf({"", "", " metric 7", " table 100"}));
+        return "route " + anyOf({"add ", "add ", "replace ", "append ", "prepend ", "del "}) + way;
     }
 
     std::mt19937 random_;
@@ -155,16 +136,16 @@ TEST_F(KernelStorm, IsExactAfterAStorm) {
         const bool isLossy = seed % 2 == 1;
         Followed ns("storm", isLossy ? 4096 : 1 << 28);
         Shadow shadow(ns.info);
-        batch(ns.netNs, {Storm::setUp()});
-        ASSERT_TRUE(ns.isInSync());
         Storm storm(seed);
+        batch(ns.netNs, {storm.setUp()});
+        ASSERT_TRUE(ns.isInSync());
         std::atomic<bool> isOver = false;
         std::thread blowing([&, scripts = storm.scripts(stormRoutes() / 2)] {
             batch("storm", scripts);
             isOver = true;
         });
-        reaches(
-            ns.loop, [&] { return isOver.load(); }, /*tenths=*/6000);
+        turnsUntil(
+            ns.loop, [&] { return isOver.load(); }, /*seconds=*/600);
         blowing.join();
         EXPECT_EQ(ns.difference(), "");
         EXPECT_EQ(ns.link("lo")->mtu(), storm.lastMtu);

@@ -6,7 +6,6 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <string>
@@ -100,96 +99,14 @@ inline Lines linesOf(const Pavo::KernelInfo& info) {
 /// @}
 
 /// What ip(8) has of a namespace.
-class IpLines {
-  public:
-    explicit IpLines(std::string netNs) : netNs_(std::move(netNs)) {
-        const Json links = ask({"-d", "-j", "link", "show"});
-        for (const Json& each : links) {
-            indices_[each["ifname"]] = each["ifindex"];
-        }
-        for (const Json& each : links) {
-            addLink(each);
-        }
-        for (const Json& link : ask({"-j", "address", "show"})) {
-            for (const Json& each : link["addr_info"]) {
-                addAddress(link["ifindex"], each);
-            }
-        }
-        for (const Json& each : ask({"-j", "neigh", "show"})) {
-            lines_.insert(joined("neighbour", index(each["dev"]), text(each, "dst"),
-                                 each.value("lladdr", "00:00:00:00:00:00"),
-                                 lower(each["state"][0])));
-        }
-        for (const char* family : {"-4", "-6"}) {
-            for (const Json& each :
-                 ask({family, "-N", "-d", "-j", "route", "show", "table", "all"})) {
-                addRoute(each);
-            }
-        }
+inline Lines linesOfIp(const std::string& netNs) {
+    std::istringstream shown(PavoSandbox::run({"/usr/bin/python3", PAVO_IP_LINES, netNs}));
+    Lines lines;
+    for (std::string line; std::getline(shown, line);) {
+        lines.insert(line);
     }
-    const Lines& lines() const { return lines_; }
-
-  private:
-    using Json = nlohmann::json;
-
-    Json ask(std::vector<std::string> question) const {
-        question.insert(question.begin(), {"ip", "-n", netNs_});
-        const std::string answer = PavoSandbox::run(question);
-        return answer.empty() ? Json::array() : Json::parse(answer);
-    }
-    uint32_t index(const std::string& name) const { return indices_.at(name); }
-    static std::string text(const Json& object, const char* field) {
-        return object.value(field, "-");
-    }
-    static uint32_t number(const Json& object, const char* field, uint32_t otherwise = 0) {
-        return object.contains(field) && object[field].is_string()
-                   ? static_cast<uint32_t>(std::stoul(object[field].get<std::string>(), nullptr, 0))
-                   : object.value(field, otherwise);
-    }
-
-    static std::string lower(std::string name) {
-        std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-        return name;
-    }
-
-    void addLink(const Json& each) {
-        std::vector<std::string> flags = each["flags"];
-        std::erase(flags, "M-DOWN");  // Of the other end.
-        lines_.insert(joined(
-            "link", each["ifindex"].get<uint32_t>(), text(each, "ifname"), text(each, "address"),
-            each["mtu"].get<uint32_t>(), sorted(flags), lower(each["operstate"]), "in",
-            each.contains("master") ? index(each["master"]) : 0,
-            each.contains("linkinfo") ? each["linkinfo"].value("info_kind", "") : ""));
-    }
-    void addAddress(uint32_t link, const Json& each) {
-        static const std::map<std::string, int> scopes = {
-            {"global", RT_SCOPE_UNIVERSE}, {"link", RT_SCOPE_LINK}, {"host", RT_SCOPE_HOST}};
-        lines_.insert(joined("address", link, text(each, "local"), number(each, "prefixlen"),
-                             text(each, "address"), text(each, "broadcast"),
-                             scopes.at(each["scope"]), each.value("tentative", false),
-                             each.value("dadfailed", false)));
-    }
-    std::string hop(const Json& each) const {
-        const std::vector<std::string> flags = each.value("flags", std::vector<std::string>());
-        return joined(each.contains("via") ? text(each["via"], "host") : text(each, "gateway"),
-                      each.contains("dev") ? index(each["dev"]) : 0, number(each, "weight", 1),
-                      std::count(flags.begin(), flags.end(), "onlink") != 0);
-    }
-    void addRoute(const Json& each) {
-        std::vector<std::string> hops(each.contains("dev") ? 1 : 0, hop(each));
-        for (const Json& next : each.value("nexthops", Json::array())) {
-            hops.push_back(hop(next));
-        }
-        lines_.insert(joined("route", text(each, "dst"), number(each, "table", RT_TABLE_MAIN),
-                             number(each, "metric"), number(each, "tos"),
-                             number(each, "type", RTN_UNICAST), number(each, "protocol"),
-                             number(each, "scope"), text(each, "prefsrc"), "via", sorted(hops)));
-    }
-
-    std::string netNs_;
-    std::map<std::string, uint32_t> indices_;
-    Lines lines_;
-};
+    return lines;
+}
 
 /// What only one of both has; empty for equal ones.
 inline std::string differenceOf(const Lines& ours, const Lines& theirs) {

@@ -327,10 +327,7 @@ TEST_F(NetlinkSessionKernelTest, AnswersEachMessageOfALargeBatch) {
         errors.push_back(answer.error);
         text = answer.error == 0 ? text : answer.text.c_str();
     });
-    for (int turns = 0; turns < 5000 && errors.size() != batch.size(); ++turns) {
-        loop.turn(0.1);
-    }
-    ASSERT_EQ(errors.size(), batch.size());
+    ASSERT_TRUE(PavoTest::turnsUntil(loop, [&] { return errors.size() == batch.size(); }));
     for (std::size_t i = 0; i < errors.size(); ++i) {
         ASSERT_EQ(errors[i], i % 3 != 2 ? 0 : i < 3000 ? EEXIST : EADDRNOTAVAIL) << i;
     }

@@ -34,12 +34,9 @@ class EthDevPamTest : public PamFixture, public testing::WithParamInterface<bool
         pam->txPktIs(pktOf(header + text));
         EXPECT_EQ(pam->txErrno(), error);
     }
-    // Turns until the counts say so, at most 500 times.
     template <class Done>
     void turnsUntil(Done done) {
-        for (int i = 0; i < 500 && !done(); ++i) {
-            loop_.turn(0.01);
-        }
+        EXPECT_TRUE(PavoTest::turnsUntil(loop_, done));
     }
 
     std::optional<Wire> wire_;

@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "Mox/EventLoop.h"
 #include "Pavo/ScopedNetNs.h"
 #include "sandbox/Sandbox.h"
 
@@ -27,6 +28,15 @@ class SandboxTest : public testing::Test {
   protected:
     void SetUp() override { SANDBOX_OR_SKIP(); }
 };
+
+/// Turns the loop until `done()`, for as long as a loaded machine may need; returns `done()`.
+template <class Done>
+bool turnsUntil(Mox::EventLoop& loop, Done done, double seconds = 20) {
+    for (const double end = loop.clock()->now() + seconds; !done() && loop.clock()->now() < end;) {
+        loop.turn(/*timeoutSeconds=*/0.02);
+    }
+    return done();
+}
 
 /// Two namespaces and a wire, with addresses of both families.
 struct Wire {

@@ -21,6 +21,7 @@ using PavoTest::FailSyscall;
 using PavoTest::openDescriptors;
 using PavoTest::TestClient;
 using PavoTest::TestServer;
+using PavoTest::turnsUntil;
 
 const NamespaceName nowhere("nowhere");
 
@@ -155,7 +156,7 @@ TEST_F(TcpClientServerTest, EachFailingCallIsReportedAndRetried) {
     const auto reasonOf = [&](auto& agent, const char* call, unsigned n) {
         FailSyscall fail(n, ENOBUFS, call);
         agent.sm->handleRetry();
-        EXPECT_TRUE(turnUntil([&fail] { return fail.happened(); }));
+        EXPECT_TRUE(turnsUntil(loop_, [&fail] { return fail.happened(); }));
         fail.disarm();
         EXPECT_EQ(openDescriptors(), descriptors);
         const std::string text(agent.status->reason());
@@ -170,7 +171,7 @@ TEST_F(TcpClientServerTest, EachFailingCallIsReportedAndRetried) {
     EXPECT_EQ(reasonOf(server, "epoll_ctl", 1), "Socket");
     clock_.advance(1);
     EXPECT_EQ(server.summary(), "+Listening 4/0/0");
-    EXPECT_TRUE(turnUntil([&] { return client.status->connectionSuccessCount() == 1; }));
+    EXPECT_TRUE(turnsUntil(loop_, [&] { return client.status->connectionSuccessCount() == 1; }));
 }
 
 // What an owner does, and the changes of the status that follow.

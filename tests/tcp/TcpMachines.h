@@ -88,15 +88,6 @@ class TcpTest : public SandboxTest {
         deliver(client);
         deliver(server);
     }
-    /// Turns the loop until `done()`, for as long as a loaded machine may need.
-    template <class Done>
-    bool turnUntil(Done done) {
-        for (int turns = 0; turns < 1000 && !done(); ++turns) {
-            loop_.turn(/*timeoutSeconds=*/0.01);
-        }
-        return done();
-    }
-
     Mox::EventLoop loop_;
     Mox::ManualClock clock_;
     Keel::TimerWheel wheel_{&clock_};

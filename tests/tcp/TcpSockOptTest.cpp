@@ -23,6 +23,7 @@ namespace {
 using PavoTest::addressOf;
 using PavoTest::TestClient;
 using PavoTest::TestServer;
+using PavoTest::turnsUntil;
 
 TEST(TcpFd, OpensNonBlockingSocketsThatTheLastHolderCloses) {
     const auto before = PavoTest::openDescriptors();
@@ -164,7 +165,8 @@ TEST_F(TcpSockOptTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
         client.config->ifIndexIs(ifIndex);
         client.sm->startConnection();
         EXPECT_EQ(client.status->reason(), ifIndex != 0 ? "" : "Connect (Invalid argument)");
-        EXPECT_TRUE(ifIndex == 0 || turnUntil([&] { return bool(client.status->connSocket()); }));
+        EXPECT_TRUE(ifIndex == 0 ||
+                    turnsUntil(loop_, [&] { return bool(client.status->connSocket()); }));
         EXPECT_EQ(client.status->connSocket().ifIndex(), ifIndex);
     }
 }
@@ -217,11 +219,11 @@ TEST_F(TcpSockOptTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
         const long before = c.dropped == in ? 0 : tcpCounter(c.dropped);
         client.sm->startConnection();
         if (c.dropped == in) {
-            EXPECT_TRUE(turnUntil([&] {
+            EXPECT_TRUE(turnsUntil(loop_, [&] {
                 return client.status->connSocket() && server.status->connSocketMembers() == 1;
             })) << client.summary();
         } else {
-            EXPECT_TRUE(turnUntil([&] { return tcpCounter(c.dropped) > before; }));
+            EXPECT_TRUE(turnsUntil(loop_, [&] { return tcpCounter(c.dropped) > before; }));
             EXPECT_EQ(client.summary(), "connecting  1/0/0");
         }
     }
