@@ -2,8 +2,6 @@
 /// A machine on one end of a connector, in virtual time, and what it sends.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 #include <string>
 

@@ -116,33 +116,6 @@ TEST(BfdSession, CountsWhatWaitsBeforeItGoesDown) {
     EXPECT_EQ(lone.session, nullptr);
 }
 
-TEST(BfdSession, SendsAsThePeerWants) {
-    Lone lone;
-    lone.reach(up);
-    BfdHdr pkt = Lone::pktOf(up);
-    const auto sentAfter = [&](uint32_t requiredMinRx, uint8_t flags) {
-        pkt.requiredMinRxIs(requiredMinRx);
-        reinterpret_cast<uint8_t*>(&pkt)[1] = 0xc0 | flags;
-        lone.session->receive(pkt);
-        lone.sent.clear();
-        lone.clock.advance(0.1);
-        return lone.sent.size();
-    };
-    constexpr uint8_t demand = 0x02, final = 0x10;
-    EXPECT_EQ(sentAfter(1'000'000, 0), 0u);
-    EXPECT_GE(sentAfter(50'000, 0), 2u);       // Sooner than the present interval ends.
-    EXPECT_GE(sentAfter(50'000, demand), 2u);  // Polls go on.
-    EXPECT_TRUE(lone.sent.back().isPoll());
-    EXPECT_EQ(sentAfter(50'000, demand | final), 0u);
-    EXPECT_GE(sentAfter(50'000, 0), 2u);
-    EXPECT_FALSE(lone.sent.back().isPoll());
-    EXPECT_EQ(sentAfter(0, 0), 0u);
-    lone.clock.advance(2);  // The peer is gone.
-    EXPECT_EQ(lone.session->state(), down);
-    EXPECT_EQ(lone.sent.back().yourDiscr(), 0u);
-    EXPECT_TRUE(lone.sent.back().isPoll());
-}
-
 // A host with an agent, on one end of a link.
 struct Side {
     Side(const SessionConfig& wanted, const char* local, const char* peer,

@@ -10,7 +10,6 @@
 #include "Pavo/EthHdr.h"
 #include "Pavo/PamConnector.h"
 #include "lldp/LldpAgent.h"
-#include "support/SandboxTest.h"
 
 namespace Lldp {
 namespace {
@@ -132,31 +131,6 @@ TEST(LldpAgent, AnswersNewNeighboursAndMayBeDestroyedByAnObserver) {
                                            [&](const Key&) { agent = nullptr; });
     receive("c");
     EXPECT_EQ(agent, nullptr);
-}
-
-class LldpEndpoint : public PavoTest::SandboxTest {};
-
-TEST_F(LldpEndpoint, ReceivesNothingButUntaggedFramesOfTheGroup) {
-    const PavoTest::Wire wire;
-    Mox::EventLoop loop;
-    const auto pam = newEndpoint(Pavo::NamespaceName("left"), "veth-left");
-    LldpAgent agent({.mac = pam->ethAddr(), .own = pduOf("left", 0)}, pam, loop.clock());
-    const auto peer = Pavo::ethDevPamFactory("peer", Pavo::NamespaceName("right"));
-    peer->deviceIs("veth-right");
-    peer->enabledIs(true);
-    const Pavo::Eth toGroup{.dst = nearestBridge, .type = Pavo::EthType::lldp};
-    const Pavo::Eth toHost{.dst = pam->ethAddr(), .type = Pavo::EthType::lldp};
-    const Pavo::Eth other{.dst = nearestBridge, .type = Pavo::EthType::slowProtocols};
-    const auto tagged = Pavo::buildPkt(toGroup, image(pduOf("tagged", 100)));
-    tagged->newSeparateVlanTag(/*tci=*/7, Pavo::EthType::dot1Q);
-    peer->txPktIs(tagged);
-    for (const Pavo::Eth& eth : {toHost, other, toGroup}) {
-        peer->txPktIs(Pavo::buildPkt(eth, image(pduOf("untagged", 100))));
-    }
-    ASSERT_TRUE(
-        PavoTest::turnsUntil(loop, [&] { return agent.table()->neighbour().members() == 1; }));
-    EXPECT_EQ(agent.table()->neighbour().begin()->second.systemName, "untagged");
-    EXPECT_EQ(pam->rxPktCount(), 2u);  // The tagged one, and the good one.
 }
 
 }  // namespace

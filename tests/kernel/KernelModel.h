@@ -6,13 +6,11 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <deque>
 #include <map>
 #include <optional>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "Mox/Clock.h"

@@ -1,8 +1,6 @@
 // Links, addresses, neighbours and routes that change as fast as ip(8) can change them.
 #include <gtest/gtest.h>
-#include <linux/rtnetlink.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>

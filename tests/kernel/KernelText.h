@@ -2,7 +2,6 @@
 /// What `KernelInfo` and ip(8) say of a namespace, in lines of one form.
 #pragma once
 
-#include <linux/rtnetlink.h>
 #include <net/if.h>
 
 #include <algorithm>

@@ -7,7 +7,6 @@
 #include <linux/rtnetlink.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
@@ -15,7 +14,6 @@
 #include <vector>
 
 #include "Mox/EventLoop.h"
-#include "Pavo/NetlinkAttributes.h"
 #include "Pavo/NetlinkSession.h"
 #include "support/SandboxTest.h"
 
@@ -29,11 +27,10 @@ const struct Kind {
     const char* name;  // And of the file of its recording.
     uint16_t getType;
     uint32_t group;
-    int members;  // In that file.
-} kinds[] = {{"links", RTM_GETLINK, RTNLGRP_LINK, 2},
-             {"addresses", RTM_GETADDR, RTNLGRP_IPV4_IFADDR, 2},
-             {"neighbours", RTM_GETNEIGH, RTNLGRP_NEIGH, 1},
-             {"routes", RTM_GETROUTE, RTNLGRP_IPV4_ROUTE, 6}};
+} kinds[] = {{"links", RTM_GETLINK, RTNLGRP_LINK},
+             {"addresses", RTM_GETADDR, RTNLGRP_IPV4_IFADDR},
+             {"neighbours", RTM_GETNEIGH, RTNLGRP_NEIGH},
+             {"routes", RTM_GETROUTE, RTNLGRP_IPV4_ROUTE}};
 
 // Notes the bytes of messages.
 struct Log : NetlinkFollower {
@@ -113,11 +110,7 @@ TEST_F(NetlinkRecorderTest, RecordsExchangesThatPlayBackTheSame) {
 TEST(NetlinkRecorder, PlaysBackRecordingsWithoutAKernel) {
     for (const Kind& kind : kinds) {
         const std::string path = std::string(PAVO_RECORDINGS "/") + kind.name + ".pcapng";
-        // The members of the table between the marks of the dump, a link, and the two answers.
-        const Texts log = played(kind, path);
-        EXPECT_EQ(std::find(log.begin(), log.end(), "end") - log.begin(), kind.members + 1);
-        EXPECT_THAT(log, testing::IsSupersetOf({"begin", "end", "link", "answer 0 "}));
-        EXPECT_EQ(log.back(), refused);
+        EXPECT_EQ(played(kind, path).back(), refused);
     }
     Mox::ManualClock clock;
     const auto player = netlinkPlayerFactory(PAVO_RECORDINGS "/links.pcapng", &clock);

@@ -1,18 +1,12 @@
 // Sessions over a model of the kernel, and over the kernel.
 #include "Pavo/NetlinkSession.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,6 +16,7 @@
 
 #include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
+#include "Pavo/KernelRequests.h"
 #include "Pavo/NetlinkAttributes.h"
 #include "Pavo/NetlinkRecorder.h"
 #include "kernel/KernelModel.h"
@@ -211,10 +206,6 @@ struct World : PavoTest::RandomProgram {
             on.mirrors[table].items[table].clear();
         }
     }
-    void drop() {
-        side().watch = {};
-        side().session = nullptr;
-    }
     void change() {
         for (uint32_t count = 1 + below(4); count > 0; --count) {
             (void)side().kernel.set(below(2), below(12), oneIn(3) ? 0 : 1 + below(9));
@@ -253,7 +244,7 @@ struct World : PavoTest::RandomProgram {
               {"follow 1", [this] { follow(1, true); }},
               {"leave 0", [this] { follow(0, false); }},
               {"disable", [this] { enable(false); }},
-              {"drop", [this] { drop(); }}},
+              {"drop", [this] { side().watch = {}, sides.back()->session = nullptr; }}},
              {{"enable", [this] { enable(true); }},
               {"forge", [this] { side().kernel.forge(); }},
               {"little room", [this] { side().kernel.room = 1 + below(6); }},
@@ -305,33 +296,23 @@ TEST(NetlinkSession, WaitsLongerBeforeEachFreshDumpOfAStorm) {
 
 using NetlinkSessionKernelTest = PavoTest::SandboxTest;
 
-// The address 10.x.y.z/32 of `lo`.
-NetlinkMessage addressMessage(uint16_t type, uint32_t number) {
-    NetlinkMessage message(type, type == RTM_NEWADDR ? NLM_F_CREATE | NLM_F_EXCL : 0);
-    message.bodyIs<ifaddrmsg>() = {AF_INET, 32, 0, 0, 1};
-    message.attributeIs(IFA_LOCAL, htonl(0x0a000000 + number));
-    return message;
-}
-
 TEST_F(NetlinkSessionKernelTest, AnswersEachMessageOfALargeBatch) {
     Mox::EventLoop loop;
     const auto session = netlinkSessionFactory("session", NamespaceName(), loop.clock());
     session->enabledIs(true);
-    std::vector<NetlinkMessage> batch;  // Every third address is there already, or not any more.
+    std::vector<NetlinkMessage> batch;  // Every third is refused.
     for (uint32_t i = 0; i < 6000; ++i) {
-        batch.push_back(addressMessage(i < 3000 ? RTM_NEWADDR : RTM_DELADDR, i % 3000 - i % 3 / 2));
+        const LinkAddressKey key{/*ifIndex=*/1, IpAddr(0x0a000000 + i % 3000 - i % 3 / 2)};
+        batch.push_back(i < 3000 ? addressAddRequest({key, 32, {}, {}, 0, 0})
+                                 : addressDelRequest(key, 32));
     }
-    std::vector<int> errors;
-    std::string text;
-    session->requestsAre(batch, [&](std::size_t, const NetlinkAnswer& answer) {
-        errors.push_back(answer.error);
-        text = answer.error == 0 ? text : answer.text.c_str();
+    std::size_t answers = 0;
+    session->requestsAre(batch, [&](std::size_t i, const NetlinkAnswer& answer) {
+        ++answers;
+        ASSERT_EQ(answer.error, i % 3 != 2 ? 0 : i < 3000 ? EEXIST : EADDRNOTAVAIL) << i;
+        EXPECT_TRUE(i != 5999 || answer.text == "ipv4: Address not found") << answer.text;
     });
-    ASSERT_TRUE(PavoTest::turnsUntil(loop, [&] { return errors.size() == batch.size(); }));
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        ASSERT_EQ(errors[i], i % 3 != 2 ? 0 : i < 3000 ? EEXIST : EADDRNOTAVAIL) << i;
-    }
-    EXPECT_EQ(text, "ipv4: Address not found");
+    EXPECT_TRUE(PavoTest::turnsUntil(loop, [&] { return answers == batch.size(); }));
     EXPECT_EQ(session->overflows() + session->staleAnswers(), 0u);
 }
 

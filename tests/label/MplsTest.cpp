@@ -332,21 +332,6 @@ TEST(MplsLabelOperation, IsARecordAndConvertsToUnbounded) {
         each.removeImplicitNullForPushOrSwap();
         EXPECT_EQ(each.boundedLabelStack() != bounded("P 16"), action == MplsLabelAction::pop);
     }
-    // clang-format off
-    using Operation = MplsLabelOperation;
-    Operation seven(MplsLabelAction::push, bounded("16*7"));
-    uint32_t label = 20;
-    for (const auto& [labelIs, get] : {
-             std::pair(&Operation::label0Is, &Operation::label0),
-             {&Operation::label1Is, &Operation::label1},
-             {&Operation::label2Is, &Operation::label2}, {&Operation::label3Is, &Operation::label3},
-             {&Operation::label4Is, &Operation::label4}, {&Operation::label5Is, &Operation::label5},
-             {&Operation::label6Is, &Operation::label6}}) {
-        (seven.*labelIs)(label);
-        EXPECT_EQ((seven.*get)(), MplsLabel(label++));
-    }
-    // clang-format on
-    EXPECT_EQ(seven.boundedLabelStack(), bounded("20 21 22 23 24 25 26"));
     EXPECT_EQ(operation.label3(), MplsLabel::null);
     EXPECT_EQ(rangeErrorOf([&] { operation.label3Is(16); }), placeText);
     EXPECT_EQ(rangeErrorOf([] { (void)MplsLabelOperation().topLabel(); }),

@@ -156,14 +156,28 @@ TEST(BuildPkt, WritesWhatTheCallerSets) {
            .totalLen = 7,
            .checksum = IpChecksum(0x3456)},
         Ip6{.nextHeader = IpProtocolNumber::ah, .version = 7, .payloadLen = 9},
-        Tcp{.ack = true, .fin = true, .dataOffset = 3, .checksum = IpChecksum(0x4567)},
-        Udp{.len = 11, .checksum = IpChecksum()}, Icmp{.checksum = IpChecksum(0x5678)},
-        Icmp6{.checksum = IpChecksum(0x6789)}, Sctp{.checksum = SctpChecksum(0x789a)});
+        Tcp{.srcPort = 21,
+            .dstPort = 22,
+            .sequenceNumber = 23,
+            .acknowledgementNumber = 24,
+            .ack = true,
+            .fin = true,
+            .window = 25,
+            .urgentPointer = 26,
+            .dataOffset = 3,
+            .checksum = IpChecksum(0x4567)},
+        Udp{.srcPort = 31, .dstPort = 32, .len = 11, .checksum = IpChecksum()},
+        Icmp{.id = 41, .sequenceNumber = 42, .checksum = IpChecksum(0x5678)},
+        Icmp6{.id = 51, .sequenceNumber = 52, .checksum = IpChecksum(0x6789)},
+        Sctp{
+            .srcPort = 61, .dstPort = 62, .verificationTag = 63, .checksum = SctpChecksum(0x789a)});
     const std::pair<uint32_t, uint16_t> fields[] = {
-        {12, 0x1234},  {14, 0x5007},  {16, 0x2345}, {20, 0x0040}, {22, 0x5f00},
-        {24, 7},       {30, 0x402f},  {32, 0x3456}, {42, 0x7000}, {46, 9},
-        {48, 0x3340},  {94, 0x3011},  {98, 0x4567}, {106, 11},    {108, 0},
-        {112, 0x5678}, {120, 0x6789}, {134, 0},     {136, 0x789a}};
+        {12, 0x1234}, {14, 0x5007}, {16, 0x2345},  {20, 0x0040}, {22, 0x5f00}, {24, 7},
+        {30, 0x402f}, {32, 0x3456}, {42, 0x7000},  {46, 9},      {48, 0x3340}, {82, 21},
+        {84, 22},     {88, 23},     {92, 24},      {94, 0x3011}, {96, 25},     {98, 0x4567},
+        {100, 26},    {102, 31},    {104, 32},     {106, 11},    {108, 0},     {112, 0x5678},
+        {114, 41},    {116, 42},    {120, 0x6789}, {122, 51},    {124, 52},    {126, 61},
+        {128, 62},    {132, 63},    {134, 0},      {136, 0x789a}};
     for (const auto& [offset, value] : fields) {
         EXPECT_EQ(loadNet<uint16_t>(pkt->frontData() + offset), value) << offset;
     }

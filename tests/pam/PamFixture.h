@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "Mox/EventLoop.h"
 #include "Mox/Exception.h"
 #include "Pavo/FdPam.h"
 #include "Pavo/RawIpPam.h"
@@ -155,14 +154,9 @@ class PamFixture : public PavoTest::SandboxTest {
 
     // Turns until a packet has come; one from the same host is there within the send.
     Mox::Ptr<Pkt> receive(const Mox::Ptr<Pam>& pam) {
-        for (int i = 0; i < 10; ++i) {
-            if (const auto pkt = pam->rxPkt()) {
-                return pkt;
-            }
-            loop_.turn(0.2);
-        }
-        ADD_FAILURE() << "no packet";
-        return pktOf(std::string(40, '?'));
+        Mox::Ptr<Pkt> pkt;
+        EXPECT_TRUE(PavoTest::turnsUntil(loop_, [&] { return (pkt = pam->rxPkt()) != nullptr; }));
+        return pkt ? pkt : pktOf(std::string(40, '?'));
     }
 
     // What follows the header that an IPv4 packet is received with.

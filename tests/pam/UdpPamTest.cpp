@@ -1,8 +1,6 @@
 // UDP endpoints: each test runs for IPv4 and for IPv6.
 #include "Pavo/UdpPam.h"
 
-#include <netinet/in.h>
-
 #include <cerrno>
 #include <ctime>
 

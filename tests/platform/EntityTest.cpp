@@ -63,29 +63,8 @@ TEST(Ptr, CountsRightWhenThreadsShareAnObjectAndDropItLast) {
     PtrInterface::threadSafePointersIs(false);
 }
 
-// Sets are part of the entities below. Directories are part of the random programs; a map deletes
-// its members by the same function.
-
-TEST(Array, ChangesWhereAValueDoes) {
-    Array<int> array;
-    EXPECT_TRUE(array.is(2, 5));  // Past the end.
-    EXPECT_FALSE(array.is(2, 5));
-    EXPECT_TRUE(array.is(0, 1) && array.is(3, 0));
-    EXPECT_EQ(array.members(), 4u);
-    EXPECT_TRUE(array.del(3));  // The last one is removed,
-    EXPECT_FALSE(array.del(3));
-    EXPECT_TRUE(array.del(0));  // another one back to the default.
-    EXPECT_FALSE(array.del(0));
-    EXPECT_EQ(array.version(), 5u);
-    EXPECT_EQ(array.at(2), 5);
-    EXPECT_EQ(array.at(UINT32_MAX), 0);
-    std::vector<uint32_t> deleted;
-    for (int twice = 0; twice < 2; ++twice) {
-        array.delAll([&](uint32_t index) { deleted.push_back(index * 10 + array.members()); });
-    }
-    EXPECT_EQ(deleted, (std::vector<uint32_t>{22, 11, 0}));
-    EXPECT_DEATH(array.is(UINT32_MAX, 1), "assertion failed: index < UINT32_MAX");
-}
+// Sets are part of the entities below, arrays of the status of a TCP server. Directories are part
+// of the random programs; a map deletes its members by the same function.
 
 TEST(Map, ChangesWhereAKeyOrItsValueDoes) {
     Map<uint32_t, int> map;

@@ -59,12 +59,6 @@ bool readOne(FileDescriptor& fd) {
     return got;
 }
 
-void readAll(const FileDescriptor& fd) {
-    char bytes[4096];
-    while (read(fd.descriptor(), bytes, sizeof bytes) > 0) {
-    }
-}
-
 void fill(const FileDescriptor& fd) {
     const char bytes[4096] = {};
     while (write(fd.descriptor(), bytes, sizeof bytes) > 0) {
@@ -108,28 +102,6 @@ class EventLoopTest : public testing::Test {
     std::optional<EventLoop> loop = std::optional<EventLoop>(std::in_place);
 };
 using ThreadsEventLoopTest = EventLoopTest;
-
-TEST_F(EventLoopTest, ReportsRoomOnceAfterAWriteThatFoundNone) {
-    const Ends ends;
-    const Fd& writer = ends.end;
-    writer->notifyOnReadableIs(false);
-    int fillings = 2;  // A writer that fills it again in the report waits for room again.
-    const auto fillOnceMore = [&] {
-        if (fillings-- > 0) {
-            fill(*writer);
-            writer->writeMetNoRoom();
-        }
-    };
-    const Watch<FileDescriptor> refill(writer, FileDescriptor::writableCountAttr, fillOnceMore);
-    fillOnceMore();
-    for (const bool waits : {true, false}) {
-        EXPECT_EQ(turns(100), 0u);
-        readAll(*ends.peer);
-        EXPECT_EQ(turns(100), 1u);
-        EXPECT_EQ(writer->notifyOnWritable(), waits);
-    }
-    EXPECT_EQ(writer->readableCount(), 0u);
-}
 
 TEST_F(EventLoopTest, WatchesByLevelAndByEdge) {
     const struct {

@@ -1,5 +1,4 @@
 // Started by tests: traces, and prints a toggle, as the environment and the files of its user say.
-#include <cstdio>
 
 #include "Mox/Trace.h"
 #include "toggle/toggle.h"

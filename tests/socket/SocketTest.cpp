@@ -15,9 +15,7 @@
 #include "Mox/Trace.h"
 #include "Pavo/ScopedNetNs.h"
 #include "Pavo/SockBufUtils.h"
-#include "Pavo/SocketAt.h"
 #include "Pavo/deferClose.h"
-#include "netns/netns.h"
 #include "support/FailSyscall.h"
 #include "support/SandboxTest.h"
 
@@ -48,23 +46,6 @@ TEST_F(SocketTest, SetsBufferSizesWithPrivilegeAndElseWithout) {
     EXPECT_EQ(setSocketBufferSize(-1, 8192, 8192), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(fail.count(), 5u);  // The receive buffer is not tried.
-}
-
-TEST_F(SocketTest, OpensInTheNamedNamespaceAndTracesFailures) {
-    PavoTest::makeNetns("blue");
-    const auto here = PavoTest::threadNetnsInode();
-    const int fd = socket_at(AF_INET, SOCK_DGRAM, 0, "blue");
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    close(fd);
-    testing::internal::CaptureStderr();
-    Mox::traceSettingsIs("Pavo::SocketAt/0");
-    EXPECT_EQ(socketAt(AF_INET, SOCK_DGRAM, 0, "green"), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                HasSubstr(std::string("netnsSocketAt failed : ") + netnsGetTracebuffer()));
-    Mox::traceSettingsIs("Pavo::SocketAt/");
-    EXPECT_EQ(PavoTest::threadNetnsInode(), here);
-    PavoTest::removeNetns("blue");
 }
 
 // Queued, closed by the thread, closed at once. On request it waits until no descriptor is queued.

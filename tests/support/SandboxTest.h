@@ -29,13 +29,18 @@ class SandboxTest : public testing::Test {
     void SetUp() override { SANDBOX_OR_SKIP(); }
 };
 
-/// Turns the loop until `done()`, for as long as a loaded machine may need; returns `done()`.
+/// Turns the loop until `done()`, for as long as a loaded machine may need, and says whether it
+/// was.
 template <class Done>
 bool turnsUntil(Mox::EventLoop& loop, Done done, double seconds = 20) {
-    for (const double end = loop.clock()->now() + seconds; !done() && loop.clock()->now() < end;) {
+    const double end = loop.clock()->now() + seconds;
+    while (!done()) {
+        if (loop.clock()->now() > end) {
+            return false;
+        }
         loop.turn(/*timeoutSeconds=*/0.02);
     }
-    return done();
+    return true;
 }
 
 /// Two namespaces and a wire, with addresses of both families.

@@ -14,8 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Mox/EventLoop.h"
-#include "Mox/Exception.h"
+#include "pam/PamFixture.h"
 
 namespace Pavo {
 namespace {
@@ -39,13 +38,6 @@ std::string pduOf(uint16_t length, uint32_t bytes) {
 }
 std::string pduOf(uint16_t length) {
     return pduOf(length, length);
-}
-
-Mox::Ptr<Pkt> pktOf(std::string_view bytes) {
-    const Mox::Ptr<Pkt> pkt = Mox::make<Pkt>();
-    pkt->sharedBufferIs(globalPktManager()->newSharedBuffer(static_cast<uint32_t>(bytes.size())));
-    pkt->stringValueIs(Mox::String(bytes), /*atTail=*/false);
-    return pkt;
 }
 
 // Sends messages, and takes one of those that came at each notification.

@@ -42,16 +42,6 @@ TEST(TcpFd, OpensNonBlockingSocketsThatTheLastHolderCloses) {
     EXPECT_DEATH(TcpFileDescriptor::socket(ipunknown, NamespaceName(), false), "Unknown af");
 }
 
-TEST(TcpFd, TakesInjectedEventsOfItsInterests) {
-    TcpFileDescriptorEventRegistrationFactory factory;
-    const auto registration = factory.createEventRegistration(tcpFileDescriptorFactory(-1, false));
-    EXPECT_DEATH(registration->handleReadable(), ": enabled\\(\\)");
-    registration->enabledIs(true);
-    EXPECT_DEATH(registration->handleReadable(), "notifyOnReadable\\(\\)");
-    registration->notifyOnReadableIs(true);
-    EXPECT_EQ(registration->stringValue(), "<fd=-1;read=1;write=0>");
-}
-
 struct SockOpt {
     int level, optname;
 
