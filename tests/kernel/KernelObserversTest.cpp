@@ -105,5 +105,33 @@ TEST(KernelInfoObservers, MayDoWhatTheyWant) {
     PavoTest::runPrograms(1000, PavoTest::runProgram<ObserversWorld>);
 }
 
+// Of two objects the first is deleted during a dump that names neither of them.
+TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
+    const auto info = kernelInfoFactory("known", nullptr, nullptr);
+    info->followsRoutesIs(true);
+    std::vector<NetlinkMessage> messages[2];
+    for (const uint16_t i : {uint16_t{1}, uint16_t{2}}) {
+        messages[0].push_back(neighbourRequest({1, IpAddr(i)}, EthAddr(0, 0, i)));
+        Route route;
+        route.key.prefix = IpGenPrefix(IpGenAddr(Ip6Addr(0x20010db800000000, i)));
+        route.hops = {{IpGenAddr(Ip6Addr(0xfe80000000000000, i)), 1, 1, false}};
+        messages[1].push_back(routeAddRequest(route));
+    }
+    for (std::vector<NetlinkMessage>& pair : messages) {
+        const uint16_t type = pair[0].header()->nlmsg_type;
+        const auto dump = [&](bool isDisturbed) {
+            info->handleDumpBegin(static_cast<uint16_t>(type + 2));
+            pair[0].header()->nlmsg_type = static_cast<uint16_t>(type + 1);
+            isDisturbed ? info->callback(pair[0].header()) : void();
+            info->handleDumpEnd(static_cast<uint16_t>(type + 2));
+            return info->neighbours().members() + info->routes()->members();
+        };
+        info->callback(pair[0].header());
+        info->callback(pair[1].header());
+        EXPECT_EQ(dump(/*isDisturbed=*/true), 1u);
+        EXPECT_EQ(dump(/*isDisturbed=*/false), 0u);
+    }
+}
+
 }  // namespace
 }  // namespace Pavo

@@ -142,8 +142,11 @@ TEST_F(KernelStorm, IsExactAfterAStorm) {
             batch("storm", scripts);
             isOver = true;
         });
-        turnsUntil(
-            ns.loop, [&] { return isOver.load(); }, /*seconds=*/600);
+        const auto isBlown = [&] {
+            EXPECT_TRUE(ns.session->isInSync() || !ns.info->isInSync());
+            return isOver.load();
+        };
+        EXPECT_TRUE(turnsUntil(ns.loop, isBlown, /*seconds=*/600));
         blowing.join();
         EXPECT_EQ(ns.difference(), "");
         EXPECT_EQ(ns.link("lo")->mtu(), storm.lastMtu);

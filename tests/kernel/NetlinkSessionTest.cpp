@@ -206,9 +206,18 @@ struct World : PavoTest::RandomProgram {
             on.mirrors[table].items[table].clear();
         }
     }
+    // While a message from before waits.
+    void joinAgain() {
+        change();
+        follow(0, false);
+        change();
+        follow(0, true);
+    }
     void change() {
         for (uint32_t count = 1 + below(4); count > 0; --count) {
-            (void)side().kernel.set(below(2), below(12), oneIn(3) ? 0 : 1 + below(9));
+            // Of another namespace, whose process may have the numbers of the monitor.
+            (void)side().kernel.set(below(2), below(12), oneIn(3) ? 0 : 1 + below(9),
+                                    /*pid=*/7 + below(2), /*seq=*/1 + below(20));
         }
     }
     void checkAtRest() {
@@ -243,6 +252,7 @@ struct World : PavoTest::RandomProgram {
               {"follow 0", [this] { follow(0, true); }},
               {"follow 1", [this] { follow(1, true); }},
               {"leave 0", [this] { follow(0, false); }},
+              {"join again", [this] { joinAgain(); }},
               {"disable", [this] { enable(false); }},
               {"drop", [this] { side().watch = {}, sides.back()->session = nullptr; }}},
              {{"enable", [this] { enable(true); }},
