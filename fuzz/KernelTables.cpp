@@ -111,7 +111,7 @@ class Agent {
 
     static constexpr uint16_t tables_[] = {RTM_GETLINK, RTM_GETADDR, RTM_GETNEIGH, RTM_GETROUTE};
 
-    Mox::Ptr<KernelInfo> info_ = kernelInfoFactory("fuzz", nullptr, nullptr);
+    Mox::Ptr<KernelInfo> info_ = kernelInfoFactory("fuzz", nullptr);
     std::set<uint32_t> links_;
     std::set<LinkAddressKey> addresses_;
     std::set<NeighbourKey> neighbours_;

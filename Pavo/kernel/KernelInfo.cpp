@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "Pavo/base/FirstException.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
-#include "Pavo/kernel/TableSync.h"
 
 namespace Pavo {
 
@@ -19,87 +19,89 @@ bool isFamilyKept(uint8_t family) {
 
 }  // namespace
 
-// The routes are followed by a follower of their own, so that they can be left alone.
-struct KernelInfo::RouteFollower : NetlinkFollower {
-    explicit RouteFollower(KernelInfo* owner) : info(owner) {}
-
-    void callback(nlmsghdr* message) override { info->callback(message); }
-    void handleDumpBegin(uint16_t getType) override { info->handleDumpBegin(getType); }
-    void handleDumpEnd(uint16_t getType) override { info->handleDumpEnd(getType); }
-    void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer) override {
-        info->handleDumpRefused(getType, answer);
-    }
-
-    KernelInfo* const info;
-};
-
-// Objects that are in no collection any more, and of which nobody is notified yet.
-struct KernelInfo::Gone {
+// Objects that are in no collection any more, and whose observers are not notified yet.
+struct KernelInfo::Removed {
     std::vector<Mox::Ptr<Neighbour>> neighbours;
     std::vector<Mox::Ptr<LinkAddress>> addresses;
     std::vector<Mox::Ptr<Link>> links;
     std::vector<Mox::String> names;
+    std::vector<uint32_t> withoutIp;  // Links that have lost their last IPv4 address.
 };
 
-KernelInfo::KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session, Mox::Clock* clock)
+KernelInfo::KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session)
     : name_(std::move(name)),
       session_(std::move(session)),
-      routes_(Mox::make<RouteTable>(name_)),
-      routeFollower_(std::make_unique<RouteFollower>(this)),
-      sync_(std::make_unique<TableSync>(session_, clock, this, routeFollower_.get())),
-      sessionWatch_(session_, {NetlinkSession::enabledAttr, NetlinkSession::overflowsAttr},
-                    [this](const Mox::Change&) { handleSession(); }) {}
+      isInSync_(session_ == nullptr),
+      routes_(Mox::make<RouteTable>(name_)) {
+    if (session_ == nullptr) {
+        return;
+    }
+    try {
+        session_->followIs(RTM_GETLINK, {RTNLGRP_LINK}, this);
+        session_->followIs(RTM_GETADDR, {RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR}, this);
+        session_->followIs(RTM_GETNEIGH, {RTNLGRP_NEIGH}, this);
+        sessionWatch_ = Mox::Watch<NetlinkSession>(session_, NetlinkSession::isInSyncAttr,
+                                                   [this](const Mox::Change&) { handleSync(); });
+    } catch (...) {
+        session_->followDel(this);
+        throw;
+    }
+}
 
-KernelInfo::~KernelInfo() = default;
+KernelInfo::~KernelInfo() {
+    if (session_) {
+        session_->followDel(this);
+    }
+}
 
 void KernelInfo::followsRoutesIs(bool follows) {
     if (follows == followsRoutes_) {
         return;
     }
     const Mox::Ptr<KernelInfo> hold(this);
-    sync_->routesFollow(follows);
-    followsRoutes_ = follows;
-    FirstException thrown;
-    thrown.collect([&] { syncIs(); });
-    if (!follows) {
-        thrown.collect([&] { routes_->clear(); });
+    if (session_ && follows) {
+        session_->followIs(RTM_GETROUTE, {RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE}, this);
+    } else if (session_) {
+        session_->followDel(this, RTM_GETROUTE);
     }
-    thrown.collect([&] { notify(followsRoutesAttr); });
-    thrown.rethrow();
+    followsRoutes_ = follows;
+    FirstException exception;
+    exception.collect([&] { handleSync(); });
+    if (!follows) {
+        exception.collect([&] { routes_->clear(); });
+    }
+    exception.collect([&] { notify(followsRoutesAttr); });
+    exception.rethrow();
 }
 
 void KernelInfo::close() {
     const Mox::Ptr<KernelInfo> hold(this);
     sessionWatch_ = {};
-    sync_ = std::make_unique<TableSync>(nullptr, nullptr, this, nullptr);
-    session_ = nullptr;
-    Gone gone;
-    while (links_.members() != 0) {
-        take(uint32_t{links_.begin()->first}, &gone);
+    if (session_) {
+        session_->followDel(this);
+        session_ = nullptr;
     }
-    while (addresses_.members() != 0) {  // Of links that were not known.
-        take(LinkAddressKey(addresses_.begin()->first), &gone);
+    Removed removed;
+    while (links_.objects.members() != 0) {
+        remove(uint32_t{links_.objects.begin()->first}, &removed);
     }
-    while (neighbours_.members() != 0) {
-        take(NeighbourKey(neighbours_.begin()->first), &gone);
+    while (addresses_.objects.members() != 0) {  // Of links that were not known.
+        removeAll(addresses_, addresses_.objects.begin()->first.ifIndex, &removed);
     }
-    FirstException thrown;
-    thrown.collect([&] { syncIs(); });
-    thrown.collect([&] { routes_->clear(); });
-    thrown.collect([&] { announce(gone); });
-    thrown.rethrow();
+    while (neighbours_.objects.members() != 0) {
+        removeAll(neighbours_, neighbours_.objects.begin()->first.ifIndex, &removed);
+    }
+    FirstException exception;
+    exception.collect([&] { attributeIs(isInSync_, false, isInSyncAttr); });
+    exception.collect([&] { routes_->clear(); });
+    exception.collect([&] { announce(removed); });
+    exception.rethrow();
 }
 
-// In an overflow the session asks for dumps of all tables, after a while.
-void KernelInfo::handleSession() {
-    if (!session_->enabled() || !session_->isInSync()) {
-        sync_->lost();
-        syncIs();
+void KernelInfo::handleSync() {
+    if (session_) {
+        attributeIs(isInSync_, session_->isInSync(), isInSyncAttr);
     }
-}
-
-void KernelInfo::syncIs() {
-    attributeIs(isInSync_, sync_->isInSync(), isInSyncAttr);
 }
 
 void KernelInfo::malformedInc() {
@@ -133,73 +135,78 @@ void KernelInfo::callback(nlmsghdr* message) {
 }
 
 void KernelInfo::handleDumpBegin(uint16_t getType) {
-    const TableSync::Table table = TableSync::tableOf(getType);
-    if (table == TableSync::none) {
-        return;
+    switch (getType) {
+        case RTM_GETLINK:
+            ++links_.generation;
+            break;
+        case RTM_GETADDR:
+            ++addresses_.generation;
+            break;
+        case RTM_GETNEIGH:
+            ++neighbours_.generation;
+            isNeighbourDumpSure_ = true;
+            isNeighbourDumpSecond_ = false;
+            break;
+        case RTM_GETROUTE:
+            routes_->dumpBegin(/*isSecond=*/false);
+            break;
+        default:
+            break;
     }
-    sync_->dumpBegin(table);
-    if (table == TableSync::neighbours) {
-        isNeighbourDumpSure_ = true;
-    } else if (table == TableSync::routes) {
-        routes_->dumpBegin();
-    }
-    syncIs();
 }
 
-// The kernel lists neighbours and IPv6 routes by counting: when some came or went meanwhile, others
-// may have been left out. Such a dump adds what it names but proves nothing gone.
-void KernelInfo::handleDumpEnd(uint16_t getType) {
+// The generation stays, so that what was named in the first dump counts as named.
+void KernelInfo::handleDumpAgain(uint16_t getType) {
+    if (getType == RTM_GETNEIGH) {
+        isNeighbourDumpSecond_ = true;
+    } else if (getType == RTM_GETROUTE) {
+        routes_->dumpBegin(/*isSecond=*/true);
+    }
+}
+
+bool KernelInfo::handleDumpEnd(uint16_t getType) {
     const Mox::Ptr<KernelInfo> hold(this);
-    const TableSync::Table table = TableSync::tableOf(getType);
-    if (table == TableSync::none) {
-        return;
+    switch (getType) {
+        case RTM_GETLINK:
+            delUnseen(links_);
+            return true;
+        case RTM_GETADDR:
+            delUnseen(addresses_);
+            return true;
+        case RTM_GETNEIGH:
+            if (isNeighbourDumpSure_ || isNeighbourDumpSecond_) {
+                delUnseen(neighbours_);
+                return true;
+            }
+            return false;
+        case RTM_GETROUTE:
+            return routes_->dumpEnd();
+        default:
+            return true;
     }
-    FirstException thrown;
-    bool isSure = table != TableSync::neighbours || isNeighbourDumpSure_;
-    if (table == TableSync::routes) {
-        thrown.collect([&] {
-            isSure = false;
-            routes_->dumpEnd(&isSure);
-        });
-    } else if (isSure) {
-        thrown.collect([&] { sweep(table); });
-    }
-    sync_->dumpEnd(table, isSure);
-    thrown.collect([&] { syncIs(); });
-    thrown.rethrow();
 }
 
-// A table that this kernel does not have is empty.
-void KernelInfo::handleDumpRefused(uint16_t getType, const NetlinkAnswer&) {
-    handleDumpEnd(getType);
-}
-
-// The objects that a dump has not named.
+// The objects that no dump of the generation has named.
 template <class Key, class T>
-void KernelInfo::takeUnseen(const Mox::Map<Key, Mox::Ptr<T>>& map, uint32_t generation,
-                            Gone* gone) {
+void KernelInfo::delUnseen(const Table<Key, T>& table) {
     std::vector<Key> keys;
-    for (const auto& [key, object] : map) {
-        if (object->generation_ != generation) {
+    for (const auto& [key, object] : table.objects) {
+        if (object->generation_ != table.generation) {
             keys.push_back(key);
         }
     }
+    Removed removed;
     for (const Key& each : keys) {
-        take(each, gone);
+        remove(each, &removed);
     }
+    announce(removed);
 }
 
-void KernelInfo::sweep(uint32_t table) {
-    Gone gone;
-    const uint32_t generation = sync_->generation(static_cast<TableSync::Table>(table));
-    if (table == TableSync::links) {
-        takeUnseen(links_, generation, &gone);
-    } else if (table == TableSync::addresses) {
-        takeUnseen(addresses_, generation, &gone);
-    } else {
-        takeUnseen(neighbours_, generation, &gone);
-    }
-    announce(gone);
+template <class Key>
+void KernelInfo::del(const Key& key) {
+    Removed removed;
+    remove(key, &removed);
+    announce(removed);
 }
 
 void KernelInfo::handleLink(const nlmsghdr& message) {
@@ -208,60 +215,61 @@ void KernelInfo::handleLink(const nlmsghdr& message) {
     if (facts && message.nlmsg_type == RTM_NEWLINK) {
         linkIs(*facts);
     } else if (facts) {
-        linkDel(facts->index);
+        del(facts->index);
     } else if (body == nullptr || body->ifi_family == AF_UNSPEC) {
         malformedInc();
     }
 }
 
+// Where the observers of the end of another link close this, nothing is added.
 void KernelInfo::linkIs(const Link::Facts& facts) {
-    Mox::Ptr<Link> link = linkByIndex(facts.index);
-    if (link && link->kind() != facts.kind) {  // Another one, which took the index.
-        linkDel(facts.index);
-        link = linkByIndex(facts.index);
-    }
-    if (!link) {
-        linkAdd(facts);
+    const Mox::Ptr<Link> link = linkByIndex(facts.index);
+    if (link && link->kind() == facts.kind) {
+        linkChange(link, facts);
         return;
     }
-    link->generation_ = sync_->generation(TableSync::links);
+    const Mox::Ptr<NetlinkSession> session = session_;
+    FirstException exception;
+    exception.collect([&] { del(facts.index); });
+    if (session_ == session && linkByIndex(facts.index) == nullptr) {
+        exception.collect([&] { linkAdd(facts); });
+    }
+    exception.rethrow();
+}
+
+void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts) {
+    link->generation_ = links_.generation;
     const bool wasUp = link->isUp();
     const Mox::String before = link->name();
     const uint64_t changed = link->commit(facts);
     link->isWithoutIp_ = link->isWithoutIp_ && (wasUp || !link->isUp());
     const bool isRenamed = before != facts.name && linkByName(before) == link && names_.del(before);
     const bool isNamed = names_.is(facts.name, link);
-    FirstException thrown;
-    thrown.collect([&] { link->announce(changed); });
+    FirstException exception;
+    exception.collect([&] { link->announce(changed); });
     if (isRenamed) {
-        thrown.collect([&] { notify(linkByNameAttr, before); });
+        exception.collect([&] { notify(linkByNameAttr, before); });
     }
     if (isNamed) {
-        thrown.collect([&] { notify(linkByNameAttr, facts.name); });
+        exception.collect([&] { notify(linkByNameAttr, facts.name); });
     }
     if (wasUp && (facts.flags & IFF_UP) == 0 && followsRoutes_) {
-        thrown.collect([&] {
+        exception.collect([&] {
             routes_->linkDown(facts.index, [this](uint32_t index) { return isAlive(index); });
         });
     }
-    thrown.rethrow();
+    exception.rethrow();
 }
 
 void KernelInfo::linkAdd(const Link::Facts& facts) {
     const auto link = Mox::make<Link>(facts);
-    link->generation_ = sync_->generation(TableSync::links);
-    links_.is(facts.index, link);
+    link->generation_ = links_.generation;
+    links_.objects.is(facts.index, link);
     names_.is(facts.name, link);
-    FirstException thrown;
-    thrown.collect([&] { notify(linkByIndexAttr, facts.index); });
-    thrown.collect([&] { notify(linkByNameAttr, facts.name); });
-    thrown.rethrow();
-}
-
-void KernelInfo::linkDel(uint32_t index) {
-    Gone gone;
-    take(index, &gone);
-    announce(gone);
+    FirstException exception;
+    exception.collect([&] { notify(linkByIndexAttr, facts.index); });
+    exception.collect([&] { notify(linkByNameAttr, facts.name); });
+    exception.rethrow();
 }
 
 void KernelInfo::handleAddress(const nlmsghdr& message) {
@@ -270,7 +278,7 @@ void KernelInfo::handleAddress(const nlmsghdr& message) {
     if (facts && message.nlmsg_type == RTM_NEWADDR) {
         addressIs(*facts);
     } else if (facts) {
-        addressDel(facts->key);
+        del(facts->key);
     } else if (body == nullptr || isFamilyKept(body->ifa_family)) {
         malformedInc();
     }
@@ -278,23 +286,17 @@ void KernelInfo::handleAddress(const nlmsghdr& message) {
 
 void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
     if (const auto known = address(facts.key)) {
-        known->generation_ = sync_->generation(TableSync::addresses);
+        known->generation_ = addresses_.generation;
         known->announce(known->commit(facts));
         return;
     }
     const auto made = Mox::make<LinkAddress>(facts);
-    made->generation_ = sync_->generation(TableSync::addresses);
-    addresses_.is(facts.key, made);
+    made->generation_ = addresses_.generation;
+    addresses_.objects.is(facts.key, made);
     if (const auto link = linkByIndex(made->ifIndex()); link && made->address().af() == ipv4) {
         link->isWithoutIp_ = false;
     }
     notify(addressesAttr, facts.key);
-}
-
-void KernelInfo::addressDel(const LinkAddressKey& key) {
-    Gone gone;
-    take(key, &gone);
-    announce(gone);
 }
 
 void KernelInfo::handleNeighbour(const nlmsghdr& message) {
@@ -303,7 +305,8 @@ void KernelInfo::handleNeighbour(const nlmsghdr& message) {
     if (facts && message.nlmsg_type == RTM_NEWNEIGH) {
         neighbourIs(*facts, (message.nlmsg_flags & NLM_F_MULTI) != 0);
     } else if (facts) {
-        neighbourDel(facts->key);
+        isNeighbourDumpSure_ = false;
+        del(facts->key);
     } else if (body == nullptr ||
                (isFamilyKept(body->ndm_family) && (body->ndm_flags & NTF_PROXY) == 0)) {
         malformedInc();
@@ -312,117 +315,120 @@ void KernelInfo::handleNeighbour(const nlmsghdr& message) {
 
 void KernelInfo::neighbourIs(const Neighbour::Facts& facts, bool isOfDump) {
     if (const auto known = neighbour(facts.key)) {
-        known->generation_ = sync_->generation(TableSync::neighbours);
+        known->generation_ = neighbours_.generation;
         known->announce(known->commit(facts));
         return;
     }
     isNeighbourDumpSure_ = isNeighbourDumpSure_ && isOfDump;
     const auto made = Mox::make<Neighbour>(facts);
-    made->generation_ = sync_->generation(TableSync::neighbours);
-    neighbours_.is(facts.key, made);
+    made->generation_ = neighbours_.generation;
+    neighbours_.objects.is(facts.key, made);
     notify(neighboursAttr, facts.key);
 }
 
-void KernelInfo::neighbourDel(const NeighbourKey& key) {
-    isNeighbourDumpSure_ = false;
-    Gone gone;
-    take(key, &gone);
-    announce(gone);
-}
-
-void KernelInfo::take(const LinkAddressKey& key, Gone* gone) {
-    if (const auto object = address(key)) {
-        object->exists_ = false;
-        addresses_.del(key);
-        gone->addresses.push_back(object);
+// A link without any IPv4 address loses its IPv4 routes.
+void KernelInfo::remove(const LinkAddressKey& key, Removed* removed) {
+    const auto object = address(key);
+    if (!object) {
+        return;
+    }
+    object->exists_ = false;
+    addresses_.objects.del(key);
+    removed->addresses.push_back(object);
+    const Mox::Ptr<Link> link = linkByIndex(key.ifIndex);
+    const auto next = addresses_.objects.lowerBound({key.ifIndex, {}});  // IPv4 comes first.
+    const bool hasIp = next != addresses_.objects.end() && next->first.ifIndex == key.ifIndex &&
+                       next->first.address.af() == ipv4;
+    if (link && key.address.af() == ipv4 && !hasIp) {
+        link->isWithoutIp_ = true;
+        removed->withoutIp.push_back(key.ifIndex);
     }
 }
 
-void KernelInfo::take(const NeighbourKey& key, Gone* gone) {
+void KernelInfo::remove(const NeighbourKey& key, Removed* removed) {
     if (const auto object = neighbour(key)) {
         object->exists_ = false;
-        neighbours_.del(key);
-        gone->neighbours.push_back(object);
+        neighbours_.objects.del(key);
+        removed->neighbours.push_back(object);
     }
 }
 
 // With what is on the link.
-void KernelInfo::take(uint32_t index, Gone* gone) {
+void KernelInfo::remove(uint32_t index, Removed* removed) {
     const Mox::Ptr<Link> link = linkByIndex(index);
     if (!link) {
         return;
     }
-    for (auto it = neighbours_.lowerBound({index, {}});
-         it != neighbours_.end() && it->first.ifIndex == index;
-         it = neighbours_.lowerBound({index, {}})) {
-        take(NeighbourKey(it->first), gone);
-    }
-    for (auto it = addresses_.lowerBound({index, {}});
-         it != addresses_.end() && it->first.ifIndex == index;
-         it = addresses_.lowerBound({index, {}})) {
-        take(LinkAddressKey(it->first), gone);
-    }
+    removeAll(neighbours_, index, removed);
+    removeAll(addresses_, index, removed);
     link->exists_ = false;
-    links_.del(index);
+    links_.objects.del(index);
     if (linkByName(link->name()) == link) {
         names_.del(link->name());
-        gone->names.push_back(link->name());
+        removed->names.push_back(link->name());
     }
-    gone->links.push_back(link);
+    removed->links.push_back(link);
+}
+
+// All of a link.
+template <class Key, class T>
+void KernelInfo::removeAll(const Table<Key, T>& table, uint32_t ifIndex, Removed* removed) {
+    const Key first{ifIndex, {}};
+    for (auto it = table.objects.lowerBound(first);
+         it != table.objects.end() && it->first.ifIndex == ifIndex;
+         it = table.objects.lowerBound(first)) {
+        remove(Key(it->first), removed);
+    }
 }
 
 // Children before their parents; each is in no collection any more.
-void KernelInfo::announce(const Gone& gone) {
+void KernelInfo::announce(const Removed& removed) {
     const Mox::Ptr<KernelInfo> hold(this);
-    FirstException thrown;
+    FirstException exception;
     const auto each = [&](const auto& object, const auto& attribute, const auto& key) {
-        thrown.collect([&] { object->announceEnd(); });
-        thrown.collect([&] { notify(attribute, key); });
+        exception.collect([&] { object->announceEnd(); });
+        exception.collect([&] { notify(attribute, key); });
     };
-    for (const auto& link : gone.links) {
-        thrown.collect([&] { routes_->linkGone(link->index()); });
+    for (const auto& link : removed.links) {
+        exception.collect([&] { routes_->linkGone(link->index()); });
     }
-    for (const auto& address : gone.addresses) {
-        thrown.collect([&] { routesLoseAddress(*address); });
+    for (const uint32_t index : removed.withoutIp) {
+        exception.collect([&] {
+            routes_->linkWithoutIp(index, [this](uint32_t other) { return isAlive(other); });
+        });
     }
-    for (const auto& neighbour : gone.neighbours) {
+    for (const auto& address : removed.addresses) {
+        exception.collect([&] { routesOfAddressDel(*address); });
+    }
+    for (const auto& neighbour : removed.neighbours) {
         each(neighbour, neighboursAttr, neighbour->key());
     }
-    for (const auto& address : gone.addresses) {
+    for (const auto& address : removed.addresses) {
         each(address, addressesAttr, address->key());
     }
-    for (const auto& link : gone.links) {
+    for (const auto& link : removed.links) {
         each(link, linkByIndexAttr, link->index());
     }
-    for (const Mox::String& name : gone.names) {
-        thrown.collect([&] { notify(linkByNameAttr, name); });
+    for (const Mox::String& name : removed.names) {
+        exception.collect([&] { notify(linkByNameAttr, name); });
     }
-    thrown.rethrow();
+    exception.rethrow();
 }
 
 // An IPv4 address may be on several links: routes keep it as their source until the last one goes.
-// Without any IPv4 address, a link loses its IPv4 routes.
-void KernelInfo::routesLoseAddress(const LinkAddress& address) {
-    if (routes_->members() == 0) {
+void KernelInfo::routesOfAddressDel(const LinkAddress& address) {
+    if (!routes_->mayUseSource(address.address())) {
         return;
     }
-    const uint32_t ifIndex = address.ifIndex();
-    const uint32_t table = tableOf(ifIndex);
-    bool isElsewhere = false;
-    bool hasOther = false;
-    for (const auto& [key, each] : addresses_) {
-        isElsewhere =
-            isElsewhere || (key.address == address.address() && tableOf(key.ifIndex) == table);
-        hasOther = hasOther || (key.ifIndex == ifIndex && key.address.af() == ipv4);
-    }
-    const bool isV4 = address.address().af() == ipv4;
-    const Mox::Ptr<Link> link = linkByIndex(ifIndex);
-    if (isV4 && !hasOther && link) {
-        link->isWithoutIp_ = true;
-        routes_->linkWithoutIp(ifIndex, [this](uint32_t index) { return isAlive(index); });
-    }
-    if (!isV4 || !isElsewhere) {
-        routes_->addressGone(address.address(), ifIndex, table);
+    const uint32_t table = tableOf(address.ifIndex());
+    const auto hasAddress = [&](const auto& link) {
+        const auto it = addresses_.objects.lowerBound({link.first, address.address()});
+        return it != addresses_.objects.end() && it->first.ifIndex == link.first &&
+               it->first.address == address.address() && tableOf(link.first) == table;
+    };
+    if (address.address().af() != ipv4 ||
+        std::none_of(links_.objects.begin(), links_.objects.end(), hasAddress)) {
+        routes_->addressGone(address.address(), address.ifIndex(), table);
     }
 }
 
@@ -442,9 +448,8 @@ uint32_t KernelInfo::tableOf(uint32_t ifIndex) const {
     return table != 0 ? table : uint32_t{RT_TABLE_MAIN};
 }
 
-Mox::Ptr<KernelInfo> kernelInfoFactory(Mox::String name, Mox::Ptr<NetlinkSession> session,
-                                       Mox::Clock* clock) {
-    return Mox::make<KernelInfo>(std::move(name), std::move(session), clock);
+Mox::Ptr<KernelInfo> kernelInfoFactory(Mox::String name, Mox::Ptr<NetlinkSession> session) {
+    return Mox::make<KernelInfo>(std::move(name), std::move(session));
 }
 
 }  // namespace Pavo

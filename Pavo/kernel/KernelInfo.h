@@ -5,9 +5,7 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
-#include <memory>
 
-#include "Mox/Clock.h"
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
 #include "Mox/Lifetime.h"
@@ -23,20 +21,23 @@
 
 namespace Pavo {
 
-class TableSync;
-
 /// The links, addresses, neighbours and, on request, routes of a network namespace. It follows the
 /// tables of a session, and holds an entity for each object.
 ///
 /// Each message is applied as a whole before observers are notified of it: of a link that goes,
-/// first its routes, neighbours and addresses, then the link. When the session has lost messages,
-/// it dumps the tables again, and observers are notified of the differences only: an object that is
-/// unchanged stays the same entity and notifies nobody.
+/// first its routes, neighbours and addresses, then the link. A message about a link that took the
+/// index of another one ends that one first. When the session has lost messages, it dumps the
+/// tables again, and observers are notified of the differences only: an object that is unchanged
+/// stays the same entity and notifies nobody.
+///
+/// The kernel lists neighbours and IPv6 routes by counting, so that a dump during which some of
+/// them went may lack others. It is then made once more, and what neither of the two names is gone.
 ///
 /// While it is notified, an observer may do what `NotifieeList` says, and with the session what it
 /// wants.
 ///
-/// Without a session it is fed by hand through the functions of `NetlinkFollower`, as tests do.
+/// Without a session it is fed by hand through the functions of `NetlinkFollower`, as tests do, and
+/// in sync.
 class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkFollower {
   public:
     static constexpr Mox::Attribute<KernelInfo> isInSyncAttr{0, "isInSync"};
@@ -55,21 +56,24 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
             Mox::attribute(addressesAttr), Mox::attribute(neighboursAttr));
     }
 
-    /// Follows the session, which may be enabled or not, on its clock. Both null: nothing.
-    KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session, Mox::Clock* clock);
+    /// Follows the session, which may be enabled or not; null for nothing.
+    /// @throws Mox::ErrnoException as `NetlinkSession::followIs`; nothing is then followed.
+    KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session);
     ~KernelInfo() override;
 
     Mox::String name() const override { return name_; }
     /// As it was made with. Requests go through it, such as those of `KernelRequests.h`.
     const Mox::Ptr<NetlinkSession>& session() const MOX_LIFETIME_BOUND { return session_; }
 
-    /// All followed tables are as the kernel's, but for messages that are on their way. False
-    /// before the first dumps are complete, from an overflow until the fresh dumps are complete,
-    /// and while the session is disabled; objects then stay as they were seen last.
+    /// All followed tables are as the kernel's, but for messages that are on their way: what
+    /// `NetlinkSession::isInSync` says. False before the first dumps are complete, from an overflow
+    /// until the fresh dumps are complete, and while the session is disabled; objects then stay as
+    /// they were seen last.
     bool isInSync() const { return isInSync_; }
     /// Whether `routes()` is followed; at first it is not, and is empty.
     bool followsRoutes() const { return followsRoutes_; }
     /// Switched off, the table is emptied.
+    /// @throws Mox::ErrnoException as `NetlinkSession::followIs`; nothing is then changed.
     void followsRoutesIs(bool follows);
     /// Messages about links, addresses, neighbours and routes that were not understood, without
     /// those of families and aspects that are not kept.
@@ -77,10 +81,10 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
 
     /// All links. A link is notified when it comes and when it goes.
     const Mox::Map<uint32_t, Mox::Ptr<Link>>& linkByIndex() const MOX_LIFETIME_BOUND {
-        return links_;
+        return links_.objects;
     }
     /// The link, or null.
-    Mox::Ptr<Link> linkByIndex(uint32_t index) const { return found(links_, index); }
+    Mox::Ptr<Link> linkByIndex(uint32_t index) const { return found(links_.objects, index); }
     /// All links by their present names. Notified when a name stands for another link, or for none,
     /// as for both names of a link that is renamed.
     const Mox::Map<Mox::String, Mox::Ptr<Link>>& linkByName() const MOX_LIFETIME_BOUND {
@@ -91,18 +95,20 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
 
     /// All addresses, those of a link one after the other.
     const Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>>& addresses() const MOX_LIFETIME_BOUND {
-        return addresses_;
+        return addresses_.objects;
     }
     /// The address, or null.
     Mox::Ptr<LinkAddress> address(const LinkAddressKey& key) const {
-        return found(addresses_, key);
+        return found(addresses_.objects, key);
     }
     /// All neighbours, those of a link one after the other.
     const Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>>& neighbours() const MOX_LIFETIME_BOUND {
-        return neighbours_;
+        return neighbours_.objects;
     }
     /// The neighbour, or null.
-    Mox::Ptr<Neighbour> neighbour(const NeighbourKey& key) const { return found(neighbours_, key); }
+    Mox::Ptr<Neighbour> neighbour(const NeighbourKey& key) const {
+        return found(neighbours_.objects, key);
+    }
     /// The same object for life.
     const Mox::Ptr<RouteTable>& routes() const MOX_LIFETIME_BOUND { return routes_; }
 
@@ -111,12 +117,18 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
 
     void callback(nlmsghdr* message) override;
     void handleDumpBegin(uint16_t getType) override;
-    void handleDumpEnd(uint16_t getType) override;
-    void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer) override;
+    bool handleDumpEnd(uint16_t getType) override;
+    void handleDumpAgain(uint16_t getType) override;
 
   private:
-    struct RouteFollower;
-    struct Gone;
+    struct Removed;
+
+    // The objects of a table of the kernel.
+    template <class Key, class T>
+    struct Table {
+        Mox::Map<Key, Mox::Ptr<T>> objects;
+        uint32_t generation = 0;  // The number of the last dump that began.
+    };
 
     template <class Key, class T>
     static Mox::Ptr<T> found(const Mox::Map<Key, Mox::Ptr<T>>& map, const Key& key) {
@@ -124,51 +136,49 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
         return value == nullptr ? nullptr : *value;
     }
 
-    void handleSession();
-    void syncIs();
+    void handleSync();
     void malformedInc();
 
     void linkIs(const Link::Facts& facts);
     void linkAdd(const Link::Facts& facts);
-    void linkDel(uint32_t index);
+    void linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts);
     void addressIs(const LinkAddress::Facts& facts);
-    void addressDel(const LinkAddressKey& key);
     void neighbourIs(const Neighbour::Facts& facts, bool isOfDump);
-    void neighbourDel(const NeighbourKey& key);
     void handleLink(const nlmsghdr& message);
     void handleAddress(const nlmsghdr& message);
     void handleNeighbour(const nlmsghdr& message);
 
-    void sweep(uint32_t table);
     template <class Key, class T>
-    void takeUnseen(const Mox::Map<Key, Mox::Ptr<T>>& map, uint32_t generation, Gone* gone);
-    void take(const LinkAddressKey& key, Gone* gone);
-    void take(const NeighbourKey& key, Gone* gone);
-    void take(uint32_t index, Gone* gone);
-    void announce(const Gone& gone);
-    void routesLoseAddress(const LinkAddress& address);
+    void delUnseen(const Table<Key, T>& table);
+    template <class Key>
+    void del(const Key& key);
+    template <class Key, class T>
+    void removeAll(const Table<Key, T>& table, uint32_t ifIndex, Removed* removed);
+    void remove(const LinkAddressKey& key, Removed* removed);
+    void remove(const NeighbourKey& key, Removed* removed);
+    void remove(uint32_t index, Removed* removed);
+    void announce(const Removed& removed);
+    void routesOfAddressDel(const LinkAddress& address);
     bool isAlive(uint32_t ifIndex) const;
     uint32_t tableOf(uint32_t ifIndex) const;
 
     Mox::String name_;
     Mox::Ptr<NetlinkSession> session_;
-    bool isInSync_ = false;
+    bool isInSync_;
     bool followsRoutes_ = false;
     uint32_t malformedMessages_ = 0;
     bool isNeighbourDumpSure_ = true;  // No neighbour came or went during the dump.
-    Mox::Map<uint32_t, Mox::Ptr<Link>> links_;
+    bool isNeighbourDumpSecond_ = false;
+    Table<uint32_t, Link> links_;
     Mox::Map<Mox::String, Mox::Ptr<Link>> names_;
-    Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>> addresses_;
-    Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>> neighbours_;
+    Table<LinkAddressKey, LinkAddress> addresses_;
+    Table<NeighbourKey, Neighbour> neighbours_;
     Mox::Ptr<RouteTable> routes_;
-    std::unique_ptr<RouteFollower> routeFollower_;
-    std::unique_ptr<TableSync> sync_;
     Mox::Watch<NetlinkSession> sessionWatch_;
 };
 
-/// Follows `session` (see `NetlinkSession`) on `clock`, which is the session's.
+/// Follows `session`; see the constructor.
 PAVO_EXPORT Mox::Ptr<KernelInfo> kernelInfoFactory(Mox::String name,
-                                                   Mox::Ptr<NetlinkSession> session,
-                                                   Mox::Clock* clock);
+                                                   Mox::Ptr<NetlinkSession> session);
 
 }  // namespace Pavo

@@ -83,7 +83,7 @@ void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
         return;
     }
     const auto session = netlinkSessionFactory(netNs.value(), netNs, clock_);
-    const auto info = kernelInfoFactory(netNs.value(), session, clock_);
+    const auto info = kernelInfoFactory(netNs.value(), session);
     try {
         session->enabledIs(true);
     } catch (const Mox::ErrnoException& error) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <utility>
 
 #include "Mox/Entity.h"
@@ -14,7 +15,8 @@ namespace Pavo {
 class KernelInfo;
 
 /// An object of the kernel, as its last message described it. Only messages of the kernel change
-/// it. All attributes of a message are stored before the first observer is notified.
+/// it. All attributes of a message are stored before the first observer is notified, and the
+/// observers of each are notified, also where those of another throw.
 class PAVO_EXPORT KernelObject : public Mox::EntityOf<KernelObject> {
   public:
     static constexpr Mox::Attribute<KernelObject> existsAttr{0, "exists"};
@@ -24,7 +26,7 @@ class PAVO_EXPORT KernelObject : public Mox::EntityOf<KernelObject> {
     }
 
     /// False once the kernel has deleted the object. It does not come back: an equal one that the
-    /// kernel makes later is another entity.
+    /// kernel makes later is another entity, unless the messages of both changes were lost.
     bool exists() const { return exists_; }
 
   protected:
@@ -37,6 +39,10 @@ class PAVO_EXPORT KernelObject : public Mox::EntityOf<KernelObject> {
                            const Mox::AttributeBase& attribute) {
         return changed(field, std::move(value)) ? uint64_t{1} << attribute.number : 0;
     }
+
+    /// Notifies of those of `attributes` whose bits are in `changed`; then throws what an observer
+    /// threw first. The caller holds the entity.
+    void announce(uint64_t changed, std::initializer_list<const Mox::AttributeBase*> attributes);
 
   private:
     friend class KernelInfo;

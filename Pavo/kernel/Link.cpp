@@ -51,12 +51,8 @@ uint64_t Link::commit(const Facts& facts) {
 }
 
 void Link::announce(uint64_t changed) {
-    for (const auto* each : {&nameAttr, &ethAddrAttr, &mtuAttr, &flagsAttr, &isUpAttr,
-                             &isRunningAttr, &operStateAttr, &masterAttr}) {
-        if ((changed >> each->number & 1) != 0) {
-            notify(*each);
-        }
-    }
+    KernelObject::announce(changed, {&nameAttr, &ethAddrAttr, &mtuAttr, &flagsAttr, &isUpAttr,
+                                     &isRunningAttr, &operStateAttr, &masterAttr});
 }
 
 std::optional<Link::Facts> linkFactsOf(const nlmsghdr& message) {

@@ -61,7 +61,7 @@ struct LinkStatistics {
 };
 
 /// A network interface. Its index and its kind never change; another link that takes the index
-/// later is another entity.
+/// later is another entity, unless it has the same kind and the messages of both changes were lost.
 class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
   public:
     /// What a message says of a link.

@@ -40,11 +40,7 @@ uint64_t LinkAddress::commit(const Facts& facts) {
 }
 
 void LinkAddress::announce(uint64_t changed) {
-    for (const auto* each : {&lenAttr, &peerAttr, &broadcastAttr, &scopeAttr, &flagsAttr}) {
-        if ((changed >> each->number & 1) != 0) {
-            notify(*each);
-        }
-    }
+    KernelObject::announce(changed, {&lenAttr, &peerAttr, &broadcastAttr, &scopeAttr, &flagsAttr});
 }
 
 std::optional<LinkAddress::Facts> linkAddressFactsOf(const nlmsghdr& message) {

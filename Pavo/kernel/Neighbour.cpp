@@ -26,11 +26,7 @@ uint64_t Neighbour::commit(const Facts& facts) {
 }
 
 void Neighbour::announce(uint64_t changed) {
-    for (const auto* each : {&ethAddrAttr, &stateAttr, &flagsAttr}) {
-        if ((changed >> each->number & 1) != 0) {
-            notify(*each);
-        }
-    }
+    KernelObject::announce(changed, {&ethAddrAttr, &stateAttr, &flagsAttr});
 }
 
 std::optional<Neighbour::Facts> neighbourFactsOf(const nlmsghdr& message) {

@@ -74,6 +74,11 @@ NetlinkMessage dumpRequest(uint16_t getType, uint8_t family) {
     return request;
 }
 
+// This kernel has no such table.
+bool isMissing(int error) {
+    return error == EOPNOTSUPP || error == EAFNOSUPPORT || error == EPROTONOSUPPORT;
+}
+
 // Errors that say nothing about the table.
 bool isPassing(int error) {
     return error == ENOBUFS || error == ENOMEM || error == EBUSY || error == EINTR ||
@@ -100,9 +105,8 @@ void NetlinkMonitor::start(Mox::Ptr<NetlinkPort> port) {
 
 void NetlinkMonitor::stop() {
     portIs(nullptr);
-    for (const Owned& table : followed_) {
-        table->isDue = true;
-    }
+    forgetGone();
+    allDue();
     running_ = nullptr;
     isEmpty_ = true;
     timer_.expiryIs(Mox::Clock::idle);
@@ -110,40 +114,43 @@ void NetlinkMonitor::stop() {
 }
 
 void NetlinkMonitor::followIs(Followed table) {
+    const bool isKnown = std::any_of(followed_.begin(), followed_.end(), [&](const Owned& each) {
+        return each->getType == table.getType && each->family == table.family &&
+               each->follower == table.follower;
+    });
+    if (isKnown) {
+        return;
+    }
     if (port() != nullptr) {
         join(table.groups);
-        // What waits may be older than the time for which the groups were not joined.
+        // A datagram that waits may be older than one that was not received before the groups were
+        // joined.
         isEmpty_ = false;
     }
-    std::erase_if(followed_, [&](const Owned& each) {
-        const bool isSame = each->getType == table.getType && each->family == table.family &&
-                            each->follower == table.follower;
-        each->follower = isSame ? nullptr : each->follower;
-        return isSame;
-    });
     followed_.push_back(std::make_shared<Followed>(std::move(table)));
     dumpSoon();
 }
 
-void NetlinkMonitor::followDel(NetlinkFollower* follower) {
-    std::vector<Owned> gone;
+// While the port is open, entries stay until `beginDump`, since `handleNotification` may go through
+// them.
+void NetlinkMonitor::followDel(NetlinkFollower* follower, uint16_t getType) {
     for (const Owned& each : followed_) {
-        if (each->follower == follower) {
+        if (each->follower == follower && (getType == 0 || each->getType == getType)) {
             each->follower = nullptr;
-            gone.push_back(each);
+            port() != nullptr ? leave(each->groups) : void();
         }
     }
+    port() != nullptr ? dumpSoon() : forgetGone();
+}
+
+void NetlinkMonitor::forgetGone() {
     std::erase_if(followed_, [](const Owned& each) { return each->follower == nullptr; });
-    for (const Owned& each : gone) {
-        if (port() != nullptr) {
-            leave(each->groups);
-        }
-    }
 }
 
 bool NetlinkMonitor::isWanted(uint32_t group) const {
     return std::any_of(followed_.begin(), followed_.end(), [group](const Owned& each) {
-        return std::count(each->groups.begin(), each->groups.end(), group) != 0;
+        return each->follower != nullptr &&
+               std::count(each->groups.begin(), each->groups.end(), group) != 0;
     });
 }
 
@@ -177,8 +184,13 @@ void NetlinkMonitor::leave(const std::vector<uint32_t>& groups) {
 
 bool NetlinkMonitor::isInSync() const {
     return port() != nullptr && isEmpty_ &&
-           std::none_of(followed_.begin(), followed_.end(),
-                        [](const Owned& each) { return each->isDue; });
+           std::none_of(followed_.begin(), followed_.end(), [](const Owned& each) {
+               return each->follower != nullptr && (each->isDue || each->isRefused);
+           });
+}
+
+void NetlinkMonitor::handleSync(FirstException* exception) {
+    exception->collect([this] { session()->handleSync(); });
 }
 
 // This port only dumps. Notifications of a change that a request made carry that request's numbers:
@@ -197,10 +209,11 @@ void NetlinkMonitor::handleMessage(nlmsghdr& message, FirstException* exception)
 }
 
 void NetlinkMonitor::handleNotification(nlmsghdr& message, FirstException* exception) {
-    const std::vector<Owned> tables = followed_;  // A callback may change them.
     const Mox::Ptr<NetlinkPort> before = port();
-    for (const Owned& table : tables) {
-        if (port() == before && concerns(*table, message)) {
+    const std::size_t size = followed_.size();  // A callback may add some.
+    for (std::size_t i = 0; i < size && port() == before; ++i) {
+        if (concerns(*followed_[i], message)) {
+            const Owned table = followed_[i];
             exception->collect([&] { table->follower->callback(&message); });
         }
     }
@@ -231,20 +244,35 @@ void NetlinkMonitor::handleDumpEnd(const nlmsghdr& message, FirstException* exce
     }
     const Owned table = std::exchange(running_, nullptr);
     deadline_.expiryIs(Mox::Clock::idle);
-    NetlinkFollower* const follower = table->follower;
-    if (follower != nullptr && (isVoid_ || isPassing(answer.error))) {
+    if (table->follower != nullptr && (isVoid_ || isPassing(answer.error))) {
         dumpLater();
-    } else if (follower != nullptr) {
-        table->isDue = false;
-        exception->collect([&] {
-            answer.error == 0 ? follower->handleDumpEnd(table->getType)
-                              : follower->handleDumpRefused(table->getType, answer);
-        });
+    } else if (table->follower != nullptr) {
+        tableEnded(table, answer, exception);
     }
     beginDump(exception);
+    handleSync(exception);
+}
+
+// The follower may make the table due again, and then its answer does not count.
+void NetlinkMonitor::tableEnded(const Owned& table, const NetlinkAnswer& answer,
+                                FirstException* exception) {
+    table->isDue = false;
+    table->isAgain = false;
+    table->isRefused = answer.error != 0 && !isMissing(answer.error);
+    if (table->isRefused) {
+        exception->collect([&] { table->follower->handleDumpRefused(table->getType, answer); });
+        return;
+    }
+    bool isGood = false;
+    exception->collect([&] { isGood = table->follower->handleDumpEnd(table->getType); });
+    if (!isGood && !table->isDue) {
+        table->isDue = table->isAgain = true;
+        dumpLater(clock_->now() - begunAt_);
+    }
 }
 
 void NetlinkMonitor::beginDump(FirstException* exception) {
+    forgetGone();
     while (port() != nullptr && running_ == nullptr && timer_.isIdle() && isEmpty_) {
         const auto due = std::find_if(followed_.begin(), followed_.end(),
                                       [](const Owned& each) { return each->isDue; });
@@ -254,7 +282,10 @@ void NetlinkMonitor::beginDump(FirstException* exception) {
         const Owned table = *due;
         sendDump(table);
         if (running_ == table) {
-            exception->collect([&] { table->follower->handleDumpBegin(table->getType); });
+            exception->collect([&] {
+                table->isAgain ? table->follower->handleDumpAgain(table->getType)
+                               : table->follower->handleDumpBegin(table->getType);
+            });
         }
     }
 }
@@ -270,32 +301,41 @@ void NetlinkMonitor::sendDump(const Owned& table) {
     running_ = table;
     isVoid_ = false;
     hasProgress_ = false;
-    troubleAt_ = std::exchange(isRepair_, false) ? clock_->now() : troubleAt_;
-    deadline_.expiryIs(clock_->now() + NetlinkSession::defaultDeadlineSeconds);
+    begunAt_ = clock_->now();
+    troubleAt_ = std::exchange(isRepair_, false) ? begunAt_ : troubleAt_;
+    deadline_.expiryIs(begunAt_ + NetlinkSession::defaultDeadlineSeconds);
 }
 
 // What has not come by now says nothing about what exists. While the kernel's buffer has
 // overflowed it drops everything, without saying so again, until all was read: a dump that begins
 // earlier might miss changes.
-void NetlinkMonitor::handleLoss() {
-    for (const Owned& table : followed_) {
-        table->isDue = true;
-    }
+void NetlinkMonitor::handleLoss(FirstException* exception) {
+    allDue();
     isVoid_ = true;
     isEmpty_ = false;
     dumpLater();
+    handleSync(exception);
 }
 
-void NetlinkMonitor::handleCut(const nlmsghdr&, FirstException*) {
-    handleLoss();
+void NetlinkMonitor::allDue() {
+    for (const Owned& table : followed_) {
+        table->isDue = true;
+        table->isAgain = false;
+        table->isRefused = false;
+    }
+}
+
+void NetlinkMonitor::handleCut(const nlmsghdr&, FirstException* exception) {
+    handleLoss(exception);
 }
 
 void NetlinkMonitor::handleEmpty(FirstException* exception) {
     isEmpty_ = true;
     beginDump(exception);
+    handleSync(exception);
 }
 
-void NetlinkMonitor::dumpLater() {
+void NetlinkMonitor::dumpLater(double atLeastSeconds) {
     const double now = clock_->now();
     const bool isQuiet = now - troubleAt_ > quietSeconds;
     troubleAt_ = now;
@@ -305,7 +345,7 @@ void NetlinkMonitor::dumpLater() {
     }
     backOffSeconds_ =
         isQuiet ? firstBackOffSeconds : std::min(2 * backOffSeconds_, maxBackOffSeconds);
-    timer_.expiryIs(now + backOffSeconds_);
+    timer_.expiryIs(now + std::max(backOffSeconds_, atLeastSeconds));
 }
 
 void NetlinkMonitor::dumpSoon() {
@@ -322,6 +362,7 @@ void NetlinkMonitor::handleTimer() {
     }
     FirstException exception;
     beginDump(&exception);
+    handleSync(&exception);
     exception.rethrow();
 }
 

@@ -18,10 +18,10 @@ namespace Pavo {
 
 /// Followed tables over one port, which makes one dump at a time.
 ///
-///     followed, or messages lost ---> due --- timer, and the port was read empty ---> running
-///                                      ^                                                 |
-///                                      +---------- interrupted, lost, no answer ---------+--> in
-///                                      sync
+///     followed, or messages lost --> due --- timer, and the port was read empty --> running
+///                                     ^                                               |  |
+///                                     +- interrupted, lost, no answer, not sure ------+  |
+///                                                    refused, or in sync <---------------+
 class NetlinkMonitor final : public NetlinkReader {
   public:
     struct Followed {
@@ -30,6 +30,8 @@ class NetlinkMonitor final : public NetlinkReader {
         std::vector<uint32_t> groups;
         NetlinkFollower* follower;  // Null for one that does not follow any more.
         bool isDue = true;          // To be dumped.
+        bool isRefused = false;     // The kernel did not dump it.
+        bool isAgain = false;       // The follower asked for one more dump; nothing was lost since.
     };
 
     NetlinkMonitor(NetlinkSession* session, Mox::Clock* clock);
@@ -42,7 +44,7 @@ class NetlinkMonitor final : public NetlinkReader {
     /// As of the session.
     /// @{
     void followIs(Followed table);
-    void followDel(NetlinkFollower* follower);
+    void followDel(NetlinkFollower* follower, uint16_t getType);
     bool isInSync() const;
     /// @}
 
@@ -50,7 +52,7 @@ class NetlinkMonitor final : public NetlinkReader {
     using Owned = std::shared_ptr<Followed>;
 
     void handleMessage(nlmsghdr& message, FirstException* exception) override;
-    void handleLoss() override;
+    void handleLoss(FirstException* exception) override;
     void handleCut(const nlmsghdr& message, FirstException* exception) override;
     void handleEmpty(FirstException* exception) override;
     bool expectsMore() const override { return true; }
@@ -58,12 +60,16 @@ class NetlinkMonitor final : public NetlinkReader {
     void handleNotification(nlmsghdr& message, FirstException* exception);
     void handleDumpMessage(nlmsghdr& message, FirstException* exception);
     void handleDumpEnd(const nlmsghdr& message, FirstException* exception);
+    void tableEnded(const Owned& table, const NetlinkAnswer& answer, FirstException* exception);
+    void allDue();
+    void forgetGone();
+    void handleSync(FirstException* exception);
     bool isWanted(uint32_t group) const;
     void join(const std::vector<uint32_t>& groups);
     void leave(const std::vector<uint32_t>& groups);
     void beginDump(FirstException* exception);
     void sendDump(const Owned& table);
-    void dumpLater();
+    void dumpLater(double atLeastSeconds = 0);
     void dumpSoon();
     void handleTimer();
     void handleDeadline();
@@ -78,6 +84,7 @@ class NetlinkMonitor final : public NetlinkReader {
     bool isRepair_ = false;  // The next dump is because of a loss.
     bool isEmpty_ = true;    // The port was read empty since messages were lost or groups joined.
     uint32_t sequence_ = 0;
+    double begunAt_ = 0;  // The dump that runs, or ran last.
     double backOffSeconds_ = 0;
     double troubleAt_ = -Mox::Clock::idle;  // The last loss, or dump because of one.
 };

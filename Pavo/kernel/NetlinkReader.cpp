@@ -119,7 +119,7 @@ NetlinkReader::Next NetlinkReader::readFailed(int error, FirstException* excepti
     if (error != ENOBUFS) {
         return Next::waitForMore;  // It may stay, and is not worth a busy loop.
     }
-    handleLoss();
+    handleLoss(exception);
     overflowsInc(exception);
     return Next::read;
 }
@@ -135,7 +135,7 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
         // The last one may lack its padding.
         offset = std::min<std::size_t>(offset + NLMSG_ALIGN(message.nlmsg_len), bytes);
         if (message.nlmsg_type == NLMSG_OVERRUN) {
-            handleLoss();
+            handleLoss(exception);
             overflowsInc(exception);
         } else if (message.nlmsg_type != NLMSG_NOOP) {
             handleMessage(message, exception);
@@ -146,7 +146,7 @@ void NetlinkReader::takeApart(std::size_t bytes, FirstException* exception) {
     }
     if (offset != bytes) {
         MOX_TRACE(facility, 0, "malformed netlink datagram of ", bytes, " bytes, at ", offset);
-        handleLoss();
+        handleLoss(exception);
         overflowsInc(exception);
     }
 }

@@ -50,8 +50,8 @@ class NetlinkReader {
 
     /// A message that lies in the buffer with all its bytes.
     virtual void handleMessage(nlmsghdr& message, FirstException* exception) = 0;
-    /// Messages were lost, not necessarily before the next that is read. Calls nobody.
-    virtual void handleLoss() = 0;
+    /// Messages were lost, not necessarily before the next that is read.
+    virtual void handleLoss(FirstException* exception) = 0;
     /// A datagram did not fit: this is the beginning of its first message. The buffer is larger
     /// now.
     virtual void handleCut(const nlmsghdr& message, FirstException* exception) = 0;

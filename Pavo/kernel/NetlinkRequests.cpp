@@ -352,7 +352,7 @@ void NetlinkRequests::handleDeadline(const Owned& pending, FirstException* excep
     }
 }
 
-void NetlinkRequests::handleLoss() {
+void NetlinkRequests::handleLoss(FirstException*) {
     hasLoss_ = true;
 }
 

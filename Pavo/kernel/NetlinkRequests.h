@@ -76,7 +76,7 @@ class NetlinkRequests final : public NetlinkReader {
 
   private:
     void handleMessage(nlmsghdr& message, FirstException* exception) override;
-    void handleLoss() override;
+    void handleLoss(FirstException* exception) override;
     void handleCut(const nlmsghdr& message, FirstException* exception) override;
     void handleEmpty(FirstException* exception) override;
     bool expectsMore() const override { return inFlight_ != 0 || dump_ != nullptr || hasLoss_; }

@@ -39,9 +39,15 @@ NetlinkRequests::Owned pendingOf(std::vector<uint8_t> bytes, double deadlineSeco
 
 void NetlinkFollower::handleDumpBegin(uint16_t) {}
 
-void NetlinkFollower::handleDumpEnd(uint16_t) {}
+bool NetlinkFollower::handleDumpEnd(uint16_t) {
+    return true;
+}
 
 void NetlinkFollower::handleDumpRefused(uint16_t, const NetlinkAnswer&) {}
+
+void NetlinkFollower::handleDumpAgain(uint16_t getType) {
+    handleDumpBegin(getType);
+}
 
 NetlinkSession::NetlinkSession(Mox::String name, NamespaceName netNs, Mox::Clock* clock,
                                int protocol)
@@ -72,7 +78,10 @@ void NetlinkSession::open() {
         monitor_->stop();
         throw;
     }
-    attributeIs(enabled_, true, enabledAttr);
+    FirstException exception;
+    exception.collect([this] { attributeIs(enabled_, true, enabledAttr); });
+    exception.collect([this] { handleSync(); });
+    exception.rethrow();
 }
 
 void NetlinkSession::close() {
@@ -80,6 +89,7 @@ void NetlinkSession::close() {
     monitor_->stop();
     FirstException exception;
     exception.collect([this] { attributeIs(enabled_, false, enabledAttr); });
+    exception.collect([this] { handleSync(); });
     requests_->cancel(pending, &exception);
     exception.rethrow();
 }
@@ -137,12 +147,16 @@ void NetlinkSession::followIs(uint16_t getType, std::vector<uint32_t> groups,
     monitor_->followIs({getType, family, std::move(groups), follower});
 }
 
-void NetlinkSession::followDel(NetlinkFollower* follower) {
-    monitor_->followDel(follower);
+void NetlinkSession::followDel(NetlinkFollower* follower, uint16_t getType) {
+    monitor_->followDel(follower, getType);
 }
 
 bool NetlinkSession::isInSync() const {
     return monitor_->isInSync();
+}
+
+void NetlinkSession::handleSync() {
+    attributeIs(wasInSync_, isInSync(), isInSyncAttr);
 }
 
 Mox::Ptr<NetlinkSession> netlinkSessionFactory(Mox::String name, NamespaceName netNs,

@@ -49,10 +49,17 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
     /// again before its end was incomplete, and does not count.
     virtual void handleDumpBegin(uint16_t getType);
     /// The dump is complete: what neither it nor a notification since its beginning has named does
-    /// not exist any more.
-    virtual void handleDumpEnd(uint16_t getType);
-    /// The kernel refuses to dump this table, and is not asked again before the next overflow.
+    /// not exist any more. A table that this kernel does not have ends likewise, without messages.
+    /// Returns true, or false to have the table dumped again, as after an overflow, but not before
+    /// as much time has passed as the dump took; so is it where this throws. The table is not in
+    /// sync until then.
+    virtual bool handleDumpEnd(uint16_t getType);
+    /// The kernel refuses to dump this table, which is then not in sync. It is asked again after
+    /// the next overflow.
     virtual void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer);
+    /// A dump begins since `handleDumpEnd` returned false, and nothing was lost in between, so that
+    /// what either dump names exists. Calls `handleDumpBegin`, unless overridden.
+    virtual void handleDumpAgain(uint16_t getType);
 };
 
 /// Requests, dumps and followed tables of one network namespace, over two sockets: one for requests
@@ -77,7 +84,7 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 /// and after twice the time before, up to 1 s, while overflows keep coming. A second without one
 /// begins with 10 ms again. A dump during which the table changed in a way that makes it
 /// inconsistent (NLM_F_DUMP_INTR) is asked again likewise, and so is one of which nothing comes for
-/// 5 s.
+/// 5 s, or with which its follower was not content.
 ///
 /// At most 64 datagrams of a socket are read in a turn of the event loop. Messages of other senders
 /// than the kernel are dropped.
@@ -97,6 +104,7 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     static constexpr Mox::Attribute<NetlinkSession> staleAnswersAttr{5, "staleAnswers"};
     static constexpr Mox::Attribute<NetlinkSession> deadlinesAttr{6, "deadlines"};
     static constexpr Mox::Attribute<NetlinkSession> foreignDatagramsAttr{7, "foreignDatagrams"};
+    static constexpr Mox::Attribute<NetlinkSession> isInSyncAttr{8, "isInSync"};
     static constexpr auto description() {
         return Mox::classRecord(
             "Pavo::NetlinkSession", Mox::attribute(enabledAttr, &NetlinkSession::enabled),
@@ -106,7 +114,8 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
             Mox::attribute(interruptedDumpsAttr, &NetlinkSession::interruptedDumps),
             Mox::attribute(staleAnswersAttr, &NetlinkSession::staleAnswers),
             Mox::attribute(deadlinesAttr, &NetlinkSession::deadlines),
-            Mox::attribute(foreignDatagramsAttr, &NetlinkSession::foreignDatagrams));
+            Mox::attribute(foreignDatagramsAttr, &NetlinkSession::foreignDatagrams),
+            Mox::attribute(isInSyncAttr, &NetlinkSession::isInSync));
     }
 
     /// Called once, with the answer.
@@ -191,16 +200,18 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     /// then dumps it, beginning in the next turn; again after each enabling. `getType` is
     /// RTM_GETLINK, RTM_GETADDR, RTM_GETNEIGH, RTM_GETROUTE and the like. Notifications of the
     /// table's messages (RTM_NEWLINK, RTM_DELLINK) go to its followers; with a `family` other than
-    /// AF_UNSPEC only those of it. The same table, family and follower again is a new dump.
-    /// `follower` stays until `followDel`.
+    /// AF_UNSPEC only those of it. Does nothing for a table and family that `follower` follows
+    /// already. `follower` stays until `followDel`.
     /// @pre the protocol is NETLINK_ROUTE (assertion "protocol_ == NETLINK_ROUTE").
     /// @throws Mox::ErrnoException "setsockopt(NETLINK_ADD_MEMBERSHIP)"; it is then not followed.
     void followIs(uint16_t getType, std::vector<uint32_t> groups, NetlinkFollower* follower,
                   uint8_t family = 0);
-    /// Ends all that this follower follows; it is not called any more. Never throws.
-    void followDel(NetlinkFollower* follower);
-    /// Whether every followed table is as its last dump and the notifications since have it: no
-    /// dump is running or due.
+    /// Ends all that this follower follows, or with a `getType` that table only; it is not called
+    /// any more. Never throws.
+    void followDel(NetlinkFollower* follower, uint16_t getType = 0);
+    /// Whether the session is enabled and every followed table is as its last dump and the
+    /// notifications since have it: no dump is running or due. Where `followIs` or `followDel`
+    /// change it, observers are notified in the next turn.
     bool isInSync() const;
 
   protected:
@@ -213,11 +224,13 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
 
     void open();
     void close();
+    void handleSync();
 
     Mox::String name_;
     NamespaceName netNs_;
     int protocol_;
     bool enabled_ = false;
+    bool wasInSync_ = false;  // As observers know it.
     uint32_t rcvBufBytes_ = 0;
     uint64_t overflows_ = 0;
     uint64_t interruptedDumps_ = 0;

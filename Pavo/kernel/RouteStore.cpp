@@ -125,12 +125,13 @@ void RouteStore<Address>::del(const Read& route, Changes* changes) {
 }
 
 template <class Address>
-void RouteStore<Address>::dumpBegin() {
+void RouteStore<Address>::dumpBegin(bool isSecond) {
     grouped_ = 0;
     isPartial_ = false;
     isDisturbed_ = false;
     inDump_ = true;
-    if (++generation_ == 0) {
+    isSecond_ = isSecond;
+    if (!isSecond && ++generation_ == 0) {
         for (uint32_t index = 0; index < routes_.end(); ++index) {
             routes_.at(index).generation = 0;
         }
@@ -157,7 +158,7 @@ template <class Address>
 bool RouteStore<Address>::dumpEnd(Changes* changes) {
     commitGroup(changes);
     inDump_ = false;
-    if (isDisturbed_) {
+    if (isDisturbed_ && !isSecond_) {
         return false;
     }
     for (uint32_t index = 0; index < routes_.end(); ++index) {

@@ -37,11 +37,12 @@ class RouteStore {
     /// For RTM_DELROUTE. Of IPv6 the message may name some of a route's next hops, which then go.
     void del(const Read& route, Changes* changes);
 
-    void dumpBegin();
+    /// A second dump goes on with what the first has named: what either names stays.
+    void dumpBegin(bool isSecond);
     void dumpItem(const Read& route, Changes* changes);
-    /// False when what did not come is kept, since the dump may not be complete: the kernel counts
-    /// on from where it stopped, and skips routes when others before them were deleted meanwhile.
-    /// For IPv4 it counts among the routes of one address only.
+    /// False when what did not come is kept, since a first dump may not be complete: the kernel
+    /// counts on from where it stopped, and skips routes when others before them were deleted
+    /// meanwhile. For IPv4 it counts among the routes of one address only.
     bool dumpEnd(Changes* changes);
 
     // What the kernel deletes without a message.
@@ -54,6 +55,9 @@ class RouteStore {
     void linkGone(uint32_t ifIndex, Changes* changes);
     /// The last address of that value was deleted, from a link whose routes are in `table`.
     void addressGone(const Address& address, uint32_t ifIndex, uint32_t table, Changes* changes);
+
+    /// See `RouteIndex`.
+    bool mayUseSource(const Address& address) const { return routes_.mayUseSource(address); }
 
     void clear(Changes* changes);
 
@@ -90,6 +94,7 @@ class RouteStore {
     RouteIndex<Address> routes_;
     uint8_t generation_ = 0;
     bool inDump_ = false;
+    bool isSecond_ = false;
     bool isDisturbed_ = false;
     bool isPartial_ = false;   // The group may lack routes of its key.
     std::vector<Read> group_;  // Of one key, as the dump brings them; the first `grouped_`.

@@ -98,15 +98,22 @@ bool RouteTable::messageIs(const nlmsghdr& message) {
     return isKept;
 }
 
-void RouteTable::dumpBegin() {
-    stores_->v4.dumpBegin();
-    stores_->v6.dumpBegin();
+void RouteTable::dumpBegin(bool isSecond) {
+    stores_->v4.dumpBegin(isSecond);
+    stores_->v6.dumpBegin(isSecond);
 }
 
-void RouteTable::dumpEnd(bool* isSure) {
-    *isSure = stores_->v4.dumpEnd(changes());
-    *isSure = stores_->v6.dumpEnd(changes()) && *isSure;
+bool RouteTable::dumpEnd() {
+    const bool isSure4 = stores_->v4.dumpEnd(changes());
+    const bool isSure6 = stores_->v6.dumpEnd(changes());
     announce();
+    return isSure4 && isSure6;
+}
+
+bool RouteTable::mayUseSource(const IpGenAddr& address) const {
+    return address.af() == ipv4   ? stores_->v4.mayUseSource(address.v4Addr())
+           : address.af() == ipv6 ? stores_->v6.mayUseSource(address.v6Addr())
+                                  : false;
 }
 
 void RouteTable::linkDown(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {

@@ -29,6 +29,7 @@ namespace Pavo {
 /// Some changes are not announced by the kernel. Routes that go with their link, when it is set
 /// down, deleted or left without an IPv4 address, or with their preferred source, are removed here
 /// by the kernel's own rules.
+///
 /// Routes over next-hop objects (ip-nexthop(8)) that change or go are correct only after the next
 /// dump.
 class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
@@ -59,14 +60,17 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     /// A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
     /// false for one that `routeOf` refuses.
     bool messageIs(const nlmsghdr& message);
-    /// A dump begins: all routes follow, until `dumpEnd`.
-    void dumpBegin();
-    /// The routes that did not come since `dumpBegin` are removed. With false in `*isSure`, which
-    /// is set before observers are notified, they were not, since routes were deleted during the
-    /// dump, which may then have skipped others: another dump is needed.
-    void dumpEnd(bool* isSure);
+    /// A dump begins: all routes follow, until `dumpEnd`. A second one makes up for what the first
+    /// may have left out.
+    void dumpBegin(bool isSecond);
+    /// The routes that did not come since `dumpBegin` are removed. With false they were not, since
+    /// routes were deleted during the dump, which may then have skipped others: a second dump is
+    /// needed.
+    bool dumpEnd();
     /// A link was set down. `isUp` says of other links whether their next hops are alive.
     void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    /// False when no route that may go with an address has it as its source.
+    bool mayUseSource(const IpGenAddr& address) const;
     /// A link has lost its last IPv4 address.
     void linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
     /// A link was deleted.

@@ -47,7 +47,7 @@ void pavoTable(benchmark::State& state) {
     for (auto _ : state) {
         const auto session =
             Pavo::netlinkSessionFactory("bench", Pavo::NamespaceName(netNs), loop.clock());
-        const auto info = Pavo::kernelInfoFactory("bench", session, loop.clock());
+        const auto info = Pavo::kernelInfoFactory("bench", session);
         info->followsRoutesIs(true);
         session->enabledIs(true);
         while (!info->isInSync()) {

@@ -64,7 +64,7 @@ struct Followed {
     Mox::EventLoop loop;
     Mox::Ptr<Pavo::NetlinkSession> session =
         Pavo::netlinkSessionFactory(netNs, Pavo::NamespaceName(netNs), loop.clock());
-    Mox::Ptr<Pavo::KernelInfo> info = Pavo::kernelInfoFactory(netNs, session, loop.clock());
+    Mox::Ptr<Pavo::KernelInfo> info = Pavo::kernelInfoFactory(netNs, session);
 };
 
 }  // namespace PavoTest

@@ -22,7 +22,7 @@ struct ObserversWorld : PavoTest::RandomProgram {
     // One that was dropped is made again. An observer may drop it, since nobody else holds it.
     KernelInfo* known() {
         if (!info) {
-            info = kernelInfoFactory("known", nullptr, nullptr);
+            info = kernelInfoFactory("known", nullptr);
             info->followsRoutesIs(true);
         }
         return info.ptr();
@@ -107,7 +107,7 @@ TEST(KernelInfoObservers, MayDoWhatTheyWant) {
 
 // Of two objects the first is deleted during a dump that names neither of them.
 TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
-    const auto info = kernelInfoFactory("known", nullptr, nullptr);
+    const auto info = kernelInfoFactory("known", nullptr);
     info->followsRoutesIs(true);
     std::vector<NetlinkMessage> messages[2];
     for (const uint16_t i : {uint16_t{1}, uint16_t{2}}) {

@@ -38,7 +38,10 @@ struct Log : NetlinkFollower {
         texts.emplace_back(reinterpret_cast<const char*>(message), message->nlmsg_len);
     }
     void handleDumpBegin(uint16_t) override { texts.emplace_back("begin"); }
-    void handleDumpEnd(uint16_t) override { texts.emplace_back("end"); }
+    bool handleDumpEnd(uint16_t) override {
+        texts.emplace_back("end");
+        return true;
+    }
 
     Texts texts;
 };

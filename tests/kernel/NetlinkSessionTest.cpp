@@ -49,15 +49,17 @@ class Mirror : public NetlinkFollower {
         named_[tableOf(getType)].clear();
         then();
     }
-    void handleDumpEnd(uint16_t getType) override {
+    bool handleDumpEnd(uint16_t getType) override {
         const auto& named = named_[tableOf(getType)];
         std::erase_if(items[tableOf(getType)],
                       [&](const auto& each) { return named.count(each.first) == 0; });
         then();
+        return isContent();
     }
 
     KernelModel::Table items[2];
     std::function<void()> then = [] {};
+    std::function<bool()> isContent = [] { return true; };
 
   private:
     static std::size_t tableOf(uint16_t type) { return type / 4 == RTM_GETLINK / 4 ? 0 : 1; }
@@ -91,6 +93,7 @@ struct World : PavoTest::RandomProgram {
         Mirror mirrors[2];
         Mox::Ptr<NetlinkSession> session;
         Mox::Watch<NetlinkSession> watch;
+        bool isInSync = false;  // As observers know it.
         bool follows[2] = {};
         std::map<uint32_t, std::vector<Asked>> asked;  // By the number of the first.
     };
@@ -98,10 +101,14 @@ struct World : PavoTest::RandomProgram {
     Side& side() {
         if (sides.empty() || !sides.back()->session) {
             Side* const made = sides.emplace_back(std::make_unique<Side>(&clock)).get();
-            made->watch = Mox::Watch<NetlinkSession>(made->session, Mox::allAttributes,
-                                                     [this](const Mox::Change&) { respond(); });
+            made->watch = Mox::Watch<NetlinkSession>(
+                made->session, Mox::allAttributes, [this, made](const Mox::Change& change) {
+                    made->isInSync ^= change.is(NetlinkSession::isInSyncAttr);
+                    respond();
+                });
             for (Mirror& each : made->mirrors) {
                 each.then = [this] { respond(); };
+                each.isContent = [this] { return !oneIn(4); };
             }
         }
         return *sides.back();
@@ -233,6 +240,7 @@ struct World : PavoTest::RandomProgram {
             }
         }
         EXPECT_EQ(on.session->isInSync(), on.session->enabled());
+        EXPECT_EQ(on.isInSync, on.session->enabled());
         for (std::size_t table = 0; table < 2 && on.session->enabled(); ++table) {
             if (on.follows[table]) {
                 EXPECT_EQ(on.mirrors[table].items[table], on.kernel.tables[table]);
