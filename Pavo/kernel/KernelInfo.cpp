@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Pavo/base/FirstException.h"
+#include "Pavo/kernel/DumpTrust.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
 
 namespace Pavo {
@@ -32,6 +33,7 @@ KernelInfo::KernelInfo(Mox::String name, Mox::Ptr<NetlinkSession> session)
     : name_(std::move(name)),
       session_(std::move(session)),
       isInSync_(session_ == nullptr),
+      neighbourTrust_(std::make_unique<DumpTrust>()),
       routes_(Mox::make<RouteTable>(name_)) {
     if (session_ == nullptr) {
         return;
@@ -125,9 +127,7 @@ void KernelInfo::callback(nlmsghdr* message) {
             break;
         case RTM_NEWROUTE:
         case RTM_DELROUTE:
-            if (followsRoutes_) {
-                routes_->messageIs(*message);
-            }
+            handleRoute(*message);
             break;
         default:
             break;
@@ -144,23 +144,22 @@ void KernelInfo::handleDumpBegin(uint16_t getType) {
             break;
         case RTM_GETNEIGH:
             ++neighbours_.generation;
-            isNeighbourDumpSure_ = true;
-            isNeighbourDumpSecond_ = false;
+            neighbourTrust_->begin(/*isAgain=*/false);
             break;
         case RTM_GETROUTE:
-            routes_->dumpBegin(/*isSecond=*/false);
+            routes_->dumpBegin(/*isAgain=*/false);
             break;
         default:
             break;
     }
 }
 
-// The generation stays, so that what was named in the first dump counts as named.
+// The generation stays, so that what was named before counts as named.
 void KernelInfo::handleDumpAgain(uint16_t getType) {
     if (getType == RTM_GETNEIGH) {
-        isNeighbourDumpSecond_ = true;
+        neighbourTrust_->begin(/*isAgain=*/true);
     } else if (getType == RTM_GETROUTE) {
-        routes_->dumpBegin(/*isSecond=*/true);
+        routes_->dumpBegin(/*isAgain=*/true);
     }
 }
 
@@ -174,11 +173,11 @@ bool KernelInfo::handleDumpEnd(uint16_t getType) {
             delUnseen(addresses_);
             return true;
         case RTM_GETNEIGH:
-            if (isNeighbourDumpSure_ || isNeighbourDumpSecond_) {
-                delUnseen(neighbours_);
-                return true;
+            if (!neighbourTrust_->end(neighbours_.objects.members())) {
+                return false;
             }
-            return false;
+            delUnseen(neighbours_);
+            return true;
         case RTM_GETROUTE:
             return routes_->dumpEnd();
         default:
@@ -305,7 +304,7 @@ void KernelInfo::handleNeighbour(const nlmsghdr& message) {
     if (facts && message.nlmsg_type == RTM_NEWNEIGH) {
         neighbourIs(*facts, (message.nlmsg_flags & NLM_F_MULTI) != 0);
     } else if (facts) {
-        isNeighbourDumpSure_ = false;
+        neighbourTrust_->deleted();
         del(facts->key);
     } else if (body == nullptr ||
                (isFamilyKept(body->ndm_family) && (body->ndm_flags & NTF_PROXY) == 0)) {
@@ -319,11 +318,17 @@ void KernelInfo::neighbourIs(const Neighbour::Facts& facts, bool isOfDump) {
         known->announce(known->commit(facts));
         return;
     }
-    isNeighbourDumpSure_ = isNeighbourDumpSure_ && isOfDump;
+    isOfDump ? void() : neighbourTrust_->deleted();  // It may take the place of one.
     const auto made = Mox::make<Neighbour>(facts);
     made->generation_ = neighbours_.generation;
     neighbours_.objects.is(facts.key, made);
     notify(neighboursAttr, facts.key);
+}
+
+void KernelInfo::handleRoute(const nlmsghdr& message) {
+    if (followsRoutes_ && !routes_->messageIs(message)) {
+        malformedInc();
+    }
 }
 
 // A link without any IPv4 address loses its IPv4 routes.

@@ -1,5 +1,6 @@
 #include "Pavo/kernel/KernelInfoMgr.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,9 @@ namespace {
 Mox::TraceFacility facility("Pavo::KernelInfoMgr");
 
 constexpr double retrySeconds = 1;
+// A scan reads all names. However many there are and however fast they change, scans take a tenth
+// of the time at most.
+constexpr double pausePerScan = 9;
 
 }  // namespace
 
@@ -24,8 +28,8 @@ KernelInfoMgr::KernelInfoMgr(Mox::String name, Mox::Ptr<NamespaceStatusLocalDir>
     : name_(std::move(name)),
       status_(std::move(status)),
       clock_(clock),
-      runDir_(std::make_unique<NetNsRunDirWatch>([this] { scan(); })),
-      retry_(clock, [this] { scan(); }) {
+      runDir_(std::make_unique<NetNsRunDirWatch>([this] { scanBy(pauseUntil_); })),
+      timer_(clock, [this] { scan(); }) {
     scan();
 }
 
@@ -34,7 +38,7 @@ KernelInfoMgr::~KernelInfoMgr() = default;
 void KernelInfoMgr::close() {
     const Mox::Ptr<KernelInfoMgr> hold(this);
     runDir_ = nullptr;
-    retry_.expiryIs(Mox::Clock::idle);
+    timer_.expiryIs(Mox::Clock::idle);
     FirstException thrown;
     while (!followed_.empty()) {
         thrown.collect([&] { end(NamespaceName(followed_.begin()->first)); });
@@ -42,12 +46,19 @@ void KernelInfoMgr::close() {
     thrown.rethrow();
 }
 
-// The default namespace has no file of its own. A file of that name is one more name of it.
+void KernelInfoMgr::scanBy(double time) {
+    timer_.expiryIs(std::min(time, timer_.expiry()));
+}
+
+// The default namespace has no file of its own. A file of that name is one more name of it. A name
+// that has just ended and has no namespace now may be about to go too.
 void KernelInfoMgr::scan() {
     const Mox::Ptr<KernelInfoMgr> hold(this);
+    const double begun = clock_->now();
     std::optional<std::map<NamespaceName, int64_t>> read = netNsInodes();
+    pauseUntil_ = clock_->now() + pausePerScan * (clock_->now() - begun);
     if (!read) {
-        retry_.expiryIs(clock_->now() + retrySeconds);
+        scanBy(begun + retrySeconds);
         return;
     }
     std::map<NamespaceName, int64_t>& inodes = *read;
@@ -62,6 +73,10 @@ void KernelInfoMgr::scan() {
     FirstException thrown;
     for (const NamespaceName& each : gone) {
         thrown.collect([&] { end(each); });
+        if (const auto now = inodes.find(each); now != inodes.end() && now->second == -1) {
+            inodes.erase(now);
+            runDir_ ? scanBy(begun + retrySeconds) : void();
+        }
     }
     for (const auto& [netNs, inode] : inodes) {
         if (runDir_) {  // An observer may have closed this.
@@ -91,7 +106,7 @@ void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
     }
     if (!session->enabled() || (inode != 0 && netNsInodeOf(netNs) != inode)) {
         session->enabledIs(false);
-        retry_.expiryIs(clock_->now() + retrySeconds);
+        scanBy(clock_->now() + retrySeconds);
         return;
     }
     Followed& followed = followed_[netNs];

@@ -71,6 +71,7 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     };
 
     void scan();
+    void scanBy(double time);
     void begin(const NamespaceName& netNs, int64_t inode);
     void end(const NamespaceName& netNs);
     void handleSync(const NamespaceName& netNs);
@@ -81,7 +82,8 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     Mox::Map<NamespaceName, Mox::Ptr<KernelInfo>> infos_;
     std::map<NamespaceName, Followed> followed_;  // Also names that have no `KernelInfo` yet.
     std::unique_ptr<NetNsRunDirWatch> runDir_;
-    Mox::Timer retry_;
+    Mox::Timer timer_;  // For the next scan.
+    double pauseUntil_ = 0;
 };
 
 /// Begins to follow; see the constructor.

@@ -7,17 +7,17 @@
 #include <string_view>
 #include <utility>
 
+#include "Mox/Exception.h"
+
 #include "Pavo/kernel/NetlinkAddress.h"
 
 namespace Pavo {
 
 namespace {
 
-constexpr uint16_t change = NLM_F_REQUEST | NLM_F_ACK;
-
 NetlinkMessage linkRequest(uint16_t type, uint32_t ifIndex, uint32_t flags = 0,
                            uint32_t changed = 0) {
-    NetlinkMessage message(type, change);
+    NetlinkMessage message(type);
     auto& body = message.bodyIs<ifinfomsg>();
     body.ifi_index = static_cast<int>(ifIndex);
     body.ifi_flags = flags;
@@ -28,7 +28,10 @@ NetlinkMessage linkRequest(uint16_t type, uint32_t ifIndex, uint32_t flags = 0,
 // The own address is IFA_LOCAL, and IFA_ADDRESS the peer's where there is one.
 NetlinkMessage addressRequest(uint16_t type, uint16_t flags, const LinkAddress::Facts& facts) {
     const IpGenAddr& address = facts.key.address;
-    NetlinkMessage message(type, static_cast<uint16_t>(change | flags));
+    if (facts.len > addressBits(address.af()) || facts.scope > UINT8_MAX) {
+        Mox::throwRangeException("LinkAddress: length or scope out of range");
+    }
+    NetlinkMessage message(type, static_cast<uint16_t>(NLM_F_REQUEST | flags));
     auto& body = message.bodyIs<ifaddrmsg>();
     body.ifa_family = kernelFamilyOf(address.af());
     body.ifa_prefixlen = static_cast<uint8_t>(facts.len);
@@ -45,7 +48,7 @@ NetlinkMessage addressRequest(uint16_t type, uint16_t flags, const LinkAddress::
 
 NetlinkMessage neighbourMessage(uint16_t type, uint16_t flags, const NeighbourKey& key,
                                 NeighbourState state) {
-    NetlinkMessage message(type, static_cast<uint16_t>(change | flags));
+    NetlinkMessage message(type, static_cast<uint16_t>(NLM_F_REQUEST | flags));
     auto& body = message.bodyIs<ndmsg>();
     body.ndm_family = kernelFamilyOf(key.address.af());
     body.ndm_ifindex = static_cast<int>(key.ifIndex);
@@ -85,6 +88,9 @@ void addHops(NetlinkMessage& message, const Route& route) {
     const std::size_t nest = message.nestBegin(RTA_MULTIPATH);
     for (const RouteHop& each : route.hops) {
         const std::size_t begin = message.bytes().size();
+        if (each.weight == 0 || each.weight > 256) {
+            Mox::throwRangeException("RouteHop::weight not in 1 to 256");
+        }
         auto& head = message.bodyIs<rtnexthop>();
         head.rtnh_hops = static_cast<uint8_t>(each.weight - 1);
         head.rtnh_flags = each.isOnLink ? RTNH_F_ONLINK : 0;
@@ -98,7 +104,7 @@ void addHops(NetlinkMessage& message, const Route& route) {
 }
 
 NetlinkMessage routeMessage(uint16_t type, uint16_t flags, const Route& route) {
-    NetlinkMessage message(type, static_cast<uint16_t>(change | flags));
+    NetlinkMessage message(type, static_cast<uint16_t>(NLM_F_REQUEST | flags));
     auto& body = message.bodyIs<rtmsg>();
     body.rtm_family = kernelFamilyOf(route.key.prefix.af());
     body.rtm_dst_len = static_cast<uint8_t>(route.key.prefix.len());

@@ -48,8 +48,10 @@ linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
 /// Adds an address to a link: EEXIST when it is there. Of `facts`, key (without its network),
 /// length, peer, broadcast address and scope count, and of the flags those that ip-address(8) sets,
 /// such as IFA_F_NODAD. Without a broadcast address a link has none.
+/// @throws Mox::RangeException "LinkAddress: length or scope out of range"
 PAVO_EXPORT NetlinkMessage addressAddRequest(const LinkAddress::Facts& facts);
 /// Deletes an address: EADDRNOTAVAIL when there is none.
+/// @throws Mox::RangeException as above.
 PAVO_EXPORT NetlinkMessage addressDelRequest(const LinkAddressKey& key, uint32_t len);
 
 /// Adds a neighbour, or replaces the one there is. A state other than `permanent` and `noArp` ages.
@@ -62,6 +64,9 @@ PAVO_EXPORT NetlinkMessage neighbourAddRequest(const NeighbourKey& key, const Et
 PAVO_EXPORT NetlinkMessage neighbourDelRequest(const NeighbourKey& key);
 
 /// Adds a route: EEXIST when its key is taken, ENETUNREACH for a gateway that is on no link.
+/// @throws Mox::RangeException, as all requests about routes do,
+/// "RouteHop::weight not in 1 to 256", for several next hops, and for more next hops than an
+/// attribute holds, about 2,000, as `NetlinkMessage::nestEnd`.
 PAVO_EXPORT NetlinkMessage routeAddRequest(const Route& route);
 /// Adds a route, or replaces the first one of its key.
 PAVO_EXPORT NetlinkMessage routeReplaceRequest(const Route& route);

@@ -21,12 +21,11 @@ namespace Pavo {
 
 namespace {
 
-constexpr char runDir[] = "/var/run/netns";
 constexpr char parentDir[] = "/var/run";
 
 int checkedFd(int fd, const char* call) {
     if (fd < 0) {
-        throw Mox::ErrnoException(errno, call);
+        Mox::throwErrnoException(call);
     }
     return fd;
 }
@@ -39,18 +38,25 @@ bool isMissing(int error) {
 }  // namespace
 
 std::optional<int64_t> netNsInodeOf(const NamespaceName& name) {
-    const std::string path = std::string(runDir) + "/" + name.value().c_str();
+    const std::string path = std::string(netNsRunDir) + "/" + name.value().c_str();
+    const int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+    if (fd < 0) {
+        return isMissing(errno) ? std::optional<int64_t>(-1) : std::nullopt;
+    }
+    // Through one descriptor, so that both are about the same file.
     struct statfs fileSystem;
     struct stat status;
-    if (statfs(path.c_str(), &fileSystem) != 0 || stat(path.c_str(), &status) != 0) {
-        return isMissing(errno) ? std::optional<int64_t>(-1) : std::nullopt;
+    const bool isRead = fstatfs(fd, &fileSystem) == 0 && fstat(fd, &status) == 0;
+    (void)close(fd);
+    if (!isRead) {
+        return std::nullopt;
     }
     return fileSystem.f_type == NSFS_MAGIC ? static_cast<int64_t>(status.st_ino) : -1;
 }
 
 std::optional<std::map<NamespaceName, int64_t>> netNsInodes() {
     std::map<NamespaceName, int64_t> inodes;
-    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(runDir), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(netNsRunDir), closedir);
     if (!dir) {
         return isMissing(errno) ? std::optional(inodes) : std::nullopt;
     }
@@ -94,7 +100,7 @@ NetNsRunDirWatch::NetNsRunDirWatch(std::function<void()> handler)
 void NetNsRunDirWatch::watchDirectories() {
     constexpr uint32_t comings = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
     inotify_add_watch(inotify_->descriptor(), parentDir, comings);
-    inotify_add_watch(inotify_->descriptor(), runDir, comings | IN_DELETE | IN_MOVED_FROM);
+    inotify_add_watch(inotify_->descriptor(), netNsRunDir, comings | IN_DELETE | IN_MOVED_FROM);
 }
 
 // What the events say is read from the directory instead: they may have been too many.

@@ -15,6 +15,9 @@
 
 namespace Pavo {
 
+/// The directory of ip-netns(8).
+inline constexpr char netNsRunDir[] = "/var/run/netns";
+
 /// What there is in "/var/run/netns": the inode number of each namespace, and -1 for a file to
 /// which none is bound, as for a moment after its creation. Empty without such a directory.
 /// Names that `NamespaceName` refuses are left out. Null where it cannot be read now.
@@ -25,6 +28,7 @@ std::optional<int64_t> netNsInodeOf(const NamespaceName& name);
 /// Calls a function, from the event loop, after names in "/var/run/netns" came or went, or
 /// namespaces were bound to them. The directory may come later. Binding makes no event of inotify,
 /// so changes of the process's mounts are watched too; the function may be called without a change.
+/// It must not end the watch.
 class NetNsRunDirWatch {
   public:
     /// @throws Mox::ErrnoException "inotify_init1", "open", or of `FileDescriptor`.

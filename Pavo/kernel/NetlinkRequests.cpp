@@ -300,9 +300,9 @@ void NetlinkRequests::sendNextDump() {
 }
 
 // The messages that are not sent will not be. They end when those that are in flight have their
-// answers, and else in the next turn.
+// answers, and else in the next turn. ENOBUFS is left for lost answers.
 void NetlinkRequests::failed(Pending* pending, int error) {
-    pending->sendError = error;
+    pending->sendError = error == ENOBUFS ? ENOMEM : error;
     if (pending->answered == pending->sent) {
         deadlineIs(pending, 0);
     }
@@ -363,7 +363,7 @@ void NetlinkRequests::handleCut(const nlmsghdr& message, FirstException* excepti
     } else if (pending->isDump) {
         pending->isInterrupted = true;
     } else {
-        advance(pending, message.nlmsg_seq - pending->first + 1, {}, {EMSGSIZE, {}}, exception);
+        advance(pending, message.nlmsg_seq - pending->first + 1, {}, {EOVERFLOW, {}}, exception);
     }
 }
 

@@ -58,7 +58,7 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
     /// the next overflow.
     virtual void handleDumpRefused(uint16_t getType, const NetlinkAnswer& answer);
     /// A dump begins since `handleDumpEnd` returned false, and nothing was lost in between, so that
-    /// what either dump names exists. Calls `handleDumpBegin`, unless overridden.
+    /// what any of these dumps names exists. Calls `handleDumpBegin`, unless overridden.
     virtual void handleDumpAgain(uint16_t getType);
 };
 
@@ -71,10 +71,11 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 ///   dump, nothing for one to two deadlines;
 /// - ECANCELED: the session was disabled, or was it already;
 /// - ENOBUFS: answers were lost, so that it is unknown what the kernel did;
-/// - EMSGSIZE: an answer was larger than the buffer, which has grown now: ask again;
+/// - EOVERFLOW: an answer was larger than the buffer, which has grown now: ask again;
 /// - EBADMSG: the answer was malformed;
 /// - EINTR: a dump was interrupted again and again;
-/// - the error of send(2).
+/// - the error of send(2), with ENOMEM for its ENOBUFS: EMSGSIZE for a request that is larger than
+///   the send buffer.
 ///
 /// No more requests are sent than the receive buffer has room for answers; the others wait in the
 /// session and are sent in order.

@@ -20,6 +20,7 @@
 #include "Mox/Trace.h"
 #include "netns/netns.h"
 
+#include "Pavo/kernel/NetNsRunDir.h"
 #include "Pavo/kernel/NetlinkUtils.h"
 #include "Pavo/kernel/NsUtils.h"
 #include "Pavo/kernel/ScopedNetNs.h"
@@ -31,7 +32,6 @@ namespace {
 
 Mox::TraceFacility facility("Pavo::NetnsUtils");
 
-constexpr char netNsRunDir[] = "/var/run/netns";
 // The calling thread's namespace, on every thread.
 constexpr char threadNetNsFile[] = "/proc/thread-self/ns/net";
 

@@ -81,9 +81,10 @@ void readKey(const rtmsg& body, const NetlinkAttributes& attributes, RouteRecord
     record->tos = body.rtm_tos;
 }
 
-// True unless the next hops are malformed. A single one, the usual case, allocates nothing.
+// False for malformed ones. A single one, the usual case, allocates nothing.
 template <class Address>
-bool readWays(const rtmsg& body, const NetlinkAttributes& attributes, ReadRoute<Address>* route) {
+bool readNextHops(const rtmsg& body, const NetlinkAttributes& attributes,
+                  ReadRoute<Address>* route) {
     RouteRecord<Address>& record = route->record;
     route->hops.clear();
     if (attributes.find(RTA_MULTIPATH) != nullptr) {
@@ -111,7 +112,7 @@ bool readWays(const rtmsg& body, const NetlinkAttributes& attributes, ReadRoute<
 template <class Address>
 std::optional<Route> routeOfFamily(const nlmsghdr& message) {
     ReadRoute<Address> route;
-    if (!readRoute(message, &route)) {
+    if (readRoute(message, &route) != RouteMessage::route) {
         return {};
     }
     return routeOf(route.record, route.hops);
@@ -120,13 +121,17 @@ std::optional<Route> routeOfFamily(const nlmsghdr& message) {
 }  // namespace
 
 template <class Address>
-bool readRoute(const nlmsghdr& message, ReadRoute<Address>* route) {
+RouteMessage readRoute(const nlmsghdr& message, ReadRoute<Address>* route) {
     const auto* const body = netlinkBody<rtmsg>(message);
     const NetlinkAttributes attributes(message, sizeof(rtmsg), RTA_VIA);
-    if (body == nullptr || !attributes.isSound() ||
-        !isKept(*body, kernelFamilyOf(RouteRecord<Address>::family)) ||
-        body->rtm_dst_len > 8 * sizeof(Address)) {
-        return false;
+    if (body == nullptr || !attributes.isSound()) {
+        return RouteMessage::malformed;
+    }
+    if (!isKept(*body, kernelFamilyOf(RouteRecord<Address>::family))) {
+        return RouteMessage::other;
+    }
+    if (body->rtm_dst_len > 8 * sizeof(Address)) {
+        return RouteMessage::malformed;
     }
     RouteRecord<Address>& record = route->record;
     readKey(*body, attributes, &record);
@@ -134,11 +139,11 @@ bool readRoute(const nlmsghdr& message, ReadRoute<Address>* route) {
     record.type = body->rtm_type;
     record.scope = body->rtm_scope;
     attributes.read(RTA_PREFSRC, &record.source);
-    return readWays(*body, attributes, route);
+    return readNextHops(*body, attributes, route) ? RouteMessage::route : RouteMessage::malformed;
 }
 
-template bool readRoute(const nlmsghdr& message, ReadRoute<IpAddr>* route);
-template bool readRoute(const nlmsghdr& message, ReadRoute<Ip6Addr>* route);
+template RouteMessage readRoute(const nlmsghdr& message, ReadRoute<IpAddr>* route);
+template RouteMessage readRoute(const nlmsghdr& message, ReadRoute<Ip6Addr>* route);
 
 std::optional<Route> routeOf(const nlmsghdr& message) {
     const std::optional<Route> route = routeOfFamily<IpAddr>(message);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace Pavo {
 
@@ -65,15 +66,6 @@ uint32_t RouteIndex<Address>::slotOf(const Record& key) const {
         slot = (slot + 1) & mask;
     }
     return slot;
-}
-
-template <class Address>
-bool RouteIndex<Address>::contains(const Read& route) const {
-    uint32_t index = headOf(route.record);
-    while (index != none && !has(index, route)) {
-        index = at(index).next;
-    }
-    return index != none;
 }
 
 template <class Address>
@@ -175,26 +167,19 @@ void RouteIndex<Address>::count(const Record& record, uint32_t delta) {
 }
 
 template <class Address>
-uint32_t RouteIndex<Address>::insert(const Read& route, uint8_t generation, bool atEnd) {
+uint32_t RouteIndex<Address>::insert(const Read& route, uint8_t generation, uint32_t after) {
+    const uint32_t index = newRecord();
+    fill(index, route, generation);
+    if (after != none) {
+        at(index).next = std::exchange(at(after).next, index);
+        return index;
+    }
     if (slots_.empty() || 4 * (uint64_t{keys_} + 1) > 3 * uint64_t{slots_.size()}) {
         grow();
     }
-    const uint32_t slot = slotOf(route.record);
-    const uint32_t index = newRecord();
-    fill(index, route, generation);
-    const uint32_t head = slots_[slot];
+    uint32_t& head = slots_[slotOf(route.record)];
     keys_ += head == none ? 1 : 0;
-    if (head == none || !atEnd) {
-        at(index).next = head;
-        slots_[slot] = index;
-        return index;
-    }
-    uint32_t last = head;
-    while (at(last).next != none) {
-        last = at(last).next;
-    }
-    at(index).next = none;
-    at(last).next = index;
+    at(index).next = std::exchange(head, index);
     return index;
 }
 

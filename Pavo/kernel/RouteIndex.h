@@ -52,11 +52,9 @@ class RouteIndex {
     bool has(uint32_t index, const Read& route) const {
         return isSame(at(index), severalOf(at(index)), route);
     }
-    /// Whether any record is.
-    bool contains(const Read& route) const;
 
-    /// Puts a route before the others of its key, or after them.
-    uint32_t insert(const Read& route, uint8_t generation, bool atEnd);
+    /// Puts a route after one of its key, or with `none` before all of them.
+    uint32_t insert(const Read& route, uint8_t generation, uint32_t after);
     /// Puts another route of the same key in the place of one.
     void replace(uint32_t index, const Read& route, uint8_t generation);
     void remove(uint32_t index);

@@ -64,10 +64,14 @@ struct ReadRoute {
     std::vector<RouteHop> hops;
 };
 
-/// Reads a message of the family, within its bounds. False for one that `routeOf` refuses. `*route`
-/// may then be changed; its memory is used again.
+/// What a message says of a route, if anything: `other` is of another family, an entry of a cache,
+/// or a route for packets from certain sources only.
+enum class RouteMessage { route, other, malformed };
+
+/// Reads a message of the family, within its bounds. Where it is no `route`, `*route` may be
+/// changed; its memory is used again.
 template <class Address>
-bool readRoute(const nlmsghdr& message, ReadRoute<Address>* route);
+RouteMessage readRoute(const nlmsghdr& message, ReadRoute<Address>* route);
 
 /// The next hops of a record whose list of several is `hops`.
 template <class Address>
@@ -119,7 +123,7 @@ Route routeOf(const RouteRecord<Address>& record, const std::vector<RouteHop>& h
             hopsOf(record, hops)};
 }
 
-extern template bool readRoute(const nlmsghdr& message, ReadRoute<IpAddr>* route);
-extern template bool readRoute(const nlmsghdr& message, ReadRoute<Ip6Addr>* route);
+extern template RouteMessage readRoute(const nlmsghdr& message, ReadRoute<IpAddr>* route);
+extern template RouteMessage readRoute(const nlmsghdr& message, ReadRoute<Ip6Addr>* route);
 
 }  // namespace Pavo

@@ -18,6 +18,11 @@ bool hasGateway(const std::vector<RouteHop>& hops) {
     return !hops.empty() && hops.front().gateway.af() != ipunknown;
 }
 
+// Whether the kernel has made the route from a router advertisement, whose sender is the gateway.
+bool isAdvertised(uint8_t protocol, const std::vector<RouteHop>& hops) {
+    return protocol == RTPROT_RA && hasGateway(hops) && hops.front().gateway.isLinkLocalUnicast();
+}
+
 // Both in their order, as those of IPv6 are.
 bool hasAll(const std::vector<RouteHop>& hops, const std::vector<RouteHop>& some) {
     return !some.empty() && std::all_of(some.begin(), some.end(), [&](const RouteHop& each) {
@@ -45,13 +50,16 @@ void RouteStore<Address>::withoutHops(uint32_t index,
 }
 
 // Which of the routes of a key a message with NLM_F_REPLACE stands for, or `none`. The kernel takes
-// the first; of IPv6 the first of those that have gateways, or have none, as the new one.
+// the first; of IPv6 the first of those that have gateways, or have none, as the new one. For that
+// its own routes of router advertisements have none.
 template <class Address>
 uint32_t RouteStore<Address>::replacedBy(const Read& route, uint32_t head) const {
     if constexpr (Record::family == ipv6) {
         const bool wanted = hasGateway(hopsOf(route.record, route.hops));
         for (uint32_t index = head; index != none; index = routes_.at(index).next) {
-            if (hasGateway(routes_.allHopsOf(index)) == wanted) {
+            const std::vector<RouteHop> hops = routes_.allHopsOf(index);
+            const bool isOwn = isAdvertised(routes_.at(index).protocol, hops);
+            if ((hasGateway(hops) && !isOwn) == wanted) {
                 return index;
             }
         }
@@ -83,24 +91,29 @@ void RouteStore<Address>::add(const Read& route, uint16_t flags, Changes* change
     const uint32_t head = routes_.headOf(route.record);
     const uint32_t replaced =
         (flags & NLM_F_REPLACE) != 0 ? replacedBy(route, head) : extendedBy(route, head);
+    uint32_t last = none;
     for (uint32_t index = head; index != none; index = routes_.at(index).next) {
         if (routes_.has(index, route) && (replaced == none || replaced == index)) {
             routes_.at(index).generation = generation_;
             return;
         }
+        last = index;
     }
     if (replaced != none) {
         routes_.replace(replaced, route, generation_);
     } else {
-        routes_.insert(route, generation_, Record::family == ipv6 || (flags & NLM_F_APPEND) != 0);
+        const bool isAtEnd = Record::family == ipv6 || (flags & NLM_F_APPEND) != 0;
+        routes_.insert(route, generation_, isAtEnd ? last : none);
     }
     note(route.record, changes);
 }
 
 template <class Address>
 void RouteStore<Address>::del(const Read& route, Changes* changes) {
-    isDisturbed_ = isDisturbed_ || Record::family == ipv6 ||
-                   (!group_.empty() && group_[0].record.prefix == route.record.prefix);
+    if (Record::family == ipv6 ||
+        (!group_.empty() && group_[0].record.prefix == route.record.prefix)) {
+        trust_.deleted();
+    }
     if (grouped_ != 0 && group_[0].record.hasKeyOf(route.record)) {
         commitPart(changes);
     }
@@ -125,13 +138,12 @@ void RouteStore<Address>::del(const Read& route, Changes* changes) {
 }
 
 template <class Address>
-void RouteStore<Address>::dumpBegin(bool isSecond) {
+void RouteStore<Address>::dumpBegin(bool isAgain) {
     grouped_ = 0;
     isPartial_ = false;
-    isDisturbed_ = false;
+    trust_.begin(isAgain);
     inDump_ = true;
-    isSecond_ = isSecond;
-    if (!isSecond && ++generation_ == 0) {
+    if (!isAgain && ++generation_ == 0) {
         for (uint32_t index = 0; index < routes_.end(); ++index) {
             routes_.at(index).generation = 0;
         }
@@ -158,7 +170,7 @@ template <class Address>
 bool RouteStore<Address>::dumpEnd(Changes* changes) {
     commitGroup(changes);
     inDump_ = false;
-    if (isDisturbed_ && !isSecond_) {
+    if (!trust_.end(members())) {
         return false;
     }
     for (uint32_t index = 0; index < routes_.end(); ++index) {
@@ -190,11 +202,38 @@ void RouteStore<Address>::commitGroup(Changes* changes) {
         return;
     }
     if (head == none) {
-        routes_.insert(first, generation_, /*atEnd=*/true);
+        routes_.insert(first, generation_, none);
     } else {
         routes_.replace(head, first, generation_);
     }
     note(first.record, changes);
+}
+
+// Whether these are the routes of their key, in this order.
+template <class Address>
+bool RouteStore<Address>::isChain(const std::vector<Read>& routes, std::size_t count) const {
+    uint32_t index = routes_.headOf(routes[0].record);
+    for (std::size_t i = 0; i < count; ++i, index = routes_.at(index).next) {
+        if (index == none || !routes_.has(index, routes[i])) {
+            return false;
+        }
+    }
+    return index == none;
+}
+
+// As a rule nothing has changed.
+template <class Address>
+void RouteStore<Address>::commitChain(Changes* changes) {
+    if (!isChain(group_, grouped_)) {
+        mergeChain(changes);
+    } else {
+        for (uint32_t index = routes_.headOf(group_[0].record); index != none;
+             index = routes_.at(index).next) {
+            routes_.at(index).generation = generation_;
+        }
+    }
+    grouped_ = 0;
+    isPartial_ = false;
 }
 
 // Puts the routes of the group in the place of those of its key. Those that were seen since the
@@ -202,41 +241,36 @@ void RouteStore<Address>::commitGroup(Changes* changes) {
 // When the group may be only a part of its key, all stay: what does not come goes at the end of the
 // dump.
 template <class Address>
-void RouteStore<Address>::commitChain(Changes* changes) {
+void RouteStore<Address>::mergeChain(Changes* changes) {
     std::vector<Read> chain;
     const auto isInChain = [&](const Record& record, const std::vector<RouteHop>& several) {
         return std::any_of(chain.begin(), chain.end(), [&](const Read& each) {
             return RouteIndex<Address>::isSame(record, several, each);
         });
     };
-    bool isChanged = false;
     for (uint32_t i = 0; i < grouped_; ++i) {
         if (!isInChain(group_[i].record, group_[i].hops)) {
             chain.push_back(group_[i]);
-            isChanged = isChanged || !routes_.contains(group_[i]);
         }
     }
     const std::size_t seen = chain.size();
     const Record key = chain[0].record;
-    uint32_t before = 0;
-    for (uint32_t index = routes_.headOf(key); index != none;
-         index = routes_.at(index).next, ++before) {
+    for (uint32_t index = routes_.headOf(key); index != none; index = routes_.at(index).next) {
         const Record& record = routes_.at(index);
         const bool stays = isPartial_ || record.generation == generation_;
         if (stays && !isInChain(record, routes_.severalOf(record))) {
             chain.push_back({record, routes_.severalOf(record)});
         }
     }
-    isChanged = isChanged || chain.size() != before;
+    const bool isChanged = !isChain(chain, chain.size());
     for (uint32_t index = routes_.headOf(key); index != none; index = routes_.headOf(key)) {
         routes_.remove(index);
     }
+    uint32_t last = none;
     for (std::size_t i = 0; i < chain.size(); ++i) {
         const uint8_t generation = i < seen ? generation_ : chain[i].record.generation;
-        routes_.insert(chain[i], generation, /*atEnd=*/true);
+        last = routes_.insert(chain[i], generation, last);
     }
-    grouped_ = 0;
-    isPartial_ = false;
     if (isChanged) {
         note(key, changes);
     }
@@ -252,17 +286,10 @@ void RouteStore<Address>::commitPart(Changes* changes) {
     }
 }
 
-// Before routes go without a message of their own.
-template <class Address>
-void RouteStore<Address>::disturb(Changes* changes) {
-    isDisturbed_ = true;
-    commitPart(changes);
-}
-
 template <class Address>
 void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, bool hasAddress,
                                    Changes* changes) {
-    disturb(changes);
+    commitPart(changes);
     for (uint32_t index = 0; routes_.mayUseLink(ifIndex) && index < routes_.end(); ++index) {
         const Record& record = routes_.at(index);
         if (!routes_.isUsed(index) ||
@@ -281,13 +308,14 @@ void RouteStore<Address>::linkDown(uint32_t ifIndex, const IsUp& isUp, bool hasA
         if (isGone) {
             note(record, changes);
             routes_.remove(index);
+            trust_.deleted();
         }
     }
 }
 
 template <class Address>
 void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
-    disturb(changes);
+    commitPart(changes);
     const auto isOn = [&](const RouteHop& hop) { return hop.ifIndex == ifIndex; };
     for (uint32_t index = 0; routes_.mayUseLink(ifIndex) && index < routes_.end(); ++index) {
         const Record& record = routes_.at(index);
@@ -298,6 +326,7 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
             continue;
         }
         note(record, changes);
+        trust_.deleted();
         if (Record::family == ipv6 && !hops.empty()) {
             withoutHops(index, isOn);
         } else {
@@ -310,7 +339,7 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
 template <class Address>
 void RouteStore<Address>::addressGone(const Address& address, uint32_t ifIndex, uint32_t table,
                                       Changes* changes) {
-    disturb(changes);
+    commitPart(changes);
     for (uint32_t index = 0; routes_.mayUseSource(address) && index < routes_.end(); ++index) {
         const Record& record = routes_.at(index);
         if (!routes_.isUsed(index) || record.source != address ||
@@ -320,6 +349,7 @@ void RouteStore<Address>::addressGone(const Address& address, uint32_t ifIndex, 
         if (Record::family == ipv4 && record.table == table && !isError(record.type)) {
             note(record, changes);
             routes_.remove(index);
+            trust_.deleted();
         } else if (Record::family == ipv6 && record.ifIndex == ifIndex &&
                    (record.flags & Record::several) == 0) {
             note(record, changes);

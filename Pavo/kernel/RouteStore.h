@@ -2,10 +2,12 @@
 /// The routes of one family, kept as the kernel announces and dumps them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <vector>
 
+#include "Pavo/kernel/DumpTrust.h"
 #include "Pavo/kernel/Route.h"
 #include "Pavo/kernel/RouteIndex.h"
 
@@ -37,12 +39,11 @@ class RouteStore {
     /// For RTM_DELROUTE. Of IPv6 the message may name some of a route's next hops, which then go.
     void del(const Read& route, Changes* changes);
 
-    /// A second dump goes on with what the first has named: what either names stays.
-    void dumpBegin(bool isSecond);
+    /// With `isAgain` what the dumps before have named stays too.
+    void dumpBegin(bool isAgain);
     void dumpItem(const Read& route, Changes* changes);
-    /// False when what did not come is kept, since a first dump may not be complete: the kernel
-    /// counts on from where it stopped, and skips routes when others before them were deleted
-    /// meanwhile. For IPv4 it counts among the routes of one address only.
+    /// False when what did not come is kept, since the dump may not be complete. For IPv4 the
+    /// kernel counts among the routes of one address only.
     bool dumpEnd(Changes* changes);
 
     // What the kernel deletes without a message.
@@ -86,16 +87,16 @@ class RouteStore {
     uint32_t extendedBy(const Read& route, uint32_t head) const;
 
     void commitGroup(Changes* changes);
+    bool isChain(const std::vector<Read>& routes, std::size_t count) const;
     void commitChain(Changes* changes);
+    void mergeChain(Changes* changes);
     void commitPart(Changes* changes);
-    void disturb(Changes* changes);
     void note(const Record& record, Changes* changes) const;
 
     RouteIndex<Address> routes_;
     uint8_t generation_ = 0;
     bool inDump_ = false;
-    bool isSecond_ = false;
-    bool isDisturbed_ = false;
+    DumpTrust trust_;
     bool isPartial_ = false;   // The group may lack routes of its key.
     std::vector<Read> group_;  // Of one key, as the dump brings them; the first `grouped_`.
     uint32_t grouped_ = 0;

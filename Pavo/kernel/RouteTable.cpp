@@ -21,8 +21,9 @@ namespace {
 template <class Address>
 bool apply(RouteStore<Address>* store, ReadRoute<Address>* read, const nlmsghdr& message,
            std::vector<RouteKey>* changes) {
-    if (!readRoute(message, read)) {
-        return false;
+    const RouteMessage kind = readRoute(message, read);
+    if (kind != RouteMessage::route) {
+        return kind == RouteMessage::other;
     }
     if (message.nlmsg_type == RTM_DELROUTE) {
         store->del(*read, changes);
@@ -88,19 +89,19 @@ void RouteTable::forEach(const std::function<void(const Route&)>& call) const {
 
 bool RouteTable::messageIs(const nlmsghdr& message) {
     const auto* const body = netlinkBody<rtmsg>(message);
-    bool isKept = false;
+    bool isSound = body != nullptr;
     if (body != nullptr && body->rtm_family == AF_INET) {
-        isKept = apply(&stores_->v4, &stores_->read4, message, changes());
+        isSound = apply(&stores_->v4, &stores_->read4, message, changes());
     } else if (body != nullptr && body->rtm_family == AF_INET6) {
-        isKept = apply(&stores_->v6, &stores_->read6, message, changes());
+        isSound = apply(&stores_->v6, &stores_->read6, message, changes());
     }
     announce();
-    return isKept;
+    return isSound;
 }
 
-void RouteTable::dumpBegin(bool isSecond) {
-    stores_->v4.dumpBegin(isSecond);
-    stores_->v6.dumpBegin(isSecond);
+void RouteTable::dumpBegin(bool isAgain) {
+    stores_->v4.dumpBegin(isAgain);
+    stores_->v6.dumpBegin(isAgain);
 }
 
 bool RouteTable::dumpEnd() {
@@ -159,17 +160,20 @@ void RouteTable::announce() {
         return;
     }
     const Mox::Ptr<RouteTable> hold(this);
-    std::vector<RouteKey> changed;
-    changed.swap(changed_);
+    std::vector<RouteKey> changed = std::exchange(changed_, {});
     if (changed.size() > 1) {
         std::sort(changed.begin(), changed.end());
         changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
     }
-    FirstException thrown;
+    FirstException exception;
     for (const RouteKey& each : changed) {
-        thrown.collect([&] { notify(routesAttr, each); });
+        exception.collect([&] { notify(routesAttr, each); });
     }
-    thrown.rethrow();
+    if (changed_.empty()) {  // The next ones need no memory of their own.
+        changed.clear();
+        changed_.swap(changed);
+    }
+    exception.rethrow();
 }
 
 }  // namespace Pavo

@@ -31,7 +31,8 @@ namespace Pavo {
 /// by the kernel's own rules.
 ///
 /// Routes over next-hop objects (ip-nexthop(8)) that change or go are correct only after the next
-/// dump.
+/// dump. So is, where another process than the kernel adds the routes of router advertisements, one
+/// of these that is replaced by a route of the same metric.
 class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
   public:
     static constexpr Mox::Attribute<RouteTable, RouteKey> routesAttr{0, "routes"};
@@ -58,14 +59,13 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     /// @name The kernel's messages, for `KernelInfo` and for tests
     /// @{
     /// A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
-    /// false for one that `routeOf` refuses.
+    /// false for a malformed one.
     bool messageIs(const nlmsghdr& message);
-    /// A dump begins: all routes follow, until `dumpEnd`. A second one makes up for what the first
-    /// may have left out.
-    void dumpBegin(bool isSecond);
+    /// A dump begins: all routes follow, until `dumpEnd`. With `isAgain` it makes up for what the
+    /// one before may have left out.
+    void dumpBegin(bool isAgain);
     /// The routes that did not come since `dumpBegin` are removed. With false they were not, since
-    /// routes were deleted during the dump, which may then have skipped others: a second dump is
-    /// needed.
+    /// routes were deleted during the dump, which may then have skipped others: see `DumpTrust`.
     bool dumpEnd();
     /// A link was set down. `isUp` says of other links whether their next hops are alive.
     void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);

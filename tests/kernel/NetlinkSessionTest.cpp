@@ -126,8 +126,8 @@ struct World : PavoTest::RandomProgram {
             EXPECT_TRUE(asked.mayBeCancelled);
         } else if (mayBeLost && on.kernel.requestLosses != 0) {
         } else if (isDump) {
-            EXPECT_TRUE(error == 0 || error == EINTR || error == EMSGSIZE) << error;
-        } else if (error != EMSGSIZE) {
+            EXPECT_TRUE(error == 0 || error == EINTR || error == EOVERFLOW) << error;
+        } else if (error != EOVERFLOW) {
             ASSERT_TRUE(handled != on.kernel.results.end()) << error << " from nobody";
             EXPECT_TRUE(error == handled->second || handled->second == KernelModel::swallowed);
             EXPECT_EQ(answer.text, error == EINVAL ? KernelModel::refusedText : "");
