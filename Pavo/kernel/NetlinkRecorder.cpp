@@ -99,6 +99,10 @@ constexpr uint16_t interfaceNameOption = 2;
 constexpr uint16_t packetFlagsOption = 2;
 constexpr uint32_t directionBits = 3;
 
+std::size_t indexOf(NetlinkPortUse use) {
+    return static_cast<std::size_t>(use);
+}
+
 [[noreturn]] void throwNoRecording() {
     Mox::throwRangeException("NetlinkPlayer: not a recording");
 }
@@ -161,7 +165,7 @@ class NetlinkPlayer::Port final : public Mox::Described<NetlinkPlayer::Port, Net
     static constexpr auto description() { return Mox::classRecord("Pavo::NetlinkPlayer::Port"); }
 
     Port(NetlinkPlayer* player, const Interface& interface)
-        : player_(player), interface_(interface), timer_(player->clock_, [this] { report(); }) {}
+        : player_(player), interface_(interface) {}
 
     uint32_t portId() const override { return interface_.portId; }
     uint32_t rcvBufBytes() const override { return interface_.rcvBufBytes; }
@@ -169,28 +173,25 @@ class NetlinkPlayer::Port final : public Mox::Described<NetlinkPlayer::Port, Net
         return player_->send(interface_.use, messages);
     }
     ssize_t receive(std::span<uint8_t> buffer, uint32_t* sender) override {
-        auto& waiting = player_->received_[index()];
-        if (waiting.empty()) {
-            errno = EAGAIN;
-            return -1;
-        }
-        const std::vector<uint8_t> bytes = std::move(waiting.front());
-        waiting.pop_front();
-        std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.size()), buffer.begin());
         *sender = 0;
-        return static_cast<ssize_t>(bytes.size());
+        return player_->receive(interface_.use, buffer);
     }
-    void receiveTried(bool moreMayWait) override { moreMayWait ? wake() : void(); }
+    void receiveTried(bool moreMayWait) override {
+        if (moreMayWait) {
+            player_->reportSoon(interface_.use);
+        }
+    }
     void groupIs(uint32_t, bool) override {}
     void readableIs(std::function<void()> readable) override {
         readable_ = std::move(readable);
-        Port*& open = player_->ports_[index()];
+        Port*& open = player_->ports_[indexOf(interface_.use)];
         open = readable_ ? this : open == this ? nullptr : open;
-        wake();
+        player_->reportSoon(interface_.use);
     }
-    void wake() {
-        if (readable_ && !player_->received_[index()].empty()) {
-            timer_.expiryIs(player_->clock_->now());
+    void report() {
+        const Mox::Ptr<Port> hold(this);
+        if (const auto readable = readable_) {  // A copy, since the call may change it.
+            readable();
         }
     }
 
@@ -198,21 +199,16 @@ class NetlinkPlayer::Port final : public Mox::Described<NetlinkPlayer::Port, Net
     ~Port() override { readableIs(nullptr); }
 
   private:
-    std::size_t index() const { return static_cast<std::size_t>(interface_.use); }
-    void report() {
-        if (const auto readable = readable_) {  // A copy, since the call may change it.
-            readable();
-        }
-    }
-
     Mox::Ptr<NetlinkPlayer> player_;
     Interface interface_;
-    Mox::Timer timer_;
     std::function<void()> readable_;
 };
 
-NetlinkPlayer::NetlinkPlayer(const Mox::String& path, Mox::Clock* clock) : clock_(clock) {
+NetlinkPlayer::NetlinkPlayer(const Mox::String& path, Mox::Clock* clock)
+    : clock_(clock), timer_(clock, [this] { handleDue(); }) {
     readBlocks(contentsOf(path));
+    toSend_ = nextOf(CaptureDirection::outbound, 0);
+    toReceive_ = nextOf(CaptureDirection::inbound, 0);
 }
 
 NetlinkPlayer::~NetlinkPlayer() = default;
@@ -260,7 +256,7 @@ void NetlinkPlayer::readInterface(std::span<const uint8_t> body) {
 
 void NetlinkPlayer::readPacket(std::span<const uint8_t> body) {
     const auto number = numberAt<uint32_t>(body, 0);
-    const auto bytes = numberAt<uint32_t>(body, 12);  // After the time.
+    const auto bytes = numberAt<uint32_t>(body, 12);  // After the time, high word first.
     constexpr std::size_t fixedBytes = 20;
     if (number >= interfaces_.size() || bytes < sizeof(CookedHdr) || body.size() < fixedBytes ||
         bytes > body.size() - fixedBytes) {
@@ -271,7 +267,9 @@ void NetlinkPlayer::readPacket(std::span<const uint8_t> body) {
         optionIn(body.subspan(std::min<std::size_t>(fixedBytes + NLMSG_ALIGN(bytes), body.size())),
                  packetFlagsOption);
     Datagram datagram;
-    datagram.use = interfaces_[number].use;
+    datagram.interface = number;
+    datagram.nanoseconds =
+        uint64_t{numberAt<uint32_t>(body, 4)} << 32 | numberAt<uint32_t>(body, 8);
     datagram.direction =
         static_cast<CaptureDirection>(numberAt<uint32_t>(flags, 0) & directionBits);
     datagram.bytes.assign(packet.begin() + sizeof(CookedHdr), packet.end());
@@ -287,48 +285,94 @@ NetlinkPortOpener NetlinkPlayer::opener() {
 Mox::Ptr<NetlinkPort> NetlinkPlayer::open(NetlinkPortUse use) {
     Interface interface;
     interface.use = use;
-    std::size_t& opened = opened_[static_cast<std::size_t>(use)];
+    std::size_t& opened = opened_[indexOf(use)];
     std::size_t seen = 0;
-    for (const Interface& each : interfaces_) {
-        if (each.use == use && seen++ <= opened) {
-            interface = each;
+    for (std::size_t number = 0; number != interfaces_.size(); ++number) {
+        if (interfaces_[number].use == use && seen++ <= opened) {
+            interface = interfaces_[number];
+            openInterface_[indexOf(use)] = number;
         }
     }
     ++opened;
-    const auto port = Mox::make<Port>(this, interface);
-    deliver();
-    return port;
+    awaitNext();
+    return Mox::make<Port>(this, interface);
+}
+
+std::size_t NetlinkPlayer::nextOf(CaptureDirection direction, std::size_t index) const {
+    while (index < datagrams_.size() && datagrams_[index].direction != direction) {
+        ++index;
+    }
+    return index;
 }
 
 int NetlinkPlayer::send(NetlinkPortUse use, std::span<const uint8_t> messages) {
     const bool isExpected =
-        next_ < datagrams_.size() && datagrams_[next_].use == use &&
-        std::equal(messages.begin(), messages.end(), datagrams_[next_].bytes.begin(),
-                   datagrams_[next_].bytes.end());
+        toSend_ < datagrams_.size() && useOf(datagrams_[toSend_]) == use &&
+        std::equal(messages.begin(), messages.end(), datagrams_[toSend_].bytes.begin(),
+                   datagrams_[toSend_].bytes.end());
     if (!isExpected) {
         if (difference_.empty()) {
-            difference_ = "datagram " + std::to_string(next_) +
-                          (next_ < datagrams_.size() ? " differs" : " is not in the recording");
+            difference_ = "datagram " + std::to_string(toSend_) +
+                          (toSend_ < datagrams_.size() ? " differs" : " is not in the recording");
         }
         return EPROTO;
     }
-    ++next_;
-    deliver();
+    toSend_ = nextOf(CaptureDirection::outbound, toSend_ + 1);
+    awaitNext();
     return 0;
 }
 
-// What was received before the next datagram that is sent.
-void NetlinkPlayer::deliver() {
-    while (next_ < datagrams_.size() && datagrams_[next_].direction == CaptureDirection::inbound) {
-        const auto index = static_cast<std::size_t>(datagrams_[next_].use);
-        received_[index].push_back(datagrams_[next_].bytes);
-        ports_[index] != nullptr ? ports_[index]->wake() : void();
-        ++next_;
+// Sets the timer for the next datagram to be received, once all before it have passed. One that a
+// port received which has been replaced since is left out.
+void NetlinkPlayer::awaitNext() {
+    while (toReceive_ < datagrams_.size() &&
+           datagrams_[toReceive_].interface <
+               openInterface_[indexOf(useOf(datagrams_[toReceive_]))]) {
+        toReceive_ = nextOf(CaptureDirection::inbound, toReceive_ + 1);
+    }
+    if (toReceive_ >= toSend_ || awaited_ == toReceive_) {
+        return;
+    }
+    awaited_ = toReceive_;
+    isDue_ = false;
+    const uint64_t time = datagrams_[awaited_].nanoseconds;
+    const uint64_t before = awaited_ == 0 ? time : datagrams_[awaited_ - 1].nanoseconds;
+    const uint64_t pause = time > before ? time - before : 0;  // The system's time may be set back.
+    timer_.expiryIs(clock_->now() + static_cast<double>(pause) * 1e-9);
+}
+
+void NetlinkPlayer::handleDue() {
+    const Mox::Ptr<NetlinkPlayer> hold(this);
+    isDue_ = true;
+    if (Port* const port = ports_[indexOf(useOf(datagrams_[awaited_]))]) {
+        port->report();
     }
 }
 
+bool NetlinkPlayer::isDueFor(NetlinkPortUse use) const {
+    return isDue_ && awaited_ == toReceive_ && useOf(datagrams_[awaited_]) == use;
+}
+
+void NetlinkPlayer::reportSoon(NetlinkPortUse use) {
+    if (isDueFor(use)) {
+        timer_.expiryIs(clock_->now());
+    }
+}
+
+ssize_t NetlinkPlayer::receive(NetlinkPortUse use, std::span<uint8_t> buffer) {
+    if (!isDueFor(use)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const std::vector<uint8_t>& bytes = datagrams_[awaited_].bytes;
+    std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.size()), buffer.begin());
+    toReceive_ = nextOf(CaptureDirection::inbound, toReceive_ + 1);
+    awaitNext();
+    return static_cast<ssize_t>(bytes.size());
+}
+
 bool NetlinkPlayer::isAtEnd() const {
-    return next_ == datagrams_.size() && received_[0].empty() && received_[1].empty();
+    return toSend_ == datagrams_.size() && toReceive_ == datagrams_.size();
 }
 
 Mox::Ptr<NetlinkPlayer> netlinkPlayerFactory(const Mox::String& path, Mox::Clock* clock) {

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <linux/netlink.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <span>
 #include <vector>
 
@@ -32,10 +32,14 @@ PAVO_EXPORT NetlinkPortOpener netlinkRecorder(Mox::Ptr<CaptureFile> file, Netlin
                                               int protocol = NETLINK_ROUTE);
 
 /// Plays a recording back, in place of the kernel. A session that does again what it did when it
-/// was recorded receives again what it received: each datagram that it sends is compared with the
-/// next one of the recording, and what was received between this and the one after it follows at
-/// the next instant of the clock. A datagram that differs is refused (EPROTO), and the difference
+/// was recorded receives again what it received. Each datagram that it sends is compared with the
+/// next one that was sent, of either port; one that differs is refused (EPROTO), and the difference
 /// noted.
+///
+/// Order and times are those of the recording: each datagram from the kernel comes after all that
+/// precede it in the file, of both ports, and as long after the last of them as it did then. So a
+/// link that went down half a second after an answer does that again, half a second of the clock
+/// later. What the session sends may come earlier or later than it did; what follows it waits.
 class PAVO_EXPORT NetlinkPlayer : public Mox::Described<NetlinkPlayer> {
   public:
     static constexpr auto description() { return Mox::classRecord("Pavo::NetlinkPlayer"); }
@@ -65,25 +69,39 @@ class PAVO_EXPORT NetlinkPlayer : public Mox::Described<NetlinkPlayer> {
         uint32_t rcvBufBytes = 0;
     };
     struct Datagram {
-        NetlinkPortUse use;
+        std::size_t interface;  // Of `interfaces_`.
         CaptureDirection direction;
+        uint64_t nanoseconds;
         std::vector<uint8_t> bytes;
     };
 
     void readBlocks(std::span<const uint8_t> file);
     void readInterface(std::span<const uint8_t> body);
     void readPacket(std::span<const uint8_t> body);
+    NetlinkPortUse useOf(const Datagram& datagram) const {
+        return interfaces_[datagram.interface].use;
+    }
+    std::size_t nextOf(CaptureDirection direction, std::size_t index) const;
     Mox::Ptr<NetlinkPort> open(NetlinkPortUse use);
     int send(NetlinkPortUse use, std::span<const uint8_t> messages);
-    void deliver();
+    ssize_t receive(NetlinkPortUse use, std::span<uint8_t> buffer);
+    void awaitNext();
+    void handleDue();
+    bool isDueFor(NetlinkPortUse use) const;
+    void reportSoon(NetlinkPortUse use);
 
     Mox::Clock* const clock_;
+    Mox::Timer timer_;
     std::vector<Interface> interfaces_;
     std::vector<Datagram> datagrams_;
-    std::size_t next_ = 0;                          // Of `datagrams_`.
-    std::deque<std::vector<uint8_t>> received_[2];  // By the use of the port.
-    Port* ports_[2] = {};                           // The open ones.
-    std::size_t opened_[2] = {};                    // How many interfaces of each use were.
+    // Of `datagrams_`; its size at the end.
+    std::size_t toSend_ = 0;
+    std::size_t toReceive_ = 0;
+    std::size_t awaited_ = SIZE_MAX;     // The one that the timer was set for last.
+    bool isDue_ = false;                 // It may be received.
+    Port* ports_[2] = {};                // The open ones, by their use.
+    std::size_t opened_[2] = {};         // How many were opened.
+    std::size_t openInterface_[2] = {};  // That of the one opened last.
     Mox::String difference_;
 };
 

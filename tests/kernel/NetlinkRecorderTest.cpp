@@ -8,8 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -72,15 +76,34 @@ Texts exchanged(const Kind& kind, NetlinkSession& session, const std::function<v
     return log.texts;
 }
 
-Texts played(const Kind& kind, const std::string& path) {
+Texts played(const Kind& kind, const std::string& path, double pauseSeconds = 0) {
     Mox::ManualClock clock;
     const auto player = netlinkPlayerFactory(path, &clock);
     const auto session = netlinkSessionFactory("played", NamespaceName(), &clock);
     session->portOpenerIs(player->opener());
-    const Texts log = exchanged(kind, *session, [&clock] { clock.advance(0.001); });
+    const Texts log = exchanged(kind, *session, [&clock] { clock.advance(0.0625); });
     EXPECT_EQ(player->difference(), "");
+    EXPECT_GT(clock.now(), pauseSeconds);
     EXPECT_TRUE(player->isAtEnd());
     return log;
+}
+
+// A copy of a recording, with its last datagram later.
+std::string delayed(const std::string& path, uint64_t nanoseconds) {
+    std::ifstream in(path, std::ios::binary);
+    std::string file((std::istreambuf_iterator<char>(in)), {});
+    uint32_t blockBytes;
+    std::memcpy(&blockBytes, file.data() + file.size() - sizeof(blockBytes), sizeof(blockBytes));
+    uint32_t words[2];  // After the type, the length and the interface.
+    char* const time = file.data() + file.size() - blockBytes + 12;
+    std::memcpy(words, time, sizeof(words));
+    nanoseconds += uint64_t{words[0]} << 32 | words[1];
+    words[0] = static_cast<uint32_t>(nanoseconds >> 32);
+    words[1] = static_cast<uint32_t>(nanoseconds);
+    std::memcpy(time, words, sizeof(words));
+    const std::string copy = testing::TempDir() + "netlink-delayed.pcapng";
+    std::ofstream(copy, std::ios::binary) << file;
+    return copy;
 }
 
 using NetlinkRecorderTest = PavoTest::SandboxTest;
@@ -114,6 +137,9 @@ TEST(NetlinkRecorder, PlaysBackRecordingsWithoutAKernel) {
     for (const Kind& kind : kinds) {
         const std::string path = std::string(PAVO_RECORDINGS "/") + kind.name + ".pcapng";
         EXPECT_EQ(played(kind, path).back(), refused);
+        const std::string copy = delayed(path, 3'000'000'000);
+        EXPECT_EQ(played(kind, copy, /*pauseSeconds=*/3).back(), refused);
+        EXPECT_EQ(unlink(copy.c_str()), 0);
     }
     Mox::ManualClock clock;
     const auto player = netlinkPlayerFactory(PAVO_RECORDINGS "/links.pcapng", &clock);
