@@ -94,19 +94,25 @@ void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
     }
     followed_.try_emplace(netNs);
     status_->nsIs(netNs);
-    if (inode == -1 || followed_.count(netNs) == 0) {
+    if (followed_.count(netNs) == 0) {
+        return;
+    }
+    if (inode == -1) {
+        lastErrorIs(netNs, "/var/run/netns/" + netNs.value() + " is no network namespace");
         return;
     }
     const auto session = netlinkSessionFactory(netNs.value(), netNs, clock_);
     const auto info = kernelInfoFactory(netNs.value(), session);
+    Mox::String failure;
     try {
         session->enabledIs(true);
     } catch (const Mox::ErrnoException& error) {
-        MOX_TRACE(facility, 1, netNs.value(), ": ", error.what());
+        failure = error.what();
     }
     if (!session->enabled() || (inode != 0 && netNsInodeOf(netNs) != inode)) {
         session->enabledIs(false);
         scanBy(clock_->now() + retrySeconds);
+        lastErrorIs(netNs, failure);
         return;
     }
     Followed& followed = followed_[netNs];
@@ -115,7 +121,19 @@ void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
     followed.sync = Mox::Watch<KernelInfo>(info, KernelInfo::isInSyncAttr,
                                            [this, netNs] { handleSync(NamespaceName(netNs)); });
     infos_.is(netNs, info);
-    notify(kernelInfosAttr, netNs);
+    FirstException thrown;
+    thrown.collect([&] { notify(kernelInfosAttr, netNs); });
+    thrown.collect([&] { lastErrorIs(netNs, ""); });
+    thrown.rethrow();
+}
+
+// Traced when it changes, not at each attempt.
+void KernelInfoMgr::lastErrorIs(const NamespaceName& netNs, const Mox::String& text) {
+    const auto status = status_->ns(netNs);
+    if (status && status->lastError() != text) {
+        MOX_TRACE(facility, 1, netNs.value(), ": ", text.empty() ? "entered" : text.c_str());
+        status->lastErrorIs(text);
+    }
 }
 
 void KernelInfoMgr::handleSync(const NamespaceName& netNs) {

@@ -32,7 +32,9 @@ class NetNsRunDirWatch;
 /// `KernelInfo` end, links last, then the `KernelInfo` goes, and last the status. The namespace is
 /// not kept alive by it after that.
 ///
-/// A namespace that cannot be entered is tried again each second; its state is `initializing`.
+/// A namespace that cannot be entered is tried again each second. Its state is `initializing`, and
+/// `NamespaceStatusLocal::lastError` says why; for a file that is no namespace, that is
+/// "/var/run/netns/<name> is no network namespace".
 class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
   public:
     static constexpr Mox::Attribute<KernelInfoMgr, NamespaceName> kernelInfosAttr{0, "kernelInfos"};
@@ -40,8 +42,9 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
         return Mox::classRecord("Pavo::KernelInfoMgr", Mox::attribute(kernelInfosAttr));
     }
 
-    /// Begins to follow. `status` gets a member for each namespace; `clock` is that of the event
-    /// loop, which this thread has.
+    /// Begins to follow. `status` gets a member for each namespace, and is of this manager alone:
+    /// members that another one had made would end with it. `clock` is that of the event loop,
+    /// which this thread has.
     /// @throws Mox::ErrnoException "inotify_init1", "open" or another failing call
     KernelInfoMgr(Mox::String name, Mox::Ptr<NamespaceStatusLocalDir> status, Mox::Clock* clock);
     ~KernelInfoMgr() override;
@@ -54,9 +57,9 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     const Mox::Map<NamespaceName, Mox::Ptr<KernelInfo>>& kernelInfos() const MOX_LIFETIME_BOUND {
         return infos_;
     }
-    /// That of a namespace, or null.
+    /// That of a namespace, or null. The empty name stands for the default namespace.
     Mox::Ptr<KernelInfo> kernelInfo(const NamespaceName& netNs) const {
-        const auto* const info = infos_.find(netNs);
+        const auto* const info = infos_.find(netNs ? netNs : NamespaceName::defaultNamespace());
         return info == nullptr ? nullptr : *info;
     }
 
@@ -75,6 +78,7 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     void begin(const NamespaceName& netNs, int64_t inode);
     void end(const NamespaceName& netNs);
     void handleSync(const NamespaceName& netNs);
+    void lastErrorIs(const NamespaceName& netNs, const Mox::String& text);
 
     Mox::String name_;
     Mox::Ptr<NamespaceStatusLocalDir> status_;

@@ -102,7 +102,8 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
 
     /// Of at most 15 bytes. It changes when the link is renamed.
     Mox::String name() const override { return facts_.name; }
-    /// Above 0; `lo` has 1 in every namespace.
+    /// Above 0; `lo` has 1 in every namespace. An index is of its namespace: a request in another
+    /// one concerns another link.
     uint32_t index() const { return facts_.index; }
     /// Zero for a link without a hardware address of 6 bytes.
     const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return facts_.ethAddr; }

@@ -83,7 +83,8 @@ class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> 
     /// IFA_F_PERMANENT and others.
     uint32_t flags() const { return facts_.flags; }
     /// An IPv6 address that is not in use yet: the kernel asks whether another node has it
-    /// (RFC 4862, 5.4).
+    /// (RFC 4862, 5.4). True of a duplicate too: look at `isDuplicate` first. A link-local
+    /// address that the kernel makes itself is not announced while it asks.
     bool isTentative() const { return (facts_.flags & IFA_F_TENTATIVE) != 0; }
     /// Another node has the address, so that it is not used here.
     bool isDuplicate() const { return (facts_.flags & IFA_F_DADFAILED) != 0; }

@@ -13,9 +13,10 @@ LinkHandle::LinkHandle(Mox::String name, const Mox::Ptr<KernelInfoMgr>& mgr,
                        const NamespaceName& netNs)
     : name_(std::move(name)),
       infos_(mgr, KernelInfoMgr::kernelInfosAttr,
-             [this, mgr = mgr.ptr(), netNs](const NamespaceName& changed) {
-                 if (changed == netNs) {
-                     infoIs(mgr->kernelInfo(netNs));
+             [this, mgr = mgr.ptr(), followed = netNs ? netNs : NamespaceName::defaultNamespace()](
+                 const NamespaceName& changed) {
+                 if (changed == followed) {
+                     infoIs(mgr->kernelInfo(followed));
                  }
              }) {
     infoIs(mgr->kernelInfo(netNs));

@@ -20,6 +20,10 @@ namespace Pavo {
 /// Stands for the link that has a certain name in a namespace. It can be made before the link, and
 /// follows it through going and coming back: when the link is deleted or gets another name, or its
 /// namespace goes, `link` is null until a link of the name is there again.
+///
+/// At the first dumps links come before their addresses: an observer that is notified of the link
+/// finds none yet. Wait for `KernelInfo::isInSync` before you take an empty collection for the
+/// truth.
 class PAVO_EXPORT LinkHandle : public Mox::EntityOf<LinkHandle> {
   public:
     static constexpr Mox::Attribute<LinkHandle> linkAttr{0, "link"};
@@ -29,7 +33,7 @@ class PAVO_EXPORT LinkHandle : public Mox::EntityOf<LinkHandle> {
 
     /// Of a namespace that is known to the caller, or null for none.
     LinkHandle(Mox::String name, const Mox::Ptr<KernelInfo>& info);
-    /// Of a namespace that may come and go.
+    /// Of a namespace that may come and go; the empty name stands for the default one.
     LinkHandle(Mox::String name, const Mox::Ptr<KernelInfoMgr>& mgr, const NamespaceName& netNs);
 
     /// The name of the link.
@@ -50,7 +54,7 @@ class PAVO_EXPORT LinkHandle : public Mox::EntityOf<LinkHandle> {
 /// The link `name` of a namespace that the caller follows.
 PAVO_EXPORT Mox::Ptr<LinkHandle> linkFactory(const Mox::Ptr<KernelInfo>& info,
                                              const Mox::String& name);
-/// The link `name` of a namespace that may come and go.
+/// The link `name` of a namespace that may come and go; an empty `netNs` is the default one.
 PAVO_EXPORT Mox::Ptr<LinkHandle> linkFactory(const Mox::Ptr<KernelInfoMgr>& mgr,
                                              const NamespaceName& netNs, const Mox::String& name);
 

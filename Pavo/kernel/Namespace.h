@@ -8,6 +8,7 @@
 #include "Mox/Collections.h"
 #include "Mox/Entity.h"
 #include "Mox/Enum.h"
+#include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
 
@@ -37,9 +38,11 @@ constexpr auto enumDescription(NamespaceState) {
 class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLocal> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocal> stateAttr{0, "state"};
+    static constexpr Mox::Attribute<NamespaceStatusLocal> lastErrorAttr{1, "lastError"};
     static constexpr auto description() {
         return Mox::classRecord("Pavo::NamespaceStatusLocal",
-                                Mox::attribute(stateAttr, &NamespaceStatusLocal::state));
+                                Mox::attribute(stateAttr, &NamespaceStatusLocal::state),
+                                Mox::attribute(lastErrorAttr, &NamespaceStatusLocal::lastError));
     }
 
     explicit NamespaceStatusLocal(NamespaceName nsName) : nsName_(std::move(nsName)) {}
@@ -51,14 +54,20 @@ class PAVO_EXPORT NamespaceStatusLocal : public Mox::EntityOf<NamespaceStatusLoc
     /// At first `initializing`.
     NamespaceState state() const { return state_; }
     void stateIs(NamespaceState state) { attributeIs(state_, state, stateAttr); }
+    /// Why the owner could not enter the namespace at its last attempt, for people to read, such as
+    /// "socketAt(blue): Operation not permitted". Empty when it could, and before it has tried.
+    const Mox::String& lastError() const MOX_LIFETIME_BOUND { return lastError_; }
+    void lastErrorIs(Mox::String text) { attributeIs(lastError_, std::move(text), lastErrorAttr); }
 
   private:
     NamespaceName nsName_;
     NamespaceState state_ = NamespaceState::initializing;
+    Mox::String lastError_;
 };
 
-/// The namespaces of a process, in the order of their names. Observers are notified with the name
-/// of each member added or removed, and may change the collection meanwhile.
+/// The namespaces of a process, or of a part of it that keeps one of these, in the order of their
+/// names. Observers are notified with the name of each member added or removed, and may change the
+/// collection meanwhile.
 class PAVO_EXPORT NamespaceStatusLocalDir : public Mox::EntityOf<NamespaceStatusLocalDir> {
   public:
     static constexpr Mox::Attribute<NamespaceStatusLocalDir, NamespaceName> nsAttr{0, "ns"};

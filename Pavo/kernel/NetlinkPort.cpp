@@ -32,7 +32,11 @@ void throwIf(bool failed, const char* call) {
 
 Mox::Ptr<Mox::FileDescriptor> socketIn(const NamespaceName& netNs, int protocol) {
     const int fd = socketAt(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK, protocol, netNs.value().c_str());
-    throwIf(fd < 0, "socketAt");
+    if (fd < 0) {
+        const int error = errno;
+        const Mox::String& name = (netNs ? netNs : NamespaceName::defaultNamespace()).value();
+        throw Mox::ErrnoException(error, Mox::String("socketAt(") + name.view() + ")");
+    }
     return Mox::fileDescriptorFactory(fd);
 }
 

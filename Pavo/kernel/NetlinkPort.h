@@ -60,8 +60,8 @@ using NetlinkPortOpener = std::function<Mox::Ptr<NetlinkPort>(NetlinkPortUse use
 /// with NETLINK_ROUTE, strict checks of dump requests (NETLINK_GET_STRICT_CHK) where the kernel has
 /// these (netlink(7)). `rcvBufBytes` sizes the receive buffer, above the kernel's ceiling where the
 /// process may (SO_RCVBUFFORCE); 0 leaves the system's size.
-/// @throws Mox::ErrnoException "socketAt", "fcntl(F_SETFL)", "setsockopt(SO_RCVBUF)", "bind",
-/// "getsockname", "getsockopt(SO_RCVBUF)" or "epoll_ctl".
+/// @throws Mox::ErrnoException "socketAt(<namespace>)", "fcntl(F_SETFL)", "setsockopt(SO_RCVBUF)",
+/// "bind", "getsockname", "getsockopt(SO_RCVBUF)" or "epoll_ctl".
 /// @pre an event loop on this thread (assertion "EventLoop::current(): a netlink socket needs an
 /// event loop").
 PAVO_EXPORT Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,

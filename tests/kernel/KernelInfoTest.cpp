@@ -225,8 +225,14 @@ TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
         return one && one->state() == NamespaceState::active;
     };
     EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(NamespaceName::defaultNamespace()); }));
-    ASSERT_EQ(netNsAdd("blue"), 0);
+    EXPECT_TRUE(linkFactory(mgr, NamespaceName(), "lo")->link());
+    const std::string file = "/var/run/netns/blue";
+    std::ofstream(file).flush();  // A file first; then the name of a namespace.
+    EXPECT_TRUE(turnsUntil(loop, [&] { return status->ns(blue) != nullptr; }));
+    EXPECT_EQ(status->ns(blue)->lastError(), file + " is no network namespace");
+    ASSERT_EQ(netNsAddEvenIfPresent("blue"), 0);
     EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(blue); }));
+    EXPECT_EQ(status->ns(blue)->lastError(), "");
     run({"ip", "-n", "blue", "link", "add", "v0", "type", "veth", "peer", "name", "w0"});
     run({"ip", "-n", "blue", "address", "add", "10.0.0.1/24", "dev", "v0"});
     const auto info = mgr->kernelInfo(blue);
