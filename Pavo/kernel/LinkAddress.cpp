@@ -2,6 +2,8 @@
 
 #include <linux/rtnetlink.h>
 
+#include "Mox/Text.h"
+
 #include "Pavo/kernel/NetlinkAddress.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
 
@@ -27,6 +29,23 @@ bool readAddresses(const NetlinkAttributes& attributes, uint8_t family, LinkAddr
 }
 
 }  // namespace
+
+Mox::String LinkAddressKey::stringValue() const {
+    return Mox::printedString([this](Mox::TextWriter& out) {
+        address.printText(out);
+        out.text(" of link ");
+        out.decimal(ifIndex);
+        if (network.af() != ipunknown) {
+            out.text(" in ");
+            network.printText(out);
+        }
+    });
+}
+
+LinkAddressKey linkAddressKey(uint32_t ifIndex, const IpGenAddr& address, uint32_t len) {
+    const IpGenPrefix network = IpGenPrefix::containing(address, len);
+    return {ifIndex, address, address.af() == ipv4 ? network : IpGenPrefix()};
+}
 
 Mox::String LinkAddress::name() const {
     return address().stringValue() + "/" + std::to_string(len());

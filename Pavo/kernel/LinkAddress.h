@@ -8,6 +8,7 @@
 #include <compare>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 
 #include "Mox/Entity.h"
 #include "Mox/Lifetime.h"
@@ -27,11 +28,23 @@ struct LinkAddressKey {
     /// The address itself.
     IpGenAddr address;
     /// For IPv4, the network: a link can have an address once in each of several networks. None
-    /// (`ipunknown`) for IPv6.
+    /// (`ipunknown`) for IPv6. A request does not look at it, but `KernelInfo::address` does:
+    /// `linkAddressKey` fills it in.
     IpGenPrefix network = {};
 
+    /// "192.0.2.1 of link 7 in 192.0.2.0/24"; without the network where there is none.
+    PAVO_EXPORT Mox::String stringValue() const;
+
     friend auto operator<=>(const LinkAddressKey&, const LinkAddressKey&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const LinkAddressKey& key) {
+        return out << key.stringValue();
+    }
 };
+
+/// The key that `KernelInfo` has an address under, from what an agent asks for. The network of an
+/// IPv4 address with a peer is that of the peer: give `network` then.
+/// @throws Mox::RangeException as `IpGenPrefix::containing`
+PAVO_EXPORT LinkAddressKey linkAddressKey(uint32_t ifIndex, const IpGenAddr& address, uint32_t len);
 
 /// An address of a link.
 class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> {

@@ -3,6 +3,8 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 
+#include "Mox/Text.h"
+
 #include "Pavo/kernel/NetlinkAddress.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
 
@@ -18,6 +20,14 @@ NeighbourState stateOf(uint16_t number) {
 }
 
 }  // namespace
+
+Mox::String NeighbourKey::stringValue() const {
+    return Mox::printedString([this](Mox::TextWriter& out) {
+        address.printText(out);
+        out.text(" of link ");
+        out.decimal(ifIndex);
+    });
+}
 
 uint64_t Neighbour::commit(const Facts& facts) {
     return stored(facts_.ethAddr, facts.ethAddr, ethAddrAttr) |

@@ -7,6 +7,7 @@
 #include <compare>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 
 #include "Mox/Entity.h"
 #include "Mox/Enum.h"
@@ -54,7 +55,13 @@ struct NeighbourKey {
     uint32_t ifIndex = 0;  ///< The index of the link.
     IpGenAddr address;     ///< The address of the neighbour.
 
+    /// "192.0.2.9 of link 7".
+    PAVO_EXPORT Mox::String stringValue() const;
+
     friend auto operator<=>(const NeighbourKey&, const NeighbourKey&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const NeighbourKey& key) {
+        return out << key.stringValue();
+    }
 };
 
 /// A neighbour of a link. The kernel does not announce each change of its state: `incomplete` and

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -36,6 +37,11 @@ NetlinkRequests::Owned pendingOf(std::vector<uint8_t> bytes, double deadlineSeco
 }
 
 }  // namespace
+
+Mox::String NetlinkAnswer::stringValue() const {
+    const Mox::String what(error == 0 ? "ok" : std::strerror(error));
+    return text.empty() ? what : what + ": " + text.view();
+}
 
 void NetlinkFollower::handleDumpBegin(uint16_t) {}
 

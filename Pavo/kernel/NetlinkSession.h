@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <span>
 #include <vector>
 
@@ -36,7 +37,14 @@ struct NetlinkAnswer {
     /// length"; mostly empty. It may come with success too, as a warning.
     Mox::String text;
 
+    /// "ok" or the words of strerror(3), then the text: "File exists: ipv4: Address already
+    /// assigned".
+    PAVO_EXPORT Mox::String stringValue() const;
+
     friend bool operator==(const NetlinkAnswer&, const NetlinkAnswer&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const NetlinkAnswer& answer) {
+        return out << answer.stringValue();
+    }
 };
 
 /// A follower of tables of the kernel. `callback` gets every message of the dumps and every

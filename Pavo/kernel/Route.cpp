@@ -3,6 +3,10 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <iterator>
+#include <string_view>
+
+#include "Mox/Text.h"
 
 #include "Pavo/kernel/NetlinkAddress.h"
 #include "Pavo/kernel/NetlinkAttributes.h"
@@ -34,6 +38,73 @@ IpGenAddr gatewayOf(const NetlinkAttributes& attributes, uint8_t family) {
         }
     }
     return gateway;
+}
+
+// The words of ip-route(8); "unicast" is left out.
+constexpr std::string_view typeNames[] = {"unspec",   "",          "local",     "broadcast",
+                                          "anycast",  "multicast", "blackhole", "unreachable",
+                                          "prohibit", "throw",     "nat",       "xresolve"};
+
+void printNumber(Mox::TextWriter& out, std::string_view word, uint32_t number) {
+    out.text(word);
+    out.decimal(number);
+}
+
+void printProtocol(Mox::TextWriter& out, uint8_t protocol) {
+    constexpr struct {
+        uint8_t number;
+        std::string_view name;
+    } names[] = {{RTPROT_REDIRECT, "redirect"}, {RTPROT_KERNEL, "kernel"}, {RTPROT_BOOT, "boot"},
+                 {RTPROT_STATIC, "static"},     {RTPROT_RA, "ra"},         {RTPROT_DHCP, "dhcp"},
+                 {RTPROT_BGP, "bgp"},           {RTPROT_ISIS, "isis"},     {RTPROT_OSPF, "ospf"}};
+    for (const auto& each : names) {
+        if (each.number == protocol) {
+            out.text(" proto ");
+            out.text(each.name);
+            return;
+        }
+    }
+    printNumber(out, " proto ", protocol);
+}
+
+void printScope(Mox::TextWriter& out, uint8_t scope) {
+    if (scope == RT_SCOPE_LINK || scope == RT_SCOPE_HOST) {
+        out.text(scope == RT_SCOPE_LINK ? " scope link" : " scope host");
+    } else if (scope != RT_SCOPE_UNIVERSE) {
+        printNumber(out, " scope ", scope);
+    }
+}
+
+void print(Mox::TextWriter& out, const RouteKey& key) {
+    key.prefix.af() == ipunknown ? out.text("no prefix") : key.prefix.printText(out);
+    if (key.table != RT_TABLE_MAIN) {
+        printNumber(out, " table ", key.table);
+    }
+    if (key.metric != 0) {
+        printNumber(out, " metric ", key.metric);
+    }
+    if (key.tos != 0) {
+        printNumber(out, " tos ", key.tos);
+    }
+}
+
+void print(Mox::TextWriter& out, const RouteHop& hop, bool isOneOfSeveral) {
+    if (isOneOfSeveral) {
+        out.text(" nexthop");
+    }
+    if (hop.gateway.af() != ipunknown) {
+        out.text(" via ");
+        hop.gateway.printText(out);
+    }
+    if (hop.ifIndex != 0) {
+        printNumber(out, " link ", hop.ifIndex);
+    }
+    if (isOneOfSeveral) {
+        printNumber(out, " weight ", hop.weight);
+    }
+    if (hop.isOnLink) {
+        out.text(" onlink");
+    }
 }
 
 // The list of RTA_MULTIPATH; false for wrong lengths.
@@ -119,6 +190,32 @@ std::optional<Route> routeOfFamily(const nlmsghdr& message) {
 }
 
 }  // namespace
+
+Mox::String RouteKey::stringValue() const {
+    return Mox::printedString([this](Mox::TextWriter& out) { print(out, *this); });
+}
+
+Mox::String Route::stringValue() const {
+    return Mox::printedString([this](Mox::TextWriter& out) {
+        if (type >= std::size(typeNames)) {
+            printNumber(out, "type ", type);
+            out.put(' ');
+        } else if (!typeNames[type].empty()) {
+            out.text(typeNames[type]);
+            out.put(' ');
+        }
+        print(out, key);
+        for (const RouteHop& each : hops) {
+            print(out, each, /*isOneOfSeveral=*/hops.size() > 1);
+        }
+        printProtocol(out, protocol);
+        printScope(out, scope);
+        if (source.af() != ipunknown) {
+            out.text(" src ");
+            source.printText(out);
+        }
+    });
+}
 
 template <class Address>
 RouteMessage readRoute(const nlmsghdr& message, ReadRoute<Address>* route) {

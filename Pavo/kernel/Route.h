@@ -7,7 +7,10 @@
 #include <compare>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <vector>
+
+#include "Mox/String.h"
 
 #include "Pavo/base/Export.h"
 #include "Pavo/value/IpGenAddr.h"
@@ -16,14 +19,22 @@
 namespace Pavo {
 
 /// What the kernel looks a route up by. Several routes may have one key: to one destination over
-/// several links, or appended to each other.
+/// several links, or appended to each other. The kernel keeps a route under the key with which it
+/// is added, except that it makes 1024 of the metric 0 for IPv6, and 254 of table 0.
 struct RouteKey {
     IpGenPrefix prefix;    ///< The destinations.
     uint32_t table = 254;  ///< RT_TABLE_MAIN; the local table is 255.
     uint32_t metric = 0;   ///< The least one is used.
     uint8_t tos = 0;       ///< For IPv4; 0 for all packets.
 
+    /// "192.0.2.0/24", then " table 100", " metric 20" and " tos 16" where they are not the
+    /// default.
+    PAVO_EXPORT Mox::String stringValue() const;
+
     friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const RouteKey& key) {
+        return out << key.stringValue();
+    }
 };
 
 /// One way of a route.
@@ -46,7 +57,14 @@ struct Route {
     IpGenAddr source;      ///< Preferred for packets to it; none (`ipunknown`) where it is not set.
     std::vector<RouteHop> hops;  ///< None for types without a way, such as RTN_BLACKHOLE.
 
+    /// In the words of ip-route(8), with the indexes of links: "192.0.2.0/24 via 10.0.0.1 link 7
+    /// proto static", "blackhole 192.0.2.0/24 proto bgp"; several next hops each after " nexthop".
+    PAVO_EXPORT Mox::String stringValue() const;
+
     friend bool operator==(const Route&, const Route&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const Route& route) {
+        return out << route.stringValue();
+    }
 };
 
 /// What a message of the type RTM_NEWROUTE or RTM_DELROUTE says; nothing for one that is malformed,

@@ -212,6 +212,32 @@ TEST_F(KernelRequestsTest, ChangeTheKernelAndAllThatIpMonitorShowsIsSeen) {
     expectSeenAllOf(monitor.comings(), shadow.comings);
 }
 
+TEST(KernelTexts, AreThoseOfIp) {
+    const IpGenAddr v4("10.0.0.1");
+    const IpGenAddr v6("2001:db8::1");
+    const RouteKey key{IpGenPrefix("192.0.2.0/24"), 100, 20, 16};
+    const RouteKey all{IpGenPrefix("::/0")};
+    const std::pair<Mox::String, const char*> rows[] = {
+        {NetlinkAnswer{0, ""}.stringValue(), "ok"},
+        {NetlinkAnswer{0, "much"}.stringValue(), "ok: much"},
+        {NetlinkAnswer{EEXIST, "ipv4: Address already assigned"}.stringValue(),
+         "File exists: ipv4: Address already assigned"},
+        {linkAddressKey(7, v4, 8).stringValue(), "10.0.0.1 of link 7 in 10.0.0.0/8"},
+        {linkAddressKey(7, v6, 64).stringValue(), "2001:db8::1 of link 7"},
+        {NeighbourKey{7, v6}.stringValue(), "2001:db8::1 of link 7"},
+        {RouteKey().stringValue(), "no prefix"},
+        {Route{key, RTN_PROHIBIT, RTPROT_BGP, 0, {}, {}}.stringValue(),
+         "prohibit 192.0.2.0/24 table 100 metric 20 tos 16 proto bgp"},
+        {Route{all, RTN_UNICAST, 77, 0, v6, {{v6, 7, 1, true}}}.stringValue(),
+         "::/0 via 2001:db8::1 link 7 onlink proto 77 src 2001:db8::1"},
+        {Route{all, 99, RTPROT_STATIC, RT_SCOPE_LINK, {}, {{{}, 7}, {v6, 8, 256}}}.stringValue(),
+         "type 99 ::/0 nexthop link 7 weight 1 nexthop via 2001:db8::1 link 8 weight 256 proto "
+         "static scope link"}};
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(text, expected);
+    }
+}
+
 // A name that comes, is given to another namespace at once, and goes, with what there is in it.
 TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
     netNsDelete("blue");
