@@ -121,7 +121,8 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
     uint32_t master() const { return facts_.master; }
     /// "veth", "bridge", "vlan" and others; empty for hardware and for `lo`.
     const Mox::String& kind() const MOX_LIFETIME_BOUND { return facts_.kind; }
-    /// The routing table of a link of the kind "vrf"; 0 for others.
+    /// The routing table of a link of the kind "vrf"; 0 for others, also for links in a VRF, whose
+    /// `master` leads to it. `VrfMap` numbers VRFs by their names, which links of this kind have.
     uint32_t vrfTable() const { return facts_.vrfTable; }
 
   private:

@@ -4,19 +4,14 @@
 #include <exception>
 
 #include "Mox/EventLoop.h"
+#include "Mox/Signal.h"
 #include "watch/Watcher.h"
-
-namespace {
-
-Mox::EventLoop* running = nullptr;
-
-}  // namespace
 
 int main() {
     try {
         Mox::EventLoop loop;
-        running = &loop;
-        std::signal(SIGINT, [](int) { running->stop(); });
+        const Mox::Watch<Mox::Signal> interrupt(Mox::signalFactory(SIGINT), Mox::Signal::countAttr,
+                                                [&loop] { loop.stop(); });
         const Watch::Watcher watcher(loop.clock(),
                                      [](const std::string& netNs, const std::string& line) {
                                          std::printf("%-10s %s\n", netNs.c_str(), line.c_str());
