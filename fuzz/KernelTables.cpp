@@ -23,18 +23,21 @@ void requireRead(const Route& route) {
 void requireRead(const LinkAddress& address) {
     LinkAddress::Facts facts{address.key(),       address.len(),   address.peer(),
                              address.broadcast(), address.scope(), address.flags()};
-    const auto again = linkAddressFactsOf(*addressAddRequest(facts).header());
-    Mox::require(again && again->key == facts.key && again->len == facts.len &&
-                     again->peer == facts.peer && again->flags == facts.flags,
+    const auto reader = kernelInfoFactory("reader", nullptr);
+    reader->callback(addressAddRequest(facts).header());
+    const auto again = reader->address(facts.key);
+    Mox::require(again && again->len() == facts.len && again->peer() == facts.peer &&
+                     again->flags() == facts.flags,
                  "an address is read again");
 }
 void requireRead(const Neighbour& neighbour) {
-    const NetlinkMessage request =
-        neighbourRequest(neighbour.key(), neighbour.ethAddr(), neighbour.state());
-    const auto again = neighbourFactsOf(*request.header());
-    Mox::require(again && again->key == neighbour.key() && again->ethAddr == neighbour.ethAddr() &&
-                     again->state == neighbour.state(),
-                 "a neighbour is read again");
+    const auto reader = kernelInfoFactory("reader", nullptr);
+    reader->callback(
+        neighbourRequest(neighbour.key(), neighbour.ethAddr(), neighbour.state()).header());
+    const auto again = reader->neighbour(neighbour.key());
+    Mox::require(
+        again && again->ethAddr() == neighbour.ethAddr() && again->state() == neighbour.state(),
+        "a neighbour is read again");
 }
 
 class Agent {
@@ -53,7 +56,10 @@ class Agent {
             }
         }
         check();
-        info_->close();
+        for (const uint16_t each : tables_) {
+            info_->handleDumpBegin(each);
+            info_->handleDumpEnd(each);
+        }
         Mox::require(links_.empty() && addresses_.empty() && neighbours_.empty() &&
                          info_->routes()->members() == 0,
                      "nothing is left");

@@ -210,7 +210,7 @@ void KernelInfo::del(const Key& key) {
 
 void KernelInfo::handleLink(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifinfomsg>(message);
-    const std::optional<Link::Facts> facts = linkFactsOf(message);
+    const std::optional<Link::Facts> facts = Link::read(message);
     if (facts && message.nlmsg_type == RTM_NEWLINK) {
         linkIs(*facts);
     } else if (facts) {
@@ -273,7 +273,7 @@ void KernelInfo::linkAdd(const Link::Facts& facts) {
 
 void KernelInfo::handleAddress(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifaddrmsg>(message);
-    const std::optional<LinkAddress::Facts> facts = linkAddressFactsOf(message);
+    const std::optional<LinkAddress::Facts> facts = LinkAddress::read(message);
     if (facts && message.nlmsg_type == RTM_NEWADDR) {
         addressIs(*facts);
     } else if (facts) {
@@ -300,7 +300,7 @@ void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
 
 void KernelInfo::handleNeighbour(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ndmsg>(message);
-    const std::optional<Neighbour::Facts> facts = neighbourFactsOf(message);
+    const std::optional<Neighbour::Facts> facts = Neighbour::read(message);
     if (facts && message.nlmsg_type == RTM_NEWNEIGH) {
         neighbourIs(*facts, (message.nlmsg_flags & NLM_F_MULTI) != 0);
     } else if (facts) {

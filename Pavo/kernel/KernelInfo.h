@@ -23,6 +23,7 @@
 namespace Pavo {
 
 class DumpTrust;
+class KernelInfoMgr;
 
 /// The links, addresses, neighbours and, on request, routes of a network namespace. It follows the
 /// tables of a session, and holds an entity for each object.
@@ -42,7 +43,8 @@ class DumpTrust;
 /// wants.
 ///
 /// Without a session it is fed by hand through the functions of `NetlinkFollower`, as tests do, and
-/// in sync.
+/// in sync. Objects that outlive it stay as they were seen last; the objects of a namespace that
+/// `KernelInfoMgr` follows end with the namespace.
 class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkFollower {
   public:
     static constexpr Mox::Attribute<KernelInfo> isInSyncAttr{0, "isInSync"};
@@ -117,15 +119,13 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     /// The same object for life.
     const Mox::Ptr<RouteTable>& routes() const MOX_LIFETIME_BOUND { return routes_; }
 
-    /// Leaves the session, and ends all objects in order: routes, neighbours and addresses, links.
-    void close();
-
     void callback(nlmsghdr* message) override;
     void handleDumpBegin(uint16_t getType) override;
     bool handleDumpEnd(uint16_t getType) override;
     void handleDumpAgain(uint16_t getType) override;
 
   private:
+    friend class KernelInfoMgr;
     struct Removed;
 
     // The objects of a table of the kernel.
@@ -141,6 +141,8 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
         return value == nullptr ? nullptr : *value;
     }
 
+    // Leaves the session, and ends all objects in order: routes, neighbours and addresses, links.
+    void close();
     void handleSync();
     void malformedInc();
 

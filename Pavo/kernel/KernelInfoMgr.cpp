@@ -39,11 +39,11 @@ void KernelInfoMgr::close() {
     const Mox::Ptr<KernelInfoMgr> hold(this);
     runDir_ = nullptr;
     timer_.expiryIs(Mox::Clock::idle);
-    FirstException thrown;
+    FirstException exception;
     while (!followed_.empty()) {
-        thrown.collect([&] { end(NamespaceName(followed_.begin()->first)); });
+        exception.collect([&] { end(NamespaceName(followed_.begin()->first)); });
     }
-    thrown.rethrow();
+    exception.rethrow();
 }
 
 void KernelInfoMgr::scanBy(double time) {
@@ -70,9 +70,9 @@ void KernelInfoMgr::scan() {
             gone.push_back(netNs);
         }
     }
-    FirstException thrown;
+    FirstException exception;
     for (const NamespaceName& each : gone) {
-        thrown.collect([&] { end(each); });
+        exception.collect([&] { end(each); });
         if (const auto now = inodes.find(each); now != inodes.end() && now->second == -1) {
             inodes.erase(now);
             runDir_ ? scanBy(begun + retrySeconds) : void();
@@ -80,10 +80,10 @@ void KernelInfoMgr::scan() {
     }
     for (const auto& [netNs, inode] : inodes) {
         if (runDir_) {  // An observer may have closed this.
-            thrown.collect([&, &each = netNs, number = inode] { begin(each, number); });
+            exception.collect([&, &each = netNs, number = inode] { begin(each, number); });
         }
     }
-    thrown.rethrow();
+    exception.rethrow();
 }
 
 // Does nothing for one that is followed already. A name may have been given to another namespace
@@ -153,20 +153,20 @@ void KernelInfoMgr::end(const NamespaceName& netNs) {
     const auto info = kernelInfo(netNs);
     const auto session = node.mapped().session;
     node.mapped().sync = {};
-    FirstException thrown;
+    FirstException exception;
     if (const auto status = status_->ns(netNs)) {
-        thrown.collect([&] { status->stateIs(NamespaceState::deleting); });
+        exception.collect([&] { status->stateIs(NamespaceState::deleting); });
     }
     if (info) {
-        thrown.collect([&] { info->close(); });
+        exception.collect([&] { info->close(); });
         infos_.del(netNs);
-        thrown.collect([&] { notify(kernelInfosAttr, netNs); });
+        exception.collect([&] { notify(kernelInfosAttr, netNs); });
     }
     if (session) {
-        thrown.collect([&] { session->enabledIs(false); });
+        exception.collect([&] { session->enabledIs(false); });
     }
-    thrown.collect([&] { status_->nsDel(netNs); });
-    thrown.rethrow();
+    exception.collect([&] { status_->nsDel(netNs); });
+    exception.rethrow();
 }
 
 Mox::Ptr<KernelInfoMgr> kernelInfoMgrFactory(Mox::String name,

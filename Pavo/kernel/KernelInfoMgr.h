@@ -64,6 +64,7 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     }
 
     /// Ends all namespaces, each as if its name had been removed, and follows nothing any more.
+    /// Where the last reference goes without it, `status` stays as it is.
     void close();
 
   private:

@@ -1,15 +1,21 @@
 #include "Pavo/kernel/KernelRequests.h"
 
+#include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <utility>
 
 #include "Mox/Exception.h"
 
 #include "Pavo/kernel/NetlinkAddress.h"
+#include "Pavo/kernel/NetlinkAttributes.h"
 
 namespace Pavo {
 
@@ -127,6 +133,21 @@ NetlinkMessage routeMessage(uint16_t type, uint16_t flags, const Route& route) {
     return message;
 }
 
+// The counters in a message about a link; zero without them.
+LinkStatistics linkStatisticsOf(const nlmsghdr& message) {
+    const NetlinkAttributes attributes(message, sizeof(ifinfomsg), IFLA_STATS64);
+    rtnl_link_stats64 stats{};
+    // A kernel that has more counters, or fewer, puts them at the end.
+    const std::span<const uint8_t> bytes = attributes.payload(IFLA_STATS64);
+    if (!attributes.isSound() || bytes.size() < offsetof(rtnl_link_stats64, collisions)) {
+        return {};
+    }
+    std::memcpy(&stats, bytes.data(), std::min(bytes.size(), sizeof(stats)));
+    return LinkStatistics{stats.rx_packets, stats.tx_packets, stats.rx_bytes,
+                          stats.tx_bytes,   stats.rx_errors,  stats.tx_errors,
+                          stats.rx_dropped, stats.tx_dropped, stats.multicast};
+}
+
 }  // namespace
 
 NetlinkMessage linkUpRequest(uint32_t ifIndex, bool isUp) {
@@ -163,9 +184,7 @@ uint32_t linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIn
         [statistics, done = std::move(done)](const NetlinkAnswer& answer) {
             done(answer, answer.error == 0 ? *statistics : LinkStatistics());
         },
-        [statistics](const nlmsghdr& message) {
-            *statistics = linkStatisticsOf(message).value_or(LinkStatistics());
-        });
+        [statistics](const nlmsghdr& message) { *statistics = linkStatisticsOf(message); });
 }
 
 NetlinkMessage addressAddRequest(const LinkAddress::Facts& facts) {

@@ -45,9 +45,9 @@ PAVO_EXPORT uint32_t
 linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
                  std::function<void(const NetlinkAnswer&, const LinkStatistics&)> done);
 
-/// Adds an address to a link: EEXIST when it is there. Of `facts`, key (without its network),
-/// length, peer, broadcast address and scope count, and of the flags those that ip-address(8) sets,
-/// such as IFA_F_NODAD. Without a broadcast address a link has none.
+/// Adds an address to a link: EEXIST when it is there. The network in the key of `facts` is not
+/// used, and flags have an effect only where ip-address(8) sets them, as IFA_F_NODAD. Without a
+/// broadcast address a link has none.
 /// @throws Mox::RangeException "LinkAddress: length or scope out of range"
 PAVO_EXPORT NetlinkMessage addressAddRequest(const LinkAddress::Facts& facts);
 /// Deletes an address: EADDRNOTAVAIL when there is none.

@@ -55,7 +55,7 @@ void Link::announce(uint64_t changed) {
                                      &isRunningAttr, &operStateAttr, &masterAttr});
 }
 
-std::optional<Link::Facts> linkFactsOf(const nlmsghdr& message) {
+std::optional<Link::Facts> Link::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifinfomsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ifinfomsg), highestLinkAttribute);
     const std::string_view name = attributes.text(IFLA_IFNAME);
@@ -74,20 +74,6 @@ std::optional<Link::Facts> linkFactsOf(const nlmsghdr& message) {
     attributes.read(IFLA_MASTER, &facts.master);
     readKind(attributes, &facts);
     return facts;
-}
-
-std::optional<LinkStatistics> linkStatisticsOf(const nlmsghdr& message) {
-    const NetlinkAttributes attributes(message, sizeof(ifinfomsg), IFLA_STATS64);
-    rtnl_link_stats64 stats{};
-    // A kernel that has more counters, or fewer, puts them at the end.
-    const std::span<const uint8_t> bytes = attributes.payload(IFLA_STATS64);
-    if (!attributes.isSound() || bytes.size() < offsetof(rtnl_link_stats64, collisions)) {
-        return {};
-    }
-    std::memcpy(&stats, bytes.data(), std::min(bytes.size(), sizeof(stats)));
-    return LinkStatistics{stats.rx_packets, stats.tx_packets, stats.rx_bytes,
-                          stats.tx_bytes,   stats.rx_errors,  stats.tx_errors,
-                          stats.rx_dropped, stats.tx_dropped, stats.multicast};
 }
 
 }  // namespace Pavo

@@ -128,17 +128,14 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
   private:
     friend class KernelInfo;
 
+    // What a message of the type RTM_NEWLINK or RTM_DELLINK (rtnetlink(7)) says; nothing for one
+    // that is malformed or that describes another aspect of a link, such as its place in a bridge.
+    static std::optional<Facts> read(const nlmsghdr& message);
     uint64_t commit(const Facts& facts);
     void announce(uint64_t changed);
 
     Facts facts_;
     bool isWithoutIp_ = false;  // The last IPv4 address has gone: next hops over it are dead.
 };
-
-/// What a message of the type RTM_NEWLINK or RTM_DELLINK (rtnetlink(7)) says; nothing for one that
-/// is malformed or that describes another aspect of a link, such as its place in a bridge.
-PAVO_EXPORT std::optional<Link::Facts> linkFactsOf(const nlmsghdr& message);
-/// The counters in such a message.
-PAVO_EXPORT std::optional<LinkStatistics> linkStatisticsOf(const nlmsghdr& message);
 
 }  // namespace Pavo

@@ -62,7 +62,7 @@ void LinkAddress::announce(uint64_t changed) {
     KernelObject::announce(changed, {&lenAttr, &peerAttr, &broadcastAttr, &scopeAttr, &flagsAttr});
 }
 
-std::optional<LinkAddress::Facts> linkAddressFactsOf(const nlmsghdr& message) {
+std::optional<LinkAddress::Facts> LinkAddress::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifaddrmsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ifaddrmsg), IFA_FLAGS);
     if (body == nullptr || !attributes.isSound() || body->ifa_index == 0 ||

@@ -105,14 +105,13 @@ class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> 
   private:
     friend class KernelInfo;
 
+    // What a message of the type RTM_NEWADDR or RTM_DELADDR (rtnetlink(7)) says; nothing for one
+    // that is malformed or of another family than IPv4 and IPv6.
+    static std::optional<Facts> read(const nlmsghdr& message);
     uint64_t commit(const Facts& facts);
     void announce(uint64_t changed);
 
     Facts facts_;
 };
-
-/// What a message of the type RTM_NEWADDR or RTM_DELADDR (rtnetlink(7)) says; nothing for one that
-/// is malformed or of another family than IPv4 and IPv6.
-PAVO_EXPORT std::optional<LinkAddress::Facts> linkAddressFactsOf(const nlmsghdr& message);
 
 }  // namespace Pavo

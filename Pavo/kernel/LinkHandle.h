@@ -2,8 +2,6 @@
 /// A link by its name, whether it is there or not.
 #pragma once
 
-#include <optional>
-
 #include "Mox/Entity.h"
 #include "Mox/Lifetime.h"
 #include "Mox/Ptr.h"

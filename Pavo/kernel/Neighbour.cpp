@@ -39,7 +39,7 @@ void Neighbour::announce(uint64_t changed) {
     KernelObject::announce(changed, {&ethAddrAttr, &stateAttr, &flagsAttr});
 }
 
-std::optional<Neighbour::Facts> neighbourFactsOf(const nlmsghdr& message) {
+std::optional<Neighbour::Facts> Neighbour::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ndmsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ndmsg), NDA_LLADDR);
     if (body == nullptr || !attributes.isSound() || body->ndm_ifindex <= 0 ||

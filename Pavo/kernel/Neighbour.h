@@ -109,15 +109,14 @@ class PAVO_EXPORT Neighbour : public Mox::EntityOf<Neighbour, KernelObject> {
   private:
     friend class KernelInfo;
 
+    // What a message of the type RTM_NEWNEIGH or RTM_DELNEIGH (rtnetlink(7)) says; nothing for one
+    // that is malformed, of another family than IPv4 and IPv6, or about an address that is answered
+    // for by proxy.
+    static std::optional<Facts> read(const nlmsghdr& message);
     uint64_t commit(const Facts& facts);
     void announce(uint64_t changed);
 
     Facts facts_;
 };
-
-/// What a message of the type RTM_NEWNEIGH or RTM_DELNEIGH (rtnetlink(7)) says; nothing for one
-/// that is malformed, of another family than IPv4 and IPv6, or about an address that is answered
-/// for by proxy.
-PAVO_EXPORT std::optional<Neighbour::Facts> neighbourFactsOf(const nlmsghdr& message);
 
 }  // namespace Pavo

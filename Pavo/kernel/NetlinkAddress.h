@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <span>
 
 #include "Pavo/kernel/NetlinkAttributes.h"
 #include "Pavo/kernel/NetlinkMessage.h"
@@ -24,21 +25,29 @@ constexpr uint8_t kernelFamilyOf(AddressFamily family) {
     return family == ipv4 ? AF_INET : family == ipv6 ? AF_INET6 : AF_UNSPEC;
 }
 
+/// The address that `bytes` begin with; `ipunknown` where they are too few, or the family is not
+/// one of IP.
+inline IpGenAddr addressIn(std::span<const uint8_t> bytes, uint16_t kernelFamily) {
+    IpAddr v4;
+    Ip6Addr v6;
+    if (kernelFamily == AF_INET && bytes.size() >= sizeof(v4)) {
+        v4.copyFromBuffer(bytes.data());
+        return v4;
+    }
+    if (kernelFamily == AF_INET6 && bytes.size() >= sizeof(v6)) {
+        v6.copyFromBuffer(bytes.data());
+        return v6;
+    }
+    return {};
+}
+
 /// Copies the address in an attribute. False, with `*address` unchanged, when it is missing or
 /// short, or the family is not one of IP.
 inline bool readAddress(const NetlinkAttributes& attributes, uint16_t type, uint8_t kernelFamily,
                         IpGenAddr* address) {
-    IpAddr v4;
-    Ip6Addr v6;
-    if (kernelFamily == AF_INET && attributes.read(type, &v4)) {
-        *address = v4;
-        return true;
-    }
-    if (kernelFamily == AF_INET6 && attributes.read(type, &v6)) {
-        *address = v6;
-        return true;
-    }
-    return false;
+    const IpGenAddr read = addressIn(attributes.payload(type), kernelFamily);
+    *address = read.af() == ipunknown ? *address : read;
+    return read.af() != ipunknown;
 }
 
 /// Appends the 4 or 16 bytes of an address; nothing for an unknown one.

@@ -221,7 +221,7 @@ void NetlinkMonitor::handleNotification(nlmsghdr& message, FirstException* excep
 
 void NetlinkMonitor::handleDumpMessage(nlmsghdr& message, FirstException* exception) {
     hasProgress_ = true;
-    if ((message.nlmsg_flags & NLM_F_DUMP_INTR) != 0 && !std::exchange(isVoid_, true)) {
+    if ((message.nlmsg_flags & NLM_F_DUMP_INTR) != 0 && !std::exchange(isIncomplete_, true)) {
         interruptedDumpsInc(exception);
     }
     if (running_ == nullptr) {
@@ -239,12 +239,12 @@ void NetlinkMonitor::handleDumpEnd(const nlmsghdr& message, FirstException* exce
     if (message.nlmsg_type == NLMSG_ERROR && answer.error == ENOBUFS) {
         // The buffer was full when the dump began. The kernel goes on with it as soon as there is
         // room, and refuses another one until then.
-        isVoid_ = true;
+        isIncomplete_ = true;
         return;
     }
     const Owned table = std::exchange(running_, nullptr);
     deadline_.expiryIs(Mox::Clock::idle);
-    if (table->follower != nullptr && (isVoid_ || isPassing(answer.error))) {
+    if (table->follower != nullptr && (isIncomplete_ || isPassing(answer.error))) {
         dumpLater();
     } else if (table->follower != nullptr) {
         tableEnded(table, answer, exception);
@@ -299,10 +299,10 @@ void NetlinkMonitor::sendDump(const Owned& table) {
         return;
     }
     running_ = table;
-    isVoid_ = false;
+    isIncomplete_ = false;
     hasProgress_ = false;
     begunAt_ = clock_->now();
-    troubleAt_ = std::exchange(isRepair_, false) ? begunAt_ : troubleAt_;
+    lastLossAt_ = std::exchange(isRepair_, false) ? begunAt_ : lastLossAt_;
     deadline_.expiryIs(begunAt_ + NetlinkSession::defaultDeadlineSeconds);
 }
 
@@ -311,7 +311,7 @@ void NetlinkMonitor::sendDump(const Owned& table) {
 // earlier might miss changes.
 void NetlinkMonitor::handleLoss(FirstException* exception) {
     allDue();
-    isVoid_ = true;
+    isIncomplete_ = true;
     isEmpty_ = false;
     dumpLater();
     handleSync(exception);
@@ -337,8 +337,8 @@ void NetlinkMonitor::handleEmpty(FirstException* exception) {
 
 void NetlinkMonitor::dumpLater(double atLeastSeconds) {
     const double now = clock_->now();
-    const bool isQuiet = now - troubleAt_ > quietSeconds;
-    troubleAt_ = now;
+    const bool isQuiet = now - lastLossAt_ > quietSeconds;
+    lastLossAt_ = now;
     isRepair_ = true;
     if (!timer_.isIdle()) {
         return;

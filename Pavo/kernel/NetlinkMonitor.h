@@ -78,15 +78,15 @@ class NetlinkMonitor final : public NetlinkReader {
     Mox::Timer timer_;     // While armed, no dump begins.
     Mox::Timer deadline_;  // Armed while a dump runs.
     std::vector<Owned> followed_;
-    Owned running_;        // The table of the dump that the kernel makes now.
-    bool isVoid_ = false;  // That dump has to be made again.
+    Owned running_;              // The table of the dump that the kernel makes now.
+    bool isIncomplete_ = false;  // That dump has to be made again.
     bool hasProgress_ = false;
     bool isRepair_ = false;  // The next dump is because of a loss.
     bool isEmpty_ = true;    // The port was read empty since messages were lost or groups joined.
     uint32_t sequence_ = 0;
     double begunAt_ = 0;  // The dump that runs, or ran last.
     double backOffSeconds_ = 0;
-    double troubleAt_ = -Mox::Clock::idle;  // The last loss, or dump because of one.
+    double lastLossAt_ = -Mox::Clock::idle;  // The last loss, or dump because of one.
 };
 
 }  // namespace Pavo

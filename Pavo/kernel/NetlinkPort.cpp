@@ -170,15 +170,10 @@ class NetlinkSocket final : public Mox::Described<NetlinkSocket, NetlinkPort> {
 
 NetlinkPort::~NetlinkPort() = default;
 
-Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,
-                                           NetlinkPortUse use, uint32_t rcvBufBytes) {
-    return Mox::make<NetlinkSocket>(netNs, protocol, use, rcvBufBytes);
-}
-
 NetlinkPortOpener netlinkSocketOpener(NamespaceName netNs, int protocol, uint32_t rcvBufBytes) {
     return [netNs = std::move(netNs), protocol, rcvBufBytes](NetlinkPortUse use) {
         const bool isMonitor = use == NetlinkPortUse::monitor;
-        return netlinkSocketFactory(netNs, protocol, use, isMonitor ? rcvBufBytes : 0);
+        return Mox::make<NetlinkSocket>(netNs, protocol, use, isMonitor ? rcvBufBytes : 0);
     };
 }
 

@@ -17,7 +17,7 @@
 
 namespace Pavo {
 
-/// The two ports of a session: one for requests and the dumps that are made for their own sake, one
+/// The two ports of a session: one for requests and the dumps that the caller asks for, one
 /// for notifications together with the dumps of the tables that are followed.
 enum class NetlinkPortUse { requests, monitor };
 
@@ -55,18 +55,15 @@ class PAVO_EXPORT NetlinkPort : public Mox::Described<NetlinkPort> {
 /// @throws Mox::ErrnoException naming the call; nothing is left open.
 using NetlinkPortOpener = std::function<Mox::Ptr<NetlinkPort>(NetlinkPortUse use)>;
 
-/// Opens a socket of netlink protocol `protocol` in a namespace, watched by the event loop of the
-/// thread. It gets texts of errors (NETLINK_EXT_ACK), short acknowledgements (NETLINK_CAP_ACK) and,
-/// with NETLINK_ROUTE, strict checks of dump requests (NETLINK_GET_STRICT_CHK) where the kernel has
-/// these (netlink(7)). `rcvBufBytes` sizes the receive buffer, above the kernel's ceiling where the
-/// process may (SO_RCVBUFFORCE); 0 leaves the system's size.
+/// Opens sockets of netlink protocol `protocol` in a namespace, watched by the event loop of the
+/// thread. They get texts of errors (NETLINK_EXT_ACK), short acknowledgements (NETLINK_CAP_ACK)
+/// and, with NETLINK_ROUTE, strict checks of dump requests (NETLINK_GET_STRICT_CHK) where the
+/// kernel has these (netlink(7)). `rcvBufBytes` sizes the receive buffer of the monitor, above the
+/// kernel's ceiling where the process may (SO_RCVBUFFORCE); 0 leaves the system's size.
 /// @throws Mox::ErrnoException "socketAt(<namespace>)", "fcntl(F_SETFL)", "setsockopt(SO_RCVBUF)",
 /// "bind", "getsockname", "getsockopt(SO_RCVBUF)" or "epoll_ctl".
 /// @pre an event loop on this thread (assertion "EventLoop::current(): a netlink socket needs an
 /// event loop").
-PAVO_EXPORT Mox::Ptr<NetlinkPort> netlinkSocketFactory(const NamespaceName& netNs, int protocol,
-                                                       NetlinkPortUse use, uint32_t rcvBufBytes);
-/// Opens such sockets, that of the monitor with a receive buffer of `rcvBufBytes`.
 PAVO_EXPORT NetlinkPortOpener netlinkSocketOpener(NamespaceName netNs, int protocol = NETLINK_ROUTE,
                                                   uint32_t rcvBufBytes = 0);
 

@@ -97,8 +97,7 @@ NetlinkReader::Next NetlinkReader::readOne(FirstException* exception) {
     }
     const auto bytes = static_cast<std::size_t>(got);
     if (sender != 0) {
-        counterInc(&NetlinkSession::foreignDatagrams, &NetlinkSession::foreignDatagramsIs,
-                   exception);
+        foreignDatagramsInc(exception);
     } else if (bytes > bufferBytes_) {
         takeCut(bytes, exception);
     } else {
@@ -161,25 +160,24 @@ void NetlinkReader::takeCut(std::size_t bytes, FirstException* exception) {
     overflowsInc(exception);
 }
 
-void NetlinkReader::counterInc(uint64_t (NetlinkSession::*get)() const,
-                               void (NetlinkSession::*set)(uint64_t), FirstException* exception) {
-    exception->collect([&] { (session_->*set)((session_->*get)() + 1); });
-}
-
 void NetlinkReader::overflowsInc(FirstException* exception) {
-    counterInc(&NetlinkSession::overflows, &NetlinkSession::overflowsIs, exception);
+    exception->collect([this] { session_->overflowsIs(session_->overflows() + 1); });
 }
 
 void NetlinkReader::interruptedDumpsInc(FirstException* exception) {
-    counterInc(&NetlinkSession::interruptedDumps, &NetlinkSession::interruptedDumpsIs, exception);
+    exception->collect([this] { session_->interruptedDumpsIs(session_->interruptedDumps() + 1); });
 }
 
 void NetlinkReader::staleAnswersInc(FirstException* exception) {
-    counterInc(&NetlinkSession::staleAnswers, &NetlinkSession::staleAnswersIs, exception);
+    exception->collect([this] { session_->staleAnswersIs(session_->staleAnswers() + 1); });
 }
 
 void NetlinkReader::deadlinesInc(FirstException* exception) {
-    counterInc(&NetlinkSession::deadlines, &NetlinkSession::deadlinesIs, exception);
+    exception->collect([this] { session_->deadlinesIs(session_->deadlines() + 1); });
+}
+
+void NetlinkReader::foreignDatagramsInc(FirstException* exception) {
+    exception->collect([this] { session_->foreignDatagramsIs(session_->foreignDatagrams() + 1); });
 }
 
 }  // namespace Pavo

@@ -43,6 +43,7 @@ class NetlinkReader {
     void interruptedDumpsInc(FirstException* exception);
     void staleAnswersInc(FirstException* exception);
     void deadlinesInc(FirstException* exception);
+    void foreignDatagramsInc(FirstException* exception);
     /// @}
 
     /// Reads what there is now, as when the port is readable. May drop the session.
@@ -68,8 +69,6 @@ class NetlinkReader {
     Next readFailed(int error, FirstException* exception);
     void takeApart(std::size_t bytes, FirstException* exception);
     void takeCut(std::size_t bytes, FirstException* exception);
-    void counterInc(uint64_t (NetlinkSession::*get)() const, void (NetlinkSession::*set)(uint64_t),
-                    FirstException* exception);
 
     NetlinkSession* const session_;
     Mox::Ptr<NetlinkPort> port_;

@@ -227,7 +227,7 @@ void NetlinkRequests::callUpTo(const Owned& pending, uint32_t to, const NetlinkA
     }
 }
 
-// It stayed until now, so that it could be forgotten.
+// An entry stays until its calls are made, so that `del` finds it during them.
 void NetlinkRequests::called(const Owned& pending, FirstException* exception) {
     const auto found = pending_.find(pending->first);
     if (found == pending_.end() || found->second != pending) {

@@ -112,7 +112,7 @@ class NetlinkRequests final : public NetlinkReader {
     Owned dump_;               // The one under way.
     uint32_t room_ = 0;        // For answers that did not come yet, in the receive buffer, in KiB.
     uint32_t inFlight_ = 0;    // What of that is taken.
-    bool hasLoss_ = false;     // Nothing is sent before all was read.
+    bool hasLoss_ = false;     // No request is sent before all was read.
 };
 
 }  // namespace Pavo

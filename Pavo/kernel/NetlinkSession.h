@@ -71,7 +71,7 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 };
 
 /// Requests, dumps and followed tables of one network namespace, over two sockets: one for requests
-/// and dumps that are made for their own sake, one for notifications and the dumps of the tables
+/// and dumps that the caller asks for, one for notifications and the dumps of the tables
 /// that are followed, so that both come in the kernel's order.
 ///
 /// **Requests.** Each has a deadline and exactly one end: the kernel's acknowledgement or error, or
@@ -102,7 +102,7 @@ class PAVO_EXPORT NetlinkFollower : public NetlinkMessageCallback {
 /// called, it may make and delete requests, disable and enable the session, and drop the last
 /// reference to it. Where it throws, everything else that was received is still handed out; then
 /// the first exception leaves the event loop's turn. A session that ends with its last reference
-/// calls nobody. One thread uses a session and its clock.
+/// calls no callback. One thread uses a session and its clock.
 class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
   public:
     static constexpr Mox::Attribute<NetlinkSession> enabledAttr{0, "enabled"};
@@ -136,7 +136,7 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     using Begin = std::function<void()>;
     /// Called once for each message of a batch, with its index and answer, in order.
     using EachDone = std::function<void(std::size_t index, const NetlinkAnswer& answer)>;
-    /// When nothing is said: how long nothing may come of an answer.
+    /// The default deadline: how long nothing of an answer may come.
     static constexpr double defaultDeadlineSeconds = 5;
 
     /// Disabled. `protocol` is one of netlink(7). `clock` is that of the event loop, or of a test,
@@ -151,7 +151,7 @@ class PAVO_EXPORT NetlinkSession : public Mox::EntityOf<NetlinkSession> {
     /// ends every request with ECANCELED; tables stay registered for the next enabling.
     /// @pre to enable, with sockets: an event loop on this thread (assertion
     /// "EventLoop::current(): a netlink socket needs an event loop").
-    /// @throws Mox::ErrnoException naming the call that failed, as `netlinkSocketFactory` does, or
+    /// @throws Mox::ErrnoException naming the call that failed, as `netlinkSocketOpener` does, or
     /// "setsockopt(NETLINK_ADD_MEMBERSHIP)"; nothing is then open.
     void enabledIs(bool enabled);
 

@@ -18,24 +18,12 @@ namespace {
 
 // A gateway of the route's own family, or with RTA_VIA of any.
 IpGenAddr gatewayOf(const NetlinkAttributes& attributes, uint8_t family) {
-    IpGenAddr gateway;
-    if (readAddress(attributes, RTA_GATEWAY, family, &gateway)) {
-        return gateway;
-    }
+    IpGenAddr gateway = addressIn(attributes.payload(RTA_GATEWAY), family);
     const std::span<const uint8_t> via = attributes.payload(RTA_VIA);
     uint16_t viaFamily = 0;
-    if (via.size() >= sizeof(viaFamily)) {
+    if (gateway.af() == ipunknown && via.size() >= sizeof(viaFamily)) {
         std::memcpy(&viaFamily, via.data(), sizeof(viaFamily));
-        const std::span<const uint8_t> bytes = via.subspan(sizeof(viaFamily));
-        if (viaFamily == AF_INET && bytes.size() >= sizeof(IpAddr)) {
-            IpAddr address;
-            address.copyFromBuffer(bytes.data());
-            gateway = address;
-        } else if (viaFamily == AF_INET6 && bytes.size() >= sizeof(Ip6Addr)) {
-            Ip6Addr address;
-            address.copyFromBuffer(bytes.data());
-            gateway = address;
-        }
+        gateway = addressIn(via.subspan(sizeof(viaFamily)), viaFamily);
     }
     return gateway;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 
 #include <compare>
 #include <cstdint>
@@ -22,10 +23,10 @@ namespace Pavo {
 /// several links, or appended to each other. The kernel keeps a route under the key with which it
 /// is added, except that it makes 1024 of the metric 0 for IPv6, and 254 of table 0.
 struct RouteKey {
-    IpGenPrefix prefix;    ///< The destinations.
-    uint32_t table = 254;  ///< RT_TABLE_MAIN; the local table is 255.
-    uint32_t metric = 0;   ///< The least one is used.
-    uint8_t tos = 0;       ///< For IPv4; 0 for all packets.
+    IpGenPrefix prefix;              ///< The destinations.
+    uint32_t table = RT_TABLE_MAIN;  ///< The local table is RT_TABLE_LOCAL.
+    uint32_t metric = 0;             ///< The least one is used.
+    uint8_t tos = 0;                 ///< For IPv4; 0 for all packets.
 
     /// "192.0.2.0/24", then " table 100", " metric 20" and " tos 16" where they are not the
     /// default.
@@ -37,7 +38,7 @@ struct RouteKey {
     }
 };
 
-/// One way of a route.
+/// A next hop of a route.
 struct RouteHop {
     IpGenAddr gateway;      ///< None for a destination on the link itself.
     uint32_t ifIndex = 0;   ///< 0 for none.
@@ -50,12 +51,12 @@ struct RouteHop {
 /// A route of a table of the kernel: what rtnetlink(7) and ip-route(8) say of it, without its
 /// metrics (such as a path MTU), encapsulations and the state of its next hops' links.
 struct Route {
-    RouteKey key;          ///< How the kernel finds it.
-    uint8_t type = 1;      ///< RTN_UNICAST; RTN_BLACKHOLE and others.
-    uint8_t protocol = 4;  ///< Who made it: RTPROT_STATIC.
-    uint8_t scope = 0;     ///< RT_SCOPE_UNIVERSE; RT_SCOPE_LINK for what is on a link.
-    IpGenAddr source;      ///< Preferred for packets to it; none (`ipunknown`) where it is not set.
-    std::vector<RouteHop> hops;  ///< None for types without a way, such as RTN_BLACKHOLE.
+    RouteKey key;                       ///< How the kernel finds it.
+    uint8_t type = RTN_UNICAST;         ///< RTN_BLACKHOLE and others.
+    uint8_t protocol = RTPROT_STATIC;   ///< Who made it.
+    uint8_t scope = RT_SCOPE_UNIVERSE;  ///< RT_SCOPE_LINK for what is on a link.
+    IpGenAddr source;  ///< Preferred for packets to it; none (`ipunknown`) where it is not set.
+    std::vector<RouteHop> hops;  ///< None for types such as RTN_BLACKHOLE.
 
     /// In the words of ip-route(8), with the indexes of links: "192.0.2.0/24 via 10.0.0.1 link 7
     /// proto static", "blackhole 192.0.2.0/24 proto bgp"; several next hops each after " nexthop".

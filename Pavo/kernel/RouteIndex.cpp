@@ -48,8 +48,8 @@ const std::vector<RouteHop>& RouteIndex<Address>::severalOf(const Record& record
 template <class Address>
 bool RouteIndex<Address>::isSame(const Record& record, const std::vector<RouteHop>& several,
                                  const Read& route) {
-    constexpr uint8_t ways = Record::onLink | Record::several;
-    if (!record.isLike(route.record) || ((record.flags ^ route.record.flags) & ways) != 0) {
+    constexpr uint8_t hopFlags = Record::onLink | Record::several;
+    if (!record.isLike(route.record) || ((record.flags ^ route.record.flags) & hopFlags) != 0) {
         return false;
     }
     return (record.flags & Record::several) != 0

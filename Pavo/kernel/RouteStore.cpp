@@ -36,8 +36,8 @@ bool hasAll(const std::vector<RouteHop>& hops, const std::vector<RouteHop>& some
 
 // The record goes with its last next hop.
 template <class Address>
-void RouteStore<Address>::withoutHops(uint32_t index,
-                                      const std::function<bool(const RouteHop&)>& isGone) {
+void RouteStore<Address>::removeHops(uint32_t index,
+                                     const std::function<bool(const RouteHop&)>& isGone) {
     std::vector<RouteHop> hops = routes_.allHopsOf(index);
     std::erase_if(hops, isGone);
     if (hops.empty()) {
@@ -129,7 +129,7 @@ void RouteStore<Address>::del(const Read& route, Changes* changes) {
         const std::vector<RouteHop> gone = hopsOf(route.record, route.hops);
         for (uint32_t index = head; index != none; index = routes_.at(index).next) {
             if (hasAll(routes_.allHopsOf(index), gone)) {
-                withoutHops(index, [&](const RouteHop& hop) { return hasAll(gone, {hop}); });
+                removeHops(index, [&](const RouteHop& hop) { return hasAll(gone, {hop}); });
                 note(route.record, changes);
                 return;
             }
@@ -328,7 +328,7 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
         note(record, changes);
         trust_.deleted();
         if (Record::family == ipv6 && !hops.empty()) {
-            withoutHops(index, isOn);
+            removeHops(index, isOn);
         } else {
             routes_.remove(index);
         }

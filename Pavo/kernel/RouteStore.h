@@ -82,7 +82,7 @@ class RouteStore {
   private:
     static constexpr uint32_t none = RouteIndex<Address>::none;
 
-    void withoutHops(uint32_t index, const std::function<bool(const RouteHop&)>& isGone);
+    void removeHops(uint32_t index, const std::function<bool(const RouteHop&)>& isGone);
     uint32_t replacedBy(const Read& route, uint32_t head) const;
     uint32_t extendedBy(const Read& route, uint32_t head) const;
 

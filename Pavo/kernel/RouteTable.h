@@ -18,13 +18,15 @@
 
 namespace Pavo {
 
+class KernelInfo;
+
 /// All routes of a namespace, of all tables and both families, as messages of the kernel describe
 /// them. `KernelInfo` has one and passes the messages to it.
 ///
-/// A million of them has its place: an IPv4 route takes about 45 bytes and an IPv6 route about 80,
-/// without memory of its own unless it has several next hops. Routes are therefore no entities: an
-/// observer is notified with the key of the routes that changed, and reads them here. The table is
-/// complete and consistent whenever it is notified, and may be read, but not end, meanwhile.
+/// The table is made for a million routes: an IPv4 route takes about 45 bytes and an IPv6 route
+/// about 80, without memory of its own unless it has several next hops. Routes are therefore no
+/// entities: an observer is notified with the key of the routes that changed, and reads them here.
+/// The table is complete and consistent whenever observers are notified, and they may read it.
 ///
 /// Some changes are not announced by the kernel. Routes that go with their link, when it is set
 /// down, deleted or left without an IPv4 address, or with their preferred source, are removed here
@@ -52,37 +54,35 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     /// The routes with that key, in the kernel's order, of which it uses the first; most keys have
     /// one route.
     std::vector<Route> routes(const RouteKey& key) const;
-    /// Calls `call` for each route, in no order. `call` must not change the table, as by turning
-    /// the event loop.
+    /// Calls `call` for each route, in no order. `call` must not turn the event loop, which may
+    /// change the table.
     void forEach(const std::function<void(const Route&)>& call) const;
 
-    /// @name The kernel's messages, for `KernelInfo` and for tests
-    /// @{
-    /// A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
-    /// false for a malformed one.
-    bool messageIs(const nlmsghdr& message);
-    /// A dump begins: all routes follow, until `dumpEnd`. With `isAgain` it makes up for what the
-    /// one before may have left out.
-    void dumpBegin(bool isAgain);
-    /// The routes that did not come since `dumpBegin` are removed. With false they were not, since
-    /// routes were deleted during the dump, which may then have skipped others: see `DumpTrust`.
-    bool dumpEnd();
-    /// A link was set down. `isUp` says of other links whether their next hops are alive.
-    void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
-    /// False when no route that may go with an address has it as its source.
-    bool mayUseSource(const IpGenAddr& address) const;
-    /// A link has lost its last IPv4 address.
-    void linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
-    /// A link was deleted.
-    void linkGone(uint32_t ifIndex);
-    /// An address was deleted that no other link has. The routes of the link are in `table`.
-    void addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table);
-    /// Removes all.
-    void clear();
-    /// @}
-
   private:
+    friend class KernelInfo;
     struct Stores;
+
+    // A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
+    // false for a malformed one.
+    bool messageIs(const nlmsghdr& message);
+    // A dump begins: all routes follow, until `dumpEnd`. With `isAgain` it makes up for what the
+    // one before may have left out.
+    void dumpBegin(bool isAgain);
+    // The routes that did not come since `dumpBegin` are removed. With false they were not, since
+    // routes were deleted during the dump, which may then have skipped others: see `DumpTrust`.
+    bool dumpEnd();
+    // A link was set down. `isUp` says of other links whether their next hops are alive.
+    void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    // False when no route that may go with an address has it as its source.
+    bool mayUseSource(const IpGenAddr& address) const;
+    // A link has lost its last IPv4 address.
+    void linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    // A link was deleted.
+    void linkGone(uint32_t ifIndex);
+    // An address was deleted that no other link has. The routes of the link are in `table`.
+    void addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table);
+    // Removes all.
+    void clear();
 
     std::vector<RouteKey>* changes();
     void announce();

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "Mox/Entity.h"
 #include "Mox/EventLoop.h"
 #include "Mox/Signal.h"
 #include "watch/Watcher.h"

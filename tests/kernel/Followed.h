@@ -24,7 +24,7 @@ struct Followed {
         session->enabledIs(true);
     }
     ~Followed() {
-        info->close();
+        info = nullptr;
         session->enabledIs(false);
         Pavo::netNsDelete(netNs.c_str());
     }

@@ -1,7 +1,12 @@
 #include "Pavo/KernelInfo.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
+#include <netinet/icmp6.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
@@ -15,6 +20,7 @@
 #include "Pavo/KernelInfoMgr.h"
 #include "Pavo/KernelRequests.h"
 #include "Pavo/LinkHandle.h"
+#include "Pavo/ScopedNetNs.h"
 #include "kernel/Followed.h"
 #include "kernel/Shadow.h"
 
@@ -289,6 +295,44 @@ TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
     EXPECT_TRUE(turnsUntil(loop, [&] { return !status->ns(blue) && !mgr->kernelInfo(blue); }));
     mgr->close();
     EXPECT_EQ(status->ns().members(), 0u);
+}
+
+// The kernel neither replaces its own route of a router advertisement nor joins others to it.
+TEST_F(KernelInfoTest, KeepsTheRouteOfARouterAdvertisement) {
+    Followed ns("advertised");
+    for (const char* each :
+         {"link add v0 type veth peer name w0", "link set v0 up", "link set w0 up",
+          "-6 address add fe80::5/64 dev w0 nodad", "-6 address add 2001:db8::1/64 dev v0 nodad"}) {
+        ns.ip(each);
+    }
+    run({"ip", "netns", "exec", ns.netNs, "sysctl", "-q", "-w",
+         "net.ipv6.conf.v0.accept_ra_from_local=1"});
+    const int w0 = static_cast<int>(ns.link("w0")->index());
+    {
+        const ScopedNetNs inside(ns.netNs.c_str());
+        const int fd = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
+        constexpr int hops = 255;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof(hops));
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &w0, sizeof(w0));
+        nd_router_advert advert{};
+        advert.nd_ra_type = ND_ROUTER_ADVERT;
+        advert.nd_ra_router_lifetime = htons(1800);
+        sockaddr_in6 all{AF_INET6, 0, 0, {}, static_cast<uint32_t>(w0)};
+        inet_pton(AF_INET6, "ff02::1", &all.sin6_addr);
+        EXPECT_EQ(sendto(fd, &advert, sizeof(advert), 0, reinterpret_cast<const sockaddr*>(&all),
+                         sizeof(all)),
+                  static_cast<ssize_t>(sizeof(advert)));
+        close(fd);
+    }
+    RouteKey key;
+    key.prefix = IpGenPrefix("::/0");
+    key.metric = 1024;
+    const auto count = [&] { return ns.info->routes()->routes(key).size(); };
+    ASSERT_TRUE(reaches(ns.loop, [&] { return count() == 1; }));
+    ns.ip("-6 route append default via 2001:db8::6 metric 1024");
+    ns.ip("-6 route replace default via 2001:db8::7 metric 1024");
+    EXPECT_EQ(ns.difference(), "");
+    EXPECT_EQ(count(), 2u);
 }
 
 }  // namespace

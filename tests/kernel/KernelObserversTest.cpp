@@ -92,7 +92,6 @@ struct ObserversWorld : PavoTest::RandomProgram {
               {"watch routes", [this] { watch(Mox::Ptr<RouteTable>(known()->routes())); }},
               {"watch link", [this] { watchLink(); }},
               {"leave", [this] { watches.clear(); }},
-              {"close", [this] { known()->close(); }},
               {"drop", [this] { info = nullptr; }}}},
             [this] { feed(); }, [this] { checkAtRest(); });
     }
