@@ -14,6 +14,8 @@ namespace Pavo {
 
 namespace {
 
+constexpr uint32_t minMtuOfIp6 = 1280;  // RFC 8200, 5.
+
 bool isFamilyKept(uint8_t family) {
     return family == AF_INET || family == AF_INET6;
 }
@@ -239,6 +241,7 @@ void KernelInfo::linkIs(const Link::Facts& facts) {
 void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts) {
     link->generation_ = links_.generation;
     const bool wasUp = link->isUp();
+    const bool hadIp6 = link->mtu() >= minMtuOfIp6;
     const Mox::String before = link->name();
     const uint64_t changed = link->commit(facts);
     link->isWithoutIp_ = link->isWithoutIp_ && (wasUp || !link->isUp());
@@ -252,10 +255,13 @@ void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts
     if (isNamed) {
         exception.collect([&] { notify(linkByNameAttr, facts.name); });
     }
-    if (wasUp && (facts.flags & IFF_UP) == 0 && followsRoutes_) {
-        exception.collect([&] {
-            routes_->linkDown(facts.index, [this](uint32_t index) { return isAlive(index); });
-        });
+    const auto isOtherAlive = [this](uint32_t index, AddressFamily family) {
+        return isAlive(index, family);
+    };
+    if (wasUp && (facts.flags & IFF_UP) == 0) {
+        exception.collect([&] { routes_->linkDown(facts.index, isOtherAlive); });
+    } else if (hadIp6 && facts.mtu < minMtuOfIp6) {
+        exception.collect([&] { routes_->linkWithoutIp6(facts.index, isOtherAlive); });
     }
     exception.rethrow();
 }
@@ -399,7 +405,9 @@ void KernelInfo::announce(const Removed& removed) {
     }
     for (const uint32_t index : removed.withoutIp) {
         exception.collect([&] {
-            routes_->linkWithoutIp(index, [this](uint32_t other) { return isAlive(other); });
+            routes_->linkWithoutIp(index, [this](uint32_t other, AddressFamily family) {
+                return isAlive(other, family);
+            });
         });
     }
     for (const auto& address : removed.addresses) {
@@ -420,7 +428,8 @@ void KernelInfo::announce(const Removed& removed) {
     exception.rethrow();
 }
 
-// An IPv4 address may be on several links: routes keep it as their source until the last one goes.
+// An address may be on several links: routes keep it as their source until the last one goes, of
+// IPv4 the last one of their table.
 void KernelInfo::routesOfAddressDel(const LinkAddress& address) {
     if (!routes_->mayUseSource(address.address())) {
         return;
@@ -429,18 +438,18 @@ void KernelInfo::routesOfAddressDel(const LinkAddress& address) {
     const auto hasAddress = [&](const auto& link) {
         const auto it = addresses_.objects.lowerBound({link.first, address.address()});
         return it != addresses_.objects.end() && it->first.ifIndex == link.first &&
-               it->first.address == address.address() && tableOf(link.first) == table;
+               it->first.address == address.address() &&
+               (it->first.address.af() == ipv6 || tableOf(link.first) == table);
     };
-    if (address.address().af() != ipv4 ||
-        std::none_of(links_.objects.begin(), links_.objects.end(), hasAddress)) {
-        routes_->addressGone(address.address(), address.ifIndex(), table);
+    if (std::none_of(links_.objects.begin(), links_.objects.end(), hasAddress)) {
+        routes_->addressGone(address.address(), table);
     }
 }
 
 // Whether the kernel counts on next hops over the link.
-bool KernelInfo::isAlive(uint32_t ifIndex) const {
+bool KernelInfo::isAlive(uint32_t ifIndex, AddressFamily family) const {
     const Mox::Ptr<Link> link = linkByIndex(ifIndex);
-    return link && link->isUp() && !link->isWithoutIp_;
+    return link && link->isUp() && (family == ipv6 || !link->isWithoutIp_);
 }
 
 // A link of a VRF has the VRF's table.

@@ -167,7 +167,7 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void remove(uint32_t index, Removed* removed);
     void announce(const Removed& removed);
     void routesOfAddressDel(const LinkAddress& address);
-    bool isAlive(uint32_t ifIndex) const;
+    bool isAlive(uint32_t ifIndex, AddressFamily family) const;
     uint32_t tableOf(uint32_t ifIndex) const;
 
     Mox::String name_;

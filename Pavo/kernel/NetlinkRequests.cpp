@@ -354,6 +354,9 @@ void NetlinkRequests::handleDeadline(const Owned& pending, FirstException* excep
 
 void NetlinkRequests::handleLoss(FirstException*) {
     hasLoss_ = true;
+    if (dump_ != nullptr) {
+        dump_->isInterrupted = true;
+    }
 }
 
 void NetlinkRequests::handleCut(const nlmsghdr& message, FirstException* exception) {

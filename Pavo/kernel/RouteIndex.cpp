@@ -90,11 +90,10 @@ void RouteIndex<Address>::slotDel(uint32_t slot) {
 
 template <class Address>
 void RouteIndex<Address>::grow() {
-    std::vector<uint32_t> heads;
-    heads.swap(slots_);
-    slots_.assign(std::max<std::size_t>(64, 2 * heads.size()), none);
+    std::vector<uint32_t> slots(std::max<std::size_t>(64, 2 * slots_.size()), none);
+    slots.swap(slots_);
     const auto mask = static_cast<uint32_t>(slots_.size() - 1);
-    for (const uint32_t head : heads) {
+    for (const uint32_t head : slots) {
         if (head == none) {
             continue;
         }
@@ -106,6 +105,30 @@ void RouteIndex<Address>::grow() {
     }
 }
 
+// Allocates all that a route needs, before anything is changed. Returns the number of the list of
+// its next hops, or `none`.
+template <class Address>
+uint32_t RouteIndex<Address>::reserve(const Read& route) {
+    if (free_ == none && end_ >> chunkBits == chunks_.size()) {
+        // Not zeroed: `fill` sets all of a record before it is read.
+        chunks_.push_back(std::make_unique_for_overwrite<Record[]>(chunkRecords));
+    }
+    if ((route.record.flags & Record::several) == 0) {
+        return none;
+    }
+    if (freeLists_.empty()) {
+        if (freeLists_.capacity() <= lists_.size()) {  // All lists may become free.
+            freeLists_.reserve(2 * lists_.size() + 1);
+        }
+        lists_.emplace_back();
+        freeLists_.push_back(static_cast<uint32_t>(lists_.size() - 1));
+    }
+    const uint32_t list = freeLists_.back();
+    lists_[list] = route.hops;
+    freeLists_.pop_back();
+    return list;
+}
+
 template <class Address>
 uint32_t RouteIndex<Address>::newRecord() {
     ++members_;
@@ -114,31 +137,20 @@ uint32_t RouteIndex<Address>::newRecord() {
         free_ = at(index).next;
         return index;
     }
-    if (end_ >> chunkBits == chunks_.size()) {
-        // Not zeroed: `fill` sets all of a record before it is read.
-        chunks_.push_back(std::make_unique_for_overwrite<Record[]>(chunkRecords));
-    }
     return end_++;
 }
 
 // Sets all but `next`.
 template <class Address>
-void RouteIndex<Address>::fill(uint32_t index, const Read& route, uint8_t generation) {
+void RouteIndex<Address>::fill(uint32_t index, const Read& route, uint8_t generation,
+                               uint32_t list) {
     Record& record = at(index);
     const uint32_t next = record.next;
     record = route.record;
     record.next = next;
     record.flags |= Record::used;
     record.generation = generation;
-    if ((record.flags & Record::several) != 0) {
-        if (freeLists_.empty()) {
-            freeLists_.push_back(static_cast<uint32_t>(lists_.size()));
-            lists_.emplace_back();
-        }
-        record.ifIndex = freeLists_.back();
-        freeLists_.pop_back();
-        lists_[record.ifIndex] = route.hops;
-    }
+    record.ifIndex = list == none ? record.ifIndex : list;
     count(record, 1);
 }
 
@@ -168,14 +180,15 @@ void RouteIndex<Address>::count(const Record& record, uint32_t delta) {
 
 template <class Address>
 uint32_t RouteIndex<Address>::insert(const Read& route, uint8_t generation, uint32_t after) {
+    if (slots_.empty() || 4 * (uint64_t{keys_} + 1) > 3 * uint64_t{slots_.size()}) {
+        grow();
+    }
+    const uint32_t list = reserve(route);
     const uint32_t index = newRecord();
-    fill(index, route, generation);
+    fill(index, route, generation, list);
     if (after != none) {
         at(index).next = std::exchange(at(after).next, index);
         return index;
-    }
-    if (slots_.empty() || 4 * (uint64_t{keys_} + 1) > 3 * uint64_t{slots_.size()}) {
-        grow();
     }
     uint32_t& head = slots_[slotOf(route.record)];
     keys_ += head == none ? 1 : 0;
@@ -206,8 +219,9 @@ void RouteIndex<Address>::remove(uint32_t index) {
 
 template <class Address>
 void RouteIndex<Address>::replace(uint32_t index, const Read& route, uint8_t generation) {
+    const uint32_t list = reserve(route);
     empty(index);
-    fill(index, route, generation);
+    fill(index, route, generation, list);
 }
 
 template <class Address>

@@ -85,8 +85,9 @@ class RouteIndex {
     uint32_t slotOf(const Record& key) const;
     void slotDel(uint32_t slot);
     void grow();
+    uint32_t reserve(const Read& route);
     uint32_t newRecord();
-    void fill(uint32_t index, const Read& route, uint8_t generation);
+    void fill(uint32_t index, const Read& route, uint8_t generation, uint32_t list);
     void empty(uint32_t index);
     void count(const Record& record, uint32_t delta);
 

@@ -337,8 +337,7 @@ void RouteStore<Address>::linkGone(uint32_t ifIndex, Changes* changes) {
 
 // An IPv4 route goes with its source; an IPv6 route goes on without it.
 template <class Address>
-void RouteStore<Address>::addressGone(const Address& address, uint32_t ifIndex, uint32_t table,
-                                      Changes* changes) {
+void RouteStore<Address>::addressGone(const Address& address, uint32_t table, Changes* changes) {
     commitPart(changes);
     for (uint32_t index = 0; routes_.mayUseSource(address) && index < routes_.end(); ++index) {
         const Record& record = routes_.at(index);
@@ -350,8 +349,7 @@ void RouteStore<Address>::addressGone(const Address& address, uint32_t ifIndex, 
             note(record, changes);
             routes_.remove(index);
             trust_.deleted();
-        } else if (Record::family == ipv6 && record.ifIndex == ifIndex &&
-                   (record.flags & Record::several) == 0) {
+        } else if (Record::family == ipv6 && (record.flags & Record::several) == 0) {
             note(record, changes);
             routes_.sourceDel(index);
         }

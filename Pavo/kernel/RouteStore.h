@@ -54,8 +54,8 @@ class RouteStore {
     void linkDown(uint32_t ifIndex, const IsUp& isUp, bool hasAddress, Changes* changes);
     /// A link was deleted.
     void linkGone(uint32_t ifIndex, Changes* changes);
-    /// The last address of that value was deleted, from a link whose routes are in `table`.
-    void addressGone(const Address& address, uint32_t ifIndex, uint32_t table, Changes* changes);
+    /// The last address of that value was deleted, from a link whose IPv4 routes are in `table`.
+    void addressGone(const Address& address, uint32_t table, Changes* changes);
 
     /// See `RouteIndex`.
     bool mayUseSource(const Address& address) const { return routes_.mayUseSource(address); }

@@ -117,14 +117,21 @@ bool RouteTable::mayUseSource(const IpGenAddr& address) const {
                                   : false;
 }
 
-void RouteTable::linkDown(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {
-    stores_->v4.linkDown(ifIndex, isUp, /*hasAddress=*/true, changes());
-    stores_->v6.linkDown(ifIndex, isUp, /*hasAddress=*/true, changes());
+void RouteTable::linkDown(uint32_t ifIndex, const IsAlive& isAlive) {
+    const auto isAlive4 = [&](uint32_t other) { return isAlive(other, ipv4); };
+    stores_->v4.linkDown(ifIndex, isAlive4, /*hasAddress=*/true, changes());
+    linkWithoutIp6(ifIndex, isAlive);
+}
+
+void RouteTable::linkWithoutIp6(uint32_t ifIndex, const IsAlive& isAlive) {
+    const auto isAlive6 = [&](uint32_t other) { return isAlive(other, ipv6); };
+    stores_->v6.linkDown(ifIndex, isAlive6, /*hasAddress=*/true, changes());
     announce();
 }
 
-void RouteTable::linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t)>& isUp) {
-    stores_->v4.linkDown(ifIndex, isUp, /*hasAddress=*/false, changes());
+void RouteTable::linkWithoutIp(uint32_t ifIndex, const IsAlive& isAlive) {
+    const auto isAlive4 = [&](uint32_t other) { return isAlive(other, ipv4); };
+    stores_->v4.linkDown(ifIndex, isAlive4, /*hasAddress=*/false, changes());
     announce();
 }
 
@@ -134,11 +141,11 @@ void RouteTable::linkGone(uint32_t ifIndex) {
     announce();
 }
 
-void RouteTable::addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table) {
+void RouteTable::addressGone(const IpGenAddr& address, uint32_t table) {
     if (address.af() == ipv4) {
-        stores_->v4.addressGone(address.v4Addr(), ifIndex, table, changes());
+        stores_->v4.addressGone(address.v4Addr(), table, changes());
     } else if (address.af() == ipv6) {
-        stores_->v6.addressGone(address.v6Addr(), ifIndex, table, changes());
+        stores_->v6.addressGone(address.v6Addr(), table, changes());
     }
     announce();
 }

@@ -61,6 +61,7 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
   private:
     friend class KernelInfo;
     struct Stores;
+    using IsAlive = std::function<bool(uint32_t ifIndex, AddressFamily family)>;
 
     // A message of the type RTM_NEWROUTE or RTM_DELROUTE, of a dump (NLM_F_MULTI) or not. Returns
     // false for a malformed one.
@@ -71,16 +72,18 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     // The routes that did not come since `dumpBegin` are removed. With false they were not, since
     // routes were deleted during the dump, which may then have skipped others: see `DumpTrust`.
     bool dumpEnd();
-    // A link was set down. `isUp` says of other links whether their next hops are alive.
-    void linkDown(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    // A link was set down. `isAlive` says of other links whether their next hops are used.
+    void linkDown(uint32_t ifIndex, const IsAlive& isAlive);
+    // A link does not carry IPv6 any more, since its MTU is too small.
+    void linkWithoutIp6(uint32_t ifIndex, const IsAlive& isAlive);
     // False when no route that may go with an address has it as its source.
     bool mayUseSource(const IpGenAddr& address) const;
     // A link has lost its last IPv4 address.
-    void linkWithoutIp(uint32_t ifIndex, const std::function<bool(uint32_t ifIndex)>& isUp);
+    void linkWithoutIp(uint32_t ifIndex, const IsAlive& isAlive);
     // A link was deleted.
     void linkGone(uint32_t ifIndex);
-    // An address was deleted that no other link has. The routes of the link are in `table`.
-    void addressGone(const IpGenAddr& address, uint32_t ifIndex, uint32_t table);
+    // An address was deleted that no other link has. The IPv4 routes of the link are in `table`.
+    void addressGone(const IpGenAddr& address, uint32_t table);
     // Removes all.
     void clear();
 

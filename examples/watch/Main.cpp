@@ -10,6 +10,7 @@
 
 int main() {
     try {
+        std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // Also into a pipe, line by line.
         Mox::EventLoop loop;
         const Mox::Watch<Mox::Signal> interrupt(Mox::signalFactory(SIGINT), Mox::Signal::countAttr,
                                                 [&loop] { loop.stop(); });

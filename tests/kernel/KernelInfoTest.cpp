@@ -328,7 +328,7 @@ TEST_F(KernelInfoTest, KeepsTheRouteOfARouterAdvertisement) {
     key.prefix = IpGenPrefix("::/0");
     key.metric = 1024;
     const auto count = [&] { return ns.info->routes()->routes(key).size(); };
-    ASSERT_TRUE(reaches(ns.loop, [&] { return count() == 1; }));
+    ASSERT_TRUE(turnsUntil(ns.loop, [&] { return count() == 1; }));
     ns.ip("-6 route append default via 2001:db8::6 metric 1024");
     ns.ip("-6 route replace default via 2001:db8::7 metric 1024");
     EXPECT_EQ(ns.difference(), "");

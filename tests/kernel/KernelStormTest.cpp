@@ -64,8 +64,8 @@ class Storm {
         std::string("link del v#\n") + linkAdd, "link set v# name x#\nlink set x@ name v@",
         "link set v# name x#\nlink set x# name v@", "address add 10.201.#.1/24 dev v#",
         "address add 10.201.#.1/24 dev w@", "address del 10.201.#.1/24 dev v#",
-        "address del 10.201.#.1/24 dev v@", "address add 2001:db8:f$::1/64 dev v# nodad",
-        "address add 2001:db8:f$::1/64 dev w#", "address del 2001:db8:f$::1/64 dev v#",
+        "address del 10.201.#.1/24 dev v@", "address add 2001:db8:f#::1/64 dev v@ nodad",
+        "address add 2001:db8:f#::1/64 dev w@", "address del 2001:db8:f#::1/64 dev v@",
         "neigh replace 10.200.#.1$ lladdr 02:00:00:00:01:$@ dev v# nud permanent",
         "neigh replace 2001:db8::$ lladdr 02:00:00:00:01:$@ dev w# nud permanent",
         // A batch ends where there is none to delete.
@@ -76,6 +76,7 @@ class Storm {
         "% via 10.200.@.1@", "% via 10.200.@.1@", "% via 10.200.#.1@ src 10.201.#.1",
         "% nexthop via 10.200.@.1@ nexthop via 10.200.@.1@", "blackhole %"};
     static inline const Texts ways6 = {"% via 2001:db8:@::@",
+                                       "% via 2001:db8:@::@ src 2001:db8:f#::1",
                                        "% nexthop via 2001:db8:@::@ nexthop via 2001:db8:@::@"};
     static inline const Texts ways6WithoutGateway = {"% dev v@", "blackhole %"};
 
