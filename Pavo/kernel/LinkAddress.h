@@ -36,6 +36,7 @@ struct LinkAddressKey {
     PAVO_EXPORT Mox::String stringValue() const;
 
     friend auto operator<=>(const LinkAddressKey&, const LinkAddressKey&) = default;
+    /// Writes `stringValue`.
     friend std::ostream& operator<<(std::ostream& out, const LinkAddressKey& key) {
         return out << key.stringValue();
     }

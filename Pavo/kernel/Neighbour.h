@@ -59,6 +59,7 @@ struct NeighbourKey {
     PAVO_EXPORT Mox::String stringValue() const;
 
     friend auto operator<=>(const NeighbourKey&, const NeighbourKey&) = default;
+    /// Writes `stringValue`.
     friend std::ostream& operator<<(std::ostream& out, const NeighbourKey& key) {
         return out << key.stringValue();
     }

@@ -34,8 +34,8 @@ Mox::Ptr<Mox::FileDescriptor> socketIn(const NamespaceName& netNs, int protocol)
     const int fd = socketAt(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK, protocol, netNs.value().c_str());
     if (fd < 0) {
         const int error = errno;
-        const Mox::String& name = (netNs ? netNs : NamespaceName::defaultNamespace()).value();
-        throw Mox::ErrnoException(error, Mox::String("socketAt(") + name.view() + ")");
+        const NamespaceName named = netNs ? netNs : NamespaceName::defaultNamespace();
+        throw Mox::ErrnoException(error, "socketAt(" + named.value() + ")");
     }
     return Mox::fileDescriptorFactory(fd);
 }

@@ -42,6 +42,7 @@ struct NetlinkAnswer {
     PAVO_EXPORT Mox::String stringValue() const;
 
     friend bool operator==(const NetlinkAnswer&, const NetlinkAnswer&) = default;
+    /// Writes `stringValue`.
     friend std::ostream& operator<<(std::ostream& out, const NetlinkAnswer& answer) {
         return out << answer.stringValue();
     }

@@ -33,6 +33,7 @@ struct RouteKey {
     PAVO_EXPORT Mox::String stringValue() const;
 
     friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
+    /// Writes `stringValue`.
     friend std::ostream& operator<<(std::ostream& out, const RouteKey& key) {
         return out << key.stringValue();
     }
@@ -63,6 +64,7 @@ struct Route {
     PAVO_EXPORT Mox::String stringValue() const;
 
     friend bool operator==(const Route&, const Route&) = default;
+    /// Writes `stringValue`.
     friend std::ostream& operator<<(std::ostream& out, const Route& route) {
         return out << route.stringValue();
     }
