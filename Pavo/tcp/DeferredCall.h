@@ -20,6 +20,7 @@ class DeferredCall {
     /// Without a loop, as in tests, nothing is deferred.
     void request();
     void cancel();
+    bool isPending() const { return !pending_.expired(); }
 
   private:
     std::function<void()> call_;

@@ -12,13 +12,13 @@
 
 namespace Pavo {
 
-/// A packet with room for so many bytes, on a buffer of a size that is used again if that is large
-/// enough.
+/// A packet with tail room for so many bytes, on a buffer of a size that is used again if that is
+/// large enough.
 inline Mox::Ptr<Pkt> newPktFor(uint32_t bytes) {
     const uint32_t size = bytes <= Pkt::Manager::defaultBufferSize
                               ? Pkt::Manager::defaultBufferSize
                               : std::max(bytes, Pkt::largeBufferSize);
-    return globalPktManager()->newPkt(size);
+    return globalPktManager()->newPkt(size, /*tailRoom=*/bytes);
 }
 
 /// `text`, followed by the text of an `errno`.

@@ -89,6 +89,7 @@ class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
 using SocketIovec = iovec;
 
 class DeferredCall;
+struct TcpFraming;
 class TcpPduReader;
 class TcpPduWriter;
 
@@ -146,6 +147,7 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     static constexpr Mox::Attribute<TcpPduPam> readOnePktOnlyAttr{19, "readOnePktOnly"};
     static constexpr Mox::Attribute<TcpPduPam> rxErrorReasonAttr{20, "rxErrorReason"};
     static constexpr Mox::Attribute<TcpPduPam> txErrorReasonAttr{21, "txErrorReason"};
+    static constexpr Mox::Attribute<TcpPduPam> readAheadBytesAttr{22, "readAheadBytes"};
     static constexpr auto description() {
         return Mox::classRecord(
             "Pavo::TcpPduPam", Mox::attribute(enabledAttr, &TcpPduPam::enabled),
@@ -160,7 +162,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
             Mox::attribute(writableAttr, &TcpPduPam::writable),
             Mox::attribute(readOnePktOnlyAttr, &TcpPduPam::readOnePktOnly),
             Mox::attribute(rxErrorReasonAttr, &TcpPduPam::rxErrorReason),
-            Mox::attribute(txErrorReasonAttr, &TcpPduPam::txErrorReason));
+            Mox::attribute(txErrorReasonAttr, &TcpPduPam::txErrorReason),
+            Mox::attribute(readAheadBytesAttr, &TcpPduPam::readAheadBytes));
     }
 
     /// Disabled, on the stream, with a registration from `fdFactory`.
@@ -231,8 +234,21 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     void maxPduLengthIs(uint16_t bytes) { attributeIs(maxPduLength_, bytes, maxPduLengthAttr); }
     /// Reading stops by itself after the next PDU, with what follows left in the socket for the
     /// next owner of the stream. False resumes reading.
+    /// @throws Mox::RangeException "TcpPduPam::readOnePktOnly not allowed with read-ahead" for true
+    /// unless `readAheadBytes` and `rxBufferedBytes` are 0.
     bool readOnePktOnly() const { return readOnePktOnly_; }
     void readOnePktOnlyIs(bool only);
+
+    /// How many bytes one system call receives ahead of the PDU that is read; 0 by default, which
+    /// stands for exact reads. 65,536 suits most streams. Takes effect with the next system call:
+    /// bytes that wait in the buffer are received first, also after a change to 0.
+    /// @throws Mox::RangeException "TcpPduPam::readOnePktOnly not allowed with read-ahead" above 0
+    /// with `readOnePktOnly`.
+    uint32_t readAheadBytes() const;
+    void readAheadBytesIs(uint32_t bytes);
+    /// Bytes that were received ahead and wait; they are not in the packet that is received or
+    /// held.
+    uint32_t rxBufferedBytes() const;
 
     /// Whether a whole PDU is held.
     bool readable() const { return readable_; }
@@ -265,6 +281,11 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
   protected:
     ~TcpPduPam() override;
+
+    /// For the constructor of an endpoint that keeps the framing: instead of `getPduSize` the
+    /// endpoint asks it.
+    /// @pre it has no fault.
+    void framingIs(const TcpFraming* framing);
 
   private:
     struct WatchError;
@@ -302,7 +323,9 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     bool wantsWriteEvents() const;
     bool hasToRead() const;
     bool hasToServe() const;
+    bool isDrained() const;
     void serve();
+    void serveBuffered();
     bool readPdu();
     void afterTaking();
     void readFailed(Mox::String reason);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -19,19 +20,11 @@ using Result = TcpPduPamReadResult;
 
 Mox::TraceFacility facility("Pavo::TcpPduReader");
 
-// Returns as recv(2), or -1 with `errno` set, never EINTR.
-ssize_t receive(int fd, void* to, uint32_t bytes) {
-    ssize_t got = -1;
-    do {
-        got = recv(fd, to, bytes, MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
 }  // namespace
 
 Result TcpPduReader::read(bool onlyOne) {
-    Result result = Result::readMoreData;
+    isDrained_ = false;
+    Result result = readBuffered();
     while (result == Result::readMoreData) {
         result = readPart();
     }
@@ -47,12 +40,35 @@ Result TcpPduReader::read(bool onlyOne) {
     return result;
 }
 
+// Reads a PDU that is whole in the buffer, which is most of them, in one step.
+Result TcpPduReader::readBuffered() {
+    const auto bytes = ahead_.bytes();
+    if (pkt_ || framing_ == nullptr || bytes.size() < framing_->headerBytes) {
+        return Result::readMoreData;
+    }
+    uint32_t size = 0;
+    if (!framedSize(bytes.data(), static_cast<uint32_t>(bytes.size()), &size)) {
+        return Result::error;
+    }
+    if (size > bytes.size()) {
+        return Result::readMoreData;
+    }
+    pkt_ = newPkt(size);
+    if (!pkt_) {
+        return Result::error;
+    }
+    ahead_.take(pkt_->newSharedTailData(size), size);
+    return Result::fullPduRead;
+}
+
 Result TcpPduReader::readPart() {
     if (!pkt_ && !begin()) {
         return Result::error;
     }
-    uint8_t* room = pkt_->newSharedTailData(remaining_);
-    const ssize_t ret = receive(framing_->fileDescriptor()->descriptor(), room, remaining_);
+    if (isDrained_ && ahead_.isEmpty()) {
+        return Result::waitForMoreData;
+    }
+    const ssize_t ret = receive(pkt_->newSharedTailData(remaining_));
     const auto got = static_cast<uint16_t>(std::max<ssize_t>(ret, 0));
     remaining_ = static_cast<uint16_t>(remaining_ - got);
     if (got != 0) {
@@ -77,40 +93,107 @@ Result TcpPduReader::readPart() {
     return Result::error;
 }
 
-// A new packet, for a new PDU; false on failure.
-bool TcpPduReader::begin() {
-    const uint16_t bytes = framing_->maxPduLength();
+// Up to `remaining_` bytes, as recv(2).
+ssize_t TcpPduReader::receive(uint8_t* to) {
+    if (const uint32_t taken = ahead_.take(to, remaining_)) {
+        return static_cast<ssize_t>(taken);
+    }
+    const int fd = pam_->fileDescriptor()->descriptor();
+    const ssize_t got = ahead_.receive(fd, to, remaining_, aheadBytes_);
+    // Edge-triggered, the end of the stream may have come with the bytes, and is not reported
+    // again.
+    isDrained_ = got > 0 && aheadBytes_ != 0 && pam_->levelTriggered() &&
+                 static_cast<uint64_t>(got) < uint64_t{remaining_} + aheadBytes_;
+    mayHaveMore_ = mayHaveMore_ && !isDrained_;
+    return std::min<ssize_t>(got, remaining_);
+}
+
+// With `bytes` bytes of tail room; null on failure.
+Mox::Ptr<Pkt> TcpPduReader::newPkt(uint32_t bytes) {
     Mox::Ptr<Pkt> pkt;
     try {
         pkt = newPktFor(bytes);
     } catch (const std::bad_alloc&) {
-        return failedWith("Failed to allocate packet");
+        (void)failedWith("Failed to allocate packet");
+        return nullptr;
     }
     if (!pkt) {
-        return failedWith("Failed to obtain new packet object");
+        (void)failedWith("Failed to obtain new packet object");
+        return nullptr;
     }
     Mox::require(pkt->maxSharedData() >= bytes, "pkt->maxSharedData() >= maxPduLength()");
-    // A new buffer is all head room: makes tail room of it.
-    pkt->sharedBuffer()->newHeadData(bytes);
-    pkt->sharedBuffer()->delTailData(bytes);
-    pkt->updateSharedIovec();
+    return pkt;
+}
+
+// A new packet, for a new PDU; false on failure. That of a framing is small: it is replaced when
+// the length is known to need more.
+bool TcpPduReader::begin() {
+    Mox::Ptr<Pkt> pkt = newPkt(framing_ == nullptr ? pam_->maxPduLength() : framing_->headerBytes);
+    if (!pkt) {
+        return false;
+    }
     pkt_ = std::move(pkt);
     return measure();
 }
 
-// The part asked for is there: sets how much is to be asked for next. A length that leaves nothing
-// to ask for, before the PDU has begun or after more than the PDU was read, would never end.
+// The part asked for is there: sets how much is to be asked for next.
 bool TcpPduReader::measure() {
-    const uint32_t size = framing_->getPduSize();
     const uint32_t held = pkt_->iovec(1).bytes;
+    uint32_t size = held;
+    if (framing_ == nullptr) {
+        size = pam_->getPduSize();
+        if (!checkSize(size, held, pam_->maxPduLength())) {
+            return false;
+        }
+    } else if (held <= framing_->headerBytes && !framedSize(pkt_->iovec(1).data, held, &size)) {
+        return false;
+    }
     MOX_TRACE(facility, 9, "PDU size: ", size, " Remaining: ", int64_t{size} - held);
-    if (size > framing_->maxPduLength()) {
+    remaining_ = static_cast<uint16_t>(size - held);
+    return framing_ == nullptr || makeRoom(held, size);
+}
+
+// As `getPduSize` answers for a PDU that begins with the `held` bytes at `data`; false where it is
+// refused.
+bool TcpPduReader::framedSize(const uint8_t* data, uint32_t held, uint32_t* size) {
+    const uint32_t headerBytes = framing_->headerBytes;
+    const uint32_t longest = std::min<uint32_t>(framing_->max, pam_->maxPduLength());
+    *size = headerBytes;
+    if (held < headerBytes) {
+        return checkSize(headerBytes, held, longest);
+    }
+    if (framing_->check != nullptr) {
+        if (const char* refusal = framing_->check({data, headerBytes})) {
+            return failedWith(refusal);
+        }
+    }
+    const uint64_t bytes = framing_->messageBytes(data);
+    *size = static_cast<uint32_t>(bytes);
+    return checkSize(bytes, std::max(headerBytes, framing_->min), longest);
+}
+
+// A length that leaves nothing to ask for, before the PDU has begun or after more than the PDU was
+// read, would never end.
+bool TcpPduReader::checkSize(uint64_t size, uint32_t shortest, uint32_t longest) {
+    if (size > longest) {
         return failedWith("PDU length too big");
     }
-    if (size < held || size == 0) {
+    if (size < shortest || size == 0) {
         return failedWith("PDU length too small");
     }
-    remaining_ = static_cast<uint16_t>(size - held);
+    return true;
+}
+
+bool TcpPduReader::makeRoom(uint32_t held, uint32_t size) {
+    if (size - held <= pkt_->sharedBuffer()->tailRoom()) {
+        return true;
+    }
+    const Mox::Ptr<Pkt> larger = newPkt(size);
+    if (!larger) {
+        return false;
+    }
+    std::memcpy(larger->newSharedTailData(held), pkt_->iovec(1).data, held);
+    pkt_ = larger;
     return true;
 }
 
@@ -142,6 +225,7 @@ void TcpPduReader::goOnAfterLast() {
 
 void TcpPduReader::fail() {
     state_ = State::failed;
+    ahead_.clear();
     pkt_ = nullptr;
     remaining_ = 0;
 }

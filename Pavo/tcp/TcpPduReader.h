@@ -2,16 +2,24 @@
 /// The reading half of an endpoint on a TCP stream.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "Mox/Ptr.h"
 #include "Pavo/packet/Pkt.h"
+#include "Pavo/tcp/TcpFraming.h"
 #include "Pavo/tcp/TcpPduPam.h"
+#include "Pavo/tcp/TcpReadAhead.h"
 
 namespace Pavo {
 
 /// Puts PDUs together from the bytes of a stream, one at a time. It calls no observer and watches
-/// nothing: its owner, which also knows the framing, does.
+/// nothing: its owner does. The length of a PDU comes from a `TcpFraming` or else from the owner.
+///
+/// With read-ahead, bytes are received into a buffer too, and go from there to the packet of the
+/// next PDU. The socket is read only while the buffer is empty. Each PDU is copied to a packet of
+/// its own; the rest of one that the buffer only begins is received where it belongs.
 ///
 /// | state         | packet       | left by                                                 |
 /// | ------------- | ------------ | ------------------------------------------------------- |
@@ -25,16 +33,26 @@ class TcpPduReader {
   public:
     enum class State : uint8_t { betweenPdus, receiving, holding, holdingLast, stopped, failed };
 
-    explicit TcpPduReader(TcpPduPam* framing) : framing_(framing) {}
+    explicit TcpPduReader(TcpPduPam* pam) : pam_(pam) {}
+    /// Has to live as long as this object.
+    void framingIs(const TcpFraming* framing) { framing_ = framing; }
 
     State state() const { return state_; }
     bool isReceiving() const { return state_ == State::receiving; }
     bool holdsPdu() const { return state_ == State::holding || state_ == State::holdingLast; }
     /// Whether another PDU may be read, at once or after the one that is held.
     bool isOpen() const { return state_ <= State::holding; }
-    /// Whether the socket was not found empty since its last event.
-    bool mayHaveMore() const { return mayHaveMore_; }
+    /// Whether there are bytes in the buffer, or the socket was not found empty since its last
+    /// event.
+    bool mayHaveMore() const { return mayHaveMore_ || hasBuffered(); }
     void mayHaveMoreIs(bool mayHaveMore) { mayHaveMore_ = mayHaveMore; }
+
+    /// Bytes that the next buffer receives; 0, the default, stands for no buffer.
+    uint32_t aheadBytes() const { return aheadBytes_; }
+    void aheadBytesIs(uint32_t bytes) { aheadBytes_ = bytes; }
+    /// Bytes that wait in the buffer.
+    uint32_t bufferedBytes() const { return static_cast<uint32_t>(ahead_.bytes().size()); }
+    bool hasBuffered() const { return !ahead_.isEmpty(); }
 
     /// The packet being received or held, or null.
     const Mox::Ptr<Pkt>& pkt() const { return pkt_; }
@@ -56,15 +74,25 @@ class TcpPduReader {
     void fail();
 
   private:
+    TcpPduPamReadResult readBuffered();
     TcpPduPamReadResult readPart();
+    ssize_t receive(uint8_t* to);
+    Mox::Ptr<Pkt> newPkt(uint32_t bytes);
     bool begin();
     bool measure();
+    bool framedSize(const uint8_t* data, uint32_t held, uint32_t* size);
+    bool checkSize(uint64_t size, uint32_t shortest, uint32_t longest);
+    bool makeRoom(uint32_t held, uint32_t size);
     bool failedWith(const char* text, int error = 0);
 
-    TcpPduPam* framing_;
+    TcpPduPam* pam_;
+    const TcpFraming* framing_ = nullptr;
+    TcpReadAhead ahead_;
+    uint32_t aheadBytes_ = 0;
     Mox::Ptr<Pkt> pkt_;
     State state_ = State::betweenPdus;
     bool mayHaveMore_ = false;
+    bool isDrained_ = false;  // By this read: another system call would say EAGAIN.
     uint16_t remaining_ = 0;
     const char* failureText_ = "";
     int failureErrno_ = 0;  // Part of the text, unless 0.

@@ -1,0 +1,44 @@
+/// @file
+/// The bytes of a stream that were received before they were asked for.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+
+namespace Pavo {
+
+/// A buffer behind the part of a message that is being received: one recvmsg(2) fills that part,
+/// then the buffer. Memory is held only while there are bytes in it; the thread keeps one spare
+/// buffer, so that streams which are read one after the other all use the same memory.
+class TcpReadAhead {
+  public:
+    TcpReadAhead() = default;
+    TcpReadAhead(const TcpReadAhead&) = delete;
+    TcpReadAhead& operator=(const TcpReadAhead&) = delete;
+    ~TcpReadAhead() { clear(); }
+
+    /// The bytes that are there, in order.
+    std::span<const uint8_t> bytes() const { return {memory_ + begin_, end_ - begin_}; }
+    bool isEmpty() const { return begin_ == end_; }
+    /// Moves the first bytes to `to`, at most `bytes`, and returns how many.
+    uint32_t take(uint8_t* to, uint32_t bytes);
+    /// Receives up to `bytes` bytes at `to` and then up to `aheadBytes` into the buffer; 0 receives
+    /// none, and so does a lack of memory. Returns as recv(2) the number of all bytes, or -1 with
+    /// `errno` set, never EINTR.
+    /// @pre `isEmpty()`.
+    ssize_t receive(int fd, uint8_t* to, uint32_t bytes, uint32_t aheadBytes);
+    /// Drops the bytes.
+    void clear();
+
+  private:
+    bool allocate(uint32_t size);
+
+    uint8_t* memory_ = nullptr;
+    uint32_t size_ = 0;
+    uint32_t begin_ = 0;
+    uint32_t end_ = 0;
+};
+
+}  // namespace Pavo
