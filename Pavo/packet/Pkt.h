@@ -410,6 +410,9 @@ class PAVO_EXPORT Pkt::Manager : public Mox::Described<Pkt::Manager> {
     /// The same, with `tailRoom` bytes of the buffer reserved for appending: the head room is the
     /// rest. Fatal where that is more than the buffer: "ptrWithinRegion( data_, buffer_, size_ )".
     Mox::Ptr<Pkt> newPkt(uint32_t bufferSize, uint32_t tailRoom);
+    /// A packet with a copy of the bytes, which end where its buffer ends. That has the default
+    /// size, else `largeBufferSize`, else the number of bytes, the first of these that is enough.
+    Mox::Ptr<Pkt> newPktWith(std::span<const uint8_t> bytes);
     /// A fresh buffer, without data, of `size` or of the default size.
     /// @{
     Mox::Ptr<SharedBuffer> newSharedBuffer() { return newSharedBuffer(defaultBufferSize); }

@@ -1,5 +1,7 @@
 #include "Pavo/packet/PktPool.h"
 
+#include <algorithm>
+#include <cstring>
 #include <new>
 
 namespace Pavo {
@@ -126,6 +128,19 @@ Mox::Ptr<Pkt> Pkt::Manager::newPkt(uint32_t bufferSize) {
         return {recycled, Mox::AdoptReference()};
     }
     return newlyAllocatedPkt(bufferSize);
+}
+
+Mox::Ptr<Pkt> Pkt::Manager::newPktWith(std::span<const uint8_t> bytes) {
+    const auto count = static_cast<uint32_t>(bytes.size());
+    Mox::require(count == bytes.size(), "count == bytes.size()");
+    Mox::Ptr<Pkt> pkt =
+        newPkt(count <= defaultBufferSize ? defaultBufferSize : std::max(count, largeBufferSize));
+    if (count != 0) {
+        uint8_t* const data = pkt->iovecs_[1].data - count;  // The buffer is all head room.
+        pkt->sharedDataIs(data, count, /*movesBuffersRange=*/true);
+        std::memcpy(data, bytes.data(), count);
+    }
+    return pkt;
 }
 
 void Pkt::zeroReferencesIs(bool zero) {
