@@ -1,9 +1,6 @@
 #include "Pavo/tcp/TcpFraming.h"
 
-#include <algorithm>
 #include <limits>
-
-#include "Pavo/base/NetOrder.h"
 
 namespace Pavo {
 

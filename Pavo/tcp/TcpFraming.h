@@ -6,6 +6,7 @@
 #include <span>
 
 #include "Pavo/base/Export.h"
+#include "Pavo/base/NetOrder.h"
 
 namespace Pavo {
 
@@ -36,9 +37,14 @@ struct TcpFraming {
     /// The length of the message that begins with `header`, header included, however large.
     /// @pre `header` has `headerBytes` bytes, and there is no `fault`.
     uint64_t messageBytes(const uint8_t* header) const {
+        const uint8_t* from = header + lengthAt;
         uint64_t length = 0;
-        for (const uint8_t byte : std::span(header + lengthAt, lengthBytes)) {
-            length = length << 8 | byte;
+        if (lengthBytes == 2) {  // The most frequent.
+            length = loadNet<uint16_t>(from);
+        } else {
+            for (const uint8_t byte : std::span(from, lengthBytes)) {
+                length = length << 8 | byte;
+            }
         }
         return length + (lengthIncludesHeader ? 0 : headerBytes);
     }

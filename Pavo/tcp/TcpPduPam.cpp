@@ -38,7 +38,7 @@ TcpPduPam::TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
       writer_(std::make_unique<TcpPduWriter>()),
       deferredServing_(std::make_unique<DeferredCall>([this] {
           const Mox::Ptr<TcpPduPam> hold(this);
-          serve();
+          serveDeferred();
       })) {}
 
 TcpPduPam::~TcpPduPam() = default;
@@ -86,8 +86,10 @@ bool TcpPduPam::isWriting() const {
 
 // While a PDU is held, a level-triggered descriptor would be reported again and again, and an
 // edge-triggered one needs no new interest: a failure of that would meet a PDU that is not taken.
+// With read-ahead most PDUs are taken at once, and the interest waits for that.
 bool TcpPduPam::wantsReadEvents() const {
-    return isReading() && (!reader_->holdsPdu() || (!levelTriggered() && fd()->notifyOnReadable()));
+    const bool stays = !levelTriggered() || (serving_ && reader_->aheadBytes() != 0);
+    return isReading() && (!reader_->holdsPdu() || (stays && fd()->notifyOnReadable()));
 }
 
 bool TcpPduPam::wantsWriteEvents() const {
@@ -183,6 +185,11 @@ TcpPduPam::WatchError TcpPduPam::watch() try {
     // A registration leaves level-triggered interest to the next report, unless it is disabled. The
     // next owner of the stream must not meet it.
     const bool endsReading = fd()->notifyOnReadable() && !reader_->isOpen() && levelTriggered();
+    if (!endsReading && fd()->enabled() == enabled() &&
+        fd()->notifyOnReadable() == wantsReadEvents() &&
+        fd()->notifyOnWritable() == wantsWriteEvents()) {
+        return {};  // As after most messages.
+    }
     int error = fdFlagIs(&R::enabled, &R::enabledIs, enabled() && !endsReading);
     if (error == 0) {
         error = fdFlagIs(&R::notifyOnReadable, &R::notifyOnReadableIs, wantsReadEvents());

@@ -111,6 +111,14 @@ class TcpPduWriter;
 ///   partial PDU is dropped, `rxErrorReason` has the cause, and `rxErrors` counts it. Writing goes
 ///   on.
 ///
+/// With `readAheadBytes` one system call also fills a buffer, from which the next PDUs are copied:
+/// each is an object of its own. The states are as above, and bytes in the buffer belong to none of
+/// them. They raise no event: what is not taken in one turn is served in the next one, and when
+/// reading is on again after it was off. Like the PDUs before it, an error is met in its place: the
+/// socket is read only while the buffer is empty. With a level-triggered descriptor a system call
+/// that found less than there was room for is the last one of its turn. Memory for the buffer is
+/// held while there are bytes in it; a failed reader drops them, and so does a dropped endpoint.
+///
 /// `rxPkt` reads the socket itself when no PDU is held, so an agent may take PDUs until it gets
 /// null. It increments no count: the count of a read error, and a change of mode that follows from
 /// the read, are published in the next turn.
@@ -239,9 +247,9 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     bool readOnePktOnly() const { return readOnePktOnly_; }
     void readOnePktOnlyIs(bool only);
 
-    /// How many bytes one system call receives ahead of the PDU that is read; 0 by default, which
-    /// stands for exact reads. 65,536 suits most streams. Takes effect with the next system call:
-    /// bytes that wait in the buffer are received first, also after a change to 0.
+    /// How many bytes one system call receives ahead of the part that is needed; 0 by default,
+    /// which stands for exact reads. 65,536 suits most streams. Without memory for the buffer the
+    /// reads are exact. A change takes effect when the buffer is empty: its bytes are served first.
     /// @throws Mox::RangeException "TcpPduPam::readOnePktOnly not allowed with read-ahead" above 0
     /// with `readOnePktOnly`.
     uint32_t readAheadBytes() const;
@@ -324,7 +332,9 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     bool hasToRead() const;
     bool hasToServe() const;
     bool isDrained() const;
-    void serve();
+    bool serve();
+    void serveDeferred();
+    bool readPdus();
     void serveBuffered();
     bool readPdu();
     void afterTaking();

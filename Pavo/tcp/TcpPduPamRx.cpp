@@ -72,28 +72,44 @@ void TcpPduPam::handleSocketReadable() {
 }
 
 // Publishes what a call could not, and reads. An observer that takes the PDU makes room for the
-// next one.
-void TcpPduPam::serve() {
+// next one. True when there was one.
+bool TcpPduPam::serve() {
     settle();
     publish();
     if (serving_) {
-        return;  // The call that is serving reads on.
+        return false;  // The call that is serving reads on.
     }
+    const bool hasRead = readPdus();
+    settle();  // A PDU that was not taken ends the interest.
+    publish();
+    if (hasToServe()) {
+        deferredServing_->request();
+    }
+    return hasRead;
+}
+
+// An event of the same turn finds this pending again, and leaves the socket to the next turn.
+void TcpPduPam::serveDeferred() {
+    if (serve()) {
+        deferredServing_->request();
+    }
+}
+
+bool TcpPduPam::readPdus() {
     struct Serving {
         explicit Serving(bool* itsFlag) : flag(itsFlag) { *flag = true; }
         ~Serving() { *flag = false; }
         bool* const flag;
     } const serving(&serving_);
-    for (uint32_t left = pdusPerTurn; left > 0 && hasToRead(); --left) {
+    uint32_t left = pdusPerTurn;
+    for (; left > 0 && hasToRead(); --left) {
         if (readPdu()) {
             mark(readableCounted);
         }
         settle();
         publish();
     }
-    if (hasToServe()) {
-        deferredServing_->request();
-    }
+    return left != pdusPerTurn;
 }
 
 bool TcpPduPam::hasToRead() const {
@@ -105,7 +121,7 @@ bool TcpPduPam::hasToServe() const {
     return changes_ != 0 || ((!levelTriggered() || reader_->hasBuffered()) && hasToRead());
 }
 
-// When reading has been enabled.
+// Bytes in the buffer raise no event.
 void TcpPduPam::serveBuffered() {
     if (reader_->hasBuffered() && hasToRead() && !serving_) {
         deferredServing_->request();
@@ -132,6 +148,16 @@ void TcpPduPam::readFailed(Mox::String reason) {
 }
 
 void TcpPduPam::doGetRxPkt() {
+    if (reader_->hasBuffered() && (enableMode_ & tcpEnableModeReadOnly) != 0 && !taken_ &&
+        pendingMode_ != tcpEnableModeWriteOnly) {
+        if (Mox::Ptr<Pkt> pkt = reader_->takeBuffered()) {
+            rxPktIs(std::move(pkt));  // No state has changed, so that nothing follows.
+            if (!serving_) {
+                serveBuffered();
+            }
+            return;
+        }
+    }
     if (taken_ && readable_) {
         mark(readableCounted);  // Of a later PDU: its report is answered by the one that was kept.
         deferredServing_->request();

@@ -24,7 +24,8 @@ Mox::TraceFacility facility("Pavo::TcpPduReader");
 
 Result TcpPduReader::read(bool onlyOne) {
     isDrained_ = false;
-    Result result = readBuffered();
+    const bool isAhead = framing_ != nullptr && isBetweenPdus() && (hasBuffered() || aheadBytes_);
+    Result result = isAhead ? readAhead() : Result::readMoreData;
     while (result == Result::readMoreData) {
         result = readPart();
     }
@@ -40,35 +41,52 @@ Result TcpPduReader::read(bool onlyOne) {
     return result;
 }
 
-// Reads a PDU that is whole in the buffer, which is most of them, in one step.
-Result TcpPduReader::readBuffered() {
+// Begins with the buffer: most PDUs are whole there.
+Result TcpPduReader::readAhead() {
+    if (!hasBuffered()) {
+        if (!ahead_.reserve(aheadBytes_)) {
+            return Result::readMoreData;
+        }
+        if (const ssize_t ret = receive(nullptr, 0); !hasBuffered()) {
+            return nothingReceived(ret, errno);
+        }
+    }
+    pkt_ = takeBuffered();
+    remaining_ = 0;
+    return pkt_ ? Result::fullPduRead : Result::readMoreData;
+}
+
+// Whatever is refused here, or needs memory that is not there, takes the long way.
+Mox::Ptr<Pkt> TcpPduReader::takeBuffered() {
     const auto bytes = ahead_.bytes();
-    if (pkt_ || framing_ == nullptr || bytes.size() < framing_->headerBytes) {
-        return Result::readMoreData;
+    if (framing_ == nullptr || bytes.size() < framing_->headerBytes || !isBetweenPdus()) {
+        return nullptr;
     }
-    uint32_t size = 0;
-    if (!framedSize(bytes.data(), static_cast<uint32_t>(bytes.size()), &size)) {
-        return Result::error;
+    const uint64_t size = framing_->messageBytes(bytes.data());
+    if (size > bytes.size() || size > longestFramed() || size < shortestFramed_ ||
+        (framing_->check != nullptr && refusalOf(bytes.data()) != nullptr)) {
+        return nullptr;
     }
-    if (size > bytes.size()) {
-        return Result::readMoreData;
+    try {
+        Mox::Ptr<Pkt> pkt =
+            globalPktManager()->newPktWith(bytes.first(static_cast<std::size_t>(size)));
+        ahead_.drop(static_cast<uint32_t>(size));
+        return pkt;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
     }
-    pkt_ = newPkt(size);
-    if (!pkt_) {
-        return Result::error;
-    }
-    ahead_.take(pkt_->newSharedTailData(size), size);
-    return Result::fullPduRead;
 }
 
 Result TcpPduReader::readPart() {
     if (!pkt_ && !begin()) {
         return Result::error;
     }
-    if (isDrained_ && ahead_.isEmpty()) {
+    if (isDrained_ && !hasBuffered()) {
         return Result::waitForMoreData;
     }
-    const ssize_t ret = receive(pkt_->newSharedTailData(remaining_));
+    uint8_t* room = pkt_->newSharedTailData(remaining_);
+    const ssize_t ret = receive(room, remaining_);
+    const int error = errno;
     const auto got = static_cast<uint16_t>(std::max<ssize_t>(ret, 0));
     remaining_ = static_cast<uint16_t>(remaining_ - got);
     if (got != 0) {
@@ -80,11 +98,12 @@ Result TcpPduReader::readPart() {
         }
         return remaining_ != 0 ? Result::readMoreData : Result::fullPduRead;
     }
-    const int error = errno;
     pkt_->delSharedTailData(remaining_);
-    if (got != 0) {
-        return Result::readMoreData;
-    }
+    return got != 0 ? Result::readMoreData : nothingReceived(ret, error);
+}
+
+// Why there are no bytes.
+Result TcpPduReader::nothingReceived(ssize_t ret, int error) {
     if (ret < 0 && error == EAGAIN) {
         return Result::waitForMoreData;
     }
@@ -93,19 +112,21 @@ Result TcpPduReader::readPart() {
     return Result::error;
 }
 
-// Up to `remaining_` bytes, as recv(2).
-ssize_t TcpPduReader::receive(uint8_t* to) {
-    if (const uint32_t taken = ahead_.take(to, remaining_)) {
+// As recv(2), up to `bytes` bytes; what comes after them, and all with 0, goes to the buffer.
+ssize_t TcpPduReader::receive(uint8_t* to, uint32_t bytes) {
+    if (const uint32_t taken = ahead_.take(to, bytes)) {
         return static_cast<ssize_t>(taken);
     }
-    const int fd = pam_->fileDescriptor()->descriptor();
-    const ssize_t got = ahead_.receive(fd, to, remaining_, aheadBytes_);
-    // Edge-triggered, the end of the stream may have come with the bytes, and is not reported
-    // again.
-    isDrained_ = got > 0 && aheadBytes_ != 0 && pam_->levelTriggered() &&
-                 static_cast<uint64_t>(got) < uint64_t{remaining_} + aheadBytes_;
+    if (aheadBytes_ != 0) {
+        (void)ahead_.reserve(aheadBytes_);  // Without memory these bytes alone are read.
+    }
+    const uint64_t wanted = uint64_t{bytes} + ahead_.reserved();
+    const ssize_t got = ahead_.receive(pam_->fileDescriptor()->descriptor(), to, bytes);
+    // Edge-triggered, the end of the stream may have come with the bytes: it is not reported again.
+    isDrained_ = aheadBytes_ != 0 && got > 0 && static_cast<uint64_t>(got) < wanted &&
+                 pam_->levelTriggered();
     mayHaveMore_ = mayHaveMore_ && !isDrained_;
-    return std::min<ssize_t>(got, remaining_);
+    return std::min<ssize_t>(got, bytes);
 }
 
 // With `bytes` bytes of tail room; null on failure.
@@ -128,7 +149,11 @@ Mox::Ptr<Pkt> TcpPduReader::newPkt(uint32_t bytes) {
 // A new packet, for a new PDU; false on failure. That of a framing is small: it is replaced when
 // the length is known to need more.
 bool TcpPduReader::begin() {
-    Mox::Ptr<Pkt> pkt = newPkt(framing_ == nullptr ? pam_->maxPduLength() : framing_->headerBytes);
+    uint32_t bytes = pam_->maxPduLength();
+    if (framing_ != nullptr) {
+        bytes = std::max<uint32_t>(framing_->headerBytes, Pkt::Manager::defaultBufferSize);
+    }
+    Mox::Ptr<Pkt> pkt = newPkt(bytes);
     if (!pkt) {
         return false;
     }
@@ -139,13 +164,18 @@ bool TcpPduReader::begin() {
 // The part asked for is there: sets how much is to be asked for next.
 bool TcpPduReader::measure() {
     const uint32_t held = pkt_->iovec(1).bytes;
-    uint32_t size = held;
+    uint32_t size = held;  // That of a framed PDU whose length was known before.
     if (framing_ == nullptr) {
         size = pam_->getPduSize();
         if (!checkSize(size, held, pam_->maxPduLength())) {
             return false;
         }
-    } else if (held <= framing_->headerBytes && !framedSize(pkt_->iovec(1).data, held, &size)) {
+    } else if (held == 0) {
+        size = framing_->headerBytes;
+        if (!checkSize(size, held, longestFramed())) {
+            return false;
+        }
+    } else if (held == framing_->headerBytes && !framedSize(pkt_->iovec(1).data, &size)) {
         return false;
     }
     MOX_TRACE(facility, 9, "PDU size: ", size, " Remaining: ", int64_t{size} - held);
@@ -153,23 +183,27 @@ bool TcpPduReader::measure() {
     return framing_ == nullptr || makeRoom(held, size);
 }
 
-// As `getPduSize` answers for a PDU that begins with the `held` bytes at `data`; false where it is
-// refused.
-bool TcpPduReader::framedSize(const uint8_t* data, uint32_t held, uint32_t* size) {
-    const uint32_t headerBytes = framing_->headerBytes;
-    const uint32_t longest = std::min<uint32_t>(framing_->max, pam_->maxPduLength());
-    *size = headerBytes;
-    if (held < headerBytes) {
-        return checkSize(headerBytes, held, longest);
+// False where the PDU that begins with the header is refused.
+bool TcpPduReader::framedSize(const uint8_t* header, uint32_t* size) {
+    if (const char* refusal = refusalOf(header)) {
+        return failedWith(refusal);
     }
-    if (framing_->check != nullptr) {
-        if (const char* refusal = framing_->check({data, headerBytes})) {
-            return failedWith(refusal);
-        }
-    }
-    const uint64_t bytes = framing_->messageBytes(data);
+    const uint64_t bytes = framing_->messageBytes(header);
     *size = static_cast<uint32_t>(bytes);
-    return checkSize(bytes, std::max(headerBytes, framing_->min), longest);
+    return checkSize(bytes, shortestFramed_, longestFramed());
+}
+
+const char* TcpPduReader::refusalOf(const uint8_t* header) const {
+    return framing_->check == nullptr ? nullptr : framing_->check({header, framing_->headerBytes});
+}
+
+void TcpPduReader::framingIs(const TcpFraming* framing) {
+    framing_ = framing;
+    shortestFramed_ = std::max<uint32_t>(framing->min, framing->headerBytes);
+}
+
+uint32_t TcpPduReader::longestFramed() const {
+    return std::min<uint32_t>(framing_->max, pam_->maxPduLength());
 }
 
 // A length that leaves nothing to ask for, before the PDU has begun or after more than the PDU was

@@ -35,9 +35,10 @@ class TcpPduReader {
 
     explicit TcpPduReader(TcpPduPam* pam) : pam_(pam) {}
     /// Has to live as long as this object.
-    void framingIs(const TcpFraming* framing) { framing_ = framing; }
+    void framingIs(const TcpFraming* framing);
 
     State state() const { return state_; }
+    bool isBetweenPdus() const { return state_ == State::betweenPdus; }
     bool isReceiving() const { return state_ == State::receiving; }
     bool holdsPdu() const { return state_ == State::holding || state_ == State::holdingLast; }
     /// Whether another PDU may be read, at once or after the one that is held.
@@ -64,6 +65,9 @@ class TcpPduReader {
     /// the last one.
     /// @pre the state is `betweenPdus` or `receiving`.
     TcpPduPamReadResult read(bool onlyOne);
+    /// The next PDU, if all of it is in the buffer and its framing is data; else null, and `read`
+    /// has to be called. Shorter than `read` and `take`, with the same result.
+    Mox::Ptr<Pkt> takeBuffered();
     /// The reason of the last read that ended with `error`.
     Mox::String failure() const;
     /// The PDU that is held, or null.
@@ -74,13 +78,16 @@ class TcpPduReader {
     void fail();
 
   private:
-    TcpPduPamReadResult readBuffered();
+    TcpPduPamReadResult readAhead();
     TcpPduPamReadResult readPart();
-    ssize_t receive(uint8_t* to);
+    ssize_t receive(uint8_t* to, uint32_t bytes);
+    TcpPduPamReadResult nothingReceived(ssize_t ret, int error);
     Mox::Ptr<Pkt> newPkt(uint32_t bytes);
     bool begin();
     bool measure();
-    bool framedSize(const uint8_t* data, uint32_t held, uint32_t* size);
+    bool framedSize(const uint8_t* header, uint32_t* size);
+    const char* refusalOf(const uint8_t* header) const;
+    uint32_t longestFramed() const;
     bool checkSize(uint64_t size, uint32_t shortest, uint32_t longest);
     bool makeRoom(uint32_t held, uint32_t size);
     bool failedWith(const char* text, int error = 0);
@@ -88,6 +95,7 @@ class TcpPduReader {
     TcpPduPam* pam_;
     const TcpFraming* framing_ = nullptr;
     TcpReadAhead ahead_;
+    uint32_t shortestFramed_ = 0;
     uint32_t aheadBytes_ = 0;
     Mox::Ptr<Pkt> pkt_;
     State state_ = State::betweenPdus;

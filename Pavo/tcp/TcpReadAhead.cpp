@@ -2,11 +2,11 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <utility>
+
+#include "Mox/Trace.h"
 
 namespace Pavo {
 
@@ -32,56 +32,51 @@ thread_local Closer closer;
 
 }  // namespace
 
-uint32_t TcpReadAhead::take(uint8_t* to, uint32_t bytes) {
-    const uint32_t taken = std::min(bytes, end_ - begin_);
-    if (taken != 0) {
-        std::memcpy(to, memory_ + begin_, taken);
-        begin_ += taken;
-        if (isEmpty()) {
-            clear();
-        }
+bool TcpReadAhead::reserve(uint32_t bytes) {
+    if (size_ != bytes) {
+        clear();
+        memory_ = spare.size == bytes ? std::exchange(spare.memory, nullptr)
+                                      : new (std::nothrow) uint8_t[bytes];
+        spare.size = spare.memory != nullptr ? spare.size : 0;
+        size_ = memory_ != nullptr ? bytes : 0;
     }
-    return taken;
+    return memory_ != nullptr;
 }
 
-ssize_t TcpReadAhead::receive(int fd, uint8_t* to, uint32_t bytes, uint32_t aheadBytes) {
-    const bool isAhead = aheadBytes != 0 && allocate(aheadBytes);
-    iovec pieces[2] = {{to, bytes}, {memory_, aheadBytes}};
+ssize_t TcpReadAhead::receive(int fd, uint8_t* to, uint32_t bytes) {
+    iovec pieces[] = {{to, bytes}, {memory_, size_}};
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = 2;
     ssize_t got = -1;
-    do {
-        got = isAhead ? recvmsg(fd, &message, MSG_DONTWAIT) : recv(fd, to, bytes, MSG_DONTWAIT);
+    do {  // Where one piece is enough, recv(2) is the faster call.
+        got = bytes == 0   ? recv(fd, memory_, size_, MSG_DONTWAIT)
+              : size_ == 0 ? recv(fd, to, bytes, MSG_DONTWAIT)
+                           : recvmsg(fd, &message, MSG_DONTWAIT);
     } while (got < 0 && errno == EINTR);
     if (got > static_cast<ssize_t>(bytes)) {
         end_ = static_cast<uint32_t>(got) - bytes;
-    } else if (isAhead) {
+    } else if (size_ != 0) {
         clear();
     }
     return got;
 }
 
-bool TcpReadAhead::allocate(uint32_t size) {
-    if (spare.size >= size) {
-        memory_ = std::exchange(spare.memory, nullptr);
-        size_ = std::exchange(spare.size, 0);
-    } else {
-        memory_ = new (std::nothrow) uint8_t[size];
-        size_ = size;
-    }
-    return memory_ != nullptr;
-}
-
 void TcpReadAhead::clear() {
     begin_ = end_ = 0;
-    closer.made();
-    if (spare.memory != nullptr || spare.isClosed) {
-        delete[] memory_;
-    } else {
-        spare = {memory_, memory_ != nullptr ? size_ : 0, false};
+    if (memory_ == nullptr) {
+        return;
     }
-    memory_ = nullptr;
+    const Mox::ErrnoKeeper keeper;
+    closer.made();
+    std::swap(memory_, spare.memory);  // The last one is the spare: its size is asked for again.
+    std::swap(size_, spare.size);
+    delete[] std::exchange(memory_, nullptr);
+    size_ = 0;
+    if (spare.isClosed) {
+        delete[] std::exchange(spare.memory, nullptr);
+        spare.size = 0;
+    }
 }
 
 }  // namespace Pavo

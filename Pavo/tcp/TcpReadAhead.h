@@ -4,7 +4,9 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace Pavo {
@@ -23,18 +25,35 @@ class TcpReadAhead {
     std::span<const uint8_t> bytes() const { return {memory_ + begin_, end_ - begin_}; }
     bool isEmpty() const { return begin_ == end_; }
     /// Moves the first bytes to `to`, at most `bytes`, and returns how many.
-    uint32_t take(uint8_t* to, uint32_t bytes);
-    /// Receives up to `bytes` bytes at `to` and then up to `aheadBytes` into the buffer; 0 receives
-    /// none, and so does a lack of memory. Returns as recv(2) the number of all bytes, or -1 with
-    /// `errno` set, never EINTR.
+    uint32_t take(uint8_t* to, uint32_t bytes) {
+        const uint32_t taken = std::min(bytes, end_ - begin_);
+        if (taken != 0) {
+            std::memcpy(to, memory_ + begin_, taken);
+            drop(taken);
+        }
+        return taken;
+    }
+    /// Drops the first `bytes` bytes.
+    /// @pre there are as many.
+    void drop(uint32_t bytes) {
+        begin_ += bytes;
+        if (isEmpty()) {
+            clear();
+        }
+    }
+    /// Makes room for `bytes` bytes, until the next `clear` or a `receive` that leaves nothing
+    /// here. False, with no room, where there is no memory.
     /// @pre `isEmpty()`.
-    ssize_t receive(int fd, uint8_t* to, uint32_t bytes, uint32_t aheadBytes);
-    /// Drops the bytes.
+    bool reserve(uint32_t bytes);
+    uint32_t reserved() const { return size_; }
+    /// Receives up to `bytes` bytes at `to` and then what there is room for here. Returns as
+    /// recv(2) the number of all bytes, or -1 with `errno` set, never EINTR.
+    /// @pre `isEmpty()`.
+    ssize_t receive(int fd, uint8_t* to, uint32_t bytes);
+    /// Drops all bytes, and gives back the room.
     void clear();
 
   private:
-    bool allocate(uint32_t size);
-
     uint8_t* memory_ = nullptr;
     uint32_t size_ = 0;
     uint32_t begin_ = 0;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Pavo/FramedTcpPduPam.h"
 #include "Pavo/TcpPduPam.h"
 #include "support/RandomProgram.h"
 #include "tcp/TcpMachines.h"
@@ -35,8 +36,8 @@ Ptr<Pkt> messageOf(uint32_t number, uint32_t bytes) {
 }
 struct StreamEnd {
     Ptr<TcpFileDescriptor> fd;  // Null after it was closed, as is the endpoint.
-    Ptr<SimpleTcpPduPam> pam;
-    Watch<SimpleTcpPduPam> watch;
+    Ptr<TcpPduPam> pam;
+    Watch<TcpPduPam> watch;
     std::set<uint32_t> unarrived;  // Messages by number.
     uint32_t lastArrived = 0;
 };
@@ -81,7 +82,8 @@ struct World : PavoTest::RandomProgram {
         Stream* stream = streams.emplace_back(std::make_unique<Stream>()).get();
         for (StreamEnd& end : stream->ends) {
             end.fd = &end == stream->ends ? near : far;
-            end.pam = simpleTcpPduPamFactory(end.fd, factory);
+            end.pam = oneIn(2) ? Ptr<TcpPduPam>(simpleTcpPduPamFactory(end.fd, factory))
+                               : framedTcpPduPamFactory(end.fd, factory, framing);
             const auto notified = [=, this, &end, pam = end.pam.ptr()](const Change& change) {
                 EXPECT_EQ(pam->readable(), pam->rxPktHolderShadow() && !pam->rxRemainingLength());
                 EXPECT_FALSE(pam->writable() && pam->txPktHolderShadow());
@@ -113,7 +115,7 @@ struct World : PavoTest::RandomProgram {
             client.sm->stopConnection();
         }
     }
-    static void modeIs(Ptr<SimpleTcpPduPam> pam, uint32_t mode) {
+    static void modeIs(Ptr<TcpPduPam> pam, uint32_t mode) {
         configure([&] { pam->enableModeIs(static_cast<TcpPduPamEnableMode>(mode)); });
     }
     void send(Stream& stream, StreamEnd& end, uint32_t bytes) {
@@ -223,6 +225,7 @@ struct World : PavoTest::RandomProgram {
     const Ptr<TcpFileDescriptorEventRegistrationFactory> factory =
         tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
     std::vector<std::unique_ptr<Stream>> streams;
+    static constexpr TcpFraming framing{.headerBytes = 20, .lengthAt = 2};
     static constexpr uint16_t noPort = 9;
     // Another one for each program: what is left of old connections in the kernel refuses new ones.
     const uint16_t port = static_cast<uint16_t>(1024 + below(30000));
@@ -250,7 +253,13 @@ std::vector<World::Actions> World::kinds() {
             {"send much", end([this](auto& s, auto& e) { send(s, e, 20 + below(9580)); })},
             {"enable", end([](auto&, auto& e) { modeIs(e.pam, tcpEnableModeReadWrite); })},
             {"mode", end([this](auto&, auto& e) { modeIs(e.pam, below(4)); })},
-            {"only one", end([this](auto&, auto& e) { e.pam->readOnePktOnlyIs(oneIn(2)); })},
+            {"only one", end([this](auto&, auto& e) {
+                 const bool may = e.pam->readAheadBytes() + e.pam->rxBufferedBytes() == 0;
+                 e.pam->readOnePktOnlyIs(may && oneIn(2));
+             })},
+            {"ahead", end([this](auto&, auto& e) {
+                 e.pam->readAheadBytesIs(e.pam->readOnePktOnly() || oneIn(4) ? 0 : 1 + below(9000));
+             })},
             {"longest",
              end([this](auto&, auto& e) { e.pam->maxPduLengthIs(oneIn(2) ? 5000 : 9600); })},
             {"close", end([](auto& s, auto& e) { spoil(s, e), e = {}; })},
