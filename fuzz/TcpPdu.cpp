@@ -1,6 +1,6 @@
 // A stream of messages that arrives in pieces, beside a plain loop over its bytes. However the
-// agent takes messages, it gets the same ones in order and then the same reason, and the endpoint
-// comes to rest.
+// agent takes messages, with read-ahead and without, it gets the same ones in order and then the
+// same reason, and the endpoint comes to rest.
 
 #include "Pavo/TcpPduPam.h"
 
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Mox/EventLoop.h"
+#include "Pavo/FramedTcpPduPam.h"
 #include "fuzz/Frames.h"
 
 namespace {
@@ -18,6 +19,15 @@ namespace {
 using namespace Pavo;
 
 constexpr uint32_t headerBytes = SimpleTcpPduPam::headerBytes;
+constexpr TcpFraming framing{.headerBytes = headerBytes, .lengthAt = 2};
+
+Mox::Ptr<TcpPduPam> pamOn(const Mox::Ptr<TcpFileDescriptor>& fd, bool isFramed) {
+    const auto factory = tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+    if (isFramed) {
+        return framedTcpPduPamFactory(fd, factory, framing);
+    }
+    return simpleTcpPduPamFactory(fd, factory);
+}
 
 struct Messages {
     std::vector<std::string> whole;
@@ -47,12 +57,12 @@ enum Taking { oneWhenNotified, allWhenNotified, oneATurn, takings };
 
 class Agent {
   public:
-    Agent(const Mox::Ptr<TcpFileDescriptor>& fd, Taking taking)
+    Agent(const Mox::Ptr<TcpPduPam>& pam, Taking taking)
         : taking_(taking),
-          pam_(simpleTcpPduPamFactory(fd, tcpFileDescriptorEventRegistrationFactoryMoxcFactory())),
+          pam_(pam),
           watch_(pam_, Pam::readableCountAttr, [this] { handleReadable(); }) {}
 
-    const Mox::Ptr<SimpleTcpPduPam>& pam() const { return pam_; }
+    const Mox::Ptr<TcpPduPam>& pam() const { return pam_; }
     const Messages& messages() const { return messages_; }
 
     // Makes turns until nothing happens any more.
@@ -82,8 +92,8 @@ class Agent {
 
     Taking taking_;
     Messages messages_;
-    Mox::Ptr<SimpleTcpPduPam> pam_;
-    Mox::Watch<SimpleTcpPduPam> watch_;
+    Mox::Ptr<TcpPduPam> pam_;
+    Mox::Watch<TcpPduPam> watch_;
 };
 
 }  // namespace
@@ -97,9 +107,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                  "socketpair");
     Mox::EventLoop loop;
     auto far = tcpFileDescriptorFactory(ends[1], false);
-    Agent agent(tcpFileDescriptorFactory(ends[0], (how & 1) != 0),
+    const uint8_t ahead = (how & 128) != 0 ? input.u8() : 0;
+    Agent agent(pamOn(tcpFileDescriptorFactory(ends[0], (how & 1) != 0), (ahead & 1) != 0),
                 static_cast<Taking>((how >> 2) % takings));
     agent.pam()->maxPduLengthIs(maxPduLength);
+    agent.pam()->readAheadBytesIs(ahead * 3);
     agent.pam()->enabledIs(true);
 
     std::string stream;
@@ -114,6 +126,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         }
         if (pieceBytes % 2 == 0) {
             agent.rest(&loop);
+        }
+        if (pieceBytes % 8 == 3) {  // Off and on again while bytes wait.
+            agent.pam()->readAheadBytesIs(agent.pam()->readAheadBytes() == 0 ? ahead * 3 : 0);
         }
     }
     const bool ended = (how & 64) != 0;
