@@ -105,8 +105,8 @@ uint32_t lengthOf(const uint8_t* header) {
 constexpr Pavo::TcpFraming framing{.headerBytes = headerBytes, .lengthAt = 2};
 
 template <class Pam>
-Mox::Ptr<Pam> pamOn(int fd) {
-    const auto stream = Pavo::tcpFileDescriptorFactory(fd, std::getenv("LEVEL") == nullptr);
+Mox::Ptr<Pam> pamOn(int fd, bool edge) {
+    const auto stream = Pavo::tcpFileDescriptorFactory(fd, edge);
     const auto factory = Pavo::tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
     if constexpr (std::is_same_v<Pam, Pavo::SimpleTcpPduPam>) {
         return Pavo::simpleTcpPduPamFactory(stream, factory);
@@ -115,11 +115,11 @@ Mox::Ptr<Pam> pamOn(int fd) {
     }
 }
 
-template <class Pam, uint32_t readAheadBytes>
+template <class Pam, uint32_t readAheadBytes, bool edge>
 class PavoReader {
   public:
     explicit PavoReader(int fd)
-        : pam_(pamOn<Pam>(fd)), watch_(pam_, Pavo::Pam::readableCountAttr, [this] {
+        : pam_(pamOn<Pam>(fd, edge)), watch_(pam_, Pavo::Pam::readableCountAttr, [this] {
               while (const auto pkt = pam_->rxPkt()) {
                   use(pkt->frontData(), pkt);
                   ++received_;
@@ -405,11 +405,14 @@ void bursts(benchmark::State& state, uint32_t bodyBytes) {
             const std::string name = line + std::to_string(bodyBytes) + "/" + who;
             benchmark::RegisterBenchmark(name.c_str(), function, bodyBytes)->UseManualTime();
         };
-        add("PduRead", "pavo", bursts<PavoReader<Pavo::SimpleTcpPduPam, 0>>);
+        add("PduRead", "pavo", bursts<PavoReader<Pavo::SimpleTcpPduPam, 0, true>>);
         add("PduRead", "epoll", bursts<ExactEpollReader>);
         add("PduRead", "asio", bursts<ExactAsioReader>);
-        add("PduReadAhead", "pavo", bursts<PavoReader<Pavo::FramedTcpPduPam, readAhead>>);
-        add("PduReadAhead", "pavo-class", bursts<PavoReader<Pavo::SimpleTcpPduPam, readAhead>>);
+        add("PduReadAhead", "pavo", bursts<PavoReader<Pavo::FramedTcpPduPam, readAhead, false>>);
+        add("PduReadAhead", "pavo-edge",
+            bursts<PavoReader<Pavo::FramedTcpPduPam, readAhead, true>>);
+        add("PduReadAhead", "pavo-class",
+            bursts<PavoReader<Pavo::SimpleTcpPduPam, readAhead, false>>);
         add("PduReadAhead", "epoll", bursts<BufferedEpollReader>);
         add("PduReadAhead", "asio", bursts<BufferedAsioReader>);
         add("PduReadAhead", "libevent", bursts<LibeventReader>);
