@@ -19,7 +19,10 @@ namespace Pavo {
 ///
 /// With read-ahead, bytes are received into a buffer too, and go from there to the packet of the
 /// next PDU. The socket is read only while the buffer is empty. Each PDU is copied to a packet of
-/// its own; the rest of one that the buffer only begins is received where it belongs.
+/// its own; the rest of one that the buffer only begins is received where it belongs. Packets that
+/// share the buffer instead would save 4 % of the time of a read at 1,400 bytes and 13 % at 9,000,
+/// and cost more at 100; each that is kept would hold the whole buffer, and what an agent prepends
+/// would overwrite the PDU before.
 ///
 /// | state         | packet       | left by                                                 |
 /// | ------------- | ------------ | ------------------------------------------------------- |

@@ -409,10 +409,9 @@ void bursts(benchmark::State& state, uint32_t bodyBytes) {
         add("PduRead", "epoll", bursts<ExactEpollReader>);
         add("PduRead", "asio", bursts<ExactAsioReader>);
         add("PduReadAhead", "pavo", bursts<PavoReader<Pavo::FramedTcpPduPam, readAhead, false>>);
-        add("PduReadAhead", "pavo-edge",
-            bursts<PavoReader<Pavo::FramedTcpPduPam, readAhead, true>>);
-        add("PduReadAhead", "pavo-class",
+        add("PduReadAhead", "get_pdu_size",
             bursts<PavoReader<Pavo::SimpleTcpPduPam, readAhead, false>>);
+        add("PduReadAhead", "exact_reads", bursts<PavoReader<Pavo::SimpleTcpPduPam, 0, true>>);
         add("PduReadAhead", "epoll", bursts<BufferedEpollReader>);
         add("PduReadAhead", "asio", bursts<BufferedAsioReader>);
         add("PduReadAhead", "libevent", bursts<LibeventReader>);
