@@ -1,7 +1,9 @@
 #include "Pavo/tcp/TcpPduPam.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -39,13 +41,20 @@ TcpPduPam::TcpPduPam(Mox::Ptr<TcpFileDescriptor> fileDescriptor,
       deferredServing_(std::make_unique<DeferredCall>([this] {
           const Mox::Ptr<TcpPduPam> hold(this);
           serveDeferred();
-      })) {}
+      })) {
+    batchSenderIs(sendBatch);
+}
 
 TcpPduPam::~TcpPduPam() = default;
 
 void TcpPduPam::zeroReferencesIs(bool zero) {
     if (zero) {
         deferredServing_->cancel();
+        deferredSending_.reset();
+        closeLimit_.reset();
+        if (isWriting() && !writer_->isWaiting()) {
+            (void)writer_->flush(fileDescriptor()->descriptor());  // As if it were not deferred.
+        }
     }
     TcpPduPamBase::zeroReferencesIs(zero);
 }
@@ -67,7 +76,11 @@ const SocketIovec* TcpPduPam::txIovHolderShadow() const {
 }
 
 uint16_t TcpPduPam::txRemainingLength() const {
-    return writer_->remaining();
+    return static_cast<uint16_t>(std::min<uint32_t>(writer_->kept(), UINT16_MAX));
+}
+
+uint32_t TcpPduPam::txQueuedBytes() const {
+    return writer_->kept();
 }
 
 uint16_t TcpPduPam::writeLength() const {
@@ -77,6 +90,7 @@ uint16_t TcpPduPam::writeLength() const {
 // With a mode pending for the end of a PDU no other is begun.
 bool TcpPduPam::isReading() const {
     return (enableMode_ & tcpEnableModeReadOnly) != 0 && reader_->isOpen() &&
+           closing_ != Closing::draining &&
            (pendingMode_ != tcpEnableModeWriteOnly || reader_->isReceiving());
 }
 
@@ -89,7 +103,8 @@ bool TcpPduPam::isWriting() const {
 // With read-ahead most PDUs are taken at once, and the interest waits for that.
 bool TcpPduPam::wantsReadEvents() const {
     const bool stays = !levelTriggered() || (serving_ && reader_->aheadBytes() != 0);
-    return isReading() && (!reader_->holdsPdu() || (stays && fd()->notifyOnReadable()));
+    return closing_ == Closing::draining ||
+           (isReading() && (!reader_->holdsPdu() || (stays && fd()->notifyOnReadable())));
 }
 
 bool TcpPduPam::wantsWriteEvents() const {
@@ -105,6 +120,12 @@ bool TcpPduPam::mustWait(TcpPduPamEnableMode mode) const {
 void TcpPduPam::enableModeIs(TcpPduPamEnableMode mode) {
     Mox::require(Mox::findEnumerator<TcpPduPamEnableMode>(mode) != nullptr, "Unexpected value");
     const Mox::Ptr<TcpPduPam> hold(this);
+    if (closed()) {
+        return;
+    }
+    if ((mode & tcpEnableModeWriteOnly) == 0) {
+        flushGathered();  // It has been taken: it is late only to be sent with others.
+    }
     const bool waits = mustWait(mode);
     if (changed(pendingMode_, waits ? mode : tcpEnableModeNone)) {
         mark(pendingModeChanged);
@@ -149,7 +170,9 @@ void TcpPduPam::settle() {
         if (failure.error == 0) {
             return;
         }
-        if (failure.ofWriting) {
+        if (closing_ == Closing::draining) {
+            endClosing();
+        } else if (failure.ofWriting) {
             writer_->fail();
             writeErrorIs(watchFailed, failure.error);
         } else {
@@ -159,6 +182,9 @@ void TcpPduPam::settle() {
 }
 
 void TcpPduPam::followStates() {
+    if (closing_ == Closing::sending) {
+        followClosing();
+    }
     if (const auto mode = pendingMode_; mode != tcpEnableModeNone && !mustWait(mode)) {
         MOX_TRACE(facility, 5,
                   mode == tcpEnableModeReadOnly
@@ -171,7 +197,7 @@ void TcpPduPam::followStates() {
     if (changed(readable_, reader_->holdsPdu())) {
         mark(readableChanged);
     }
-    if (changed(writable_, isWriting() && !writer_->isWaiting())) {
+    if (changed(writable_, hasTxRoom())) {
         mark(writableChanged);
         if (writable_) {
             mark(writableCounted);
@@ -184,17 +210,20 @@ TcpPduPam::WatchError TcpPduPam::watch() try {
     using R = TcpFileDescriptorEventRegistration;
     // A registration leaves level-triggered interest to the next report, unless it is disabled. The
     // next owner of the stream must not meet it.
-    const bool endsReading = fd()->notifyOnReadable() && !reader_->isOpen() && levelTriggered();
-    if (!endsReading && fd()->enabled() == enabled() &&
+    const bool drains = closing_ == Closing::draining;
+    const bool watches = enabled() || drains;
+    const bool endsReading =
+        fd()->notifyOnReadable() && !reader_->isOpen() && !drains && levelTriggered();
+    if (!endsReading && fd()->enabled() == watches &&
         fd()->notifyOnReadable() == wantsReadEvents() &&
         fd()->notifyOnWritable() == wantsWriteEvents()) {
         return {};  // As after most messages.
     }
-    int error = fdFlagIs(&R::enabled, &R::enabledIs, enabled() && !endsReading);
+    int error = fdFlagIs(&R::enabled, &R::enabledIs, watches && !endsReading);
     if (error == 0) {
         error = fdFlagIs(&R::notifyOnReadable, &R::notifyOnReadableIs, wantsReadEvents());
     }
-    error = error != 0 ? error : fdFlagIs(&R::enabled, &R::enabledIs, enabled());
+    error = error != 0 ? error : fdFlagIs(&R::enabled, &R::enabledIs, watches);
     if (error != 0) {
         return {error, /*ofWriting=*/false};
     }
@@ -210,6 +239,7 @@ void (*const TcpPduPam::publishers[])(TcpPduPam*) = {
     [](TcpPduPam* pam) { pam->txErrnoIs(pam->unpublishedTxErrno_); },
     [](TcpPduPam* pam) { pam->notify(txErrorReasonAttr); },
     [](TcpPduPam* pam) { pam->txErrorsInc(std::exchange(pam->uncountedTxErrors_, 0)); },
+    [](TcpPduPam* pam) { pam->txDropsInc(std::exchange(pam->uncountedTxDrops_, 0)); },
     [](TcpPduPam* pam) { pam->notify(rxErrorReasonAttr); },
     [](TcpPduPam* pam) { pam->rxErrorsInc(1); },
     [](TcpPduPam* pam) { pam->notify(readableAttr); },
@@ -220,6 +250,8 @@ void (*const TcpPduPam::publishers[])(TcpPduPam*) = {
     [](TcpPduPam* pam) { pam->writableCountInc(pam->writable_ ? 1 : 0); },
     [](TcpPduPam* pam) { pam->notify(pendingEnableReadOnlyOrWriteOnlyModeAttr); },
     [](TcpPduPam* pam) { pam->notify(readOnePktOnlyAttr); },
+    [](TcpPduPam* pam) { pam->notify(txQueueBytesAttr); },
+    [](TcpPduPam* pam) { pam->notify(closedAttr); },
 };
 
 // Notifies of all that has changed. An operation that an observer calls publishes also what is left

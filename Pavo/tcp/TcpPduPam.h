@@ -4,86 +4,20 @@
 
 #include <sys/uio.h>
 
-#include <compare>
 #include <cstdint>
 #include <memory>
-#include <string_view>
+#include <span>
 
-#include "Mox/Enum.h"
+#include "Mox/Clock.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
-#include "Mox/ValueType.h"
 #include "Pavo/base/Export.h"
-#include "Pavo/base/ValueFunctions.h"
 #include "Pavo/packet/Pkt.h"
 #include "Pavo/tcp/TcpPduPamBase.h"
+#include "Pavo/tcp/TcpPduPamValues.h"
 #include "Pavo/tcp/TcpSockOpt.h"
 
 namespace Pavo {
-
-/// Which directions of a stream an endpoint serves, a bit for each.
-enum TcpPduPamEnableMode : uint32_t {
-    tcpEnableModeNone = 0,
-    tcpEnableModeReadOnly = 1,
-    tcpEnableModeWriteOnly = 2,
-    tcpEnableModeReadWrite = 3,
-};
-
-constexpr auto enumDescription(TcpPduPamEnableMode) {
-    return Mox::enumeration<TcpPduPamEnableMode>(
-        "Invalid TcpPduPamEnableMode", {{tcpEnableModeNone, "tcpEnableModeNone"},
-                                        {tcpEnableModeReadOnly, "tcpEnableModeReadOnly"},
-                                        {tcpEnableModeWriteOnly, "tcpEnableModeWriteOnly"},
-                                        {tcpEnableModeReadWrite, "tcpEnableModeReadWrite"}});
-}
-
-/// How one read of a stream ended.
-enum class TcpPduPamReadResult : uint32_t {
-    error = 0,            ///< the stream has failed
-    readMoreData = 1,     ///< bytes came, and more are needed
-    waitForMoreData = 2,  ///< the socket is empty
-    fullPduRead = 3,      ///< the packet is whole
-};
-
-constexpr auto enumDescription(TcpPduPamReadResult) {
-    using enum TcpPduPamReadResult;
-    return Mox::enumeration<TcpPduPamReadResult>("Invalid TcpPduPamReadResult",
-                                                 {{error, "error"},
-                                                  {readMoreData, "readMoreData"},
-                                                  {waitForMoreData, "waitForMoreData"},
-                                                  {fullPduRead, "fullPduRead"}});
-}
-
-/// The result of one read, and the text of an error.
-class TcpPduPamReadReturn : public Mox::ValueType<TcpPduPamReadReturn> {
-  public:
-    using Result = TcpPduPamReadResult;
-
-    TcpPduPamReadReturn() = default;
-    TcpPduPamReadReturn(Result result) : result_(result) {}
-    TcpPduPamReadReturn(Result result, Mox::String reason)
-        : result_(result), reason_(std::move(reason)) {}
-    TcpPduPamReadReturn(TextIt& it, const TextIt& end) { readText(it, end); }
-    explicit TcpPduPamReadReturn(std::string_view text) { readWhole(text); }
-    TcpPduPamReadReturn(Mox::NboAttrLog::In* in, Mox::StreamBogon) { readLog(in); }
-
-    /// `error` by default.
-    Result result() const { return result_; }
-    /// Empty but for an error.
-    const Mox::String& reason() const { return reason_; }
-
-    friend auto operator<=>(const TcpPduPamReadReturn&, const TcpPduPamReadReturn&) = default;
-
-    static constexpr auto description() {
-        return Mox::record("Pavo::TcpPduPamReadReturn",
-                           Mox::field("result", &TcpPduPamReadReturn::result_),
-                           Mox::field("reason", &TcpPduPamReadReturn::reason_));
-    }
-
-  private:
-    Result result_ = Result::error;
-    Mox::String reason_;
-};
 
 /// One piece of what is sent.
 using SocketIovec = iovec;
@@ -131,15 +65,30 @@ class TcpPduWriter;
 ///   dropped, `txErrorReason` has the cause, and `txErrors` counts it. Reading goes on.
 /// `writableCount` is incremented whenever `writable` becomes true, by enabling too.
 ///
-/// A mode that would cut a transfer short is pending until the transfer ends or fails. There is no
-/// timer. Dropping the endpoint discards an unsent rest and a PDU that is held: to send everything,
-/// wait until `writable` is true.
+/// `txPktsIs` sends the packets of a batch with one system call for each 64 KiB or 256 packets. Of
+/// those that find no room the first is kept, as a single one would be. The others are not taken
+/// and not counted; `txErrno` is EAGAIN. While writing is off or has failed, all are dropped.
+///
+/// The outgoing queue, with `txQueueBytes`. Copies of packets wait for the end of the turn, to be
+/// sent together, and for room in the socket:
+/// - `writable` is true while at most half of `txQueueBytes` is queued. A batch is taken as long as
+///   it is. `txPktIs` may be called at any time;
+/// - a packet that does not fit is dropped and counted in `txDrops`; `txErrno` is ENOBUFS. So is
+///   one while writing is off, has failed, or ends with a pending mode, where `txErrno` stays;
+/// - a packet larger than the queue is sent when nothing is queued, and then kept as without one;
+/// - when writing fails, `txErrors` counts one packet and `txDrops` the others that were queued.
+/// Each packet is sent at once where the thread has no event loop.
+///
+/// A mode that would cut a transfer short is pending until the transfer, that of all that is queued
+/// too, ends or fails. Dropping the endpoint discards what waits for room and a PDU that is held:
+/// to send everything, wait until `txQueuedBytes` is 0, or use `closeAfterTx`. There is no timer
+/// but that of `closeAfterTx`.
 ///
 /// Every operation changes all states first and then notifies, in this order: error of writing,
-/// error of reading, `readable`, `readableCount`, mode, `writable`, `writableCount`. An observer
-/// may therefore, while it is notified of anything, read, write, change the mode or drop the last
-/// reference to the endpoint. If it throws, the exception leaves the call that notifies, and what
-/// is not yet published is so in the next turn.
+/// `txDrops`, error of reading, `readable`, `readableCount`, mode, `writable`, `writableCount`,
+/// `closed`. An observer may therefore, while it is notified of anything, read, write, change the
+/// mode or drop the last reference to the endpoint. If it throws, the exception leaves the call
+/// that notifies, and what is not yet published is so in the next turn.
 class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
   public:
     static constexpr Mox::Attribute<TcpPduPam> enabledAttr{10, "enabled"};
@@ -156,6 +105,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     static constexpr Mox::Attribute<TcpPduPam> rxErrorReasonAttr{20, "rxErrorReason"};
     static constexpr Mox::Attribute<TcpPduPam> txErrorReasonAttr{21, "txErrorReason"};
     static constexpr Mox::Attribute<TcpPduPam> readAheadBytesAttr{22, "readAheadBytes"};
+    static constexpr Mox::Attribute<TcpPduPam> txQueueBytesAttr{23, "txQueueBytes"};
+    static constexpr Mox::Attribute<TcpPduPam> closedAttr{24, "closed"};
     static constexpr auto description() {
         return Mox::classRecord(
             "Pavo::TcpPduPam", Mox::attribute(enabledAttr, &TcpPduPam::enabled),
@@ -171,7 +122,9 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
             Mox::attribute(readOnePktOnlyAttr, &TcpPduPam::readOnePktOnly),
             Mox::attribute(rxErrorReasonAttr, &TcpPduPam::rxErrorReason),
             Mox::attribute(txErrorReasonAttr, &TcpPduPam::txErrorReason),
-            Mox::attribute(readAheadBytesAttr, &TcpPduPam::readAheadBytes));
+            Mox::attribute(readAheadBytesAttr, &TcpPduPam::readAheadBytes),
+            Mox::attribute(txQueueBytesAttr, &TcpPduPam::txQueueBytes),
+            Mox::attribute(closedAttr, &TcpPduPam::closed));
     }
 
     /// Disabled, on the stream, with a registration from `fdFactory`.
@@ -182,8 +135,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
     /// Takes a packet of at most 65,535 bytes; a longer one is counted as an error (EMSGSIZE),
     /// after which writing goes on. Null and a packet without data are ignored.
-    /// @pre no packet waits for room, and `writable()`: assertions "!txPktHolderShadow()",
-    /// "writable()".
+    /// @pre without a queue, and before `closeAfterTx`: no packet waits for room, and `writable()`:
+    /// assertions "!txPktHolderShadow()", "writable()".
     void txPktIsImpl(Mox::Ptr<Pkt> pkt) override;
     void doGetRxPkt() override;
     void handleSocketReadable() override;
@@ -199,10 +152,11 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     virtual uint16_t getPduSize();
     /// Sends the packet's pieces.
     virtual void sendPkt(Mox::Ptr<Pkt> pkt);
-    /// Sends the pieces with one sendmsg(2) and keeps a copy of what did not fit. More than 65,535
-    /// bytes or IOV_MAX pieces are counted as an error (EMSGSIZE), after which writing goes on.
-    /// While writing is off or has failed, the packet is counted in `txDrops`.
-    /// @pre no packet waits for room: assertion "!txPktHolderShadow()".
+    /// Sends the pieces with one sendmsg(2) and keeps a copy of what did not fit; with a queue or
+    /// in a batch, keeps a copy of all. Also called with what waits for room when there is some.
+    /// More than 65,535 bytes or IOV_MAX pieces are counted as an error (EMSGSIZE), after which
+    /// writing goes on. While writing is off or has failed, the packet is counted in `txDrops`.
+    /// @pre no packet waits for room, as above: assertion "!txPktHolderShadow()".
     virtual void sendIov(SocketIovec* iov, uint16_t iovLen);
 
     /// Whether any direction is on; true stands for both.
@@ -276,7 +230,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// "Send failed with " or, where the event loop could not watch the socket for room,
     /// "Epoll_ctl failed with " and the error; empty while there was none.
     const Mox::String& txErrorReason() const { return txErrorReason_; }
-    /// A packet of the bytes that wait for room, and these as pieces; null while none do.
+    /// A packet of the bytes that wait for room, and these as pieces; null while none do. With a
+    /// queue there may be more than these.
     /// @{
     const Mox::Ptr<Pkt>& txPktHolderShadow() const;
     const SocketIovec* txIovHolderShadow() const;
@@ -286,6 +241,31 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     uint16_t txRemainingLength() const;
     /// Bytes of the packet that was handed over last.
     uint16_t writeLength() const;
+
+    /// The bound of the outgoing queue in bytes of packets; 0, the default, is no queue. A change
+    /// drops nothing: with 0, `writable` is false until all that is queued has been sent.
+    uint32_t txQueueBytes() const { return txQueueBytes_; }
+    void txQueueBytesIs(uint32_t bytes);
+    /// Bytes that were taken and have not left, with or without a queue.
+    uint32_t txQueuedBytes() const;
+
+    /// Sends what waits, then ends the stream. No packet is taken any more: it is dropped and
+    /// counted, and `txErrno` is ESHUTDOWN. Reading goes on as the mode says until all is sent,
+    /// also after an error of reading. Then the peer is shown the end (shutdown(2)), and what it
+    /// still sends is dropped until it ends its side: bytes that arrive unread would make the
+    /// kernel reset the connection and forget what it has not delivered. Then, or when writing
+    /// fails, or after `seconds`, `closed` becomes true and the mode `tcpEnableModeNone`, for good;
+    /// the owner may drop the endpoint. At the limit what has not been sent is counted in
+    /// `txDrops`, and `txErrno` is ETIMEDOUT. What waits while writing is off is sent once that is
+    /// on again.
+    ///
+    /// The endpoint does not hold itself: dropped earlier, it discards what waits for room. Called
+    /// again before the end, this changes only the limit; +infinity is none.
+    /// @pre `seconds` is not negative (assertion "seconds >= 0"), and a limit has a clock
+    /// (assertion "clock"): null stands for that of the thread's event loop.
+    void closeAfterTx(double seconds, Mox::Clock* clock = nullptr);
+    /// Whether `closeAfterTx` has come to its end, of which observers are notified once.
+    bool closed() const { return closing_ == Closing::closed; }
 
   protected:
     ~TcpPduPam() override;
@@ -297,12 +277,14 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
 
   private:
     struct WatchError;
+    struct TxBatch;
     // What has changed and is to be published, in this order.
     enum Change : uint32_t {
         txErrnoCleared,
         txErrnoSet,
         txErrorReasonChanged,
         txErrorsCounted,
+        txDropsCounted,
         rxErrorReasonChanged,
         rxErrorsCounted,
         readableChanged,
@@ -313,6 +295,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
         writableCounted,
         pendingModeChanged,
         readOnePktOnlyChanged,
+        txQueueBytesChanged,
+        closedChanged,
         changeKinds,
     };
     static void (*const publishers[changeKinds])(TcpPduPam* pam);
@@ -341,14 +325,41 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     void readFailed(Mox::String reason);
     void writeErrorIs(const char* text, int error);
 
+    // What `closeAfterTx` does: nothing, sends, reads what is in the way of an orderly end, has
+    // ended.
+    enum class Closing : uint8_t { no, sending, draining, closed };
+    static uint32_t sendBatch(Pam* pam, std::span<const Mox::Ptr<Pkt>> pkts);
+    uint32_t sendEach(std::span<const Mox::Ptr<Pkt>> pkts);
+    uint32_t gatherEach(std::span<const Mox::Ptr<Pkt>> pkts, TxBatch* batch);
+    uint32_t sendGathered(TxBatch* batch);
+    bool takesPkts() const;
+    bool hasTxRoom() const;
+    void sendNow(SocketIovec* iov, uint16_t iovLen);
+    void queue(SocketIovec* iov, uint16_t iovLen);
+    void gather(const SocketIovec* iov, uint16_t iovLen);
+    void sendLater();
+    void flush();
+    void flushGathered();
+    void dropTx(uint32_t pkts, int error);
+    void makeDeferredSending();
+    void sendDeferred();
+    void followClosing();
+    void drain();
+    void endClosing();
+    void closeLimitReached();
+
     bool initialized_ = false;
     bool readable_ = false;
     bool writable_ = false;
     bool readOnePktOnly_ = false;
     bool serving_ = false;
+    bool inBatch_ = false;
+    Closing closing_ = Closing::no;
     uint16_t maxPduLength_ = 9600;
     uint32_t changes_ = 0;  // A bit for each `Change`.
     uint32_t uncountedTxErrors_ = 0;
+    uint32_t uncountedTxDrops_ = 0;
+    uint32_t txQueueBytes_ = 0;
     int unpublishedTxErrno_ = 0;
     uint32_t tcpOptErrors_ = 0;
     TcpPduPamEnableMode enableMode_ = tcpEnableModeNone;
@@ -362,6 +373,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     Mox::Ptr<Pkt>
         taken_;  // By `rxPkt`, which an exception from an observer kept from returning it.
     std::unique_ptr<DeferredCall> deferredServing_;
+    std::unique_ptr<DeferredCall> deferredSending_;  // Null until there is a queue, or an end.
+    std::unique_ptr<Mox::Timer> closeLimit_;
 };
 
 /// An endpoint whose PDUs begin with a header of 20 bytes, with the total length in bytes 2 and 3,

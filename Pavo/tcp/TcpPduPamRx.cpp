@@ -62,6 +62,7 @@ void TcpPduPam::framingIs(const TcpFraming* framing) {
 void TcpPduPam::handleSocketReadable() {
     const Mox::Ptr<TcpPduPam> hold(this);
     reader_->mayHaveMoreIs(true);
+    drain();
     if (readable_) {
         MOX_TRACE(facility, 9, "Additional edgeTriggered notification");
     }

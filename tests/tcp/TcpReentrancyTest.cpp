@@ -40,6 +40,8 @@ struct StreamEnd {
     Watch<TcpPduPam> watch;
     std::set<uint32_t> unarrived;  // Messages by number.
     uint32_t lastArrived = 0;
+    bool isClosing = false;  // What the other end sends may not arrive.
+    bool hasClosed = false;
 };
 struct Stream {
     StreamEnd ends[2];
@@ -84,9 +86,14 @@ struct World : PavoTest::RandomProgram {
             end.fd = &end == stream->ends ? near : far;
             end.pam = oneIn(2) ? Ptr<TcpPduPam>(simpleTcpPduPamFactory(end.fd, factory))
                                : framedTcpPduPamFactory(end.fd, factory, framing);
+            end.pam->txQueueBytesIs(oneIn(2) ? 0 : below(30000));
             const auto notified = [=, this, &end, pam = end.pam.ptr()](const Change& change) {
                 EXPECT_EQ(pam->readable(), pam->rxPktHolderShadow() && !pam->rxRemainingLength());
-                EXPECT_FALSE(pam->writable() && pam->txPktHolderShadow());
+                EXPECT_FALSE(pam->writable() && pam->txQueuedBytes() > pam->txQueueBytes() / 2);
+                EXPECT_FALSE(pam->writable() &&
+                             pam->pendingEnableReadOnlyOrWriteOnlyMode() == tcpEnableModeReadOnly);
+                EXPECT_FALSE(change.is(TcpPduPam::closedAttr) && end.hasClosed) << "twice";
+                end.hasClosed |= change.is(TcpPduPam::closedAttr);
                 const bool isReport = change.is(Pam::readableCountAttr);
                 isReport&& isAtRest ? read(*stream, end) : respond();
             };
@@ -119,12 +126,31 @@ struct World : PavoTest::RandomProgram {
         configure([&] { pam->enableModeIs(static_cast<TcpPduPamEnableMode>(mode)); });
     }
     void send(Stream& stream, StreamEnd& end, uint32_t bytes) {
-        if (end.pam->writable()) {
+        if (end.pam->writable() || end.pam->txQueueBytes() != 0 || end.isClosing) {
             stream.isOrdered &= stream.calls++ == 0;
             end.unarrived.insert(++messages);
             end.pam->txPktIs(messageOf(messages, bytes));
             --stream.calls;
         }
+    }
+    // Some of them in a batch, of which those that are not taken are the agent's again.
+    void sendMany(Stream& stream, StreamEnd& end) {
+        std::vector<Ptr<Pkt>> pkts(1 + below(40));
+        const uint32_t first = messages + 1;
+        for (Ptr<Pkt>& each : pkts) {
+            end.unarrived.insert(++messages);
+            each = messageOf(messages, 20 + below(oneIn(4) ? 9000 : 200));
+        }
+        stream.isOrdered &= stream.calls++ == 0;
+        const uint32_t taken = end.pam->txPktsIs(pkts);
+        --stream.calls;
+        for (uint32_t i = taken; end.pam && i < pkts.size(); ++i) {
+            EXPECT_EQ(end.unarrived.erase(first + i), 1u) << "it was not taken, and has arrived";
+        }
+    }
+    void closeAfterTx(StreamEnd& end) {
+        end.isClosing = true;
+        end.pam->closeAfterTx(below(3), &limits);
     }
     static void read(Stream& stream, StreamEnd& end) {
         const bool isHeld = end.pam && end.pam->readable();
@@ -221,6 +247,7 @@ struct World : PavoTest::RandomProgram {
 
     Mox::EventLoop loop;
     Mox::ManualClock clock;
+    Mox::ManualClock limits;
     Keel::TimerWheel wheel{&clock};
     const Ptr<TcpFileDescriptorEventRegistrationFactory> factory =
         tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
@@ -262,6 +289,11 @@ std::vector<World::Actions> World::kinds() {
              })},
             {"longest",
              end([this](auto&, auto& e) { e.pam->maxPduLengthIs(oneIn(2) ? 5000 : 9600); })},
+            {"send many", end([this](auto& s, auto& e) { sendMany(s, e); })},
+            {"queue", end([this](auto&, auto& e) { e.pam->txQueueBytesIs(below(30000)); })},
+            {"no queue", end([](auto&, auto& e) { e.pam->txQueueBytesIs(0); })},
+            {"close after", end([this](auto&, auto& e) { closeAfterTx(e); })},
+            {"limit", [this] { limits.advance(1); }},
             {"close", end([](auto& s, auto& e) { spoil(s, e), e = {}; })},
             {"half close", end([this](auto& s, auto& e) {
                  shutdown(spoil(s, e), oneIn(2) ? SHUT_RD : SHUT_WR);
@@ -336,6 +368,13 @@ void World::checkAtRest() {
         }
     }
     settle(loop, [this] { return missing(); });
+    limits.advance(3);
+    for (const auto& stream : streams) {
+        for (const StreamEnd& end : stream->ends) {
+            EXPECT_TRUE(!end.isClosing || !end.pam || (end.pam->closed() && end.hasClosed));
+        }
+    }
+    settle(loop, [this] { return missing(); });
     isAtRest = false;
 }
 
@@ -347,14 +386,18 @@ const char* World::missing() const {
             if (!end.pam) {
                 continue;
             }
-            if (!peer.fd && end.pam->rxErrors() == 0) {
+            if (!peer.fd && end.pam->rxErrors() == 0 && !end.isClosing) {
                 return "the end of a stream";
             }
-            if (!stream->isSpoilt && end.pam->txErrors() + peer.pam->rxErrors() == 0) {
+            if (stream->isSpoilt || peer.isClosing || end.pam->txErrors() != 0) {
+                continue;
+            }
+            const bool isEnd = peer.pam->rxErrorReason() == "Connection closed by peer";
+            if (peer.pam->rxErrors() == 0 || (end.isClosing && isEnd)) {
                 if (stream->calls == 0 && end.unarrived.size() != end.pam->txDrops()) {
                     return "a message";
                 }
-                if (!end.pam->writable()) {
+                if (!end.pam->writable() && !end.isClosing) {
                     return "room";
                 }
             }
