@@ -9,8 +9,9 @@
 #include "Mox/Assert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    constexpr std::size_t limit = 1300;  // The image of one is up to 14/13 of it; a frame has 1500.
     const auto pdu = Lldp::parse({data, size});
-    if (!pdu) {
+    if (!pdu || size > limit) {
         return 0;
     }
     const std::string image = Lldp::image(*pdu);

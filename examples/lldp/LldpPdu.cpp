@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <string_view>
 
+#include "Pavo/ByteReader.h"
 #include "Pavo/EthAddr.h"
-#include "Pavo/NetOrder.h"
 
 namespace Lldp {
 
@@ -23,70 +23,59 @@ enum Type : uint8_t {
     managementAddressType = 8,
 };
 constexpr size_t maxTextBytes = 255;
-
-using Bytes = std::span<const uint8_t>;
-
-std::string_view textOf(Bytes bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
+constexpr size_t maxPduBytes = 1500;  // Of an Ethernet frame.
+constexpr size_t endBytes = 2;
 
 struct Tlv {
     uint8_t type;
-    Bytes value;
+    std::string_view value;
+
+    Pavo::ByteReader reader() const { return Pavo::ByteReader(value); }
 };
 
-// A field: 7 bits of type, 9 bits of length, and the value. Nothing when it runs past the end.
-std::optional<Tlv> takeTlv(Bytes* rest) {
-    if (rest->size() < 2) {
-        return {};
-    }
-    const auto head = Pavo::loadNet<uint16_t>(rest->data());
-    const size_t length = head & 0x1ff;
-    if (rest->size() - 2 < length) {
-        return {};
-    }
-    const Tlv tlv{static_cast<uint8_t>(head >> 9), rest->subspan(2, length)};
-    *rest = rest->subspan(2 + length);
-    return tlv;
+// A field: 7 bits of type, 9 bits of length, and the value. Fails `in` when it runs past the end.
+Tlv takeTlv(Pavo::ByteReader& in) {
+    const uint16_t head = in.u16();
+    return {static_cast<uint8_t>(head >> 9), in.text(head & 0x1ff)};
 }
 
-bool takeId(Bytes* rest, uint8_t type, Id* id) {
-    const auto tlv = takeTlv(rest);
-    if (!tlv || tlv->type != type || tlv->value.size() < 2 ||
-        tlv->value.size() > 1 + maxTextBytes) {
+bool takeId(Pavo::ByteReader& in, uint8_t type, Id* id) {
+    const Tlv tlv = takeTlv(in);
+    if (tlv.type != type || tlv.value.size() < 2 || tlv.value.size() > 1 + maxTextBytes) {
         return false;
     }
-    *id = {tlv->value[0], std::string(textOf(tlv->value.subspan(1)))};
+    *id = {static_cast<uint8_t>(tlv.value[0]), std::string(tlv.value.substr(1))};
     return true;
 }
 
-bool takeTtl(Bytes* rest, uint16_t* seconds) {
-    const auto tlv = takeTlv(rest);
-    if (!tlv || tlv->type != ttlType || tlv->value.size() < 2) {
-        return false;
-    }
-    *seconds = Pavo::loadNet<uint16_t>(tlv->value.data());
-    return true;
+bool takeTtl(Pavo::ByteReader& in, uint16_t* seconds) {
+    const Tlv tlv = takeTlv(in);
+    auto value = tlv.reader();
+    *seconds = value.u16();
+    return tlv.type == ttlType && value.ok();
 }
 
 // Length of subtype and address (1), subtype (1), address, interface numbering (5), and more.
-void takeAddress(Bytes value, std::vector<Pavo::IpGenAddr>* addresses) {
-    if (value.size() < 2 || value[0] < 2 || value.size() < value[0] + 6u) {
+void takeAddress(Pavo::ByteReader value, std::vector<Pavo::IpGenAddr>* addresses) {
+    const uint8_t length = value.u8();
+    const uint8_t family = value.u8();  // Families are as in `AddressFamily`.
+    auto address = value;
+    value.skip(std::max<size_t>(length, 1) - 1 + 5);
+    if (!value.ok()) {
         return;
     }
-    const Bytes address = value.subspan(2, value[0] - 1u);  // Families are as in `AddressFamily`.
-    if (value[1] == Pavo::ipv4 && address.size() == 4) {
-        addresses->push_back(Pavo::IpAddr(Pavo::loadNet<uint32_t>(address.data())));
-    } else if (value[1] == Pavo::ipv6 && address.size() == 16) {
-        addresses->push_back(Pavo::Ip6Addr(Pavo::loadNet<uint64_t>(address.data()),
-                                           Pavo::loadNet<uint64_t>(address.data() + 8)));
+    if (family == Pavo::ipv4 && length == 1 + 4) {
+        addresses->push_back(Pavo::IpAddr(address.u32()));
+    } else if (family == Pavo::ipv6 && length == 1 + 16) {
+        const uint64_t high = address.u64();
+        addresses->push_back(Pavo::Ip6Addr(high, address.u64()));
     }
 }
 
 void takeOptional(const Tlv& tlv, Pdu* pdu) {
     const auto text = [&tlv](std::string* to) {
         if (tlv.value.size() <= maxTextBytes) {
-            *to = textOf(tlv.value);
+            *to = tlv.value;
         }
     };
     switch (tlv.type) {
@@ -98,74 +87,92 @@ void takeOptional(const Tlv& tlv, Pdu* pdu) {
             return text(&pdu->systemDescription);
         case capabilitiesType:
             if (tlv.value.size() == 4) {
-                pdu->capabilities = Pavo::loadNet<uint16_t>(tlv.value.data());
-                pdu->enabledCapabilities = Pavo::loadNet<uint16_t>(tlv.value.data() + 2);
+                auto value = tlv.reader();
+                pdu->capabilities = value.u16();
+                pdu->enabledCapabilities = value.u16();
             }
             return;
         case managementAddressType:
-            return takeAddress(tlv.value, &pdu->managementAddresses);
+            return takeAddress(tlv.reader(), &pdu->managementAddresses);
         default:
             return;
     }
 }
 
-void addU16(std::string* out, uint32_t number) {
-    out->push_back(static_cast<char>(number >> 8));
-    out->push_back(static_cast<char>(number));
+// The head, and after it what `writeValue` writes.
+template <class Value>
+void addTlv(Pavo::ByteWriter& out, uint8_t type, Value writeValue) {
+    const size_t at = out.offset();
+    out.u16(0);
+    writeValue();
+    out.u16At(at, size_t{type} << 9 | (out.offset() - at - 2));
 }
 
-void addTlv(std::string* out, uint8_t type, std::string_view value) {
-    addU16(out, uint32_t{type} << 9 | static_cast<uint32_t>(value.size()));
-    *out += value;
+void addId(Pavo::ByteWriter& out, uint8_t type, const Id& id) {
+    addTlv(out, type, [&] {
+        out.u8(id.subtype);
+        out.text(std::string_view(id.bytes).substr(0, maxTextBytes));
+    });
 }
 
-void addId(std::string* out, uint8_t type, const Id& id) {
-    addTlv(out, type, static_cast<char>(id.subtype) + id.bytes.substr(0, maxTextBytes));
-}
-
-void addText(std::string* out, uint8_t type, const std::string& text) {
+void addText(Pavo::ByteWriter& out, uint8_t type, std::string_view text) {
     if (!text.empty()) {
-        addTlv(out, type, std::string_view(text).substr(0, maxTextBytes));
+        addTlv(out, type, [&] { out.text(text.substr(0, maxTextBytes)); });
     }
 }
 
-void addCapabilities(std::string* out, const Pdu& pdu) {
-    std::string value;
-    addU16(&value, pdu.capabilities);
-    addU16(&value, pdu.enabledCapabilities);
-    addTlv(out, capabilitiesType, value);
+void addAddress(Pavo::ByteWriter& out, const Pavo::IpGenAddr& address) {
+    addTlv(out, managementAddressType, [&] {
+        uint8_t bytes[16];
+        address.copyToBuffer(bytes);
+        out.u8(1 + address.size());
+        out.u8(address.af());
+        out.bytes({bytes, address.size()});
+        // The number of the interface is not known, and there is no object identifier.
+        out.u8(1);
+        out.zeros(5);
+    });
 }
 
-void addAddress(std::string* out, const Pavo::IpGenAddr& address) {
-    uint8_t bytes[16];
-    address.copyToBuffer(bytes);
-    std::string value{static_cast<char>(1 + address.size()), static_cast<char>(address.af())};
-    value += textOf({bytes, address.size()});
-    // The number of the interface is not known, and there is no object identifier.
-    value += std::string({1, 0, 0, 0, 0, 0});
-    addTlv(out, managementAddressType, value);
+void addOptional(Pavo::ByteWriter& out, const Pdu& pdu) {
+    addText(out, portDescriptionType, pdu.portDescription);
+    addText(out, systemNameType, pdu.systemName);
+    addText(out, systemDescriptionType, pdu.systemDescription);
+    addTlv(out, capabilitiesType, [&] {
+        out.u16(pdu.capabilities);
+        out.u16(pdu.enabledCapabilities);
+    });
+    for (const Pavo::IpGenAddr& address : pdu.managementAddresses) {
+        Pavo::ByteWriter longer = out;
+        addAddress(longer, address);
+        if (!longer.ok()) {
+            return;
+        }
+        out = longer;
+    }
 }
 
 }  // namespace
 
 std::optional<Pdu> parse(std::span<const uint8_t> bytes) {
     Pdu pdu;
-    if (!takeId(&bytes, chassisType, &pdu.key.chassis) ||
-        !takeId(&bytes, portType, &pdu.key.port) || !takeTtl(&bytes, &pdu.ttlSeconds)) {
+    Pavo::ByteReader in(bytes);
+    if (!takeId(in, chassisType, &pdu.key.chassis) || !takeId(in, portType, &pdu.key.port) ||
+        !takeTtl(in, &pdu.ttlSeconds)) {
         return {};
     }
     uint32_t seen = 0;
-    while (!bytes.empty()) {
-        const auto tlv = takeTlv(&bytes);
-        if (!tlv || (tlv->type >= chassisType && tlv->type <= ttlType)) {
+    while (!in.rest().empty()) {
+        const Tlv tlv = takeTlv(in);
+        if (!in.ok() || (tlv.type >= chassisType && tlv.type <= ttlType)) {
             return {};
         }
-        if (tlv->type == endType) {
+        if (tlv.type == endType) {
             break;
         }
-        const uint32_t bit = tlv->type < managementAddressType ? 1u << tlv->type : 0;
+        const uint32_t bit = tlv.type < managementAddressType ? 1u << tlv.type : 0;
         if ((seen & bit) == 0) {
-            takeOptional(*tlv, &pdu);
+            takeOptional(tlv, &pdu);
         }
         seen |= bit;
     }
@@ -173,23 +180,16 @@ std::optional<Pdu> parse(std::span<const uint8_t> bytes) {
 }
 
 std::string image(const Pdu& pdu) {
-    std::string out;
-    addId(&out, chassisType, pdu.key.chassis);
-    addId(&out, portType, pdu.key.port);
-    std::string ttl;
-    addU16(&ttl, pdu.ttlSeconds);
-    addTlv(&out, ttlType, ttl);
+    uint8_t room[maxPduBytes];
+    Pavo::ByteWriter out({room, maxPduBytes - endBytes});
+    addId(out, chassisType, pdu.key.chassis);
+    addId(out, portType, pdu.key.port);
+    addTlv(out, ttlType, [&] { out.u16(pdu.ttlSeconds); });
     if (pdu.ttlSeconds != 0) {
-        addText(&out, portDescriptionType, pdu.portDescription);
-        addText(&out, systemNameType, pdu.systemName);
-        addText(&out, systemDescriptionType, pdu.systemDescription);
-        addCapabilities(&out, pdu);
-        for (const Pavo::IpGenAddr& address : pdu.managementAddresses) {
-            addAddress(&out, address);
-        }
+        addOptional(out, pdu);
     }
-    addTlv(&out, endType, {});
-    return out;
+    const auto fields = out.written();
+    return std::string(fields.begin(), fields.end()) + std::string(endBytes, endType);
 }
 
 std::string printable(const std::string& text) {
@@ -210,11 +210,10 @@ std::string printable(const Id& id, uint8_t macSubtype) {
     if (id.subtype != macSubtype || id.bytes.size() != 6) {
         return printable(id.bytes);
     }
-    const auto* bytes = reinterpret_cast<const uint8_t*>(id.bytes.data());
-    return Pavo::EthAddr(Pavo::loadNet<uint16_t>(bytes), Pavo::loadNet<uint16_t>(bytes + 2),
-                         Pavo::loadNet<uint16_t>(bytes + 4))
-        .stringValue()
-        .c_str();
+    Pavo::ByteReader bytes(id.bytes);
+    const uint16_t first = bytes.u16();
+    const uint16_t second = bytes.u16();
+    return Pavo::EthAddr(first, second, bytes.u16()).stringValue().c_str();
 }
 
 }  // namespace Lldp

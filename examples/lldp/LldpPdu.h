@@ -61,7 +61,7 @@ enum Capability : uint16_t { bridge = 0x0004, router = 0x0010, station = 0x0080 
 std::optional<Pdu> parse(std::span<const uint8_t> bytes);
 
 /// The same as bytes; with a time to live of 0 only the mandatory fields. Identifiers and texts are
-/// cut after 255.
+/// cut after 255, and addresses that an Ethernet frame has no room for are left out.
 std::string image(const Pdu& pdu);
 
 /// A text as it may be shown: bytes that are not printable as "\x1b".
