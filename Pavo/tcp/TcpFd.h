@@ -241,5 +241,9 @@ class PAVO_EXPORT TcpFileDescriptorEventRegistrationFactoryMoxc
 
 PAVO_EXPORT Mox::Ptr<TcpFileDescriptorEventRegistrationFactoryMoxc>
 tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+/// The same by a short name: what makes the registrations that the thread's event loop serves.
+inline Mox::Ptr<TcpFileDescriptorEventRegistrationFactoryMoxc> loopTcpRegistrationFactory() {
+    return tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+}
 
 }  // namespace Pavo
