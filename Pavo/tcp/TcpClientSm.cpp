@@ -12,6 +12,7 @@
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
 #include "Pavo/tcp/TcpConnSocket.h"
+#include "Pavo/tcp/TcpDiagnosis.h"
 #include "Pavo/tcp/TcpSockOpt.h"
 
 namespace Pavo {
@@ -44,7 +45,8 @@ TcpClientSm::TcpClientSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegis
     : Described(fdEventRegistrationFactory, timerWheel, tcpClientConfig),
       clientId_(clientId),
       tcpClientConfig_(std::move(tcpClientConfig)),
-      tcpClientStatus_(std::move(tcpClientStatus)) {
+      tcpClientStatus_(std::move(tcpClientStatus)),
+      attempt_(std::make_unique<TcpAttempt>(timerWheel)) {
     Mox::require(tcpClientStatus_ != nullptr, "tcpClientStatus");
 }
 
@@ -80,29 +82,33 @@ void TcpClientSm::moxDoZombieReactors(bool zombie) {
 
 bool TcpClientSm::startConnection() {
     retryTimesIs(0);
-    return attempt();
+    return attempt(/*isRetry=*/false);
 }
 
 void TcpClientSm::handleRetry() {
     if (initialized()) {
         retryTimesIs(retryTimes() + 1);
-        attempt();
+        attempt(/*isRetry=*/true);
     }
 }
 
-bool TcpClientSm::attempt() {
+bool TcpClientSm::attempt(bool isRetry) {
     if (!initialized() || !tcpClientConfig_) {
         return false;
     }
     const Mox::Ptr<TcpClientSm> hold(this);
-    publish([this] {
-        makeAttempt([this] { connectNewSocket(); },
+    publish([this, isRetry] {
+        makeAttempt([this, isRetry] { connectNewSocket(isRetry); },
                     [this] { fd() ? restartRetryTimer() : planRetry(retryInterval()); });
     });
     return fd() != nullptr;
 }
 
-void TcpClientSm::connectNewSocket() {
+void TcpClientSm::connectNewSocket(bool isRetry) {
+    const bool isAbandoned = isRetry && abandonAttempt();
+    if (!isRetry) {
+        attempt_->end();
+    }
     forgetSocket("Disabling fd from previous connection attempt");
     startTimeoutTimer();
     const auto failure = openSocket(
@@ -114,10 +120,27 @@ void TcpClientSm::connectNewSocket() {
         [this] { handleConnect(); });
     if (failure) {
         fail(failure->function, failure->error);
-        return;
+    } else {
+        attempt_->begin(networkNamespace());
+        tcpClientStatus_->connectionStatusIs(Status::connecting);
+        restartRetryTimer();
     }
-    tcpClientStatus_->connectionStatusIs(Status::connecting);
-    restartRetryTimer();
+    tcpClientStatus_->connectionAbandonedCountInc(isAbandoned ? 1 : 0);
+    diagnose();
+}
+
+// Whether there was an attempt without an answer.
+bool TcpClientSm::abandonAttempt() {
+    if (!fd()) {
+        return false;
+    }
+    const auto& keys = tcpClientConfig_->md5Auth();
+    const bool isSigned = lastOptionsApplied().option(optionMd5Auth) &&
+                          std::any_of(keys.begin(), keys.end(), [this](const auto& each) {
+                              return each.first.contains(tcpClientConfig_->serverIpAddr());
+                          });
+    attempt_->endUnanswered(fd()->fileDescriptor()->descriptor(), isSigned);
+    return true;
 }
 
 // Null, or the function word of the call that failed.
@@ -165,29 +188,48 @@ void TcpClientSm::handleConnect() {
         stopRetryTimer();
         fdDel();  // The owner watches the descriptor from now on; its options stay applied.
         retryTimesIs(0);
+        attempt_->end();
         tcpClientStatus_->connSocketIs(connection);
         tcpClientStatus_->connectionSuccessCountInc(1);
         tcpClientStatus_->connectionStatusIs(Status::connected);
+        diagnose();
     });
 }
 
 void TcpClientSm::fail(const char* function, int error) {
     publish([&] {
-        handleClientError(function, strerror(error));
+        if (error != ETIMEDOUT || !abandonAttempt()) {
+            attempt_->end();
+        }
+        recordError(function, strerror(error));
         restartRetryTimer();
+        diagnose();
     });
 }
 
 void TcpClientSm::handleClientError(const Mox::String& function, const Mox::String& errorText) {
     publish([&] {
+        attempt_->end();
+        recordError(function, errorText);
+        diagnose();
+    });
+}
+
+void TcpClientSm::recordError(const Mox::String& function, const Mox::String& errorText) {
+    publish([&] {
         const Mox::String reason = function + " (" + errorText + ")";
         MOX_TRACE(facility, 1, formatDerivedType(), ": ", reason);
         tcpClientStatus_->reasonIs(reason);
+        attempt_->stop();
         forgetSocket();
         tcpClientStatus_->resetConnSocket();
         tcpClientStatus_->connectionErrorCountInc(1);
         tcpClientStatus_->connectionStatusIs(Status::failed);
     });
+}
+
+void TcpClientSm::diagnose() {
+    tcpClientStatus_->diagnosisIs(tcpDiagnosis(ignoredKeysText(), attempt_->hint()));
 }
 
 void TcpClientSm::restartRetryTimer() {
@@ -232,13 +274,17 @@ void TcpClientSm::stopConnection() {
         tcpClientStatus_->connectionStatusIs(Status::idle);
         tcpClientStatus_->resetConnSocket();
         forgetSocket();
+        attempt_->stop();
     });
 }
 
 void TcpClientSm::handleTimeout() {
     publish([this] {
+        const bool isAbandoned = abandonAttempt();
         stopConnection();
         tcpClientStatus_->connectionStatusIs(Status::timedout);
+        tcpClientStatus_->connectionAbandonedCountInc(isAbandoned ? 1 : 0);
+        diagnose();
     });
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 #include "Keel/TimerWheel.h"
 #include "Mox/FwkType.h"
@@ -18,6 +19,8 @@
 #include "Pavo/value/IpGenAddrWithMask.h"
 
 namespace Pavo {
+
+class TcpAttempt;
 
 /// Opens one connection and, where an attempt fails, tries again until it is there. The states are
 /// those of `connectionStatus`:
@@ -47,6 +50,10 @@ namespace Pavo {
 /// learns of a lost connection from `rxErrors` and `txErrors` of its endpoint (not while the
 /// endpoint holds a message or reading is off), and starts again. The old connection stays in
 /// `connSocket` until that start fails, succeeds or is stopped.
+///
+/// An attempt without an answer, which `kernelTcpTimeout` or the overall time-out ends, changes
+/// neither `reason` nor the count of errors. It is counted in `connectionAbandonedCount`, and
+/// `diagnosis` says what is known; both are the last changes of their step.
 ///
 /// `TcpSmBase` says what observers of the status may do.
 class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
@@ -110,8 +117,11 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     ~TcpClientSm() override;
 
   private:
-    bool attempt();
-    void connectNewSocket();
+    bool attempt(bool isRetry);
+    void connectNewSocket(bool isRetry);
+    bool abandonAttempt();
+    void recordError(const Mox::String& function, const Mox::String& errorText);
+    void diagnose();
     const char* setUpAndConnect(int sd);
     void fail(const char* function, int error);
     void planRetry(uint32_t intervalSeconds);
@@ -120,6 +130,7 @@ class PAVO_EXPORT TcpClientSm : public Mox::Described<TcpClientSm, TcpSmBase> {
     uint32_t clientId_;
     Mox::Ptr<TcpClientConfig> tcpClientConfig_;
     Mox::Ptr<TcpClientStatus> tcpClientStatus_;
+    std::unique_ptr<TcpAttempt> attempt_;
     bool useMoxEventLoop_ = false;
 };
 

@@ -1,6 +1,7 @@
 #include "Pavo/tcp/TcpConfig.h"
 
 #include <string_view>
+#include <utility>
 
 namespace Pavo {
 
@@ -90,6 +91,30 @@ Mox::Ptr<TcpClientConfig> tcpClientConfigFactory(const IpGenAddr& serverIpAddr, 
 }
 
 TcpServerConfig::~TcpServerConfig() = default;
+
+IpTtl TcpServerConfig::peerRxMinTtl(const IpGenAddrWithMask& addrWithMask) const {
+    const IpTtl* const ttl = peerRxMinTtl_.find(addrWithMask);
+    return ttl == nullptr ? IpTtl() : *ttl;
+}
+
+IpTtl TcpServerConfig::peerRxMinTtlOf(const IpGenAddr& peer) const {
+    const IpGenAddr mapped = IpGenAddr::getMappedV4Addr(peer);
+    const IpGenAddr& address = mapped.af() == ipv4 ? mapped : peer;
+    const std::pair<const IpGenAddrWithMask, IpTtl>* longest = nullptr;
+    for (const auto& each : peerRxMinTtl_) {
+        if (each.first.contains(address) &&
+            (longest == nullptr || longest->first.len() < each.first.len())) {
+            longest = &each;
+        }
+    }
+    return longest == nullptr ? IpTtl() : longest->second;
+}
+
+void TcpServerConfig::peerRxMinTtlIs(const IpGenAddrWithMask& addrWithMask, IpTtl ttl) {
+    if (peerRxMinTtl_.is(addrWithMask, ttl)) {
+        notify(peerRxMinTtlAttr, addrWithMask);
+    }
+}
 
 Mox::Ptr<TcpServerConfig> tcpServerConfigFactory(const IpGenAddr& listenIpAddr, Port listenPort) {
     return Mox::make<TcpServerConfig>(listenIpAddr, listenPort);

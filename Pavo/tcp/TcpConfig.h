@@ -186,7 +186,8 @@ class PAVO_EXPORT TcpConfigBase : public Mox::EntityOf<TcpConfigBase> {
     /// client then notices only `kernelTcpTimeout`.
     ///
     /// While `optionMd5Auth` is on, an empty key is fatal when it is next applied to a socket
-    /// ("!key.empty()"), and so is one of 80 bytes or more ("key.bytes() < 80").
+    /// ("!key.empty()"), and so is one of 80 bytes or more ("key.bytes() < 80"); `checkMd5Key` says
+    /// so before. While it is off, keys are ignored, which the status says in its `diagnosis`.
     const Mox::Map<IpGenAddrWithMask, Mox::String>& md5Auth() const { return md5Auth_; }
     /// The key of exactly this peer or prefix; empty when there is none.
     Mox::String md5Auth(const IpGenAddrWithMask& addrWithMask) const;
@@ -280,7 +281,11 @@ class PAVO_EXPORT TcpClientConfig : public Mox::EntityOf<TcpClientConfig, TcpCon
 /// The configuration of a `TcpServerSm`: where to listen.
 class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpConfigBase> {
   public:
-    static constexpr auto description() { return Mox::classRecord("Pavo::TcpServerConfig"); }
+    static constexpr Mox::Attribute<TcpServerConfig, IpGenAddrWithMask> peerRxMinTtlAttr{
+        12, "peerRxMinTtl"};
+    static constexpr auto description() {
+        return Mox::classRecord("Pavo::TcpServerConfig", Mox::attribute(peerRxMinTtlAttr));
+    }
 
     TcpServerConfig(const IpGenAddr& listenIpAddr, Port listenPort)
         : listenIpAddr_(listenIpAddr), listenPort_(listenPort) {}
@@ -291,12 +296,32 @@ class PAVO_EXPORT TcpServerConfig : public Mox::EntityOf<TcpServerConfig, TcpCon
     /// The machine refuses 0.
     Port listenPort() const { return listenPort_; }
 
+    /// The smallest TTL, or hop limit, of single peers or prefixes of peers, of which the longest
+    /// counts; a listener has one `rxMinTtl` for all. No option turns these on. A connection whose
+    /// SYN came with less is closed before the owner sees it, and counted; so is one whose SYN the
+    /// kernel has not kept, since it was sent before the first of these was set, or the kernel used
+    /// SYN cookies. The segments of a connection that is let in are then held to the same TTL by
+    /// the kernel. 0 exempts a peer from the prefix around it. A change holds for connections that
+    /// are accepted later. IPv4 peers of a listener for both families are IPv4 here too.
+    const Mox::Map<IpGenAddrWithMask, IpTtl>& peerRxMinTtl() const { return peerRxMinTtl_; }
+    /// That of exactly this peer or prefix; 0 when there is none.
+    IpTtl peerRxMinTtl(const IpGenAddrWithMask& addrWithMask) const;
+    /// That of the longest prefix that contains the peer, a v4-mapped one by its IPv4 address; 0
+    /// when there is none.
+    IpTtl peerRxMinTtlOf(const IpGenAddr& peer) const;
+    void peerRxMinTtlIs(const IpGenAddrWithMask& addrWithMask, IpTtl ttl);
+    void peerRxMinTtlDel(const IpGenAddrWithMask& addrWithMask) {
+        memberDel(peerRxMinTtl_, addrWithMask, peerRxMinTtlAttr);
+    }
+    void peerRxMinTtlDelAll() { memberDelAll(peerRxMinTtl_, peerRxMinTtlAttr); }
+
   protected:
     ~TcpServerConfig() override;
 
   private:
     IpGenAddr listenIpAddr_;
     Port listenPort_;
+    Mox::Map<IpGenAddrWithMask, IpTtl> peerRxMinTtl_;
 };
 
 PAVO_EXPORT Mox::Ptr<TcpClientConfig> tcpClientConfigFactory(const IpGenAddr& serverIpAddr,

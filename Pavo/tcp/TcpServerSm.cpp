@@ -11,6 +11,7 @@
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
 #include "Pavo/tcp/TcpConnSocket.h"
+#include "Pavo/tcp/TcpDiagnosis.h"
 #include "Pavo/tcp/TcpSockOpt.h"
 
 namespace Pavo {
@@ -26,8 +27,13 @@ TcpServerSm::TcpServerSm(TcpFileDescriptorEventRegistrationFactory* fdEventRegis
                          Mox::Ptr<TcpServerStatus> tcpServerStatus)
     : Described(fdEventRegistrationFactory, timerWheel, tcpServerConfig),
       tcpServerConfig_(std::move(tcpServerConfig)),
-      tcpServerStatus_(std::move(tcpServerStatus)) {
+      tcpServerStatus_(std::move(tcpServerStatus)),
+      watch_(std::make_unique<TcpListenerWatch>(timerWheel, [this] { diagnose(); })) {
     Mox::require(tcpServerStatus_ != nullptr, "tcpServerStatus");
+    if (tcpServerConfig_) {
+        peerRxMinTtlWatch_ = {tcpServerConfig_, TcpServerConfig::peerRxMinTtlAttr,
+                              [this](const IpGenAddrWithMask&) { handlePeerRxMinTtl(); }};
+    }
 }
 
 TcpServerSm::~TcpServerSm() = default;
@@ -100,12 +106,14 @@ bool TcpServerSm::start() {
 void TcpServerSm::listenOnNewSocket() {
     tcpServerStatus_->serverStartTimesInc(1);
     startTimeoutTimer();
+    watch_->begin();
     const auto failure = openSocket(
         /*edgeTriggered=*/false, /*forWriting=*/false, [this](int sd) { return setUpAndBind(sd); },
         [this] { handleAccept(); });
     if (failure) {
         handleServerError(failure->function, strerror(failure->error));
         restartRetryTimer();
+        diagnose();
         return;
     }
     // A socket whose port another one took first does not listen: it is reported readable, and
@@ -114,6 +122,7 @@ void TcpServerSm::listenOnNewSocket() {
     stopRetryTimer();
     tcpServerStatus_->listeningIs(true);
     tcpServerStatus_->reasonIs("Listening");
+    diagnose();
 }
 
 // Null, or the function word of the call that failed.
@@ -129,6 +138,10 @@ const char* TcpServerSm::setUpAndBind(int sd) {
         setSocketOptionInteger(sd, IPPROTO_IPV6, IPV6_V6ONLY, v6Only_, /*verify=*/true) != 0) {
         return "Setsockopt(V6OONLY)";
     }
+    if (tcpServerConfig_->peerRxMinTtl().members() != 0 && setSockOptSaveSyn(sd, true) != 0) {
+        watch_->faultIs("the kernel keeps no SYN, by which peerRxMinTtl judges");
+        return "Setsockopt";
+    }
     return socketBind(sd, tcpServerConfig_->listenIpAddr(), tcpServerConfig_->listenPort()) != 0
                ? "Bind"
                : nullptr;
@@ -139,6 +152,7 @@ void TcpServerSm::handleServerError(const Mox::String& function, const Mox::Stri
         const Mox::String reason = function + " (" + errorText + ")";
         MOX_TRACE(facility, 1, formatDerivedType(), ": ", reason);
         tcpServerStatus_->reasonIs(reason);
+        watch_->countingIs(false, {});
         forgetSocket();
         tcpServerStatus_->listeningIs(false);
     });
@@ -186,6 +200,7 @@ void TcpServerSm::stopListener() {
         retryTimesIs(0);
         tcpServerStatus_->listeningIs(false);
         tcpServerStatus_->connSocketDelAll();
+        watch_->countingIs(false, {});
         forgetSocket();
     });
 }
@@ -220,9 +235,18 @@ void TcpServerSm::socketAccepted(const Mox::Ptr<TcpFileDescriptor>& fd) {
     }
     MOX_TRACE(facility, 5, formatDerivedType(), ": Accepted from ", connection.dstIpAddr(),
               " port ", connection.dstPort());
+    const bool judgesTtl = tcpServerConfig_ && tcpServerConfig_->peerRxMinTtl().members() != 0;
+    const IpTtl least =
+        judgesTtl ? tcpServerConfig_->peerRxMinTtlOf(connection.dstIpAddr()) : IpTtl();
+    if (judgesTtl && refuses(connection, least)) {
+        return;
+    }
     const bool failsInTest = failApplySocketOptionsInTest();
     failApplySocketOptionsInTestIs(false);
-    const int result = applySocketOptions(fd->descriptor(), sdAccepted);
+    int result = applySocketOptions(fd->descriptor(), sdAccepted);
+    if (result == 0) {
+        result = applyPeerTtl(fd->descriptor(), least);
+    }
     if (result != 0 || failsInTest) {
         listenerFailed("Setsockopt", result != 0 ? errno : EINVAL);
         return;
@@ -234,10 +258,69 @@ void TcpServerSm::socketAccepted(const Mox::Ptr<TcpFileDescriptor>& fd) {
     });
 }
 
-void TcpServerSm::handleSocketOptions() {
-    if (fd() && applySocketOptions(fd()->fileDescriptor()->descriptor(), sdListening) != 0) {
-        listenerFailed("Setsockopt", errno);
+// True, and counted, when the SYN came from too far, or nobody knows from where. The SYN of a peer
+// without a minimum is taken too, since the kernel keeps its memory until then.
+bool TcpServerSm::refuses(const TcpConnSocket& connection, IpTtl least) {
+    const auto ttl = synTtl(connection.fileDescriptor()->descriptor());
+    if (least == IpTtl() || (ttl && *ttl >= least)) {
+        return false;
     }
+    publish([&] {
+        watch_->refusedIs(connection.dstIpAddr(), ttl, least);
+        MOX_TRACE(facility, 1, formatDerivedType(), ": ", watch_->text());
+        tcpServerStatus_->connSocketRefusedCountInc(1);
+        diagnose();
+    });
+    return true;
+}
+
+// The listener's own minimum, which the connection has inherited, is not lowered.
+int TcpServerSm::applyPeerTtl(int sd, IpTtl least) {
+    const IpTtl inherited = options().option(optionRxMinTtl) ? rxMinTtl() : IpTtl();
+    if (least <= inherited) {
+        return 0;
+    }
+    const int result = setSockOptRxMinTtl(af(), sd, /*enabled=*/true, least);
+    const bool isBoth = af() == ipv6 && !v6Only_;
+    return result == 0 && isBoth ? setSockOptRxMinTtl(ipv4, sd, /*enabled=*/true, least) : result;
+}
+
+bool TcpServerSm::isProtected() const {
+    const auto& config = *tcpServerConfig_;
+    return (options().option(optionMd5Auth) && config.md5Auth().members() != 0) ||
+           options().option(optionRxMinTtl) || config.peerRxMinTtl().members() != 0;
+}
+
+void TcpServerSm::diagnose() {
+    const Mox::Ptr<TcpServerSm> hold(this);
+    publish([this] {
+        watch_->countingIs(fd() && isProtected(), networkNamespace());
+        tcpServerStatus_->diagnosisIs(tcpDiagnosis(ignoredKeysText(), watch_->text()));
+    });
+}
+
+void TcpServerSm::handleSocketOptions() {
+    if (!fd()) {
+        return;
+    }
+    if (applySocketOptions(fd()->fileDescriptor()->descriptor(), sdListening) != 0) {
+        listenerFailed("Setsockopt", errno);
+        return;
+    }
+    diagnose();
+}
+
+void TcpServerSm::handlePeerRxMinTtl() {
+    if (!initialized() || !hasNotificationActive() || !fd()) {
+        return;
+    }
+    const Mox::Ptr<TcpServerSm> hold(this);
+    const bool isWanted = tcpServerConfig_->peerRxMinTtl().members() != 0;
+    if (setSockOptSaveSyn(fd()->fileDescriptor()->descriptor(), isWanted) != 0) {
+        listenerFailed("Setsockopt", errno);
+        return;
+    }
+    diagnose();
 }
 
 void TcpServerSm::handleSocketMd5AuthOption(IpGenAddrWithMask) {

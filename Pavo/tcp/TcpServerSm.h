@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <memory>
 
 #include "Keel/TimerWheel.h"
+#include "Mox/Entity.h"
 #include "Mox/FwkType.h"
 #include "Mox/Ptr.h"
 #include "Mox/String.h"
@@ -19,6 +21,8 @@
 #include "Pavo/value/IpGenAddrWithMask.h"
 
 namespace Pavo {
+
+class TcpListenerWatch;
 
 /// Keeps one socket listening, and queues accepted connections in the status. The states are those
 /// of `listening`:
@@ -39,6 +43,12 @@ namespace Pavo {
 /// between, waits that long before the next: out of descriptors, or with its port taken by another
 /// socket, it would fail as fast as the event loop turns. Every stop, also that of a restart, drops
 /// the connections that the owner has not taken yet.
+///
+/// Peers that `peerRxMinTtl` of the configuration names are let in by the TTL of their SYN; others
+/// are closed and counted in `connSocketRefusedCount`. A kernel that keeps no SYN fails the
+/// listener with "Setsockopt (Protocol not available)". What is kept from the listener without an
+/// event is in `diagnosis`; while keys are applied or TTLs asked for, a timer looks for it every 10
+/// s.
 ///
 /// `TcpSmBase` says what observers of the status may do.
 class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
@@ -111,10 +121,17 @@ class PAVO_EXPORT TcpServerSm : public Mox::Described<TcpServerSm, TcpSmBase> {
     void listenOnNewSocket();
     const char* setUpAndBind(int sd);
     void listenerFailed(const char* function, int error);
+    bool refuses(const TcpConnSocket& connection, IpTtl least);
+    int applyPeerTtl(int sd, IpTtl least);
+    bool isProtected() const;
+    void handlePeerRxMinTtl();
+    void diagnose();
     void publish(const std::function<void()>& changes);
 
     Mox::Ptr<TcpServerConfig> tcpServerConfig_;
     Mox::Ptr<TcpServerStatus> tcpServerStatus_;
+    Mox::Watch<TcpServerConfig> peerRxMinTtlWatch_;
+    std::unique_ptr<TcpListenerWatch> watch_;
     /// When the listener was, or is to be, restarted after its last failure.
     double restartTime_ = -std::numeric_limits<double>::infinity();
     int backlog_ = 5;

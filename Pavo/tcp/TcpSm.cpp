@@ -275,6 +275,17 @@ int TcpSmBase::applyMd5Auth(int sd, bool enabled) {
     return 0;
 }
 
+const char* TcpSmBase::ignoredKeysText() {
+    static constexpr char text[] = "keys in md5Auth are ignored while optionMd5Auth is off";
+    const bool isIgnored =
+        tcpConfig_ && !options().option(optionMd5Auth) && tcpConfig_->md5Auth().members() != 0;
+    if (isIgnored && !hasTracedIgnoredKeys_) {
+        MOX_TRACE(facility, 0, formatDerivedType(), ": ", text);
+    }
+    hasTracedIgnoredKeys_ = isIgnored;
+    return isIgnored ? text : "";
+}
+
 void TcpSmBase::handleSocketOptions() {
     Mox::require(false, "Need to implement in derived class");
 }

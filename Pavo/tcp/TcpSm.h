@@ -166,6 +166,9 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
 
     /// Read through from the configuration.
     bool edgeTriggeredFileDescriptor() const;
+    /// What an owner has to be told of keys that the options turn off; else empty. The first time
+    /// it is traced too.
+    const char* ignoredKeysText();
     /// Sets the count of retries.
     void retryTimesIs(uint32_t times) { retryTimes_ = times; }
 
@@ -212,6 +215,7 @@ class PAVO_EXPORT TcpSmBase : public Mox::Described<TcpSmBase> {
     uint32_t retryTimes_ = 0;
     bool initialized_ = false;
     bool takesIp4_ = false;
+    bool hasTracedIgnoredKeys_ = false;
     bool isAttempting_ = false;  // Until the attempt has been published.
     bool failApplySocketOptionsInTest_ = false;
     TcpSocketOptions lastOptionsApplied_;

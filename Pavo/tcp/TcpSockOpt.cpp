@@ -10,6 +10,7 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Trace.h"
+#include "Pavo/packet/ByteReader.h"
 #include "Pavo/value/SockAddr.h"
 
 namespace Pavo {
@@ -106,6 +107,32 @@ int setSockOptPathMtuDiscovery(AddressFamily af, int sd, bool enable) {
 int setSockOptDontRoute(AddressFamily af, int sd, bool enabled, uint32_t ifIndex) {
     const int whenEnabled = af == ipv4 ? 1 : static_cast<int>(htonl(ifIndex));
     return setByFamily(af, sd, dontRouteOpt, enabled ? whenEnabled : 0, /*verify=*/true);
+}
+
+int setSockOptSaveSyn(int sd, bool enabled) {
+    return setSocketOptionInteger(sd, IPPROTO_TCP, TCP_SAVE_SYN, enabled, /*verify=*/false);
+}
+
+// The kernel keeps the IP header and all after it.
+std::optional<IpTtl> synTtl(int sd) {
+    uint8_t syn[1024];
+    socklen_t bytes = sizeof(syn);
+    if (getsockopt(sd, IPPROTO_TCP, TCP_SAVED_SYN, syn, &bytes) < 0) {
+        return std::nullopt;
+    }
+    ByteReader in(std::span<const uint8_t>(syn, bytes));
+    const bool isFour = in.u8() >> 4 == 4;
+    in.skip(isFour ? 7 : 6);
+    const uint8_t ttl = in.u8();
+    return in.ok() ? std::optional<IpTtl>(ttl) : std::nullopt;
+}
+
+const char* checkMd5Key(const Mox::String& key) {
+    static_assert(md5KeyLimit == 80);
+    if (key.empty()) {
+        return "key is empty";
+    }
+    return key.bytes() < md5KeyLimit ? nullptr : "key has more than 79 bytes";
 }
 
 int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask, const Mox::String& key) {

@@ -11,6 +11,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "Mox/String.h"
@@ -45,14 +46,26 @@ PAVO_EXPORT int setSockOptPathMtuDiscovery(AddressFamily af, int sd, bool enable
 /// `ifIndex`; if not enabled, by any.
 PAVO_EXPORT int setSockOptDontRoute(AddressFamily af, int sd, bool enabled, uint32_t ifIndex);
 
+/// Whether a listening socket keeps the SYN of each connection for `synTtl` (TCP_SAVE_SYN, Linux
+/// 4.3; before that ENOPROTOOPT).
+PAVO_EXPORT int setSockOptSaveSyn(int sd, bool enabled);
+/// The TTL, or hop limit, with which the SYN of an accepted connection arrived. Nothing where the
+/// kernel has not kept the SYN: its listener did not ask for it at that time, or the kernel sent
+/// SYN cookies. The kernel forgets the SYN with this call.
+PAVO_EXPORT std::optional<IpTtl> synTtl(int sd);
+
 /// Sets the key with which segments to and from a peer are signed (RFC 2385). An empty key removes
 /// the peer's key; removing an absent one succeeds. A mask length below that of a host stands for
 /// all peers of the prefix; the longest prefix wins. The kernel keeps the host bits of the address:
 /// a key is removed only with the address and length with which it was set. A v4-mapped IPv6
 /// address stands for the IPv4 peer of an IPv6 socket.
-/// @pre `key.bytes() < 80` (assertion of this text).
+/// @pre `key.bytes() < 80` (assertion of this text); `checkMd5Key` says that beforehand.
 PAVO_EXPORT int setSockMd5AuthOption(int sd, const IpGenAddrWithMask& addrWithMask,
                                      const Mox::String& key);
+/// Null for a key that signatures can be made with, else what is wrong with it: "key is empty",
+/// "key has more than 79 bytes". To be asked before a key from outside goes into `md5Auth`, whose
+/// setter takes any.
+PAVO_EXPORT const char* checkMd5Key(const Mox::String& key);
 /// An IPv4 peer, or prefix of peers, as an IPv6 socket names it: 192.0.2.0/24 becomes
 /// ::ffff:192.0.2.0/120.
 PAVO_EXPORT IpGenAddrWithMask v4MappedPeer(const IpGenAddrWithMask& peer);

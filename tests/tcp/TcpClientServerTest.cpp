@@ -207,22 +207,27 @@ TEST_F(TcpClientServerTest, AClientPublishesWholeStepsInTheirOrder) {
         {connect, " reason" + failed},
         {second, begun},
         {[&](auto&) { server.sm->startListener(); }, ""},
-        {[&](auto&) { clock_.advance(20); }, " connectionAttemptCount retryTimerNext"},
-        {connect, " retryTimerNext connSocket connectionSuccessCount connectionStatus"},
+        {[&](auto&) { clock_.advance(20); },
+         " connectionAttemptCount retryTimerNext connectionAbandonedCount diagnosis"},
+        {connect, " retryTimerNext connSocket connectionSuccessCount connectionStatus diagnosis"},
         {[](auto& c) { c.config->optionsIs(optionTxTtl); }, " reason connSocket" + failed},  // 0.
         {[](auto& c) { c.config->networkNamespaceIs(nowhere); }, ""},
         {[](auto& c) { c.config->optionsIs(optionTxDs); }, ""},
         {second, " reason connectionErrorCount retryTimerNext"},
         {[](auto& c) { c.config->networkNamespaceIs(NamespaceName()); }, ""},
         {second, begun},
-        {[this](auto&) { clock_.advance(28.75); }, " connectionAttemptCount retryTimerNext"},
-        {[this](auto&) { clock_.advance(0.25); }, " retryTimerNext connectionStatus"},
+        {[this](auto&) { clock_.advance(28.75); },
+         " connectionAttemptCount retryTimerNext connectionAbandonedCount diagnosis"},
+        {[this](auto&) { clock_.advance(0.25); },
+         " retryTimerNext connectionStatus connectionAbandonedCount diagnosis"},
         {[](auto& c) { c.sm->stopConnection(); }, " connectionStatus"},
     };
     TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
     client.config->timeoutIs(30);
     client.config->optionsIs(optionTxDs);
     takeAll(steps, client);
+    EXPECT_EQ(client.status->connectionAbandonedCount(), 3u);
+    EXPECT_EQ(client.status->diagnosis().view().substr(0, 26), "hint: no answer within 9 s");
 }
 
 TEST_F(TcpClientServerTest, AServerPublishesWholeStepsInTheirOrder) {
@@ -247,7 +252,9 @@ TEST_F(TcpClientServerTest, AServerPublishesWholeStepsInTheirOrder) {
         {[](auto& s) { s.config->optionsIs(optionTxDs); }, ""},
         {second, begun},
         {[&](auto& s) { s.config->md5AuthIs(peer, "key"); }, " listening"},
-        {second, " serverStartTimes listening"},
+        {second, " serverStartTimes listening diagnosis"},  // The key is ignored.
+        {[](auto& s) { s.config->optionsIs(optionMd5Auth); }, " diagnosis"},
+        {[](auto& s) { s.config->optionsIs(optionTxDs); }, " diagnosis"},
         {[](auto& s) { s.sm->failApplySocketOptionsInTestIs(true); }, ""},
         {accept, " reason listening"},
         {second, begun},

@@ -238,6 +238,12 @@ struct World : PavoTest::RandomProgram {
         const IpGenAddrWithMask peer(addressOf(six ? "::1" : "127.0.0.1"), six ? 128 : 32);
         oneIn(2) ? config.md5AuthDel(peer) : config.md5AuthIs(peer, "key");
     }
+    void peerTtl(bool six) {
+        TcpServerConfig& config = *anyOf(servers).config;
+        isConfigured = true;
+        const IpGenAddrWithMask peer(addressOf(six ? "::1" : "127.0.0.1"), six ? 128 : 32);
+        oneIn(2) ? config.peerRxMinTtlDel(peer) : config.peerRxMinTtlIs(peer, oneIn(2) ? 255 : 64);
+    }
     std::vector<Actions> kinds();
     void run();
     void checkAtRest();
@@ -320,6 +326,7 @@ std::vector<World::Actions> World::kinds() {
             {"options", [this] { anyConfig().optionsIs(TcpSocketOptions(below(128) & 0x7f)); }},
             {"TTL", [this] { anyConfig().txTtlIs(oneIn(2) ? 0 : 64); }},
             {"least TTL", [this] { anyConfig().rxMinTtlIs(oneIn(2) ? 0 : 255); }},
+            {"peer's TTL", [this] { peerTtl(oneIn(2)); }},
             {"interval", [this] { anyConfig().retryIntervalIs(below(3)); }},
             {"edge", [this] { anyConfig().edgeTriggeredFileDescriptorIs(oneIn(2)); }},
             {"key", [this] { key(oneIn(2)); }},
@@ -418,6 +425,7 @@ void World::checkStart(Client& client, Server& server) {
         config->timeoutIs(0);
         config->retryIntervalIs(1);
     }
+    server.config->peerRxMinTtlDelAll();
     servers[2] = {};
     server.sm->stopListener();
     server.sm->startListener();

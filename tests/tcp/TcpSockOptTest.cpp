@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -10,11 +11,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <map>
 #include <sstream>
 #include <string>
 
 #include "Pavo/ScopedNetNs.h"
 #include "support/Errors.h"
+#include "support/FailSyscall.h"
 #include "tcp/TcpMachines.h"
 
 namespace Pavo {
@@ -24,6 +27,7 @@ using PavoTest::addressOf;
 using PavoTest::TestClient;
 using PavoTest::TestServer;
 using PavoTest::turnsUntil;
+using testing::MatchesRegex;
 
 TEST(TcpFd, OpensNonBlockingSocketsThatTheLastHolderCloses) {
     const auto before = PavoTest::openDescriptors();
@@ -124,6 +128,9 @@ TEST_F(TcpSockOptTest, WrongUseFailsOrStopsTheProcess) {
     EXPECT_EQ(setSockMd5AuthOption(fd->descriptor(), {peer.ipGenAddr(), 256}, "key"), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_DEATH(setSockMd5AuthOption(0, peer, std::string(80, 'k')), "key.bytes\\(\\) < 80");
+    EXPECT_STREQ(checkMd5Key(std::string(80, 'k')), "key has more than 79 bytes");
+    EXPECT_EQ(checkMd5Key(std::string(79, 'k')), nullptr);
+    EXPECT_STREQ(checkMd5Key(""), "key is empty");
     const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
     server.config->optionsIs(optionMd5Auth);
     server.config->md5AuthIs(peer, "");
@@ -161,9 +168,139 @@ TEST_F(TcpSockOptTest, AnInterfaceIsTheScopeOfLinkLocalAddresses) {
     }
 }
 
+std::string textOf(const Mox::String& text) {
+    return std::string(text.view());
+}
+const std::string unanswered = "hint: no answer within 20 s to [0-9]+ segments?; ";
+
+// Also what a listener in the client's namespace drops meanwhile.
+TEST_F(TcpSockOptTest, AnAttemptWithoutAnswerSaysWhatItsNamespaceHasDropped) {
+    const PavoTest::Wire wire;
+    const TestServer silent(&byHand_, &wheel_, "192.0.2.2", 4001);
+    const TestServer picky(&byHand_, &wheel_, "192.0.2.1", 4002);
+    const TestClient client(&byHand_, &wheel_, "192.0.2.2", 4001);
+    const TestClient intruder(&byHand_, &wheel_, "192.0.2.1", 4002);
+    for (const auto& config : {silent.sm->tcpConfig(), intruder.sm->tcpConfig()}) {
+        config->networkNamespaceIs(NamespaceName("right"));
+    }
+    for (const auto& config : {picky.sm->tcpConfig(), client.sm->tcpConfig()}) {
+        config->networkNamespaceIs(NamespaceName("left"));
+    }
+    silent.config->md5AuthIs(Mox::fromText<IpGenAddrWithMask>("192.0.2.1/32"), "key");
+    silent.config->optionsIs(optionMd5Auth);
+    picky.config->rxMinTtlIs(65);
+    picky.config->optionsIs(optionRxMinTtl);
+    client.config->md5AuthIs(Mox::fromText<IpGenAddrWithMask>("192.0.2.2/32"), "key");
+    const std::string ignored = "keys in md5Auth are ignored while optionMd5Auth is off";
+    ASSERT_TRUE(silent.sm->startListener() && picky.sm->startListener());
+    const ScopedNetNs left("left");
+    const auto intrude = [&] {
+        const long before = tcpCounter("TCPMinTTLDrop");
+        intruder.sm->startConnection();
+        EXPECT_TRUE(turnUntil([&] { return tcpCounter("TCPMinTTLDrop") > before; }));
+        intruder.sm->stopConnection();
+    };
+    client.sm->startConnection();
+    EXPECT_EQ(client.status->diagnosis(), ignored);
+    clock_.advance(0.25);
+    for (const double left20 : {19.75, 20.0}) {
+        intrude();
+        clock_.advance(left20);
+        EXPECT_THAT(textOf(client.status->diagnosis()),
+                    MatchesRegex(ignored + "; " + unanswered +
+                                 "this namespace counted [0-9]+ segments? with too small a TTL "
+                                 "meanwhile"));
+    }
+    clock_.advance(20);
+    EXPECT_THAT(textOf(client.status->diagnosis()), MatchesRegex(".*; a peer that asks for .*"));
+    EXPECT_EQ(client.summary(), "connecting  4/0/0");
+}
+
+TEST_F(TcpSockOptTest, AListenerLetsPeersInByTheTtlOfTheirSyn) {
+    const struct {
+        const char *listen, *connect;
+        const char* peers;  // Each followed by its least TTL.
+        uint8_t ttl;        // Of the client.
+        int least;          // Of the accepted socket; -1 where it is refused.
+    } cases[] = {
+        {"127.0.0.1", "127.0.0.1", "127.0.0.0/8 255", 255, 255},
+        {"127.0.0.1", "127.0.0.1", "127.0.0.0/8 255", 254, -1},
+        {"127.0.0.1", "127.0.0.1", "127.0.0.1/32 64 127.0.0.0/8 255", 64, 64},
+        {"127.0.0.1", "127.0.0.1", "127.0.0.1/32 0 127.0.0.0/8 255", 1, 0},
+        {"127.0.0.1", "127.0.0.1", "127.0.0.2/32 255 ::/0 255", 1, 0},
+        {"::1", "::1", "::1/128 255", 255, 255},
+        {"::1", "::1", "::/0 255", 254, -1},
+        {"::", "127.0.0.1", "127.0.0.1/32 200 ::/0 255", 200, 200},
+        {"::", "127.0.0.1", "127.0.0.1/32 200", 199, -1},
+        {"::", "::1", "::1/128 200 0.0.0.0/0 255", 200, 200},
+    };
+    for (const auto& c : cases) {
+        for (const bool setsLive : {false, true}) {
+            SCOPED_TRACE(testing::Message() << c.peers << " " << +c.ttl << " " << setsLive);
+            const TestServer server(&byHand_, &wheel_, c.listen, 4001);
+            const TestClient client(&byHand_, &wheel_, c.connect, 4001);
+            server.sm->v6OnlyIs(c.listen != std::string("::"));
+            client.config->txTtlIs(c.ttl);
+            client.config->optionsIs(optionTxTtl);
+            setsLive ? (void)server.sm->startListener() : void();
+            std::istringstream words(c.peers);
+            int ttl = 0;
+            for (std::string peer; words >> peer >> ttl;) {
+                server.config->peerRxMinTtlIs(Mox::fromText<IpGenAddrWithMask>(peer),
+                                              IpTtl(static_cast<uint8_t>(ttl)));
+            }
+            ASSERT_TRUE(server.sm->startListener());
+            meet(client, server);
+            const bool isIn = c.least >= 0;
+            EXPECT_EQ(server.summary(), isIn ? "+Listening 1/1/1" : "+Listening 1/0/0");
+            EXPECT_EQ(server.status->connSocketRefusedCount(), isIn ? 0u : 1u);
+            if (isIn) {
+                const bool isFour = addressOf(c.connect).af() == ipv4;
+                const SockOpt least = isFour ? SockOpt{IPPROTO_IP, IP_MINTTL}
+                                             : SockOpt{IPPROTO_IPV6, IPV6_MINHOPCOUNT};
+                const auto accepted = server.status->getConnSocket();
+                EXPECT_EQ(least.of(accepted.fileDescriptor()->descriptor()), c.least);
+            } else {
+                EXPECT_THAT(textOf(server.status->diagnosis()),
+                            MatchesRegex("refused [:.0-9f]+: its SYN had TTL " +
+                                         std::to_string(c.ttl) + ", at least .* is asked for"));
+            }
+        }
+    }
+}
+
+TEST_F(TcpSockOptTest, AConnectionWhoseSynIsNotKnownIsRefused) {
+    const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const IpGenAddrWithMask peer(addressOf("127.0.0.1"));
+    ASSERT_TRUE(server.sm->startListener());
+    client.sm->startConnection();
+    await(server);
+    server.config->peerRxMinTtlIs(peer, 1);
+    deliver(server);
+    EXPECT_EQ(server.summary(), "+Listening 1/0/0");
+    EXPECT_EQ(server.status->diagnosis(),
+              "refused 127.0.0.1: the kernel has not kept its SYN, at least 1 is asked for");
+    // A kernel that cannot.
+    PavoTest::FailSyscall fail(2, ENOPROTOOPT, "setsockopt");
+    EXPECT_FALSE(server.sm->restartListener());
+    EXPECT_EQ(server.summary(), "-Setsockopt (Protocol not available) 2/0/0");
+    EXPECT_EQ(server.status->diagnosis(), "the kernel keeps no SYN, by which peerRxMinTtl judges");
+    fail.disarm();
+    clock_.advance(1);
+    EXPECT_EQ(server.summary(), "+Listening 3/0/0");
+    EXPECT_EQ(server.status->diagnosis(), "");
+}
+
 TEST_F(TcpSockOptTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
     const PavoTest::Wire wire;
     const char* const in = "";
+    const std::map<std::string, std::string> wordsOf = {
+        {"TCPMD5Unexpected", "with a signature but no key for it"},
+        {"TCPMD5Failure", "with a wrong signature"},
+        {"TCPMD5NotFound", "without the signature of a key"},
+        {"TCPMinTTLDrop", "with too small a TTL"},
+    };
     const struct {
         const char *listen, *connect;
         const char *serverKeys, *clientKeys;  // Peers, each followed by its key.
@@ -215,6 +352,14 @@ TEST_F(TcpSockOptTest, KeysAndTheSmallestTtlLetTheRightPeerInAndKeepOthersOut) {
         } else {
             EXPECT_TRUE(turnsUntil(loop_, [&] { return tcpCounter(c.dropped) > before; }));
             EXPECT_EQ(client.summary(), "connecting  1/0/0");
+            clock_.advance(20);
+            EXPECT_THAT(textOf(server.status->diagnosis()),
+                        MatchesRegex("hint: this namespace counted [0-9]+ segments? " +
+                                     wordsOf.at(c.dropped) + " since the start"));
+            EXPECT_THAT(textOf(client.status->diagnosis()),
+                        MatchesRegex(unanswered + (*c.clientKeys != '\0'
+                                                       ? "a peer without this key .*"
+                                                       : "a peer that asks for a signature.*")));
         }
     }
 }
