@@ -149,8 +149,9 @@ void TcpAttempt::endUnanswered(int sd, bool isSigned) {
     } else {
         found = "a peer that asks for a signature, or for a greater TTL, does not answer";
     }
+    const double waited = wheel_->now() - begin_;
     char seconds[32];
-    std::snprintf(seconds, sizeof(seconds), "%.3g", wheel_->now() - begin_);
+    std::snprintf(seconds, sizeof(seconds), waited < 1 ? "%.2g" : "%.0f", waited);
     hint_ = "hint: no answer within " + std::string(seconds) + " s to " +
             counted(segmentsSent(sd), "segment") + "; " + found;
     before_ = now;
