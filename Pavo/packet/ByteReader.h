@@ -30,6 +30,7 @@ class ByteReader {
   public:
     /// Of no bytes.
     constexpr ByteReader() = default;
+    /// Of these bytes.
     constexpr explicit ByteReader(std::span<const uint8_t> bytes)
         : begin_(bytes.data()), at_(begin_), end_(begin_ + bytes.size()) {}
     /// Of the characters of a text.
@@ -106,6 +107,7 @@ class ByteReader {
 ///     out.u16At(lengthAt, out.offset() - lengthAt);
 class ByteWriter {
   public:
+    /// Into this memory.
     constexpr explicit ByteWriter(std::span<uint8_t> room) : room_(room) {}
 
     /// Appends a number of as many bits; one that needs more is a failure.
