@@ -1,0 +1,408 @@
+#include "Pavo/tcp/TcpPeer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <functional>
+#include <utility>
+
+#include "Mox/Exception.h"
+#include "Mox/Trace.h"
+#include "Pavo/tcp/TcpClientSm.h"
+#include "Pavo/tcp/TcpPeering.h"
+#include "Pavo/tcp/TcpSockOpt.h"
+#include "Pavo/value/IpGenAddrWithMask.h"
+
+namespace Pavo {
+
+namespace {
+
+Mox::TraceFacility facility("Pavo::TcpPeer");
+
+// For what the peer has sent before this end could not send any more.
+constexpr double lastMessagesSeconds = 1;
+
+}  // namespace
+
+// One attempt to connect. Its status is its own, since a machine still writes it while it ends.
+struct TcpPeer::Attempt {
+    Mox::Ptr<TcpClientConfig> config;
+    Mox::Ptr<TcpClientStatus> status = tcpClientStatusFactory();
+    Mox::Ptr<TcpClientSm> machine;
+    Mox::Watch<TcpClientStatus> watch;
+};
+
+struct TcpPeer::Link {
+    TcpPeerConnection connection;
+    Mox::Ptr<FramedTcpPduPam> pam;
+    double upSince;
+    Mox::Watch<FramedTcpPduPam> readable;
+    Mox::Watch<FramedTcpPduPam> writable;
+    Mox::Watch<FramedTcpPduPam> failed;
+};
+
+TcpPeer::TcpPeer(TcpPeering* peering, const TcpPeerConfig& config)
+    : peering_(peering), config_(config), timer_(peering->wheel(), [this] { handleTimer(); }) {}
+
+TcpPeer::~TcpPeer() = default;
+
+TcpPeerConnection TcpPeer::connection() const {
+    return link_ ? link_->connection : TcpPeerConnection();
+}
+
+Mox::Ptr<FramedTcpPduPam> TcpPeer::pam() const {
+    return link_ ? link_->pam : nullptr;
+}
+
+bool TcpPeer::isOpen() const {
+    return isAnnounced_ && (due_ & downDue) == 0;
+}
+
+bool TcpPeer::writable() const {
+    return isOpen() && link_->pam->writable();
+}
+
+bool TcpPeer::connects() const {
+    return config_.mode == TcpPeerMode::active || config_.mode == TcpPeerMode::both;
+}
+
+bool TcpPeer::accepts(const TcpConnSocket& connection) const {
+    return (config_.mode == TcpPeerMode::passive || config_.mode == TcpPeerMode::both) &&
+           (config_.localAddress.af() == ipunknown ||
+            config_.localAddress == connection.srcIpAddr());
+}
+
+// Makes the changes, and then notifies of them.
+void TcpPeer::publish(const std::function<void()>& changes) {
+    const Mox::Ptr<TcpPeer> hold(this);
+    publisher_.publish(changes);
+}
+
+void TcpPeer::stateIs(State state) {
+    publisher_.set(state_, state, stateAttr);
+}
+
+void TcpPeer::reasonIs(const Mox::String& reason) {
+    MOX_TRACE(facility, 1, config_.address, ": ", reason);
+    publisher_.set(reason_, reason, reasonAttr);
+}
+
+void TcpPeer::configIs(const TcpPeerConfig& config) {
+    if (config == config_) {
+        return;
+    }
+    publish([&] {
+        config_ = config;
+        attempt_.reset();
+        if (link_ && config_.mode == TcpPeerMode::none) {
+            dropLink("Switched off");
+        }
+        if (link_) {
+            applyToSocket(link_->connection.socket);
+            applyToPam(link_->pam.ptr());
+        } else {
+            failuresInRow_ = 0;
+            start();
+        }
+        peering_->updateListeners(config_.address);
+    });
+}
+
+void TcpPeer::begin() {
+    publish([this] {
+        start();
+        peering_->updateListeners(config_.address);
+    });
+}
+
+void TcpPeer::start() {
+    publish([this] {
+        timerIs(Keel::TimerWheel::idle);
+        if (connects()) {
+            connect();
+        } else {
+            stateIs(State::idle);
+        }
+    });
+}
+
+// Connects with a new machine: an attempt may fail before `startConnection` returns.
+void TcpPeer::connect() {
+    stateIs(State::connecting);
+    publisher_.set(attempts_, attempts_ + 1, attemptsAttr);
+    attempt_ = std::make_unique<Attempt>();
+    const auto config = attempt_->config = clientConfig();
+    const auto machine = attempt_->machine =
+        tcpClientSmFactory(peering_->registrations_.ptr(), peering_->wheel(), /*clientId=*/0,
+                           config, attempt_->status);
+    attempt_->watch = {attempt_->status, TcpClientStatus::connectionStatusAttr,
+                       [this] { handleAttempt(); }};
+    machine->startConnection();
+}
+
+Mox::Ptr<TcpClientConfig> TcpPeer::clientConfig() const {
+    const auto config = tcpClientConfigFactory(config_.address, config_.port);
+    TcpSocketOptions options;
+    config->networkNamespaceIs(peering_->netNs());
+    config->clientIpAddrIs(config_.localAddress);
+    config->ifIndexIs(config_.ifIndex);
+    config->timeoutIs(config_.connectTimeoutSeconds);
+    config->kernelTcpTimeoutIs(UINT32_MAX);  // The peering plans the next attempt.
+    if (config_.minTtl != IpTtl(0)) {
+        config->txTtlIs(IpTtl::max);
+        config->rxMinTtlIs(config_.minTtl);
+        options = options | optionTxTtl | optionRxMinTtl;
+    }
+    if (config_.dscp != IpDscp(0)) {
+        config->txDsIs(config_.dscp);
+        options = options | optionTxDs;
+    }
+    if (!config_.md5Key.empty()) {
+        config->md5AuthIs(IpGenAddrWithMask(config_.address), config_.md5Key);
+        options = options | optionMd5Auth;
+    }
+    config->optionsIs(options);
+    return config;
+}
+
+void TcpPeer::handleAttempt() {
+    using Status = TcpClientStatus::ConnectionStatus;
+    const auto status = attempt_->status;
+    if (status->connectionStatus() == Status::connected) {
+        const TcpPeerConnection connection{status->connSocket(), /*isAccepted=*/false};
+        attempt_.reset();
+        established(connection);
+    } else if (status->connectionStatus() == Status::failed) {
+        attemptFailed(status->reason());
+    } else if (status->connectionStatus() == Status::timedout) {
+        attemptFailed(status->diagnosis());
+    }
+}
+
+void TcpPeer::attemptFailed(const Mox::String& reason) {
+    publish([&] {
+        attempt_.reset();
+        publisher_.set(failures_, failures_ + 1, failuresAttr);
+        if (!link_) {
+            reasonIs(reason);
+            planAttempt();
+        }
+    });
+}
+
+// The time doubles with each failure, exactly, as far as there are bits for it.
+void TcpPeer::planAttempt() {
+    if (attempt_) {
+        stateIs(State::connecting);  // It was left over.
+    } else if (connects()) {
+        const int doublings = static_cast<int>(std::min(failuresInRow_++, 1000u));
+        timerIs(peering_->wheel()->now() +
+                std::min(std::ldexp(config_.connectRetrySeconds, doublings),
+                         config_.connectRetryMaxSeconds));
+        stateIs(State::backingOff);
+    } else {
+        stateIs(State::idle);
+    }
+}
+
+void TcpPeer::timerIs(double expiry) {
+    timer_.expiryIs(expiry);
+    publisher_.set(nextAttempt_, expiry, nextAttemptAttr);
+}
+
+void TcpPeer::handleTimer() {
+    if (link_) {
+        linkLost(link_->pam->txErrorReason());
+    } else {
+        start();
+    }
+}
+
+void TcpPeer::established(const TcpPeerConnection& connection) {
+    const Mox::Ptr<TcpPeer> hold(this);
+    const bool collides = link_ != nullptr;
+    const auto decision = collides
+                              ? peering_->handler_->collision(*this, this->connection(), connection)
+                              : TcpCollision::arriving;
+    if (peering_ == nullptr || config_.mode == TcpPeerMode::none) {
+        return;  // The handler has deleted the peer, or switched it off.
+    }
+    publish([&] {
+        if (collides) {
+            publisher_.set(collisions_, collisions_ + 1, collisionsAttr);
+        }
+        if (decision == TcpCollision::established) {
+            return;
+        }
+        if (link_) {
+            dropLink("Replaced by another connection");
+        }
+        bringUp(connection);
+    });
+}
+
+void TcpPeer::bringUp(const TcpPeerConnection& connection) try {
+    auto link = std::make_unique<Link>();
+    link->connection = connection;
+    link->upSince = peering_->wheel()->now();
+    link->pam = framedTcpPduPamFactory(connection.socket.fileDescriptor(), peering_->registrations_,
+                                       peering_->framing());
+    applyToSocket(connection.socket);
+    applyToPam(link->pam.ptr());
+    link->readable = {link->pam, Pam::readableCountAttr, [this] { receive(); }};
+    link->writable = {link->pam, Pam::writableCountAttr, [this] { dueIs(writableDue); }};
+    link->failed = {link->pam, {Pam::rxErrorsAttr, Pam::txErrorsAttr}, [this](const Mox::Change&) {
+                        handleError();
+                    }};
+    link_ = std::move(link);
+    timerIs(Keel::TimerWheel::idle);
+    stateIs(State::up);
+    publisher_.set(ups_, ups_ + 1, upsAttr);
+    dueIs(upDue);
+} catch (const Mox::ErrnoException& error) {
+    reasonIs(error.what());
+    planAttempt();
+}
+
+// Without TCP_NODELAY a small message would wait for the acknowledgement of the one before, up to
+// 40 ms.
+void TcpPeer::applyToSocket(const TcpConnSocket& connection) const {
+    const AddressFamily af = config_.address.af();
+    const int sd = connection.fileDescriptor()->descriptor();
+    const bool isProtected = config_.minTtl != IpTtl(0);
+    if (setSockOptTxTtl(af, sd, isProtected, IpTtl::max) != 0 ||
+        setSockOptRxMinTtl(af, sd, isProtected, config_.minTtl) != 0 ||
+        setSockOptTxDs(af, sd, config_.dscp != IpDscp(0), config_.dscp) != 0 ||
+        setSocketOptionInteger(sd, IPPROTO_TCP, TCP_NODELAY, 1, /*verify=*/false) != 0) {
+        MOX_TRACE(facility, 0, config_.address, ": setsockopt() error: errno=", errno);
+    }
+}
+
+void TcpPeer::applyToPam(FramedTcpPduPam* pam) const {
+    pam->readAheadBytesIs(config_.readAheadBytes);
+    pam->txQueueBytesIs(config_.txQueueBytes);
+    pam->keepaliveOptsIs(config_.keepalive);
+}
+
+// A connection that did not last counts as a failed attempt.
+void TcpPeer::linkLost(const Mox::String& reason) {
+    publish([&] {
+        if (peering_->wheel()->now() - link_->upSince >= config_.minUpSeconds) {
+            failuresInRow_ = 0;
+        }
+        dropLink(reason);
+        planAttempt();
+    });
+}
+
+// The handler is notified of the loss of the connection that it knows, and of no later one before.
+void TcpPeer::dropLink(const Mox::String& reason) {
+    link_.reset();
+    timerIs(Keel::TimerWheel::idle);
+    reasonIs(reason);
+    due_ &= downDue;
+    if (isAnnounced_ && due_ == 0) {
+        downReason_ = reason;
+        dueIs(downDue);
+    }
+}
+
+void TcpPeer::handleError() {
+    const auto pam = link_->pam;
+    if (!pam->rxErrorReason().empty()) {
+        linkLost(pam->rxErrorReason());
+    } else if (pam->txErrno() != EMSGSIZE && !pam->txErrorReason().empty() && timer_.isIdle()) {
+        timer_.expiryIs(peering_->wheel()->now() + lastMessagesSeconds);
+    }
+}
+
+void TcpPeer::receive() {
+    const Mox::Ptr<TcpPeer> hold(this);
+    const auto pam = link_->pam;
+    const Mox::Ptr<Pkt> pkt = pam->rxPkt();
+    if (pkt && this->pam() == pam) {
+        peering_->handler_->message(*this, pkt);
+    }
+}
+
+bool TcpPeer::txPktIs(const Mox::Ptr<Pkt>& pkt) {
+    return txPktsIs({&pkt, 1}) == 1;
+}
+
+// With a queue the endpoint takes messages without room, too.
+uint32_t TcpPeer::txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts) {
+    const Mox::Ptr<TcpPeer> hold(this);
+    const auto pam = isOpen() ? link_->pam : nullptr;
+    uint32_t taken = 0;
+    if (pam && (pam->txQueueBytes() != 0 || pam->writable())) {
+        const uint32_t refused = pam->txDrops() + pam->txErrors();
+        taken = pam->txPktsIs(pkts);
+        taken -= std::min(taken, pam->txDrops() + pam->txErrors() - refused);
+    }
+    publisher_.inc(txDrops_, static_cast<uint32_t>(pkts.size()) - taken, txDropsAttr);
+    return taken;
+}
+
+void TcpPeer::close(const Mox::String& reason, double drainSeconds) {
+    if (!link_) {
+        return;
+    }
+    publish([&] {
+        const auto pam = link_->pam;
+        linkLost(reason);
+        peering_->drain(pam, drainSeconds);
+    });
+}
+
+void TcpPeer::leave(const Mox::String& reason) {
+    publish([&] {
+        config_.mode = TcpPeerMode::none;
+        attempt_.reset();
+        if (link_) {
+            dropLink(reason);
+        }
+        timerIs(Keel::TimerWheel::idle);
+        stateIs(State::idle);
+        std::exchange(peering_, nullptr)->updateListeners(config_.address);
+    });
+}
+
+void TcpPeer::dueIs(Due what) {
+    const bool isListed = due_ != 0;
+    due_ |= what;
+    if (!isListed) {
+        peering_->due(this);
+    }
+}
+
+// Calls the handler once. The peer may have been deleted meanwhile.
+void TcpPeer::deliver(TcpPeeringHandler* handler) {
+    const uint32_t first = due_ & -due_;
+    due_ -= first;
+    if (first == downDue) {
+        isAnnounced_ = false;
+        handler->down(*this, std::exchange(downReason_, {}));
+    } else if (first == upDue) {
+        if (opens()) {
+            isAnnounced_ = true;
+            handler->up(*this);
+        }
+    } else if (first == writableDue && writable()) {
+        handler->writable(*this);
+    }
+}
+
+// Nothing passes before, so that the agent sends and receives nothing on a connection that it does
+// not know of. An observer of the endpoint may end the connection.
+bool TcpPeer::opens() try {
+    link_->pam->enableModeIs(tcpEnableModeReadWrite);
+    return link_ != nullptr;
+} catch (const Mox::ErrnoException& error) {
+    linkLost(error.what());
+    return false;
+}
+
+}  // namespace Pavo

@@ -1,0 +1,463 @@
+// Peers over TCP: random programs of many peers whose handlers act and throw, and the rules for
+// collisions, back-off and reasons.
+#include "Pavo/TcpPeering.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+
+#include "Pavo/NetOrder.h"
+#include "support/Errors.h"
+#include "support/FailSyscall.h"
+#include "support/Seeds.h"
+#include "tcp/TcpMachines.h"
+
+namespace Pavo {
+namespace {
+
+using PavoTest::addressOf;
+using PavoTest::FailSyscall;
+
+constexpr Port port(1790);
+constexpr uint32_t hub = 0;
+constexpr uint32_t ends = 4;  // The hub, and others, each of which has the hub as its only peer.
+
+std::string textOf(uint32_t end) {
+    return "127.0.0." + std::to_string(end + 1);
+}
+
+struct Thrown {};
+
+// Four peerings in one namespace. Time is that of the test; bytes pass the kernel.
+class World {
+  public:
+    explicit World(uint32_t seed) : random_(seed) {
+        for (uint32_t end = 0; end < ends; ++end) {
+            start(end);
+        }
+    }
+    ~World() {
+        for (End& end : ends_) {
+            end.peering = nullptr;
+        }
+        turn(0);
+    }
+
+    void run() {
+        for (uint32_t step = 0; step < 60 && !testing::Test::HasFailure(); ++step) {
+            budget_ = 6;
+            safely([this] { act(below(ends)); });
+            turn(oneIn(3) ? below(8) * 0.25 : 0);
+        }
+        budget_ = 0;
+        comesToRest();
+    }
+
+  private:
+    // What the agent of an end knows of a peer.
+    struct Session {
+        bool isUp = false;
+        uint32_t sent = 0;
+        uint32_t received = 0;
+    };
+    struct End : TcpPeeringHandler {
+        World* world = nullptr;
+        Mox::Ptr<TcpPeering> peering;
+        std::map<const TcpPeer*, Session> sessions;
+        uint32_t number = 0;
+
+        void up(TcpPeer& peer) override {
+            EXPECT_FALSE(std::exchange(sessions[&peer], {.isUp = true}).isUp);
+            world->respond(number);
+        }
+        void message(TcpPeer& peer, const Mox::Ptr<Pkt>& pkt) override {
+            Session& session = sessions[&peer];
+            EXPECT_TRUE(session.isUp);
+            EXPECT_EQ(loadNet<uint32_t>(pkt->frontData() + 2), session.received++);
+            world->respond(number);
+        }
+        void down(TcpPeer& peer, const Mox::String& reason) override {
+            EXPECT_TRUE(std::exchange(sessions[&peer].isUp, false));
+            EXPECT_FALSE(reason.empty());
+            world->respond(number);
+        }
+        TcpCollision collision(TcpPeer& peer, const TcpPeerConnection& established,
+                               const TcpPeerConnection& arriving) override {
+            world->respond(number);
+            return TcpPeeringHandler::collision(peer, established, arriving);
+        }
+    };
+
+    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    bool oneIn(uint32_t chances) { return below(chances) == 0; }
+    void respond(uint32_t end) {
+        if (oneIn(3)) {
+            act(oneIn(3) ? below(ends) : end);
+        }
+    }
+    template <class Call>
+    static void safely(Call call) {
+        try {
+            call();
+        } catch (const Thrown&) {
+        }
+    }
+    void turn(double seconds) {
+        for (uint32_t turns = 0; turns < 4; ++turns) {
+            safely([this] { loop_.turn(0); });
+            safely([&] { clock_.advance(std::exchange(seconds, 0)); });
+        }
+    }
+
+    void start(uint32_t number) {
+        End& end = ends_[number];
+        end.world = this;
+        end.number = number;
+        end.sessions.clear();
+        end.peering = tcpPeeringFactory("end", NamespaceName(), length16Framing, &end, &wheel_);
+        configureAlike(number);
+    }
+    void configureAlike(uint32_t number) {
+        listen(number);
+        for (uint32_t other = 0; other < ends; ++other) {
+            if ((number == hub) != (other == hub)) {
+                ends_[number].peering->peerIs(configOf(number, other));
+            }
+        }
+    }
+    static TcpPeerConfig configOf(uint32_t end, uint32_t other) {
+        TcpPeerConfig config;
+        config.address = addressOf(textOf(other).c_str());
+        config.localAddress = addressOf(textOf(end).c_str());
+        config.port = port;
+        config.minUpSeconds = 1;
+        config.minTtl = IpTtl(end == 1 || other == 1 ? 255u : 0u);
+        config.connectRetryMaxSeconds = 4;
+        return config;
+    }
+    TcpPeerConfig anyConfig(uint32_t end, uint32_t other) {
+        TcpPeerConfig config = configOf(end, other);
+        config.mode = static_cast<TcpPeerMode>(oneIn(2) ? 3 : below(4));
+        config.md5Key = oneIn(3) ? "a key" : oneIn(6) ? "another key" : "";
+        config.txQueueBytes = below(3) * 2000;
+        config.readAheadBytes = below(2) * 4096;
+        return config;
+    }
+
+    void act(uint32_t number) {
+        if (budget_ == 0) {
+            return;
+        }
+        --budget_;
+        End& end = ends_[number];
+        const uint32_t other = number == hub ? 1 + below(ends - 1) : hub;
+        const IpGenAddr address = addressOf(textOf(other).c_str());
+        const auto peer = end.peering->peer(address);
+        switch (below(10)) {
+            case 0:
+                return end.peering->peerDel(address);
+            case 1:
+            case 2:
+                return (void)end.peering->peerIs(anyConfig(number, other));
+            case 3:
+                end.peering = nullptr;
+                return start(number);
+            case 4:
+                return oneIn(2) ? end.peering->listenDel(ipv4) : listen(number);
+            case 5:
+                throw Thrown();
+            case 6:
+                return peer ? peer->close("closed", below(2)) : void();
+            default:
+                return peer ? sendTo(&end, peer, below(20)) : void();
+        }
+    }
+    void listen(uint32_t number) {
+        ends_[number].peering->listenIs(addressOf(textOf(number).c_str()), port);
+    }
+    static void sendTo(End* end, const Mox::Ptr<TcpPeer>& peer, uint32_t messages) {
+        for (; messages > 0; --messages) {
+            const auto pkt = globalPktManager()->newPkt();
+            const uint32_t number = end->sessions[peer.ptr()].sent;
+            storeNet(pkt->newSharedTailData(2), static_cast<uint16_t>(4 + number % 900));
+            storeNet(pkt->newSharedTailData(4), number);
+            pkt->newSharedTailData(number % 900);
+            end->sessions[peer.ptr()].sent += peer->txPktIs(pkt) ? 1 : 0;
+        }
+    }
+
+    // Once all is configured alike, all come up and stay, and messages pass.
+    void comesToRest() {
+        for (uint32_t number = 0; number < ends; ++number) {
+            configureAlike(number);
+        }
+        for (uint32_t turns = 0; turns < 200; ++turns) {
+            turn(0.25);
+        }
+        sendToAll(30);
+        turn(0);
+        turn(0);
+        for (uint32_t other = 1; other < ends; ++other) {
+            const Session& near = sessionWith(hub, other);
+            const Session& far = sessionWith(other, hub);
+            EXPECT_GE(near.sent, 30u);
+            EXPECT_EQ(near.sent, far.received);
+            EXPECT_GE(far.sent, 30u);
+            EXPECT_EQ(far.sent, near.received);
+        }
+    }
+    void sendToAll(uint32_t messages) {
+        for (End& end : ends_) {
+            for (const auto& [key, peer] : end.peering->peers()) {
+                sendTo(&end, peer, messages);
+            }
+        }
+    }
+    const Session& sessionWith(uint32_t number, uint32_t other) {
+        End& end = ends_[number];
+        return end.sessions[end.peering->peer(addressOf(textOf(other).c_str())).ptr()];
+    }
+
+    std::mt19937 random_;
+    uint32_t budget_ = 0;
+    Mox::EventLoop loop_;
+    Mox::ManualClock clock_;
+    Keel::TimerWheel wheel_{&clock_};
+    End ends_[ends];
+};
+
+TEST(TcpPeering, PeersThatComeGoAndChangeAreUpAgainInTheEnd) {
+    SANDBOX_OR_SKIP();
+    (void)globalPktManager();  // Lives for ever.
+    for (const uint32_t seed : PavoTest::Seeds(40)) {
+        SCOPED_TRACE(seed);
+        const auto descriptors = PavoTest::openDescriptors();
+        const uint32_t objects = Mox::liveObjects();
+        std::make_unique<World>(seed)->run();
+        EXPECT_EQ(PavoTest::openDescriptors(), descriptors);
+        EXPECT_EQ(Mox::liveObjects(), objects);
+    }
+}
+
+// An agent that writes down what it is notified of, and sends a message when a peer comes.
+struct Agent : TcpPeeringHandler {
+    Agent(const char* netNs, Keel::TimerWheel* wheel)
+        : peering(tcpPeeringFactory("agent", NamespaceName(netNs), length16Framing, this, wheel)) {}
+
+    void up(TcpPeer& peer) override {
+        log += "up ";
+        const auto pkt = globalPktManager()->newPkt();
+        storeNet(pkt->newSharedTailData(2), uint16_t{5});
+        pkt->stringValueIs("hello", /*atTail=*/true);
+        EXPECT_TRUE(peer.txPktIs(pkt));
+        if (closes) {
+            peer.close("had enough");
+        }
+    }
+    void message(TcpPeer&, const Mox::Ptr<Pkt>& pkt) override {
+        log += std::string(pkt->stringValue()).substr(2) + " ";
+    }
+    void down(TcpPeer&, const Mox::String& reason) override {
+        log += "down: " + std::string(reason) + " ";
+    }
+
+    Mox::Ptr<TcpPeering> peering;
+    std::string log;
+    bool closes = false;
+};
+
+class TcpPeeringTest : public PavoTest::TcpTest {
+  protected:
+    bool awaits(const std::function<bool()>& done) {
+        return turnUntil([&] {
+            clock_.advance(0);
+            return done();
+        });
+    }
+
+    Agent near_{"", &wheel_};
+    Agent far_{"", &wheel_};
+};
+
+TEST(TcpPeering, BothEndsKeepTheSameOfTwoConnections) {
+    for (const bool isFirstGreater : {false, true}) {
+        // By the end that opened them, as the first end sees them and as the second does.
+        const TcpPeerConnection ofFirst[] = {{.isAccepted = false}, {.isAccepted = true}};
+        const TcpPeerConnection ofSecond[] = {{.isAccepted = true}, {.isAccepted = false}};
+        const auto kept = [&](bool atFirst, int established) {
+            const auto& seen = atFirst ? ofFirst : ofSecond;
+            return tcpCollisionByNumber(atFirst == isFirstGreater, seen[established],
+                                        seen[1 - established]) == TcpCollision::established
+                       ? established
+                       : 1 - established;
+        };
+        for (const int order : {0, 1, 2, 3}) {
+            EXPECT_EQ(kept(true, order & 1), isFirstGreater ? 0 : 1);
+            EXPECT_EQ(kept(false, order >> 1), isFirstGreater ? 0 : 1);
+        }
+    }
+    EXPECT_EQ(tcpCollisionByNumber(true, {.isAccepted = true}, {.isAccepted = true}),
+              TcpCollision::arriving);
+}
+
+TEST_F(TcpPeeringTest, DelaysGrowUntilAConnectionLasts) {
+    TcpPeerConfig config{.address = addressOf("127.0.0.1"),
+                         .port = port,
+                         .localAddress = addressOf("192.0.2.77"),
+                         .connectRetrySeconds = 1,
+                         .connectRetryMaxSeconds = 5};
+    const auto peer = near_.peering->peerIs(config);
+    for (const double delay : {1, 2, 4, 5, 5}) {
+        EXPECT_EQ(peer->state(), TcpPeer::State::backingOff);
+        EXPECT_EQ(peer->reason(), "Bind (Cannot assign requested address)");
+        EXPECT_EQ(peer->nextAttempt() - clock_.now(), delay);
+        clock_.advance(delay);
+    }
+    config.localAddress = addressOf("127.0.0.2");
+    far_.peering->listenIs(addressOf("127.0.0.1"), port);
+    far_.peering->peerIs({.address = config.localAddress, .mode = TcpPeerMode::passive});
+    near_.peering->peerIs(config);
+    const struct { double upSeconds, delay; } connections[] = {{9.75, 1}, {0, 2}, {10, 1}, {1, 2}};
+    for (const auto& c : connections) {
+        ASSERT_TRUE(awaits([&] { return near_.log == "up hello "; })) << near_.log;
+        clock_.advance(c.upSeconds);
+        far_.peering->peer(config.localAddress)->close("enough");
+        ASSERT_TRUE(awaits([&] { return peer->state() == TcpPeer::State::backingOff; }));
+        EXPECT_EQ(peer->nextAttempt() - clock_.now(), c.delay);
+        clock_.advance(0);
+        EXPECT_EQ(near_.log, "up hello down: Connection closed by peer ");
+        near_.log = "";
+        clock_.advance(c.delay);
+    }
+    EXPECT_TRUE(awaits([&] { return far_.peering->closing() == 0; }));
+}
+
+TEST_F(TcpPeeringTest, AReasonIsGivenForWhatDoesNotFit) {
+    const IpGenAddr address = addressOf("127.0.0.1");
+    const struct {
+        const char *key, *otherKey;
+        uint32_t minTtl, otherMinTtl;
+        bool listens;
+        const char* reason;
+    } cases[] = {
+        {"", "", 0, 0, false, "Connect (Connection refused)"},
+        {"a key", "a key", 0, 0, false, "hint: no answer within 20 s"},
+        {"a key", "another", 0, 0, true, "hint: no answer within 20 s"},
+        {"", "a key", 0, 0, true, "hint: no answer within 20 s"},
+        {"a key", "", 0, 0, true, "hint: no answer within 20 s"},
+        {"", "", 255, 0, true, "hint: no answer within 20 s"},
+        {"", "", 0, 255, true, "Connection closed by peer"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        far_.peering->listenDel(ipv4);
+        if (c.listens) {
+            far_.peering->peerIs({.address = addressOf("127.0.0.2"),
+                                  .mode = TcpPeerMode::passive,
+                                  .md5Key = c.otherKey,
+                                  .minTtl = IpTtl(c.otherMinTtl)});
+            far_.peering->listenIs(address, port);
+        }
+        const auto peer = near_.peering->peerIs({.address = address,
+                                                 .port = port,
+                                                 .localAddress = addressOf("127.0.0.2"),
+                                                 .mode = TcpPeerMode::active,
+                                                 .md5Key = c.key,
+                                                 .minTtl = IpTtl(c.minTtl)});
+        if (std::string(c.reason).starts_with("hint")) {
+            loop_.turn(0);
+            clock_.advance(20);
+        }
+        ASSERT_TRUE(awaits([&] { return peer->state() == TcpPeer::State::backingOff; }));
+        EXPECT_TRUE(std::string(peer->reason()).starts_with(c.reason)) << peer->reason();
+        near_.peering->peerDelAll();
+    }
+    EXPECT_EQ(far_.peering->listenerStatus(ipv4)->diagnosis(),
+              "refused 127.0.0.2: its SYN had TTL 64, at least 255 is asked for");
+    EXPECT_EQ(far_.log, "");
+}
+
+TEST_F(TcpPeeringTest, LinkLocalPeersAreToldApartByTheirInterface) {
+    const PavoTest::Wire wire;
+    Agent left("left", &wheel_);
+    Agent right("right", &wheel_);
+    left.closes = true;
+    right.peering->listenIs(addressOf("::"), port);
+    right.peering->peerIs({.address = addressOf("fe80::1"),
+                           .ifIndex = wire.index("right"),
+                           .mode = TcpPeerMode::passive,
+                           .md5Key = "a key",
+                           .minTtl = IpTtl::max});
+    left.peering->peerIs({.address = addressOf("fe80::2"),
+                          .port = port,
+                          .ifIndex = wire.index("left"),
+                          .mode = TcpPeerMode::active,
+                          .md5Key = "a key",
+                          .minTtl = IpTtl::max});
+    EXPECT_TRUE(awaits([&] { return right.log.ends_with("peer "); }));
+    EXPECT_EQ(right.log, "up hello down: Connection closed by peer ");
+    EXPECT_EQ(left.log, "up down: had enough ");
+    EXPECT_EQ(right.peering->refused(), 0u);
+    left.peering->peerDelAll();
+    left.closes = false;
+    left.peering->peerIs(
+        {.address = addressOf("2001:db8::2"), .port = port, .mode = TcpPeerMode::active});
+    EXPECT_TRUE(awaits([&] { return right.peering->refused() == 1; }));  // No peer has the address.
+}
+
+TEST_F(TcpPeeringTest, EachFailingCallIsOvercome) {
+    const IpGenAddr address = addressOf("127.0.0.2");
+    far_.peering->listenIs(addressOf("127.0.0.1"), port);
+    far_.peering->peerIs({.address = address, .mode = TcpPeerMode::passive});
+    unsigned failures = 0;
+    for (bool happened = true; happened && failures < 100; failures += happened) {
+        near_.log = far_.log = "";
+        FailSyscall fail(failures + 1, ENOMEM, "!epoll_wait");
+        near_.peering->peerIs(
+            {.address = addressOf("127.0.0.1"), .port = port, .localAddress = address});
+        for (uint32_t turns = 0; turns < 10; ++turns) {
+            loop_.turn(0);
+            clock_.advance(0);
+        }
+        fail.disarm();
+        happened = fail.happened();
+        SCOPED_TRACE(fail.name());
+        EXPECT_TRUE(turnUntil([&] {
+            clock_.advance(0.25);
+            return near_.log.ends_with("up hello ") && far_.log.ends_with("up hello ");
+        })) << near_.log
+            << "/ " << far_.log;
+        near_.peering->peerDelAll();
+        EXPECT_TRUE(awaits([&] { return far_.log.ends_with("peer "); }));
+    }
+    EXPECT_GT(failures, 10u);
+}
+
+TEST_F(TcpPeeringTest, ABadConfigurationChangesNothing) {
+    const TcpPeerConfig good{.address = addressOf("127.0.0.9"), .mode = TcpPeerMode::passive};
+    const auto peer = near_.peering->peerIs(good);
+    const auto errorOf = [&](const auto& spoil) {
+        TcpPeerConfig bad = good;
+        spoil(bad);
+        return rangeErrorOf([&] { near_.peering->peerIs(bad); });
+    };
+    EXPECT_EQ(errorOf([](auto& bad) { bad.md5Key = std::string(80, 'x').c_str(); }),
+              "key has more than 79 bytes");
+    EXPECT_EQ(errorOf([](auto& bad) { bad.mode = TcpPeerMode::both; }), "TcpPeerConfig: no port");
+    EXPECT_EQ(errorOf([](auto& bad) { bad.address = addressOf("fe80::1"); }),
+              "TcpPeerConfig: a link-local address needs an interface");
+    EXPECT_EQ(errorOf([](auto& bad) { bad.connectRetrySeconds = std::nan(""); }),
+              "TcpPeerConfig: times must be positive");
+    EXPECT_EQ(peer->config(), good);
+}
+
+}  // namespace
+}  // namespace Pavo
