@@ -3,9 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
-#include "Mox/Enum.h"
 #include "Pavo/NetU.h"
+#include "Pavo/TcpFraming.h"
 
 namespace Session {
 
@@ -15,13 +16,6 @@ enum class MsgType : uint32_t {
     update = 3,        ///< numbered from 1; carries a body
     notification = 4,  ///< ends the session; the body says why
 };
-
-constexpr auto enumDescription(MsgType) {
-    return Mox::enumeration<MsgType>("Invalid MsgType", {{MsgType::open, "open"},
-                                                         {MsgType::keepAlive, "keep-alive"},
-                                                         {MsgType::update, "update"},
-                                                         {MsgType::notification, "notification"}});
-}
 
 /// The header of every message, in network byte order:
 ///
@@ -41,23 +35,22 @@ class MsgHdr {
   public:
     static constexpr uint8_t currentVersion = 1;
 
-    uint8_t version() const { return version_; }
-    void versionIs(uint8_t version) { version_ = version; }
+    MsgHdr(MsgType type, uint32_t bytes, uint32_t speaker, uint32_t number, uint16_t holdSeconds)
+        : type_(static_cast<uint8_t>(type)),
+          length_(static_cast<uint16_t>(bytes)),
+          speaker_(speaker),
+          number_(number),
+          holdSeconds_(holdSeconds) {}
+
     /// An unknown type reads as its number.
     MsgType type() const { return static_cast<MsgType>(type_); }
-    void typeIs(MsgType type) { type_ = static_cast<uint8_t>(type); }
-    uint16_t lengthBytes() const { return length_.value(); }
-    void lengthBytesIs(uint16_t bytes) { length_.valueIs(bytes); }
     uint32_t speaker() const { return speaker_.value(); }
-    void speakerIs(uint32_t speaker) { speaker_.valueIs(speaker); }
     uint32_t number() const { return number_.value(); }
-    void numberIs(uint32_t number) { number_.valueIs(number); }
     uint16_t holdSeconds() const { return holdSeconds_.value(); }
-    void holdSecondsIs(uint16_t seconds) { holdSeconds_.valueIs(seconds); }
 
   private:
     uint8_t version_ = currentVersion;
-    uint8_t type_ = 0;
+    uint8_t type_;
     Pavo::NetU16 length_;
     Pavo::NetU32 speaker_;
     Pavo::NetU32 number_;
@@ -66,5 +59,14 @@ class MsgHdr {
     Pavo::NetU32 reservedToo_;
 };
 static_assert(Pavo::isOverlay<MsgHdr>(20));
+
+/// The messages of a stream: a header of another version is refused.
+inline constexpr Pavo::TcpFraming sessionFraming{
+    .headerBytes = sizeof(MsgHdr),
+    .lengthAt = 2,
+    .min = sizeof(MsgHdr),
+    .check = [](std::span<const uint8_t> header) {
+        return header[0] == MsgHdr::currentVersion ? nullptr : "version not supported";
+    }};
 
 }  // namespace Session

@@ -1,144 +1,84 @@
 #include "session/Speaker.h"
 
-#include <cmath>
+#include <algorithm>
 #include <utility>
 
 namespace Session {
 
-namespace {
-
-// Configured before the machine is made, since a listener restarts at each new key.
-template <class Config>
-Mox::Ptr<Config> configured(const Mox::Ptr<Config>& config, const Place& place) {
-    config->networkNamespaceIs(place.netNs);
-    config->txTtlIs(Pavo::IpTtl(255));
-    config->rxMinTtlIs(Pavo::IpTtl(255));
-    config->md5AuthIs(Pavo::IpGenAddrWithMask(place.peer), place.md5Key);
-    config->optionsIs(Pavo::optionTxTtl | Pavo::optionRxMinTtl | Pavo::optionMd5Auth);
-    return config;
-}
-
-}  // namespace
-
-Speaker::Speaker(const SpeakerConfig& config, Mox::EventLoop* loop, Keel::TimerWheel* wheel,
-                 Log log)
-    : speakerConfig_(config),
-      loop_(loop),
-      wheel_(wheel),
-      fdFactory_(Pavo::tcpFileDescriptorEventRegistrationFactoryMoxcFactory()),
-      log_(std::move(log)),
-      ending_(wheel, [this] { handleEnd(); }) {}
-
-uint32_t Speaker::updatesReceived() const {
-    return earlierUpdates_ + (session_ ? session_->counters().updatesReceived : 0);
-}
-
-void Speaker::start(const Pavo::TcpConnSocket& connection) {
-    drop();
-    session_ = std::make_unique<PeerSession>(
-        speakerConfig_, connection.fileDescriptor(), fdFactory_, wheel_,
-        [this](const PeerSession& session, const std::string& reason) {
-            changed(session, reason);
-        });
-}
-
-void Speaker::drop() {
-    ending_.expiryIs(Keel::TimerWheel::idle);
-    earlierUpdates_ = updatesReceived();
-    session_ = nullptr;
-}
-
-void Speaker::changed(const PeerSession& session, const std::string& reason) {
-    if (session.state() == PeerSession::State::established) {
-        ++sessions_;
-        log("session established with speaker " + std::to_string(session.peer()));
-        return;
-    }
-    log("session ended: " + reason);
-    ending_.expiryIs(wheel_->now());
-}
-
-ClientSpeaker::ClientSpeaker(const SpeakerConfig& config, const Place& place, Mox::EventLoop* loop,
-                             Keel::TimerWheel* wheel, Log log)
-    : Speaker(config, loop, wheel, std::move(log)),
-      config_(configured(Pavo::tcpClientConfigFactory(place.peer, place.port), place)),
-      status_(Pavo::tcpClientStatusFactory()),
-      client_(Pavo::tcpClientSmFactory(fdFactory_.ptr(), wheel, config.speaker, config_, status_)),
-      statusWatch_(status_,
-                   {Pavo::TcpClientStatus::connectionStatusAttr,
-                    Pavo::TcpClientStatus::connectionAttemptCountAttr,
-                    Pavo::TcpClientStatus::retryTimerNextAttr},
-                   [this](const Mox::Change& change) { handleStatus(change); }) {
-    config_->clientIpAddrIs(place.local);
-    config_->exponentialBackoffRetriesIs(3);
-    config_->kernelTcpTimeoutIs(2);
-    client_->startConnection();
-}
-
-ClientSpeaker::~ClientSpeaker() {
-    client_->stopConnection();
-}
-
-// The stream closes when session, machine and status have all dropped it.
-void ClientSpeaker::handleEnd() {
-    drop();
-    client_->stopConnection();
-    client_->startConnection();
-}
-
-void ClientSpeaker::handleStatus(const Mox::Change& change) {
-    using Status = Pavo::TcpClientStatus::ConnectionStatus;
-    const Status now = status_->connectionStatus();
-    if (change.is(Pavo::TcpClientStatus::retryTimerNextAttr)) {
-        if (now == Status::failed && status_->retryTimerNext() != Keel::TimerWheel::idle) {
-            const double seconds = std::round(status_->retryTimerNext() - wheel_->now());
-            log("next attempt in " + std::to_string(static_cast<uint32_t>(seconds)) + " s");
-        }
-        return;
-    }
-    std::string line = Mox::stringValue(now).c_str();
-    if (now == Status::failed) {
-        line += std::string(", ") + status_->reason().c_str();
-    }
-    log(line + " (attempts " + std::to_string(status_->connectionAttemptCount()) + ", errors " +
-        std::to_string(status_->connectionErrorCount()) + ", successes " +
-        std::to_string(status_->connectionSuccessCount()) + ")");
-    if (now == Status::connected && change.is(Pavo::TcpClientStatus::connectionStatusAttr)) {
-        start(status_->connSocket());
-    }
-}
-
-ServerSpeaker::ServerSpeaker(const SpeakerConfig& config, const Place& place, Mox::EventLoop* loop,
-                             Keel::TimerWheel* wheel, Log log)
-    : Speaker(config, loop, wheel, std::move(log)),
-      config_(configured(Pavo::tcpServerConfigFactory(place.local, place.port), place)),
-      status_(Pavo::tcpServerStatusFactory()),
-      server_(Pavo::tcpServerSmFactory(fdFactory_.ptr(), wheel, config_, status_)),
-      statusWatch_(status_, Pavo::TcpServerStatus::reasonAttr,
-                   [this] { this->log(status_->reason().c_str()); }),
-      connections_(status_, Pavo::TcpServerStatus::connSocketCountAttr,
-                   [this] { handleConnection(); }) {
+Speaker::Speaker(const SpeakerConfig& config, const Pavo::NamespaceName& netNs,
+                 Keel::TimerWheel* wheel, Log log)
+    : config_(config), netNs_(netNs), wheel_(wheel), log_(std::move(log)) {
     start();
 }
 
-ServerSpeaker::~ServerSpeaker() {
-    server_->stopListener();
+void Speaker::start() {
+    peering_ = Pavo::tcpPeeringFactory("speaker", netNs_, sessionFraming, this, wheel_);
 }
 
-void ServerSpeaker::start() {
-    server_->startListener();
+void Speaker::listenIs(const Pavo::IpGenAddr& address, Pavo::Port port) {
+    peering_->listenIs(address, port);
+    const auto status = peering_->listenerStatus(address.af());
+    log_(status->reason().c_str());
+    listenerWatch_ = {status, Pavo::TcpServerStatus::diagnosisAttr,
+                      [this, status = status.ptr()] { log_(status->diagnosis().c_str()); }};
 }
 
-void ServerSpeaker::stop() {
-    server_->stopListener();
-    log("stopped listening");
-    drop();
+void Speaker::peerIs(const Pavo::TcpPeerConfig& config) {
+    const auto peer = peering_->peerIs(config);
+    if (peerWatches_.count(peer.ptr()) == 0) {
+        peerWatches_[peer.ptr()] = {peer, Pavo::TcpPeer::stateAttr,
+                                    [this, peer = peer.ptr()] { logState(*peer); }};
+        logState(*peer);
+    }
 }
 
-void ServerSpeaker::handleConnection() {
-    if (const Pavo::TcpConnSocket connection = status_->getConnSocket()) {
-        log(std::string("accepted ") + connection.toStrep().c_str());
-        start(connection);
+void Speaker::stop() {
+    listenerWatch_ = {};
+    peerWatches_.clear();
+    sessions_.clear();
+    log_("stopped");
+    start();
+}
+
+void Speaker::logState(const Pavo::TcpPeer& peer) const {
+    std::string line = Mox::stringValue(peer.state()).c_str();
+    if (peer.state() == Pavo::TcpPeer::State::backingOff) {
+        line += std::string(", ") + peer.reason().c_str();
+    } else if (peer.state() == Pavo::TcpPeer::State::up) {
+        line += std::string(", ") + peer.connection().socket.toStrep().c_str();
+    }
+    log_(line + " (attempts " + std::to_string(peer.attempts()) + ", failures " +
+         std::to_string(peer.failures()) + ", connections " + std::to_string(peer.ups()) + ")");
+}
+
+void Speaker::up(Pavo::TcpPeer& peer) {
+    sessions_.try_emplace(&peer, config_, &peer, wheel_, [this](uint32_t speaker) {
+        log_("session established with speaker " + std::to_string(speaker));
+    });
+}
+
+void Speaker::message(Pavo::TcpPeer& peer, const Mox::Ptr<Pavo::Pkt>& pkt) {
+    updatesReceived_ += sessions_.at(&peer).receive(*pkt) ? 1 : 0;
+}
+
+void Speaker::down(Pavo::TcpPeer& peer, const Mox::String& reason) {
+    sessions_.erase(&peer);
+    log_(std::string("session ended: ") + reason.c_str());
+}
+
+void Speaker::writable(Pavo::TcpPeer& peer) {
+    sessions_.at(&peer).sendUpdates();
+}
+
+bool Speaker::isEstablished() const {
+    return !sessions_.empty() &&
+           std::all_of(sessions_.begin(), sessions_.end(),
+                       [](const auto& each) { return each.second.isEstablished(); });
+}
+
+void Speaker::updatesToSendInc(uint32_t count) {
+    for (auto& [peer, session] : sessions_) {
+        session.sendUpdates(count);
     }
 }
 
