@@ -27,64 +27,41 @@ uint64_t numberOf(std::string_view bytes) {
     return number;
 }
 
-uint64_t read(Pavo::ByteReader& in, std::size_t width) {
-    switch (width) {
-        case 1:
-            return in.u8();
-        case 2:
-            return in.u16();
-        case 3:
-            return in.u24();
-        case 4:
-            return in.u32();
-        default:
-            return in.u64();
-    }
-}
+using Pavo::ByteReader;
+using Pavo::ByteWriter;
 
-void write(Pavo::ByteWriter& out, std::size_t width, uint64_t number) {
-    switch (width) {
-        case 1:
-            return out.u8(number);
-        case 2:
-            return out.u16(number);
-        case 3:
-            return out.u24(number);
-        case 4:
-            return out.u32(number);
-        default:
-            return out.u64(number);
-    }
-}
-
-void replace(Pavo::ByteWriter& out, std::size_t width, std::size_t offset, uint64_t number) {
-    switch (width) {
-        case 1:
-            return out.u8At(offset, number);
-        case 2:
-            return out.u16At(offset, number);
-        case 3:
-            return out.u24At(offset, number);
-        default:
-            return out.u32At(offset, number);
-    }
-}
-
-constexpr std::size_t widths[] = {1, 2, 3, 4, 8};
+struct Width {
+    std::size_t bytes;
+    uint64_t (*read)(ByteReader&);
+    void (*write)(ByteWriter&, uint64_t);
+    void (*replace)(ByteWriter&, std::size_t, uint64_t);
+};
+template <std::size_t bytes, auto read, auto write, auto replace>
+constexpr Width width = {
+    bytes, [](ByteReader& in) -> uint64_t { return (in.*read)(); },
+    [](ByteWriter& out, uint64_t number) { (out.*write)(number); },
+    [](ByteWriter& out, std::size_t at, uint64_t number) { (out.*replace)(at, number); }};
+constexpr Width widths[] = {
+    width<1, &ByteReader::u8, &ByteWriter::u8, &ByteWriter::u8At>,
+    width<2, &ByteReader::u16, &ByteWriter::u16, &ByteWriter::u16At>,
+    width<3, &ByteReader::u24, &ByteWriter::u24, &ByteWriter::u24At>,
+    width<4, &ByteReader::u32, &ByteWriter::u32, &ByteWriter::u32At>,
+    width<8, &ByteReader::u64, &ByteWriter::u64, &ByteWriter::u32At>,  // None replaces eight.
+};
 
 void checkReader(fuzz::Input steps, std::string_view bytes) {
     const fuzz::ExactBytes exact(bytes);
-    Pavo::ByteReader in(std::span<const uint8_t>(exact.data(), bytes.size()));
+    ByteReader in(std::span<const uint8_t>(exact.data(), bytes.size()));
     std::string_view left = bytes;
     bool isGood = true;
     while (!steps.atEnd()) {
         const uint8_t step = steps.u8();
-        const std::size_t count = step % 8 < 5 ? widths[step % 8] : steps.u8();
+        const std::size_t count = step % 8 < 5 ? widths[step % 8].bytes : steps.u8();
         isGood = isGood && count <= left.size();
         const std::string_view taken = isGood ? left.substr(0, count) : std::string_view();
         left.remove_prefix(taken.size());
         if (step % 8 < 5) {
-            require(read(in, count) == numberOf(taken), "the number");
+            require(widths[step % 8].read(in) == numberOf(taken), "the number");
         } else if (step % 8 == 5) {
             in.skip(count);
         } else {
@@ -105,13 +82,13 @@ std::string image(uint64_t number, std::size_t width) {
 
 void checkWriter(fuzz::Input steps, std::size_t room) {
     const fuzz::ExactBytes exact{std::string(room, '\xff')};
-    Pavo::ByteWriter out({exact.data(), room});
+    ByteWriter out({exact.data(), room});
     std::string written;
     bool isGood = true;
     while (!steps.atEnd()) {
         const uint8_t step = steps.u8();
         const bool isReplacing = step >= 128 && step % 8 < 4;
-        const std::size_t width = step % 8 < 5 ? widths[step % 8] : 0;
+        const std::size_t width = step % 8 < 5 ? widths[step % 8].bytes : 0;
         // With a byte more than the field has, or with as many.
         const uint64_t number = numberOf(steps.bytes(width + (step & 64) / 64));
         const std::size_t offset = isReplacing ? steps.u8() : 0;
@@ -120,12 +97,12 @@ void checkWriter(fuzz::Input steps, std::size_t room) {
         if (isReplacing) {
             isGood = isGood && offset + width <= written.size();
             isGood ? (void)written.replace(offset, width, bytes) : void();
-            replace(out, width, offset, number);
+            widths[step % 8].replace(out, offset, number);
         } else {
             bytes = width != 0 ? bytes : std::string(step / 8, '\0');
             isGood = isGood && written.size() + bytes.size() <= room;
             written += isGood ? bytes : "";
-            width != 0      ? write(out, width, number)
+            width != 0      ? widths[step % 8].write(out, number)
             : step % 8 == 5 ? out.zeros(bytes.size())
                             : out.text(bytes);
         }
