@@ -142,9 +142,10 @@ void TcpPduPam::gather(const SocketIovec* iov, uint16_t iovLen) {
     }
 }
 
-// At the end of the turn; at once where there is no loop, or no memory to ask it. If it were at once
-// while the socket has room, each of 64 messages of 100 bytes would cost 1050 ns, with TCP_NODELAY
-// 4160, instead of 115; one alone costs 500 ns more this way, those of the loop's next turn.
+// At the end of the turn; at once where there is no loop, or no memory to ask it. If it were at
+// once while the socket has room, each of 64 messages of 100 bytes would cost 1050 ns, with
+// TCP_NODELAY 4160, instead of 115; one alone costs 500 ns more this way, those of the loop's next
+// turn.
 void TcpPduPam::sendLater() {
     if (writer_->kept() == 0 || writer_->isWaiting()) {
         return;

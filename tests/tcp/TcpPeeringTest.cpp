@@ -277,7 +277,7 @@ struct Agent : TcpPeeringHandler {
 class TcpPeeringTest : public PavoTest::TcpTest {
   protected:
     bool awaits(const std::function<bool()>& done) {
-        return turnUntil([&] {
+        return PavoTest::turnsUntil(loop_, [&] {
             clock_.advance(0);
             return done();
         });
@@ -430,11 +430,13 @@ TEST_F(TcpPeeringTest, EachFailingCallIsOvercome) {
         fail.disarm();
         happened = fail.happened();
         SCOPED_TRACE(fail.name());
-        EXPECT_TRUE(turnUntil([&] {
-            clock_.advance(0.25);
-            return near_.log.ends_with("up hello ") && far_.log.ends_with("up hello ");
-        })) << near_.log
-            << "/ " << far_.log;
+        EXPECT_TRUE(PavoTest::turnsUntil(loop_,
+                                         [&] {
+                                             clock_.advance(0.25);
+                                             return near_.log.ends_with("up hello ") &&
+                                                    far_.log.ends_with("up hello ");
+                                         }))
+            << near_.log << "/ " << far_.log;
         near_.peering->peerDelAll();
         EXPECT_TRUE(awaits([&] { return far_.log.ends_with("peer "); }));
     }
