@@ -21,19 +21,19 @@ void requireRead(const Route& route) {
     Mox::require(routeOf(*routeAddRequest(route).header()) == route, "a route is read again");
 }
 void requireRead(const LinkAddress& address) {
-    LinkAddress::Facts facts{address.key(),       address.len(),   address.peer(),
-                             address.broadcast(), address.scope(), address.flags()};
+    LinkAddress::Properties properties{address.key(),       address.len(),   address.peer(),
+                                       address.broadcast(), address.scope(), address.flags()};
     const auto reader = kernelInfoFactory("reader", nullptr);
-    reader->callback(addressAddRequest(facts).header());
-    const auto again = reader->address(facts.key);
-    Mox::require(again && again->len() == facts.len && again->peer() == facts.peer &&
-                     again->flags() == facts.flags,
+    reader->callback(addressAddRequest(properties).header());
+    const auto again = reader->address(properties.key);
+    Mox::require(again && again->len() == properties.len && again->peer() == properties.peer &&
+                     again->flags() == properties.flags,
                  "an address is read again");
 }
 void requireRead(const Neighbour& neighbour) {
     const auto reader = kernelInfoFactory("reader", nullptr);
     reader->callback(
-        neighbourRequest(neighbour.key(), neighbour.ethAddr(), neighbour.state()).header());
+        neighbourReplaceRequest(neighbour.key(), neighbour.ethAddr(), neighbour.state()).header());
     const auto again = reader->neighbour(neighbour.key());
     Mox::require(
         again && again->ethAddr() == neighbour.ethAddr() && again->state() == neighbour.state(),
@@ -95,17 +95,17 @@ class Agent {
             Mox::require(link->name() == name && info_->linkByIndex(link->index()) == link,
                          "names");
         }
-        for (const auto& [key, address] : info_->addresses()) {
+        for (const auto& [key, address] : info_->address()) {
             Mox::require(address->exists() && addresses_.count(key) != 0, "addresses");
             requireRead(*address);
         }
-        for (const auto& [key, neighbour] : info_->neighbours()) {
+        for (const auto& [key, neighbour] : info_->neighbour()) {
             Mox::require(neighbour->exists() && neighbours_.count(key) != 0, "neighbours");
             requireRead(*neighbour);
         }
         Mox::require(links_.size() == info_->linkByIndex().members() &&
-                         addresses_.size() == info_->addresses().members() &&
-                         neighbours_.size() == info_->neighbours().members(),
+                         addresses_.size() == info_->address().members() &&
+                         neighbours_.size() == info_->neighbour().members(),
                      "observers know all");
     }
     // A notification of a collection says that a member came or went.
@@ -126,14 +126,14 @@ class Agent {
                                           toggle(&links_, index, info_->linkByIndex(index));
                                       }};
     Mox::Watch<KernelInfo> addressWatch_{
-        info_, KernelInfo::addressesAttr,
+        info_, KernelInfo::addressAttr,
         [this](const LinkAddressKey& key) { toggle(&addresses_, key, info_->address(key)); }};
     Mox::Watch<KernelInfo> neighbourWatch_{
-        info_, KernelInfo::neighboursAttr,
+        info_, KernelInfo::neighbourAttr,
         [this](const NeighbourKey& key) { toggle(&neighbours_, key, info_->neighbour(key)); }};
     Mox::Watch<RouteTable> routeWatch_{
-        info_->routes(), RouteTable::routesAttr, [this](const RouteKey& key) {
-            info_->routes()->routes(key).empty() ? routes_.erase(key) : routes_.insert(key).second;
+        info_->routes(), RouteTable::routeAttr, [this](const RouteKey& key) {
+            info_->routes()->route(key).empty() ? routes_.erase(key) : routes_.insert(key).second;
         }};
 };
 

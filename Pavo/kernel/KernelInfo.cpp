@@ -212,123 +212,124 @@ void KernelInfo::del(const Key& key) {
 
 void KernelInfo::handleLink(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifinfomsg>(message);
-    const std::optional<Link::Facts> facts = Link::read(message);
-    if (facts && message.nlmsg_type == RTM_NEWLINK) {
-        linkIs(*facts);
-    } else if (facts) {
-        del(facts->index);
+    const std::optional<Link::Properties> properties = Link::read(message);
+    if (properties && message.nlmsg_type == RTM_NEWLINK) {
+        linkIs(*properties);
+    } else if (properties) {
+        del(properties->index);
     } else if (body == nullptr || body->ifi_family == AF_UNSPEC) {
         malformedInc();
     }
 }
 
 // Where the observers of the end of another link close this, nothing is added.
-void KernelInfo::linkIs(const Link::Facts& facts) {
-    const Mox::Ptr<Link> link = linkByIndex(facts.index);
-    if (link && link->kind() == facts.kind) {
-        linkChange(link, facts);
+void KernelInfo::linkIs(const Link::Properties& properties) {
+    const Mox::Ptr<Link> link = linkByIndex(properties.index);
+    if (link && link->kind() == properties.kind) {
+        linkChange(link, properties);
         return;
     }
     const Mox::Ptr<NetlinkSession> session = session_;
     FirstException exception;
-    exception.collect([&] { del(facts.index); });
-    if (session_ == session && linkByIndex(facts.index) == nullptr) {
-        exception.collect([&] { linkAdd(facts); });
+    exception.collect([&] { del(properties.index); });
+    if (session_ == session && linkByIndex(properties.index) == nullptr) {
+        exception.collect([&] { linkAdd(properties); });
     }
     exception.rethrow();
 }
 
-void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts) {
+void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Properties& properties) {
     link->generation_ = links_.generation;
     const bool wasUp = link->isUp();
     const bool hadIp6 = link->mtu() >= minMtuOfIp6;
     const Mox::String before = link->name();
-    const uint64_t changed = link->commit(facts);
+    const uint64_t changed = link->commit(properties);
     link->isWithoutIp_ = link->isWithoutIp_ && (wasUp || !link->isUp());
-    const bool isRenamed = before != facts.name && linkByName(before) == link && names_.del(before);
-    const bool isNamed = names_.is(facts.name, link);
+    const bool isRenamed =
+        before != properties.name && linkByName(before) == link && names_.del(before);
+    const bool isNamed = names_.is(properties.name, link);
     FirstException exception;
     exception.collect([&] { link->announce(changed); });
     if (isRenamed) {
         exception.collect([&] { notify(linkByNameAttr, before); });
     }
     if (isNamed) {
-        exception.collect([&] { notify(linkByNameAttr, facts.name); });
+        exception.collect([&] { notify(linkByNameAttr, properties.name); });
     }
     const auto isOtherAlive = [this](uint32_t index, AddressFamily family) {
         return isAlive(index, family);
     };
-    if (wasUp && (facts.flags & IFF_UP) == 0) {
-        exception.collect([&] { routes_->linkDown(facts.index, isOtherAlive); });
-    } else if (hadIp6 && facts.mtu < minMtuOfIp6) {
-        exception.collect([&] { routes_->linkWithoutIp6(facts.index, isOtherAlive); });
+    if (wasUp && (properties.flags & IFF_UP) == 0) {
+        exception.collect([&] { routes_->linkDown(properties.index, isOtherAlive); });
+    } else if (hadIp6 && properties.mtu < minMtuOfIp6) {
+        exception.collect([&] { routes_->linkWithoutIp6(properties.index, isOtherAlive); });
     }
     exception.rethrow();
 }
 
-void KernelInfo::linkAdd(const Link::Facts& facts) {
-    const auto link = Mox::make<Link>(facts);
+void KernelInfo::linkAdd(const Link::Properties& properties) {
+    const auto link = Mox::make<Link>(properties);
     link->generation_ = links_.generation;
-    links_.objects.is(facts.index, link);
-    names_.is(facts.name, link);
+    links_.objects.is(properties.index, link);
+    names_.is(properties.name, link);
     FirstException exception;
-    exception.collect([&] { notify(linkByIndexAttr, facts.index); });
-    exception.collect([&] { notify(linkByNameAttr, facts.name); });
+    exception.collect([&] { notify(linkByIndexAttr, properties.index); });
+    exception.collect([&] { notify(linkByNameAttr, properties.name); });
     exception.rethrow();
 }
 
 void KernelInfo::handleAddress(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifaddrmsg>(message);
-    const std::optional<LinkAddress::Facts> facts = LinkAddress::read(message);
-    if (facts && message.nlmsg_type == RTM_NEWADDR) {
-        addressIs(*facts);
-    } else if (facts) {
-        del(facts->key);
+    const std::optional<LinkAddress::Properties> properties = LinkAddress::read(message);
+    if (properties && message.nlmsg_type == RTM_NEWADDR) {
+        addressIs(*properties);
+    } else if (properties) {
+        del(properties->key);
     } else if (body == nullptr || isFamilyKept(body->ifa_family)) {
         malformedInc();
     }
 }
 
-void KernelInfo::addressIs(const LinkAddress::Facts& facts) {
-    if (const auto known = address(facts.key)) {
+void KernelInfo::addressIs(const LinkAddress::Properties& properties) {
+    if (const auto known = address(properties.key)) {
         known->generation_ = addresses_.generation;
-        known->announce(known->commit(facts));
+        known->announce(known->commit(properties));
         return;
     }
-    const auto made = Mox::make<LinkAddress>(facts);
+    const auto made = Mox::make<LinkAddress>(properties);
     made->generation_ = addresses_.generation;
-    addresses_.objects.is(facts.key, made);
+    addresses_.objects.is(properties.key, made);
     if (const auto link = linkByIndex(made->ifIndex()); link && made->address().af() == ipv4) {
         link->isWithoutIp_ = false;
     }
-    notify(addressesAttr, facts.key);
+    notify(addressAttr, properties.key);
 }
 
 void KernelInfo::handleNeighbour(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ndmsg>(message);
-    const std::optional<Neighbour::Facts> facts = Neighbour::read(message);
-    if (facts && message.nlmsg_type == RTM_NEWNEIGH) {
-        neighbourIs(*facts, (message.nlmsg_flags & NLM_F_MULTI) != 0);
-    } else if (facts) {
+    const std::optional<Neighbour::Properties> properties = Neighbour::read(message);
+    if (properties && message.nlmsg_type == RTM_NEWNEIGH) {
+        neighbourIs(*properties, (message.nlmsg_flags & NLM_F_MULTI) != 0);
+    } else if (properties) {
         neighbourTrust_->deleted();
-        del(facts->key);
+        del(properties->key);
     } else if (body == nullptr ||
                (isFamilyKept(body->ndm_family) && (body->ndm_flags & NTF_PROXY) == 0)) {
         malformedInc();
     }
 }
 
-void KernelInfo::neighbourIs(const Neighbour::Facts& facts, bool isOfDump) {
-    if (const auto known = neighbour(facts.key)) {
+void KernelInfo::neighbourIs(const Neighbour::Properties& properties, bool isOfDump) {
+    if (const auto known = neighbour(properties.key)) {
         known->generation_ = neighbours_.generation;
-        known->announce(known->commit(facts));
+        known->announce(known->commit(properties));
         return;
     }
     isOfDump ? void() : neighbourTrust_->deleted();  // It may take the place of one.
-    const auto made = Mox::make<Neighbour>(facts);
+    const auto made = Mox::make<Neighbour>(properties);
     made->generation_ = neighbours_.generation;
-    neighbours_.objects.is(facts.key, made);
-    notify(neighboursAttr, facts.key);
+    neighbours_.objects.is(properties.key, made);
+    notify(neighbourAttr, properties.key);
 }
 
 void KernelInfo::handleRoute(const nlmsghdr& message) {
@@ -414,10 +415,10 @@ void KernelInfo::announce(const Removed& removed) {
         exception.collect([&] { routesOfAddressDel(*address); });
     }
     for (const auto& neighbour : removed.neighbours) {
-        each(neighbour, neighboursAttr, neighbour->key());
+        each(neighbour, neighbourAttr, neighbour->key());
     }
     for (const auto& address : removed.addresses) {
-        each(address, addressesAttr, address->key());
+        each(address, addressAttr, address->key());
     }
     for (const auto& link : removed.links) {
         each(link, linkByIndexAttr, link->index());
@@ -429,9 +430,12 @@ void KernelInfo::announce(const Removed& removed) {
 }
 
 // An address may be on several links: routes keep it as their source until the last one goes, of
-// IPv4 the last one of their table.
+// IPv4 the last one of their table. IPv6 addresses that go since their link is set down or deleted
+// stay the sources of routes over other links.
 void KernelInfo::routesOfAddressDel(const LinkAddress& address) {
-    if (!routes_->mayUseSource(address.address())) {
+    const Mox::Ptr<Link> own = linkByIndex(address.ifIndex());
+    const bool goesWithLink = address.address().af() == ipv6 && !(own && own->isUp());
+    if (goesWithLink || !routes_->mayUseSource(address.address())) {
         return;
     }
     const uint32_t table = tableOf(address.ifIndex());

@@ -52,15 +52,15 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     static constexpr Mox::Attribute<KernelInfo> malformedMessagesAttr{2, "malformedMessages"};
     static constexpr Mox::Attribute<KernelInfo, uint32_t> linkByIndexAttr{3, "linkByIndex"};
     static constexpr Mox::Attribute<KernelInfo, Mox::String> linkByNameAttr{4, "linkByName"};
-    static constexpr Mox::Attribute<KernelInfo, LinkAddressKey> addressesAttr{5, "addresses"};
-    static constexpr Mox::Attribute<KernelInfo, NeighbourKey> neighboursAttr{6, "neighbours"};
+    static constexpr Mox::Attribute<KernelInfo, LinkAddressKey> addressAttr{5, "address"};
+    static constexpr Mox::Attribute<KernelInfo, NeighbourKey> neighbourAttr{6, "neighbour"};
     static constexpr auto description() {
         return Mox::classRecord(
             "Pavo::KernelInfo", Mox::attribute(isInSyncAttr, &KernelInfo::isInSync),
             Mox::attribute(followsRoutesAttr, &KernelInfo::followsRoutes),
             Mox::attribute(malformedMessagesAttr, &KernelInfo::malformedMessages),
             Mox::attribute(linkByIndexAttr), Mox::attribute(linkByNameAttr),
-            Mox::attribute(addressesAttr), Mox::attribute(neighboursAttr));
+            Mox::attribute(addressAttr), Mox::attribute(neighbourAttr));
     }
 
     /// Follows the session, which may be enabled or not; null for nothing.
@@ -101,7 +101,7 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     Mox::Ptr<Link> linkByName(const Mox::String& name) const { return found(names_, name); }
 
     /// All addresses, those of a link one after the other.
-    const Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>>& addresses() const MOX_LIFETIME_BOUND {
+    const Mox::Map<LinkAddressKey, Mox::Ptr<LinkAddress>>& address() const MOX_LIFETIME_BOUND {
         return addresses_.objects;
     }
     /// The address, or null.
@@ -109,7 +109,7 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
         return found(addresses_.objects, key);
     }
     /// All neighbours, those of a link one after the other.
-    const Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>>& neighbours() const MOX_LIFETIME_BOUND {
+    const Mox::Map<NeighbourKey, Mox::Ptr<Neighbour>>& neighbour() const MOX_LIFETIME_BOUND {
         return neighbours_.objects;
     }
     /// The neighbour, or null.
@@ -146,11 +146,11 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void handleSync();
     void malformedInc();
 
-    void linkIs(const Link::Facts& facts);
-    void linkAdd(const Link::Facts& facts);
-    void linkChange(const Mox::Ptr<Link>& link, const Link::Facts& facts);
-    void addressIs(const LinkAddress::Facts& facts);
-    void neighbourIs(const Neighbour::Facts& facts, bool isOfDump);
+    void linkIs(const Link::Properties& properties);
+    void linkAdd(const Link::Properties& properties);
+    void linkChange(const Mox::Ptr<Link>& link, const Link::Properties& properties);
+    void addressIs(const LinkAddress::Properties& properties);
+    void neighbourIs(const Neighbour::Properties& properties, bool isOfDump);
     void handleLink(const nlmsghdr& message);
     void handleAddress(const nlmsghdr& message);
     void handleNeighbour(const nlmsghdr& message);

@@ -122,7 +122,7 @@ void KernelInfoMgr::begin(const NamespaceName& netNs, int64_t inode) {
                                            [this, netNs] { handleSync(NamespaceName(netNs)); });
     infos_.is(netNs, info);
     FirstException thrown;
-    thrown.collect([&] { notify(kernelInfosAttr, netNs); });
+    thrown.collect([&] { notify(kernelInfoAttr, netNs); });
     thrown.collect([&] { lastErrorIs(netNs, ""); });
     thrown.rethrow();
 }
@@ -160,7 +160,7 @@ void KernelInfoMgr::end(const NamespaceName& netNs) {
     if (info) {
         exception.collect([&] { info->close(); });
         infos_.del(netNs);
-        exception.collect([&] { notify(kernelInfosAttr, netNs); });
+        exception.collect([&] { notify(kernelInfoAttr, netNs); });
     }
     if (session) {
         exception.collect([&] { session->enabledIs(false); });

@@ -37,9 +37,9 @@ class NetNsRunDirWatch;
 /// "/var/run/netns/<name> is no network namespace".
 class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
   public:
-    static constexpr Mox::Attribute<KernelInfoMgr, NamespaceName> kernelInfosAttr{0, "kernelInfos"};
+    static constexpr Mox::Attribute<KernelInfoMgr, NamespaceName> kernelInfoAttr{0, "kernelInfo"};
     static constexpr auto description() {
-        return Mox::classRecord("Pavo::KernelInfoMgr", Mox::attribute(kernelInfosAttr));
+        return Mox::classRecord("Pavo::KernelInfoMgr", Mox::attribute(kernelInfoAttr));
     }
 
     /// Begins to follow. `status` gets a member for each namespace, and is of this manager alone:
@@ -54,7 +54,7 @@ class PAVO_EXPORT KernelInfoMgr : public Mox::EntityOf<KernelInfoMgr> {
     const Mox::Ptr<NamespaceStatusLocalDir>& status() const MOX_LIFETIME_BOUND { return status_; }
 
     /// The namespaces that are followed; those that are `initializing` may have no objects yet.
-    const Mox::Map<NamespaceName, Mox::Ptr<KernelInfo>>& kernelInfos() const MOX_LIFETIME_BOUND {
+    const Mox::Map<NamespaceName, Mox::Ptr<KernelInfo>>& kernelInfo() const MOX_LIFETIME_BOUND {
         return infos_;
     }
     /// That of a namespace, or null. The empty name stands for the default namespace.

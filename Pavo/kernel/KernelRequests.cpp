@@ -32,22 +32,23 @@ NetlinkMessage linkRequest(uint16_t type, uint32_t ifIndex, uint32_t flags = 0,
 }
 
 // The own address is IFA_LOCAL, and IFA_ADDRESS the peer's where there is one.
-NetlinkMessage addressRequest(uint16_t type, uint16_t flags, const LinkAddress::Facts& facts) {
-    const IpGenAddr& address = facts.key.address;
-    if (facts.len > addressBits(address.af()) || facts.scope > UINT8_MAX) {
+NetlinkMessage addressRequest(uint16_t type, uint16_t flags,
+                              const LinkAddress::Properties& properties) {
+    const IpGenAddr& address = properties.key.address;
+    if (properties.len > addressBits(address.af()) || properties.scope > UINT8_MAX) {
         Mox::throwRangeException("LinkAddress: length or scope out of range");
     }
     NetlinkMessage message(type, static_cast<uint16_t>(NLM_F_REQUEST | flags));
     auto& body = message.bodyIs<ifaddrmsg>();
     body.ifa_family = kernelFamilyOf(address.af());
-    body.ifa_prefixlen = static_cast<uint8_t>(facts.len);
-    body.ifa_scope = static_cast<uint8_t>(facts.scope);
-    body.ifa_index = facts.key.ifIndex;
+    body.ifa_prefixlen = static_cast<uint8_t>(properties.len);
+    body.ifa_scope = static_cast<uint8_t>(properties.scope);
+    body.ifa_index = properties.key.ifIndex;
     addAddress(message, IFA_LOCAL, address);
-    addAddress(message, IFA_ADDRESS, facts.peer.af() == ipunknown ? address : facts.peer);
-    addAddress(message, IFA_BROADCAST, facts.broadcast);
-    if (facts.flags != 0) {
-        message.attributeIs(IFA_FLAGS, facts.flags);
+    addAddress(message, IFA_ADDRESS, properties.peer.af() == ipunknown ? address : properties.peer);
+    addAddress(message, IFA_BROADCAST, properties.broadcast);
+    if (properties.flags != 0) {
+        message.attributeIs(IFA_FLAGS, properties.flags);
     }
     return message;
 }
@@ -176,8 +177,9 @@ NetlinkMessage linkDelRequest(uint32_t ifIndex) {
     return linkRequest(RTM_DELLINK, ifIndex);
 }
 
-uint32_t linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
-                          std::function<void(const NetlinkAnswer&, const LinkStatistics&)> done) {
+uint32_t requestLinkStatistics(
+    const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
+    std::function<void(const NetlinkAnswer&, const LinkStatistics&)> done) {
     const auto statistics = std::make_shared<LinkStatistics>();
     return session->requestIs(
         linkRequest(RTM_GETLINK, ifIndex),
@@ -187,20 +189,20 @@ uint32_t linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIn
         [statistics](const nlmsghdr& message) { *statistics = linkStatisticsOf(message); });
 }
 
-NetlinkMessage addressAddRequest(const LinkAddress::Facts& facts) {
-    return addressRequest(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, facts);
+NetlinkMessage addressAddRequest(const LinkAddress::Properties& properties) {
+    return addressRequest(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, properties);
 }
 
 NetlinkMessage addressDelRequest(const LinkAddressKey& key, uint32_t len) {
-    LinkAddress::Facts facts;
-    facts.key = key;
-    facts.len = len;
-    facts.peer = key.network.ipGenAddr();  // Of IPv4, any address of the network names it.
-    return addressRequest(RTM_DELADDR, 0, facts);
+    LinkAddress::Properties properties;
+    properties.key = key;
+    properties.len = len;
+    properties.peer = key.network.ipGenAddr();  // Of IPv4, any address of the network names it.
+    return addressRequest(RTM_DELADDR, 0, properties);
 }
 
-NetlinkMessage neighbourRequest(const NeighbourKey& key, const EthAddr& address,
-                                NeighbourState state) {
+NetlinkMessage neighbourReplaceRequest(const NeighbourKey& key, const EthAddr& address,
+                                       NeighbourState state) {
     return neighbourIsMessage(NLM_F_REPLACE, key, address, state);
 }
 

@@ -42,21 +42,22 @@ PAVO_EXPORT NetlinkMessage linkDelRequest(uint32_t ifIndex);
 /// Asks for the counters of a link. `done` gets them with the answer, all zero with an error.
 /// Returns the number of the request, for `NetlinkSession::requestDel`.
 PAVO_EXPORT uint32_t
-linkStatisticsIs(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
-                 std::function<void(const NetlinkAnswer&, const LinkStatistics&)> done);
+requestLinkStatistics(const Mox::Ptr<NetlinkSession>& session, uint32_t ifIndex,
+                      std::function<void(const NetlinkAnswer&, const LinkStatistics&)> done);
 
-/// Adds an address to a link: EEXIST when it is there. The network in the key of `facts` is not
-/// used, and flags have an effect only where ip-address(8) sets them, as IFA_F_NODAD. Without a
+/// Adds an address to a link: EEXIST when it is there. The network in the key of `properties` is
+/// not used, and flags have an effect only where ip-address(8) sets them, as IFA_F_NODAD. Without a
 /// broadcast address a link has none.
 /// @throws Mox::RangeException "LinkAddress: length or scope out of range"
-PAVO_EXPORT NetlinkMessage addressAddRequest(const LinkAddress::Facts& facts);
+PAVO_EXPORT NetlinkMessage addressAddRequest(const LinkAddress::Properties& properties);
 /// Deletes an address: EADDRNOTAVAIL when there is none.
 /// @throws Mox::RangeException as above.
 PAVO_EXPORT NetlinkMessage addressDelRequest(const LinkAddressKey& key, uint32_t len);
 
 /// Adds a neighbour, or replaces the one there is. A state other than `permanent` and `noArp` ages.
-PAVO_EXPORT NetlinkMessage neighbourRequest(const NeighbourKey& key, const EthAddr& address,
-                                            NeighbourState state = NeighbourState::permanent);
+PAVO_EXPORT NetlinkMessage
+neighbourReplaceRequest(const NeighbourKey& key, const EthAddr& address,
+                        NeighbourState state = NeighbourState::permanent);
 /// Adds one: EEXIST when there is one.
 PAVO_EXPORT NetlinkMessage neighbourAddRequest(const NeighbourKey& key, const EthAddr& address,
                                                NeighbourState state = NeighbourState::permanent);

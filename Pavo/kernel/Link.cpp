@@ -19,11 +19,11 @@ LinkOperState operStateOf(const NetlinkAttributes& attributes) {
                                                             : static_cast<LinkOperState>(number);
 }
 
-void readKind(const NetlinkAttributes& attributes, Link::Facts* facts) {
+void readKind(const NetlinkAttributes& attributes, Link::Properties* properties) {
     const NetlinkAttributes info = attributes.nested(IFLA_LINKINFO, IFLA_INFO_DATA);
-    facts->kind = Mox::String(info.text(IFLA_INFO_KIND));
-    if (facts->kind == "vrf") {
-        info.nested(IFLA_INFO_DATA, IFLA_VRF_TABLE).read(IFLA_VRF_TABLE, &facts->vrfTable);
+    properties->kind = Mox::String(info.text(IFLA_INFO_KIND));
+    if (properties->kind == "vrf") {
+        info.nested(IFLA_INFO_DATA, IFLA_VRF_TABLE).read(IFLA_VRF_TABLE, &properties->vrfTable);
     }
 }
 
@@ -35,16 +35,16 @@ bool isOfLink(const ifinfomsg* body, const NetlinkAttributes& attributes) {
 
 }  // namespace
 
-uint64_t Link::commit(const Facts& facts) {
+uint64_t Link::commit(const Properties& properties) {
     const bool wasUp = isUp();
     const bool wasRunning = isRunning();
-    uint64_t changed = stored(facts_.name, facts.name, nameAttr) |
-                       stored(facts_.ethAddr, facts.ethAddr, ethAddrAttr) |
-                       stored(facts_.mtu, facts.mtu, mtuAttr) |
-                       stored(facts_.flags, facts.flags, flagsAttr) |
-                       stored(facts_.operState, facts.operState, operStateAttr) |
-                       stored(facts_.master, facts.master, masterAttr);
-    facts_.vrfTable = facts.vrfTable;
+    uint64_t changed = stored(properties_.name, properties.name, nameAttr) |
+                       stored(properties_.ethAddr, properties.ethAddr, ethAddrAttr) |
+                       stored(properties_.mtu, properties.mtu, mtuAttr) |
+                       stored(properties_.flags, properties.flags, flagsAttr) |
+                       stored(properties_.operState, properties.operState, operStateAttr) |
+                       stored(properties_.master, properties.master, masterAttr);
+    properties_.vrfTable = properties.vrfTable;
     changed |= wasUp != isUp() ? uint64_t{1} << isUpAttr.number : 0;
     changed |= wasRunning != isRunning() ? uint64_t{1} << isRunningAttr.number : 0;
     return changed;
@@ -55,25 +55,25 @@ void Link::announce(uint64_t changed) {
                                      &isRunningAttr, &operStateAttr, &masterAttr});
 }
 
-std::optional<Link::Facts> Link::read(const nlmsghdr& message) {
+std::optional<Link::Properties> Link::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifinfomsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ifinfomsg), highestLinkAttribute);
     const std::string_view name = attributes.text(IFLA_IFNAME);
     if (body == nullptr || !isOfLink(body, attributes) || name.empty() || name.size() >= IFNAMSIZ) {
         return {};
     }
-    Link::Facts facts;
-    facts.index = static_cast<uint32_t>(body->ifi_index);
-    facts.name = Mox::String(name);
+    Link::Properties properties;
+    properties.index = static_cast<uint32_t>(body->ifi_index);
+    properties.name = Mox::String(name);
     if (attributes.payload(IFLA_ADDRESS).size() == sizeof(EthAddr)) {
-        attributes.read(IFLA_ADDRESS, &facts.ethAddr);
+        attributes.read(IFLA_ADDRESS, &properties.ethAddr);
     }
-    attributes.read(IFLA_MTU, &facts.mtu);
-    facts.flags = body->ifi_flags;
-    facts.operState = operStateOf(attributes);
-    attributes.read(IFLA_MASTER, &facts.master);
-    readKind(attributes, &facts);
-    return facts;
+    attributes.read(IFLA_MTU, &properties.mtu);
+    properties.flags = body->ifi_flags;
+    properties.operState = operStateOf(attributes);
+    attributes.read(IFLA_MASTER, &properties.master);
+    readKind(attributes, &properties);
+    return properties;
 }
 
 }  // namespace Pavo

@@ -67,7 +67,7 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
     /// What a message says of a link.
     ///
     /// Members: as the functions of `Link` with these names.
-    struct Facts {
+    struct Properties {
         uint32_t index = 0;
         Mox::String name;
         EthAddr ethAddr;
@@ -98,43 +98,43 @@ class PAVO_EXPORT Link : public Mox::EntityOf<Link, KernelObject> {
     }
 
     /// As the kernel described it.
-    explicit Link(const Facts& facts) : facts_(facts) {}
+    explicit Link(const Properties& properties) : properties_(properties) {}
 
     /// Of at most 15 bytes. It changes when the link is renamed.
-    Mox::String name() const override { return facts_.name; }
+    Mox::String name() const override { return properties_.name; }
     /// Above 0; `lo` has 1 in every namespace. An index is of its namespace: a request in another
     /// one concerns another link.
-    uint32_t index() const { return facts_.index; }
+    uint32_t index() const { return properties_.index; }
     /// Zero for a link without a hardware address of 6 bytes.
-    const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return facts_.ethAddr; }
+    const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return properties_.ethAddr; }
     /// In bytes.
-    uint32_t mtu() const { return facts_.mtu; }
+    uint32_t mtu() const { return properties_.mtu; }
     /// IFF_UP, IFF_LOWER_UP and others (netdevice(7)).
-    uint32_t flags() const { return facts_.flags; }
+    uint32_t flags() const { return properties_.flags; }
     /// IFF_UP: the link is set up, whether it has a carrier or not.
-    bool isUp() const { return (facts_.flags & IFF_UP) != 0; }
+    bool isUp() const { return (properties_.flags & IFF_UP) != 0; }
     /// IFF_RUNNING: it is operational.
-    bool isRunning() const { return (facts_.flags & IFF_RUNNING) != 0; }
+    bool isRunning() const { return (properties_.flags & IFF_RUNNING) != 0; }
     /// The operational state (RFC 2863).
-    LinkOperState operState() const { return facts_.operState; }
+    LinkOperState operState() const { return properties_.operState; }
     /// The index of the bridge, bond or VRF that it belongs to; 0 for none.
-    uint32_t master() const { return facts_.master; }
+    uint32_t master() const { return properties_.master; }
     /// "veth", "bridge", "vlan" and others; empty for hardware and for `lo`.
-    const Mox::String& kind() const MOX_LIFETIME_BOUND { return facts_.kind; }
+    const Mox::String& kind() const MOX_LIFETIME_BOUND { return properties_.kind; }
     /// The routing table of a link of the kind "vrf"; 0 for others, also for links in a VRF, whose
     /// `master` leads to it. `VrfMap` numbers VRFs by their names, which links of this kind have.
-    uint32_t vrfTable() const { return facts_.vrfTable; }
+    uint32_t vrfTable() const { return properties_.vrfTable; }
 
   private:
     friend class KernelInfo;
 
     // What a message of the type RTM_NEWLINK or RTM_DELLINK (rtnetlink(7)) says; nothing for one
     // that is malformed or that describes another aspect of a link, such as its place in a bridge.
-    static std::optional<Facts> read(const nlmsghdr& message);
-    uint64_t commit(const Facts& facts);
+    static std::optional<Properties> read(const nlmsghdr& message);
+    uint64_t commit(const Properties& properties);
     void announce(uint64_t changed);
 
-    Facts facts_;
+    Properties properties_;
     bool isWithoutIp_ = false;  // The last IPv4 address has gone: next hops over it are dead.
 };
 

@@ -13,18 +13,19 @@ namespace {
 
 // The kernel calls the own address "local", and "address" what the network is made of: the peer's
 // address where there is one, else the own one again. Of IPv6 "local" comes only with a peer.
-bool readAddresses(const NetlinkAttributes& attributes, uint8_t family, LinkAddress::Facts* facts) {
+bool readAddresses(const NetlinkAttributes& attributes, uint8_t family,
+                   LinkAddress::Properties* properties) {
     IpGenAddr network;
     if (!readAddress(attributes, IFA_ADDRESS, family, &network)) {
         return false;
     }
-    facts->key.address = network;
-    readAddress(attributes, IFA_LOCAL, family, &facts->key.address);
-    facts->peer = network == facts->key.address ? IpGenAddr() : network;
+    properties->key.address = network;
+    readAddress(attributes, IFA_LOCAL, family, &properties->key.address);
+    properties->peer = network == properties->key.address ? IpGenAddr() : network;
     if (family == AF_INET) {
-        facts->key.network = IpGenPrefix::containing(network, facts->len);
+        properties->key.network = IpGenPrefix::containing(network, properties->len);
     }
-    readAddress(attributes, IFA_BROADCAST, family, &facts->broadcast);
+    readAddress(attributes, IFA_BROADCAST, family, &properties->broadcast);
     return true;
 }
 
@@ -51,34 +52,35 @@ Mox::String LinkAddress::name() const {
     return address().stringValue() + "/" + std::to_string(len());
 }
 
-uint64_t LinkAddress::commit(const Facts& facts) {
-    return stored(facts_.len, facts.len, lenAttr) | stored(facts_.peer, facts.peer, peerAttr) |
-           stored(facts_.broadcast, facts.broadcast, broadcastAttr) |
-           stored(facts_.scope, facts.scope, scopeAttr) |
-           stored(facts_.flags, facts.flags, flagsAttr);
+uint64_t LinkAddress::commit(const Properties& properties) {
+    return stored(properties_.len, properties.len, lenAttr) |
+           stored(properties_.peer, properties.peer, peerAttr) |
+           stored(properties_.broadcast, properties.broadcast, broadcastAttr) |
+           stored(properties_.scope, properties.scope, scopeAttr) |
+           stored(properties_.flags, properties.flags, flagsAttr);
 }
 
 void LinkAddress::announce(uint64_t changed) {
     KernelObject::announce(changed, {&lenAttr, &peerAttr, &broadcastAttr, &scopeAttr, &flagsAttr});
 }
 
-std::optional<LinkAddress::Facts> LinkAddress::read(const nlmsghdr& message) {
+std::optional<LinkAddress::Properties> LinkAddress::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ifaddrmsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ifaddrmsg), IFA_FLAGS);
     if (body == nullptr || !attributes.isSound() || body->ifa_index == 0 ||
         body->ifa_prefixlen > addressBits(familyOf(body->ifa_family))) {
         return {};
     }
-    LinkAddress::Facts facts;
-    facts.key.ifIndex = body->ifa_index;
-    facts.len = body->ifa_prefixlen;
-    facts.scope = body->ifa_scope;
-    facts.flags = body->ifa_flags;  // The low byte, from before there were more.
-    attributes.read(IFA_FLAGS, &facts.flags);
-    if (!readAddresses(attributes, body->ifa_family, &facts)) {
+    LinkAddress::Properties properties;
+    properties.key.ifIndex = body->ifa_index;
+    properties.len = body->ifa_prefixlen;
+    properties.scope = body->ifa_scope;
+    properties.flags = body->ifa_flags;  // The low byte, from before there were more.
+    attributes.read(IFA_FLAGS, &properties.flags);
+    if (!readAddresses(attributes, body->ifa_family, &properties)) {
         return {};
     }
-    return facts;
+    return properties;
 }
 
 }  // namespace Pavo

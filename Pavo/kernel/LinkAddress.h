@@ -53,7 +53,7 @@ class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> 
     /// What a message says of an address.
     ///
     /// Members: as the functions of `LinkAddress` with these names.
-    struct Facts {
+    struct Properties {
         LinkAddressKey key;
         uint32_t len = 0;
         IpGenAddr peer;
@@ -76,43 +76,43 @@ class PAVO_EXPORT LinkAddress : public Mox::EntityOf<LinkAddress, KernelObject> 
     }
 
     /// As the kernel described it.
-    explicit LinkAddress(const Facts& facts) : facts_(facts) {}
+    explicit LinkAddress(const Properties& properties) : properties_(properties) {}
 
     /// The address and its length: "192.0.2.1/24".
     Mox::String name() const override;
     /// Its key in the collection of the namespace.
-    const LinkAddressKey& key() const MOX_LIFETIME_BOUND { return facts_.key; }
+    const LinkAddressKey& key() const MOX_LIFETIME_BOUND { return properties_.key; }
     /// The index of the link.
-    uint32_t ifIndex() const { return facts_.key.ifIndex; }
+    uint32_t ifIndex() const { return properties_.key.ifIndex; }
     /// The address itself.
-    const IpGenAddr& address() const MOX_LIFETIME_BOUND { return facts_.key.address; }
+    const IpGenAddr& address() const MOX_LIFETIME_BOUND { return properties_.key.address; }
     /// The length of the network's prefix, 0 to 32 or 128.
-    uint32_t len() const { return facts_.len; }
+    uint32_t len() const { return properties_.len; }
     /// The address of the other end of a point-to-point link; none (`ipunknown`) on other links.
-    const IpGenAddr& peer() const MOX_LIFETIME_BOUND { return facts_.peer; }
+    const IpGenAddr& peer() const MOX_LIFETIME_BOUND { return properties_.peer; }
     /// None where there is none, as for IPv6.
-    const IpGenAddr& broadcast() const MOX_LIFETIME_BOUND { return facts_.broadcast; }
+    const IpGenAddr& broadcast() const MOX_LIFETIME_BOUND { return properties_.broadcast; }
     /// RT_SCOPE_UNIVERSE, RT_SCOPE_LINK and others (rtnetlink(7)).
-    uint32_t scope() const { return facts_.scope; }
+    uint32_t scope() const { return properties_.scope; }
     /// IFA_F_PERMANENT and others.
-    uint32_t flags() const { return facts_.flags; }
+    uint32_t flags() const { return properties_.flags; }
     /// An IPv6 address that is not in use yet: the kernel asks whether another node has it
     /// (RFC 4862, 5.4). True of a duplicate too: look at `isDuplicate` first. A link-local
     /// address that the kernel makes itself is not announced while it asks.
-    bool isTentative() const { return (facts_.flags & IFA_F_TENTATIVE) != 0; }
+    bool isTentative() const { return (properties_.flags & IFA_F_TENTATIVE) != 0; }
     /// Another node has the address, so that it is not used here.
-    bool isDuplicate() const { return (facts_.flags & IFA_F_DADFAILED) != 0; }
+    bool isDuplicate() const { return (properties_.flags & IFA_F_DADFAILED) != 0; }
 
   private:
     friend class KernelInfo;
 
     // What a message of the type RTM_NEWADDR or RTM_DELADDR (rtnetlink(7)) says; nothing for one
     // that is malformed or of another family than IPv4 and IPv6.
-    static std::optional<Facts> read(const nlmsghdr& message);
-    uint64_t commit(const Facts& facts);
+    static std::optional<Properties> read(const nlmsghdr& message);
+    uint64_t commit(const Properties& properties);
     void announce(uint64_t changed);
 
-    Facts facts_;
+    Properties properties_;
 };
 
 }  // namespace Pavo

@@ -12,7 +12,7 @@ LinkHandle::LinkHandle(Mox::String name, const Mox::Ptr<KernelInfo>& info)
 LinkHandle::LinkHandle(Mox::String name, const Mox::Ptr<KernelInfoMgr>& mgr,
                        const NamespaceName& netNs)
     : name_(std::move(name)),
-      infos_(mgr, KernelInfoMgr::kernelInfosAttr,
+      infos_(mgr, KernelInfoMgr::kernelInfoAttr,
              [this, mgr = mgr.ptr(), followed = netNs ? netNs : NamespaceName::defaultNamespace()](
                  const NamespaceName& changed) {
                  if (changed == followed) {

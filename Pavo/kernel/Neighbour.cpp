@@ -29,34 +29,34 @@ Mox::String NeighbourKey::stringValue() const {
     });
 }
 
-uint64_t Neighbour::commit(const Facts& facts) {
-    return stored(facts_.ethAddr, facts.ethAddr, ethAddrAttr) |
-           stored(facts_.state, facts.state, stateAttr) |
-           stored(facts_.flags, facts.flags, flagsAttr);
+uint64_t Neighbour::commit(const Properties& properties) {
+    return stored(properties_.ethAddr, properties.ethAddr, ethAddrAttr) |
+           stored(properties_.state, properties.state, stateAttr) |
+           stored(properties_.flags, properties.flags, flagsAttr);
 }
 
 void Neighbour::announce(uint64_t changed) {
     KernelObject::announce(changed, {&ethAddrAttr, &stateAttr, &flagsAttr});
 }
 
-std::optional<Neighbour::Facts> Neighbour::read(const nlmsghdr& message) {
+std::optional<Neighbour::Properties> Neighbour::read(const nlmsghdr& message) {
     const auto* const body = netlinkBody<ndmsg>(message);
     const NetlinkAttributes attributes(message, sizeof(ndmsg), NDA_LLADDR);
     if (body == nullptr || !attributes.isSound() || body->ndm_ifindex <= 0 ||
         (body->ndm_flags & NTF_PROXY) != 0) {
         return {};
     }
-    Neighbour::Facts facts;
-    facts.key.ifIndex = static_cast<uint32_t>(body->ndm_ifindex);
-    if (!readAddress(attributes, NDA_DST, body->ndm_family, &facts.key.address)) {
+    Neighbour::Properties properties;
+    properties.key.ifIndex = static_cast<uint32_t>(body->ndm_ifindex);
+    if (!readAddress(attributes, NDA_DST, body->ndm_family, &properties.key.address)) {
         return {};
     }
     if (attributes.payload(NDA_LLADDR).size() == sizeof(EthAddr)) {
-        attributes.read(NDA_LLADDR, &facts.ethAddr);
+        attributes.read(NDA_LLADDR, &properties.ethAddr);
     }
-    facts.state = stateOf(body->ndm_state);
-    facts.flags = body->ndm_flags;
-    return facts;
+    properties.state = stateOf(body->ndm_state);
+    properties.flags = body->ndm_flags;
+    return properties;
 }
 
 }  // namespace Pavo

@@ -73,7 +73,7 @@ class PAVO_EXPORT Neighbour : public Mox::EntityOf<Neighbour, KernelObject> {
     /// What a message says of a neighbour.
     ///
     /// Members: as the functions of `Neighbour` with these names.
-    struct Facts {
+    struct Properties {
         NeighbourKey key;
         EthAddr ethAddr;
         NeighbourState state = NeighbourState::none;
@@ -90,22 +90,22 @@ class PAVO_EXPORT Neighbour : public Mox::EntityOf<Neighbour, KernelObject> {
     }
 
     /// As the kernel described it.
-    explicit Neighbour(const Facts& facts) : facts_(facts) {}
+    explicit Neighbour(const Properties& properties) : properties_(properties) {}
 
     /// The text of the address.
     Mox::String name() const override { return address().stringValue(); }
     /// Its key in the collection of the namespace.
-    const NeighbourKey& key() const MOX_LIFETIME_BOUND { return facts_.key; }
+    const NeighbourKey& key() const MOX_LIFETIME_BOUND { return properties_.key; }
     /// The index of the link.
-    uint32_t ifIndex() const { return facts_.key.ifIndex; }
+    uint32_t ifIndex() const { return properties_.key.ifIndex; }
     /// Its IP address.
-    const IpGenAddr& address() const MOX_LIFETIME_BOUND { return facts_.key.address; }
+    const IpGenAddr& address() const MOX_LIFETIME_BOUND { return properties_.key.address; }
     /// Zero while it is not known, and on links without hardware addresses of 6 bytes.
-    const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return facts_.ethAddr; }
+    const EthAddr& ethAddr() const MOX_LIFETIME_BOUND { return properties_.ethAddr; }
     /// The state of resolution, as the kernel last announced it.
-    NeighbourState state() const { return facts_.state; }
+    NeighbourState state() const { return properties_.state; }
     /// NTF_ROUTER, NTF_EXT_LEARNED and others (rtnetlink(7)).
-    uint32_t flags() const { return facts_.flags; }
+    uint32_t flags() const { return properties_.flags; }
 
   private:
     friend class KernelInfo;
@@ -113,11 +113,11 @@ class PAVO_EXPORT Neighbour : public Mox::EntityOf<Neighbour, KernelObject> {
     // What a message of the type RTM_NEWNEIGH or RTM_DELNEIGH (rtnetlink(7)) says; nothing for one
     // that is malformed, of another family than IPv4 and IPv6, or about an address that is answered
     // for by proxy.
-    static std::optional<Facts> read(const nlmsghdr& message);
-    uint64_t commit(const Facts& facts);
+    static std::optional<Properties> read(const nlmsghdr& message);
+    uint64_t commit(const Properties& properties);
     void announce(uint64_t changed);
 
-    Facts facts_;
+    Properties properties_;
 };
 
 }  // namespace Pavo

@@ -71,7 +71,7 @@ uint64_t RouteTable::memoryBytes() const {
     return stores_->v4.memoryBytes() + stores_->v6.memoryBytes();
 }
 
-std::vector<Route> RouteTable::routes(const RouteKey& key) const {
+std::vector<Route> RouteTable::route(const RouteKey& key) const {
     std::vector<Route> routes;
     if (key.prefix.af() == ipv4) {
         collect(stores_->v4, key.prefix.ipGenAddr().v4Addr(), key, &routes);
@@ -174,7 +174,7 @@ void RouteTable::announce() {
     }
     FirstException exception;
     for (const RouteKey& each : changed) {
-        exception.collect([&] { notify(routesAttr, each); });
+        exception.collect([&] { notify(routeAttr, each); });
     }
     if (changed_.empty()) {  // The next ones need no memory of their own.
         changed.clear();

@@ -37,9 +37,9 @@ class KernelInfo;
 /// of these that is replaced by a route of the same metric.
 class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
   public:
-    static constexpr Mox::Attribute<RouteTable, RouteKey> routesAttr{0, "routes"};
+    static constexpr Mox::Attribute<RouteTable, RouteKey> routeAttr{0, "route"};
     static constexpr auto description() {
-        return Mox::classRecord("Pavo::RouteTable", Mox::attribute(routesAttr));
+        return Mox::classRecord("Pavo::RouteTable", Mox::attribute(routeAttr));
     }
 
     explicit RouteTable(Mox::String name);
@@ -53,7 +53,7 @@ class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
     uint64_t memoryBytes() const;
     /// The routes with that key, in the kernel's order, of which it uses the first; most keys have
     /// one route.
-    std::vector<Route> routes(const RouteKey& key) const;
+    std::vector<Route> route(const RouteKey& key) const;
     /// Calls `call` for each route, in no order. `call` must not turn the event loop, which may
     /// change the table.
     void forEach(const std::function<void(const Route&)>& call) const;

@@ -15,9 +15,9 @@ NamespaceWatcher::NamespaceWatcher(Mox::Ptr<KernelInfo> info, Print print)
       linkWatch_(info_, KernelInfo::linkByIndexAttr,
                  [this](uint32_t index) { show(&links_, index, info_->linkByIndex(index)); }),
       addressWatch_(
-          info_, KernelInfo::addressesAttr,
+          info_, KernelInfo::addressAttr,
           [this](const Pavo::LinkAddressKey& key) { show(&addresses_, key, info_->address(key)); }),
-      neighbourWatch_(info_, KernelInfo::neighboursAttr, [this](const Pavo::NeighbourKey& key) {
+      neighbourWatch_(info_, KernelInfo::neighbourAttr, [this](const Pavo::NeighbourKey& key) {
           show(&neighbours_, key, info_->neighbour(key));
       }) {}
 
@@ -73,9 +73,9 @@ Watcher::Watcher(Mox::Clock* clock, Print print)
     : print_(std::move(print)),
       mgr_(Pavo::kernelInfoMgrFactory("watch", Pavo::namespaceStatusLocalDirFactory("namespaces"),
                                       clock)),
-      mgrWatch_(mgr_, Pavo::KernelInfoMgr::kernelInfosAttr,
+      mgrWatch_(mgr_, Pavo::KernelInfoMgr::kernelInfoAttr,
                 [this](const Pavo::NamespaceName& netNs) { handleNamespace(netNs); }) {
-    for (const auto& [netNs, info] : mgr_->kernelInfos()) {
+    for (const auto& [netNs, info] : mgr_->kernelInfo()) {
         handleNamespace(netNs);
     }
 }

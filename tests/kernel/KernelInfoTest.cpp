@@ -146,15 +146,15 @@ void KernelRequestsTest::changeLink(uint32_t index) {
 }
 
 void KernelRequestsTest::addAddresses(uint32_t index) {
-    LinkAddress::Facts v4{{index, IpAddr("10.0.0.1")}, 24, {}, IpAddr("10.0.0.255"), 0, 0};
-    LinkAddress::Facts peer{{index, IpAddr("10.9.0.1")}, 32, IpAddr("10.9.0.2"), {}, 0, 0};
-    LinkAddress::Facts v6{{index, Ip6Addr("2001:db8::1")}, 64, {}, {}, 0, IFA_F_NODAD};
+    LinkAddress::Properties v4{{index, IpAddr("10.0.0.1")}, 24, {}, IpAddr("10.0.0.255"), 0, 0};
+    LinkAddress::Properties peer{{index, IpAddr("10.9.0.1")}, 32, IpAddr("10.9.0.2"), {}, 0, 0};
+    LinkAddress::Properties v6{{index, Ip6Addr("2001:db8::1")}, 64, {}, {}, 0, IFA_F_NODAD};
     for (const auto& each : {v4, peer, v6}) {
         expectOnce(addressAddRequest(each), EEXIST);
     }
     const NeighbourKey neighbour{index, IpAddr("10.0.0.9")};
     expectOnce(neighbourAddRequest(neighbour, EthAddr("02:00:00:00:00:09")), EEXIST);
-    EXPECT_EQ(errorOf(neighbourRequest(neighbour, EthAddr("02:00:00:00:00:0a"))), 0);
+    EXPECT_EQ(errorOf(neighbourReplaceRequest(neighbour, EthAddr("02:00:00:00:00:0a"))), 0);
     EXPECT_EQ(ns_->difference(), "");
     expectOnce(neighbourDelRequest(neighbour), ENOENT);
 }
@@ -178,7 +178,7 @@ void KernelRequestsTest::changeRoutes(uint32_t index) {
     }
     EXPECT_EQ(ns_->difference(), "");
     for (const Route& each : routes) {
-        EXPECT_EQ(ns_->info->routes()->routes(each.key), std::vector<Route>{each});
+        EXPECT_EQ(ns_->info->routes()->route(each.key), std::vector<Route>{each});
         EXPECT_EQ(errorOf(routeReplaceRequest(each)), 0);
         expectOnce(routeDelRequest(each), ESRCH);
     }
@@ -202,15 +202,15 @@ TEST_F(KernelRequestsTest, ChangeTheKernelAndAllThatIpMonitorShowsIsSeen) {
     // Of the routes that lose their source, that of the main table goes; without IPv4 addresses the
     // link loses the other one. Nothing of that is announced.
     for (const auto& [key, address] :
-         std::map(ns_->info->addresses().begin(), ns_->info->addresses().end())) {
+         std::map(ns_->info->address().begin(), ns_->info->address().end())) {
         if (key.ifIndex == link->index()) {
             EXPECT_EQ(errorOf(addressDelRequest(key, address->len())), 0);
             EXPECT_EQ(ns_->difference(), "");
         }
     }
     LinkStatistics counters;
-    linkStatisticsIs(ns_->session, link->index(),
-                     [&](const NetlinkAnswer&, const LinkStatistics& got) { counters = got; });
+    requestLinkStatistics(ns_->session, link->index(),
+                          [&](const NetlinkAnswer&, const LinkStatistics& got) { counters = got; });
     EXPECT_TRUE(turnsUntil(ns_->loop, [&] { return counters.txPackets > 0; }));
     ns_->ip("link add br0 type bridge");
     expectOnce(linkDelRequest(link->index()), ENODEV);
@@ -269,25 +269,24 @@ TEST_F(KernelInfoTest, AManagerFollowsNamesAndEndsWhatIsInThem) {
     run({"ip", "-n", "blue", "address", "add", "10.0.0.1/24", "dev", "v0"});
     const auto info = mgr->kernelInfo(blue);
     ASSERT_TRUE(info);
-    EXPECT_TRUE(
-        turnsUntil(loop, [&] { return handle->link() && info->addresses().members() == 3; }));
+    EXPECT_TRUE(turnsUntil(loop, [&] { return handle->link() && info->address().members() == 3; }));
 
     std::string order;
     const Mox::Watch<NamespaceStatusLocal> state(
         status->ns(blue), NamespaceStatusLocal::stateAttr,
         [&, one = status->ns(blue).ptr()] { order += stringValue(one->state()).c_str(); });
     const Mox::Watch<KernelInfo> objects(
-        info, {KernelInfo::addressesAttr, KernelInfo::linkByIndexAttr},
+        info, {KernelInfo::addressAttr, KernelInfo::linkByIndexAttr},
         [&](const Mox::Change& change) { order += std::string(" ") + change.attribute.name; });
     const Mox::Watch<KernelInfoMgr> infos(
-        mgr, KernelInfoMgr::kernelInfosAttr,
+        mgr, KernelInfoMgr::kernelInfoAttr,
         [&](const NamespaceName& name) { order += mgr->kernelInfo(name) ? " came" : " went"; });
     const Mox::Watch<NamespaceStatusLocalDir> names(
         status, NamespaceStatusLocalDir::nsAttr, [&](const NamespaceName&) { order += " name"; });
     ASSERT_EQ(netNsAddEvenIfPresent("blue"), 0);  // The loop has no turn between.
     EXPECT_TRUE(turnsUntil(loop, [&] { return isActive(blue) && mgr->kernelInfo(blue) != info; }));
     EXPECT_EQ(order,
-              "deleting addresses addresses addresses linkByIndex linkByIndex linkByIndex went "
+              "deleting address address address linkByIndex linkByIndex linkByIndex went "
               "name name came");
     EXPECT_FALSE(handle->link());
     EXPECT_EQ(mgr->kernelInfo(blue)->linkByIndex().members(), 1u);
@@ -327,7 +326,7 @@ TEST_F(KernelInfoTest, KeepsTheRouteOfARouterAdvertisement) {
     RouteKey key;
     key.prefix = IpGenPrefix("::/0");
     key.metric = 1024;
-    const auto count = [&] { return ns.info->routes()->routes(key).size(); };
+    const auto count = [&] { return ns.info->routes()->route(key).size(); };
     ASSERT_TRUE(turnsUntil(ns.loop, [&] { return count() == 1; }));
     ns.ip("-6 route append default via 2001:db8::6 metric 1024");
     ns.ip("-6 route replace default via 2001:db8::7 metric 1024");

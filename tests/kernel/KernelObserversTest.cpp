@@ -49,8 +49,8 @@ struct ObserversWorld : PavoTest::RandomProgram {
             return addressAddRequest({{index, address}, 24, {}, {}, 0, below(2)});
         }
         if (table == RTM_GETNEIGH) {
-            return neighbourRequest({index, address},
-                                    EthAddr(0, 0, static_cast<uint16_t>(below(2))));
+            return neighbourReplaceRequest({index, address},
+                                           EthAddr(0, 0, static_cast<uint16_t>(below(2))));
         }
         Route route;
         route.key.prefix = IpGenPrefix(IpGenAddr(address));
@@ -77,7 +77,7 @@ struct ObserversWorld : PavoTest::RandomProgram {
         uint32_t routes = 0;
         info->routes()->forEach([&](const Route& route) {
             ++routes;
-            const auto all = info->routes()->routes(route.key);
+            const auto all = info->routes()->route(route.key);
             EXPECT_EQ(std::count(all.begin(), all.end(), route), 1);
         });
         EXPECT_EQ(routes, info->routes()->members());
@@ -110,7 +110,7 @@ TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
     info->followsRoutesIs(true);
     std::vector<NetlinkMessage> messages[2];
     for (const uint16_t i : {uint16_t{1}, uint16_t{2}}) {
-        messages[0].push_back(neighbourRequest({1, IpAddr(i)}, EthAddr(0, 0, i)));
+        messages[0].push_back(neighbourReplaceRequest({1, IpAddr(i)}, EthAddr(0, 0, i)));
         Route route;
         route.key.prefix = IpGenPrefix(IpGenAddr(Ip6Addr(0x20010db800000000, i)));
         route.hops = {{IpGenAddr(Ip6Addr(0xfe80000000000000, i)), 1, 1, false}};
@@ -123,7 +123,7 @@ TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
             pair[0].header()->nlmsg_type = static_cast<uint16_t>(type + 1);
             isDisturbed ? info->callback(pair[0].header()) : void();
             info->handleDumpEnd(static_cast<uint16_t>(type + 2));
-            return info->neighbours().members() + info->routes()->members();
+            return info->neighbour().members() + info->routes()->members();
         };
         info->callback(pair[0].header());
         info->callback(pair[1].header());

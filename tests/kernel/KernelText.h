@@ -89,8 +89,8 @@ inline Lines linesOf(const Pavo::KernelInfo& info) {
         }
     };
     addAll(info.linkByIndex());
-    addAll(info.addresses());
-    addAll(info.neighbours());
+    addAll(info.address());
+    addAll(info.neighbour());
     info.routes()->forEach([&](const Pavo::Route& route) { lines.insert(lineOf(route)); });
     lines.erase("");
     return lines;

@@ -71,7 +71,7 @@ class Shadow {
     }
     void routesAre(const Pavo::RouteKey& key) {
         Lines lines;
-        for (const Pavo::Route& each : info_->routes()->routes(key)) {
+        for (const Pavo::Route& each : info_->routes()->route(key)) {
             lines.insert(lineOf(each));
         }
         const std::string name = joined("route", textOf(key.prefix)) + '|' +
@@ -95,16 +95,16 @@ class Shadow {
                        }};
     Watch<Info> names_{info_, Info::linkByNameAttr,
                        [this](const Mox::String& name) { nameIs(name); }};
-    Watch<Info> addresses_{info_, Info::addressesAttr, [this](const Pavo::LinkAddressKey& key) {
+    Watch<Info> addresses_{info_, Info::addressAttr, [this](const Pavo::LinkAddressKey& key) {
                                memberIs(joined("address", key.ifIndex, textOf(key.address)),
                                         info_->address(key));
                            }};
     Watch<Info> neighbours_{
-        info_, Info::neighboursAttr, [this](const Pavo::NeighbourKey& key) {
+        info_, Info::neighbourAttr, [this](const Pavo::NeighbourKey& key) {
             memberIs(joined("neighbour", textOf(key.address)) + '|' + std::to_string(key.ifIndex),
                      info_->neighbour(key));
         }};
-    Watch<Pavo::RouteTable> routes_{info_->routes(), Pavo::RouteTable::routesAttr,
+    Watch<Pavo::RouteTable> routes_{info_->routes(), Pavo::RouteTable::routeAttr,
                                     [this](const Pavo::RouteKey& key) { routesAre(key); }};
 };
 
