@@ -308,6 +308,25 @@ TEST(TcpPeering, BothEndsKeepTheSameOfTwoConnections) {
               TcpCollision::arriving);
 }
 
+TEST_F(TcpPeeringTest, OneConnectionStaysWhereBothEndsConnect) {
+    const IpGenAddr lower = addressOf("127.0.0.1");
+    const IpGenAddr greater = addressOf("127.0.0.2");
+    near_.peering->listenIs(lower, port);
+    far_.peering->listenIs(greater, port);
+    const auto near =
+        near_.peering->peerIs({.address = greater, .port = port, .localAddress = lower});
+    const auto far =
+        far_.peering->peerIs({.address = lower, .port = port, .localAddress = greater});
+    EXPECT_TRUE(awaits([&] {
+        return near->collisions() == 1 && far->collisions() == 1 &&
+               near_.log.ends_with("up hello ") && far_.log.ends_with("up hello ");
+    })) << near_.log
+        << "/ " << far_.log;
+    EXPECT_TRUE(near->connection().isAccepted);
+    EXPECT_FALSE(far->connection().isAccepted);
+    EXPECT_EQ(near->connection().socket.dstPort(), far->connection().socket.srcPort());
+}
+
 TEST_F(TcpPeeringTest, DelaysGrowUntilAConnectionLasts) {
     TcpPeerConfig config{.address = addressOf("127.0.0.1"),
                          .port = port,
