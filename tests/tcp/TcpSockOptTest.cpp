@@ -197,7 +197,7 @@ TEST_F(TcpSockOptTest, AnAttemptWithoutAnswerSaysWhatItsNamespaceHasDropped) {
     const auto intrude = [&] {
         const long before = tcpCounter("TCPMinTTLDrop");
         intruder.sm->startConnection();
-        EXPECT_TRUE(turnUntil([&] { return tcpCounter("TCPMinTTLDrop") > before; }));
+        EXPECT_TRUE(turnsUntil(loop_, [&] { return tcpCounter("TCPMinTTLDrop") > before; }));
         intruder.sm->stopConnection();
     };
     client.sm->startConnection();
