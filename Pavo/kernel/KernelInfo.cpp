@@ -102,16 +102,6 @@ void KernelInfo::close() {
     exception.rethrow();
 }
 
-void KernelInfo::handleSync() {
-    if (session_) {
-        attributeIs(isInSync_, session_->isInSync(), isInSyncAttr);
-    }
-}
-
-void KernelInfo::malformedInc() {
-    attributeInc(malformedMessages_, 1, malformedMessagesAttr);
-}
-
 void KernelInfo::callback(nlmsghdr* message) {
     const Mox::Ptr<KernelInfo> hold(this);
     switch (message->nlmsg_type) {
@@ -129,7 +119,9 @@ void KernelInfo::callback(nlmsghdr* message) {
             break;
         case RTM_NEWROUTE:
         case RTM_DELROUTE:
-            handleRoute(*message);
+            if (followsRoutes_ && !routes_->messageIs(*message)) {
+                malformedInc();
+            }
             break;
         default:
             break;
@@ -256,13 +248,10 @@ void KernelInfo::linkChange(const Mox::Ptr<Link>& link, const Link::Properties& 
     if (isNamed) {
         exception.collect([&] { notify(linkByNameAttr, properties.name); });
     }
-    const auto isOtherAlive = [this](uint32_t index, AddressFamily family) {
-        return isAlive(index, family);
-    };
     if (wasUp && (properties.flags & IFF_UP) == 0) {
-        exception.collect([&] { routes_->linkDown(properties.index, isOtherAlive); });
+        exception.collect([&] { routes_->linkDown(properties.index, isAlive()); });
     } else if (hadIp6 && properties.mtu < minMtuOfIp6) {
-        exception.collect([&] { routes_->linkWithoutIp6(properties.index, isOtherAlive); });
+        exception.collect([&] { routes_->linkWithoutIp6(properties.index, isAlive()); });
     }
     exception.rethrow();
 }
@@ -332,12 +321,6 @@ void KernelInfo::neighbourIs(const Neighbour::Properties& properties, bool isOfD
     notify(neighbourAttr, properties.key);
 }
 
-void KernelInfo::handleRoute(const nlmsghdr& message) {
-    if (followsRoutes_ && !routes_->messageIs(message)) {
-        malformedInc();
-    }
-}
-
 // A link without any IPv4 address loses its IPv4 routes.
 void KernelInfo::remove(const LinkAddressKey& key, Removed* removed) {
     const auto object = address(key);
@@ -405,11 +388,7 @@ void KernelInfo::announce(const Removed& removed) {
         exception.collect([&] { routes_->linkGone(link->index()); });
     }
     for (const uint32_t index : removed.withoutIp) {
-        exception.collect([&] {
-            routes_->linkWithoutIp(index, [this](uint32_t other, AddressFamily family) {
-                return isAlive(other, family);
-            });
-        });
+        exception.collect([&] { routes_->linkWithoutIp(index, isAlive()); });
     }
     for (const auto& address : removed.addresses) {
         exception.collect([&] { routesOfAddressDel(*address); });
@@ -448,12 +427,6 @@ void KernelInfo::routesOfAddressDel(const LinkAddress& address) {
     if (std::none_of(links_.objects.begin(), links_.objects.end(), hasAddress)) {
         routes_->addressGone(address.address(), table);
     }
-}
-
-// Whether the kernel counts on next hops over the link.
-bool KernelInfo::isAlive(uint32_t ifIndex, AddressFamily family) const {
-    const Mox::Ptr<Link> link = linkByIndex(ifIndex);
-    return link && link->isUp() && (family == ipv6 || !link->isWithoutIp_);
 }
 
 // A link of a VRF has the VRF's table.

@@ -143,8 +143,12 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
 
     // Leaves the session, and ends all objects in order: routes, neighbours and addresses, links.
     void close();
-    void handleSync();
-    void malformedInc();
+    void handleSync() {
+        if (session_) {
+            attributeIs(isInSync_, session_->isInSync(), isInSyncAttr);
+        }
+    }
+    void malformedInc() { attributeInc(malformedMessages_, 1, malformedMessagesAttr); }
 
     void linkIs(const Link::Properties& properties);
     void linkAdd(const Link::Properties& properties);
@@ -154,7 +158,6 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void handleLink(const nlmsghdr& message);
     void handleAddress(const nlmsghdr& message);
     void handleNeighbour(const nlmsghdr& message);
-    void handleRoute(const nlmsghdr& message);
 
     template <class Key, class T>
     void delUnseen(const Table<Key, T>& table);
@@ -167,7 +170,13 @@ class PAVO_EXPORT KernelInfo : public Mox::EntityOf<KernelInfo>, public NetlinkF
     void remove(uint32_t index, Removed* removed);
     void announce(const Removed& removed);
     void routesOfAddressDel(const LinkAddress& address);
-    bool isAlive(uint32_t ifIndex, AddressFamily family) const;
+    // Says whether the kernel uses next hops over a link.
+    auto isAlive() const {
+        return [this](uint32_t ifIndex, AddressFamily family) {
+            const Mox::Ptr<Link> link = linkByIndex(ifIndex);
+            return link && link->isUp() && (family == ipv6 || !link->isWithoutIp_);
+        };
+    }
     uint32_t tableOf(uint32_t ifIndex) const;
 
     Mox::String name_;

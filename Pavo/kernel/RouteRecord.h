@@ -46,9 +46,9 @@ struct RouteRecord {
                len == other.len && tos == other.tos;
     }
     // All but the next hops.
-    bool isLike(const RouteRecord& other) const {
+    bool isLike(const RouteRecord& other, bool withSource = true) const {
         return hasKeyOf(other) && protocol == other.protocol && type == other.type &&
-               scope == other.scope && source == other.source;
+               scope == other.scope && (!withSource || source == other.source);
     }
     RouteKey key() const {
         return {IpGenPrefix::containing(IpGenAddr(prefix), len), table, metric, tos};

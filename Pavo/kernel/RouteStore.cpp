@@ -67,15 +67,15 @@ uint32_t RouteStore<Address>::replacedBy(const Read& route, uint32_t head) const
     return head;
 }
 
-// A next hop that is added to an IPv6 route is announced as the whole route: the one that it
-// extends, or `none`.
+// A next hop that is added to an IPv6 route is announced as the whole route, with the source of the
+// new one, which may be another: the route that it extends, or `none`.
 template <class Address>
 uint32_t RouteStore<Address>::extendedBy(const Read& route, uint32_t head) const {
     if (Record::family == ipv4 || (route.record.flags & Record::several) == 0) {
         return none;
     }
     for (uint32_t index = head; index != none; index = routes_.at(index).next) {
-        if (routes_.at(index).isLike(route.record) &&
+        if (routes_.at(index).isLike(route.record, /*withSource=*/false) &&
             hasAll(route.hops, routes_.allHopsOf(index))) {
             return index;
         }
@@ -99,7 +99,11 @@ void RouteStore<Address>::add(const Read& route, uint16_t flags, Changes* change
         }
         last = index;
     }
-    if (replaced != none) {
+    if (replaced != none && (flags & NLM_F_REPLACE) == 0) {
+        Read extended = route;
+        extended.record.source = routes_.at(replaced).source;
+        routes_.replace(replaced, extended, generation_);
+    } else if (replaced != none) {
         routes_.replace(replaced, route, generation_);
     } else {
         const bool isAtEnd = Record::family == ipv6 || (flags & NLM_F_APPEND) != 0;
@@ -349,7 +353,7 @@ void RouteStore<Address>::addressGone(const Address& address, uint32_t table, Ch
             note(record, changes);
             routes_.remove(index);
             trust_.deleted();
-        } else if (Record::family == ipv6 && (record.flags & Record::several) == 0) {
+        } else if (Record::family == ipv6) {
             note(record, changes);
             routes_.sourceDel(index);
         }

@@ -25,8 +25,9 @@ class KernelInfo;
 ///
 /// The table is made for a million routes: an IPv4 route takes about 45 bytes and an IPv6 route
 /// about 80, without memory of its own unless it has several next hops. Routes are therefore no
-/// entities: an observer is notified with the key of the routes that changed, and reads them here.
-/// The table is complete and consistent whenever observers are notified, and they may read it.
+/// entities: an observer is notified with the key of the routes that changed, or their order, and
+/// reads them here. The table is complete and consistent whenever observers are notified, and they
+/// may read it.
 ///
 /// Some changes are not announced by the kernel. Routes that go with their link, when it is set
 /// down, deleted or left without an IPv4 address, or with their preferred source, are removed here

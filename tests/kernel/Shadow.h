@@ -7,6 +7,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Pavo/KernelInfo.h"
 #include "kernel/KernelText.h"
@@ -47,6 +49,7 @@ class Shadow {
   private:
     struct Known {
         Lines lines;
+        std::vector<Pavo::Route> routes;  // In the kernel's order.
         std::shared_ptr<void> watch = nullptr;
     };
 
@@ -70,13 +73,14 @@ class Shadow {
                              : std::shared_ptr<Mox::Watch<T>>();
     }
     void routesAre(const Pavo::RouteKey& key) {
+        const std::vector<Pavo::Route> routes = info_->routes()->route(key);
         Lines lines;
-        for (const Pavo::Route& each : info_->routes()->route(key)) {
+        for (const Pavo::Route& each : routes) {
             lines.insert(lineOf(each));
         }
         const std::string name = joined("route", textOf(key.prefix)) + '|' +
                                  joined(key.prefix, key.table, key.metric, int{key.tos});
-        EXPECT_NE(members_[name].lines, lines) << "no difference";
+        EXPECT_NE(std::exchange(members_[name].routes, routes), routes) << "no difference";
         linesAre(name, lines);
     }
     void nameIs(const Mox::String& name) {
