@@ -287,8 +287,9 @@ void TcpPeer::applyToPam(FramedTcpPduPam* pam) const {
     pam->keepaliveOptsIs(config_.keepalive);
 }
 
-// A connection that did not last counts as a failed attempt.
-void TcpPeer::linkLost(const Mox::String& reason) {
+// A connection that did not last counts as a failed attempt. The reason is a copy, since it may be
+// the text of the endpoint that goes.
+void TcpPeer::linkLost(Mox::String reason) {
     publish([&] {
         if (peering_->wheel()->now() - link_->upSince >= config_.minUpSeconds) {
             failuresInRow_ = 0;

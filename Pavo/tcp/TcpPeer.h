@@ -168,7 +168,7 @@ class PAVO_EXPORT TcpPeer : public Mox::EntityOf<TcpPeer> {
     void bringUp(const TcpPeerConnection& connection);
     void applyToSocket(const TcpConnSocket& connection) const;
     void applyToPam(FramedTcpPduPam* pam) const;
-    void linkLost(const Mox::String& reason);
+    void linkLost(Mox::String reason);
     void dropLink(const Mox::String& reason);
     void handleError();
     void receive();

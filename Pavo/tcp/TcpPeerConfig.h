@@ -84,8 +84,8 @@ struct TcpPeerConfig {
 
 /// An established connection with a peer, and which end opened it.
 struct TcpPeerConnection {
-    TcpConnSocket socket{};
-    bool isAccepted = false;  ///< the peer did
+    TcpConnSocket socket{};   ///< its descriptor and both ends
+    bool isAccepted = false;  ///< the peer has opened it
 };
 
 /// Which of two connections with a peer stays; the other is closed.

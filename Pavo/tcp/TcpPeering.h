@@ -76,8 +76,9 @@ class PAVO_EXPORT TcpPeeringHandler {
 /// at once, without a call of the handler. One thread uses a peering.
 class PAVO_EXPORT TcpPeering : public Mox::EntityOf<TcpPeering> {
   public:
-    /// Peers by address and, of a link-local one, interface.
+    /// The address of a peer and, of a link-local one, its interface, else 0.
     using Key = std::pair<IpGenAddr, uint32_t>;
+    /// The peers by their keys.
     using Peers = std::map<Key, Mox::Ptr<TcpPeer>>;
 
     static constexpr Mox::Attribute<TcpPeering> refusedAttr{0, "refused"};
