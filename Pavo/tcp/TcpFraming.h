@@ -23,9 +23,9 @@ struct TcpFraming {
     uint8_t lengthBytes = 2;
     /// Whether the length is that of the whole message; else it counts what follows `headerBytes`.
     bool lengthIncludesHeader = true;
-    /// The shortest and the longest message, in bytes with the header. `maxPduLength` of the
-    /// endpoint is a limit too, and at first is `max`.
+    /// The shortest message, in bytes with the header.
     uint32_t min = 0;
+    /// The longest one. `maxPduLength` of the endpoint is a limit too, and is this at first.
     uint32_t max = 65535;
     /// Refuses a header of `headerBytes` bytes: returns null, or a text that lives as long as the
     /// process, which becomes the `rxErrorReason`. It is asked before the length is looked at, and
