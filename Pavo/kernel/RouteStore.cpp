@@ -88,6 +88,7 @@ void RouteStore<Address>::add(const Read& route, uint16_t flags, Changes* change
     if (grouped_ != 0 && group_[0].record.hasKeyOf(route.record)) {
         commitPart(changes);
     }
+    hasGrown_ = true;
     const uint32_t head = routes_.headOf(route.record);
     const uint32_t replaced =
         (flags & NLM_F_REPLACE) != 0 ? replacedBy(route, head) : extendedBy(route, head);
@@ -147,6 +148,8 @@ void RouteStore<Address>::dumpBegin(bool isAgain) {
     isPartial_ = false;
     trust_.begin(isAgain);
     inDump_ = true;
+    hasGrown_ = false;
+    isAmbiguous_ = false;
     if (!isAgain && ++generation_ == 0) {
         for (uint32_t index = 0; index < routes_.end(); ++index) {
             routes_.at(index).generation = 0;
@@ -174,7 +177,14 @@ template <class Address>
 bool RouteStore<Address>::dumpEnd(Changes* changes) {
     commitGroup(changes);
     inDump_ = false;
-    if (!trust_.end(members())) {
+    constexpr uint32_t mostRepetitions = 3;
+    const bool isSure = trust_.end(members());
+    if (isAmbiguous_ && repetitions_ < mostRepetitions) {
+        ++repetitions_;
+        return false;
+    }
+    repetitions_ = 0;
+    if (!isSure) {
         return false;
     }
     for (uint32_t index = 0; index < routes_.end(); ++index) {
@@ -242,6 +252,8 @@ void RouteStore<Address>::commitChain(Changes* changes) {
 
 // Puts the routes of the group in the place of those of its key. Those that were seen since the
 // dump began stay: an IPv6 dump goes back where routes were added, and brings some of a key again.
+// Where none was added, two IPv6 routes that are equal are two: the kernel makes such by replacing
+// another one.
 // When the group may be only a part of its key, all stay: what does not come goes at the end of the
 // dump.
 template <class Address>
@@ -253,7 +265,10 @@ void RouteStore<Address>::mergeChain(Changes* changes) {
         });
     };
     for (uint32_t i = 0; i < grouped_; ++i) {
-        if (!isInChain(group_[i].record, group_[i].hops)) {
+        const bool isEqual =
+            (Record::family == ipv4 || hasGrown_) && isInChain(group_[i].record, group_[i].hops);
+        isAmbiguous_ = isAmbiguous_ || (Record::family == ipv6 && isEqual);
+        if (!isEqual) {
             chain.push_back(group_[i]);
         }
     }

@@ -97,8 +97,11 @@ class RouteStore {
     uint8_t generation_ = 0;
     bool inDump_ = false;
     DumpTrust trust_;
-    bool isPartial_ = false;   // The group may lack routes of its key.
-    std::vector<Read> group_;  // Of one key, as the dump brings them; the first `grouped_`.
+    bool hasGrown_ = false;     // A route was added during the dump.
+    bool isAmbiguous_ = false;  // The dump named equal routes, of which there may be one.
+    uint32_t repetitions_ = 0;  // Of ambiguous dumps in a row.
+    bool isPartial_ = false;    // The group may lack routes of its key.
+    std::vector<Read> group_;   // Of one key, as the dump brings them; the first `grouped_`.
     uint32_t grouped_ = 0;
 };
 
