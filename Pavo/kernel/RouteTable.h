@@ -35,7 +35,8 @@ class KernelInfo;
 ///
 /// Routes over next-hop objects (ip-nexthop(8)) that change or go are correct only after the next
 /// dump. So is, where another process than the kernel adds the routes of router advertisements, one
-/// of these that is replaced by a route of the same metric. Of two equal IPv6 routes one may be
+/// of these that is replaced by a route of the same metric. Preferred sources of IPv6 routes may be
+/// wrong until then, after such an address or a next hop went. Of two equal IPv6 routes one may be
 /// missing after a dump during which routes were added.
 class PAVO_EXPORT RouteTable : public Mox::EntityOf<RouteTable> {
   public:

@@ -75,8 +75,8 @@ class Storm {
     static inline const Texts ways4 = {
         "% via 10.200.@.1@", "% via 10.200.@.1@", "% via 10.200.#.1@ src 10.201.#.1",
         "% nexthop via 10.200.@.1@ nexthop via 10.200.@.1@", "blackhole %"};
+    // Without preferred sources: see RouteTable.h.
     static inline const Texts ways6 = {"% via 2001:db8:@::@",
-                                       "% via 2001:db8:@::@ src 2001:db8:f#::1",
                                        "% nexthop via 2001:db8:@::@ nexthop via 2001:db8:@::@"};
     static inline const Texts ways6WithoutGateway = {"% dev v@", "blackhole %"};
 

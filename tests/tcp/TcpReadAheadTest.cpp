@@ -65,7 +65,8 @@ TEST(TcpFraming, IsRefusedWithAFault) {
 
 // One message of a framing.
 std::string messageOf(const TcpFraming& framing, uint64_t bytes, uint32_t seed) {
-    std::string message(std::max<uint64_t>(bytes, framing.headerBytes), '\0');
+    std::string message(static_cast<std::size_t>(std::max<uint64_t>(bytes, framing.headerBytes)),
+                        '\0');
     for (uint32_t i = 0; i < message.size(); ++i) {
         message[i] = static_cast<char>(seed + i * 7 + (i >> 8));
     }
