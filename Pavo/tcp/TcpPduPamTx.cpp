@@ -201,6 +201,8 @@ uint32_t TcpPduPam::sendEach(std::span<const Mox::Ptr<Pkt>> pkts) {
 
 // Returns how many packets were taken, before the last of them are sent.
 uint32_t TcpPduPam::gatherEach(std::span<const Mox::Ptr<Pkt>> pkts, TxBatch* batch) {
+    // Packets that are dropped are counted, and so are not given back.
+    const bool givesBack = txQueueBytes_ == 0 && takesPkts();
     uint32_t taken = 0;
     for (const Mox::Ptr<Pkt>& each : pkts) {
         const bool isFull = writer_->kept() + uint64_t{each->totalBytes()} > gatheredBytes ||
@@ -213,7 +215,7 @@ uint32_t TcpPduPam::gatherEach(std::span<const Mox::Ptr<Pkt>> pkts, TxBatch* bat
         }
         txPktIsImpl(each);
         ++taken;
-        if (txQueueBytes_ == 0) {
+        if (givesBack) {
             batch->ends[batch->pkts++] = writer_->messages();
         }
     }
