@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "pam/PamFixture.h"
+#include "tcp/TcpStreams.h"
 
 namespace Pavo {
 namespace {
@@ -26,33 +27,32 @@ constexpr auto readOnly = tcpEnableModeReadOnly;
 constexpr auto writeOnly = tcpEnableModeWriteOnly;
 constexpr auto both = tcpEnableModeReadWrite;
 
-// A message of `bytes` bytes that differ from their neighbours, whose length field has `length`.
-std::string pduOf(uint16_t length, uint32_t bytes) {
-    std::string pdu(bytes, '\0');
-    for (uint32_t i = 0; i < bytes; ++i) {
-        pdu[i] = static_cast<char>(length + i * 7 + (i >> 8));
-    }
-    pdu[2] = static_cast<char>(length >> 8);
-    pdu[3] = static_cast<char>(length);
-    return pdu;
-}
 std::string pduOf(uint16_t length) {
-    return pduOf(length, length);
+    return messageOf(simpleFraming, length, length, length);
 }
 
 // Sends messages, and takes one of those that came at each notification.
 struct PduAgent {
-    explicit PduAgent(const Mox::Ptr<TcpFileDescriptor>& stream, TcpPduPamEnableMode mode = both)
-        : pam(simpleTcpPduPamFactory(stream,
-                                     tcpFileDescriptorEventRegistrationFactoryMoxcFactory())) {
+    explicit PduAgent(const Mox::Ptr<TcpFileDescriptor>& stream, TcpPduPamEnableMode mode = both,
+                      uint32_t ahead = 0)
+        : pam(newPam(stream, ahead != 0)) {
+        pam->readAheadBytesIs(ahead);
         pam->enableModeIs(mode);
     }
     void send(std::string_view bytes) const { pam->txPktIs(pktOf(bytes)); }
 
-    const Mox::Ptr<SimpleTcpPduPam> pam;
+    static Mox::Ptr<TcpPduPam> newPam(const Mox::Ptr<TcpFileDescriptor>& stream, bool isFramed) {
+        const auto factory = tcpFileDescriptorEventRegistrationFactoryMoxcFactory();
+        if (isFramed) {
+            return framedTcpPduPamFactory(stream, factory, simpleFraming);
+        }
+        return simpleTcpPduPamFactory(stream, factory);
+    }
+
+    const Mox::Ptr<TcpPduPam> pam;
     Strings taken;
     bool takes = true;
-    Mox::Watch<SimpleTcpPduPam> readable{
+    Mox::Watch<TcpPduPam> readable{
         pam, Pam::readableCountAttr, [this] {
             if (const Mox::Ptr<Pkt> pkt = takes ? pam->rxPkt() : nullptr) {
                 taken.emplace_back(pkt->stringValue().view());
@@ -60,38 +60,15 @@ struct PduAgent {
         }};
 };
 
-// A stream with an endpoint at one end and plain calls at the other, which delivers within the
-// send.
-struct Stream {
-    explicit Stream(bool edgeTriggered) {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        const int bytes = 8192;  // So that a packet leaves in many pieces.
-        EXPECT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes)), 0);
-        near = tcpFileDescriptorFactory(ends[0], edgeTriggered);
-        far = tcpFileDescriptorFactory(ends[1], false);
-    }
-
-    // How many bytes there was room for.
-    std::size_t write(std::string_view bytes) const {
-        const int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
-        const ssize_t sent = send(far->descriptor(), bytes.data(), bytes.size(), flags);
-        return static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
-    }
-    // What has arrived at the far end.
-    std::string read() const {
-        std::string all(1 << 18, '\0');
-        const ssize_t got = recv(far->descriptor(), all.data(), all.size(), MSG_DONTWAIT);
-        all.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        return all;
-    }
-
-    Mox::Ptr<TcpFileDescriptor> near;
-    Mox::Ptr<TcpFileDescriptor> far;
+struct Reading {
+    const char* name;
+    bool isEdge = false;
+    uint32_t ahead = 0;
 };
 
-// For level- and edge-triggered descriptors.
-class TcpPduPamTest : public testing::TestWithParam<bool> {
+// For level- and edge-triggered descriptors, with read-ahead into buffers of which half is left
+// after the messages of a turn, or nothing.
+class TcpPduPamTest : public testing::TestWithParam<Reading> {
   protected:
     void turns(const std::function<void()>& beforeEach = [] {}) {
         int left = 1000;
@@ -111,23 +88,27 @@ class TcpPduPamTest : public testing::TestWithParam<bool> {
     }
 
     Mox::EventLoop loop_;
-    Stream stream_{GetParam()};
-    PduAgent agent_{stream_.near};
-    const Mox::Ptr<SimpleTcpPduPam> pam_ = agent_.pam;
+    Stream stream_{GetParam().isEdge};
+    PduAgent agent_{stream_.near, both, GetParam().ahead};
+    const Mox::Ptr<TcpPduPam> pam_ = agent_.pam;
 };
 
-INSTANTIATE_TEST_SUITE_P(Watching, TcpPduPamTest, testing::Bool(),
-                         [](const auto& test) { return test.param ? "Edge" : "Level"; });
+INSTANTIATE_TEST_SUITE_P(Reading, TcpPduPamTest,
+                         testing::Values(Reading{"Level"}, Reading{"Edge", true},
+                                         Reading{"AheadOfATurn", false, 3200},
+                                         Reading{"AheadOfTwoTurns", false, 6400},
+                                         Reading{"AheadOfAll", true, 65536}),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_P(TcpPduPamTest, ServesALimitedNumberOfPdusATurn) {
-    for (uint16_t length = 20; length < 120; ++length) {
-        stream_.write(pduOf(length));
+    for (uint32_t i = 0; i < 200; ++i) {
+        stream_.write(pduOf(100));
     }
     std::vector<std::size_t> served;
     while (loop_.turn(0) != 0) {
         served.push_back(agent_.taken.size());
     }
-    EXPECT_THAT(served, testing::IsSupersetOf({32, 64, 96, 100}));
+    EXPECT_THAT(served, testing::IsSupersetOf({32, 64, 96, 128, 160, 192, 200}));
 }
 
 // Lengths up to the default limit are part of the random programs.
@@ -146,7 +127,8 @@ TEST_P(TcpPduPamTest, APduThatIsNotTakenIsReportedOnce) {
 }
 
 TEST_P(TcpPduPamTest, CountsNothingFromInsideRxPkt) {
-    stream_.write(pduOf(30) + pduOf(65535, 20));
+    pam_->maxPduLengthIs(9600);
+    stream_.write(pduOf(30) + messageOf(simpleFraming, 65535, 20, 0));
     EXPECT_EQ(pam_->rxPkt()->stringValue(), pduOf(30));
     EXPECT_EQ(pam_->rxPkt(), nullptr);
     EXPECT_EQ(pam_->rxErrorReason(), "PDU length too big");
@@ -215,7 +197,7 @@ TEST_P(TcpPduPamTest, AResetIsTheReasonOfBothDirections) {
 }
 
 TEST_P(TcpPduPamTest, AppliesKeepaliveAndCountsWhatFails) {
-    const auto fd = TcpFileDescriptor::socket(ipv4, NamespaceName(), GetParam());
+    const auto fd = TcpFileDescriptor::socket(ipv4, NamespaceName(), GetParam().isEdge);
     const PduAgent agent(fd, none);
     const auto option = [&fd](int level, int number) {
         int value = -1;

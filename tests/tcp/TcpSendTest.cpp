@@ -1,11 +1,8 @@
 /// @file
 /// What leaves an endpoint on a stream: gathered, queued, and with its end.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
@@ -15,8 +12,8 @@
 
 #include "Mox/Clock.h"
 #include "Mox/EventLoop.h"
-#include "Pavo/TcpPduPam.h"
 #include "support/FailSyscall.h"
+#include "tcp/TcpStreams.h"
 
 namespace {
 
@@ -55,30 +52,11 @@ Packets packetsOf(uint32_t count, uint32_t bytes, std::string* all) {
 }
 
 // An endpoint on a TCP connection, with small buffers, whose other end is plain.
-struct Sender {
-    explicit Sender(bool edgeTriggered = false) {
-        const int listener = newSocket();
-        sockaddr_in name{};
-        name.sin_family = AF_INET;
-        name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(name);
-        auto* const address = reinterpret_cast<sockaddr*>(&name);
-        EXPECT_EQ(bind(listener, address, length) + listen(listener, 1), 0);
-        EXPECT_EQ(getsockname(listener, address, &length), 0);
-        const int near = newSocket();
-        EXPECT_EQ(connect(near, address, length), 0);
-        far = tcpFileDescriptorFactory(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK), false);
-        close(listener);
-        pam = simpleTcpPduPamFactory(tcpFileDescriptorFactory(near, edgeTriggered),
-                                     tcpFileDescriptorEventRegistrationFactoryMoxcFactory());
+struct Sender : Stream {
+    explicit Sender(bool edgeTriggered = false) : Stream(edgeTriggered, /*isTcp=*/true) {
+        pam = simpleTcpPduPamFactory(near, tcpFileDescriptorEventRegistrationFactoryMoxcFactory());
+        near = nullptr;
         pam->enabledIs(true);
-    }
-    static int newSocket() {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int bytes = 16384;
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
-        return fd;
     }
     void send(const Packets& packets) const {
         for (const auto& each : packets) {
@@ -86,19 +64,16 @@ struct Sender {
         }
     }
     // Makes turns and reads, until nothing has come for a while or the stream has ended.
-    void read() {
-        char bytes[4096];
+    void readAll() {
         for (int idle = 0; idle < 10 && !isEnd;) {
             const uint32_t done = loop.turn(0.001);
-            const ssize_t got = ::read(far->descriptor(), bytes, sizeof(bytes));
-            isEnd = got == 0 || (got < 0 && errno != EAGAIN);
-            arrived.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-            idle = got > 0 || done != 0 ? 0 : idle + 1;
+            const std::string got = read(&isEnd);
+            arrived += got;
+            idle = !got.empty() || done != 0 ? 0 : idle + 1;
         }
     }
 
     Mox::EventLoop loop;
-    Mox::Ptr<TcpFileDescriptor> far;
     Mox::Ptr<TcpPduPam> pam;
     std::string arrived;
     bool isEnd = false;
@@ -117,49 +92,40 @@ TEST(TcpSend, GathersABatchOrATurnIntoOneCall) {
         } else {
             EXPECT_EQ(sender.pam->txPktsIs(packets), 300u);
         }
-        sender.read();
+        sender.readAll();
         EXPECT_EQ(sender.arrived, sent);
         EXPECT_EQ(calls.count(), txQueueBytes != 0 ? 1u : 2u);
         sender.send(packetsOf(2, 20, &sent));
         sender.pam = nullptr;  // Before the turn ends.
-        sender.read();
+        sender.readAll();
         EXPECT_EQ(sender.arrived, sent);
     }
 }
 
-// Everything up to the first packet without room has been taken, and nothing after it.
-TEST(TcpSend, GivesBackThePacketsOfABatchForWhichThereIsNoRoom) {
-    for (const uint32_t bytes : {30u, 1000u, 50'000u}) {
+// A batch ends with the first packet that has to wait, or is above half of the queue.
+TEST(TcpSend, TakesUpToItsBoundAndIsWritableUpToHalf) {
+    for (const uint32_t txQueueBytes : {0u, 100'000u}) {
         Sender sender;
         std::string sent;
-        const Packets packets = packetsOf(20'000'000 / bytes / 20, bytes, &sent);
-        uint32_t taken = sender.pam->txPktsIs(packets);
-        EXPECT_LT(taken, packets.size());
+        sender.pam->txQueueBytesIs(txQueueBytes);
+        const Packets filling = packetsOf(10'000, 1000, &sent);
+        uint32_t taken = sender.pam->txPktsIs(filling);
         EXPECT_EQ(sender.pam->txErrno(), EAGAIN);
-        EXPECT_EQ(sender.pam->txPktsIs(packets), 0u);
-        EXPECT_LE(sender.pam->txQueuedBytes(), bytes);
-        sender.read();
-        EXPECT_EQ(sender.arrived, sent.substr(0, uint64_t{taken} * bytes));
-        EXPECT_EQ(sender.pam->txErrors() + sender.pam->txDrops(), 0u);
+        EXPECT_EQ((sender.pam->txQueuedBytes() - 1) / 1000, txQueueBytes / 2000);
+        EXPECT_FALSE(sender.pam->writable());
+        EXPECT_EQ(sender.pam->txPktsIs(filling), 0u);
+        if (txQueueBytes != 0) {
+            const uint32_t room = (txQueueBytes - sender.pam->txQueuedBytes()) / 1000;
+            sender.send(Packets(filling.begin() + taken, filling.begin() + taken + room + 3));
+            EXPECT_EQ(sender.pam->txDrops(), 3u);
+            EXPECT_EQ(sender.pam->txErrno(), ENOBUFS);
+            taken += room;
+        }
+        EXPECT_EQ(sender.pam->writableCount(), 1u);
+        sender.readAll();
+        EXPECT_EQ(sender.arrived, sent.substr(0, taken * 1000));
+        EXPECT_EQ(sender.pam->writableCount(), 2u);
     }
-}
-
-TEST(TcpSend, AQueueTakesUpToItsBoundAndIsWritableUpToHalf) {
-    Sender sender;
-    std::string sent;
-    sender.pam->txQueueBytesIs(100'000);
-    const Packets filling = packetsOf(10'000, 1000, &sent);
-    const uint32_t taken = sender.pam->txPktsIs(filling);
-    EXPECT_EQ(sender.pam->txQueuedBytes() / 1000, 50u);
-    EXPECT_FALSE(sender.pam->writable());
-    const uint32_t room = (100'000 - sender.pam->txQueuedBytes()) / 1000;
-    sender.send(Packets(filling.begin() + taken, filling.begin() + taken + room + 3));
-    EXPECT_EQ(sender.pam->txDrops(), 3u);
-    EXPECT_EQ(sender.pam->txErrno(), ENOBUFS);
-    EXPECT_EQ(sender.pam->writableCount(), 1u);
-    sender.read();
-    EXPECT_EQ(sender.arrived, sent.substr(0, (taken + room) * 1000));
-    EXPECT_EQ(sender.pam->writableCount(), 2u);
 }
 
 // A class may see and change each message, and knows nothing of batches and queues.
@@ -191,22 +157,18 @@ TEST(TcpSend, ADerivedClassSeesEachMessage) {
     EXPECT_EQ(pam->txPktsIs(packetsOf(3, 2, &sent)), 3u);
     pam->txQueueBytesIs(1000);
     sender.send(packetsOf(2, 2, &sent));
-    sender.read();
+    sender.readAll();
     EXPECT_EQ(sender.arrived, "0aa1bb2cc3dd4ee");
 }
 
 // The peer sends on meanwhile, or has sent what nobody has taken: a descriptor with bytes to read
 // would be reset when it is closed.
 TEST(TcpSend, SendsAllBeforeItCloses) {
-    const std::string pdu("\0\0\x07\xd0", 4);
+    const std::string pdu = messageOf(simpleFraming, 2000, 5000, 1);
     for (const bool hasEnded : {false, true}) {
         Sender sender(/*edgeTriggered=*/hasEnded);
         std::string sent;
-        const auto write = [&] {
-            (void)::send(sender.far->descriptor(), (pdu + std::string(4996, '\0')).data(), 5000,
-                         MSG_NOSIGNAL);
-        };
-        write();
+        sender.write(pdu);
         if (hasEnded) {
             shutdown(sender.far->descriptor(), SHUT_WR);
         }
@@ -222,11 +184,13 @@ TEST(TcpSend, SendsAllBeforeItCloses) {
         });
         sender.pam->closeAfterTx(5, &clock);
         std::string unsent;
-        sender.send(packetsOf(1, 10, &unsent));
+        sender.pam->txQueueBytesIs(0);
+        EXPECT_EQ(sender.pam->txPktsIs(packetsOf(2, 10, &unsent)), 2u);  // Dropped and counted.
+        EXPECT_EQ(sender.pam->txDrops(), 2u);
         EXPECT_EQ(sender.pam->txErrno(), ESHUTDOWN);
         for (int i = 0; i < 100 && !sender.isEnd; ++i) {
-            write();
-            sender.read();
+            sender.write(pdu);
+            sender.readAll();
         }
         EXPECT_EQ(sender.arrived, sent);
         EXPECT_EQ(ends, hasEnded ? 1u : 0u);
@@ -252,7 +216,7 @@ TEST(TcpSend, GivesUpAtTheLimitAndCountsWhatIsLeft) {
     EXPECT_EQ(sender.pam->txErrno(), ETIMEDOUT);
     sender.pam->enabledIs(true);
     EXPECT_FALSE(sender.pam->enabled());
-    sender.read();
+    sender.readAll();
     EXPECT_TRUE(sender.isEnd);
     EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops(), 900u);
 }
@@ -271,13 +235,13 @@ void expectAllCounted(const std::function<void(const std::function<void()>& send
             [&] {
                 sender.loop.turn(0);
                 sender.pam->closeAfterTx(5, &clock);
-                sender.read();
+                sender.readAll();
             });
-    sender.read();
+    sender.readAll();
     EXPECT_TRUE(sender.pam->closed() || sender.pam->txErrors() == 0);
     clock.advance(5);
     EXPECT_TRUE(sender.pam->closed());
-    sender.read();
+    sender.readAll();
     EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops() + sender.pam->txErrors(), 200u);
 }
 
