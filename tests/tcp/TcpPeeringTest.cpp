@@ -9,15 +9,13 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
-#include <random>
 #include <string>
 #include <utility>
 
 #include "Pavo/NetOrder.h"
 #include "support/Errors.h"
 #include "support/FailSyscall.h"
-#include "support/Seeds.h"
+#include "support/RandomProgram.h"
 #include "tcp/TcpMachines.h"
 
 namespace Pavo {
@@ -30,38 +28,20 @@ constexpr Port port(1790);
 constexpr uint32_t hub = 0;
 constexpr uint32_t ends = 4;  // The hub, and others, each of which has the hub as its only peer.
 
-std::string textOf(uint32_t end) {
-    return "127.0.0." + std::to_string(end + 1);
+IpGenAddr addressOfEnd(uint32_t end) {
+    return addressOf(("127.0.0." + std::to_string(end + 1)).c_str());
 }
 
-struct Thrown {};
-
 // Four peerings in one namespace. Time is that of the test; bytes pass the kernel.
-class World {
-  public:
-    explicit World(uint32_t seed) : random_(seed) {
-        for (uint32_t end = 0; end < ends; ++end) {
-            start(end);
-        }
-    }
+struct World : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
     ~World() {
-        for (End& end : ends_) {
+        for (End& end : all) {
             end.peering = nullptr;
         }
         turn(0);
     }
 
-    void run() {
-        for (uint32_t step = 0; step < 60 && !testing::Test::HasFailure(); ++step) {
-            budget_ = 6;
-            safely([this] { act(below(ends)); });
-            turn(oneIn(3) ? below(8) * 0.25 : 0);
-        }
-        budget_ = 0;
-        comesToRest();
-    }
-
-  private:
     // What the agent of an end knows of a peer.
     struct Session {
         bool isUp = false;
@@ -74,69 +54,64 @@ class World {
         std::map<const TcpPeer*, Session> sessions;
         uint32_t number = 0;
 
+        Mox::Ptr<TcpPeer> peer(uint32_t other) const { return peering->peer(addressOfEnd(other)); }
+        void listen() const { peering->listenIs(addressOfEnd(number), port); }
+
         void up(TcpPeer& peer) override {
             EXPECT_FALSE(std::exchange(sessions[&peer], {.isUp = true}).isUp);
-            world->respond(number);
+            world->respond();
         }
         void message(TcpPeer& peer, const Mox::Ptr<Pkt>& pkt) override {
             Session& session = sessions[&peer];
             EXPECT_TRUE(session.isUp);
             EXPECT_EQ(loadNet<uint32_t>(pkt->frontData() + 2), session.received++);
-            world->respond(number);
+            world->respond();
         }
         void down(TcpPeer& peer, const Mox::String& reason) override {
             EXPECT_TRUE(std::exchange(sessions[&peer].isUp, false));
             EXPECT_FALSE(reason.empty());
-            world->respond(number);
+            world->respond();
         }
         TcpCollision collision(TcpPeer& peer, const TcpPeerConnection& established,
                                const TcpPeerConnection& arriving) override {
-            world->respond(number);
+            world->respond();
             return TcpPeeringHandler::collision(peer, established, arriving);
         }
     };
 
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
-    bool oneIn(uint32_t chances) { return below(chances) == 0; }
-    void respond(uint32_t end) {
-        if (oneIn(3)) {
-            act(oneIn(3) ? below(ends) : end);
-        }
-    }
-    template <class Call>
-    static void safely(Call call) {
-        try {
-            call();
-        } catch (const Thrown&) {
+    // Of both ends of each session.
+    template <class Visit>
+    void forEachSession(Visit visit) {
+        for (uint32_t other = 1; other < ends; ++other) {
+            visit(all[hub], other);
+            visit(all[other], hub);
         }
     }
     void turn(double seconds) {
         for (uint32_t turns = 0; turns < 4; ++turns) {
-            safely([this] { loop_.turn(0); });
-            safely([&] { clock_.advance(std::exchange(seconds, 0)); });
-        }
-    }
-
-    void start(uint32_t number) {
-        End& end = ends_[number];
-        end.world = this;
-        end.number = number;
-        end.sessions.clear();
-        end.peering = tcpPeeringFactory("end", NamespaceName(), length16Framing, &end, &wheel_);
-        configureAlike(number);
-    }
-    void configureAlike(uint32_t number) {
-        listen(number);
-        for (uint32_t other = 0; other < ends; ++other) {
-            if ((number == hub) != (other == hub)) {
-                ends_[number].peering->peerIs(configOf(number, other));
+            try {
+                loop.turn(0);
+                clock.advance(std::exchange(seconds, 0));
+            } catch (const Thrown&) {
+                print("caught");
             }
         }
     }
+    void start(End& end) {
+        end.sessions.clear();
+        end.peering = tcpPeeringFactory("end", NamespaceName(), length16Framing, &end, &wheel);
+        forEachSession([&](End& each, uint32_t other) {
+            &each == &end ? configureAlike(each, other) : void();
+        });
+    }
+    static void configureAlike(End& end, uint32_t other) {
+        end.listen();
+        end.peering->peerIs(configOf(end.number, other));
+    }
     static TcpPeerConfig configOf(uint32_t end, uint32_t other) {
         TcpPeerConfig config;
-        config.address = addressOf(textOf(other).c_str());
-        config.localAddress = addressOf(textOf(end).c_str());
+        config.address = addressOfEnd(other);
+        config.localAddress = addressOfEnd(end);
         config.port = port;
         config.minUpSeconds = 1;
         config.minTtl = IpTtl(end == 1 || other == 1 ? 255u : 0u);
@@ -151,100 +126,76 @@ class World {
         config.readAheadBytes = below(2) * 4096;
         return config;
     }
-
-    void act(uint32_t number) {
-        if (budget_ == 0) {
-            return;
-        }
-        --budget_;
-        End& end = ends_[number];
-        const uint32_t other = number == hub ? 1 + below(ends - 1) : hub;
-        const IpGenAddr address = addressOf(textOf(other).c_str());
-        const auto peer = end.peering->peer(address);
-        switch (below(10)) {
-            case 0:
-                return end.peering->peerDel(address);
-            case 1:
-            case 2:
-                return (void)end.peering->peerIs(anyConfig(number, other));
-            case 3:
-                end.peering = nullptr;
-                return start(number);
-            case 4:
-                return oneIn(2) ? end.peering->listenDel(ipv4) : listen(number);
-            case 5:
-                throw Thrown();
-            case 6:
-                return peer ? peer->close("closed", below(2)) : void();
-            default:
-                return peer ? sendTo(&end, peer, below(20)) : void();
-        }
-    }
-    void listen(uint32_t number) {
-        ends_[number].peering->listenIs(addressOf(textOf(number).c_str()), port);
-    }
-    static void sendTo(End* end, const Mox::Ptr<TcpPeer>& peer, uint32_t messages) {
-        for (; messages > 0; --messages) {
+    static void send(End& end, uint32_t other, uint32_t messages) {
+        const auto peer = end.peer(other);
+        for (; peer && messages > 0; --messages) {
             const auto pkt = globalPktManager()->newPkt();
-            const uint32_t number = end->sessions[peer.ptr()].sent;
+            const uint32_t number = end.sessions[peer.ptr()].sent;
             storeNet(pkt->newSharedTailData(2), static_cast<uint16_t>(4 + number % 900));
             storeNet(pkt->newSharedTailData(4), number);
             pkt->newSharedTailData(number % 900);
-            end->sessions[peer.ptr()].sent += peer->txPktIs(pkt) ? 1 : 0;
+            end.sessions[peer.ptr()].sent += peer->txPktIs(pkt) ? 1 : 0;
         }
     }
-
+    static void close(End& end, uint32_t other, bool isOrderly) {
+        if (const auto peer = end.peer(other)) {
+            peer->close("closed", isOrderly);
+        }
+    }
+    Actions anyActions() {
+        const auto on = [this](auto act) {
+            return [=, this] {
+                const uint32_t number = below(ends);
+                act(all[number], number == hub ? 1 + below(ends - 1) : hub);
+            };
+        };
+        return {
+            {"send", on([this](End& e, uint32_t other) { send(e, other, below(20)); })},
+            {"configure",
+             on([this](End& e, uint32_t other) { e.peering->peerIs(anyConfig(e.number, other)); })},
+            {"remove", on([](End& e, uint32_t o) { e.peering->peerDel(addressOfEnd(o)); })},
+            {"restart", on([this](End& e, uint32_t) { e.peering = nullptr, start(e); })},
+            {"listen", on([](End& e, uint32_t) { e.listen(); })},
+            {"do not listen", on([](End& e, uint32_t) { e.peering->listenDel(ipv4); })},
+            {"close", on([this](End& e, uint32_t other) { close(e, other, oneIn(2)); })},
+        };
+    }
+    void run() {
+        for (End& end : all) {
+            end.world = this;
+            end.number = static_cast<uint32_t>(&end - all);
+            start(end);
+        }
+        const auto advance = [this] { turn(oneIn(3) ? below(8) * 0.25 : 0); };
+        perform({anyActions()}, advance, [] {});
+        comesToRest();
+    }
     // Once all is configured alike, all come up and stay, and messages pass.
     void comesToRest() {
-        for (uint32_t number = 0; number < ends; ++number) {
-            configureAlike(number);
-        }
+        forEachSession(configureAlike);
         for (uint32_t turns = 0; turns < 200; ++turns) {
             turn(0.25);
         }
-        sendToAll(30);
+        forEachSession([](End& end, uint32_t other) { send(end, other, 30); });
         turn(0);
         turn(0);
-        for (uint32_t other = 1; other < ends; ++other) {
-            const Session& near = sessionWith(hub, other);
-            const Session& far = sessionWith(other, hub);
-            EXPECT_GE(near.sent, 30u);
-            EXPECT_EQ(near.sent, far.received);
-            EXPECT_GE(far.sent, 30u);
-            EXPECT_EQ(far.sent, near.received);
-        }
-    }
-    void sendToAll(uint32_t messages) {
-        for (End& end : ends_) {
-            for (const auto& [key, peer] : end.peering->peers()) {
-                sendTo(&end, peer, messages);
-            }
-        }
-    }
-    const Session& sessionWith(uint32_t number, uint32_t other) {
-        End& end = ends_[number];
-        return end.sessions[end.peering->peer(addressOf(textOf(other).c_str())).ptr()];
+        forEachSession([this](End& end, uint32_t other) {
+            const uint32_t sent = end.sessions[end.peer(other).ptr()].sent;
+            EXPECT_GE(sent, 30u);
+            EXPECT_EQ(all[other].sessions[all[other].peer(end.number).ptr()].received, sent);
+        });
     }
 
-    std::mt19937 random_;
-    uint32_t budget_ = 0;
-    Mox::EventLoop loop_;
-    Mox::ManualClock clock_;
-    Keel::TimerWheel wheel_{&clock_};
-    End ends_[ends];
+    Mox::EventLoop loop;
+    Mox::ManualClock clock;
+    Keel::TimerWheel wheel{&clock};
+    End all[ends];
 };
 
 TEST(TcpPeering, PeersThatComeGoAndChangeAreUpAgainInTheEnd) {
     SANDBOX_OR_SKIP();
     (void)globalPktManager();  // Lives for ever.
-    for (const uint32_t seed : PavoTest::Seeds(40)) {
-        SCOPED_TRACE(seed);
-        const auto descriptors = PavoTest::openDescriptors();
-        const uint32_t objects = Mox::liveObjects();
-        std::make_unique<World>(seed)->run();
-        EXPECT_EQ(PavoTest::openDescriptors(), descriptors);
-        EXPECT_EQ(Mox::liveObjects(), objects);
-    }
+    PavoTest::runPrograms(400, PavoTest::runProgram<World>);
 }
 
 // An agent that writes down what it is notified of, and sends a message when a peer comes.
