@@ -24,10 +24,12 @@ inline Pavo::IpGenAddr addressOf(const char* text) {
 struct TestClient {
     TestClient() = default;
     TestClient(Pavo::TcpFileDescriptorEventRegistrationFactory* factory, Keel::TimerWheel* wheel,
-               const char* server, uint16_t port)
+               const char* server, uint16_t port, const char* netNs = "")
         : config(Pavo::tcpClientConfigFactory(addressOf(server), port)),
           status(Pavo::tcpClientStatusFactory()),
-          sm(Pavo::tcpClientSmFactory(factory, wheel, /*clientId=*/7, config, status)) {}
+          sm(Pavo::tcpClientSmFactory(factory, wheel, /*clientId=*/7, config, status)) {
+        config->networkNamespaceIs(Pavo::NamespaceName(netNs));
+    }
 
     // "status reason attempts/errors/successes"
     std::string summary() const {
@@ -46,10 +48,12 @@ struct TestClient {
 struct TestServer {
     TestServer() = default;
     TestServer(Pavo::TcpFileDescriptorEventRegistrationFactory* factory, Keel::TimerWheel* wheel,
-               const char* address, uint16_t port)
+               const char* address, uint16_t port, const char* netNs = "")
         : config(Pavo::tcpServerConfigFactory(addressOf(address), port)),
           status(Pavo::tcpServerStatusFactory()),
-          sm(Pavo::tcpServerSmFactory(factory, wheel, config, status)) {}
+          sm(Pavo::tcpServerSmFactory(factory, wheel, config, status)) {
+        config->networkNamespaceIs(Pavo::NamespaceName(netNs));
+    }
 
     // "+reason starts/accepted/waiting" while it listens, else with "-".
     std::string summary() const {

@@ -5,9 +5,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <functional>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Mox/Clock.h"
@@ -221,9 +221,9 @@ TEST(TcpSend, GivesUpAtTheLimitAndCountsWhatIsLeft) {
     EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops(), 900u);
 }
 
-// Sends and closes while something fails: every message arrives or is counted.
-void expectAllCounted(const std::function<void(const std::function<void()>& send,
-                                               const std::function<void()>& end)>& failing) {
+// Sends and closes while the n-th call of a name fails, as do all after it, or without a name the
+// n-th allocation: every message arrives or is counted. False where nothing failed.
+bool sendsWithFailure(const std::string& name, unsigned n) {
     Sender sender;
     std::string sent;
     const Packets packets = packetsOf(200, 1000, &sent);
@@ -231,36 +231,30 @@ void expectAllCounted(const std::function<void(const std::function<void()>& send
     sender.pam->enabledIs(false);
     sender.pam->enableModeIs(tcpEnableModeWriteOnly);  // Reading begins for the end alone.
     sender.pam->txQueueBytesIs(100'000);
-    failing([&] { sender.send(packets); },
-            [&] {
-                sender.loop.turn(0);
-                sender.pam->closeAfterTx(5, &clock);
-                sender.readAll();
-            });
+    FailSyscall fail(n, ENOMEM, name.empty() ? "none" : name, /*andAllAfter=*/true);
+    newsUntilFailure = name.empty() ? n : 0;
+    sender.send(packets);
+    const bool hasFailed = name.empty() && std::exchange(newsUntilFailure, 0) == 0;
+    sender.loop.turn(0);
+    sender.pam->closeAfterTx(5, &clock);
+    sender.readAll();
+    fail.disarm();
     sender.readAll();
     EXPECT_TRUE(sender.pam->closed() || sender.pam->txErrors() == 0);
     clock.advance(5);
     EXPECT_TRUE(sender.pam->closed());
     sender.readAll();
     EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops() + sender.pam->txErrors(), 200u);
+    return hasFailed || fail.happened();
 }
 
 TEST(TcpSend, CountsWhatDoesNotLeaveWhateverFails) {
     for (const char* name : {"sendmsg", "epoll_ctl", "recv", ""}) {
-        bool happened = true;
-        for (unsigned n = 1; happened; ++n) {
-            SCOPED_TRACE(name + std::to_string(n));
-            ASSERT_LT(n, 1000u);
-            expectAllCounted([&](const auto& send, const auto& end) {
-                FailSyscall fail(n, ENOMEM, *name != '\0' ? name : "none", /*andAllAfter=*/true);
-                newsUntilFailure = *name != '\0' ? 0 : n;
-                send();
-                happened = newsUntilFailure == 0;
-                newsUntilFailure = 0;
-                end();
-                happened = *name != '\0' ? fail.happened() : happened;
-            });
+        unsigned n = 1;
+        for (; n < 1000 && sendsWithFailure(name, n); ++n) {
+            ASSERT_FALSE(HasFailure()) << name << n;
         }
+        EXPECT_TRUE(n > 1 && n < 1000) << name << n;
     }
 }
 
