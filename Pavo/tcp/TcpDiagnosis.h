@@ -1,6 +1,6 @@
 /// @file
-/// What machines say of segments that vanish without a word: behind a signature or a TTL that does
-/// not fit, neither end gets an error.
+/// What machines say of segments that are dropped silently: those with a signature or a TTL that
+/// does not fit, neither end gets an error.
 #pragma once
 
 #include <array>

@@ -11,9 +11,9 @@
 
 namespace Pavo {
 
-/// A buffer behind the part of a message that is being received: one recvmsg(2) fills that part,
-/// then the buffer. Memory is held only while there are bytes in it; the thread keeps one spare
-/// buffer, so that streams which are read one after the other all use the same memory.
+/// A buffer for what follows the part of a message that is being received: one recvmsg(2) fills
+/// that part, then the buffer. Memory is held only while there are bytes in it; the thread keeps
+/// one spare buffer, so that streams which are read one after the other all use the same memory.
 class TcpReadAhead {
   public:
     TcpReadAhead() = default;

@@ -49,7 +49,7 @@ class MsgHdr {
     uint16_t holdSeconds() const { return holdSeconds_.value(); }
 
   private:
-    uint8_t version_ = currentVersion;
+    [[maybe_unused]] uint8_t version_ = currentVersion;
     uint8_t type_;
     Pavo::NetU16 length_;
     Pavo::NetU32 speaker_;

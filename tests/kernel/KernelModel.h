@@ -1,6 +1,6 @@
 /// @file
-/// A kernel with two tables, behind the ports of a netlink session. It loses, interrupts and keeps
-/// silent as the kernel does, or when it is told to.
+/// A kernel with two tables, for the ports of a netlink session. It loses, interrupts and keeps
+/// silent as the kernel does, or on request.
 #pragma once
 
 #include <linux/rtnetlink.h>
