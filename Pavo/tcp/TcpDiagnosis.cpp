@@ -197,11 +197,10 @@ void TcpListenerWatch::refusedIs(const IpGenAddr& peer, std::optional<IpTtl> ttl
 }
 
 std::string TcpListenerWatch::text() const {
-    const std::string hint = drops_.empty() ? "" : "hint: " + drops_ + " since the start";
-    return fact_ + (fact_.empty() || hint.empty() ? "" : "; ") + hint;
+    return tcpDiagnosis(fact_, drops_.empty() ? "" : "hint: " + drops_ + " since the start");
 }
 
-Mox::String tcpDiagnosis(const std::string& first, const std::string& second) {
+std::string tcpDiagnosis(const std::string& first, const std::string& second) {
     return first + (first.empty() || second.empty() ? "" : "; ") + second;
 }
 

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "Keel/TimerWheel.h"
-#include "Mox/String.h"
 #include "Pavo/value/Ip.h"
 #include "Pavo/value/IpGenAddr.h"
 #include "Pavo/value/NamespaceName.h"
@@ -100,6 +99,6 @@ class TcpListenerWatch {
 };
 
 /// Statements that are not empty, joined by "; ".
-Mox::String tcpDiagnosis(const std::string& first, const std::string& second);
+std::string tcpDiagnosis(const std::string& first, const std::string& second);
 
 }  // namespace Pavo

@@ -19,6 +19,12 @@ Mox::TraceFacility facility("Pavo::TcpPeering");
 // Connections that wait to be accepted, of many peers that start at once.
 constexpr int backlog = 128;
 
+// Members are made of it.
+Keel::TimerWheel* requiredWheel(Keel::TimerWheel* wheel) {
+    Mox::require(wheel != nullptr, "wheel != nullptr");
+    return wheel;
+}
+
 }  // namespace
 
 struct TcpPeering::Listener {
@@ -49,9 +55,9 @@ TcpPeering::TcpPeering(Mox::String name, const NamespaceName& netNs, const TcpFr
       netNs_(netNs),
       framing_(framing),
       handler_(handler),
-      wheel_(wheel),
+      wheel_(requiredWheel(wheel)),
       registrations_(std::move(registrations)),
-      delivery_(wheel, [this] { deliver(); }) {
+      delivery_(wheel_, [this] { deliver(); }) {
     Mox::require(handler_ != nullptr, "handler != nullptr");
     Mox::require(registrations_ != nullptr, "registrations != nullptr");
     if (const char* fault = framing_.fault()) {

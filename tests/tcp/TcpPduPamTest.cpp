@@ -64,6 +64,11 @@ struct Reading {
     const char* name;
     bool isEdge = false;
     uint32_t ahead = 0;
+
+    // Else the name of a test has the bytes of the pointer.
+    friend std::ostream& operator<<(std::ostream& out, const Reading& reading) {
+        return out << reading.name;
+    }
 };
 
 // For level- and edge-triggered descriptors, with read-ahead into buffers of which half is left

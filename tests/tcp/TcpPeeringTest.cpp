@@ -360,7 +360,7 @@ TEST_F(TcpPeeringTest, AReasonIsGivenForWhatDoesNotFit) {
     EXPECT_EQ(far_.log, "");
 }
 
-TEST_F(TcpPeeringTest, LinkLocalPeersAreToldApartByTheirInterface) {
+TEST_F(TcpPeeringTest, LinkLocalPeersDifferByTheirInterface) {
     const PavoTest::Wire wire;
     Agent left("left", &wheel_);
     Agent right("right", &wheel_);
@@ -434,6 +434,7 @@ TEST_F(TcpPeeringTest, ABadConfigurationChangesNothing) {
     EXPECT_EQ(errorOf([](auto& bad) { bad.connectRetrySeconds = std::nan(""); }),
               "TcpPeerConfig: times must be positive");
     EXPECT_EQ(peer->config(), good);
+    EXPECT_DEATH(Agent("", nullptr), "wheel != nullptr");
 }
 
 }  // namespace
