@@ -104,6 +104,12 @@ MARKS = {
     ("PduReadAhead100", "libevent"): 1,
     ("PduReadAhead1400", "libevent"): 1,
     ("PduReadAhead9000", "libevent"): 1,
+    ("DataPlaneChecksum20", "dpdk"): 0.9,
+    ("DataPlaneChecksum1500", "dpdk"): 0.65,
+    ("DataPlaneChecksum9000", "dpdk"): 0.65,
+    ("DataPlaneCrc20", "libdeflate"): 0.9,
+    ("DataPlaneCrc1500", "isal"): 0.5,
+    ("DataPlaneCrc9000", "isal"): 0.5,
 }
 
 
