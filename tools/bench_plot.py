@@ -46,9 +46,9 @@ def row_of(line):
 
 
 def rows_of(page):
-    """The rows of the page's table, for each line of work that of its best peer."""
+    """The rows of the page's first table, for each line of work that of its best peer."""
     best = {}
-    for line in page.splitlines():
+    for line in page.partition("| work, ns |")[0].splitlines():
         if not line.startswith("|") or line.startswith(("| work |", "| --- |")):
             continue
         row = row_of(line)

@@ -7,7 +7,8 @@ PROGRAMS-FILE names a program a line. A benchmark called LINE/pavo is compared w
 the same program. All figures of a program come from one run, in which repetitions of all its
 benchmarks are interleaved at random; the figure is the median. The ratio says how many times faster
 Pavo is. With --write, the table is also written as a Markdown page with a description of the
-machine, and drawn beside it (bench_plot.py).
+machine, and drawn beside it (bench_plot.py). A benchmark called GrowthLINE/BUSY/COUNT stands in a
+second table, beside the same work with other numbers of endpoints.
 """
 
 import json
@@ -114,19 +115,30 @@ MARKS = {
 
 
 def measure(program, arguments):
-    """Runs one program; returns {(line, who): nanoseconds}."""
+    """Runs one program; returns {(line, who): nanoseconds} and the rows of growth."""
     command = [program, "--benchmark_format=json", f"--benchmark_repetitions={REPETITIONS}",
                "--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.05",
                "--benchmark_report_aggregates_only=true", *arguments]
     output = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
-    figures = {}
+    figures, growth = {}, {}
     for each in json.loads(output)["benchmarks"]:
         if each.get("error_occurred"):
             raise SystemExit(f"{each['name']}: {each['error_message']}")
         if each.get("aggregate_name") == "median":
-            line, who = each["run_name"].split("/")[:2]
-            figures[line, who] = each["real_time"]
-    return figures
+            line, who, *rest = each["run_name"].split("/")
+            if line.startswith("Growth"):
+                growth.setdefault((line, who), {})[int(rest[0])] = each
+            else:
+                figures[line, who] = each["real_time"]
+    return figures, [growth_row(*key, by_count) for key, by_count in growth.items()]
+
+
+def growth_row(line, busy, by_count):
+    """The times with each number of endpoints, and the memory of an endpoint among the most."""
+    most = by_count[max(by_count)]
+    return [line.removeprefix("Growth"), busy,
+            *(f"{each['real_time']:.0f}" for _, each in sorted(by_count.items())),
+            f"{most['bytes']:.0f}"]
 
 
 def rows_of(figures):
@@ -144,9 +156,12 @@ def rows_of(figures):
 HEADINGS = ["work", "Pavo, ns", "beside", "ns", "ratio", "wanted", "met"]
 
 
-def show(rows):
-    widths = [max(len(row[i]) for row in [HEADINGS, *rows]) for i in range(len(HEADINGS))]
-    for row in [HEADINGS, *rows]:
+GROWTH_HEADINGS = ["work, ns", "busy", "1", "100", "1,000", "10,000", "bytes each"]
+
+
+def show(headings, rows):
+    widths = [max(len(row[i]) for row in [headings, *rows]) for i in range(len(headings))]
+    for row in [headings, *rows]:
         print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
 
 
@@ -163,7 +178,11 @@ def compiler():
                           text=True).stdout.splitlines()[0] + ", -O2"
 
 
-def page(rows, plot):
+def table(headings, rows):
+    return ["| " + " | ".join(each) + " |" for each in [headings, ["---"] * len(headings), *rows]]
+
+
+def page(rows, growth, plot):
     lines = ["# Benchmarks", "",
              "Written by `./dev bench --write docs/benchmarks.md`: medians of repetitions, Pavo and",
              "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
@@ -173,9 +192,11 @@ def page(rows, plot):
              "bulk reads, with one descriptor instead of 10,000, without a tap, without read-ahead, and",
              "with a framing that is a class.", "",
              f"{machine()}, {compiler()}.", "",
-             f"![The ratio to the best peer, by line]({plot})", "",
-             "| " + " | ".join(HEADINGS) + " |", "|" + " --- |" * len(HEADINGS)]
-    lines += ["| " + " | ".join(row) + " |" for row in rows]
+             f"![The ratio to the best peer, by line]({plot})", "", *table(HEADINGS, rows)]
+    if growth:
+        lines += ["", "With more endpoints, of which one is busy, or each in turn: nanoseconds for",
+                  "one event, datagram of 64 bytes or message of 100, and the bytes of an endpoint",
+                  "after it was busy, without the kernel's.", "", *table(GROWTH_HEADINGS, growth)]
     return "\n".join(lines) + "\n"
 
 
@@ -188,14 +209,18 @@ def main():
         del arguments[at:at + 2]
     with open(arguments[0], encoding="utf-8") as file:
         programs = file.read().split()
-    figures = {}
+    figures, growth = {}, []
     for program in programs:
         print(f"bench: {os.path.basename(program)}", file=sys.stderr)
-        figures.update(measure(program, arguments[1:]))
+        more_figures, more_growth = measure(program, arguments[1:])
+        figures.update(more_figures)
+        growth += more_growth
     order = list(MARKS)
     rows = sorted(rows_of(figures), key=lambda row: order.index((row[0], row[2]))
                   if (row[0], row[2]) in order else len(order))
-    show(rows)
+    show(HEADINGS, rows)
+    if growth:
+        show(GROWTH_HEADINGS, growth)
     if path:
         # What people add below the table, under "## ", is kept.
         notes = ""
@@ -205,7 +230,7 @@ def main():
             notes = "\n" + text[text.index("## "):] if "## " in text else ""
         plot = os.path.splitext(path)[0] + ".svg"
         with open(path, "w", encoding="utf-8") as file:
-            file.write(page(rows, os.path.basename(plot)) + notes)
+            file.write(page(rows, growth, os.path.basename(plot)) + notes)
         bench_plot.write(path, plot)
 
 

@@ -5,12 +5,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+
+#include "ThreadTime.h"
 
 namespace PavoBench {
 
@@ -19,13 +20,6 @@ inline void check(bool ok, const char* what) {
         std::perror(what);
         std::exit(1);
     }
-}
-
-/// Processor time of this thread, so that other programs do not count.
-inline double threadSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 /// Makes connections on the loopback interface, with large socket buffers on request.

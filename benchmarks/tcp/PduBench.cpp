@@ -11,7 +11,6 @@
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <boost/asio.hpp>
@@ -25,6 +24,7 @@
 #include "Mox/EventLoop.h"
 #include "Pavo/FramedTcpPduPam.h"
 #include "Pavo/TcpPduPam.h"
+#include "ThreadTime.h"
 
 namespace {
 
@@ -368,14 +368,6 @@ class LibeventReader {
     bufferevent* stream_;
     int received_ = 0;
 };
-
-// Processor time of this thread, which never waits, so that other programs do not count.
-double threadSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
 template <class Reader>
 void bursts(benchmark::State& state, uint32_t bodyBytes) {
     const Wire wire;
@@ -390,11 +382,11 @@ void bursts(benchmark::State& state, uint32_t bodyBytes) {
     }
     for (auto _ : state) {
         wire.write(bytes);
-        const double start = threadSeconds();
+        const double start = PavoBench::threadSeconds();
         for (int received = 0; received < burst;) {
             received += reader.read();
         }
-        state.SetIterationTime(threadSeconds() - start);
+        state.SetIterationTime(PavoBench::threadSeconds() - start);
     }
     state.SetItemsProcessed(state.iterations() * burst);
 }

@@ -1,11 +1,6 @@
-// What a message costs among many connections, and what a connection costs: messages of 100 bytes
-// on one connection ("one") or on each of them ("all"), one message at a time, sent or received by
-// endpoints of one loop. The memory is that of an endpoint with nothing to send or to read, without
-// the kernel's. The other ends are bare sockets of a thread with descriptors of its own, which
-// works between the measurements.
+// Messages of 100 bytes over TCP connections of one loop. The other ends are bare sockets of a
+// thread with descriptors of its own, which works between the measurements.
 
-#include <benchmark/benchmark.h>
-#include <malloc.h>
 #include <poll.h>
 #include <sched.h>
 
@@ -19,9 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "Loopback.h"
 #include "Mox/EventLoop.h"
 #include "Pavo/TcpPduPam.h"
+#include "growth/Growth.h"
+#include "tcp/Loopback.h"
 
 namespace {
 
@@ -34,11 +30,6 @@ std::string message() {
     std::string bytes(messageBytes, '\0');
     bytes[3] = messageBytes;
     return bytes;
-}
-
-double heapBytes() {
-    const auto info = mallinfo2();
-    return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
 // A thread that makes the calls that it is given, with its own table of descriptors: one table may
@@ -77,9 +68,11 @@ class FarThread {
     std::thread thread_{[this] { serve(); }};
 };
 
-class Connections {
+enum class What { sending, queueing, receiving };
+
+class Connections : public PavoBench::Endpoints {
   public:
-    Connections(uint32_t count, uint32_t txQueueBytes) {
+    Connections(uint32_t count, What what) : what_(what) {
         far_.run([this] { loopback_.emplace(); });
         std::vector<int> numbers(count);
         for (int& each : numbers) {
@@ -89,23 +82,25 @@ class Connections {
         }
         near_.reserve(count);
         watches_.reserve(count);
-        const double before = heapBytes();
+        const double before = PavoBench::heapBytes();
         for (const int each : numbers) {
-            add(each, txQueueBytes);
+            add(each);
         }
         send(count);  // What is kept of traffic counts too.
         receive(count);
-        bytesOfOne_ = (heapBytes() - before) / count;
+        bytesOfOne = (PavoBench::heapBytes() - before) / count;
     }
-    ~Connections() {
+    ~Connections() override {
         far_.run([this] {
             std::for_each(farEnds_.begin(), farEnds_.end(), close);
             loopback_.reset();
         });
     }
-    double bytesOfOne() const { return bytesOfOne_; }
+    double work(uint32_t busy) override {
+        return what_ == What::receiving ? receive(busy) : send(busy);
+    }
 
-    // A message on each of the first connections. Both return the seconds.
+  private:
     double send(uint32_t count) {
         const double start = PavoBench::threadSeconds();
         for (uint32_t i = 0; i < count; ++i) {
@@ -134,25 +129,22 @@ class Connections {
         });
         received_ = 0;
         const double start = PavoBench::threadSeconds();
-        for (uint32_t i = 0; i < 100'000 && received_ < count; ++i) {
-            loop_.turn(0);
-        }
+        PavoBench::turnUntil(loop_, received_, count);
         const double seconds = PavoBench::threadSeconds() - start;
-        check(received_ == count, "a message is lost");
         return seconds;
     }
 
-  private:
-    void add(int fd, uint32_t txQueueBytes) {
+    void add(int fd) {
         const auto pam = Pavo::simpleTcpPduPamFactory(
             Pavo::tcpFileDescriptorFactory(fd, /*edgeTriggered=*/false), registrations_);
         pam->enabledIs(true);
-        pam->txQueueBytesIs(txQueueBytes);
+        pam->txQueueBytesIs(what_ == What::queueing ? 65536 : 0);
         near_.push_back(pam);
         watches_.emplace_back(pam, Pavo::Pam::readableCountAttr,
                               [this, pam = pam.ptr()] { received_ += pam->rxPkt() ? 1 : 0; });
     }
 
+    const What what_;
     const std::string text_ = message();
     FarThread far_;
     std::optional<PavoBench::Loopback> loopback_;
@@ -163,37 +155,18 @@ class Connections {
     std::vector<Endpoint> near_;
     std::vector<Mox::Watch<Pavo::SimpleTcpPduPam>> watches_;
     uint32_t received_ = 0;
-    double bytesOfOne_ = 0;
 };
-
-enum class What { sending, queueing, receiving };
-
-void growth(benchmark::State& state, What what, uint32_t count, bool all) {
-    Connections connections(count, what == What::queueing ? 65536 : 0);
-    const uint32_t busy = all ? count : 1;
-    for (auto _ : state) {
-        const double seconds =
-            what == What::receiving ? connections.receive(busy) : connections.send(busy);
-        state.SetIterationTime(seconds / busy);
-    }
-    state.counters["bytes/connection"] = connections.bytesOfOne();
-}
 
 [[maybe_unused]] const bool registered = [] {
     const struct {
         const char* name;
         What what;
-    } lines[] = {{"Send", What::sending}, {"Queue", What::queueing}, {"Receive", What::receiving}};
+    } lines[] = {
+        {"TcpSend", What::sending}, {"TcpQueue", What::queueing}, {"TcpReceive", What::receiving}};
     for (const auto& [name, what] : lines) {
-        for (const bool all : {false, true}) {
-            for (const uint32_t count : {1u, 100u, 1000u, 10'000u}) {
-                const std::string line = std::string("PduGrowth") + name +
-                                         (all ? "/all/" : "/one/") + std::to_string(count);
-                benchmark::RegisterBenchmark(line.c_str(), growth, what, count, all)
-                    ->UseManualTime()
-                    ->Iterations(all ? 200'000 / static_cast<int>(std::max(count, 100u)) : 2000);
-            }
-        }
+        PavoBench::registerGrowth(name, [what = what](uint32_t count) {
+            return std::make_unique<Connections>(count, what);
+        });
     }
     return true;
 }();
