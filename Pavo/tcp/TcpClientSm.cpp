@@ -135,11 +135,13 @@ bool TcpClientSm::abandonAttempt() {
         return false;
     }
     const auto& keys = tcpClientConfig_->md5Auth();
-    const bool isSigned = lastOptionsApplied().option(optionMd5Auth) &&
+    const TcpSocketOptions options = lastOptionsApplied();
+    const bool isSigned = options.option(optionMd5Auth) &&
                           std::any_of(keys.begin(), keys.end(), [this](const auto& each) {
                               return each.first.contains(tcpClientConfig_->serverIpAddr());
                           });
-    attempt_->endUnanswered(fd()->fileDescriptor()->descriptor(), isSigned);
+    attempt_->endUnanswered(fd()->fileDescriptor()->descriptor(),
+                            {.signature = isSigned, .ttl = options.option(optionRxMinTtl)});
     return true;
 }
 

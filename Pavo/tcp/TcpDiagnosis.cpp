@@ -24,13 +24,20 @@ namespace {
 struct Kind {
     std::string_view counter;
     std::string_view words;
+    bool (*mayMeet)(TcpDrops::Demands demands);
 };
 
+bool isSigned(TcpDrops::Demands demands) {
+    return demands.signature;
+}
+
 constexpr Kind dropKinds[] = {
-    {"TCPMD5Failure", "with a wrong signature"},
-    {"TCPMD5NotFound", "without the signature of a key"},
-    {"TCPMD5Unexpected", "with a signature but no key for it"},
-    {"TCPMinTTLDrop", "with too small a TTL"},
+    {"TCPMD5Failure", "with a wrong signature", isSigned},
+    {"TCPMD5NotFound", "without the signature of a key", isSigned},
+    {"TCPMD5Unexpected", "with a signature but no key for it",
+     [](TcpDrops::Demands demands) { return !demands.signature; }},
+    {"TCPMinTTLDrop", "with too small a TTL",
+     [](TcpDrops::Demands demands) { return demands.ttl; }},
 };
 
 // For the first attempt: a peer that is there has answered by then.
@@ -114,10 +121,10 @@ std::optional<TcpDrops> TcpDrops::read(const NamespaceName& netNs) {
     return drops;
 }
 
-std::string TcpDrops::since(const TcpDrops& before) const {
+std::string TcpDrops::since(const TcpDrops& before, std::optional<Demands> demands) const {
     std::string text;
     for (std::size_t i = 0; i < kinds; ++i) {
-        if (counts_[i] > before.counts_[i]) {
+        if (counts_[i] > before.counts_[i] && (!demands || dropKinds[i].mayMeet(*demands))) {
             const uint64_t added = counts_[i] - before.counts_[i];
             text += text.empty() ? "this namespace counted " + counted(added, "segment")
                                  : " and " + std::to_string(added);
@@ -139,12 +146,12 @@ void TcpAttempt::begin(const NamespaceName& netNs) {
     }
 }
 
-void TcpAttempt::endUnanswered(int sd, bool isSigned) {
+void TcpAttempt::endUnanswered(int sd, TcpDrops::Demands demands) {
     const auto now = TcpDrops::of(netNs_);
-    std::string found = now && before_ ? now->since(*before_) : "";
+    std::string found = now && before_ ? now->since(*before_, demands) : "";
     if (!found.empty()) {
         found += " meanwhile";
-    } else if (isSigned) {
+    } else if (demands.signature) {
         found = "a peer without this key does not answer, nor does one that does not listen";
     } else {
         found = "a peer that asks for a signature, or for a greater TTL, does not answer";

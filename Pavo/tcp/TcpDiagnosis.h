@@ -25,9 +25,16 @@ class TcpDrops {
     /// Nothing where the counters cannot be read, as without /proc.
     static std::optional<TcpDrops> of(const NamespaceName& netNs);
 
+    /// What a connection asks of segments.
+    struct Demands {
+        bool signature = false;
+        bool ttl = false;
+    };
+
     /// What was added: "this namespace counted 8 segments with a wrong signature and 2 with too
-    /// small a TTL"; empty for nothing.
-    std::string since(const TcpDrops& before) const;
+    /// small a TTL"; empty for nothing. With demands only what a connection with these may have
+    /// caused: the namespace has other connections, too.
+    std::string since(const TcpDrops& before, std::optional<Demands> demands = {}) const;
 
   private:
     static constexpr std::size_t kinds = 4;
@@ -46,9 +53,8 @@ class TcpAttempt {
 
     /// The handshake has begun.
     void begin(const NamespaceName& netNs);
-    /// It ends without an answer, on a socket that is still open. `isSigned`: it has a key for the
-    /// peer.
-    void endUnanswered(int sd, bool isSigned);
+    /// It ends without an answer, on a socket that is still open.
+    void endUnanswered(int sd, TcpDrops::Demands demands);
     /// It ends in another way. The hint stays.
     void stop();
     /// The same, and there is nothing to say of it.

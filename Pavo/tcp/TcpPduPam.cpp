@@ -83,6 +83,10 @@ uint32_t TcpPduPam::txQueuedBytes() const {
     return writer_->kept();
 }
 
+uint32_t TcpPduPam::txQueuedPkts() const {
+    return writer_->messages();
+}
+
 uint16_t TcpPduPam::writeLength() const {
     return writer_->length();
 }

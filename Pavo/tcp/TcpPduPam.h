@@ -248,6 +248,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     void txQueueBytesIs(uint32_t bytes);
     /// Bytes that were taken and have not left, with or without a queue.
     uint32_t txQueuedBytes() const;
+    /// Packets of them, the one that has left in part among them.
+    uint32_t txQueuedPkts() const;
 
     /// Sends what waits, then ends the stream. No packet is taken any more: it is dropped and
     /// counted, and `txErrno` is ESHUTDOWN. Reading goes on as the mode says until all is sent,
@@ -256,8 +258,8 @@ class PAVO_EXPORT TcpPduPam : public Mox::EntityOf<TcpPduPam, TcpPduPamBase> {
     /// kernel reset the connection and forget what it has not delivered. Then, or when writing
     /// fails, or after `seconds`, `closed` becomes true and the mode `tcpEnableModeNone`, for good;
     /// the owner may drop the endpoint. At the limit what has not been sent is counted in
-    /// `txDrops`, and `txErrno` is ETIMEDOUT. What waits while writing is off is sent once that is
-    /// on again.
+    /// `txDrops`, `txErrno` is ETIMEDOUT, and the connection is reset, so that the peer does not
+    /// take what it has for all. What waits while writing is off is sent once that is on again.
     ///
     /// The endpoint does not hold itself: dropped earlier, it discards what waits for room. Called
     /// again before the end, this changes only the limit; +infinity is none.

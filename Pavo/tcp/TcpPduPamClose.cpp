@@ -21,6 +21,14 @@ Mox::TraceFacility facility("Pavo::TcpPduPam");
 // Reads in one turn of what nobody wants, so that a peer that sends on leaves time for others.
 constexpr int drainingReads = 64;
 
+// Dissolves the association, as connect(2) says, for all who share the stream. An end in the middle
+// of a message would look like an orderly one.
+void reset(int sd) {
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    (void)connect(sd, &nobody, sizeof(nobody));  // It may have been reset already.
+}
+
 }  // namespace
 
 void TcpPduPam::closeAfterTx(double seconds, Mox::Clock* clock) {
@@ -82,12 +90,15 @@ void TcpPduPam::drain() {
 
 void TcpPduPam::closeLimitReached() {
     const Mox::Ptr<TcpPduPam> hold(this);
+    const int sd = fileDescriptor()->descriptor();
     if (const uint32_t left = writer_->messages()) {
         writer_->fail();
         (void)writer_->takeDropped();
         dropTx(left, ETIMEDOUT);
+        reset(sd);
+    } else {
+        (void)shutdown(sd, SHUT_RDWR);  // For all who share the stream.
     }
-    (void)shutdown(fileDescriptor()->descriptor(), SHUT_RDWR);  // For all who share the stream.
     endClosing();
     settle();
     publish();

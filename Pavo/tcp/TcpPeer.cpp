@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cmath>
 #include <functional>
+#include <new>
 #include <utility>
 
 #include "Mox/Exception.h"
 #include "Mox/Trace.h"
+#include "Pavo/base/FirstException.h"
 #include "Pavo/tcp/TcpClientSm.h"
 #include "Pavo/tcp/TcpPeering.h"
 #include "Pavo/tcp/TcpSockOpt.h"
@@ -24,6 +26,14 @@ Mox::TraceFacility facility("Pavo::TcpPeer");
 
 // For what the peer has sent before this end could not send any more.
 constexpr double lastMessagesSeconds = 1;
+
+// Whether the peer cannot know of the connection yet.
+bool isUnanswered(int sd) {
+    tcp_info info{};
+    socklen_t bytes = sizeof(info);
+    return getsockopt(sd, IPPROTO_TCP, TCP_INFO, &info, &bytes) == 0 &&
+           info.tcpi_state == TCP_SYN_SENT;
+}
 
 }  // namespace
 
@@ -39,8 +49,10 @@ struct TcpPeer::Link {
     TcpPeerConnection connection;
     Mox::Ptr<FramedTcpPduPam> pam;
     double upSince;
+    uint32_t counted = 0;  // Drops and errors of `pam`.
     Mox::Watch<FramedTcpPduPam> readable;
     Mox::Watch<FramedTcpPduPam> writable;
+    Mox::Watch<FramedTcpPduPam> dropped;
     Mox::Watch<FramedTcpPduPam> failed;
 };
 
@@ -98,16 +110,19 @@ void TcpPeer::configIs(const TcpPeerConfig& config) {
         config_ = config;
         attempt_.reset();
         if (link_ && config_.mode == TcpPeerMode::none) {
-            dropLink("Switched off");
+            dropLink("Switched off", link_->pam->txQueuedPkts());
         }
         if (link_) {
+            const auto pam = link_->pam;
             applyToSocket(link_->connection.socket);
-            applyToPam(link_->pam.ptr());
+            applyToPam(pam.ptr());
         } else {
             failuresInRow_ = 0;
             start();
         }
-        peering_->updateListeners(config_.address);
+        if (peering_ != nullptr) {  // An observer of the endpoint may have deleted the peer.
+            peering_->updateListeners(config_.address);
+        }
     });
 }
 
@@ -130,17 +145,20 @@ void TcpPeer::start() {
 }
 
 // Connects with a new machine: an attempt may fail before `startConnection` returns.
-void TcpPeer::connect() {
+void TcpPeer::connect() try {
     stateIs(State::connecting);
     publisher_.set(attempts_, attempts_ + 1, attemptsAttr);
-    attempt_ = std::make_unique<Attempt>();
-    const auto config = attempt_->config = clientConfig();
-    const auto machine = attempt_->machine =
+    auto attempt = std::make_unique<Attempt>();
+    attempt->config = clientConfig();
+    const auto machine = attempt->machine =
         tcpClientSmFactory(peering_->registrations_.ptr(), peering_->wheel(), /*clientId=*/0,
-                           config, attempt_->status);
-    attempt_->watch = {attempt_->status, TcpClientStatus::connectionStatusAttr,
-                       [this] { handleAttempt(); }};
+                           attempt->config, attempt->status);
+    attempt->watch = {attempt->status, TcpClientStatus::connectionStatusAttr,
+                      [this] { handleAttempt(); }};
+    attempt_ = std::move(attempt);
     machine->startConnection();
+} catch (const std::bad_alloc& error) {
+    attemptFailed(error.what());
 }
 
 Mox::Ptr<TcpClientConfig> TcpPeer::clientConfig() const {
@@ -215,7 +233,7 @@ void TcpPeer::timerIs(double expiry) {
 
 void TcpPeer::handleTimer() {
     if (link_) {
-        linkLost(link_->pam->txErrorReason());
+        linkLost(link_->pam->txErrorReason(), 0);
     } else {
         start();
     }
@@ -238,9 +256,11 @@ void TcpPeer::established(const TcpPeerConnection& connection) {
             return;
         }
         if (link_) {
-            dropLink("Replaced by another connection");
+            dropLink("Replaced by another connection", link_->pam->txQueuedPkts());
         }
-        bringUp(connection);
+        if (connects() || config_.mode == TcpPeerMode::passive) {
+            bringUp(connection);
+        }
     });
 }
 
@@ -254,15 +274,20 @@ void TcpPeer::bringUp(const TcpPeerConnection& connection) try {
     applyToPam(link->pam.ptr());
     link->readable = {link->pam, Pam::readableCountAttr, [this] { receive(); }};
     link->writable = {link->pam, Pam::writableCountAttr, [this] { dueIs(writableDue); }};
+    link->dropped = {link->pam, Pam::txDropsAttr, [this] { countPamDrops(); }};
     link->failed = {link->pam, {Pam::rxErrorsAttr, Pam::txErrorsAttr}, [this](const Mox::Change&) {
                         handleError();
                     }};
     link_ = std::move(link);
+    if (attempt_ && isUnanswered(attempt_->machine->getClientSocket())) {
+        attempt_.reset();
+    }
     timerIs(Keel::TimerWheel::idle);
     stateIs(State::up);
     publisher_.set(ups_, ups_ + 1, upsAttr);
     dueIs(upDue);
-} catch (const Mox::ErrnoException& error) {
+} catch (const std::exception& error) {  // Without memory, too.
+    link_.reset();
     reasonIs(error.what());
     planAttempt();
 }
@@ -289,18 +314,20 @@ void TcpPeer::applyToPam(FramedTcpPduPam* pam) const {
 
 // A connection that did not last counts as a failed attempt. The reason is a copy, since it may be
 // the text of the endpoint that goes.
-void TcpPeer::linkLost(Mox::String reason) {
+void TcpPeer::linkLost(Mox::String reason, uint32_t unsent) {
     publish([&] {
-        if (peering_->wheel()->now() - link_->upSince >= config_.minUpSeconds) {
-            failuresInRow_ = 0;
-        }
-        dropLink(reason);
+        dropLink(reason, unsent);
         planAttempt();
     });
 }
 
 // The handler is notified of the loss of the connection that it knows, and of no later one before.
-void TcpPeer::dropLink(const Mox::String& reason) {
+void TcpPeer::dropLink(const Mox::String& reason, uint32_t unsent) {
+    countPamDrops();
+    countDrops(unsent);
+    if (peering_ != nullptr && peering_->wheel()->now() - link_->upSince >= config_.minUpSeconds) {
+        failuresInRow_ = 0;
+    }
     link_.reset();
     timerIs(Keel::TimerWheel::idle);
     reasonIs(reason);
@@ -311,13 +338,25 @@ void TcpPeer::dropLink(const Mox::String& reason) {
     }
 }
 
+void TcpPeer::countDrops(uint32_t messages) {
+    publisher_.inc(txDrops_, messages, txDropsAttr);
+}
+
+void TcpPeer::countPamDrops() {
+    const uint32_t now = link_->pam->txDrops() + link_->pam->txErrors();
+    countDrops(now - std::exchange(link_->counted, now));
+}
+
 void TcpPeer::handleError() {
-    const auto pam = link_->pam;
-    if (!pam->rxErrorReason().empty()) {
-        linkLost(pam->rxErrorReason());
-    } else if (pam->txErrno() != EMSGSIZE && !pam->txErrorReason().empty() && timer_.isIdle()) {
-        timer_.expiryIs(peering_->wheel()->now() + lastMessagesSeconds);
-    }
+    publish([this] {
+        const auto pam = link_->pam;
+        countPamDrops();
+        if (!pam->rxErrorReason().empty()) {
+            linkLost(pam->rxErrorReason(), pam->txQueuedPkts());
+        } else if (pam->txErrno() != EMSGSIZE && !pam->txErrorReason().empty() && timer_.isIdle()) {
+            timer_.expiryIs(peering_->wheel()->now() + lastMessagesSeconds);
+        }
+    });
 }
 
 void TcpPeer::receive() {
@@ -333,17 +372,30 @@ bool TcpPeer::txPktIs(const Mox::Ptr<Pkt>& pkt) {
     return txPktsIs({&pkt, 1}) == 1;
 }
 
-// With a queue the endpoint takes messages without room, too.
+// With a queue the endpoint takes messages without room, too, and gathers them by itself.
 uint32_t TcpPeer::txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts) {
     const Mox::Ptr<TcpPeer> hold(this);
     const auto pam = isOpen() ? link_->pam : nullptr;
     uint32_t taken = 0;
-    if (pam && (pam->txQueueBytes() != 0 || pam->writable())) {
-        const uint32_t refused = pam->txDrops() + pam->txErrors();
-        taken = pam->txPktsIs(pkts);
-        taken -= std::min(taken, pam->txDrops() + pam->txErrors() - refused);
+    uint32_t counted = 0;  // By the endpoint.
+    const auto drops = [&] { return pam->txDrops() + pam->txErrors(); };
+    if (pam && pam->txQueueBytes() != 0) {
+        for (; taken < pkts.size() && counted == 0 && this->pam() == pam; ++taken) {
+            const uint32_t before = drops();
+            pam->txPktIs(pkts[taken]);
+            counted = drops() - before;
+        }
+        taken -= std::min(taken, counted);
+    } else if (pam && pam->writable()) {
+        const auto tooLarge = std::find_if(pkts.begin(), pkts.end(), [](const auto& each) {
+            return each->totalBytes() > UINT16_MAX;
+        });
+        const uint32_t before = drops();
+        taken = pam->txPktsIs({pkts.begin(), tooLarge});
+        counted = std::min(taken, drops() - before);
+        taken -= counted;
     }
-    publisher_.inc(txDrops_, static_cast<uint32_t>(pkts.size()) - taken, txDropsAttr);
+    countDrops(static_cast<uint32_t>(pkts.size()) - taken - counted);
     return taken;
 }
 
@@ -353,8 +405,8 @@ void TcpPeer::close(const Mox::String& reason, double drainSeconds) {
     }
     publish([&] {
         const auto pam = link_->pam;
-        linkLost(reason);
-        peering_->drain(pam, drainSeconds);
+        linkLost(reason, /*unsent=*/0);
+        peering_->drain(this, pam, drainSeconds);
     });
 }
 
@@ -363,7 +415,7 @@ void TcpPeer::leave(const Mox::String& reason) {
         config_.mode = TcpPeerMode::none;
         attempt_.reset();
         if (link_) {
-            dropLink(reason);
+            dropLink(reason, link_->pam->txQueuedPkts());
         }
         timerIs(Keel::TimerWheel::idle);
         stateIs(State::idle);
@@ -387,23 +439,37 @@ void TcpPeer::deliver(TcpPeeringHandler* handler) {
         isAnnounced_ = false;
         handler->down(*this, std::exchange(downReason_, {}));
     } else if (first == upDue) {
-        if (opens()) {
+        FirstException exception;
+        if (opens(&exception)) {
             isAnnounced_ = true;
-            handler->up(*this);
+            exception.collect([&] { handler->up(*this); });
         }
+        exception.rethrow();
     } else if (first == writableDue && writable()) {
         handler->writable(*this);
     }
 }
 
 // Nothing passes before, so that the agent sends and receives nothing on a connection that it does
-// not know of. An observer of the endpoint may end the connection.
-bool TcpPeer::opens() try {
-    link_->pam->enableModeIs(tcpEnableModeReadWrite);
-    return link_ != nullptr;
-} catch (const Mox::ErrnoException& error) {
-    linkLost(error.what());
-    return false;
+// not know of. An observer of the endpoint may end the connection, or throw. The endpoint has room
+// at first, of which `up` says enough.
+bool TcpPeer::opens(FirstException* exception) {
+    const auto pam = this->pam();
+    if (!pam) {
+        return false;
+    }
+    try {
+        pam->enableModeIs(tcpEnableModeReadWrite);
+    } catch (const Mox::ErrnoException& error) {
+        if (this->pam() == pam) {
+            linkLost(error.what(), 0);
+        }
+        return false;
+    } catch (...) {
+        exception->collect([] { throw; });
+    }
+    due_ &= ~uint32_t{writableDue};
+    return this->pam() == pam;
 }
 
 }  // namespace Pavo

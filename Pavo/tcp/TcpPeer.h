@@ -21,6 +21,7 @@
 
 namespace Pavo {
 
+class FirstException;
 class TcpPeering;
 class TcpPeeringHandler;
 
@@ -38,12 +39,12 @@ class TcpPeeringHandler;
 ///     state        connection   attempt                  timer
 ///     idle         none         none                     idle
 ///     connecting   none         one                      idle
-///     up           one          one that is left over    see below
+///     up           one          one that is left over    for what still arrives
 ///     backingOff   none         none                     to the next attempt
 ///
-/// An attempt that is under way when the peer connects is left over: it goes on, since the peer may
-/// have accepted it already. Where it leads to a second connection, as does a peer that connects
-/// again, `TcpPeeringHandler::collision` decides.
+/// An attempt that is under way when the peer connects ends, unless the peer may have accepted it
+/// already, since its SYN was answered: then it is left over. Where it leads to a second
+/// connection, as does a peer that connects again, `TcpPeeringHandler::collision` decides.
 ///
 /// A connection is lost with its reading direction. When only sending has failed, what the peer has
 /// sent before is still received, for at most a second.
@@ -106,8 +107,8 @@ class PAVO_EXPORT TcpPeer : public Mox::EntityOf<TcpPeer> {
     uint32_t ups() const { return ups_; }
     /// Second connections, of which one was closed.
     uint32_t collisions() const { return collisions_; }
-    /// Messages that were not taken, without a connection or without room, and those that a
-    /// connection dropped when it ended.
+    /// Messages that were not taken, without a connection or without room, and those that were
+    /// taken and had not left for the kernel when the connection ended, or the time of `close`.
     uint32_t txDrops() const { return txDrops_; }
 
     /// The connection; an empty one unless up.
@@ -125,13 +126,14 @@ class PAVO_EXPORT TcpPeer : public Mox::EntityOf<TcpPeer> {
     /// @pre a packet: assertion "pkt != nullptr".
     bool txPktIs(const Mox::Ptr<Pkt>& pkt);
     /// Sends messages with few system calls, in order. Returns how many, from the first one, were
-    /// taken; the others are dropped and counted.
+    /// taken; those from the first one that was not are dropped and counted.
     uint32_t txPktsIs(std::span<const Mox::Ptr<Pkt>> pkts);
 
     /// Ends the connection for the reason, which becomes that of `TcpPeeringHandler::down`: what
-    /// was taken is still sent, for at most `drainSeconds`, then the stream is closed. An active
-    /// end connects again after its back-off. Without a connection nothing changes: to switch a
-    /// peer off, set its mode.
+    /// was taken is still sent, for at most `drainSeconds`, +infinity for as long as it takes, then
+    /// the stream is closed. What has not left by then is counted in `txDrops`, and the connection
+    /// is reset. An active end connects again after its back-off. Without a connection nothing
+    /// changes: to switch a peer off, set its mode.
     /// @pre `drainSeconds` is not negative (assertion "seconds >= 0").
     void close(const Mox::String& reason, double drainSeconds = 5);
 
@@ -168,14 +170,16 @@ class PAVO_EXPORT TcpPeer : public Mox::EntityOf<TcpPeer> {
     void bringUp(const TcpPeerConnection& connection);
     void applyToSocket(const TcpConnSocket& connection) const;
     void applyToPam(FramedTcpPduPam* pam) const;
-    void linkLost(Mox::String reason);
-    void dropLink(const Mox::String& reason);
+    void linkLost(Mox::String reason, uint32_t unsent);
+    void dropLink(const Mox::String& reason, uint32_t unsent);
+    void countDrops(uint32_t messages);
+    void countPamDrops();
     void handleError();
     void receive();
     void leave(const Mox::String& reason);
     void dueIs(Due what);
     void deliver(TcpPeeringHandler* handler);
-    bool opens();
+    bool opens(FirstException* exception);
 
     TcpPeering* peering_;
     TcpPeerConfig config_;

@@ -35,7 +35,9 @@ struct TcpPeering::Listener {
 };
 
 struct TcpPeering::Closing {
+    Mox::Ptr<TcpPeer> peer;
     Mox::Ptr<FramedTcpPduPam> pam;
+    uint32_t drops;  // Of `pam` before.
     Mox::Watch<FramedTcpPduPam> closed;
 };
 
@@ -72,7 +74,7 @@ void TcpPeering::zeroReferencesIs(bool zero) {
         *hasEnded_ = true;
         delivery_.expiryIs(Keel::TimerWheel::idle);
         due_.clear();
-        listeners_.clear();
+        std::exchange(listeners_, {}).clear();  // Observers may call while they end.
         closing_.clear();
         for (const auto& [key, peer] : std::exchange(peers_, {})) {
             try {
@@ -106,7 +108,7 @@ void TcpPeering::listenIs(const IpGenAddr& localAddress, Port port) {
 }
 
 void TcpPeering::listenDel(AddressFamily af) {
-    listeners_.erase(af);
+    const auto ended = listeners_.extract(af);  // Observers may call while it ends.
 }
 
 Mox::Ptr<TcpServerStatus> TcpPeering::listenerStatus(AddressFamily af) const {
@@ -181,13 +183,14 @@ Mox::Ptr<TcpPeer> TcpPeering::peerIs(const TcpPeerConfig& config) {
         }
     }
     const Mox::Ptr<TcpPeering> hold(this);
-    auto& place = peers_[key];
-    const bool isNew = !place;
-    if (isNew) {
-        place = Mox::make<TcpPeer>(this, config);
+    auto changed = peer(config.address, config.ifIndex);
+    if (changed) {
+        changed->configIs(config);
+    } else {
+        changed = Mox::make<TcpPeer>(this, config);
+        peers_.emplace(key, changed);
+        changed->begin();
     }
-    const auto changed = place;
-    isNew ? changed->begin() : changed->configIs(config);
     return changed;
 }
 
@@ -215,12 +218,28 @@ void TcpPeering::peerDelAll() {
 }
 
 // The stream lives as long as its endpoint.
-void TcpPeering::drain(const Mox::Ptr<FramedTcpPduPam>& pam, double seconds) {
+void TcpPeering::drain(TcpPeer* peer, const Mox::Ptr<FramedTcpPduPam>& pam, double seconds) {
+    closing_.remove_if([](const auto& each) { return each->pam->closed(); });
     closing_.push_front(std::make_unique<Closing>());
     const auto place = closing_.begin();
+    (*place)->peer = peer;
     (*place)->pam = pam;
-    (*place)->closed = {pam, TcpPduPam::closedAttr, [this, place] { closing_.erase(place); }};
+    (*place)->drops = pam->txDrops() + pam->txErrors();
+    (*place)->closed = {pam, TcpPduPam::closedAttr, [this, place] { drained(place); }};
     pam->closeAfterTx(seconds, wheel_->clock());
+}
+
+// An observer that throws keeps later ones, such as that of this peering, from being notified.
+uint32_t TcpPeering::closing() const {
+    return static_cast<uint32_t>(std::count_if(
+        closing_.begin(), closing_.end(), [](const auto& each) { return !each->pam->closed(); }));
+}
+
+void TcpPeering::drained(std::list<std::unique_ptr<Closing>>::iterator place) {
+    const auto closing = std::move(*place);
+    closing_.erase(place);
+    const auto& pam = closing->pam;
+    closing->peer->countDrops(pam->txDrops() + pam->txErrors() - closing->drops);
 }
 
 void TcpPeering::due(TcpPeer* peer) {

@@ -136,7 +136,7 @@ class PAVO_EXPORT TcpPeering : public Mox::EntityOf<TcpPeering> {
     uint32_t refused() const { return refused_; }
     /// Connections after `TcpPeer::close` that still send. To end in an orderly way, an agent waits
     /// until there are none.
-    uint32_t closing() const { return static_cast<uint32_t>(closing_.size()); }
+    uint32_t closing() const;
 
   protected:
     ~TcpPeering() override;
@@ -151,7 +151,8 @@ class PAVO_EXPORT TcpPeering : public Mox::EntityOf<TcpPeering> {
     void updateListeners(const IpGenAddr& address);
     Peers::const_iterator firstPeer(const IpGenAddr& address) const;
     Peers::const_iterator lastPeer(const IpGenAddr& address) const;
-    void drain(const Mox::Ptr<FramedTcpPduPam>& pam, double seconds);
+    void drain(TcpPeer* peer, const Mox::Ptr<FramedTcpPduPam>& pam, double seconds);
+    void drained(std::list<std::unique_ptr<Closing>>::iterator place);
     void due(TcpPeer* peer);
     void deliver();
 

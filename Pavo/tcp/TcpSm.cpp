@@ -403,11 +403,11 @@ bool TcpSmBase::registerSocket(const Mox::Ptr<TcpFileDescriptor>& fd, bool forWr
     using Registration = TcpFileDescriptorEventRegistration;
     try {
         const auto registration = fdEventRegistrationFactory_->createEventRegistration(fd);
-        fd_ = registration;
         fdReactor_ = Mox::make<FdReactor>(
             registration,
             forWriting ? Registration::writableCountAttr : Registration::readableCountAttr, this,
             std::move(handler));
+        fd_ = registration;
         if (forWriting) {
             registration->notifyOnWritableIs(true);
         } else {
