@@ -1,131 +1,136 @@
 #include "Pavo/packet/Checksum.h"
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
 #include "Mox/Assert.h"
 
+#include "Pavo/base/Cpu.h"
+#include "Pavo/base/NetOrder.h"
+
 namespace Pavo {
 
 namespace {
 
-// The sums of the bytes at even and at odd places, modulo 2^32. From these two follows the sum of
-// the 16-bit words in either byte order, exactly as a loop over the words would have it.
-struct ByteSums {
-    uint32_t even = 0;
-    uint32_t odd = 0;
+constexpr bool isLittle = std::endian::native == std::endian::little;
 
-    uint32_t bigEndianWords() const { return even * 256 + odd; }
-    uint32_t hostWords() const {
-        return std::endian::native == std::endian::little ? even + odd * 256 : bigEndianWords();
-    }
+// Vectors, of which the compiler makes what the target has.
+template <uint32_t bytes>
+struct Vector {
+    typedef uint16_t Words __attribute__((vector_size(bytes)));
+    typedef uint32_t Sums __attribute__((vector_size(bytes)));
 };
 
-#ifdef __SSE2__
-
-uint32_t lanesAdded(__m128i sums) {
-    return static_cast<uint32_t>(_mm_cvtsi128_si32(sums)) +
-           static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
-}
-
-// Takes as many whole blocks as there are and returns the bytes taken. `psadbw` against zero adds
-// eight bytes in one step; the bytes at odd places are what all bytes make beyond the even ones.
-uint32_t sumBlocks(const uint8_t* data, uint32_t len, ByteSums* sums) {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i evenBytes = _mm_set1_epi16(0x00ff);
-    __m128i all = zero;
-    __m128i even = zero;
-    const auto add = [&](const uint8_t* at) {
-        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-        all = _mm_add_epi64(all, _mm_sad_epu8(block, zero));
-        even = _mm_add_epi64(even, _mm_sad_epu8(_mm_and_si128(block, evenBytes), zero));
-    };
-    uint32_t taken = 0;
-    for (; len - taken >= 64; taken += 64) {
-        add(data + taken);
-        add(data + taken + 16);
-        add(data + taken + 32);
-        add(data + taken + 48);
-    }
-    for (; len - taken >= 16; taken += 16) {
-        add(data + taken);
-    }
-    sums->even += lanesAdded(even);
-    sums->odd += lanesAdded(all) - lanesAdded(even);
-    return taken;
-}
-
-#else
-
-constexpr uint64_t alternateBytes = 0x00ff00ff00ff00ff;
-
-// The four 16-bit lanes of `sums`, added.
-uint32_t lanesAdded(uint64_t sums) {
-    sums = (sums & 0x0000ffff0000ffff) + (sums >> 16 & 0x0000ffff0000ffff);
-    return static_cast<uint32_t>(sums) + static_cast<uint32_t>(sums >> 32);
-}
-
-// Takes as many whole blocks as there are and returns the bytes taken. Four bytes of each parity
-// are added at once, in lanes of 16 bits, which hold 257 of them.
-uint32_t sumBlocks(const uint8_t* data, uint32_t len, ByteSums* sums) {
-    uint32_t taken = 0;
-    while (len - taken >= 8) {
-        uint64_t low = 0;
-        uint64_t high = 0;
-        for (int lane = 0; lane < 257 && len - taken >= 8; ++lane, taken += 8) {
-            uint64_t block;
-            std::memcpy(&block, data + taken, 8);
-            low += block & alternateBytes;
-            high += block >> 8 & alternateBytes;
+// `sum` and the 16-bit words at `data`, each with its first byte high. In each lane the words and
+// their high bytes are added, modulo 2^16: three operations a block, from which the sum of the low
+// bytes follows. A lane holds 257 high bytes. `len` is a multiple of two blocks.
+template <uint32_t blockBytes>
+[[gnu::always_inline]] inline uint32_t withBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
+    using Words = typename Vector<blockBytes>::Words;
+    using Sums = typename Vector<blockBytes>::Sums;
+    while (len != 0) {
+        Words words = {};
+        Words high = {};
+        const uint8_t* const end = data + std::min(len, 256 * blockBytes);
+        len -= static_cast<uint32_t>(end - data);
+        for (; data != end; data += 2 * blockBytes) {
+            Words first;
+            Words second;
+            std::memcpy(&first, data, blockBytes);
+            std::memcpy(&second, data + blockBytes, blockBytes);
+            words += first + second;
+            high += (first >> 8) + (second >> 8);
         }
-        const bool evenIsLow = std::endian::native == std::endian::little;
-        sums->even += lanesAdded(evenIsLow ? low : high);
-        sums->odd += lanesAdded(evenIsLow ? high : low);
+        const auto highs = reinterpret_cast<Sums>(high);
+        const auto lows = reinterpret_cast<Sums>(words - (high << 8));
+        const Sums sumOfHighs = (highs & 0xffff) + (highs >> 16);
+        const Sums sumOfLows = (lows & 0xffff) + (lows >> 16);
+        const Sums sums = isLittle ? (sumOfLows << 8) + sumOfHighs : (sumOfHighs << 8) + sumOfLows;
+        for (uint32_t lane = 0; lane < blockBytes / 4; ++lane) {
+            sum += sums[lane];
+        }
     }
-    return taken;
+    return sum;
 }
 
+#if defined(__x86_64__) || defined(__i386__)
+// 1.5 times as fast as blocks of 16 bytes, at 1500 bytes and at 9000.
+[[gnu::target("avx2")]] uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
+    return withBlocks<32>(data, len, sum);
+}
+#else
+uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
+    return withBlocks<16>(data, len, sum);
+}
 #endif
 
-// The hot loop of all three functions. The last byte of an odd area lies at an even place, which
-// makes it the first byte of a word that ends in zero.
-ByteSums sumBytes(const void* area, uint32_t len) {
+// The same for few bytes. The last byte of an odd area is the first of a word that ends in zero.
+[[gnu::always_inline]] inline uint32_t withFewBytes(const uint8_t* data, uint32_t len,
+                                                    uint32_t sum) {
+    uint64_t sums = 0;  // Two, each in 32 bits.
+    const auto addWords = [&sums](const uint8_t* at) {
+        const auto words = loadNet<uint64_t>(at);
+        sums += (words & 0x0000ffff0000ffff) + (words >> 16 & 0x0000ffff0000ffff);
+    };
+    for (const uint8_t* const end = data + len / 16 * 16; data != end; data += 16) {
+        addWords(data);
+        addWords(data + 8);
+    }
+    if ((len & 8) != 0) {
+        addWords(data);
+        data += 8;
+    }
+    if ((len & 4) != 0) {
+        const auto words = loadNet<uint32_t>(data);
+        sums += (words & 0xffff) + (words >> 16);
+        data += 4;
+    }
+    if ((len & 2) != 0) {
+        sums += loadNet<uint16_t>(data);
+        data += 2;
+    }
+    if ((len & 1) != 0) {
+        sums += *data * 256u;
+    }
+    return sum + static_cast<uint32_t>(sums) + static_cast<uint32_t>(sums >> 32);
+}
+
+// Apart, so that few bytes do not save registers for it.
+[[gnu::noinline]] uint32_t withManyBytes(const uint8_t* data, uint32_t len, uint32_t sum) {
+    const bool isWide = len >= 128 && Cpu::has(Cpu::avx2);
+    const uint32_t inBlocks = len & (isWide ? ~63u : ~31u);
+    sum = isWide ? withWideBlocks(data, inBlocks, sum) : withBlocks<16>(data, inBlocks, sum);
+    return withFewBytes(data + inBlocks, len - inBlocks, sum);
+}
+
+// The hot loop of all three functions.
+[[gnu::always_inline]] inline uint32_t withBytes(const void* area, uint32_t len, uint32_t sum) {
     const auto* data = static_cast<const uint8_t*>(area);
-    ByteSums sums;
-    uint32_t taken = sumBlocks(data, len, &sums);
-    for (; len - taken >= 2; taken += 2) {
-        sums.even += data[taken];
-        sums.odd += data[taken + 1];
-    }
-    if (taken != len) {
-        sums.even += data[taken];
-    }
-    return sums;
+    return len < 64 ? withFewBytes(data, len, sum) : withManyBytes(data, len, sum);
+}
+
+uint16_t folded(uint32_t sum) {
+    sum = (sum & 0xffff) + (sum >> 16);
+    return static_cast<uint16_t>(sum + (sum >> 16));
 }
 
 }  // namespace
 
 uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t sum) {
     Mox::require((len % 2) == 0, "(len % 2) == 0");
-    return sum + sumBytes(data, len).bigEndianWords();
+    return withBytes(data, len, sum);
 }
 
 IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t sum) {
-    sum += sumBytes(data, len).bigEndianWords();
-    while (sum >> 16 != 0) {
-        sum = (sum & 0xffff) + (sum >> 16);
-    }
-    return IpChecksum(static_cast<uint16_t>(sum ^ 0xffff));
+    return IpChecksum(static_cast<uint16_t>(~folded(withBytes(data, len, sum))));
 }
 
 uint16_t ipChksum(const void* data, uint32_t len) {
-    uint32_t sum = sumBytes(data, len).hostWords();
-    sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(~(sum + (sum >> 16)));
+    uint16_t image;
+    storeNet(reinterpret_cast<uint8_t*>(&image),
+             static_cast<uint16_t>(~folded(withBytes(data, len, 0))));
+    return image;
 }
 
 }  // namespace Pavo

@@ -8,6 +8,8 @@
 #include <bit>
 #include <cstring>
 
+#include "Pavo/base/Cpu.h"
+
 namespace Pavo {
 
 namespace {
@@ -50,12 +52,20 @@ uint32_t sliceOf(uint32_t word, uint32_t n) {
 // Takes the bytes into the register, sixteen at a time with look-ups that do not wait for one
 // another.
 template <class Crc>
-uint32_t sliced(uint32_t crc, const uint8_t* data, uint32_t len) {
+[[gnu::always_inline]] inline uint32_t sliced(uint32_t crc, const uint8_t* data, uint32_t len) {
     for (; len >= slices; data += slices, len -= slices) {
         crc = sliceOf<Crc>(loadLittle(data) ^ crc, 12) ^ sliceOf<Crc>(loadLittle(data + 4), 8) ^
               sliceOf<Crc>(loadLittle(data + 8), 4) ^ sliceOf<Crc>(loadLittle(data + 12), 0);
     }
-    for (; len != 0; ++data, --len) {
+    if ((len & 8) != 0) {
+        crc = sliceOf<Crc>(loadLittle(data) ^ crc, 4) ^ sliceOf<Crc>(loadLittle(data + 4), 0);
+        data += 8;
+    }
+    if ((len & 4) != 0) {
+        crc = sliceOf<Crc>(loadLittle(data) ^ crc, 0);
+        data += 4;
+    }
+    for (len &= 3; len != 0; ++data, --len) {
         crc = tables<Crc>.bytes[0][(crc ^ *data) & 0xff] ^ crc >> 8;
     }
     return crc;
@@ -76,56 +86,126 @@ constexpr int64_t powerOfX(int n) {
 }
 
 using Block = __m128i;
+using WideBlock = __m512i;
+#define PAVO_PRODUCTS gnu::target("pclmul")
+#define PAVO_WIDE_PRODUCTS gnu::target("avx512f,vpclmulqdq")
 
 // Sixteen bytes, moved up by the distance whose powers `by` holds and added to those found there:
 // the remainder of the whole stays the same.
-[[gnu::target("pclmul")]] inline Block folded(Block block, Block by, Block onto) {
+[[PAVO_PRODUCTS]] inline Block folded(Block block, Block by, Block onto) {
     const Block low = _mm_clmulepi64_si128(block, by, 0x00);
     const Block high = _mm_clmulepi64_si128(block, by, 0x11);
     return _mm_xor_si128(_mm_xor_si128(low, high), onto);
 }
-
-inline Block blockAt(const uint8_t* at) {
-    return _mm_loadu_si128(reinterpret_cast<const Block*>(at));
+// The same for four blocks.
+[[PAVO_WIDE_PRODUCTS]] inline WideBlock folded(WideBlock block, WideBlock by, WideBlock onto) {
+    const WideBlock low = _mm512_clmulepi64_epi128(block, by, 0x00);
+    const WideBlock high = _mm512_clmulepi64_epi128(block, by, 0x11);
+    return _mm512_xor_si512(_mm512_xor_si512(low, high), onto);
 }
 
 // The powers that move a block up by so many bits.
 template <class Crc, int bits>
 inline Block distance() {
+    return _mm_set_epi64x(powerOfX<Crc>(bits - 32), powerOfX<Crc>(bits + 32));
+}
+template <class Crc, int bits>
+[[PAVO_WIDE_PRODUCTS]] inline WideBlock wideDistance() {
     constexpr int64_t low = powerOfX<Crc>(bits + 32);
     constexpr int64_t high = powerOfX<Crc>(bits - 32);
-    return _mm_set_epi64x(high, low);
+    return _mm512_set4_epi64(high, low, high, low);
 }
 
-constexpr uint32_t stride = 64;
+inline Block blockAt(const uint8_t* at) {
+    return _mm_loadu_si128(reinterpret_cast<const Block*>(at));
+}
+// The register, to be added to the first block.
+inline Block inBlock(uint32_t crc) {
+    return _mm_cvtsi32_si128(static_cast<int>(crc));
+}
+
+constexpr uint32_t blockBytes = 16;
+constexpr uint32_t stride = 4 * blockBytes;
+constexpr uint32_t wideStride = 4 * stride;
+
+// Folds the whole wide strides of the data, one at least, into one stride of `lanes`, and returns
+// what it took. At 1500 bytes the CRC is 2.3 times as fast as by single blocks, at 9000 bytes 3.7.
+template <class Crc>
+[[PAVO_WIDE_PRODUCTS]] uint32_t foldWide(uint32_t crc, const uint8_t* data, uint32_t len,
+                                         Block* lanes) {
+    const WideBlock first = _mm512_zextsi128_si512(inBlock(crc));
+    WideBlock a = _mm512_xor_si512(_mm512_loadu_si512(data), first);
+    WideBlock b = _mm512_loadu_si512(data + stride);
+    WideBlock c = _mm512_loadu_si512(data + 2 * stride);
+    WideBlock d = _mm512_loadu_si512(data + 3 * stride);
+    const WideBlock byFour = wideDistance<Crc, 4 * 512>();
+    uint32_t taken = wideStride;
+    for (; len - taken >= wideStride; taken += wideStride) {
+        const uint8_t* const at = data + taken;
+        a = folded(a, byFour, _mm512_loadu_si512(at));
+        b = folded(b, byFour, _mm512_loadu_si512(at + stride));
+        c = folded(c, byFour, _mm512_loadu_si512(at + 2 * stride));
+        d = folded(d, byFour, _mm512_loadu_si512(at + 3 * stride));
+    }
+    const WideBlock byOne = wideDistance<Crc, 512>();
+    _mm512_storeu_si512(lanes, folded(folded(folded(a, byOne, b), byOne, c), byOne, d));
+    return taken;
+}
+
+// Folds the whole strides of the data, one at least, into one block, and returns what it took.
+template <class Crc>
+[[PAVO_PRODUCTS]] uint32_t foldStrides(uint32_t crc, const uint8_t* data, uint32_t len,
+                                       Block* last) {
+    Block lanes[4];
+    uint32_t taken = stride;
+    if (len >= wideStride && Cpu::has(Cpu::wideCarryless)) {
+        taken = foldWide<Crc>(crc, data, len, lanes);
+    } else {
+        std::memcpy(lanes, data, stride);
+        lanes[0] = _mm_xor_si128(lanes[0], inBlock(crc));
+    }
+    Block a = lanes[0];
+    Block b = lanes[1];
+    Block c = lanes[2];
+    Block d = lanes[3];
+    const Block byFour = distance<Crc, 4 * 128>();
+    for (; len - taken >= stride; taken += stride) {
+        const uint8_t* const at = data + taken;
+        a = folded(a, byFour, blockAt(at));
+        b = folded(b, byFour, blockAt(at + blockBytes));
+        c = folded(c, byFour, blockAt(at + 2 * blockBytes));
+        d = folded(d, byFour, blockAt(at + 3 * blockBytes));
+    }
+    const Block byOne = distance<Crc, 128>();
+    *last = folded(folded(folded(a, byOne, b), byOne, c), byOne, d);
+    return taken;
+}
 
 // What takes bytes into a register.
 using Taker = uint32_t(uint32_t crc, const uint8_t* data, uint32_t len);
 
 // Folds the data into its last sixteen whole bytes (V. Gopal et al., "Fast CRC Computation for
-// Generic Polynomials Using PCLMULQDQ Instruction"), and leaves these and what is after them to
-// `rest`. Takes `stride` bytes at least.
+// Generic Polynomials Using PCLMULQDQ Instruction"), these into twelve, and leaves eight of them
+// and what is after them to `rest`. Takes a block at least. Four times as fast as tables at 1500
+// bytes.
 template <class Crc, Taker rest>
-[[gnu::target("pclmul")]] uint32_t carryless(uint32_t crc, const uint8_t* data, uint32_t len) {
-    Block lanes[4] = {blockAt(data), blockAt(data + 16), blockAt(data + 32), blockAt(data + 48)};
-    lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi32_si128(static_cast<int>(crc)));
-    data += stride;
-    len -= stride;
-    for (; len >= stride; data += stride, len -= stride) {
-        for (int i = 0; i < 4; ++i) {
-            lanes[i] = folded(lanes[i], distance<Crc, 4 * 128>(), blockAt(data + 16 * i));
-        }
+[[PAVO_PRODUCTS]] uint32_t carryless(uint32_t crc, const uint8_t* data, uint32_t len) {
+    Block last;
+    uint32_t taken = blockBytes;
+    if (len >= stride) {
+        taken = foldStrides<Crc>(crc, data, len, &last);
+    } else {
+        last = _mm_xor_si128(blockAt(data), inBlock(crc));
     }
-    Block last = lanes[0];
-    for (int i = 1; i < 4; ++i) {
-        last = folded(last, distance<Crc, 128>(), lanes[i]);
+    for (; len - taken >= blockBytes; taken += blockBytes) {
+        last = folded(last, distance<Crc, 128>(), blockAt(data + taken));
     }
-    for (; len >= 16; data += 16, len -= 16) {
-        last = folded(last, distance<Crc, 128>(), blockAt(data));
-    }
-    uint8_t bytes[16];
-    _mm_storeu_si128(reinterpret_cast<Block*>(bytes), last);
-    return rest(rest(0, bytes, sizeof(bytes)), data, len);
+    // The first eight bytes, moved up by the other eight and by the register.
+    const Block first = _mm_clmulepi64_si128(last, _mm_set_epi64x(0, powerOfX<Crc>(96)), 0x00);
+    uint8_t bytes[blockBytes];
+    _mm_storeu_si128(reinterpret_cast<Block*>(bytes),
+                     _mm_xor_si128(first, _mm_srli_si128(last, 8)));
+    return rest(rest(0, bytes, 8) ^ loadLittle(bytes + 8), data + taken, len - taken);
 }
 
 // The instruction knows CRC-32C only.
@@ -148,21 +228,20 @@ template <class Crc, Taker rest>
     return crc;
 }
 
-bool multiplies(uint32_t len) {
-    return len >= stride && __builtin_cpu_supports("pclmul");
-}
-
-// The places that choose, one a polynomial.
+// The places that choose, one a polynomial. Each path begins at the length from which it is faster:
+// of the products that at 2 blocks, and beside the instruction at 8 strides.
 uint32_t takenAs(Crc32, uint32_t crc, const uint8_t* data, uint32_t len) {
-    return multiplies(len) ? carryless<Crc32, sliced<Crc32>>(crc, data, len)
-                           : sliced<Crc32>(crc, data, len);
+    return len >= 2 * blockBytes && Cpu::has(Cpu::carryless)
+               ? carryless<Crc32, sliced<Crc32>>(crc, data, len)
+               : sliced<Crc32>(crc, data, len);
 }
 uint32_t takenAs(Crc32c, uint32_t crc, const uint8_t* data, uint32_t len) {
-    if (!__builtin_cpu_supports("sse4.2")) {
+    if (!Cpu::has(Cpu::crc32c)) {
         return sliced<Crc32c>(crc, data, len);
     }
-    return multiplies(len) ? carryless<Crc32c, byInstruction>(crc, data, len)
-                           : byInstruction(crc, data, len);
+    return len >= 8 * stride && Cpu::has(Cpu::carryless)
+               ? carryless<Crc32c, byInstruction>(crc, data, len)
+               : byInstruction(crc, data, len);
 }
 
 #else
@@ -180,16 +259,8 @@ uint32_t Crc32::crc(const void* data, uint32_t len) {
     return ~takenAs(Crc32(), 0xffffffff, static_cast<const uint8_t*>(data), len);
 }
 
-uint32_t Crc32::crcByTables(const void* data, uint32_t len) {
-    return ~sliced<Crc32>(0xffffffff, static_cast<const uint8_t*>(data), len);
-}
-
 uint32_t Crc32c::crc(const void* data, uint32_t len, uint32_t before) {
     return ~takenAs(Crc32c(), ~before, static_cast<const uint8_t*>(data), len);
-}
-
-uint32_t Crc32c::crcByTables(const void* data, uint32_t len, uint32_t before) {
-    return ~sliced<Crc32c>(~before, static_cast<const uint8_t*>(data), len);
 }
 
 }  // namespace Pavo

@@ -40,8 +40,6 @@ class Crc32 {
 
     /// The CRC of `len` bytes at any address; 0 when there are none.
     PAVO_EXPORT static uint32_t crc(const void* data, uint32_t len);
-    /// The same, without the instructions that only some processors have.
-    PAVO_EXPORT static uint32_t crcByTables(const void* data, uint32_t len);
 
     /// As `initReflectedTable`, for this polynomial.
     static constexpr void initCrc32Table(uint32_t* table) { initReflectedTable(table, polynomial); }
@@ -56,8 +54,6 @@ class Crc32c {
     /// The CRC of `len` bytes at any address that follow bytes whose CRC is `before`. The CRC of no
     /// bytes is 0, the value to begin with.
     PAVO_EXPORT static uint32_t crc(const void* data, uint32_t len, uint32_t before = 0);
-    /// The same, without the instructions that only some processors have.
-    PAVO_EXPORT static uint32_t crcByTables(const void* data, uint32_t len, uint32_t before = 0);
 };
 
 }  // namespace Pavo
