@@ -49,11 +49,7 @@ void Pkt::throwNoSuchIovec() {
 }
 
 uint32_t Pkt::totalBytes() const {
-    uint32_t total = 0;
-    for (const Iovec& each : iovecs()) {
-        total += each.bytes;
-    }
-    return total;
+    return iovecs_[0].bytes + iovecs_[1].bytes;  // An entry that is not in use is empty.
 }
 
 void Pkt::linearize() {
