@@ -110,11 +110,6 @@ uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
     return len < 64 ? withFewBytes(data, len, sum) : withManyBytes(data, len, sum);
 }
 
-uint16_t folded(uint32_t sum) {
-    sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(sum + (sum >> 16));
-}
-
 }  // namespace
 
 uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t sum) {
@@ -123,13 +118,12 @@ uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t sum) {
 }
 
 IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t sum) {
-    return IpChecksum(static_cast<uint16_t>(~folded(withBytes(data, len, sum))));
+    return ipChecksumOf(withBytes(data, len, sum));
 }
 
 uint16_t ipChksum(const void* data, uint32_t len) {
     uint16_t image;
-    storeNet(reinterpret_cast<uint8_t*>(&image),
-             static_cast<uint16_t>(~folded(withBytes(data, len, 0))));
+    storeNet(reinterpret_cast<uint8_t*>(&image), ipChecksumOf(withBytes(data, len, 0)).value());
     return image;
 }
 

@@ -7,6 +7,8 @@
 
 #include "Pavo/base/Export.h"
 #include "Pavo/packet/NetU.h"
+#include "Pavo/value/Ip6Addr.h"
+#include "Pavo/value/IpAddr.h"
 
 namespace Pavo {
 
@@ -21,14 +23,25 @@ PAVO_EXPORT uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t su
 /// that means "no checksum" put 0xffff in its place themselves.
 PAVO_EXPORT IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t sum);
 
+/// The checksum of all that `sum` holds.
+inline IpChecksum ipChecksumOf(uint32_t sum) {
+    sum = (sum & 0xffff) + (sum >> 16);
+    return IpChecksum(static_cast<uint16_t>(~(sum + (sum >> 16))));
+}
+
 /// The checksum of one area of at most 128 KiB, in the form that is stored into the packet without
 /// a byte swap.
 PAVO_EXPORT uint16_t ipChksum(const void* data, uint32_t len);
 
 /// The unfolded sum of the addresses of a pseudo header.
-template <class Address>
-uint32_t addressSumOf(const Address& src, const Address& dst) {
+/// @{
+inline uint32_t addressSumOf(const Ip6Addr& src, const Ip6Addr& dst) {
     return ipChecksumChunk(&dst, sizeof(dst), ipChecksumChunk(&src, sizeof(src), 0));
 }
+inline uint32_t addressSumOf(const IpAddr& src, const IpAddr& dst) {
+    return (src.value() >> 16) + (src.value() & 0xffff) + (dst.value() >> 16) +
+           (dst.value() & 0xffff);
+}
+/// @}
 
 }  // namespace Pavo

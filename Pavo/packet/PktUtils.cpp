@@ -18,9 +18,9 @@ constexpr int faultLevel = 1;
 
 // The headers of a frame that is long enough and has the right type, or what is wrong.
 template <class Hdr>
-PktErrors bindHeaders(const Mox::Ptr<Pkt>& pkt, uint16_t requiredType, EthHdr*& eth, Hdr*& header) {
+PktErrors bindHeaders(const Mox::Ptr<Pkt>& pkt, uint32_t totalBytes, uint16_t requiredType,
+                      EthHdr*& eth, Hdr*& header) {
     constexpr uint32_t needed = sizeof(EthHdr) + sizeof(Hdr);
-    const uint32_t totalBytes = pkt->totalBytes();
     if (totalBytes < needed) {
         MOX_TRACE(facility, faultLevel, "Packet has ", totalBytes,
                   " bytes which is less than needed");
@@ -54,7 +54,8 @@ bool areLengthsGood(const IpHdr& ip, uint32_t bytes) {
 }  // namespace
 
 PktErrors checkEthIpHdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, IpHdr*& ip) {
-    const PktErrors error = bindHeaders(pkt, EthType::ip, eth, ip);
+    const uint32_t totalBytes = pkt->totalBytes();
+    const PktErrors error = bindHeaders(pkt, totalBytes, EthType::ip, eth, ip);
     if (error != PktErrors::noError) {
         return error;
     }
@@ -62,7 +63,7 @@ PktErrors checkEthIpHdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, IpHdr*& ip) {
         MOX_TRACE(facility, faultLevel, "Ip hdr is not IPv4");
         return PktErrors::nonIpHdr;
     }
-    if (!areLengthsGood(*ip, pkt->totalBytes() - uint32_t{sizeof(EthHdr)})) {
+    if (!areLengthsGood(*ip, totalBytes - uint32_t{sizeof(EthHdr)})) {
         MOX_TRACE(facility, faultLevel,
                   "IPv4 payload length is larger than the actual packet size");
         return PktErrors::badIpPayloadLen;
@@ -80,7 +81,8 @@ PktErrors checkEthIpHdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, IpHdr*& ip) {
 }
 
 PktErrors checkEthIp6Hdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, Ip6Hdr*& ip6) {
-    const PktErrors error = bindHeaders(pkt, EthType::ip6, eth, ip6);
+    const uint32_t totalBytes = pkt->totalBytes();
+    const PktErrors error = bindHeaders(pkt, totalBytes, EthType::ip6, eth, ip6);
     if (error != PktErrors::noError) {
         return error;
     }
@@ -88,7 +90,7 @@ PktErrors checkEthIp6Hdr(const Mox::Ptr<Pkt>& pkt, EthHdr*& eth, Ip6Hdr*& ip6) {
         MOX_TRACE(facility, faultLevel, "Ip hdr is not IPv6");
         return PktErrors::nonIp6Hdr;
     }
-    if (ip6->payloadLen() > pkt->totalBytes() - sizeof(EthHdr) - sizeof(Ip6Hdr)) {
+    if (ip6->payloadLen() > totalBytes - sizeof(EthHdr) - sizeof(Ip6Hdr)) {
         MOX_TRACE(facility, faultLevel,
                   "IPv6 payload length is larger than the actual packet size. ");
         return PktErrors::badIp6PayloadLen;

@@ -16,7 +16,7 @@ IpChecksum checksumIpv6(const TcpHdr* header, const TcpPseudoHdrIpv6& pseudo,
 }  // namespace
 
 IpChecksum TcpHdr::computedChecksum(const TcpPseudoHdr& pseudo) const {
-    return ipChecksumCalc(this, pseudo.tcpLen(), ipChecksumChunk(&pseudo, sizeof(pseudo), 0));
+    return ipChecksumCalc(this, pseudo.tcpLen(), pseudo.sum());
 }
 
 IpChecksum TcpHdr::computedChecksumIpv6(const TcpPseudoHdrIpv6& pseudo) const {

@@ -12,6 +12,7 @@
 #include "Mox/ValueType.h"
 
 #include "Pavo/base/ValueFunctions.h"
+#include "Pavo/packet/Checksum.h"
 #include "Pavo/packet/HdrWrapper.h"
 #include "Pavo/packet/NetU.h"
 #include "Pavo/value/Ip.h"
@@ -52,6 +53,12 @@ class PseudoHdr : public Mox::ValueType<T> {
     void zeroIs(uint8_t zero) { zero_ = zero; }
     uint8_t protocol() const { return protocol_; }
     void protocolIs(uint8_t protocol) { protocol_ = protocol; }
+
+    /// The unfolded sum (see `ipChecksumChunk`). From the fields, since a load that spans several
+    /// of them would wait for their stores.
+    uint32_t sum() const {
+        return addressSumOf(src_, dst_) + uint32_t{zero_} * 256 + protocol_ + len_.value();
+    }
 
     friend constexpr auto operator<=>(const PseudoHdr&, const PseudoHdr&) = default;
 
@@ -103,6 +110,9 @@ class PseudoHdrIpv6 : public Mox::ValueType<T> {
     /// The number of the upper header, whatever extension headers are in between.
     uint8_t protocol() const { return protocol_; }
     void protocolIs(uint8_t protocol) { protocol_ = protocol; }
+
+    /// The unfolded sum (see `ipChecksumChunk`).
+    uint32_t sum() const { return ipChecksumChunk(this, sizeof(T), 0); }
 
     friend constexpr auto operator<=>(const PseudoHdrIpv6&, const PseudoHdrIpv6&) = default;
 

@@ -11,6 +11,8 @@
 
 #include "Pavo/Cpu.h"
 #include "Pavo/Crc32.h"
+#include "Pavo/IpHdr.h"
+#include "Pavo/UdpHdr.h"
 #include "fuzz/Frames.h"
 #include "support/Seeds.h"
 
@@ -84,6 +86,30 @@ TEST(Checksum, AgreesWithZlibAndPlainLoopsOnEachPath) {
     }
     EXPECT_EQ(Crc32c::crc("123456789", 9), 0xe3069283u);  // The published check value.
     EXPECT_DEATH((void)ipChecksumChunk(end - 3, 3, 0), "\\(len % 2\\) == 0");
+}
+
+// Sums by fields beside sums of the same bytes.
+TEST(Checksum, OfHeadersIsThatOfTheirBytes) {
+    for (const uint32_t seed : PavoTest::Seeds(200)) {
+        std::mt19937 random(seed);
+        uint8_t bytes[60];
+        for (uint8_t& each : bytes) {
+            each = static_cast<uint8_t>(random());
+        }
+        const auto& ip = reinterpret_cast<const IpHdr&>(bytes);
+        bytes[0] = static_cast<uint8_t>(0x40 | (5 + random() % 2));
+        EXPECT_EQ(ip.computedChecksum().value(),
+                  fuzz::folded(plainSum(bytes, ip.headerBytes(), 0)));
+
+        const auto udpBytes = static_cast<uint16_t>(random() % sizeof(bytes));
+        const auto& udp = reinterpret_cast<const UdpHdr&>(bytes);
+        UdpPseudoHdr pseudo(ip.src(), ip.dst(), udpBytes);
+        pseudo.zeroIs(bytes[59]);
+        const auto* const image = reinterpret_cast<const uint8_t*>(&pseudo);
+        const uint32_t sum = plainSum(image, sizeof(pseudo), 0);
+        const uint16_t computed = fuzz::folded(plainSum(bytes, udpBytes, sum));
+        EXPECT_EQ(udp.computedChecksumU16(pseudo), computed == 0 ? 0xffff : computed);
+    }
 }
 
 }  // namespace
