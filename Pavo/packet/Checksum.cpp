@@ -113,12 +113,13 @@ uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
 
 }  // namespace
 
-uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t sum) {
+// Both at the start of a cache line: the few instructions for a header take a cycle more elsewhere.
+[[gnu::aligned(64)]] uint32_t ipChecksumChunk(const void* data, uint16_t len, uint32_t sum) {
     Mox::require((len % 2) == 0, "(len % 2) == 0");
     return withBytes(data, len, sum);
 }
 
-IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t sum) {
+[[gnu::aligned(64)]] IpChecksum ipChecksumCalc(const void* data, uint16_t len, uint32_t sum) {
     return ipChecksumOf(withBytes(data, len, sum));
 }
 
