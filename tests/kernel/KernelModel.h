@@ -126,6 +126,7 @@ class KernelModel {
             *sender = from;
             std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.size()), buffer.begin());
             const std::size_t more = std::exchange(model_->isHuge, false) ? 2 << 20 : 0;
+            model_->requestLosses += more != 0 ? 1 : 0;
             return static_cast<ssize_t>(bytes.size() + more);
         }
         void receiveTried(bool moreMayWait) override { moreMayWait ? wake() : void(); }

@@ -111,10 +111,8 @@ TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
     std::vector<NetlinkMessage> messages[2];
     for (const uint16_t i : {uint16_t{1}, uint16_t{2}}) {
         messages[0].push_back(neighbourReplaceRequest({1, IpAddr(i)}, EthAddr(0, 0, i)));
-        Route route;
-        route.key.prefix = IpGenPrefix(IpGenAddr(Ip6Addr(0x20010db800000000, i)));
-        route.hops = {{IpGenAddr(Ip6Addr(0xfe80000000000000, i)), 1, 1, false}};
-        messages[1].push_back(routeAddRequest(route));
+        const RouteKey key{IpGenPrefix(IpGenAddr(Ip6Addr(0x20010db800000000, i)))};
+        messages[1].push_back(routeAddRequest({key, RTN_BLACKHOLE, RTPROT_STATIC, 0, {}, {}}));
     }
     for (std::vector<NetlinkMessage>& pair : messages) {
         const uint16_t type = pair[0].header()->nlmsg_type;

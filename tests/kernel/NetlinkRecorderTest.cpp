@@ -5,12 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -20,6 +18,7 @@
 #include "Mox/EventLoop.h"
 #include "Pavo/NetlinkSession.h"
 #include "support/SandboxTest.h"
+#include "support/Tshark.h"
 
 namespace Pavo {
 namespace {
@@ -88,32 +87,27 @@ Texts played(const Kind& kind, const std::string& path, double pauseSeconds = 0)
     return log;
 }
 
-// A copy of a recording, with its last datagram later.
-std::string delayed(const std::string& path, uint64_t nanoseconds) {
-    std::ifstream in(path, std::ios::binary);
-    std::string file((std::istreambuf_iterator<char>(in)), {});
-    uint32_t blockBytes;
-    std::memcpy(&blockBytes, file.data() + file.size() - sizeof(blockBytes), sizeof(blockBytes));
-    uint32_t words[2];  // After the type, the length and the interface.
-    char* const time = file.data() + file.size() - blockBytes + 12;
-    std::memcpy(words, time, sizeof(words));
-    nanoseconds += uint64_t{words[0]} << 32 | words[1];
-    words[0] = static_cast<uint32_t>(nanoseconds >> 32);
-    words[1] = static_cast<uint32_t>(nanoseconds);
-    std::memcpy(time, words, sizeof(words));
-    const std::string copy = testing::TempDir() + "netlink-delayed.pcapng";
-    std::ofstream(copy, std::ios::binary) << file;
-    return copy;
+// A copy of a recording, with its last datagram 2^32 ns later: 4.3 s.
+std::string delayed(const std::string& path, const std::string& folder) {
+    std::string file = PavoTest::fileText(path);
+    const auto wordAt = [&](std::size_t at) { return reinterpret_cast<uint32_t*>(&file[at]); };
+    const std::size_t lastBlock = file.size() - *wordAt(file.size() - 4);
+    ++*wordAt(lastBlock + 12);  // The high word of the time, after type, length and interface.
+    std::ofstream(folder + "/delayed.pcapng", std::ios::binary) << file;
+    return folder + "/delayed.pcapng";
 }
 
 using NetlinkRecorderTest = PavoTest::SandboxTest;
 
 TEST_F(NetlinkRecorderTest, RecordsExchangesThatPlayBackTheSame) {
     const PavoTest::Wire wire;
+    const PavoTest::TempFolder folder;
     PavoTest::run({"ip", "-n", "left", "neigh", "add", "192.0.2.9", "lladdr", "02:00:00:00:00:09",
                    "dev", "veth-left"});
     for (const Kind& kind : kinds) {
-        const std::string path = testing::TempDir() + "netlink-" + kind.name + ".pcapng";
+        // Those to be kept go to the folder that is named there.
+        const char* const kept = std::getenv("PAVO_KEEP_RECORDINGS");
+        const std::string path = (kept ? kept : folder.path) + '/' + kind.name + ".pcapng";
         const NamespaceName left(Mox::String("left"));
         Mox::EventLoop loop;
         const auto file = captureFileFactory(path);
@@ -127,19 +121,15 @@ TEST_F(NetlinkRecorderTest, RecordsExchangesThatPlayBackTheSame) {
             {"tshark", "-r", path, "-Y", "netlink-route && frame.packet_flags_direction == 2", "-T",
              "fields", "-e", "netlink-route.nltype"});
         EXPECT_THAT(shown, testing::EndsWith(std::to_string(kind.getType) + "\n18\n24\n"));
-        if (std::getenv("PAVO_KEEP_RECORDINGS") == nullptr) {
-            EXPECT_EQ(unlink(path.c_str()), 0);
-        }
     }
 }
 
 TEST(NetlinkRecorder, PlaysBackRecordingsWithoutAKernel) {
+    const PavoTest::TempFolder folder;
     for (const Kind& kind : kinds) {
         const std::string path = std::string(PAVO_RECORDINGS "/") + kind.name + ".pcapng";
-        EXPECT_EQ(played(kind, path).back(), refused);
-        const std::string copy = delayed(path, 3'000'000'000);
-        EXPECT_EQ(played(kind, copy, /*pauseSeconds=*/3).back(), refused);
-        EXPECT_EQ(unlink(copy.c_str()), 0);
+        const std::string copy = delayed(path, folder.path);
+        EXPECT_EQ(played(kind, copy, /*pauseSeconds=*/4).back(), refused);
     }
     Mox::ManualClock clock;
     const auto player = netlinkPlayerFactory(PAVO_RECORDINGS "/links.pcapng", &clock);

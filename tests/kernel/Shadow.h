@@ -29,8 +29,6 @@ struct Comings : std::map<std::string, std::string> {
 /// there, and what has gone was.
 class Shadow {
   public:
-    using Names = std::map<Mox::String, uint32_t>;  // Indices.
-
     explicit Shadow(const Mox::Ptr<Pavo::KernelInfo>& info) : info_(info) {}
 
     Lines lines() const {
@@ -43,7 +41,6 @@ class Shadow {
     }
 
     Comings comings;
-    Names names;
     uint64_t notifications = 0;
 
   private:
@@ -83,11 +80,6 @@ class Shadow {
         EXPECT_NE(std::exchange(members_[name].routes, routes), routes) << "no difference";
         linesAre(name, lines);
     }
-    void nameIs(const Mox::String& name) {
-        const auto link = info_->linkByName(name);
-        link ? names[name] = link->index() : names.erase(name);
-    }
-
     template <class T>
     using Watch = Mox::Watch<T>;
     using Info = Pavo::KernelInfo;
@@ -97,8 +89,6 @@ class Shadow {
     Watch<Info> links_{info_, Info::linkByIndexAttr, [this](uint32_t index) {
                            memberIs(joined("link", index), info_->linkByIndex(index));
                        }};
-    Watch<Info> names_{info_, Info::linkByNameAttr,
-                       [this](const Mox::String& name) { nameIs(name); }};
     Watch<Info> addresses_{info_, Info::addressAttr, [this](const Pavo::LinkAddressKey& key) {
                                memberIs(joined("address", key.ifIndex, textOf(key.address)),
                                         info_->address(key));

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -82,8 +81,7 @@ int lingeringSocket(int listener) {
 // SIGFPE, SIGSEGV, those that cannot be blocked (9 and 19), and the C library's (32 and 33).
 void expectCloserThread() {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream file(task.path() / "status");
-        const std::string status{std::istreambuf_iterator<char>(file), {}};
+        const std::string status = PavoTest::fileText(task.path() / "status");
         if (status.starts_with("Name:\tdeferClose\n")) {
             EXPECT_NE(status.find("SigBlk:\tfffffffe7ffbfa37"), std::string::npos);
             EXPECT_EQ(std::filesystem::read_symlink(task.path() / "ns/net"),

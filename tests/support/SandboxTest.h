@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "Mox/EventLoop.h"
@@ -28,6 +30,12 @@ class SandboxTest : public testing::Test {
   protected:
     void SetUp() override { SANDBOX_OR_SKIP(); }
 };
+
+/// What a file holds.
+inline std::string fileText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
 
 /// Turns the loop until `done()`, for as long as a loaded machine may need, and says whether it
 /// was.
