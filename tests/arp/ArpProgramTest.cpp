@@ -68,8 +68,66 @@ struct ArpWorld : PavoTest::RandomProgram, Lan {
         }
         respond();
     }
-    void checkAtRest();
-    void run();
+    void checkAtRest() {
+        clock.advance(100);  // Nothing waits for an answer any more, but what is used meanwhile.
+        EXPECT_EQ(known.size(), table->entries());
+        for (const auto& entry : table->entry()) {
+            SCOPED_TRACE(entry->name());
+            const Known& of = known[entry->key()];
+            EXPECT_EQ(of.state, entry->state());
+            EXPECT_EQ(of.mac, entry->mac());
+            EXPECT_EQ(hasMac(entry->state()), entry->mac() != EthAddr());
+            EXPECT_EQ(entry->queued(), 0u);
+            // A refreshed one may be in `probe` for ever, where two hosts use an address.
+            EXPECT_NE(entry->state(), ArpState::incomplete);
+            EXPECT_NE(entry->state(), ArpState::delay);
+        }
+        for (const auto& machine : machines) {
+            for (const auto& [address, hop] :
+                 machine ? machine->nextHop() : Mox::Map<IpAddr, Mox::Ptr<MonitoredNextHop>>()) {
+                const auto entry = table->entry(hop->key());
+                EXPECT_EQ(machine->enabled(), entry != nullptr);
+                const ArpState state = entry ? entry->state() : ArpState::none;
+                EXPECT_TRUE(!hop->reachable() || hasMac(state)) << state;
+                EXPECT_TRUE(hop->reachable() || state != ArpState::reachable) << state;
+                EXPECT_TRUE(!hop->reachable() || hop->mac() == entry->mac());
+            }
+        }
+    }
+
+    void run() {
+        sent = {wire->pam("pam0"), PamConnectorPam::peekPktCountAttr, [this] { respond(); }};
+        perform(
+            {{{"resolve", [this] { anySm()->resolve(address()); }},
+              {"send", [this] { anySm()->txPktIs(pktOf("packet"), address()); }},
+              {"confirm", [this] { anySm()->confirm(address()); }},
+              {"delete", [this] { anySm()->entryDel(address()); }},
+              {"bound", [this] { table->maxEntriesIs(2 + below(5)); }}},
+             {{"frame", [this] { sendFrame(); }},
+              {"address", [this] { anySm()->addressIs(address(), ArpClaim(below(3))); }},
+              {"no address", [this] { anySm()->addressDel(address()); }},
+              {"announce", [this] { anySm()->announce(address()); }},
+              {"virtual", [this] { anySm()->proxy()->macIs(Prefix(address(), 32), vmac); }},
+              {"own", [this] { anySm()->proxy()->macDel(Prefix(address(), 32)); }}},
+             {{"monitor", [this] { monitor(); }},
+              {"refresh", [this] { anySm()->refreshIs(address(), below(3)); }},
+              {"no refresh", [this] { anySm()->refreshDel(address()); }},
+              {"no monitor", [this] { anySm()->nextHopDel(address()); }},
+              {"permanent", [this] { anySm()->permanentIs(address(), m3); }},
+              {"not permanent", [this] { anySm()->permanentDel(address()); }}},
+             {{"enable", [this] { anySm()->enabledIs(true); }},
+              {"disable", [this] { anySm()->enabledIs(false); }},
+              {"MAC", [this] { anySm()->macIs(oneIn(2) ? m1 : m2); }},
+              {"drop", [this] { drop(below(2)); }}}},
+            [this] { clock.advance(0.25 * (1 + below(20))); }, [this] { checkAtRest(); });
+        for (const uint32_t which : {0u, 1u}) {  // As they are: nothing throws any more.
+            machines[which] = nullptr;
+            watches[which] = {};
+        }
+        clock.advance(200);  // The wheel may still look for timers that were cancelled.
+        EXPECT_EQ(clock.nextExpiry(), Mox::Clock::idle) << "a timer has outlived its machine";
+        EXPECT_EQ(table->entries(), 0u);
+    }
 
     uint32_t made_ = 1;
     Mox::Ptr<ArpSm> machines[2];
@@ -79,67 +137,6 @@ struct ArpWorld : PavoTest::RandomProgram, Lan {
     Mox::Watch<ArpTable> watch{table, ArpTable::entryAttr,
                                [this](const ArpKey& key) { handleEntry(key); }};
 };
-
-void ArpWorld::checkAtRest() {
-    clock.advance(100);  // Nothing waits for an answer any more, but what is used meanwhile.
-    EXPECT_EQ(known.size(), table->entries());
-    for (const auto& entry : table->entry()) {
-        SCOPED_TRACE(entry->name());
-        const Known& of = known[entry->key()];
-        EXPECT_EQ(of.state, entry->state());
-        EXPECT_EQ(of.mac, entry->mac());
-        EXPECT_EQ(hasMac(entry->state()), entry->mac() != EthAddr());
-        EXPECT_EQ(entry->queued(), 0u);
-        // A refreshed one may be in `probe` for ever, where two hosts use an address.
-        EXPECT_NE(entry->state(), ArpState::incomplete);
-        EXPECT_NE(entry->state(), ArpState::delay);
-    }
-    for (const auto& machine : machines) {
-        for (const auto& [address, hop] :
-             machine ? machine->nextHop() : Mox::Map<IpAddr, Mox::Ptr<MonitoredNextHop>>()) {
-            const auto entry = table->entry(hop->key());
-            EXPECT_EQ(machine->enabled(), entry != nullptr);
-            const ArpState state = entry ? entry->state() : ArpState::none;
-            EXPECT_TRUE(!hop->reachable() || hasMac(state)) << state;
-            EXPECT_TRUE(hop->reachable() || state != ArpState::reachable) << state;
-            EXPECT_TRUE(!hop->reachable() || hop->mac() == entry->mac());
-        }
-    }
-}
-
-void ArpWorld::run() {
-    sent = {wire->pam("pam0"), PamConnectorPam::peekPktCountAttr, [this] { respond(); }};
-    perform(
-        {{{"resolve", [this] { anySm()->resolve(address()); }},
-          {"send", [this] { anySm()->txPktIs(pktOf("packet"), address()); }},
-          {"confirm", [this] { anySm()->confirm(address()); }},
-          {"delete", [this] { anySm()->entryDel(address()); }},
-          {"bound", [this] { table->maxEntriesIs(2 + below(5)); }}},
-         {{"frame", [this] { sendFrame(); }},
-          {"address", [this] { anySm()->addressIs(address(), ArpClaim(below(3))); }},
-          {"no address", [this] { anySm()->addressDel(address()); }},
-          {"announce", [this] { anySm()->announce(address()); }},
-          {"virtual", [this] { anySm()->proxy()->macIs(Prefix(address(), 32), vmac); }},
-          {"own", [this] { anySm()->proxy()->macDel(Prefix(address(), 32)); }}},
-         {{"monitor", [this] { monitor(); }},
-          {"refresh", [this] { anySm()->refreshIs(address(), below(3)); }},
-          {"no refresh", [this] { anySm()->refreshDel(address()); }},
-          {"no monitor", [this] { anySm()->nextHopDel(address()); }},
-          {"permanent", [this] { anySm()->permanentIs(address(), m3); }},
-          {"not permanent", [this] { anySm()->permanentDel(address()); }}},
-         {{"enable", [this] { anySm()->enabledIs(true); }},
-          {"disable", [this] { anySm()->enabledIs(false); }},
-          {"MAC", [this] { anySm()->macIs(oneIn(2) ? m1 : m2); }},
-          {"drop", [this] { drop(below(2)); }}}},
-        [this] { clock.advance(0.25 * (1 + below(20))); }, [this] { checkAtRest(); });
-    for (const uint32_t which : {0u, 1u}) {  // As they are: nothing throws any more.
-        machines[which] = nullptr;
-        watches[which] = {};
-    }
-    clock.advance(200);  // The wheel may still look for timers that were cancelled.
-    EXPECT_EQ(clock.nextExpiry(), Mox::Clock::idle) << "a timer has outlived its machine";
-    EXPECT_EQ(table->entries(), 0u);
-}
 
 TEST(ArpProgram, ObserversMayDoAnything) {
     (void)globalPktManager();  // Lives on after the first round.

@@ -67,8 +67,6 @@ TEST_F(ArpSmTest, LearnsOnlyFromWhatConcernsIt) {
         const char* after;
     } cases[] = {
         {"a request for the own address", "none", {ask, m3, h2, {}, h1}, everyone, "stale m3"},
-        {"a request for another one", "none", {ask, m3, h2, {}, h3}, everyone, "none"},
-        {"a reply", "none", {tell, m3, h2, m1, h1}, m1, "none"},
         {"an announcement", "none", {ask, m3, h2, {}, h2}, everyone, "none"},
         {"an announcement", "incomplete", {ask, m3, h2, {}, h2}, everyone, "stale m3"},
         {"a reply to another host", "incomplete", {tell, m3, h2, m2, h3}, m2, "incomplete"},
@@ -119,16 +117,13 @@ TEST_F(ArpSmTest, ClaimsAddressesAndDefendsThem) {
     EXPECT_EQ(sm->lastConflict().mac, m3);
     EXPECT_EQ(table->entries(), 0u);
 
-    // Other hosts that use the address, or probe for it, before it is claimed.
-    const Arp others[] = {{ArpOp::reply, m3, h3, m2, h2}, {ArpOp::request, m3, {}, {}, h3}};
-    for (const Arp& each : others) {
-        sm->addressIs(h3, ArpClaim::probed);
-        advance(1.5);
-        receive(each);
-        EXPECT_EQ(*sm->address().find(h3), ArpAddressState::conflict);
-        EXPECT_EQ(advance(9), "");
-    }
-    EXPECT_EQ(sm->conflicts(), 5u);
+    // Another host probes for the address too; one that has it is met in the guide.
+    sm->addressIs(h3, ArpClaim::probed);
+    advance(1.5);
+    receive({ArpOp::request, m3, {}, {}, h3});
+    EXPECT_EQ(*sm->address().find(h3), ArpAddressState::conflict);
+    EXPECT_EQ(advance(9), "");
+    EXPECT_EQ(sm->conflicts(), 4u);
     sm->addressIs(h3, ArpClaim::probed);
     advance(1.5);
     sm->addressDel(h3);
@@ -141,7 +136,7 @@ TEST_F(ArpSmTest, ClaimsAddressesAndDefendsThem) {
     sm->settingsIs(settings);
     receive({ArpOp::request, m3, h3, {}, h1});
     receive({ArpOp::request, m3, h3, {}, vip});
-    EXPECT_EQ(log(), "reply 10.0.0.9 m7 to m3 at 58.5; ");
+    EXPECT_EQ(log(), "reply 10.0.0.9 m7 to m3 at 48; ");
     sm->proxy()->macDel(Prefix(vip, 32));  // Another router has taken over.
     EXPECT_EQ(advance(9), "");
 }
@@ -188,10 +183,6 @@ TEST_F(ArpSmTest, TenThousandAddressesStayReachable) {
     EXPECT_EQ(sm->counters().failures, 0u);
     EXPECT_GT(sm->counters().txRequests, many * 3);   // At most 42 s after each other,
     EXPECT_LT(sm->counters().txRequests, many * 11);  // and 12 s at least.
-    peer->enabledIs(false);
-    advance(45);
-    EXPECT_EQ(changes, many * 2);
-    EXPECT_EQ(sm->counters().failures, many);
 }
 
 TEST_F(ArpSmTest, AFullTableGivesUpTheOldestEntry) {

@@ -32,9 +32,6 @@ struct Followed {
         std::istringstream words("ip -n " + netNs + " " + command);
         run({std::istream_iterator<std::string>(words), {}});
     }
-    bool isInSync() {
-        return turnsUntil(loop, [this] { return info->isInSync(); });
-    }
     /// What still differs after a while, when no message is left to be read.
     std::string difference() {
         std::string text;

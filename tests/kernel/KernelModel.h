@@ -34,6 +34,7 @@ class KernelModel {
     /// Of table 0 and 1; the following ones are those of DEL and GET. So are the groups.
     static constexpr uint16_t types[] = {RTM_NEWLINK, RTM_NEWADDR};
     static constexpr uint32_t groups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR};
+    static std::size_t tableOf(uint16_t type) { return type / 4 == types[0] / 4 ? 0 : 1; }
     using Table = std::map<uint32_t, uint32_t>;  // Value by id.
 
     explicit KernelModel(Mox::Clock* clock) : clock_(clock) {}
@@ -193,7 +194,7 @@ class KernelModel {
         results[request.nlmsg_seq] = swallowed;
     }
     void handle(Port& port, const nlmsghdr& request) {
-        const std::size_t table = request.nlmsg_type / 4 == types[0] / 4 ? 0 : 1;
+        const std::size_t table = tableOf(request.nlmsg_type);
         const int operation = request.nlmsg_type % 4;
         int error = 0;
         if ((request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP && operation == 2) {

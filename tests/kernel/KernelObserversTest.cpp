@@ -62,11 +62,6 @@ struct ObserversWorld : PavoTest::RandomProgram {
         watches.push_back(std::make_shared<Mox::Watch<T>>(
             object, Mox::allAttributes, [this](const Mox::Change&) { respond(); }));
     }
-    void watchLink() {
-        if (const auto link = known()->linkByIndex(1 + below(3))) {
-            watch(link);
-        }
-    }
     void checkAtRest() {
         std::size_t named = 0;
         for (const auto& [index, link] : known()->linkByIndex()) {
@@ -90,7 +85,7 @@ struct ObserversWorld : PavoTest::RandomProgram {
               {"end", [this] { known()->handleDumpEnd(anyTable()); }}},
              {{"watch", [this] { watch(Mox::Ptr<KernelInfo>(known())); }},
               {"watch routes", [this] { watch(Mox::Ptr<RouteTable>(known()->routes())); }},
-              {"watch link", [this] { watchLink(); }},
+              {"watch link", [this] { watch(known()->linkByIndex(1 + below(3))); }},
               {"leave", [this] { watches.clear(); }},
               {"drop", [this] { info = nullptr; }}}},
             [this] { feed(); }, [this] { checkAtRest(); });
@@ -108,25 +103,23 @@ TEST(KernelInfoObservers, MayDoWhatTheyWant) {
 TEST(KernelInfo, ADumpThatWasDisturbedProvesNothingGone) {
     const auto info = kernelInfoFactory("known", nullptr);
     info->followsRoutesIs(true);
-    std::vector<NetlinkMessage> messages[2];
-    for (const uint16_t i : {uint16_t{1}, uint16_t{2}}) {
-        messages[0].push_back(neighbourReplaceRequest({1, IpAddr(i)}, EthAddr(0, 0, i)));
+    const auto request = [](bool isRoute, uint16_t i) {
         const RouteKey key{IpGenPrefix(IpGenAddr(Ip6Addr(0x20010db800000000, i)))};
-        messages[1].push_back(routeAddRequest({key, RTN_BLACKHOLE, RTPROT_STATIC, 0, {}, {}}));
-    }
-    for (std::vector<NetlinkMessage>& pair : messages) {
-        const uint16_t type = pair[0].header()->nlmsg_type;
-        const auto dump = [&](bool isDisturbed) {
+        return isRoute ? routeAddRequest({key, RTN_BLACKHOLE, RTPROT_STATIC, 0, {}, {}})
+                       : neighbourReplaceRequest({1, IpAddr(i)}, EthAddr(0, 0, i));
+    };
+    for (const bool isRoute : {false, true}) {
+        NetlinkMessage first = request(isRoute, 1);
+        const uint16_t type = first.header()->nlmsg_type;
+        info->callback(first.header());
+        info->callback(request(isRoute, 2).header());
+        first.header()->nlmsg_type = static_cast<uint16_t>(type + 1);
+        for (const uint32_t left : {1u, 0u}) {  // Only the first dump is disturbed.
             info->handleDumpBegin(static_cast<uint16_t>(type + 2));
-            pair[0].header()->nlmsg_type = static_cast<uint16_t>(type + 1);
-            isDisturbed ? info->callback(pair[0].header()) : void();
+            left == 1 ? info->callback(first.header()) : void();
             info->handleDumpEnd(static_cast<uint16_t>(type + 2));
-            return info->neighbour().members() + info->routes()->members();
-        };
-        info->callback(pair[0].header());
-        info->callback(pair[1].header());
-        EXPECT_EQ(dump(/*isDisturbed=*/true), 1u);
-        EXPECT_EQ(dump(/*isDisturbed=*/false), 0u);
+            EXPECT_EQ(info->neighbour().members() + info->routes()->members(), left);
+        }
     }
 }
 

@@ -159,8 +159,7 @@ TEST_F(NetlinkTest, AddsAnAttributeUpToTheBound) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.bound << " " << c.payload);
-        std::vector<char> memory(28);
-        std::memset(memory.data(), 0x55, memory.size());
+        std::vector<char> memory(28, 'U');
         auto* const msg = reinterpret_cast<nlmsghdr*>(memory.data());
         msg->nlmsg_len = c.lengthBefore;
         std::string expected = hex({memory.data(), memory.size()});
@@ -230,7 +229,6 @@ TEST_F(NetlinkLinkTest, PutsLinksIntoGroupsAndDeletesThem) {
     EXPECT_EQ(fcntl(handle.fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
     EXPECT_EQ(fcntl(handle.fd, F_GETFD), FD_CLOEXEC);
     EXPECT_NE(handle.local.nl_pid, 0u);
-    EXPECT_EQ(handle.local.nl_groups, static_cast<unsigned>(RTMGRP_TC));
     const auto linksOf = [](const std::string& group) {
         const std::string list =
             PavoTest::run({"ip", "-n", "right", "-o", "link", "show", "group", group});

@@ -41,7 +41,6 @@ class Shadow {
     }
 
     Comings comings;
-    uint64_t notifications = 0;
 
   private:
     struct Known {
@@ -50,11 +49,10 @@ class Shadow {
         std::shared_ptr<void> watch = nullptr;
     };
 
-    // What follows a '|' in the name of a member is not in that of its coming.
+    // Members are named as `ip monitor` does: kind, link, address or prefix. What follows a '|' is
+    // not in the name of their coming.
     void linesAre(const std::string& name, const Lines& lines) {
-        ++notifications;
-        Known& known = members_[name];
-        known.lines = lines;
+        members_[name].lines = lines;
         comings.note(name.substr(0, name.find('|')), !lines.empty());
     }
     template <class T>
@@ -62,12 +60,10 @@ class Shadow {
         EXPECT_EQ(members_[name].lines.empty(), member != nullptr) << "no difference";
         linesAre(name, member ? Lines{lineOf(*member)} : Lines());
         Known& known = members_[name];
-        const auto change = [this, &known, object = member.ptr()](const Mox::Change&) {
-            ++notifications;
+        const auto change = [&known, object = member.ptr()](const Mox::Change&) {
             known.lines = {lineOf(*object)};
         };
-        known.watch = member ? std::make_shared<Mox::Watch<T>>(member, Mox::allAttributes, change)
-                             : std::shared_ptr<Mox::Watch<T>>();
+        known.watch = std::make_shared<Mox::Watch<T>>(member, Mox::allAttributes, change);
     }
     void routesAre(const Pavo::RouteKey& key) {
         const std::vector<Pavo::Route> routes = info_->routes()->route(key);
@@ -75,7 +71,7 @@ class Shadow {
         for (const Pavo::Route& each : routes) {
             lines.insert(lineOf(each));
         }
-        const std::string name = joined("route", textOf(key.prefix)) + '|' +
+        const std::string name = "ROUTE ," + textOf(key.prefix) + '|' +
                                  joined(key.prefix, key.table, key.metric, int{key.tos});
         EXPECT_NE(std::exchange(members_[name].routes, routes), routes) << "no difference";
         linesAre(name, lines);
@@ -87,15 +83,17 @@ class Shadow {
     const Mox::Ptr<Info> info_;
     std::map<std::string, Known> members_;
     Watch<Info> links_{info_, Info::linkByIndexAttr, [this](uint32_t index) {
-                           memberIs(joined("link", index), info_->linkByIndex(index));
+                           memberIs("LINK " + std::to_string(index) + ',',
+                                    info_->linkByIndex(index));
                        }};
-    Watch<Info> addresses_{info_, Info::addressAttr, [this](const Pavo::LinkAddressKey& key) {
-                               memberIs(joined("address", key.ifIndex, textOf(key.address)),
-                                        info_->address(key));
-                           }};
+    Watch<Info> addresses_{
+        info_, Info::addressAttr, [this](const Pavo::LinkAddressKey& key) {
+            memberIs("ADDR " + std::to_string(key.ifIndex) + ',' + textOf(key.address),
+                     info_->address(key));
+        }};
     Watch<Info> neighbours_{
         info_, Info::neighbourAttr, [this](const Pavo::NeighbourKey& key) {
-            memberIs(joined("neighbour", textOf(key.address)) + '|' + std::to_string(key.ifIndex),
+            memberIs("NEIGH ," + textOf(key.address) + '|' + std::to_string(key.ifIndex),
                      info_->neighbour(key));
         }};
     Watch<Pavo::RouteTable> routes_{info_->routes(), Pavo::RouteTable::routeAttr,
