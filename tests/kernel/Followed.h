@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 
 #include "Pavo/KernelInfo.h"
 #include "Pavo/NetnsUtils.h"
 #include "kernel/KernelText.h"
+#include "kernel/Shadow.h"
 #include "support/SandboxTest.h"
 
 namespace PavoTest {
@@ -24,6 +26,7 @@ struct Followed {
         session->enabledIs(true);
     }
     ~Followed() {
+        shadow = nullptr;
         info = nullptr;
         session->enabledIs(false);
         Pavo::netNsDelete(netNs.c_str());
@@ -32,17 +35,18 @@ struct Followed {
         std::istringstream words("ip -n " + netNs + " " + command);
         run({std::istream_iterator<std::string>(words), {}});
     }
-    /// What still differs after a while, when no message is left to be read.
+    /// What still differs between ip(8), the entities and what their observers alone know, after a
+    /// while, when no message is left to be read.
     std::string difference() {
         std::string text;
         const auto isEqual = [&] {
             for (int turns = 0; loop.turn(0.02) != 0 && turns < 100'000; ++turns) {
             }
-            text =
-                info->isInSync() ? differenceOf(linesOf(*info), linesOfIp(netNs)) : "not in sync";
-            return text.empty();
+            const Lines known = linesOf(*info);
+            text = differenceOf(known, linesOfIp(netNs)) + differenceOf(shadow->lines(), known);
+            return text.empty() && info->isInSync();
         };
-        turnsUntil(loop, isEqual, /*seconds=*/30);
+        EXPECT_TRUE(turnsUntil(loop, isEqual, /*seconds=*/30)) << "not in sync, or different";
         return text;
     }
     /// The answer to a request.
@@ -62,6 +66,7 @@ struct Followed {
     Mox::Ptr<Pavo::NetlinkSession> session =
         Pavo::netlinkSessionFactory(netNs, Pavo::NamespaceName(netNs), loop.clock());
     Mox::Ptr<Pavo::KernelInfo> info = Pavo::kernelInfoFactory(netNs, session);
+    std::unique_ptr<Shadow> shadow = std::make_unique<Shadow>(info);
 };
 
 }  // namespace PavoTest

@@ -16,7 +16,6 @@
 #include "Pavo/LinkHandle.h"
 #include "Pavo/ScopedNetNs.h"
 #include "kernel/Followed.h"
-#include "kernel/Shadow.h"
 
 namespace Pavo {
 namespace {
@@ -144,7 +143,6 @@ struct Requests : Followed {
 
 TEST_F(KernelInfoTest, RequestsChangeTheKernelAndAllThatIpMonitorShowsIsSeen) {
     Requests ns("changed");
-    Shadow shadow(ns.info);
     ns.ip("link add v0 type veth peer name w0");
     const auto link = ns.link("v0");
     IpMonitor monitor{ns};
@@ -174,7 +172,7 @@ TEST_F(KernelInfoTest, RequestsChangeTheKernelAndAllThatIpMonitorShowsIsSeen) {
     for (const auto& [what, signs] : shown) {
         // Entries for groups come in silence.
         const std::string wanted = signs.substr(signs[0] == '-' ? 1 : 0);
-        EXPECT_NE(shadow.comings[what].find(wanted), wanted.npos) << what << signs;
+        EXPECT_NE(ns.shadow->comings[what].find(wanted), wanted.npos) << what << signs;
     }
 }
 
