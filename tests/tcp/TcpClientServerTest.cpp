@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,12 +17,8 @@ namespace {
 
 using PavoTest::addressOf;
 using PavoTest::FailSyscall;
-using PavoTest::openDescriptors;
 using PavoTest::TestClient;
 using PavoTest::TestServer;
-using PavoTest::turnsUntil;
-
-const NamespaceName nowhere("nowhere");
 
 using TcpClientServerTest = PavoTest::TcpTest;
 
@@ -71,8 +66,17 @@ TEST_F(TcpClientServerTest, BothSidesHandTheConnectionToTheirOwner) {
     EXPECT_TRUE(server.sm->startListener());
     server.sm->fd()->handleReadable();  // No connection waits.
     EXPECT_EQ(server.status->serverEagainEintrTimes(), 1u);
+    std::string changes;
+    const Mox::Watch watch(client.status, Mox::allAttributes, [&](const Mox::Change& change) {
+        changes += std::string(change.attribute.name) + " " + client.summary() + "\n";
+    });
     meet(client, server);
     EXPECT_EQ(server.summary(), "+Listening 1/1/1");
+    EXPECT_EQ(changes,
+              "connectionAttemptCount connecting  1/0/0\nconnectionStatus connecting  1/0/0\n"
+              "retryTimerNext connecting  1/0/0\nretryTimerInterval connecting  1/0/0\n"
+              "retryTimerNext connected  1/0/1\nconnSocket connected  1/0/1\n"
+              "connectionSuccessCount connected  1/0/1\nconnectionStatus connected  1/0/1\n");
     const TcpConnSocket near = client.status->connSocket();
     const TcpConnSocket far = server.status->getConnSocket();
     EXPECT_TRUE(near.fileDescriptor()->edgeTriggered());
@@ -147,127 +151,60 @@ TEST_F(TcpClientServerTest, AClientDoesNotConnectToItself) {
     portsAre("32768 60999");
 }
 
-TEST_F(TcpClientServerTest, EachFailingCallIsReportedAndRetried) {
-    const TestServer server(byLoop_.ptr(), &wheel_, "::1", 4001);
-    const TestServer peer(&byHand_, &wheel_, "::1", 4002);
-    const TestClient client(byLoop_.ptr(), &wheel_, "::1", 4002);
-    peer.sm->startListener();
-    const auto descriptors = openDescriptors();
-    const auto reasonOf = [&](auto& agent, const char* call, unsigned n) {
-        FailSyscall fail(n, ENOBUFS, call);
-        agent.sm->handleRetry();
-        EXPECT_TRUE(turnsUntil(loop_, [&fail] { return fail.happened(); }));
-        fail.disarm();
-        EXPECT_EQ(openDescriptors(), descriptors);
-        const std::string text(agent.status->reason());
-        return text.substr(0, text.find(" (No buffer space available)"));
-    };
-    EXPECT_EQ(reasonOf(client, "bind", 1), "Bind");
-    EXPECT_EQ(reasonOf(client, "epoll_ctl", 1), "Socket");
-    EXPECT_EQ(reasonOf(client, "getsockopt", 2), "Getsockopt");
-    EXPECT_EQ(reasonOf(client, "getsockname", 1), "Getsockname");
-    EXPECT_EQ(reasonOf(server, "setsockopt", 1), "Setsockopt(REUSE)");
-    EXPECT_EQ(reasonOf(server, "setsockopt", 2), "Setsockopt(V6OONLY)");
-    EXPECT_EQ(reasonOf(server, "epoll_ctl", 1), "Socket");
-    clock_.advance(1);
-    EXPECT_EQ(server.summary(), "+Listening 4/0/0");
-    EXPECT_TRUE(turnsUntil(loop_, [&] { return client.status->connectionSuccessCount() == 1; }));
-}
-
-// What an owner does, and the changes of the status that follow.
-template <class Agent>
-struct Step {
-    std::function<void(Agent&)> take;
-    std::string changes;
-};
-
-template <class Agent>
-void takeAll(const std::vector<Step<Agent>>& steps, Agent& agent) {
-    std::string changes;
-    const Mox::Watch watch(agent.status, Mox::allAttributes, [&](const Mox::Change& change) {
-        changes += " " + std::string(change.attribute.name);
-    });
-    for (const Step<Agent>& step : steps) {
-        changes.clear();
-        step.take(agent);
-        EXPECT_EQ(changes, step.changes) << "step " << &step - steps.data();
-    }
-}
-
-TEST_F(TcpClientServerTest, AClientPublishesWholeStepsInTheirOrder) {
+TEST_F(TcpClientServerTest, AClientGoesOnAfterEachFailure) {
     const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
-    const std::string begun =
-        " connectionAttemptCount connectionStatus retryTimerNext retryTimerInterval";
-    const std::string failed =
-        " connectionErrorCount connectionStatus retryTimerNext retryTimerInterval";
-    const auto connect = [](TestClient& c) { deliver(c); };
-    const auto second = [this](TestClient&) { clock_.advance(1); };
-    const std::vector<Step<TestClient>> steps = {
-        {[](auto& c) { c.sm->startConnection(); }, begun},
-        {connect, " reason" + failed},
-        {second, begun},
-        {[&](auto&) { server.sm->startListener(); }, ""},
-        {[&](auto&) { clock_.advance(20); },
-         " connectionAttemptCount retryTimerNext connectionAbandonedCount diagnosis"},
-        {connect, " retryTimerNext connSocket connectionSuccessCount connectionStatus diagnosis"},
-        {[](auto& c) { c.config->optionsIs(optionTxTtl); }, " reason connSocket" + failed},  // 0.
-        {[](auto& c) { c.config->networkNamespaceIs(nowhere); }, ""},
-        {[](auto& c) { c.config->optionsIs(optionTxDs); }, ""},
-        {second, " reason connectionErrorCount retryTimerNext"},
-        {[](auto& c) { c.config->networkNamespaceIs(NamespaceName()); }, ""},
-        {second, begun},
-        {[this](auto&) { clock_.advance(28.75); },
-         " connectionAttemptCount retryTimerNext connectionAbandonedCount diagnosis"},
-        {[this](auto&) { clock_.advance(0.25); },
-         " retryTimerNext connectionStatus connectionAbandonedCount diagnosis"},
-        {[](auto& c) { c.sm->stopConnection(); }, " connectionStatus"},
-    };
-    TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
+    server.sm->startListener();
+    meet(client, server);
     client.config->timeoutIs(30);
-    client.config->optionsIs(optionTxDs);
-    takeAll(steps, client);
-    EXPECT_EQ(client.status->connectionAbandonedCount(), 3u);
+    client.config->optionsIs(optionTxTtl);  // 0, which is refused.
+    EXPECT_EQ(client.summary(), "failed Setsockopt (Invalid argument) 1/1/1");
+    EXPECT_FALSE(client.status->connSocket());
+    client.config->networkNamespaceIs(NamespaceName("nowhere"));
+    clock_.advance(1);
+    EXPECT_EQ(client.summary(), "failed Socket (No such file or directory) 1/2/1");
+    client.config->networkNamespaceIs(NamespaceName());
+    client.config->optionsIs({});
+    clock_.advance(1);
+    EXPECT_EQ(client.summary(), "connecting Socket (No such file or directory) 2/2/1");
+    clock_.advance(28.75);
+    EXPECT_EQ(client.status->connectionAbandonedCount(), 1u);
+    clock_.advance(0.25);
+    EXPECT_EQ(client.summary(), "timedout Socket (No such file or directory) 3/2/1");
+    EXPECT_EQ(client.status->connectionAbandonedCount(), 2u);
     EXPECT_EQ(client.status->diagnosis().view().substr(0, 26), "hint: no answer within 9 s");
 }
 
-TEST_F(TcpClientServerTest, AServerPublishesWholeStepsInTheirOrder) {
+TEST_F(TcpClientServerTest, AServerGoesOnAfterEachFailure) {
     const TestServer holder(&byHand_, &wheel_, "127.0.0.1", 4001);
+    const TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
     const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
-    const std::string begun = " serverStartTimes listening reason";
-    const auto second = [this](TestServer&) { clock_.advance(1); };
-    const auto accept = [&client](TestServer& s) {
-        client.sm->startConnection();
-        deliver(s);
-        client.sm->stopConnection();
-    };
-    const IpGenAddrWithMask peer(addressOf("::1"));
-    const std::vector<Step<TestServer>> steps = {
-        {[](auto& s) { s.sm->startListener(); }, " serverStartTimes reason"},  // The port is taken.
-        {[&](auto&) { holder.sm->stopListener(); }, ""},
-        {second, begun},
-        {accept, " connSocket connSocketCount"},
-        {accept, " connSocket connSocketCount"},
-        {[](auto& s) { s.config->optionsIs(optionTxTtl); },  // 0, which is refused.
-         " reason listening connSocket connSocket"},
-        {[](auto& s) { s.config->optionsIs(optionTxDs); }, ""},
-        {second, begun},
-        {[&](auto& s) { s.config->md5AuthIs(peer, "key"); }, " listening"},
-        {second, " serverStartTimes listening diagnosis"},  // The key is ignored.
-        {[](auto& s) { s.config->optionsIs(optionMd5Auth); }, " diagnosis"},
-        {[](auto& s) { s.config->optionsIs(optionTxDs); }, " diagnosis"},
-        {[](auto& s) { s.sm->failApplySocketOptionsInTestIs(true); }, ""},
-        {accept, " reason listening"},
-        {second, begun},
-        {[](auto& s) { s.sm->restartListener(); }, " serverStartTimes listening"},
-        {[this](auto&) { clock_.advance(29.75); }, ""},
-        {[this](auto&) { clock_.advance(0.25); }, " listening serverTimedOutTimes"},
-        {[](auto& s) { s.sm->stopListener(); }, ""},
-    };
-    holder.sm->startListener();
-    TestServer server(&byHand_, &wheel_, "127.0.0.1", 4001);
     server.config->timeoutIs(30);
+    holder.sm->startListener();
+    server.sm->startListener();
+    EXPECT_EQ(server.summary(), "-Bind (Address already in use) 1/0/0");
+    holder.sm->stopListener();
+    clock_.advance(1);
+    meet(client, server);
+    EXPECT_EQ(server.summary(), "+Listening 2/1/1");
+    server.config->optionsIs(optionTxTtl);  // 0, which is refused.
+    EXPECT_EQ(server.summary(), "-Setsockopt (Invalid argument) 2/1/0");
     server.config->optionsIs(optionTxDs);
-    takeAll(steps, server);
+    clock_.advance(1);
+    EXPECT_EQ(server.summary(), "+Listening 3/1/0");
+    server.config->md5AuthIs(IpGenAddrWithMask(addressOf("::1")), "key");
+    EXPECT_EQ(server.summary(), "-Listening 3/1/0");
+    clock_.advance(0);
+    EXPECT_EQ(server.summary(), "+Listening 4/1/0");
+    EXPECT_FALSE(server.status->diagnosis().empty());  // The key is ignored.
+    server.config->optionsIs(optionMd5Auth);
+    EXPECT_EQ(server.status->diagnosis(), "");
+    server.sm->restartListener();
+    clock_.advance(29.75);
+    EXPECT_EQ(server.summary(), "+Listening 5/1/0");
+    clock_.advance(0.25);
+    EXPECT_EQ(server.summary(), "-Listening 5/1/0");
+    EXPECT_EQ(server.status->serverTimedOutTimes(), 1u);
 }
 
 }  // namespace

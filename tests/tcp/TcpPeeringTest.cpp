@@ -2,6 +2,7 @@
 // collisions, back-off and reasons.
 #include "Pavo/TcpPeering.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -227,9 +229,9 @@ struct Agent : TcpPeeringHandler {
 
 class TcpPeeringTest : public PavoTest::TcpTest {
   protected:
-    bool awaits(const std::function<bool()>& done) {
+    bool awaits(const std::function<bool()>& done, double secondsATurn = 0) {
         return PavoTest::turnsUntil(loop_, [&] {
-            clock_.advance(0);
+            clock_.advance(secondsATurn);
             return done();
         });
     }
@@ -237,27 +239,6 @@ class TcpPeeringTest : public PavoTest::TcpTest {
     Agent near_{"", &wheel_};
     Agent far_{"", &wheel_};
 };
-
-TEST(TcpPeering, BothEndsKeepTheSameOfTwoConnections) {
-    for (const bool isFirstGreater : {false, true}) {
-        // By the end that opened them, as the first end sees them and as the second does.
-        const TcpPeerConnection ofFirst[] = {{.isAccepted = false}, {.isAccepted = true}};
-        const TcpPeerConnection ofSecond[] = {{.isAccepted = true}, {.isAccepted = false}};
-        const auto kept = [&](bool atFirst, int established) {
-            const auto& seen = atFirst ? ofFirst : ofSecond;
-            return tcpCollisionByNumber(atFirst == isFirstGreater, seen[established],
-                                        seen[1 - established]) == TcpCollision::established
-                       ? established
-                       : 1 - established;
-        };
-        for (const int order : {0, 1, 2, 3}) {
-            EXPECT_EQ(kept(true, order & 1), isFirstGreater ? 0 : 1);
-            EXPECT_EQ(kept(false, order >> 1), isFirstGreater ? 0 : 1);
-        }
-    }
-    EXPECT_EQ(tcpCollisionByNumber(true, {.isAccepted = true}, {.isAccepted = true}),
-              TcpCollision::arriving);
-}
 
 TEST_F(TcpPeeringTest, OneConnectionStaysWhereBothEndsConnect) {
     const IpGenAddr lower = addressOf("127.0.0.1");
@@ -276,6 +257,9 @@ TEST_F(TcpPeeringTest, OneConnectionStaysWhereBothEndsConnect) {
     EXPECT_TRUE(near->connection().isAccepted);
     EXPECT_FALSE(far->connection().isAccepted);
     EXPECT_EQ(near->connection().socket.dstPort(), far->connection().socket.srcPort());
+    // A peer that connects again has lost the connection before.
+    EXPECT_EQ(tcpCollisionByNumber(true, near->connection(), near->connection()),
+              TcpCollision::arriving);
 }
 
 TEST_F(TcpPeeringTest, DelaysGrowUntilAConnectionLasts) {
@@ -311,52 +295,38 @@ TEST_F(TcpPeeringTest, DelaysGrowUntilAConnectionLasts) {
 }
 
 TEST_F(TcpPeeringTest, AReasonIsGivenForWhatDoesNotFit) {
-    const IpGenAddr address = addressOf("127.0.0.1");
-    const char without[] =
-        "; a peer without this key does not answer, nor does one that does not "
-        "listen";
-    const char picky[] =
-        "; a peer that asks for a signature, or for a greater TTL, does not answer";
+    const IpGenAddr address = addressOf("127.0.0.2");
     const struct {
         const char *key, *otherKey;
-        uint32_t minTtl, otherMinTtl;
-        bool listens;
-        const char* reason;
+        uint32_t otherMinTtl;
+        const char* reason;  // A hint comes after 20 s without an answer.
     } cases[] = {
-        {"", "", 0, 0, false, "Connect (Connection refused)"},
-        {"a key", "a key", 0, 0, false, without},
-        {"a key", "another", 0, 0, true, without},
-        {"", "a key", 0, 0, true, picky},
-        {"a key", "", 0, 0, true, without},
-        {"", "", 255, 0, true, picky},
-        {"", "", 0, 255, true, "Connection closed by peer"},
+        {"", "", 0, "Connect (Connection refused)"},  // Nobody listens yet.
+        {"a key", "another", 0,
+         "; a peer without this key does not answer, nor does one that does not listen"},
+        {"", "a key", 0,
+         "; a peer that asks for a signature, or for a greater TTL, does not answer"},
+        {"", "", 255, "Connection closed by peer"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        far_.peering->listenDel(ipv4);
-        if (c.listens) {
-            far_.peering->peerIs({.address = addressOf("127.0.0.2"),
-                                  .mode = TcpPeerMode::passive,
-                                  .md5Key = c.otherKey,
-                                  .minTtl = IpTtl(c.otherMinTtl)});
-            far_.peering->listenIs(address, port);
-        }
-        const auto peer = near_.peering->peerIs({.address = address,
+        far_.peering->peerIs({.address = address,
+                              .mode = TcpPeerMode::passive,
+                              .md5Key = c.otherKey,
+                              .minTtl = IpTtl(c.otherMinTtl)});
+        clock_.advance(0);  // A listener with another key starts anew.
+        const auto peer = near_.peering->peerIs({.address = addressOf("127.0.0.1"),
                                                  .port = port,
-                                                 .localAddress = addressOf("127.0.0.2"),
+                                                 .localAddress = address,
                                                  .mode = TcpPeerMode::active,
-                                                 .md5Key = c.key,
-                                                 .minTtl = IpTtl(c.minTtl)});
-        if (*c.reason == ';') {  // A hint, after 20 s without an answer.
-            loop_.turn(0);
-            clock_.advance(20);
-        }
+                                                 .md5Key = c.key});
+        loop_.turn(0);
+        clock_.advance(*c.reason == ';' ? 20 : 0);
         ASSERT_TRUE(awaits([&] { return peer->state() == TcpPeer::State::backingOff; }));
         EXPECT_TRUE(std::string(peer->reason()).ends_with(c.reason)) << peer->reason();
         near_.peering->peerDelAll();
+        far_.peering->listenIs(addressOf("127.0.0.1"), port);
     }
-    EXPECT_EQ(far_.peering->listenerStatus(ipv4)->diagnosis(),
-              "refused 127.0.0.2: its SYN had TTL 64, at least 255 is asked for");
     EXPECT_EQ(far_.log, "");
 }
 
@@ -365,18 +335,18 @@ TEST_F(TcpPeeringTest, LinkLocalPeersDifferByTheirInterface) {
     Agent left("left", &wheel_);
     Agent right("right", &wheel_);
     left.closes = true;
+    TcpPeerConfig config{.address = addressOf("fe80::1"),
+                         .port = port,
+                         .ifIndex = wire.index("right"),
+                         .mode = TcpPeerMode::passive,
+                         .md5Key = "a key",
+                         .minTtl = IpTtl::max};
     right.peering->listenIs(addressOf("::"), port);
-    right.peering->peerIs({.address = addressOf("fe80::1"),
-                           .ifIndex = wire.index("right"),
-                           .mode = TcpPeerMode::passive,
-                           .md5Key = "a key",
-                           .minTtl = IpTtl::max});
-    left.peering->peerIs({.address = addressOf("fe80::2"),
-                          .port = port,
-                          .ifIndex = wire.index("left"),
-                          .mode = TcpPeerMode::active,
-                          .md5Key = "a key",
-                          .minTtl = IpTtl::max});
+    right.peering->peerIs(config);
+    config.address = addressOf("fe80::2");
+    config.ifIndex = wire.index("left");
+    config.mode = TcpPeerMode::active;
+    left.peering->peerIs(config);
     EXPECT_TRUE(awaits([&] { return right.log.ends_with("peer "); }));
     EXPECT_EQ(right.log, "up hello down: Connection closed by peer ");
     EXPECT_EQ(left.log, "up down: had enough ");
@@ -388,34 +358,42 @@ TEST_F(TcpPeeringTest, LinkLocalPeersDifferByTheirInterface) {
     EXPECT_TRUE(awaits([&] { return right.peering->refused() == 1; }));  // No peer has the address.
 }
 
-TEST_F(TcpPeeringTest, EachFailingCallIsOvercome) {
-    const IpGenAddr address = addressOf("127.0.0.2");
-    far_.peering->listenIs(addressOf("127.0.0.1"), port);
+TEST_F(TcpPeeringTest, EachFailingCallIsNamedAndOvercome) {
+    const IpGenAddr address = addressOf("::1");
     far_.peering->peerIs({.address = address, .mode = TcpPeerMode::passive});
-    unsigned failures = 0;
-    for (bool happened = true; happened && failures < 100; failures += happened) {
-        near_.log = far_.log = "";
-        FailSyscall fail(failures + 1, ENOMEM, "!epoll_wait");
-        near_.peering->peerIs(
-            {.address = addressOf("127.0.0.1"), .port = port, .localAddress = address});
+    std::set<std::string> reasons;
+    const auto descriptors = PavoTest::openDescriptors();
+    const auto start = [&] {
+        far_.peering->listenIs(address, port);
+        near_.peering->peerIs({.address = address, .port = port, .mode = TcpPeerMode::active});
         for (uint32_t turns = 0; turns < 10; ++turns) {
             loop_.turn(0);
             clock_.advance(0);
         }
-        fail.disarm();
-        happened = fail.happened();
-        SCOPED_TRACE(fail.name());
-        EXPECT_TRUE(PavoTest::turnsUntil(loop_,
-                                         [&] {
-                                             clock_.advance(0.25);
-                                             return near_.log.ends_with("up hello ") &&
-                                                    far_.log.ends_with("up hello ");
-                                         }))
+        return 0;
+    };
+    const auto check = [&](const FailSyscall& fail, int, int) {
+        for (const auto& text : {near_.peering->peer(address)->reason(),
+                                 far_.peering->listenerStatus(ipv6)->reason()}) {
+            const std::string reason(text);
+            reasons.insert(fail.name() + (": " + reason.substr(0, reason.find(" (Cannot"))));
+        }
+        const auto isUp = [](const Agent& agent) { return agent.log.ends_with("up hello "); };
+        EXPECT_TRUE(awaits([&] { return isUp(near_) && isUp(far_); }, 0.25))
             << near_.log << "/ " << far_.log;
         near_.peering->peerDelAll();
         EXPECT_TRUE(awaits([&] { return far_.log.ends_with("peer "); }));
-    }
-    EXPECT_GT(failures, 10u);
+        far_.peering->listenDel(ipv6);
+        EXPECT_EQ(PavoTest::openDescriptors(), descriptors);
+        near_.log = far_.log = "";
+    };
+    EXPECT_GT(PavoTest::failEachSyscall(ENOMEM, start, check, "!epoll_wait"), 10u);
+    EXPECT_THAT(reasons,
+                testing::IsSupersetOf(
+                    {"socket: Socket", "setsockopt: Setsockopt", "bind: Bind", "connect: Connect",
+                     "epoll_ctl: Socket", "getsockopt: Getsockopt", "getsockname: Getsockname",
+                     "setsockopt: Setsockopt(REUSE)", "setsockopt: Setsockopt(V6OONLY)",
+                     "recv: Recv failed with Cannot allocate memory"}));
 }
 
 TEST_F(TcpPeeringTest, ABadConfigurationChangesNothing) {
