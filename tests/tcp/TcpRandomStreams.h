@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Mox/Clock.h"
@@ -30,12 +31,12 @@ class RandomStreams : public PavoTest::RandomProgram {
         Mox::Ptr<TcpFileDescriptor> fd;  // Null after it was closed, as is the endpoint.
         Mox::Ptr<TcpPduPam> pam;
         Mox::Watch<TcpPduPam> watch;
-        std::string unsent;                // By plain writes, in pieces.
         std::set<uint32_t> unarrived;      // Messages by number.
         std::vector<Mox::Ptr<Pkt>> taken;  // Some of them.
         uint32_t lastArrived = 0;
         bool isClosing = false;  // What the other end sends may not arrive.
         bool hasClosed = false;
+        bool isReading = false;  // And has not been notified since.
     };
     struct RandomStream {
         TcpFraming framing = simpleFraming;
@@ -105,12 +106,8 @@ class RandomStreams : public PavoTest::RandomProgram {
     static void modeIs(Mox::Ptr<TcpPduPam> pam, uint32_t mode) {
         configure([&] { pam->enableModeIs(static_cast<TcpPduPamEnableMode>(mode)); });
     }
-    static bool maySend(const End& end) {
-        const bool takes = end.pam->writable() || end.pam->txQueueBytes() != 0 || end.isClosing;
-        return takes && end.unsent.empty();
-    }
     void send(RandomStream& stream, End& end, uint32_t payload) {
-        if (maySend(end)) {
+        if (end.pam->writable() || end.pam->txQueueBytes() != 0 || end.isClosing) {
             stream.isOrdered &= stream.calls++ == 0;
             end.pam->txPktIs(newPkt(stream, end, payload));
             --stream.calls;
@@ -118,9 +115,6 @@ class RandomStreams : public PavoTest::RandomProgram {
     }
     // Some of them in a batch, of which those that are not taken are the agent's again.
     void sendMany(RandomStream& stream, End& end) {
-        if (!end.unsent.empty()) {
-            return;
-        }
         const bool isSmall = oneIn(8);
         std::vector<Mox::Ptr<Pkt>> pkts(1 + below(isSmall ? 400 : 40));
         const uint32_t first = messages + 1;
@@ -134,30 +128,16 @@ class RandomStreams : public PavoTest::RandomProgram {
             EXPECT_EQ(end.unarrived.erase(first + i), 1u) << "it was not taken, and has arrived";
         }
     }
-    void sendPiece(RandomStream& stream, End& end) {
-        if (maySend(end) && !end.isClosing && end.pam->txQueuedBytes() == 0) {
-            for (uint32_t left = 1 + below(oneIn(2) ? 3 : 50); left > 0; --left) {
-                end.unsent += newText(stream, end, below(oneIn(4) ? 9000 : 100));
-            }
-        }
-        writePiece(end, 1 + below(oneIn(2) ? 30 : 9000));
-    }
-    static void writePiece(End& end, size_t bytes) {
-        const size_t piece = std::min(bytes, end.unsent.size());
-        const int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
-        const ssize_t sent = ::send(end.fd->descriptor(), end.unsent.data(), piece, flags);
-        end.unsent.erase(0, static_cast<size_t>(std::max<ssize_t>(sent, 0)));
-    }
     void closeAfterTx(End& end) {
-        if (end.unsent.empty()) {
-            end.isClosing = true;
-            end.pam->closeAfterTx(below(3), &limits);
-        }
+        end.isClosing = true;
+        end.pam->closeAfterTx(below(3), &limits);
     }
     bool read(RandomStream& stream, End& end) {
         const bool isHeld = end.pam && end.pam->readable();
         stream.isOrdered &= stream.calls++ == 0;
+        end.isReading = true;
         const Mox::Ptr<Pkt> pkt = end.pam ? end.pam->rxPkt() : nullptr;
+        end.isReading = false;
         --stream.calls;
         EXPECT_TRUE(pkt || !isHeld || !stream.isOrdered) << "`readable` without a message";
         if (!pkt || stream.isSpoilt) {
@@ -218,6 +198,8 @@ inline void RandomStreams::handle(RandomStream& stream, End& end, const TcpPduPa
     EXPECT_FALSE(pam.writable() && pam.txQueuedBytes() > pam.txQueueBytes() / 2);
     EXPECT_FALSE(pam.writable() &&
                  pam.pendingEnableReadOnlyOrWriteOnlyMode() == tcpEnableModeReadOnly);
+    EXPECT_TRUE(!std::exchange(end.isReading, false) || change.is(TcpPduPam::readableAttr))
+        << "counted from inside a read";
     EXPECT_FALSE(change.is(TcpPduPam::closedAttr) && end.hasClosed) << "twice";
     end.hasClosed |= change.is(TcpPduPam::closedAttr);
     if (change.is(Pam::readableCountAttr)) {
@@ -240,7 +222,6 @@ inline RandomStreams::Actions RandomStreams::streamActions() {
         {"send", end([this](auto& s, auto& e) { send(s, e, below(100)); })},
         {"read", end([this](auto& s, auto& e) { read(s, e); })},
         {"send much", end([this](auto& s, auto& e) { send(s, e, below(9500)); })},
-        {"send piece", end([this](auto& s, auto& e) { sendPiece(s, e); })},
         {"enable", end([](auto&, auto& e) { modeIs(e.pam, tcpEnableModeReadWrite); })},
         {"mode", end([this](auto&, auto& e) { modeIs(e.pam, below(4)); })},
         {"only one", end([this](auto&, auto& e) { onlyOne(e.pam); })},
@@ -294,7 +275,6 @@ inline void RandomStreams::checkStreamsAtRest() {
 inline const char* RandomStreams::missing() {
     for (const auto& stream : streams) {
         for (End& end : stream->ends) {
-            end.pam ? writePiece(end, 65536) : void();
             if (const char* what = end.pam ? missingFrom(*stream, end) : nullptr) {
                 return what;
             }

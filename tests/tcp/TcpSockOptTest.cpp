@@ -16,6 +16,7 @@
 #include <string>
 
 #include "Pavo/ScopedNetNs.h"
+#include "Pavo/TcpPduPam.h"
 #include "support/Errors.h"
 #include "support/FailSyscall.h"
 #include "tcp/TcpMachines.h"
@@ -113,6 +114,24 @@ TEST_F(TcpSockOptTest, EachOptionReachesItsSocketAndLeavesItAgain) {
             EXPECT_EQ(option.of(connected), isSize ? 688 : c.cleared);
         }
     }
+}
+
+TEST_F(TcpSockOptTest, AnEndpointAppliesKeepaliveAndCountsWhatFails) {
+    const auto fd = TcpFileDescriptor::socket(ipv4, NamespaceName(), /*edgeTriggered=*/false);
+    const auto pam = simpleTcpPduPamFactory(fd, loopTcpRegistrationFactory());
+    const SockOpt enabled{SOL_SOCKET, SO_KEEPALIVE};
+    const SockOpt numbers[] = {
+        {IPPROTO_TCP, TCP_KEEPIDLE}, {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}};
+    pam->keepaliveOptsIs({40000, 12, 13});  // The first is above what Linux takes.
+    EXPECT_EQ(pam->tcpOptErrors(), 1u);
+    EXPECT_EQ(pam->tcpOptErrorReason(), "Setsockopt failed with Invalid argument");
+    EXPECT_EQ(enabled.of(fd), 1);
+    pam->keepaliveOptsIs({11, 12, 13});
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(numbers[i].of(fd), 11 + i);
+    }
+    pam->keepaliveOptsIs(TcpKeepaliveOptions::keepaliveDisabled);
+    EXPECT_EQ(enabled.of(fd), 0);
 }
 
 TEST_F(TcpSockOptTest, WrongUseFailsOrStopsTheProcess) {
