@@ -1,4 +1,4 @@
-// The client and server machines: timing, failures, and observers that act while they are notified.
+// The client and server machines: timing, failures, and random programs whose observers act.
 #include "Pavo/TcpClientServer.h"
 
 #include <gtest/gtest.h>
@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <fstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "support/FailSyscall.h"
+#include "support/RandomProgram.h"
 #include "tcp/TcpMachines.h"
 
 namespace Pavo {
@@ -40,8 +42,8 @@ TEST_F(TcpClientServerTest, DelaysDoubleAfterEachFailedAttemptAndStartAgain) {
         for (const uint32_t delay : c.delays) {
             EXPECT_EQ(client.status->retryTimerInterval(), 20u);
             deliver(client);
-            const std::string count = std::to_string(attempts) + "/" + std::to_string(attempts);
-            EXPECT_EQ(client.summary(), "failed Connect (Connection refused) " + count + "/0");
+            EXPECT_EQ(client.status->connectionErrorCount(), attempts);
+            EXPECT_EQ(client.status->reason(), "Connect (Connection refused)");
             EXPECT_EQ(client.status->retryTimerInterval(), delay);
             clock_.advance(delay - 0.25);
             EXPECT_EQ(client.status->connectionAttemptCount(), attempts);
@@ -205,6 +207,198 @@ TEST_F(TcpClientServerTest, AServerGoesOnAfterEachFailure) {
     clock_.advance(0.25);
     EXPECT_EQ(server.summary(), "-Listening 5/1/0");
     EXPECT_EQ(server.status->serverTimedOutTimes(), 1u);
+}
+
+// What an owner has decided last: unknown where it has done only a part of starting or stopping.
+enum class Wish { unknown, stopped, started };
+
+template <class Agent, class Status>
+struct Machine : Agent {
+    Mox::Watch<Status> watch;
+    Wish wish = Wish::unknown;
+};
+using Client = Machine<PavoTest::TestClient, TcpClientStatus>;
+using Server = Machine<PavoTest::TestServer, TcpServerStatus>;
+
+struct State {
+    bool isWatching, isIdle, hasEnded;
+};
+State stateOf(const Client& client) {
+    using Status = TcpClientStatus::ConnectionStatus;
+    const Status status = client.status->connectionStatus();
+    return {status == Status::connecting, status == Status::idle && !client.status->connSocket(),
+            status == Status::connected || status == Status::timedout};
+}
+State stateOf(const Server& server) {
+    const bool isListening = server.status->listening();
+    return {isListening, !isListening && server.status->connSocketMembers() == 0, isListening};
+}
+
+struct World : PavoTest::RandomProgram {
+    using RandomProgram::RandomProgram;
+
+    // One that was dropped is made again when it is needed. Nobody listens on the port of the last
+    // client; the last server has the port of the first.
+    template <class Machine>
+    Machine& anyOf(Machine (&all)[3]) {
+        const uint32_t i = below(3);
+        Machine& machine = all[i];
+        if (!machine.sm) {
+            const bool isRefused = i == 2 && std::is_same_v<Machine, Client>;
+            const char* const address = i == 1 ? "::1" : "127.0.0.1";
+            machine = {{loopTcpRegistrationFactory().ptr(), &wheel, address,
+                        isRefused ? uint16_t{9} : port},
+                       {},
+                       {}};
+            const auto notified = [this, &machine] {
+                machine.sm ? check(machine) : void();
+                machine.sm ? respond() : actSafely();  // No exception may leave a destructor.
+            };
+            machine.watch = {machine.status, Mox::allAttributes,
+                             [notified](const Mox::Change&) { notified(); }};
+        }
+        return machine;
+    }
+    // The machine, for what the owner has decided.
+    template <class Machine>
+    auto& decide(Wish wish, Machine (&all)[3]) {
+        Machine& machine = anyOf(all);
+        machine.wish = wish;
+        return *machine.sm;
+    }
+    template <class Machine>
+    static void check(const Machine& machine) {
+        const State state = stateOf(machine);
+        EXPECT_EQ(state.isWatching, machine.sm->fd() != nullptr) << "it is half changed";
+        EXPECT_TRUE(state.isWatching || state.hasEnded ||
+                    machine.sm->lastOptionsApplied() == TcpSocketOptions());
+    }
+    template <class Machine>
+    static void checkWish(const Machine& machine) {
+        const auto isUnarmed = [](double expiry) { return expiry == Mox::Clock::idle; };
+        if (machine.sm && machine.wish == Wish::started) {
+            EXPECT_TRUE(stateOf(machine).hasEnded || machine.sm->fd() ||
+                        !isUnarmed(machine.sm->retryTimerExpireTime()))
+                << "a start is lost";
+        } else if (machine.sm && machine.wish == Wish::stopped) {
+            EXPECT_TRUE(stateOf(machine).isIdle && !machine.sm->fd() &&
+                        isUnarmed(machine.sm->retryTimerExpireTime()) &&
+                        isUnarmed(machine.sm->timeoutTimerExpireTime()))
+                << "a stop is lost";
+        }
+    }
+    void checkWishes() const {
+        for (uint32_t i = 0; i < 3; ++i) {
+            checkWish(clients[i]);
+            checkWish(servers[i]);
+        }
+    }
+    TcpConfigBase& anyConfig() {
+        return oneIn(2) ? *anyOf(clients).config
+                        : static_cast<TcpConfigBase&>(*anyOf(servers).config);
+    }
+    IpGenAddrWithMask anyPeer() {
+        return IpGenAddrWithMask(addressOf(oneIn(2) ? "::1" : "127.0.0.1"));
+    }
+    void key() {
+        TcpConfigBase& config = anyConfig();
+        for (Server& each : servers) {
+            each.wish = Wish::unknown;  // A key that changes starts it.
+        }
+        oneIn(2) ? config.md5AuthDel(anyPeer()) : config.md5AuthIs(anyPeer(), "key");
+    }
+    void peerTtl() {
+        TcpServerConfig& config = *anyOf(servers).config;
+        oneIn(2) ? config.peerRxMinTtlDel(anyPeer())
+                 : config.peerRxMinTtlIs(anyPeer(), oneIn(2) ? 255 : 64);
+    }
+    Actions anyActions();
+    void run();
+    void checkStart(Client& client, Server& server);
+
+    Mox::EventLoop loop;
+    Mox::ManualClock clock;
+    Keel::TimerWheel wheel{&clock};
+    // Another one for each program: what is left of old connections in the kernel refuses new ones.
+    const uint16_t port = static_cast<uint16_t>(1024 + below(30000));
+    Client clients[3];
+    Server servers[3];
+};
+
+World::Actions World::anyActions() {
+    using enum Wish;
+    return {
+        {"listen", [this] { decide(started, servers).startListener(); }},
+        {"connect", [this] { decide(started, clients).startConnection(); }},
+        {"stop listening", [this] { decide(stopped, servers).stopListener(); }},
+        {"stop", [this] { decide(stopped, clients).stopConnection(); }},
+        {"restart", [this] { decide(started, servers).restartListener(); }},
+        {"restart later", [this] { decide(started, servers).restartListenerDeferred(); }},
+        {"server fails", [this] { decide(unknown, servers).handleServerError("Test", "x"); }},
+        {"client fails", [this] { decide(unknown, clients).handleClientError("Test", "x"); }},
+        {"server's timer", [this] { decide(unknown, servers).restartRetryTimer(); }},
+        {"client's timer", [this] { decide(unknown, clients).stopRetryTimer(); }},
+        {"take", [this] { (void)anyOf(servers).status->getConnSocket(); }},
+        {"let go", [this] { anyOf(clients).status->resetConnSocket(); }},
+        {"drop server", [this] { anyOf(servers).sm = nullptr; }},
+        {"drop client", [this] { anyOf(clients).sm = nullptr; }},
+        {"options", [this] { anyConfig().optionsIs(TcpSocketOptions(below(128) & 0x7f)); }},
+        {"TTL", [this] { anyConfig().txTtlIs(oneIn(2) ? 0 : 64); }},
+        {"least TTL", [this] { anyConfig().rxMinTtlIs(oneIn(2) ? 0 : 255); }},
+        {"peer's TTL", [this] { peerTtl(); }},
+        {"interval", [this] { anyConfig().retryIntervalIs(below(3)); }},
+        {"edge", [this] { anyConfig().edgeTriggeredFileDescriptorIs(oneIn(2)); }},
+        {"key", [this] { key(); }},
+        {"time-out", [this] { anyOf(clients).config->timeoutIs(below(3)); }},
+        {"back off", [this] { anyOf(clients).config->exponentialBackoffRetriesIs(below(4)); }},
+        {"let fail", [this] { anyOf(servers).sm->failApplySocketOptionsInTestIs(true); }},
+    };
+}
+
+void World::run() {
+    perform(
+        {anyActions()},
+        [this] {
+            oneIn(2) ? (void)loop.turn(0) : clock.advance(oneIn(8) ? 25 : 0.5 * below(3));
+            checkWishes();
+        },
+        [] {});
+    for (uint32_t i = 0; i < 2 && !testing::Test::HasFailure(); ++i) {
+        clients[i].sm&& servers[i].sm ? checkStart(clients[i], servers[i]) : void();
+    }
+}
+
+// With nothing in the way both machines come up; stopped, they leave nothing.
+void World::checkStart(Client& client, Server& server) {
+    server.sm->failApplySocketOptionsInTestIs(false);
+    server.config->peerRxMinTtlDelAll();
+    for (const Mox::Ptr<TcpConfigBase>& config : {client.sm->tcpConfig(), server.sm->tcpConfig()}) {
+        config->optionsIs(TcpSocketOptions());
+        config->timeoutIs(0);
+        config->retryIntervalIs(1);
+    }
+    servers[2] = {};
+    server.sm->stopListener();
+    server.sm->startListener();
+    client.sm->startConnection();
+    const uint32_t accepted = server.status->connSocketCount();
+    const auto isUp = [&] {
+        return stateOf(client).hasEnded && server.status->connSocketCount() > accepted;
+    };
+    for (uint32_t turns = 0; turns < 100 && !isUp(); ++turns) {
+        loop.turn(0.01);
+        clock.advance(turns % 10 == 9 ? 0.5 : 0);
+    }
+    EXPECT_TRUE(isUp()) << client.status->reason() << ", " << server.status->reason();
+    client.wish = server.wish = Wish::stopped;
+    client.sm->stopConnection();
+    server.sm->stopListener();
+    checkWishes();
+}
+
+TEST(TcpClientServer, ObserversMayDoAnything) {
+    SANDBOX_OR_SKIP();
+    PavoTest::runPrograms(2000, PavoTest::runProgram<World>);
 }
 
 }  // namespace

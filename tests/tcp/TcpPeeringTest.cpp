@@ -211,9 +211,6 @@ struct Agent : TcpPeeringHandler {
         storeNet(pkt->newSharedTailData(2), uint16_t{5});
         pkt->stringValueIs("hello", /*atTail=*/true);
         EXPECT_TRUE(peer.txPktIs(pkt));
-        if (closes) {
-            peer.close("had enough");
-        }
     }
     void message(TcpPeer&, const Mox::Ptr<Pkt>& pkt) override {
         log += std::string(pkt->stringValue()).substr(2) + " ";
@@ -224,7 +221,6 @@ struct Agent : TcpPeeringHandler {
 
     Mox::Ptr<TcpPeering> peering;
     std::string log;
-    bool closes = false;
 };
 
 class TcpPeeringTest : public PavoTest::TcpTest {
@@ -334,7 +330,6 @@ TEST_F(TcpPeeringTest, LinkLocalPeersDifferByTheirInterface) {
     const PavoTest::Wire wire;
     Agent left("left", &wheel_);
     Agent right("right", &wheel_);
-    left.closes = true;
     TcpPeerConfig config{.address = addressOf("fe80::1"),
                          .port = port,
                          .ifIndex = wire.index("right"),
@@ -346,13 +341,11 @@ TEST_F(TcpPeeringTest, LinkLocalPeersDifferByTheirInterface) {
     config.address = addressOf("fe80::2");
     config.ifIndex = wire.index("left");
     config.mode = TcpPeerMode::active;
-    left.peering->peerIs(config);
-    EXPECT_TRUE(awaits([&] { return right.log.ends_with("peer "); }));
-    EXPECT_EQ(right.log, "up hello down: Connection closed by peer ");
-    EXPECT_EQ(left.log, "up down: had enough ");
+    const auto peer = left.peering->peerIs(config);
+    EXPECT_TRUE(awaits([&] { return left.log == "up hello " && right.log == "up hello "; }));
+    EXPECT_EQ(peer->connection().socket.ifIndex(), config.ifIndex);
     EXPECT_EQ(right.peering->refused(), 0u);
     left.peering->peerDelAll();
-    left.closes = false;
     left.peering->peerIs(
         {.address = addressOf("2001:db8::2"), .port = port, .mode = TcpPeerMode::active});
     EXPECT_TRUE(awaits([&] { return right.peering->refused() == 1; }));  // No peer has the address.

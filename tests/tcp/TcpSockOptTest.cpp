@@ -55,6 +55,9 @@ TEST_F(TcpSockOptTest, SocketsAreNonBlockingAndClosedByTheirLastHolder) {
         ASSERT_TRUE(fd);
         EXPECT_NE(fcntl(fd->descriptor(), F_GETFL) & O_NONBLOCK, 0);
         EXPECT_EQ(fcntl(fd->descriptor(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(fd->stringValue(), "Value('Pavo::TcpFileDescriptor', ** {'descriptor': " +
+                                         Mox::String(std::to_string(fd->descriptor())) +
+                                         ", 'edgeTriggered': true})");
     }
     EXPECT_EQ(PavoTest::openDescriptors(), before);
     EXPECT_FALSE(TcpFileDescriptor::socket(ipv4, NamespaceName("nowhere"), false));

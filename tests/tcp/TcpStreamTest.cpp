@@ -1,8 +1,10 @@
 /// @file
-/// What leaves an endpoint on a stream: gathered, queued, and with its end.
+/// Endpoints on a stream: what leaves them, gathered, queued, and with its end; and framings as
+/// data, which are refused, and which messages they take and refuse.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -12,6 +14,7 @@
 
 #include "Mox/Clock.h"
 #include "Mox/EventLoop.h"
+#include "support/Errors.h"
 #include "support/FailSyscall.h"
 #include "tcp/TcpStreams.h"
 
@@ -54,7 +57,7 @@ Packets packetsOf(uint32_t count, uint32_t bytes, std::string* all) {
 // An endpoint on a TCP connection, with small buffers, whose other end is plain.
 struct Sender : Stream {
     explicit Sender(bool edgeTriggered = false) : Stream(edgeTriggered, /*isTcp=*/true) {
-        pam = simpleTcpPduPamFactory(near, tcpFileDescriptorEventRegistrationFactoryMoxcFactory());
+        pam = simpleTcpPduPamFactory(near, loopTcpRegistrationFactory());
         near = nullptr;
         pam->enabledIs(true);
     }
@@ -102,8 +105,9 @@ TEST(TcpSend, GathersABatchOrATurnIntoOneCall) {
     }
 }
 
-// A batch ends with the first packet that has to wait, or is above half of the queue.
-TEST(TcpSend, TakesUpToItsBoundAndIsWritableUpToHalf) {
+// A batch ends with the first packet that has to wait, or is above half of the queue. Then nobody
+// reads any more.
+TEST(TcpSend, TakesUpToItsBoundAndGivesUpAtTheLimit) {
     for (const uint32_t txQueueBytes : {0u, 100'000u}) {
         Sender sender;
         std::string sent;
@@ -125,6 +129,20 @@ TEST(TcpSend, TakesUpToItsBoundAndIsWritableUpToHalf) {
         sender.readAll();
         EXPECT_EQ(sender.arrived, sent.substr(0, taken * 1000));
         EXPECT_EQ(sender.pam->writableCount(), 2u);
+        const uint32_t drops = sender.pam->txDrops();
+        taken += sender.pam->txPktsIs(filling);
+        Mox::ManualClock clock;
+        sender.pam->closeAfterTx(5, &clock);
+        clock.advance(4.9);
+        EXPECT_FALSE(sender.pam->closed());
+        clock.advance(0.1);
+        EXPECT_TRUE(sender.pam->closed());
+        EXPECT_EQ(sender.pam->txErrno(), ETIMEDOUT);
+        sender.pam->enabledIs(true);
+        EXPECT_FALSE(sender.pam->enabled());
+        sender.readAll();
+        EXPECT_TRUE(sender.isEnd);
+        EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops() - drops, taken);
     }
 }
 
@@ -133,9 +151,8 @@ class Numbered : public Mox::EntityOf<Numbered, SimpleTcpPduPam> {
   public:
     static constexpr auto description() { return Mox::classRecord("Numbered"); }
 
-    Numbered(Mox::Ptr<TcpFileDescriptor> fd,
-             Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> registrations)
-        : EntityOf(std::move(fd), std::move(registrations)) {}
+    template <class... Args>
+    explicit Numbered(Args&&... args) : EntityOf(std::forward<Args>(args)...) {}
 
     void sendIov(SocketIovec* iov, uint16_t iovLen) override {
         char number = static_cast<char>('0' + next_++);
@@ -200,26 +217,6 @@ TEST(TcpSend, SendsAllBeforeItCloses) {
     }
 }
 
-TEST(TcpSend, GivesUpAtTheLimitAndCountsWhatIsLeft) {
-    Sender sender;
-    std::string sent;
-    sender.pam->txQueueBytesIs(1'000'000);
-    sender.send(packetsOf(900, 1000, &sent));
-    Mox::ManualClock clock;
-    sender.pam->closeAfterTx(5, &clock);
-    sender.loop.turn(0);
-    clock.advance(4.9);
-    EXPECT_FALSE(sender.pam->closed());
-    clock.advance(0.1);
-    EXPECT_TRUE(sender.pam->closed());
-    EXPECT_EQ(sender.pam->txErrno(), ETIMEDOUT);
-    sender.pam->enabledIs(true);
-    EXPECT_FALSE(sender.pam->enabled());
-    sender.readAll();
-    EXPECT_TRUE(sender.isEnd);
-    EXPECT_EQ(sender.arrived.size() / 1000 + sender.pam->txDrops(), 900u);
-}
-
 // Sends and closes while the n-th call of a name fails, as do all after it, or without a name the
 // n-th allocation: every message arrives or is counted. False where nothing failed.
 bool sendsWithFailure(const std::string& name, unsigned n) {
@@ -254,6 +251,83 @@ TEST(TcpSend, CountsWhatDoesNotLeaveWhateverFails) {
             ASSERT_FALSE(HasFailure()) << name << n;
         }
         EXPECT_TRUE(n > 1 && n < 1000) << name << n;
+    }
+}
+
+TEST(TcpFraming, IsRefusedWithAFault) {
+    const std::pair<TcpFraming, const char*> rows[] = {
+        {{.lengthBytes = 0}, "TcpFraming::lengthBytes: not 1 to 4"},
+        {{.headerBytes = 5, .lengthBytes = 5}, "TcpFraming::lengthBytes: not 1 to 4"},
+        {{.lengthAt = 1}, "TcpFraming::headerBytes: the length ends after them"},
+        {{.max = 65536}, "TcpFraming::max > 65535 not allowed"},
+        {{.min = 9, .max = 8}, "TcpFraming::max: less than the shortest message"},
+        {{.max = 1}, "TcpFraming::max: less than the shortest message"},
+    };
+    const Stream stream(/*edgeTriggered=*/false);
+    for (const auto& [framing, fault] : rows) {
+        EXPECT_EQ(rangeErrorOf([&, framing = framing] {
+                      framedTcpPduPamFactory(stream.near, loopTcpRegistrationFactory(), framing);
+                  }),
+                  fault);
+    }
+}
+
+// How many messages of `bytes` bytes are taken, and why the stream has ended after two and a piece.
+std::string outcomeOf(const TcpFraming& framing, const std::string& start, uint64_t bytes,
+                      uint32_t ahead) {
+    Mox::EventLoop loop;
+    Stream stream(/*edgeTriggered=*/true);
+    const auto pam = framedTcpPduPamFactory(stream.near, loopTcpRegistrationFactory(), framing);
+    pam->readAheadBytesIs(ahead);
+    pam->enabledIs(true);
+    const uint64_t length = bytes - (framing.lengthIncludesHeader ? 0 : framing.headerBytes);
+    const uint64_t size = std::clamp<uint64_t>(bytes, framing.headerBytes, 65535);
+    std::string message = messageOf(framing, length, static_cast<uint32_t>(size), 1);
+    message.replace(0, start.size(), start);
+    stream.write(message);
+    stream.write(message);
+    stream.write(message.substr(0, std::min<size_t>(7, message.size() - 1)));
+    stream.far = nullptr;
+    uint32_t taken = 0;
+    for (Mox::Ptr<Pkt> pkt; (pkt = pam->rxPkt()); ++taken) {
+        EXPECT_EQ(pkt->stringValue(), message);
+    }
+    return std::to_string(taken) + " " + std::string(pam->rxErrorReason());
+}
+
+TEST(TcpFraming, TakesAndRefusesWhatTheProtocolsSay) {
+    const std::string taken = "2 Connection closed by peer";
+    const char tooSmall[] = "0 PDU length too small";
+    const char tooBig[] = "0 PDU length too big";
+    const struct {
+        TcpFraming framing;
+        std::string start;
+        uint32_t least, most;
+        const char* shorter;          // A length that does not count the header cannot be below it.
+        const char* other = nullptr;  // Of another start.
+    } rows[] = {
+        {bgpFraming, std::string(16, '\xff'), 19, 4096, tooSmall, "0 BGP marker not all ones"},
+        {ldpFraming, std::string("\0\1", 2), 10, 4100, tooSmall, "0 LDP version not 1"},
+        {rpkiRtrFraming, "", 8, 65535, tooSmall},
+        {length16Framing, "", 2, 65535, tooBig},
+        {length32Framing, "", 4, 65535, tooBig},
+    };
+    for (const auto& row : rows) {
+        for (const uint32_t ahead : {0u, 65536u}) {
+            SCOPED_TRACE(testing::Message() << &row - rows << ", " << ahead);
+            const auto outcome = [&](uint64_t bytes, const std::string& start) {
+                return outcomeOf(row.framing, start, bytes, ahead);
+            };
+            EXPECT_EQ(outcome(row.least - 1, row.start), row.shorter);
+            EXPECT_EQ(outcome(row.least, row.start), taken);
+            EXPECT_EQ(outcome(row.most, row.start), taken);
+            EXPECT_EQ(outcome(row.most + 1, row.start), tooBig);
+            for (uint32_t i = 0; i < row.start.size(); ++i) {
+                std::string start = row.start;
+                start[i] = static_cast<char>(start[i] ^ 1);
+                EXPECT_EQ(outcome(row.least, start), row.other);
+            }
+        }
     }
 }
 
