@@ -398,7 +398,7 @@ void World::checkStart(Client& client, Server& server) {
 
 TEST(TcpClientServer, ObserversMayDoAnything) {
     SANDBOX_OR_SKIP();
-    PavoTest::runPrograms(2000, PavoTest::runProgram<World>);
+    PavoTest::runPrograms(1200, PavoTest::runProgram<World>);
 }
 
 }  // namespace

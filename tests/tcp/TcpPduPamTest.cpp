@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <set>
@@ -25,8 +26,6 @@
 namespace Pavo {
 namespace {
 
-using Strings = std::vector<std::string>;
-
 constexpr auto readOnly = tcpEnableModeReadOnly;
 constexpr auto writeOnly = tcpEnableModeWriteOnly;
 constexpr auto both = tcpEnableModeReadWrite;
@@ -35,37 +34,22 @@ std::string pduOf(uint16_t length) {
     return messageOf(simpleFraming, length, length, length);
 }
 
-// Sends messages, and takes one of those that came at each notification.
-struct PduAgent {
-    explicit PduAgent(const Mox::Ptr<TcpFileDescriptor>& stream, TcpPduPamEnableMode mode = both,
-                      uint32_t ahead = 0)
-        : pam(newPam(stream, ahead != 0)) {
-        pam->readAheadBytesIs(ahead);
-        pam->enableModeIs(mode);
-    }
-    void send(std::string_view bytes) const { pam->txPktIs(pktOf(bytes)); }
-
-    static Mox::Ptr<TcpPduPam> newPam(const Mox::Ptr<TcpFileDescriptor>& stream, bool isFramed) {
-        const auto loop = loopTcpRegistrationFactory();
-        return isFramed ? Mox::Ptr<TcpPduPam>(framedTcpPduPamFactory(stream, loop, simpleFraming))
-                        : simpleTcpPduPamFactory(stream, loop);
-    }
-
-    const Mox::Ptr<TcpPduPam> pam;
-    Strings taken;
-    bool takes = true;
-    Mox::Watch<TcpPduPam> readable{
-        pam, Pam::readableCountAttr, [this] {
-            if (const Mox::Ptr<Pkt> pkt = takes ? pam->rxPkt() : nullptr) {
-                taken.emplace_back(pkt->stringValue().view());
-            }
-        }};
-};
+Mox::Ptr<TcpPduPam> newPam(const Mox::Ptr<TcpFileDescriptor>& stream, const TcpFraming& framing,
+                           bool isFramed) {
+    const auto loop = loopTcpRegistrationFactory();
+    return isFramed ? Mox::Ptr<TcpPduPam>(framedTcpPduPamFactory(stream, loop, framing))
+                    : simpleTcpPduPamFactory(stream, loop);
+}
 
 // For level- and edge-triggered descriptors, without read-ahead and with it, into buffers of which
-// half is left after the messages of a turn, or nothing.
+// half is left after the messages of a turn, or nothing. One message is taken at each notification.
 class TcpPduPamTest : public testing::TestWithParam<std::tuple<bool, uint32_t>> {
   protected:
+    TcpPduPamTest() {
+        pam_->readAheadBytesIs(std::get<1>(GetParam()));
+        pam_->enableModeIs(both);
+    }
+    void send(std::string_view bytes) const { pam_->txPktIs(pktOf(bytes)); }
     void turns(const std::function<void()>& beforeEach = [] {}) {
         int left = 1000;
         do {
@@ -73,20 +57,19 @@ class TcpPduPamTest : public testing::TestWithParam<std::tuple<bool, uint32_t>> 
             ASSERT_GT(--left, 0) << "it spins";
         } while (loop_.turn(0) != 0);
     }
-    // Sends until the socket takes no more, and ends in the first of two pieces.
-    static void fill(const PduAgent& agent) {
-        std::string pdu = pduOf(50000);
-        SocketIovec pieces[] = {{pdu.data(), 40000}, {pdu.data() + 40000, 10000}};
-        for (int left = 1000; agent.pam->writable() && left > 0; --left) {
-            agent.pam->sendIov(pieces, 2);
-        }
-        EXPECT_FALSE(agent.pam->writable());
-    }
 
     Mox::EventLoop loop_;
     Stream stream_{std::get<0>(GetParam())};
-    PduAgent agent_{stream_.near, both, std::get<1>(GetParam())};
-    const Mox::Ptr<TcpPduPam> pam_ = agent_.pam;
+    const Mox::Ptr<TcpPduPam> pam_ =
+        newPam(stream_.near, simpleFraming, std::get<1>(GetParam()) != 0);
+    std::vector<std::string> taken_;
+    bool takes_ = true;
+    const Mox::Watch<TcpPduPam> readable_{
+        pam_, Pam::readableCountAttr, [this] {
+            if (const Mox::Ptr<Pkt> pkt = takes_ ? pam_->rxPkt() : nullptr) {
+                taken_.emplace_back(pkt->stringValue().view());
+            }
+        }};
 };
 
 INSTANTIATE_TEST_SUITE_P(EdgeAndAhead, TcpPduPamTest,
@@ -99,33 +82,38 @@ TEST_P(TcpPduPamTest, ServesALimitedNumberOfPdusATurn) {
     }
     std::vector<std::size_t> served;
     while (loop_.turn(0) != 0) {
-        served.push_back(agent_.taken.size());
+        served.push_back(taken_.size());
     }
     EXPECT_THAT(served, testing::IsSupersetOf({32, 64, 96, 128, 160, 192, 200}));
 }
 
 TEST_P(TcpPduPamTest, APduThatIsNotTakenIsReportedOnce) {
-    agent_.takes = false;
+    takes_ = false;
     stream_.write(pduOf(30) + pduOf(31));
     turns();
     EXPECT_EQ(pam_->readableCount(), 1u);
 }
 
 TEST_P(TcpPduPamTest, APacketWithoutRoomWaitsAndTheNextOneStopsTheProcess) {
-    fill(agent_);
+    std::string pdu = pduOf(50000);  // It ends in the first of two pieces.
+    SocketIovec pieces[] = {{pdu.data(), 40000}, {pdu.data() + 40000, 10000}};
+    for (int left = 1000; pam_->writable() && left > 0; --left) {
+        pam_->sendIov(pieces, 2);
+    }
+    EXPECT_FALSE(pam_->writable());
     EXPECT_EQ(loop_.turn(0), 0u);  // No spinning.
     EXPECT_LT(pam_->txRemainingLength(), pam_->writeLength());
-    EXPECT_DEATH(agent_.send("x"), "!txPktHolderShadow\\(\\)");
+    EXPECT_DEATH(send("x"), "!txPktHolderShadow\\(\\)");
     turns([&] { stream_.read(); });
     pam_->enableModeIs(readOnly);
-    EXPECT_DEATH(agent_.send("x"), "\"?writable\\(\\)");
+    EXPECT_DEATH(send("x"), "\"?writable\\(\\)");
 }
 
 TEST_P(TcpPduPamTest, APacketThatNoCallCanSendIsAnErrorAfterWhichWritingGoesOn) {
     pam_->txPktIs(nullptr);
     pam_->txPktIs(Mox::make<Pkt>());
     EXPECT_EQ(pam_->txErrors(), 0u);
-    agent_.send(std::string(65536, '?'));
+    send(std::string(65536, '?'));
     EXPECT_EQ(pam_->txErrno(), EMSGSIZE);
     char byte = 'x';
     std::vector<SocketIovec> pieces(IOV_MAX + 1, SocketIovec{&byte, 1});
@@ -140,20 +128,8 @@ TEST_P(TcpPduPamTest, APacketThatNoCallCanSendIsAnErrorAfterWhichWritingGoesOn) 
     EXPECT_EQ(pam_->txDrops(), 1u);
 }
 
-// A loop watches a descriptor once: the second endpoint that needs it fails.
-TEST_P(TcpPduPamTest, ASocketThatCannotBeWatchedIsAnError) {
-    const PduAgent second(stream_.near, writeOnly);
-    EXPECT_THROW(second.pam->enableModeIs(both), Mox::ErrnoException);
-    EXPECT_FALSE(second.pam->enabled());
-    second.pam->enableModeIs(writeOnly);
-    fill(second);
-    EXPECT_EQ(second.pam->txErrorReason(), "Epoll_ctl failed with File exists");
-    EXPECT_EQ(second.pam->txErrno(), EEXIST);
-    EXPECT_EQ(second.pam->txErrors(), 1u);
-}
-
 TEST_P(TcpPduPamTest, AResetIsTheReasonOfBothDirections) {
-    agent_.send("never read");
+    send("never read");
     stream_.write(pduOf(40).substr(0, 39));
     turns();
     EXPECT_EQ(pam_->rxRemainingLength(), 1u);
@@ -163,7 +139,7 @@ TEST_P(TcpPduPamTest, AResetIsTheReasonOfBothDirections) {
     EXPECT_EQ(pam_->rxErrorReason(), "Recv failed with Connection reset by peer");
     EXPECT_EQ(pam_->rxErrors(), 1u);
     EXPECT_EQ(pam_->enableMode(), writeOnly);  // Pending until the end of the PDU.
-    agent_.send("last words");
+    send("last words");
     EXPECT_EQ(pam_->txErrorReason(), "Send failed with Broken pipe");
     EXPECT_FALSE(pam_->writable());
 }
@@ -179,9 +155,15 @@ TEST_P(TcpPduPamTest, MisuseStopsTheProcess) {
 struct World : PavoTest::RandomProgram {
     using RandomProgram::RandomProgram;
 
-    struct RandomStream;
+    struct RandomStream {
+        TcpFraming framing = simpleFraming;
+        bool isSpoilt = false;  // Other bytes may arrive than those of whole messages.
+        uint32_t calls = 0;     // Reads and sends that have not returned, as those that threw.
+        bool isOrdered = true;  // No call was made inside one.
+    };
     struct End {
-        RandomStream* stream = nullptr;
+        std::shared_ptr<RandomStream> stream;
+        End* peer = nullptr;
         Mox::Ptr<TcpFileDescriptor> fd;  // Null after it was closed, as is the endpoint.
         Mox::Ptr<TcpPduPam> pam;
         Mox::Watch<TcpPduPam> watch;
@@ -192,17 +174,8 @@ struct World : PavoTest::RandomProgram {
         bool hasClosed = false;
         bool isReading = false;  // And has not been notified since.
     };
-    struct RandomStream {
-        End& peerOf(const End& end) { return ends[&end == ends]; }
 
-        TcpFraming framing = simpleFraming;
-        bool isSpoilt = false;  // Other bytes may arrive than those of whole messages.
-        uint32_t calls = 0;     // Reads and sends that have not returned, as those that threw.
-        bool isOrdered = true;  // No call was made inside one.
-        End ends[2];
-    };
-
-    ~World() { streams.clear(); }
+    ~World() { ends.clear(); }
 
     TcpFraming anyFraming() {
         TcpFraming framing{.lengthAt = static_cast<uint16_t>(below(12)),
@@ -217,15 +190,16 @@ struct World : PavoTest::RandomProgram {
         const int few = 4608;
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, numbers), 0);
         setsockopt(numbers[0], SOL_SOCKET, SO_SNDBUF, &few, sizeof(few));
-        RandomStream& stream = *streams.emplace_back(std::make_unique<RandomStream>());
+        const auto stream = std::make_shared<RandomStream>();
         const bool isSimple = oneIn(2);
-        stream.framing = isSimple ? simpleFraming : anyFraming();
-        for (End& end : stream.ends) {
-            end.stream = &stream;
-            end.fd = tcpFileDescriptorFactory(numbers[&end - stream.ends], oneIn(2));
-            end.pam = isSimple && oneIn(2)
-                          ? Mox::Ptr<TcpPduPam>(simpleTcpPduPamFactory(end.fd, factory))
-                          : framedTcpPduPamFactory(end.fd, factory, stream.framing);
+        stream->framing = isSimple ? simpleFraming : anyFraming();
+        End* const pair[] = {&ends.emplace_back(), &ends.emplace_back()};
+        for (uint32_t i = 0; i < 2; ++i) {
+            End& end = *pair[i];
+            end.stream = stream;
+            end.peer = pair[1 - i];
+            end.fd = tcpFileDescriptorFactory(numbers[i], oneIn(2));
+            end.pam = newPam(end.fd, stream->framing, !isSimple || oneIn(2));
             end.pam->txQueueBytesIs(oneIn(2) ? 0 : below(30000));
             end.watch = {end.pam, Mox::allAttributes,
                          [this, &end, pam = end.pam.ptr()](const Mox::Change& change) {
@@ -294,7 +268,7 @@ struct World : PavoTest::RandomProgram {
         EXPECT_TRUE(pkt || !isHeld || !stream.isOrdered) << "`readable` without a message";
         if (pkt && !stream.isSpoilt) {
             const uint32_t number = checked(stream.framing, *pkt);
-            EXPECT_EQ(stream.peerOf(end).unarrived.erase(number), 1u) << "it came twice";
+            EXPECT_EQ(end.peer->unarrived.erase(number), 1u) << "it came twice";
             EXPECT_TRUE(number > end.lastArrived || !stream.isOrdered) << "it is out of order";
             end.lastArrived = number;
             oneIn(3) ? end.taken.push_back(pkt) : void();
@@ -325,8 +299,7 @@ struct World : PavoTest::RandomProgram {
     void handle(End& end, const TcpPduPam& pam, const Mox::Change& change) {
         EXPECT_EQ(pam.readable(), pam.rxPktHolderShadow() && !pam.rxRemainingLength());
         EXPECT_FALSE(pam.writable() && pam.txQueuedBytes() > pam.txQueueBytes() / 2);
-        EXPECT_FALSE(pam.writable() &&
-                     pam.pendingEnableReadOnlyOrWriteOnlyMode() == tcpEnableModeReadOnly);
+        EXPECT_FALSE(pam.writable() && pam.pendingEnableReadOnlyOrWriteOnlyMode() == readOnly);
         EXPECT_TRUE(!std::exchange(end.isReading, false) || change.is(TcpPduPam::readableAttr))
             << "counted from inside a read";
         EXPECT_FALSE(change.is(TcpPduPam::closedAttr) && end.hasClosed) << "twice";
@@ -350,9 +323,7 @@ struct World : PavoTest::RandomProgram {
     static constexpr uint32_t takings[] = {0, 0, 1, 2, 1000};
     Mox::EventLoop loop;
     Mox::ManualClock limits;
-    const Mox::Ptr<TcpFileDescriptorEventRegistrationFactory> factory =
-        loopTcpRegistrationFactory();
-    std::vector<std::unique_ptr<RandomStream>> streams;
+    std::deque<End> ends;
     uint32_t messages = 0;
     bool isAtRest = false;  // Only readers act: they read once when they are notified.
 };
@@ -360,8 +331,8 @@ struct World : PavoTest::RandomProgram {
 World::Actions World::anyActions() {
     const auto end = [this](auto act) {
         return [=, this] {
-            streams.empty() || oneIn(16) ? open() : void();
-            End& each = any(streams)->ends[below(2)];
+            ends.empty() || oneIn(16) ? open() : void();
+            End& each = any(ends);
             each.pam ? act(each) : void();
         };
     };
@@ -371,7 +342,7 @@ World::Actions World::anyActions() {
         {"send much", end([this](End& e) { send(e, 1, 9500); })},
         {"send many", end([this](End& e) { send(e, 2 + below(40), oneIn(4) ? 9000 : 200); })},
         {"send very many", end([this](End& e) { send(e, 400, 9); })},
-        {"enable", end([](End& e) { modeIs(e.pam, tcpEnableModeReadWrite); })},
+        {"enable", end([](End& e) { modeIs(e.pam, both); })},
         {"mode", end([this](End& e) { modeIs(e.pam, below(4)); })},
         {"only one", end([](End& e) { setAhead(e.pam, true, 0); })},
         {"not only one", end([](End& e) { e.pam->readOnePktOnlyIs(false); })},
@@ -390,27 +361,23 @@ World::Actions World::anyActions() {
 // Everything that was sent has arrived, and every stream that was to end has.
 void World::checkAtRest() {
     isAtRest = true;
-    for (const auto& stream : streams) {
-        for (End& end : stream->ends) {
-            if (!end.pam) {
-                continue;
-            }
-            end.pam->readOnePktOnly() ? end.pam->readOnePktOnlyIs(false) : void();
-            if (end.pam->enableMode() != tcpEnableModeReadWrite ||
-                end.pam->pendingEnableReadOnlyOrWriteOnlyMode() != tcpEnableModeNone) {
-                modeIs(end.pam, tcpEnableModeReadWrite);
-            }
-            end.pam->readable() ? (void)read(end) : void();  // Was announced before.
+    for (End& end : ends) {
+        if (!end.pam) {
+            continue;
         }
+        end.pam->readOnePktOnly() ? end.pam->readOnePktOnlyIs(false) : void();
+        if (end.pam->enableMode() != both ||
+            end.pam->pendingEnableReadOnlyOrWriteOnlyMode() != tcpEnableModeNone) {
+            modeIs(end.pam, both);
+        }
+        end.pam->readable() ? (void)read(end) : void();  // Was announced before.
     }
     settle(loop, [this] { return missing(); });
     limits.advance(3);
-    for (const auto& stream : streams) {
-        for (const End& end : stream->ends) {
-            EXPECT_TRUE(!end.isClosing || !end.pam || (end.pam->closed() && end.hasClosed));
-            for (const auto& each : end.taken) {
-                checked(stream->framing, *each);
-            }
+    for (const End& end : ends) {
+        EXPECT_TRUE(!end.isClosing || !end.pam || (end.pam->closed() && end.hasClosed));
+        for (const auto& each : end.taken) {
+            checked(end.stream->framing, *each);
         }
     }
     settle(loop, [this] { return missing(); });
@@ -419,18 +386,15 @@ void World::checkAtRest() {
 
 // What has arrived and should have been announced, or null.
 const char* World::missing() const {
-    for (const auto& stream : streams) {
-        for (const End& end : stream->ends) {
-            if (const char* what = end.pam ? missingFrom(end) : nullptr) {
-                return what;
-            }
-        }
+    const char* what = nullptr;
+    for (auto end = ends.begin(); end != ends.end() && what == nullptr; ++end) {
+        what = end->pam ? missingFrom(*end) : nullptr;
     }
-    return nullptr;
+    return what;
 }
 
 const char* World::missingFrom(const End& end) {
-    const End& peer = end.stream->peerOf(end);
+    const End& peer = *end.peer;
     if (!peer.fd && end.pam->rxErrors() == 0 && !end.isClosing) {
         return "the end of a stream";
     }
