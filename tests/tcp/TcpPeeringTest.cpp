@@ -253,6 +253,14 @@ TEST_F(TcpPeeringTest, OneConnectionStaysWhereBothEndsConnect) {
     EXPECT_TRUE(near->connection().isAccepted);
     EXPECT_FALSE(far->connection().isAccepted);
     EXPECT_EQ(near->connection().socket.dstPort(), far->connection().socket.srcPort());
+    // Whichever was first: that of the end with the greater number.
+    for (const bool isGreater : {false, true}) {
+        for (const bool accepts : {false, true}) {
+            EXPECT_EQ(
+                tcpCollisionByNumber(isGreater, {.isAccepted = !accepts}, {.isAccepted = accepts}),
+                accepts == isGreater ? TcpCollision::established : TcpCollision::arriving);
+        }
+    }
     // A peer that connects again has lost the connection before.
     EXPECT_EQ(tcpCollisionByNumber(true, near->connection(), near->connection()),
               TcpCollision::arriving);
