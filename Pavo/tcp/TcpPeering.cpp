@@ -137,7 +137,7 @@ void TcpPeering::accept(Listener* listener) {
 
 // Brings the key and the least TTL of the address into line with the peers that have it.
 void TcpPeering::updateListener(const Listener& listener, const IpGenAddr& address) {
-    const auto& config = listener.config;
+    const auto config = listener.config;  // Observers of a restart may end the listener.
     if (config->listenIpAddr().af() != address.af()) {
         return;
     }

@@ -49,18 +49,29 @@ struct World : PavoTest::RandomProgram {
         bool isUp = false;
         uint32_t sent = 0;
         uint32_t received = 0;
+        Mox::Watch<FramedTcpPduPam> watch{};
     };
     struct End : TcpPeeringHandler {
         World* world = nullptr;
         Mox::Ptr<TcpPeering> peering;
         std::map<const TcpPeer*, Session> sessions;
+        Mox::Watch<TcpServerStatus> listenerWatch;
         uint32_t number = 0;
+        bool isSending = false;
 
         Mox::Ptr<TcpPeer> peer(uint32_t other) const { return peering->peer(addressOfEnd(other)); }
-        void listen() const { peering->listenIs(addressOfEnd(number), port); }
+        void listen() {
+            peering->listenIs(addressOfEnd(number), port);
+            listenerWatch = {peering->listenerStatus(ipv4), TcpServerStatus::listeningAttr,
+                             [this] { world->respond(); }};
+        }
 
         void up(TcpPeer& peer) override {
             EXPECT_FALSE(std::exchange(sessions[&peer], {.isUp = true}).isUp);
+            sessions[&peer].watch = {
+                peer.pam(),
+                {TcpPduPam::enableModeAttr, Pam::txDropsAttr, TcpPduPam::txQueueBytesAttr},
+                [this](const Mox::Change&) { isSending ? void() : world->respond(); }};
             world->respond();
         }
         void message(TcpPeer& peer, const Mox::Ptr<Pkt>& pkt) override {
@@ -70,7 +81,7 @@ struct World : PavoTest::RandomProgram {
             world->respond();
         }
         void down(TcpPeer& peer, const Mox::String& reason) override {
-            EXPECT_TRUE(std::exchange(sessions[&peer].isUp, false));
+            EXPECT_TRUE(std::exchange(sessions[&peer], {}).isUp);
             EXPECT_FALSE(reason.empty());
             world->respond();
         }
@@ -128,16 +139,26 @@ struct World : PavoTest::RandomProgram {
         config.readAheadBytes = below(2) * 4096;
         return config;
     }
-    static void send(End& end, uint32_t other, uint32_t messages) {
+    static void send(End& end, uint32_t other, uint32_t messages, uint32_t tooLarge = UINT32_MAX) {
         const auto peer = end.peer(other);
-        for (; peer && messages > 0; --messages) {
-            const auto pkt = globalPktManager()->newPkt();
-            const uint32_t number = end.sessions[peer.ptr()].sent;
-            storeNet(pkt->newSharedTailData(2), static_cast<uint16_t>(4 + number % 900));
-            storeNet(pkt->newSharedTailData(4), number);
-            pkt->newSharedTailData(number % 900);
-            end.sessions[peer.ptr()].sent += peer->txPktIs(pkt) ? 1 : 0;
+        if (!peer) {
+            return;
         }
+        std::vector<Mox::Ptr<Pkt>> pkts;
+        for (uint32_t i = 0; i < messages; ++i) {
+            const uint32_t number = end.sessions[peer.ptr()].sent + i;
+            pkts.push_back(globalPktManager()->newPkt());
+            storeNet(pkts[i]->newSharedTailData(2), static_cast<uint16_t>(4 + number % 900));
+            storeNet(pkts[i]->newSharedTailData(4), number);
+            pkts[i]->newSharedTailData(i == tooLarge ? 65'530 : number % 900);
+        }
+        const uint32_t drops = peer->txDrops();
+        end.isSending = true;
+        const uint32_t taken = peer->txPktsIs(pkts);
+        end.isSending = false;
+        EXPECT_LE(taken, std::min(messages, tooLarge));
+        EXPECT_GE(peer->txDrops() - drops, messages - taken);
+        end.sessions[peer.ptr()].sent += taken;
     }
     static void close(End& end, uint32_t other, bool isOrderly) {
         if (const auto peer = end.peer(other)) {
@@ -152,7 +173,7 @@ struct World : PavoTest::RandomProgram {
             };
         };
         return {
-            {"send", on([this](End& e, uint32_t other) { send(e, other, below(20)); })},
+            {"send", on([this](End& e, uint32_t o) { send(e, o, below(20), below(200)); })},
             {"configure",
              on([this](End& e, uint32_t other) { e.peering->peerIs(anyConfig(e.number, other)); })},
             {"remove", on([](End& e, uint32_t o) { e.peering->peerDel(addressOfEnd(o)); })},

@@ -168,6 +168,8 @@ TEST_F(TcpSockOptTest, AnAttemptWithoutAnswerSaysWhatItsNamespaceHasDropped) {
     const TestServer picky(&byHand_, &wheel_, "127.0.0.1", 4001);
     const TestClient client(&byHand_, &wheel_, "127.0.0.1", 4001);
     const TestClient other(&byHand_, &wheel_, "127.0.0.1", 4001);
+    client.config->rxMinTtlIs(1);
+    client.config->optionsIs(optionRxMinTtl);
     picky.config->rxMinTtlIs(65);
     picky.config->optionsIs(optionRxMinTtl);
     client.config->md5AuthIs(peerOf("127.0.0.1/32"), "key");
