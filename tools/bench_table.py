@@ -118,6 +118,16 @@ MARKS = {
     ("DataPlaneCrc20", "libdeflate"): 0.9,
     ("DataPlaneCrc1500", "isal"): 0.5,
     ("DataPlaneCrc9000", "isal"): 0.5,
+    ("TimerArm", "libev"): 1,
+    ("TimerRearm", "libev"): 1,
+    ("TimerFire", "multimap"): 1,
+    ("TimerArmMixed", "libev"): 1,
+    ("TimerRearmMixed", "libev"): 1,
+    ("ClockArm", "libev"): 0.8,
+    ("ClockRearm", "libev"): 0.8,
+    ("ClockFire", "multimap"): 0.8,
+    ("ClockArmMixed", "libev"): 0.8,
+    ("ClockRearmMixed", "libev"): 0.8,
 }
 
 
