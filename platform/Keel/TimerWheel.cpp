@@ -55,7 +55,7 @@ struct TimerWheel::Wheel {
     uint64_t current = 0;
     // Timers of the current tick and before, and those that were armed for the time of a round that
     // had begun.
-    Mox::DueHeap near;
+    Mox::DueQueue near;
     Link timers;  // All of them, armed or idle.
     // Two notifiees, since the clock has to know the next expiry while overdue timers wait for the
     // next round.
@@ -168,7 +168,8 @@ void TimerWheel::Wheel::fireBefore(double limit) {
          first != nullptr && first->seconds < limit && clock()->isInRound(*first);
          first = near.first()) {
         auto* timer = static_cast<Notifiee*>(first);
-        remove(timer);
+        near.remove(timer);
+        timer->expiry_ = idle;
         timer->handleExpiry();
     }
 }

@@ -34,24 +34,22 @@ Clock::~Clock() {
 }
 
 double Clock::nextExpiry() const {
-    const Due* first = heap_.first();
+    const Due* first = queue_.first();
     return first == nullptr ? idle : static_cast<const Notifiee*>(first)->expiry_;
 }
 
 uint32_t Clock::fire() {
     const Round round(*this);
     uint32_t fired = 0;
-    for (Due* first = heap_.first(); first != nullptr && isInRound(*first); first = heap_.first()) {
+    for (Due* first = queue_.first(); first != nullptr && isInRound(*first);
+         first = queue_.first()) {
         auto* notifiee = static_cast<Notifiee*>(first);
-        notifiee->expiryIs(idle);
+        queue_.remove(notifiee);
+        notifiee->expiry_ = idle;
         ++fired;
         notifiee->handleExpiry();
     }
     return fired;
-}
-
-Due Clock::dueAt(double expiry) {
-    return {std::max(expiry, roundTime_), ++armed_};
 }
 
 void Clock::handleNextExpiry() {}
@@ -67,7 +65,7 @@ Clock::Notifiee::~Notifiee() {
     if (clock_ == nullptr) {
         return;
     }
-    clock_->heap_.remove(this);
+    clock_->queue_.remove(this);
     (previous_ != nullptr ? previous_->next_ : clock_->notifiees_) = next_;
     if (next_ != nullptr) {
         next_->previous_ = previous_;
@@ -77,7 +75,7 @@ Clock::Notifiee::~Notifiee() {
 void Clock::Notifiee::expiryIs(double expiry) {
     require(!std::isnan(expiry), "!isnan( expiry )");
     if (!isIdle()) {
-        clock_->heap_.remove(this);
+        clock_->queue_.remove(this);
         expiry_ = idle;
     }
     if (expiry == idle) {
@@ -85,9 +83,9 @@ void Clock::Notifiee::expiryIs(double expiry) {
     }
     require(clock_ != nullptr, "clock()");
     static_cast<Due&>(*this) = clock_->dueAt(expiry);
-    clock_->heap_.push(this);
+    clock_->queue_.push(this);
     expiry_ = expiry;
-    if (clock_->heap_.first() == this) {
+    if (clock_->queue_.first() == this) {
         clock_->handleNextExpiry();
     }
 }

@@ -2,6 +2,7 @@
 /// Clocks, and timers that are called when their time has come.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -10,7 +11,7 @@
 #include <utility>
 
 #include "Mox/Assert.h"
-#include "Mox/DueHeap.h"
+#include "Mox/DueQueue.h"
 #include "Mox/Export.h"
 
 namespace Mox {
@@ -48,7 +49,7 @@ class MOX_EXPORT Clock {
     double roundTime() const { return roundTime_; }
     /// For a queue of timers that is driven by this clock, as `Keel::TimerWheel` is: the place of a
     /// timer that is armed now.
-    Due dueAt(double expiry);
+    Due dueAt(double expiry) { return {std::max(expiry, roundTime_), ++armed_}; }
     /// For such a queue: whether the round under way calls a timer at that place.
     bool isInRound(const Due& due) const {
         return due.seconds <= roundTime_ && due.armedAs <= newestInRound_;
@@ -58,7 +59,7 @@ class MOX_EXPORT Clock {
     Clock() = default;
 
     /// The earliest time after `seconds` at which a notifiee is due; +infinity when there is none.
-    double nextDueAfter(double seconds) const { return heap_.firstAfter(seconds); }
+    double nextDueAfter(double seconds) const { return queue_.firstAfter(seconds); }
 
   private:
     struct Round;
@@ -66,7 +67,7 @@ class MOX_EXPORT Clock {
     // Called when a notifiee was armed that is called before all others.
     virtual void handleNextExpiry();
 
-    DueHeap heap_;
+    DueQueue queue_;
     Notifiee* notifiees_ = nullptr;  // All of them, armed or idle.
     uint64_t armed_ = 0;
     uint64_t newestInRound_ = 0;

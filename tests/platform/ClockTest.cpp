@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <optional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -94,6 +96,39 @@ std::vector<std::pair<int, double>> callsOfProgram(uint32_t seed, bool cancels) 
         }
     }
     return calls;
+}
+
+TEST(DueQueue, KeepsTheOrderOfASet) {
+    for (const uint32_t seed : PavoTest::Seeds(30)) {
+        std::mt19937 random(seed);
+        const uint32_t inOrder = seed % 3 * 5;  // Of ten timers, those armed for the same interval.
+        std::vector<Due> timers(seed % 2 == 0 ? 400 : 7);
+        std::set<std::pair<double, uint64_t>> model;
+        DueQueue queue;
+        double now = 0;
+        const auto remove = [&](Due* due) {
+            model.erase({due->seconds, due->armedAs});
+            queue.remove(due);
+        };
+        for (uint64_t step = 1; step <= 20000; ++step) {
+            Due* due = &timers[random() % timers.size()];
+            const auto kind = random() % 10;
+            remove(due);
+            if (kind < 7) {
+                const bool usual = random() % 10 < inOrder;
+                *due = {now + (usual ? 50 : static_cast<double>(random() % 100)), step};
+                model.emplace(due->seconds, due->armedAs);
+                queue.push(due);
+            } else if (kind < 9 && !model.empty()) {
+                now = std::max(now, queue.first()->seconds);
+                remove(queue.first());
+            }
+            ASSERT_EQ(queue.first() == nullptr, model.empty());
+            ASSERT_TRUE(model.empty() || queue.first()->armedAs == model.begin()->second) << seed;
+            const auto later = model.upper_bound({now, UINT64_MAX});
+            ASSERT_EQ(queue.firstAfter(now), later == model.end() ? Clock::idle : later->first);
+        }
+    }
 }
 
 TEST(TimerWheel, CallsItsTimersLikeTheClockItsOwn) {

@@ -1,0 +1,142 @@
+#include "Mox/DueQueue.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace Mox {
+
+namespace {
+
+// Marks an index as one of the run.
+constexpr uint32_t inRun = 1u << 31;
+constexpr uint32_t children = 4;
+constexpr std::size_t leastRoom = 16;
+
+}  // namespace
+
+double DueQueue::firstAfter(double seconds) const {
+    double earliest = std::numeric_limits<double>::infinity();
+    auto later =
+        std::upper_bound(run_.begin() + head_, run_.end(), seconds,
+                         [](double time, const Entry& each) { return time < each.seconds; });
+    later = std::find_if(later, run_.end(), [](const Entry& each) { return each.due != nullptr; });
+    if (later != run_.end()) {
+        earliest = later->seconds;
+    }
+    for (const Entry& each : heap_) {
+        if (each.seconds > seconds) {
+            earliest = std::min(earliest, each.seconds);
+            if (&each == &heap_.front()) {
+                break;  // No other one is due before it.
+            }
+        }
+    }
+    return earliest;
+}
+
+void DueQueue::push(Due* due) {
+    const Entry entry{due->seconds, due};
+    if (!run_.empty() && entry.isBefore(run_.back())) {
+        heap_.push_back(entry);
+        siftUp(static_cast<uint32_t>(heap_.size()) - 1, entry);
+        return;
+    }
+    if (run_.size() == run_.capacity()) {
+        makeRoomInRun();
+    }
+    due->index = inRun | static_cast<uint32_t>(run_.size());
+    run_.push_back(entry);
+}
+
+void DueQueue::take(Due* due) {
+    const uint32_t index = std::exchange(due->index, Due::notQueued);
+    if ((index & inRun) != 0) {
+        removeFromRun(index & ~inRun);
+    } else {
+        removeFromHeap(index);
+    }
+}
+
+void DueQueue::removeFromRun(uint32_t index) {
+    run_[index].due = nullptr;
+    while (head_ < run_.size() && run_[head_].due == nullptr) {
+        ++head_;
+    }
+    if (head_ == run_.size()) {
+        run_.clear();
+        head_ = 0;
+        return;
+    }
+    while (run_.back().due == nullptr) {
+        run_.pop_back();
+    }
+}
+
+// Takes out the entries of timers that were removed. More memory only where half of it is in use
+// after that, so that timers that are armed and cancelled for ever need no more of it.
+void DueQueue::makeRoomInRun() {
+    uint32_t count = 0;
+    for (std::size_t i = head_; i < run_.size(); ++i) {
+        const Entry each = run_[i];
+        if (each.due == nullptr) {
+            continue;
+        }
+        if (i != count) {
+            each.due->index = inRun | count;
+            run_[count] = each;
+        }
+        ++count;
+    }
+    run_.resize(count);
+    head_ = 0;
+    if (2 * run_.size() >= run_.capacity()) {
+        run_.reserve(std::max(2 * run_.capacity(), leastRoom));
+    }
+}
+
+void DueQueue::removeFromHeap(uint32_t index) {
+    const Entry last = heap_.back();
+    heap_.pop_back();
+    if (index == heap_.size()) {
+        return;
+    }
+    if (index > 0 && last.isBefore(heap_[(index - 1) / children])) {
+        siftUp(index, last);
+    } else {
+        siftDown(index, last);
+    }
+}
+
+void DueQueue::place(uint32_t index, Entry entry) {
+    heap_[index] = entry;
+    entry.due->index = index;
+}
+
+void DueQueue::siftUp(uint32_t index, Entry moving) {
+    while (index > 0 && moving.isBefore(heap_[(index - 1) / children])) {
+        place(index, heap_[(index - 1) / children]);
+        index = (index - 1) / children;
+    }
+    place(index, moving);
+}
+
+void DueQueue::siftDown(uint32_t index, Entry moving) {
+    const auto count = static_cast<uint32_t>(heap_.size());
+    for (uint32_t first = children * index + 1; first < count; first = children * index + 1) {
+        uint32_t least = first;
+        for (uint32_t child = first + 1; child < std::min(first + children, count); ++child) {
+            if (heap_[child].isBefore(heap_[least])) {
+                least = child;
+            }
+        }
+        if (!heap_[least].isBefore(moving)) {
+            break;
+        }
+        place(index, heap_[least]);
+        index = least;
+    }
+    place(index, moving);
+}
+
+}  // namespace Mox
