@@ -1,5 +1,5 @@
-// From 64 ready descriptors to their handlers, beside a bare epoll loop; and a turn that finds
-// nothing among 10,000 descriptors, beside one with a single descriptor.
+// From 1 to 10,000 ready descriptors to their handlers, beside a bare epoll loop; and a turn that
+// finds nothing among 10,000 descriptors, beside one with a single descriptor.
 
 #include <benchmark/benchmark.h>
 #include <sys/epoll.h>
@@ -8,13 +8,21 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "Mox/EventLoop.h"
 
 namespace {
 
-constexpr int descriptors = 64;
+// Room for that many descriptors; false where so many are not allowed.
+bool allow(rlim_t count) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur >= count + 100;
+}
 
 // Ready for ever, since it is not read, with a value of 1, and never with 0.
 int descriptor(unsigned value) {
@@ -40,10 +48,14 @@ class Handler {
     uint32_t calls_ = 0;
 };
 
-void readyPavo(benchmark::State& state) {
+void readyPavo(benchmark::State& state, uint32_t descriptors) {
+    if (!allow(descriptors)) {
+        state.SkipWithError("too few descriptors are allowed");
+        return;
+    }
     Mox::EventLoop loop;
     std::vector<Mox::Ptr<Reactor>> reactors;
-    for (int i = 0; i < descriptors; ++i) {
+    for (uint32_t i = 0; i < descriptors; ++i) {
         const auto fd = Mox::fileDescriptorFactory(descriptor(1));
         fd->watchingIs(Mox::FileDescriptor::Watching::level);
         reactors.push_back(Mox::make<Reactor>(fd));
@@ -59,11 +71,16 @@ void readyPavo(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * descriptors);
 }
 
-void readyEpoll(benchmark::State& state) {
+void readyEpoll(benchmark::State& state, uint32_t descriptors) {
+    if (!allow(descriptors)) {
+        state.SkipWithError("too few descriptors are allowed");
+        return;
+    }
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
     std::vector<std::unique_ptr<Handler>> handlers;
     std::vector<int> fds;
-    for (int i = 0; i < descriptors; ++i) {
+    std::vector<epoll_event> events(descriptors);
+    for (uint32_t i = 0; i < descriptors; ++i) {
         handlers.push_back(std::make_unique<Handler>());
         fds.push_back(descriptor(1));
         epoll_event event{};
@@ -72,9 +89,8 @@ void readyEpoll(benchmark::State& state) {
         epoll_ctl(epoll, EPOLL_CTL_ADD, fds.back(), &event);
     }
     for (auto _ : state) {
-        epoll_event events[descriptors];
-        const int count = epoll_wait(epoll, events, descriptors, 0);
-        for (int i = 0; i < count; ++i) {
+        const int count = epoll_wait(epoll, events.data(), static_cast<int>(events.size()), 0);
+        for (uint32_t i = 0; i < static_cast<uint32_t>(count); ++i) {
             static_cast<Handler*>(events[i].data.ptr)->handleReadable();
         }
     }
@@ -86,11 +102,7 @@ void readyEpoll(benchmark::State& state) {
 }
 
 void idlePavo(benchmark::State& state, rlim_t count) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < count + 100) {
+    if (!allow(count)) {
         state.SkipWithError("too few descriptors are allowed");
         return;
     }
@@ -105,8 +117,14 @@ void idlePavo(benchmark::State& state, rlim_t count) {
     }
 }
 
-BENCHMARK(readyPavo)->Name("Ready64/pavo");
-BENCHMARK(readyEpoll)->Name("Ready64/epoll");
+const bool registered = [] {
+    for (const uint32_t count : {1u, 64u, 1000u, 10000u}) {
+        const std::string line = "Ready" + std::to_string(count);
+        benchmark::RegisterBenchmark((line + "/pavo").c_str(), readyPavo, count);
+        benchmark::RegisterBenchmark((line + "/epoll").c_str(), readyEpoll, count);
+    }
+    return true;
+}();
 BENCHMARK_CAPTURE(idlePavo, tenThousand, 10000)->Name("Idle10000/pavo");
 BENCHMARK_CAPTURE(idlePavo, one, 1)->Name("Idle10000/one");
 

@@ -1,8 +1,9 @@
-// An attribute set with observers, beside plain virtual calls and Boost.Signals2.
+// An attribute set with observers, beside plain virtual calls, std::function and Boost.Signals2.
 
 #include <benchmark/benchmark.h>
 
 #include <boost/signals2.hpp>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -97,6 +98,26 @@ void notifyVirtual(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
+void notifyFunctions(benchmark::State& state) {
+    std::vector<std::function<void()>> functions;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        if (i % 2 == 0) {
+            functions.emplace_back([calls = 0u]() mutable { benchmark::DoNotOptimize(++calls); });
+        } else {
+            functions.emplace_back(
+                [calls = 0u]() mutable { benchmark::DoNotOptimize(calls += 2); });
+        }
+    }
+    uint32_t value = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(++value);
+        for (const auto& each : functions) {
+            each();
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 void notifySignals2(benchmark::State& state) {
     std::vector<std::unique_ptr<Callee>> callees;
     boost::signals2::signal<void()> changed;
@@ -117,6 +138,8 @@ const bool registered = [] {
         const auto line = "Notify" + std::to_string(observers);
         benchmark::RegisterBenchmark((line + "/pavo").c_str(), notifyPavo)->Arg(observers);
         benchmark::RegisterBenchmark((line + "/virtual_calls").c_str(), notifyVirtual)
+            ->Arg(observers);
+        benchmark::RegisterBenchmark((line + "/functions").c_str(), notifyFunctions)
             ->Arg(observers);
         benchmark::RegisterBenchmark((line + "/signals2").c_str(), notifySignals2)->Arg(observers);
     }

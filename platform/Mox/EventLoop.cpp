@@ -242,7 +242,7 @@ void EventLoop::wait(double timeoutSeconds) {
 bool EventLoop::takeEvents(int count) {
     bool timerOnly = count == 1;
     for (int i = 0; i < count; ++i) {
-        const epoll_event event = events_[static_cast<uint32_t>(i)];
+        const epoll_event& event = events_[static_cast<uint32_t>(i)];
         if (event.data.u64 == timerEvent) {
             timerExpiry_ = Clock::idle;
             continue;
