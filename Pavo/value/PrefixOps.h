@@ -5,9 +5,11 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <utility>
 
 #include "Mox/Exception.h"
+#include "Mox/ValueType.h"
 
 namespace Pavo {
 
@@ -128,4 +130,32 @@ class PrefixOps {
     }
 };
 
+/// A prefix type.
+template <class T>
+concept PrefixValue = Mox::Value<T> && std::derived_from<T, PrefixOps<T>>;
+
 }  // namespace Pavo
+
+/// Mixed of address and length as numbers, and not by `hash()`: a lookup in a table takes the hash
+/// of each prefix on its way, and is two to five times as fast. Every bit depends on all of address
+/// and length, since networks are zero in the low bits that many tables use.
+template <Pavo::PrefixValue T>
+struct std::hash<T> {
+    std::size_t operator()(const T& prefix) const noexcept {
+        uint64_t key = prefix.len();
+        if constexpr (requires { prefix.af(); }) {
+            key |= static_cast<uint64_t>(prefix.af()) << 32;
+        }
+        if constexpr (sizeof(prefix.address()) == 4) {
+            key |= uint64_t{prefix.address().value()} << 32;
+        } else {
+            key = mixed(key ^ prefix.address().u64(1)) ^ prefix.address().u64(0);
+        }
+        return static_cast<uint32_t>(mixed(mixed(key)) >> 32);
+    }
+
+  private:
+    static constexpr uint64_t mixed(uint64_t key) {
+        return (key ^ key >> 32) * 0x9e3779b97f4a7c15;  // 2^64 divided by the golden ratio.
+    }
+};
