@@ -4,6 +4,7 @@
 
 #include "Pavo/base/IntMix.h"
 #include "Pavo/value/EthText.h"
+#include "Pavo/value/QuickText.h"
 
 namespace Pavo {
 
@@ -35,6 +36,10 @@ uint32_t EthAddr::hash(uint32_t seed) const {
 }
 
 const char* EthAddr::parse(Mox::TextCursor& in) {
+    if (const std::size_t length = quickMac(in.at(), in.end(), bytes_)) {
+        in.atIs(in.at() + length);
+        return nullptr;
+    }
     return readHexBytes<6>(in, bytes_) ? nullptr : invalidText;
 }
 

@@ -7,6 +7,7 @@
 #include "Pavo/value/EthAddr.h"
 #include "Pavo/value/Ip6Text.h"
 #include "Pavo/value/IpText.h"
+#include "Pavo/value/QuickText.h"
 
 namespace Pavo {
 
@@ -91,7 +92,14 @@ void Ip6Addr::stringValueExpandedIs(const Mox::String& text) {
 }
 
 const char* Ip6Addr::parse(Mox::TextCursor& in) {
-    return readIp6Text(in, this);
+    uint64_t high = 0;
+    uint64_t low = 0;
+    if (const std::size_t length = quickIp6(in.at(), in.end(), &high, &low)) {
+        *this = Ip6Addr(high, low);
+        in.atIs(in.at() + length);
+        return nullptr;
+    }
+    return readPlainIp6Text(in, this);
 }
 
 void Ip6Addr::print(Mox::TextWriter& out) const {

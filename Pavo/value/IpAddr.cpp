@@ -3,6 +3,7 @@
 #include "toggle/toggle.h"
 
 #include "Pavo/value/EthAddr.h"
+#include "Pavo/value/QuickText.h"
 
 namespace Pavo {
 
@@ -27,6 +28,14 @@ bool IpAddr::isReserved(bool routable) const {
 EthAddr IpAddr::mcastEtherAddress() const {
     return EthAddr(0x0100, static_cast<uint16_t>(0x5e00 | (bytes_[1] & 0x7f)),
                    static_cast<uint16_t>(value()));
+}
+
+const char* IpAddr::parseAtRunTime(Mox::TextCursor& in) {
+    if (const std::size_t length = quickDottedQuad(in.at(), in.end(), bytes_)) {
+        in.atIs(in.at() + length);
+        return nullptr;
+    }
+    return readDottedQuad(in, bytes_) == DottedFault::none ? nullptr : invalidText;
 }
 
 const char* IpAddrWithMask::parse(Mox::TextCursor& in) {

@@ -112,6 +112,9 @@ class IpAddr : public Mox::ValueType<IpAddr> {
         return Mox::record("Pavo::IpAddr", Mox::field("bytes", &IpAddr::bytes_));
     }
     constexpr const char* parse(Mox::TextCursor& in) {
+        if (!std::is_constant_evaluated()) {
+            return parseAtRunTime(in);
+        }
         return readDottedQuad(in, bytes_) == DottedFault::none ? nullptr : invalidText;
     }
     void print(Mox::TextWriter& out) const {
@@ -119,6 +122,7 @@ class IpAddr : public Mox::ValueType<IpAddr> {
     }
 
   private:
+    PAVO_EXPORT const char* parseAtRunTime(Mox::TextCursor& in);
     constexpr bool hasBits(uint32_t bits) const { return (value() & bits) == bits; }
 
     uint8_t bytes_[4] = {};
