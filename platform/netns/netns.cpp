@@ -208,15 +208,28 @@ int openSocket(int domain, int type, int protocol, const char* name) {
     return fd;
 }
 
-// Calls `open` with the thread in the target.
+// Calls `open` with the thread in the target, which it may be in already. The thread's own
+// namespace is opened first, and not looked up: the look-up by path costs most of what opening it
+// does.
 template <class Open>
-int openElsewhere(const Namespace& target, Open open) {
-    if (!target.isUsable()) {
-        return -1;
-    }
+int openFrom(Namespace& target, Open open) {
     const OwnedFd from(::open(threadNamespacePath, O_RDONLY | O_CLOEXEC));
     if (!from.isOpen()) {
         return failed("open", threadNamespacePath);
+    }
+    struct stat here;
+    if (fstat(from.fd(), &here) != 0) {
+        return failed("fstat", threadNamespacePath);
+    }
+    Identity there;
+    if (!target.open() || !target.getIdentity(&there)) {
+        return -1;
+    }
+    if (identityIn(here) == there) {
+        return open();
+    }
+    if (!target.isUsable()) {
+        return -1;
     }
     if (setns(target.fd(), CLONE_NEWNET) != 0) {
         return failed("setns", target.name());
@@ -226,26 +239,30 @@ int openElsewhere(const Namespace& target, Open open) {
     return fd;
 }
 
-// The same for a thread that is in `here`, and perhaps in the target already.
-template <class Open>
-int openFrom(const struct stat& here, Namespace& target, Open open) {
-    Identity there;
-    if (!target.open() || !target.getIdentity(&there)) {
-        return -1;
-    }
-    return identityIn(here) == there ? open() : openElsewhere(target, open);
-}
-
-// Opens a socket of the start namespace where there is no /proc by which the thread could learn
-// where it is, or return: the socket itself shows whether the thread is there already.
-int openSocketWithoutProc(int domain, int type, int protocol) {
+// Opens a socket of the start namespace. Most threads are in it: the socket itself shows whether
+// this one is, which costs a tenth of what /proc does, and works without /proc. Only a thread that
+// is elsewhere, or may be, asks /proc.
+int openStartSocket(int domain, int type, int protocol) {
     OwnedFd opened(openSocket(domain, type, protocol, DEFAULT_NS));
-    if (!opened.isOpen()) {
-        return -1;
+    const int error = errno;
+    if (opened.isOpen() && startNamespace.cookie != 0 &&
+        cookieOf(opened) == startNamespace.cookie) {
+        return opened.release();
     }
-    if (startNamespace.cookie == 0 || cookieOf(opened) != startNamespace.cookie) {
+    struct stat here;
+    const bool isHereKnown = stat(threadNamespacePath, &here) == 0;
+    const bool hasProc = startNamespace.error != ENOENT && (isHereKnown || errno != ENOENT);
+    if (hasProc && !isHereKnown) {
+        return failed("stat", threadNamespacePath);
+    }
+    if (hasProc && identityIn(here) != startNamespace.identity) {
+        Namespace start(DEFAULT_NS);
+        return openFrom(start, [&] { return openSocket(domain, type, protocol, DEFAULT_NS); });
+    }
+    if (opened.isOpen() && !hasProc) {
         return failedWith(ENOENT, "stat", threadNamespacePath);
     }
+    errno = error;
     return opened.release();
 }
 
@@ -269,26 +286,15 @@ const char DEFAULT_NS[] = "default";
 
 int netnsSocketAt(int domain, int type, int protocol, const char* name) {
     Namespace target(name);
-    struct stat here;
-    const bool isHereKnown = stat(threadNamespacePath, &here) == 0;
-    const int error = isHereKnown ? startNamespace.error : errno;
-    if (target.isStart() && error == ENOENT) {
-        return openSocketWithoutProc(domain, type, protocol);
+    if (target.isStart()) {
+        return openStartSocket(domain, type, protocol);
     }
-    if (!isHereKnown) {
-        return failed("stat", threadNamespacePath);
-    }
-    return openFrom(here, target,
-                    [&] { return openSocket(domain, type, protocol, target.name()); });
+    return openFrom(target, [&] { return openSocket(domain, type, protocol, target.name()); });
 }
 
 int netnsOpenAt(const char* path, int flags, const char* name) {
     Namespace target(name);
-    struct stat here;
-    if (stat(threadNamespacePath, &here) != 0) {
-        return failed("stat", threadNamespacePath);
-    }
-    return openFrom(here, target, [&] {
+    return openFrom(target, [&] {
         const int fd = open(path, flags | O_CLOEXEC);
         return fd >= 0 ? fd : failed("open", path);
     });
