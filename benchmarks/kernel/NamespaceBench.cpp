@@ -1,5 +1,5 @@
 // Creating and removing a network namespace: with Pavo, with ip(8), and with the bare system calls
-// and few checks.
+// and few checks. A socket of one, by the namespace's name.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "Pavo/NetnsUtils.h"
+#include "Pavo/SocketAt.h"
 #include "sandbox/Sandbox.h"
 
 namespace {
@@ -56,6 +57,37 @@ void rounds(benchmark::State& state, bool (*round)()) {
         }
     }
 }
+
+int pavoSocket() {
+    return Pavo::socketAt(AF_INET, SOCK_DGRAM, 0, "elsewhere");
+}
+
+int bareSocket() {
+    const int here = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int there = open("/var/run/netns/elsewhere", O_RDONLY | O_CLOEXEC);
+    const bool isThere = setns(there, CLONE_NEWNET) == 0;
+    const int fd = isThere ? socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1;
+    setns(here, CLONE_NEWNET);
+    close(here);
+    close(there);
+    return fd;
+}
+
+void sockets(benchmark::State& state, int (*open)()) {
+    Pavo::netNsAdd("elsewhere");
+    for (auto _ : state) {
+        const int fd = open();
+        if (fd < 0) {
+            state.SkipWithError("no socket");
+            break;
+        }
+        close(fd);
+    }
+    Pavo::netNsDelete("elsewhere");
+}
+
+BENCHMARK_CAPTURE(sockets, pavo, pavoSocket)->Name("SocketInNetns/pavo");
+BENCHMARK_CAPTURE(sockets, bare, bareSocket)->Name("SocketInNetns/bare");
 
 // In real time: most of the work of ip(8) is in processes of its own.
 BENCHMARK_CAPTURE(rounds, pavo, pavo)->Name("NetnsAddDelete/pavo")->UseRealTime();

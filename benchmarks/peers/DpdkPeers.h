@@ -25,6 +25,8 @@ std::size_t checks(const uint8_t* frame, uint16_t length, std::size_t times);
 
 // A VLAN tag is put into a frame and taken out again, `times` times.
 void vlanTags(const uint8_t* frame, uint16_t length, std::size_t times);
+// Reads the text of a MAC address; false for one that is not.
+bool readEthAddr(const char* text, uint8_t* bytes);
 
 }  // namespace DpdkPeers
 
