@@ -146,7 +146,8 @@ class PAVO_EXPORT Pam : public Mox::EntityOf<Pam> {
     uint32_t rxErrorsInc(uint32_t delta) { return attributeInc(rxErrors_, delta, rxErrorsAttr); }
 
     /// The packets of a bulk read by slot, null past the last one. Keep the pointer while you use
-    /// what it leads to: the next read changes the slot.
+    /// what it leads to: the next read changes the slot. Until then the slots hold their packets,
+    /// which `savedPacketDelAll` gives back where memory counts; the next read then makes new ones.
     Mox::Ptr<Pkt> savedPacket(uint32_t slot) const { return savedPacket_.at(slot); }
     const Mox::Array<Mox::Ptr<Pkt>>& savedPacket() const { return savedPacket_; }
     void savedPacketIs(uint32_t slot, Mox::Ptr<Pkt> pkt);

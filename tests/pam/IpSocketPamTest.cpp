@@ -194,9 +194,13 @@ TEST_P(RawIpPamTest, ReadsBatchesWithTheMetadataOfEachPacket) {
     EXPECT_EQ(pam->savedPacket(1).ptr(), second);  // It was not held, so it is read into again.
     EXPECT_FALSE(pam->savedPacketRx(1));
     EXPECT_EQ(textOf(pam->rxInfo(1)), textOf(RxInfo()));
+    pam->savedPacketDelAll();
+    sendAll(pam, {"5"});
+    EXPECT_EQ(pam->rxPktBulk(), 1);
+    EXPECT_EQ(payload(pam->savedPacket(0)), "5");
     EXPECT_EQ(pam->rxPktBulk(), 0);
     EXPECT_EQ(pam->rxErrors(), 1u);
-    EXPECT_EQ(pam->rxPktCount(), 4u);
+    EXPECT_EQ(pam->rxPktCount(), 5u);
 }
 
 TEST_P(RawIpPamTest, CountsEverySendThatFails) {
