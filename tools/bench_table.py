@@ -211,9 +211,10 @@ def page(rows, growth, plot):
              "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
              "within 10 %. \"Wanted\" is the ratio that the line has to reach on x86-64, if it has one.",
              "A line of socket work is a burst of 64 packets; those of 9,000 bytes are bursts of 32. The",
-             "peers packet_a_call, one, untapped, exact_reads, get_pdu_size and member_hash are Pavo itself: without",
-             "bulk reads, with one descriptor instead of 10,000, without a tap, without read-ahead,",
-             "with a framing that is a class, and with `hash()` in place of `std::hash`.", "",
+             "peers packet_a_call, one, untapped, exact_reads, get_pdu_size and member_hash are Pavo",
+             "itself: without bulk reads, with one descriptor instead of 10,000, without a tap, without",
+             "read-ahead, with a framing that is a class, and with `hash()` in place of `std::hash`.",
+             "Lines named DataPlane, Timer and Clock are measured where their peers are installed.", "",
              f"{machine()}, {compiler()}.", "",
              f"![The ratio to the best peer, by line]({plot})", "", *table(HEADINGS, rows)]
     if growth:

@@ -143,6 +143,8 @@ void vlanTags(const uint8_t* frame, uint16_t length, std::size_t times) {
         bytesMayChange(packet);
     }
     rte_pktmbuf_free(packet);
+}
+
 bool readEthAddr(const char* text, uint8_t* bytes) {
     return rte_ether_unformat_addr(text, reinterpret_cast<rte_ether_addr*>(bytes)) == 0;
 }

@@ -1,7 +1,6 @@
 // The same work by DPDK. Its functions are inline, so they are compiled here, each with its loop.
 
-#ifndef PAVO_BENCHMARKS_DPDKPEERS_H
-#define PAVO_BENCHMARKS_DPDKPEERS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -25,9 +24,8 @@ std::size_t checks(const uint8_t* frame, uint16_t length, std::size_t times);
 
 // A VLAN tag is put into a frame and taken out again, `times` times.
 void vlanTags(const uint8_t* frame, uint16_t length, std::size_t times);
+
 // Reads the text of a MAC address; false for one that is not.
 bool readEthAddr(const char* text, uint8_t* bytes);
 
 }  // namespace DpdkPeers
-
-#endif
