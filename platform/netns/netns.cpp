@@ -245,9 +245,17 @@ int openFrom(Namespace& target, Open open) {
 int openStartSocket(int domain, int type, int protocol) {
     OwnedFd opened(openSocket(domain, type, protocol, DEFAULT_NS));
     const int error = errno;
-    if (opened.isOpen() && startNamespace.cookie != 0 &&
-        cookieOf(opened) == startNamespace.cookie) {
-        return opened.release();
+    if (!opened.isOpen() && (error == EMFILE || error == ENFILE || error == ENOMEM)) {
+        return -1;  // As it would be in any namespace.
+    }
+    if (opened.isOpen() && startNamespace.cookie != 0) {
+        const uint64_t cookie = cookieOf(opened);
+        if (cookie == 0) {
+            return failed("getsockopt", "SO_NETNS_COOKIE");
+        }
+        if (cookie == startNamespace.cookie) {
+            return opened.release();
+        }
     }
     struct stat here;
     const bool isHereKnown = stat(threadNamespacePath, &here) == 0;

@@ -30,7 +30,8 @@ std::string randomText(Random& random) {
     for (int i = 0; i < groups[kind]; ++i) {
         char group[16];
         const uint32_t bits = kind == 1 ? number(17) : 8;
-        std::snprintf(group, sizeof(group), formats[kind], number(1u << bits));
+        const char* const format = kind == 0 && number(4) == 0 ? "%04u" : formats[kind];
+        std::snprintf(group, sizeof(group), format, number(1u << bits));
         text += (i > 0 ? separators[kind] : "") + std::string(group);
         text += kind == 1 && number(6) == 0 ? ":" : "";
     }
