@@ -75,8 +75,8 @@ class MOX_EXPORT DueQueue {
     void siftUp(uint32_t index, Entry moving);
     void siftDown(uint32_t index, Entry moving);
 
-    std::vector<Entry>
-        run_;  // Its entries from the head on; the first and the last one are timers.
+    // The run: the entries from the head on, of which the first and the last one are timers.
+    std::vector<Entry> run_;
     uint32_t head_ = 0;
     std::vector<Entry> heap_;  // With four children each.
 };
