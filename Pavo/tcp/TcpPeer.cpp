@@ -192,7 +192,11 @@ void TcpPeer::handleAttempt() {
     if (status->connectionStatus() == Status::connected) {
         const TcpPeerConnection connection{status->connSocket(), /*isAccepted=*/false};
         attempt_.reset();
-        established(connection);
+        try {
+            established(connection);
+        } catch (const std::bad_alloc& error) {
+            attemptFailed(error.what());
+        }
     } else if (status->connectionStatus() == Status::failed) {
         attemptFailed(status->reason());
     } else if (status->connectionStatus() == Status::timedout) {

@@ -116,22 +116,29 @@ Mox::Ptr<TcpServerStatus> TcpPeering::listenerStatus(AddressFamily af) const {
     return it != listeners_.end() ? it->second->status : nullptr;
 }
 
-// While it calls the handler, everything may end.
+// While it calls the handler, everything may end. A connection whose handling throws does not keep
+// those after it waiting.
 void TcpPeering::accept(Listener* listener) {
     const auto hasEnded = hasEnded_;
     const auto status = listener->status;
+    FirstException exception;
     while (!*hasEnded) {
         const TcpConnSocket connection = status->getConnSocket();
         if (!connection) {
-            return;
+            break;
         }
-        const auto found = peer(connection.dstIpAddr(), connection.ifIndex());
-        if (found && found->accepts(connection)) {
-            found->established({connection, /*isAccepted=*/true});
-        } else {
-            MOX_TRACE(facility, 1, name_, ": refused ", connection.toStrep());
-            attributeInc(refused_, 1, refusedAttr);
-        }
+        exception.collect([&] { accepted(connection); });
+    }
+    exception.rethrow();
+}
+
+void TcpPeering::accepted(const TcpConnSocket& connection) {
+    const auto found = peer(connection.dstIpAddr(), connection.ifIndex());
+    if (found && found->accepts(connection)) {
+        found->established({connection, /*isAccepted=*/true});
+    } else {
+        MOX_TRACE(facility, 1, name_, ": refused ", connection.toStrep());
+        attributeInc(refused_, 1, refusedAttr);
     }
 }
 

@@ -147,6 +147,7 @@ class PAVO_EXPORT TcpPeering : public Mox::EntityOf<TcpPeering> {
     struct Listener;
 
     void accept(Listener* listener);
+    void accepted(const TcpConnSocket& connection);
     void updateListener(const Listener& listener, const IpGenAddr& address);
     void updateListeners(const IpGenAddr& address);
     Peers::const_iterator firstPeer(const IpGenAddr& address) const;

@@ -33,7 +33,7 @@ class Descriptors : public PavoBench::Endpoints {
         }
         reports_ = 0;
         const double start = PavoBench::threadSeconds();
-        PavoBench::turnUntil(loop_, reports_, busy);
+        PavoBench::turnUntil(loop_, [&] { return reports_ >= busy; });
         const double seconds = PavoBench::threadSeconds() - start;
         for (uint32_t i = 0; i < busy; ++i) {
             eventfd_t value = 0;

@@ -34,9 +34,10 @@ inline void allowDescriptors() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Turns until `done` is `wanted`; ends the program where that does not come.
-inline void turnUntil(Mox::EventLoop& loop, const uint32_t& done, uint32_t wanted) {
-    for (uint32_t turns = 0; done < wanted; ++turns) {
+/// Turns until `done()`; ends the program where that does not come.
+template <class Done>
+void turnUntil(Mox::EventLoop& loop, Done done) {
+    for (uint32_t turns = 0; !done(); ++turns) {
         if (turns == 100'000) {
             std::fputs("an event is lost\n", stderr);
             std::exit(1);

@@ -129,7 +129,7 @@ class Connections : public PavoBench::Endpoints {
         });
         received_ = 0;
         const double start = PavoBench::threadSeconds();
-        PavoBench::turnUntil(loop_, received_, count);
+        PavoBench::turnUntil(loop_, [&] { return received_ >= count; });
         const double seconds = PavoBench::threadSeconds() - start;
         return seconds;
     }

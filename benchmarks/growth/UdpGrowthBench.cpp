@@ -118,7 +118,7 @@ class UdpPams : public PavoBench::Endpoints {
         }
         received_ = 0;
         const double start = PavoBench::threadSeconds();
-        PavoBench::turnUntil(loop_, received_, busy);
+        PavoBench::turnUntil(loop_, [&] { return received_ >= busy; });
         return PavoBench::threadSeconds() - start;
     }
 

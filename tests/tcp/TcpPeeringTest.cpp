@@ -348,7 +348,11 @@ TEST_F(TcpPeeringTest, AReasonIsGivenForWhatDoesNotFit) {
         loop_.turn(0);
         clock_.advance(*c.reason == ';' ? 20 : 0);
         ASSERT_TRUE(awaits([&] { return peer->state() == TcpPeer::State::backingOff; }));
-        EXPECT_TRUE(std::string(peer->reason()).ends_with(c.reason)) << peer->reason();
+        const std::string reason(peer->reason());
+        // Whether the segment was counted before the attempt or during it depends on the machine.
+        EXPECT_TRUE(reason.ends_with(c.reason) ||
+                    (*c.key != 0 && reason.ends_with(" with a wrong signature meanwhile")))
+            << reason;
         near_.peering->peerDelAll();
         far_.peering->listenIs(addressOf("127.0.0.1"), port);
     }
