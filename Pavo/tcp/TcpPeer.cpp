@@ -262,7 +262,7 @@ void TcpPeer::established(const TcpPeerConnection& connection) {
         if (link_) {
             dropLink("Replaced by another connection", link_->pam->txQueuedPkts());
         }
-        if (connects() || config_.mode == TcpPeerMode::passive) {
+        if (config_.mode != TcpPeerMode::none) {  // An observer may have deleted the peer.
             bringUp(connection);
         }
     });

@@ -130,19 +130,19 @@ void bursts(benchmark::State& state, uint32_t bytes, bool noDelay) {
 [[maybe_unused]] const bool registered = [] {
     for (const bool noDelay : {false, true}) {
         for (const uint32_t bytes : {20u, 100u, 1400u, 9000u}) {
-            const std::string line =
-                (noDelay ? "PduSendNoDelay" : "PduSend") + std::to_string(bytes) + "/";
-            const auto add = [&](const char* who, auto* function) {
-                benchmark::RegisterBenchmark((line + who).c_str(), function, bytes, noDelay)
+            const auto add = [&](const char* line, const char* who, auto* function) {
+                const std::string name = std::string(line) + (noDelay ? "NoDelay" : "") +
+                                         std::to_string(bytes) + "/" + who;
+                benchmark::RegisterBenchmark(name.c_str(), function, bytes, noDelay)
                     ->UseManualTime();
             };
-            add("pavo each", bursts<PavoEach, 64>);
-            add("pavo gathered", bursts<PavoGathered, 64>);
-            add("pavo queued", bursts<PavoQueued, 64>);
-            add("pavo queued one", bursts<PavoQueued, 1>);
-            add("pavo one", bursts<PavoEach, 1>);
-            add("sendmsg each", bursts<BareEach, 64>);
-            add("sendmsg gathered", bursts<BareGathered, 64>);
+            add("PduSend", "pavo", bursts<PavoGathered, 64>);
+            add("PduSend", "queued", bursts<PavoQueued, 64>);
+            add("PduSend", "each", bursts<PavoEach, 64>);
+            add("PduSend", "sendmsg", bursts<BareEach, 64>);
+            add("PduSend", "sendmsg_gathered", bursts<BareGathered, 64>);
+            add("PduSendOne", "pavo", bursts<PavoEach, 1>);
+            add("PduSendOne", "queued", bursts<PavoQueued, 1>);
         }
     }
     return true;
