@@ -21,7 +21,7 @@
 
 namespace {
 
-// Enough of them, and of every length, that no branch is learnt by heart: of 1,024 texts a
+// Enough of them, and of every length, that branches are not predicted: of 1,024 texts a
 // processor learns where each octet ends, as it cannot of those that an agent reads once.
 constexpr uint32_t count = 16384;
 
