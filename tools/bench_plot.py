@@ -33,10 +33,10 @@ svg { background: #0d1117; } text { fill: #f0f6fc; } .faint { fill: #9198a1; }
 def row_of(line):
     """(work, beside, ratio, wanted) of a line of the table. Ends the program for a bad line."""
     cells = [cell.strip() for cell in line.strip().removeprefix("|").removesuffix("|").split("|")]
-    if len(cells) != 7:
-        sys.exit(f"{line}: not seven cells")
+    if len(cells) < 7:
+        sys.exit(f"{line}: fewer than seven cells")
     try:
-        work, _, beside, _, ratio, wanted, _ = cells
+        work, _, beside, _, ratio, wanted, *_ = cells
         row = (work, beside, float(ratio), float(wanted) if wanted else None)
     except ValueError as error:
         sys.exit(f"{line}: {error}")

@@ -1,18 +1,23 @@
 #!/usr/bin/env python3
 """Runs benchmark programs and puts each figure of Pavo's beside its peers'.
 
-usage: bench_table.py PROGRAMS-FILE [--write FILE] [BENCHMARK-ARGUMENT...]
+usage: bench_table.py PROGRAMS-FILE [--figures FILE | --write FILE [--beside FILE]...]
+                      [BENCHMARK-ARGUMENT...]
 
 PROGRAMS-FILE names a program a line. A benchmark called LINE/pavo is compared with each LINE/PEER of
 the same program. All figures of a program come from one run, in which repetitions of all its
 benchmarks are interleaved at random; the figure is the median. The ratio says how many times faster
 Pavo is. With --write, the table is also written as a Markdown page with a description of the
 machine, and drawn beside it (bench_plot.py). A benchmark called GrowthLINE/BUSY/COUNT stands in a
-second table, beside the same work with other numbers of endpoints.
+second table, beside the same work with other numbers of endpoints. With --figures, the figures are
+written for another run, whose page shows them with --beside, under the file's name.
 """
+
+import argparse
 
 import json
 import os
+import pathlib
 import platform
 import re
 import subprocess
@@ -166,7 +171,8 @@ def growth_row(line, busy, by_count):
             f"{most['bytes']:.0f}"]
 
 
-def rows_of(figures):
+def rows_of(figures, others):
+    """The rows of the table. `others` are the figures of other runs, {(line, who): nanoseconds}."""
     for (line, who), peer in figures.items():
         if who == "pavo":
             continue
@@ -176,13 +182,16 @@ def rows_of(figures):
         mark = MARKS.get((line, who))
         ratio = peer / own
         verdict = "" if mark is None else ("yes" if ratio >= mark else "no")
-        yield [line, f"{own:.1f}", who, f"{peer:.1f}", f"{ratio:.2f}",
+        row = [line, f"{own:.1f}", who, f"{peer:.1f}", f"{ratio:.2f}",
                "" if mark is None else f"{mark:g}", verdict]
+        for other in others:
+            theirs, ours = other.get((line, who)), other.get((line, "pavo"))
+            row += ["" if ours is None else f"{ours:.1f}",
+                    "" if theirs is None else f"{theirs / ours:.2f}"]
+        yield row
 
 
 HEADINGS = ["work", "Pavo, ns", "beside", "ns", "ratio", "wanted", "met"]
-
-
 GROWTH_HEADINGS = ["work, ns", "busy", "1", "100", "1,000", "10,000", "bytes each"]
 
 
@@ -209,11 +218,14 @@ def table(headings, rows):
     return ["| " + " | ".join(each) + " |" for each in [headings, ["---"] * len(headings), *rows]]
 
 
-def page(rows, growth, plot):
+def page(headings, rows, growth, plot):
     lines = ["# Benchmarks", "",
              "Written by `./dev bench --write docs/benchmarks.md`: medians of repetitions, Pavo and",
              "its peers in turn in one run. The ratio says how many times faster Pavo is; 0.91 is",
              "within 10 %. \"Wanted\" is the ratio that the line has to reach on x86-64, if it has one.",
+             "Of the last columns, in a run each, \"portable\" is Pavo with what every processor of the",
+             "kind has (`Cpu::featuresIs(0)`; its peers still use all there is), and \"i386\" is a",
+             "32-bit program; they are empty where a line has no such code, or no such peer.",
              "A line of socket work is a burst of 64 packets; those of 9,000 bytes are bursts of 32. The",
              "peers packet_a_call, one, untapped, exact_reads, get_pdu_size, queued, each and member_hash",
              "are Pavo itself: without bulk reads, with one descriptor instead of 10,000, without a tap,",
@@ -221,7 +233,7 @@ def page(rows, growth, plot):
              "call, and with `hash()` in place of `std::hash`.",
              "Lines named DataPlane, Timer and Clock are measured where their peers are installed.", "",
              f"{machine()}, {compiler()}.", "",
-             f"![The ratio to the best peer, by line]({plot})", "", *table(HEADINGS, rows)]
+             f"![The ratio to the best peer, by line]({plot})", "", *table(headings, rows)]
     if growth:
         lines += ["", "With more endpoints, of which one is busy, or each in turn: nanoseconds for",
                   "one event, datagram of 64 bytes or message of 100, and the bytes of an endpoint",
@@ -229,38 +241,55 @@ def page(rows, growth, plot):
     return "\n".join(lines) + "\n"
 
 
-def main():
-    arguments = sys.argv[1:]
-    path = None
-    if "--write" in arguments:
-        at = arguments.index("--write")
-        path = arguments[at + 1]
-        del arguments[at:at + 2]
-    with open(arguments[0], encoding="utf-8") as file:
-        programs = file.read().split()
+def write_page(path, headings, rows, growth):
+    """Writes the page and its plot. What people add after the table, from "## " on, is kept."""
+    notes = ""
+    if path.exists():
+        _, heading, rest = path.read_text(encoding="utf-8").partition("## ")
+        notes = "\n" + heading + rest if heading else ""
+    plot = path.with_suffix(".svg")
+    path.write_text(page(headings, rows, growth, plot.name) + notes, encoding="utf-8")
+    bench_plot.write(path, plot)
+
+
+def read_figures(path):
+    figures = json.loads(path.read_text(encoding="utf-8"))
+    return {tuple(name.split("/")): figure for name, figure in figures.items()}
+
+
+def measure_all(programs, arguments):
     figures, growth = {}, []
     for program in programs:
         print(f"bench: {os.path.basename(program)}", file=sys.stderr)
-        more_figures, more_growth = measure(program, arguments[1:])
+        more_figures, more_growth = measure(program, arguments)
         figures.update(more_figures)
         growth += more_growth
+    return figures, growth
+
+
+def main():
+    parser = argparse.ArgumentParser(allow_abbrev=False)
+    parser.add_argument("programs", type=pathlib.Path)
+    parser.add_argument("--figures", type=pathlib.Path)
+    parser.add_argument("--write", type=pathlib.Path)
+    parser.add_argument("--beside", type=pathlib.Path, action="append", default=[])
+    options, arguments = parser.parse_known_args()
+    figures, growth = measure_all(options.programs.read_text(encoding="utf-8").split(), arguments)
+    if options.figures:
+        named = {"/".join(name): figure for name, figure in figures.items()}
+        options.figures.write_text(json.dumps(named, indent=1), encoding="utf-8")
+        return
+    headings = HEADINGS + [heading for path in options.beside for heading in
+                           (f"{path.stem}, ns", "ratio")]
     order = list(MARKS)
-    rows = sorted(rows_of(figures), key=lambda row: order.index((row[0], row[2]))
+    rows = sorted(rows_of(figures, [read_figures(path) for path in options.beside]),
+                  key=lambda row: order.index((row[0], row[2]))
                   if (row[0], row[2]) in order else len(order))
-    show(HEADINGS, rows)
+    show(headings, rows)
     if growth:
         show(GROWTH_HEADINGS, growth)
-    if path:
-        # What people add below the table, under "## ", is kept.
-        notes = ""
-        if os.path.exists(path):
-            with open(path, encoding="utf-8") as file:
-                text = file.read()
-            notes = "\n" + text[text.index("## "):] if "## " in text else ""
-        plot = os.path.splitext(path)[0] + ".svg"
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(page(rows, growth, os.path.basename(plot)) + notes)
-        bench_plot.write(path, plot)
+    if options.write:
+        write_page(options.write, headings, rows, growth)
 
 
 if __name__ == "__main__":
