@@ -237,7 +237,9 @@ def page(headings, rows, growth, plot):
     if growth:
         lines += ["", "With more endpoints, of which one is busy, or each in turn: nanoseconds for",
                   "one event, datagram of 64 bytes or message of 100, and the bytes of an endpoint",
-                  "after it was busy, without the kernel's.", "", *table(GROWTH_HEADINGS, growth)]
+                  "after it was busy, without the kernel's. An endpoint keeps the packets of a batch",
+                  "until the next one, unless it is asked to free them (UdpFreedBatch).", "",
+                  *table(GROWTH_HEADINGS, growth)]
     return "\n".join(lines) + "\n"
 
 
@@ -264,7 +266,7 @@ def measure_all(programs, arguments):
         more_figures, more_growth = measure(program, arguments)
         figures.update(more_figures)
         growth += more_growth
-    return figures, growth
+    return figures, sorted(growth)
 
 
 def main():

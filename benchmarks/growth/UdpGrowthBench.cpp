@@ -65,9 +65,13 @@ class FarEnd {
     uint16_t port_ = 0;
 };
 
+// What the endpoints do. A batch that is freed gives its packets back at once; otherwise the slots
+// keep them until the next batch.
+enum class Way { send, receive, batch, freedBatch };
+
 class UdpPams : public PavoBench::Endpoints {
   public:
-    UdpPams(uint32_t count, bool sends) : sends_(sends) {
+    UdpPams(uint32_t count, Way way) : way_(way) {
         pams_.reserve(count);
         watches_.reserve(count);
         const double before = PavoBench::heapBytes();
@@ -75,9 +79,10 @@ class UdpPams : public PavoBench::Endpoints {
             add();
         }
         work(count);
+        PavoBench::turnUntil(loop_, [this] { return loop_.turn(0) == 0; });  // All are at rest.
         bytesOfOne = (PavoBench::heapBytes() - before) / count;
     }
-    double work(uint32_t busy) override { return sends_ ? send(busy) : receive(busy); }
+    double work(uint32_t busy) override { return way_ == Way::send ? send(busy) : receive(busy); }
 
   private:
     // Bursts no longer than what the far end's socket holds.
@@ -87,13 +92,23 @@ class UdpPams : public PavoBench::Endpoints {
         const auto pam = Pavo::udpPamFactory("udp", Pavo::NamespaceName());
         pam->localAddrIs(loopback);
         pam->remoteIs({loopback, farEnd_.port()});
+        pam->enableBulkReadIs(way_ == Way::batch || way_ == Way::freedBatch);
         pam->enabledIs(true);
-        watches_.emplace_back(pam, Pavo::Pam::readableCountAttr, [this, pam = pam.ptr()] {
+        watches_.emplace_back(pam, Pavo::Pam::readableCountAttr,
+                              [this, pam = pam.ptr()] { read(pam); });
+        pams_.push_back(pam);
+    }
+    void read(Pavo::UdpPam* pam) {
+        if (way_ == Way::receive) {
             while (pam->rxPkt()) {
                 ++received_;
             }
-        });
-        pams_.push_back(pam);
+            return;
+        }
+        received_ += static_cast<uint32_t>(pam->rxPktBulk());
+        if (way_ == Way::freedBatch) {
+            pam->savedPacketDelAll();
+        }
     }
     double send(uint32_t busy) {
         double seconds = 0;
@@ -122,7 +137,7 @@ class UdpPams : public PavoBench::Endpoints {
         return PavoBench::threadSeconds() - start;
     }
 
-    const bool sends_;
+    const Way way_;
     const FarEnd farEnd_;
     Mox::EventLoop loop_;
     std::vector<Mox::Ptr<Pavo::UdpPam>> pams_;
@@ -131,9 +146,16 @@ class UdpPams : public PavoBench::Endpoints {
 };
 
 [[maybe_unused]] const bool registered = [] {
-    for (const bool sends : {true, false}) {
-        PavoBench::registerGrowth(sends ? "UdpSend" : "UdpReceive", [sends](uint32_t count) {
-            return std::make_unique<UdpPams>(count, sends);
+    const struct {
+        const char* name;
+        Way way;
+    } lines[] = {{"UdpSend", Way::send},
+                 {"UdpReceive", Way::receive},
+                 {"UdpBatch", Way::batch},
+                 {"UdpFreedBatch", Way::freedBatch}};
+    for (const auto& line : lines) {
+        PavoBench::registerGrowth(line.name, [way = line.way](uint32_t count) {
+            return std::make_unique<UdpPams>(count, way);
         });
     }
     return true;
