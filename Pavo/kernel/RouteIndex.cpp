@@ -31,8 +31,8 @@ uint32_t hashOf(const RouteRecord<Address>& record) {
 template <class Address>
 uint64_t RouteIndex<Address>::memoryBytes() const {
     uint64_t bytes = chunks_.size() * (sizeof(chunks_[0]) + chunkRecords * sizeof(Record)) +
-                     slots_.capacity() * sizeof(uint32_t) + lists_.capacity() * sizeof(lists_[0]) +
-                     sizeof(*this);
+                     slots_.capacity() * sizeof(uint32_t) +
+                     lists_.capacity() * sizeof(std::vector<RouteHop>) + sizeof(*this);
     for (const auto& each : lists_) {
         bytes += each.capacity() * sizeof(RouteHop);
     }
