@@ -20,6 +20,9 @@ uint32_t available() {
     }
     if (__builtin_cpu_supports("vpclmulqdq") && __builtin_cpu_supports("avx512f")) {
         features |= Cpu::wideCarryless;
+        if (__builtin_cpu_supports("avx512bw")) {
+            features |= Cpu::avx512;
+        }
     }
 #endif
     return features;

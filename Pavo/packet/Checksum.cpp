@@ -1,5 +1,9 @@
 #include "Pavo/packet/Checksum.h"
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -22,23 +26,30 @@ struct Vector {
     typedef uint32_t Sums __attribute__((vector_size(bytes)));
 };
 
-// `sum` and the 16-bit words at `data`, each with its first byte high. In each lane the words and
-// their high bytes are added, modulo 2^16: three operations a block, from which the sum of the low
-// bytes follows. A lane holds 257 high bytes. `len` is a multiple of two blocks.
-template <uint32_t blockBytes>
-[[gnu::always_inline]] inline uint32_t withBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
-    using Words = typename Vector<blockBytes>::Words;
+// `sum` and the 16-bit words at `data` and in `third` and `fourth`, each with its first byte high.
+// In each lane the words and their high bytes are added, modulo 2^16: three operations a block,
+// from which the sum of the low bytes follows. A lane holds 257 high bytes. `len` is a multiple of
+// two blocks.
+template <uint32_t blockBytes, class Words = typename Vector<blockBytes>::Words>
+[[gnu::always_inline]] inline uint32_t withBlocks(const uint8_t* data, uint32_t len, uint32_t sum,
+                                                  const Words& third = Words{},
+                                                  const Words& fourth = Words{}) {
     using Sums = typename Vector<blockBytes>::Sums;
-    while (len != 0) {
-        Words words = {};
-        Words high = {};
-        const uint8_t* const end = data + std::min(len, 256 * blockBytes);
+    Words words = third + fourth;
+    Words high = (third >> 8) + (fourth >> 8);
+    do {
+        const uint8_t* const end = data + std::min(len, 254 * blockBytes);
         len -= static_cast<uint32_t>(end - data);
         for (; data != end; data += 2 * blockBytes) {
             Words first;
             Words second;
             std::memcpy(&first, data, blockBytes);
             std::memcpy(&second, data + blockBytes, blockBytes);
+#ifndef __clang__
+            if constexpr (blockBytes > 16) {
+                asm("" : "+x"(first), "+x"(second));  // Else GCC loads each of them twice.
+            }
+#endif
             words += first + second;
             high += (first >> 8) + (second >> 8);
         }
@@ -50,7 +61,8 @@ template <uint32_t blockBytes>
         for (uint32_t lane = 0; lane < blockBytes / 4; ++lane) {
             sum += sums[lane];
         }
-    }
+        words = high = Words{};
+    } while (len != 0);
     return sum;
 }
 
@@ -59,8 +71,30 @@ template <uint32_t blockBytes>
 [[gnu::target("avx2")]] uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
     return withBlocks<32>(data, len, sum);
 }
+
+// So many words, at most 32, and zeros. Other words are not read.
+[[gnu::target("avx512bw")]] inline __m512i partOfBlock(const uint8_t* data, uint32_t words) {
+    return _mm512_maskz_loadu_epi16(words < 32 ? (1u << words) - 1 : ~0u, data);
+}
+// Any number of bytes, at 1500 bytes and at 9000 1.2 times as fast as with vectors of 32 bytes.
+[[gnu::target("avx512bw")]] uint32_t withWidestBlocks(const uint8_t* data, uint32_t len,
+                                                      uint32_t sum) {
+    using Words = Vector<64>::Words;
+    const uint32_t inBlocks = len & ~127u;
+    const uint8_t* const rest = data + inBlocks;
+    const uint32_t restWords = len % 128 / 2;
+    const uint32_t inThird = std::min(restWords, 32u);
+    const auto third = reinterpret_cast<Words>(partOfBlock(rest, inThird));
+    const auto fourth =
+        reinterpret_cast<Words>(partOfBlock(rest + 2 * inThird, restWords - inThird));
+    const uint32_t lastByte = len % 2 != 0 ? data[len - 1] * 256u : 0;
+    return withBlocks<64>(data, inBlocks, sum + lastByte, third, fourth);
+}
 #else
 uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
+    return withBlocks<16>(data, len, sum);
+}
+uint32_t withWidestBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
     return withBlocks<16>(data, len, sum);
 }
 #endif
@@ -98,6 +132,9 @@ uint32_t withWideBlocks(const uint8_t* data, uint32_t len, uint32_t sum) {
 
 // Apart, so that few bytes do not save registers for it.
 [[gnu::noinline]] uint32_t withManyBytes(const uint8_t* data, uint32_t len, uint32_t sum) {
+    if (Cpu::has(Cpu::avx512)) {
+        return withWidestBlocks(data, len, sum);
+    }
     const bool isWide = len >= 128 && Cpu::has(Cpu::avx2);
     const uint32_t inBlocks = len & (isWide ? ~63u : ~31u);
     sum = isWide ? withWideBlocks(data, inBlocks, sum) : withBlocks<16>(data, inBlocks, sum);
