@@ -70,15 +70,30 @@ void run(benchmark::State& state, Work work) {
     state.SetItemsProcessed(static_cast<int64_t>(rounds) * state.iterations());
 }
 
+// Payloads that begin at each cache line of a page in turn. Where one begins a multiple of 4096
+// bytes after the end of the packet before, the copy waits for its stores, which takes 10 ns.
+class Payloads {
+  public:
+    const uint8_t* next() {
+        place_ = (place_ + 64) % 4096;
+        return bytes_.data() + place_;
+    }
+
+  private:
+    std::vector<uint8_t> bytes_ = std::vector<uint8_t>(2 * 4096, 0x5a);
+    std::size_t place_ = 0;
+};
+
 template <bool withChecksums>
 void pavoLife(benchmark::State& state) {
-    const std::vector<uint8_t> payload(static_cast<std::size_t>(state.range(0)), 0x5a);
-    const auto bytes = static_cast<uint32_t>(payload.size());
+    Payloads payloads;
+    const auto bytes = static_cast<uint32_t>(state.range(0));
     const Mox::Ptr<Pkt::Manager> manager = globalPktManager();
     run(state, [&] {
+        const uint8_t* const payload = payloads.next();
         for (std::size_t i = 0; i < rounds; ++i) {
             const Mox::Ptr<Pkt> pkt = manager->newPkt();
-            std::memcpy(pkt->newSharedTailData(bytes), payload.data(), bytes);
+            std::memcpy(pkt->newSharedTailData(bytes), payload, bytes);
             if (withChecksums) {
                 addHeaders(*pkt, bytes);
             } else {
@@ -92,9 +107,9 @@ void pavoLife(benchmark::State& state) {
 
 template <bool withChecksums>
 void dpdkLife(benchmark::State& state) {
-    const std::vector<uint8_t> payload(static_cast<std::size_t>(state.range(0)), 0x5a);
+    Payloads payloads;
     run(state, [&] {
-        DpdkPeers::lives(payload.data(), static_cast<uint16_t>(payload.size()), withChecksums,
+        DpdkPeers::lives(payloads.next(), static_cast<uint16_t>(state.range(0)), withChecksums,
                          rounds);
     });
 }
