@@ -12,7 +12,7 @@ uint32_t available() {
     if (__builtin_cpu_supports("sse4.2")) {
         features |= Cpu::crc32c;
     }
-    if (__builtin_cpu_supports("pclmul")) {
+    if (__builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1")) {
         features |= Cpu::carryless;
     }
     if (__builtin_cpu_supports("avx2")) {

@@ -5,6 +5,7 @@
 #define PAVO_CRC32_CARRYLESS 1
 #endif
 
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -87,7 +88,7 @@ constexpr int64_t powerOfX(int n) {
 
 using Block = __m128i;
 using WideBlock = __m512i;
-#define PAVO_PRODUCTS gnu::target("pclmul")
+#define PAVO_PRODUCTS gnu::target("pclmul,sse4.1")
 #define PAVO_WIDE_PRODUCTS gnu::target("avx512f,vpclmulqdq")
 
 // Sixteen bytes, moved up by the distance whose powers `by` holds and added to those found there:
@@ -181,13 +182,31 @@ template <class Crc>
     return taken;
 }
 
+// Moves a block on by the `count` bytes after it, which end at `end`, at most fifteen: what leaves
+// the block at its start is folded into its new place. At least a block is before `end`.
+template <class Crc>
+[[PAVO_PRODUCTS]] inline Block movedOn(Block block, const uint8_t* end, uint32_t count) {
+    static constexpr auto places = [] {
+        std::array<uint8_t, 3 * blockBytes> all{};
+        for (uint32_t i = 0; i < all.size(); ++i) {
+            const bool isInside = i / blockBytes == 1;
+            all[i] = static_cast<uint8_t>(isInside ? i - blockBytes : 0x80);  // 0x80: a zero.
+        }
+        return all;
+    }();
+    const Block leaving = _mm_shuffle_epi8(block, blockAt(&places[count]));
+    const Block stays = blockAt(&places[blockBytes + count]);
+    const Block moved =
+        _mm_blendv_epi8(_mm_shuffle_epi8(block, stays), blockAt(end - blockBytes), stays);
+    return folded(leaving, distance<Crc, 128>(), moved);
+}
+
 // What takes bytes into a register.
 using Taker = uint32_t(uint32_t crc, const uint8_t* data, uint32_t len);
 
-// Folds the data into its last sixteen whole bytes (V. Gopal et al., "Fast CRC Computation for
-// Generic Polynomials Using PCLMULQDQ Instruction"), these into twelve, and leaves eight of them
-// and what is after them to `rest`. Takes a block at least. Four times as fast as tables at 1500
-// bytes.
+// Folds the data into its last sixteen bytes (V. Gopal et al., "Fast CRC Computation for Generic
+// Polynomials Using PCLMULQDQ Instruction"), these into twelve, and leaves eight of them to `rest`.
+// Takes a block at least. Four times as fast as tables at 1500 bytes.
 template <class Crc, Taker rest>
 [[PAVO_PRODUCTS]] uint32_t carryless(uint32_t crc, const uint8_t* data, uint32_t len) {
     Block last;
@@ -200,12 +219,15 @@ template <class Crc, Taker rest>
     for (; len - taken >= blockBytes; taken += blockBytes) {
         last = folded(last, distance<Crc, 128>(), blockAt(data + taken));
     }
+    if (taken != len) {
+        last = movedOn<Crc>(last, data + len, len - taken);
+    }
     // The first eight bytes, moved up by the other eight and by the register.
     const Block first = _mm_clmulepi64_si128(last, _mm_set_epi64x(0, powerOfX<Crc>(96)), 0x00);
     uint8_t bytes[blockBytes];
     _mm_storeu_si128(reinterpret_cast<Block*>(bytes),
                      _mm_xor_si128(first, _mm_srli_si128(last, 8)));
-    return rest(rest(0, bytes, 8) ^ loadLittle(bytes + 8), data + taken, len - taken);
+    return rest(0, bytes, 8) ^ loadLittle(bytes + 8);
 }
 
 // The instruction knows CRC-32C only.
@@ -228,10 +250,10 @@ template <class Crc, Taker rest>
     return crc;
 }
 
-// The places that choose, one a polynomial. Products are faster than tables from 2 blocks on, from
-// 4 with 32-bit registers, and faster than the instruction from 8 strides on.
+// The places that choose, one a polynomial. Products are faster than tables from a block on, and
+// faster than the instruction from 8 strides on.
 uint32_t takenAs(Crc32, uint32_t crc, const uint8_t* data, uint32_t len) {
-    return len >= 256 / sizeof(void*) && Cpu::has(Cpu::carryless)
+    return len >= blockBytes && Cpu::has(Cpu::carryless)
                ? carryless<Crc32, sliced<Crc32>>(crc, data, len)
                : sliced<Crc32>(crc, data, len);
 }
