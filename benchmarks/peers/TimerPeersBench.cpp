@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -43,12 +43,12 @@ struct Clock {
 template <class Base>
 class Pavo {
   public:
-    Pavo() {
-        for (uint32_t i = 0; i < timers; ++i) {
-            all_.emplace_back(&base_.source, &fired_);
+    Pavo() : all_(timers) {
+        for (auto& each : all_) {
+            each.emplace(&base_.source, &fired_);
         }
     }
-    void arm(uint32_t which, double after) { all_[which].expiryIs(base_.clock.time + after); }
+    void arm(uint32_t which, double after) { all_[which]->expiryIs(base_.clock.time + after); }
     void rearm(uint32_t which, double after) { arm(which, after); }
     void pass(double seconds) { base_.clock.time += seconds; }
     uint32_t fire() {
@@ -70,7 +70,7 @@ class Pavo {
 
     Base base_;
     uint32_t fired_ = 0;
-    std::deque<Timer> all_;
+    std::vector<std::optional<Timer>> all_;  // Side by side, as those of the peers are.
 };
 
 class Libev {
