@@ -66,10 +66,11 @@ struct TimerWheel::Wheel {
 };
 
 void TimerWheel::Link::insertBefore(Link* other) {
-    previous = other->previous;
+    Link* before = other->previous;
+    previous = before;
     next = other;
-    previous->next = this;
-    next->previous = this;
+    before->next = this;
+    other->previous = this;
 }
 
 void TimerWheel::Link::remove() {
