@@ -16,7 +16,7 @@ constexpr uint32_t levelBits = 6;
 constexpr uint32_t levelSlots = 1u << levelBits;
 constexpr uint32_t levels = 8;
 // A timer that is due beyond it, after some 8,700 years, waits there.
-constexpr uint64_t horizonTicks = (uint64_t{1} << (levels * levelBits)) - 1;
+constexpr double horizonTicks = (uint64_t{1} << (levels * levelBits)) - 1;
 
 }  // namespace
 
@@ -24,10 +24,6 @@ struct TimerWheel::Wheel {
     struct Slot {
         Link ring;
         double earliest = idle;  // No timer here is due before; after a cancellation, not exact.
-    };
-    struct Level {
-        std::array<Slot, levelSlots> slots;
-        uint64_t used = 0;  // A bit for each slot that may have timers.
     };
     struct WakeUp : Mox::Clock::Notifiee {
         WakeUp(Mox::Clock* clock, Wheel* owner) : Notifiee(clock), wheel(owner) {}
@@ -41,9 +37,9 @@ struct TimerWheel::Wheel {
     ~Wheel();
 
     Mox::Clock* clock() const { return wakeUp.clock(); }
-    uint64_t tickOf(double time) const;
+    int64_t tickOf(double time) const;
     void add(Notifiee* timer, double expiry);
-    void place(Notifiee* timer);
+    void place(Notifiee* timer, double due);
     void remove(Notifiee* timer);
     Slot* firstUsedSlot();
     void moveDown(Slot* slot);
@@ -52,7 +48,7 @@ struct TimerWheel::Wheel {
     void endTurn();
 
     double start;
-    uint64_t current = 0;
+    int64_t current = 0;
     // Timers of the current tick and before, and those that were armed for the time of a round that
     // had begun.
     Mox::DueQueue near;
@@ -62,7 +58,8 @@ struct TimerWheel::Wheel {
     WakeUp wakeUp;
     WakeUp overdue;
     bool turning = false;
-    std::array<Level, levels> byLevel;
+    std::array<uint64_t, levels> used{};  // A bit for each slot of a level that may have timers.
+    std::array<Slot, levels * levelSlots> slots;  // Level after level.
 };
 
 void TimerWheel::Link::insertBefore(Link* other) {
@@ -91,19 +88,16 @@ TimerWheel::Wheel::~Wheel() {
     }
 }
 
-uint64_t TimerWheel::Wheel::tickOf(double time) const {
+int64_t TimerWheel::Wheel::tickOf(double time) const {
     const double ticks = (time - start) * ticksPerSecond;
-    if (ticks >= static_cast<double>(horizonTicks)) {
-        return horizonTicks;
-    }
-    return ticks > 0 ? static_cast<uint64_t>(ticks) : 0;
+    return static_cast<int64_t>(std::clamp(ticks, 0.0, horizonTicks));
 }
 
 void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
     static_cast<Mox::Due&>(*timer) = clock()->dueAt(expiry);
-    place(timer);
-    timer->expiry_ = expiry;
     const double due = timer->due();
+    place(timer, due);
+    timer->expiry_ = expiry;
     if (turning) {
         return;
     }
@@ -113,22 +107,19 @@ void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
     }
 }
 
-void TimerWheel::Wheel::place(Notifiee* timer) {
-    const double due = timer->due();
-    const uint64_t tick = tickOf(due);
+inline void TimerWheel::Wheel::place(Notifiee* timer, double due) {
+    const int64_t tick = tickOf(due);
     if (tick <= current || due <= clock()->roundTime()) {
         near.push(timer);
         return;
     }
-    const auto level = (63u - static_cast<uint32_t>(std::countl_zero(tick ^ current))) / levelBits;
-    const auto index = static_cast<uint32_t>(tick >> (level * levelBits) & (levelSlots - 1));
-    Slot& slot = byLevel[level].slots[index];
-    if (slot.ring.isAlone()) {
-        slot.earliest = idle;
-    }
-    slot.earliest = std::min(slot.earliest, due);
+    const auto differing = static_cast<uint64_t>(tick ^ current);
+    const auto level = (63u - static_cast<uint32_t>(std::countl_zero(differing))) / levelBits;
+    const auto index = static_cast<uint32_t>(tick >> (level * levelBits)) % levelSlots;
+    Slot& slot = slots[level * levelSlots + index];
+    slot.earliest = slot.ring.isAlone() ? due : std::min(slot.earliest, due);
     timer->InSlot::insertBefore(&slot.ring);
-    byLevel[level].used |= uint64_t{1} << index;
+    used[level] |= uint64_t{1} << index;
 }
 
 void TimerWheel::Wheel::remove(Notifiee* timer) {
@@ -140,14 +131,14 @@ void TimerWheel::Wheel::remove(Notifiee* timer) {
 // The slot whose timers are due before those of all others: a lower level covers the current slot
 // of each higher one. Null when all are empty.
 TimerWheel::Wheel::Slot* TimerWheel::Wheel::firstUsedSlot() {
-    for (Level& level : byLevel) {
-        while (level.used != 0) {
-            const auto index = static_cast<uint32_t>(std::countr_zero(level.used));
-            Slot& slot = level.slots[index];
+    for (uint32_t level = 0; level < levels; ++level) {
+        while (used[level] != 0) {
+            const auto index = static_cast<uint32_t>(std::countr_zero(used[level]));
+            Slot& slot = slots[level * levelSlots + index];
             if (!slot.ring.isAlone()) {
                 return &slot;
             }
-            level.used &= level.used - 1;  // All its timers were cancelled.
+            used[level] &= used[level] - 1;  // All its timers were cancelled.
         }
     }
     return nullptr;
@@ -160,7 +151,8 @@ void TimerWheel::Wheel::moveDown(Slot* slot) {
     while (!slot->ring.isAlone()) {
         Link* first = slot->ring.next;
         first->remove();
-        place(static_cast<Notifiee*>(static_cast<InSlot*>(first)));
+        auto* timer = static_cast<Notifiee*>(static_cast<InSlot*>(first));
+        place(timer, timer->due());
     }
 }
 
