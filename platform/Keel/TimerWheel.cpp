@@ -40,6 +40,7 @@ struct TimerWheel::Wheel {
     int64_t tickOf(double time) const;
     void add(Notifiee* timer, double expiry);
     void place(Notifiee* timer, double due);
+    void wakeAt(double due);
     void remove(Notifiee* timer);
     Slot* firstUsedSlot();
     void moveDown(Slot* slot);
@@ -98,6 +99,12 @@ void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
     const double due = timer->due();
     place(timer, due);
     timer->expiry_ = expiry;
+    if (due < wakeUp.expiry()) {
+        wakeAt(due);
+    }
+}
+
+void TimerWheel::Wheel::wakeAt(double due) {
     if (turning) {
         return;
     }
