@@ -39,7 +39,7 @@ struct TimerWheel::Wheel {
     Mox::Clock* clock() const { return wakeUp.clock(); }
     int64_t tickOf(double time) const;
     void add(Notifiee* timer, double expiry);
-    void place(Notifiee* timer, double due);
+    bool putInSlot(Notifiee* timer, double due);
     void wakeAt(double due);
     void remove(Notifiee* timer);
     Slot* firstUsedSlot();
@@ -97,7 +97,9 @@ int64_t TimerWheel::Wheel::tickOf(double time) const {
 void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
     static_cast<Mox::Due&>(*timer) = clock()->dueAt(expiry);
     const double due = timer->due();
-    place(timer, due);
+    if (!putInSlot(timer, due)) {
+        near.push(timer);
+    }
     timer->expiry_ = expiry;
     if (due < wakeUp.expiry()) {
         wakeAt(due);
@@ -114,11 +116,10 @@ void TimerWheel::Wheel::wakeAt(double due) {
     }
 }
 
-inline void TimerWheel::Wheel::place(Notifiee* timer, double due) {
+inline bool TimerWheel::Wheel::putInSlot(Notifiee* timer, double due) {
     const int64_t tick = tickOf(due);
     if (tick <= current || due <= clock()->roundTime()) {
-        near.push(timer);
-        return;
+        return false;
     }
     const auto differing = static_cast<uint64_t>(tick ^ current);
     const auto level = (63u - static_cast<uint32_t>(std::countl_zero(differing))) / levelBits;
@@ -127,6 +128,7 @@ inline void TimerWheel::Wheel::place(Notifiee* timer, double due) {
     slot.earliest = slot.ring.isAlone() ? due : std::min(slot.earliest, due);
     timer->InSlot::insertBefore(&slot.ring);
     used[level] |= uint64_t{1} << index;
+    return true;
 }
 
 void TimerWheel::Wheel::remove(Notifiee* timer) {
@@ -159,7 +161,9 @@ void TimerWheel::Wheel::moveDown(Slot* slot) {
         Link* first = slot->ring.next;
         first->remove();
         auto* timer = static_cast<Notifiee*>(static_cast<InSlot*>(first));
-        place(timer, timer->due());
+        if (!putInSlot(timer, timer->due())) {
+            near.push(timer);
+        }
     }
 }
 

@@ -8,8 +8,6 @@ namespace Mox {
 
 namespace {
 
-// Marks an index as one of the run.
-constexpr uint32_t inRun = 1u << 31;
 constexpr uint32_t children = 4;
 constexpr std::size_t leastRoom = 16;
 
@@ -17,11 +15,12 @@ constexpr std::size_t leastRoom = 16;
 
 double DueQueue::firstAfter(double seconds) const {
     double earliest = std::numeric_limits<double>::infinity();
+    const auto end = run_.begin() + end_;
     auto later =
-        std::upper_bound(run_.begin() + head_, run_.end(), seconds,
+        std::upper_bound(run_.begin() + head_, end, seconds,
                          [](double time, const Entry& each) { return time < each.seconds; });
-    later = std::find_if(later, run_.end(), [](const Entry& each) { return each.due != nullptr; });
-    if (later != run_.end()) {
+    later = std::find_if(later, end, [](const Entry& each) { return each.due != nullptr; });
+    if (later != end) {
         earliest = later->seconds;
     }
     for (const Entry& each : heap_) {
@@ -35,18 +34,17 @@ double DueQueue::firstAfter(double seconds) const {
     return earliest;
 }
 
-void DueQueue::push(Due* due) {
+void DueQueue::insert(Due* due) {
     const Entry entry{due->seconds, due};
-    if (!run_.empty() && entry.isBefore(run_.back())) {
+    if (end_ != 0 && entry.isBefore(run_[end_ - 1])) {
         heap_.push_back(entry);
         siftUp(static_cast<uint32_t>(heap_.size()) - 1, entry);
         return;
     }
-    if (run_.size() == run_.capacity()) {
+    if (end_ == run_.size()) {
         makeRoomInRun();
     }
-    due->index = inRun | static_cast<uint32_t>(run_.size());
-    run_.push_back(entry);
+    append(due);
 }
 
 void DueQueue::take(Due* due) {
@@ -60,16 +58,16 @@ void DueQueue::take(Due* due) {
 
 void DueQueue::removeFromRun(uint32_t index) {
     run_[index].due = nullptr;
-    while (head_ < run_.size() && run_[head_].due == nullptr) {
+    while (head_ < end_ && run_[head_].due == nullptr) {
         ++head_;
     }
-    if (head_ == run_.size()) {
-        run_.clear();
+    if (head_ == end_) {
         head_ = 0;
+        end_ = 0;
         return;
     }
-    while (run_.back().due == nullptr) {
-        run_.pop_back();
+    while (run_[end_ - 1].due == nullptr) {
+        --end_;
     }
 }
 
@@ -77,7 +75,7 @@ void DueQueue::removeFromRun(uint32_t index) {
 // after that, so that timers that are armed and cancelled for ever need no more of it.
 void DueQueue::makeRoomInRun() {
     uint32_t count = 0;
-    for (std::size_t i = head_; i < run_.size(); ++i) {
+    for (uint32_t i = head_; i < end_; ++i) {
         const Entry each = run_[i];
         if (each.due == nullptr) {
             continue;
@@ -88,10 +86,10 @@ void DueQueue::makeRoomInRun() {
         }
         ++count;
     }
-    run_.resize(count);
     head_ = 0;
-    if (2 * run_.size() >= run_.capacity()) {
-        run_.reserve(std::max(2 * run_.capacity(), leastRoom));
+    end_ = count;
+    if (2 * std::size_t{count} >= run_.size()) {
+        run_.resize(std::max(2 * run_.size(), leastRoom));
     }
 }
 

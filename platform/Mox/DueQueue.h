@@ -37,8 +37,8 @@ class MOX_EXPORT DueQueue {
   public:
     /// The timer that is called next; null when the queue is empty.
     Due* first() const {
-        if (heap_.empty() || (!run_.empty() && run_[head_].isBefore(heap_.front()))) {
-            return run_.empty() ? nullptr : run_[head_].due;
+        if (heap_.empty() || (end_ != 0 && run_[head_].isBefore(heap_.front()))) {
+            return end_ == 0 ? nullptr : run_[head_].due;
         }
         return heap_.front().due;
     }
@@ -47,7 +47,13 @@ class MOX_EXPORT DueQueue {
     double firstAfter(double seconds) const;
     /// @pre `due` is in no queue; it stays where it is in memory, and as it is, until it is
     /// removed.
-    void push(Due* due);
+    void push(Due* due) {
+        if (end_ != 0 && end_ != run_.size() && run_[end_ - 1].seconds < due->seconds) {
+            append(due);
+        } else {
+            insert(due);
+        }
+    }
     /// Takes a timer out; without effect on one that is not in the queue.
     void remove(Due* due) {
         if (due->index != Due::notQueued) {
@@ -67,6 +73,14 @@ class MOX_EXPORT DueQueue {
         }
     };
 
+    // Marks an index as one of the run.
+    static constexpr uint32_t inRun = 1u << 31;
+
+    void append(Due* due) {
+        due->index = inRun | end_;
+        run_[end_++] = {due->seconds, due};
+    }
+    void insert(Due* due);  // As `push`, where the end of the run is not the place or is full.
     void take(Due* due);
     void removeFromRun(uint32_t index);
     void makeRoomInRun();
@@ -75,9 +89,11 @@ class MOX_EXPORT DueQueue {
     void siftUp(uint32_t index, Entry moving);
     void siftDown(uint32_t index, Entry moving);
 
-    // The run: the entries from the head on, of which the first and the last one are timers.
+    // The run: the entries from the head up to the end, of which the first and the last one are
+    // timers; at 0 both when it is empty.
     std::vector<Entry> run_;
     uint32_t head_ = 0;
+    uint32_t end_ = 0;
     std::vector<Entry> heap_;  // With four children each.
 };
 
