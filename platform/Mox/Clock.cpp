@@ -74,16 +74,21 @@ Clock::Notifiee::~Notifiee() {
 
 void Clock::Notifiee::expiryIs(double expiry) {
     require(!std::isnan(expiry), "!isnan( expiry )");
-    if (!isIdle()) {
-        clock_->queue_.remove(this);
-        expiry_ = idle;
-    }
+    const bool wasIdle = isIdle();
+    expiry_ = idle;  // Until it is in the queue: memory may run out.
     if (expiry == idle) {
+        if (!wasIdle) {
+            clock_->queue_.remove(this);
+        }
         return;
     }
     require(clock_ != nullptr, "clock()");
-    static_cast<Due&>(*this) = clock_->dueAt(expiry);
-    clock_->queue_.push(this);
+    if (wasIdle) {
+        static_cast<Due&>(*this) = clock_->dueAt(expiry);
+        clock_->queue_.push(this);
+    } else {
+        clock_->queue_.move(this, clock_->dueAt(expiry));
+    }
     expiry_ = expiry;
     if (clock_->queue_.first() == this) {
         clock_->handleNextExpiry();

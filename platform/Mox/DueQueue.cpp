@@ -47,6 +47,22 @@ void DueQueue::insert(Due* due) {
     append(due);
 }
 
+void DueQueue::move(Due* due, const Due& place) {
+    const uint32_t index = due->index;
+    const bool inHeap = (index & inRun) == 0;  // False for one that is in no queue.
+    const bool staysInHeap = inHeap && end_ != 0 && place.seconds < run_[end_ - 1].seconds;
+    if (!staysInHeap) {
+        remove(due);
+    }
+    due->seconds = place.seconds;
+    due->armedAs = place.armedAs;
+    if (staysInHeap) {
+        sift(index, {due->seconds, due});
+    } else {
+        push(due);
+    }
+}
+
 void DueQueue::take(Due* due) {
     const uint32_t index = std::exchange(due->index, Due::notQueued);
     if ((index & inRun) != 0) {
@@ -96,19 +112,22 @@ void DueQueue::makeRoomInRun() {
 void DueQueue::removeFromHeap(uint32_t index) {
     const Entry last = heap_.back();
     heap_.pop_back();
-    if (index == heap_.size()) {
-        return;
-    }
-    if (index > 0 && last.isBefore(heap_[(index - 1) / children])) {
-        siftUp(index, last);
-    } else {
-        siftDown(index, last);
+    if (index != heap_.size()) {
+        sift(index, last);
     }
 }
 
 void DueQueue::place(uint32_t index, Entry entry) {
     heap_[index] = entry;
     entry.due->index = index;
+}
+
+void DueQueue::sift(uint32_t index, Entry moving) {
+    if (index > 0 && moving.isBefore(heap_[(index - 1) / children])) {
+        siftUp(index, moving);
+    } else {
+        siftDown(index, moving);
+    }
 }
 
 void DueQueue::siftUp(uint32_t index, Entry moving) {

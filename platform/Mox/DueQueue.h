@@ -54,6 +54,9 @@ class MOX_EXPORT DueQueue {
             insert(due);
         }
     }
+    /// Gives a timer the time and order of `place`, with fewer steps than `remove` and `push`. When
+    /// memory runs out, the timer is in no queue.
+    void move(Due* due, const Due& place);
     /// Takes a timer out; without effect on one that is not in the queue.
     void remove(Due* due) {
         if (due->index != Due::notQueued) {
@@ -86,6 +89,7 @@ class MOX_EXPORT DueQueue {
     void makeRoomInRun();
     void removeFromHeap(uint32_t index);
     void place(uint32_t index, Entry entry);
+    void sift(uint32_t index, Entry moving);
     void siftUp(uint32_t index, Entry moving);
     void siftDown(uint32_t index, Entry moving);
 

@@ -113,12 +113,22 @@ TEST(DueQueue, KeepsTheOrderOfASet) {
         for (uint64_t step = 1; step <= 20000; ++step) {
             Due* due = &timers[random() % timers.size()];
             const auto kind = random() % 10;
-            remove(due);
+            const bool moves = kind < 4;
+            if (moves) {
+                model.erase({due->seconds, due->armedAs});
+            } else {
+                remove(due);
+            }
             if (kind < 7) {
                 const bool usual = random() % 10 < inOrder;
-                *due = {now + (usual ? 50 : static_cast<double>(random() % 100)), step};
-                model.emplace(due->seconds, due->armedAs);
-                queue.push(due);
+                const Due place = {now + (usual ? 50 : static_cast<double>(random() % 100)), step};
+                model.emplace(place.seconds, place.armedAs);
+                if (moves) {
+                    queue.move(due, place);
+                } else {
+                    *due = place;
+                    queue.push(due);
+                }
             } else if (kind < 9 && !model.empty()) {
                 now = std::max(now, queue.first()->seconds);
                 remove(queue.first());
