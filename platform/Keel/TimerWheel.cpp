@@ -91,7 +91,8 @@ TimerWheel::Wheel::~Wheel() {
 
 int64_t TimerWheel::Wheel::tickOf(double time) const {
     const double ticks = (time - start) * ticksPerSecond;
-    return static_cast<int64_t>(std::clamp(ticks, 0.0, horizonTicks));
+    // Not std::clamp, which keeps a NaN: the distance between two times at infinity.
+    return static_cast<int64_t>(std::min(std::max(0.0, ticks), horizonTicks));
 }
 
 void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
