@@ -21,6 +21,7 @@
 #include "Pavo/EthDevPam.h"
 #include "Pavo/ScopedNetNs.h"
 #include "Pavo/SocketAt.h"
+#include "WordTimes.h"
 
 namespace {
 
@@ -215,7 +216,7 @@ class PcapEnds : public BareSender {
                 if (!frame || ends->way_ == Way::batch) {
                     frame = std::make_unique_for_overwrite<Frame>();
                 }
-                frame->keep(data, head->caplen);
+                frame->keep(data, PavoBench::WordPkthdr::of(head).capturedBytes);
             };
             while (received < most) {
                 const int count =
@@ -230,7 +231,8 @@ class PcapEnds : public BareSender {
         pcap_pkthdr* head = nullptr;
         const u_char* data = nullptr;
         for (; received < most && pcap_next_ex(pcap_, &head, &data) == 1; ++received) {
-            std::make_unique_for_overwrite<Frame>()->keep(data, head->caplen);
+            std::make_unique_for_overwrite<Frame>()->keep(
+                data, PavoBench::WordPkthdr::of(head).capturedBytes);
         }
         return received;
     }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "Pavo/BpfFilter.h"
+#include "WordTimes.h"
 
 namespace {
 
@@ -42,22 +43,9 @@ void pavo(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
-// libpcap's header as the library has it, in which times have the width of a word: here they may be
-// wider.
-struct Header {
-    explicit Header(uint32_t bytes) {
-        constexpr uint32_t timeWords = 2 * sizeof(long) / sizeof(uint32_t);
-        words[timeWords] = bytes;
-        words[timeWords + 1] = bytes;
-    }
-    const pcap_pkthdr* get() const { return reinterpret_cast<const pcap_pkthdr*>(words); }
-
-    alignas(pcap_pkthdr) uint32_t words[sizeof(pcap_pkthdr) / sizeof(uint32_t)] = {};
-};
-
 void pcapOfflineFilter(benchmark::State& state) {
     const Traffic traffic;
-    const Header header(frameBytes);
+    const PavoBench::WordPkthdr header{{0, 0}, frameBytes, frameBytes};
     uint32_t next = 0;
     for (auto _ : state) {
         const uint8_t* const data = traffic.pkts[next++ % frames]->frontData();

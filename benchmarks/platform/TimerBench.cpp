@@ -14,6 +14,7 @@
 
 #include "Keel/TimerWheel.h"
 #include "Mox/EventLoop.h"
+#include "WordTimes.h"
 
 namespace {
 
@@ -75,8 +76,8 @@ void BM_LibeventTimers(benchmark::State& state) {
     for (auto _ : state) {
         fired = 0;
         for (uint32_t i = 0; i < 2 * timers; ++i) {
-            const timeval delay{0, static_cast<suseconds_t>(after[i] * 1e6)};
-            evtimer_add(&all[i % timers], &delay);
+            const PavoBench::WordTimeval delay{0, static_cast<long>(after[i] * 1e6)};
+            evtimer_add(&all[i % timers], delay.get());
         }
         while (fired < timers) {
             event_base_loop(base, EVLOOP_NONBLOCK);
@@ -124,9 +125,9 @@ void BM_LibeventLateness(benchmark::State& state) {
         },
         &context);
     for (auto _ : state) {
-        const timeval delay{0, static_cast<suseconds_t>(shortDelaySeconds * 1e6)};
+        const PavoBench::WordTimeval delay{0, static_cast<long>(shortDelaySeconds * 1e6)};
         const double expiry = clock.now() + shortDelaySeconds;
-        evtimer_add(&timer, &delay);
+        evtimer_add(&timer, delay.get());
         event_base_loop(base, EVLOOP_ONCE);
         state.SetIterationTime(fired - expiry);
     }
