@@ -98,13 +98,13 @@ int64_t TimerWheel::Wheel::tickOf(double time) const {
 void TimerWheel::Wheel::add(Notifiee* timer, double expiry) {
     static_cast<Mox::Due&>(*timer) = clock()->dueAt(expiry);
     const double due = timer->due();
+    if (due < wakeUp.expiry()) {
+        wakeAt(due);  // First, since memory may run out: then the timer is idle.
+    }
     if (!putInSlot(timer, due)) {
         near.push(timer);
     }
     timer->expiry_ = expiry;
-    if (due < wakeUp.expiry()) {
-        wakeAt(due);
-    }
 }
 
 void TimerWheel::Wheel::wakeAt(double due) {
@@ -162,8 +162,13 @@ void TimerWheel::Wheel::moveDown(Slot* slot) {
         Link* first = slot->ring.next;
         first->remove();
         auto* timer = static_cast<Notifiee*>(static_cast<InSlot*>(first));
-        if (!putInSlot(timer, timer->due())) {
-            near.push(timer);
+        try {
+            if (!putInSlot(timer, timer->due())) {
+                near.push(timer);
+            }
+        } catch (...) {  // No memory: the next turn goes on.
+            timer->InSlot::insertBefore(&slot->ring);
+            throw;
         }
     }
 }

@@ -42,7 +42,8 @@ class MOX_EXPORT Clock {
     /// The expiry of the notifiee that is called next; +infinity when all are idle.
     double nextExpiry() const;
     /// Makes a round and returns how many notifiees it called; each is idle when it is called. An
-    /// exception from one of them ends the round; the others stay armed.
+    /// exception from one of them ends the round; the others stay armed. A round inside that ends
+    /// so may leave some for the next round, also when the handler catches the exception.
     uint32_t fire();
 
     /// The time of the last round, which may still be under way; -infinity before the first one.
@@ -113,7 +114,8 @@ class MOX_EXPORT Clock::Notifiee : private Due {
 };
 
 /// A timer of a clock or of a timer wheel, its `Source`, that calls a function: once, or
-/// periodically. It may be destroyed from inside the call.
+/// periodically. It may be destroyed from inside the call. It stays where it is made: many of them
+/// are kept in a `std::deque` or a `std::map`, not in a `std::vector`.
 template <class Source>
 class BasicTimer : public Source::Notifiee {
     using Base = typename Source::Notifiee;

@@ -31,9 +31,10 @@ class EventLoop;
 ///
 /// A number must be given up here before it is closed elsewhere. If it is closed early, and the
 /// kernel gives it out again, it belongs to the next object for which the loop watches it. The
-/// first object then has no number any more: its interests are off, without a notification, and it
-/// closes nothing. As long as a duplicate of the closed descriptor is open and ready, a `level`
-/// interest of the first object ends every wait of the loop at once.
+/// first object, if it was watched, then has no number any more: its interests are off, without a
+/// notification, and it closes nothing; one that was not watched still closes the number. As long
+/// as a duplicate of the closed descriptor is open and ready, a `level` interest of the first
+/// object ends every wait of the loop at once.
 class MOX_EXPORT FileDescriptor : public EntityOf<FileDescriptor> {
   public:
     /// Whether this object closes the descriptor, with its last reference, or its caller does.
